@@ -2,7 +2,7 @@
 # Shared by the scripts of this directory and by .ci/run: sourced, never run. It moves to the root of the repository,
 # so that the scripts work from anywhere.
 
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
+cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 
 readonly jobs=2
 
