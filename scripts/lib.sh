@@ -31,7 +31,7 @@ configure()
 build()
 {
     say "building $1"
-    configure "$1"
+    configure "$1" || return 1
     cmake --build --preset "$1" --parallel "$jobs"
 }
 

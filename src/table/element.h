@@ -1,0 +1,131 @@
+// Element layouts: how each record lies in its pool element, and the steps between the two.
+//
+// An element holds the record's tree links first and the record after them. Functions of the table hand out and take
+// records; trees and pools know elements. Elements begin like this (8 bytes a link):
+//
+//       bd_element            bp_element            mac_element           vtep_element
+//       +--------------+      +--------------+      +--------------+      +--------------+
+//       | bd_links[0]  | name | bd_bp_link   | xcid | mac_link     | addr | vtep_link    | addr
+//       | bd_links[1]  | id   | bp_link      | xcid | record       |      | record       |
+//       | record       |      | record       |      | [extension]  |      +--------------+
+//       +--------------+      +--------------+      +--------------+
+//
+// Not obvious: a bridge port is one element on two trees of one index each, so the node that the global tree knows is
+// not its element's start; every other node is.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <type_traits>
+
+#include "l2fm_edm_table.h"
+
+struct bd_element {
+    ordtree_link_t bd_links[2]; // global tree: by name, by bridge id
+    l2fm_edm_bd_t record;
+};
+
+struct bp_element {
+    ordtree_link_t bd_bp_link; // its bridge domain's tree
+    ordtree_link_t bp_link;    // the global tree; unused by dummy ports
+    l2fm_edm_bp_t record;
+};
+
+struct mac_element {
+    ordtree_link_t mac_link; // its port's tree
+    l2fm_edm_mac_t record;
+};
+
+struct mac_pbb_element {
+    ordtree_link_t mac_link;
+    l2fm_edm_mac_pbb_t record;
+};
+
+struct mac_vni_element {
+    ordtree_link_t mac_link;
+    l2fm_edm_mac_vni_t record;
+};
+
+struct vtep_element {
+    ordtree_link_t vtep_link; // its port's tree
+    l2fm_edm_vtep_t record;
+};
+
+static_assert(sizeof(mac_element) == 88, "a million base entries are held in elements of eleven words");
+static_assert(offsetof(mac_pbb_element, record) == offsetof(mac_element, record), "variants begin alike");
+static_assert(offsetof(mac_vni_element, record) == offsetof(mac_element, record), "variants begin alike");
+
+namespace edm {
+
+// The element that holds a record of each kind.
+template <typename Record>
+struct element_of_record;
+template <>
+struct element_of_record<l2fm_edm_bd_t> {
+    using type = bd_element;
+};
+template <>
+struct element_of_record<l2fm_edm_bp_t> {
+    using type = bp_element;
+};
+template <>
+struct element_of_record<l2fm_edm_mac_t> {
+    using type = mac_element;
+};
+template <>
+struct element_of_record<l2fm_edm_vtep_t> {
+    using type = vtep_element;
+};
+
+template <typename Record>
+using element_t = typename element_of_record<Record>::type;
+
+// Steps back from a record over its links. Not for null.
+template <typename Record>
+element_t<Record> *to_element(Record *record)
+{
+    return reinterpret_cast<element_t<Record> *>(reinterpret_cast<char *>(record)
+                                                 - offsetof(element_t<Record>, record));
+}
+
+template <typename Record>
+const element_t<Record> *to_element(const Record *record)
+{
+    return to_element(const_cast<Record *>(record));
+}
+
+// Steps from an element that a tree handed out to its record; null stays null.
+template <typename Record>
+Record *to_record(void *element)
+{
+    return element == nullptr ? nullptr : &static_cast<element_t<Record> *>(element)->record;
+}
+
+// The entry that a link of the list of all entries belongs to. Not for the root.
+inline l2fm_edm_mac_t *mac_of_list_link(l2fm_edm_ll_link_t *link)
+{
+    return reinterpret_cast<l2fm_edm_mac_t *>(reinterpret_cast<char *>(link) - offsetof(l2fm_edm_mac_t, list_link));
+}
+
+// The extension of a variant; meaningful for entries whose flags say that they have it.
+inline uint8_t *bmac_addr(l2fm_edm_mac_t *mac)
+{
+    return reinterpret_cast<l2fm_edm_mac_pbb_t *>(mac)->bmac_addr;
+}
+inline uint8_t *vtep_addr(l2fm_edm_mac_t *mac)
+{
+    return reinterpret_cast<l2fm_edm_mac_vni_t *>(mac)->vtep_addr;
+}
+inline const uint8_t *bmac_addr(const l2fm_edm_mac_t *mac)
+{
+    return bmac_addr(const_cast<l2fm_edm_mac_t *>(mac));
+}
+inline const uint8_t *vtep_addr(const l2fm_edm_mac_t *mac)
+{
+    return vtep_addr(const_cast<l2fm_edm_mac_t *>(mac));
+}
+
+constexpr uint32_t mac_addr_size = 6;
+constexpr uint32_t vtep_addr_size = 4;
+
+} // namespace edm
