@@ -55,9 +55,10 @@ const char *check_record(audit &of, const node *leaf, unsigned slot)
     if (link->place != leaf) {
         return "a record's link leads to another leaf";
     }
-    if (of.last != nullptr && (compare_words(of.index, of.last_leaf->key[0], leaf->key[slot]) == ORDTREE_GREATER ||
-                               of.index.compare(of.last + of.number, link) != ORDTREE_LESS ||
-                               of.index.compare(link, of.last + of.number) != ORDTREE_GREATER)) {
+    if (of.last != nullptr
+        && (compare_words(of.index, of.last_leaf->key[0], leaf->key[slot]) == ORDTREE_GREATER
+            || of.index.compare(of.last + of.number, link) != ORDTREE_LESS
+            || of.index.compare(link, of.last + of.number) != ORDTREE_GREATER)) {
         return "records are out of order";
     }
     of.last = record;
@@ -74,8 +75,8 @@ const char *check_leaf(audit &of, const node *leaf)
     const char *fault = nullptr;
     for (unsigned slot = 0; slot < leaf->count && fault == nullptr; ++slot) {
         fault = check_record(of, leaf, slot);
-        if (fault == nullptr && slot > 0 &&
-            compare_words(of.index, leaf->key[slot - 1], leaf->key[slot]) != ORDTREE_LESS) {
+        if (fault == nullptr && slot > 0
+            && compare_words(of.index, leaf->key[slot - 1], leaf->key[slot]) != ORDTREE_LESS) {
             fault = "key words are out of order";
         }
     }

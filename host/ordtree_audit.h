@@ -2,8 +2,8 @@
  * What operators and tests ask of the host's ordered trees beyond the contract in platform/ordtree.h: whether a tree is
  * sound, how much memory the nodes of all trees take, and a bound on it.
  */
-#ifndef HOST_ORDTREE_AUDIT_H
-#define HOST_ORDTREE_AUDIT_H
+#ifndef L2FIB_HOST_ORDTREE_AUDIT_H
+#define L2FIB_HOST_ORDTREE_AUDIT_H
 
 #include "platform/ordtree.h"
 

@@ -7,8 +7,8 @@
  *
  * For the files host/ordtree*.cpp only.
  */
-#ifndef HOST_ORDTREE_KEY_H
-#define HOST_ORDTREE_KEY_H
+#ifndef L2FIB_HOST_ORDTREE_KEY_H
+#define L2FIB_HOST_ORDTREE_KEY_H
 
 #include "host/ordtree_node.h"
 

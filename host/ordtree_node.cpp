@@ -31,11 +31,6 @@ struct node_memory {
 
 constinit node_memory memory{};
 
-slab *slab_of(const node *member)
-{
-    return reinterpret_cast<slab *>(reinterpret_cast<std::uintptr_t>(member) & ~(arena_slab_size - 1));
-}
-
 bool is_full(const slab *of)
 {
     return of->free == nullptr && of->fresh == slab_end;
@@ -63,7 +58,7 @@ void close_slab(slab *without_room)
 
 slab *map_slab()
 {
-    auto *const mapped = static_cast<slab *>(arena_take(&memory));
+    auto *const mapped = static_cast<slab *>(arena_take(&memory, arena_pages::huge));
     if (mapped != nullptr) {
         mapped->fresh = 1;
         open_slab(mapped);
@@ -166,7 +161,7 @@ bool nodes_take(unsigned count, node *&list) noexcept
     while (list != nullptr) {
         node *const unused = list;
         list = unused->next;
-        give_to(slab_of(unused), unused);
+        give_to(arena_slab_of<slab>(unused), unused);
     }
     return false;
 }
@@ -175,7 +170,7 @@ void node_give(node *unused) noexcept
 {
     clear_header(unused);
     const std::lock_guard hold(memory.mutex);
-    give_to(slab_of(unused), unused);
+    give_to(arena_slab_of<slab>(unused), unused);
 }
 
 } // namespace host::btree

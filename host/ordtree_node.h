@@ -19,8 +19,8 @@
  *
  * For the files host/ordtree*.cpp only. Any thread may take and give nodes; a taken node belongs to its tree.
  */
-#ifndef HOST_ORDTREE_NODE_H
-#define HOST_ORDTREE_NODE_H
+#ifndef L2FIB_HOST_ORDTREE_NODE_H
+#define L2FIB_HOST_ORDTREE_NODE_H
 
 #include "platform/ordtree.h"
 

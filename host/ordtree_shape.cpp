@@ -150,8 +150,8 @@ void renew_separator(const ordtree_index_t &index, const node *at)
 
 bool can_merge(const node *left, const node *right)
 {
-    return left != nullptr && right != nullptr && left->parent == right->parent &&
-           left->count + right->count <= merged_count;
+    return left != nullptr && right != nullptr && left->parent == right->parent
+           && left->count + right->count <= merged_count;
 }
 
 /* Merges two neighbours under one parent into the larger of them, so that fewer records are touched. */

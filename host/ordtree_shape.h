@@ -13,8 +13,8 @@
  *
  * For the files host/ordtree*.cpp only, under the lock of whoever changes the tree.
  */
-#ifndef HOST_ORDTREE_SHAPE_H
-#define HOST_ORDTREE_SHAPE_H
+#ifndef L2FIB_HOST_ORDTREE_SHAPE_H
+#define L2FIB_HOST_ORDTREE_SHAPE_H
 
 #include "host/ordtree_node.h"
 

@@ -219,35 +219,37 @@ TEST_P(model, agrees_with_the_reference)
 
 INSTANTIATE_TEST_SUITE_P(ordtree, model, ::testing::ValuesIn(kinds));
 
-using order = std::vector<std::uint32_t>;
+using sequence = std::vector<std::uint32_t>;
 
-order ascending(std::uint32_t count)
+sequence ascending(std::uint32_t count)
 {
-    order made(count);
+    sequence made(count);
     std::generate(made.begin(), made.end(), [i = 0U]() mutable { return i++; });
     return made;
 }
 
-order descending(std::uint32_t count)
+sequence descending(std::uint32_t count)
 {
-    order made = ascending(count);
+    sequence made = ascending(count);
     std::reverse(made.begin(), made.end());
     return made;
 }
 
-order from_the_middle(std::uint32_t count)
+sequence from_the_middle(std::uint32_t count)
 {
-    order made = ascending(count);
+    sequence made = ascending(count);
     std::sort(made.begin(), made.end(), [count](std::uint32_t a, std::uint32_t b) {
-        const auto distance = [count](std::uint32_t of) { return of < count / 2 ? count - 2 * of : 2 * of - count + 1; };
+        const auto distance = [count](std::uint32_t of) {
+            return of < count / 2 ? count - 2 * of : 2 * of - count + 1;
+        };
         return distance(a) < distance(b);
     });
     return made;
 }
 
-order shuffled(std::uint32_t count)
+sequence shuffled(std::uint32_t count)
 {
-    order made = ascending(count);
+    sequence made = ascending(count);
     std::shuffle(made.begin(), made.end(), std::mt19937(seed()));
     return made;
 }
@@ -256,7 +258,7 @@ TEST(ordtree, survives_every_order_of_insertion_and_deletion)
 {
     TRACE_SEED();
     constexpr std::uint32_t count = 9000; // three levels
-    constexpr std::array<order (*)(std::uint32_t), 4> orders = {ascending, descending, from_the_middle, shuffled};
+    constexpr std::array<sequence (*)(std::uint32_t), 4> orders = {ascending, descending, from_the_middle, shuffled};
     auto records = numbered_records(count);
     for (const kind &of : kinds) {
         for (const auto insertion : orders) {
