@@ -24,8 +24,8 @@ constexpr uint32_t object_slot = 0;
 extern "C" {
 
 /* Publishes a record, which is copied, on one of the streams. */
-L2FIB_EXPORT uint32_t bdxc_publish(const bdxc_notification_t* record, uint32_t slot = object_slot);
-L2FIB_EXPORT uint32_t efp_publish(const efp_notification_t* record, uint32_t slot = object_slot);
+L2FIB_EXPORT uint32_t bdxc_publish(const bdxc_notification_t *record, uint32_t slot = object_slot);
+L2FIB_EXPORT uint32_t efp_publish(const efp_notification_t *record, uint32_t slot = object_slot);
 
 /* Publishes, on the bridge-domain and cross-connect stream, that an object was removed. */
 L2FIB_EXPORT uint32_t bdxc_publish_bridge_domain_removed(uint32_t bridge_id);
