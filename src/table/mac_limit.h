@@ -1,0 +1,21 @@
+// The MAC entry limit, which lies in a cell of the platform's: read for every entry created, on any thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "l2fib_mac_edm.h"
+#include "table/shared_cell.h"
+
+namespace edm {
+
+// The limit as it is now; nothing while the platform has not defined it.
+inline std::optional<uint32_t> mac_limit()
+{
+    uint32_t *cell = read_shared(hw_edm_pool);
+    if (cell == nullptr)
+        return std::nullopt;
+    return read_shared(*cell);
+}
+
+} // namespace edm
