@@ -13,8 +13,9 @@ namespace edm {
 inline std::optional<uint32_t> mac_limit()
 {
     uint32_t *cell = read_shared(hw_edm_pool);
-    if (cell == nullptr)
+    if (cell == nullptr) {
         return std::nullopt;
+    }
     return read_shared(*cell);
 }
 
