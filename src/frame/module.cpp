@@ -38,8 +38,9 @@ bool has_required_slots(const l2fib_mac_edm_pd_cb_t &pd_cb)
 
 uint32_t l2fib_mac_edm_init_pd_cb(const l2fib_mac_edm_pd_cb_t *pd_cb)
 {
-    if (pd_cb == nullptr || !edm::has_required_slots(*pd_cb))
+    if (pd_cb == nullptr || !edm::has_required_slots(*pd_cb)) {
         return EDM_ERR_INVALID_ARGS;
+    }
     hw_edm_pd_cb = *pd_cb;
     hw_edm_pd_cb.none9 = nullptr;
     return 0;
@@ -47,10 +48,11 @@ uint32_t l2fib_mac_edm_init_pd_cb(const l2fib_mac_edm_pd_cb_t *pd_cb)
 
 uint32_t l2fib_mac_edm_defn_init(uint32_t *limit_cell, uint32_t limit)
 {
-    if (limit_cell == nullptr)
+    if (limit_cell == nullptr) {
         return EDM_ERR_INVALID_ARGS;
+    }
     // Entries may be fed meanwhile: who sees the cell has to see its limit.
-    edm::write_shared(*limit_cell, limit);
-    edm::write_shared(hw_edm_pool, limit_cell);
+    edm::poke(*limit_cell, limit);
+    edm::publish(hw_edm_pool, limit_cell);
     return 0;
 }

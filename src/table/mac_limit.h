@@ -12,11 +12,11 @@ namespace edm {
 // The limit as it is now; nothing while the platform has not defined it.
 inline std::optional<uint32_t> mac_limit()
 {
-    uint32_t *cell = read_shared(hw_edm_pool);
+    const uint32_t *cell = acquire(hw_edm_pool);
     if (cell == nullptr) {
         return std::nullopt;
     }
-    return read_shared(*cell);
+    return peek(*cell);
 }
 
 } // namespace edm

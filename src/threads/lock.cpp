@@ -31,8 +31,9 @@ void count_release() {}
 
 uint32_t init_lock(const pthread_mutexattr_t &attributes)
 {
-    if (const uint32_t status = smemzero_s(&edm_table_lock, sizeof(edm_table_lock)); status != 0)
+    if (const uint32_t status = smemzero_s(&edm_table_lock, sizeof(edm_table_lock)); status != 0) {
         return status;
+    }
     return static_cast<uint32_t>(pthread_mutex_init(&edm_table_lock, &attributes));
 }
 
@@ -51,11 +52,13 @@ uint32_t init_lock(const pthread_mutexattr_t &attributes)
 uint32_t table_lock_create()
 {
     pthread_mutexattr_t attributes;
-    if (const int status = pthread_mutexattr_init(&attributes); status != 0)
+    if (const int status = pthread_mutexattr_init(&attributes); status != 0) {
         return static_cast<uint32_t>(status);
+    }
     uint32_t status = static_cast<uint32_t>(pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE));
-    if (status == 0)
+    if (status == 0) {
         status = init_lock(attributes);
+    }
     pthread_mutexattr_destroy(&attributes);
     return status;
 }
@@ -72,19 +75,22 @@ uint32_t table_lock_depth()
 void l2fib_mac_edm_mutex_lock(void)
 {
     int status = pthread_mutex_trylock(&edm::edm_table_lock);
-    if (status == EBUSY)
+    if (status == EBUSY) {
         status = edm::take_waiting(__func__);
-    if (status == 0)
+    }
+    if (status == 0) {
         edm::count_take();
-    else
+    } else {
         EDM_TRACE(1959, status);
+    }
 }
 
 void l2fib_mac_edm_mutex_unlock(void)
 {
     const int status = pthread_mutex_unlock(&edm::edm_table_lock);
-    if (status == 0)
+    if (status == 0) {
         edm::count_release();
-    else
+    } else {
         EDM_TRACE(1959, status);
+    }
 }

@@ -20,8 +20,9 @@ void l2fib_mac_edm_notif_noop(void *, void *, const void *) {}
 void l2fib_mac_edm_bdxc_notif_hdlr(void *, void *, const void *notification)
 {
     const auto *told = static_cast<const bdxc_notification_t *>(notification);
-    if (told == nullptr || told->event_code != BDXC_EVENT_REMOVED)
+    if (told == nullptr || told->event_code != BDXC_EVENT_REMOVED) {
         return;
+    }
     switch (told->object_kind) {
     case BDXC_KIND_BRIDGE_DOMAIN: l2fm_edm_table_bd_destroy(told->object_id); break;
     case BDXC_KIND_CROSS_CONNECT: l2fm_edm_table_bp_destroy(told->object_id); break;
@@ -32,8 +33,9 @@ void l2fib_mac_edm_bdxc_notif_hdlr(void *, void *, const void *notification)
 void l2fib_mac_edm_efp_notif_hdlr(void *, void *, const void *notification)
 {
     const auto *told = static_cast<const efp_notification_t *>(notification);
-    if (told == nullptr || told->validity != 1 || told->event_code != BDXC_EVENT_REMOVED)
+    if (told == nullptr || told->validity != 1 || told->event_code != BDXC_EVENT_REMOVED) {
         return;
+    }
     switch (told->object_kind) {
     case BDXC_KIND_BRIDGE_DOMAIN: l2fm_edm_table_bd_destroy(told->bridge_id); break;
     case BDXC_KIND_CROSS_CONNECT:
@@ -62,7 +64,7 @@ uint32_t subscribe_to_both()
 
 uint32_t l2fib_mac_edm_bdxc_register(void)
 {
-    if (const uint32_t status = bdxc_process_connect(edm::read_shared(l2fib_mac_cache_evm), 0, &edm::bdxc_handle);
+    if (const uint32_t status = bdxc_process_connect(edm::acquire(l2fib_mac_cache_evm), 0, &edm::bdxc_handle);
         status != 0) {
         EDM_TRACE(1924, status);
         return status;

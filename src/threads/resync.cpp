@@ -52,12 +52,15 @@ uint32_t exchange(uint32_t connection, const l2fib_mac_edm_resync_msg_t &message
 {
     const uint32_t wait_time = l2fib_mac_edm_capabilities;
     msg_set_send_timeout(connection, wait_time);
-    if (request != nullptr)
+    if (request != nullptr) {
         optree_restart_timeout_edm(request, wait_time + request_timeout_margin);
-    if (msg_send(connection, &message, sizeof(message), &reply, sizeof(reply)) == -1)
+    }
+    if (msg_send(connection, &message, sizeof(message), &reply, sizeof(reply)) == -1) {
         return static_cast<uint32_t>(errno) | EDM_RESYNC_SEND_ERROR;
-    if (request != nullptr)
+    }
+    if (request != nullptr) {
         optree_restart_timeout_edm(request, 0);
+    }
     return 0;
 }
 
@@ -65,9 +68,8 @@ uint32_t exchange(uint32_t connection, const l2fib_mac_edm_resync_msg_t &message
 void trace_counters(uint32_t id)
 {
     l2fm_edm_mac_pool_t *counters = l2fm_edm_table_mac_get_pool();
-    EDM_TRACE_AS(requester, id, read_shared(counters->mac_cnt_sum), read_shared(counters->mac_cnt_plain),
-                 read_shared(counters->mac_cnt_f2), read_shared(counters->mac_cnt_f4), read_shared(counters->bd_cnt),
-                 read_shared(counters->bp_cnt));
+    EDM_TRACE_AS(requester, id, peek(counters->mac_cnt_sum), peek(counters->mac_cnt_plain), peek(counters->mac_cnt_f2),
+                 peek(counters->mac_cnt_f4), peek(counters->bd_cnt), peek(counters->bp_cnt));
 }
 
 uint32_t result_of_reply(uint32_t code)
@@ -87,10 +89,12 @@ uint32_t result_of_reply(uint32_t code)
 uint32_t received_length(uint32_t client, uint64_t &length)
 {
     uint64_t sent = 0;
-    if (msg_get_clinfo_m_msglen(client, &length) != 0)
+    if (msg_get_clinfo_m_msglen(client, &length) != 0) {
         return EDM_ERR_INVALID_ARGS;
-    if (const uint32_t status = msg_get_clinfo_m_srcmsglen(client, &sent); status != 0)
+    }
+    if (const uint32_t status = msg_get_clinfo_m_srcmsglen(client, &sent); status != 0) {
         return status;
+    }
     return length == sent ? 0 : EDM_ERR_INVALID_ARGS;
 }
 
@@ -107,8 +111,9 @@ l2fib_mac_edm_resync_msg_t request_of(const void *bytes, uint64_t length)
 bool call_platform(const l2fib_mac_edm_resync_msg_t &request)
 {
     const l2fib_mac_edm_pd_cb_t &platform = hw_edm_pd_cb;
-    if (platform.resync_all_cb == nullptr)
+    if (platform.resync_all_cb == nullptr) {
         return false;
+    }
     switch (request.msg_type & EDM_MSG_TYPE_MASK) {
     case EDM_RESYNC_ALL: platform.resync_all_cb(); return true;
     case EDM_RESYNC_BD: platform.resync_bd_cb(static_cast<uint16_t>(request.msg_arg)); return true;
@@ -124,9 +129,10 @@ bool call_platform(const l2fib_mac_edm_resync_msg_t &request)
 // Lets the held requester go. `function` is whom to name when that fails.
 uint32_t release_requester(const char *function)
 {
-    const uint32_t status = msg_clinfo_unhold(read_shared(current_lwm_clinfo));
-    if (status != 0)
+    const uint32_t status = msg_clinfo_unhold(acquire(current_lwm_clinfo));
+    if (status != 0) {
         EDM_TRACE_AS(function, 1935, status);
+    }
     return status;
 }
 
@@ -134,12 +140,14 @@ uint32_t release_requester(const char *function)
 
 void l2fib_mac_cache_thread_hdlr(const event_message_t *event)
 {
-    if (event == nullptr)
+    if (event == nullptr) {
         return;
+    }
     const uint32_t hold_status = msg_clinfo_hold(event->client);
-    write_shared(current_lwm_clinfo, event->client);
-    if (hold_status != 0)
+    publish(current_lwm_clinfo, event->client);
+    if (hold_status != 0) {
         EDM_TRACE(1930, hold_status);
+    }
     uint64_t length = 0;
     if (const uint32_t status = received_length(event->client, length); status != 0) {
         EDM_TRACE(1930, status);
@@ -163,9 +171,10 @@ uint32_t l2fib_mac_edm_thread_send_resync(uint32_t type, uint32_t arg, optree_re
 {
     // The platform's resync feeds the table, which needs the lock.
     assert(edm::table_lock_depth() == 0);
-    const uint32_t connection = edm::read_shared(conn);
-    if (edm::read_shared(edm::resync_ready) == nullptr || connection == 0)
+    const uint32_t connection = edm::acquire(conn);
+    if (edm::acquire(edm::resync_ready) == nullptr || connection == 0) {
         return EDM_ERR_INVALID_ARGS;
+    }
     if (type < EDM_RESYNC_ALL || type > EDM_RESYNC_ACTION) {
         EDM_TRACE(1928, EDM_ERR_INVALID_ARGS);
         return EDM_ERR_INVALID_ARGS;
@@ -183,8 +192,9 @@ uint32_t l2fib_mac_edm_thread_send_resync(uint32_t type, uint32_t arg, optree_re
 uint32_t l2fib_mac_edm_resync_complete(uint32_t status)
 {
     const l2fib_mac_edm_resync_msg_t reply = edm::make_message(edm::reply_code_of(status), 0);
-    const uint32_t reply_status = msg_reply(edm::read_shared(current_lwm_clinfo), 0, &reply, sizeof(reply));
-    if (reply_status != 0)
+    const uint32_t reply_status = msg_reply(edm::acquire(current_lwm_clinfo), 0, &reply, sizeof(reply));
+    if (reply_status != 0) {
         EDM_TRACE(1930, reply_status);
+    }
     return edm::release_requester(__func__);
 }

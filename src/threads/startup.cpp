@@ -19,6 +19,7 @@
 #include "platform/l2fib.h"
 #include "platform/message.h"
 #include "platform/utility.h"
+#include "table/scoped_lock.h"
 #include "table/shared_cell.h"
 #include "table/trace_point.h"
 #include "threads/lock.h"
@@ -39,10 +40,11 @@ void serve_events(event_manager_t *evm, const char *thread_name)
     record.buffer = buffer;
     record.buffer_length = sizeof(buffer);
     for (;;) {
-        if (event_block(&record) != -1)
+        if (event_block(&record) != -1) {
             nos_event_dispatch(&record, 0);
-        else if (errno != EINTR && errno != EAGAIN)
+        } else if (errno != EINTR && errno != EAGAIN) {
             return;
+        }
     }
 }
 
@@ -50,7 +52,7 @@ void serve_events(event_manager_t *evm, const char *thread_name)
 event_manager_t *create_event_manager(const char *path, event_manager_t *&cell)
 {
     event_manager_t *evm = event_manager_create(0, path, EVENT_MANAGER_DEPTH, 0);
-    write_shared(cell, evm);
+    publish(cell, evm);
     return evm;
 }
 
@@ -64,10 +66,8 @@ uint32_t l2fib_mac_cache_evt_cb(void *, void *)
 // Under the lock, since Mac-Edm-Thread may be serving requests already.
 uint32_t create_table()
 {
-    l2fib_mac_edm_mutex_lock();
-    const uint32_t status = l2fm_edm_table_init();
-    l2fib_mac_edm_mutex_unlock();
-    return status;
+    const scoped_lock lock;
+    return l2fm_edm_table_init();
 }
 
 uint32_t attach_to_cache_thread(event_manager_t *evm)
@@ -77,20 +77,24 @@ uint32_t attach_to_cache_thread(event_manager_t *evm)
     callbacks = {};
     callbacks.tag = EVENT_CALLBACK_TAG;
     callbacks.callback = l2fib_mac_cache_evt_cb;
-    if (const uint32_t status = event_callback_attach(evm, &callbacks); status != 0)
+    if (const uint32_t status = event_callback_attach(evm, &callbacks); status != 0) {
         return status;
+    }
     const event_message_filter_t filter = {EDM_MSG_FILTER_TYPE, EDM_MSG_CLASS};
     return event_message_attach(evm, &filter, l2fib_mac_cache_thread_hdlr, 0);
 }
 
 uint32_t set_up_cache_thread(event_manager_t *evm)
 {
-    if (const uint32_t status = l2fib_mac_edm_bdxc_register(); status != 0)
+    if (const uint32_t status = l2fib_mac_edm_bdxc_register(); status != 0) {
         return status;
-    if (const uint32_t status = create_table(); status != 0)
+    }
+    if (const uint32_t status = create_table(); status != 0) {
         return status;
-    if (hw_edm_pd_cb.cache_evm_cb != nullptr)
+    }
+    if (hw_edm_pd_cb.cache_evm_cb != nullptr) {
         hw_edm_pd_cb.cache_evm_cb(evm);
+    }
     return attach_to_cache_thread(evm);
 }
 
@@ -99,16 +103,18 @@ uint32_t connect_to_cache_thread(event_manager_t *evm)
 {
     uint32_t connection = 0;
     const uint32_t status = msg_chan_attach(evm_get_chan(evm), 0, &connection);
-    if (status == 0)
-        write_shared(conn, connection);
+    if (status == 0) {
+        publish(conn, connection);
+    }
     return status;
 }
 
 void *l2fib_mac_cache_thread_init(void *)
 {
     event_manager_t *evm = create_event_manager("/dev/l2fib_mac_cache", l2fib_mac_cache_evm);
-    if (evm == nullptr || hw_edm_evm == nullptr)
+    if (evm == nullptr || hw_edm_evm == nullptr) {
         return nullptr;
+    }
     if (const uint32_t status = set_up_cache_thread(evm); status != 0) {
         EDM_TRACE(1931, status);
         return nullptr;
@@ -138,21 +144,23 @@ uint32_t register_services(event_manager_t *evm)
     // Without them requests find no handler, which the database answers for itself.
     l2fib_hw_mac_addr_edm_fn_init();
     l2fib_action_mac_edm_fn_init(&l2fib_mac_edm_action_fns);
-    if (const uint32_t status = l2fib_show_mac_edm_optree_init(evm, "mac-"); status != 0)
+    if (const uint32_t status = l2fib_show_mac_edm_optree_init(evm, "mac-"); status != 0) {
         return status;
+    }
     return l2fib_action_mac_edm_init(evm);
 }
 
 void *l2fib_mac_edm_thread_init(void *)
 {
     event_manager_t *evm = create_event_manager("/dev/l2fib_mac_edm", l2fib_mac_edm_evm);
-    if (evm == nullptr || hw_edm_evm == nullptr || edm_handle == nullptr)
+    if (evm == nullptr || hw_edm_evm == nullptr || edm_handle == nullptr) {
         return nullptr;
+    }
     if (const uint32_t status = register_services(evm); status != 0) {
         EDM_TRACE(1925, status);
         return nullptr;
     }
-    write_shared(resync_ready, edm_handle);
+    publish(resync_ready, edm_handle);
     EDM_TRACE(1944, 0);
     serve_events(evm, "Mac-Edm-Thread");
     return nullptr;
@@ -165,8 +173,9 @@ void block_signals()
 {
     sigset_t signals;
     if (sigemptyset(&signals) != 0 || sigaddset(&signals, SIGRTMIN + 6) != 0 || sigaddset(&signals, SIGRTMIN + 10) != 0
-        || pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0)
+        || pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) {
         std::abort();
+    }
 }
 
 // Nobody waits for the thread to end.
@@ -179,10 +188,12 @@ uint32_t start_thread(void *(*body)(void *))
 
 uint32_t create_lock_and_threads()
 {
-    if (const uint32_t status = table_lock_create(); status != 0)
+    if (const uint32_t status = table_lock_create(); status != 0) {
         return status;
-    if (const uint32_t status = start_thread(l2fib_mac_cache_thread_init); status != 0)
+    }
+    if (const uint32_t status = start_thread(l2fib_mac_cache_thread_init); status != 0) {
         return status;
+    }
     return start_thread(l2fib_mac_edm_thread_init);
 }
 
@@ -191,13 +202,15 @@ uint32_t create_lock_and_threads()
 
 uint32_t l2fib_mac_edm_lwm_init(event_manager_t *evm, msg_chan_t *lwm_chan, void *edm_handle)
 {
-    if (evm == nullptr || lwm_chan == nullptr || edm_handle == nullptr)
+    if (evm == nullptr || lwm_chan == nullptr || edm_handle == nullptr) {
         return EDM_ERR_INVALID_ARGS;
+    }
     hw_edm_evm = evm;
     edm::edm_handle = edm_handle;
     hw_edm_lwm_chan = lwm_chan;
     const uint32_t status = edm::create_lock_and_threads();
-    if (status != 0)
+    if (status != 0) {
         EDM_TRACE(1951, status);
+    }
     return status;
 }
