@@ -17,6 +17,7 @@
 #include "platform/utility.h"
 #include "table/address_index.h"
 #include "table/element.h"
+#include "table/mac_limit.h"
 #include "table/pool.h"
 #include "table/root.h"
 #include "table/shared_cell.h"
@@ -148,10 +149,9 @@ uint32_t node_of(const char *operation, const l2fm_edm_bp_t *bp, const l2fib_mac
     return node_id;
 }
 
-uint32_t make_room()
+uint32_t make_room(uint32_t limit)
 {
-    const uint32_t *limit = edm::peek(hw_edm_pool);
-    return root.counters.mac_cnt_total >= edm::peek(*limit) ? l2fm_edm_table_mac_destroy_old_mac() : 0;
+    return root.counters.mac_cnt_total >= limit ? l2fm_edm_table_mac_destroy_old_mac() : 0;
 }
 
 void register_vtep(const char *operation, const l2fib_mac_edm_entry_t *entry, l2fm_edm_bp_t *bp)
@@ -287,12 +287,13 @@ uint32_t l2fm_edm_table_mac_create(l2fm_edm_bp_t *bp, const l2fib_mac_edm_entry_
         EDM_TRACE(1938);
         return EDM_ERR_INVALID_ARGS;
     }
-    if (entry == nullptr || edm::peek(hw_edm_pool) == nullptr) {
+    const std::optional<uint32_t> limit = edm::mac_limit();
+    if (entry == nullptr || !limit) {
         EDM_TRACE(1942);
         return EDM_ERR_NO_RESOURCE;
     }
     const uint32_t node_id = node_of(__func__, bp, entry);
-    l2fm_edm_mac_t *mac = make_room() == 0 ? l2fm_edm_table_mac_alloc_and_fill(entry) : nullptr;
+    l2fm_edm_mac_t *mac = make_room(*limit) == 0 ? l2fm_edm_table_mac_alloc_and_fill(entry) : nullptr;
     if (mac == nullptr) {
         EDM_TRACE(1942);
         return EDM_ERR_NO_RESOURCE;
