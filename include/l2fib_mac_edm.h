@@ -182,9 +182,9 @@ L2FIB_EXPORT uint32_t l2fib_mac_edm_init(event_manager_t *evm, void *edm_handle,
 L2FIB_EXPORT uint32_t l2fib_mac_edm_init_pd_cb(const l2fib_mac_edm_pd_cb_t *pd_cb);
 
 /*
- * Defines the MAC entry limit: `limit` is written to `limit_cell`, which the platform owns, keeps and may write again at
- * any time (with an atomic store when other threads feed): every creation reads it afresh. No MAC entry can be created
- * before this call. EDM_ERR_INVALID_ARGS for a null cell; the previous one stays.
+ * Defines the MAC entry limit: `limit` is written to `limit_cell`, which the platform owns, keeps and may write again
+ * at any time (with an atomic store when other threads feed): every creation reads it afresh. No MAC entry can be
+ * created before this call. EDM_ERR_INVALID_ARGS for a null cell; the previous one stays.
  */
 L2FIB_EXPORT uint32_t l2fib_mac_edm_defn_init(uint32_t *limit_cell, uint32_t limit);
 
@@ -224,9 +224,9 @@ L2FIB_EXPORT uint32_t l2fib_mac_edm_sweep_bp(uint32_t xcid);
 /* ---- Resynchronisation ---- */
 
 #define EDM_MSG_CLASS 0x0a27u
-#define EDM_MSG_TYPE_BASE 0x8000u      /* added to request types and reply codes */
-#define EDM_MSG_TYPE_MASK 0x0fffu      /* the bits of a message type that readers look at */
-#define EDM_MSG_FILTER_TYPE 0x8fffu    /* the filter type that selects resync messages */
+#define EDM_MSG_TYPE_BASE 0x8000u         /* added to request types and reply codes */
+#define EDM_MSG_TYPE_MASK 0x0fffu         /* the bits of a message type that readers look at */
+#define EDM_MSG_FILTER_TYPE 0x8fffu       /* the filter type that selects resync messages */
 #define EDM_RESYNC_SEND_ERROR 0xa0000000u /* ORed to the error number of a send that failed */
 
 /* Request types. */

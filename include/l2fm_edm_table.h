@@ -79,25 +79,26 @@ typedef struct l2fm_edm_ll_link {
 } l2fm_edm_ll_link_t;
 
 /*
- * A MAC entry. Its flags choose the variant it is allocated as, and the variant never changes in place: with EDM_MAC_PBB
- * an l2fm_edm_mac_pbb_t, else with EDM_MAC_VNI an l2fm_edm_mac_vni_t, else the base record alone.
+ * A MAC entry. Its flags choose the variant it is allocated as, and the variant never changes in place: with
+ * EDM_MAC_PBB an l2fm_edm_mac_pbb_t, else with EDM_MAC_VNI an l2fm_edm_mac_vni_t, else the base record alone.
  */
 typedef struct l2fm_edm_mac {
     uint32_t bridge_id;
-    uint32_t xcid;           /* as fed; finds the port again when `bp` is null */
-    struct l2fm_edm_bp *bp;  /* the port that holds the entry */
-    uint8_t mac_addr[6];     /* wire order */
-    uint16_t flags;          /* EDM_MAC_ bits */
-    uint64_t update_stamp;   /* fts_get_stamp_fast at creation and at each update */
-    uint32_t hw_timestamp;   /* seconds since the epoch; counts with EDM_MAC_TIMESTAMP_VALID */
-    uint32_t node_id;        /* the node that owns the port, or EDM_NODE_UNKNOWN */
+    uint32_t xcid;          /* as fed; finds the port again when `bp` is null */
+    struct l2fm_edm_bp *bp; /* the port that holds the entry */
+    uint8_t mac_addr[6];    /* wire order */
+    uint16_t flags;         /* EDM_MAC_ bits */
+    uint64_t update_stamp;  /* fts_get_stamp_fast at creation and at each update */
+    uint32_t hw_timestamp;  /* seconds since the epoch; counts with EDM_MAC_TIMESTAMP_VALID */
+    uint32_t node_id;       /* the node that owns the port, or EDM_NODE_UNKNOWN */
     l2fm_edm_ll_link_t list_link;
     uint16_t ext_attr;
     uint16_t ext_flags;
-    uint32_t aux_value;      /* nothing writes it: 0 */
-    /* The entries of one address, whatever their port; kept by the address index alone. */
+    uint32_t aux_value; /* nothing writes it: 0 */
+    /* The table's own: the entries of one address, whatever their port. The low bits of the second word remember how
+     * the entry was counted, so that it can be uncounted the same way. */
     struct l2fm_edm_mac *same_addr_next;
-    struct l2fm_edm_mac *same_addr_prev;
+    uintptr_t same_addr_prev;
 } l2fm_edm_mac_t;
 
 /* The extension of both variants begins at the same place: in an entry with both flags the VTEP's address overlays the

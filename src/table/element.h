@@ -58,28 +58,45 @@ static_assert(offsetof(mac_vni_element, record) == offsetof(mac_element, record)
 namespace edm {
 
 // The element that holds a record of each kind.
-template <typename Record> struct element_of_record;
-template <> struct element_of_record<l2fm_edm_bd_t> { using type = bd_element; };
-template <> struct element_of_record<l2fm_edm_bp_t> { using type = bp_element; };
-template <> struct element_of_record<l2fm_edm_mac_t> { using type = mac_element; };
-template <> struct element_of_record<l2fm_edm_vtep_t> { using type = vtep_element; };
+template <typename Record>
+struct element_of_record;
+template <>
+struct element_of_record<l2fm_edm_bd_t> {
+    using type = bd_element;
+};
+template <>
+struct element_of_record<l2fm_edm_bp_t> {
+    using type = bp_element;
+};
+template <>
+struct element_of_record<l2fm_edm_mac_t> {
+    using type = mac_element;
+};
+template <>
+struct element_of_record<l2fm_edm_vtep_t> {
+    using type = vtep_element;
+};
 
-template <typename Record> using element_t = typename element_of_record<Record>::type;
+template <typename Record>
+using element_t = typename element_of_record<Record>::type;
 
 // Steps back from a record over its links. Not for null.
-template <typename Record> element_t<Record> *to_element(Record *record)
+template <typename Record>
+element_t<Record> *to_element(Record *record)
 {
-    return reinterpret_cast<element_t<Record> *>(reinterpret_cast<char *>(record) -
-                                                 offsetof(element_t<Record>, record));
+    return reinterpret_cast<element_t<Record> *>(reinterpret_cast<char *>(record)
+                                                 - offsetof(element_t<Record>, record));
 }
 
-template <typename Record> const element_t<Record> *to_element(const Record *record)
+template <typename Record>
+const element_t<Record> *to_element(const Record *record)
 {
     return to_element(const_cast<Record *>(record));
 }
 
 // Steps from an element that a tree handed out to its record; null stays null.
-template <typename Record> Record *to_record(void *element)
+template <typename Record>
+Record *to_record(void *element)
 {
     return element == nullptr ? nullptr : &static_cast<element_t<Record> *>(element)->record;
 }
@@ -91,12 +108,30 @@ inline l2fm_edm_mac_t *mac_of_list_link(l2fm_edm_ll_link_t *link)
 }
 
 // The extension of a variant; meaningful for entries whose flags say that they have it.
-inline uint8_t *bmac_addr(l2fm_edm_mac_t *mac) { return reinterpret_cast<l2fm_edm_mac_pbb_t *>(mac)->bmac_addr; }
-inline uint8_t *vtep_addr(l2fm_edm_mac_t *mac) { return reinterpret_cast<l2fm_edm_mac_vni_t *>(mac)->vtep_addr; }
-inline const uint8_t *bmac_addr(const l2fm_edm_mac_t *mac) { return bmac_addr(const_cast<l2fm_edm_mac_t *>(mac)); }
-inline const uint8_t *vtep_addr(const l2fm_edm_mac_t *mac) { return vtep_addr(const_cast<l2fm_edm_mac_t *>(mac)); }
+inline uint8_t *bmac_addr(l2fm_edm_mac_t *mac)
+{
+    return reinterpret_cast<l2fm_edm_mac_pbb_t *>(mac)->bmac_addr;
+}
+inline uint8_t *vtep_addr(l2fm_edm_mac_t *mac)
+{
+    return reinterpret_cast<l2fm_edm_mac_vni_t *>(mac)->vtep_addr;
+}
+inline const uint8_t *bmac_addr(const l2fm_edm_mac_t *mac)
+{
+    return bmac_addr(const_cast<l2fm_edm_mac_t *>(mac));
+}
+inline const uint8_t *vtep_addr(const l2fm_edm_mac_t *mac)
+{
+    return vtep_addr(const_cast<l2fm_edm_mac_t *>(mac));
+}
 
 constexpr uint32_t mac_addr_size = 6;
 constexpr uint32_t vtep_addr_size = 4;
+
+// A pair of bytes of an address as trace points show it.
+constexpr uint16_t trace_word(const uint8_t *pair)
+{
+    return static_cast<uint16_t>(pair[0] | pair[1] << 8);
+}
 
 } // namespace edm

@@ -19,6 +19,9 @@ struct table_root {
 extern table_root root;
 
 // The root of the list of all entries, as the link that its ends point at.
-inline l2fm_edm_ll_link_t *list_end() { return reinterpret_cast<l2fm_edm_ll_link_t *>(&root.ll_root); }
+inline l2fm_edm_ll_link_t *list_end()
+{
+    return reinterpret_cast<l2fm_edm_ll_link_t *>(&root.ll_root);
+}
 
 } // namespace edm

@@ -9,7 +9,8 @@
 #include "platform/trace.h"
 
 // Failure paths are the only users: kept out of line and out of the way of the paths that succeed.
-template <typename... Values> [[gnu::cold, gnu::noinline]] void edm_trace(uint32_t id, const char *name, Values... values)
+template <typename... Values>
+[[gnu::cold, gnu::noinline]] void edm_trace(uint32_t id, const char *name, Values... values)
 {
     static_assert(sizeof...(values) <= EDM_TRACE_MAX_VALUES);
     const uint64_t list[] = {static_cast<uint64_t>(values)..., 0};
