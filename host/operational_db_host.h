@@ -80,8 +80,7 @@ struct operational_outcome {
 using operational_visitor = std::function<bool(const operational_page &page)>;
 
 // Reads to the end, page by page. Pages that failed are not visited; they are the outcome.
-L2FIB_EXPORT operational_outcome operational_read(const operational_request &request,
-                                                  const operational_visitor &visit);
+L2FIB_EXPORT operational_outcome operational_read(const operational_request &request, const operational_visitor &visit);
 
 // A request whose pages are taken one by one.
 struct operational_session;

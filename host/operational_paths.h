@@ -18,8 +18,6 @@
 
 namespace host {
 
-
-
 // The values of a path's keys; what was not given is zero.
 struct operational_keys {
     uint32_t given;                                  // one bit a key, private to the parser
