@@ -118,12 +118,11 @@ bool find_entry(const mac_filter &filter, position &at)
 
 void trace_start(const char *handler, const position &at)
 {
-    uint16_t words[3] = {};
-    if (at.mac != nullptr) {
-        l2fib_macaddr_to_swords(at.mac->mac_addr, words);
-    }
-    EDM_TRACE_AS(handler, trace_walk_start, at.bd != nullptr ? at.bd->bridge_id : 0, at.bp != nullptr ? at.bp->xcid : 0,
-                 words[0], words[1], words[2]);
+    constexpr uint8_t no_address[mac_addr_size] = {};
+    const uint8_t *address = at.mac != nullptr ? at.mac->mac_addr : no_address;
+    EDM_TRACE_AS(handler, trace_walk_start, at.bd != nullptr ? at.bd->bridge_id : 0,
+                 at.bp != nullptr ? at.bp->xcid : EDM_XCID_NONE, trace_word(address), trace_word(address + 2),
+                 trace_word(address + 4));
 }
 
 // At the beginning of the scope. False when there is no bridge domain.

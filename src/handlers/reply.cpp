@@ -22,10 +22,12 @@ struct flag_translation {
 };
 
 constexpr flag_translation<uint32_t> mac_flags_table[] = {
-    {EDM_MAC_PBB, 0x00100000},      {EDM_MAC_STATIC, 0x00004000}, {EDM_MAC_LOCAL, 0x00002000},
-    {EDM_MAC_BD_FIXED, 0x00020000}, {0x0010, 0x00010000},         {EDM_MAC_BD_OWN, 0x00200000},
-    {EDM_MAC_BD_40, 0x00400000},    {0x0100, 0x08000000},         {EDM_MAC_BD_200, 0x20000000},
-    {EDM_MAC_BD_400, 0x40000000},   {0x0800, 0x80000000},
+    {EDM_MAC_PBB, 0x00100000},    {EDM_MAC_STATIC, 0x00004000},
+    {EDM_MAC_LOCAL, 0x00002000},  {EDM_MAC_BD_FIXED, 0x00020000},
+    {0x0010, 0x00010000},         {EDM_MAC_BD_OWN, 0x00200000},
+    {EDM_MAC_BD_40, 0x00400000},  {EDM_MAC_EXTERN_LEARNED, 0x08000000},
+    {EDM_MAC_BD_200, 0x20000000}, {EDM_MAC_BD_400, 0x40000000},
+    {0x0800, 0x80000000},
 };
 constexpr flag_translation<uint16_t> mac_flags2_table[] = {
     {EDM_MAC_TIMESTAMP_VALID, 0x0008},
