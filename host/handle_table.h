@@ -1,0 +1,42 @@
+/*
+ * Records known outside by a number: never 0, and not given out again before four thousand million others were, so
+ * that a number kept for too long is unknown instead of somebody else's.
+ *
+ * Threads: the owner's lock guards a table. Insertion throws std::bad_alloc and changes nothing then.
+ */
+#ifndef L2FIB_HOST_HANDLE_TABLE_H
+#define L2FIB_HOST_HANDLE_TABLE_H
+
+#include <cstdint>
+#include <unordered_map>
+#include <utility>
+
+namespace host {
+
+template <typename Record>
+struct handle_table {
+    std::unordered_map<uint32_t, Record> records;
+    uint32_t last = 0;
+
+    uint32_t insert(Record record)
+    {
+        do {
+            ++last;
+        } while (last == 0 || records.contains(last));
+        records.emplace(last, std::move(record));
+        return last;
+    }
+
+    // Null for an unknown handle; the pointer is good until the record is erased.
+    Record *find(uint32_t handle)
+    {
+        const auto found = records.find(handle);
+        return found == records.end() ? nullptr : &found->second;
+    }
+
+    bool erase(uint32_t handle) { return records.erase(handle) != 0; }
+};
+
+} // namespace host
+
+#endif
