@@ -41,7 +41,11 @@ if(module_sources)
     l2fib_add_library(l2fib_mac_edm
         SOURCES ${module_sources}
         INCLUDES "${PROJECT_SOURCE_DIR}/include" "${PROJECT_SOURCE_DIR}/src")
-    target_compile_options(l2fib_mac_edm_objects PRIVATE -fno-exceptions -fno-rtti)
+    # The module's own calls are bound inside it, and calls of the platform go without a stub. The platform's functions
+    # may still be put in the place of others by the loading process.
+    target_compile_options(l2fib_mac_edm_objects PRIVATE
+        -fno-exceptions -fno-rtti -fno-semantic-interposition -fno-plt)
+    target_link_options(l2fib_mac_edm PRIVATE -Wl,-Bsymbolic-functions)
     if(TARGET l2fib_host)
         target_link_libraries(l2fib_mac_edm PRIVATE l2fib_host l2fib_no_undefined)
     endif()
