@@ -38,8 +38,8 @@ using journal = std::vector<std::string>;
 constexpr const char *cache_path = "/dev/l2fib_mac_cache";
 constexpr const char *edm_path = "/dev/l2fib_mac_edm";
 
-// Who makes a call: the module's threads in the order in which they are created, then everybody else.
-enum role { cache, edm, caller };
+// Who makes a call: the module's threads in the order in which they are created, a thread that says so, everybody else.
+enum role { cache, edm, platform, caller };
 
 // One call that fails: the nth one of a function by a thread, with this result and errno.
 struct fault {
