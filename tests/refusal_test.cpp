@@ -223,6 +223,8 @@ TEST(refusal, of_a_pool_leaves_none)
 
 TEST(refusal, of_a_global_tree_shows_in_the_trace_only)
 {
+    start(); // the objects and the limit
+    stop();
     for (uint64_t nth = 1; nth <= 2; nth++) {
         interpose::ordtree_init.refuse(nth);
         take_traces();
