@@ -150,24 +150,32 @@ inline ordtree_link_t *visit_on_walk(const ordtree_index_t &index, leaf_place at
     if (at.leaf != nullptr) {
         return visit_on_walk(index, in_range({at.leaf, at.slot + 1}));
     }
-    const key_position found = find_key(index, probe + number);
+    const key_position found = find_key(index, key_word(index, probe + number));
     if (found.leaf == nullptr) {
         return nullptr;
     }
     return visit(index, in_range({found.leaf, found.slot + (found.equal ? 1 : 0)}));
 }
 
-using places = std::array<leaf_place, ORDTREE_MAX_INDEXES>;
+/* What an insertion finds out about each index before it changes any. */
+struct insertion {
+    leaf_place at;
+    std::uint64_t key;
+};
+
+using insertions = std::array<insertion, ORDTREE_MAX_INDEXES>;
 
 /* Where a record would go in each index, and how many nodes that takes; false when an index holds an equal key. */
-bool find_room(const ordtree_t *tree, const ordtree_link_t *record, places &at, unsigned &needed)
+inline bool find_room(const ordtree_t *tree, const ordtree_link_t *record, insertions &into, unsigned &needed)
 {
     for (unsigned number = 0; number < tree->index_count; ++number) {
-        const key_position found = find_key(tree->index[number], record + number);
+        const ordtree_index_t &index = tree->index[number];
+        const std::uint64_t key = key_word(index, record + number);
+        const key_position found = find_key(index, key);
         if (found.equal) {
             return false;
         }
-        at[number] = {found.leaf, found.slot};
+        into[number] = {{found.leaf, found.slot}, key};
         needed += needs_nodes(found.leaf) ? nodes_needed(found.leaf) : 0;
     }
     return true;
@@ -210,14 +218,14 @@ ordtree_link_t *ordtree_insert(ordtree_t *tree, ordtree_link_t *node)
     if (!runs(tree) || node == nullptr || is_in_a_tree(node, tree->index_count)) {
         return nullptr;
     }
-    places at{};
+    insertions into;
     unsigned needed = 0;
     host::btree::node *spare = nullptr;
-    if (!find_room(tree, node, at, needed) || (needed > 0 && !nodes_take(needed, spare))) {
+    if (!find_room(tree, node, into, needed) || (needed > 0 && !nodes_take(needed, spare))) {
         return nullptr;
     }
     for (unsigned number = 0; number < tree->index_count; ++number) {
-        put_record(tree, number, at[number], node, spare);
+        put_record(tree, number, into[number].at, {into[number].key, node}, spare);
     }
     ++tree->record_count;
     return node;
@@ -228,7 +236,7 @@ ordtree_link_t *ordtree_delete(ordtree_t *tree, ordtree_link_t *node)
     if (!runs(tree) || node == nullptr) {
         return nullptr;
     }
-    places at{};
+    std::array<leaf_place, ORDTREE_MAX_INDEXES> at;
     for (unsigned number = 0; number < tree->index_count; ++number) {
         at[number] = locate_behind_walk(tree, number, node);
         if (at[number].leaf == nullptr) {
@@ -247,7 +255,7 @@ ordtree_link_t *ordtree_search(const ordtree_t *tree, const ordtree_link_t *prob
     if (!has_index(tree, index) || probe == nullptr) {
         return nullptr;
     }
-    const key_position found = find_key(tree->index[index], probe + index);
+    const key_position found = find_key(tree->index[index], key_word(tree->index[index], probe + index));
     return found.equal ? record_at(found.leaf, found.slot) : nullptr;
 }
 

@@ -120,10 +120,8 @@ inline key_position find_inline_key(const ordtree_index_t &index, std::uint64_t 
     return {at, slot, slot < at->count && at->entries[slot].key == key};
 }
 
-/* Where the key of a record or probe is. */
-inline key_position find_key(const ordtree_index_t &index, const ordtree_link_t *link)
+inline key_position find_key(const ordtree_index_t &index, std::uint64_t key)
 {
-    const std::uint64_t key = key_word(index, link);
     return has_inline_keys(index) ? find_inline_key(index, key) : find_by_comparator(index, key);
 }
 
