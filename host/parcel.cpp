@@ -52,7 +52,8 @@ struct parcel_field {
 
 } // namespace host
 
-// The fields are in the order in which they are encoded, each behind the one that its condition looks at.
+// The fields are in the order in which they are encoded, each behind the one that its condition looks at, which is
+// always there.
 struct parcel_schema {
     const host::parcel_field *fields;
     uint32_t field_count;
@@ -93,7 +94,6 @@ constexpr parcel_condition aux(uint32_t kind)
 }
 
 constexpr auto any_port = segment(EDM_SEG_TYPE_INTERFACE, EDM_SEG_TYPE_5, EDM_SEG_TYPE_VXLAN, EDM_SEG_TYPE_20);
-constexpr auto may_have_bmac = segment(EDM_SEG_TYPE_INTERFACE, EDM_SEG_TYPE_5, EDM_SEG_TYPE_VXLAN);
 constexpr auto interface = segment(EDM_SEG_TYPE_INTERFACE);
 constexpr auto pseudowire = segment(EDM_SEG_TYPE_PSEUDOWIRE);
 constexpr auto vxlan = segment(EDM_SEG_TYPE_VXLAN);
@@ -120,7 +120,7 @@ constexpr parcel_field mac_info_fields[] = {
     {"seg_sub_id", number, AT(mac_info, seg.narrow.sub.seg_sub_id), vxlan},
     {"seg_attr", number, AT(mac_info, seg_attr), pseudowire},
     {"seg_attr_kind", number, AT(mac_info, seg_attr_kind), pseudowire},
-    {"bmac_valid", number, AT(mac_info, bmac_valid), may_have_bmac},
+    {"bmac_valid", number, AT(mac_info, bmac_valid), always},
     {"bmac", bytes, AT(mac_info, bmac), has_bmac},
     {"vtep_addr", bytes, AT(mac_info, vtep_addr), vxlan},
     {"vtep_seg_info", number, AT(mac_info, vtep_seg_info), vxlan},
@@ -153,13 +153,18 @@ constexpr parcel_field vtep_info_fields[] = {
 
 constexpr size_t max_fields = 32;
 
+constexpr bool is_selector(const parcel_field &field, size_t offset)
+{
+    return field.offset == offset && field.width == sizeof(uint32_t) && field.when.selector == no_selector;
+}
+
 template <size_t Count>
 constexpr bool is_sound(const parcel_field (&fields)[Count], size_t record_size)
 {
     for (size_t i = 0; i < Count; i++) {
         bool selected = fields[i].when.selector == no_selector;
         for (size_t j = 0; j < i && !selected; j++)
-            selected = fields[j].offset == fields[i].when.selector && fields[j].width == sizeof(uint32_t);
+            selected = is_selector(fields[j], fields[i].when.selector);
         if (!selected || fields[i].offset + size_t{fields[i].width} > record_size)
             return false;
     }
