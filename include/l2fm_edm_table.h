@@ -95,9 +95,10 @@ typedef struct l2fm_edm_mac {
     uint16_t ext_attr;
     uint16_t ext_flags;
     uint32_t aux_value; /* nothing writes it: 0 */
-    /* The entries of one address, whatever their port; kept by the address index alone. */
+    /* The table's own: the entries of one address, whatever their port. The low bits of the second word remember how
+     * the entry was counted, so that it can be uncounted the same way. */
     struct l2fm_edm_mac *same_addr_next;
-    struct l2fm_edm_mac *same_addr_prev;
+    uintptr_t same_addr_prev;
 } l2fm_edm_mac_t;
 
 /* The extension of both variants begins at the same place: in an entry with both flags the VTEP's address overlays the

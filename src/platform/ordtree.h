@@ -54,6 +54,7 @@ typedef void *(*ordtree_node_to_entry_fn)(ordtree_link_t *node);
 typedef struct ordtree_index {
     ordtree_compare_fn compare;
     void *root;
+    void *cursor;        /* where the last successor was found; also written by readers, atomically */
     uint32_t key_offset; /* of a described key from its link, in bytes */
     uint16_t key_width;  /* of a described key in bytes; 0: not described, the comparator is called */
     uint16_t key_kind;   /* ordtree_key_kind_t */

@@ -128,4 +128,10 @@ inline const uint8_t *vtep_addr(const l2fm_edm_mac_t *mac)
 constexpr uint32_t mac_addr_size = 6;
 constexpr uint32_t vtep_addr_size = 4;
 
+// A pair of bytes of an address as trace points show it.
+constexpr uint16_t trace_word(const uint8_t *pair)
+{
+    return static_cast<uint16_t>(pair[0] | pair[1] << 8);
+}
+
 } // namespace edm

@@ -1,0 +1,617 @@
+// Requests of the operational database, from the requester to the handler and back.
+//
+//   operational_next            thread of the data manager
+//   ----------------            --------------------------
+//   parse the path
+//   waiting ----- posted -----> call the handler with the list or the response
+//      |                          |
+//      |  time-out, cancel        v
+//      '--> given up   <------  answered: the page goes to the requester, or is dropped
+//
+// A request that finds no data manager lies in its registration until one registers or the requester gives up.
+
+#include "platform/operational_db.h"
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <utility>
+
+#include "host/event_host.h"
+#include "host/handle_table.h"
+#include "host/l2fib_host.h"
+#include "host/operational_db_host.h"
+#include "host/operational_paths.h"
+#include "host/out_of_memory.h"
+#include "host/reply_list.h"
+#include "l2fib_mac_edm.h"
+
+namespace {
+
+using host::operational_page;
+using host::operational_path;
+using host::operational_request;
+using host::operational_session;
+using host::request_kind;
+
+using steady_clock = std::chrono::steady_clock;
+
+// ---- Records ----
+
+enum class progress : uint8_t { waiting, answered, given_up };
+
+// One request for one page. The first group is written before it is shared; the database's lock guards the second.
+struct query {
+    operational_request request;
+    operational_path path;
+
+    progress state = progress::waiting;
+    bool is_posted = false; // to the data manager's thread
+    steady_clock::time_point deadline;
+    operational_page page = {};
+    std::condition_variable changed;
+
+    query(operational_request wanted, const operational_path &parsed);
+    ~query();
+    query(const query &) = delete;
+    query &operator=(const query &) = delete;
+};
+
+using query_ptr = std::shared_ptr<query>;
+
+// A data manager. Its null event manager means that none has registered.
+struct registration {
+    event_manager_t *evm = nullptr;
+    std::string prefix;
+    std::vector<query_ptr> waiting; // for a data manager to register
+};
+
+struct database {
+    std::mutex lock; // guards what follows and the queries; nobody is called with it held
+    registration data_manager;
+    registration action_manager;
+    host::handle_table<query_ptr> in_service; // the queries that a handler has in hand
+};
+
+// Lives as long as the process: threads of data managers may outlive the end of main.
+database &the_database()
+{
+    static auto &database = *new struct database;
+    return database;
+}
+
+struct query_counters {
+    std::atomic<uint64_t> live;
+    std::atomic<uint64_t> lists_answered;
+    std::atomic<uint64_t> lists_abandoned;
+    std::atomic<uint64_t> answers_dropped;
+};
+
+constinit query_counters counters{};
+
+// Whether this thread runs a handler, and so could not serve a request that it waits for.
+thread_local bool is_serving = false;
+
+void count(std::atomic<uint64_t> &counter)
+{
+    counter.fetch_add(1, std::memory_order_relaxed);
+}
+
+steady_clock::time_point seconds_from_now(uint32_t seconds)
+{
+    return steady_clock::now() + std::chrono::seconds(seconds);
+}
+
+query::query(operational_request wanted, const operational_path &parsed)
+    : request(std::move(wanted))
+    , path(parsed)
+    , deadline(seconds_from_now(request.timeout_seconds))
+{
+    count(counters.live);
+}
+
+query::~query()
+{
+    counters.live.fetch_sub(1, std::memory_order_relaxed);
+}
+
+// ---- Failures ----
+
+struct status_text {
+    uint32_t status;
+    const char *text;
+};
+
+constexpr status_text module_statuses[] = {
+    {EDM_ERR_INVALID_ARGS, "the module is not ready, or was given a wrong argument"},
+    {EDM_ERR_NO_RESOURCE, "a record could not be created"},
+    {EDM_ERR_STOPPED, "stopped early"},
+    {EDM_ERR_RESYNC, "the forwarding plane could not bring the table up to date"},
+    {EDM_ERR_NOT_FOUND, "not found"},
+    {EDM_ERR_BAD_REQUEST, "the request is malformed, or what it continues has gone"},
+    {EDM_ERR_NO_ITEM, "there is no such item"},
+};
+
+const char *known_text(uint32_t status)
+{
+    for (const status_text &known : module_statuses) {
+        if (known.status == status)
+            return known.text;
+    }
+    return strerrordesc_np(static_cast<int>(status));
+}
+
+// A page that says what is wrong; without memory it says it by its status alone.
+operational_page failure(uint32_t status, std::string_view path, std::string_view text) noexcept
+{
+    operational_page page;
+    page.status = status;
+    try {
+        page.text.append(path).append(path.empty() ? "" : ": ").append(text);
+    } catch (const std::bad_alloc &) {
+        page.text.clear();
+    }
+    return page;
+}
+
+operational_page handler_failure(const query &asked, uint32_t status) noexcept
+{
+    try {
+        return failure(status, asked.request.path, host::operational_status_text(status));
+    } catch (const std::bad_alloc &) {
+        return failure(status, {}, {});
+    }
+}
+
+operational_page broken_contract(const query &asked)
+{
+    return failure(EPROTO, asked.request.path, "the handler has not handed back what it was asked for");
+}
+
+// ---- Serving, on the data manager's thread ----
+
+bool is_list(request_kind kind)
+{
+    return kind == request_kind::list || kind == request_kind::datalist;
+}
+
+optree_request_t *handle_of(uint32_t number)
+{
+    return reinterpret_cast<optree_request_t *>(uintptr_t{number});
+}
+
+operational_page page_of(std::shared_ptr<optree_list> list)
+{
+    operational_page page;
+    page.items = list->items;
+    page.more = list->more;
+    page.content = std::move(list);
+    return page;
+}
+
+operational_page serve_list(const query &asked, optree_request_t *handle)
+{
+    const auto list = std::make_shared<optree_list>(asked.request.kind == request_kind::datalist);
+    edm_list_req_t context{};
+    context.start_key = asked.request.start_key ? asked.request.start_key->c_str() : nullptr;
+    context.flags = asked.request.start_key ? EDM_LIST_KEY_GIVEN : 0;
+    context.count = asked.request.count;
+    context.request = handle;
+    host::reply_list_offer(*list);
+    const uint32_t status = host::operational_path_list(asked.path, host::edm_handlers(), context, list.get());
+    const bool is_kept = host::reply_list_withdraw();
+    const bool can_continue = !list->more || !list->items.empty();
+    if (status == 0 && is_kept && context.reply_list == list.get() && can_continue) {
+        count(counters.lists_answered);
+        return page_of(list);
+    }
+    if (is_kept)
+        count(counters.lists_abandoned);
+    return status == 0 ? broken_contract(asked) : handler_failure(asked, status);
+}
+
+// What a get has answered: the encoded record, which the handler has allocated.
+struct got_record {
+    struct release {
+        void operator()(void *bytes) const { free(bytes); }
+    };
+    std::unique_ptr<void, release> data;
+    host::operational_item item;
+};
+
+operational_page serve_get(const query &asked, optree_request_t *handle)
+{
+    const auto record = std::make_shared<got_record>();
+    edm_get_rsp_t context{};
+    context.request = handle;
+    const uint32_t status = host::operational_path_get(asked.path, host::edm_handlers(), context);
+    if (status != 0)
+        return handler_failure(asked, status);
+    record->data.reset(context.data);
+    if (context.data == nullptr || context.data_type != EDM_DATA_TYPE_PARCEL)
+        return broken_contract(asked);
+    const auto *bytes = static_cast<const uint8_t *>(record->data.get());
+    record->item = {{}, {bytes, context.length}};
+    operational_page page;
+    page.items = {&record->item, 1};
+    page.content = record;
+    return page;
+}
+
+operational_page serve_action(const query &asked, optree_request_t *handle)
+{
+    const uint32_t status = host::operational_path_act(asked.path, host::edm_actions(), handle);
+    return status == 0 ? operational_page() : handler_failure(asked, status);
+}
+
+operational_page answer_of(const query &asked, optree_request_t *handle)
+{
+    switch (asked.request.kind) {
+    case request_kind::get: return serve_get(asked, handle);
+    case request_kind::action: return serve_action(asked, handle);
+    default: return serve_list(asked, handle);
+    }
+}
+
+// A query's place among those in service, unless its requester has given it up.
+struct service {
+    uint32_t handle = 0;
+
+    explicit service(const query_ptr &asked)
+    {
+        const std::lock_guard guard(the_database().lock);
+        if (asked->state == progress::waiting)
+            handle = the_database().in_service.insert(asked);
+        is_serving = true;
+    }
+    ~service()
+    {
+        is_serving = false;
+        const std::lock_guard guard(the_database().lock);
+        the_database().in_service.erase(handle);
+    }
+    service(const service &) = delete;
+    service &operator=(const service &) = delete;
+};
+
+// Nothing when the requester has given up before.
+std::optional<operational_page> serve(const query_ptr &asked) noexcept
+{
+    try {
+        const service place(asked);
+        if (place.handle == 0)
+            return std::nullopt;
+        return answer_of(*asked, handle_of(place.handle));
+    } catch (const std::bad_alloc &) {
+        return handler_failure(*asked, ENOMEM);
+    }
+}
+
+// Gives the requester its page. It has given up: the page is dropped here, without the lock.
+void complete(query &asked, operational_page page)
+{
+    const std::lock_guard guard(the_database().lock);
+    if (asked.state != progress::waiting) {
+        count(counters.answers_dropped);
+        return;
+    }
+    std::swap(asked.page, page);
+    asked.state = progress::answered;
+    asked.changed.notify_all();
+}
+
+void manager_has_ended(query &asked)
+{
+    complete(asked, failure(ESHUTDOWN, asked.request.path, "the data manager's thread has ended"));
+}
+
+// The two ends of a post: its cookie is a query_ptr of its own.
+void run_post(void *cookie)
+{
+    const std::unique_ptr<query_ptr> asked(static_cast<query_ptr *>(cookie));
+    std::optional<operational_page> page = serve(*asked);
+    if (page)
+        complete(**asked, *std::move(page));
+}
+
+void drop_post(void *cookie)
+{
+    const std::unique_ptr<query_ptr> asked(static_cast<query_ptr *>(cookie));
+    manager_has_ended(**asked);
+}
+
+// ---- On the way to the data manager ----
+
+void post(event_manager_t *evm, const query_ptr &asked)
+{
+    auto cookie = std::make_unique<query_ptr>(asked);
+    const uint32_t status = host::event_post(evm, run_post, drop_post, cookie.get());
+    if (status == 0)
+        static_cast<void>(cookie.release()); // NOLINT(bugprone-unused-return-value)
+    else if (status == ESHUTDOWN)
+        manager_has_ended(*asked);
+    else
+        complete(*asked, handler_failure(*asked, status));
+}
+
+registration &registration_for(database &db, const query &asked)
+{
+    return asked.request.kind == request_kind::action ? db.action_manager : db.data_manager;
+}
+
+bool serves(const registration &manager, const query &asked)
+{
+    return manager.evm != nullptr && asked.request.path.starts_with(manager.prefix);
+}
+
+// Posts a query to its data manager, or leaves it in the registration until there is one.
+void start(const query_ptr &asked)
+{
+    database &db = the_database();
+    event_manager_t *evm = nullptr;
+    {
+        const std::lock_guard guard(db.lock);
+        registration &manager = registration_for(db, *asked);
+        if (asked->state != progress::waiting)
+            return;
+        if (!serves(manager, *asked)) {
+            manager.waiting.push_back(asked);
+            return;
+        }
+        asked->is_posted = true;
+        evm = manager.evm;
+    }
+    post(evm, asked);
+}
+
+// Lets a data manager take over from any before, and posts what has been waiting for it.
+void register_manager(registration &manager, event_manager_t *evm, std::string prefix)
+{
+    std::vector<query_ptr> found;
+    {
+        const std::lock_guard guard(the_database().lock);
+        found.reserve(manager.waiting.size());
+        manager.evm = evm;
+        manager.prefix = std::move(prefix);
+        std::erase_if(manager.waiting, [&](const query_ptr &asked) {
+            asked->is_posted = serves(manager, *asked);
+            if (asked->is_posted)
+                found.push_back(asked);
+            return asked->is_posted;
+        });
+    }
+    for (const query_ptr &asked : found)
+        post(evm, asked);
+}
+
+// ---- The requester's end of a query; the lock is held ----
+
+void give_up(database &db, query &asked)
+{
+    asked.state = progress::given_up;
+    if (!asked.is_posted)
+        std::erase_if(registration_for(db, asked).waiting,
+                      [&asked](const query_ptr &other) { return other.get() == &asked; });
+    asked.changed.notify_all();
+}
+
+operational_page timed_out(const query &asked)
+{
+    return failure(ETIMEDOUT, asked.request.path,
+                   asked.is_posted ? "not answered in time" : "no data manager has registered in time");
+}
+
+operational_page cancelled(const std::string &path)
+{
+    return failure(ECANCELED, path, "cancelled");
+}
+
+// Waits until the query has been answered or given up, by its deadline at the latest, which may move meanwhile.
+operational_page wait(query &asked)
+{
+    database &db = the_database();
+    std::unique_lock guard(db.lock);
+    while (asked.state == progress::waiting) {
+        const steady_clock::time_point deadline = asked.deadline;
+        if (asked.changed.wait_until(guard, deadline) == std::cv_status::timeout && asked.state == progress::waiting
+            && steady_clock::now() >= asked.deadline) {
+            give_up(db, asked);
+            return timed_out(asked);
+        }
+    }
+    return asked.state == progress::answered ? std::move(asked.page) : cancelled(asked.request.path);
+}
+
+} // namespace
+
+// ---- Sessions ----
+
+// The requester's thread alone uses the first group; the database's lock guards the second.
+struct host::operational_session {
+    operational_request rest; // what is still to be asked for
+    operational_path path = {};
+    operational_page refusal = {}; // a request that cannot be made
+    bool is_finished = false;
+
+    query_ptr current = nullptr;
+    bool is_cancelled = false;
+};
+
+namespace {
+
+// Fills the session's path. Returns what is wrong with the request, or an empty text.
+std::string check(operational_session &session)
+{
+    const operational_request &request = session.rest;
+    std::string error;
+    if (request.kind > request_kind::action)
+        error = "there is no such kind of request";
+    else if (request.start_key && !is_list(request.kind))
+        error = "only a list or datalist has a start key";
+    else
+        host::operational_path_parse(request.path, request.kind, session.path, error);
+    return error;
+}
+
+// Asks for the session's next page, unless the session has been cancelled.
+query_ptr ask(operational_session &session)
+{
+    const auto asked = std::make_shared<query>(session.rest, session.path);
+    {
+        const std::lock_guard guard(the_database().lock);
+        if (session.is_cancelled)
+            asked->state = progress::given_up;
+        session.current = asked;
+    }
+    start(asked);
+    return asked;
+}
+
+// Turns the session to what follows `page`: it is over when nothing does.
+void move_on(operational_session &session, const operational_page &page)
+{
+    operational_request &rest = session.rest;
+    const bool is_limited = rest.count != 0 && rest.count != host::all_items;
+    const bool is_complete = is_limited && page.items.size() >= rest.count;
+    session.is_finished = page.status != 0 || !page.more || is_complete;
+    if (session.is_finished)
+        return;
+    if (is_limited)
+        rest.count -= static_cast<uint32_t>(page.items.size());
+    rest.start_key = page.items.back().name;
+}
+
+operational_page take_page(operational_session &session)
+{
+    if (session.refusal.status != 0)
+        return std::move(session.refusal);
+    if (is_serving)
+        return failure(EDEADLK, session.rest.path, "a handler cannot wait for the thread that it runs on");
+    const query_ptr asked = session.current == nullptr ? ask(session) : session.current;
+    operational_page page = wait(*asked);
+    const std::lock_guard guard(the_database().lock);
+    session.current = nullptr;
+    return session.is_cancelled ? cancelled(session.rest.path) : page;
+}
+
+} // namespace
+
+host::operational_session_ptr host::operational_open(const operational_request &request)
+{
+    operational_session_ptr session(new operational_session{request});
+    const std::string error = check(*session);
+    if (!error.empty())
+        session->refusal = failure(EINVAL, request.path, error);
+    else
+        ask(*session);
+    return session;
+}
+
+bool host::operational_next(operational_session &session, operational_page &page)
+{
+    if (session.is_finished)
+        return false;
+    page = take_page(session);
+    move_on(session, page);
+    return true;
+}
+
+void host::operational_cancel(operational_session &session)
+{
+    database &db = the_database();
+    const std::lock_guard guard(db.lock);
+    session.is_cancelled = true;
+    if (session.current != nullptr && session.current->state == progress::waiting)
+        give_up(db, *session.current);
+}
+
+void host::operational_session_closer::operator()(operational_session *session) const
+{
+    operational_cancel(*session);
+    delete session;
+}
+
+host::operational_page host::operational_query(const operational_request &request)
+{
+    operational_page page;
+    operational_next(*operational_open(request), page);
+    return page;
+}
+
+host::operational_outcome host::operational_read(const operational_request &request, const operational_visitor &visit)
+{
+    const operational_session_ptr session = operational_open(request);
+    operational_outcome outcome{};
+    operational_page page;
+    while (operational_next(*session, page)) {
+        outcome.status = page.status;
+        outcome.text = page.text;
+        outcome.item_count += page.items.size();
+        if (page.status != 0 || !visit(page))
+            break;
+    }
+    return outcome;
+}
+
+std::string host::operational_status_text(uint32_t status)
+{
+    if ((status & EDM_RESYNC_SEND_ERROR) == EDM_RESYNC_SEND_ERROR && known_text(status) == nullptr)
+        return "the table was not brought up to date: " + operational_status_text(status & ~EDM_RESYNC_SEND_ERROR);
+    const char *text = known_text(status);
+    char number[32];
+    snprintf(number, sizeof(number), " (0x%08x)", status);
+    return text == nullptr ? std::string("failed").append(number) : std::string(text).append(number);
+}
+
+host::operational_statistics host::operational_get_statistics()
+{
+    operational_statistics statistics{};
+    reply_list_statistics(statistics);
+    statistics.lists_answered = counters.lists_answered.load(std::memory_order_relaxed);
+    statistics.lists_abandoned = counters.lists_abandoned.load(std::memory_order_relaxed);
+    statistics.answers_dropped = counters.answers_dropped.load(std::memory_order_relaxed);
+    statistics.live_requests = counters.live.load(std::memory_order_relaxed);
+    return statistics;
+}
+
+// ---- The data manager's side ----
+
+uint32_t l2fib_show_mac_edm_optree_init(event_manager_t *evm, const char *prefix)
+{
+    if (evm == nullptr || prefix == nullptr || *prefix == '\0')
+        return EINVAL;
+    return host::or_out_of_memory([&]() -> uint32_t {
+        register_manager(the_database().data_manager, evm, prefix);
+        return 0;
+    });
+}
+
+uint32_t l2fib_action_mac_edm_init(event_manager_t *evm)
+{
+    if (evm == nullptr)
+        return EINVAL;
+    return host::or_out_of_memory([&]() -> uint32_t {
+        register_manager(the_database().action_manager, evm, {});
+        return 0;
+    });
+}
+
+uint32_t optree_restart_timeout_edm(optree_request_t *request, uint32_t seconds)
+{
+    const auto handle = reinterpret_cast<uintptr_t>(request);
+    if (handle == 0 || handle > UINT32_MAX)
+        return EINVAL;
+    database &db = the_database();
+    const std::lock_guard guard(db.lock);
+    const query_ptr *const asked = db.in_service.find(static_cast<uint32_t>(handle));
+    if (asked == nullptr || (*asked)->state != progress::waiting)
+        return ESRCH;
+    (*asked)->deadline = seconds_from_now(seconds != 0 ? seconds : (*asked)->request.timeout_seconds);
+    (*asked)->changed.notify_all();
+    return 0;
+}

@@ -1,0 +1,123 @@
+/*
+ * Keys of the ordered trees, and the search for one inside a node.
+ *
+ * Nodes hold a key word beside each slot. Where it has been told how an index's comparator finds its key, the word is
+ * the key itself as a number, and a search touches nothing but nodes. Otherwise the word is the address of the record's
+ * link, and a search calls the comparator. Whatever only moves key words about need not know which of the two they are.
+ *
+ * For the files host/ordtree*.cpp only.
+ */
+#ifndef L2FIB_HOST_ORDTREE_KEY_H
+#define L2FIB_HOST_ORDTREE_KEY_H
+
+#include "host/ordtree_node.h"
+
+#include <bit>
+#include <cstring>
+
+namespace host::btree {
+
+/* The description that ordtree_describe_key gave for `index.compare`, if any, becomes part of the index. */
+void adopt_key_description(ordtree_index_t &index) noexcept;
+
+inline bool has_inline_keys(const ordtree_index_t &index)
+{
+    return index.key_width != 0;
+}
+
+template <typename Word>
+inline Word load(const char *from)
+{
+    Word word;
+    std::memcpy(&word, from, sizeof word);
+    return word;
+}
+
+inline std::uint64_t load_big_endian_32(const char *from)
+{
+    const auto word = load<std::uint32_t>(from);
+    return std::endian::native == std::endian::little ? __builtin_bswap32(word) : word;
+}
+
+/* Bytes as a number that orders like memcmp. Two loads that may overlap read no byte beyond the key. */
+inline std::uint64_t number_of_bytes(const char *from, unsigned width)
+{
+    if (width >= 4) {
+        return load_big_endian_32(from) << (8 * (width - 4)) | load_big_endian_32(from + width - 4);
+    }
+    std::uint64_t number = 0;
+    for (unsigned i = 0; i < width; ++i) {
+        number = number << 8 | static_cast<unsigned char>(from[i]);
+    }
+    return number;
+}
+
+/* The key word of a record or probe, by its link of this index. */
+inline std::uint64_t key_word(const ordtree_index_t &index, const ordtree_link_t *link)
+{
+    if (!has_inline_keys(index)) {
+        return reinterpret_cast<std::uint64_t>(link);
+    }
+    const char *const key = reinterpret_cast<const char *>(link) + index.key_offset;
+    if (index.key_kind == ORDTREE_KEY_U32) {
+        return load<std::uint32_t>(key);
+    }
+    return number_of_bytes(key, index.key_width);
+}
+
+inline std::uint32_t compare_words(const ordtree_index_t &index, std::uint64_t first, std::uint64_t second)
+{
+    if (has_inline_keys(index)) {
+        return first < second ? ORDTREE_LESS : first == second ? ORDTREE_EQUAL : ORDTREE_GREATER;
+    }
+    return index.compare(reinterpret_cast<const ordtree_link_t *>(first),
+                         reinterpret_cast<const ordtree_link_t *>(second));
+}
+
+/* How many of `count` entries have keys less than `bound`. Without branches: each would be the toss of a coin. */
+inline unsigned count_below(const entry *entries, unsigned count, std::uint64_t bound)
+{
+    const entry *base = entries;
+    while (count > 1) {
+        const unsigned half = count / 2;
+        base += base[half - 1].key < bound ? half : 0;
+        count -= half;
+    }
+    return static_cast<unsigned>(base - entries) + (count == 1 && base->key < bound ? 1 : 0);
+}
+
+/* Where a key is, or would be, in an index. */
+struct key_position {
+    node *leaf;    /* null: the index is empty */
+    unsigned slot; /* of the first entry in the leaf that is not less; may lie behind the leaf's last one */
+    bool equal;    /* that entry is the same */
+};
+
+/* The same search by calling the comparator. */
+key_position find_by_comparator(const ordtree_index_t &index, std::uint64_t key) noexcept;
+
+/* In inner nodes the first child takes whatever is less than the key of the second. */
+inline key_position find_inline_key(const ordtree_index_t &index, std::uint64_t key)
+{
+    auto *at = static_cast<node *>(index.root);
+    if (at == nullptr) {
+        return {nullptr, 0, false};
+    }
+    while (at->level > 0) {
+        const unsigned slot = 1 + count_below(at->entries + 1, at->count - 1, key);
+        at = child_at(at, slot < at->count && at->entries[slot].key == key ? slot : slot - 1);
+    }
+    const unsigned slot = count_below(at->entries, at->count, key);
+    return {at, slot, slot < at->count && at->entries[slot].key == key};
+}
+
+/* Where the key of a record or probe is. */
+inline key_position find_key(const ordtree_index_t &index, const ordtree_link_t *link)
+{
+    const std::uint64_t key = key_word(index, link);
+    return has_inline_keys(index) ? find_inline_key(index, key) : find_by_comparator(index, key);
+}
+
+} // namespace host::btree
+
+#endif

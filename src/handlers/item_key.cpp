@@ -1,0 +1,150 @@
+#include "handlers/item_key.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <bit>
+#include <cstdio>
+#include <cstring>
+
+#include "platform/l2fib.h"
+
+namespace edm {
+
+namespace {
+
+constexpr unsigned mac_words = 3;
+constexpr size_t mac_words_size = sizeof "ffff,ffff,ffff";
+
+// Writes lower-case hexadecimal without leading zeros beyond `least_digits`; returns its end.
+char *put_hex(char *out, uint32_t value, unsigned least_digits = 1)
+{
+    const unsigned digits = std::max(least_digits, (static_cast<unsigned>(std::bit_width(value)) + 3) / 4);
+    for (unsigned shift = digits * 4; shift != 0; shift -= 4) {
+        *out++ = "0123456789abcdef"[(value >> (shift - 4)) & 0xf];
+    }
+    return out;
+}
+
+char *put_mac_words(char *out, const uint8_t *mac_addr)
+{
+    uint16_t words[mac_words];
+    l2fib_macaddr_to_swords(mac_addr, words);
+    out = put_hex(out, words[0]);
+    *out++ = ',';
+    out = put_hex(out, words[1]);
+    *out++ = ',';
+    return put_hex(out, words[2]);
+}
+
+char *put_text(char *out, std::string_view text)
+{
+    return std::copy(text.begin(), text.end(), out);
+}
+
+// Takes the next part off a name, as far as a ":".
+std::string_view take_part(std::string_view &name)
+{
+    name.remove_prefix(std::min(name.find_first_not_of(':'), name.size()));
+    const std::string_view part = name.substr(0, name.find(':'));
+    name.remove_prefix(std::min(part.size() + 1, name.size()));
+    return part;
+}
+
+void split_name_of(mac_item_names &names, const l2fm_edm_bd_t *bd)
+{
+    static_assert(sizeof names.tail >= EDM_BD_NAME_SIZE + 2, "two commas for at least no colon");
+    static_assert(item_name_size >= mac_words_size + sizeof names.tail, "a whole name fits");
+    const name_parts parts = split_full_name(bd->bd_name, names.rule);
+    *put_text(names.group, parts.group) = '\0';
+    *put_text(names.domain, parts.domain) = '\0';
+    char *out = names.tail;
+    *out++ = ',';
+    out = put_text(out, parts.group);
+    *out++ = ',';
+    *put_text(out, parts.domain) = '\0';
+    names.bd = bd;
+}
+
+} // namespace
+
+name_parts split_full_name(std::string_view full_name, domain_part domain)
+{
+    const std::string_view group = take_part(full_name);
+    return {group, domain == domain_part::to_end ? full_name : take_part(full_name)};
+}
+
+const char *print_mac_item_name(mac_item_names &names, const l2fm_edm_bd_t *bd, const l2fm_edm_mac_t *mac)
+{
+    if (names.bd != bd) {
+        split_name_of(names, bd);
+    }
+    const size_t length = l2fib_hw_mac_to_item_key(mac, names.text, sizeof names.text);
+    // A constant size is copied without a call.
+    std::memcpy(names.text + length, names.tail, sizeof names.tail);
+    return names.text;
+}
+
+bool has_start_key(const edm_list_req_t *request)
+{
+    return (request->flags & EDM_LIST_KEY_GIVEN) != 0;
+}
+
+bool read_mac_item_key(const edm_list_req_t *request, const key_limits &limits, mac_item_key &key)
+{
+    uint32_t words[mac_words];
+    char group[key_text_size];
+    char domain[key_text_size];
+    // A number that is too large keeps its low bits and names an entry that is not there.
+    if (request->start_key == nullptr
+        || std::sscanf(request->start_key, "%x,%x,%x,%100[^,],%100[^,]", // NOLINT(cert-err34-c)
+                       &words[0], &words[1], &words[2], group, domain)
+               != 5
+        || std::strlen(group) > limits.group || std::strlen(domain) > limits.domain) {
+        return false;
+    }
+    macaddr_lwordston(words, key.mac_addr);
+    const int length = std::snprintf(key.full_name, sizeof key.full_name, "%s:%s", group, domain);
+    return length > 0;
+}
+
+bool read_vtep_item_key(const edm_list_req_t *request, vtep_item_key &key)
+{
+    uint32_t ignored;
+    uint32_t address;
+    if (request->start_key == nullptr
+        || std::sscanf(request->start_key, "%x,%x,%x", // NOLINT(cert-err34-c)
+                       &key.xcid, &ignored, &address)
+               != 3) {
+        return false;
+    }
+    address = htonl(address);
+    std::memcpy(key.vtep_addr, &address, sizeof key.vtep_addr);
+    return true;
+}
+
+void print_vtep_item_name(char (&text)[item_name_size], const l2fm_edm_bp_t *bp, const l2fm_edm_vtep_t *vtep)
+{
+    uint32_t address;
+    std::memcpy(&address, vtep->vtep_addr, sizeof address);
+    char *out = put_hex(text, bp->xcid);
+    *out++ = ',';
+    out = put_hex(out, bp->seg_info2);
+    *out++ = ',';
+    *put_hex(out, ntohl(address), 8) = '\0';
+}
+
+} // namespace edm
+
+size_t l2fib_hw_mac_to_item_key(const l2fm_edm_mac_t *mac, char *buffer, size_t size)
+{
+    if (size == 0) {
+        return 0;
+    }
+    char text[edm::mac_words_size];
+    const char *end = edm::put_mac_words(text, mac->mac_addr);
+    const size_t length = std::min(static_cast<size_t>(end - text), size - 1);
+    std::memcpy(buffer, text, length);
+    buffer[length] = '\0';
+    return length;
+}

@@ -1,0 +1,69 @@
+// Counts of MAC entries: of everything from the table's counters, of a port by a walk, of a bridge domain by the
+// hardware or else by a walk.
+
+#include "handlers/handlers.h"
+#include "handlers/reply.h"
+#include "handlers/request.h"
+#include "table/shared_cell.h"
+
+namespace edm {
+
+namespace {
+
+uint32_t answer_count(const char *handler, edm_get_rsp_t *response, l2fib_mac_count_info_t &record)
+{
+    const uint32_t status = answer_get(response, &record, &l2fib_bridge_hw_mac_count_info_parcel);
+    return status == 0 ? 0 : mac_request_failed(handler, request_kind::get, status);
+}
+
+uint32_t answer_counters(const char *handler, edm_get_rsp_t *response, const edm_mac_counters_t &counters)
+{
+    l2fib_mac_count_info_t record = {};
+    l2fib_hw_mac_addr_cnt_fill(&record, &counters);
+    return answer_count(handler, response, record);
+}
+
+} // namespace
+
+} // namespace edm
+
+// Needs no lock: each counter is right by itself.
+uint32_t l2fib_hw_mac_addr_cnt_edm_get(edm_get_rsp_t *response)
+{
+    const uint32_t status = l2fib_resync_bridge_domain_or_all(nullptr, response->request);
+    if (status != 0) {
+        return status;
+    }
+    const l2fm_edm_mac_pool_t &pool = *l2fm_edm_table_mac_get_pool();
+    const edm_mac_counters_t counters = {edm::peek(pool.mac_cnt_sum),
+                                         edm::peek(pool.mac_cnt_plain),
+                                         edm::peek(pool.mac_cnt_f2),
+                                         edm::peek(pool.mac_cnt_f4),
+                                         {}};
+    l2fib_mac_count_info_t record = {};
+    l2fib_hw_mac_addr_cnt_fill(&record, &counters);
+    record.mac_cnt_f60 = edm::peek(pool.mac_cnt_f60);
+    return edm::answer_count(__func__, response, record);
+}
+
+// A port that is not there has no entries.
+uint32_t l2fib_hw_mac_addr_bp_cnt_edm_get(uint32_t xcid, edm_get_rsp_t *response)
+{
+    edm_mac_counters_t counters = {};
+    l2fm_edm_table_walk_all_macs_under_bp(l2fib_hw_mac_cnt_walk_cb, &counters, xcid);
+    return edm::answer_counters(__func__, response, counters);
+}
+
+uint32_t l2fib_hw_mac_addr_bd_cnt_edm_get(const char *bd_name, edm_get_rsp_t *response)
+{
+    uint32_t bridge_id = 0;
+    if (l2fm_edm_table_bd_name_to_id(bd_name, &bridge_id) != 0) {
+        return EDM_ERR_NO_ITEM;
+    }
+    edm_mac_counters_t counters = {};
+    if (hw_edm_pd_cb.bd_mac_count_cb(static_cast<uint16_t>(bridge_id), &counters) != 0) {
+        counters = {};
+        l2fm_edm_table_walk_all_macs_under_bd(l2fib_hw_mac_cnt_walk_cb, &counters, bridge_id);
+    }
+    return edm::answer_counters(__func__, response, counters);
+}

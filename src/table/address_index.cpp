@@ -1,0 +1,174 @@
+#include "table/address_index.h"
+
+#include <chrono>
+#include <cstring>
+
+#include "table/growing_index.h"
+
+namespace {
+
+struct by_address {
+    using record_t = l2fm_edm_mac_t;
+    using key_t = uint64_t;
+
+    static uint64_t key(const uint8_t *mac_addr)
+    {
+        uint32_t high = 0;
+        uint16_t low = 0;
+        std::memcpy(&high, mac_addr, sizeof high);
+        std::memcpy(&low, mac_addr + sizeof high, sizeof low);
+        return uint64_t{high} << 16 | low;
+    }
+
+    static uint64_t key_of(const l2fm_edm_mac_t &mac) { return key(mac.mac_addr); }
+};
+
+// The place of each address holds the head of its chain.
+constinit edm::growing_index<by_address> heads{};
+constinit uint64_t missing = 0;
+
+// One address on very many ports: a search in the ports of one bridge domain is cheaper from here on.
+constexpr uint32_t longest_chain_followed = 64;
+
+constexpr uintptr_t counted_mask = 7;
+static_assert(alignof(l2fm_edm_mac_t) > counted_mask);
+
+l2fm_edm_mac_t *chain_prev(const l2fm_edm_mac_t *mac)
+{
+    return reinterpret_cast<l2fm_edm_mac_t *>(mac->same_addr_prev & ~counted_mask);
+}
+
+void set_chain_prev(l2fm_edm_mac_t *mac, l2fm_edm_mac_t *prev)
+{
+    mac->same_addr_prev = reinterpret_cast<uintptr_t>(prev) | (mac->same_addr_prev & counted_mask);
+}
+
+// A missing entry is its own predecessor, which no entry in a chain is.
+bool is_missing(const l2fm_edm_mac_t *mac)
+{
+    return chain_prev(mac) == mac;
+}
+
+// Puts an entry behind the head of its chain.
+void join_chain(l2fm_edm_mac_t *head, l2fm_edm_mac_t *mac)
+{
+    mac->same_addr_next = head->same_addr_next;
+    set_chain_prev(mac, head);
+    if (mac->same_addr_next != nullptr) {
+        set_chain_prev(mac->same_addr_next, mac);
+    }
+    head->same_addr_next = mac;
+}
+
+// Takes the head of a chain out; its place goes to the next entry, or away.
+void remove_head(l2fm_edm_mac_t *mac)
+{
+    const edm::index_place place = edm::index_find(heads, by_address::key_of(*mac));
+    if (edm::index_record(heads, place) != mac) {
+        return; // was never linked
+    }
+    if (mac->same_addr_next == nullptr) {
+        edm::index_erase(heads, place);
+        return;
+    }
+    set_chain_prev(mac->same_addr_next, nullptr);
+    edm::index_replace(place, mac->same_addr_next);
+}
+
+void remove_behind(l2fm_edm_mac_t *prev, l2fm_edm_mac_t *mac)
+{
+    prev->same_addr_next = mac->same_addr_next;
+    if (mac->same_addr_next != nullptr) {
+        set_chain_prev(mac->same_addr_next, prev);
+    }
+}
+
+uint64_t make_seed()
+{
+    // The load address differs from process to process, the time from start to start.
+    const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+    return (reinterpret_cast<uintptr_t>(&heads) * 0x9e3779b97f4a7c15u ^ static_cast<uint64_t>(now)) | 1;
+}
+
+} // namespace
+
+namespace edm {
+
+uint64_t index_seed()
+{
+    static constinit uint64_t seed = 0;
+    if (seed == 0) {
+        seed = make_seed();
+    }
+    return seed;
+}
+
+void address_index_link(l2fm_edm_mac_t *mac)
+{
+    const index_place place = index_find(heads, by_address::key_of(*mac));
+    if (place) {
+        join_chain(index_record(heads, place), mac);
+    } else if (!index_insert(heads, mac)) {
+        set_chain_prev(mac, mac);
+        missing++;
+    }
+}
+
+void address_index_unlink(l2fm_edm_mac_t *mac)
+{
+    l2fm_edm_mac_t *prev = chain_prev(mac);
+    if (is_missing(mac)) {
+        missing--;
+    } else if (prev != nullptr) {
+        remove_behind(prev, mac);
+    } else {
+        remove_head(mac);
+    }
+    mac->same_addr_next = nullptr;
+    set_chain_prev(mac, nullptr);
+}
+
+void address_index_release()
+{
+    index_release(heads);
+    missing = 0;
+}
+
+address_index_statistics address_index_state()
+{
+    return {heads.live, missing};
+}
+
+address_answer address_index_find(const uint8_t *mac_addr, const l2fm_edm_bp_t *preferred, const l2fm_edm_bd_t *bd)
+{
+    if (missing != 0) {
+        return {false, nullptr};
+    }
+    l2fm_edm_mac_t *mac = index_record(heads, index_find(heads, by_address::key(mac_addr)));
+    l2fm_edm_mac_t *lowest = nullptr;
+    for (uint32_t followed = 0; mac != nullptr; mac = mac->same_addr_next, followed++) {
+        const l2fm_edm_bp_t *bp = mac->bp;
+        if (bp == nullptr || followed == longest_chain_followed) {
+            return {false, nullptr};
+        }
+        if (bp == preferred) {
+            return {true, mac};
+        }
+        if (bd != nullptr && bp->bd == bd && (lowest == nullptr || bp->xcid < lowest->bp->xcid)) {
+            lowest = mac;
+        }
+    }
+    return {true, lowest};
+}
+
+uint32_t counted_as(const l2fm_edm_mac_t *mac)
+{
+    return static_cast<uint32_t>(mac->same_addr_prev & counted_mask);
+}
+
+void set_counted_as(l2fm_edm_mac_t *mac, uint32_t kind)
+{
+    mac->same_addr_prev = (mac->same_addr_prev & ~counted_mask) | (kind & counted_mask);
+}
+
+} // namespace edm

@@ -1,0 +1,283 @@
+// Bridge-port records. The caller holds the table lock, but for l2fm_edm_table_bp_destroy, which takes it.
+//
+// An ordinary port is on the global tree and on its bridge domain's; a dummy port on the latter only. A port is counted
+// from the moment it is on its trees until it is destroyed, by whatever way.
+#include "table/element.h"
+#include "table/object_index.h"
+#include "table/ordering.h"
+#include "table/root.h"
+#include "table/scoped_lock.h"
+#include "table/segment.h"
+#include "table/trace_point.h"
+
+namespace {
+
+using edm::root;
+using edm::to_element;
+
+uint32_t start_tree(ordtree_t *tree, ordtree_compare_fn compare, uint32_t trace_id, const char *step)
+{
+    if (ordtree_running(tree) != 0) {
+        return EDM_ERR_INVALID_ARGS;
+    }
+    const uint32_t status = ordtree_init(tree, 1, nullptr, compare);
+    if (status != 0) {
+        EDM_TRACE_AS(step, trace_id);
+    }
+    return status;
+}
+
+uint32_t l2fm_edm_table_bp_mac_init(l2fm_edm_bp_t *bp)
+{
+    return start_tree(&bp->mac_tree, l2fm_edm_table_mac_addr_cmp, 1938, __func__);
+}
+
+uint32_t l2fm_edm_table_bp_vtep_init(l2fm_edm_bp_t *bp)
+{
+    return start_tree(&bp->vtep_tree, l2fm_edm_table_vtep_addr_cmp, 1968, __func__);
+}
+
+uint32_t free_bp(l2fm_edm_bp_t *bp)
+{
+    return l2fm_edm_table_free(EDM_POOL_BP, to_element(bp));
+}
+
+void destroy_vteps(l2fm_edm_bp_t *bp)
+{
+    if (ordtree_running(&bp->vtep_tree) == 0) {
+        return;
+    }
+    l2fm_edm_vtep_t *vtep = l2fm_edm_table_bp_vtep_get_first(bp);
+    while (vtep != nullptr) {
+        l2fm_edm_vtep_t *next = l2fm_edm_table_bp_vtep_get_next(bp, vtep);
+        l2fm_edm_table_vtep_destroy(vtep, bp);
+        vtep = next;
+    }
+    ordtree_finish(&bp->vtep_tree);
+}
+
+// Undoes l2fm_edm_table_bp_alloc_and_fill.
+void discard_bp(l2fm_edm_bp_t *bp)
+{
+    l2fm_edm_table_bp_mac_table_destroy(bp);
+    destroy_vteps(bp);
+    free_bp(bp);
+}
+
+bool can_hold_ports(const l2fm_edm_bd_t *bd)
+{
+    return ordtree_running(&root.bp_root) != 0 && bd != nullptr && ordtree_running(&bd->bp_tree) != 0;
+}
+
+bool insert_into_bd(l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp)
+{
+    return ordtree_insert(&bd->bp_tree, &to_element(bp)->bd_bp_link) != nullptr;
+}
+
+bool delete_from_bd(l2fm_edm_bp_t *bp)
+{
+    return bp->bd != nullptr && ordtree_running(&bp->bd->bp_tree) != 0
+           && ordtree_delete(&bp->bd->bp_tree, &to_element(bp)->bd_bp_link) != nullptr;
+}
+
+bool delete_from_root(l2fm_edm_bp_t *bp)
+{
+    return ordtree_running(&root.bp_root) != 0 && ordtree_delete(&root.bp_root, &to_element(bp)->bp_link) != nullptr;
+}
+
+bool is_on_a_tree(const l2fm_edm_bp_t *bp)
+{
+    const bp_element *element = to_element(bp);
+    return element->bd_bp_link.place != nullptr || element->bp_link.place != nullptr;
+}
+
+// A port that is complete and on its trees enters the table.
+l2fm_edm_bp_t *enter(l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp)
+{
+    l2fm_edm_table_bp_set_bd(bp, bd);
+    bp->refresh_pending = 0;
+    l2fm_edm_table_cnt_inc(EDM_COUNT_BP);
+    return bp;
+}
+
+// A port that has become or ceased to be of the VXLAN kind: VTEPs are reached on ports of that kind only.
+void follow_kind(l2fm_edm_bp_t *bp)
+{
+    if (bp->bp_type != EDM_BP_TYPE_VXLAN) {
+        destroy_vteps(bp);
+    } else if (ordtree_running(&bp->vtep_tree) == 0) {
+        l2fm_edm_table_bp_vtep_init(bp);
+    }
+}
+
+uint32_t refresh(l2fm_edm_bp_t *bp)
+{
+    const uint32_t status = l2fm_edm_table_bp_fill(bp, bp->xcid);
+    follow_kind(bp);
+    return status;
+}
+
+// Moves a port with its entries. When the new bridge domain cannot take it, the port is left without one.
+uint32_t move(l2fm_edm_bp_t *bp, uint32_t bridge_id)
+{
+    if (!delete_from_bd(bp)) {
+        EDM_TRACE_AS("l2fm_edm_table_bp_update", 1953, bp->xcid, EDM_ERR_INVALID_ARGS);
+        return EDM_ERR_INVALID_ARGS;
+    }
+    l2fm_edm_table_bp_unset_bd(bp);
+    l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_by_bridgeid(bridge_id);
+    if (bd == nullptr || !insert_into_bd(bd, bp)) {
+        return EDM_ERR_INVALID_ARGS;
+    }
+    l2fm_edm_table_bp_set_bd(bp, bd);
+    return 0;
+}
+
+} // namespace
+
+uint32_t l2fm_edm_table_bp_fill(l2fm_edm_bp_t *bp, uint32_t xcid)
+{
+    bp->xcid = xcid;
+    const uint32_t status = edm::read_segment(bp, xcid);
+    if (status != 0) {
+        EDM_TRACE(1940, xcid, status);
+    }
+    return status;
+}
+
+l2fm_edm_bp_t *l2fm_edm_table_bp_alloc_and_fill(l2fm_edm_bd_t *bd, uint32_t xcid, uint32_t fill)
+{
+    auto *bp = edm::to_record<l2fm_edm_bp_t>(l2fm_edm_table_malloc(EDM_POOL_BP));
+    if (bp == nullptr) {
+        EDM_TRACE(1942);
+        return nullptr;
+    }
+    if (fill != 0 && l2fm_edm_table_bp_fill(bp, xcid) != 0) {
+        free_bp(bp);
+        return nullptr;
+    }
+    l2fm_edm_table_bp_set_bd(bp, bd);
+    if (l2fm_edm_table_bp_mac_init(bp) != 0) {
+        free_bp(bp);
+        EDM_TRACE(1938);
+        return nullptr;
+    }
+    if (bp->bp_type == EDM_BP_TYPE_VXLAN && l2fm_edm_table_bp_vtep_init(bp) != 0) {
+        l2fm_edm_table_bp_mac_table_destroy(bp);
+        free_bp(bp);
+        EDM_TRACE(1968);
+        return nullptr;
+    }
+    return bp;
+}
+
+l2fm_edm_bp_t *l2fm_edm_table_bp_create(l2fm_edm_bd_t *bd, uint32_t xcid)
+{
+    if (!can_hold_ports(bd) || xcid == EDM_XCID_NONE || xcid == EDM_XCID_DUMMY) {
+        return nullptr;
+    }
+    l2fm_edm_bp_t *bp = l2fm_edm_table_bp_alloc_and_fill(bd, xcid, 1);
+    if (bp == nullptr) {
+        return nullptr;
+    }
+    if (ordtree_insert(&root.bp_root, &to_element(bp)->bp_link) == nullptr) {
+        discard_bp(bp);
+        return nullptr;
+    }
+    if (!insert_into_bd(bd, bp)) {
+        if (!delete_from_root(bp)) {
+            EDM_TRACE(1954, xcid, EDM_ERR_INVALID_ARGS);
+        }
+        discard_bp(bp);
+        return nullptr;
+    }
+    edm::bp_index_link(bp);
+    return enter(bd, bp);
+}
+
+l2fm_edm_bp_t *l2fm_edm_table_bp_create_dummy(l2fm_edm_bd_t *bd, uint32_t xcid)
+{
+    if (!can_hold_ports(bd)) {
+        return nullptr;
+    }
+    l2fm_edm_bp_t *bp = l2fm_edm_table_bp_alloc_and_fill(bd, xcid, 0);
+    if (bp == nullptr) {
+        return nullptr;
+    }
+    bp->xcid = xcid;
+    if (!insert_into_bd(bd, bp)) {
+        discard_bp(bp);
+        return nullptr;
+    }
+    return enter(bd, bp);
+}
+
+uint32_t l2fm_edm_table_bp_update(l2fm_edm_bp_t *bp, uint32_t bridge_id)
+{
+    if (bp == nullptr || ordtree_running(&root.bp_root) == 0) {
+        return EDM_ERR_INVALID_ARGS;
+    }
+    if (bp->refresh_pending == 0) {
+        return 0;
+    }
+    if (bp->bd == nullptr || ordtree_running(&bp->bd->bp_tree) == 0) {
+        return EDM_ERR_INVALID_ARGS;
+    }
+    const uint32_t status = bp->bd->bridge_id == bridge_id ? refresh(bp) : move(bp, bridge_id);
+    if (status == 0) {
+        bp->refresh_pending = 0;
+    }
+    return status;
+}
+
+uint32_t l2fm_edm_table_bp_destroy(uint32_t xcid)
+{
+    const edm::scoped_lock lock;
+    l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(xcid);
+    if (bp == nullptr) {
+        return 0;
+    }
+    const uint32_t status = l2fm_edm_table_bp_destroy_internal(bp);
+    if (status != 0) {
+        EDM_TRACE(1954, xcid, status);
+    }
+    return status;
+}
+
+uint32_t l2fm_edm_table_bp_destroy_internal(l2fm_edm_bp_t *bp)
+{
+    if (bp == nullptr) {
+        return EDM_ERR_INVALID_ARGS;
+    }
+    const uint32_t xcid = bp->xcid;
+    const bool counted = is_on_a_tree(bp);
+    l2fm_edm_table_bp_mac_table_destroy(bp);
+    destroy_vteps(bp);
+    edm::bp_index_unlink(bp);
+    if (!delete_from_root(bp)) {
+        EDM_TRACE(1954, xcid, EDM_ERR_NOT_FOUND);
+    }
+    if (!delete_from_bd(bp)) {
+        EDM_TRACE(1954, xcid, EDM_ERR_NOT_FOUND);
+    }
+    l2fm_edm_table_bp_unset_bd(bp);
+    free_bp(bp);
+    if (counted) {
+        l2fm_edm_table_cnt_dec(EDM_COUNT_BP);
+    }
+    return 0;
+}
+
+void l2fm_edm_table_bp_mac_table_destroy(l2fm_edm_bp_t *bp)
+{
+    if (bp == nullptr || ordtree_running(&bp->mac_tree) == 0) {
+        return;
+    }
+    l2fm_edm_mac_t *mac = l2fm_edm_table_bp_mac_get_first(bp);
+    while (mac != nullptr) {
+        l2fm_edm_mac_t *next = l2fm_edm_table_bp_mac_get_next(bp, mac);
+        l2fm_edm_table_mac_destroy(mac);
+        mac = next;
+    }
+    ordtree_finish(&bp->mac_tree);
+}

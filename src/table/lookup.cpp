@@ -1,0 +1,352 @@
+// Lookups and ordered iteration. A lookup fills a probe on the stack, of which only the links and the key are looked
+// at; iteration hands the record's own links to the tree.
+#include <cstring>
+
+#include "platform/bounded_copy.h"
+#include "platform/l2fib.h"
+#include "table/address_index.h"
+#include "table/object_index.h"
+#include "table/root.h"
+#include "table/trace_point.h"
+#include "table/tree_access.h"
+
+namespace {
+
+using edm::first;
+using edm::next;
+using edm::root;
+using edm::to_element;
+
+constexpr uint32_t by_name = 0;
+constexpr uint32_t by_bridge_id = 1;
+
+mac_element mac_probe(const uint8_t *mac_addr)
+{
+    mac_element probe{};
+    std::memcpy(probe.record.mac_addr, mac_addr, edm::mac_addr_size);
+    return probe;
+}
+
+bool bd_root_runs()
+{
+    return ordtree_running(&root.bd_root) != 0;
+}
+
+void *entry_of(const ordtree_t *tree, ordtree_link_t *node)
+{
+    return node == nullptr || tree->node_to_entry == nullptr ? node : tree->node_to_entry(node);
+}
+
+bool runs(const ordtree_t *tree)
+{
+    return tree != nullptr && ordtree_running(tree) != 0;
+}
+
+l2fm_edm_mac_t *search_ports_of_bd(const l2fm_edm_bd_t *bd, const uint8_t *mac_addr)
+{
+    l2fm_edm_bp_t *bp = l2fm_edm_table_bd_bp_get_first(bd);
+    for (; bp != nullptr; bp = l2fm_edm_table_bd_bp_get_next(bd, bp)) {
+        if (l2fm_edm_mac_t *mac = l2fm_edm_table_bp_mac_get(&bp->mac_tree, mac_addr)) {
+            return mac;
+        }
+    }
+    return nullptr;
+}
+
+// The entry of the two that has the smaller address; of equal ones the first.
+l2fm_edm_mac_t *smaller_of(l2fm_edm_mac_t *kept, l2fm_edm_mac_t *candidate)
+{
+    if (kept == nullptr || candidate == nullptr) {
+        return kept == nullptr ? candidate : kept;
+    }
+    return std::memcmp(candidate->mac_addr, kept->mac_addr, edm::mac_addr_size) < 0 ? candidate : kept;
+}
+
+} // namespace
+
+void *l2fm_edm_table_get(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index)
+{
+    if (probe == nullptr) {
+        return nullptr;
+    }
+    if (!runs(tree)) {
+        EDM_TRACE(1938);
+        return nullptr;
+    }
+    return entry_of(tree, ordtree_search(tree, probe, index));
+}
+
+void *l2fm_edm_table_get_next(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index)
+{
+    if (probe == nullptr) {
+        return nullptr;
+    }
+    if (!runs(tree)) {
+        EDM_TRACE(1938);
+        return nullptr;
+    }
+    return entry_of(tree, ordtree_get_next(tree, probe, index));
+}
+
+void *l2fm_edm_table_get_first(const ordtree_t *tree, uint32_t index)
+{
+    if (!runs(tree)) {
+        EDM_TRACE(1938);
+        return nullptr;
+    }
+    return entry_of(tree, ordtree_get_first(tree, index));
+}
+
+l2fm_edm_bd_t *l2fm_edm_table_bd_get_by_name(const char *name)
+{
+    if (name == nullptr) {
+        return nullptr;
+    }
+    bd_element probe{};
+    strcpy_s(probe.record.bd_name, sizeof probe.record.bd_name, name);
+    return edm::find<l2fm_edm_bd_t>(&root.bd_root, probe.bd_links, by_name);
+}
+
+l2fm_edm_bd_t *l2fm_edm_table_bd_get_by_bridgeid(uint32_t bridge_id)
+{
+    if (bd_root_runs()) {
+        if (l2fm_edm_bd_t *bd = edm::bd_index_find(bridge_id)) {
+            return bd;
+        }
+    }
+    bd_element probe{};
+    probe.record.bridge_id = bridge_id;
+    return edm::find<l2fm_edm_bd_t>(&root.bd_root, probe.bd_links, by_bridge_id);
+}
+
+l2fm_edm_bd_t *l2fm_edm_table_bd_get_first_by_name(void)
+{
+    return first<l2fm_edm_bd_t>(&root.bd_root, by_name);
+}
+
+l2fm_edm_bd_t *l2fm_edm_table_bd_get_next_by_name(const l2fm_edm_bd_t *bd)
+{
+    return bd == nullptr ? nullptr : next<l2fm_edm_bd_t>(&root.bd_root, to_element(bd)->bd_links, by_name);
+}
+
+l2fm_edm_bd_t *l2fm_edm_table_bd_get_first_by_bridgeid(void)
+{
+    return first<l2fm_edm_bd_t>(&root.bd_root, by_bridge_id);
+}
+
+l2fm_edm_bd_t *l2fm_edm_table_bd_get_next_by_bridgeid(const l2fm_edm_bd_t *bd)
+{
+    return bd == nullptr ? nullptr : next<l2fm_edm_bd_t>(&root.bd_root, to_element(bd)->bd_links, by_bridge_id);
+}
+
+uint32_t l2fm_edm_table_bd_name_to_id(const char *name, uint32_t *bridge_id)
+{
+    if (name == nullptr || bridge_id == nullptr) {
+        return EDM_ERR_NOT_FOUND;
+    }
+    l2fib_ctx_t ctx = nullptr;
+    if (l2fib_get_plat_ctx_by_name(L2FIB_CLASS_BRIDGE_DOMAIN, name, &ctx) != 0
+        || l2fib_access_field(L2FIB_CLASS_BRIDGE_DOMAIN, &ctx, L2FIB_FIELD_BD_ID, bridge_id) != 0) {
+        return EDM_ERR_NOT_FOUND;
+    }
+    return 0;
+}
+
+l2fm_edm_bp_t *l2fm_edm_table_bp_get_by_xcid(uint32_t xcid)
+{
+    if (xcid == EDM_XCID_NONE || xcid == EDM_XCID_DUMMY) {
+        return nullptr;
+    }
+    if (ordtree_running(&root.bp_root) != 0) {
+        if (l2fm_edm_bp_t *bp = edm::bp_index_find(xcid)) {
+            return bp;
+        }
+    }
+    bp_element probe{};
+    probe.record.xcid = xcid;
+    return edm::find<l2fm_edm_bp_t>(&root.bp_root, &probe.bp_link);
+}
+
+l2fm_edm_bp_t *l2fm_edm_table_bp_get_first(void)
+{
+    return first<l2fm_edm_bp_t>(&root.bp_root);
+}
+
+l2fm_edm_bp_t *l2fm_edm_table_bp_get_next(const l2fm_edm_bp_t *bp)
+{
+    return bp == nullptr ? nullptr : next<l2fm_edm_bp_t>(&root.bp_root, &to_element(bp)->bp_link);
+}
+
+l2fm_edm_bp_t *l2fm_edm_table_bd_bp_get(const l2fm_edm_bd_t *bd, uint32_t xcid)
+{
+    if (bd == nullptr) {
+        return nullptr;
+    }
+    bp_element probe{};
+    probe.record.xcid = xcid;
+    return edm::find<l2fm_edm_bp_t>(&bd->bp_tree, &probe.bd_bp_link);
+}
+
+l2fm_edm_bp_t *l2fm_edm_table_bd_bp_get_first(const l2fm_edm_bd_t *bd)
+{
+    return bd == nullptr ? nullptr : first<l2fm_edm_bp_t>(&bd->bp_tree);
+}
+
+l2fm_edm_bp_t *l2fm_edm_table_bd_bp_get_next(const l2fm_edm_bd_t *bd, const l2fm_edm_bp_t *bp)
+{
+    return bd == nullptr || bp == nullptr ? nullptr : next<l2fm_edm_bp_t>(&bd->bp_tree, &to_element(bp)->bd_bp_link);
+}
+
+l2fm_edm_mac_t *l2fm_edm_table_bp_mac_get(const ordtree_t *mac_tree, const uint8_t *mac_addr)
+{
+    if (mac_tree == nullptr || mac_addr == nullptr) {
+        return nullptr;
+    }
+    const mac_element probe = mac_probe(mac_addr);
+    return edm::find<l2fm_edm_mac_t>(mac_tree, &probe.mac_link);
+}
+
+l2fm_edm_mac_t *l2fm_edm_table_bp_macaddr_get_next(const ordtree_t *mac_tree, const uint8_t *mac_addr)
+{
+    if (mac_tree == nullptr || mac_addr == nullptr) {
+        return nullptr;
+    }
+    const mac_element probe = mac_probe(mac_addr);
+    return next<l2fm_edm_mac_t>(mac_tree, &probe.mac_link);
+}
+
+l2fm_edm_mac_t *l2fm_edm_table_bp_mac_get_first(const l2fm_edm_bp_t *bp)
+{
+    return bp == nullptr ? nullptr : first<l2fm_edm_mac_t>(&bp->mac_tree);
+}
+
+l2fm_edm_mac_t *l2fm_edm_table_bp_mac_get_next(const l2fm_edm_bp_t *bp, const l2fm_edm_mac_t *mac)
+{
+    return bp == nullptr || mac == nullptr ? nullptr : next<l2fm_edm_mac_t>(&bp->mac_tree, &to_element(mac)->mac_link);
+}
+
+l2fm_edm_vtep_t *l2fm_edm_table_bp_vtep_get(const ordtree_t *vtep_tree, const uint8_t *vtep_addr)
+{
+    if (vtep_tree == nullptr || vtep_addr == nullptr) {
+        return nullptr;
+    }
+    vtep_element probe{};
+    std::memcpy(probe.record.vtep_addr, vtep_addr, edm::vtep_addr_size);
+    return edm::find<l2fm_edm_vtep_t>(vtep_tree, &probe.vtep_link);
+}
+
+l2fm_edm_vtep_t *l2fm_edm_table_bp_vtep_get_first(const l2fm_edm_bp_t *bp)
+{
+    return bp == nullptr ? nullptr : first<l2fm_edm_vtep_t>(&bp->vtep_tree);
+}
+
+l2fm_edm_vtep_t *l2fm_edm_table_bp_vtep_get_next(const l2fm_edm_bp_t *bp, const l2fm_edm_vtep_t *vtep)
+{
+    return bp == nullptr || vtep == nullptr ? nullptr
+                                            : next<l2fm_edm_vtep_t>(&bp->vtep_tree, &to_element(vtep)->vtep_link);
+}
+
+l2fm_edm_vtep_t *l2fm_edm_table_vtep_lookup(const uint8_t *vtep_addr, const l2fm_edm_bp_t *bp)
+{
+    return bp == nullptr ? nullptr : l2fm_edm_table_bp_vtep_get(&bp->vtep_tree, vtep_addr);
+}
+
+l2fm_edm_mac_t *l2fm_edm_table_mac_get_by_xcid_mac(uint32_t xcid, const uint8_t *mac_addr)
+{
+    const l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(xcid);
+    return bp == nullptr ? nullptr : l2fm_edm_table_bp_mac_get(&bp->mac_tree, mac_addr);
+}
+
+l2fm_edm_mac_t *l2fm_edm_table_bd_mac_get(const l2fm_edm_bd_t *bd, const uint8_t *mac_addr)
+{
+    if (bd == nullptr || mac_addr == nullptr) {
+        return nullptr;
+    }
+    if (runs(&bd->bp_tree)) {
+        const edm::address_answer answer = edm::address_index_find(mac_addr, nullptr, bd);
+        if (answer.known) {
+            return answer.mac;
+        }
+    }
+    return search_ports_of_bd(bd, mac_addr);
+}
+
+l2fm_edm_mac_t *l2fm_edm_table_mac_get_by_bridgeid_mac(uint32_t bridge_id, const uint8_t *mac_addr)
+{
+    if (mac_addr == nullptr) {
+        return nullptr;
+    }
+    if (!bd_root_runs()) {
+        EDM_TRACE(1938);
+        return nullptr;
+    }
+    return l2fm_edm_table_bd_mac_get(l2fm_edm_table_bd_get_by_bridgeid(bridge_id), mac_addr);
+}
+
+l2fm_edm_mac_t *l2fm_edm_table_mac_get_by_bdname_mac(const char *name, const uint8_t *mac_addr)
+{
+    if (name == nullptr || mac_addr == nullptr) {
+        return nullptr;
+    }
+    if (!bd_root_runs()) {
+        EDM_TRACE(1938);
+        return nullptr;
+    }
+    return l2fm_edm_table_bd_mac_get(l2fm_edm_table_bd_get_by_name(name), mac_addr);
+}
+
+l2fm_edm_mac_t *l2fm_edm_table_mac_get_next_by_bdname_mac(const char *name, const uint8_t *mac_addr)
+{
+    if (name == nullptr || mac_addr == nullptr) {
+        return nullptr;
+    }
+    if (!bd_root_runs()) {
+        EDM_TRACE(1938);
+        return nullptr;
+    }
+    const l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_by_name(name);
+    l2fm_edm_mac_t *kept = nullptr;
+    l2fm_edm_bp_t *bp = l2fm_edm_table_bd_bp_get_first(bd);
+    for (; bp != nullptr; bp = l2fm_edm_table_bd_bp_get_next(bd, bp)) {
+        kept = smaller_of(kept, l2fm_edm_table_bp_macaddr_get_next(&bp->mac_tree, mac_addr));
+    }
+    return kept;
+}
+
+l2fm_edm_vtep_t *l2fm_edm_table_vtep_get_by_bridgeid_vtep(uint32_t bridge_id, const uint8_t *vtep_addr)
+{
+    if (vtep_addr == nullptr) {
+        return nullptr;
+    }
+    if (!bd_root_runs()) {
+        EDM_TRACE(1968);
+        return nullptr;
+    }
+    const l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_by_bridgeid(bridge_id);
+    l2fm_edm_bp_t *bp = l2fm_edm_table_bd_bp_get_first(bd);
+    for (; bp != nullptr; bp = l2fm_edm_table_bd_bp_get_next(bd, bp)) {
+        l2fm_edm_vtep_t *vtep = bp->bp_type == EDM_BP_TYPE_VXLAN ? l2fm_edm_table_vtep_lookup(vtep_addr, bp) : nullptr;
+        if (vtep != nullptr) {
+            return vtep;
+        }
+    }
+    return nullptr;
+}
+
+l2fm_edm_mac_t *l2fm_edm_table_mac_lookup(const l2fib_mac_edm_entry_t *entry, const l2fm_edm_bd_t *bd,
+                                          l2fm_edm_bp_t *bp)
+{
+    if (entry == nullptr || bd == nullptr) {
+        return nullptr;
+    }
+    if (runs(&bp->mac_tree) && bd_root_runs()) {
+        const l2fm_edm_bd_t *own_bd =
+            bd->bridge_id == entry->bridge_id ? bd : l2fm_edm_table_bd_get_by_bridgeid(entry->bridge_id);
+        const edm::address_answer answer = edm::address_index_find(entry->mac_addr, bp, own_bd);
+        if (answer.known) {
+            return answer.mac;
+        }
+    }
+    l2fm_edm_mac_t *mac = l2fm_edm_table_bp_mac_get(&bp->mac_tree, entry->mac_addr);
+    return mac != nullptr ? mac : l2fm_edm_table_mac_get_by_bridgeid_mac(entry->bridge_id, entry->mac_addr);
+}

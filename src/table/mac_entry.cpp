@@ -1,0 +1,368 @@
+// MAC entries: creation, update in place or by replacement, eviction, destruction. The caller holds the table lock.
+//
+// What an update does, in this order (first match; "replace" destroys the cached entry and creates a new one):
+//
+//      EDM_MAC_PBB or EDM_MAC_VNI differs               replace: the variant never changes in place
+//      reported as a bridge-domain kind:
+//          either port is not a dummy port              refuse
+//          other bridge id                              create beside the cached entry
+//          reported as fixed                            replace
+//          cached as fixed                              leave as it is
+//          else                                         in place, without stamp and node
+//      ordinary:
+//          bridge id or port differs, not both          replace: the address has moved
+//          else                                         in place
+#include <cstring>
+
+#include "platform/utility.h"
+#include "table/address_index.h"
+#include "table/element.h"
+#include "table/mac_limit.h"
+#include "table/pool.h"
+#include "table/root.h"
+#include "table/shared_cell.h"
+#include "table/trace_point.h"
+
+namespace {
+
+using edm::root;
+using edm::to_element;
+using edm::trace_word;
+
+// ---- Counting ----
+
+// Which flags an entry is counted by, as a number of three bits that the entry remembers.
+constexpr uint32_t kind_static = 1;
+constexpr uint32_t kind_local = 2;
+constexpr uint32_t kind_bridge = 4;
+constexpr uint32_t kinds = 8;
+
+constexpr uint32_t kind_of_flags(uint32_t flags)
+{
+    return ((flags & EDM_MAC_STATIC) != 0 ? kind_static : 0) | ((flags & EDM_MAC_LOCAL) != 0 ? kind_local : 0)
+           | ((flags & (EDM_MAC_BD_OWN | EDM_MAC_BD_40)) != 0 ? kind_bridge : 0);
+}
+
+// How much an entry of a kind adds to each counter; every entry adds one to mac_cnt_total besides.
+struct contribution {
+    bool sum, plain, f2, f4, f60;
+};
+
+constexpr contribution contribution_of(uint32_t kind)
+{
+    const bool is_static = (kind & kind_static) != 0;
+    const bool is_local = (kind & kind_local) != 0;
+    const bool is_plain = !is_static && !is_local;
+    return {
+        .sum = is_static || is_plain,
+        .plain = is_plain,
+        .f2 = is_static,
+        .f4 = is_local,
+        .f60 = (kind & kind_bridge) != 0,
+    };
+}
+
+constexpr contribution contributions[kinds] = {
+    contribution_of(0), contribution_of(1), contribution_of(2), contribution_of(3),
+    contribution_of(4), contribution_of(5), contribution_of(6), contribution_of(7),
+};
+
+void raise(uint32_t &counter, bool by_one)
+{
+    edm::add(counter, by_one ? 1 : 0);
+}
+void lower(uint32_t &counter, bool by_one)
+{
+    edm::add(counter, by_one ? static_cast<uint32_t>(-1) : 0);
+}
+void lower_to_zero(uint32_t &counter, bool by_one)
+{
+    lower(counter, by_one && counter != 0);
+}
+
+void count_kind(l2fm_edm_mac_t *mac, uint32_t kind)
+{
+    const contribution &adds = contributions[kind];
+    raise(root.counters.mac_cnt_sum, adds.sum);
+    raise(root.counters.mac_cnt_plain, adds.plain);
+    raise(root.counters.mac_cnt_f2, adds.f2);
+    raise(root.counters.mac_cnt_f4, adds.f4);
+    raise(root.counters.mac_cnt_f60, adds.f60);
+    edm::set_counted_as(mac, kind);
+}
+
+void uncount_kind(const l2fm_edm_mac_t *mac)
+{
+    const contribution &added = contributions[edm::counted_as(mac)];
+    lower_to_zero(root.counters.mac_cnt_sum, added.sum);
+    lower_to_zero(root.counters.mac_cnt_plain, added.plain);
+    lower_to_zero(root.counters.mac_cnt_f2, added.f2);
+    lower_to_zero(root.counters.mac_cnt_f4, added.f4);
+    lower(root.counters.mac_cnt_f60, added.f60);
+}
+
+void count(l2fm_edm_mac_t *mac)
+{
+    count_kind(mac, kind_of_flags(mac->flags));
+    edm::add(root.counters.mac_cnt_total, 1);
+}
+
+// Takes back what the entry was counted as, which its flags need not tell any more.
+void uncount(const l2fm_edm_mac_t *mac)
+{
+    if (root.counters.mac_cnt_total != 0) {
+        uncount_kind(mac);
+        edm::add(root.counters.mac_cnt_total, static_cast<uint32_t>(-1));
+    }
+}
+
+void recount(l2fm_edm_mac_t *mac)
+{
+    const uint32_t kind = kind_of_flags(mac->flags);
+    if (kind != edm::counted_as(mac)) {
+        uncount_kind(mac);
+        count_kind(mac, kind);
+    }
+}
+
+// ---- Steps of the operations ----
+
+// Traces which entry a point is about, behind one value of its own.
+void trace_entry(const char *operation, uint32_t id, uint32_t value, const l2fib_mac_edm_entry_t *entry)
+{
+    EDM_TRACE_AS(operation, id, value, entry->bridge_id, trace_word(entry->mac_addr), trace_word(entry->mac_addr + 2),
+                 trace_word(entry->mac_addr + 4));
+}
+
+uint32_t node_of(const char *operation, const l2fm_edm_bp_t *bp, const l2fib_mac_edm_entry_t *entry)
+{
+    uint32_t node_id = EDM_NODE_UNKNOWN;
+    uint32_t status = 0;
+    if ((entry->flags & EDM_MAC_OF_THIS_NODE) != 0 || bp->bp_type == EDM_BP_TYPE_PSEUDOWIRE) {
+        status = platform_get_my_nodeid(&node_id);
+    } else if (bp->bp_type == EDM_BP_TYPE_INTERFACE) {
+        status = platform_ifhandle_parse_ifhandle(bp->seg_info1, &node_id);
+    }
+    if (status != 0) {
+        trace_entry(operation, 1958, entry->xcid, entry);
+    }
+    return node_id;
+}
+
+uint32_t make_room(uint32_t limit)
+{
+    return root.counters.mac_cnt_total >= limit ? l2fm_edm_table_mac_destroy_old_mac() : 0;
+}
+
+void register_vtep(const char *operation, const l2fib_mac_edm_entry_t *entry, l2fm_edm_bp_t *bp)
+{
+    if (l2fm_edm_table_vtep_create_modify(entry, bp) != 0) {
+        EDM_TRACE_AS(operation, 1970, bp->xcid);
+    }
+}
+
+// Destroys the cached entry and creates one from the descriptor; the result is the creation's.
+uint32_t replace(const char *operation, l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *entry)
+{
+    const uint32_t xcid = mac->xcid;
+    if (const uint32_t status = l2fm_edm_table_mac_destroy(mac); status != 0) {
+        EDM_TRACE_AS(operation, 1912, xcid, status);
+    }
+    const uint32_t status = l2fm_edm_table_mac_create(bp, entry);
+    if (status != 0) {
+        EDM_TRACE_AS(operation, 1912, xcid, status);
+    }
+    return status;
+}
+
+bool is_on_dummy_port(const l2fm_edm_bp_t *bp)
+{
+    return bp->xcid == EDM_XCID_DUMMY;
+}
+
+void copy_bmac(l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *entry)
+{
+    std::memcpy(edm::bmac_addr(mac), entry->bmac_addr, edm::mac_addr_size);
+}
+
+void update_bd_mac_in_place(l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *entry)
+{
+    if ((mac->flags & entry->flags & EDM_MAC_PBB) != 0) {
+        copy_bmac(mac, entry);
+    }
+    mac->ext_attr = entry->ext_attr;
+    mac->flags = entry->flags;
+    mac->ext_flags = entry->ext_flags;
+    recount(mac);
+}
+
+uint32_t l2fm_edm_table_mac_update_bdmac(l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *entry)
+{
+    if (!is_on_dummy_port(mac->bp) || !is_on_dummy_port(bp)) {
+        trace_entry(__func__, 1966, entry->flags, entry);
+        return EDM_ERR_STOPPED;
+    }
+    if (mac->bridge_id != entry->bridge_id) {
+        const uint32_t status = l2fm_edm_table_mac_create(bp, entry);
+        if (status != 0) {
+            EDM_TRACE(1912, entry->xcid, status);
+        }
+        return status;
+    }
+    if ((entry->flags & EDM_MAC_BD_FIXED) != 0) {
+        return replace(__func__, bp, mac, entry);
+    }
+    if ((mac->flags & EDM_MAC_BD_FIXED) == 0) {
+        update_bd_mac_in_place(mac, entry);
+    }
+    return 0;
+}
+
+void update_in_place(const char *operation, l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *entry)
+{
+    const uint32_t node_id = node_of(operation, bp, entry);
+    if ((entry->flags & EDM_MAC_VNI) != 0) {
+        if (std::memcmp(edm::vtep_addr(mac), entry->vtep_addr, edm::vtep_addr_size) != 0) {
+            std::memcpy(edm::vtep_addr(mac), entry->vtep_addr, edm::vtep_addr_size);
+        }
+        register_vtep(operation, entry, bp);
+    }
+    mac->node_id = node_id;
+    if ((entry->flags & EDM_MAC_PBB) != 0) {
+        copy_bmac(mac, entry);
+    }
+    mac->ext_attr = entry->ext_attr;
+    mac->flags = static_cast<uint16_t>(entry->flags & ~EDM_MAC_STALE);
+    mac->ext_flags = entry->ext_flags;
+    mac->update_stamp = fts_get_stamp_fast();
+    mac->hw_timestamp = entry->hw_timestamp;
+    recount(mac);
+}
+
+// Takes an entry off its port's tree. An entry whose port is not known any more is on none.
+uint32_t delete_from_port(l2fm_edm_mac_t *mac)
+{
+    l2fm_edm_bp_t *bp = mac->bp != nullptr ? mac->bp : l2fm_edm_table_bp_get_by_xcid(mac->xcid);
+    if (bp == nullptr || ordtree_running(&bp->mac_tree) == 0
+        || ordtree_delete(&bp->mac_tree, &to_element(mac)->mac_link) != nullptr) {
+        return 0;
+    }
+    EDM_TRACE_AS("l2fm_edm_table_mac_destroy", 1955, EDM_ERR_INVALID_ARGS);
+    return EDM_ERR_INVALID_ARGS;
+}
+
+} // namespace
+
+l2fm_edm_mac_t *l2fm_edm_table_mac_alloc_and_fill(const l2fib_mac_edm_entry_t *entry)
+{
+    if (entry == nullptr) {
+        return nullptr;
+    }
+    auto *mac = edm::to_record<l2fm_edm_mac_t>(l2fm_edm_table_malloc(edm::pool_of_flags(entry->flags)));
+    if (mac == nullptr) {
+        return nullptr;
+    }
+    mac->flags = entry->flags;
+    mac->ext_flags = entry->ext_flags;
+    mac->bridge_id = entry->bridge_id;
+    mac->node_id = entry->node_id;
+    mac->xcid = entry->xcid;
+    mac->ext_attr = entry->ext_attr;
+    mac->update_stamp = fts_get_stamp_fast();
+    mac->hw_timestamp = entry->hw_timestamp;
+    mac->list_link = {.next = &mac->list_link, .prev = &mac->list_link};
+    std::memcpy(mac->mac_addr, entry->mac_addr, edm::mac_addr_size);
+    if ((entry->flags & EDM_MAC_PBB) != 0) {
+        copy_bmac(mac, entry);
+    }
+    if ((entry->flags & EDM_MAC_VNI) != 0) {
+        std::memcpy(edm::vtep_addr(mac), entry->vtep_addr, edm::vtep_addr_size);
+    }
+    return mac;
+}
+
+uint32_t l2fm_edm_table_mac_create(l2fm_edm_bp_t *bp, const l2fib_mac_edm_entry_t *entry)
+{
+    if (bp == nullptr || ordtree_running(&bp->mac_tree) == 0) {
+        EDM_TRACE(1938);
+        return EDM_ERR_INVALID_ARGS;
+    }
+    const std::optional<uint32_t> limit = edm::mac_limit();
+    if (entry == nullptr || !limit) {
+        EDM_TRACE(1942);
+        return EDM_ERR_NO_RESOURCE;
+    }
+    const uint32_t node_id = node_of(__func__, bp, entry);
+    l2fm_edm_mac_t *mac = make_room(*limit) == 0 ? l2fm_edm_table_mac_alloc_and_fill(entry) : nullptr;
+    if (mac == nullptr) {
+        EDM_TRACE(1942);
+        return EDM_ERR_NO_RESOURCE;
+    }
+    mac->node_id = node_id;
+    const bool inserted = ordtree_insert(&bp->mac_tree, &to_element(mac)->mac_link) != nullptr;
+    l2fm_edm_table_mac_set_bp(mac, bp);
+    if (!inserted) {
+        EDM_TRACE(1911, bp->xcid);
+        EDM_TRACE(1911, EDM_ERR_NO_RESOURCE);
+        l2fib_mac_edm_mac_free(mac);
+        return EDM_ERR_NO_RESOURCE;
+    }
+    edm::address_index_link(mac);
+    l2fm_edm_table_ll_insert(mac);
+    mac->flags = static_cast<uint16_t>(mac->flags & ~EDM_MAC_STALE);
+    count(mac);
+    if ((entry->flags & EDM_MAC_VNI) != 0) {
+        register_vtep(__func__, entry, bp);
+    }
+    return 0;
+}
+
+uint32_t l2fm_edm_table_mac_update(l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *entry)
+{
+    if (mac == nullptr || entry == nullptr || bp == nullptr || mac->bp == nullptr) {
+        return EDM_ERR_INVALID_ARGS;
+    }
+    if (((mac->flags ^ entry->flags) & (EDM_MAC_PBB | EDM_MAC_VNI)) != 0) {
+        return replace(__func__, bp, mac, entry);
+    }
+    if ((entry->flags & EDM_MAC_BD_KINDS) != 0) {
+        return l2fm_edm_table_mac_update_bdmac(bp, mac, entry);
+    }
+    const bool other_bd = mac->bridge_id != entry->bridge_id;
+    const bool other_port = mac->bp->xcid != entry->xcid;
+    if (other_bd != other_port) {
+        return replace(__func__, bp, mac, entry);
+    }
+    update_in_place(__func__, bp, mac, entry);
+    return 0;
+}
+
+uint32_t l2fm_edm_table_mac_destroy(l2fm_edm_mac_t *mac)
+{
+    if (mac == nullptr) {
+        return EDM_ERR_INVALID_ARGS;
+    }
+    l2fm_edm_table_ll_remove(mac);
+    edm::address_index_unlink(mac);
+    const uint32_t status = delete_from_port(mac);
+    uncount(mac);
+    l2fib_mac_edm_mac_free(mac);
+    return status;
+}
+
+uint32_t l2fm_edm_table_mac_destroy_old_mac(void)
+{
+    l2fm_edm_ll_root_t &list = root.ll_root;
+    if (list.ll_count == 0) {
+        return EDM_ERR_NOT_FOUND;
+    }
+    return l2fm_edm_table_mac_destroy(edm::mac_of_list_link(list.ll_last));
+}
+
+void l2fib_mac_edm_mac_free(l2fm_edm_mac_t *mac)
+{
+    if (mac != nullptr) {
+        l2fm_edm_table_mac_unset_bp(mac);
+        l2fm_edm_table_free(edm::pool_of_flags(mac->flags), to_element(mac));
+    }
+}

@@ -1,0 +1,68 @@
+#include "table/object_index.h"
+
+#include <array>
+
+#include "table/growing_index.h"
+
+namespace {
+
+struct by_xcid {
+    using record_t = l2fm_edm_bp_t;
+    using key_t = uint32_t;
+    static uint32_t key_of(const l2fm_edm_bp_t &bp) { return bp.xcid; }
+};
+
+// Bridge ids are 16 bits wide, so a plain array holds them all; untouched pages of it cost nothing.
+constinit std::array<l2fm_edm_bd_t *, 65536> bd_by_id{};
+constinit edm::growing_index<by_xcid> bp_by_xcid{};
+
+} // namespace
+
+namespace edm {
+
+void bd_index_link(l2fm_edm_bd_t *bd)
+{
+    if (bd->bridge_id < bd_by_id.size()) {
+        bd_by_id[bd->bridge_id] = bd;
+    }
+}
+
+void bd_index_unlink(const l2fm_edm_bd_t *bd)
+{
+    if (bd_index_find(bd->bridge_id) == bd) {
+        bd_by_id[bd->bridge_id] = nullptr;
+    }
+}
+
+l2fm_edm_bd_t *bd_index_find(uint32_t bridge_id)
+{
+    return bridge_id < bd_by_id.size() ? bd_by_id[bridge_id] : nullptr;
+}
+
+void bp_index_link(l2fm_edm_bp_t *bp)
+{
+    if (bp_index_find(bp->xcid) == nullptr) {
+        index_insert(bp_by_xcid, bp);
+    }
+}
+
+void bp_index_unlink(const l2fm_edm_bp_t *bp)
+{
+    const index_place place = index_find(bp_by_xcid, bp->xcid);
+    if (index_record(bp_by_xcid, place) == bp) {
+        index_erase(bp_by_xcid, place);
+    }
+}
+
+l2fm_edm_bp_t *bp_index_find(uint32_t xcid)
+{
+    return index_record(bp_by_xcid, index_find(bp_by_xcid, xcid));
+}
+
+void object_index_release()
+{
+    bd_by_id.fill(nullptr);
+    index_release(bp_by_xcid);
+}
+
+} // namespace edm

@@ -1,0 +1,22 @@
+// Short cuts to bridge domains by id and to ports by xcid, for the feed: one access instead of a search.
+//
+// They are hints beside the trees: a record that is not here may still be in its tree, so null means "search", and who
+// takes a record out of its tree takes it out here. The caller holds the table lock.
+#pragma once
+
+#include "l2fm_edm_table.h"
+
+namespace edm {
+
+void bd_index_link(l2fm_edm_bd_t *bd);
+void bd_index_unlink(const l2fm_edm_bd_t *bd);
+l2fm_edm_bd_t *bd_index_find(uint32_t bridge_id);
+
+void bp_index_link(l2fm_edm_bp_t *bp);
+void bp_index_unlink(const l2fm_edm_bp_t *bp);
+l2fm_edm_bp_t *bp_index_find(uint32_t xcid);
+
+// Gives all memory back and forgets every record.
+void object_index_release();
+
+} // namespace edm

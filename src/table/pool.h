@@ -1,0 +1,26 @@
+// Which pool a MAC entry comes from and goes back to. The caller holds the table lock.
+#pragma once
+
+#include "l2fm_edm_table.h"
+
+namespace edm {
+
+struct mac_variant {
+    uint16_t flag; // chooses the variant
+    uint32_t pool;
+};
+
+// In order of preference: an entry with both flags is a PBB entry.
+constexpr mac_variant mac_variants[] = {{EDM_MAC_PBB, EDM_POOL_MAC_PBB}, {EDM_MAC_VNI, EDM_POOL_MAC_VNI}};
+
+constexpr uint32_t pool_of_flags(uint32_t flags)
+{
+    for (const mac_variant &variant : mac_variants) {
+        if ((flags & variant.flag) != 0) {
+            return variant.pool;
+        }
+    }
+    return EDM_POOL_MAC;
+}
+
+} // namespace edm

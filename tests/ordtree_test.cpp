@@ -1,0 +1,518 @@
+// The host's ordered tree against a plain reference, with the tree's own audit after every few steps.
+
+#include "host/ordtree_audit.h"
+#include "platform/ordtree.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace {
+
+struct record {
+    ordtree_link_t links[2];
+    std::uint8_t address[6];
+    std::uint32_t id;
+};
+
+thread_local std::uint64_t comparator_calls;
+
+// Comparators that differ in nothing but whether their keys are described.
+template <bool Described>
+std::uint32_t by_address(const ordtree_link_t *first, const ordtree_link_t *second)
+{
+    ++comparator_calls;
+    const auto *const a = reinterpret_cast<const record *>(first);
+    const auto *const b = reinterpret_cast<const record *>(second);
+    const int order = std::memcmp(a->address, b->address, sizeof a->address);
+    return order < 0 ? ORDTREE_LESS : order == 0 ? ORDTREE_EQUAL : ORDTREE_GREATER;
+}
+
+template <bool Described>
+std::uint32_t by_id(const ordtree_link_t *first, const ordtree_link_t *second)
+{
+    ++comparator_calls;
+    const std::uint32_t a = reinterpret_cast<const record *>(first - 1)->id;
+    const std::uint32_t b = reinterpret_cast<const record *>(second - 1)->id;
+    return a < b ? ORDTREE_LESS : a == b ? ORDTREE_EQUAL : ORDTREE_GREATER;
+}
+
+struct kind {
+    bool described;
+    std::uint32_t index_count;
+};
+
+constexpr kind kinds[] = {{true, 1}, {false, 1}, {true, 2}, {false, 2}};
+
+std::uint32_t init(ordtree_t &tree, kind of)
+{
+    ordtree_describe_key(by_address<true>, offsetof(record, address), 6, ORDTREE_KEY_BYTES);
+    ordtree_describe_key(by_id<true>, offsetof(record, id) - sizeof(ordtree_link_t), 4, ORDTREE_KEY_U32);
+    return of.described ? ordtree_init(&tree, of.index_count, nullptr, by_address<true>, by_id<true>)
+                        : ordtree_init(&tree, of.index_count, nullptr, by_address<false>, by_id<false>);
+}
+
+// The address is the number in network order; ids run the other way, so that the two orders differ.
+void set_keys(record &of, std::uint32_t number)
+{
+    std::memset(of.address, 0xfe, sizeof of.address);
+    for (unsigned i = 5; i >= 2; --i) {
+        of.address[i] = static_cast<std::uint8_t>(number >> (8 * (5 - i)));
+    }
+    of.id = ~number;
+}
+
+std::uint32_t key_on(const record &of, std::uint32_t index)
+{
+    return index == 0 ? ~of.id : of.id;
+}
+
+record *entry(ordtree_link_t *node)
+{
+    return reinterpret_cast<record *>(node);
+}
+
+bool is_out(const record &of)
+{
+    return of.links[0].place == nullptr && of.links[1].place == nullptr;
+}
+
+// ORDTREE_SEED repeats a run.
+std::uint32_t seed()
+{
+    const char *const given = std::getenv("ORDTREE_SEED");
+    static const std::uint32_t value =
+        given != nullptr ? static_cast<std::uint32_t>(std::strtoul(given, nullptr, 0)) : std::random_device{}();
+    return value;
+}
+
+#define TRACE_SEED() SCOPED_TRACE("ORDTREE_SEED=" + std::to_string(seed()))
+#define ASSERT_SOUND(tree) ASSERT_STREQ(ordtree_audit(&(tree)), nullptr)
+
+std::vector<record> numbered_records(std::uint32_t count)
+{
+    std::vector<record> records(count);
+    for (std::uint32_t i = 0; i < count; ++i) {
+        set_keys(records[i], i * 3);
+    }
+    return records;
+}
+
+class reference {
+public:
+    using map = std::map<std::uint32_t, record *>;
+    map by_key[2];
+
+    record *find(std::uint32_t index, std::uint32_t key) const { return at(index, by_key[index].find(key)); }
+    record *next(std::uint32_t index, std::uint32_t key) const { return at(index, by_key[index].upper_bound(key)); }
+    record *first(std::uint32_t index) const { return at(index, by_key[index].begin()); }
+    void insert(record &of)
+    {
+        by_key[0][key_on(of, 0)] = &of;
+        by_key[1][key_on(of, 1)] = &of;
+    }
+    void erase(const record &of)
+    {
+        by_key[0].erase(key_on(of, 0));
+        by_key[1].erase(key_on(of, 1));
+    }
+
+private:
+    record *at(std::uint32_t index, map::const_iterator where) const
+    {
+        return where == by_key[index].end() ? nullptr : where->second;
+    }
+};
+
+// A tree, its reference and a tree of the same shape whose records serve as foreign probes.
+class model : public ::testing::TestWithParam<kind> {
+protected:
+    static constexpr std::uint32_t key_count = 6000;
+
+    void SetUp() override
+    {
+        ASSERT_EQ(init(tree, GetParam()), 0U);
+        ASSERT_EQ(init(other, GetParam()), 0U);
+        for (std::uint32_t i = 0; i < key_count; i += 7) {
+            foreign.emplace_back(std::make_unique<record>());
+            set_keys(*foreign.back(), i);
+            ASSERT_NE(ordtree_insert(&other, foreign.back()->links), nullptr);
+        }
+        std::generate(pool.begin(), pool.end(), [i = 0U]() mutable {
+            record made{};
+            set_keys(made, i++ % key_count); // two records of each key
+            return made;
+        });
+    }
+
+    void TearDown() override
+    {
+        ordtree_finish(&tree);
+        ordtree_finish(&other);
+        EXPECT_EQ(ordtree_memory().nodes, 0U);
+    }
+
+    void change(record &of)
+    {
+        if (expected.find(0, key_on(of, 0)) == &of) {
+            EXPECT_EQ(ordtree_insert(&tree, of.links), nullptr);
+            EXPECT_EQ(ordtree_delete(&tree, of.links), of.links);
+            EXPECT_TRUE(is_out(of));
+            expected.erase(of);
+        } else if (expected.find(0, key_on(of, 0)) != nullptr) {
+            EXPECT_EQ(ordtree_insert(&tree, of.links), nullptr);
+            EXPECT_EQ(ordtree_delete(&tree, of.links), nullptr);
+            EXPECT_TRUE(is_out(of));
+        } else {
+            EXPECT_EQ(ordtree_delete(&tree, of.links), nullptr);
+            EXPECT_EQ(ordtree_insert(&tree, of.links), of.links);
+            expected.insert(of);
+        }
+    }
+
+    void query(const record &probe)
+    {
+        for (std::uint32_t index = 0; index < tree.index_count; ++index) {
+            const std::uint32_t key = key_on(probe, index);
+            EXPECT_EQ(entry(ordtree_search(&tree, probe.links, index)), expected.find(index, key));
+            EXPECT_EQ(entry(ordtree_get_next(&tree, probe.links, index)), expected.next(index, key));
+            EXPECT_EQ(entry(ordtree_get_first(&tree, index)), expected.first(index));
+        }
+    }
+
+    ordtree_t tree{};
+    ordtree_t other{};
+    std::vector<std::unique_ptr<record>> foreign;
+    std::array<record, std::size_t{key_count} * 2> pool{};
+    reference expected;
+};
+
+TEST_P(model, agrees_with_the_reference)
+{
+    TRACE_SEED();
+    std::mt19937 random(seed());
+    for (unsigned step = 0; step < 30000; ++step) {
+        // The share of keys in use wanders, so that the tree grows and shrinks by whole levels.
+        const std::size_t window = step % 10000 < 6000 ? pool.size() : pool.size() / 100;
+        record &one = pool[random() % window];
+        change(one);
+        record probe{};
+        set_keys(probe, static_cast<std::uint32_t>(random() % key_count));
+        query(probe);
+        query(one);
+        query(*foreign[random() % foreign.size()]);
+        if (step % 199 == 0) {
+            ASSERT_SOUND(tree);
+        }
+        ASSERT_EQ(tree.record_count, expected.by_key[0].size());
+        ASSERT_FALSE(HasFailure()) << "step " << step;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(ordtree, model, ::testing::ValuesIn(kinds));
+
+using sequence = std::vector<std::uint32_t>;
+
+sequence ascending(std::uint32_t count)
+{
+    sequence made(count);
+    std::generate(made.begin(), made.end(), [i = 0U]() mutable { return i++; });
+    return made;
+}
+
+sequence descending(std::uint32_t count)
+{
+    sequence made = ascending(count);
+    std::reverse(made.begin(), made.end());
+    return made;
+}
+
+sequence from_the_middle(std::uint32_t count)
+{
+    sequence made = ascending(count);
+    std::sort(made.begin(), made.end(), [count](std::uint32_t a, std::uint32_t b) {
+        const auto distance = [count](std::uint32_t of) {
+            return of < count / 2 ? count - 2 * of : 2 * of - count + 1;
+        };
+        return distance(a) < distance(b);
+    });
+    return made;
+}
+
+sequence shuffled(std::uint32_t count)
+{
+    sequence made = ascending(count);
+    std::shuffle(made.begin(), made.end(), std::mt19937(seed()));
+    return made;
+}
+
+TEST(ordtree, survives_every_order_of_insertion_and_deletion)
+{
+    TRACE_SEED();
+    constexpr std::uint32_t count = 9000; // three levels
+    constexpr std::array<sequence (*)(std::uint32_t), 4> orders = {ascending, descending, from_the_middle, shuffled};
+    auto records = numbered_records(count);
+    for (const kind &of : kinds) {
+        for (const auto insertion : orders) {
+            for (const auto deletion : orders) {
+                ordtree_t tree{};
+                ASSERT_EQ(init(tree, of), 0U);
+                for (const std::uint32_t i : insertion(count)) {
+                    ASSERT_NE(ordtree_insert(&tree, records[i].links), nullptr);
+                }
+                ASSERT_SOUND(tree);
+                for (const std::uint32_t i : deletion(count)) {
+                    ASSERT_NE(ordtree_delete(&tree, records[i].links), nullptr);
+                    if (tree.record_count % 997 == 0) {
+                        ASSERT_SOUND(tree);
+                    }
+                }
+                EXPECT_EQ(ordtree_memory().nodes, 0U);
+                ordtree_finish(&tree);
+            }
+        }
+    }
+}
+
+TEST(ordtree, walks_without_a_search_and_while_its_records_leave)
+{
+    constexpr std::uint32_t count = 5000;
+    auto records = numbered_records(count);
+    for (const kind &of : kinds) {
+        ordtree_t tree{};
+        ASSERT_EQ(init(tree, of), 0U);
+        for (const std::uint32_t i : shuffled(count)) {
+            ASSERT_NE(ordtree_insert(&tree, records[i].links), nullptr);
+        }
+        for (std::uint32_t index = 0; index < of.index_count; ++index) {
+            comparator_calls = 0;
+            std::uint32_t visited = 0;
+            for (auto *at = ordtree_get_first(&tree, index); at != nullptr; at = ordtree_get_next(&tree, at, index)) {
+                ASSERT_EQ(entry(at), &records[index == 0 ? visited : count - 1 - visited]);
+                ++visited;
+            }
+            EXPECT_EQ(visited, count);
+            for (record &each : records) { // not in walking order
+                const record *const neighbour = index == 0 ? &each + 1 : &each - 1;
+                const bool last = &each == (index == 0 ? &records.back() : &records.front());
+                ASSERT_EQ(entry(ordtree_get_next(&tree, each.links, index)), last ? nullptr : neighbour);
+            }
+            EXPECT_EQ(comparator_calls, 0U);
+        }
+        // Every third record stays on the first round, as after a sweep.
+        for (const unsigned kept : {3U, 0U}) {
+            unsigned visited = 0;
+            ordtree_link_t *next = nullptr;
+            for (auto *at = ordtree_get_first(&tree, 0); at != nullptr; at = next) {
+                next = ordtree_get_next(&tree, at, 0);
+                if (kept == 0 || visited++ % kept != 0) {
+                    ASSERT_NE(ordtree_delete(&tree, at), nullptr);
+                }
+            }
+            ASSERT_SOUND(tree);
+        }
+        EXPECT_EQ(tree.record_count, 0U);
+        ordtree_finish(&tree);
+    }
+}
+
+TEST(ordtree, inserts_into_all_indexes_or_none)
+{
+    TRACE_SEED();
+    for (const kind &of : kinds) {
+        auto records = numbered_records(6000);
+        ordtree_t tree{};
+        ASSERT_EQ(init(tree, of), 0U);
+        unsigned refusals = 0;
+        for (const std::uint32_t i : shuffled(static_cast<std::uint32_t>(records.size()))) {
+            const auto before = ordtree_memory().nodes;
+            for (std::size_t limit = std::max<std::size_t>(before, 1);; ++limit) {
+                ordtree_set_node_limit(limit);
+                if (ordtree_insert(&tree, records[i].links) != nullptr) {
+                    break;
+                }
+                ++refusals;
+                ASSERT_TRUE(is_out(records[i]));
+                ASSERT_EQ(ordtree_memory().nodes, before);
+                ASSERT_EQ(ordtree_search(&tree, records[i].links, of.index_count - 1), nullptr);
+                ASSERT_SOUND(tree);
+                ASSERT_LE(limit, before + 8);
+            }
+        }
+        ordtree_set_node_limit(0);
+        EXPECT_GT(refusals, 100U);
+        ASSERT_SOUND(tree);
+
+        // A key that is taken in the second index only.
+        record half{};
+        set_keys(half, 1);
+        half.id = records[17].id;
+        EXPECT_EQ(ordtree_insert(&tree, half.links) == nullptr, of.index_count == 2);
+        EXPECT_EQ(is_out(half), of.index_count == 2);
+        ASSERT_SOUND(tree);
+        ordtree_finish(&tree);
+        EXPECT_EQ(ordtree_memory().nodes, 0U);
+    }
+}
+
+TEST(ordtree, examines_any_link_without_harm)
+{
+    auto records = numbered_records(500);
+    ordtree_t tree{};
+    ordtree_t gone{};
+    ASSERT_EQ(init(tree, {true, 2}), 0U);
+    ASSERT_EQ(init(gone, {true, 2}), 0U);
+    record dangling{};
+    ASSERT_NE(ordtree_insert(&gone, dangling.links), nullptr);
+    ordtree_finish(&gone);
+    for (record &each : records) {
+        ASSERT_NE(ordtree_insert(&tree, each.links), nullptr);
+    }
+    void *const leaf = records[100].links[0].place;
+    void *const wild[] = {&tree,
+                          leaf,
+                          static_cast<char *>(leaf) + 8,
+                          records[100].links[1].place,
+                          tree.index[0].root,
+                          dangling.links[0].place,
+                          reinterpret_cast<void *>(std::uintptr_t{1}),
+                          reinterpret_cast<void *>(~std::uintptr_t{0}),
+                          reinterpret_cast<void *>(reinterpret_cast<std::uintptr_t>(leaf) & ~std::uintptr_t{0x1fffff})};
+    for (void *const place : wild) {
+        record probe{};
+        set_keys(probe, 100 * 3 + 1);
+        probe.links[0].place = probe.links[1].place = place;
+        EXPECT_EQ(ordtree_delete(&tree, probe.links), nullptr);
+        EXPECT_EQ(probe.links[0].place, place) << "refused, so not to be touched";
+        EXPECT_EQ(entry(ordtree_get_next(&tree, probe.links, 0)), &records[101]);
+        EXPECT_EQ(entry(ordtree_get_next(&tree, probe.links, 1)), &records[100]);
+        EXPECT_EQ(ordtree_search(&tree, probe.links, 0), nullptr);
+        EXPECT_EQ(ordtree_insert(&tree, probe.links), probe.links) << "it is in no tree";
+        EXPECT_EQ(ordtree_delete(&tree, probe.links), probe.links);
+    }
+    // A copy of a record with its links, and a record whose key was changed under the tree.
+    record copy = records[7];
+    EXPECT_EQ(entry(ordtree_get_next(&tree, copy.links, 0)), &records[8]);
+    EXPECT_EQ(ordtree_delete(&tree, copy.links), nullptr);
+    ASSERT_SOUND(tree);
+    set_keys(records[7], 1000000);
+    EXPECT_STREQ(ordtree_audit(&tree), "a key word is not that of its record");
+    EXPECT_NE(ordtree_delete(&tree, records[7].links), nullptr);
+    ASSERT_SOUND(tree);
+
+    // A record of another tree is refused, and stays where it is.
+    ASSERT_EQ(init(gone, {true, 2}), 0U);
+    EXPECT_EQ(ordtree_insert(&gone, records[9].links), nullptr);
+    EXPECT_EQ(ordtree_delete(&gone, records[9].links), nullptr);
+    ASSERT_SOUND(tree);
+    ordtree_finish(&gone);
+    ordtree_finish(&tree);
+}
+
+void *to_entry(ordtree_link_t *node)
+{
+    return node;
+}
+
+TEST(ordtree, refuses_what_it_cannot_start)
+{
+    ordtree_t tree{};
+    EXPECT_NE(ordtree_init(nullptr, 1, nullptr, by_address<false>), 0U);
+    EXPECT_NE(ordtree_init(&tree, 0, nullptr), 0U);
+    EXPECT_NE(ordtree_init(&tree, 3, nullptr, by_address<false>, by_id<false>, by_id<false>), 0U);
+    EXPECT_NE(ordtree_init(&tree, 2, nullptr, by_address<false>, ordtree_compare_fn{nullptr}), 0U);
+    EXPECT_EQ(ordtree_running(&tree), 0U);
+
+    record one{};
+    EXPECT_EQ(ordtree_insert(&tree, one.links), nullptr);
+    EXPECT_EQ(ordtree_get_first(&tree, 0), nullptr);
+    EXPECT_EQ(ordtree_get_next(&tree, one.links, 0), nullptr);
+
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_EQ(ordtree_init(&tree, 1, to_entry, by_address<false>), 0U);
+        EXPECT_NE(ordtree_init(&tree, 1, nullptr, by_id<false>), 0U) << "it runs already";
+        EXPECT_EQ(tree.node_to_entry, to_entry);
+        EXPECT_NE(ordtree_running(&tree), 0U);
+        EXPECT_EQ(ordtree_insert(&tree, nullptr), nullptr);
+        ASSERT_NE(ordtree_insert(&tree, one.links), nullptr);
+        EXPECT_EQ(ordtree_search(&tree, one.links, 1), nullptr) << "there is one index only";
+        EXPECT_EQ(ordtree_search(&tree, nullptr, 0), nullptr);
+        EXPECT_NE(ordtree_delete(&tree, one.links), nullptr);
+        ordtree_finish(&tree);
+        EXPECT_EQ(ordtree_running(&tree), 0U);
+    }
+}
+
+struct wide_key {
+    ordtree_link_t link;
+    std::uint8_t key[8];
+};
+
+template <unsigned Width>
+std::uint32_t by_bytes(const ordtree_link_t *first, const ordtree_link_t *second)
+{
+    ++comparator_calls;
+    const int order = std::memcmp(first + 1, second + 1, Width);
+    return order < 0 ? ORDTREE_LESS : order == 0 ? ORDTREE_EQUAL : ORDTREE_GREATER;
+}
+
+TEST(ordtree, orders_described_bytes_of_any_width_as_the_comparator_does)
+{
+    TRACE_SEED();
+    std::mt19937_64 random(seed());
+    constexpr std::array<ordtree_compare_fn, 8> comparators = {by_bytes<1>, by_bytes<2>, by_bytes<3>, by_bytes<4>,
+                                                               by_bytes<5>, by_bytes<6>, by_bytes<7>, by_bytes<8>};
+    for (std::uint32_t width = 1; width <= comparators.size(); ++width) {
+        ordtree_describe_key(comparators[width - 1], sizeof(ordtree_link_t), width, ORDTREE_KEY_BYTES);
+        ordtree_describe_key(comparators[width - 1], 0, 9, ORDTREE_KEY_BYTES); // makes no sense
+        ordtree_t tree{};
+        ASSERT_EQ(ordtree_init(&tree, 1, nullptr, comparators[width - 1]), 0U);
+        std::vector<wide_key> keys(300);
+        comparator_calls = 0;
+        for (wide_key &each : keys) {
+            const std::uint64_t key = random();
+            std::memcpy(each.key, &key, sizeof key);
+            ordtree_insert(&tree, &each.link); // some of the short ones occur twice
+        }
+        EXPECT_EQ(comparator_calls, 0U);
+        EXPECT_GT(tree.record_count, 100U);
+        ASSERT_SOUND(tree);
+        ordtree_finish(&tree);
+    }
+}
+
+TEST(ordtree, lets_trees_of_different_threads_grow_at_once)
+{
+    const auto grow_and_shrink = [] {
+        auto records = numbered_records(4000);
+        for (int round = 0; round < 4; ++round) {
+            ordtree_t tree{};
+            ASSERT_EQ(init(tree, {true, 2}), 0U);
+            for (const std::uint32_t i : shuffled(4000)) {
+                ASSERT_NE(ordtree_insert(&tree, records[i].links), nullptr);
+            }
+            ASSERT_SOUND(tree);
+            for (record &each : records) {
+                ASSERT_NE(ordtree_delete(&tree, each.links), nullptr);
+            }
+            ordtree_finish(&tree);
+        }
+    };
+    std::thread first(grow_and_shrink);
+    std::thread second(grow_and_shrink);
+    first.join();
+    second.join();
+    EXPECT_EQ(ordtree_memory().nodes, 0U);
+    EXPECT_LE(ordtree_memory().mapped_bytes, std::size_t{2} << 20);
+}
+
+} // namespace
