@@ -20,8 +20,6 @@
 
 namespace {
 
-using host::event_manager_state;
-
 struct directory {
     std::mutex mutex;
     std::condition_variable changed;

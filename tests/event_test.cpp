@@ -2,11 +2,14 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <future>
 #include <gtest/gtest.h>
+#include <memory>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -21,12 +24,24 @@ using test::serve_one;
 
 constexpr uint64_t millisecond = 1'000'000;
 
+uint64_t now_ns()
+{
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<uint64_t>(std::chrono::nanoseconds(now).count());
+}
+
 void count(void *cookie)
 {
     ++*static_cast<std::atomic<int> *>(cookie);
 }
 
 void nothing(void *) {}
+
+void read_counter(void *, int fd, uint32_t)
+{
+    uint64_t value = 0;
+    eventfd_read(fd, &value);
+}
 
 // A manager of the test's own thread, served by hand.
 struct own_manager {
@@ -146,9 +161,7 @@ TEST(EventManager, EndDropsWhatIsQueuedAndRefusesTheRest)
     EXPECT_EQ(event_block(&record), -1);
     EXPECT_EQ(errno, ESHUTDOWN);
     EXPECT_EQ(host::event_post(own.evm, count, count, &run), ESHUTDOWN);
-    EXPECT_EQ(host::event_fd_attach(
-                  own.evm, ready.fd, EPOLLIN, [](void *, int, uint32_t) {}, nullptr, &handle),
-              ESHUTDOWN);
+    EXPECT_EQ(host::event_fd_attach(own.evm, ready.fd, EPOLLIN, read_counter, nullptr, &handle), ESHUTDOWN);
     EXPECT_EQ(host::event_timer_attach(own.evm, 0, 0, nothing, nullptr, &handle), ESHUTDOWN);
     EXPECT_EQ(event_message_attach(
                   own.evm, &filter, [](const event_message_t *) {}, 0),
@@ -322,29 +335,38 @@ TEST(EventDescriptor, IsServedWhileAttached)
 
 TEST(EventTimer, FiresInTheOrderOfTimes)
 {
-    const own_manager own;
-    std::vector<int> fired;
     struct entry {
-        std::vector<int> *fired;
-        int number;
+        uint64_t earliest; // by when it was due: the attachment took its time
+        uint64_t latest;
+        uint32_t timer;
+        std::vector<const entry *> *fired;
+
+        static void fire(void *cookie)
+        {
+            const auto *const self = static_cast<const entry *>(cookie);
+            EXPECT_GE(now_ns(), self->earliest);
+            self->fired->push_back(self);
+        }
     };
-    entry entries[] = {{&fired, 0}, {&fired, 1}, {&fired, 2}, {&fired, 3}, {&fired, 4}};
-    const uint64_t delays[] = {3 * millisecond, millisecond, UINT64_MAX, 0, 2 * millisecond};
-    uint32_t timers[5] = {};
-    const auto handler = [](void *cookie) {
-        const auto *const mine = static_cast<const entry *>(cookie);
-        mine->fired->push_back(mine->number);
-    };
-    for (size_t i = 0; i < 5; ++i) {
-        ASSERT_EQ(host::event_timer_attach(own.evm, delays[i], 0, handler, &entries[i], &timers[i]), 0u);
+    const own_manager own;
+    std::vector<const entry *> fired;
+    const uint64_t delays[] = {5 * millisecond, UINT64_MAX, millisecond, 0, 3 * millisecond, millisecond};
+    entry entries[std::size(delays)] = {};
+    for (size_t i = 0; i < std::size(delays); ++i) {
+        entries[i].fired = &fired;
+        entries[i].earliest = now_ns() + delays[i];
+        ASSERT_EQ(host::event_timer_attach(own.evm, delays[i], 0, entry::fire, &entries[i], &entries[i].timer), 0u);
+        entries[i].latest = now_ns() + delays[i];
     }
-    EXPECT_EQ(host::event_timer_cancel(own.evm, timers[4]), 0u);
-    while (fired.size() < 3) {
+    EXPECT_EQ(host::event_timer_cancel(own.evm, entries[4].timer), 0u);
+    while (fired.size() < 4) {
         ASSERT_EQ(serve_one(own.evm), 0);
     }
-    EXPECT_EQ(fired, (std::vector{3, 1, 0}));
-    EXPECT_EQ(host::event_timer_cancel(own.evm, timers[3]), EINVAL); // has fired
-    EXPECT_EQ(host::event_timer_cancel(own.evm, timers[2]), 0u);
+    for (size_t i = 1; i < fired.size(); ++i) {
+        EXPECT_LE(fired[i - 1]->earliest, fired[i]->latest);
+    }
+    EXPECT_EQ(host::event_timer_cancel(own.evm, entries[3].timer), EINVAL); // has fired
+    EXPECT_EQ(host::event_timer_cancel(own.evm, entries[1].timer), 0u);
 }
 
 TEST(EventTimer, PeriodsMissedAreOneCallAndCancelIsAtOnce)
@@ -367,15 +389,17 @@ TEST(EventTimer, PeriodsMissedAreOneCallAndCancelIsAtOnce)
     EXPECT_EQ(calls, 2);
 }
 
-// Managers come and go on one path while other threads post and set timers: what was accepted is run or dropped.
+// Managers come and go on one path while other threads post and attach: what was accepted is run or dropped.
 TEST(EventStress, NothingAcceptedIsLost)
 {
     std::atomic<bool> over = false;
     std::atomic<int> accepted = 0;
     std::atomic<int> done = 0;
     std::vector<std::thread> threads;
+    threads.reserve(3);
     for (int i = 0; i < 3; ++i) {
         threads.emplace_back([&] {
+            const ready_descriptor ready;
             while (!over) {
                 event_manager_t *const evm = host::event_manager_find("/test/stress");
                 if (evm == nullptr) {
@@ -385,11 +409,14 @@ TEST(EventStress, NothingAcceptedIsLost)
                 accepted += host::event_post(evm, count, count, &done) == 0 ? 1 : 0;
                 host::event_timer_attach(evm, 1000, 0, nothing, nullptr, &timer);
                 host::event_timer_cancel(evm, timer);
+                uint32_t attachment = 0;
+                host::event_fd_attach(evm, ready.fd, EPOLLIN, read_counter, nullptr, &attachment);
+                host::event_fd_detach(evm, attachment);
                 host::event_manager_wait("/test/stress", 0);
             }
         });
     }
-    for (int round = 0; round < 200; ++round) {
+    for (int round = 0; round < 100; ++round) {
         const event_loop loop("/test/stress");
     }
     over = true;

@@ -1,12 +1,16 @@
 // Messages: what a sender is told, whatever its receiver does with the message, and whenever.
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <gtest/gtest.h>
 #include <mutex>
 #include <random>
+#include <sched.h>
+#include <thread>
 #include <vector>
 
 #include "platform/message.h"
@@ -275,19 +279,19 @@ TEST(Message, BadArgumentsAndItsOwnReceiverAreRefused)
     const packet request{replies, some_class, 0};
     const std::vector<uint8_t> huge(65537);
     const struct {
-        uint32_t conn;
         const void *request;
         uint64_t length;
         uint64_t reply_length;
+        uint32_t conn;
         int error;
     } cases[] = {
-        {conn, &request, sizeof request, 0, EDEADLK},
-        {0, &request, sizeof request, 0, EINVAL},
-        {conn + 1, &request, sizeof request, 0, EINVAL},
-        {conn, nullptr, 8, 0, EINVAL},
-        {conn, &request, 3, 0, EINVAL},
-        {conn, huge.data(), huge.size(), 0, EINVAL},
-        {conn, &request, sizeof request, 8, EINVAL},
+        {&request, sizeof request, 0, conn, EDEADLK},
+        {&request, sizeof request, 0, 0, EINVAL},
+        {&request, sizeof request, 0, conn + 1, EINVAL},
+        {nullptr, 8, 0, conn, EINVAL},
+        {&request, 3, 0, conn, EINVAL},
+        {huge.data(), huge.size(), 0, conn, EINVAL},
+        {&request, sizeof request, 8, conn, EINVAL}, // no room for the reply
     };
     for (const auto &refused : cases) {
         errno = 0;
@@ -336,6 +340,7 @@ TEST(Message, EndOfTheReceiverWakesItsSenders)
     const uint32_t conn = connect(loop.evm, 3600);
     std::atomic<int> reset = 0;
     std::vector<std::thread> senders;
+    senders.reserve(4);
     const auto send_and_count = [&] { reset += send(conn, {hands_on, some_class, 0}).error == ECONNRESET ? 1 : 0; };
     for (int i = 0; i < 4; ++i) {
         senders.emplace_back(send_and_count);
@@ -398,6 +403,7 @@ TEST(MessageStress, ReplyAndTimeOutAgree)
     const uint32_t conn = connect(loop.evm, 1);
     std::atomic<uint32_t> in_time = 0;
     std::vector<std::thread> threads;
+    threads.reserve(senders);
     for (uint32_t i = 0; i < senders; ++i) {
         threads.emplace_back([&, i] {
             const outcome seen = send(conn, {0, some_class, i});
