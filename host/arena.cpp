@@ -120,12 +120,15 @@ void close(std::byte *slab) noexcept
     }
 }
 
-/* For kernels that cannot be told to populate: a write to each page that leaves it as it was. */
-void touch_each_page(std::byte *start, std::size_t size) noexcept
+/*
+ * For kernels that cannot be told to populate: a write to each page that leaves it as it was, and that the owner may
+ * have poisoned.
+ */
+[[gnu::no_sanitize_address]] void touch_each_page(std::byte *start, std::size_t size) noexcept
 {
     const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
     for (std::size_t at = 0; at < size; at += page) {
-        reinterpret_cast<std::atomic<unsigned char> *>(start + at)->fetch_or(0, std::memory_order_relaxed);
+        __atomic_fetch_or(reinterpret_cast<unsigned char *>(start + at), 0, __ATOMIC_RELAXED);
     }
 }
 
@@ -175,7 +178,7 @@ bool arena_touch(void *start, std::size_t size) noexcept
     if (madvise(start, size, MADV_POPULATE_WRITE) == 0) {
         return true;
     }
-    if (errno != EINVAL) {
+    if (errno == ENOMEM || errno == EFAULT) {
         return false;
     }
 #endif

@@ -39,8 +39,6 @@ struct arena_statistics {
     std::size_t refused;  /* calls of arena_take that got none */
 };
 
-extern "C" {
-
 /*
  * A zeroed slab for `owner`, any address that is not null and that stays unique while the slab is out; it is only
  * compared. Null when the limit is reached, the address space is used up or the system refuses.
@@ -63,7 +61,6 @@ L2FIB_EXPORT bool arena_touch(void *start, std::size_t size) noexcept;
 L2FIB_EXPORT void arena_set_limit(std::size_t slabs) noexcept;
 
 L2FIB_EXPORT void arena_read_statistics(arena_statistics *statistics) noexcept;
-}
 
 /* The start of the slab that `address` lies in, provided that it lies in one. */
 template <typename record>

@@ -38,8 +38,9 @@ class event_loop {
 public:
     explicit event_loop(
         const char *path, std::function<void(event_manager_t *)> set_up = [](event_manager_t *) {})
-        : thread_([path, run = std::move(set_up)] { serve(create_manager(path), run); })
     {
+        host::event_manager_forget_ended(); // the path's last one
+        thread_ = std::thread([path, run = std::move(set_up)] { serve(create_manager(path), run); });
         host::event_manager_wait(path, 60);
         evm = host::event_manager_find(path);
     }
