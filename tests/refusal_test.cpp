@@ -51,14 +51,12 @@ extern "C" uint32_t ordtree_init(ordtree_t *tree, uint32_t index_count, ordtree_
     if (interpose::ordtree_init.meet()) {
         return EIO;
     }
-    ordtree_compare_fn compare[ORDTREE_MAX_INDEXES] = {};
     va_list comparators;
     va_start(comparators, node_to_entry);
-    for (uint32_t i = 0; i < index_count; i++) {
-        compare[i] = va_arg(comparators, ordtree_compare_fn);
-    }
+    const ordtree_compare_fn first = va_arg(comparators, ordtree_compare_fn);
+    const ordtree_compare_fn second = index_count > 1 ? va_arg(comparators, ordtree_compare_fn) : nullptr;
     va_end(comparators);
-    return INTERPOSE_HIDDEN(ordtree_init)(tree, index_count, node_to_entry, compare[0], compare[1]);
+    return INTERPOSE_HIDDEN(ordtree_init)(tree, index_count, node_to_entry, first, second);
 }
 
 namespace {

@@ -426,12 +426,12 @@ TEST_F(table, gives_and_takes_elements_of_its_pools)
     EXPECT_EQ(take_traces(), "");
     EXPECT_EQ(l2fm_edm_table_free(EDM_POOL_MAC, &foreign), EDM_ERR_NO_RESOURCE);
     EXPECT_EQ(take_traces(), "1949 l2fm_edm_table_free");
-    const bp_element zero{};
     void *used = l2fm_edm_table_malloc(EDM_POOL_BP);
-    std::memset(used, 0xff, sizeof zero);
+    std::memset(used, 0xff, sizeof(bp_element));
     EXPECT_EQ(l2fm_edm_table_free(EDM_POOL_BP, used), 0u);
     void *fresh = l2fm_edm_table_malloc(EDM_POOL_BP);
-    EXPECT_EQ(std::memcmp(fresh, &zero, sizeof zero), 0);
+    const std::string bytes(static_cast<const char *>(fresh), sizeof(bp_element));
+    EXPECT_EQ(bytes, std::string(sizeof(bp_element), '\0'));
     EXPECT_EQ(l2fm_edm_table_free(EDM_POOL_BP, fresh), 0u);
 }
 
