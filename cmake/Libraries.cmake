@@ -41,7 +41,10 @@ if(module_sources)
     l2fib_add_library(l2fib_mac_edm
         SOURCES ${module_sources}
         INCLUDES "${PROJECT_SOURCE_DIR}/include" "${PROJECT_SOURCE_DIR}/src")
-    target_compile_options(l2fib_mac_edm_objects PRIVATE -fno-exceptions -fno-rtti)
+    # Calls inside a file are bound there, and calls of the platform go without a stub; the loading process may still put
+    # functions of its own in the place of either.
+    target_compile_options(l2fib_mac_edm_objects PRIVATE
+        -fno-exceptions -fno-rtti -fno-semantic-interposition -fno-plt)
     if(TARGET l2fib_host)
         target_link_libraries(l2fib_mac_edm PRIVATE l2fib_host l2fib_no_undefined)
     endif()

@@ -1,10 +1,10 @@
 /*
- * Event managers on epoll.
+ * The loop of an event manager, on epoll.
  *
- * Threads. A manager's thread creates it, blocks and dispatches. Everybody else reaches it through three doors: the
- * queue, with an eventfd that ends the thread's sleep; the epoll set, to which descriptors are added and from which
- * they are taken while the thread may be waiting on it; and one timerfd, set to the earliest of all timers. The
- * manager's mutex guards all three and is never held while a callback runs.
+ * Threads. A manager's thread blocks and dispatches. Everybody else reaches it through three doors: the queue, with an
+ * eventfd that ends the thread's sleep; the epoll set, to which descriptors are added and from which they are taken
+ * while the thread may be waiting on it; and one timerfd, set to the earliest of all timers. The manager's mutex guards
+ * all three and is never held while a callback runs.
  *
  * Fairness. Before each event of the queue, what else is ready gets its turn, and the other way round: event_block
  * alternates between the queue and the epoll set, which serves ready descriptors in rotation. So neither a flood of
@@ -12,30 +12,23 @@
  *
  * Sleep and wake-up. The thread tells under the mutex that it is going to sleep on an empty queue; who queues then
  * writes to the eventfd. The eventfd is edge-triggered, so its counter is never read.
- *
- * End. A manager is closed under its mutex, by event_manager_stop or by the end of its thread (a thread-local object
- * notices that); from then on nothing enters. What was queued is dropped by the thread that closed it. The manager has
- * ended when that is done, and is left when its thread is gone too: the directory of managers announces both. Records
- * are kept for the life of the process, and the directory is never destroyed, since threads may outlive main.
  */
 #include "host/event_manager.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <condition_variable>
+#include <iterator>
 #include <limits>
-#include <map>
-#include <memory>
+#include <new>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
+#include <time.h>
 
 #include "host/out_of_memory.h"
 
 namespace {
 
-using host::event_manager_state;
 using host::event_source;
 
 // What epoll tells of a ready descriptor: an attachment's handle, or one of the manager's own two.
@@ -45,159 +38,12 @@ constexpr uint64_t timer_source = uint64_t{2} << 32;
 constexpr uint64_t ns_per_second = 1'000'000'000;
 constexpr uint64_t never_ns = std::numeric_limits<int64_t>::max();
 
-struct directory {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::map<std::string, event_manager *, std::less<>> by_path;
-    std::vector<std::unique_ptr<event_manager>> all;
-};
-
-directory &managers()
-{
-    static directory *const the_directory = new directory;
-    return *the_directory;
-}
-
-void announce(bool event_manager::*fact, event_manager &evm)
-{
-    const std::lock_guard lock(managers().mutex);
-    evm.*fact = true;
-    managers().changed.notify_all();
-}
-
-// Waits until `condition`, which reads what the directory guards, holds; false when it did not within `seconds`.
-template <typename Condition>
-bool wait_for_announcement(uint32_t seconds, Condition condition)
-{
-    std::unique_lock lock(managers().mutex);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    return managers().changed.wait_until(lock, deadline, condition);
-}
-
-void drop(const host::queued_work &work)
-{
-    if (work.drop != nullptr) {
-        work.drop(work.cookie);
-    }
-}
-
-// The caller holds the manager's mutex.
-void wake(event_manager &evm)
-{
-    if (evm.waiting) {
-        evm.waiting = false;
-        eventfd_write(evm.wake_fd.fd, 1);
-    }
-}
-
-void close_manager(event_manager &evm)
-{
-    std::deque<host::queued_work> queue;
-    {
-        const std::lock_guard lock(evm.mutex);
-        if (std::exchange(evm.closed, true)) {
-            return;
-        }
-        queue.swap(evm.queue);
-        evm.handlers.clear();
-        evm.descriptors.records.clear();
-        evm.timers.records.clear();
-        evm.due.clear();
-        wake(evm);
-    }
-    std::for_each(queue.begin(), queue.end(), drop);
-    host::reset_clients(&evm.channel);
-    host::close_connections(&evm);
-    announce(&event_manager::ended, evm);
-}
-
-// Manager's thread only: drops what was received and has not been dispatched.
-void discard_received(event_manager &evm)
-{
-    const host::received_event event = std::exchange(evm.received, {});
-    if (event.source == event_source::queue) {
-        drop(event.work);
-    }
-}
-
-// Manager's thread only.
-void close_descriptors(event_manager &evm)
-{
-    const std::lock_guard lock(evm.mutex);
-    evm.epoll_fd.reset();
-    evm.wake_fd.reset();
-    evm.timer_fd.reset();
-}
-
-void leave(event_manager &evm)
-{
-    close_manager(evm);
-    discard_received(evm);
-    close_descriptors(evm);
-    std::unique_lock lock(managers().mutex);
-    // Somebody else may have closed it and be at work on the rest.
-    managers().changed.wait(lock, [&evm] { return evm.ended; });
-    evm.left = true;
-    managers().changed.notify_all();
-}
-
-// The managers that a thread has created, all but the last of them closed; its end is their end.
-struct thread_managers {
-    std::vector<event_manager *> own;
-
-    thread_managers() = default;
-    thread_managers(const thread_managers &) = delete;
-    thread_managers &operator=(const thread_managers &) = delete;
-    ~thread_managers()
-    {
-        for (event_manager *evm : own) {
-            leave(*evm);
-        }
-    }
-};
-
-thread_local thread_managers this_thread;
-
 bool watch(event_manager &evm, int fd, uint32_t events, uint64_t source)
 {
     epoll_event event{};
     event.events = events;
     event.data.u64 = source;
     return epoll_ctl(evm.epoll_fd.fd, EPOLL_CTL_ADD, fd, &event) == 0;
-}
-
-bool open_descriptors(event_manager &evm)
-{
-    evm.epoll_fd.reset(epoll_create1(EPOLL_CLOEXEC));
-    evm.wake_fd.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    evm.timer_fd.reset(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-    return evm.epoll_fd.fd >= 0 && evm.wake_fd.fd >= 0 && evm.timer_fd.fd >= 0
-           && watch(evm, evm.wake_fd.fd, EPOLLIN | EPOLLET, wake_source)
-           && watch(evm, evm.timer_fd.fd, EPOLLIN, timer_source);
-}
-
-uint32_t create_manager(const char *path, event_manager_t *&created)
-{
-    auto &own = this_thread.own;
-    if (!own.empty() && !host::is_closed(own.back())) {
-        return EBUSY;
-    }
-    auto evm = std::make_unique<event_manager>(path);
-    if (!open_descriptors(*evm)) {
-        return static_cast<uint32_t>(errno);
-    }
-    own.reserve(own.size() + 1);
-    directory &all = managers();
-    const std::lock_guard lock(all.mutex);
-    all.all.reserve(all.all.size() + 1);
-    event_manager *&known = all.by_path[evm->path];
-    if (known != nullptr && !known->ended) {
-        return EEXIST;
-    }
-    created = known = evm.get();
-    own.push_back(known);
-    all.all.push_back(std::move(evm));
-    return 0;
 }
 
 uint64_t now_ns()
@@ -332,13 +178,13 @@ uint32_t receive(event_manager &evm)
 
 uint32_t block(event_manager &evm)
 {
-    discard_received(evm);
+    host::discard_received(evm);
     if (!std::exchange(evm.announced, true)) {
-        announce(&event_manager::serving, evm);
+        host::announce_serving(evm);
     }
     const uint32_t status = receive(evm);
     if (status == ESHUTDOWN) {
-        close_descriptors(evm);
+        host::close_descriptors(evm);
     }
     return status;
 }
@@ -399,34 +245,49 @@ bool is_well_formed(const event_callback_record_t &record)
            && is_zero(record.reserved2, std::size(record.reserved2));
 }
 
-// Waits for the end of the manager's thread and then, under the directory's mutex, runs `then` for a status.
-template <typename Then>
-uint32_t wait_left(event_manager_t *evm, uint32_t seconds, Then then)
-{
-    if (evm == nullptr) {
-        return EINVAL;
-    }
-    if (host::is_own_manager(evm)) {
-        return EDEADLK;
-    }
-    uint32_t status = ETIMEDOUT;
-    wait_for_announcement(seconds, [&] {
-        if (evm->left) {
-            status = then();
-        }
-        return evm->left;
-    });
-    return status;
-}
-
 } // namespace
 
 namespace host {
 
-bool is_own_manager(const event_manager_t *evm)
+void drop_work(const queued_work &work)
 {
-    const auto &own = this_thread.own;
-    return std::find(own.begin(), own.end(), evm) != own.end();
+    if (work.drop != nullptr) {
+        work.drop(work.cookie);
+    }
+}
+
+bool open_descriptors(event_manager &evm)
+{
+    evm.epoll_fd.reset(epoll_create1(EPOLL_CLOEXEC));
+    evm.wake_fd.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    evm.timer_fd.reset(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+    return evm.epoll_fd.fd >= 0 && evm.wake_fd.fd >= 0 && evm.timer_fd.fd >= 0
+           && watch(evm, evm.wake_fd.fd, EPOLLIN | EPOLLET, wake_source)
+           && watch(evm, evm.timer_fd.fd, EPOLLIN, timer_source);
+}
+
+void close_descriptors(event_manager &evm)
+{
+    const std::lock_guard lock(evm.mutex);
+    evm.epoll_fd.reset();
+    evm.wake_fd.reset();
+    evm.timer_fd.reset();
+}
+
+void wake(event_manager &evm)
+{
+    if (evm.waiting) {
+        evm.waiting = false;
+        eventfd_write(evm.wake_fd.fd, 1);
+    }
+}
+
+void discard_received(event_manager &evm)
+{
+    const host::received_event event = std::exchange(evm.received, {});
+    if (event.source == event_source::queue) {
+        drop_work(event.work);
+    }
 }
 
 bool is_closed(event_manager_t *evm)
@@ -511,75 +372,7 @@ uint32_t event_timer_cancel(event_manager_t *evm, uint32_t timer)
     return 0;
 }
 
-event_manager_t *event_manager_find(const char *path)
-{
-    directory &all = managers();
-    const std::lock_guard lock(all.mutex);
-    const auto found = path == nullptr ? all.by_path.end() : all.by_path.find(path);
-    return found == all.by_path.end() ? nullptr : found->second;
-}
-
-event_manager_state event_manager_wait(const char *path, uint32_t seconds)
-{
-    event_manager_state state = event_manager_state::timed_out;
-    if (path == nullptr) {
-        return state;
-    }
-    wait_for_announcement(seconds, [&] {
-        const auto found = managers().by_path.find(path);
-        if (found != managers().by_path.end() && (found->second->serving || found->second->ended)) {
-            state = found->second->ended ? event_manager_state::ended : event_manager_state::serving;
-        }
-        return state != event_manager_state::timed_out;
-    });
-    return state;
-}
-
-uint32_t event_manager_stop(event_manager_t *evm)
-{
-    if (evm == nullptr) {
-        return EINVAL;
-    }
-    close_manager(*evm);
-    if (is_own_manager(evm)) {
-        close_descriptors(*evm);
-    }
-    return 0;
-}
-
-uint32_t event_manager_wait_left(event_manager_t *evm, uint32_t seconds)
-{
-    return wait_left(evm, seconds, [] { return uint32_t{0}; });
-}
-
-uint32_t event_manager_join(event_manager_t *evm, uint32_t seconds)
-{
-    const uint32_t status =
-        wait_left(evm, seconds, [evm] { return std::exchange(evm->joined, true) ? uint32_t{ESRCH} : 0; });
-    return status != 0 ? status : static_cast<uint32_t>(pthread_join(evm->thread, nullptr));
-}
-
-void event_manager_forget_ended()
-{
-    directory &all = managers();
-    const std::lock_guard lock(all.mutex);
-    std::erase_if(all.by_path, [](const auto &entry) { return entry.second->ended; });
-}
-
 } // namespace host
-
-event_manager_t *event_manager_create(uint32_t reserved1, const char *path, uint32_t, uint32_t reserved2)
-{
-    event_manager_t *created = nullptr;
-    uint32_t status = EINVAL;
-    if (reserved1 == 0 && path != nullptr && *path != '\0' && reserved2 == 0) {
-        status = host::or_out_of_memory([&] { return create_manager(path, created); });
-    }
-    if (status != 0) {
-        errno = static_cast<int>(status);
-    }
-    return created;
-}
 
 uint32_t event_callback_attach(event_manager_t *evm, const event_callback_record_t *record)
 {

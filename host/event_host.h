@@ -29,9 +29,6 @@ enum class event_manager_state : uint32_t {
     ended,     // it was stopped, or its thread has ended
 };
 
-// C linkage keeps the names of these functions out of the mangled ones, which the library hides.
-extern "C" {
-
 /*
  * Has `run` called with `cookie` on the manager's thread, after everything that was queued before it: posts, messages
  * and notifications share one queue. When the manager ends first, `drop` (unless null) is called instead, on the thread
@@ -84,9 +81,7 @@ L2FIB_EXPORT uint32_t event_manager_wait_left(event_manager_t *evm, uint32_t sec
 L2FIB_EXPORT uint32_t event_manager_join(event_manager_t *evm, uint32_t seconds);
 
 /* Forgets the paths of all ended managers, so that event_manager_wait waits for the ones of a new start. */
-L2FIB_EXPORT void event_manager_forget_ended(void);
-
-} // extern "C"
+L2FIB_EXPORT void event_manager_forget_ended();
 
 } // namespace host
 

@@ -125,14 +125,35 @@ struct event_manager {
 
 namespace host {
 
+// Of the manager's life (event_lifetime.cpp).
+
 /* Whether the calling thread has created the manager. */
 bool is_own_manager(const event_manager_t *evm);
+
+/* Tells those who wait for the manager that its thread has entered the loop. */
+void announce_serving(event_manager_t &evm);
+
+// Of its loop (event.cpp).
 
 /* Whether the manager takes nothing any more. */
 bool is_closed(event_manager_t *evm);
 
+/* Ends the sleep of the manager's thread. The caller holds the manager's mutex. */
+void wake(event_manager_t &evm);
+
+void drop_work(const queued_work &work);
+
 /* Takes work back from the queue, if it is still there; it is neither run nor dropped. */
 void event_withdraw(event_manager_t *evm, event_work_fn run, const void *cookie);
+
+/* Manager's thread only: drops what was received and has not been dispatched. */
+void discard_received(event_manager_t &evm);
+
+/* Manager's thread only; before the manager is known, or once it is closed. False, with errno: not all were opened. */
+bool open_descriptors(event_manager_t &evm);
+void close_descriptors(event_manager_t &evm);
+
+// Of the services that deliver through it.
 
 /* Wakes all senders whose messages the channel holds, and forgets the messages (message.cpp). */
 void reset_clients(const msg_chan_t *channel);

@@ -133,7 +133,7 @@ uint32_t l2fib_platform_ctl_wrapper(uint32_t operation, uint32_t argument_size, 
         return EINVAL;
     }
     const l2fib_mac_query_request_t *request = nullptr;
-    memcpy(&request, argument, sizeof(request));
+    memcpy(&request, argument, argument_size);
     if (request == nullptr) {
         return EINVAL;
     }

@@ -7,6 +7,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "host/out_of_memory.h"
+
 namespace {
 
 // A context is not a pointer but a number that fits one:
@@ -15,7 +17,7 @@ namespace {
 //   [ kind   | life             | id           ]
 //
 // The kind is never 0, so no context is null. Lives are counted over all objects and wrap after 2^28 creations.
-enum class object_kind : uint8_t { none, bridge_domain, cross_connect, segment };
+enum class object_kind : uint32_t { none, bridge_domain, cross_connect, segment };
 
 constexpr uint32_t life_mask = (1u << 28) - 1;
 
@@ -54,7 +56,7 @@ object_store &objects()
 
 l2fib_ctx_t context_of(object_kind kind, uint32_t life, uint32_t id)
 {
-    return reinterpret_cast<l2fib_ctx_t>(uintptr_t{static_cast<uint8_t>(kind)} << 60 | uintptr_t{life} << 32 | id);
+    return reinterpret_cast<l2fib_ctx_t>(static_cast<uintptr_t>(kind) << 60 | uintptr_t{life} << 32 | id);
 }
 
 // The record that a table holds under `id`, or null.
@@ -100,8 +102,8 @@ struct field {
     object_kind kind;
     uint32_t object_class;
     uint32_t number;
-    size_t offset; // in the record
-    size_t size;
+    uint32_t offset; // in the record
+    uint32_t size;
     uint32_t sub_kind = 0; // the interface sub-kind that has this value; 0: it is always there
 };
 
@@ -301,17 +303,17 @@ uint32_t bridge_domain_remove(uint32_t bridge_id)
 }
 
 uint32_t cross_connect_set(uint32_t xcid, const cross_connect &values)
-try {
-    object_store &store = objects();
-    const std::scoped_lock hold(store.lock);
-    const auto [found, fresh] = store.cross_connects.try_emplace(xcid);
-    if (fresh) {
-        found->second.life = store.new_life();
-    }
-    found->second.values = values;
-    return 0;
-} catch (const std::bad_alloc &) {
-    return ENOMEM;
+{
+    return or_out_of_memory([&] {
+        object_store &store = objects();
+        const std::scoped_lock hold(store.lock);
+        const auto [found, fresh] = store.cross_connects.try_emplace(xcid);
+        if (fresh) {
+            found->second.life = store.new_life();
+        }
+        found->second.values = values;
+        return 0u;
+    });
 }
 
 uint32_t cross_connect_remove(uint32_t xcid)

@@ -14,9 +14,21 @@ using namespace host::btree;
 /* How many records ahead of the one returned a walk asks memory for. */
 constexpr unsigned prefetch_distance = 8;
 
+constexpr unsigned entries_per_line = cache_line_size / sizeof(entry);
+
+bool runs(const ordtree_t *tree)
+{
+    return tree != nullptr && tree->index_count != 0;
+}
+
 bool has_index(const ordtree_t *tree, unsigned number)
 {
     return tree != nullptr && number < tree->index_count;
+}
+
+bool holds(leaf_place at, const ordtree_link_t *record)
+{
+    return at.slot < at.leaf->count && at.leaf->entries[at.slot].target == record;
 }
 
 constexpr unsigned not_in_leaf = node_capacity;
@@ -24,16 +36,11 @@ constexpr unsigned not_in_leaf = node_capacity;
 unsigned scan_for(const node *leaf, const ordtree_link_t *record)
 {
     for (unsigned slot = 0; slot < leaf->count; ++slot) {
-        if (leaf->slot[slot] == record) {
+        if (leaf->entries[slot].target == record) {
             return slot;
         }
     }
     return not_in_leaf;
-}
-
-bool holds(leaf_place at, const ordtree_link_t *record)
-{
-    return at.slot < at.leaf->count && at.leaf->slot[at.slot] == record;
 }
 
 /* The slot of `record` in a leaf of this index. A record whose key was changed under the tree is found all the same. */
@@ -41,8 +48,8 @@ unsigned slot_in(const ordtree_index_t &index, const node *leaf, const ordtree_l
 {
     if (has_inline_keys(index)) {
         const std::uint64_t key = key_word(index, record + leaf->index);
-        const unsigned slot = count_below(leaf->key, leaf->count, key);
-        if (slot < leaf->count && leaf->slot[slot] == record) {
+        const unsigned slot = count_below(leaf->entries, leaf->count, key);
+        if (slot < leaf->count && leaf->entries[slot].target == record) {
             return slot;
         }
     }
@@ -52,33 +59,34 @@ unsigned slot_in(const ordtree_index_t &index, const node *leaf, const ordtree_l
 /* Where `record` is in an index of this very tree; no leaf when it is not, whatever its link holds. */
 leaf_place locate(const ordtree_t *tree, unsigned number, const ordtree_link_t *record)
 {
-    const void *const place = record[number].place;
-    if (place == nullptr) {
-        return {nullptr, 0};
-    }
-    const ordtree_index_t &index = tree->index[number];
-    const leaf_place cursor = cursor_of(index);
-    if (cursor.leaf == place) {
-        if (holds(cursor, record)) {
-            return cursor;
-        }
-        if (cursor.slot > 0 && holds({cursor.leaf, cursor.slot - 1}, record)) {
-            return {cursor.leaf, cursor.slot - 1};
-        }
-    }
-    node *const leaf = node_at(place);
+    node *const leaf = node_at(record[number].place);
     if (leaf == nullptr || tree_of(leaf) != tree || leaf->index != number || leaf->level != 0) {
         return {nullptr, 0};
     }
-    const unsigned slot = slot_in(index, leaf, record);
+    prefetch_node(leaf);
+    const unsigned slot = slot_in(tree->index[number], leaf, record);
     return {slot != not_in_leaf ? leaf : nullptr, slot};
+}
+
+/* The same for a record to be taken out: a walk has asked for its successor just before. */
+leaf_place locate_behind_walk(const ordtree_t *tree, unsigned number, const ordtree_link_t *record)
+{
+    const leaf_place cursor = cursor_of(tree->index[number]);
+    if (cursor.leaf != nullptr && record[number].place == cursor.leaf && cursor.slot > 0) {
+        const leaf_place before = {cursor.leaf, cursor.slot - 1};
+        if (holds(before, record)) {
+            return before;
+        }
+    }
+    return locate(tree, number, record);
 }
 
 /* Whether one of the node's links leads to a leaf, of any tree, that holds it. */
 bool is_in_a_tree(const ordtree_link_t *record, unsigned link_count)
 {
     for (unsigned number = 0; number < link_count; ++number) {
-        const node *const leaf = record[number].place != nullptr ? node_at(record[number].place) : nullptr;
+        const void *const place = record[number].place;
+        const node *const leaf = place != nullptr ? node_at(place) : nullptr;
         if (leaf != nullptr && tree_of(leaf) != nullptr && scan_for(leaf, record) != not_in_leaf) {
             return true;
         }
@@ -86,80 +94,91 @@ bool is_in_a_tree(const ordtree_link_t *record, unsigned link_count)
     return false;
 }
 
-/* A walk touches one record after the other, wherever they lie: ask for the one that is due in a few steps. */
-void prefetch_ahead(leaf_place at)
+/*
+ * A walk touches one record after the other, wherever they lie: ask for the one that is due in a few steps, and for
+ * the next leaf in time. Inlined by force, like prefetch_node.
+ */
+[[gnu::always_inline]] inline void prefetch_ahead(leaf_place at)
 {
     const node *leaf = at.leaf;
     const node *const next = leaf->next;
-    if (at.slot % 8 == 0 && next != nullptr) {
+    if (at.slot % entries_per_line == 0 && next != nullptr) {
         __builtin_prefetch(next);
-        __builtin_prefetch(next->slot + at.slot);
+        __builtin_prefetch(next->entries + at.slot);
     }
     unsigned slot = at.slot + prefetch_distance;
     if (slot >= leaf->count) {
         slot -= leaf->count;
         leaf = next;
     }
-    if (leaf != nullptr && slot < leaf->count) {
-        const auto *const record = static_cast<const char *>(leaf->slot[slot]);
+    if (leaf != nullptr) {
+        const auto *const record = static_cast<const char *>(leaf->entries[slot].target);
         __builtin_prefetch(record);
-        __builtin_prefetch(record + 64);
+        __builtin_prefetch(record + cache_line_size);
     }
 }
 
-/* The record at a place that may lie behind a leaf's last slot. */
-ordtree_link_t *visit(const ordtree_index_t &index, leaf_place at)
+/* A place that may lie behind a leaf's last entry becomes the first place of the next leaf. */
+inline leaf_place in_range(leaf_place at)
 {
-    if (at.slot >= at.leaf->count) {
-        at = {at.leaf->next, 0};
-        if (at.leaf == nullptr) {
-            return nullptr;
-        }
+    return at.slot < at.leaf->count ? at : leaf_place{at.leaf->next, 0};
+}
+
+/* The record that a successor was looked for to find, or null at the end. */
+inline ordtree_link_t *visit(const ordtree_index_t &index, leaf_place at)
+{
+    if (at.leaf == nullptr) {
+        return nullptr;
     }
     set_cursor(index, at);
-    prefetch_ahead(at);
     return record_at(at.leaf, at.slot);
 }
 
-struct search_result {
-    leaf_place at;
-    bool equal;
-};
-
-search_result search(const ordtree_index_t &index, std::uint64_t key)
+/* The same for the next step of a walk. */
+inline ordtree_link_t *visit_on_walk(const ordtree_index_t &index, leaf_place at)
 {
-    if (index.root == nullptr) {
-        return {{nullptr, 0}, false};
+    if (at.leaf != nullptr) {
+        prefetch_ahead(at);
     }
-    node *const leaf = leaf_for(index, key);
-    const node_position found = find_key(index, leaf, 0, key);
-    return {{leaf, found.slot}, found.equal};
+    return visit(index, at);
 }
 
-using places = std::array<leaf_place, ORDTREE_MAX_INDEXES>;
+[[gnu::noinline]] ordtree_link_t *next_of_any(const ordtree_t *tree, const ordtree_link_t *probe, unsigned number)
+{
+    const ordtree_index_t &index = tree->index[number];
+    const leaf_place at = probe[number].place != nullptr ? locate(tree, number, probe) : leaf_place{nullptr, 0};
+    if (at.leaf != nullptr) {
+        return visit_on_walk(index, in_range({at.leaf, at.slot + 1}));
+    }
+    const key_position found = find_key(index, key_word(index, probe + number));
+    if (found.leaf == nullptr) {
+        return nullptr;
+    }
+    return visit(index, in_range({found.leaf, found.slot + (found.equal ? 1 : 0)}));
+}
 
-/* Where a record would go in each index; false when one of them holds an equal key. */
-bool find_room(const ordtree_t *tree, const ordtree_link_t *record, places &at)
+/* What an insertion finds out about each index before it changes any. */
+struct insertion {
+    leaf_place at;
+    std::uint64_t key;
+};
+
+using insertions = std::array<insertion, ORDTREE_MAX_INDEXES>;
+
+/* Where a record would go in each index, and how many nodes that takes; false when an index holds an equal key. */
+inline bool find_room(const ordtree_t *tree, const ordtree_link_t *record, insertions &into, unsigned &needed)
 {
     for (unsigned number = 0; number < tree->index_count; ++number) {
         const ordtree_index_t &index = tree->index[number];
-        const search_result found = search(index, key_word(index, record + number));
+        const std::uint64_t key = key_word(index, record + number);
+        const key_position found = find_key(index, key);
         if (found.equal) {
             return false;
         }
-        at[number] = found.at;
+        into[number] = {{found.leaf, found.slot}, key};
+        needed += needs_nodes(found.leaf) ? nodes_needed(found.leaf) : 0;
     }
     return true;
-}
-
-/* The nodes that an insertion takes in all indexes together, before anything is changed. */
-bool take_spare_nodes(const ordtree_t *tree, const places &at, node *&spare)
-{
-    unsigned needed = 0;
-    for (unsigned number = 0; number < tree->index_count; ++number) {
-        needed += nodes_needed(at[number].leaf);
-    }
-    return needed == 0 || nodes_take(needed, spare);
 }
 
 } // namespace
@@ -191,21 +210,22 @@ uint32_t ordtree_init(ordtree_t *tree, uint32_t index_count, ordtree_node_to_ent
 
 uint32_t ordtree_running(const ordtree_t *tree)
 {
-    return tree != nullptr && tree->index_count != 0 ? 1 : 0;
+    return runs(tree) ? 1 : 0;
 }
 
 ordtree_link_t *ordtree_insert(ordtree_t *tree, ordtree_link_t *node)
 {
-    if (ordtree_running(tree) == 0 || node == nullptr || is_in_a_tree(node, tree->index_count)) {
+    if (!runs(tree) || node == nullptr || is_in_a_tree(node, tree->index_count)) {
         return nullptr;
     }
-    places at{};
+    insertions into;
+    unsigned needed = 0;
     host::btree::node *spare = nullptr;
-    if (!find_room(tree, node, at) || !take_spare_nodes(tree, at, spare)) {
+    if (!find_room(tree, node, into, needed) || (needed > 0 && !nodes_take(needed, spare))) {
         return nullptr;
     }
     for (unsigned number = 0; number < tree->index_count; ++number) {
-        put_record(tree, number, at[number], node, spare);
+        put_record(tree, number, into[number].at, {into[number].key, node}, spare);
     }
     ++tree->record_count;
     return node;
@@ -213,19 +233,18 @@ ordtree_link_t *ordtree_insert(ordtree_t *tree, ordtree_link_t *node)
 
 ordtree_link_t *ordtree_delete(ordtree_t *tree, ordtree_link_t *node)
 {
-    if (ordtree_running(tree) == 0 || node == nullptr) {
+    if (!runs(tree) || node == nullptr) {
         return nullptr;
     }
-    places at{};
+    std::array<leaf_place, ORDTREE_MAX_INDEXES> at;
     for (unsigned number = 0; number < tree->index_count; ++number) {
-        at[number] = locate(tree, number, node);
+        at[number] = locate_behind_walk(tree, number, node);
         if (at[number].leaf == nullptr) {
             return nullptr;
         }
     }
     for (unsigned number = 0; number < tree->index_count; ++number) {
-        take_record(tree, at[number]);
-        node[number].place = nullptr;
+        take_record(tree, number, at[number]);
     }
     --tree->record_count;
     return node;
@@ -236,8 +255,8 @@ ordtree_link_t *ordtree_search(const ordtree_t *tree, const ordtree_link_t *prob
     if (!has_index(tree, index) || probe == nullptr) {
         return nullptr;
     }
-    const search_result found = search(tree->index[index], key_word(tree->index[index], probe + index));
-    return found.equal ? record_at(found.at.leaf, found.at.slot) : nullptr;
+    const key_position found = find_key(tree->index[index], key_word(tree->index[index], probe + index));
+    return found.equal ? record_at(found.leaf, found.slot) : nullptr;
 }
 
 ordtree_link_t *ordtree_get_first(const ordtree_t *tree, uint32_t index)
@@ -250,9 +269,9 @@ ordtree_link_t *ordtree_get_first(const ordtree_t *tree, uint32_t index)
         leaf = child_at(leaf, 0);
     }
     for (unsigned slot = 1; slot < leaf->count && slot < prefetch_distance; ++slot) {
-        __builtin_prefetch(leaf->slot[slot]);
+        __builtin_prefetch(leaf->entries[slot].target);
     }
-    return visit(tree->index[index], {leaf, 0});
+    return visit_on_walk(tree->index[index], {leaf, 0});
 }
 
 ordtree_link_t *ordtree_get_next(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index)
@@ -260,15 +279,11 @@ ordtree_link_t *ordtree_get_next(const ordtree_t *tree, const ordtree_link_t *pr
     if (!has_index(tree, index) || probe == nullptr) {
         return nullptr;
     }
-    leaf_place at = locate(tree, index, probe);
-    if (at.leaf != nullptr) {
-        return visit(tree->index[index], {at.leaf, at.slot + 1});
+    const leaf_place cursor = cursor_of(tree->index[index]);
+    if (cursor.leaf != nullptr && probe[index].place == cursor.leaf && holds(cursor, probe)) {
+        return visit_on_walk(tree->index[index], in_range({cursor.leaf, cursor.slot + 1}));
     }
-    const search_result found = search(tree->index[index], key_word(tree->index[index], probe + index));
-    if (found.at.leaf == nullptr) {
-        return nullptr;
-    }
-    return visit(tree->index[index], {found.at.leaf, found.at.slot + (found.equal ? 1 : 0)});
+    return next_of_any(tree, probe, index);
 }
 
 void ordtree_finish(ordtree_t *tree)

@@ -43,7 +43,7 @@ const char *check_record(audit &of, const node *leaf, unsigned slot)
 {
     const ordtree_link_t *const record = record_at(leaf, slot);
     const ordtree_link_t *const link = record + of.number;
-    if (leaf->key[slot] != key_word(of.index, link)) {
+    if (leaf->entries[slot].key != key_word(of.index, link)) {
         return "a key word is not that of its record";
     }
     for (unsigned number = 0; number < of.tree->index_count; ++number) {
@@ -56,7 +56,7 @@ const char *check_record(audit &of, const node *leaf, unsigned slot)
         return "a record's link leads to another leaf";
     }
     if (of.last != nullptr
-        && (compare_words(of.index, of.last_leaf->key[0], leaf->key[slot]) == ORDTREE_GREATER
+        && (compare_words(of.index, of.last_leaf->entries[0].key, leaf->entries[slot].key) == ORDTREE_GREATER
             || of.index.compare(of.last + of.number, link) != ORDTREE_LESS
             || of.index.compare(link, of.last + of.number) != ORDTREE_GREATER)) {
         return "records are out of order";
@@ -76,7 +76,7 @@ const char *check_leaf(audit &of, const node *leaf)
     for (unsigned slot = 0; slot < leaf->count && fault == nullptr; ++slot) {
         fault = check_record(of, leaf, slot);
         if (fault == nullptr && slot > 0
-            && compare_words(of.index, leaf->key[slot - 1], leaf->key[slot]) != ORDTREE_LESS) {
+            && compare_words(of.index, leaf->entries[slot - 1].key, leaf->entries[slot].key) != ORDTREE_LESS) {
             fault = "key words are out of order";
         }
     }
@@ -94,12 +94,12 @@ const node *leftmost_leaf(const node *at)
 /* A separator is greater than all before it, not greater than what is below it, and a live link if it is a link. */
 const char *check_separator(const audit &of, const node *inner, unsigned slot)
 {
-    const std::uint64_t least = leftmost_leaf(child_at(inner, slot))->key[0];
-    const std::uint64_t separator = inner->key[slot];
+    const std::uint64_t least = leftmost_leaf(child_at(inner, slot))->entries[0].key;
+    const std::uint64_t separator = inner->entries[slot].key;
     if (has_inline_keys(of.index) ? separator > least : separator != least) {
         return "a separator is not the least of what it stands for";
     }
-    const std::uint64_t before = of.last_leaf->key[of.last_leaf->count - 1];
+    const std::uint64_t before = of.last_leaf->entries[of.last_leaf->count - 1].key;
     return compare_words(of.index, before, separator) == ORDTREE_LESS ? nullptr : "separators overlap";
 }
 

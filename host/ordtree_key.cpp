@@ -41,6 +41,25 @@ description *find_description(ordtree_compare_fn compare)
     return nullptr;
 }
 
+struct node_position {
+    unsigned slot; /* of the first entry that is not less */
+    bool equal;
+};
+
+node_position find_among(const ordtree_index_t &index, const node *in, unsigned first, std::uint64_t key)
+{
+    unsigned end = in->count;
+    while (first < end) {
+        const unsigned middle = (first + end) / 2;
+        const std::uint32_t order = compare_words(index, in->entries[middle].key, key);
+        if (order == ORDTREE_EQUAL) {
+            return {middle, true};
+        }
+        (order == ORDTREE_LESS ? first : end) = order == ORDTREE_LESS ? middle + 1 : middle;
+    }
+    return {first, false};
+}
+
 } // namespace
 
 void adopt_key_description(ordtree_index_t &index) noexcept
@@ -54,19 +73,18 @@ void adopt_key_description(ordtree_index_t &index) noexcept
     }
 }
 
-node_position find_by_comparator(const ordtree_index_t &index, const node *in, unsigned first,
-                                 std::uint64_t key) noexcept
+key_position find_by_comparator(const ordtree_index_t &index, std::uint64_t key) noexcept
 {
-    unsigned end = in->count;
-    while (first < end) {
-        const unsigned middle = (first + end) / 2;
-        const std::uint32_t order = compare_words(index, in->key[middle], key);
-        if (order == ORDTREE_EQUAL) {
-            return {middle, true};
-        }
-        (order == ORDTREE_LESS ? first : end) = order == ORDTREE_LESS ? middle + 1 : middle;
+    auto *at = static_cast<node *>(index.root);
+    if (at == nullptr) {
+        return {nullptr, 0, false};
     }
-    return {first, false};
+    while (at->level > 0) {
+        const node_position found = find_among(index, at, 1, key);
+        at = child_at(at, found.equal ? found.slot : found.slot - 1);
+    }
+    const node_position found = find_among(index, at, 0, key);
+    return {at, found.slot, found.equal};
 }
 
 } // namespace host::btree

@@ -74,52 +74,55 @@ inline std::uint32_t compare_words(const ordtree_index_t &index, std::uint64_t f
                          reinterpret_cast<const ordtree_link_t *>(second));
 }
 
-/* How many of `count` ascending numbers are less than `bound`. Without branches: each would be a coin toss. */
-inline unsigned count_below(const std::uint64_t *numbers, unsigned count, std::uint64_t bound)
+/* How many of `count` ascending entries have keys less than `bound`. */
+inline unsigned count_below(const entry *entries, std::size_t count, std::uint64_t bound)
 {
-    const std::uint64_t *base = numbers;
-    while (count > 1) {
-        const unsigned half = count / 2;
-        base += base[half - 1] < bound ? half : 0;
-        count -= half;
+    const entry *base = entries;
+    std::size_t left = count;
+    while (left > 1) {
+        const std::size_t half = left / 2;
+        const std::size_t is_below = base[half - 1].key < bound ? 1 : 0;
+        base += half & (0 - is_below); /* by a mask, since a branch would be the toss of a coin */
+        left -= half;
     }
-    return static_cast<unsigned>(base - numbers) + (count == 1 && *base < bound ? 1 : 0);
+    const std::size_t is_last_below = left == 1 && base->key < bound ? 1 : 0;
+    return static_cast<unsigned>(static_cast<std::size_t>(base - entries) + is_last_below);
 }
 
-struct node_position {
-    unsigned slot; /* the first one whose key is not less than the key looked for */
-    bool equal;    /* it is the same */
+/* How many have keys not greater than `bound`. */
+inline unsigned count_up_to(const entry *entries, std::size_t count, std::uint64_t bound)
+{
+    return bound != UINT64_MAX ? count_below(entries, count, bound + 1) : static_cast<unsigned>(count);
+}
+
+/* Where a key is, or would be, in an index. */
+struct key_position {
+    node *leaf;    /* null: the index is empty */
+    unsigned slot; /* of the first entry in the leaf that is not less; may lie behind the leaf's last one */
+    bool equal;    /* that entry is the same */
 };
 
-/* The same by calling the comparator. */
-node_position find_by_comparator(const ordtree_index_t &index, const node *in, unsigned first,
-                                 std::uint64_t key) noexcept;
+/* The same search by calling the comparator. */
+key_position find_by_comparator(const ordtree_index_t &index, std::uint64_t key) noexcept;
 
-/* Where `key` stands among the keys of `in` from slot `first` on. */
-inline node_position find_key(const ordtree_index_t &index, const node *in, unsigned first, std::uint64_t key)
-{
-    if (!has_inline_keys(index)) {
-        return find_by_comparator(index, in, first, key);
-    }
-    const unsigned slot = first + count_below(in->key + first, in->count - first, key);
-    return {slot, slot < in->count && in->key[slot] == key};
-}
-
-/* The child of `inner` whose subtree has room for `key`. The first child takes whatever is less than the second. */
-inline node *child_for(const ordtree_index_t &index, const node *inner, std::uint64_t key)
-{
-    const node_position at = find_key(index, inner, 1, key);
-    return child_at(inner, at.equal ? at.slot : at.slot - 1);
-}
-
-/* The leaf that holds `key` if any leaf does. The tree is not empty. */
-inline node *leaf_for(const ordtree_index_t &index, std::uint64_t key)
+/* In inner nodes the first child takes whatever is less than the key of the second. */
+inline key_position find_inline_key(const ordtree_index_t &index, std::uint64_t key)
 {
     auto *at = static_cast<node *>(index.root);
-    while (at->level > 0) {
-        at = child_for(index, at, key);
+    if (at == nullptr) {
+        return {nullptr, 0, false};
     }
-    return at;
+    while (at->level > 0) {
+        at = child_at(at, count_up_to(at->entries + 1, at->count - 1, key));
+        prefetch_node(at);
+    }
+    const unsigned slot = count_below(at->entries, at->count, key);
+    return {at, slot, slot < at->count && at->entries[slot].key == key};
+}
+
+inline key_position find_key(const ordtree_index_t &index, std::uint64_t key)
+{
+    return has_inline_keys(index) ? find_inline_key(index, key) : find_by_comparator(index, key);
 }
 
 } // namespace host::btree

@@ -7,10 +7,9 @@
  *        slab  +--------+--------+--------+-----     node  +-------------------------------------------+
  *              | header | node   | node   | ...            | tree parent prev next count level index   |
  *              +--------+--------+--------+-----           +-------------------------------------------+
- *                                                          | key  0 1 2 ...            ascending       |
- *                                                          +-------------------------------------------+
- *                                                          | slot 0 1 2 ...   leaf: nodes of records   |
- *                                                          |                  inner: nodes below       |
+ *                                                          | entries: key, target; ascending by key    |
+ *                                                          |   leaf: targets are the nodes of records  |
+ *                                                          |   inner: targets are the nodes below      |
  *                                                          +-------------------------------------------+
  *
  * Slabs come from the arena and go back to it when their last node is free; one empty slab is kept, so that a tree
@@ -29,33 +28,50 @@
 
 namespace host::btree {
 
+struct entry {
+    std::uint64_t key; /* the key itself or a link, see ordtree_key.h */
+    void *target;
+};
+
+constexpr std::size_t cache_line_size = 64;
 constexpr std::size_t node_size = 1024;
-constexpr std::size_t node_header_size = 40;
-constexpr unsigned node_capacity = (node_size - node_header_size) / (sizeof(std::uint64_t) + sizeof(void *));
+constexpr std::size_t node_header_size = 48;
+constexpr unsigned node_capacity = (node_size - node_header_size) / sizeof(entry);
 
 struct alignas(node_size) node {
     const ordtree_t *tree; /* null while the node is free */
     node *parent;          /* null for the root */
     node *prev;            /* neighbours on the same level, in the order of the index */
     node *next;            /* also links lists of nodes that are in no tree */
-    std::uint32_t count;   /* of slots in use */
+    std::uint32_t count;   /* of entries in use */
     std::uint16_t level;   /* 0 for a leaf */
     std::uint16_t index;
-    std::uint64_t key[node_capacity];
-    void *slot[node_capacity];
+    alignas(sizeof(entry)) entry entries[node_capacity]; /* none lies across cache lines */
 };
 
 static_assert(sizeof(node) == node_size);
-static_assert(offsetof(node, key) == node_header_size);
+static_assert(offsetof(node, entries) == node_header_size);
 
 inline ordtree_link_t *record_at(const node *leaf, unsigned slot)
 {
-    return static_cast<ordtree_link_t *>(leaf->slot[slot]);
+    return static_cast<ordtree_link_t *>(leaf->entries[slot].target);
 }
 
 inline node *child_at(const node *inner, unsigned slot)
 {
-    return static_cast<node *>(inner->slot[slot]);
+    return static_cast<node *>(inner->entries[slot].target);
+}
+
+/*
+ * Asks for the whole of a node at once: a search inside it would wait for one cache line after the other. Inlined by
+ * force: a function that does nothing but prefetch counts as one without effect, and its calls vanish.
+ */
+[[gnu::always_inline]] inline void prefetch_node(const node *wanted)
+{
+    const auto *const start = reinterpret_cast<const char *>(wanted);
+    for (std::size_t offset = 0; offset < node_size; offset += cache_line_size) {
+        __builtin_prefetch(start + offset);
+    }
 }
 
 /* The tree that `place` belongs to. A place that has outlived its tree may meanwhile serve a tree of another thread. */

@@ -1,22 +1,14 @@
 #include "host/ordtree_shape.h"
 
-#include "host/ordtree_key.h"
-
 namespace host::btree {
 namespace {
 
-constexpr unsigned sparse_count = node_capacity / 3;
 constexpr unsigned merged_count = node_capacity * 3 / 4; /* leaves room, or the next insertion would split again */
-
-ordtree_index_t &index_of(ordtree_t *tree, const node *member)
-{
-    return tree->index[member->index];
-}
 
 unsigned slot_of(const node *parent, const node *child)
 {
     unsigned slot = 0;
-    while (parent->slot[slot] != child) {
+    while (parent->entries[slot].target != child) {
         ++slot;
     }
     return slot;
@@ -34,26 +26,10 @@ void adopt(node *in, unsigned first, unsigned count)
     }
 }
 
-/* Moves slots within a node or to another one. Counts and what the slots point at are left to the caller. */
-void move_slots(node *to, unsigned to_slot, const node *from, unsigned from_slot, unsigned count)
+void insert_and_adopt(node *into, unsigned slot, entry added)
 {
-    std::memmove(to->key + to_slot, from->key + from_slot, count * sizeof *to->key);
-    std::memmove(to->slot + to_slot, from->slot + from_slot, count * sizeof *to->slot);
-}
-
-void insert_slot(node *into, unsigned at, std::uint64_t key, void *value)
-{
-    move_slots(into, at + 1, into, at, into->count - at);
-    into->key[at] = key;
-    into->slot[at] = value;
-    ++into->count;
-    adopt(into, at, 1);
-}
-
-void remove_slot(node *from, unsigned at)
-{
-    --from->count;
-    move_slots(from, at, from, at + 1, from->count - at);
+    insert_entry(into, slot, added);
+    adopt(into, slot, 1);
 }
 
 void link_behind(node *before, node *added)
@@ -105,19 +81,19 @@ unsigned kept_by_split(const node *full, unsigned slot)
 }
 
 /* Splits a full node and inserts at `slot` of what it was. Returns its new neighbour to the right. */
-node *split_and_insert(node *full, unsigned slot, std::uint64_t key, void *value, node *&spare)
+node *split_and_insert(node *full, unsigned slot, entry added, node *&spare)
 {
     const unsigned kept = kept_by_split(full, slot);
     node *const right = take_spare(spare, full->tree, full->index, full->level);
     right->count = node_capacity - kept;
-    move_slots(right, 0, full, kept, right->count);
+    move_entries(right, 0, full, kept, right->count);
     full->count = kept;
     adopt(right, 0, right->count);
     link_behind(full, right);
     if (slot > kept || kept == node_capacity) {
-        insert_slot(right, slot - kept, key, value);
+        insert_and_adopt(right, slot - kept, added);
     } else {
-        insert_slot(full, slot, key, value);
+        insert_and_adopt(full, slot, added);
     }
     return right;
 }
@@ -126,7 +102,7 @@ node *split_and_insert(node *full, unsigned slot, std::uint64_t key, void *value
 node *grow(ordtree_index_t &index, node *root, node *&spare)
 {
     node *const above = take_spare(spare, root->tree, root->index, root->level + 1U);
-    insert_slot(above, 0, root->key[0], root);
+    insert_and_adopt(above, 0, {root->entries[0].key, root});
     index.root = above;
     return above;
 }
@@ -137,11 +113,11 @@ void renew_separator(const ordtree_index_t &index, const node *at)
     if (has_inline_keys(index)) {
         return;
     }
-    const std::uint64_t least = at->key[0];
+    const std::uint64_t least = at->entries[0].key;
     for (node *parent = at->parent; parent != nullptr; parent = at->parent) {
         const unsigned slot = slot_of(parent, at);
         if (slot > 0) {
-            parent->key[slot] = least;
+            parent->entries[slot].key = least;
             return;
         }
         at = parent;
@@ -160,20 +136,20 @@ void merge(ordtree_index_t &index, node *left, node *right)
     node *const parent = left->parent;
     const unsigned slot = slot_of(parent, left);
     if (left->level > 0) {
-        right->key[0] = parent->key[slot + 1];
+        right->entries[0].key = parent->entries[slot + 1].key;
     }
     const bool to_right = left->count < right->count;
     node *const larger = to_right ? right : left;
     node *const smaller = to_right ? left : right;
     const unsigned at = to_right ? 0 : left->count;
     if (to_right) {
-        move_slots(right, left->count, right, 0, right->count);
+        move_entries(right, left->count, right, 0, right->count);
     }
-    move_slots(larger, at, smaller, 0, smaller->count);
+    move_entries(larger, at, smaller, 0, smaller->count);
     larger->count += smaller->count;
     adopt(larger, at, smaller->count);
-    parent->slot[slot] = larger;
-    remove_slot(parent, slot + 1);
+    parent->entries[slot].target = larger;
+    remove_entry(parent, slot + 1);
     unlink(smaller);
     release(index, smaller);
 }
@@ -220,7 +196,7 @@ void drop_empty(ordtree_index_t &index, node *at)
         }
         const unsigned slot = slot_of(parent, at);
         release(index, at);
-        remove_slot(parent, slot);
+        remove_entry(parent, slot);
         if (slot == 0 && parent->count > 0) {
             renew_separator(index, parent);
         }
@@ -230,18 +206,6 @@ void drop_empty(ordtree_index_t &index, node *at)
 }
 
 } // namespace
-
-leaf_place cursor_of(const ordtree_index_t &index) noexcept
-{
-    const auto cursor = reinterpret_cast<std::uintptr_t>(__atomic_load_n(&index.cursor, __ATOMIC_RELAXED));
-    return {reinterpret_cast<node *>(cursor & ~(node_size - 1)), static_cast<unsigned>(cursor & (node_size - 1))};
-}
-
-void set_cursor(const ordtree_index_t &index, leaf_place at) noexcept
-{
-    void *const cursor = reinterpret_cast<char *>(at.leaf) + at.slot;
-    __atomic_store_n(&const_cast<ordtree_index_t &>(index).cursor, cursor, __ATOMIC_RELAXED);
-}
 
 unsigned nodes_needed(const node *leaf) noexcept
 {
@@ -254,41 +218,33 @@ unsigned nodes_needed(const node *leaf) noexcept
     return at == nullptr ? needed + 1 : needed;
 }
 
-void put_record(ordtree_t *tree, unsigned number, leaf_place at, ordtree_link_t *record, node *&spare) noexcept
+void put_with_nodes(ordtree_t *tree, unsigned number, leaf_place at, entry added, node *&spare) noexcept
 {
     ordtree_index_t &index = tree->index[number];
-    std::uint64_t key = key_word(index, record + number);
-    void *value = record;
     if (at.leaf == nullptr) {
         at = {take_spare(spare, tree, number, 0), 0};
         index.root = at.leaf;
     }
-    node *into = at.leaf;
-    unsigned slot = at.slot;
-    while (into->count == node_capacity) {
-        node *const right = split_and_insert(into, slot, key, value, spare);
-        node *const parent = into->parent != nullptr ? into->parent : grow(index, into, spare);
-        key = right->key[0];
-        value = right;
-        slot = slot_of(parent, into) + 1;
-        into = parent;
+    while (at.leaf->count == node_capacity) {
+        node *const left = at.leaf;
+        node *const right = split_and_insert(left, at.slot, added, spare);
+        node *const parent = left->parent != nullptr ? left->parent : grow(index, left, spare);
+        added = {right->entries[0].key, right};
+        at = {parent, slot_of(parent, left) + 1};
     }
-    insert_slot(into, slot, key, value);
+    insert_and_adopt(at.leaf, at.slot, added);
 }
 
-void take_record(ordtree_t *tree, leaf_place at) noexcept
+void reshape_after_removal(ordtree_index_t &index, node *leaf, unsigned slot) noexcept
 {
-    ordtree_index_t &index = index_of(tree, at.leaf);
-    remove_slot(at.leaf, at.slot);
-    set_cursor(index, at);
-    if (at.leaf->count == 0) {
-        drop_empty(index, at.leaf);
+    if (leaf->count == 0) {
+        drop_empty(index, leaf);
         return;
     }
-    if (at.slot == 0) {
-        renew_separator(index, at.leaf);
+    if (slot == 0) {
+        renew_separator(index, leaf);
     }
-    merge_if_sparse(index, at.leaf);
+    merge_if_sparse(index, leaf);
 }
 
 void free_nodes(ordtree_index_t &index) noexcept

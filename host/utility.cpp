@@ -6,12 +6,12 @@
 #include <cstdio>
 #include <ctime>
 #include <mutex>
-#include <new>
 #include <shared_mutex>
 #include <unordered_map>
 
 #include <unistd.h>
 
+#include "host/out_of_memory.h"
 #include "host/utility_host.h"
 
 namespace {
@@ -194,17 +194,17 @@ void node_id_set(uint32_t node_id)
 }
 
 uint32_t interface_node_set(uint32_t ifhandle, uint32_t node_id)
-try {
+{
     if (ifhandle == 0) {
         return EINVAL;
     }
-    interface_table &table = interfaces();
-    const std::scoped_lock hold(table.lock);
-    table.node_by_handle.insert_or_assign(ifhandle, node_id);
-    table.count.store(table.node_by_handle.size(), std::memory_order_release);
-    return 0;
-} catch (const std::bad_alloc &) {
-    return ENOMEM;
+    return or_out_of_memory([&] {
+        interface_table &table = interfaces();
+        const std::scoped_lock hold(table.lock);
+        table.node_by_handle.insert_or_assign(ifhandle, node_id);
+        table.count.store(table.node_by_handle.size(), std::memory_order_release);
+        return 0u;
+    });
 }
 
 void interface_node_clear()

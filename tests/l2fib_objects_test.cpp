@@ -59,19 +59,19 @@ TEST_F(objects, bridge_domain_names_are_unique_and_bounded)
     const std::string longest(63, 'n');
     const struct {
         uint32_t id;
-        std::string name;
         bool taken;
+        std::string name;
     } steps[] = {
-        {1, "g1:bd1", true},
-        {1, "g1:bd1", true},
-        {2, "g1:bd1", false},
-        {2, "", false},
-        {2, std::string("a\0b", 3), false},
-        {2, std::string(64, 'n'), false},
-        {2, longest, true},
-        {1, longest, false},
-        {1, "g1:new", true},
-        {3, "g1:bd1", true}, // free again
+        {1, true, "g1:bd1"},
+        {1, true, "g1:bd1"},
+        {2, false, "g1:bd1"},
+        {2, false, ""},
+        {2, false, std::string("a\0b", 3)},
+        {2, false, std::string(64, 'n')},
+        {2, true, longest},
+        {1, false, longest},
+        {1, true, "g1:new"},
+        {3, true, "g1:bd1"}, // free again
     };
     for (const auto &step : steps) {
         EXPECT_EQ(host::bridge_domain_set(step.id, step.name) == 0, step.taken) << step.id << " " << step.name;
@@ -107,13 +107,13 @@ TEST_F(objects, a_segment_has_the_fields_of_its_class)
     for (const auto &c : cases) {
         values.first.type = c.type;
         ASSERT_EQ(host::cross_connect_set(7, values), 0u);
-        const l2fib_ctx_t ctx = segment_of(by_id(L2FIB_CLASS_CROSS_CONNECT, 7), c.type);
+        auto *const ctx = segment_of(by_id(L2FIB_CLASS_CROSS_CONNECT, 7), c.type);
         uint32_t buffer[L2FIB_VXLAN_54_WORDS] = {untouched};
         EXPECT_EQ(l2fib_access_field(c.type, &ctx, c.field, buffer) == 0, c.value != untouched);
         EXPECT_EQ(buffer[0], c.value) << c.type << " " << c.field;
         EXPECT_EQ(buffer[3], c.field == 54 ? 544u : 0u);
     }
-    const l2fib_ctx_t owner = by_id(L2FIB_CLASS_CROSS_CONNECT, 7);
+    auto *const owner = by_id(L2FIB_CLASS_CROSS_CONNECT, 7);
     uint32_t field_126 = 0;
     EXPECT_EQ(l2fib_access_field(L2FIB_CLASS_CROSS_CONNECT, &owner, L2FIB_FIELD_XC_126, &field_126), 0u);
     EXPECT_EQ(field_126, 126u);
@@ -126,7 +126,7 @@ TEST_F(objects, an_interface_has_a_sub_value_with_its_sub_kind_only)
     values.first.interface_sub_kind = L2FIB_INTERFACE_SUB_KIND_23;
     values.first.interface_sub_value = 4094;
     host::cross_connect_set(7, values);
-    const l2fib_ctx_t ctx = segment_of(by_id(L2FIB_CLASS_CROSS_CONNECT, 7), L2FIB_SEGMENT_INTERFACE);
+    auto *const ctx = segment_of(by_id(L2FIB_CLASS_CROSS_CONNECT, 7), L2FIB_SEGMENT_INTERFACE);
     uint16_t value[2] = {0, 77};
     EXPECT_EQ(l2fib_access_field(L2FIB_SEGMENT_INTERFACE, &ctx, L2FIB_FIELD_INTERFACE_SUB_VALUE, value), 0u);
     EXPECT_EQ(value[0], 4094u);
@@ -141,9 +141,9 @@ TEST_F(objects, contexts_do_not_outlive_their_object)
     const host::cross_connect values{.field_126 = 1, .first = {.type = L2FIB_SEGMENT_PSEUDOWIRE}};
     host::bridge_domain_set(7, "g:a");
     host::cross_connect_set(7, values);
-    const l2fib_ctx_t domain = by_id(L2FIB_CLASS_BRIDGE_DOMAIN, 7);
-    const l2fib_ctx_t owner = by_id(L2FIB_CLASS_CROSS_CONNECT, 7);
-    const l2fib_ctx_t segment = segment_of(owner, L2FIB_SEGMENT_PSEUDOWIRE);
+    auto *const domain = by_id(L2FIB_CLASS_BRIDGE_DOMAIN, 7);
+    auto *const owner = by_id(L2FIB_CLASS_CROSS_CONNECT, 7);
+    auto *const segment = segment_of(owner, L2FIB_SEGMENT_PSEUDOWIRE);
     host::bridge_domain_set(7, "g:renamed");
     host::cross_connect_set(7, values);
     uint32_t value = 0;
@@ -178,7 +178,7 @@ TEST_F(objects, garbage_is_a_status)
     uint64_t garbage = 1;
     for (int i = 0; i < 10000; i++) {
         garbage = garbage * 6364136223846793005u + 1442695040888963407u;
-        const auto ctx = reinterpret_cast<l2fib_ctx_t>(i == 0 ? 0 : garbage);
+        auto *const ctx = reinterpret_cast<l2fib_ctx_t>(i == 0 ? 0 : garbage);
         uint64_t value[8];
         uint32_t type = 0;
         l2fib_ctx_t segment = nullptr;

@@ -55,7 +55,10 @@ typedef struct event_message {
 
 typedef void (*event_message_fn)(const event_message_t *event);
 
-/* Answers an event of the library itself; the result 1 means that nothing more is to be done. */
+/*
+ * Answers an event of the library itself; the result 1 means that nothing more is to be done. The host's library asks
+ * about a message that no filter selects, with the manager and the event_message_t.
+ */
 typedef uint32_t (*event_callback_fn)(void *arg1, void *arg2);
 
 #define EVENT_CALLBACK_TAG 0x43420601u
@@ -103,7 +106,10 @@ L2FIB_EXPORT msg_chan_t *evm_get_chan(event_manager_t *evm);
  */
 L2FIB_EXPORT int event_block(event_record_t *record);
 
-/* Runs the handlers of the event that event_block received; the last argument is 0. */
+/*
+ * Runs the handlers of the event that event_block received; the last argument is 0. A failure (nothing was received, or
+ * nobody took the message) harms nothing.
+ */
 L2FIB_EXPORT uint32_t nos_event_dispatch(event_record_t *record, uint32_t reserved);
 
 L2FIB_END_DECLS

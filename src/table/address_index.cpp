@@ -23,7 +23,7 @@ struct by_address {
     static uint64_t key_of(const l2fm_edm_mac_t &mac) { return key(mac.mac_addr); }
 };
 
-// Each address's slot holds the head of its chain.
+// The place of each address holds the head of its chain.
 constinit edm::growing_index<by_address> heads{};
 constinit uint64_t missing = 0;
 
@@ -60,19 +60,19 @@ void join_chain(l2fm_edm_mac_t *head, l2fm_edm_mac_t *mac)
     head->same_addr_next = mac;
 }
 
-// Takes the head of a chain out; its slot goes to the next entry, or away.
+// Takes the head of a chain out; its place goes to the next entry, or away.
 void remove_head(l2fm_edm_mac_t *mac)
 {
-    uint64_t *slot = edm::index_find(heads, by_address::key_of(*mac));
-    if (edm::index_record(heads, slot) != mac) {
+    const edm::index_place place = edm::index_find(heads, by_address::key_of(*mac));
+    if (edm::index_record(heads, place) != mac) {
         return; // was never linked
     }
     if (mac->same_addr_next == nullptr) {
-        edm::index_erase(heads, slot);
+        edm::index_erase(heads, place);
         return;
     }
     set_chain_prev(mac->same_addr_next, nullptr);
-    edm::index_replace(slot, mac->same_addr_next);
+    edm::index_replace(place, mac->same_addr_next);
 }
 
 void remove_behind(l2fm_edm_mac_t *prev, l2fm_edm_mac_t *mac)
@@ -105,9 +105,9 @@ uint64_t index_seed()
 
 void address_index_link(l2fm_edm_mac_t *mac)
 {
-    const uint64_t *slot = index_find(heads, by_address::key_of(*mac));
-    if (slot != nullptr) {
-        join_chain(index_record(heads, slot), mac);
+    const index_place place = index_find(heads, by_address::key_of(*mac));
+    if (place) {
+        join_chain(index_record(heads, place), mac);
     } else if (!index_insert(heads, mac)) {
         set_chain_prev(mac, mac);
         missing++;

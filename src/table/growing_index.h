@@ -1,14 +1,19 @@
 // An exact index from keys to records that never stops the table to grow.
 //
-// Open addressing over slots of 8 bytes, each a tag and a pointer; the key stays in the record:
+// A table of buckets, each one cache line with six slots. A slot is a tag of 16 bits and a pointer; the key stays in
+// the record. A record that finds its bucket full goes to the next one, and every bucket that it passed counts that:
 //
-//        63        48 47                                             0
-//       +------------+------------------------------------------------+
-//       | tag        | address of the record                          |     0: empty     1: removed
-//       +------------+------------------------------------------------+
+//        0                        12       14        16                                        64
+//       +----+----+----+----+----+----+---------+---------+------+------+------+------+------+------+
+//       | tag 0 ... tag 5             | unused  | passed  | record 0 ... record 5                   |
+//       +----+----+----+----+----+----+---------+---------+------+------+------+------+------+------+
+//         0: no record
 //
 // Not obvious:
-//  - Growing is spread over the insertions that follow: the old slots are retired a few at a time, and a key is looked
+//  - All tags of a bucket are compared at once: which slot it is cannot be predicted, and a table that is fed in random
+//    order waits for memory, so that every instruction less lets more accesses wait side by side.
+//  - A search ends at the first bucket that nothing has passed. Removing leaves nothing behind.
+//  - Growing is spread over the insertions that follow: the old buckets are retired one at a time, and a key is looked
 //    for in the new ones first and then in those not retired yet. No insertion pays for a whole table.
 //  - The memory is mapped apart from the heap and given back likewise. Without memory an insertion is refused, nothing
 //    is lost, and the caller has to find that record in another way.
@@ -27,37 +32,56 @@
 #include <cstddef>
 #include <cstdint>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 namespace edm {
 
 // The process's seed; not 0.
 uint64_t index_seed();
 
+constexpr uint32_t bucket_slots = 6;
+
+struct alignas(64) index_bucket {
+    uint16_t tag[bucket_slots];
+    uint16_t unused;
+    uint16_t passed; // records that are behind this bucket because it was full; at the most this many are counted
+    void *record[bucket_slots];
+};
+
+static_assert(sizeof(index_bucket) == 64, "a bucket is one cache line");
+
+// Where a record is in an index; no bucket for nowhere. Good until the index is changed.
+struct index_place {
+    index_bucket *bucket;
+    uint32_t slot;
+
+    explicit operator bool() const { return bucket != nullptr; }
+};
+
+struct bucket_table {
+    index_bucket *buckets; // null: no table
+    uint64_t mask;         // number of buckets, a power of two, less one
+    uint64_t used;         // slots that hold a record
+};
+
 template <typename Traits>
 struct growing_index {
-    struct slot_table {
-        uint64_t *slots; // null: no table
-        uint64_t mask;   // number of slots, a power of two, less one
-        uint64_t used;   // slots that are not empty
-    };
-
-    slot_table current;
-    slot_table retiring; // while growing: what is not yet in `current`
-    uint64_t retired;    // how many slots of `retiring` have been emptied
-    slot_table leaving;  // emptied, and given back piece by piece
-    uint64_t left;       // how many slots of `leaving` have been given back
-    uint64_t live;       // records in the index
+    bucket_table current;
+    bucket_table retiring; // while growing: what is not yet in `current`
+    uint64_t retired;      // how many buckets of `retiring` have been emptied
+    bucket_table leaving;  // emptied, and given back piece by piece
+    uint64_t left;         // how many buckets of `leaving` have been given back
+    uint64_t live;         // records in the index
 };
 
 namespace growing {
 
-constexpr uint64_t empty = 0;
-constexpr uint64_t removed = 1;
-constexpr uint64_t address_bits = 48;
-constexpr uint64_t address_mask = (uint64_t{1} << address_bits) - 1;
-constexpr uint64_t first_slot_count = 4096;
-constexpr uint64_t slots_retired_at_once = 8;
-constexpr uint64_t slots_given_back_at_once = 32768;
-constexpr uint64_t huge_page_slots = uint64_t{2} << 20 >> 3;
+constexpr uint64_t first_bucket_count = 512;
+constexpr uint64_t buckets_given_back_at_once = 4096;
+constexpr uint64_t buckets_of_huge_page = (uint64_t{2} << 20) / sizeof(index_bucket);
+constexpr uint16_t most_passed = 0xffff;
 
 inline uint64_t hash(uint64_t key)
 {
@@ -67,104 +91,135 @@ inline uint64_t hash(uint64_t key)
     return mixed ^ (mixed >> 33);
 }
 
-inline bool holds_record(uint64_t slot)
+// From bits that do not choose the bucket; never 0.
+inline uint16_t tag_of(uint64_t hash)
 {
-    return slot > removed;
+    return static_cast<uint16_t>(hash >> 48 | 1);
 }
 
-template <typename Record>
-Record *record_of(uint64_t slot)
+// The slots of a bucket that have a tag, as a set of bits: slot `i` is the bit 2 * i.
+inline uint32_t slots_with_tag(const index_bucket &bucket, uint16_t tag)
 {
-    return reinterpret_cast<Record *>(slot & address_mask);
+    constexpr uint32_t slot_bits = 0x555;
+#ifdef __SSE2__
+    const __m128i tags = _mm_load_si128(reinterpret_cast<const __m128i *>(bucket.tag));
+    const __m128i equal = _mm_cmpeq_epi16(tags, _mm_set1_epi16(static_cast<int16_t>(tag)));
+    return static_cast<uint32_t>(_mm_movemask_epi8(equal)) & slot_bits;
+#else
+    uint32_t bits = 0;
+    for (uint32_t slot = 0; slot < bucket_slots; slot++) {
+        bits |= static_cast<uint32_t>(bucket.tag[slot] == tag) << (2 * slot);
+    }
+    return bits & slot_bits;
+#endif
 }
 
-template <typename Record>
-uint64_t slot_of(Record *record, uint64_t hash)
+inline uint32_t first_slot(uint32_t slots)
 {
-    return (hash & ~address_mask) | reinterpret_cast<uintptr_t>(record);
+    return static_cast<uint32_t>(__builtin_ctz(slots)) / 2;
 }
 
-template <typename Table>
-uint64_t slot_count(const Table &table)
+inline uint64_t bucket_count(const bucket_table &table)
 {
-    return table.slots == nullptr ? 0 : table.mask + 1;
+    return table.buckets == nullptr ? 0 : table.mask + 1;
 }
 
-// Maps an all-empty table; one without slots when there is no memory.
-template <typename Table>
-Table map_table(uint64_t slot_count)
+inline bool holds(const bucket_table &table, const index_bucket *bucket)
 {
-    const size_t bytes = slot_count * sizeof(uint64_t);
+    return bucket >= table.buckets && bucket < table.buckets + bucket_count(table);
+}
+
+// Maps an empty table; one without buckets when there is no memory.
+inline bucket_table map_table(uint64_t bucket_count)
+{
+    const size_t bytes = bucket_count * sizeof(index_bucket);
     void *memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
         return {};
     }
 #ifdef MADV_HUGEPAGE
-    if (slot_count >= 2 * huge_page_slots) {
+    if (bucket_count >= 2 * buckets_of_huge_page) {
         madvise(memory, bytes, MADV_HUGEPAGE);
     }
 #endif
-    return {static_cast<uint64_t *>(memory), slot_count - 1, 0};
+    return {static_cast<index_bucket *>(memory), bucket_count - 1, 0};
 }
 
-template <typename Table>
-void unmap_from(Table &table, uint64_t first_slot)
+inline void unmap_from(bucket_table &table, uint64_t first_bucket)
 {
-    if (table.slots != nullptr) {
-        munmap(table.slots + first_slot, (slot_count(table) - first_slot) * sizeof(uint64_t));
+    if (table.buckets != nullptr) {
+        munmap(table.buckets + first_bucket, (bucket_count(table) - first_bucket) * sizeof(index_bucket));
         table = {};
     }
 }
 
-// The slot of a key in one table, or null.
-template <typename Traits, typename Table>
-uint64_t *find_in(const Table &table, typename Traits::key_t key, uint64_t hash)
-{
-    if (table.slots == nullptr) {
-        return nullptr;
-    }
-    for (uint64_t at = hash & table.mask;; at = (at + 1) & table.mask) {
-        const uint64_t slot = table.slots[at];
-        if (slot == empty) {
-            return nullptr;
-        }
-        const bool tag_matches = ((slot ^ hash) & ~address_mask) == 0;
-        if (tag_matches && holds_record(slot) && Traits::key_of(*record_of<typename Traits::record_t>(slot)) == key) {
-            return &table.slots[at];
-        }
-    }
-}
-
-// Puts a slot value into the first place that is free. The caller has seen to it that there is an empty one.
-template <typename Table>
-void place(Table &table, uint64_t hash, uint64_t value)
-{
-    uint64_t at = hash & table.mask;
-    while (holds_record(table.slots[at])) {
-        at = (at + 1) & table.mask;
-    }
-    table.used += table.slots[at] == empty ? 1u : 0u;
-    table.slots[at] = value;
-}
-
-// Moves the next few slots of the retiring table to the current one. Their records are fetched side by side first.
 template <typename Traits>
-void retire_some(growing_index<Traits> &index)
+index_place find_in(const bucket_table &table, typename Traits::key_t key, uint64_t hash)
 {
-    using record_t = typename Traits::record_t;
-    uint64_t *slots = index.retiring.slots + index.retired;
-    for (uint64_t i = 0; i < slots_retired_at_once; i++) {
-        __builtin_prefetch(record_of<record_t>(slots[i]));
+    if (table.buckets == nullptr) {
+        return {};
     }
-    for (uint64_t i = 0; i < slots_retired_at_once; i++) {
-        if (holds_record(slots[i])) {
-            const uint64_t hash = growing::hash(Traits::key_of(*record_of<record_t>(slots[i])));
-            place(index.current, hash, slots[i]);
-            slots[i] = removed;
+    const uint16_t tag = tag_of(hash);
+    for (uint64_t at = hash & table.mask;; at = (at + 1) & table.mask) {
+        index_bucket &bucket = table.buckets[at];
+        for (uint32_t slots = slots_with_tag(bucket, tag); slots != 0; slots &= slots - 1) {
+            const uint32_t slot = first_slot(slots);
+            if (Traits::key_of(*static_cast<typename Traits::record_t *>(bucket.record[slot])) == key) {
+                return {&bucket, slot};
+            }
+        }
+        if (bucket.passed == 0) {
+            return {};
         }
     }
-    index.retired += slots_retired_at_once;
-    if (index.retired == slot_count(index.retiring)) {
+}
+
+// Puts a record into the first free slot from its bucket on. The caller has seen to it that there is one.
+inline void put(bucket_table &table, uint64_t hash, void *record)
+{
+    for (uint64_t at = hash & table.mask;; at = (at + 1) & table.mask) {
+        index_bucket &bucket = table.buckets[at];
+        if (const uint32_t slots = slots_with_tag(bucket, 0); slots != 0) {
+            const uint32_t slot = first_slot(slots);
+            bucket.tag[slot] = tag_of(hash);
+            bucket.record[slot] = record;
+            table.used++;
+            return;
+        }
+        bucket.passed = static_cast<uint16_t>(bucket.passed + (bucket.passed < most_passed));
+    }
+}
+
+// Empties a slot whose record has this hash. A bucket that has been passed too often to count stays passed for good.
+inline void take(bucket_table &table, uint64_t hash, index_place place)
+{
+    for (uint64_t at = hash & table.mask; &table.buckets[at] != place.bucket; at = (at + 1) & table.mask) {
+        uint16_t &passed = table.buckets[at].passed;
+        passed = static_cast<uint16_t>(passed - (passed < most_passed));
+    }
+    place.bucket->tag[place.slot] = 0;
+    place.bucket->record[place.slot] = nullptr;
+    table.used--;
+}
+
+// Moves the records of the next retiring bucket to the current table. They are fetched side by side first.
+template <typename Traits>
+void retire_one(growing_index<Traits> &index)
+{
+    index_bucket &bucket = index.retiring.buckets[index.retired];
+    for (const void *record : bucket.record) {
+        __builtin_prefetch(record);
+    }
+    for (uint32_t slot = 0; slot < bucket_slots; slot++) {
+        if (bucket.tag[slot] != 0) {
+            auto *record = static_cast<typename Traits::record_t *>(bucket.record[slot]);
+            put(index.current, hash(Traits::key_of(*record)), record);
+            bucket.tag[slot] = 0;
+            bucket.record[slot] = nullptr;
+        }
+    }
+    index.retired++;
+    if (index.retired == bucket_count(index.retiring)) {
         unmap_from(index.leaving, index.left);
         index.leaving = index.retiring;
         index.left = 0;
@@ -175,47 +230,33 @@ void retire_some(growing_index<Traits> &index)
 template <typename Traits>
 void give_back_some(growing_index<Traits> &index)
 {
-    const uint64_t rest = slot_count(index.leaving) - index.left;
-    if (rest <= slots_given_back_at_once) {
+    if (bucket_count(index.leaving) - index.left <= buckets_given_back_at_once) {
         unmap_from(index.leaving, index.left);
         return;
     }
-    munmap(index.leaving.slots + index.left, slots_given_back_at_once * sizeof(uint64_t));
-    index.left += slots_given_back_at_once;
+    munmap(index.leaving.buckets + index.left, buckets_given_back_at_once * sizeof(index_bucket));
+    index.left += buckets_given_back_at_once;
 }
 
-// The size for the next table, such that retiring the present one ends long before the next is full.
-template <typename Traits>
-uint64_t next_slot_count(const growing_index<Traits> &index)
-{
-    const uint64_t now = slot_count(index.current);
-    if (now == 0) {
-        return first_slot_count;
-    }
-    if (index.live > now / 8 * 3) {
-        return now * 2;
-    }
-    return index.live > now / 8 || now == first_slot_count ? now : now / 2;
-}
-
-// Sees to it that the current table has a place for one more record; false when it has not and there is no memory.
+// Sees to it that the current table has a free slot; false when it has not and there is no memory. A table is retired
+// long before the next one, twice as large, is full.
 template <typename Traits>
 bool make_room(growing_index<Traits> &index)
 {
-    if (index.retiring.slots != nullptr) {
-        retire_some(index);
+    if (index.retiring.buckets != nullptr) {
+        retire_one(index);
         return true;
     }
-    if (index.leaving.slots != nullptr) {
+    if (index.leaving.buckets != nullptr) {
         give_back_some(index);
     }
-    const uint64_t now = slot_count(index.current);
-    if (index.current.used < now / 4 * 3) {
+    const uint64_t slots = bucket_count(index.current) * bucket_slots;
+    if (index.current.used < slots / 4 * 3) {
         return true;
     }
-    auto next = map_table<typename growing_index<Traits>::slot_table>(next_slot_count(index));
-    if (next.slots == nullptr) {
-        return index.current.used + 1 < now;
+    const bucket_table next = map_table(slots == 0 ? first_bucket_count : bucket_count(index.current) * 2);
+    if (next.buckets == nullptr) {
+        return index.current.used < slots;
     }
     index.retiring = index.current;
     index.retired = 0;
@@ -225,20 +266,19 @@ bool make_room(growing_index<Traits> &index)
 
 } // namespace growing
 
-// The slot that holds the record with this key, or null. The slot is good until the index is changed.
 template <typename Traits>
-uint64_t *index_find(const growing_index<Traits> &index, typename Traits::key_t key)
+index_place index_find(const growing_index<Traits> &index, typename Traits::key_t key)
 {
     const uint64_t hash = growing::hash(key);
-    uint64_t *slot = growing::find_in<Traits>(index.current, key, hash);
-    return slot != nullptr ? slot : growing::find_in<Traits>(index.retiring, key, hash);
+    const index_place place = growing::find_in<Traits>(index.current, key, hash);
+    return place || index.retiring.buckets == nullptr ? place : growing::find_in<Traits>(index.retiring, key, hash);
 }
 
-// The record of a slot; null for none.
+// The record at a place; null for nowhere.
 template <typename Traits>
-typename Traits::record_t *index_record(const growing_index<Traits> &, const uint64_t *slot)
+typename Traits::record_t *index_record(const growing_index<Traits> & /*index*/, index_place place)
 {
-    return slot == nullptr ? nullptr : growing::record_of<typename Traits::record_t>(*slot);
+    return place ? static_cast<typename Traits::record_t *>(place.bucket->record[place.slot]) : nullptr;
 }
 
 // Gives the whole memory back and forgets every record.
@@ -255,30 +295,28 @@ void index_release(growing_index<Traits> &index)
 template <typename Traits>
 bool index_insert(growing_index<Traits> &index, typename Traits::record_t *record)
 {
-    const bool addressable = (reinterpret_cast<uintptr_t>(record) & ~growing::address_mask) == 0;
-    if (!addressable || !growing::make_room(index)) {
+    if (!growing::make_room(index)) {
         return false;
     }
-    const uint64_t hash = growing::hash(Traits::key_of(*record));
-    growing::place(index.current, hash, growing::slot_of(record, hash));
+    growing::put(index.current, growing::hash(Traits::key_of(*record)), record);
     index.live++;
     return true;
 }
 
-// Lets a slot hold another record of the same key.
-template <typename Record>
-void index_replace(uint64_t *slot, Record *record)
+// Lets a place hold another record of the same key.
+inline void index_replace(index_place place, void *record)
 {
-    *slot = growing::slot_of(record, *slot);
+    place.bucket->record[place.slot] = record;
 }
 
-// Removes the record of a slot. An index that has become empty keeps no more than its first table.
+// Removes the record at a place. An index that has become empty keeps no more than its first table.
 template <typename Traits>
-void index_erase(growing_index<Traits> &index, uint64_t *slot)
+void index_erase(growing_index<Traits> &index, index_place place)
 {
-    *slot = growing::removed;
+    const uint64_t hash = growing::hash(Traits::key_of(*index_record(index, place)));
+    growing::take(growing::holds(index.current, place.bucket) ? index.current : index.retiring, hash, place);
     index.live--;
-    if (index.live == 0 && growing::slot_count(index.current) > growing::first_slot_count) {
+    if (index.live == 0 && growing::bucket_count(index.current) > growing::first_bucket_count) {
         index_release(index);
     }
 }

@@ -48,9 +48,9 @@ void bp_index_link(l2fm_edm_bp_t *bp)
 
 void bp_index_unlink(const l2fm_edm_bp_t *bp)
 {
-    uint64_t *slot = index_find(bp_by_xcid, bp->xcid);
-    if (index_record(bp_by_xcid, slot) == bp) {
-        index_erase(bp_by_xcid, slot);
+    const index_place place = index_find(bp_by_xcid, bp->xcid);
+    if (index_record(bp_by_xcid, place) == bp) {
+        index_erase(bp_by_xcid, place);
     }
 }
 

@@ -1,0 +1,430 @@
+// Event managers: their life, the order and fairness of their loop, and what becomes of what they hold at their end.
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <future>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "support/event_loop.h"
+
+namespace {
+
+using host::event_manager_state;
+using test::create_manager;
+using test::event_loop;
+using test::serve_one;
+
+constexpr uint64_t millisecond = 1'000'000;
+
+uint64_t now_ns()
+{
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<uint64_t>(std::chrono::nanoseconds(now).count());
+}
+
+void count(void *cookie)
+{
+    ++*static_cast<std::atomic<int> *>(cookie);
+}
+
+void nothing(void *) {}
+
+void read_counter(void *, int fd, uint32_t)
+{
+    uint64_t value = 0;
+    eventfd_read(fd, &value);
+}
+
+// A manager of the test's own thread, served by hand.
+struct own_manager {
+    event_manager_t *evm = create_manager("/test/own");
+
+    own_manager() = default;
+    own_manager(const own_manager &) = delete;
+    own_manager &operator=(const own_manager &) = delete;
+    ~own_manager() { host::event_manager_stop(evm); }
+};
+
+struct ready_descriptor {
+    int fd = eventfd(1, EFD_NONBLOCK);
+
+    ready_descriptor() = default;
+    ready_descriptor(const ready_descriptor &) = delete;
+    ready_descriptor &operator=(const ready_descriptor &) = delete;
+    ~ready_descriptor() { close(fd); }
+};
+
+TEST(EventManager, CreationRefusesWhatItCannotServe)
+{
+    const own_manager own;
+    ASSERT_NE(own.evm, nullptr);
+    EXPECT_EQ(host::event_manager_find("/test/own"), own.evm);
+    EXPECT_EQ(host::event_manager_find("/test/none"), nullptr);
+
+    const struct {
+        uint32_t reserved1;
+        const char *path;
+        uint32_t reserved2;
+        int error;
+    } refusals[] = {
+        {1, "/test/a", 0, EINVAL}, {0, nullptr, 0, EINVAL},     {0, "", 0, EINVAL},
+        {0, "/test/a", 1, EINVAL}, {0, "/test/own", 0, EEXIST},
+    };
+    std::thread([&refusals] {
+        for (const auto &refused : refusals) {
+            errno = 0;
+            EXPECT_EQ(event_manager_create(refused.reserved1, refused.path, 12, refused.reserved2), nullptr);
+            EXPECT_EQ(errno, refused.error);
+        }
+    }).join();
+    EXPECT_EQ(create_manager("/test/second-of-this-thread"), nullptr);
+    EXPECT_EQ(errno, EBUSY);
+}
+
+TEST(EventManager, WaitsTellServingFromEnded)
+{
+    EXPECT_EQ(host::event_manager_wait("/test/never", 0), event_manager_state::timed_out);
+    auto early = std::async(std::launch::async, [] { return host::event_manager_wait("/test/life", 60); });
+
+    event_manager_t *first = nullptr;
+    {
+        event_loop loop("/test/life");
+        first = loop.evm;
+        EXPECT_EQ(early.get(), event_manager_state::serving);
+        EXPECT_EQ(host::event_manager_wait_left(loop.evm, 0), ETIMEDOUT);
+        loop.stop();
+        EXPECT_EQ(host::event_manager_wait("/test/life", 60), event_manager_state::ended);
+        EXPECT_EQ(host::event_manager_wait_left(loop.evm, 60), 0u);
+    }
+    host::event_manager_forget_ended();
+    EXPECT_EQ(host::event_manager_find("/test/life"), nullptr);
+    EXPECT_EQ(host::event_manager_wait("/test/life", 0), event_manager_state::timed_out);
+
+    const event_loop again("/test/life");
+    EXPECT_NE(again.evm, first);
+    EXPECT_EQ(host::event_manager_wait("/test/life", 60), event_manager_state::serving);
+}
+
+TEST(EventManager, ThreadThatEndsByItselfIsJoinedOnce)
+{
+    pthread_t thread{};
+    ASSERT_EQ(pthread_create(
+                  &thread, nullptr,
+                  [](void *) -> void * {
+                      event_manager_t *const evm = create_manager("/test/failed-set-up");
+                      EXPECT_EQ(host::event_manager_wait_left(evm, 60), EDEADLK);
+                      pthread_exit(nullptr);
+                  },
+                  nullptr),
+              0);
+    EXPECT_EQ(host::event_manager_wait("/test/failed-set-up", 60), event_manager_state::ended);
+    event_manager_t *const evm = host::event_manager_find("/test/failed-set-up");
+    EXPECT_EQ(host::event_manager_join(evm, 60), 0u);
+    EXPECT_EQ(host::event_manager_join(evm, 60), ESRCH);
+}
+
+TEST(EventManager, EndDropsWhatIsQueuedAndRefusesTheRest)
+{
+    const ready_descriptor ready;
+    const event_message_filter_t filter{0x8fff, 1};
+    event_callback_record_t callbacks{};
+    callbacks.tag = EVENT_CALLBACK_TAG;
+    callbacks.callback = [](void *, void *) -> uint32_t { return 1; };
+    std::atomic<int> run = 0;
+    std::atomic<int> dropped = 0;
+    uint32_t handle = 0;
+
+    const own_manager own;
+    event_record_t record{own.evm, nullptr, 0, nullptr, {}};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(host::event_post(own.evm, count, count, &dropped), 0u);
+    }
+    EXPECT_EQ(host::event_post(own.evm, count, nullptr, &run), 0u);
+    ASSERT_EQ(event_block(&record), 0); // received, not dispatched
+    ASSERT_EQ(event_block(&record), 0); // which drops the one before
+    EXPECT_EQ(dropped, 1);
+    EXPECT_EQ(host::event_manager_stop(own.evm), 0u);
+    EXPECT_EQ(dropped, 2);
+    EXPECT_EQ(nos_event_dispatch(&record, 0), 0u); // was received in time
+    EXPECT_EQ(dropped, 3);
+    EXPECT_EQ(run, 0);
+    EXPECT_EQ(nos_event_dispatch(&record, 0), EINVAL);
+
+    EXPECT_EQ(event_block(&record), -1);
+    EXPECT_EQ(errno, ESHUTDOWN);
+    EXPECT_EQ(host::event_post(own.evm, count, count, &run), ESHUTDOWN);
+    EXPECT_EQ(host::event_fd_attach(own.evm, ready.fd, EPOLLIN, read_counter, nullptr, &handle), ESHUTDOWN);
+    EXPECT_EQ(host::event_timer_attach(own.evm, 0, 0, nothing, nullptr, &handle), ESHUTDOWN);
+    EXPECT_EQ(event_message_attach(
+                  own.evm, &filter, [](const event_message_t *) {}, 0),
+              ESHUTDOWN);
+    EXPECT_EQ(event_callback_attach(own.evm, &callbacks), ESHUTDOWN);
+    EXPECT_NE(evm_get_chan(own.evm), nullptr);
+    EXPECT_EQ(host::event_manager_stop(own.evm), 0u);
+    EXPECT_EQ(run, 0);
+}
+
+TEST(EventManager, ThreadEndDropsWhatIsReceivedAndQueued)
+{
+    std::atomic<int> dropped = 0;
+    std::thread([&dropped] {
+        event_manager_t *const evm = create_manager("/test/leaves");
+        host::event_post(evm, nothing, count, &dropped);
+        host::event_post(evm, nothing, count, &dropped);
+        event_record_t record{evm, nullptr, 0, nullptr, {}};
+        EXPECT_EQ(event_block(&record), 0);
+    }).join();
+    EXPECT_EQ(dropped, 2);
+}
+
+TEST(EventCallback, RecordIsCheckedFieldByField)
+{
+    const own_manager own;
+    event_callback_record_t good{};
+    good.tag = EVENT_CALLBACK_TAG;
+    good.callback = [](void *, void *) -> uint32_t { return 1; };
+    std::array<event_callback_record_t, 5> bad{good, good, good, good, good};
+    bad[0].tag ^= 1;
+    bad[1].callback = nullptr;
+    bad[2].reserved0 = 1;
+    bad[3].reserved1[1] = 1;
+    bad[4].reserved2[2] = 1;
+    for (const auto &record : bad) {
+        EXPECT_EQ(event_callback_attach(own.evm, &record), EINVAL);
+    }
+    EXPECT_EQ(event_callback_attach(nullptr, &good), EINVAL);
+    EXPECT_EQ(event_callback_attach(own.evm, &good), 0u);
+    EXPECT_EQ(event_callback_attach(own.evm, &good), EEXIST);
+}
+
+TEST(EventLoop, WaitsOnlyForItsOwnThreadAndSurvivesSignals)
+{
+    struct sigaction previous {};
+    struct sigaction ignore {};
+    ignore.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGUSR1, &ignore, &previous), 0);
+    std::atomic<bool> interrupted = false;
+    std::promise<pthread_t> self;
+    std::thread thread([&] {
+        event_manager_t *const evm = create_manager("/test/signals");
+        self.set_value(pthread_self());
+        EXPECT_EQ(serve_one(evm), EINTR);
+        interrupted = true;
+        int error = EINTR;
+        while (error == EINTR) {
+            error = serve_one(evm);
+        }
+        EXPECT_EQ(error, 0);
+    });
+    const pthread_t target = self.get_future().get();
+    event_manager_t *const evm = host::event_manager_find("/test/signals");
+    event_record_t record{evm, nullptr, 0, nullptr, {}};
+    EXPECT_EQ(event_block(&record), -1);
+    EXPECT_EQ(errno, EPERM);
+    while (!interrupted) {
+        pthread_kill(target, SIGUSR1);
+        sched_yield();
+    }
+    sigaction(SIGUSR1, &previous, nullptr);
+    EXPECT_EQ(host::event_post(evm, nothing, nullptr, nullptr), 0u);
+    thread.join();
+}
+
+TEST(EventLoop, RunsPostsInTheirOrder)
+{
+    constexpr size_t senders = 4;
+    constexpr int posts = 2000;
+    struct post {
+        size_t sender;
+        int number;
+        std::array<int, senders> *next;
+        std::atomic<int> *done;
+    };
+    std::array<int, senders> next{};
+    std::atomic<int> done = 0;
+    event_loop loop("/test/order");
+    std::vector<std::thread> threads;
+    for (size_t sender = 0; sender < senders; ++sender) {
+        threads.emplace_back([&, sender] {
+            for (int i = 0; i < posts; ++i) {
+                const auto run = [](void *cookie) {
+                    const std::unique_ptr<post> arrived(static_cast<post *>(cookie));
+                    EXPECT_EQ((*arrived->next)[arrived->sender]++, arrived->number);
+                    ++*arrived->done;
+                };
+                EXPECT_EQ(host::event_post(loop.evm, run, nothing, new post{sender, i, &next, &done}), 0u);
+            }
+        });
+    }
+    for (auto &thread : threads) {
+        thread.join();
+    }
+    std::promise<void> last;
+    host::event_post(
+        loop.evm, [](void *cookie) { static_cast<std::promise<void> *>(cookie)->set_value(); }, nullptr, &last);
+    last.get_future().wait();
+    EXPECT_EQ(done, static_cast<int>(senders) * posts);
+}
+
+TEST(EventLoop, NoSourceStarvesTheOthers)
+{
+    struct counts {
+        own_manager own;
+        int posts = 0;
+        int descriptors[2] = {};
+        int timers = 0;
+
+        static void repost(void *cookie)
+        {
+            auto *const self = static_cast<counts *>(cookie);
+            ++self->posts;
+            host::event_post(self->own.evm, repost, nullptr, self);
+        }
+    } seen;
+    const ready_descriptor ready[2];
+    uint32_t handle = 0;
+    for (size_t i = 0; i < 2; ++i) {
+        const auto handler = [](void *cookie, int, uint32_t) { ++*static_cast<int *>(cookie); };
+        host::event_fd_attach(seen.own.evm, ready[i].fd, EPOLLIN, handler, &seen.descriptors[i], &handle);
+    }
+    host::event_timer_attach(
+        seen.own.evm, 0, 1, [](void *cookie) { ++*static_cast<int *>(cookie); }, &seen.timers, &handle);
+    counts::repost(&seen);
+    for (int i = 0; i < 6000; ++i) {
+        ASSERT_EQ(serve_one(seen.own.evm), 0);
+    }
+    EXPECT_GE(seen.posts, 2500);
+    EXPECT_GE(seen.descriptors[0], 500);
+    EXPECT_GE(seen.descriptors[1], 500);
+    EXPECT_GE(seen.timers, 100);
+}
+
+TEST(EventDescriptor, IsServedWhileAttached)
+{
+    const own_manager own;
+    const ready_descriptor ready;
+    int calls = 0;
+    uint32_t attachment = 0;
+    const auto handler = [](void *cookie, int, uint32_t events) {
+        EXPECT_EQ(events, EPOLLIN);
+        ++*static_cast<int *>(cookie);
+    };
+    EXPECT_EQ(host::event_fd_attach(own.evm, -1, EPOLLIN, handler, &calls, &attachment), EINVAL);
+    EXPECT_EQ(host::event_fd_attach(own.evm, 9999, EPOLLIN, handler, &calls, &attachment), EBADF);
+    ASSERT_EQ(host::event_fd_attach(own.evm, ready.fd, EPOLLIN, handler, &calls, &attachment), 0u);
+    EXPECT_NE(attachment, 0u);
+    EXPECT_EQ(host::event_fd_attach(own.evm, ready.fd, EPOLLIN, handler, &calls, &attachment), EEXIST);
+    EXPECT_EQ(serve_one(own.evm), 0);
+    EXPECT_EQ(calls, 1);
+
+    event_record_t record{own.evm, nullptr, 0, nullptr, {}};
+    ASSERT_EQ(event_block(&record), 0);
+    EXPECT_EQ(host::event_fd_detach(own.evm, attachment), 0u);
+    EXPECT_EQ(host::event_fd_detach(own.evm, attachment), EINVAL);
+    EXPECT_EQ(nos_event_dispatch(&record, 0), 0u);
+    EXPECT_EQ(calls, 1); // detached after its event was received
+}
+
+TEST(EventTimer, FiresInTheOrderOfTimes)
+{
+    struct entry {
+        uint64_t earliest; // by when it was due: the attachment took its time
+        uint64_t latest;
+        uint32_t timer;
+        std::vector<const entry *> *fired;
+
+        static void fire(void *cookie)
+        {
+            const auto *const self = static_cast<const entry *>(cookie);
+            EXPECT_GE(now_ns(), self->earliest);
+            self->fired->push_back(self);
+        }
+    };
+    const own_manager own;
+    std::vector<const entry *> fired;
+    const uint64_t delays[] = {5 * millisecond, UINT64_MAX, millisecond, 0, 3 * millisecond, millisecond};
+    entry entries[std::size(delays)] = {};
+    for (size_t i = 0; i < std::size(delays); ++i) {
+        entries[i].fired = &fired;
+        entries[i].earliest = now_ns() + delays[i];
+        ASSERT_EQ(host::event_timer_attach(own.evm, delays[i], 0, entry::fire, &entries[i], &entries[i].timer), 0u);
+        entries[i].latest = now_ns() + delays[i];
+    }
+    EXPECT_EQ(host::event_timer_cancel(own.evm, entries[4].timer), 0u);
+    while (fired.size() < 4) {
+        ASSERT_EQ(serve_one(own.evm), 0);
+    }
+    for (size_t i = 1; i < fired.size(); ++i) {
+        EXPECT_LE(fired[i - 1]->earliest, fired[i]->latest);
+    }
+    EXPECT_EQ(host::event_timer_cancel(own.evm, entries[3].timer), EINVAL); // has fired
+    EXPECT_EQ(host::event_timer_cancel(own.evm, entries[1].timer), 0u);
+}
+
+TEST(EventTimer, PeriodsMissedAreOneCallAndCancelIsAtOnce)
+{
+    const own_manager own;
+    std::atomic<int> calls = 0;
+    uint32_t timer = 0;
+    ASSERT_EQ(host::event_timer_attach(own.evm, 0, 1000 * millisecond * 3600, count, &calls, &timer), 0u);
+    EXPECT_EQ(serve_one(own.evm), 0);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(host::event_timer_cancel(own.evm, timer), 0u);
+
+    ASSERT_EQ(host::event_timer_attach(own.evm, 0, 1, count, &calls, &timer), 0u);
+    EXPECT_EQ(serve_one(own.evm), 0);
+    EXPECT_EQ(calls, 2); // though thousands of periods may have passed
+    event_record_t record{own.evm, nullptr, 0, nullptr, {}};
+    ASSERT_EQ(event_block(&record), 0);
+    EXPECT_EQ(host::event_timer_cancel(own.evm, timer), 0u);
+    EXPECT_EQ(nos_event_dispatch(&record, 0), 0u);
+    EXPECT_EQ(calls, 2);
+}
+
+// Managers come and go on one path while other threads post and attach: what was accepted is run or dropped.
+TEST(EventStress, NothingAcceptedIsLost)
+{
+    std::atomic<bool> over = false;
+    std::atomic<int> accepted = 0;
+    std::atomic<int> done = 0;
+    std::vector<std::thread> threads;
+    threads.reserve(3);
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([&] {
+            const ready_descriptor ready;
+            while (!over) {
+                event_manager_t *const evm = host::event_manager_find("/test/stress");
+                if (evm == nullptr) {
+                    continue;
+                }
+                uint32_t timer = 0;
+                accepted += host::event_post(evm, count, count, &done) == 0 ? 1 : 0;
+                host::event_timer_attach(evm, 1000, 0, nothing, nullptr, &timer);
+                host::event_timer_cancel(evm, timer);
+                uint32_t attachment = 0;
+                host::event_fd_attach(evm, ready.fd, EPOLLIN, read_counter, nullptr, &attachment);
+                host::event_fd_detach(evm, attachment);
+                host::event_manager_wait("/test/stress", 0);
+            }
+        });
+    }
+    for (int round = 0; round < 100; ++round) {
+        const event_loop loop("/test/stress");
+    }
+    over = true;
+    for (auto &thread : threads) {
+        thread.join();
+    }
+    EXPECT_GT(accepted, 0);
+    EXPECT_EQ(done, accepted);
+}
+
+} // namespace

@@ -1,0 +1,473 @@
+// The table as its readers and its owner see it: lookups, walks, the list, the pools, start and teardown.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <thread>
+
+#include "host/chunk_statistics.h"
+#include "host/l2fib_objects.h"
+#include "host/ordtree_audit.h"
+#include "table/element.h"
+#include "tests/support/small_table.h"
+#include "tests/support/table_audit.h"
+
+using namespace small_table;
+
+namespace {
+
+std::string text(const l2fm_edm_bd_t *bd)
+{
+    return bd == nullptr ? "-" : std::to_string(bd->bridge_id);
+}
+
+std::string text(const l2fm_edm_bp_t *bp)
+{
+    return bp == nullptr ? "-" : bp->xcid == EDM_XCID_DUMMY ? "dummy of " + text(bp->bd) : std::to_string(bp->xcid);
+}
+
+std::string text(const l2fm_edm_mac_t *mac)
+{
+    return mac == nullptr ? "-" : std::to_string(mac->mac_addr[4] << 8 | mac->mac_addr[5]) + " on " + text(mac->bp);
+}
+
+std::string text(const l2fm_edm_vtep_t *vtep)
+{
+    return vtep == nullptr ? "-" : std::to_string(vtep->vtep_addr[3]);
+}
+
+// Everything from a first record on.
+template <typename Record, typename Next>
+std::string chain(Record *record, Next next)
+{
+    std::string all;
+    for (; record != nullptr; record = next(record)) {
+        all += (all.empty() ? "" : ", ") + text(record);
+    }
+    return all;
+}
+
+// What is found, and what is expected to be.
+using answers = std::vector<std::pair<std::string, const char *>>;
+
+void compare(const answers &found)
+{
+    for (size_t i = 0; i < found.size(); i++) {
+        EXPECT_EQ(found[i].first, found[i].second) << "answer " << i;
+    }
+}
+
+uint32_t own_lookup(uint32_t number, uint32_t bridge_id)
+{
+    const auto of = entry(number, 10, bridge_id);
+    const l2fm_edm_mac_t *mac =
+        l2fm_edm_table_mac_lookup(&of, l2fm_edm_table_bd_get_by_bridgeid(1), l2fm_edm_table_bp_get_by_xcid(10));
+    return mac == nullptr ? 0 : mac->bp->xcid;
+}
+
+// Address 5 is on both ports 10 and 20 of bridge domain 1; VTEP 5 on both ports of bridge domain 2; 3 holds nothing.
+struct lookups : fixture {
+    void SetUp() override
+    {
+        fixture::SetUp();
+        ASSERT_EQ(run("5 10 1; 5 20 2; mark bp 20; 2 20 1; 0x100 10 1; 0xff 10 1; 6 9 1 0x8; 7 40 2 0x1000 5;"
+                      "8 30 2 0x1000 5; 9 40 2 0x1000 4; create bd 3"),
+                  0u);
+        ASSERT_EQ(table_text(), "1: 10(5 255 256) 20(2 5!@2) dummy(6) | 2: 30(8){5} 40(7 9){4 5} | 3: | "
+                                "list 5 5 2 256 255 6 7 8 9");
+        take_traces();
+    }
+};
+
+TEST_F(lookups, find_bridge_domains_and_ports)
+{
+    l2fm_edm_bd_t *one = l2fm_edm_table_bd_get_by_bridgeid(1);
+    uint32_t id = 0;
+    compare({
+        {text(l2fm_edm_table_bd_get_by_name("g:c")), "1"},
+        {text(l2fm_edm_table_bd_get_by_name("g:d")), "-"},
+        {text(l2fm_edm_table_bd_get_by_bridgeid(0x10001)), "-"},
+        {chain(l2fm_edm_table_bd_get_first_by_bridgeid(), l2fm_edm_table_bd_get_next_by_bridgeid), "1, 2, 3"},
+        {chain(l2fm_edm_table_bd_get_first_by_name(), l2fm_edm_table_bd_get_next_by_name), "3, 2, 1"},
+        {text(l2fm_edm_table_bp_get_by_xcid(20)), "20"},
+        {text(l2fm_edm_table_bp_get_by_xcid(21)), "-"},
+        {text(l2fm_edm_table_bp_get_by_xcid(0)), "-"},
+        {text(l2fm_edm_table_bp_get_by_xcid(EDM_XCID_DUMMY)), "-"},
+        {chain(l2fm_edm_table_bp_get_first(), l2fm_edm_table_bp_get_next), "10, 20, 30, 40"},
+        {text(l2fm_edm_table_bd_bp_get(one, EDM_XCID_DUMMY)), "dummy of 1"},
+        {text(l2fm_edm_table_bd_bp_get(one, 30)), "-"},
+        {chain(l2fm_edm_table_bd_bp_get_first(one),
+               [=](const l2fm_edm_bp_t *bp) { return l2fm_edm_table_bd_bp_get_next(one, bp); }),
+         "10, 20, dummy of 1"},
+        {text(l2fm_edm_table_bd_bp_get_first(l2fm_edm_table_bd_get_by_bridgeid(3))), "-"},
+    });
+    ASSERT_EQ(host::bridge_domain_set(1000, "BD9") + host::bridge_domain_set(999, "BD10"), 0u);
+    EXPECT_EQ(l2fm_edm_table_bd_name_to_id("BD9", &id), 0u) << "resolved without the table";
+    EXPECT_EQ(id, 1000u);
+    EXPECT_EQ(l2fm_edm_table_bd_name_to_id("BD8", &id), EDM_ERR_NOT_FOUND);
+    EXPECT_EQ(l2fm_edm_table_bd_name_to_id(nullptr, &id), EDM_ERR_NOT_FOUND);
+    EXPECT_EQ(l2fm_edm_table_bd_name_to_id("BD9", nullptr), EDM_ERR_NOT_FOUND);
+    run("create bd 1000; create bd 999");
+    EXPECT_EQ(chain(l2fm_edm_table_bd_get_first_by_name(), l2fm_edm_table_bd_get_next_by_name), "999, 1000, 3, 2, 1");
+}
+
+TEST_F(lookups, find_entries_and_vteps)
+{
+    const l2fm_edm_bp_t *ten = l2fm_edm_table_bp_get_by_xcid(10);
+    const l2fm_edm_bp_t *forty = l2fm_edm_table_bp_get_by_xcid(40);
+    const auto mac = [](uint32_t number) { return mac_address(number); };
+    const auto vtep = [](uint32_t number) { return vtep_address(number); };
+    const auto next_in_bd = [](uint32_t number) {
+        return text(l2fm_edm_table_mac_get_next_by_bdname_mac("g:c", mac_address(number).data()));
+    };
+    compare({
+        {text(l2fm_edm_table_bp_mac_get(&ten->mac_tree, mac(5).data())), "5 on 10"},
+        {text(l2fm_edm_table_bp_mac_get(&ten->mac_tree, mac(2).data())), "-"},
+        {text(l2fm_edm_table_bp_macaddr_get_next(&ten->mac_tree, mac(4).data())), "5 on 10"},
+        {text(l2fm_edm_table_bp_macaddr_get_next(&ten->mac_tree, mac(5).data())), "255 on 10"},
+        {text(l2fm_edm_table_bp_macaddr_get_next(&ten->mac_tree, mac(0x100).data())), "-"},
+        {chain(l2fm_edm_table_bp_mac_get_first(ten),
+               [=](const l2fm_edm_mac_t *each) { return l2fm_edm_table_bp_mac_get_next(ten, each); }),
+         "5 on 10, 255 on 10, 256 on 10"},
+        {chain(l2fm_edm_table_bp_vtep_get_first(forty),
+               [=](const l2fm_edm_vtep_t *each) { return l2fm_edm_table_bp_vtep_get_next(forty, each); }),
+         "4, 5"},
+        {text(l2fm_edm_table_bp_vtep_get(&forty->vtep_tree, vtep(5).data())), "5"},
+        {text(l2fm_edm_table_vtep_lookup(vtep(6).data(), forty)), "-"},
+        {text(l2fm_edm_table_mac_get_by_xcid_mac(20, mac(5).data())), "5 on 20"},
+        {text(l2fm_edm_table_mac_get_by_xcid_mac(30, mac(5).data())), "-"},
+        {text(l2fm_edm_table_mac_get_by_xcid_mac(EDM_XCID_DUMMY, mac(6).data())), "-"},
+        {text(l2fm_edm_table_mac_get_by_bridgeid_mac(1, mac(5).data())), "5 on 10"},
+        {text(l2fm_edm_table_mac_get_by_bridgeid_mac(2, mac(5).data())), "-"},
+        {text(l2fm_edm_table_mac_get_by_bridgeid_mac(1, mac(6).data())), "6 on dummy of 1"},
+        {text(l2fm_edm_table_mac_get_by_bdname_mac("g:c", mac(5).data())), "5 on 10"},
+        {text(l2fm_edm_table_mac_get_by_bdname_mac("g:d", mac(5).data())), "-"},
+        {next_in_bd(0), "2 on 20"},
+        {next_in_bd(2), "5 on 10"},
+        {next_in_bd(5), "6 on dummy of 1"},
+        {next_in_bd(0x100), "-"},
+        {text(l2fm_edm_table_mac_get_next_by_bdname_mac("g:a", mac(0).data())), "-"},
+        {text(l2fm_edm_table_vtep_get_by_bridgeid_vtep(2, vtep(4).data())), "4"},
+        {text(l2fm_edm_table_vtep_get_by_bridgeid_vtep(1, vtep(4).data())), "-"},
+    });
+    EXPECT_EQ(l2fm_edm_table_vtep_get_by_bridgeid_vtep(2, vtep(5).data()),
+              l2fm_edm_table_bp_vtep_get_first(l2fm_edm_table_bp_get_by_xcid(30)));
+    EXPECT_EQ(own_lookup(5, 1), 10u);
+    EXPECT_EQ(own_lookup(2, 1), 20u) << "on another port of the bridge domain that is reported";
+    EXPECT_EQ(own_lookup(8, 2), 30u) << "which need not be the one that is given";
+    EXPECT_EQ(own_lookup(8, 1), 0u);
+    EXPECT_EQ(take_traces(), "");
+}
+
+TEST_F(lookups, answer_null_to_null_silently)
+{
+    const uint8_t *no_address = nullptr;
+    const auto address = mac_address(5);
+    const l2fm_edm_bp_t *ten = l2fm_edm_table_bp_get_by_xcid(10);
+    const l2fm_edm_bd_t *one = l2fm_edm_table_bd_get_by_bridgeid(1);
+    const l2fm_edm_mac_t *five = cached(5, 1);
+    const auto of = entry(5, 10, 1);
+    const void *const found[] = {
+        l2fm_edm_table_bd_get_by_name(nullptr),
+        l2fm_edm_table_bd_get_next_by_name(nullptr),
+        l2fm_edm_table_bd_get_next_by_bridgeid(nullptr),
+        l2fm_edm_table_bp_get_next(nullptr),
+        l2fm_edm_table_bd_bp_get(nullptr, 10),
+        l2fm_edm_table_bd_bp_get_first(nullptr),
+        l2fm_edm_table_bd_bp_get_next(nullptr, ten),
+        l2fm_edm_table_bd_bp_get_next(one, nullptr),
+        l2fm_edm_table_bp_mac_get(nullptr, address.data()),
+        l2fm_edm_table_bp_mac_get(&ten->mac_tree, no_address),
+        l2fm_edm_table_bp_macaddr_get_next(nullptr, address.data()),
+        l2fm_edm_table_bp_macaddr_get_next(&ten->mac_tree, no_address),
+        l2fm_edm_table_bp_mac_get_first(nullptr),
+        l2fm_edm_table_bp_mac_get_next(nullptr, five),
+        l2fm_edm_table_bp_mac_get_next(ten, nullptr),
+        l2fm_edm_table_bp_vtep_get(nullptr, address.data()),
+        l2fm_edm_table_bp_vtep_get_first(nullptr),
+        l2fm_edm_table_bp_vtep_get_next(ten, nullptr),
+        l2fm_edm_table_vtep_lookup(address.data(), nullptr),
+        l2fm_edm_table_mac_get_by_xcid_mac(10, no_address),
+        l2fm_edm_table_bd_mac_get(nullptr, address.data()),
+        l2fm_edm_table_mac_get_by_bridgeid_mac(1, no_address),
+        l2fm_edm_table_mac_get_by_bdname_mac(nullptr, address.data()),
+        l2fm_edm_table_mac_get_by_bdname_mac("g:c", no_address),
+        l2fm_edm_table_mac_get_next_by_bdname_mac(nullptr, address.data()),
+        l2fm_edm_table_mac_get_next_by_bdname_mac("g:c", no_address),
+        l2fm_edm_table_vtep_get_by_bridgeid_vtep(2, no_address),
+        l2fm_edm_table_mac_lookup(nullptr, one, nullptr),
+        l2fm_edm_table_mac_lookup(&of, nullptr, nullptr),
+        l2fm_edm_table_get(&ten->mac_tree, nullptr, 0),
+        l2fm_edm_table_get_next(&ten->mac_tree, nullptr, 0),
+    };
+    for (size_t i = 0; i < std::size(found); i++) {
+        EXPECT_EQ(found[i], nullptr) << "lookup " << i;
+    }
+    EXPECT_EQ(take_traces(), "");
+}
+
+TEST(stopped_trees, are_traced_where_they_are_met)
+{
+    const auto address = mac_address(1);
+    ordtree_link_t probe{};
+    const std::pair<std::function<const void *()>, const char *> rows[] = {
+        {[&] { return l2fm_edm_table_get(nullptr, &probe, 0); }, "1938 l2fm_edm_table_get"},
+        {[&] { return l2fm_edm_table_get_next(nullptr, &probe, 0); }, "1938 l2fm_edm_table_get_next"},
+        {[] { return l2fm_edm_table_get_first(nullptr, 0); }, "1938 l2fm_edm_table_get_first"},
+        {[] { return l2fm_edm_table_bd_get_by_name("g:c"); }, "1938 l2fm_edm_table_get"},
+        {[] { return l2fm_edm_table_bd_get_by_bridgeid(1); }, "1938 l2fm_edm_table_get"},
+        {[] { return l2fm_edm_table_bd_get_first_by_name(); }, "1938 l2fm_edm_table_get_first"},
+        {[] { return l2fm_edm_table_bd_get_first_by_bridgeid(); }, "1938 l2fm_edm_table_get_first"},
+        {[] { return l2fm_edm_table_bp_get_by_xcid(10); }, "1938 l2fm_edm_table_get"},
+        {[] { return l2fm_edm_table_bp_get_first(); }, "1938 l2fm_edm_table_get_first"},
+        {[&] { return l2fm_edm_table_mac_get_by_xcid_mac(10, address.data()); }, "1938 l2fm_edm_table_get"},
+        {[&] { return l2fm_edm_table_mac_get_by_bridgeid_mac(1, address.data()); },
+         "1938 l2fm_edm_table_mac_get_by_bridgeid_mac"},
+        {[&] { return l2fm_edm_table_mac_get_by_bdname_mac("g:c", address.data()); },
+         "1938 l2fm_edm_table_mac_get_by_bdname_mac"},
+        {[&] { return l2fm_edm_table_mac_get_next_by_bdname_mac("g:c", address.data()); },
+         "1938 l2fm_edm_table_mac_get_next_by_bdname_mac"},
+        {[&] { return l2fm_edm_table_vtep_get_by_bridgeid_vtep(1, address.data()); },
+         "1968 l2fm_edm_table_vtep_get_by_bridgeid_vtep"},
+    };
+    take_traces();
+    for (const auto &[lookup, trace] : rows) {
+        EXPECT_EQ(lookup(), nullptr) << trace;
+        EXPECT_EQ(take_traces(), trace);
+    }
+    EXPECT_EQ(run("mark; sweep; mark bd 1; sweep bp 1"), 0u) << "walks of what is not there";
+}
+
+// ---- Walks ----
+
+// Who is visited, how often the callback goes on, and whether it destroys what it is given.
+struct visitor {
+    int go_on = 100;
+    bool destroys = false;
+    std::string visited = {};
+};
+
+visitor *current; // VTEP walks pass no cookie
+
+uint32_t visit_mac(l2fm_edm_mac_t *mac, void *cookie)
+{
+    auto *by = static_cast<visitor *>(cookie);
+    by->visited += std::to_string(mac->mac_addr[5]) + " ";
+    if (by->destroys) {
+        EXPECT_EQ(l2fm_edm_table_mac_destroy(mac), 0u);
+    }
+    return by->go_on-- > 0 ? 5 : 0; // anything but 0 goes on
+}
+
+uint32_t visit_vtep(l2fm_edm_vtep_t *vtep, l2fm_edm_bp_t *bp)
+{
+    current->visited += text(bp) + "/" + text(vtep) + " ";
+    if (current->destroys) {
+        EXPECT_EQ(l2fm_edm_table_vtep_destroy(vtep, bp), 0u);
+    }
+    return current->go_on-- > 0 ? 5 : 0;
+}
+
+struct walk_row {
+    std::function<uint32_t(visitor &)> walk;
+    const char *visits;
+    const char *emptied; // what is left when the callback destroys
+};
+
+uint32_t all_macs(visitor &by)
+{
+    return l2fm_edm_table_walk_all_macs(visit_mac, &by);
+}
+std::function<uint32_t(visitor &)> macs_of_bd(uint32_t id)
+{
+    return [=](visitor &by) { return l2fm_edm_table_walk_all_macs_under_bd(visit_mac, &by, id); };
+}
+std::function<uint32_t(visitor &)> macs_of_bp(uint32_t id)
+{
+    return [=](visitor &by) { return l2fm_edm_table_walk_all_macs_under_bp(visit_mac, &by, id); };
+}
+std::function<uint32_t(visitor &)> vteps_of_bd(uint32_t id)
+{
+    return [=](visitor &) { return l2fm_edm_table_walk_all_vteps_under_bd(visit_vtep, nullptr, id); };
+}
+std::function<uint32_t(visitor &)> vteps_of_bp(uint32_t id)
+{
+    return [=](visitor &) { return l2fm_edm_table_walk_all_vteps_under_bp(visit_vtep, nullptr, id); };
+}
+
+// Whether another thread gets the lock; a test that waits for ever is ended by its time-out.
+void take_lock_elsewhere()
+{
+    std::thread([] {
+        l2fib_mac_edm_mutex_lock();
+        l2fib_mac_edm_mutex_unlock();
+    }).join();
+}
+
+void check_walk(const walk_row &row, bool destroys)
+{
+    constexpr const char *steps =
+        "3 30 2 0x1000 6; 2 20 1; 1 10 1; 4 20 1; 5 9 1 0x20; 6 40 2 0x1000 5; 7 30 2 0x1000 4";
+    SCOPED_TRACE(row.visits);
+    start();
+    ASSERT_EQ(run(steps), 0u);
+    take_traces();
+    visitor by{.destroys = destroys};
+    current = &by;
+    EXPECT_EQ(row.walk(by), 0u);
+    EXPECT_EQ(by.visited, row.visits);
+    if (destroys) {
+        EXPECT_EQ(table_text(), row.emptied);
+    } else if (!by.visited.empty()) {
+        visitor stops{.go_on = 0};
+        current = &stops;
+        EXPECT_EQ(row.walk(stops), EDM_ERR_STOPPED);
+        EXPECT_EQ(stops.visited, by.visited.substr(0, by.visited.find(' ') + 1));
+    }
+    take_lock_elsewhere();
+    EXPECT_EQ(take_traces(), "");
+    stop();
+}
+
+TEST(walks, visit_in_order_stop_and_let_go_of_what_is_visited)
+{
+#define ONE "1: 10(1) 20(2 4) dummy(5) | "
+#define TWO "2: 30(3 7){4 6} 40(6){5} | "
+    const walk_row rows[] = {
+        {all_macs, "3 2 1 4 5 6 7 ", "1: 10() 20() dummy() | 2: 30(){4 6} 40(){5} | list"},
+        {macs_of_bd(1), "1 2 4 5 ", "1: 10() 20() dummy() | " TWO "list 3 6 7"},
+        {macs_of_bd(9), "", ONE TWO "list 3 2 1 4 5 6 7"},
+        {macs_of_bp(20), "2 4 ", "1: 10(1) 20() dummy(5) | " TWO "list 3 1 5 6 7"},
+        {macs_of_bp(EDM_XCID_DUMMY), "", ONE TWO "list 3 2 1 4 5 6 7"},
+        {[](visitor &) { return l2fm_edm_table_walk_all_vteps(visit_vtep); }, "30/4 30/6 40/5 ",
+         ONE "2: 30(3 7) 40(6) | list 3 2 1 4 5 6 7"},
+        {vteps_of_bd(2), "30/4 30/6 40/5 ", ONE "2: 30(3 7) 40(6) | list 3 2 1 4 5 6 7"},
+        {vteps_of_bd(1), "", ONE TWO "list 3 2 1 4 5 6 7"},
+        {vteps_of_bp(40), "40/5 ", ONE "2: 30(3 7){4 6} 40(6) | list 3 2 1 4 5 6 7"},
+        {vteps_of_bp(10), "", ONE TWO "list 3 2 1 4 5 6 7"},
+        {vteps_of_bp(99), "", ONE TWO "list 3 2 1 4 5 6 7"},
+    };
+    for (const walk_row &row : rows) {
+        check_walk(row, false);
+        check_walk(row, true);
+    }
+}
+
+TEST(walks, need_a_callback)
+{
+    EXPECT_EQ(l2fm_edm_table_walk_all_macs(nullptr, nullptr), EDM_ERR_INVALID_ARGS);
+    EXPECT_EQ(l2fm_edm_table_walk_all_macs_under_bd(nullptr, nullptr, 1), EDM_ERR_INVALID_ARGS);
+    EXPECT_EQ(l2fm_edm_table_walk_all_macs_under_bp(nullptr, nullptr, 1), EDM_ERR_INVALID_ARGS);
+    EXPECT_EQ(l2fm_edm_table_walk_all_vteps(nullptr), EDM_ERR_INVALID_ARGS);
+    EXPECT_EQ(l2fm_edm_table_walk_all_vteps_under_bd(nullptr, nullptr, 1), EDM_ERR_INVALID_ARGS);
+    EXPECT_EQ(l2fm_edm_table_walk_all_vteps_under_bp(nullptr, nullptr, 1), EDM_ERR_INVALID_ARGS);
+    take_lock_elsewhere();
+}
+
+struct table : fixture {};
+
+TEST_F(table, walks_pass_over_ports_without_a_bridge_domain_and_entries_that_come_meanwhile)
+{
+    run("1 30 1 0x1000 5; mark; try update 30 9");
+    visitor by;
+    current = &by;
+    EXPECT_EQ(l2fm_edm_table_walk_all_vteps(visit_vtep), 0u);
+    EXPECT_EQ(by.visited, "");
+    EXPECT_EQ(l2fm_edm_table_walk_all_vteps_under_bp(visit_vtep, nullptr, 30), 0u);
+    EXPECT_EQ(by.visited, "30/5 ");
+    const auto feeds_another = [](l2fm_edm_mac_t *, void *cookie) {
+        feed(++*static_cast<uint32_t *>(cookie), 10, 1);
+        return 1u;
+    };
+    uint32_t newest = 1;
+    EXPECT_EQ(l2fm_edm_table_walk_all_macs(feeds_another, &newest), 0u);
+    EXPECT_EQ(newest, 2u);
+}
+
+TEST_F(table, counts_kinds_that_it_knows)
+{
+    const l2fm_edm_mac_pool_t before = *l2fm_edm_table_mac_get_pool();
+    l2fm_edm_table_cnt_inc(2);
+    l2fm_edm_table_cnt_dec(7);
+    EXPECT_EQ(std::memcmp(&before, l2fm_edm_table_mac_get_pool(), sizeof before), 0);
+    l2fm_edm_table_cnt_dec(EDM_COUNT_BP);
+    l2fm_edm_table_cnt_inc(EDM_COUNT_BD);
+    EXPECT_EQ(l2fm_edm_table_mac_get_pool()->bp_cnt, UINT32_MAX);
+    EXPECT_EQ(l2fm_edm_table_mac_get_pool()->bd_cnt, 1u);
+    l2fm_edm_table_cnt_inc(EDM_COUNT_BP);
+    l2fm_edm_table_cnt_dec(EDM_COUNT_BD);
+}
+
+TEST_F(table, takes_entries_off_the_list_once)
+{
+    run("1 10 1");
+    l2fm_edm_mac_t *mac = cached(1, 1);
+    const l2fm_edm_ll_root_t *list = l2fm_edm_table_ll_get_root();
+    for (int again = 0; again < 2; again++) {
+        EXPECT_EQ(l2fm_edm_table_ll_remove(mac), &mac->list_link);
+        EXPECT_EQ(list->ll_count, 0u);
+        EXPECT_EQ(static_cast<const void *>(list->ll_first), list);
+        EXPECT_EQ(static_cast<const void *>(list->ll_last), list);
+    }
+    EXPECT_EQ(l2fm_edm_table_ll_insert(mac), 0u);
+    EXPECT_EQ(l2fm_edm_table_ll_init(), EDM_ERR_INVALID_ARGS);
+    EXPECT_EQ(list->ll_count, 1u);
+}
+
+TEST_F(table, gives_and_takes_elements_of_its_pools)
+{
+    EXPECT_EQ(l2fm_edm_table_malloc(EDM_POOL_COUNT), nullptr);
+    uint64_t foreign = 0;
+    EXPECT_EQ(l2fm_edm_table_free(EDM_POOL_COUNT, &foreign), EDM_ERR_INVALID_ARGS);
+    EXPECT_EQ(l2fm_edm_table_bd_free(nullptr), EDM_ERR_INVALID_ARGS);
+    for (uint32_t pool = 0; pool < EDM_POOL_COUNT; pool++) {
+        EXPECT_EQ(l2fm_edm_table_free(pool, nullptr), EDM_ERR_INVALID_ARGS);
+    }
+    EXPECT_EQ(take_traces(), "");
+    EXPECT_EQ(l2fm_edm_table_free(EDM_POOL_MAC, &foreign), EDM_ERR_NO_RESOURCE);
+    EXPECT_EQ(take_traces(), "1949 l2fm_edm_table_free");
+    const bp_element zero{};
+    void *used = l2fm_edm_table_malloc(EDM_POOL_BP);
+    std::memset(used, 0xff, sizeof zero);
+    EXPECT_EQ(l2fm_edm_table_free(EDM_POOL_BP, used), 0u);
+    void *fresh = l2fm_edm_table_malloc(EDM_POOL_BP);
+    EXPECT_EQ(std::memcmp(fresh, &zero, sizeof zero), 0);
+    EXPECT_EQ(l2fm_edm_table_free(EDM_POOL_BP, fresh), 0u);
+}
+
+TEST(table_life, starts_empty_and_again_after_a_teardown)
+{
+    for (int again = 0; again < 3; again++) {
+        const bool has_list = l2fm_edm_table_ll_get_root()->ll_initialised != 0; // made once in a process
+        take_traces();
+        EXPECT_EQ(l2fm_edm_table_init(), 0u);
+        EXPECT_EQ(take_traces(), has_list ? "1938 l2fm_edm_table_init" : "");
+        EXPECT_NE(ordtree_running(l2fm_edm_table_bd_get_root()), 0u);
+        EXPECT_NE(ordtree_running(l2fm_edm_table_bp_get_root()), 0u);
+        EXPECT_EQ(audit_table(), "");
+        EXPECT_EQ(table_text(), "list");
+        EXPECT_EQ(l2fm_edm_table_bd_cache_init(), EDM_ERR_INVALID_ARGS);
+        EXPECT_EQ(l2fm_edm_table_bp_cache_init(), EDM_ERR_INVALID_ARGS);
+        EXPECT_EQ(l2fm_edm_table_deinit(), 0u);
+    }
+}
+
+TEST(table_life, ends_with_nothing_left)
+{
+    start();
+    run("1 10 1; 2 30 1 0x1000 5; 3 30 1 0x1001 6; 4 9 1 0x20; 5 40 2 0x1000 5; 6 20 1; mark bp 20; try update 20 9");
+    const auto lost = entry(9, 99, 1); // on no port
+    l2fm_edm_table_ll_insert(l2fm_edm_table_mac_alloc_and_fill(&lost));
+    take_traces();
+    EXPECT_EQ(l2fm_edm_table_deinit(), 0u);
+    EXPECT_EQ(take_traces(), "1954 l2fm_edm_table_bp_destroy_internal DUMMY NOT_FOUND; "
+                             "1954 l2fm_edm_table_bp_destroy_internal 20 NOT_FOUND; "
+                             "1938 l2fm_edm_table_get"); // the lost entry's port is looked for
+    EXPECT_EQ(l2fm_edm_table_ll_get_root()->ll_count, 0u);
+    EXPECT_EQ(ordtree_running(l2fm_edm_table_bd_get_root()), 0u);
+    EXPECT_EQ(ordtree_running(l2fm_edm_table_bp_get_root()), 0u);
+    EXPECT_EQ(ordtree_memory().nodes, 0u);
+    EXPECT_EQ(host::chunk_next(nullptr), nullptr) << "a pool is left";
+}
+
+} // namespace
