@@ -69,6 +69,7 @@ inline node *child_at(const node *inner, unsigned slot)
 [[gnu::always_inline]] inline void prefetch_node(const node *wanted)
 {
     const auto *const start = reinterpret_cast<const char *>(wanted);
+#pragma GCC unroll 16
     for (std::size_t offset = 0; offset < node_size; offset += cache_line_size) {
         __builtin_prefetch(start + offset);
     }
