@@ -407,10 +407,11 @@ bool store_text(uint8_t *place, std::string_view source)
     if (source.find('\0') != std::string_view::npos) {
         return false;
     }
-    char *copy = strndup(source.data(), source.size());
+    auto *copy = static_cast<char *>(malloc(source.size() + 1));
     if (copy == nullptr) {
         throw std::bad_alloc();
     }
+    copy[source.copy(copy, source.size())] = '\0';
     memcpy(place, &copy, sizeof(copy));
     return true;
 }
