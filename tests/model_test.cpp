@@ -6,26 +6,22 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
+#include <cinttypes>
 #include <cstdlib>
+#include <functional>
 #include <list>
 #include <map>
-#include <memory>
 #include <optional>
 #include <random>
-#include <sstream>
 
 #include "host/chunk_statistics.h"
 #include "host/l2fib_objects.h"
-#include "table/element.h"
 #include "tests/support/small_table.h"
 #include "tests/support/table_audit.h"
 
 using namespace small_table;
 
 namespace {
-
-constexpr uint32_t no_resource = EDM_ERR_NO_RESOURCE;
 
 // ---- The reference ----
 
@@ -42,46 +38,51 @@ struct ref_port {
     std::optional<uint32_t> bd;
     uint32_t type = 0;
     bool pending = false;
-    std::map<uint32_t, ref_list::iterator> macs;
-    std::map<uint32_t, bool> vteps; // and whether they are marked
+    std::map<uint32_t, ref_list::iterator> macs = {};
+    std::map<uint32_t, bool> vteps = {}; // and whether they are marked
 };
-
-// What the forwarding manager and the platform say.
-struct surroundings {
-    std::map<uint32_t, std::string> names; // of bridge domains
-    std::map<uint32_t, uint32_t> segments; // of cross-connects
-    std::optional<uint32_t> limit = UINT32_MAX;
-    bool full[EDM_POOL_COUNT] = {};
-};
+using chosen = std::function<bool(const ref_port &)>;
 
 struct report {
     uint32_t number, xcid, bd, flags, vtep;
 };
 
-uint32_t pool_of(uint32_t flags)
+constexpr uint32_t invalid = EDM_ERR_INVALID_ARGS;
+constexpr uint32_t no_resource = EDM_ERR_NO_RESOURCE;
+
+bool is_dummy(const ref_port &p)
 {
-    return (flags & 1) != 0 ? EDM_POOL_MAC_PBB : (flags & 0x1000) != 0 ? EDM_POOL_MAC_VNI : EDM_POOL_MAC;
+    return p.xcid == EDM_XCID_DUMMY;
 }
 
-class reference {
-public:
-    surroundings around;
+struct reference {
+    // What the forwarding manager and the platform say.
+    std::map<uint32_t, std::string> names = {{1, "g:c"}, {2, "g:b"}, {3, "g:a"}};
+    std::map<uint32_t, uint32_t> segments = {{10, 2}, {20, 3}, {30, 5}, {40, 5}, {50, 4}, {60, 33}, {70, 99}};
+    std::optional<uint32_t> limit;
+    bool full[EDM_POOL_COUNT] = {};
+    // The table.
     std::map<uint32_t, std::string> bds;
-    std::list<std::unique_ptr<ref_port>> ports;
+    std::list<ref_port> ports;
     ref_list list;
 
+    ref_port *find_port(const chosen &is)
+    {
+        const auto at = std::find_if(ports.begin(), ports.end(), is);
+        return at == ports.end() ? nullptr : &*at;
+    }
     ref_port *port(uint32_t xcid)
     {
-        return find_port([=](const ref_port &p) { return p.xcid == xcid && xcid != EDM_XCID_DUMMY; });
+        return find_port([=](const ref_port &p) { return p.xcid == xcid && !is_dummy(p); });
     }
 
     // The ports of a bridge domain, by xcid.
     std::vector<ref_port *> ports_of(std::optional<uint32_t> bd)
     {
         std::vector<ref_port *> found;
-        for (const auto &p : ports) {
-            if (p->bd == bd) {
-                found.push_back(p.get());
+        for (ref_port &p : ports) {
+            if (p.bd == bd) {
+                found.push_back(&p);
             }
         }
         std::sort(found.begin(), found.end(), [](auto *a, auto *b) { return a->xcid < b->xcid; });
@@ -100,7 +101,7 @@ public:
 
     uint32_t feed(const report &r)
     {
-        if (!bds.contains(r.bd) && !create_bd(r.bd)) {
+        if (!bds.contains(r.bd) && create_bd(r.bd) != 0) {
             return no_resource;
         }
         ref_port *p = (r.flags & 0x0668) != 0 ? dummy_of(r.bd) : ordinary(r);
@@ -111,84 +112,72 @@ public:
         return known == nullptr ? create(p, r) : update(p, known, r);
     }
 
-    bool create_bd(uint32_t id)
+    uint32_t create_bd(uint32_t id)
     {
-        if (!around.names.contains(id) || around.full[EDM_POOL_BD]) {
-            return false;
+        if (!names.contains(id) || full[EDM_POOL_BD] || bds.contains(id)) {
+            return no_resource;
         }
-        const std::string name = around.names[id].size() > 60 ? "" : around.names[id];
+        const std::string name = names[id].size() > 60 ? "" : names[id];
         const bool taken = std::any_of(bds.begin(), bds.end(), [&](auto &bd) { return bd.second == name; });
-        return !taken && bds.emplace(id, name).second;
+        return !taken && bds.emplace(id, name).second ? 0 : no_resource;
     }
 
     uint32_t update_port(ref_port *p, uint32_t bd)
     {
-        if (!p->pending) {
-            return 0;
+        if (p == nullptr || (p->pending && !p->bd)) {
+            return invalid;
         }
-        if (!p->bd) {
-            return EDM_ERR_INVALID_ARGS;
-        }
-        if (*p->bd != bd) {
-            p->bd = bds.contains(bd) ? std::optional(bd) : std::nullopt;
-        } else if (!fill(p)) {
+        if (p->pending && p->bd == bd && !fill(p)) {
             return no_resource;
         }
-        p->pending = !p->bd;
-        return p->bd ? 0 : EDM_ERR_INVALID_ARGS;
+        if (p->pending && p->bd != bd) {
+            p->bd = bds.contains(bd) ? std::optional(bd) : std::nullopt;
+        }
+        p->pending = p->pending && !p->bd;
+        return p->pending ? invalid : 0;
     }
 
-    // Marks or sweeps the ports that `in` chooses; the sweep of all does not reach VTEPs of ports without a bridge
-    // domain.
-    template <typename In>
-    void mark(In in)
+    uint32_t mark(const chosen &ports_of_macs, const chosen &ports_of_vteps)
     {
-        for (const auto &p : ports) {
-            if (in(*p)) {
-                std::for_each(p->macs.begin(), p->macs.end(), [](auto &mac) { mac.second->flags |= 0x80; });
-                p->pending = p->pending || !p->macs.empty();
+        for (ref_port &p : ports) {
+            if (ports_of_macs(p)) {
+                std::for_each(p.macs.begin(), p.macs.end(), [](auto &mac) { mac.second->flags |= 0x80; });
+                p.pending = p.pending || !p.macs.empty();
             }
+            std::for_each(p.vteps.begin(), p.vteps.end(), [&](auto &vtep) { vtep.second |= ports_of_vteps(p); });
         }
+        return 0;
     }
-    template <typename In>
-    void mark_vteps(In in)
-    {
-        for (const auto &p : ports) {
-            std::for_each(p->vteps.begin(), p->vteps.end(), [&](auto &vtep) { vtep.second |= in(*p); });
-        }
-    }
-    template <typename In>
-    void sweep(In in)
+
+    uint32_t sweep(const chosen &ports_of_macs, const chosen &ports_of_vteps)
     {
         for (auto at = list.begin(); at != list.end();) {
             ref_mac &mac = *at++;
-            if (in(*mac.port) && (mac.flags & 0x80) != 0) {
+            if (ports_of_macs(*mac.port) && (mac.flags & 0x80) != 0) {
                 destroy(&mac);
             }
         }
-    }
-    template <typename In>
-    void sweep_vteps(In in)
-    {
-        for (const auto &p : ports) {
-            std::erase_if(p->vteps, [&](const auto &vtep) { return vtep.second && in(*p); });
+        for (ref_port &p : ports) {
+            std::erase_if(p.vteps, [&](const auto &vtep) { return vtep.second && ports_of_vteps(p); });
         }
+        return 0;
     }
 
-    void destroy_bd(uint32_t id)
+    uint32_t destroy_bd(uint32_t id)
     {
-        for (ref_port *p : ports_of(id)) {
-            destroy_port(p);
-        }
         bds.erase(id);
+        return destroy_ports([=](const ref_port &p) { return p.bd == id; });
     }
 
-    void destroy_port(ref_port *p)
+    uint32_t destroy_ports(const chosen &which)
     {
-        while (!p->macs.empty()) {
-            destroy(&*p->macs.begin()->second);
+        for (ref_port &p : ports) {
+            while (which(p) && !p.macs.empty()) {
+                destroy(&*p.macs.begin()->second);
+            }
         }
-        ports.remove_if([=](const auto &each) { return each.get() == p; });
+        ports.remove_if(which);
+        return 0;
     }
 
     uint32_t evict()
@@ -200,26 +189,10 @@ public:
         return 0;
     }
 
-private:
-    template <typename Is>
-    ref_port *find_port(Is is)
-    {
-        const auto at = std::find_if(ports.begin(), ports.end(), [&](const auto &p) { return is(*p); });
-        return at == ports.end() ? nullptr : at->get();
-    }
-
-    ref_port *add_port(uint32_t xcid, uint32_t bd)
-    {
-        ports.push_back(std::make_unique<ref_port>());
-        ports.back()->xcid = xcid;
-        ports.back()->bd = bd;
-        return ports.back().get();
-    }
-
     ref_port *dummy_of(uint32_t bd)
     {
-        ref_port *p = find_port([=](const ref_port &each) { return each.xcid == EDM_XCID_DUMMY && each.bd == bd; });
-        return p != nullptr || around.full[EDM_POOL_BP] ? p : add_port(EDM_XCID_DUMMY, bd);
+        ref_port *p = find_port([=](const ref_port &each) { return is_dummy(each) && each.bd == bd; });
+        return p != nullptr || full[EDM_POOL_BP] ? p : &ports.emplace_back(ref_port{EDM_XCID_DUMMY, bd});
     }
 
     ref_port *ordinary(const report &r)
@@ -228,10 +201,10 @@ private:
         if (p != nullptr) {
             return update_port(p, r.bd) == 0 ? p : nullptr;
         }
-        if (around.full[EDM_POOL_BP] || !around.segments.contains(r.xcid)) {
+        if (full[EDM_POOL_BP] || !segments.contains(r.xcid)) {
             return nullptr;
         }
-        p = add_port(r.xcid, r.bd);
+        p = &ports.emplace_back(ref_port{r.xcid, r.bd});
         fill(p);
         return p;
     }
@@ -239,10 +212,10 @@ private:
     bool fill(ref_port *p)
     {
         static const std::map<uint32_t, uint32_t> types = {{2, 1}, {3, 2}, {4, 3}, {5, 4}, {33, 5}};
-        if (!around.segments.contains(p->xcid)) {
+        if (!segments.contains(p->xcid)) {
             return false;
         }
-        const auto type = types.find(around.segments[p->xcid]);
+        const auto type = types.find(segments[p->xcid]);
         p->type = type == types.end() ? p->type : type->second;
         if (p->type != 4) {
             p->vteps.clear();
@@ -252,8 +225,8 @@ private:
 
     uint32_t create(ref_port *p, const report &r)
     {
-        if (!around.limit || (list.size() >= *around.limit && evict() != 0) || around.full[pool_of(r.flags)]
-            || p->macs.contains(r.number)) {
+        const uint32_t pool = (r.flags & 1) != 0 ? EDM_POOL_MAC_PBB : (r.flags & 0x1000) != 0 ? EDM_POOL_MAC_VNI : 0;
+        if (!limit || (list.size() >= *limit && evict() != 0) || full[pool]) {
             return no_resource;
         }
         list.push_back({r.number, r.bd, r.flags & ~0x80u, p});
@@ -264,38 +237,30 @@ private:
 
     void see_vtep(ref_port *p, const report &r)
     {
-        if ((r.flags & 0x1000) != 0 && p->type == 4 && (p->vteps.contains(r.vtep) || !around.full[EDM_POOL_VTEP])) {
+        if ((r.flags & 0x1000) != 0 && p->type == 4 && (p->vteps.contains(r.vtep) || !full[EDM_POOL_VTEP])) {
             p->vteps[r.vtep] = false;
         }
     }
 
     uint32_t update(ref_port *p, ref_mac *mac, const report &r)
     {
-        if (((mac->flags ^ r.flags) & 0x1001) != 0) {
-            return replace(p, mac, r);
+        const bool of_bd = (r.flags & 0x68) != 0;
+        const bool other_variant = ((mac->flags ^ r.flags) & 0x1001) != 0;
+        if (!other_variant && of_bd && (!is_dummy(*mac->port) || !is_dummy(*p))) {
+            return EDM_ERR_STOPPED;
         }
-        if ((r.flags & 0x68) != 0) {
-            if (mac->port->xcid != EDM_XCID_DUMMY || p->xcid != EDM_XCID_DUMMY) {
-                return EDM_ERR_STOPPED;
-            }
-            if ((r.flags & 0x8) != 0) {
-                return replace(p, mac, r);
-            }
+        const bool moved = !of_bd && (mac->bridge_id != r.bd) != (mac->port->xcid != r.xcid);
+        if (other_variant || moved || (of_bd && (r.flags & 0x8) != 0)) {
+            destroy(mac);
+            return create(p, r);
+        }
+        if (of_bd) {
             mac->flags = (mac->flags & 0x8) != 0 ? mac->flags : r.flags;
-            return 0;
+        } else {
+            mac->flags = r.flags & ~0x80u;
+            see_vtep(p, r);
         }
-        if ((mac->bridge_id != r.bd) != (mac->port->xcid != r.xcid)) {
-            return replace(p, mac, r);
-        }
-        mac->flags = r.flags & ~0x80u;
-        see_vtep(p, r);
         return 0;
-    }
-
-    uint32_t replace(ref_port *p, ref_mac *mac, const report &r)
-    {
-        destroy(mac);
-        return create(p, r);
     }
 
     void destroy(ref_mac *mac)
@@ -307,54 +272,49 @@ private:
     }
 };
 
-// ---- The reference's answers, in the form of the table's ----
+// ---- The reference in the form of table_text() ----
+
+std::string number(uint64_t value)
+{
+    return std::to_string(value);
+}
 
 std::string text(const ref_port &p)
 {
-    std::string all = (p.xcid == EDM_XCID_DUMMY ? "dummy" : std::to_string(p.xcid)) + (p.pending ? "*" : "") + "(";
-    const char *gap = "";
-    for (const auto &[number, mac] : p.macs) {
-        all += gap + std::to_string(number) + ((mac->flags & 0x80) != 0 ? "!" : "")
-               + (mac->bridge_id == p.bd ? "" : "@" + std::to_string(mac->bridge_id));
-        gap = " ";
+    std::string macs;
+    for (const auto &[address, mac] : p.macs) {
+        macs += (macs.empty() ? "" : " ") + number(address) + ((mac->flags & 0x80) != 0 ? "!" : "")
+                + (mac->bridge_id == p.bd ? "" : "@" + number(mac->bridge_id));
     }
-    gap = "";
-    all += p.vteps.empty() ? ")" : "){";
+    std::string vteps;
     for (const auto &[vtep, stale] : p.vteps) {
-        all += gap + std::to_string(vtep) + (stale ? "!" : "");
-        gap = " ";
+        vteps += (vteps.empty() ? "" : " ") + number(vtep) + (stale ? "!" : "");
     }
-    return all + (p.vteps.empty() ? "" : "}");
+    return (is_dummy(p) ? "dummy" : number(p.xcid)) + (p.pending ? "*" : "") + "(" + macs + ")"
+           + (vteps.empty() ? "" : "{" + vteps + "}");
 }
 
 std::string text(reference &of)
 {
+    const auto ports = [](std::string title, const std::vector<ref_port *> &all) {
+        for (const ref_port *p : all) {
+            title += " " + text(*p);
+        }
+        return title + " | ";
+    };
     std::string all;
     for (const auto &[id, name] : of.bds) {
-        all += std::to_string(id) + ":";
-        for (const ref_port *p : of.ports_of(id)) {
-            all += " " + text(*p);
-        }
-        all += " | ";
+        all += ports(number(id) + ":", of.ports_of(id));
     }
     const std::vector<ref_port *> homeless = of.ports_of(std::nullopt);
-    all += homeless.empty() ? "" : "-:";
-    for (const ref_port *p : homeless) {
-        all += " " + text(*p);
-    }
-    all += homeless.empty() ? "list" : " | list";
+    all += (homeless.empty() ? "" : ports("-:", homeless)) + "list";
     for (const ref_mac &mac : of.list) {
-        all += " " + std::to_string(mac.number);
+        all += " " + number(mac.number);
     }
     return all;
 }
 
 // ---- Both, side by side ----
-
-const char *const pool_names[EDM_POOL_COUNT] = {"EDM-MAC Chunk", "EDM-MAC-PBB Chunk", "EDM-MAC-VNI Chunk",
-                                                "EDM-BP Chunk",  "EDM-BD Chunk",      "EDM-MAC Vtep DB Chunk"};
-constexpr uint32_t xcids[] = {10, 20, 30, 40, 50, 60, 70};
-constexpr uint32_t segments[] = {2, 3, 4, 5, 5, 33, 99};
 
 struct shape {
     uint32_t addresses;
@@ -366,6 +326,9 @@ struct shape {
 constexpr shape small = {24, 150, 4, 16};
 constexpr shape large = {20000, 40000, 20000, 10000};
 
+constexpr uint32_t unlimited = 1000000;
+constexpr uint32_t xcids[] = {10, 20, 30, 40, 50, 60, 70};
+
 class pair_of_tables {
 public:
     pair_of_tables(uint64_t seed, const shape &of)
@@ -374,14 +337,13 @@ public:
     {
         start();
         limit = unlimited;
-        ref.around.names = {{1, "g:c"}, {2, "g:b"}, {3, "g:a"}};
-        ref.around.segments = {{10, 2}, {20, 3}, {30, 5}, {40, 5}, {50, 4}, {60, 33}, {70, 99}};
+        ref.limit = unlimited;
     }
     ~pair_of_tables() { stop(); }
     pair_of_tables(const pair_of_tables &) = delete;
     pair_of_tables &operator=(const pair_of_tables &) = delete;
 
-    void step(uint64_t number)
+    void step(uint64_t count)
     {
         const uint32_t kind = below(form.spread);
         const bool marks = kind < 16;
@@ -389,17 +351,16 @@ public:
         const bool changes = kind < 30;
         marks ? mark_or_sweep_both() : removes ? remove_from_both() : changes ? change_surroundings() : feed_both();
         compare_counters();
-        compare_lookups();
-        if (number % form.text_stride == 0) {
+        compare_lookups(below(form.addresses + 2), 1 + below(4), one_of(xcids));
+        if (count % form.text_stride == 0) {
             EXPECT_EQ(table_text(), text(ref));
         }
-        if (number % form.audit_stride == 0) {
+        if (count % form.audit_stride == 0) {
             EXPECT_EQ(audit_table(), "");
         }
     }
 
 private:
-    static constexpr uint32_t unlimited = 1000000;
     std::mt19937_64 random;
     shape form;
     reference ref;
@@ -418,42 +379,35 @@ private:
         return below(20) == 0 ? one_of(unusual) : one_of(xcids);
     }
 
+    static void expect(uint32_t status, const std::string &step) { EXPECT_EQ(run(step), status) << step; }
+
     void feed_both()
     {
         constexpr uint32_t flags[] = {0,      0,      0x2, 0x4,  0x6,  0x1,   0x1000, 0x1000, 0x1001, 0x100,
                                       0x2080, 0x1004, 0x8, 0x20, 0x40, 0x200, 0x400,  0x21,   0xa0,   0x1020};
         const report r = {1 + below(form.addresses), any_xcid(), 1 + below(4), one_of(flags), 1 + below(3)};
-        EXPECT_EQ(feed(r.number, r.xcid, r.bd, r.flags, r.vtep), ref.feed(r))
-            << r.number << ' ' << r.xcid << ' ' << r.bd << ' ' << std::hex << r.flags << ' ' << r.vtep;
-    }
-
-    // A scope in the reference's terms, and what the operations on all call VTEPs' scope.
-    template <typename Macs, typename Vteps>
-    void mark_or_sweep(bool mark, uint32_t (*mark_table)(uint32_t), uint32_t (*sweep_table)(uint32_t), uint32_t id,
-                       Macs macs, Vteps vteps)
-    {
-        EXPECT_EQ((mark ? mark_table : sweep_table)(id), 0u);
-        mark ? ref.mark(macs) : ref.sweep(macs);
-        mark ? ref.mark_vteps(vteps) : ref.sweep_vteps(vteps);
+        expect(ref.feed(r), number(r.number) + " " + number(r.xcid) + " " + number(r.bd) + " " + number(r.flags) + " "
+                                + number(r.vtep));
     }
 
     void mark_or_sweep_both()
     {
-        const bool mark = below(2) == 0;
         const uint32_t xcid = any_xcid();
         const uint32_t id = 1 + below(4);
-        const auto of_bd = [=](const ref_port &p) { return p.bd == id; };
-        const auto of_bp = [=](const ref_port &p) { return p.xcid == xcid && xcid != EDM_XCID_DUMMY; };
-        switch (below(6)) {
-        case 0:
-            mark_or_sweep(
-                mark, [](uint32_t) { return l2fib_mac_edm_mark_all(); },
-                [](uint32_t) { return l2fib_mac_edm_sweep_all(); }, 0, [](const ref_port &) { return true; },
-                [](const ref_port &p) { return p.bd.has_value(); });
-            break;
-        case 1:
-        case 2: mark_or_sweep(mark, l2fib_mac_edm_mark_bd, l2fib_mac_edm_sweep_bd, id | 0x50000, of_bd, of_bd); break;
-        default: mark_or_sweep(mark, l2fib_mac_edm_mark_bp, l2fib_mac_edm_sweep_bp, xcid, of_bp, of_bp);
+        std::string scope;
+        chosen macs = [](const ref_port &) { return true; };
+        chosen vteps = [](const ref_port &p) { return p.bd.has_value(); };
+        if (const uint32_t kind = below(6); kind > 2) {
+            scope = " bp " + number(xcid);
+            macs = vteps = [=](const ref_port &p) { return p.xcid == xcid && !is_dummy(p); };
+        } else if (kind > 0) {
+            scope = " bd " + number(id | 0x50000);
+            macs = vteps = [=](const ref_port &p) { return p.bd == id; };
+        }
+        if (below(2) == 0) {
+            expect(ref.mark(macs, vteps), "mark" + scope);
+        } else {
+            expect(ref.sweep(macs, vteps), "sweep" + scope);
         }
     }
 
@@ -461,60 +415,56 @@ private:
     {
         const uint32_t xcid = one_of(xcids);
         const uint32_t id = 1 + below(4);
-        ref_port *p = ref.port(xcid);
         switch (below(5)) {
-        case 0:
-            EXPECT_EQ(l2fm_edm_table_bd_destroy(id), 0u);
-            ref.destroy_bd(id);
-            break;
+        case 0: expect(ref.destroy_bd(id), "destroy bd " + number(id)); break;
         case 1:
-            EXPECT_EQ(l2fm_edm_table_bp_destroy(xcid), 0u);
-            if (p != nullptr) {
-                ref.destroy_port(p);
-            }
+            expect(ref.destroy_ports([=](const ref_port &p) { return p.xcid == xcid; }), "destroy bp " + number(xcid));
             break;
-        case 2: EXPECT_EQ(l2fm_edm_table_bd_create(id) != nullptr, ref.create_bd(id)); break;
-        case 3:
-            EXPECT_EQ(l2fm_edm_table_bp_update(l2fm_edm_table_bp_get_by_xcid(xcid), 1000),
-                      p == nullptr ? EDM_ERR_INVALID_ARGS : ref.update_port(p, 1000));
-            break;
-        default: EXPECT_EQ(l2fm_edm_table_mac_destroy_old_mac(), ref.evict());
+        case 2: expect(ref.create_bd(id), "create bd " + number(id)); break;
+        case 3: expect(ref.update_port(ref.port(xcid), 1000), "update " + number(xcid) + " 1000"); break;
+        default: expect(ref.evict(), "evict");
         }
+    }
+
+    void rename(uint32_t id)
+    {
+        const std::string name = below(6) == 0 ? std::string(61, 'n') : "g:" + std::string(1, char('a' + below(5)));
+        if (host::bridge_domain_set(id, name) == 0) {
+            ref.names[id] = name;
+        }
+    }
+
+    void fill_or_empty_pool(uint32_t pool)
+    {
+        const char *const names[EDM_POOL_COUNT] = {"EDM-MAC Chunk", "EDM-MAC-PBB Chunk", "EDM-MAC-VNI Chunk",
+                                                   "EDM-BP Chunk",  "EDM-BD Chunk",      "EDM-MAC Vtep DB Chunk"};
+        ref.full[pool] = below(4) == 0;
+        EXPECT_TRUE(host::chunk_set_limit(host::chunk_find(names[pool]), ref.full[pool] ? 0 : UINT64_MAX));
     }
 
     void change_surroundings()
     {
-        const uint32_t id = 1 + below(3);
+        constexpr uint32_t segments[] = {2, 3, 4, 5, 5, 33, 99};
         const uint32_t xcid = one_of(xcids);
-        const uint32_t pool = below(EDM_POOL_COUNT);
-        const std::string name = below(6) == 0 ? std::string(61, 'n') : "g:" + std::string(1, char('a' + below(5)));
-        surroundings &around = ref.around;
         switch (below(5)) {
-        case 0:
-            if (host::bridge_domain_set(id, name) == 0) {
-                around.names[id] = name;
-            }
-            break;
+        case 0: rename(1 + below(3)); break;
         case 1:
-            around.segments[xcid] = one_of(segments);
-            set_port(xcid, around.segments[xcid]);
+            ref.segments[xcid] = one_of(segments);
+            expect(0, "kind " + number(xcid) + " " + number(ref.segments[xcid]));
             break;
         case 2:
-            around.segments.erase(xcid);
-            host::cross_connect_remove(xcid);
+            ref.segments.erase(xcid);
+            run("remove " + number(xcid));
             break;
         case 3:
-            around.limit = below(12) == 0 ? std::nullopt : std::optional(below(4) == 0 ? below(40) : unlimited);
-            limit = around.limit.value_or(0);
-            hw_edm_pool = around.limit ? &limit : nullptr;
+            ref.limit = below(12) == 0 ? std::nullopt : std::optional(below(4) == 0 ? below(40) : unlimited);
+            expect(0, ref.limit ? "limit " + number(*ref.limit) : "undefine");
             break;
-        default:
-            around.full[pool] = below(4) == 0;
-            host::chunk_set_limit(host::chunk_find(pool_names[pool]), around.full[pool] ? 0 : UINT64_MAX);
+        default: fill_or_empty_pool(below(EDM_POOL_COUNT));
         }
     }
 
-    void compare_counters()
+    void compare_counters() const
     {
         const l2fm_edm_mac_pool_t *counters = l2fm_edm_table_mac_get_pool();
         EXPECT_EQ(counters->mac_cnt_total, ref.list.size());
@@ -522,53 +472,53 @@ private:
         EXPECT_EQ(counters->bp_cnt, ref.ports.size());
     }
 
-    // The port of an answer; 0 for none.
-    static uint32_t where(const l2fm_edm_mac_t *mac) { return mac == nullptr ? 0 : mac->bp->xcid; }
-    static uint32_t where(const ref_mac *mac) { return mac == nullptr ? 0 : mac->port->xcid; }
-
-    void compare_lookups()
+    // What an answer is: the address and the port's id.
+    using answer = std::pair<uint32_t, uint32_t>;
+    static answer of(const l2fm_edm_mac_t *mac)
     {
-        const uint32_t number = below(form.addresses + 2);
-        const uint32_t id = 1 + below(4);
-        const uint32_t xcid = one_of(xcids);
-        const address mac = mac_address(number);
-        EXPECT_EQ(where(l2fm_edm_table_mac_get_by_bridgeid_mac(id, mac.data())), where(ref.find_in_bd(id, number)));
+        return mac == nullptr ? answer() : answer(mac->mac_addr[4] << 8 | mac->mac_addr[5], mac->bp->xcid);
+    }
+    static answer of(const ref_mac *mac) { return mac == nullptr ? answer() : answer(mac->number, mac->port->xcid); }
+
+    static const ref_mac *next_of(const ref_port *p, uint32_t address)
+    {
+        const auto next = p->macs.upper_bound(address);
+        return next == p->macs.end() ? nullptr : &*next->second;
+    }
+
+    void compare_lookups(uint32_t address, uint32_t id, uint32_t xcid)
+    {
+        const small_table::address mac = mac_address(address);
+        EXPECT_EQ(of(l2fm_edm_table_mac_get_by_bridgeid_mac(id, mac.data())), of(ref.find_in_bd(id, address)));
         const l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(xcid);
-        ref_port *p = ref.port(xcid);
+        const ref_port *p = ref.port(xcid);
         ASSERT_EQ(bp != nullptr, p != nullptr) << xcid;
         if (p != nullptr) {
             EXPECT_EQ(bp->bp_type, p->type);
-            EXPECT_EQ(bp->bd == nullptr ? 0 : bp->bd->bridge_id, p->bd.value_or(0));
-            EXPECT_EQ(where(l2fm_edm_table_mac_get_by_xcid_mac(xcid, mac.data())), p->macs.contains(number) ? xcid : 0);
-            const auto next = p->macs.upper_bound(number);
-            const l2fm_edm_mac_t *found = l2fm_edm_table_bp_macaddr_get_next(&bp->mac_tree, mac.data());
-            EXPECT_EQ(found == nullptr ? 0 : found->mac_addr[4] << 8 | found->mac_addr[5],
-                      next == p->macs.end() ? 0 : int(next->first));
+            EXPECT_EQ(l2fm_edm_table_mac_get_by_xcid_mac(xcid, mac.data()) != nullptr, p->macs.contains(address));
+            EXPECT_EQ(of(l2fm_edm_table_bp_macaddr_get_next(&bp->mac_tree, mac.data())), of(next_of(p, address)));
         }
-        compare_by_name(id, number);
-    }
-
-    void compare_by_name(uint32_t id, uint32_t number)
-    {
         const l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_by_bridgeid(id);
         ASSERT_EQ(bd != nullptr, ref.bds.contains(id));
-        if (bd == nullptr) {
-            return;
+        if (bd != nullptr) {
+            EXPECT_EQ(l2fm_edm_table_bd_get_by_name(ref.bds[id].c_str()), bd);
+            compare_by_name(ref.bds[id].c_str(), id, address);
         }
-        const char *name = ref.bds[id].c_str();
-        EXPECT_EQ(l2fm_edm_table_bd_get_by_name(name), bd);
+    }
+
+    void compare_by_name(const char *name, uint32_t id, uint32_t address)
+    {
         const ref_mac *next = nullptr;
         bool has_vtep = false;
-        for (ref_port *p : ref.ports_of(id)) {
-            const auto candidate = p->macs.upper_bound(number);
-            const bool better = candidate != p->macs.end() && (next == nullptr || candidate->first < next->number);
-            next = better ? &*candidate->second : next;
-            has_vtep = has_vtep || p->vteps.contains(number);
+        for (const ref_port *p : ref.ports_of(id)) {
+            const ref_mac *candidate = next_of(p, address);
+            next = candidate != nullptr && (next == nullptr || candidate->number < next->number) ? candidate : next;
+            has_vtep = has_vtep || p->vteps.contains(address);
         }
-        const address mac = mac_address(number);
-        EXPECT_EQ(where(l2fm_edm_table_mac_get_by_bdname_mac(name, mac.data())), where(ref.find_in_bd(id, number)));
-        EXPECT_EQ(where(l2fm_edm_table_mac_get_next_by_bdname_mac(name, mac.data())), where(next));
-        EXPECT_EQ(l2fm_edm_table_vtep_get_by_bridgeid_vtep(id, vtep_address(number).data()) != nullptr, has_vtep);
+        const small_table::address mac = mac_address(address);
+        EXPECT_EQ(of(l2fm_edm_table_mac_get_by_bdname_mac(name, mac.data())), of(ref.find_in_bd(id, address)));
+        EXPECT_EQ(of(l2fm_edm_table_mac_get_next_by_bdname_mac(name, mac.data())), of(next));
+        EXPECT_EQ(l2fm_edm_table_vtep_get_by_bridgeid_vtep(id, vtep_address(address).data()) != nullptr, has_vtep);
     }
 };
 
@@ -584,12 +534,11 @@ void run_both(const shape &of, uint64_t seeds)
     const uint64_t first_seed = number_from("L2FIB_SEED", std::random_device{}());
     const uint64_t operations = number_from("L2FIB_OPERATIONS", 200000);
     for (uint64_t seed = first_seed; seed < first_seed + (repeats ? 1 : seeds); seed++) {
-        std::printf("L2FIB_SEED=%llu, %llu operations\n", static_cast<unsigned long long>(seed),
-                    static_cast<unsigned long long>(operations));
+        std::printf("L2FIB_SEED=%" PRIu64 ", %" PRIu64 " operations\n", seed, operations);
         pair_of_tables both(seed, of);
-        for (uint64_t number = 1; number <= operations; number++) {
-            both.step(number);
-            ASSERT_FALSE(testing::Test::HasFailure()) << "L2FIB_SEED=" << seed << ", operation " << number;
+        for (uint64_t count = 1; count <= operations; count++) {
+            both.step(count);
+            ASSERT_FALSE(testing::Test::HasFailure()) << "L2FIB_SEED=" << seed << ", operation " << count;
         }
     }
 }
