@@ -203,8 +203,8 @@ TEST(Storm, LeavesASoundTable)
     } work[] = {{feed, 4}, {mark_and_sweep, 1}, {remove, 1}, {look, 2}, {ask, 1}};
     constexpr uint64_t least = 30; // steps of each kind
     const char *seconds = std::getenv("L2FIB_STORM_SECONDS");
-    const auto end =
-        std::chrono::steady_clock::now() + std::chrono::seconds(seconds == nullptr ? 3 : std::atoi(seconds));
+    const auto end = std::chrono::steady_clock::now()
+                     + std::chrono::seconds(seconds == nullptr ? 3 : std::strtol(seconds, nullptr, 10));
 
     start_module();
     // Nothing tells this thread when the two are ready but the module itself.
