@@ -188,6 +188,9 @@ public:
     // `query_batch` keys at a time, for the question may hold a lock of the plane.
     virtual void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) = 0;
 
+    // Whether entries are seen as a source without a change being told, so that ages have to be asked for.
+    virtual bool ages_silently() const { return false; }
+
     // Any thread.
     virtual plane_health health() const = 0;
 
