@@ -229,12 +229,8 @@ standing standing_of(const table_copy &copy, uint32_t entry)
     if (port.domain == no_slot) {
         return port.key.kind == link_kind::vxlan ? standing::without_bridge : standing::receive_filter;
     }
-    const copy_link *bridge = copy.find_link(port.key.master);
-    if (bridge == nullptr) {
-        return standing::without_name;
-    }
     if (copy.domains[port.domain].bridge_id == 0 || port.xcid == 0) {
-        return standing::without_id;
+        return copy.find_link(port.key.master) == nullptr ? standing::without_name : standing::without_id;
     }
     return of.record.self ? standing_of_own(copy, entry) : standing::fed;
 }

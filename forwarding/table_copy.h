@@ -42,8 +42,9 @@ struct copy_entry {
     // The listener's.
     bool dirty = false;
     uint8_t standing = 0;
-    uint8_t foreign = 0;
-    uint16_t counted_bridge = 0; // the bridge id whose counters have it
+    uint8_t foreign = 0;         // the kind of a destination that the cache cannot carry
+    uint8_t counted_as = 0;      // what it adds to the counters of a bridge domain
+    uint16_t counted_bridge = 0; // the bridge id of that
     uint16_t fed_bridge = 0;     // where the cache was told of it
     uint32_t fed_xcid = 0;       // 0: it was not
 };
