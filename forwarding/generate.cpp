@@ -153,8 +153,8 @@ private:
     uint32_t bridge_of(uint32_t host) const { return host % options_.bridges; }
     bool is_static(uint32_t host) const { return host % static_share == static_share - 1; }
 
-    fdb_record bridge_entry(uint32_t host) const;
-    fdb_record device_entry(uint32_t host) const;
+    fdb_record bridge_entry(uint32_t host, const host_state &state) const;
+    fdb_record device_entry(uint32_t host, const host_state &state) const;
     fdb_record flood_entry(uint32_t bridge, uint32_t vtep) const;
     fdb_record local_entry(uint32_t ifindex) const;
 
@@ -206,9 +206,8 @@ void fabric::settle_somewhere(host_state &host, bool may_be_remote)
 
 // ---- Records ----
 
-fdb_record fabric::bridge_entry(uint32_t at) const
+fdb_record fabric::bridge_entry(uint32_t at, const host_state &host) const
 {
-    const host_state &host = hosts_[at];
     fdb_record record;
     record.master = bridge_index(bridge_of(at));
     record.ifindex = host.port == on_vxlan ? vxlan_index(bridge_of(at)) : port_index(bridge_of(at), host.port);
@@ -218,12 +217,12 @@ fdb_record fabric::bridge_entry(uint32_t at) const
     return record;
 }
 
-fdb_record fabric::device_entry(uint32_t at) const
+fdb_record fabric::device_entry(uint32_t at, const host_state &host) const
 {
-    fdb_record record = bridge_entry(at);
+    fdb_record record = bridge_entry(at, host);
     record.master = 0;
     record.self = true;
-    record.destination = vtep_destination(hosts_[at].vtep);
+    record.destination = vtep_destination(host.vtep);
     return record;
 }
 
@@ -299,25 +298,22 @@ void fabric::tell_bridge(uint32_t bridge)
 void fabric::tell_host(uint32_t host)
 {
     if (hosts_[host].port == on_vxlan) {
-        tell(device_entry(host));
+        tell(device_entry(host, hosts_[host]));
     }
-    tell(bridge_entry(host));
+    tell(bridge_entry(host, hosts_[host]));
 }
 
 // What is left of the state that a host was in.
 void fabric::tell_gone(uint32_t host, const host_state &was)
 {
-    const host_state is = std::exchange(hosts_[host], was);
-    const fdb_record of_bridge = bridge_entry(host);
-    const fdb_record of_device = device_entry(host);
-    hosts_[host] = is;
+    const host_state &is = hosts_[host];
     if (!is.present) {
         ++events_;
-        sink_->fdb_gone(of_bridge);
+        sink_->fdb_gone(bridge_entry(host, was));
     }
     if (was.port == on_vxlan && (!is.present || is.port != on_vxlan)) {
         ++events_;
-        sink_->fdb_gone(of_device);
+        sink_->fdb_gone(device_entry(host, was));
     }
 }
 
@@ -427,7 +423,7 @@ bool fabric::holds_own(const fdb_key &key, uint32_t bridge, fdb_record &record) 
         || !hosts_[host].present || hosts_[host].port != on_vxlan) {
         return false;
     }
-    record = device_entry(host);
+    record = device_entry(host, hosts_[host]);
     return true;
 }
 
@@ -452,7 +448,7 @@ bool fabric::holds(const fdb_key &key, fdb_record &record) const
         || !hosts_[number].present) {
         return false;
     }
-    record = bridge_entry(number);
+    record = bridge_entry(number, hosts_[number]);
     return true;
 }
 
