@@ -561,10 +561,33 @@ void feeder::settle(uint32_t at)
         feed(at, descriptor);
         return;
     }
+    if (now == standing::none && entry.fed_xcid != 0 && !plane_.health().clean && !is_surely_gone(at)) {
+        return;
+    }
     withdraw(at);
     if (now == standing::none) {
         copy_.release(at);
     }
+}
+
+// Asked while the plane is degraded, when the return of an entry may have been missed. False: the entry is alive again
+// and will be settled so, or the plane cannot tell, and the cache keeps what it has until a resync knows better.
+bool feeder::is_surely_gone(uint32_t at)
+{
+    const fdb_key key = key_of(copy_.entries[at].record);
+    fdb_answer answer;
+    plane_.query({&key, 1}, {&answer, 1});
+    ++asked_;
+    if (answer.presence == fdb_presence::absent) {
+        return true;
+    }
+    ++kept_;
+    if (answer.presence == fdb_presence::present) {
+        copy_.fdb_changed(answer.record);
+    } else {
+        copy_.release(at);
+    }
+    return false;
 }
 
 // After everything was fed and swept: the cache has what the copy has.

@@ -106,6 +106,7 @@ private:
     void flush_later();
     void flush();
     void settle(uint32_t entry);
+    bool is_surely_gone(uint32_t entry);
     void forget_dirty();
     void feed(uint32_t entry, const l2fib_mac_edm_entry_t &descriptor);
     void feed(uint32_t entry);
