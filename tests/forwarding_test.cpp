@@ -614,9 +614,10 @@ TEST_F(fed_module, ChurnLeavesWhatThePlaneHolds)
         const fdb_record record =
             on_bridge(master, port, mac(below(40)), own ? fdb_permanent : states[below(3)], own ? uint16_t{0} : vlan);
         const bool tunnel = it->links.at(port).kind == link_kind::vxlan;
+        const bool flood = below(6) == 0;
         const fdb_record device =
-            of_device(port, below(6) == 0 ? mac_address{} : record.mac, vtep(static_cast<uint8_t>(1 + below(5))),
-                      below(4) == 0 ? fdb_permanent : fdb_reachable);
+            of_device(port, flood ? mac_address{} : record.mac, vtep(static_cast<uint8_t>(1 + below(5))),
+                      flood || below(4) == 0 ? fdb_permanent : fdb_reachable);
         const uint32_t choice = below(10);
         if (tunnel && choice < 5) {
             choice < 3 ? it->set(device) : it->drop(device);
