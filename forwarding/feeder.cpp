@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <optional>
 
 #include "host/event_host.h"
 #include "host/l2fib_objects.h"
@@ -91,7 +92,8 @@ l2fm_edm_bp_t *port_for(const l2fib_mac_edm_entry_t &entry)
     return l2fm_edm_table_bp_create(bd, entry.xcid);
 }
 
-// The feed takes an address that is new on its port for one that has moved there. This files it beside the others.
+// The feed takes an address that is new on its port for one that has moved there. That is wrong of the devices' own
+// entries, which several devices of a bridge may have for one address: this files one beside the others.
 uint32_t file_beside(const l2fib_mac_edm_entry_t &entry)
 {
     const table_hold hold;
@@ -615,16 +617,14 @@ void feeder::feed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
     copy_entry &entry = copy_.entries[at];
     const bool on_dummy = (descriptor.flags & EDM_MAC_ON_DUMMY_PORT) != 0;
     const uint32_t xcid = on_dummy ? EDM_XCID_DUMMY : descriptor.xcid;
-    uint32_t status = 0;
+    std::optional<table_hold> hold; // a move is one step for others
     if (entry.fed_xcid != 0 && (entry.fed_xcid != xcid || entry.fed_bridge != descriptor.bridge_id)) {
-        const table_hold hold;
+        hold.emplace();
         withdraw(at);
-        status = l2fib_mac_edm_add(&descriptor);
-    } else if (on_dummy) {
-        status = file_own(descriptor);
-    } else {
-        status = stands_beside_others(copy_, at) ? file_beside(descriptor) : l2fib_mac_edm_add(&descriptor);
     }
+    const uint32_t status = on_dummy            ? file_own(descriptor)
+                            : entry.record.self ? file_beside(descriptor)
+                                                : l2fib_mac_edm_add(&descriptor);
     if (status != 0) {
         ++refusals_[static_cast<size_t>(refusal::feed)];
         return;
