@@ -1,7 +1,7 @@
 #include "forwarding/kernel_decode.h"
 
 #include <algorithm>
-#include <array>
+#include <chrono>
 #include <cstring>
 #include <libmnl/libmnl.h>
 #include <linux/if_link.h>
@@ -10,6 +10,7 @@
 #include <net/if.h>
 #include <optional>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace forwarding {
 
@@ -328,6 +329,13 @@ link_kind link_kind_named(std::string_view name)
     const auto *const found = std::find_if(std::begin(link_kinds), std::end(link_kinds),
                                            [name](const auto &row) { return row.name == name; });
     return found == std::end(link_kinds) ? link_kind::other : found->kind;
+}
+
+kernel_clock kernel_clock_now()
+{
+    static const int64_t ticks = sysconf(_SC_CLK_TCK);
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return {std::chrono::duration_cast<std::chrono::milliseconds>(now).count(), ticks};
 }
 
 bool kernel_decode(std::span<const std::byte> &datagram, const kernel_clock &clock, kernel_message &message)

@@ -1,9 +1,9 @@
 // Decoder of the kernel's routing messages: bytes to the plain records of a forwarding plane.
 //
-// It reads what it is given and nothing else: no socket, no clock, no table. Whatever the bytes are, it reads none
-// behind the end and always comes to an end. A message that breaks the rules of its form (an attribute that is cut off,
-// of the wrong length, or missing where every kernel sends it) is malformed as a whole: half a record is never told.
-// Attributes that are not known here are skipped, for newer kernels send more.
+// kernel_decode reads what it is given and nothing else: no socket, no clock, no table. Whatever the bytes are, it
+// reads none behind the end and always comes to an end. A message that breaks the rules of its form (an attribute that
+// is cut off, of the wrong length, or missing where every kernel sends it) is malformed as a whole: half a record is
+// never told. Attributes that are not known here are skipped, for newer kernels send more.
 //
 // Messages of other address families than those of links and bridge entries come on the same socket (neighbours of
 // IPv4 and IPv6, states of bridge ports) and are no concern of a forwarding plane: they are told as `unrelated`.
@@ -45,6 +45,9 @@ struct kernel_clock {
     int64_t now_ms = 0; // std::chrono::steady_clock when the bytes were read
     int64_t ticks_per_second = 100;
 };
+
+// For bytes that are read now.
+kernel_clock kernel_clock_now();
 
 // Takes the first message off `datagram`, whose start is aligned to 4 bytes. False at its end; what is behind the last
 // whole message of it is one malformed message. `message` may be used again for the next one.
