@@ -30,10 +30,10 @@ constexpr size_t notifications_per_turn = 4096;
 constexpr size_t datagrams_per_turn = 8;
 constexpr uint32_t longest_pause = 16; // in intervals
 constexpr size_t most_early = 4096;
+constexpr uint16_t vlan_count = 4095; // 0, for no VLAN, counts
 
 struct known_link {
-    link_kind kind;
-    uint32_t master;
+    link_record record;
     uint32_t seen; // the sequence number of the dump that was the last when it was told last
 };
 
@@ -79,6 +79,7 @@ private:
     void take_fdb_gone(const fdb_record &record);
     void keep_early(const fdb_record &record);
     void take_early(uint32_t ifindex);
+    void follow_local_address(const link_record &before);
     bool keeps_another_destination(const fdb_record &record);
 
     // Generations.
@@ -282,6 +283,7 @@ void kernel_plane::note_overrun()
     counters_.clean = false;
     lost_ = true;
     listing_.disturbed = true;
+    early_.clear();
 }
 
 void kernel_plane::take_change(const kernel_message &message)
@@ -299,20 +301,48 @@ void kernel_plane::take_change(const kernel_message &message)
 void kernel_plane::take_link_change(const link_record &record)
 {
     ++counters_.events;
-    const known_link now{record.kind, record.master, sequence_};
-    const auto [known, is_new] = links_.try_emplace(record.ifindex, now);
-    listing_note_link(listing_, record.ifindex, !is_new && known->second.master != now.master);
-    known->second = now;
+    const known_link before = std::exchange(links_[record.ifindex], {record, sequence_});
+    const bool was_known = before.record.ifindex != 0;
+    const bool moved = was_known && before.record.master != record.master;
+    listing_note_link(listing_, record.ifindex, moved);
     sink_->link_changed(record);
     take_early(record.ifindex);
+    if (moved || (was_known && before.record.address != record.address)) {
+        follow_local_address(before.record);
+    }
 }
 
 void kernel_plane::take_link_gone(uint32_t ifindex)
 {
     ++counters_.events;
-    links_.erase(ifindex);
+    const auto known = links_.extract(ifindex);
     listing_note_link(listing_, ifindex, true);
     sink_->link_gone(ifindex);
+    if (!known.empty()) {
+        follow_local_address(known.mapped().record);
+    }
+}
+
+// When a device leaves its bridge or gets another address, its entry, or entries by VLAN, may pass to another device of
+// the bridge that has the same address. The kernel does not notify that.
+void kernel_plane::follow_local_address(const link_record &before)
+{
+    const auto bridge = links_.find(before.kind == link_kind::bridge ? before.ifindex : before.master);
+    if (bridge == links_.end() || bridge->second.record.kind != link_kind::bridge) {
+        return;
+    }
+    const uint16_t vlans = bridge->second.record.vlan_aware ? vlan_count : 1;
+    std::vector<fdb_key> keys;
+    for (uint16_t vlan = 0; vlan < vlans; ++vlan) {
+        keys.push_back({.holder = bridge->first, .vlan = vlan, .mac = before.address});
+    }
+    std::vector<fdb_answer> answers(keys.size());
+    query(keys, answers);
+    for (const fdb_answer &answer : answers) {
+        if (answer.presence == fdb_presence::present) {
+            take_fdb_change(answer.record);
+        }
+    }
 }
 
 void kernel_plane::take_fdb_change(const fdb_record &record)
@@ -334,6 +364,9 @@ void kernel_plane::take_fdb_gone(const fdb_record &record)
     }
     ++counters_.events;
     listing_note_gone(listing_, record, bridge_of(record));
+    if (!record.self && (record.state & fdb_permanent) != 0) {
+        sink_->fdb_changed(record); // a local address may have come to this device unnotified
+    }
     if (!record.self || !is_group(record.mac) || !keeps_another_destination(record)) {
         sink_->fdb_gone(record);
     }
@@ -345,7 +378,7 @@ void kernel_plane::keep_early(const fdb_record &record)
     if (early_.size() < most_early) {
         early_.insert_or_assign(key_of(record), record);
     } else {
-        note_overrun();
+        note_overrun(); // nobody knows these devices: something was lost
     }
 }
 
@@ -377,12 +410,13 @@ bool kernel_plane::keeps_another_destination(const fdb_record &record)
 bool kernel_plane::is_told(const fdb_record &record) const
 {
     const auto device = links_.find(record.ifindex);
-    return device != links_.end() && (record.self ? device->second.kind == link_kind::vxlan : record.master != 0);
+    return device != links_.end()
+           && (record.self ? device->second.record.kind == link_kind::vxlan : record.master != 0);
 }
 
 uint32_t kernel_plane::bridge_of(const fdb_record &record) const
 {
-    return record.self ? links_.at(record.ifindex).master : record.master;
+    return record.self ? links_.at(record.ifindex).record.master : record.master;
 }
 
 // ---- Generations
@@ -412,7 +446,6 @@ void kernel_plane::begin_generation()
     lost_ = !read_notifications(notifications_at_once_);
     host::event_timer_cancel(evm_, std::exchange(timer_, 0));
     ++counters_.generation;
-    early_.clear();
     sink_->generation_begun();
     listing_begin(listing_);
     next_dump();
@@ -485,7 +518,7 @@ bool kernel_plane::take_listed(const kernel_message &message)
     case kernel_message_kind::link_changed:
         if (listing_believes_link(listing_, message.link.ifindex)) {
             ++counters_.events;
-            links_[message.link.ifindex] = {message.link.kind, message.link.master, sequence_};
+            links_[message.link.ifindex] = {message.link, sequence_};
             sink_->link_changed(message.link);
         }
         return true;
@@ -526,11 +559,11 @@ void kernel_plane::plan_dumps()
         std::erase_if(links_, [this](const auto &link) { return link.second.seen != sequence_; });
     }
     for (const auto &[ifindex, link] : links_) {
-        const auto master = links_.find(link.master);
-        if (link.kind == link_kind::bridge) {
+        const auto master = links_.find(link.record.master);
+        const bool is_port = master != links_.end() && master->second.record.kind == link_kind::bridge;
+        if (link.record.kind == link_kind::bridge) {
             listing_.waiting.push_back({kernel_scope::bridge, ifindex});
-        } else if (link.kind == link_kind::vxlan
-                   && (master == links_.end() || master->second.kind != link_kind::bridge)) {
+        } else if (link.record.kind == link_kind::vxlan && !is_port) {
             listing_.waiting.push_back({kernel_scope::device, ifindex});
         }
     }
