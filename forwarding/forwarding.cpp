@@ -19,6 +19,7 @@
 #include "platform/event.h"
 #ifdef L2FIB_KERNEL_PLANE
 #include "forwarding/kernel_plane.h"
+#include "forwarding/kernel_socket.h"
 #endif
 
 namespace forwarding {
@@ -117,15 +118,21 @@ std::unique_ptr<plane> generated(const options &options, std::string &error)
     return make_generated_plane(fabric);
 }
 
-std::unique_ptr<plane> kernel([[maybe_unused]] const options &options, [[maybe_unused]] std::string &error)
-{
 #ifdef L2FIB_KERNEL_PLANE
-    return make_kernel_plane({options.receive_buffer});
+// The module's threads are started afterwards, and without the capabilities.
+std::unique_ptr<plane> kernel(const options &options, std::string &error)
+{
+    std::unique_ptr<plane> source = make_kernel_plane({.receive_buffer = options.receive_buffer});
+    error = kernel_give_up_capabilities();
+    return error.empty() ? std::move(source) : nullptr;
+}
 #else
+std::unique_ptr<plane> kernel(const options &, std::string &error)
+{
     error = "this program was built without the kernel's forwarding plane";
     return nullptr;
-#endif
 }
+#endif
 
 std::unique_ptr<plane> make_plane(const options &options, std::string &error)
 {

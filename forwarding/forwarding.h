@@ -31,7 +31,8 @@ struct options {
     // recorded: the directory with links.json and fdb.json (replay.h).
     std::string recorded_directory = {};
 
-    // kernel: kernel_plane.h.
+    // kernel: kernel_plane.h. Starting gives up CAP_NET_ADMIN and CAP_SYS_ADMIN, in the calling thread and those that
+    // it starts afterwards.
     uint32_t receive_buffer = 0;
 
     // The first part of every full name; empty: default_group().
