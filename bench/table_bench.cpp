@@ -5,49 +5,22 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "bench/random_table.h"
 #include "host/chunk_statistics.h"
-#include "host/l2fib_objects.h"
 #include "host/ordtree_audit.h"
 #include "l2fm_edm_table.h"
 #include "platform/l2fib.h"
 
 namespace {
 
-constexpr uint16_t bridge_domains = 10;
-constexpr uint32_t ports_of_bd = 32;
-
+using bench::bridge_domains;
+using bench::create_objects;
+using bench::make_entries;
 using clock_type = std::chrono::steady_clock;
-
-std::vector<l2fib_mac_edm_entry_t> make_entries(size_t count)
-{
-    std::mt19937_64 random(1);
-    std::vector<l2fib_mac_edm_entry_t> entries(count);
-    for (l2fib_mac_edm_entry_t &entry : entries) {
-        const uint64_t bits = random() & ~uint64_t{1}; // unicast
-        entry.bridge_id = static_cast<uint16_t>(1 + random() % bridge_domains);
-        entry.xcid = static_cast<uint32_t>(entry.bridge_id * 1000u + random() % ports_of_bd);
-        std::memcpy(entry.mac_addr, &bits, sizeof entry.mac_addr);
-    }
-    return entries;
-}
-
-void create_objects()
-{
-    for (uint16_t bridge_id = 1; bridge_id <= bridge_domains; bridge_id++) {
-        host::bridge_domain_set(bridge_id, "bench:bd" + std::to_string(bridge_id));
-        for (uint32_t port = 0; port < ports_of_bd; port++) {
-            host::cross_connect values;
-            values.first.type = L2FIB_SEGMENT_INTERFACE;
-            values.first.interface_handle = bridge_id * 1000u + port;
-            host::cross_connect_set(bridge_id * 1000u + port, values);
-        }
-    }
-}
 
 // A started table for the life of one benchmark, filled with `count` entries unless told otherwise.
 struct filled_table {

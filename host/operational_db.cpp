@@ -140,8 +140,9 @@ constexpr status_text module_statuses[] = {
 const char *known_text(uint32_t status)
 {
     for (const status_text &known : module_statuses) {
-        if (known.status == status)
+        if (known.status == status) {
             return known.text;
+        }
     }
     return strerrordesc_np(static_cast<int>(status));
 }
@@ -210,8 +211,9 @@ operational_page serve_list(const query &asked, optree_request_t *handle)
         count(counters.lists_answered);
         return page_of(list);
     }
-    if (is_kept)
+    if (is_kept) {
         count(counters.lists_abandoned);
+    }
     return status == 0 ? broken_contract(asked) : handler_failure(asked, status);
 }
 
@@ -230,11 +232,13 @@ operational_page serve_get(const query &asked, optree_request_t *handle)
     edm_get_rsp_t context{};
     context.request = handle;
     const uint32_t status = host::operational_path_get(asked.path, host::edm_handlers(), context);
-    if (status != 0)
+    if (status != 0) {
         return handler_failure(asked, status);
+    }
     record->data.reset(context.data);
-    if (context.data == nullptr || context.data_type != EDM_DATA_TYPE_PARCEL)
+    if (context.data == nullptr || context.data_type != EDM_DATA_TYPE_PARCEL) {
         return broken_contract(asked);
+    }
     const auto *bytes = static_cast<const uint8_t *>(record->data.get());
     record->item = {{}, {bytes, context.length}};
     operational_page page;
@@ -265,8 +269,9 @@ struct service {
     explicit service(const query_ptr &asked)
     {
         const std::lock_guard guard(the_database().lock);
-        if (asked->state == progress::waiting)
+        if (asked->state == progress::waiting) {
             handle = the_database().in_service.insert(asked);
+        }
         is_serving = true;
     }
     ~service()
@@ -284,8 +289,9 @@ std::optional<operational_page> serve(const query_ptr &asked) noexcept
 {
     try {
         const service place(asked);
-        if (place.handle == 0)
+        if (place.handle == 0) {
             return std::nullopt;
+        }
         return answer_of(*asked, handle_of(place.handle));
     } catch (const std::bad_alloc &) {
         return handler_failure(*asked, ENOMEM);
@@ -315,8 +321,9 @@ void run_post(void *cookie)
 {
     const std::unique_ptr<query_ptr> asked(static_cast<query_ptr *>(cookie));
     std::optional<operational_page> page = serve(*asked);
-    if (page)
+    if (page) {
         complete(**asked, *std::move(page));
+    }
 }
 
 void drop_post(void *cookie)
@@ -331,12 +338,13 @@ void post(event_manager_t *evm, const query_ptr &asked)
 {
     auto cookie = std::make_unique<query_ptr>(asked);
     const uint32_t status = host::event_post(evm, run_post, drop_post, cookie.get());
-    if (status == 0)
+    if (status == 0) {
         static_cast<void>(cookie.release()); // NOLINT(bugprone-unused-return-value)
-    else if (status == ESHUTDOWN)
+    } else if (status == ESHUTDOWN) {
         manager_has_ended(*asked);
-    else
+    } else {
         complete(*asked, handler_failure(*asked, status));
+    }
 }
 
 registration &registration_for(database &db, const query &asked)
@@ -357,8 +365,9 @@ void start(const query_ptr &asked)
     {
         const std::lock_guard guard(db.lock);
         registration &manager = registration_for(db, *asked);
-        if (asked->state != progress::waiting)
+        if (asked->state != progress::waiting) {
             return;
+        }
         if (!serves(manager, *asked)) {
             manager.waiting.push_back(asked);
             return;
@@ -380,13 +389,15 @@ void register_manager(registration &manager, event_manager_t *evm, std::string p
         manager.prefix = std::move(prefix);
         std::erase_if(manager.waiting, [&](const query_ptr &asked) {
             asked->is_posted = serves(manager, *asked);
-            if (asked->is_posted)
+            if (asked->is_posted) {
                 found.push_back(asked);
+            }
             return asked->is_posted;
         });
     }
-    for (const query_ptr &asked : found)
+    for (const query_ptr &asked : found) {
         post(evm, asked);
+    }
 }
 
 // ---- The requester's end of a query; the lock is held ----
@@ -394,9 +405,10 @@ void register_manager(registration &manager, event_manager_t *evm, std::string p
 void give_up(database &db, query &asked)
 {
     asked.state = progress::given_up;
-    if (!asked.is_posted)
+    if (!asked.is_posted) {
         std::erase_if(registration_for(db, asked).waiting,
                       [&asked](const query_ptr &other) { return other.get() == &asked; });
+    }
     asked.changed.notify_all();
 }
 
@@ -449,23 +461,25 @@ std::string check(operational_session &session)
 {
     const operational_request &request = session.rest;
     std::string error;
-    if (request.kind > request_kind::action)
+    if (request.kind > request_kind::action) {
         error = "there is no such kind of request";
-    else if (request.start_key && !is_list(request.kind))
+    } else if (request.start_key && !is_list(request.kind)) {
         error = "only a list or datalist has a start key";
-    else
+    } else {
         host::operational_path_parse(request.path, request.kind, session.path, error);
+    }
     return error;
 }
 
 // Asks for the session's next page, unless the session has been cancelled.
 query_ptr ask(operational_session &session)
 {
-    const auto asked = std::make_shared<query>(session.rest, session.path);
+    auto asked = std::make_shared<query>(session.rest, session.path);
     {
         const std::lock_guard guard(the_database().lock);
-        if (session.is_cancelled)
+        if (session.is_cancelled) {
             asked->state = progress::given_up;
+        }
         session.current = asked;
     }
     start(asked);
@@ -479,24 +493,28 @@ void move_on(operational_session &session, const operational_page &page)
     const bool is_limited = rest.count != 0 && rest.count != host::all_items;
     const bool is_complete = is_limited && page.items.size() >= rest.count;
     session.is_finished = page.status != 0 || !page.more || is_complete;
-    if (session.is_finished)
+    if (session.is_finished) {
         return;
-    if (is_limited)
+    }
+    if (is_limited) {
         rest.count -= static_cast<uint32_t>(page.items.size());
+    }
     rest.start_key = page.items.back().name;
 }
 
 operational_page take_page(operational_session &session)
 {
-    if (session.refusal.status != 0)
+    if (session.refusal.status != 0) {
         return std::move(session.refusal);
-    if (is_serving)
+    }
+    if (is_serving) {
         return failure(EDEADLK, session.rest.path, "a handler cannot wait for the thread that it runs on");
+    }
     const query_ptr asked = session.current == nullptr ? ask(session) : session.current;
     operational_page page = wait(*asked);
     const std::lock_guard guard(the_database().lock);
     session.current = nullptr;
-    return session.is_cancelled ? cancelled(session.rest.path) : page;
+    return session.is_cancelled ? cancelled(session.rest.path) : std::move(page);
 }
 
 } // namespace
@@ -505,17 +523,19 @@ host::operational_session_ptr host::operational_open(const operational_request &
 {
     operational_session_ptr session(new operational_session{request});
     const std::string error = check(*session);
-    if (!error.empty())
+    if (!error.empty()) {
         session->refusal = failure(EINVAL, request.path, error);
-    else
+    } else {
         ask(*session);
+    }
     return session;
 }
 
 bool host::operational_next(operational_session &session, operational_page &page)
 {
-    if (session.is_finished)
+    if (session.is_finished) {
         return false;
+    }
     page = take_page(session);
     move_on(session, page);
     return true;
@@ -526,8 +546,9 @@ void host::operational_cancel(operational_session &session)
     database &db = the_database();
     const std::lock_guard guard(db.lock);
     session.is_cancelled = true;
-    if (session.current != nullptr && session.current->state == progress::waiting)
+    if (session.current != nullptr && session.current->state == progress::waiting) {
         give_up(db, *session.current);
+    }
 }
 
 void host::operational_session_closer::operator()(operational_session *session) const
@@ -552,16 +573,18 @@ host::operational_outcome host::operational_read(const operational_request &requ
         outcome.status = page.status;
         outcome.text = page.text;
         outcome.item_count += page.items.size();
-        if (page.status != 0 || !visit(page))
+        if (page.status != 0 || !visit(page)) {
             break;
+        }
     }
     return outcome;
 }
 
 std::string host::operational_status_text(uint32_t status)
 {
-    if ((status & EDM_RESYNC_SEND_ERROR) == EDM_RESYNC_SEND_ERROR && known_text(status) == nullptr)
+    if ((status & EDM_RESYNC_SEND_ERROR) == EDM_RESYNC_SEND_ERROR && known_text(status) == nullptr) {
         return "the table was not brought up to date: " + operational_status_text(status & ~EDM_RESYNC_SEND_ERROR);
+    }
     const char *text = known_text(status);
     char number[32];
     snprintf(number, sizeof(number), " (0x%08x)", status);
@@ -583,8 +606,9 @@ host::operational_statistics host::operational_get_statistics()
 
 uint32_t l2fib_show_mac_edm_optree_init(event_manager_t *evm, const char *prefix)
 {
-    if (evm == nullptr || prefix == nullptr || *prefix == '\0')
+    if (evm == nullptr || prefix == nullptr || *prefix == '\0') {
         return EINVAL;
+    }
     return host::or_out_of_memory([&]() -> uint32_t {
         register_manager(the_database().data_manager, evm, prefix);
         return 0;
@@ -593,8 +617,9 @@ uint32_t l2fib_show_mac_edm_optree_init(event_manager_t *evm, const char *prefix
 
 uint32_t l2fib_action_mac_edm_init(event_manager_t *evm)
 {
-    if (evm == nullptr)
+    if (evm == nullptr) {
         return EINVAL;
+    }
     return host::or_out_of_memory([&]() -> uint32_t {
         register_manager(the_database().action_manager, evm, {});
         return 0;
@@ -604,13 +629,15 @@ uint32_t l2fib_action_mac_edm_init(event_manager_t *evm)
 uint32_t optree_restart_timeout_edm(optree_request_t *request, uint32_t seconds)
 {
     const auto handle = reinterpret_cast<uintptr_t>(request);
-    if (handle == 0 || handle > UINT32_MAX)
+    if (handle == 0 || handle > UINT32_MAX) {
         return EINVAL;
+    }
     database &db = the_database();
     const std::lock_guard guard(db.lock);
     const query_ptr *const asked = db.in_service.find(static_cast<uint32_t>(handle));
-    if (asked == nullptr || (*asked)->state != progress::waiting)
+    if (asked == nullptr || (*asked)->state != progress::waiting) {
         return ESRCH;
+    }
     (*asked)->deadline = seconds_from_now(seconds != 0 ? seconds : (*asked)->request.timeout_seconds);
     (*asked)->changed.notify_all();
     return 0;

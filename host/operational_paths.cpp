@@ -21,9 +21,9 @@ struct operational_route {
     request_kind kind;
     uint32_t required; // keys, one bit each
     uint32_t optional;
+    uint32_t action; // slot of the action table
     list_caller list;
     get_caller get;
-    uint32_t action; // slot of the action table
 };
 
 } // namespace host
@@ -49,18 +49,21 @@ bool parse_number(std::string_view value, uint32_t &number)
 bool parse_mac_groups(std::string_view value, size_t group, char separator, std::array<uint8_t, 6> &mac_addr)
 {
     const size_t groups = 2 * mac_addr.size() / group;
-    if (value.size() != groups * (group + 1) - 1)
+    if (value.size() != groups * (group + 1) - 1) {
         return false;
+    }
     size_t digits = 0;
     for (size_t i = 0; i < value.size(); i++) {
         if (i % (group + 1) == group) {
-            if (value[i] != separator)
+            if (value[i] != separator) {
                 return false;
+            }
             continue;
         }
         uint8_t digit = 0;
-        if (std::from_chars(&value[i], &value[i] + 1, digit, 16).ec != std::errc())
+        if (std::from_chars(&value[i], &value[i] + 1, digit, 16).ec != std::errc()) {
             return false;
+        }
         uint8_t &byte = mac_addr[digits++ / 2];
         byte = static_cast<uint8_t>(byte << 4 | digit);
     }
@@ -74,8 +77,9 @@ bool parse_mac(std::string_view value, operational_keys &keys)
 
 bool parse_domain(std::string_view value, operational_keys &keys)
 {
-    if (value.size() >= keys.domain.size())
+    if (value.size() >= keys.domain.size()) {
         return false;
+    }
     std::copy(value.begin(), value.end(), keys.domain.begin());
     return true;
 }
@@ -116,8 +120,9 @@ constexpr key_form key_forms[] = {
 consteval uint32_t key(std::string_view name)
 {
     for (size_t i = 0; i < std::size(key_forms); i++) {
-        if (key_forms[i].name == name)
+        if (key_forms[i].name == name) {
             return uint32_t{1} << i;
+        }
     }
     throw "no such key";
 }
@@ -224,21 +229,21 @@ constexpr auto get = request_kind::get;
 
 // A path takes the first of the routes that it fits.
 constexpr operational_route routes[] = {
-    {"mac-table", names, 0, domain | mac | vtep | flagged, call_mac_list<&handler_table::mac_list>, {}, 0},
-    {"mac-table", names, 0, domain | mac | seg_info2 | flagged, call_mac_list<&handler_table::mac_list>, {}, 0},
-    {"mac-table", data, 0, domain | mac | vtep | flagged, call_mac_list<&handler_table::mac_datalist>, {}, 0},
-    {"mac-table", data, 0, domain | mac | seg_info2 | flagged, call_mac_list<&handler_table::mac_datalist>, {}, 0},
-    {"mac-table", names, port | domain, flagged | resync_all, call_bp_mac_list<&handler_table::bp_mac_list>, {}, 0},
-    {"mac-table", data, port | domain, flagged | resync_all, call_bp_mac_list<&handler_table::bp_mac_datalist>, {}, 0},
-    {"mac-table", get, domain | mac, 0, {}, call_mac_get, 0},
-    {"mac-aging", data, 0, 0, call_mac_aging, {}, 0},
-    {"mac-count", get, 0, 0, {}, call_mac_count, 0},
-    {"mac-count", get, domain, 0, {}, call_bd_mac_count, 0},
-    {"mac-count", get, port, 0, {}, call_bp_mac_count, 0},
-    {"mac-vtep", names, 0, seg_info2 | seg_info1, call_vtep_list<&handler_table::vtep_list>, {}, 0},
-    {"mac-vtep", data, 0, seg_info2 | seg_info1, call_vtep_list<&handler_table::vtep_datalist>, {}, 0},
-    {"mac-vtep", get, port | seg_info2 | vtep, 0, {}, call_vtep_get, 0},
-    {"mac-action", request_kind::action, 0, 0, {}, {}, L2FIB_ACTION_SLOT_MAC_EDM},
+    {"mac-table", names, 0, domain | mac | vtep | flagged, 0, call_mac_list<&handler_table::mac_list>, {}},
+    {"mac-table", names, 0, domain | mac | seg_info2 | flagged, 0, call_mac_list<&handler_table::mac_list>, {}},
+    {"mac-table", data, 0, domain | mac | vtep | flagged, 0, call_mac_list<&handler_table::mac_datalist>, {}},
+    {"mac-table", data, 0, domain | mac | seg_info2 | flagged, 0, call_mac_list<&handler_table::mac_datalist>, {}},
+    {"mac-table", names, port | domain, flagged | resync_all, 0, call_bp_mac_list<&handler_table::bp_mac_list>, {}},
+    {"mac-table", data, port | domain, flagged | resync_all, 0, call_bp_mac_list<&handler_table::bp_mac_datalist>, {}},
+    {"mac-table", get, domain | mac, 0, 0, {}, call_mac_get},
+    {"mac-aging", data, 0, 0, 0, call_mac_aging, {}},
+    {"mac-count", get, 0, 0, 0, {}, call_mac_count},
+    {"mac-count", get, domain, 0, 0, {}, call_bd_mac_count},
+    {"mac-count", get, port, 0, 0, {}, call_bp_mac_count},
+    {"mac-vtep", names, 0, seg_info2 | seg_info1, 0, call_vtep_list<&handler_table::vtep_list>, {}},
+    {"mac-vtep", data, 0, seg_info2 | seg_info1, 0, call_vtep_list<&handler_table::vtep_datalist>, {}},
+    {"mac-vtep", get, port | seg_info2 | vtep, 0, 0, {}, call_vtep_get},
+    {"mac-action", request_kind::action, 0, 0, L2FIB_ACTION_SLOT_MAC_EDM, {}, {}},
 };
 
 constexpr std::string_view kind_names[] = {"list", "datalist", "get", "action"};
@@ -265,8 +270,9 @@ struct parser {
 bool take_element(parser &path)
 {
     path.position++;
-    if (path.at_end)
+    if (path.at_end) {
         return false;
+    }
     const size_t end = path.rest.find('/');
     path.element = path.rest.substr(0, end);
     path.at_end = end == std::string_view::npos;
@@ -277,10 +283,11 @@ bool take_element(parser &path)
 bool refuse(parser &path, std::string_view instead)
 {
     path.error = "element " + std::to_string(path.position);
-    if (path.element.empty())
+    if (path.element.empty()) {
         path.error += " is missing: ";
-    else
+    } else {
         path.error += ", \"" + std::string(path.element.substr(0, max_shown)) + "\": ";
+    }
     path.error += instead;
     return false;
 }
@@ -290,8 +297,9 @@ std::string alternatives(std::span<const std::string_view> words)
 {
     std::string joined;
     for (size_t i = 0; i < words.size(); i++) {
-        if (i > 0)
+        if (i > 0) {
             joined += i + 1 == words.size() ? " or " : ", ";
+        }
         joined += words[i];
     }
     return joined;
@@ -303,8 +311,9 @@ std::string expected_names(uint32_t set, Name name_at)
     std::vector<std::string_view> found;
     for (; set != 0; set &= set - 1) {
         const std::string_view name = name_at(static_cast<size_t>(std::countr_zero(set)));
-        if (std::find(found.begin(), found.end(), name) == found.end())
+        if (std::find(found.begin(), found.end(), name) == found.end()) {
             found.push_back(name);
+        }
     }
     return found.empty() ? "expected the end of the path" : "expected " + alternatives(found);
 }
@@ -315,8 +324,9 @@ uint32_t routes_where(uint32_t among, Condition condition)
     uint32_t fitting = 0;
     for (uint32_t left = among; left != 0; left &= left - 1) {
         const auto i = static_cast<size_t>(std::countr_zero(left));
-        if (condition(routes[i]))
+        if (condition(routes[i])) {
             fitting |= uint32_t{1} << i;
+        }
     }
     return fitting;
 }
@@ -328,8 +338,9 @@ bool parse_object(parser &path, request_kind kind)
     take_element(path);
     const uint32_t of_object =
         routes_where(all_routes, [&path](const operational_route &route) { return route.object == path.element; });
-    if (of_object == 0)
+    if (of_object == 0) {
         return refuse(path, expected_names(all_routes, [](size_t i) { return routes[i].object; }));
+    }
     path.candidates = routes_where(of_object, [kind](const operational_route &route) { return route.kind == kind; });
     if (path.candidates == 0) {
         return refuse(path, "cannot answer a " + std::string(name_of(kind)) + " request, "
@@ -343,8 +354,9 @@ template <typename Keys>
 uint32_t keys_of_candidates(const parser &path, Keys keys_of)
 {
     uint32_t keys = 0;
-    for (uint32_t left = path.candidates; left != 0; left &= left - 1)
+    for (uint32_t left = path.candidates; left != 0; left &= left - 1) {
         keys |= keys_of(routes[std::countr_zero(left)]);
+    }
     return keys & ~path.parsed.keys.given;
 }
 
@@ -367,8 +379,9 @@ std::optional<std::string> percent_decoded(std::string_view element)
     std::string decoded;
     for (size_t i = 0; i < element.size(); i++) {
         char character = element[i];
-        if (character == '\0' || (character == '%' && !decode_escape(element, i + 1, character)))
+        if (character == '\0' || (character == '%' && !decode_escape(element, i + 1, character))) {
             return std::nullopt;
+        }
         i += element[i] == '%' ? 2u : 0u;
         decoded += character;
     }
@@ -378,13 +391,16 @@ std::optional<std::string> percent_decoded(std::string_view element)
 bool parse_value(parser &path, const key_form &form)
 {
     path.element = {};
-    if (!take_element(path) || path.element.empty())
+    if (!take_element(path) || path.element.empty()) {
         return refuse(path, "expected " + std::string(form.expected));
+    }
     const std::optional<std::string> value = percent_decoded(path.element);
-    if (!value)
+    if (!value) {
         return refuse(path, "expected % to begin the two hexadecimal digits of a character");
-    if (!form.parse(*value, path.parsed.keys))
+    }
+    if (!form.parse(*value, path.parsed.keys)) {
         return refuse(path, "expected " + std::string(form.expected));
+    }
     return true;
 }
 
@@ -395,8 +411,9 @@ bool parse_key(parser &path)
     const auto *form = std::find_if(std::begin(key_forms), std::end(key_forms),
                                     [&path](const key_form &known) { return known.name == path.element; });
     const uint32_t bit = form == std::end(key_forms) ? 0 : uint32_t{1} << (form - std::begin(key_forms));
-    if ((expected & bit) == 0)
+    if ((expected & bit) == 0) {
         return refuse_key(path, expected);
+    }
     path.parsed.keys.given |= bit;
     path.candidates = routes_where(path.candidates, [bit](const operational_route &route) {
         return ((route.required | route.optional) & bit) != 0;
@@ -420,18 +437,20 @@ bool choose_route(parser &path)
 
 } // namespace
 
-bool host::operational_path_parse(std::string_view text, request_kind kind, operational_path &parsed,
+bool host::operational_path_parse(std::string_view path, request_kind kind, operational_path &parsed,
                                   std::string &error)
 {
     parsed = {};
-    parser path{text, false, 0, {}, 0, parsed, error};
-    if (!parse_object(path, kind))
+    parser at{path, false, 0, {}, 0, parsed, error};
+    if (!parse_object(at, kind)) {
         return false;
-    while (take_element(path)) {
-        if (!parse_key(path))
-            return false;
     }
-    return choose_route(path);
+    while (take_element(at)) {
+        if (!parse_key(at)) {
+            return false;
+        }
+    }
+    return choose_route(at);
 }
 
 uint32_t host::operational_path_list(const operational_path &path, const l2fib_hw_edm_handler_table_t &handlers,

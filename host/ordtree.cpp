@@ -14,7 +14,7 @@ using namespace host::btree;
 /* How many records ahead of the one returned a walk asks memory for. */
 constexpr unsigned prefetch_distance = 8;
 
-constexpr unsigned entries_per_line = 64 / sizeof(entry);
+constexpr unsigned entries_per_line = cache_line_size / sizeof(entry);
 
 bool runs(const ordtree_t *tree)
 {
@@ -63,6 +63,7 @@ leaf_place locate(const ordtree_t *tree, unsigned number, const ordtree_link_t *
     if (leaf == nullptr || tree_of(leaf) != tree || leaf->index != number || leaf->level != 0) {
         return {nullptr, 0};
     }
+    prefetch_node(leaf);
     const unsigned slot = slot_in(tree->index[number], leaf, record);
     return {slot != not_in_leaf ? leaf : nullptr, slot};
 }
@@ -95,7 +96,7 @@ bool is_in_a_tree(const ordtree_link_t *record, unsigned link_count)
 
 /*
  * A walk touches one record after the other, wherever they lie: ask for the one that is due in a few steps, and for
- * the next leaf in time. Inlined by force: a function that only prefetches counts as one without effect.
+ * the next leaf in time. Inlined by force, like prefetch_node.
  */
 [[gnu::always_inline]] inline void prefetch_ahead(leaf_place at)
 {
@@ -113,22 +114,33 @@ bool is_in_a_tree(const ordtree_link_t *record, unsigned link_count)
     if (leaf != nullptr) {
         const auto *const record = static_cast<const char *>(leaf->entries[slot].target);
         __builtin_prefetch(record);
-        __builtin_prefetch(record + 64);
+        __builtin_prefetch(record + cache_line_size);
     }
 }
 
-/* The record at a place that may lie behind a leaf's last entry. */
+/* A place that may lie behind a leaf's last entry becomes the first place of the next leaf. */
+inline leaf_place in_range(leaf_place at)
+{
+    return at.slot < at.leaf->count ? at : leaf_place{at.leaf->next, 0};
+}
+
+/* The record that a successor was looked for to find, or null at the end. */
 inline ordtree_link_t *visit(const ordtree_index_t &index, leaf_place at)
 {
-    if (at.slot >= at.leaf->count) {
-        at = {at.leaf->next, 0};
-        if (at.leaf == nullptr) {
-            return nullptr;
-        }
+    if (at.leaf == nullptr) {
+        return nullptr;
     }
     set_cursor(index, at);
-    prefetch_ahead(at);
     return record_at(at.leaf, at.slot);
+}
+
+/* The same for the next step of a walk. */
+inline ordtree_link_t *visit_on_walk(const ordtree_index_t &index, leaf_place at)
+{
+    if (at.leaf != nullptr) {
+        prefetch_ahead(at);
+    }
+    return visit(index, at);
 }
 
 [[gnu::noinline]] ordtree_link_t *next_of_any(const ordtree_t *tree, const ordtree_link_t *probe, unsigned number)
@@ -136,23 +148,34 @@ inline ordtree_link_t *visit(const ordtree_index_t &index, leaf_place at)
     const ordtree_index_t &index = tree->index[number];
     const leaf_place at = probe[number].place != nullptr ? locate(tree, number, probe) : leaf_place{nullptr, 0};
     if (at.leaf != nullptr) {
-        return visit(index, {at.leaf, at.slot + 1});
+        return visit_on_walk(index, in_range({at.leaf, at.slot + 1}));
     }
-    const key_position found = find_key(index, probe + number);
-    return found.leaf != nullptr ? visit(index, {found.leaf, found.slot + (found.equal ? 1 : 0)}) : nullptr;
+    const key_position found = find_key(index, key_word(index, probe + number));
+    if (found.leaf == nullptr) {
+        return nullptr;
+    }
+    return visit(index, in_range({found.leaf, found.slot + (found.equal ? 1 : 0)}));
 }
 
-using places = std::array<leaf_place, ORDTREE_MAX_INDEXES>;
+/* What an insertion finds out about each index before it changes any. */
+struct insertion {
+    leaf_place at;
+    std::uint64_t key;
+};
+
+using insertions = std::array<insertion, ORDTREE_MAX_INDEXES>;
 
 /* Where a record would go in each index, and how many nodes that takes; false when an index holds an equal key. */
-bool find_room(const ordtree_t *tree, const ordtree_link_t *record, places &at, unsigned &needed)
+inline bool find_room(const ordtree_t *tree, const ordtree_link_t *record, insertions &into, unsigned &needed)
 {
     for (unsigned number = 0; number < tree->index_count; ++number) {
-        const key_position found = find_key(tree->index[number], record + number);
+        const ordtree_index_t &index = tree->index[number];
+        const std::uint64_t key = key_word(index, record + number);
+        const key_position found = find_key(index, key);
         if (found.equal) {
             return false;
         }
-        at[number] = {found.leaf, found.slot};
+        into[number] = {{found.leaf, found.slot}, key};
         needed += needs_nodes(found.leaf) ? nodes_needed(found.leaf) : 0;
     }
     return true;
@@ -195,14 +218,14 @@ ordtree_link_t *ordtree_insert(ordtree_t *tree, ordtree_link_t *node)
     if (!runs(tree) || node == nullptr || is_in_a_tree(node, tree->index_count)) {
         return nullptr;
     }
-    places at{};
+    insertions into;
     unsigned needed = 0;
     host::btree::node *spare = nullptr;
-    if (!find_room(tree, node, at, needed) || (needed > 0 && !nodes_take(needed, spare))) {
+    if (!find_room(tree, node, into, needed) || (needed > 0 && !nodes_take(needed, spare))) {
         return nullptr;
     }
     for (unsigned number = 0; number < tree->index_count; ++number) {
-        put_record(tree, number, at[number], node, spare);
+        put_record(tree, number, into[number].at, {into[number].key, node}, spare);
     }
     ++tree->record_count;
     return node;
@@ -213,7 +236,7 @@ ordtree_link_t *ordtree_delete(ordtree_t *tree, ordtree_link_t *node)
     if (!runs(tree) || node == nullptr) {
         return nullptr;
     }
-    places at{};
+    std::array<leaf_place, ORDTREE_MAX_INDEXES> at;
     for (unsigned number = 0; number < tree->index_count; ++number) {
         at[number] = locate_behind_walk(tree, number, node);
         if (at[number].leaf == nullptr) {
@@ -232,7 +255,7 @@ ordtree_link_t *ordtree_search(const ordtree_t *tree, const ordtree_link_t *prob
     if (!has_index(tree, index) || probe == nullptr) {
         return nullptr;
     }
-    const key_position found = find_key(tree->index[index], probe + index);
+    const key_position found = find_key(tree->index[index], key_word(tree->index[index], probe + index));
     return found.equal ? record_at(found.leaf, found.slot) : nullptr;
 }
 
@@ -248,7 +271,7 @@ ordtree_link_t *ordtree_get_first(const ordtree_t *tree, uint32_t index)
     for (unsigned slot = 1; slot < leaf->count && slot < prefetch_distance; ++slot) {
         __builtin_prefetch(leaf->entries[slot].target);
     }
-    return visit(tree->index[index], {leaf, 0});
+    return visit_on_walk(tree->index[index], {leaf, 0});
 }
 
 ordtree_link_t *ordtree_get_next(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index)
@@ -258,7 +281,7 @@ ordtree_link_t *ordtree_get_next(const ordtree_t *tree, const ordtree_link_t *pr
     }
     const leaf_place cursor = cursor_of(tree->index[index]);
     if (cursor.leaf != nullptr && probe[index].place == cursor.leaf && holds(cursor, probe)) {
-        return visit(tree->index[index], {cursor.leaf, cursor.slot + 1});
+        return visit_on_walk(tree->index[index], in_range({cursor.leaf, cursor.slot + 1}));
     }
     return next_of_any(tree, probe, index);
 }

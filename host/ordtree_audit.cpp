@@ -56,8 +56,7 @@ const char *check_record(audit &of, const node *leaf, unsigned slot)
         return "a record's link leads to another leaf";
     }
     if (of.last != nullptr
-        && (compare_words(of.index, of.last_leaf->entries[0].key, leaf->entries[slot].key) == ORDTREE_GREATER
-            || of.index.compare(of.last + of.number, link) != ORDTREE_LESS
+        && (of.index.compare(of.last + of.number, link) != ORDTREE_LESS
             || of.index.compare(link, of.last + of.number) != ORDTREE_GREATER)) {
         return "records are out of order";
     }
@@ -98,6 +97,9 @@ const char *check_separator(const audit &of, const node *inner, unsigned slot)
     const std::uint64_t separator = inner->entries[slot].key;
     if (has_inline_keys(of.index) ? separator > least : separator != least) {
         return "a separator is not the least of what it stands for";
+    }
+    if (of.last_leaf == nullptr) {
+        return "a subtree holds no record";
     }
     const std::uint64_t before = of.last_leaf->entries[of.last_leaf->count - 1].key;
     return compare_words(of.index, before, separator) == ORDTREE_LESS ? nullptr : "separators overlap";

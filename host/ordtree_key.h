@@ -74,16 +74,25 @@ inline std::uint32_t compare_words(const ordtree_index_t &index, std::uint64_t f
                          reinterpret_cast<const ordtree_link_t *>(second));
 }
 
-/* How many of `count` entries have keys less than `bound`. Without branches: each would be the toss of a coin. */
-inline unsigned count_below(const entry *entries, unsigned count, std::uint64_t bound)
+/* How many of `count` ascending entries have keys less than `bound`. */
+inline unsigned count_below(const entry *entries, std::size_t count, std::uint64_t bound)
 {
     const entry *base = entries;
-    while (count > 1) {
-        const unsigned half = count / 2;
-        base += base[half - 1].key < bound ? half : 0;
-        count -= half;
+    std::size_t left = count;
+    while (left > 1) {
+        const std::size_t half = left / 2;
+        const std::size_t is_below = base[half - 1].key < bound ? 1 : 0;
+        base += half & (0 - is_below); /* by a mask, since a branch would be the toss of a coin */
+        left -= half;
     }
-    return static_cast<unsigned>(base - entries) + (count == 1 && base->key < bound ? 1 : 0);
+    const std::size_t is_last_below = left == 1 && base->key < bound ? 1 : 0;
+    return static_cast<unsigned>(static_cast<std::size_t>(base - entries) + is_last_below);
+}
+
+/* How many have keys not greater than `bound`. */
+inline unsigned count_up_to(const entry *entries, std::size_t count, std::uint64_t bound)
+{
+    return bound != UINT64_MAX ? count_below(entries, count, bound + 1) : static_cast<unsigned>(count);
 }
 
 /* Where a key is, or would be, in an index. */
@@ -104,17 +113,15 @@ inline key_position find_inline_key(const ordtree_index_t &index, std::uint64_t 
         return {nullptr, 0, false};
     }
     while (at->level > 0) {
-        const unsigned slot = 1 + count_below(at->entries + 1, at->count - 1, key);
-        at = child_at(at, slot < at->count && at->entries[slot].key == key ? slot : slot - 1);
+        at = child_at(at, count_up_to(at->entries + 1, at->count - 1, key));
+        prefetch_node(at);
     }
     const unsigned slot = count_below(at->entries, at->count, key);
     return {at, slot, slot < at->count && at->entries[slot].key == key};
 }
 
-/* Where the key of a record or probe is. */
-inline key_position find_key(const ordtree_index_t &index, const ordtree_link_t *link)
+inline key_position find_key(const ordtree_index_t &index, std::uint64_t key)
 {
-    const std::uint64_t key = key_word(index, link);
     return has_inline_keys(index) ? find_inline_key(index, key) : find_by_comparator(index, key);
 }
 

@@ -80,16 +80,15 @@ void reshape_after_removal(ordtree_index_t &index, node *leaf, unsigned slot) no
 /* Gives all nodes of an index back, whatever they hold. */
 void free_nodes(ordtree_index_t &index) noexcept;
 
-/* Puts a record's node to its place in an index. */
-inline void put_record(ordtree_t *tree, unsigned number, leaf_place at, ordtree_link_t *record, node *&spare)
+/* Puts the entry of a record to its place in an index. */
+inline void put_record(ordtree_t *tree, unsigned number, leaf_place at, entry added, node *&spare)
 {
-    const entry added = {key_word(tree->index[number], record + number), record};
     if (needs_nodes(at.leaf)) {
         put_with_nodes(tree, number, at, added, spare);
         return;
     }
     insert_entry(at.leaf, at.slot, added);
-    record[number].place = at.leaf;
+    record_at(at.leaf, at.slot)[number].place = at.leaf;
 }
 
 /* Takes the record at a place out of its index and zeroes its link. */
@@ -99,7 +98,8 @@ inline void take_record(ordtree_t *tree, unsigned number, leaf_place at)
     record_at(at.leaf, at.slot)[number].place = nullptr;
     remove_entry(at.leaf, at.slot);
     set_cursor(index, at);
-    if (at.leaf->count < sparse_count || (at.slot == 0 && !has_inline_keys(index))) {
+    const bool affects_parent = at.leaf->count < sparse_count || (at.slot == 0 && !has_inline_keys(index));
+    if (at.leaf->count == 0 || (affects_parent && at.leaf->parent != nullptr)) {
         reshape_after_removal(index, at.leaf, at.slot);
     }
 }

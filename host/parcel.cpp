@@ -35,8 +35,9 @@ struct parcel_key {
     {
         static_assert(Size <= sizeof(encoded));
         encoded[0] = static_cast<char>(text_string + Size - 1);
-        for (; length < Size; length++)
+        for (; length < Size; length++) {
             encoded[length] = name[length - 1];
+        }
     }
 
     constexpr std::string_view name() const { return {encoded + 1, size_t{length} - 1}; }
@@ -163,10 +164,12 @@ constexpr bool is_sound(const parcel_field (&fields)[Count], size_t record_size)
 {
     for (size_t i = 0; i < Count; i++) {
         bool selected = fields[i].when.selector == no_selector;
-        for (size_t j = 0; j < i && !selected; j++)
+        for (size_t j = 0; j < i && !selected; j++) {
             selected = is_selector(fields[j], fields[i].when.selector);
-        if (!selected || fields[i].offset + size_t{fields[i].width} > record_size)
+        }
+        if (!selected || fields[i].offset + size_t{fields[i].width} > record_size) {
             return false;
+        }
     }
     return Count <= max_fields;
 }
@@ -235,8 +238,9 @@ bool fits(uint64_t value, uint16_t width)
 // Whether the record's values ask for this field; what its condition looks at has been filled before.
 bool is_expected(const void *record, const parcel_field &field)
 {
-    if (field.when.selector == no_selector)
+    if (field.when.selector == no_selector) {
         return true;
+    }
     const auto value = load<uint32_t>(static_cast<const uint8_t *>(record) + field.when.selector);
     return value < 32 && (field.when.values >> value & 1) != 0;
 }
@@ -262,13 +266,15 @@ void find_present(present_fields &present, const void *record, const parcel_sche
     present.count = 0;
     present.most_bytes = head_size;
     for (const parcel_field &field : std::span(schema.fields, schema.field_count)) {
-        if (!is_expected(record, field))
+        if (!is_expected(record, field)) {
             continue;
+        }
         size_t length = field.width;
         if (field.kind == text) {
             const char *source = load<const char *>(place_of(record, field));
-            if (source == nullptr)
+            if (source == nullptr) {
                 continue;
+            }
             length = strlen(source);
         }
         present.fields[present.count++] = {&field, length};
@@ -303,8 +309,9 @@ uint8_t *append_field(uint8_t *end, const void *record, const present_field &pre
 size_t encode_into(uint8_t *buffer, const void *record, const present_fields &present)
 {
     uint8_t *end = buffer + cbor_encode_map_start(present.count, buffer, head_size);
-    for (const present_field &field : std::span(present.fields.data(), present.count))
+    for (const present_field &field : std::span(present.fields.data(), present.count)) {
         end = append_field(end, record, field);
+    }
     return static_cast<size_t>(end - buffer);
 }
 
@@ -354,8 +361,9 @@ item take_item(std::span<const uint8_t> &input)
     static const cbor_callbacks callbacks = callbacks_of_items();
     item taken{item_kind::other, 0, {}};
     const cbor_decoder_result result = cbor_stream_decode(input.data(), input.size(), &callbacks, &taken);
-    if (result.status != CBOR_DECODER_FINISHED)
+    if (result.status != CBOR_DECODER_FINISHED) {
         return {item_kind::other, 0, {}};
+    }
     input = input.subspan(result.read);
     return taken;
 }
@@ -364,8 +372,9 @@ bool take_field(std::span<const uint8_t> &input, parcel_value &value)
 {
     const item name = take_item(input);
     const item content = take_item(input);
-    if (name.kind != item_kind::text_string)
+    if (name.kind != item_kind::text_string) {
         return false;
+    }
     value = {name.text, number, content.number, content.text};
     switch (content.kind) {
     case item_kind::unsigned_number: return true;
@@ -381,42 +390,51 @@ template <typename Take>
 bool read_fields(std::span<const uint8_t> input, Take take)
 {
     const item map = take_item(input);
-    if (map.kind != item_kind::map)
+    if (map.kind != item_kind::map) {
         return false;
+    }
     for (uint64_t left = map.number; left > 0; left--) {
         parcel_value value;
-        if (!take_field(input, value) || !take(value))
+        if (!take_field(input, value) || !take(value)) {
             return false;
+        }
     }
     return input.empty();
 }
 
 bool store_text(uint8_t *place, std::string_view source)
 {
-    if (source.find('\0') != std::string_view::npos)
+    if (source.find('\0') != std::string_view::npos) {
         return false;
-    char *copy = strndup(source.data(), source.size());
-    if (copy == nullptr)
+    }
+    auto *copy = static_cast<char *>(malloc(source.size() + 1));
+    if (copy == nullptr) {
         throw std::bad_alloc();
+    }
+    copy[source.copy(copy, source.size())] = '\0';
     memcpy(place, &copy, sizeof(copy));
     return true;
 }
 
 bool store_field(void *record, const parcel_field &field, const parcel_value &value)
 {
-    if (value.kind != field.kind)
+    if (value.kind != field.kind) {
         return false;
+    }
     uint8_t *place = place_of(record, field);
-    if (field.kind == text)
+    if (field.kind == text) {
         return store_text(place, value.text);
+    }
     if (field.kind == bytes) {
-        if (value.text.size() != field.width)
+        if (value.text.size() != field.width) {
             return false;
+        }
         memcpy(place, value.text.data(), field.width);
         return true;
     }
-    if (!fits(value.number, field.width))
+    if (!fits(value.number, field.width)) {
         return false;
+    }
     store_number(place, field.width, value.number);
     return true;
 }
@@ -426,8 +444,9 @@ uint32_t next_field(const parcel_schema &schema, const void *record, uint32_t fr
 {
     while (from < schema.field_count) {
         const parcel_field &field = schema.fields[from];
-        if (is_expected(record, field) && (field.kind != text || field.key.name() == name))
+        if (is_expected(record, field) && (field.kind != text || field.key.name() == name)) {
             break;
+        }
         from++;
     }
     return from;
@@ -448,20 +467,24 @@ bool decode_into(void *record, const parcel_schema &schema, std::span<const uint
 
 uint32_t parcel_encode(void **data, uint32_t *length, const void *record, const parcel_schema_t *schema)
 {
-    if (data == nullptr || length == nullptr || record == nullptr || !is_known(schema))
+    if (data == nullptr || length == nullptr || record == nullptr || !is_known(schema)) {
         return EINVAL;
+    }
     present_fields present;
     find_present(present, record, *schema);
-    if (present.most_bytes > std::numeric_limits<uint32_t>::max())
+    if (present.most_bytes > std::numeric_limits<uint32_t>::max()) {
         return EOVERFLOW;
+    }
     uint8_t at_hand[1024]; // enough for texts of ordinary length; the buffer then has the exact size
     const bool is_at_hand = present.most_bytes <= sizeof(at_hand);
     const size_t at_hand_length = is_at_hand ? encode_into(at_hand, record, present) : 0;
     auto *buffer = static_cast<uint8_t *>(malloc(is_at_hand ? at_hand_length : present.most_bytes));
-    if (buffer == nullptr)
+    if (buffer == nullptr) {
         return ENOMEM;
-    if (is_at_hand)
+    }
+    if (is_at_hand) {
         memcpy(buffer, at_hand, at_hand_length);
+    }
     *length = static_cast<uint32_t>(is_at_hand ? at_hand_length : encode_into(buffer, record, present));
     *data = buffer;
     return 0;
@@ -469,11 +492,13 @@ uint32_t parcel_encode(void **data, uint32_t *length, const void *record, const 
 
 uint32_t parcel_free_indirections(void *record, const parcel_schema_t *schema)
 {
-    if (record == nullptr || !is_known(schema))
+    if (record == nullptr || !is_known(schema)) {
         return EINVAL;
+    }
     for (const parcel_field &field : std::span(schema->fields, schema->field_count)) {
-        if (field.kind != text)
+        if (field.kind != text) {
             continue;
+        }
         uint8_t *place = place_of(record, field);
         free(load<char *>(place));
         memset(place, 0, sizeof(char *));
@@ -488,21 +513,24 @@ uint32_t host::parcel_read(std::span<const uint8_t> data, std::vector<parcel_val
         values.push_back(value);
         return true;
     });
-    if (is_whole)
+    if (is_whole) {
         return 0;
+    }
     values.clear();
     return EBADMSG;
 }
 
 uint32_t host::parcel_decode(std::span<const uint8_t> data, void *record, const parcel_schema_t *schema)
 {
-    if (record == nullptr || !is_known(schema))
+    if (record == nullptr || !is_known(schema)) {
         return EINVAL;
+    }
     memset(record, 0, schema->record_size);
     uint32_t status = EBADMSG;
     try {
-        if (decode_into(record, *schema, data))
+        if (decode_into(record, *schema, data)) {
             return 0;
+        }
     } catch (const std::bad_alloc &) {
         status = ENOMEM;
     }

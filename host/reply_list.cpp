@@ -52,8 +52,9 @@ uint32_t add(optree_list *list, const char *name, std::span<const uint8_t> data)
 
 uint32_t set_more(optree_list *list, bool has_data)
 {
-    if (!is_usable(list, has_data))
+    if (!is_usable(list, has_data)) {
         return refuse();
+    }
     list->more = true;
     return 0;
 }
@@ -61,8 +62,9 @@ uint32_t set_more(optree_list *list, bool has_data)
 // The list is let go of here; its memory goes with the request.
 uint32_t free_list(const optree_list *list, bool has_data)
 {
-    if (!is_usable(list, has_data))
+    if (!is_usable(list, has_data)) {
         return refuse();
+    }
     offered = nullptr;
     count(counters.freed);
     return 0;
@@ -111,18 +113,21 @@ void host::reply_list_statistics(operational_statistics &statistics)
 
 uint32_t optree_edm_list_add(optree_list_t *list, const char *name, uint32_t data_type, uint32_t reserved)
 {
-    if (!is_usable(list, false))
+    if (!is_usable(list, false)) {
         return refuse();
+    }
     return is_item(name, data_type, reserved) ? add(list, name, {}) : EINVAL;
 }
 
 uint32_t optree_edm_datalist_add(optree_list_t *list, const char *name, uint32_t data_type, uint32_t reserved,
                                  const void *data, uint32_t length)
 {
-    if (!is_usable(list, true))
+    if (!is_usable(list, true)) {
         return refuse();
-    if (!is_item(name, data_type, reserved) || data == nullptr || length == 0)
+    }
+    if (!is_item(name, data_type, reserved) || data == nullptr || length == 0) {
         return EINVAL;
+    }
     return add(list, name, {static_cast<const uint8_t *>(data), length});
 }
 

@@ -36,6 +36,9 @@ struct {
 std::atomic<int> live_texts;
 std::atomic<void *> live_buffer;
 
+l2fib_hw_edm_handler_table_t handlers;
+edm_list_req_t last_request; // of the aging handler, as it left it
+
 bool is_request_thread()
 {
     thread_local const bool known = [] {
@@ -83,6 +86,19 @@ uint32_t parcel_free_indirections(void *record, const parcel_schema_t *schema)
         }
     }
     return call(parcel_free_indirections, "parcel_free_indirections", record, schema);
+}
+
+uint32_t l2fib_show_mac_edm_fn_init(const l2fib_hw_edm_handler_table_t *table)
+{
+    handlers = *table;
+    l2fib_hw_edm_handler_table_t watched = handlers;
+    watched.mac_aging_datalist = [](edm_list_req_t *request, optree_list_t **list) {
+        const uint32_t status = handlers.mac_aging_datalist(request, list);
+        last_request = *request;
+        EXPECT_EQ(request->reply_list, status == 0 ? *list : nullptr);
+        return status;
+    };
+    return next(l2fib_show_mac_edm_fn_init, "l2fib_show_mac_edm_fn_init")(&watched);
 }
 
 char *strdup(const char *text) noexcept
@@ -170,6 +186,9 @@ outcome request(const char *path, request_kind kind, const char *function, uint3
         const auto page = host::operational_query({.path = path, .kind = kind});
         const uint32_t id = std::string_view(path).starts_with("mac-vtep") ? 1972 : 1918;
         result = {page.status, page.items.size(), page.more, traced(id)};
+    }
+    if (std::string_view(path) == "mac-aging") {
+        EXPECT_EQ(last_request.count, result.items);
     }
     const auto after = host::operational_get_statistics();
     EXPECT_EQ(after.lists_freed - before.lists_freed, kind != get && result.status != 0 ? 1 : 0);

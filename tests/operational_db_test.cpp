@@ -22,7 +22,6 @@ namespace {
 
 using host::operational_page;
 using host::operational_query;
-using host::operational_request;
 using host::request_kind;
 
 constexpr auto list = request_kind::list;
@@ -52,11 +51,13 @@ std::string text_of(const char *name)
 
 std::string text_of(const uint8_t *mac_addr)
 {
-    if (mac_addr == nullptr)
+    if (mac_addr == nullptr) {
         return "-";
+    }
     char text[13];
-    for (size_t i = 0; i < 6; i++)
+    for (size_t i = 0; i < 6; i++) {
         snprintf(text + 2 * i, 3, "%02x", mac_addr[i]);
+    }
     return text;
 }
 
@@ -170,8 +171,9 @@ std::string item_name(uint32_t number)
 uint32_t answer_items(edm_list_req_t &request, optree_list_t *reply, uint32_t total)
 {
     uint32_t at = 0;
-    if ((request.flags & EDM_LIST_KEY_GIVEN) != 0)
+    if ((request.flags & EDM_LIST_KEY_GIVEN) != 0) {
         at = static_cast<uint32_t>(strtoul(request.start_key + strlen("item "), nullptr, 10)) + 1;
+    }
     uint32_t added = 0;
     for (; at < total; at++) {
         if (added == 200) {
@@ -180,8 +182,9 @@ uint32_t answer_items(edm_list_req_t &request, optree_list_t *reply, uint32_t to
         }
         const std::string name = item_name(at);
         EXPECT_EQ(optree_edm_datalist_add(reply, name.c_str(), EDM_DATA_TYPE_PARCEL, 0, &at, sizeof(at)), 0u);
-        if (++added == request.count)
+        if (++added == request.count) {
             break;
+        }
     }
     return hand_back(request, reply);
 }
@@ -334,21 +337,21 @@ TEST_F(operational_db, reading_continues_as_long_as_there_is_more_and_no_further
     };
     const struct {
         uint32_t count;
+        uint32_t first;
         std::optional<std::string> start_key;
         std::vector<size_t> pages;
-        uint32_t first;
     } cases[] = {
-        {host::all_items, {}, {200, 200, 50}, 0},
-        {0, {}, {200, 200, 50}, 0},
-        {450, {}, {200, 200, 50}, 0},
-        {400, {}, {200, 200}, 0},
-        {250, {}, {200, 50}, 0},
-        {7, {}, {7}, 0},
-        {300, "item 199", {200, 50}, 200},
-        {host::all_items, "item 448", {1}, 449},
-        {5, "item 449", {0}, 450},
+        {host::all_items, 0, {}, {200, 200, 50}},
+        {0, 0, {}, {200, 200, 50}},
+        {450, 0, {}, {200, 200, 50}},
+        {400, 0, {}, {200, 200}},
+        {250, 0, {}, {200, 50}},
+        {7, 0, {}, {7}},
+        {300, 200, "item 199", {200, 50}},
+        {host::all_items, 449, "item 448", {1}},
+        {5, 450, "item 449", {0}},
     };
-    for (const auto &[count, start_key, pages, first] : cases) {
+    for (const auto &[count, first, start_key, pages] : cases) {
         std::vector<size_t> sizes;
         uint32_t next = first;
         const auto outcome = host::operational_read({.path = "mac-aging", .count = count, .start_key = start_key},
@@ -373,8 +376,9 @@ TEST_F(operational_db, a_visitor_may_stop_and_a_later_page_may_fail)
 {
     uint32_t total = 450;
     script::current().on_list = [&total](edm_list_req_t &request, optree_list_t *reply) -> uint32_t {
-        if ((request.flags & EDM_LIST_KEY_GIVEN) == 0)
+        if ((request.flags & EDM_LIST_KEY_GIVEN) == 0) {
             return answer_items(request, reply, total);
+        }
         optree_edm_datalist_free(reply);
         return EDM_ERR_NO_ITEM;
     };
@@ -521,8 +525,9 @@ TEST(operational_status, says_what_it_means)
         {ENOMEM, "Cannot allocate memory (0x0000000c)"},
         {0x40000000, "failed (0x40000000)"},
     };
-    for (const auto &[status, text] : cases)
+    for (const auto &[status, text] : cases) {
         EXPECT_EQ(host::operational_status_text(status), text);
+    }
 }
 
 // ---- Time-outs, cancelling and ends ----
@@ -665,21 +670,25 @@ TEST_F(operational_db, many_requesters_read_and_cancel_at_once)
             for (uint32_t round = 0; round < 20; round++) {
                 const auto session = host::operational_open({.path = "mac-table"});
                 std::thread canceller;
-                if ((number + round) % 3 == 0)
+                if ((number + round) % 3 == 0) {
                     canceller = std::thread([&session] { host::operational_cancel(*session); });
+                }
                 size_t items = 0;
                 operational_page page;
-                while (host::operational_next(*session, page))
+                while (host::operational_next(*session, page)) {
                     items += page.items.size();
-                if (canceller.joinable())
+                }
+                if (canceller.joinable()) {
                     canceller.join();
-                else
+                } else {
                     EXPECT_EQ(items, 450u);
+                }
             }
         });
     }
-    for (std::thread &requester : requesters)
+    for (std::thread &requester : requesters) {
         requester.join();
+    }
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 // The host's ordered tree against a plain reference, with the tree's own audit after every few steps.
 
+#include "host/arena.h"
 #include "host/ordtree_audit.h"
 #include "platform/ordtree.h"
 
@@ -236,15 +237,14 @@ sequence descending(std::uint32_t count)
     return made;
 }
 
-sequence from_the_middle(std::uint32_t count)
+// Downwards in each of many stretches that follow each other upwards: leaves run empty beside full ones.
+sequence sawtooth(std::uint32_t count)
 {
+    constexpr std::uint32_t stretch = 500;
     sequence made = ascending(count);
-    std::sort(made.begin(), made.end(), [count](std::uint32_t a, std::uint32_t b) {
-        const auto distance = [count](std::uint32_t of) {
-            return of < count / 2 ? count - 2 * of : 2 * of - count + 1;
-        };
-        return distance(a) < distance(b);
-    });
+    for (std::uint32_t start = 0; start < count; start += stretch) {
+        std::reverse(made.begin() + start, made.begin() + std::min(start + stretch, count));
+    }
     return made;
 }
 
@@ -259,7 +259,7 @@ TEST(ordtree, survives_every_order_of_insertion_and_deletion)
 {
     TRACE_SEED();
     constexpr std::uint32_t count = 9000; // three levels
-    constexpr std::array<sequence (*)(std::uint32_t), 4> orders = {ascending, descending, from_the_middle, shuffled};
+    constexpr std::array<sequence (*)(std::uint32_t), 4> orders = {ascending, descending, sawtooth, shuffled};
     auto records = numbered_records(count);
     for (const kind &of : kinds) {
         for (const auto insertion : orders) {
@@ -272,7 +272,7 @@ TEST(ordtree, survives_every_order_of_insertion_and_deletion)
                 ASSERT_SOUND(tree);
                 for (const std::uint32_t i : deletion(count)) {
                     ASSERT_NE(ordtree_delete(&tree, records[i].links), nullptr);
-                    if (tree.record_count % 997 == 0) {
+                    if (tree.record_count % 199 == 0) {
                         ASSERT_SOUND(tree);
                     }
                 }
@@ -399,6 +399,11 @@ TEST(ordtree, examines_any_link_without_harm)
         EXPECT_EQ(ordtree_insert(&tree, probe.links), probe.links) << "it is in no tree";
         EXPECT_EQ(ordtree_delete(&tree, probe.links), probe.links);
     }
+    // Links of a record that have changed places.
+    std::swap(records[50].links[0], records[50].links[1]);
+    EXPECT_EQ(ordtree_delete(&tree, records[50].links), nullptr);
+    std::swap(records[50].links[0], records[50].links[1]);
+
     // A copy of a record with its links, and a record whose key was changed under the tree.
     record copy = records[7];
     EXPECT_EQ(entry(ordtree_get_next(&tree, copy.links, 0)), &records[8]);
@@ -479,14 +484,49 @@ TEST(ordtree, orders_described_bytes_of_any_width_as_the_comparator_does)
         std::vector<wide_key> keys(300);
         comparator_calls = 0;
         for (wide_key &each : keys) {
-            const std::uint64_t key = random();
+            const std::uint64_t key = &each == &keys.front() ? 0 : &each == &keys.back() ? UINT64_MAX : random();
             std::memcpy(each.key, &key, sizeof key);
             ordtree_insert(&tree, &each.link); // some of the short ones occur twice
+        }
+        for (const wide_key &each : keys) {
+            wide_key probe = each;
+            probe.link.place = nullptr;
+            EXPECT_NE(ordtree_search(&tree, &probe.link, 0), nullptr);
         }
         EXPECT_EQ(comparator_calls, 0U);
         EXPECT_GT(tree.record_count, 100U);
         ASSERT_SOUND(tree);
         ordtree_finish(&tree);
+    }
+}
+
+TEST(ordtree, shares_slabs_between_trees_and_gives_them_back)
+{
+    host::arena_statistics arena{};
+    host::arena_read_statistics(&arena);
+    std::vector<ordtree_t> trees(1500); // of two nodes each, more than a slab holds
+    auto records = numbered_records(static_cast<std::uint32_t>(trees.size()));
+    for (ordtree_t &each : trees) {
+        ASSERT_EQ(init(each, {true, 2}), 0U);
+    }
+    for (int round = 0; round < 3; ++round) {
+        host::arena_set_limit(1);
+        std::size_t filled = 0;
+        while (ordtree_insert(&trees[filled], records[filled].links) != nullptr) {
+            ++filled;
+        }
+        EXPECT_EQ(ordtree_memory().nodes, filled * 2) << "a node that was of no use alone has to be free again";
+        EXPECT_TRUE(is_out(records[filled]));
+        host::arena_set_limit(arena.limit);
+        for (std::size_t i = filled; i < trees.size(); ++i) {
+            ASSERT_NE(ordtree_insert(&trees[i], records[i].links), nullptr);
+        }
+        EXPECT_EQ(ordtree_memory().mapped_bytes, 2 * host::arena_slab_size);
+        for (std::size_t i = 0; i < trees.size(); ++i) {
+            ASSERT_NE(ordtree_delete(&trees[i], records[i].links), nullptr);
+        }
+        EXPECT_EQ(ordtree_memory().nodes, 0U);
+        EXPECT_EQ(ordtree_memory().mapped_bytes, host::arena_slab_size) << "one is kept";
     }
 }
 
@@ -512,7 +552,7 @@ TEST(ordtree, lets_trees_of_different_threads_grow_at_once)
     first.join();
     second.join();
     EXPECT_EQ(ordtree_memory().nodes, 0U);
-    EXPECT_LE(ordtree_memory().mapped_bytes, std::size_t{2} << 20);
+    EXPECT_LE(ordtree_memory().mapped_bytes, host::arena_slab_size);
 }
 
 } // namespace

@@ -35,16 +35,17 @@ std::string listed(const bytes &data)
     std::string text;
     for (const host::parcel_value &value : values) {
         text += std::string(text.empty() ? "" : " ") + std::string(value.name) + "=";
-        if (value.kind == host::parcel_kind::number)
+        if (value.kind == host::parcel_kind::number) {
             text += std::to_string(value.number);
-        else if (value.kind == host::parcel_kind::text)
+        } else if (value.kind == host::parcel_kind::text) {
             text += "'" + std::string(value.text) + "'";
-        else
+        } else {
             for (const char byte : value.text) {
                 char hex[3];
                 snprintf(hex, sizeof(hex), "%02x", static_cast<uint8_t>(byte));
                 text += hex;
             }
+        }
     }
     return text;
 }
@@ -107,7 +108,7 @@ TEST(parcel, a_mac_record_carries_the_fields_of_its_kinds)
     for (const auto &[seg_type, bmac_valid, aux_kind, segment, aux] : cases) {
         const mac_record record(seg_type, bmac_valid, aux_kind);
         const bytes data = encode(&record.info, schema);
-        EXPECT_EQ(listed(data), common + segment + rest + aux);
+        EXPECT_EQ(listed(data), std::string(common).append(segment).append(rest).append(aux));
         l2fib_mac_info_t decoded;
         ASSERT_EQ(host::parcel_decode(data, &decoded, schema), 0u);
         EXPECT_STREQ(decoded.bd_name, "g:b");

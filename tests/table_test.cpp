@@ -167,39 +167,37 @@ TEST_F(lookups, answer_null_to_null_silently)
     const l2fm_edm_bd_t *one = l2fm_edm_table_bd_get_by_bridgeid(1);
     const l2fm_edm_mac_t *five = cached(5, 1);
     const auto of = entry(5, 10, 1);
-    const void *const found[] = {
-        l2fm_edm_table_bd_get_by_name(nullptr),
-        l2fm_edm_table_bd_get_next_by_name(nullptr),
-        l2fm_edm_table_bd_get_next_by_bridgeid(nullptr),
-        l2fm_edm_table_bp_get_next(nullptr),
-        l2fm_edm_table_bd_bp_get(nullptr, 10),
-        l2fm_edm_table_bd_bp_get_first(nullptr),
-        l2fm_edm_table_bd_bp_get_next(nullptr, ten),
-        l2fm_edm_table_bd_bp_get_next(one, nullptr),
-        l2fm_edm_table_bp_mac_get(nullptr, address.data()),
-        l2fm_edm_table_bp_mac_get(&ten->mac_tree, no_address),
-        l2fm_edm_table_bp_macaddr_get_next(nullptr, address.data()),
-        l2fm_edm_table_bp_macaddr_get_next(&ten->mac_tree, no_address),
-        l2fm_edm_table_bp_mac_get_first(nullptr),
-        l2fm_edm_table_bp_mac_get_next(nullptr, five),
-        l2fm_edm_table_bp_mac_get_next(ten, nullptr),
-        l2fm_edm_table_bp_vtep_get(nullptr, address.data()),
-        l2fm_edm_table_bp_vtep_get_first(nullptr),
-        l2fm_edm_table_bp_vtep_get_next(ten, nullptr),
-        l2fm_edm_table_vtep_lookup(address.data(), nullptr),
-        l2fm_edm_table_mac_get_by_xcid_mac(10, no_address),
-        l2fm_edm_table_bd_mac_get(nullptr, address.data()),
-        l2fm_edm_table_mac_get_by_bridgeid_mac(1, no_address),
-        l2fm_edm_table_mac_get_by_bdname_mac(nullptr, address.data()),
-        l2fm_edm_table_mac_get_by_bdname_mac("g:c", no_address),
-        l2fm_edm_table_mac_get_next_by_bdname_mac(nullptr, address.data()),
-        l2fm_edm_table_mac_get_next_by_bdname_mac("g:c", no_address),
-        l2fm_edm_table_vtep_get_by_bridgeid_vtep(2, no_address),
-        l2fm_edm_table_mac_lookup(nullptr, one, nullptr),
-        l2fm_edm_table_mac_lookup(&of, nullptr, nullptr),
-        l2fm_edm_table_get(&ten->mac_tree, nullptr, 0),
-        l2fm_edm_table_get_next(&ten->mac_tree, nullptr, 0),
-    };
+    const void *const found[] = {l2fm_edm_table_bd_get_by_name(nullptr),
+                                 l2fm_edm_table_bd_get_next_by_name(nullptr),
+                                 l2fm_edm_table_bd_get_next_by_bridgeid(nullptr),
+                                 l2fm_edm_table_bp_get_next(nullptr),
+                                 l2fm_edm_table_bd_bp_get(nullptr, 10),
+                                 l2fm_edm_table_bd_bp_get_first(nullptr),
+                                 l2fm_edm_table_bd_bp_get_next(nullptr, ten),
+                                 l2fm_edm_table_bd_bp_get_next(one, nullptr),
+                                 l2fm_edm_table_bp_mac_get(nullptr, address.data()),
+                                 l2fm_edm_table_bp_mac_get(&ten->mac_tree, no_address),
+                                 l2fm_edm_table_bp_macaddr_get_next(nullptr, address.data()),
+                                 l2fm_edm_table_bp_macaddr_get_next(&ten->mac_tree, no_address),
+                                 l2fm_edm_table_bp_mac_get_first(nullptr),
+                                 l2fm_edm_table_bp_mac_get_next(nullptr, five),
+                                 l2fm_edm_table_bp_mac_get_next(ten, nullptr),
+                                 l2fm_edm_table_bp_vtep_get(nullptr, address.data()),
+                                 l2fm_edm_table_bp_vtep_get_first(nullptr),
+                                 l2fm_edm_table_bp_vtep_get_next(ten, nullptr),
+                                 l2fm_edm_table_vtep_lookup(address.data(), nullptr),
+                                 l2fm_edm_table_mac_get_by_xcid_mac(10, no_address),
+                                 l2fm_edm_table_bd_mac_get(nullptr, address.data()),
+                                 l2fm_edm_table_mac_get_by_bridgeid_mac(1, no_address),
+                                 l2fm_edm_table_mac_get_by_bdname_mac(nullptr, address.data()),
+                                 l2fm_edm_table_mac_get_by_bdname_mac("g:c", no_address),
+                                 l2fm_edm_table_mac_get_next_by_bdname_mac(nullptr, address.data()),
+                                 l2fm_edm_table_mac_get_next_by_bdname_mac("g:c", no_address),
+                                 l2fm_edm_table_vtep_get_by_bridgeid_vtep(2, no_address),
+                                 l2fm_edm_table_mac_lookup(nullptr, one, nullptr),
+                                 l2fm_edm_table_mac_lookup(&of, nullptr, nullptr),
+                                 l2fm_edm_table_get(&ten->mac_tree, nullptr, 0),
+                                 l2fm_edm_table_get_next(&ten->mac_tree, nullptr, 0)};
     for (size_t i = 0; i < std::size(found); i++) {
         EXPECT_EQ(found[i], nullptr) << "lookup " << i;
     }
@@ -426,12 +424,12 @@ TEST_F(table, gives_and_takes_elements_of_its_pools)
     EXPECT_EQ(take_traces(), "");
     EXPECT_EQ(l2fm_edm_table_free(EDM_POOL_MAC, &foreign), EDM_ERR_NO_RESOURCE);
     EXPECT_EQ(take_traces(), "1949 l2fm_edm_table_free");
-    const bp_element zero{};
     void *used = l2fm_edm_table_malloc(EDM_POOL_BP);
-    std::memset(used, 0xff, sizeof zero);
+    std::memset(used, 0xff, sizeof(bp_element));
     EXPECT_EQ(l2fm_edm_table_free(EDM_POOL_BP, used), 0u);
     void *fresh = l2fm_edm_table_malloc(EDM_POOL_BP);
-    EXPECT_EQ(std::memcmp(fresh, &zero, sizeof zero), 0);
+    const std::string bytes(static_cast<const char *>(fresh), sizeof(bp_element));
+    EXPECT_EQ(bytes, std::string(sizeof(bp_element), '\0'));
     EXPECT_EQ(l2fm_edm_table_free(EDM_POOL_BP, fresh), 0u);
 }
 

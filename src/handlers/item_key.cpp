@@ -51,19 +51,17 @@ std::string_view take_part(std::string_view &name)
     return part;
 }
 
-void split_name_of(mac_item_names &names, const l2fm_edm_bd_t *bd)
+void print_tail(mac_item_names::tail &tail, const l2fm_edm_bd_t *bd, domain_part rule)
 {
-    static_assert(sizeof names.tail >= EDM_BD_NAME_SIZE + 2, "two commas for at least no colon");
-    static_assert(item_name_size >= mac_words_size + sizeof names.tail, "a whole name fits");
-    const name_parts parts = split_full_name(bd->bd_name, names.rule);
-    *put_text(names.group, parts.group) = '\0';
-    *put_text(names.domain, parts.domain) = '\0';
-    char *out = names.tail;
+    static_assert(sizeof tail.text >= EDM_BD_NAME_SIZE + 2, "two commas for at least no colon");
+    static_assert(item_name_size >= mac_words_size + sizeof tail.text, "a whole name fits");
+    const name_parts parts = split_full_name(bd->bd_name, rule);
+    char *out = tail.text;
     *out++ = ',';
     out = put_text(out, parts.group);
     *out++ = ',';
     *put_text(out, parts.domain) = '\0';
-    names.bd = bd;
+    tail.bd = bd;
 }
 
 } // namespace
@@ -76,12 +74,13 @@ name_parts split_full_name(std::string_view full_name, domain_part domain)
 
 const char *print_mac_item_name(mac_item_names &names, const l2fm_edm_bd_t *bd, const l2fm_edm_mac_t *mac)
 {
-    if (names.bd != bd) {
-        split_name_of(names, bd);
+    mac_item_names::tail &tail = names.tails[bd->bridge_id % mac_item_names::tail_count];
+    if (tail.bd != bd) {
+        print_tail(tail, bd, names.rule);
     }
     const size_t length = l2fib_hw_mac_to_item_key(mac, names.text, sizeof names.text);
     // A constant size is copied without a call.
-    std::memcpy(names.text + length, names.tail, sizeof names.tail);
+    std::memcpy(names.text + length, tail.text, sizeof tail.text);
     return names.text;
 }
 

@@ -48,14 +48,17 @@ struct name_parts {
  */
 name_parts split_full_name(std::string_view full_name, domain_part domain);
 
-// The names of the MAC items of one reply. Splits a bridge domain's name once for all its entries that follow each
-// other; good as long as the table lock is held.
+// The names of the MAC items of one reply. A bridge domain's name is split once for all of its entries, as long as not
+// too many bridge domains take turns. Good while the table lock is held.
 struct mac_item_names {
+    struct tail {
+        const l2fm_edm_bd_t *bd; // whose tail it is
+        char text[64];           // ",group,domain"
+    };
+    static constexpr size_t tail_count = 16; // bridge domains share them by their ids
+
     domain_part rule = domain_part::to_next_colon;
-    const l2fm_edm_bd_t *bd = nullptr; // whose parts these are
-    char group[EDM_BD_NAME_SIZE] = {};
-    char domain[EDM_BD_NAME_SIZE] = {};
-    char tail[64] = {}; // ",group,domain"
+    tail tails[tail_count] = {};
     char text[item_name_size] = {};
 };
 

@@ -41,13 +41,19 @@ l2fm_edm_ll_link_t *start()
     return root.ll_root.ll_count != 0 ? root.ll_root.ll_first : nullptr;
 }
 
-void debug_item(const list_reply &reply, const mac_item_names &names, const l2fm_edm_mac_t *mac)
+void debug_item(const list_reply &reply, const char *name, const l2fm_edm_mac_t *mac)
 {
     char address[item_name_size];
     l2fib_hw_mac_to_item_key(mac, address, sizeof address);
+    const char *full_name = mac->bp->bd->bd_name;
+    const name_parts parts = split_full_name(full_name, domain_part::to_end);
+    char group[EDM_BD_NAME_SIZE] = {};
+    char domain[EDM_BD_NAME_SIZE] = {};
+    parts.group.copy(group, sizeof group - 1);
+    parts.domain.copy(domain, sizeof domain - 1);
     l2vpn_vdbgf(l2fib_debug_get_ctx(), debug_level, reply.handler,
-                "Setting item_name %s with mac %s bg_name %s bd_name %s for bridge bridge_name %s", names.text, address,
-                names.group, names.domain, mac->bp->bd->bd_name);
+                "Setting item_name %s with mac %s bg_name %s bd_name %s for bridge bridge_name %s", name, address,
+                group, domain, full_name);
 }
 
 uint32_t encode_entry(const list_reply &reply, const l2fm_edm_mac_t *mac, encoded_record &encoded)
@@ -68,11 +74,11 @@ uint32_t add_entry(list_reply &reply, mac_item_names &names, const l2fm_edm_mac_
     if (status != 0) {
         return status;
     }
-    print_mac_item_name(names, mac->bp->bd, mac);
+    const char *name = print_mac_item_name(names, mac->bp->bd, mac);
     if (debugging()) {
-        debug_item(reply, names, mac);
+        debug_item(reply, name, mac);
     }
-    status = add_encoded(reply, names.text, encoded);
+    status = add_encoded(reply, name, encoded);
     if (status != 0 && debugging()) {
         l2vpn_vdbgf(l2fib_debug_get_ctx(), debug_level, reply.handler, "optree_edm_datalist_add failed %d",
                     static_cast<int>(status));

@@ -16,6 +16,13 @@ uint32_t answer_count(const char *handler, edm_get_rsp_t *response, l2fib_mac_co
     return status == 0 ? 0 : mac_request_failed(handler, request_kind::get, status);
 }
 
+// Whether the platform could count. It may have been started without callbacks.
+bool platform_counts(uint32_t bridge_id, edm_mac_counters_t &counters)
+{
+    const auto count = hw_edm_pd_cb.bd_mac_count_cb;
+    return count != nullptr && count(static_cast<uint16_t>(bridge_id), &counters) == 0;
+}
+
 uint32_t answer_counters(const char *handler, edm_get_rsp_t *response, const edm_mac_counters_t &counters)
 {
     l2fib_mac_count_info_t record = {};
@@ -61,7 +68,7 @@ uint32_t l2fib_hw_mac_addr_bd_cnt_edm_get(const char *bd_name, edm_get_rsp_t *re
         return EDM_ERR_NO_ITEM;
     }
     edm_mac_counters_t counters = {};
-    if (hw_edm_pd_cb.bd_mac_count_cb(static_cast<uint16_t>(bridge_id), &counters) != 0) {
+    if (!edm::platform_counts(bridge_id, counters)) {
         counters = {};
         l2fm_edm_table_walk_all_macs_under_bd(l2fib_hw_mac_cnt_walk_cb, &counters, bridge_id);
     }

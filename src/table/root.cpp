@@ -118,7 +118,8 @@ uint32_t l2fm_edm_table_ll_insert(l2fm_edm_mac_t *mac)
 l2fm_edm_ll_link_t *l2fm_edm_table_ll_remove(l2fm_edm_mac_t *mac)
 {
     l2fm_edm_ll_link_t *link = &mac->list_link;
-    if (link->next != link) {
+    const bool is_on_list = link->next != nullptr && link->next != link;
+    if (is_on_list) {
         next_of(link->prev) = link->next;
         prev_of(link->next) = link->prev;
         *link = {.next = link, .prev = link};

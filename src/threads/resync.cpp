@@ -126,10 +126,10 @@ bool call_platform(const l2fib_mac_edm_resync_msg_t &request)
     }
 }
 
-// Lets the held requester go. `function` is whom to name when that fails.
-uint32_t release_requester(const char *function)
+// Lets a held requester go. `function` is whom to name when that fails.
+uint32_t release_requester(uint32_t client, const char *function)
 {
-    const uint32_t status = msg_clinfo_unhold(acquire(current_lwm_clinfo));
+    const uint32_t status = msg_clinfo_unhold(client);
     if (status != 0) {
         EDM_TRACE_AS(function, 1935, status);
     }
@@ -151,7 +151,7 @@ void l2fib_mac_cache_thread_hdlr(const event_message_t *event)
     uint64_t length = 0;
     if (const uint32_t status = received_length(event->client, length); status != 0) {
         EDM_TRACE(1930, status);
-        release_requester(__func__);
+        release_requester(event->client, __func__);
         return;
     }
     if (!call_platform(request_of(event->bytes, length))) {
@@ -192,9 +192,11 @@ uint32_t l2fib_mac_edm_thread_send_resync(uint32_t type, uint32_t arg, optree_re
 uint32_t l2fib_mac_edm_resync_complete(uint32_t status)
 {
     const l2fib_mac_edm_resync_msg_t reply = edm::make_message(edm::reply_code_of(status), 0);
-    const uint32_t reply_status = msg_reply(edm::acquire(current_lwm_clinfo), 0, &reply, sizeof(reply));
+    // Looked at once: as soon as it is answered, the requester may ask again, and the next client be held.
+    const uint32_t client = edm::acquire(current_lwm_clinfo);
+    const uint32_t reply_status = msg_reply(client, 0, &reply, sizeof(reply));
     if (reply_status != 0) {
         EDM_TRACE(1930, reply_status);
     }
-    return edm::release_requester(__func__);
+    return edm::release_requester(client, __func__);
 }

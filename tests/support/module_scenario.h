@@ -160,7 +160,6 @@ inline void *run_thread(void *cookie)
     note(words("begin", is_blocked(SIGRTMIN + 6), is_blocked(SIGRTMIN + 10)));
     void *result = start->body(start->argument);
     note("end");
-    delete start;
     return result;
 }
 
@@ -181,15 +180,6 @@ void in_own_process(Body body)
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
-}
-
-template <typename Start>
-uint32_t starting_module(Start start)
-{
-    starting = true;
-    const uint32_t status = start();
-    starting = false;
-    return status;
 }
 
 inline l2fib_mac_edm_pd_cb_t silent_callbacks()
@@ -214,10 +204,11 @@ Handle *handle_of(uintptr_t value)
 
 inline uint32_t start_module(const l2fib_mac_edm_pd_cb_t &callbacks)
 {
-    return starting_module([&] {
-        return l2fib_mac_edm_init(handle_of<event_manager_t>(0x10), handle_of<void>(0x20), handle_of<msg_chan_t>(0x30),
-                                  &callbacks);
-    });
+    starting = true;
+    const uint32_t status = l2fib_mac_edm_init(handle_of<event_manager_t>(0x10), handle_of<void>(0x20),
+                                               handle_of<msg_chan_t>(0x30), &callbacks);
+    starting = false;
+    return status;
 }
 
 // Ends whatever threads were started.
@@ -242,29 +233,14 @@ inline void stop_module()
     }
 
 // Functions that others call, too, are looked at while the module is being started only.
-extern "C" int pthread_sigmask(int how, const sigset_t *mask, sigset_t *old) noexcept
-{
-    if (scenario::starting) {
-        scenario::note("pthread_sigmask");
-    }
-    return scenario::hidden(pthread_sigmask, "pthread_sigmask")(how, mask, old);
-}
-
-extern "C" int pthread_mutexattr_settype(pthread_mutexattr_t *attributes, int kind) noexcept
-{
-    if (!scenario::starting) {
-        return scenario::hidden(pthread_mutexattr_settype, "pthread_mutexattr_settype")(attributes, kind);
-    }
-    scenario::note(kind == PTHREAD_MUTEX_RECURSIVE ? "pthread_mutexattr_settype recursive" : "another type");
-    return scenario::pass_on(pthread_mutexattr_settype, "pthread_mutexattr_settype")(attributes, kind);
-}
-
 extern "C" int pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attributes) noexcept
 {
     if (!scenario::starting) {
         return scenario::hidden(pthread_mutex_init, "pthread_mutex_init")(mutex, attributes);
     }
-    scenario::note("pthread_mutex_init");
+    int kind = -1;
+    pthread_mutexattr_gettype(attributes, &kind);
+    scenario::note(kind == PTHREAD_MUTEX_RECURSIVE ? "pthread_mutex_init recursive" : "pthread_mutex_init");
     scenario::the.table_lock = mutex;
     return scenario::pass_on(pthread_mutex_init, "pthread_mutex_init")(mutex, attributes);
 }
@@ -276,14 +252,14 @@ extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attribute
     if (!starting) {
         return hidden(pthread_create, "pthread_create")(thread, attributes, body, argument);
     }
-    static role next = cache;
+    static thread_start starts[] = {{nullptr, nullptr, cache}, {nullptr, nullptr, edm}};
+    static thread_start *next = starts;
     note(words("pthread_create", attributes == nullptr ? "default" : "with attributes"));
-    auto *start = new thread_start{body, argument, std::exchange(next, edm)};
-    const int status = pass_on(pthread_create, "pthread_create")(thread, attributes, run_thread, start);
+    next->body = body;
+    next->argument = argument;
+    const int status = pass_on(pthread_create, "pthread_create")(thread, attributes, run_thread, next++);
     if (status == 0) {
         the.threads.push_back(*thread);
-    } else {
-        delete start;
     }
     return status;
 }
@@ -297,3 +273,4 @@ extern "C" void edm_trace_point(l2fib_debug_ctx_t *, uint32_t id, const char *fu
     }
     scenario::note(entry);
 }
+// NOLINTEND(misc-definitions-in-headers)

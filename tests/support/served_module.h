@@ -111,9 +111,11 @@ inline void domain(uint32_t bridge_id, const std::string &name)
     ASSERT_EQ(host::bridge_domain_set(bridge_id, name), 0u);
 }
 
+// With the second attribute 7, as VXLAN ports may have it.
 inline void interface_port(uint32_t xcid)
 {
-    ASSERT_EQ(host::cross_connect_set(xcid, {.first = {.type = L2FIB_SEGMENT_INTERFACE}}), 0u);
+    const host::segment segment = {.type = L2FIB_SEGMENT_INTERFACE, .interface_3 = 7};
+    ASSERT_EQ(host::cross_connect_set(xcid, {.first = segment}), 0u);
 }
 
 inline void vxlan_port(uint32_t xcid, uint32_t seg_info2, uint32_t seg_info1 = 0)

@@ -137,7 +137,7 @@ const std::map<std::string, verb> verbs = {
     {"destroy bp", [](const numbers &n) { return l2fm_edm_table_bp_destroy(n[0]); }},
     {"evict", [](const numbers &) { return l2fm_edm_table_mac_destroy_old_mac(); }},
     {"update", [](const numbers &n) { return l2fm_edm_table_bp_update(l2fm_edm_table_bp_get_by_xcid(n[0]), n[1]); }},
-    {"limit", [](const numbers &n) { return limit = n[0], 0u; }},
+    {"limit", [](const numbers &n) { return l2fib_mac_edm_defn_init(&limit, n[0]); }},
     {"undefine", [](const numbers &) { return hw_edm_pool = nullptr, 0u; }},
     {"full MAC", [](const numbers &) { return empty_pool("EDM-MAC Chunk"); }},
     {"full BP", [](const numbers &) { return empty_pool("EDM-BP Chunk"); }},
