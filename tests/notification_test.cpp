@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <future>
 #include <gtest/gtest.h>
 #include <thread>
 #include <vector>
@@ -187,10 +186,7 @@ TEST(NotificationStress, WhoStaysMissesNothing)
     for (auto &thread : threads) {
         thread.join();
     }
-    std::promise<void> served;
-    host::event_post(
-        loop.evm, [](void *cookie) { static_cast<std::promise<void> *>(cookie)->set_value(); }, nullptr, &served);
-    served.get_future().wait();
+    test::serve_queued(loop.evm);
     EXPECT_EQ(seen, publishers * publications);
 }
 

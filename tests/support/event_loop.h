@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <functional>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -31,6 +32,16 @@ inline int serve_one(event_manager_t *evm)
 inline event_manager_t *create_manager(const char *path)
 {
     return event_manager_create(0, path, EVENT_MANAGER_DEPTH, 0);
+}
+
+// Waits until another thread has served all that is queued for it now.
+inline void serve_queued(event_manager_t *evm)
+{
+    std::promise<void> served;
+    const auto tell = [](void *cookie) { static_cast<std::promise<void> *>(cookie)->set_value(); };
+    if (host::event_post(evm, tell, tell, &served) == 0) {
+        served.get_future().wait();
+    }
 }
 
 // Serves from construction, when `set_up` has run on the thread and the thread waits for events, to stop().
