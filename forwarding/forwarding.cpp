@@ -118,21 +118,17 @@ std::unique_ptr<plane> generated(const options &options, std::string &error)
     return make_generated_plane(fabric);
 }
 
+std::unique_ptr<plane> kernel([[maybe_unused]] const options &options, [[maybe_unused]] std::string &error)
+{
 #ifdef L2FIB_KERNEL_PLANE
-// The module's threads are started afterwards, and without the capabilities.
-std::unique_ptr<plane> kernel(const options &options, std::string &error)
-{
-    std::unique_ptr<plane> source = make_kernel_plane({.receive_buffer = options.receive_buffer});
+    auto made = make_kernel_plane({.receive_buffer = options.receive_buffer, .netns = options.netns});
     error = kernel_give_up_capabilities();
-    return error.empty() ? std::move(source) : nullptr;
-}
+    return error.empty() ? std::move(made) : nullptr;
 #else
-std::unique_ptr<plane> kernel(const options &, std::string &error)
-{
     error = "this program was built without the kernel's forwarding plane";
     return nullptr;
-}
 #endif
+}
 
 std::unique_ptr<plane> make_plane(const options &options, std::string &error)
 {
