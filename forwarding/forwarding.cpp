@@ -19,6 +19,7 @@
 #include "platform/event.h"
 #ifdef L2FIB_KERNEL_PLANE
 #include "forwarding/kernel_plane.h"
+#include "forwarding/kernel_socket.h"
 #endif
 
 namespace forwarding {
@@ -120,7 +121,9 @@ std::unique_ptr<plane> generated(const options &options, std::string &error)
 std::unique_ptr<plane> kernel([[maybe_unused]] const options &options, [[maybe_unused]] std::string &error)
 {
 #ifdef L2FIB_KERNEL_PLANE
-    return make_kernel_plane({options.receive_buffer});
+    auto made = make_kernel_plane({.receive_buffer = options.receive_buffer, .netns = options.netns});
+    error = kernel_give_up_capabilities();
+    return error.empty() ? std::move(made) : nullptr;
 #else
     error = "this program was built without the kernel's forwarding plane";
     return nullptr;
@@ -194,6 +197,15 @@ void count_released(release_report &report)
     report.vteps = pool.vtep_cnt;
 }
 
+void release_table()
+{
+    for (const l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_first_by_bridgeid(); bd != nullptr;
+         bd = l2fm_edm_table_bd_get_first_by_bridgeid()) {
+        l2fm_edm_table_bd_destroy(bd->bridge_id);
+    }
+    l2fm_edm_table_deinit();
+}
+
 bool table_is_empty()
 {
     const l2fm_edm_mac_pool_t &pool = *l2fm_edm_table_mac_get_pool();
@@ -220,7 +232,7 @@ release_report end_module()
     host::mac_query_set(nullptr, nullptr);
     if (cache_ended && edm_ended) {
         count_released(report);
-        l2fm_edm_table_deinit();
+        release_table();
         report.orderly = table_is_empty();
     }
     host::objects_clear();
@@ -261,7 +273,7 @@ std::string group_error(std::string_view group)
     }
     return std::all_of(group.begin(), group.end(), name_can_carry)
                ? std::string()
-               : quoted + "holds a comma, colon, white space or control character";
+               : quoted + "holds a comma, colon, white space or control character, expected none of them";
 }
 
 std::string start(const options &options)
