@@ -19,6 +19,7 @@
 #include "platform/event.h"
 #ifdef L2FIB_KERNEL_PLANE
 #include "forwarding/kernel_plane.h"
+#include "forwarding/kernel_socket.h"
 #endif
 
 namespace forwarding {
@@ -120,7 +121,9 @@ std::unique_ptr<plane> generated(const options &options, std::string &error)
 std::unique_ptr<plane> kernel([[maybe_unused]] const options &options, [[maybe_unused]] std::string &error)
 {
 #ifdef L2FIB_KERNEL_PLANE
-    return make_kernel_plane({options.receive_buffer});
+    auto made = make_kernel_plane({.receive_buffer = options.receive_buffer, .netns = options.netns});
+    error = kernel_give_up_capabilities();
+    return error.empty() ? std::move(made) : nullptr;
 #else
     error = "this program was built without the kernel's forwarding plane";
     return nullptr;

@@ -31,8 +31,10 @@ struct options {
     // recorded: the directory with links.json and fdb.json (replay.h).
     std::string recorded_directory = {};
 
-    // kernel: kernel_plane.h.
+    // kernel: kernel_plane.h. Once its sockets are open, the calling thread and all that it starts are without the
+    // capabilities that took.
     uint32_t receive_buffer = 0;
+    std::string netns = {};
 
     // The first part of every full name; empty: default_group().
     std::string group = {};

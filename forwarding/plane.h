@@ -161,8 +161,10 @@ struct plane_health {
     bool clean = false;      // the last generation was, and nothing has been lost since
     uint64_t generation = 0; // how many have begun
     uint64_t overruns = 0;
-    uint64_t events = 0;  // changes received, those of listings included
-    uint64_t refused = 0; // messages that were malformed, or not the plane's
+    uint64_t events = 0;        // changes received, those of listings included
+    uint64_t refused = 0;       // messages that were malformed, or not the plane's
+    uint64_t dumps_clean = 0;   // parts of listings that were read undisturbed
+    uint64_t dumps_unclean = 0; // parts that were not, each repetition counted
 };
 
 class plane {
