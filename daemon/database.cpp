@@ -48,10 +48,12 @@ struct status_meaning {
     unsigned http_status;
 };
 
-constexpr status_meaning meanings[] = {
-    {ETIMEDOUT, 504},      {EDM_ERR_INVALID_ARGS, 503}, {EDM_ERR_RESYNC, 503},    {ESHUTDOWN, 503}, {ECANCELED, 503},
-    {ENOMEM, 503},         {ENOSYS, 503},               {EDM_ERR_NOT_FOUND, 404}, {ENOENT, 404},    {EINVAL, 400},
-    {EDM_ERR_NO_ITEM, 404}};
+constexpr status_meaning meanings[] = {{ETIMEDOUT, 504},      {EDM_ERR_INVALID_ARGS, 503},
+                                       {EDM_ERR_RESYNC, 503}, {ESHUTDOWN, 503},
+                                       {ECANCELED, 503},      {ENOMEM, 503},
+                                       {ENOSYS, 503},         {EDM_ERR_NOT_FOUND, 404},
+                                       {ENOENT, 404},         {EINVAL, 400},
+                                       {EDM_ERR_NO_ITEM, 404}};
 
 unsigned http_status_of(uint32_t status)
 {

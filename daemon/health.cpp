@@ -68,8 +68,9 @@ void write_plane(json_writer &json, const forwarding::health_view &view)
 
 void write_pool(json_writer &json, const host::chunk_statistics &pool)
 {
-    const counter counters[] = {{"in-use", pool.in_use}, {"peak", pool.peak},         {"limit", pool.limit},
-                                {"bytes", pool.bytes},   {"failures", pool.failures}, {"refused-frees", pool.refused_frees}};
+    const counter counters[] = {{"in-use", pool.in_use},     {"peak", pool.peak},
+                                {"limit", pool.limit},       {"bytes", pool.bytes},
+                                {"failures", pool.failures}, {"refused-frees", pool.refused_frees}};
     json.begin_object();
     json.member("name", pool.name);
     json.member("element-size", pool.element_size);

@@ -111,8 +111,7 @@ using response_ptr = std::unique_ptr<MHD_Response, response_deleter>;
 response_ptr response_of(answer &&from)
 {
     if (from.rest == nullptr) {
-        return response_ptr(
-            MHD_create_response_from_buffer(from.body.size(), from.body.data(), MHD_RESPMEM_MUST_COPY));
+        return response_ptr(MHD_create_response_from_buffer(from.body.size(), from.body.data(), MHD_RESPMEM_MUST_COPY));
     }
     auto body = std::make_unique<streamed_body>();
     body->piece = std::move(from.body);
@@ -154,7 +153,8 @@ void take_place(exchange &of)
     of.is_counted = true;
     if (the_server.active.fetch_add(1) >= most_requests) {
         the_server.refused++;
-        throw api_error{503, "resource-denied", std::to_string(most_requests) + " requests are being served: try again"};
+        throw api_error{503, "resource-denied",
+                        std::to_string(most_requests) + " requests are being served: try again"};
     }
 }
 
@@ -248,8 +248,8 @@ std::string http_start(int listener, uint32_t resync_wait_seconds)
 {
     set_server_health(own_health);
     the_server.take_limit = resync_wait_seconds + take_seconds;
-    constexpr unsigned flags =
-        MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL | MHD_USE_ITC | MHD_USE_ERROR_LOG;
+    constexpr unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL
+                               | MHD_USE_ITC | MHD_USE_ERROR_LOG;
     const MHD_OptionItem options[] = {
         {MHD_OPTION_EXTERNAL_LOGGER, reinterpret_cast<intptr_t>(log_library), nullptr},
         {MHD_OPTION_LISTEN_SOCKET, listener, nullptr},
@@ -261,8 +261,8 @@ std::string http_start(int listener, uint32_t resync_wait_seconds)
         {MHD_OPTION_CONNECTION_TIMEOUT, send_seconds, nullptr},
         {MHD_OPTION_END, 0, nullptr},
     };
-    the_server.daemon = MHD_start_daemon(flags, 0, nullptr, nullptr, take_request, nullptr, MHD_OPTION_ARRAY, options,
-                                         MHD_OPTION_END);
+    the_server.daemon =
+        MHD_start_daemon(flags, 0, nullptr, nullptr, take_request, nullptr, MHD_OPTION_ARRAY, options, MHD_OPTION_END);
     return the_server.daemon != nullptr ? "" : "the HTTP server could not be started";
 }
 

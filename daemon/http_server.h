@@ -15,7 +15,8 @@ inline constexpr uint32_t take_seconds = 60; // for a client to take a piece of 
 inline constexpr size_t most_header_bytes = 16 * 1024;
 inline constexpr size_t most_body_bytes = 4096;
 
-// Serves a socket that listens, and closes it in the end. Returns nothing on success, otherwise a text for the operator.
+// Serves a socket that listens, and closes it in the end. Returns nothing on success, otherwise a text for the
+// operator.
 std::string http_start(int listener, uint32_t resync_wait_seconds);
 
 // Gives up what is under way and waits until all threads have ended.

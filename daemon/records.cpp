@@ -89,20 +89,13 @@ constexpr uint32_t static_flag = 0x00004000;
 constexpr uint32_t local_flag = 0x00002000;
 
 constexpr flag_name flag_names[] = {
-    {0x00100000, 0, "backbone"},
-    {static_flag, 0, "static"},
-    {local_flag, 0, "local"},
-    {0x00020000, 0, "domain-fixed"},
-    {0x00010000, 0, "sticky"},
-    {0x00200000, 0, "bridge-own"},
-    {0x00400000, 0, "flag-0040"},
-    {0x08000000, 0, "extern-learned"},
-    {0x20000000, 0, "flag-0200"},
-    {0x40000000, 0, "flag-0400"},
-    {0x80000000, 0, "offloaded"},
-    {0, 0x0008, "timestamped"},
-    {0, 0x0010, "flag-4000"},
-    {0, 0x0020, "locked"},
+    {0x00100000, 0, "backbone"},  {static_flag, 0, "static"},
+    {local_flag, 0, "local"},     {0x00020000, 0, "domain-fixed"},
+    {0x00010000, 0, "sticky"},    {0x00200000, 0, "bridge-own"},
+    {0x00400000, 0, "flag-0040"}, {0x08000000, 0, "extern-learned"},
+    {0x20000000, 0, "flag-0200"}, {0x40000000, 0, "flag-0400"},
+    {0x80000000, 0, "offloaded"}, {0, 0x0008, "timestamped"},
+    {0, 0x0010, "flag-4000"},     {0, 0x0020, "locked"},
     {0, 0x2000, "inactive"},
 };
 

@@ -139,8 +139,7 @@ bool belongs_to(const std::string &key, const scope &within)
 {
     const auto fields = split(key, ',');
     const std::string domain = std::string(fields[3]).append(":").append(fields[4]);
-    return (within.domain.empty() || within.domain == domain)
-           && (within.mac.empty() || within.mac == mac_of_item(key));
+    return (within.domain.empty() || within.domain == domain) && (within.mac.empty() || within.mac == mac_of_item(key));
 }
 
 answer stream_from_database(const call &asked, std::string_view name, database_list list, const scope &within)
@@ -405,11 +404,8 @@ void check_method(const resource &found, std::string_view method)
     const char *allowed = found.is_operation ? "POST" : "GET, HEAD";
     const bool reads = method == "GET" || method == "HEAD";
     if (found.is_operation ? method != "POST" : !reads) {
-        throw api_error{405,
-                        "operation-not-supported",
-                        "method " + std::string(method) + ": expected " + allowed,
-                        {},
-                        allowed};
+        throw api_error{
+            405, "operation-not-supported", "method " + std::string(method) + ": expected " + allowed, {}, allowed};
     }
 }
 
