@@ -509,15 +509,19 @@ void feeder::removal_arrived()
 
 void feeder::entry_touched(uint32_t at)
 {
+    merged_ += copy_.entries[at].dirty ? 1 : 0;
+    entry_affected(at);
+}
+
+void feeder::entry_affected(uint32_t at)
+{
     recount(at);
     copy_entry &entry = copy_.entries[at];
-    if (entry.dirty) {
-        ++merged_;
-        return;
+    if (!entry.dirty) {
+        entry.dirty = true;
+        dirty_.push_back(at);
+        flush_later();
     }
-    entry.dirty = true;
-    dirty_.push_back(at);
-    flush_later();
 }
 
 void feeder::flush_later()

@@ -77,6 +77,7 @@ private:
     };
 
     void entry_touched(uint32_t entry) override;
+    void entry_affected(uint32_t entry) override;
     void port_added(uint32_t port) override;
     void port_changed(uint32_t port) override;
     void port_going(uint32_t port) override;

@@ -197,6 +197,15 @@ void count_released(release_report &report)
     report.vteps = pool.vtep_cnt;
 }
 
+void release_table()
+{
+    for (const l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_first_by_bridgeid(); bd != nullptr;
+         bd = l2fm_edm_table_bd_get_first_by_bridgeid()) {
+        l2fm_edm_table_bd_destroy(bd->bridge_id);
+    }
+    l2fm_edm_table_deinit();
+}
+
 bool table_is_empty()
 {
     const l2fm_edm_mac_pool_t &pool = *l2fm_edm_table_mac_get_pool();
@@ -223,7 +232,7 @@ release_report end_module()
     host::mac_query_set(nullptr, nullptr);
     if (cache_ended && edm_ended) {
         count_released(report);
-        l2fm_edm_table_deinit();
+        release_table();
         report.orderly = table_is_empty();
     }
     host::objects_clear();

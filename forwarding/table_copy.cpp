@@ -186,7 +186,7 @@ void table_copy::replace_entries(const copy_link &changed)
         unlink_from_port(entry);
         link_to_port(entry, port_at(place_of(entries[entry].record)));
         listener_.entry_touched(entry);
-        touch_group(entries[entry].group);
+        affect_group(entries[entry].group, entry);
     }
 }
 
@@ -381,8 +381,8 @@ void table_copy::enter(uint32_t entry, const fdb_record &record)
     ++living;
     link_to_port(entry, port_at(place_of(record)));
     listener_.entry_touched(entry);
-    touch_group(entries[entry].group);
-    touch_others(record);
+    affect_group(entries[entry].group, entry);
+    affect_others(record);
 }
 
 void table_copy::update(uint32_t entry, const fdb_record &record)
@@ -399,12 +399,12 @@ void table_copy::update(uint32_t entry, const fdb_record &record)
     if (port != known.port) {
         unlink_from_port(entry);
         link_to_port(entry, port);
-        touch_group(group_before);
+        affect_group(group_before, entry);
     }
     listener_.entry_touched(entry);
-    touch_group(known.group);
+    affect_group(known.group, entry);
     if (before.ifindex != record.ifindex) {
-        touch_others(record);
+        affect_others(record);
     }
 }
 
@@ -416,8 +416,8 @@ void table_copy::remove(uint32_t entry)
     gone.alive = false;
     --living;
     listener_.entry_touched(entry);
-    touch_group(group);
-    touch_others(gone.record);
+    affect_group(group, entry);
+    affect_others(gone.record);
 }
 
 void table_copy::release(uint32_t entry)
@@ -493,14 +493,16 @@ void table_copy::leave_group(uint32_t entry)
 
 // One entry of a group decides how the others are seen. Of a flood list, which may be long, the first one stands for
 // all.
-void table_copy::touch_group(uint32_t group)
+void table_copy::affect_group(uint32_t group, uint32_t except)
 {
     if (group == no_slot || groups[group].first == no_slot) {
         return;
     }
     const bool is_flood_list = groups[group].mac == zero_mac;
     for (uint32_t entry = groups[group].first; entry != no_slot; entry = entries[entry].group_next) {
-        listener_.entry_touched(entry);
+        if (entry != except) {
+            listener_.entry_affected(entry);
+        }
         if (is_flood_list) {
             return;
         }
@@ -508,7 +510,7 @@ void table_copy::touch_group(uint32_t group)
 }
 
 // Where the bridge holds an address decides whether the VXLAN devices' own entries for it count.
-void table_copy::touch_others(const fdb_record &record)
+void table_copy::affect_others(const fdb_record &record)
 {
     if (record.self) {
         return;
@@ -518,7 +520,7 @@ void table_copy::touch_others(const fdb_record &record)
         return;
     }
     for (const uint32_t device : bridge->second.vxlan_devices) {
-        touch_group(find_group(device, record.mac));
+        affect_group(find_group(device, record.mac), no_slot);
     }
 }
 

@@ -102,8 +102,10 @@ public:
     copy_listener &operator=(const copy_listener &) = delete;
     virtual ~copy_listener() = default;
 
-    // New, changed, gone, or seen differently because of another entry; not for a mere change of age.
+    // New, changed or gone; not for a mere change of age.
     virtual void entry_touched(uint32_t entry) = 0;
+    // Seen differently, maybe, because another entry was touched.
+    virtual void entry_affected(uint32_t entry) = 0;
     // Ports that have a domain only. A port or domain that goes is told while it is still there, without entries.
     virtual void port_added(uint32_t port) = 0;
     virtual void port_changed(uint32_t port) = 0; // its link's name or state
@@ -189,8 +191,8 @@ private:
     void unlink_from_port(uint32_t entry);
     void join_group(uint32_t entry);
     void leave_group(uint32_t entry);
-    void touch_group(uint32_t group);
-    void touch_others(const fdb_record &record);
+    void affect_group(uint32_t group, uint32_t except);
+    void affect_others(const fdb_record &record);
     void drop_untold_links();
 
     copy_listener &listener_;
