@@ -231,6 +231,11 @@ std::string mac_of_item(std::string_view item_name)
     return mac_text(address);
 }
 
+uint32_t xcid_of(std::span<const uint8_t> record)
+{
+    return narrow(record_fields(record).number("xcid"));
+}
+
 void write_mac_item(json_writer &json, const host::operational_item &item, port_names &names)
 {
     write_mac_entry(json, item.data, mac_of_item(item.name), names);
