@@ -1,0 +1,278 @@
+#include "daemon/http_server.h"
+
+#include <atomic>
+#include <cstring>
+#include <exception>
+#include <memory>
+#include <utility>
+
+#include <microhttpd.h>
+
+#include "daemon/api_error.h"
+#include "daemon/database.h"
+#include "daemon/health.h"
+#include "daemon/log.h"
+#include "daemon/resources.h"
+
+namespace l2fibd {
+
+namespace {
+
+constexpr size_t piece_bytes = 32 * 1024;
+
+struct server {
+    MHD_Daemon *daemon = nullptr;
+    uint32_t take_limit = 0; // in seconds
+    std::atomic<uint32_t> active{0};
+    std::atomic<uint64_t> refused{0};
+};
+
+server the_server;
+
+// One request, from its first line to the end of its answer.
+struct exchange {
+    std::string uri;
+    std::string body;
+    bool has_begun = false;
+    bool is_counted = false; // among the active ones
+
+    explicit exchange(const char *of)
+        : uri(of)
+    {}
+    ~exchange()
+    {
+        if (is_counted) {
+            the_server.active--;
+        }
+    }
+    exchange(const exchange &) = delete;
+    exchange &operator=(const exchange &) = delete;
+};
+
+// ---- Bodies that are sent as they are made ----
+
+struct streamed_body {
+    std::string piece;
+    size_t taken = 0;
+    std::unique_ptr<list_stream> rest;
+};
+
+// Makes the next piece unless there is one. False at the end.
+bool refill(streamed_body &body)
+{
+    while (body.taken == body.piece.size()) {
+        if (body.rest->finished()) {
+            return false;
+        }
+        body.piece.clear();
+        body.taken = 0;
+        body.rest->write_next(body.piece);
+    }
+    return true;
+}
+
+// What has begun as a success cannot become an error: the connection ends before the closing bracket.
+ssize_t cut(const std::string &reason)
+{
+    log(log_level::warning, "answer cut: " + reason);
+    return MHD_CONTENT_READER_END_WITH_ERROR;
+}
+
+ssize_t read_piece(void *context, uint64_t /*position*/, char *to, size_t room) noexcept
+{
+    auto &body = *static_cast<streamed_body *>(context);
+    try {
+        if (!refill(body)) {
+            return MHD_CONTENT_READER_END_OF_STREAM;
+        }
+    } catch (const api_error &error) {
+        return cut(error.message);
+    } catch (const std::exception &error) {
+        return cut(error.what());
+    }
+    const size_t count = body.piece.copy(to, room, body.taken);
+    body.taken += count;
+    return static_cast<ssize_t>(count);
+}
+
+void free_body(void *context) noexcept
+{
+    delete static_cast<streamed_body *>(context);
+}
+
+// ---- Answers ----
+
+struct response_deleter {
+    void operator()(MHD_Response *response) const { MHD_destroy_response(response); }
+};
+
+using response_ptr = std::unique_ptr<MHD_Response, response_deleter>;
+
+response_ptr response_of(answer &&from)
+{
+    if (from.rest == nullptr) {
+        return response_ptr(MHD_create_response_from_buffer(from.body.size(), from.body.data(), MHD_RESPMEM_MUST_COPY));
+    }
+    auto body = std::make_unique<streamed_body>();
+    body->piece = std::move(from.body);
+    body->rest = std::move(from.rest);
+    response_ptr response(
+        MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, piece_bytes, read_piece, body.get(), free_body));
+    if (response != nullptr) {
+        static_cast<void>(body.release()); // NOLINT(bugprone-unused-return-value): the response's
+    }
+    return response;
+}
+
+MHD_Result send(MHD_Connection *connection, answer &&from, const std::string &allow)
+{
+    const unsigned status = from.status;
+    const bool has_body = status != MHD_HTTP_NO_CONTENT;
+    const response_ptr response = response_of(std::move(from));
+    if (response == nullptr) {
+        return MHD_NO;
+    }
+    if (has_body) {
+        MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONTENT_TYPE, "application/yang-data+json");
+    }
+    MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CACHE_CONTROL, "no-cache");
+    if (!allow.empty()) {
+        MHD_add_response_header(response.get(), MHD_HTTP_HEADER_ALLOW, allow.c_str());
+    }
+    return MHD_queue_response(connection, status, response.get());
+}
+
+MHD_Result send_error(MHD_Connection *connection, const api_error &error)
+{
+    return send(connection, {error.status, error_body(error), nullptr}, error.allow);
+}
+
+// Takes one of the places for requests, until the exchange ends.
+void take_place(exchange &of)
+{
+    of.is_counted = true;
+    if (the_server.active.fetch_add(1) >= most_requests) {
+        the_server.refused++;
+        throw api_error{503, "resource-denied",
+                        std::to_string(most_requests) + " requests are being served: try again"};
+    }
+}
+
+MHD_Result serve(MHD_Connection *connection, const char *method, exchange &of)
+{
+    try {
+        take_place(of);
+        return send(connection, answer_request({method, of.uri, of.body}), {});
+    } catch (const api_error &error) {
+        log(log_level::debug, std::string(method) + " " + of.uri + ": " + error.message);
+        return send_error(connection, error);
+    } catch (const std::exception &error) {
+        log(log_level::error, std::string(method) + " " + of.uri + ": " + error.what());
+        return send_error(connection, {500, "operation-failed", error.what()});
+    }
+}
+
+// ---- Requests as they arrive ----
+
+void *begin_exchange(void * /*context*/, const char *uri, MHD_Connection * /*connection*/) noexcept
+{
+    try {
+        return new exchange(uri);
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+}
+
+void end_exchange(void * /*context*/, MHD_Connection * /*connection*/, void **of,
+                  MHD_RequestTerminationCode /*reason*/) noexcept
+{
+    delete static_cast<exchange *>(*of);
+    *of = nullptr;
+}
+
+bool announces_too_much(MHD_Connection *connection)
+{
+    const char *text = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
+    return text != nullptr && std::strtoull(text, nullptr, 10) > most_body_bytes;
+}
+
+const api_error too_big{413, "too-big", "body: expected at most " + std::to_string(most_body_bytes) + " bytes"};
+
+// Called with the header, then with each piece of the body, and with nothing more at the end.
+MHD_Result take_request(void * /*context*/, MHD_Connection *connection, const char * /*url*/, const char *method,
+                        const char * /*version*/, const char *data, size_t *size, void **of) noexcept
+{
+    auto *the_exchange = static_cast<exchange *>(*of);
+    if (the_exchange == nullptr) {
+        return MHD_NO;
+    }
+    if (!std::exchange(the_exchange->has_begun, true)) {
+        return announces_too_much(connection) ? send_error(connection, too_big) : MHD_YES;
+    }
+    if (*size != 0) {
+        // One that did not announce its size is cut off.
+        if (the_exchange->body.size() + *size > most_body_bytes) {
+            return MHD_NO;
+        }
+        the_exchange->body.append(data, *size);
+        *size = 0;
+        return MHD_YES;
+    }
+    // The client has done its part; what follows may take as long as a resynchronisation.
+    MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, the_server.take_limit);
+    return serve(connection, method, *the_exchange);
+}
+
+// Keys are told apart before they are decoded (target.h).
+size_t keep_encoded(void * /*context*/, MHD_Connection * /*connection*/, char *text) noexcept
+{
+    return std::strlen(text);
+}
+
+void log_library(void * /*context*/, const char *format, va_list values) noexcept
+{
+    char line[256];
+    std::vsnprintf(line, sizeof line, format, values);
+    line[std::strcspn(line, "\n")] = '\0';
+    log(log_level::debug, line);
+}
+
+server_health own_health()
+{
+    return {the_server.active.load(), the_server.refused.load()};
+}
+
+} // namespace
+
+std::string http_start(int listener, uint32_t resync_wait_seconds)
+{
+    set_server_health(own_health);
+    the_server.take_limit = resync_wait_seconds + take_seconds;
+    constexpr unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL
+                               | MHD_USE_ITC | MHD_USE_ERROR_LOG;
+    const MHD_OptionItem options[] = {
+        {MHD_OPTION_EXTERNAL_LOGGER, reinterpret_cast<intptr_t>(log_library), nullptr},
+        {MHD_OPTION_LISTEN_SOCKET, listener, nullptr},
+        {MHD_OPTION_URI_LOG_CALLBACK, reinterpret_cast<intptr_t>(begin_exchange), nullptr},
+        {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(end_exchange), nullptr},
+        {MHD_OPTION_UNESCAPE_CALLBACK, reinterpret_cast<intptr_t>(keep_encoded), nullptr},
+        {MHD_OPTION_CONNECTION_LIMIT, most_connections, nullptr},
+        {MHD_OPTION_CONNECTION_MEMORY_LIMIT, most_header_bytes + piece_bytes, nullptr},
+        {MHD_OPTION_CONNECTION_TIMEOUT, send_seconds, nullptr},
+        {MHD_OPTION_END, 0, nullptr},
+    };
+    the_server.daemon =
+        MHD_start_daemon(flags, 0, nullptr, nullptr, take_request, nullptr, MHD_OPTION_ARRAY, options, MHD_OPTION_END);
+    return the_server.daemon != nullptr ? "" : "the HTTP server could not be started";
+}
+
+void http_stop()
+{
+    give_up_requests();
+    if (the_server.daemon != nullptr) {
+        MHD_stop_daemon(the_server.daemon);
+        the_server.daemon = nullptr;
+    }
+}
+
+} // namespace l2fibd

@@ -1,0 +1,58 @@
+// Lists that are read and sent piece by piece: a source gives items as JSON, a stream puts them between brackets and
+// stops at a limit. At most one page of items is in memory.
+//
+// Threads: a source and its stream belong to one request.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "daemon/json_writer.h"
+
+namespace l2fibd {
+
+inline constexpr uint32_t page_items = 200;
+
+class list_source {
+public:
+    list_source() = default;
+    list_source(const list_source &) = delete;
+    list_source &operator=(const list_source &) = delete;
+    virtual ~list_source() = default;
+
+    // What a page ended with.
+    struct position {
+        std::string key;    // of its last item, to go on after it
+        uint32_t count = 0; // of its items
+        bool more = false;  // whether items follow
+    };
+
+    // Writes the next items, at most `most`, which is from 1 to page_items. Throws api_error.
+    virtual position fetch(uint32_t most, json_writer &json) = 0;
+};
+
+class list_stream {
+public:
+    static constexpr uint64_t no_limit = UINT64_MAX;
+
+    // `name` is that of the list, a literal.
+    list_stream(std::string_view name, std::unique_ptr<list_source> source, uint64_t limit);
+
+    // Appends the next piece of the whole JSON text. Throws api_error; the text has no end then.
+    void write_next(std::string &text);
+    bool finished() const { return is_finished; }
+
+private:
+    void write_end(json_writer &json, const list_source::position &at) const;
+
+    std::string_view list_name;
+    std::unique_ptr<list_source> items;
+    uint64_t left;
+    bool has_begun = false;
+    bool has_items = false;
+    bool is_finished = false;
+};
+
+} // namespace l2fibd

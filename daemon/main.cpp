@@ -1,0 +1,125 @@
+// l2fibd: the forwarding process. It starts the module on a forwarding plane and serves its API until it is told to
+// end.
+//
+// Order of the start: signals are blocked before there is a thread that could take them; the socket is ours before
+// anything costs time; the module serves before the first request can come. The end goes the other way.
+
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <exception>
+#include <iostream>
+
+#include "daemon/api_error.h"
+#include "daemon/database.h"
+#include "daemon/health.h"
+#include "daemon/http_server.h"
+#include "daemon/log.h"
+#include "daemon/options.h"
+#include "daemon/unix_socket.h"
+#include "forwarding/forwarding.h"
+
+namespace {
+
+using l2fibd::log;
+using l2fibd::log_level;
+
+sigset_t block_signals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN); // a client that has gone is an error of its connection
+    return signals;
+}
+
+int failed(const std::string &text)
+{
+    log(log_level::error, text);
+    return EXIT_FAILURE;
+}
+
+// Releases everything; the exit status is a failure when something would not go.
+int end_forwarding()
+{
+    const forwarding::release_report report = forwarding::stop();
+    log(report.orderly ? log_level::info : log_level::error, report.text);
+    return report.orderly ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+int check(const l2fibd::settings &settings)
+{
+    if (const std::string error = forwarding::start(settings.forwarding); !error.empty()) {
+        return failed(error);
+    }
+    int status = EXIT_SUCCESS;
+    try {
+        l2fibd::resync_all();
+        std::cout << l2fibd::health_text() << '\n' << std::flush;
+    } catch (const l2fibd::api_error &error) {
+        status = failed(error.message);
+    }
+    const int end_status = end_forwarding();
+    return status != EXIT_SUCCESS ? status : end_status;
+}
+
+void wait_for_end(const sigset_t &signals)
+{
+    int signal = 0;
+    while (sigwait(&signals, &signal) != 0) {}
+    log(log_level::info, signal == SIGTERM ? "ends on SIGTERM" : "ends on SIGINT");
+    l2fibd::notify_service_manager("STOPPING=1");
+}
+
+std::string serve_http(l2fibd::listening_socket &socket, const l2fibd::settings &settings)
+{
+    const std::string error = l2fibd::http_start(socket.descriptor(), settings.forwarding.resync_wait_seconds);
+    if (error.empty()) {
+        socket.hand_over();
+    }
+    return error;
+}
+
+int serve(const l2fibd::settings &settings, const sigset_t &signals)
+{
+    l2fibd::listening_socket socket;
+    if (const std::string error = socket.open(settings.socket_path, settings.socket_group); !error.empty()) {
+        return failed(error);
+    }
+    if (const std::string error = forwarding::start(settings.forwarding); !error.empty()) {
+        return failed(error);
+    }
+    const std::string error = serve_http(socket, settings);
+    if (error.empty()) {
+        log(log_level::info, "serves " + settings.socket_path + " from the " + forwarding::health().plane + " plane");
+        l2fibd::notify_service_manager("READY=1");
+        wait_for_end(signals);
+    } else {
+        failed(error);
+    }
+    l2fibd::http_stop();
+    const int status = end_forwarding();
+    return error.empty() ? status : EXIT_FAILURE;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    try {
+        l2fibd::settings settings;
+        if (const auto status = l2fibd::read_command_line(argc, argv, settings)) {
+            return *status;
+        }
+        l2fibd::log_threshold(settings.finest);
+        const sigset_t signals = block_signals();
+        // The table tells times of day as this process sees them; the API promises UTC.
+        setenv("TZ", "UTC0", 1); // NOLINT(concurrency-mt-unsafe): there are no other threads yet
+        tzset();
+        return settings.check_only ? check(settings) : serve(settings, signals);
+    } catch (const std::exception &error) {
+        return failed(error.what());
+    }
+}

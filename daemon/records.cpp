@@ -1,0 +1,327 @@
+#include "daemon/records.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <iterator>
+#include <vector>
+
+#include "daemon/api_error.h"
+#include "daemon/text.h"
+#include "host/parcel_host.h"
+#include "l2fm_edm_table.h"
+#include "platform/l2fib.h"
+
+namespace l2fibd {
+
+namespace {
+
+constexpr uint64_t nanoseconds = 1'000'000'000;
+
+// ---- Fields of an encoded record ----
+
+class record_fields {
+public:
+    explicit record_fields(std::span<const uint8_t> data)
+    {
+        if (host::parcel_read(data, values) != 0) {
+            throw api_error{500, "operation-failed", "the table's answer could not be read"};
+        }
+    }
+
+    uint64_t number(std::string_view name) const
+    {
+        const host::parcel_value *value = find(name);
+        return value != nullptr ? value->number : 0;
+    }
+
+    std::string_view text(std::string_view name) const
+    {
+        const host::parcel_value *value = find(name);
+        return value != nullptr ? value->text : std::string_view();
+    }
+
+    // As the wire has them.
+    std::span<const uint8_t> bytes(std::string_view name) const
+    {
+        const std::string_view view = text(name);
+        return {reinterpret_cast<const uint8_t *>(view.data()), view.size()};
+    }
+
+private:
+    const host::parcel_value *find(std::string_view name) const
+    {
+        const auto found = std::ranges::find(values, name, &host::parcel_value::name);
+        return found != values.end() ? &*found : nullptr;
+    }
+
+    std::vector<host::parcel_value> values;
+};
+
+uint32_t narrow(uint64_t number)
+{
+    return static_cast<uint32_t>(number);
+}
+
+void write_if_set(json_writer &json, std::string_view name, uint64_t number)
+{
+    if (number != 0) {
+        json.member(name, narrow(number));
+    }
+}
+
+bool has_address(std::span<const uint8_t> bytes)
+{
+    return std::ranges::any_of(bytes, [](uint8_t byte) { return byte != 0; });
+}
+
+// ---- Flags ----
+
+// How a reported flag is called: bits of `mac_flags`, then of `mac_flags2`.
+struct flag_name {
+    uint32_t flag;
+    uint32_t flag2;
+    std::string_view name;
+};
+
+constexpr uint32_t static_flag = 0x00004000;
+constexpr uint32_t local_flag = 0x00002000;
+
+constexpr flag_name flag_names[] = {
+    {0x00100000, 0, "backbone"},  {static_flag, 0, "static"},
+    {local_flag, 0, "local"},     {0x00020000, 0, "domain-fixed"},
+    {0x00010000, 0, "sticky"},    {0x00200000, 0, "bridge-own"},
+    {0x00400000, 0, "flag-0040"}, {0x08000000, 0, "extern-learned"},
+    {0x20000000, 0, "flag-0200"}, {0x40000000, 0, "flag-0400"},
+    {0x80000000, 0, "offloaded"}, {0, 0x0008, "timestamped"},
+    {0, 0x0010, "flag-4000"},     {0, 0x0020, "locked"},
+    {0, 0x2000, "inactive"},
+};
+
+void write_flags(json_writer &json, uint64_t flags, uint64_t flags2)
+{
+    json.member("origin", (flags & local_flag) != 0 ? "local" : (flags & static_flag) != 0 ? "static" : "learned");
+    json.begin_array("flags");
+    for (const flag_name &row : flag_names) {
+        if ((flags & row.flag) != 0 || (flags2 & row.flag2) != 0) {
+            json.text(row.name);
+        }
+    }
+    json.end_array();
+}
+
+// ---- Ages ----
+
+// When the entry was last seen, from the record's text, which has day and time but no year: the newest that is not in
+// the future, give or take a day. The text is in UTC because the process is (main.cpp). -1 when it tells no time.
+time_t last_seen(std::string_view text, time_t now)
+{
+    tm read{};
+    gmtime_r(&now, &read);
+    const int this_year = read.tm_year;
+    const std::string terminated(text);
+    if (strptime(terminated.c_str(), "%d %b %T", &read) == nullptr) {
+        return -1;
+    }
+    constexpr time_t day = 24 * 60 * 60;
+    tm candidate = read;
+    const time_t seen = timegm(&candidate);
+    read.tm_year = this_year - 1;
+    return seen <= now + day ? seen : timegm(&read);
+}
+
+void write_age(json_writer &json, const record_fields &fields)
+{
+    const time_t now = std::time(nullptr);
+    const time_t seen = last_seen(fields.text("time_str"), now);
+    if (seen < 0) {
+        json.member("age", narrow(fields.number("age") / nanoseconds));
+    } else {
+        json.member("age", narrow(static_cast<uint64_t>(std::max<time_t>(0, now - seen))));
+        json.member("last-seen", utc_text(seen));
+    }
+}
+
+// ---- Places ----
+
+// The port and what it is called, unless the entry belongs to the bridge domain itself.
+void write_port_name(json_writer &json, uint32_t xcid, port_names &names)
+{
+    if (xcid == EDM_XCID_DUMMY) {
+        return;
+    }
+    json.member("xcid", xcid);
+    if (const forwarding::port_view *port = names.find(xcid)) {
+        json.member("port", port->name);
+    }
+}
+
+void write_segment(json_writer &json, const record_fields &fields)
+{
+    write_if_set(json, "vlan", fields.number("ext_attr"));
+    write_if_set(json, "vni", fields.number("vtep_seg_info"));
+    if (has_address(fields.bytes("vtep_addr"))) {
+        json.member("vtep", ip_text(fields.bytes("vtep_addr")));
+    }
+    if (fields.number("bmac_valid") != 0) {
+        json.member("backbone-mac", mac_text(fields.bytes("bmac")));
+    }
+    if (fields.number("node_id") != EDM_NODE_UNKNOWN) {
+        json.member("node-id", narrow(fields.number("node_id")));
+    }
+}
+
+// The hexadecimal numbers at the beginning of an item's name.
+std::array<uint32_t, 3> numbers_of(std::string_view item_name)
+{
+    std::array<uint32_t, 3> numbers{};
+    const auto parts = split(item_name, ',');
+    for (size_t i = 0; i < std::min(parts.size(), numbers.size()); i++) {
+        numbers[i] = narrow(parse_number(parts[i], UINT32_MAX, 16).value_or(0));
+    }
+    return numbers;
+}
+
+} // namespace
+
+const forwarding::port_view *port_names::find(uint32_t xcid)
+{
+    auto found = ports.find(xcid);
+    if (found == ports.end() && may_renew) {
+        may_renew = false;
+        ports.clear();
+        for (forwarding::port_view &port : forwarding::ports()) {
+            const uint32_t key = port.xcid;
+            ports.insert_or_assign(key, std::move(port));
+        }
+        found = ports.find(xcid);
+    }
+    return found != ports.end() ? &found->second : nullptr;
+}
+
+void write_mac_entry(json_writer &json, std::span<const uint8_t> record, std::string_view address, port_names &names)
+{
+    const record_fields fields(record);
+    json.begin_object();
+    json.member("domain", fields.text("bd_name"));
+    json.member("mac-address", address);
+    json.member("bridge-id", narrow(fields.number("bridge_id")));
+    write_port_name(json, narrow(fields.number("xcid")), names);
+    write_flags(json, fields.number("mac_flags"), fields.number("mac_flags2"));
+    write_age(json, fields);
+    write_segment(json, fields);
+    json.end_object();
+}
+
+std::string mac_of_item(std::string_view item_name)
+{
+    std::array<uint8_t, 6> address{};
+    macaddr_lwordston(numbers_of(item_name).data(), address.data());
+    return mac_text(address);
+}
+
+void write_mac_item(json_writer &json, const host::operational_item &item, port_names &names)
+{
+    write_mac_entry(json, item.data, mac_of_item(item.name), names);
+}
+
+void write_vtep_item(json_writer &json, const host::operational_item &item, port_names &names)
+{
+    const record_fields fields(item.data);
+    const uint32_t xcid = numbers_of(item.name)[0];
+    json.begin_object();
+    json.member("xcid", xcid);
+    json.member("address", ip_text(fields.bytes("vtep_addr")));
+    if (const forwarding::port_view *port = names.find(xcid)) {
+        json.member("port", port->name);
+        json.member("domain", port->domain);
+    }
+    write_if_set(json, "vni", fields.number("seg_info2"));
+    json.end_object();
+}
+
+void write_mac_count(json_writer &json, std::span<const uint8_t> record, bool with_own)
+{
+    const record_fields fields(record);
+    json.begin_object();
+    json.member("total", narrow(fields.number("mac_cnt_sum")));
+    json.member("learned", narrow(fields.number("mac_cnt_plain")));
+    json.member("static", narrow(fields.number("mac_cnt_f2")));
+    json.member("local", narrow(fields.number("mac_cnt_f4")));
+    if (with_own) {
+        json.member("bridge-own", narrow(fields.number("mac_cnt_f60")));
+    }
+    json.end_object();
+}
+
+void write_domain(json_writer &json, const forwarding::domain_view &domain)
+{
+    json.begin_object();
+    json.member("name", domain.name);
+    json.member("bridge-id", domain.bridge_id);
+    json.member("bridge", domain.bridge);
+    json.member("ifindex", domain.bridge_ifindex);
+    json.name("vlan-aware");
+    json.boolean(domain.vlan_aware);
+    write_if_set(json, "vlan", domain.vlan);
+    json.end_object();
+}
+
+void write_port(json_writer &json, const forwarding::port_view &port)
+{
+    constexpr std::string_view kinds[] = {"interface", "vxlan", "tunnel"};
+    json.begin_object();
+    json.member("xcid", port.xcid);
+    json.member("name", port.name);
+    json.member("ifindex", port.ifindex);
+    json.member("kind", kinds[static_cast<size_t>(port.kind)]);
+    json.member("oper-status", port.up ? "up" : "down");
+    json.member("domain", port.domain);
+    json.member("bridge-id", port.bridge_id);
+    write_if_set(json, "vlan", port.vlan);
+    write_if_set(json, "vni", port.vni);
+    json.end_object();
+}
+
+void write_remote_destination(json_writer &json, const forwarding::foreign_destination &entry, port_names &names)
+{
+    const forwarding::port_view *port = names.find(entry.xcid);
+    json.begin_object();
+    if (port != nullptr) {
+        json.member("domain", port->domain);
+    }
+    json.member("mac-address", mac_text(entry.mac));
+    json.member("bridge-id", entry.bridge_id);
+    write_port_name(json, entry.xcid, names);
+    if (entry.destination.kind == forwarding::destination_kind::next_hop) {
+        json.member("next-hop-id", entry.destination.next_hop);
+    } else {
+        json.member("destination", ip_text(entry.destination.address));
+    }
+    json.end_object();
+}
+
+void write_trace(json_writer &json, const host::trace_point &point, host::trace_ring ring)
+{
+    std::string time = utc_text(static_cast<int64_t>(point.time_ns / nanoseconds));
+    char fraction[16];
+    std::snprintf(fraction, sizeof fraction, ".%06uZ", narrow(point.time_ns % nanoseconds / 1000));
+    time.replace(time.size() - 1, 1, fraction);
+    json.begin_object();
+    json.member("ring", ring == host::trace_ring::normal ? "normal" : "error");
+    json.member64("sequence", point.sequence);
+    json.member("time", time);
+    json.member("id", point.id);
+    json.member("thread", point.thread_id);
+    json.member("function", point.function);
+    json.begin_array("values");
+    for (uint32_t i = 0; i < point.value_count; i++) {
+        json.text(std::to_string(point.values[i]));
+    }
+    json.end_array();
+    json.member("text", host::trace_format(point));
+    json.end_object();
+}
+
+} // namespace l2fibd

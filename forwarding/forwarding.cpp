@@ -1,0 +1,387 @@
+#include "forwarding/forwarding.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <shared_mutex>
+#include <unistd.h>
+
+#include "forwarding/feeder.h"
+#include "forwarding/generate.h"
+#include "forwarding/replay.h"
+#include "forwarding/running.h"
+#include "host/event_host.h"
+#include "host/l2fib_host.h"
+#include "host/operational_db_host.h"
+#include "l2fm_edm_table.h"
+#include "platform/event.h"
+#ifdef L2FIB_KERNEL_PLANE
+#include "forwarding/kernel_plane.h"
+#include "forwarding/kernel_socket.h"
+#endif
+
+namespace forwarding {
+namespace {
+
+constexpr const char *process_path = "/dev/l2fibd";
+constexpr const char *cache_path = "/dev/l2fib_mac_cache";
+constexpr const char *edm_path = "/dev/l2fib_mac_edm";
+constexpr uint32_t thread_wait_seconds = 60;
+
+// What runs. The module calls back without a cookie, so that there is one in a process.
+struct running_module {
+    std::unique_ptr<plane> source;
+    std::unique_ptr<feeder> feed;
+    event_manager_t *process_evm = nullptr;
+    uint16_t wait_seconds = 0;
+    std::string plane_error; // written by the cache thread before it serves
+};
+
+std::unique_ptr<running_module> running;
+std::shared_mutex running_mutex; // views hold it shared; start and stop change `running` with it
+
+// The platform keeps the cell for as long as the module may look at it, which is for ever.
+uint32_t mac_limit_cell;
+
+// ---- Callbacks of the module ----
+
+void resync(uint32_t type, uint32_t arg)
+{
+    try {
+        running->feed->resync({type, arg});
+    } catch (const std::bad_alloc &) {
+        l2fib_mac_edm_resync_complete(2);
+    }
+}
+
+void attach_plane(event_manager_t *evm)
+{
+    try {
+        running->plane_error = running->feed->start(evm);
+    } catch (const std::bad_alloc &) {
+        running->plane_error = "out of memory";
+    }
+}
+
+void act()
+{
+    try {
+        running->feed->refresh_everything();
+    } catch (const std::bad_alloc &) {
+        // The next resync does it.
+    }
+}
+
+l2fib_mac_edm_pd_cb_t callbacks()
+{
+    l2fib_mac_edm_pd_cb_t table = {};
+    table.resync_all_cb = [] { resync(EDM_RESYNC_ALL, 0); };
+    table.resync_bd_cb = [](uint16_t bridge_id) { resync(EDM_RESYNC_BD, bridge_id); };
+    table.resync_bp_cb = [](uint32_t xcid) { resync(EDM_RESYNC_BP, xcid); };
+    table.action_cb = act;
+    table.cb4 = table.cb6 = [] {};
+    table.bd_mac_count_cb = [](uint16_t bridge_id, edm_mac_counters_t *counters) {
+        return running->feed->count(bridge_id, *counters);
+    };
+    table.cache_evm_cb = attach_plane;
+    table.capabilities_cb = [](uint16_t *wait_time) {
+        *wait_time = running->wait_seconds;
+        return uint32_t{0};
+    };
+    return table;
+}
+
+// Whether the plane holds an address as static; what it cannot tell is left as it is cached.
+uint32_t answer_query(void *cookie, uint32_t bridge_id, const uint8_t *mac_addr, uint8_t *state)
+{
+    mac_address mac;
+    std::memcpy(mac.data(), mac_addr, mac.size());
+    fdb_record record;
+    if (static_cast<feeder *>(cookie)->ask(bridge_id, mac, record) && (record.state & fdb_noarp) != 0) {
+        *state = static_cast<uint8_t>(*state | L2FIB_MAC_QUERY_F2);
+    }
+    return 0;
+}
+
+// ---- Start ----
+
+std::unique_ptr<plane> generated(const options &options, std::string &error)
+{
+    fabric_options fabric;
+    error = parse_fabric(options.fabric, fabric);
+    if (!error.empty()) {
+        error = "the fabric: " + error;
+        return nullptr;
+    }
+    return make_generated_plane(fabric);
+}
+
+std::unique_ptr<plane> kernel([[maybe_unused]] const options &options, [[maybe_unused]] std::string &error)
+{
+#ifdef L2FIB_KERNEL_PLANE
+    auto made = make_kernel_plane({.receive_buffer = options.receive_buffer, .netns = options.netns});
+    error = kernel_give_up_capabilities();
+    return error.empty() ? std::move(made) : nullptr;
+#else
+    error = "this program was built without the kernel's forwarding plane";
+    return nullptr;
+#endif
+}
+
+std::unique_ptr<plane> make_plane(const options &options, std::string &error)
+{
+    switch (options.plane) {
+    case plane_choice::kernel: return kernel(options, error);
+    case plane_choice::recorded: return load_recorded_plane(options.recorded_directory, error);
+    default: return generated(options, error);
+    }
+}
+
+std::string options_error(const options &options)
+{
+    if (options.mac_limit == 0) {
+        return "the MAC limit is 0, expected at least 1";
+    }
+    if (options.resync_wait_seconds == 0) {
+        return "the resync wait time is 0, expected at least 1 second";
+    }
+    return options.group.empty() ? std::string() : group_error(options.group);
+}
+
+std::string status_text(const char *what, uint32_t status)
+{
+    return std::string(what) + ": " + host::operational_status_text(status);
+}
+
+std::string start_module(const options &options)
+{
+    host::event_manager_forget_ended();
+    running->process_evm = event_manager_create(0, process_path, EVENT_MANAGER_DEPTH, 0);
+    if (running->process_evm == nullptr) {
+        return "the process's event manager cannot be created";
+    }
+    host::mac_query_set(answer_query, running->feed.get());
+    l2fib_mac_edm_defn_init(&mac_limit_cell, options.mac_limit);
+    const l2fib_mac_edm_pd_cb_t table = callbacks();
+    const uint32_t status =
+        l2fib_mac_edm_init(running->process_evm, running.get(), evm_get_chan(running->process_evm), &table);
+    return status == 0 ? std::string() : status_text("the module does not start", status);
+}
+
+std::string wait_until_served()
+{
+    for (const char *path : {cache_path, edm_path}) {
+        if (host::event_manager_wait(path, thread_wait_seconds) != host::event_manager_state::serving) {
+            return std::string("the module's thread of ") + path + " does not serve";
+        }
+    }
+    return running->plane_error;
+}
+
+// ---- Stop ----
+
+bool end_thread(const char *path)
+{
+    event_manager_t *evm = host::event_manager_find(path);
+    return evm == nullptr || (host::event_manager_stop(evm), host::event_manager_join(evm, thread_wait_seconds) == 0);
+}
+
+void count_released(release_report &report)
+{
+    const l2fm_edm_mac_pool_t &pool = *l2fm_edm_table_mac_get_pool();
+    report.mac_entries = pool.mac_cnt_total;
+    report.bridge_domains = pool.bd_cnt;
+    report.bridge_ports = pool.bp_cnt;
+    report.vteps = pool.vtep_cnt;
+}
+
+void release_table()
+{
+    for (const l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_first_by_bridgeid(); bd != nullptr;
+         bd = l2fm_edm_table_bd_get_first_by_bridgeid()) {
+        l2fm_edm_table_bd_destroy(bd->bridge_id);
+    }
+    l2fm_edm_table_deinit();
+}
+
+bool table_is_empty()
+{
+    const l2fm_edm_mac_pool_t &pool = *l2fm_edm_table_mac_get_pool();
+    return pool.mac_cnt_total == 0 && pool.bd_cnt == 0 && pool.bp_cnt == 0 && pool.vtep_cnt == 0
+           && host::operational_get_statistics().live_lists == 0;
+}
+
+std::string text_of(const release_report &report)
+{
+    const auto amount = [](uint32_t count, const char *what) { return std::to_string(count) + " " + what; };
+    return (report.orderly ? "ended; released " : "did not end in order; released ")
+           + amount(report.mac_entries, "MAC entries, ") + amount(report.bridge_domains, "bridge domains, ")
+           + amount(report.bridge_ports, "ports, ") + amount(report.vteps, "VTEPs");
+}
+
+// The cache thread goes first: who waits for its answer is woken.
+release_report end_module()
+{
+    release_report report;
+    const bool cache_ended = end_thread(cache_path);
+    const bool edm_ended = end_thread(edm_path);
+    running->source->stop();
+    host::event_manager_stop(running->process_evm);
+    host::mac_query_set(nullptr, nullptr);
+    if (cache_ended && edm_ended) {
+        count_released(report);
+        release_table();
+        report.orderly = table_is_empty();
+    }
+    host::objects_clear();
+    report.text = text_of(report);
+    return report;
+}
+
+template <typename View>
+auto view_of(View view) -> decltype(view(*running->feed))
+{
+    const std::shared_lock hold(running_mutex);
+    if (running == nullptr) {
+        return {};
+    }
+    return view(*running->feed);
+}
+
+} // namespace
+
+std::string default_group()
+{
+    char name[256] = {};
+    if (gethostname(name, sizeof name - 1) != 0 || name[0] == 0) {
+        return "host";
+    }
+    std::string group(name, std::min(std::strlen(name), max_group_name));
+    std::replace_if(
+        group.begin(), group.end(), [](char each) { return !name_can_carry(each); }, '_');
+    return group;
+}
+
+std::string group_error(std::string_view group)
+{
+    const std::string quoted = "the group name \"" + std::string(group) + "\" ";
+    if (group.empty() || group.size() > max_group_name) {
+        return quoted + "has " + std::to_string(group.size()) + " characters, expected 1 to "
+               + std::to_string(max_group_name);
+    }
+    return std::all_of(group.begin(), group.end(), name_can_carry)
+               ? std::string()
+               : quoted + "holds a comma, colon, white space or control character";
+}
+
+std::string start(const options &options)
+{
+    if (const std::string error = options_error(options); !error.empty()) {
+        return error;
+    }
+    std::string error;
+    std::unique_ptr<plane> source = make_plane(options, error);
+    return source != nullptr ? start_on(std::move(source), options) : error;
+}
+
+std::string start_on(std::unique_ptr<plane> source, const options &options)
+{
+    if (running != nullptr) {
+        return "the module runs already";
+    }
+    auto started = std::make_unique<running_module>();
+    const std::string group = options.group.empty() ? default_group() : options.group;
+    started->feed = std::make_unique<feeder>(*source, group, options.resync_wait_seconds);
+    started->source = std::move(source);
+    started->wait_seconds = options.resync_wait_seconds;
+    {
+        const std::unique_lock hold(running_mutex);
+        running = std::move(started);
+    }
+    std::string error = start_module(options);
+    if (error.empty()) {
+        error = wait_until_served();
+    }
+    if (!error.empty()) {
+        stop();
+    }
+    return error;
+}
+
+release_report stop()
+{
+    if (running == nullptr) {
+        return {};
+    }
+    release_report report = end_module();
+    const std::unique_lock hold(running_mutex);
+    if (report.orderly) {
+        running.reset();
+    } else {
+        // A thread that did not end may still use it.
+        static_cast<void>(running.release());
+    }
+    return report;
+}
+
+// ---- Views ----
+
+health_view health()
+{
+    return view_of([](const feeder &feed) { return feed.health(); });
+}
+
+std::vector<domain_view> domains()
+{
+    return view_of([](const feeder &feed) { return feed.domains(); });
+}
+
+std::vector<port_view> ports()
+{
+    return view_of([](const feeder &feed) { return feed.ports(); });
+}
+
+namespace {
+
+struct foreign_question {
+    const feeder *feed;
+    uint32_t cursor;
+    size_t limit;
+    std::promise<std::vector<foreign_destination>> answer;
+};
+
+void answer_foreign(void *cookie)
+{
+    auto *question = static_cast<foreign_question *>(cookie);
+    try {
+        question->answer.set_value(question->feed->foreign_destinations(question->cursor, question->limit));
+    } catch (...) {
+        question->answer.set_exception(std::current_exception());
+    }
+}
+
+void answer_nothing(void *cookie)
+{
+    static_cast<foreign_question *>(cookie)->answer.set_value({});
+}
+
+} // namespace
+
+std::vector<foreign_destination> foreign_destinations(uint32_t &cursor, size_t limit)
+{
+    return view_of([&](const feeder &feed) -> std::vector<foreign_destination> {
+        foreign_question question{&feed, cursor, limit, {}};
+        auto answer = question.answer.get_future();
+        event_manager_t *evm = host::event_manager_find(cache_path);
+        if (host::event_post(evm, answer_foreign, answer_nothing, &question) != 0) {
+            return {};
+        }
+        auto found = answer.get();
+        cursor = question.cursor;
+        return found;
+    });
+}
+
+} // namespace forwarding

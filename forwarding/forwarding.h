@@ -1,0 +1,146 @@
+// The forwarding process's whole use of this directory: starts the module on a forwarding plane, ends it, and tells
+// what goes on meanwhile.
+//
+//     forwarding::options options;
+//     if (const std::string error = forwarding::start(options); !error.empty()) { ... }
+//     ... requests to the operational database (host/operational_db_host.h) ...
+//     const forwarding::release_report report = forwarding::stop();
+//
+// One at a time in a process. start and stop are for one thread; the views are for any thread at any time, and empty
+// while nothing runs. A view is a copy of one moment; two of them need not belong together.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "forwarding/plane.h"
+#include "l2fib_mac_edm.h"
+
+namespace forwarding {
+
+enum class plane_choice : uint8_t { generated, recorded, kernel };
+
+struct options {
+    plane_choice plane = plane_choice::generated;
+
+    // generated: what to make, as in "bridges=10,ports=32,macs=100000,vteps=64,churn=1000/s,seed=1" (generate.h). What
+    // is left out has its default.
+    std::string fabric = {};
+
+    // recorded: the directory with links.json and fdb.json (replay.h).
+    std::string recorded_directory = {};
+
+    // kernel: kernel_plane.h. Once its sockets are open, the calling thread and all that it starts are without the
+    // capabilities that took.
+    uint32_t receive_buffer = 0;
+    std::string netns = {};
+
+    // The first part of every full name; empty: default_group().
+    std::string group = {};
+
+    uint32_t mac_limit = 2'000'000;
+
+    // How long a request waits for the plane, in seconds; at least 1.
+    uint16_t resync_wait_seconds = EDM_RESYNC_WAIT_TIME;
+};
+
+// The host's name, cut to 32 characters, with "_" for what a name cannot carry.
+std::string default_group();
+
+// A text that tells what is wrong with the name of a group, or nothing: 1 to 32 characters, without ",", ":", white
+// space and control characters.
+std::string group_error(std::string_view group);
+
+// Creates the plane, starts the module on it and waits until both of its threads serve. Returns nothing on success,
+// otherwise a text for the operator; everything that had been started is ended then.
+//
+// The plane may still be listing when this returns: requests wait for the first listing, up to the resync wait time.
+std::string start(const options &options);
+
+struct release_report {
+    bool orderly = false; // both threads ended in time, and all memory was given back
+    uint32_t mac_entries = 0;
+    uint32_t bridge_domains = 0;
+    uint32_t bridge_ports = 0; // dummy ports included
+    uint32_t vteps = 0;
+    std::string text = {}; // one line for the log
+};
+
+// Ends both threads, detaches the plane, tears the table down, removes the objects. What was released is counted.
+// Requests that are under way end with a status. Harmless when nothing runs.
+release_report stop();
+
+// ---- Views ----
+
+struct counted_reason {
+    const char *reason; // a literal, such as "VXLAN device without a bridge"
+    uint64_t count;
+};
+
+struct health_view {
+    bool running = false;
+    std::string plane; // "kernel", "recorded", "generated"
+    std::string group;
+    plane_health of_plane; // clean or degraded, generation, overruns, events received, messages refused
+
+    uint64_t links = 0;         // what the plane holds now
+    uint64_t entries = 0;       // as the plane counts them: a joined VXLAN entry is two
+    uint64_t events_merged = 0; // changes that were overtaken by another one before the cache was told
+    uint64_t ipv6_destinations = 0;
+    uint64_t next_hop_destinations = 0;
+
+    uint64_t resyncs = 0;
+    uint64_t resyncs_degraded = 0; // of these, those completed while the plane was degraded
+    uint64_t doubtful_asked = 0;   // entries that the plane was asked about before a sweep
+    uint64_t doubtful_kept = 0;    // of these, those that it still held, or could not tell
+
+    std::vector<counted_reason> unmapped; // entries that are not fed now, by reason; zeros are left out
+    std::vector<counted_reason> refused;  // failures since the start, by reason; zeros are left out
+    std::vector<std::string> notes;       // names that were changed and objects that were refused: the last few
+};
+
+health_view health();
+
+struct domain_view {
+    uint16_t bridge_id = 0;
+    std::string name; // the full name: group ":" bridge, with ".vid" for a VLAN of a VLAN-aware bridge
+    std::string bridge;
+    uint32_t bridge_ifindex = 0;
+    uint16_t vlan = 0; // 0: none
+    bool vlan_aware = false;
+};
+
+// By bridge id.
+std::vector<domain_view> domains();
+
+enum class port_kind : uint8_t { interface, vxlan, tunnel };
+
+struct port_view {
+    uint32_t xcid = 0;
+    std::string name; // of the interface
+    uint32_t ifindex = 0;
+    port_kind kind = port_kind::interface;
+    uint16_t vlan = 0;
+    uint32_t vni = 0; // of VXLAN ports; 0: each entry has its own
+    bool up = false;
+    uint16_t bridge_id = 0;
+    std::string domain; // its full name
+};
+
+// By xcid.
+std::vector<port_view> ports();
+
+// An entry whose destination the cache cannot carry.
+struct foreign_destination {
+    uint16_t bridge_id = 0;
+    uint32_t xcid = 0;
+    mac_address mac = {};
+    fdb_destination destination = {}; // IPv6 or a next-hop id
+};
+
+// The next ones, at most `limit`, from `cursor` on, which begins at 0 and is moved; an empty page is the end. Asks the
+// cache thread and waits for it. What comes and goes between two pages may be missed or told twice.
+std::vector<foreign_destination> foreign_destinations(uint32_t &cursor, size_t limit);
+
+} // namespace forwarding

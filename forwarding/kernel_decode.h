@@ -1,0 +1,59 @@
+// Decoder of the kernel's routing messages: bytes to the plain records of a forwarding plane.
+//
+// kernel_decode reads what it is given and nothing else: no socket, no clock, no table. Whatever the bytes are, it
+// reads none behind the end and always comes to an end. A message that breaks the rules of its form (an attribute that
+// is cut off, of the wrong length, or missing where every kernel sends it) is malformed as a whole: half a record is
+// never told. Attributes that are not known here are skipped, for newer kernels send more.
+//
+// Messages of other address families than those of links and bridge entries come on the same socket (neighbours of
+// IPv4 and IPv6, states of bridge ports) and are no concern of a forwarding plane: they are told as `unrelated`.
+//
+// Threads: any.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "forwarding/plane.h"
+
+namespace forwarding {
+
+enum class kernel_message_kind : uint8_t {
+    unrelated,
+    malformed,
+    link_changed, // `link`
+    link_gone,    // `link`, of which only the interface index is sure
+    fdb_changed,  // `fdb`
+    fdb_gone,     // `fdb`
+    done,         // the end of a dump; `error` when it failed
+    error,        // a request failed, or was acknowledged when `error` is 0
+};
+
+struct kernel_message {
+    kernel_message_kind kind = kernel_message_kind::unrelated;
+    uint32_t sequence = 0;    // of the request that this answers; 0: none
+    bool interrupted = false; // the kernel says that the dump this belongs to is inconsistent
+    int error = 0;            // a positive error number
+    link_record link = {};
+    fdb_record fdb = {};
+};
+
+// What turns the ages of entries into times.
+struct kernel_clock {
+    int64_t now_ms = 0; // std::chrono::steady_clock when the bytes were read
+    int64_t ticks_per_second = 100;
+};
+
+// For bytes that are read now.
+kernel_clock kernel_clock_now();
+
+// Takes the first message off `datagram`, whose start is aligned to 4 bytes. False at its end; what is behind the last
+// whole message of it is one malformed message. `message` may be used again for the next one.
+bool kernel_decode(std::span<const std::byte> &datagram, const kernel_clock &clock, kernel_message &message);
+
+// What a device is, by the name that the kernel has for its kind ("bridge", "vxlan", "gretap" ...).
+link_kind link_kind_named(std::string_view name);
+
+} // namespace forwarding

@@ -1,0 +1,253 @@
+#include "forwarding/mapping.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
+#include "l2fm_edm_table.h"
+
+namespace forwarding {
+
+// ---- Ids ----
+
+uint32_t id_pool::take()
+{
+    if (used_.size() == size_t{last_} - first_ + 1) {
+        return 0;
+    }
+    for (;;) {
+        const uint32_t id = next_;
+        next_ = id == last_ ? first_ : id + 1;
+        if (used_.insert(id).second) {
+            return id;
+        }
+    }
+}
+
+// ---- Names ----
+
+bool name_can_carry(char character)
+{
+    const auto code = static_cast<unsigned char>(character);
+    return character != ',' && character != ':' && std::isspace(code) == 0 && std::iscntrl(code) == 0;
+}
+
+std::string bridge_domain_part(std::string_view bridge, uint16_t vlan)
+{
+    const std::string suffix = vlan != 0 ? "." + std::to_string(vlan) : std::string();
+    std::string part(bridge.substr(0, max_bridge_name - suffix.size()));
+    std::replace_if(
+        part.begin(), part.end(), [](char each) { return !name_can_carry(each); }, '_');
+    return part + suffix;
+}
+
+// ---- Ports ----
+
+host::cross_connect cross_connect_of(const copy_port &port)
+{
+    host::cross_connect values;
+    switch (port.key.kind) {
+    case link_kind::vxlan:
+        values.first.type = L2FIB_SEGMENT_VXLAN;
+        values.first.vxlan_54[0] = port.key.vni;
+        values.first.vxlan_54[3] = port.key.ifindex;
+        break;
+    case link_kind::tunnel: values.first.type = L2FIB_SEGMENT_4; break;
+    default:
+        values.first.type = L2FIB_SEGMENT_INTERFACE;
+        values.first.interface_handle = port.key.ifindex;
+        values.first.interface_3 = port.key.ifindex;
+        values.first.interface_sub_kind = port.key.vlan != 0 ? L2FIB_INTERFACE_SUB_KIND_23 : 0;
+        values.first.interface_sub_value = port.key.vlan;
+        break;
+    }
+    return values;
+}
+
+// ---- Flags ----
+
+namespace {
+
+// Whose entry a rule is for.
+constexpr unsigned of_bridge = 1; // the bridge's own address
+constexpr unsigned of_port = 2;   // the bridge's entry on a port
+constexpr unsigned of_device = 4; // a device's own entry
+constexpr unsigned of_any = of_bridge | of_port | of_device;
+
+struct flag_rule {
+    unsigned whose;
+    uint8_t state; // any of these bits; 0: whatever the state
+    uint8_t flags; // any of these bits; 0: whatever the flags
+    uint16_t gives;
+};
+
+constexpr flag_rule flag_rules[] = {
+    {of_bridge, 0, 0, EDM_MAC_BD_OWN | EDM_MAC_LOCAL},
+    {of_port, fdb_permanent, 0, EDM_MAC_LOCAL},
+    {of_port, fdb_noarp, 0, EDM_MAC_STATIC},
+    {of_device, fdb_permanent | fdb_noarp, 0, EDM_MAC_STATIC},
+    {of_any, 0, fdb_sticky, 0x0010},
+    {of_any, 0, fdb_extern_learn, EDM_MAC_EXTERN_LEARNED},
+    {of_any, 0, fdb_offloaded, 0x0800},
+    {of_any, 0, fdb_locked, 0x8000},
+};
+
+// What a recorded table may add.
+constexpr uint16_t addable_flags =
+    EDM_MAC_PBB | EDM_MAC_BD_FIXED | EDM_MAC_BD_40 | EDM_MAC_BD_200 | EDM_MAC_BD_400 | 0x4000;
+
+constexpr uint16_t inactive_bit = 0x0001; // of ext_flags
+
+bool matches(uint8_t bits, uint8_t wanted)
+{
+    return wanted == 0 || (bits & wanted) != 0;
+}
+
+} // namespace
+
+uint16_t flags_of(const fdb_record &record)
+{
+    const unsigned whose = record.self ? of_device : record.ifindex == record.master ? of_bridge : of_port;
+    uint32_t flags = record.edm_flags & addable_flags;
+    for (const flag_rule &rule : flag_rules) {
+        if ((rule.whose & whose) != 0 && matches(record.state, rule.state) && matches(record.flags, rule.flags)) {
+            flags |= rule.gives;
+        }
+    }
+    return static_cast<uint16_t>(flags);
+}
+
+// ---- Entries ----
+
+namespace {
+
+constexpr const char *standing_texts[] = {
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    "the device's own entry for an address that the bridge holds on another port",
+    "receive filter",
+    "VXLAN device without a bridge",
+    "bridge that is not known by a name",
+    "no id left for the bridge domain or port",
+};
+static_assert(std::size(standing_texts) == static_cast<size_t>(standing::count));
+
+constexpr mac_address zero_mac = {};
+
+// The device's own entry that is told with a bridge's entry on a VXLAN device.
+uint32_t joined_entry(const table_copy &copy, const copy_entry &entry)
+{
+    if (entry.group == no_slot || entry.record.self || (entry.record.state & fdb_permanent) != 0) {
+        return no_slot;
+    }
+    const uint32_t first = copy.groups[entry.group].first;
+    return copy.entries[first].record.self ? first : no_slot;
+}
+
+// Whether the bridge that a VXLAN device is in holds the address on another port.
+bool bridge_has_elsewhere(const table_copy &copy, const copy_entry &entry)
+{
+    const port_key &on = copy.ports[entry.port].key;
+    const uint32_t found = copy.find({on.master, false, entry.record.vlan, 0, entry.record.mac, {}});
+    return found != no_slot && copy.entries[found].alive && copy.entries[found].record.ifindex != on.ifindex;
+}
+
+standing standing_of_own(const table_copy &copy, uint32_t entry)
+{
+    const copy_entry &own = copy.entries[entry];
+    const copy_group &group = copy.groups[own.group];
+    if (own.record.mac == zero_mac) {
+        return group.first == entry ? standing::fed : standing::of_flood_list;
+    }
+    if (group.of_bridge != 0 && group.first == entry) {
+        return standing::joined;
+    }
+    return bridge_has_elsewhere(copy, own) ? standing::elsewhere : standing::fed;
+}
+
+void set_timestamp(const fdb_record &record, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &to)
+{
+    if ((to.flags & (EDM_MAC_STATIC | EDM_MAC_LOCAL)) == 0 && record.updated_ms != 0) {
+        to.flags |= EDM_MAC_TIMESTAMP_VALID;
+        to.hw_timestamp = static_cast<uint32_t>((record.updated_ms + epoch_offset_ms) / 1000);
+    }
+}
+
+void set_destination(const fdb_destination &destination, l2fib_mac_edm_entry_t &to)
+{
+    switch (destination.kind) {
+    case destination_kind::ipv4:
+        to.flags |= EDM_MAC_VNI;
+        std::memcpy(to.vtep_addr, destination.address.data(), sizeof to.vtep_addr);
+        break;
+    case destination_kind::backbone:
+        to.flags |= EDM_MAC_PBB;
+        std::memcpy(to.bmac_addr, destination.address.data(), sizeof to.bmac_addr);
+        break;
+    default: break;
+    }
+}
+
+void build(const table_copy &copy, const copy_entry &entry, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &to)
+{
+    const fdb_record &record = entry.record;
+    const copy_port &port = copy.ports[entry.port];
+    const uint32_t joined = joined_entry(copy, entry);
+    to = {};
+    to.flags = flags_of(record);
+    if (joined != no_slot) {
+        to.flags = static_cast<uint16_t>(to.flags | flags_of(copy.entries[joined].record));
+    }
+    to.ext_flags = (record.flags & fdb_inactive) != 0 ? inactive_bit : 0;
+    to.ext_attr = record.vlan;
+    to.xcid = port.xcid;
+    to.bridge_id = copy.domains[port.domain].bridge_id;
+    std::memcpy(to.mac_addr, record.mac.data(), sizeof to.mac_addr);
+    set_timestamp(record, epoch_offset_ms, to);
+    set_destination(record.destination, to);
+    if (joined != no_slot) {
+        set_destination(copy.entries[joined].record.destination, to);
+    }
+}
+
+} // namespace
+
+const char *text_of(standing standing)
+{
+    return standing_texts[static_cast<size_t>(standing)];
+}
+
+standing standing_of(const table_copy &copy, uint32_t entry)
+{
+    const copy_entry &of = copy.entries[entry];
+    if (!of.alive) {
+        return standing::none;
+    }
+    const copy_port &port = copy.ports[of.port];
+    if (port.domain == no_slot) {
+        return port.key.kind == link_kind::vxlan ? standing::without_bridge : standing::receive_filter;
+    }
+    if (copy.domains[port.domain].bridge_id == 0 || port.xcid == 0) {
+        return copy.find_link(port.key.master) == nullptr ? standing::without_name : standing::without_id;
+    }
+    return of.record.self ? standing_of_own(copy, entry) : standing::fed;
+}
+
+standing describe(const table_copy &copy, uint32_t entry, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &descriptor)
+{
+    const standing found = standing_of(copy, entry);
+    if (found == standing::fed || found == standing::of_flood_list) {
+        build(copy, copy.entries[entry], epoch_offset_ms, descriptor);
+    }
+    return found;
+}
+
+bool stands_beside_others(const table_copy &copy, uint32_t entry)
+{
+    const fdb_record &record = copy.entries[entry].record;
+    return record.self && (record.mac == zero_mac || record.source_vni != 0);
+}
+
+} // namespace forwarding

@@ -1,0 +1,91 @@
+// How the kernel's terms become the module's: flags, descriptors, names and ids.
+//
+//      bridge interface, VLAN      bridge id, full name
+//      port interface, VLAN, VNI   xcid, cross-connect with its first segment
+//      entry                       descriptor, or the reason why there is none
+//
+// Pure: what is stored where is the feeder's.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <unordered_set>
+
+#include "forwarding/table_copy.h"
+#include "host/l2fib_objects.h"
+#include "l2fib_mac_edm.h"
+
+namespace forwarding {
+
+// ---- Ids ----
+
+// Hands out the numbers of a range, each time the next one that is free, so that none is used again at once.
+class id_pool {
+public:
+    id_pool(uint32_t first, uint32_t last)
+        : first_(first)
+        , last_(last)
+        , next_(first)
+    {}
+
+    // 0: all are in use.
+    uint32_t take();
+    void give_back(uint32_t id) { used_.erase(id); }
+
+private:
+    uint32_t first_;
+    uint32_t last_;
+    uint32_t next_;
+    std::unordered_set<uint32_t> used_;
+};
+
+// ---- Names ----
+
+inline constexpr size_t max_group_name = 32;
+inline constexpr size_t max_bridge_name = 27; // the second part of a full name
+
+// What the keys of items can carry.
+bool name_can_carry(char character);
+
+// The second part of a full name; what cannot be carried becomes "_", and the part is cut to max_bridge_name.
+// `vlan` is 0 or the VLAN of a VLAN-aware bridge.
+std::string bridge_domain_part(std::string_view bridge, uint16_t vlan);
+
+// ---- Ports ----
+
+host::cross_connect cross_connect_of(const copy_port &port);
+
+// ---- Entries ----
+
+// What an entry of the copy is to the cache.
+enum class standing : uint8_t {
+    none, // it has gone
+    fed,
+    joined,         // a VXLAN device's own entry that is told with the bridge's
+    of_flood_list,  // another destination of an address that is told already
+    elsewhere,      // a VXLAN device's own entry for an address that the bridge holds on another port
+    receive_filter, // a device's own entry, and the device is not VXLAN
+    without_bridge, // of a VXLAN device that is in no bridge
+    without_name,   // its bridge has not been told, or could not be named
+    without_id,     // of a bridge domain or port for which there was no id
+    count,
+};
+
+// For the health report; null for those that are nothing to report.
+const char *text_of(standing standing);
+
+// Builds the descriptor of an entry. It is built for `fed` and `of_flood_list`, which is fed, too, for its destination.
+// `epoch_offset_ms` is what the steady clock lacks to the time since the epoch.
+standing describe(const table_copy &copy, uint32_t entry, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &descriptor);
+
+// As describe, without building.
+standing standing_of(const table_copy &copy, uint32_t entry);
+
+// The EDM_MAC_ bits that an entry has for itself.
+uint16_t flags_of(const fdb_record &record);
+
+// Whether the entry may stand beside entries for the same address on other ports of the bridge domain, which would
+// count as a move otherwise.
+bool stands_beside_others(const table_copy &copy, uint32_t entry);
+
+} // namespace forwarding

@@ -1,0 +1,560 @@
+#include "forwarding/table_copy.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace forwarding {
+namespace {
+
+constexpr mac_address zero_mac = {};
+
+uint64_t mix(uint64_t hash, uint64_t value)
+{
+    hash = (hash ^ value) * 0x9e3779b97f4a7c15u;
+    return hash ^ (hash >> 29);
+}
+
+uint64_t number_of(const mac_address &mac)
+{
+    uint64_t number = 0;
+    std::memcpy(&number, mac.data(), mac.size());
+    return number;
+}
+
+uint32_t fold(uint64_t hash)
+{
+    return static_cast<uint32_t>(hash ^ (hash >> 32));
+}
+
+uint32_t hash_of(uint32_t ifindex, const mac_address &mac)
+{
+    return fold(mix(mix(0, number_of(mac)), ifindex));
+}
+
+uint32_t hash_of(const fdb_key &key)
+{
+    uint64_t hash = mix(0, number_of(key.mac) | (uint64_t{key.vlan} << 48));
+    hash = mix(hash, key.holder | (uint64_t{key.source_vni} << 32));
+    if (key.destination.kind != destination_kind::none) {
+        uint64_t halves[2];
+        std::memcpy(halves, key.destination.address.data(), sizeof halves);
+        hash = mix(mix(mix(hash, halves[0]), halves[1]), key.destination.next_hop);
+    }
+    return fold(hash ^ (key.self ? 1u : 0u));
+}
+
+uint32_t hash_of(const port_key &key)
+{
+    const uint64_t hash = mix(0, key.master | (uint64_t{key.ifindex} << 32));
+    return fold(mix(hash, key.vlan | (uint64_t{key.vni} << 16) | (uint64_t(key.kind) << 56)));
+}
+
+uint64_t domain_key(uint32_t bridge, uint16_t vlan)
+{
+    return (uint64_t{bridge} << 16) | vlan;
+}
+
+bool equal_but_age(const fdb_record &left, const fdb_record &right)
+{
+    fdb_record aged = left;
+    aged.updated_ms = right.updated_ms;
+    return aged == right;
+}
+
+bool same_shape(const link_record &left, const link_record &right)
+{
+    return left.kind == right.kind && left.master == right.master && left.vni == right.vni
+           && left.external == right.external;
+}
+
+bool is_bridge_own(const port_key &key)
+{
+    return key.ifindex == key.master;
+}
+
+uint32_t device_vni(const link_record &link)
+{
+    return link.kind == link_kind::vxlan && !link.external ? link.vni : 0;
+}
+
+void drop(std::vector<uint32_t> &from, uint32_t value)
+{
+    const auto found = std::find(from.begin(), from.end(), value);
+    if (found != from.end()) {
+        *found = from.back();
+        from.pop_back();
+    }
+}
+
+} // namespace
+
+table_copy::table_copy(copy_listener &listener)
+    : listener_(listener)
+{}
+
+// ---- Finding ----
+
+uint32_t table_copy::find(const fdb_key &key) const
+{
+    return entries_by_key_.find(hash_of(key), [&](uint32_t entry) { return key_of(entries[entry].record) == key; });
+}
+
+const copy_link *table_copy::find_link(uint32_t ifindex) const
+{
+    const auto found = links_.find(ifindex);
+    return found != links_.end() && found->second.known ? &found->second : nullptr;
+}
+
+uint32_t table_copy::find_domain(uint32_t bridge, uint16_t vlan) const
+{
+    const auto found = domains_by_key_.find(domain_key(bridge, vlan));
+    return found != domains_by_key_.end() ? found->second : no_slot;
+}
+
+uint32_t table_copy::find_group(uint32_t ifindex, const mac_address &mac) const
+{
+    return groups_by_key_.find(hash_of(ifindex, mac), [&](uint32_t group) {
+        return groups[group].ifindex == ifindex && groups[group].mac == mac;
+    });
+}
+
+copy_link &table_copy::link(uint32_t ifindex)
+{
+    copy_link &found = links_[ifindex];
+    found.record.ifindex = ifindex;
+    return found;
+}
+
+// ---- Links ----
+
+void table_copy::link_changed(const link_record &record)
+{
+    copy_link &changed = link(record.ifindex);
+    const link_record before = std::exchange(changed.record, record);
+    const bool first = !std::exchange(changed.known, true);
+    changed.generation = generation_;
+    known_links += first ? 1 : 0;
+    if (first || !same_shape(before, record)) {
+        reshape_link(changed, before);
+    }
+    tell_link_change(changed, before, first);
+}
+
+void table_copy::reshape_link(copy_link &changed, const link_record &before)
+{
+    follow_master(changed, before);
+    if (before.kind == link_kind::bridge && changed.record.kind != link_kind::bridge) {
+        end_bridge(changed);
+    }
+    end_ports(changed, [](const copy_link &of, const copy_port &port) {
+        return port.key.master != 0 && port.key.master != of.record.master && !is_bridge_own(port.key);
+    });
+    replace_entries(changed);
+    end_ports(changed, [](const copy_link &of, const copy_port &port) {
+        return port.entries == 0 && !is_bridge_own(port.key)
+               && (port.key.kind != of.record.kind || port.key.vni != device_vni(of.record));
+    });
+    add_base_objects(changed);
+}
+
+void table_copy::follow_master(const copy_link &changed, const link_record &before)
+{
+    if (before.master != 0) {
+        drop(link(before.master).members, changed.record.ifindex);
+        drop(link(before.master).vxlan_devices, changed.record.ifindex);
+    }
+    if (changed.record.master != 0) {
+        link(changed.record.master).members.push_back(changed.record.ifindex);
+        if (changed.record.kind == link_kind::vxlan) {
+            link(changed.record.master).vxlan_devices.push_back(changed.record.ifindex);
+        }
+    }
+}
+
+// Puts each entry where it belongs now that its link has changed.
+void table_copy::replace_entries(const copy_link &changed)
+{
+    std::vector<uint32_t> misplaced;
+    for (const uint32_t port : changed.ports) {
+        for_each_entry_of_port(port, [&](uint32_t entry) {
+            if (place_of(entries[entry].record) != ports[port].key) {
+                misplaced.push_back(entry);
+            }
+        });
+    }
+    for (const uint32_t entry : misplaced) {
+        unlink_from_port(entry);
+        link_to_port(entry, port_at(place_of(entries[entry].record)));
+        listener_.entry_touched(entry);
+        affect_group(entries[entry].group, entry);
+    }
+}
+
+void table_copy::end_ports(const copy_link &of, bool (*ends)(const copy_link &of, const copy_port &port))
+{
+    const std::vector<uint32_t> candidates = of.ports;
+    for (const uint32_t port : candidates) {
+        if (ends(of, ports[port])) {
+            end_port(port);
+        }
+    }
+}
+
+// A bridge and its ports are shown before there is an entry on them.
+void table_copy::add_base_objects(const copy_link &of)
+{
+    const link_record &record = of.record;
+    if (record.kind == link_kind::bridge) {
+        domain_at(record.ifindex, 0);
+        for (const uint32_t member : of.members) {
+            add_base_port(link(member).record);
+        }
+    }
+    add_base_port(record);
+}
+
+void table_copy::add_base_port(const link_record &record)
+{
+    const copy_link *master = find_link(record.master);
+    if (master != nullptr && master->record.kind == link_kind::bridge) {
+        port_at({record.master, record.ifindex, record.kind, 0, device_vni(record)});
+    }
+}
+
+void table_copy::tell_link_change(const copy_link &changed, const link_record &before, bool first)
+{
+    const bool renamed = first || before.name != changed.record.name;
+    if (renamed || before.vlan_aware != changed.record.vlan_aware) {
+        for (const uint32_t domain : changed.domains) {
+            listener_.domain_changed(domain);
+        }
+    }
+    if (renamed || before.up != changed.record.up) {
+        for (const uint32_t port : changed.ports) {
+            if (ports[port].domain != no_slot) {
+                listener_.port_changed(port);
+            }
+        }
+    }
+}
+
+void table_copy::link_gone(uint32_t ifindex)
+{
+    const auto found = links_.find(ifindex);
+    if (found == links_.end()) {
+        return;
+    }
+    copy_link &gone = found->second;
+    const link_record before = gone.record;
+    known_links -= gone.known ? 1 : 0;
+    gone.known = false;
+    gone.record = {};
+    gone.record.ifindex = ifindex;
+    follow_master(gone, before);
+    end_bridge(gone);
+    end_ports(gone, [](const copy_link &, const copy_port &) { return true; });
+    if (gone.members.empty()) {
+        links_.erase(ifindex);
+    }
+}
+
+void table_copy::end_bridge(copy_link &bridge)
+{
+    for (const uint32_t domain : std::vector<uint32_t>(bridge.domains)) {
+        end_domain(domain);
+    }
+}
+
+// ---- Ports and domains ----
+
+// Where an entry stands. Only VXLAN devices' own entries have to do with a bridge.
+port_key table_copy::place_of(const fdb_record &record) const
+{
+    const copy_link *on = find_link(record.ifindex);
+    const link_kind kind = on != nullptr ? on->record.kind : link_kind::other;
+    port_key key{record.master, record.ifindex, kind, record.vlan, 0};
+    if (record.self) {
+        key.master = kind == link_kind::vxlan ? on->record.master : 0;
+    }
+    if (kind == link_kind::vxlan) {
+        key.vni = on->record.external && record.self ? record.source_vni : device_vni(on->record);
+    }
+    if (key.master == 0) {
+        return {0, record.ifindex, kind, 0, 0};
+    }
+    return key;
+}
+
+uint32_t table_copy::port_at(const port_key &key)
+{
+    const uint32_t found = ports_by_key_.find(hash_of(key), [&](uint32_t port) { return ports[port].key == key; });
+    if (found != no_slot) {
+        return found;
+    }
+    const uint32_t port = ports.take();
+    ports[port].key = key;
+    ports_by_key_.insert(hash_of(key), port);
+    link(key.ifindex).ports.push_back(port);
+    if (key.master != 0) {
+        ports[port].domain = domain_at(key.master, key.vlan);
+        domains[ports[port].domain].ports.push_back(port);
+        listener_.port_added(port);
+    }
+    return port;
+}
+
+uint32_t table_copy::domain_at(uint32_t bridge, uint16_t vlan)
+{
+    const auto [place, added] = domains_by_key_.try_emplace(domain_key(bridge, vlan), no_slot);
+    if (added) {
+        const uint32_t domain = domains.take();
+        place->second = domain;
+        domains[domain].bridge = bridge;
+        domains[domain].vlan = vlan;
+        link(bridge).domains.push_back(domain);
+        listener_.domain_added(domain);
+        return domain;
+    }
+    return place->second;
+}
+
+void table_copy::end_port(uint32_t port)
+{
+    for_each_entry_of_port(port, [&](uint32_t entry) { remove(entry); });
+    if (ports[port].domain != no_slot) {
+        listener_.port_going(port);
+        drop(domains[ports[port].domain].ports, port);
+    }
+    drop(link(ports[port].key.ifindex).ports, port);
+    ports_by_key_.erase(hash_of(ports[port].key), port);
+    ports.give_back(port);
+}
+
+void table_copy::end_domain(uint32_t domain)
+{
+    for (const uint32_t port : std::vector<uint32_t>(domains[domain].ports)) {
+        end_port(port);
+    }
+    listener_.domain_going(domain);
+    const copy_domain &going = domains[domain];
+    drop(link(going.bridge).domains, domain);
+    domains_by_key_.erase(domain_key(going.bridge, going.vlan));
+    domains.give_back(domain);
+}
+
+// ---- Entries ----
+
+void table_copy::fdb_changed(const fdb_record &record)
+{
+    const fdb_key key = key_of(record);
+    const uint32_t found = find(key);
+    const uint32_t entry = found != no_slot ? found : add(key);
+    entries[entry].generation = static_cast<uint32_t>(generation_);
+    if (entries[entry].alive) {
+        update(entry, record);
+    } else {
+        enter(entry, record);
+    }
+}
+
+void table_copy::fdb_gone(const fdb_record &record)
+{
+    const uint32_t entry = find(key_of(record));
+    if (entry == no_slot || !entries[entry].alive || entries[entry].record.ifindex != record.ifindex) {
+        ++unchanged;
+        return;
+    }
+    remove(entry);
+}
+
+uint32_t table_copy::add(const fdb_key &key)
+{
+    const uint32_t entry = entries.take();
+    entries_by_key_.insert(hash_of(key), entry);
+    return entry;
+}
+
+void table_copy::enter(uint32_t entry, const fdb_record &record)
+{
+    entries[entry].record = record;
+    entries[entry].alive = true;
+    ++living;
+    link_to_port(entry, port_at(place_of(record)));
+    listener_.entry_touched(entry);
+    affect_group(entries[entry].group, entry);
+    affect_others(record);
+}
+
+void table_copy::update(uint32_t entry, const fdb_record &record)
+{
+    copy_entry &known = entries[entry];
+    if (equal_but_age(known.record, record)) {
+        known.record.updated_ms = record.updated_ms != 0 ? record.updated_ms : known.record.updated_ms;
+        ++unchanged;
+        return;
+    }
+    const fdb_record before = std::exchange(known.record, record);
+    const uint32_t group_before = known.group;
+    const uint32_t port = port_at(place_of(record));
+    if (port != known.port) {
+        unlink_from_port(entry);
+        link_to_port(entry, port);
+        affect_group(group_before, entry);
+    }
+    listener_.entry_touched(entry);
+    affect_group(known.group, entry);
+    if (before.ifindex != record.ifindex) {
+        affect_others(record);
+    }
+}
+
+void table_copy::remove(uint32_t entry)
+{
+    copy_entry &gone = entries[entry];
+    const uint32_t group = gone.group;
+    unlink_from_port(entry);
+    gone.alive = false;
+    --living;
+    listener_.entry_touched(entry);
+    affect_group(group, entry);
+    affect_others(gone.record);
+}
+
+void table_copy::release(uint32_t entry)
+{
+    entries_by_key_.erase(hash_of(key_of(entries[entry].record)), entry);
+    entries.give_back(entry);
+}
+
+void table_copy::link_to_port(uint32_t entry, uint32_t port)
+{
+    copy_entry &added = entries[entry];
+    copy_port &to = ports[port];
+    added.port = port;
+    added.prev = to.last;
+    added.next = no_slot;
+    (to.last != no_slot ? entries[to.last].next : to.first) = entry;
+    to.last = entry;
+    ++to.entries;
+    if (to.key.kind == link_kind::vxlan && to.domain != no_slot) {
+        join_group(entry);
+    }
+}
+
+void table_copy::unlink_from_port(uint32_t entry)
+{
+    copy_entry &removed = entries[entry];
+    copy_port &from = ports[removed.port];
+    leave_group(entry);
+    (removed.prev != no_slot ? entries[removed.prev].next : from.first) = removed.next;
+    (removed.next != no_slot ? entries[removed.next].prev : from.last) = removed.prev;
+    removed.port = removed.next = removed.prev = no_slot;
+    --from.entries;
+}
+
+// ---- Groups ----
+
+void table_copy::join_group(uint32_t entry)
+{
+    copy_entry &joining = entries[entry];
+    const uint32_t found = find_group(joining.record.ifindex, joining.record.mac);
+    const uint32_t group = found != no_slot ? found : groups.take();
+    copy_group &to = groups[group];
+    if (found == no_slot) {
+        to.ifindex = joining.record.ifindex;
+        to.mac = joining.record.mac;
+        groups_by_key_.insert(hash_of(to.ifindex, to.mac), group);
+    }
+    const bool in_front = joining.record.self;
+    joining.group = group;
+    joining.group_next = in_front ? to.first : no_slot;
+    joining.group_prev = in_front ? no_slot : to.last;
+    (joining.group_next != no_slot ? entries[joining.group_next].group_prev : to.last) = entry;
+    (joining.group_prev != no_slot ? entries[joining.group_prev].group_next : to.first) = entry;
+    to.of_bridge += joining.record.self ? 0 : 1;
+}
+
+void table_copy::leave_group(uint32_t entry)
+{
+    copy_entry &leaving = entries[entry];
+    if (leaving.group == no_slot) {
+        return;
+    }
+    copy_group &from = groups[leaving.group];
+    (leaving.group_prev != no_slot ? entries[leaving.group_prev].group_next : from.first) = leaving.group_next;
+    (leaving.group_next != no_slot ? entries[leaving.group_next].group_prev : from.last) = leaving.group_prev;
+    from.of_bridge -= leaving.record.self ? 0 : 1;
+    if (from.first == no_slot) {
+        groups_by_key_.erase(hash_of(from.ifindex, from.mac), leaving.group);
+        groups.give_back(leaving.group);
+    }
+    leaving.group = leaving.group_next = leaving.group_prev = no_slot;
+}
+
+// One entry of a group decides how the others are seen. Of a flood list, which may be long, the first one stands for
+// all.
+void table_copy::affect_group(uint32_t group, uint32_t except)
+{
+    if (group == no_slot || groups[group].first == no_slot) {
+        return;
+    }
+    const bool is_flood_list = groups[group].mac == zero_mac;
+    for (uint32_t entry = groups[group].first; entry != no_slot; entry = entries[entry].group_next) {
+        if (entry != except) {
+            listener_.entry_affected(entry);
+        }
+        if (is_flood_list) {
+            return;
+        }
+    }
+}
+
+// Where the bridge holds an address decides whether the VXLAN devices' own entries for it count.
+void table_copy::affect_others(const fdb_record &record)
+{
+    if (record.self) {
+        return;
+    }
+    const auto bridge = links_.find(record.master);
+    if (bridge == links_.end()) {
+        return;
+    }
+    for (const uint32_t device : bridge->second.vxlan_devices) {
+        affect_group(find_group(device, record.mac), no_slot);
+    }
+}
+
+// ---- Generations ----
+
+void table_copy::generation_begun()
+{
+    ++generation_;
+}
+
+void table_copy::generation_complete(bool clean)
+{
+    if (clean) {
+        drop_untold_links();
+        for_each_entry([&](uint32_t entry) {
+            if (entries[entry].generation != static_cast<uint32_t>(generation_)) {
+                remove(entry);
+            }
+        });
+    }
+    listener_.generation_ended(clean);
+}
+
+void table_copy::drop_untold_links()
+{
+    std::vector<uint32_t> gone;
+    for (const auto &[ifindex, link] : links_) {
+        if (link.known && link.generation != generation_) {
+            gone.push_back(ifindex);
+        }
+    }
+    for (const uint32_t ifindex : gone) {
+        link_gone(ifindex);
+    }
+}
+
+} // namespace forwarding

@@ -1,0 +1,207 @@
+// The plain copy of what a forwarding plane holds: links, entries, and what they hang together by. Written once for all
+// planes; it knows neither the module nor the host.
+//
+//      link ---- ports ----+                     a link's port in a bridge, once per VLAN and VNI
+//        |                 v
+//      domains ------->  port ---- entries       entries in the order in which they came
+//      (of a bridge)       ^          |
+//                          |          +-- group  on VXLAN devices: the bridge's and the device's entries for one
+//                        domain                  address; the device's come first
+//
+// Not obvious:
+//  - An entry whose bridge does not matter (a receive filter, a VXLAN device without a bridge) stands on a port without
+//    a domain, whose master is 0.
+//  - The bridge's own addresses stand on a port whose interface is the bridge.
+//  - An entry that has gone stays as a slot, on no port, until the listener releases it: who told the cache about it
+//    has to take that back, and an entry that returns meanwhile is the same one.
+//  - A port ends with its link, and when the link changes its bridge, kind or VNI; it is a new port then.
+//
+// Threads: the plane's (plane.h).
+#pragma once
+
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "forwarding/plane.h"
+#include "forwarding/slots.h"
+
+namespace forwarding {
+
+struct copy_entry {
+    fdb_record record;
+    bool alive = false;
+    uint32_t generation = 0; // in which it was told last
+    uint32_t port = no_slot; // while it is alive
+    uint32_t next = no_slot; // on the port
+    uint32_t prev = no_slot;
+    uint32_t group = no_slot; // on a VXLAN device
+    uint32_t group_next = no_slot;
+    uint32_t group_prev = no_slot;
+
+    // The listener's.
+    bool dirty = false;
+    uint8_t standing = 0;
+    uint8_t foreign = 0;         // the kind of a destination that the cache cannot carry
+    uint8_t counted_as = 0;      // what it adds to the counters of a bridge domain
+    uint16_t counted_bridge = 0; // the bridge id of that
+    uint16_t fed_bridge = 0;     // where the cache was told of it
+    uint32_t fed_xcid = 0;       // 0: it was not
+};
+
+struct port_key {
+    uint32_t master = 0; // the bridge; 0: none
+    uint32_t ifindex = 0;
+    link_kind kind = link_kind::other;
+    uint16_t vlan = 0;
+    uint32_t vni = 0;
+
+    bool operator==(const port_key &) const = default;
+};
+
+struct copy_port {
+    port_key key;
+    uint32_t domain = no_slot;
+    uint32_t first = no_slot;
+    uint32_t last = no_slot;
+    uint32_t entries = 0;
+    uint32_t xcid = 0; // the listener's
+};
+
+struct copy_domain {
+    uint32_t bridge = 0; // interface index
+    uint16_t vlan = 0;
+    std::vector<uint32_t> ports;
+    uint16_t bridge_id = 0; // the listener's
+};
+
+struct copy_link {
+    link_record record;
+    bool known = false; // told, and not only named by something else
+    uint64_t generation = 0;
+    std::vector<uint32_t> ports;
+    std::vector<uint32_t> domains;       // of a bridge
+    std::vector<uint32_t> members;       // interface indexes of the links whose master it is
+    std::vector<uint32_t> vxlan_devices; // of these, the VXLAN devices
+};
+
+// The entries for one address on one VXLAN device.
+struct copy_group {
+    uint32_t ifindex = 0;
+    mac_address mac = {};
+    uint32_t first = no_slot; // the device's own before the bridge's
+    uint32_t last = no_slot;
+    uint32_t of_bridge = 0;
+};
+
+// Is told about changes, after they were made. It calls nothing that changes the copy.
+class copy_listener {
+public:
+    copy_listener() = default;
+    copy_listener(const copy_listener &) = delete;
+    copy_listener &operator=(const copy_listener &) = delete;
+    virtual ~copy_listener() = default;
+
+    // New, changed or gone; not for a mere change of age.
+    virtual void entry_touched(uint32_t entry) = 0;
+    // Seen differently, maybe, because another entry was touched.
+    virtual void entry_affected(uint32_t entry) = 0;
+    // Ports that have a domain only. A port or domain that goes is told while it is still there, without entries.
+    virtual void port_added(uint32_t port) = 0;
+    virtual void port_changed(uint32_t port) = 0; // its link's name or state
+    virtual void port_going(uint32_t port) = 0;
+    virtual void domain_added(uint32_t domain) = 0;
+    virtual void domain_changed(uint32_t domain) = 0; // its bridge's name or VLAN awareness, or it has been told now
+    virtual void domain_going(uint32_t domain) = 0;
+    virtual void generation_ended(bool clean) = 0;
+};
+
+class table_copy : public sink {
+public:
+    explicit table_copy(copy_listener &listener);
+
+    void link_changed(const link_record &record) override;
+    void link_gone(uint32_t ifindex) override;
+    void fdb_changed(const fdb_record &record) override;
+    void fdb_gone(const fdb_record &record) override;
+    void generation_begun() override;
+    void generation_complete(bool clean) override;
+
+    // The slot of an entry, gone ones included.
+    uint32_t find(const fdb_key &key) const;
+    const copy_link *find_link(uint32_t ifindex) const;
+    uint32_t find_domain(uint32_t bridge, uint16_t vlan) const;
+    uint32_t find_group(uint32_t ifindex, const mac_address &mac) const;
+
+    // Gives up the slot of an entry that has gone.
+    void release(uint32_t entry);
+
+    // Every living entry, in no order.
+    template <typename Visit>
+    void for_each_entry(Visit visit)
+    {
+        for (uint32_t at = 0; at < entries.bound(); ++at) {
+            if (entries[at].alive) {
+                visit(at);
+            }
+        }
+    }
+
+    template <typename Visit>
+    void for_each_entry_of_port(uint32_t port, Visit visit)
+    {
+        for (uint32_t at = ports[port].first; at != no_slot;) {
+            const uint32_t next = entries[at].next;
+            visit(at);
+            at = next;
+        }
+    }
+
+    slot_pool<copy_entry> entries;
+    slot_pool<copy_port> ports;
+    slot_pool<copy_domain> domains;
+    slot_pool<copy_group> groups;
+
+    uint64_t living = 0;
+    uint64_t unchanged = 0; // changes that were told and changed nothing but an age
+    size_t known_links = 0;
+
+private:
+    copy_link &link(uint32_t ifindex);
+    void reshape_link(copy_link &changed, const link_record &before);
+    void follow_master(const copy_link &changed, const link_record &before);
+    void replace_entries(const copy_link &changed);
+    void end_ports(const copy_link &of, bool (*ends)(const copy_link &of, const copy_port &port));
+    void add_base_objects(const copy_link &of);
+    void add_base_port(const link_record &record);
+    void tell_link_change(const copy_link &changed, const link_record &before, bool first);
+    void end_bridge(copy_link &bridge);
+
+    port_key place_of(const fdb_record &record) const;
+    uint32_t port_at(const port_key &key);
+    uint32_t domain_at(uint32_t bridge, uint16_t vlan);
+    void end_port(uint32_t port);
+    void end_domain(uint32_t domain);
+
+    uint32_t add(const fdb_key &key);
+    void update(uint32_t entry, const fdb_record &record);
+    void enter(uint32_t entry, const fdb_record &record);
+    void remove(uint32_t entry);
+    void link_to_port(uint32_t entry, uint32_t port);
+    void unlink_from_port(uint32_t entry);
+    void join_group(uint32_t entry);
+    void leave_group(uint32_t entry);
+    void affect_group(uint32_t group, uint32_t except);
+    void affect_others(const fdb_record &record);
+    void drop_untold_links();
+
+    copy_listener &listener_;
+    std::unordered_map<uint32_t, copy_link> links_;
+    std::unordered_map<uint64_t, uint32_t> domains_by_key_;
+    slot_index entries_by_key_;
+    slot_index ports_by_key_;
+    slot_index groups_by_key_;
+    uint64_t generation_ = 0;
+};
+
+} // namespace forwarding
