@@ -75,7 +75,7 @@ void add_show_mac(CLI::App &show, options &result)
 
 void add_show(CLI::App &app, options &result)
 {
-    CLI::App *show = app.add_subcommand("show", "Show a table")->require_subcommand(1)->fallthrough();
+    CLI::App *show = app.add_subcommand("show", "Show a table")->require_subcommand(0, 1)->fallthrough();
     add_show_mac(*show, result);
     CLI::App *count = add_command(*show, "count", "How many MAC addresses there are", command::show_count, result);
     const scope_options scope = add_scope(*count, result);
@@ -138,7 +138,7 @@ int complain(const std::string &message)
 std::optional<int> parse_options(int argc, char **argv, options &to)
 {
     CLI::App app("Shows the MAC addresses that l2fibd knows.", "l2fibctl");
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1);
     add_globals(app, to);
     add_show(app, to);
     add_resync(app, to);
@@ -147,6 +147,10 @@ std::optional<int> parse_options(int argc, char **argv, options &to)
     } catch (const CLI::ParseError &error) {
         // Success is a text that was asked for.
         return error.get_exit_code() == 0 ? app.exit(error) : complain(error.what());
+    }
+    // Asked for here, since the parser would name a missing command before a wrong one.
+    if (to.what == command::none) {
+        return complain("expected a command, such as show mac");
     }
     if (to.shown_as == form::bridge_json && to.what != command::show_mac) {
         return complain("--bridge-json is for show mac only");

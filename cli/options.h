@@ -10,6 +10,7 @@
 namespace l2fibctl {
 
 enum class command : uint8_t {
+    none,
     show_mac,
     show_count,
     show_domain,
@@ -22,7 +23,7 @@ enum class command : uint8_t {
 };
 
 struct options {
-    command what = command::show_mac;
+    command what = command::none;
     form shown_as = form::text;
     std::string socket = "/run/l2fibd.sock";
     std::optional<uint64_t> limit = {};

@@ -66,9 +66,9 @@ constexpr column_kind word_kind = {9, false, as_text};
 constexpr column_kind age_kind = {8, true, as_age};
 constexpr column_kind id_kind = {10, true, as_text};
 constexpr column_kind vlan_kind = {5, true, as_text};
+constexpr column_kind vni_kind = {8, true, as_text};
 constexpr column_kind number_kind = {9, true, as_text};
 constexpr column_kind limit_kind = {9, true, as_limit};
-constexpr column_kind time_kind = {27, false, as_text};
 constexpr column_kind rest_kind = {0, false, as_text}; // of last columns
 constexpr const column_kind *json_only = &rest_kind;
 
@@ -77,7 +77,7 @@ constexpr column mac_entry_columns[] = {
     {"bridge-id", "", json_only},     {"xcid", "", json_only},
     {"port", "Port", &port_kind},     {"origin", "Type", &word_kind},
     {"age", "Age", &age_kind},        {"last-seen", "", json_only},
-    {"vlan", "VLAN", &vlan_kind},     {"vni", "VNI", &vlan_kind},
+    {"vlan", "VLAN", &vlan_kind},     {"vni", "VNI", &vni_kind},
     {"vtep", "VTEP", &ipv4_kind},     {"backbone-mac", "", json_only},
     {"node-id", "", json_only},       {"flags", "Flags", &rest_kind},
 };
@@ -96,12 +96,12 @@ constexpr column domain_columns[] = {
 constexpr column port_columns[] = {
     {"xcid", "XCID", &id_kind},   {"name", "Port", &port_kind},         {"ifindex", "Ifindex", &number_kind},
     {"kind", "Type", &word_kind}, {"oper-status", "State", &word_kind}, {"domain", "Domain", &name_kind},
-    {"bridge-id", "", json_only}, {"vlan", "VLAN", &vlan_kind},         {"vni", "VNI", &vlan_kind},
+    {"bridge-id", "", json_only}, {"vlan", "VLAN", &vlan_kind},         {"vni", "VNI", &vni_kind},
 };
 
 constexpr column vtep_columns[] = {
     {"address", "VTEP", &ipv4_kind},  {"port", "Port", &port_kind}, {"xcid", "XCID", &id_kind},
-    {"domain", "Domain", &name_kind}, {"vni", "VNI", &vlan_kind},
+    {"domain", "Domain", &name_kind}, {"vni", "VNI", &vni_kind},
 };
 
 constexpr column remote_destination_columns[] = {
@@ -112,9 +112,9 @@ constexpr column remote_destination_columns[] = {
 };
 
 constexpr column trace_columns[] = {
-    {"time", "Time", &time_kind}, {"ring", "Ring", &word_kind},  {"sequence", "Sequence", &number_kind},
-    {"id", "", json_only},        {"thread", "", json_only},     {"function", "", json_only},
-    {"values", "", json_only},    {"text", "Point", &rest_kind},
+    {"time", "", json_only},   {"ring", "Ring", &word_kind},  {"sequence", "Sequence", &number_kind},
+    {"id", "", json_only},     {"thread", "", json_only},     {"function", "", json_only},
+    {"values", "", json_only}, {"text", "Point", &rest_kind},
 };
 
 constexpr column reason_columns[] = {
@@ -124,14 +124,15 @@ constexpr column reason_columns[] = {
 constexpr resource reasons = {"reason", layout::table, reason_columns};
 
 constexpr column pool_columns[] = {
-    {"name", "Pool", &name_kind},           {"element-size", "Size", &number_kind}, {"in-use", "In Use", &number_kind},
-    {"peak", "Peak", &number_kind},         {"limit", "Limit", &limit_kind},        {"bytes", "Bytes", &id_kind},
-    {"failures", "Failures", &number_kind},
+    {"name", "Pool", &name_kind},           {"element-size", "Size", &number_kind},
+    {"in-use", "In Use", &number_kind},     {"peak", "Peak", &number_kind},
+    {"limit", "Limit", &limit_kind},        {"bytes", "Bytes", &id_kind},
+    {"failures", "Failures", &number_kind}, {"refused-frees", "Bad Frees", &number_kind},
 };
 constexpr resource pools = {"pool", layout::table, pool_columns};
 
 constexpr column memory_columns[] = {
-    {"in-use-bytes", "Bytes in use", &rest_kind},
+    {"bytes", "Bytes", &rest_kind},
     {"pool", "Pools", &rest_kind, &pools},
 };
 constexpr resource memory = {"memory", layout::record, memory_columns};
