@@ -1,0 +1,23 @@
+// How the client ends: scripts rely on these, and --help lists them.
+#pragma once
+
+#include <string>
+
+namespace l2fibctl {
+
+enum class ending : int {
+    done = 0,
+    nothing_found = 1,
+    wrong_usage = 2,
+    unreachable = 3,
+    refused = 4, // the daemon answered with an error
+    cut = 5,     // the answer did not arrive, or could not be written, whole
+};
+
+// Thrown to end the client. The message is for the operator, safe on a terminal; an empty one is not shown.
+struct failure {
+    ending how;
+    std::string message;
+};
+
+} // namespace l2fibctl

@@ -1,0 +1,161 @@
+#include "cli/options.h"
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+
+#include "cli/failure.h"
+#include "daemon/text.h"
+
+namespace l2fibctl {
+
+namespace {
+
+constexpr char statuses[] = R"(Exit status:
+  0  done
+  1  nothing found
+  2  wrong usage
+  3  the daemon cannot be reached
+  4  the daemon answered with an error
+  5  the answer was cut)";
+
+// Turns an address into the API's form.
+std::string to_address(std::string &text)
+{
+    const auto address = l2fibd::parse_mac(text);
+    if (!address) {
+        return "\"" + text + "\": expected an address such as 02:00:00:00:00:01 or 0200.0000.0001";
+    }
+    text = l2fibd::mac_text(*address);
+    return "";
+}
+
+std::string check_ipv4(const std::string &text)
+{
+    return l2fibd::is_ipv4(text) ? "" : "\"" + text + "\": expected an IPv4 address such as 192.0.2.1";
+}
+
+std::string check_not_empty(const std::string &text)
+{
+    return text.empty() ? "expected a name" : "";
+}
+
+struct scope_options {
+    CLI::Option *domain;
+    CLI::Option *port;
+};
+
+scope_options add_scope(CLI::App &to, options &result)
+{
+    return {
+        to.add_option("--domain", result.domain, "Only this bridge domain")->type_name("NAME")->check(check_not_empty),
+        to.add_option("--port", result.port, "Only this port, by name or xcid")
+            ->type_name("PORT")
+            ->check(check_not_empty)};
+}
+
+CLI::App *add_command(CLI::App &to, const char *name, const char *description, command what, options &result)
+{
+    return to.add_subcommand(name, description)->fallthrough()->callback([what, &result] { result.what = what; });
+}
+
+void add_show_mac(CLI::App &show, options &result)
+{
+    CLI::App *mac = add_command(show, "mac", "MAC addresses, by domain, port and address", command::show_mac, result);
+    add_scope(*mac, result);
+    mac->add_option("address", result.address, "Only this address")
+        ->type_name("ADDR")
+        ->check(CLI::Validator(to_address, "", "address"));
+    mac->add_option("--vtep", result.vtep, "Only behind this tunnel end point")
+        ->type_name("IP")
+        ->check(CLI::Validator([](std::string &text) { return check_ipv4(text); }, "", "vtep"));
+    CLI::Option *flagged = mac->add_flag("--flagged", result.flagged,
+                                         "Only entries of the bridge domain itself, and with --port locked ones");
+    mac->add_flag("--aging", result.aging, "The oldest first")->excludes(flagged);
+}
+
+void add_show(CLI::App &app, options &result)
+{
+    CLI::App *show = app.add_subcommand("show", "Show a table")->require_subcommand(0, 1)->fallthrough();
+    add_show_mac(*show, result);
+    CLI::App *count = add_command(*show, "count", "How many MAC addresses there are", command::show_count, result);
+    const scope_options scope = add_scope(*count, result);
+    scope.domain->excludes(scope.port);
+    add_command(*show, "vtep", "Tunnel end points", command::show_vtep, result);
+    add_command(*show, "remote", "Addresses behind IPv6 destinations and next hops", command::show_remote, result);
+    add_command(*show, "domain", "Bridge domains", command::show_domain, result);
+    add_command(*show, "port", "Bridge ports", command::show_port, result);
+    add_command(*show, "health", "State of the forwarding plane, memory, requests", command::show_health, result);
+    add_command(*show, "trace", "Trace points, in order of time", command::show_trace, result);
+}
+
+void add_resync(CLI::App &app, options &result)
+{
+    CLI::App *resync = add_command(app, "resync", "Bring the tables up to date", command::resync, result);
+    const scope_options scope = add_scope(*resync, result);
+    scope.domain->excludes(scope.port);
+}
+
+void add_forms(CLI::App &app, options &result)
+{
+    const auto add = [&](const char *name, const char *description, form shown_as) {
+        return app.add_flag_callback(
+            name, [&result, shown_as] { result.shown_as = shown_as; }, description);
+    };
+    CLI::Option *json = add("--json", "Print JSON", form::json);
+    CLI::Option *lines = add("--json-lines", "Print a JSON object a line", form::json_lines);
+    CLI::Option *bridge = add("--bridge-json", "Print as \"bridge -j fdb show\" does (show mac)", form::bridge_json);
+    lines->excludes(json);
+    bridge->excludes(json)->excludes(lines);
+}
+
+void add_globals(CLI::App &app, options &result)
+{
+    add_forms(app, result);
+    app.add_option("--socket", result.socket, "Socket of the daemon")
+        ->type_name("PATH")
+        ->envname("L2FIBD_SOCKET")
+        ->check(check_not_empty)
+        ->capture_default_str();
+    app.add_option("--limit", result.limit, "Print at most so many items")
+        ->type_name("NUMBER")
+        ->check(CLI::Range(uint64_t(1), UINT64_MAX).description(""));
+    app.add_option("--timeout", result.timeout_seconds, "Give up when nothing arrives for so long")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(1u, 86400u).description(""))
+        ->capture_default_str();
+    app.set_version_flag("--version", "l2fibctl " L2FIB_VERSION);
+    app.footer(statuses);
+}
+
+int complain(const std::string &message)
+{
+    std::cerr << "l2fibctl: " << message << "\nl2fibctl: --help tells what there is\n";
+    return static_cast<int>(ending::wrong_usage);
+}
+
+} // namespace
+
+std::optional<int> parse_options(int argc, char **argv, options &to)
+{
+    CLI::App app("Shows the MAC addresses that l2fibd knows.", "l2fibctl");
+    app.require_subcommand(0, 1);
+    add_globals(app, to);
+    add_show(app, to);
+    add_resync(app, to);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        // Success is a text that was asked for.
+        return error.get_exit_code() == 0 ? app.exit(error) : complain(error.what());
+    }
+    // Asked for here, since the parser would name a missing command before a wrong one.
+    if (to.what == command::none) {
+        return complain("expected a command, such as show mac");
+    }
+    if (to.shown_as == form::bridge_json && to.what != command::show_mac) {
+        return complain("--bridge-json is for show mac only");
+    }
+    return std::nullopt;
+}
+
+} // namespace l2fibctl

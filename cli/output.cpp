@@ -1,0 +1,79 @@
+#include "cli/output.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "cli/failure.h"
+
+namespace l2fibctl {
+
+namespace {
+
+constexpr size_t piece_size = 64 * 1024;
+constexpr auto quiet_time = std::chrono::seconds(1);
+constexpr auto redraw_time = std::chrono::milliseconds(250);
+
+} // namespace
+
+progress::progress()
+    : enabled(isatty(STDERR_FILENO) == 1)
+{}
+
+void progress::tick()
+{
+    const auto now = clock::now();
+    if (!enabled || now - start < quiet_time || now - last < redraw_time) {
+        return;
+    }
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - start).count();
+    std::fprintf(stderr, "\r%llu items, %lld s\033[K", static_cast<unsigned long long>(items),
+                 static_cast<long long>(seconds));
+    drawn = true;
+    last = now;
+}
+
+void progress::stop()
+{
+    if (drawn) {
+        std::fputs("\r\033[K", stderr);
+    }
+    drawn = false;
+    enabled = false;
+}
+
+output::output(progress &line)
+    : progress_line(line)
+    , terminal(isatty(STDOUT_FILENO) == 1)
+{}
+
+void output::put(std::string_view text)
+{
+    pending += text;
+    if (pending.size() >= piece_size) {
+        flush();
+    }
+}
+
+void output::flush()
+{
+    if (terminal && !pending.empty()) {
+        progress_line.stop();
+    }
+    std::string_view rest = pending;
+    while (!rest.empty()) {
+        const ssize_t written = write(STDOUT_FILENO, rest.data(), rest.size());
+        if (written >= 0) {
+            rest.remove_prefix(static_cast<size_t>(written));
+        } else if (errno == EPIPE) {
+            throw failure{ending::done, ""};
+        } else if (errno != EINTR) {
+            throw failure{ending::cut, std::string("cannot write the answer: ") + std::strerror(errno)};
+        }
+    }
+    pending.clear();
+}
+
+} // namespace l2fibctl

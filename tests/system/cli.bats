@@ -1,0 +1,147 @@
+#!/usr/bin/env bats
+# l2fibctl against l2fibd on a generated fabric. L2FIBD and L2FIBCTL name the programs.
+
+setup_file()
+{
+    local -r bin=$BATS_TEST_DIRNAME/../../build/test/bin
+    export L2FIBD=${L2FIBD:-$bin/l2fibd} L2FIBCTL=${L2FIBCTL:-$bin/l2fibctl}
+    export L2FIBD_SOCKET=$BATS_FILE_TMPDIR/cli.sock
+    "$L2FIBD" --socket "$L2FIBD_SOCKET" --group lab --generate bridges=4,ports=6,macs=20000,vteps=8,churn=0/s,seed=3 \
+        2>"$BATS_FILE_TMPDIR/log" 3>&- &
+    export DAEMON=$!
+    until "$L2FIBCTL" show health >/dev/null 2>&1; do
+        kill -0 "$DAEMON" || { cat "$BATS_FILE_TMPDIR/log" && return 1; }
+        sleep 0.05
+    done
+}
+
+teardown_file()
+{
+    kill "$DAEMON" 2>/dev/null || true
+}
+
+ctl()
+{
+    "$L2FIBCTL" "$@"
+}
+
+# expect STATUS TEXT ARGUMENT...: ends with this status, and says this among the rest.
+expect()
+{
+    run ctl "${@:3}"
+    [[ $status == "$1" && $output == *"$2"* ]] || { echo "${*:3}: $status: $output" && return 1; }
+}
+
+# of_api RESOURCE FILTER: the API's own answer.
+of_api()
+{
+    curl --silent --unix-socket "$L2FIBD_SOCKET" "http://l2fibd/restconf/data/l2fib-mac:$1" | jq --compact-output "$2"
+}
+
+# Items a line each, in one order of members; ages go on meanwhile.
+comparable()
+{
+    jq --compact-output --sort-keys \
+        ".[] | with_entries(if .key == \"age\" or .key == \"last-seen\" then .value |= type else . end)"
+}
+
+@test "JSON has what the API has, and every row of text is an item of it" {
+    local table path member
+    while read -r table path member; do
+        diff <(of_api "$path" ".\"l2fib-mac:$member\"" | comparable) <(ctl show "$table" --json | comparable) | head
+        [[ ${PIPESTATUS[0]} == 0 ]]
+        [[ $(ctl show "$table" --json-lines | wc --lines) == $(ctl show "$table" | tail --lines=+2 | wc --lines) ]]
+    done <<'END'
+mac mac-table/mac-entry mac-entry
+domain domains/domain domain
+port ports/port port
+vtep vteps/vtep vtep
+END
+    diff <(of_api mac-count '."l2fib-mac:mac-count"') <(ctl show count --json | jq --compact-output '.[0] | del(.scope)')
+    diff <(of_api health '."l2fib-mac:health" | [paths | map(strings)] | unique') \
+        <(ctl show health --json | jq --compact-output '[paths | map(strings)] | unique')
+}
+
+@test "every part of the table has its own view" {
+    local -r all=$BATS_TEST_TMPDIR/all
+    ctl show mac --json-lines >"$all"
+    local -r port=$(jq --raw-output 'select(.vtep) | .port' "$all" | head -1)
+    local -r domain=$(jq --raw-output "select(.port == \"$port\") | .domain" "$all" | head -1)
+    local -r xcid=$(jq "select(.port == \"$port\") | .xcid" "$all" | head -1)
+    local -r vtep=$(jq --raw-output 'select(.vtep) | .vtep' "$all" | head -1)
+    local -r mac=$(jq --raw-output "select(.vtep == \"$vtep\" and .xcid == $xcid) | .\"mac-address\"" "$all" | head -1)
+
+    local arguments filter
+    while IFS='|' read -r arguments filter; do
+        # shellcheck disable=SC2086
+        diff <(jq --compact-output "select($filter) | [.domain, .xcid, .\"mac-address\", .vtep]" "$all" | sort) \
+            <(ctl show mac --json-lines $arguments |
+                jq --compact-output '[.domain, .xcid, ."mac-address", .vtep]' | sort) ||
+            { echo "differs: $arguments" && return 1; }
+    done <<END
+--domain $domain|.domain == "$domain"
+--port $port|.port == "$port"
+--port $xcid|.port == "$port"
+--vtep $vtep|.vtep == "$vtep"
+--port $port --vtep $vtep|.port == "$port" and .vtep == "$vtep"
+--domain $domain --port $port --vtep $vtep $mac|.xcid == $xcid and ."mac-address" == "$mac" and .vtep == "$vtep"
+$mac|."mac-address" == "$mac"
+${mac^^} --domain $domain|."mac-address" == "$mac" and .domain == "$domain"
+--flagged|.xcid == null
+--aging --domain $domain|.domain == "$domain"
+--aging --port $port --vtep $vtep|.xcid == $xcid and .vtep == "$vtep"
+END
+    local -r total=$(ctl show mac --port "$port" --json-lines | jq --slurp 'map(select(.origin != "local")) | length')
+    [[ $(ctl show count --port "$port" --json | jq '.[0].total') == "$total" ]]
+}
+
+@test "the kernel's form has each entry of a bridge, and each of a VXLAN device" {
+    local -r form=$BATS_TEST_TMPDIR/form
+    ctl show mac --bridge-json >"$form"
+    local counts
+    counts=$(ctl show mac --json | jq --compact-output \
+        '[map(select(."mac-address" != "00:00:00:00:00:00"))[], map(select(.vtep))[]] | length')
+    [[ $(jq length "$form") == "$counts" ]]
+    jq --exit-status 'all((.flags | index("self")) and .dst or .master) and all(.ifname != "")' "$form"
+}
+
+@test "limits, time-outs and pipes" {
+    [[ $(ctl show mac --limit 3 | wc --lines) == 4 ]]
+    [[ $(ctl --limit 5 show mac --aging --domain lab:br1 --json | jq length) == 5 ]]
+    ctl show mac 2>"$BATS_TEST_TMPDIR/errors" | head -1
+    [[ ${PIPESTATUS[0]} == 0 && ! -s $BATS_TEST_TMPDIR/errors ]]
+    run bash -c '"$L2FIBCTL" show mac >/dev/full'
+    [[ $status == 5 && $output == "l2fibctl: cannot write the answer: No space left on device" ]]
+}
+
+@test "resync takes all, a domain, or a port" {
+    expect 0 "" resync
+    expect 0 "" resync --domain lab:br0
+    expect 0 "" resync --port br1p0
+    expect 1 'lab:nowhere' resync --domain lab:nowhere
+    expect 2 "--domain excludes --port" resync --domain lab:br0 --port br1p0
+}
+
+@test "wrong input is named" {
+    expect 2 "expected a command" show
+    expect 2 "cat" show cat
+    expect 2 "--limit" show mac --limit 0
+    expect 2 "--limit" show mac --limit many
+    expect 2 "--timeout" show mac --timeout 0
+    expect 2 "--vtep" show mac --vtep 192.0.2
+    expect 2 "02:00" show mac 02:00
+    expect 2 "--domain" show mac --domain ""
+    expect 2 "--aging" show mac --aging --flagged
+    expect 2 "--json" show mac --json --json-lines
+    expect 2 "--bridge-json" show vtep --bridge-json
+    expect 1 'no port "br0p99"' show mac --port br0p99
+    expect 1 'no port "br0p1" in the bridge domain "lab:br1"' show mac --port br0p1 --domain lab:br1
+    expect 1 "lab:nowhere" show mac --domain lab:nowhere
+    expect 1 "nothing found" show mac 02:ff:ff:ff:ff:ff
+    expect 3 "/no/such/socket" show mac --socket /no/such/socket
+    expect 0 "Exit status" --help
+    local line
+    while read -r line; do
+        [[ $line == "l2fibctl: "* ]]
+    done < <(ctl show mac --domain lab:nowhere 2>&1)
+}
