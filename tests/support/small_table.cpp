@@ -93,27 +93,6 @@ std::string value_text(uint64_t value)
     return name == names.end() ? std::to_string(value) : name->second;
 }
 
-void make_objects()
-{
-    constexpr std::pair<uint32_t, uint32_t> ports[] = {{interface_port, L2FIB_SEGMENT_INTERFACE},
-                                                       {pseudowire_port, L2FIB_SEGMENT_PSEUDOWIRE},
-                                                       {vxlan_port, L2FIB_SEGMENT_VXLAN},
-                                                       {other_vxlan_port, L2FIB_SEGMENT_VXLAN},
-                                                       {kind_3_port, L2FIB_SEGMENT_4},
-                                                       {kind_5_port, L2FIB_SEGMENT_33},
-                                                       {unknown_port, 99}};
-    constexpr const char *names[] = {"g:c", "g:b", "g:a"};
-    host::objects_clear();
-    for (uint32_t i = 0; i < std::size(names); i++) {
-        ASSERT_EQ(host::bridge_domain_set(i + 1, names[i]), 0u);
-    }
-    for (const auto &[xcid, segment_type] : ports) {
-        set_port(xcid, segment_type);
-    }
-    host::node_id_set(own_node);
-    ASSERT_EQ(host::interface_node_set(interface_handle, interface_node), 0u);
-}
-
 uint32_t empty_pool(const char *name)
 {
     return host::chunk_set_limit(host::chunk_find(name), 0) ? 0 : EDM_ERR_NOT_FOUND;
@@ -178,8 +157,29 @@ void set_port(uint32_t xcid, uint32_t segment_type)
     values.first.interface_sub_kind = L2FIB_INTERFACE_SUB_KIND_23;
     values.first.interface_sub_value = 23;
     values.first.pseudowire_44 = 44;
-    values.first.vxlan_54 = {540, 541, 542, 543};
+    values.first.vxlan_54 = {seg_info2_of(xcid), 541, 542, seg_info1_of(xcid)};
     ASSERT_EQ(host::cross_connect_set(xcid, values), 0u);
+}
+
+void make_objects()
+{
+    constexpr std::pair<uint32_t, uint32_t> ports[] = {{interface_port, L2FIB_SEGMENT_INTERFACE},
+                                                       {pseudowire_port, L2FIB_SEGMENT_PSEUDOWIRE},
+                                                       {vxlan_port, L2FIB_SEGMENT_VXLAN},
+                                                       {other_vxlan_port, L2FIB_SEGMENT_VXLAN},
+                                                       {kind_3_port, L2FIB_SEGMENT_4},
+                                                       {kind_5_port, L2FIB_SEGMENT_33},
+                                                       {unknown_port, 99}};
+    constexpr const char *names[] = {"g:c", "g:b", "g:a"};
+    host::objects_clear();
+    for (uint32_t i = 0; i < std::size(names); i++) {
+        ASSERT_EQ(host::bridge_domain_set(i + 1, names[i]), 0u);
+    }
+    for (const auto &[xcid, segment_type] : ports) {
+        set_port(xcid, segment_type);
+    }
+    host::node_id_set(own_node);
+    ASSERT_EQ(host::interface_node_set(interface_handle, interface_node), 0u);
 }
 
 void start()

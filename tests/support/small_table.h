@@ -30,6 +30,17 @@ constexpr uint32_t interface_handle = 0x100;
 // The MAC entry limit; written by tests.
 extern uint32_t limit;
 
+// The attributes of VXLAN ports.
+constexpr uint32_t seg_info2_of(uint32_t xcid)
+{
+    return xcid % 20 == 0 ? 560 : 540;
+}
+constexpr uint32_t seg_info1_of(uint32_t xcid)
+{
+    return xcid < 50 ? 543 : 544;
+}
+
+void make_objects();
 void start(); // objects, an empty table, the limit at 1000
 void stop();  // audits, tears down, and audits that nothing is left
 
