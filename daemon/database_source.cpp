@@ -1,8 +1,16 @@
 // Pages of the operational database's lists.
 //
-// The table changes between two pages, and the entry that a page ended with may go. A stream that has begun then goes
-// on after the newest entry of that page that is still there. Nothing is told twice: what stood between that entry and
-// the end of the page has gone.
+// The table changes between two pages. A list is continued after one item, by its name; when that item has gone, most
+// lists fail, that of the tunnel end points leaves out the rest of a port without a word, and when it has moved, the
+// list goes on at its new place, so that others are left out or told twice. What was told last is the only witness:
+//
+//     told          ... d  e  f  g            the trail
+//     asked for              after f          answers g, h, i ...: all is well, and h is new
+//                            after f          answers anything else: f or g has gone or moved
+//                         after e             answers f or g, then what follows: so has only g
+//
+// So a page is asked for from before the trail's end, further back each time, until it begins with something of the
+// trail. Nothing of the trail is told again. The list of a port is exact by itself: its order is the address alone.
 
 #include <algorithm>
 #include <cstdio>
@@ -14,128 +22,163 @@
 #include "daemon/sources.h"
 #include "daemon/text.h"
 #include "l2fib_mac_edm.h"
-#include "platform/l2fib.h"
 
 namespace l2fibd {
 
 namespace {
 
+using host::operational_item;
 using host::operational_page;
 
-// What came of asking for the items after a key.
-enum class outcome : uint8_t { page, nothing_follows, key_has_gone };
+// How many items a continuation names. A shorter one names all since the beginning.
+constexpr size_t cursor_items = 4;
 
-using parts = std::vector<std::string_view>;
+// An item that was told, and where it stood: an entry that has moved is another.
+struct told_item {
+    uint32_t place; // the port; 0 where the name says it, or the order does not depend on it
+    std::string name;
+    bool operator==(const told_item &) const = default;
+};
 
-std::string mac_path(const parts &key)
+using trail = std::vector<told_item>;
+
+std::string cursor_of(const trail &told)
 {
-    unsigned words[3] = {};
-    for (size_t i = 0; i < 3; i++) {
-        words[i] = static_cast<unsigned>(parse_number(key[i], UINT16_MAX, 16).value_or(0));
+    std::string cursor;
+    for (size_t i = told.size() - std::min(told.size(), cursor_items); i < told.size(); i++) {
+        cursor += (cursor.empty() ? "" : "\n") + std::to_string(told[i].place) + " " + told[i].name;
     }
-    char address[sizeof "aabb.ccdd.eeff"];
-    std::snprintf(address, sizeof address, "%04hx.%04hx.%04hx", static_cast<unsigned short>(words[0]),
-                  static_cast<unsigned short>(words[1]), static_cast<unsigned short>(words[2]));
-    return domain_path(std::string(key[3]).append(":").append(key[4])) + "/mac/" + address;
+    return cursor;
 }
 
-std::string vtep_path(const parts &key)
+bool is_name(std::string_view name, const database_list &list)
 {
-    const auto number = static_cast<uint32_t>(parse_number(key[2], UINT32_MAX, 16).value_or(0));
-    const uint8_t address[] = {static_cast<uint8_t>(number >> 24), static_cast<uint8_t>(number >> 16),
-                               static_cast<uint8_t>(number >> 8), static_cast<uint8_t>(number)};
-    return "mac-vtep/port/0x" + std::string(key[0]) + "/seg-info2/0x" + std::string(key[1]) + "/vtep/"
-           + ip_text(address);
+    const bool is_vtep = list.order == list_order::by_vtep;
+    const auto fields = split(name, ',');
+    if (fields.size() != (is_vtep ? 3u : 5u)) {
+        return false;
+    }
+    const bool has_numbers = std::all_of(fields.begin(), fields.begin() + 3, [is_vtep](std::string_view field) {
+        return parse_number(field, is_vtep ? UINT32_MAX : UINT16_MAX, 16).has_value();
+    });
+    if (!has_numbers || is_vtep) {
+        return has_numbers;
+    }
+    const std::string domain = std::string(fields[3]).append(":").append(fields[4]);
+    return (list.domain.empty() || list.domain == domain) && (list.mac.empty() || list.mac == mac_of_item(name));
+}
+
+trail trail_of(const database_list &list)
+{
+    trail told;
+    if (!list.cursor) {
+        return told;
+    }
+    for (const std::string_view line : split(*list.cursor, '\n')) {
+        const size_t space = line.find(' ');
+        const auto place = parse_number(line.substr(0, space), UINT32_MAX);
+        if (!place || space == std::string_view::npos || !is_name(line.substr(space + 1), list)
+            || told.size() == cursor_items) {
+            throw unexpected("cursor", base64url_encode(*list.cursor), "a next-cursor of this list");
+        }
+        told.push_back({static_cast<uint32_t>(*place), std::string(line.substr(space + 1))});
+    }
+    return told;
 }
 
 class database_source : public list_source {
 public:
     explicit database_source(database_list of)
         : list(std::move(of))
+        , told(trail_of(list))
+        , is_since_beginning(told.size() < cursor_items)
     {}
 
     position fetch(uint32_t most, json_writer &json) override
     {
-        operational_page page = next_page(most + 1);
+        const operational_page page = next_page(most + 1);
         const auto items = new_items(page);
         const size_t count = std::min<size_t>(items.size(), most);
         names.begin_page();
-        last_page.clear();
         for (size_t i = 0; i < count; i++) {
             write(json, *items[i]);
-            last_page.emplace_back(items[i]->name);
+            told.push_back(as_told(*items[i]));
         }
-        if (count != 0) {
-            list.start_key = last_page.back();
+        if (told.size() > page_items) {
+            told.erase(told.begin(), told.end() - page_items);
+            is_since_beginning = false;
         }
-        return {list.start_key.value_or(""), static_cast<uint32_t>(count), page.more || items.size() > count};
+        return {cursor_of(told), static_cast<uint32_t>(count), page.more || items.size() > count};
     }
 
 private:
-    // The page after the start key, or after the newest item before it that is still there. Empty at the end.
+    // A page with the items that follow the trail. Without items when none follow.
     operational_page next_page(uint32_t count)
     {
-        operational_page page;
-        outcome result = read(list.start_key, count, page);
-        for (size_t i = last_page.size(); result == outcome::key_has_gone && i-- > 1;) {
-            result = read(last_page[i - 1], count, page);
+        if (told.empty()) {
+            return read(std::nullopt, count);
         }
-        if (result == outcome::key_has_gone) {
-            throw api_error{410, "data-missing", "cursor: the entry that it names has gone", list.restart};
+        if (list.order == list_order::by_port) {
+            return read(told.back().name, count);
         }
-        return result == outcome::page ? std::move(page) : operational_page();
+        const size_t farthest = told.size() - (is_since_beginning ? 0 : 1);
+        for (size_t back = std::min<size_t>(1, farthest); back != 0;
+             back = back < farthest ? std::min(2 * back, farthest) : 0) {
+            operational_page page = read(before(back), count + static_cast<uint32_t>(back));
+            if (begins_with_told(page, back)) {
+                return page;
+            }
+        }
+        throw api_error{410, "data-missing", "cursor: the entries that it names have gone", list.restart};
     }
 
-    outcome read(const std::optional<std::string> &key, uint32_t count, operational_page &page) const
+    // The item before the last `back` of the trail; nothing when they are all since the beginning.
+    std::optional<std::string> before(size_t back) const
     {
-        page = ask({.path = list.path, .count = count, .start_key = key});
-        const uint32_t nothing_there = list.order == list_order::by_age ? EDM_ERR_BAD_REQUEST : EDM_ERR_NO_ITEM;
-        if (page.status != 0 && page.status != nothing_there) {
+        return back < told.size() ? std::optional(told[told.size() - back - 1].name) : std::nullopt;
+    }
+
+    bool begins_with_told(const operational_page &page, size_t back) const
+    {
+        return !page.items.empty()
+               && std::find(told.end() - static_cast<ptrdiff_t>(back), told.end(), as_told(page.items.front()))
+                      != told.end();
+    }
+
+    operational_page read(const std::optional<std::string> &start, uint32_t count) const
+    {
+        operational_page page = ask({.path = list.path, .count = count, .start_key = start});
+        // The aging order has this one status for an item that has gone and for an empty table.
+        const bool has_nothing = list.order == list_order::by_age && page.status == EDM_ERR_BAD_REQUEST;
+        if (page.status != 0 && !has_nothing && !says_nothing_there(page)) {
             throw error_of(page);
         }
-        if (!key) {
-            return page.status == 0 ? outcome::page : outcome::nothing_follows;
-        }
-        return judge(*key, page.status != 0);
+        return page;
     }
 
-    // Tells the answers apart that a list gives after a key.
-    outcome judge(const std::string &key, bool has_failed) const
+    told_item as_told(const operational_item &item) const
     {
-        switch (list.order) {
-        case list_order::by_age: return has_failed ? outcome::key_has_gone : outcome::page;
-        case list_order::by_port: return has_failed ? outcome::nothing_follows : outcome::page;
-        case list_order::by_vtep: return is_there(vtep_path(split(key, ','))) ? outcome::page : outcome::key_has_gone;
-        default: break;
-        }
-        if (!has_failed) {
-            return outcome::page;
-        }
-        return is_there(mac_path(split(key, ','))) ? outcome::nothing_follows : outcome::key_has_gone;
+        return {list.order == list_order::by_domain ? xcid_of(item.data) : 0, std::string(item.name)};
     }
 
-    static bool is_there(const std::string &path)
+    bool was_told(const operational_item &item) const
     {
-        const operational_page page = ask({.path = path, .kind = host::request_kind::get});
-        if (page.status != 0 && !says_nothing_there(page)) {
-            throw error_of(page);
-        }
-        return page.status == 0;
+        return std::ranges::find(told, item.name, &told_item::name) != told.end()
+               && std::ranges::count(told, as_told(item)) != 0;
     }
 
-    // The items that the last page has not had: all of them, but when an entry has gone and come back meanwhile.
-    std::vector<const host::operational_item *> new_items(const operational_page &page) const
+    std::vector<const operational_item *> new_items(const operational_page &page) const
     {
-        std::vector<const host::operational_item *> items;
-        for (const host::operational_item &item : page.items) {
-            if (std::ranges::find(last_page, item.name) == last_page.end()) {
+        std::vector<const operational_item *> items;
+        for (const operational_item &item : page.items) {
+            if (!was_told(item)) {
                 items.push_back(&item);
             }
         }
         return items;
     }
 
-    void write(json_writer &json, const host::operational_item &item)
+    void write(json_writer &json, const operational_item &item)
     {
         if (list.order == list_order::by_vtep) {
             write_vtep_item(json, item, names);
@@ -145,7 +188,8 @@ private:
     }
 
     database_list list;
-    std::vector<std::string> last_page; // names of its items
+    trail told; // the newest items, at most a page of them
+    bool is_since_beginning;
     port_names names;
 };
 
@@ -154,19 +198,6 @@ private:
 std::unique_ptr<list_source> make_database_source(database_list list)
 {
     return std::make_unique<database_source>(std::move(list));
-}
-
-bool is_item_key(const std::string &key, list_order order)
-{
-    const auto fields = split(key, ',');
-    const bool is_vtep = order == list_order::by_vtep;
-    if (fields.size() != (is_vtep ? 3u : 5u)) {
-        return false;
-    }
-    const bool has_numbers = std::all_of(fields.begin(), fields.begin() + 3, [is_vtep](std::string_view field) {
-        return parse_number(field, is_vtep ? UINT32_MAX : UINT16_MAX, 16).has_value();
-    });
-    return has_numbers && (is_vtep || (!fields[3].empty() && !fields[4].empty()));
 }
 
 } // namespace l2fibd

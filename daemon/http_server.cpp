@@ -18,7 +18,7 @@ namespace l2fibd {
 
 namespace {
 
-constexpr size_t piece_bytes = 32 * 1024;
+constexpr size_t piece_bytes = 32 * 1024; // of an answer, at once
 
 struct server {
     MHD_Daemon *daemon = nullptr;
@@ -33,6 +33,7 @@ server the_server;
 struct exchange {
     std::string uri;
     std::string body;
+    size_t received = 0; // of the body, what was too much for it included
     bool has_begun = false;
     bool is_counted = false; // among the active ones
 
@@ -198,6 +199,17 @@ bool announces_too_much(MHD_Connection *connection)
 
 const api_error too_big{413, "too-big", "body: expected at most " + std::to_string(most_body_bytes) + " bytes"};
 
+// Takes a piece of a body that did not announce its size. What is too much is read and dropped, so that the client gets
+// its answer; false when it does not end.
+bool take_body(exchange &of, std::string_view piece)
+{
+    of.received += piece.size();
+    if (of.received <= most_body_bytes) {
+        of.body += piece;
+    }
+    return of.received <= 64 * most_body_bytes;
+}
+
 // Called with the header, then with each piece of the body, and with nothing more at the end.
 MHD_Result take_request(void * /*context*/, MHD_Connection *connection, const char * /*url*/, const char *method,
                         const char * /*version*/, const char *data, size_t *size, void **of) noexcept
@@ -210,13 +222,12 @@ MHD_Result take_request(void * /*context*/, MHD_Connection *connection, const ch
         return announces_too_much(connection) ? send_error(connection, too_big) : MHD_YES;
     }
     if (*size != 0) {
-        // One that did not announce its size is cut off.
-        if (the_exchange->body.size() + *size > most_body_bytes) {
-            return MHD_NO;
-        }
-        the_exchange->body.append(data, *size);
+        const bool is_taken = take_body(*the_exchange, {data, *size});
         *size = 0;
-        return MHD_YES;
+        return is_taken ? MHD_YES : MHD_NO;
+    }
+    if (the_exchange->received > most_body_bytes) {
+        return send_error(connection, too_big);
     }
     // The client has done its part; what follows may take as long as a resynchronisation.
     MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, the_server.take_limit);
@@ -247,7 +258,7 @@ server_health own_health()
 std::string http_start(int listener, uint32_t resync_wait_seconds)
 {
     set_server_health(own_health);
-    the_server.take_limit = resync_wait_seconds + take_seconds;
+    the_server.take_limit = 2 * resync_wait_seconds + take_seconds;
     constexpr unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL
                                | MHD_USE_ITC | MHD_USE_ERROR_LOG;
     const MHD_OptionItem options[] = {
@@ -257,7 +268,7 @@ std::string http_start(int listener, uint32_t resync_wait_seconds)
         {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(end_exchange), nullptr},
         {MHD_OPTION_UNESCAPE_CALLBACK, reinterpret_cast<intptr_t>(keep_encoded), nullptr},
         {MHD_OPTION_CONNECTION_LIMIT, most_connections, nullptr},
-        {MHD_OPTION_CONNECTION_MEMORY_LIMIT, most_header_bytes + piece_bytes, nullptr},
+        {MHD_OPTION_CONNECTION_MEMORY_LIMIT, most_header_bytes, nullptr},
         {MHD_OPTION_CONNECTION_TIMEOUT, send_seconds, nullptr},
         {MHD_OPTION_END, 0, nullptr},
     };

@@ -11,8 +11,9 @@ namespace l2fibd {
 inline constexpr uint32_t most_requests = 32;
 inline constexpr uint32_t most_connections = 64;
 inline constexpr uint32_t send_seconds = 10; // for a client to send its request
-inline constexpr uint32_t take_seconds = 60; // for a client to take a piece of its answer, beyond the resync wait time
-inline constexpr size_t most_header_bytes = 16 * 1024;
+// For a client to take a piece of its answer, beyond twice the resync wait time: a request may wait for two.
+inline constexpr uint32_t take_seconds = 60;
+inline constexpr size_t most_header_bytes = 48 * 1024; // and all else that a connection keeps
 inline constexpr size_t most_body_bytes = 4096;
 
 // Serves a socket that listens, and closes it in the end. Returns nothing on success, otherwise a text for the

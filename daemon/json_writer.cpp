@@ -11,18 +11,26 @@ namespace {
 
 constexpr std::string_view replacement = "\xef\xbf\xbd";
 
-void put_character(std::string &out, char c)
+bool is_plain(char c)
 {
-    if (c == '"' || c == '\\') {
-        out += '\\';
-        out += c;
-    } else if (static_cast<uint8_t>(c) < 0x20) {
-        char code[8];
-        std::snprintf(code, sizeof code, "\\u%04x", static_cast<unsigned>(static_cast<uint8_t>(c)));
-        out += code;
+    return c >= 0x20 && c < 0x7f && c != '"' && c != '\\';
+}
+
+// Writes what the text begins with and is not plain; returns its length.
+size_t put_character(std::string &out, std::string_view text)
+{
+    const size_t length = utf8_length(text);
+    const char first = text.front();
+    if (length != 1) {
+        out += length == 0 ? replacement : text.substr(0, length);
+    } else if (first == '"' || first == '\\') {
+        out.append("\\").append(1, first);
     } else {
-        out += c;
+        char code[8];
+        std::snprintf(code, sizeof code, "\\u%04x", static_cast<unsigned>(first));
+        out += code;
     }
+    return std::max<size_t>(1, length);
 }
 
 } // namespace
@@ -52,13 +60,12 @@ void json_writer::quote(std::string_view value)
 {
     out += '"';
     while (!value.empty()) {
-        const size_t length = utf8_length(value);
-        if (length == 1) {
-            put_character(out, value.front());
-        } else {
-            out += length == 0 ? replacement : value.substr(0, length);
+        const auto plain = static_cast<size_t>(std::ranges::find_if_not(value, is_plain) - value.begin());
+        out += value.substr(0, plain);
+        value.remove_prefix(plain);
+        if (!value.empty()) {
+            value.remove_prefix(put_character(out, value));
         }
-        value.remove_prefix(std::max<size_t>(1, length));
     }
     out += '"';
 }

@@ -24,7 +24,7 @@ public:
 
     // What a page ended with.
     struct position {
-        std::string key;    // of its last item, to go on after it
+        std::string key;    // to go on after its last item: a continuation before it is made fit for a URI
         uint32_t count = 0; // of its items
         bool more = false;  // whether items follow
     };

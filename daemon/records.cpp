@@ -113,22 +113,32 @@ void write_flags(json_writer &json, uint64_t flags, uint64_t flags2)
 
 // ---- Ages ----
 
-// When the entry was last seen, from the record's text, which has day and time but no year: the newest that is not in
-// the future, give or take a day. The text is in UTC because the process is (main.cpp). -1 when it tells no time.
+// When the entry was last seen, from the record's text, such as "31 Jan 12:00:00". It has no year: the newest that is
+// not in the future, give or take a day. It is in UTC because the process is (main.cpp). -1 when it tells no time.
 time_t last_seen(std::string_view text, time_t now)
 {
+    constexpr std::string_view months = "JanFebMarAprMayJunJulAugSepOctNovDec";
+    constexpr time_t day = 24 * 60 * 60;
+    const size_t month = text.size() == 15 ? months.find(text.substr(3, 3)) : std::string_view::npos;
+    if (month == std::string_view::npos) {
+        return -1;
+    }
+    const auto part = [text](size_t at) { return static_cast<int>(parse_number(text.substr(at, 2)).value_or(0)); };
     tm read{};
     gmtime_r(&now, &read);
     const int this_year = read.tm_year;
-    const std::string terminated(text);
-    if (strptime(terminated.c_str(), "%d %b %T", &read) == nullptr) {
-        return -1;
-    }
-    constexpr time_t day = 24 * 60 * 60;
-    tm candidate = read;
-    const time_t seen = timegm(&candidate);
-    read.tm_year = this_year - 1;
-    return seen <= now + day ? seen : timegm(&read);
+    const auto in_year = [&](int year) {
+        tm time{};
+        time.tm_year = year;
+        time.tm_mon = static_cast<int>(month / 3);
+        time.tm_mday = part(0);
+        time.tm_hour = part(7);
+        time.tm_min = part(10);
+        time.tm_sec = part(13);
+        return timegm(&time);
+    };
+    const time_t seen = in_year(this_year);
+    return seen <= now + day ? seen : in_year(this_year - 1);
 }
 
 void write_age(json_writer &json, const record_fields &fields)
@@ -219,6 +229,11 @@ std::string mac_of_item(std::string_view item_name)
     std::array<uint8_t, 6> address{};
     macaddr_lwordston(numbers_of(item_name).data(), address.data());
     return mac_text(address);
+}
+
+uint32_t xcid_of(std::span<const uint8_t> record)
+{
+    return narrow(record_fields(record).number("xcid"));
 }
 
 void write_mac_item(json_writer &json, const host::operational_item &item, port_names &names)

@@ -36,6 +36,9 @@ void write_mac_entry(json_writer &json, std::span<const uint8_t> record, std::st
 // The address that the name of a MAC item begins with.
 std::string mac_of_item(std::string_view item_name);
 
+// The port that a MAC info record names.
+uint32_t xcid_of(std::span<const uint8_t> record);
+
 // An item of the database's lists, whose name tells what its record does not.
 void write_mac_item(json_writer &json, const host::operational_item &item, port_names &names);
 void write_vtep_item(json_writer &json, const host::operational_item &item, port_names &names);

@@ -129,28 +129,10 @@ answer stream(const call &asked, std::string_view name, std::unique_ptr<list_sou
     return result;
 }
 
-// What a continuation has to agree with; empty: with anything.
-struct scope {
-    std::string_view domain = {};
-    std::string_view mac = {};
-};
-
-bool belongs_to(const std::string &key, const scope &within)
+answer stream_from_database(const call &asked, std::string_view name, database_list list)
 {
-    const auto fields = split(key, ',');
-    const std::string domain = std::string(fields[3]).append(":").append(fields[4]);
-    return (within.domain.empty() || within.domain == domain) && (within.mac.empty() || within.mac == mac_of_item(key));
-}
-
-answer stream_from_database(const call &asked, std::string_view name, database_list list, const scope &within)
-{
-    list.start_key = start_of(asked);
+    list.cursor = start_of(asked);
     list.restart = restart_of(asked);
-    if (list.start_key
-        && (!is_item_key(*list.start_key, list.order)
-            || (list.order != list_order::by_vtep && !belongs_to(*list.start_key, within)))) {
-        throw unexpected("cursor", *asked.parameter("cursor"), "a next-cursor of this list");
-    }
     return stream(asked, name, make_database_source(std::move(list)));
 }
 
@@ -182,7 +164,7 @@ answer list_entries(const call &asked, const std::string &domain)
         path += "/mac/" + mac;
     }
     path += is_flagged(asked) ? "/flagged" : "";
-    return stream_from_database(asked, "mac-entry", {.path = path}, {domain, mac});
+    return stream_from_database(asked, "mac-entry", {.path = path, .domain = domain, .mac = mac});
 }
 
 answer list_table(const call &asked)
@@ -199,17 +181,18 @@ answer list_port_entries(const call &asked)
 {
     const forwarding::port_view port = port_of(asked.key());
     const std::string path = port_path(port.xcid, port.domain) + (is_flagged(asked) ? "/flagged" : "");
-    return stream_from_database(asked, "mac-entry", {.path = path, .order = list_order::by_port}, {port.domain});
+    return stream_from_database(asked, "mac-entry",
+                                {.path = path, .order = list_order::by_port, .domain = port.domain});
 }
 
 answer list_by_age(const call &asked)
 {
-    return stream_from_database(asked, "mac-entry", {.path = "mac-aging", .order = list_order::by_age}, {});
+    return stream_from_database(asked, "mac-entry", {.path = "mac-aging", .order = list_order::by_age});
 }
 
 answer list_vteps(const call &asked)
 {
-    return stream_from_database(asked, "vtep", {.path = "mac-vtep", .order = list_order::by_vtep}, {});
+    return stream_from_database(asked, "vtep", {.path = "mac-vtep", .order = list_order::by_vtep});
 }
 
 answer list_domains(const call &asked)

@@ -63,6 +63,7 @@ private:
     // Why something could not be done.
     enum class refusal : uint8_t { feed, bridge_id, xcid, name, object, notification, count };
     static const char *text_of(refusal reason);
+    static int64_t milliseconds_since_epoch_minus_steady();
 
     // An entry of the cache that the feed has not confirmed.
     struct doubtful {
@@ -75,6 +76,13 @@ private:
     struct bridge_counters {
         std::atomic<uint32_t> plain, fixed, local, both;
     };
+
+    // For the event library's callbacks.
+    template <auto Member>
+    static void call(void *cookie)
+    {
+        (static_cast<feeder *>(cookie)->*Member)();
+    }
 
     void entry_touched(uint32_t entry) override;
     void entry_affected(uint32_t entry) override;
@@ -106,6 +114,7 @@ private:
     void flush_later();
     void flush();
     void settle(uint32_t entry);
+    bool is_surely_gone(uint32_t entry);
     void forget_dirty();
     void feed(uint32_t entry, const l2fib_mac_edm_entry_t &descriptor);
     void feed(uint32_t entry);
@@ -159,5 +168,22 @@ private:
     std::map<uint32_t, port_view> port_views_;
     std::vector<std::string> notes_;
 };
+
+template <typename Visit>
+void feeder::for_each_entry(const resync_scope &scope, Visit visit)
+{
+    if (scope.type == EDM_RESYNC_ALL) {
+        copy_.for_each_entry(visit);
+    } else if (scope.type == EDM_RESYNC_BP) {
+        if (const auto port = ports_by_xcid_.find(scope.arg); port != ports_by_xcid_.end()) {
+            copy_.for_each_entry_of_port(port->second, visit);
+        }
+    } else if (const auto domain = domains_by_id_.find(static_cast<uint16_t>(scope.arg));
+               domain != domains_by_id_.end()) {
+        for (const uint32_t port : copy_.domains[domain->second].ports) {
+            copy_.for_each_entry_of_port(port, visit);
+        }
+    }
+}
 
 } // namespace forwarding

@@ -273,7 +273,7 @@ std::string group_error(std::string_view group)
     }
     return std::all_of(group.begin(), group.end(), name_can_carry)
                ? std::string()
-               : quoted + "holds a comma, colon, white space or control character";
+               : quoted + "holds a comma, colon, white space or control character, expected none of them";
 }
 
 std::string start(const options &options)

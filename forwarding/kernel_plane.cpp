@@ -62,6 +62,7 @@ public:
     bool start(event_manager_t *evm, sink &to, std::string &error) override;
     void drain() override;
     void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) override;
+    bool ages_silently() const override { return true; }
     plane_health health() const override;
     void stop() override;
 

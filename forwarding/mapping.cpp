@@ -244,10 +244,4 @@ standing describe(const table_copy &copy, uint32_t entry, int64_t epoch_offset_m
     return found;
 }
 
-bool stands_beside_others(const table_copy &copy, uint32_t entry)
-{
-    const fdb_record &record = copy.entries[entry].record;
-    return record.self && (record.mac == zero_mac || record.source_vni != 0);
-}
-
 } // namespace forwarding

@@ -84,8 +84,4 @@ standing standing_of(const table_copy &copy, uint32_t entry);
 // The EDM_MAC_ bits that an entry has for itself.
 uint16_t flags_of(const fdb_record &record);
 
-// Whether the entry may stand beside entries for the same address on other ports of the bridge domain, which would
-// count as a move otherwise.
-bool stands_beside_others(const table_copy &copy, uint32_t entry);
-
 } // namespace forwarding

@@ -492,20 +492,18 @@ void table_copy::leave_group(uint32_t entry)
 }
 
 // One entry of a group decides how the others are seen. Of a flood list, which may be long, the first one stands for
-// all.
+// all: what matters is which one that is, and which one was.
 void table_copy::affect_group(uint32_t group, uint32_t except)
 {
-    if (group == no_slot || groups[group].first == no_slot) {
+    if (group == no_slot) {
         return;
     }
-    const bool is_flood_list = groups[group].mac == zero_mac;
-    for (uint32_t entry = groups[group].first; entry != no_slot; entry = entries[entry].group_next) {
+    uint32_t most = groups[group].mac == zero_mac ? 2 : UINT32_MAX;
+    for (uint32_t entry = groups[group].first; entry != no_slot && most != 0; entry = entries[entry].group_next) {
         if (entry != except) {
             listener_.entry_affected(entry);
         }
-        if (is_flood_list) {
-            return;
-        }
+        --most;
     }
 }
 

@@ -1,0 +1,262 @@
+#!/usr/bin/env bats
+# The HTTP API with curl alone, on a generated fabric of 100,000 addresses. L2FIBD names the program.
+
+D=/restconf/data/l2fib-mac:
+
+setup_file()
+{
+    export L2FIBD=${L2FIBD:-$BATS_TEST_DIRNAME/../../build/test/bin/l2fibd}
+    export SOCKET=$BATS_FILE_TMPDIR/api.sock
+    start_daemon "$SOCKET" --generate bridges=10,ports=8,macs=100000,vteps=30,seed=7 --group lab
+    export DAEMON=$!
+}
+
+teardown_file()
+{
+    kill "$DAEMON" 2>/dev/null || true
+}
+
+# start_daemon SOCKET OPTION...: returns when it serves; $! is the process.
+start_daemon()
+{
+    local -r socket=$1
+    shift
+    "$L2FIBD" --socket "$socket" "$@" 2>"$socket.log" 3>&- &
+    local -r pid=$!
+    until curl --silent --output /dev/null --unix-socket "$socket" "http://l2fibd${D}health"; do
+        kill -0 "$pid" || { cat "$socket.log" && return 1; }
+        sleep 0.05
+    done
+}
+
+# get URI [CURL_OPTION...]: the body, then the status in a line of its own.
+get()
+{
+    curl --silent --show-error --max-time 120 --write-out '\n%{http_code}\n' --unix-socket "$SOCKET" "${@:2}" \
+        "http://l2fibd$1"
+}
+
+# expect_status STATUS URI [CURL_OPTION...]: leaves the body in $body.
+expect_status()
+{
+    local answer
+    answer=$(get "${@:2}")
+    body=${answer%$'\n'*}
+    [[ ${answer##*$'\n'} == "$1" ]] || { echo "$2: $answer" && return 1; }
+}
+
+expect_json()
+{
+    jq --exit-status "$1" <<<"$body" >/dev/null || { echo "not $1: ${body:0:500}" && return 1; }
+}
+
+memory_of()
+{
+    awk '$1 == "VmRSS:" { print $2 }' "/proc/$1/status"
+}
+
+# key TEXT: a continuation after the item with this name, told on port 1.
+key()
+{
+    printf '1 %s' "$1" | base64 --wrap=0 | tr '+/' '-_' | tr --delete '='
+}
+
+@test "every resource answers" {
+    local -r entry='has("domain") and has("mac-address") and has("origin") and has("flags") and has("age")'
+    local uri filter
+    while read -r uri filter; do
+        expect_status 200 "$D$uri"
+        expect_json "$filter"
+    done <<END
+mac-table/mac-entry?limit=3 ."l2fib-mac:mac-entry" | length == 3 and all(.[]; $entry)
+mac-aging/mac-entry?limit=3 ."l2fib-mac:mac-entry" | length == 3 and all(.[]; $entry)
+domains/domain ."l2fib-mac:domain" | length == 10 and .[0].name == "lab:br0"
+domains/domain=lab:br3 ."l2fib-mac:domain" | length == 1 and .[0].bridge == "br3"
+domains/domain=lab%3Abr3/mac-entry?limit=3 ."l2fib-mac:mac-entry" | all(.[]; .domain == "lab:br3" and has("port"))
+domains/domain=lab:br3/mac-count ."l2fib-mac:mac-count" | .total == .learned + .static and .learned > 9000
+ports/port ."l2fib-mac:port" | length == 90 and (map(.kind) | unique == ["interface", "vxlan"])
+ports/port=4 ."l2fib-mac:port" | length == 1 and .[0].xcid == 4
+ports/port=4/mac-entry?limit=3 ."l2fib-mac:mac-entry" | length == 3 and all(.[]; .xcid == 4)
+ports/port=4/mac-count ."l2fib-mac:mac-count".total > 0
+mac-count ."l2fib-mac:mac-count" | .total == 100010 and has("bridge-own")
+vteps/vtep ."l2fib-mac:vtep" | length == 300 and all(.[]; has("xcid") and has("address") and has("vni"))
+remote-destinations/remote-destination ."l2fib-mac:remote-destination" == []
+health ."l2fib-mac:health" | .plane == "generated" and .status == "clean" and (.memory.pool | length) > 0
+traces/trace?limit=1 ."l2fib-mac:trace"[0] | has("text") and .ring == "normal" and .sequence == "1"
+END
+}
+
+@test "one address, filters, and operations" {
+    expect_status 200 "${D}mac-table/mac-entry?limit=400"
+    local -r entry=$(jq --compact-output 'last(."l2fib-mac:mac-entry"[]) | del(.age)' <<<"$body")
+    local -r mac=$(jq --raw-output '."mac-address"' <<<"$entry")
+    expect_status 200 "${D}domains/domain=$(jq --raw-output .domain <<<"$entry")/mac-entry=${mac^^}"
+    expect_json "[.\"l2fib-mac:mac-entry\"[] | del(.age)] == [$entry]"
+    expect_status 200 "${D}mac-table/mac-entry?mac=$mac"
+    expect_json "[.\"l2fib-mac:mac-entry\"[] | del(.age)] == [$entry]"
+
+    expect_status 200 "${D}domains/domain=lab:br3/mac-entry?vtep=10.254.0.2"
+    expect_json '."l2fib-mac:mac-entry" | length > 10 and all(.[]; .vtep == "10.254.0.2" and .domain == "lab:br3")'
+    expect_status 200 "${D}mac-table/mac-entry?flagged=true"
+    expect_json '."l2fib-mac:mac-entry" | length == 10 and all(.[]; .flags | contains(["bridge-own"]))'
+    expect_status 200 "${D}mac-table/mac-entry?vtep=192.0.2.77"
+    expect_json '. == {"l2fib-mac:mac-entry": []}'
+
+    local input
+    for input in '' '{}' '{"l2fib-mac:input": {"domain": "lab:br3"}}' '{"l2fib-mac:input": {"port": 4}}'; do
+        expect_status 204 /restconf/operations/l2fib-mac:resync --data "$input"
+    done
+    expect_status 200 "${D}mac-table/mac-entry" --head
+}
+
+@test "wrong requests are told what was expected" {
+    local -r big=$(head --bytes=5000 /dev/zero | tr '\0' ' ')
+    local status uri expected
+    while IFS='|' read -r status uri expected; do
+        expect_status "$status" "$uri"
+        expect_json ".\"ietf-restconf:errors\".error[0].\"error-message\" | contains(\"$expected\")"
+    done <<END
+400|${D}mac-table/mac-entry?limit=abc|expected a number from 1 to 1000000
+400|${D}mac-table/mac-entry?limit=0|limit
+400|${D}mac-table/mac-entry?limit=1000001|limit
+400|${D}mac-table/mac-entry?limit=-1|limit
+400|${D}mac-table/mac-entry?limit=1&limit=2|more than once
+400|${D}mac-table/mac-entry?limit|NAME=VALUE
+400|${D}mac-table/mac-entry?colour=red|one of limit, cursor, flagged, mac, vtep
+400|${D}mac-aging/mac-entry?flagged=true|one of limit, cursor
+400|${D}mac-count?limit=1|expected none
+400|${D}mac-table/mac-entry?mac=02:00:00:00:00|MAC address
+400|${D}mac-table/mac-entry?vtep=10.0.0|IPv4 address
+400|${D}mac-table/mac-entry?flagged=yes|true or false
+400|${D}mac-table/mac-entry?cursor=%25|next-cursor of this list
+400|${D}mac-table/mac-entry?cursor=$(key 1,2,3)|next-cursor of this list
+400|${D}vteps/vtep?cursor=$(key 1,2,x)|next-cursor of this list
+400|${D}ports/port?cursor=$(key x)|next-cursor of this list
+400|${D}traces/trace?cursor=$(key 7)|next-cursor of this list
+400|${D}domains/domain=lab:br3/mac-entry?cursor=$(key 210,0,4,lab,br4)|next-cursor of this list
+400|${D}domains/domain=lab%2|two hexadecimal digits
+400|${D}domains/domain=a%00b|two hexadecimal digits
+400|${D}domains/domain=|a key behind
+400|${D}domains/domain=lab:br3/mac-entry=zz|MAC address
+400|${D}ports/port=x/mac-count|an xcid
+404|${D}ports/port=4000000000|no such bridge port
+404|${D}domains/domain=lab:br99/mac-entry|no such bridge domain
+404|${D}domains/domain=lab:br3/mac-entry=02:00:00:00:00:00|no such entry
+404|${D}mac-tables/mac-entry|no such resource
+404|${D}domains/domain/mac-entry|no such resource
+404|/|no such resource
+405|/restconf/operations/l2fib-mac:resync|expected POST
+END
+    expect_status 405 "${D}mac-count" --request DELETE
+    expect_status 400 /restconf/operations/l2fib-mac:resync --data '[1'
+    expect_status 400 /restconf/operations/l2fib-mac:resync --data '{"l2fib-mac:input": {"port": "4"}}'
+    expect_status 404 /restconf/operations/l2fib-mac:resync --data '{"l2fib-mac:input": {"port": 4000}}'
+    expect_status 413 /restconf/operations/l2fib-mac:resync --data "$big"
+    expect_status 413 /restconf/operations/l2fib-mac:resync --data "$big" --header 'Transfer-Encoding: chunked'
+}
+
+@test "pages add up to the whole answer, and memory does not grow with it" {
+    local -r whole=$BATS_TEST_TMPDIR/whole paged=$BATS_TEST_TMPDIR/paged page=$BATS_TEST_TMPDIR/page
+    local list cursor before after
+    for list in mac-table/mac-entry:9973 mac-aging/mac-entry:20000 vteps/vtep:100 ports/port=9/mac-entry:777; do
+        get "$D${list%:*}?limit=200" >/dev/null
+        before=$(memory_of "$DAEMON")
+        get "$D${list%:*}" --output "$whole"
+        after=$(memory_of "$DAEMON")
+        ((after - before < 4096)) || { echo "$list: $before to $after kB" && return 1; }
+        : >"$paged"
+        cursor=
+        while :; do
+            get "$D${list%:*}?limit=${list#*:}${cursor:+&cursor=$cursor}" --output "$page" >/dev/null
+            jq --compact-output '.[] | arrays[] | del(.age)' "$page" >>"$paged"
+            cursor=$(jq --raw-output '."l2fib-mac:next-cursor" // empty' "$page")
+            [[ -n $cursor ]] || break
+        done
+        jq --compact-output '.[] | arrays[] | del(.age)' "$whole" | cmp - "$paged"
+        [[ $list != mac-*  ]] || (($(wc --lines <"$paged") > 100000))
+    done
+}
+
+@test "a continuation whose entry has gone is answered 410 with the place to restart" {
+    local uri
+    for uri in "mac-table/mac-entry?cursor=$(key 2ff,0,1,lab,br1)" "mac-aging/mac-entry?cursor=$(key 2ff,0,1,lab,br1)" \
+        "vteps/vtep?cursor=$(key 9,2710,01020304)"; do
+        expect_status 410 "$D$uri&limit=5"
+        expect_json ".\"ietf-restconf:errors\".error[0] | .\"error-tag\" == \"data-missing\" and
+            .\"error-info\".\"l2fib-mac:restart\" == \"$D${uri%\?*}?limit=5\""
+    done
+}
+
+@test "a whole answer stays whole while entries come, move and go" {
+    local -r socket=$BATS_TEST_TMPDIR/churn.sock
+    start_daemon "$socket" --generate bridges=2,ports=4,macs=20000,vteps=4,churn=50000/s
+    local -r pid=$!
+    local list shown counted
+    for list in {mac-table,mac-aging}/mac-entry?_={1..8}; do
+        shown=$(curl --silent --fail --unix-socket "$socket" "http://l2fibd$D${list%\?*}" | jq '.[] | length')
+        counted=$(curl --silent --unix-socket "$socket" "http://l2fibd${D}mac-count" | jq '.[].total')
+        ((shown > counted * 9 / 10)) || { echo "$list: $shown of $counted" && return 1; }
+    done
+    kill "$pid"
+    wait "$pid"
+}
+
+@test "more requests than are served at once are answered 503, and those after them are served" {
+    local pids=() i
+    for i in {1..40}; do
+        curl --silent --limit-rate 1k --max-time 3 --output "$BATS_TEST_TMPDIR/$i" --write-out '%{http_code}\n' \
+            --unix-socket "$SOCKET" "http://l2fibd${D}mac-table/mac-entry" >"$BATS_TEST_TMPDIR/$i.status" &
+        pids+=($!)
+    done
+    wait "${pids[@]}" || true
+    [[ $(cat "$BATS_TEST_TMPDIR"/*.status | grep --count 503) -gt 0 ]]
+    expect_status 200 "${D}mac-count"
+}
+
+@test "a second instance is refused by name, a socket left behind is replaced, SIGTERM ends with everything released" {
+    local -r socket=$BATS_TEST_TMPDIR/life.sock
+    run "$L2FIBD" --socket "$SOCKET"
+    [[ $status == 1 && $output == *"another l2fibd, process $DAEMON, serves this socket"* ]]
+    touch "$socket"
+    run "$L2FIBD" --socket "$socket"
+    [[ $status == 1 && $output == *"is no socket"* ]]
+    rm "$socket"
+
+    start_daemon "$socket"
+    local pid=$!
+    [[ $(stat --format %a "$socket") == 660 ]]
+    kill -KILL "$pid"
+    wait "$pid" || true
+    start_daemon "$socket"
+    pid=$!
+    curl --silent --unix-socket "$socket" "http://l2fibd${D}mac-count" >/dev/null
+    kill -TERM "$pid"
+    wait "$pid"
+    [[ ! -e $socket && $(cat "$socket.log") == *"released 2044 MAC entries"* ]]
+}
+
+@test "wrong options are told what was expected; --check reports" {
+    local options expected
+    while IFS='|' read -r options expected; do
+        read -ra arguments <<<"$options"
+        run "$L2FIBD" "${arguments[@]}"
+        [[ $status == 2 && $output == *"$expected"* ]] || { echo "$options: $status $output" && return 1; }
+    done <<END
+--plane moon|--plane "moon": expected one of generated, recorded, kernel
+--plane recorded|expected --recorded DIR
+--recorded /nonexistent|expected a directory
+--netns a --plane generated|--netns: expected --plane kernel
+--generate bridges=x|--generate "bridges=x"
+--mac-limit 0|--mac-limit "0": expected a number from 1
+--resync-wait 100000|--resync-wait "100000": expected a number from 1 to 3600
+--group a:b|--group "a:b"
+--log-level loud|expected one of error, warning, info, debug
+--socket /$(printf 'x%.0s' {1..120})|--socket
+--socket|--socket
+--colour|--colour
+END
+    run "$L2FIBD" --check --generate macs=500
+    [[ $status == 0 && $output == *"plane generated, clean"* ]]
+    run "$L2FIBD" --version
+    [[ $status == 0 && $output == "l2fibd "* ]]
+}
