@@ -16,7 +16,7 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
-constexpr size_t longest_error = 64 * 1024;
+constexpr size_t longest_error = size_t(64) * 1024;
 constexpr long first_error_status = 400;
 constexpr long not_found = 404;
 
@@ -72,7 +72,7 @@ struct connection::transfer {
         return true;
     }
 
-    [[noreturn]] void fail(CURLcode code, const std::string &socket) const
+    [[noreturn]] void fail(CURLcode code, const std::string &socket_path) const
     {
         long error = 0;
         curl_easy_getinfo(curl, CURLINFO_OS_ERRNO, &error);
@@ -84,7 +84,7 @@ struct connection::transfer {
         if (status() != 0) {
             throw failure{ending::cut, "the answer was cut: " + why};
         }
-        throw failure{ending::unreachable, "no answer from l2fibd at " + visible(socket) + ": " + why};
+        throw failure{ending::unreachable, "no answer from l2fibd at " + visible(socket_path) + ": " + why};
     }
 };
 

@@ -12,7 +12,7 @@ namespace l2fibctl {
 
 namespace {
 
-constexpr size_t piece_size = 64 * 1024;
+constexpr size_t piece_size = size_t(64) * 1024;
 constexpr auto quiet_time = std::chrono::seconds(1);
 constexpr auto redraw_time = std::chrono::milliseconds(250);
 

@@ -107,9 +107,9 @@ TEST(Visible, KeepsTextAndEscapesTheRest)
         {"\xc2\x9b"
          "A\xff\xc3",
          "\\x9bA\\xff\\xc3"},
-        {"a\xe2\x80\xae"
-         "b\xe2\x81\xa6",
-         "a\\u202eb\\u2066"},
+        {"a\xe2\x80\xa8"
+         "b\xe2\x80\x8f",
+         "a\\u2028b\\u200f"},
     };
     for (const auto &row : rows) {
         EXPECT_EQ(visible(row.text), row.shown);
