@@ -127,7 +127,6 @@ constexpr const char *standing_texts[] = {
     nullptr,
     nullptr,
     "the device's own entry for an address that the bridge holds on another port",
-    "the device's own entry for an address that the bridge does not hold",
     "receive filter",
     "VXLAN device without a bridge",
     "bridge that is not known by a name",
@@ -165,8 +164,7 @@ standing standing_of_own(const table_copy &copy, uint32_t entry)
     if (group.of_bridge != 0 && group.first == entry) {
         return standing::joined;
     }
-    // The bridge decides what is forwarded; the device only knows where to.
-    return bridge_has_elsewhere(copy, own) ? standing::elsewhere : standing::waiting;
+    return bridge_has_elsewhere(copy, own) ? standing::elsewhere : standing::fed;
 }
 
 void set_timestamp(const fdb_record &record, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &to)

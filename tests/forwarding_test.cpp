@@ -168,7 +168,7 @@ TEST(Mapping, FollowsTheTable)
          9},
         {"a VXLAN device's local address", {remote, on_bridge(bridge, vxlan, mac(1), fdb_permanent)}, standing::fed, 4},
         {"the device's half", {behind, remote}, standing::joined},
-        {"the device's alone", {remote}, standing::waiting},
+        {"the device's alone", {remote}, standing::fed, 0x1000, 9},
         {"overruled by the bridge", {on_bridge(bridge, port, mac(1)), remote}, standing::elsewhere},
         {"flood list", {of_device(vxlan, {}, vtep(7), fdb_permanent)}, standing::fed, 0x1002, 7},
         {"flood list, another",
