@@ -430,7 +430,7 @@ TEST(MessageStress, ReplyAndTimeOutAgree)
 TEST(MessageStress, EverySenderIsAnsweredOrTold)
 {
     constexpr uint32_t stop_replier = 0;
-    constexpr int rounds = 40;
+    constexpr int rounds = 20;
     std::atomic<uint32_t> replied = 0;
     std::atomic<uint32_t> answered = 0;
     std::atomic<bool> over = false;
