@@ -18,7 +18,7 @@ namespace l2fibd {
 
 namespace {
 
-constexpr size_t piece_bytes = 32 * 1024; // of an answer, at once
+constexpr size_t piece_bytes = size_t{32} * 1024; // of an answer, at once
 
 struct server {
     MHD_Daemon *daemon = nullptr;
@@ -240,7 +240,7 @@ size_t keep_encoded(void * /*context*/, MHD_Connection * /*connection*/, char *t
     return std::strlen(text);
 }
 
-void log_library(void * /*context*/, const char *format, va_list values) noexcept
+[[gnu::format(printf, 2, 0)]] void log_library(void * /*context*/, const char *format, va_list values) noexcept
 {
     char line[256];
     std::vsnprintf(line, sizeof line, format, values);

@@ -13,7 +13,7 @@ inline constexpr uint32_t most_connections = 64;
 inline constexpr uint32_t send_seconds = 10; // for a client to send its request
 // For a client to take a piece of its answer, beyond twice the resync wait time: a request may wait for two.
 inline constexpr uint32_t take_seconds = 60;
-inline constexpr size_t most_header_bytes = 48 * 1024; // and all else that a connection keeps
+inline constexpr size_t most_header_bytes = size_t{48} * 1024; // and all else that a connection keeps
 inline constexpr size_t most_body_bytes = 4096;
 
 // Serves a socket that listens, and closes it in the end. Returns nothing on success, otherwise a text for the

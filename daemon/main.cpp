@@ -75,7 +75,7 @@ void wait_for_end(const sigset_t &signals)
 
 std::string serve_http(l2fibd::listening_socket &socket, const l2fibd::settings &settings)
 {
-    const std::string error = l2fibd::http_start(socket.descriptor(), settings.forwarding.resync_wait_seconds);
+    std::string error = l2fibd::http_start(socket.descriptor(), settings.forwarding.resync_wait_seconds);
     if (error.empty()) {
         socket.hand_over();
     }

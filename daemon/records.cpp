@@ -118,7 +118,7 @@ void write_flags(json_writer &json, uint64_t flags, uint64_t flags2)
 time_t last_seen(std::string_view text, time_t now)
 {
     constexpr std::string_view months = "JanFebMarAprMayJunJulAugSepOctNovDec";
-    constexpr time_t day = 24 * 60 * 60;
+    constexpr time_t day = 86'400;
     const size_t month = text.size() == 15 ? months.find(text.substr(3, 3)) : std::string_view::npos;
     if (month == std::string_view::npos) {
         return -1;

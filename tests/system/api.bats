@@ -177,6 +177,23 @@ END
     done
 }
 
+@test "destinations that the table does not carry are listed apart" {
+    local -r socket=$BATS_TEST_TMPDIR/recorded.sock
+    start_daemon "$socket" --recorded "$BATS_TEST_DIRNAME/../../examples/recorded/tunnels"
+    local -r pid=$!
+    SOCKET=$socket expect_status 200 "${D}mac-count"
+    SOCKET=$socket expect_status 200 "${D}remote-destinations/remote-destination"
+    local -r whole=$body
+    expect_json '."l2fib-mac:remote-destination" | map(.destination // ."next-hop-id") == ["fd00::2", 102]'
+    SOCKET=$socket expect_status 200 "${D}remote-destinations/remote-destination?limit=1"
+    local -r first=$body
+    SOCKET=$socket expect_status 200 \
+        "${D}remote-destinations/remote-destination?limit=1&cursor=$(jq --raw-output '."l2fib-mac:next-cursor"' <<<"$first")"
+    [[ $(jq --compact-output .[][] <<<"$whole") == $(jq --compact-output '.[]|arrays[]' <<<"$first$body") ]]
+    kill "$pid"
+    wait "$pid"
+}
+
 @test "a continuation whose entry has gone is answered 410 with the place to restart" {
     local uri
     for uri in "mac-table/mac-entry?cursor=$(key 2ff,0,1,lab,br1)" "mac-aging/mac-entry?cursor=$(key 2ff,0,1,lab,br1)" \
