@@ -333,15 +333,17 @@ void kernel_plane::follow_local_address(const link_record &before)
         return;
     }
     const uint16_t vlans = bridge->second.record.vlan_aware ? vlan_count : 1;
-    std::vector<fdb_key> keys;
-    for (uint16_t vlan = 0; vlan < vlans; ++vlan) {
-        keys.push_back({.holder = bridge->first, .vlan = vlan, .mac = before.address});
-    }
-    std::vector<fdb_answer> answers(keys.size());
-    query(keys, answers);
-    for (const fdb_answer &answer : answers) {
-        if (answer.presence == fdb_presence::present) {
-            take_fdb_change(answer.record);
+    for (uint16_t first = 0; first < vlans; first += query_batch) {
+        std::vector<fdb_key> keys;
+        for (uint16_t vlan = first; vlan < vlans && keys.size() < query_batch; ++vlan) {
+            keys.push_back({.holder = bridge->first, .vlan = vlan, .mac = before.address});
+        }
+        std::vector<fdb_answer> answers(keys.size());
+        query(keys, answers);
+        for (const fdb_answer &answer : answers) {
+            if (answer.presence == fdb_presence::present) {
+                take_fdb_change(answer.record);
+            }
         }
     }
 }

@@ -276,6 +276,7 @@ TEST_F(KernelPlane, TellsWhatTheSystemLists)
         "fdb del 01:00:5e:00:00:01 dev vx0 dst 10.0.0.2\n" // the other one stays
         "fdb del 02:00:00:00:00:01 dev p0 master",
         "link set vxe master br1",
+        "fdb flush dev br0\nfdb add 02:00:00:00:00:02 dev p1 master dynamic",
         "link set p1 name p9\nlink set br0 name br9",
         "link set br9 address 02:00:00:00:00:aa\nlink set p9 address 02:00:00:00:00:bb", // the bridge had a port's
         "link set p0 address 02:00:00:00:00:bb",
