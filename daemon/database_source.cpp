@@ -89,9 +89,9 @@ trail trail_of(const database_list &list)
 class database_source : public list_source {
 public:
     explicit database_source(database_list of)
-        : list(std::move(of))
-        , told(trail_of(list))
-        , is_since_beginning(told.size() < cursor_items)
+        : list_(std::move(of))
+        , told_(trail_of(list_))
+        , is_since_beginning_(told_.size() < cursor_items)
     {}
 
     position fetch(uint32_t most, json_writer &json) override
@@ -99,29 +99,29 @@ public:
         const operational_page page = next_page(most + 1);
         const auto items = new_items(page);
         const size_t count = std::min<size_t>(items.size(), most);
-        names.begin_page();
+        names_.begin_page();
         for (size_t i = 0; i < count; i++) {
             write(json, *items[i]);
-            told.push_back(as_told(*items[i]));
+            told_.push_back(as_told(*items[i]));
         }
-        if (told.size() > page_items) {
-            told.erase(told.begin(), told.end() - page_items);
-            is_since_beginning = false;
+        if (told_.size() > page_items) {
+            told_.erase(told_.begin(), told_.end() - page_items);
+            is_since_beginning_ = false;
         }
-        return {cursor_of(told), static_cast<uint32_t>(count), page.more || items.size() > count};
+        return {cursor_of(told_), static_cast<uint32_t>(count), page.more || items.size() > count};
     }
 
 private:
     // A page with the items that follow the trail. Without items when none follow.
     operational_page next_page(uint32_t count)
     {
-        if (told.empty()) {
+        if (told_.empty()) {
             return read(std::nullopt, count);
         }
-        if (list.order == list_order::by_port) {
-            return read(told.back().name, count);
+        if (list_.order == list_order::by_port) {
+            return read(told_.back().name, count);
         }
-        const size_t farthest = told.size() - (is_since_beginning ? 0 : 1);
+        const size_t farthest = told_.size() - (is_since_beginning_ ? 0 : 1);
         for (size_t back = std::min<size_t>(1, farthest); back != 0;
              back = back < farthest ? std::min(2 * back, farthest) : 0) {
             operational_page page = read(before(back), count + static_cast<uint32_t>(back));
@@ -129,27 +129,27 @@ private:
                 return page;
             }
         }
-        throw api_error{410, "data-missing", "cursor: the entries that it names have gone", list.restart};
+        throw api_error{410, "data-missing", "cursor: the entries that it names have gone", list_.restart};
     }
 
     // The item before the last `back` of the trail; nothing when they are all since the beginning.
     std::optional<std::string> before(size_t back) const
     {
-        return back < told.size() ? std::optional(told[told.size() - back - 1].name) : std::nullopt;
+        return back < told_.size() ? std::optional(told_[told_.size() - back - 1].name) : std::nullopt;
     }
 
     bool begins_with_told(const operational_page &page, size_t back) const
     {
         return !page.items.empty()
-               && std::find(told.end() - static_cast<ptrdiff_t>(back), told.end(), as_told(page.items.front()))
-                      != told.end();
+               && std::find(told_.end() - static_cast<ptrdiff_t>(back), told_.end(), as_told(page.items.front()))
+                      != told_.end();
     }
 
     operational_page read(const std::optional<std::string> &start, uint32_t count) const
     {
-        operational_page page = ask({.path = list.path, .count = count, .start_key = start});
+        operational_page page = ask({.path = list_.path, .count = count, .start_key = start});
         // The aging order has this one status for an item that has gone and for an empty table.
-        const bool has_nothing = list.order == list_order::by_age && page.status == EDM_ERR_BAD_REQUEST;
+        const bool has_nothing = list_.order == list_order::by_age && page.status == EDM_ERR_BAD_REQUEST;
         if (page.status != 0 && !has_nothing && !says_nothing_there(page)) {
             throw error_of(page);
         }
@@ -158,13 +158,13 @@ private:
 
     told_item as_told(const operational_item &item) const
     {
-        return {list.order == list_order::by_domain ? xcid_of(item.data) : 0, std::string(item.name)};
+        return {list_.order == list_order::by_domain ? xcid_of(item.data) : 0, std::string(item.name)};
     }
 
     bool was_told(const operational_item &item) const
     {
-        return std::ranges::find(told, item.name, &told_item::name) != told.end()
-               && std::ranges::count(told, as_told(item)) != 0;
+        return std::ranges::find(told_, item.name, &told_item::name) != told_.end()
+               && std::ranges::count(told_, as_told(item)) != 0;
     }
 
     std::vector<const operational_item *> new_items(const operational_page &page) const
@@ -180,17 +180,17 @@ private:
 
     void write(json_writer &json, const operational_item &item)
     {
-        if (list.order == list_order::by_vtep) {
-            write_vtep_item(json, item, names);
+        if (list_.order == list_order::by_vtep) {
+            write_vtep_item(json, item, names_);
         } else {
-            write_mac_item(json, item, names);
+            write_mac_item(json, item, names_);
         }
     }
 
-    database_list list;
-    trail told; // the newest items, at most a page of them
-    bool is_since_beginning;
-    port_names names;
+    database_list list_;
+    trail told_; // the newest items, at most a page of them
+    bool is_since_beginning_;
+    port_names names_;
 };
 
 } // namespace

@@ -37,44 +37,44 @@ size_t put_character(std::string &out, std::string_view text)
 
 void json_writer::separate()
 {
-    if (needs_comma) {
-        out += ',';
+    if (needs_comma_) {
+        out_ += ',';
     }
-    needs_comma = true;
+    needs_comma_ = true;
 }
 
 void json_writer::begin(char bracket)
 {
     separate();
-    out += bracket;
-    needs_comma = false;
+    out_ += bracket;
+    needs_comma_ = false;
 }
 
 void json_writer::end(char bracket)
 {
-    out += bracket;
-    needs_comma = true;
+    out_ += bracket;
+    needs_comma_ = true;
 }
 
 void json_writer::quote(std::string_view value)
 {
-    out += '"';
+    out_ += '"';
     while (!value.empty()) {
         const auto plain = static_cast<size_t>(std::ranges::find_if_not(value, is_plain) - value.begin());
-        out += value.substr(0, plain);
+        out_ += value.substr(0, plain);
         value.remove_prefix(plain);
         if (!value.empty()) {
-            value.remove_prefix(put_character(out, value));
+            value.remove_prefix(put_character(out_, value));
         }
     }
-    out += '"';
+    out_ += '"';
 }
 
 void json_writer::name(std::string_view of_member)
 {
     text(of_member);
-    out += ':';
-    needs_comma = false;
+    out_ += ':';
+    needs_comma_ = false;
 }
 
 void json_writer::text(std::string_view value)
@@ -86,13 +86,13 @@ void json_writer::text(std::string_view value)
 void json_writer::number(uint64_t value)
 {
     separate();
-    out += std::to_string(value);
+    out_ += std::to_string(value);
 }
 
 void json_writer::boolean(bool value)
 {
     separate();
-    out += value ? "true" : "false";
+    out_ += value ? "true" : "false";
 }
 
 void json_writer::member(std::string_view of_member, std::string_view value)

@@ -17,8 +17,8 @@ namespace l2fibd {
 class json_writer {
 public:
     explicit json_writer(std::string &to, bool goes_on = false)
-        : out(to)
-        , needs_comma(goes_on)
+        : out_(to)
+        , needs_comma_(goes_on)
     {}
 
     void begin_object() { begin('{'); }
@@ -44,8 +44,8 @@ private:
     void separate();
     void quote(std::string_view value);
 
-    std::string &out;
-    bool needs_comma;
+    std::string &out_;
+    bool needs_comma_;
 };
 
 } // namespace l2fibd

@@ -8,26 +8,26 @@
 namespace l2fibd {
 
 list_stream::list_stream(std::string_view name, std::unique_ptr<list_source> source, uint64_t limit)
-    : list_name(name)
-    , items(std::move(source))
-    , left(limit)
+    : list_name_(name)
+    , items_(std::move(source))
+    , left_(limit)
 {}
 
 void list_stream::write_next(std::string &text)
 {
-    json_writer json(text, has_items);
-    if (!has_begun) {
+    json_writer json(text, has_items_);
+    if (!has_begun_) {
         json.begin_object();
-        json.begin_array(std::string("l2fib-mac:").append(list_name));
-        has_begun = true;
+        json.begin_array(std::string("l2fib-mac:").append(list_name_));
+        has_begun_ = true;
     }
-    const auto most = static_cast<uint32_t>(std::min<uint64_t>(left, page_items));
-    const list_source::position at = items->fetch(most, json);
-    has_items = has_items || at.count != 0;
-    left -= at.count;
-    if (!at.more || left == 0) {
+    const auto most = static_cast<uint32_t>(std::min<uint64_t>(left_, page_items));
+    const list_source::position at = items_->fetch(most, json);
+    has_items_ = has_items_ || at.count != 0;
+    left_ -= at.count;
+    if (!at.more || left_ == 0) {
         write_end(json, at);
-        is_finished = true;
+        is_finished_ = true;
     }
 }
 

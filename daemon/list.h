@@ -42,17 +42,17 @@ public:
 
     // Appends the next piece of the whole JSON text. Throws api_error; the text has no end then.
     void write_next(std::string &text);
-    bool finished() const { return is_finished; }
+    bool finished() const { return is_finished_; }
 
 private:
     void write_end(json_writer &json, const list_source::position &at) const;
 
-    std::string_view list_name;
-    std::unique_ptr<list_source> items;
-    uint64_t left;
-    bool has_begun = false;
-    bool has_items = false;
-    bool is_finished = false;
+    std::string_view list_name_;
+    std::unique_ptr<list_source> items_;
+    uint64_t left_;
+    bool has_begun_ = false;
+    bool has_items_ = false;
+    bool is_finished_ = false;
 };
 
 } // namespace l2fibd

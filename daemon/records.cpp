@@ -25,7 +25,7 @@ class record_fields {
 public:
     explicit record_fields(std::span<const uint8_t> data)
     {
-        if (host::parcel_read(data, values) != 0) {
+        if (host::parcel_read(data, values_) != 0) {
             throw api_error{500, "operation-failed", "the table's answer could not be read"};
         }
     }
@@ -52,11 +52,11 @@ public:
 private:
     const host::parcel_value *find(std::string_view name) const
     {
-        const auto found = std::ranges::find(values, name, &host::parcel_value::name);
-        return found != values.end() ? &*found : nullptr;
+        const auto found = std::ranges::find(values_, name, &host::parcel_value::name);
+        return found != values_.end() ? &*found : nullptr;
     }
 
-    std::vector<host::parcel_value> values;
+    std::vector<host::parcel_value> values_;
 };
 
 uint32_t narrow(uint64_t number)
@@ -197,17 +197,17 @@ std::array<uint32_t, 3> numbers_of(std::string_view item_name)
 
 const forwarding::port_view *port_names::find(uint32_t xcid)
 {
-    auto found = ports.find(xcid);
-    if (found == ports.end() && may_renew) {
-        may_renew = false;
-        ports.clear();
+    auto found = ports_.find(xcid);
+    if (found == ports_.end() && may_renew_) {
+        may_renew_ = false;
+        ports_.clear();
         for (forwarding::port_view &port : forwarding::ports()) {
             const uint32_t key = port.xcid;
-            ports.insert_or_assign(key, std::move(port));
+            ports_.insert_or_assign(key, std::move(port));
         }
-        found = ports.find(xcid);
+        found = ports_.find(xcid);
     }
-    return found != ports.end() ? &found->second : nullptr;
+    return found != ports_.end() ? &found->second : nullptr;
 }
 
 void write_mac_entry(json_writer &json, std::span<const uint8_t> record, std::string_view address, port_names &names)

@@ -23,11 +23,11 @@ public:
     const forwarding::port_view *find(uint32_t xcid);
 
     // Lets the next port that is lacking renew the copy; once a page, so that ports that have gone cost little.
-    void begin_page() { may_renew = true; }
+    void begin_page() { may_renew_ = true; }
 
 private:
-    std::unordered_map<uint32_t, forwarding::port_view> ports;
-    bool may_renew = true;
+    std::unordered_map<uint32_t, forwarding::port_view> ports_;
+    bool may_renew_ = true;
 };
 
 // `address` is the entry's own. Throws api_error for a record that is none.

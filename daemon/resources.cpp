@@ -346,29 +346,29 @@ constexpr parameter_kind parameter_kinds[] = {
 
 struct resource {
     std::string_view pattern; // '*' stands for a key
-    unsigned parameters;      // parameter_set bits
     answer (*serve)(const call &asked);
+    unsigned parameters = none; // parameter_set bits
     bool is_operation = false;
 };
 
 constexpr resource resources[] = {
-    {"data/l2fib-mac:mac-table/mac-entry", paging | flagged | filters, list_table},
-    {"data/l2fib-mac:mac-aging/mac-entry", paging, list_by_age},
-    {"data/l2fib-mac:domains/domain", paging, list_domains},
-    {"data/l2fib-mac:domains/domain=*", none, get_domain},
-    {"data/l2fib-mac:domains/domain=*/mac-entry", paging | flagged | filters, list_domain_entries},
-    {"data/l2fib-mac:domains/domain=*/mac-entry=*", none, get_entry},
-    {"data/l2fib-mac:domains/domain=*/mac-count", none, count_domain},
-    {"data/l2fib-mac:ports/port", paging, list_ports},
-    {"data/l2fib-mac:ports/port=*", none, get_port},
-    {"data/l2fib-mac:ports/port=*/mac-entry", paging | flagged, list_port_entries},
-    {"data/l2fib-mac:ports/port=*/mac-count", none, count_port},
-    {"data/l2fib-mac:mac-count", none, count_all},
-    {"data/l2fib-mac:vteps/vtep", paging, list_vteps},
-    {"data/l2fib-mac:remote-destinations/remote-destination", paging, list_remote_destinations},
-    {"data/l2fib-mac:health", none, get_health},
-    {"data/l2fib-mac:traces/trace", paging, list_traces},
-    {"operations/l2fib-mac:resync", none, resync, true},
+    {"data/l2fib-mac:mac-table/mac-entry", list_table, paging | flagged | filters},
+    {"data/l2fib-mac:mac-aging/mac-entry", list_by_age, paging},
+    {"data/l2fib-mac:domains/domain", list_domains, paging},
+    {"data/l2fib-mac:domains/domain=*", get_domain},
+    {"data/l2fib-mac:domains/domain=*/mac-entry", list_domain_entries, paging | flagged | filters},
+    {"data/l2fib-mac:domains/domain=*/mac-entry=*", get_entry},
+    {"data/l2fib-mac:domains/domain=*/mac-count", count_domain},
+    {"data/l2fib-mac:ports/port", list_ports, paging},
+    {"data/l2fib-mac:ports/port=*", get_port},
+    {"data/l2fib-mac:ports/port=*/mac-entry", list_port_entries, paging | flagged},
+    {"data/l2fib-mac:ports/port=*/mac-count", count_port},
+    {"data/l2fib-mac:mac-count", count_all},
+    {"data/l2fib-mac:vteps/vtep", list_vteps, paging},
+    {"data/l2fib-mac:remote-destinations/remote-destination", list_remote_destinations, paging},
+    {"data/l2fib-mac:health", get_health},
+    {"data/l2fib-mac:traces/trace", list_traces, paging},
+    {"operations/l2fib-mac:resync", resync, none, true},
 };
 
 const resource &find_resource(const target &to)

@@ -27,27 +27,27 @@ template <typename View, auto Key, auto Write>
 class view_source : public list_source {
 public:
     view_source(std::vector<View> of, const std::optional<std::string> &start)
-        : views(std::move(of))
+        : views_(std::move(of))
     {
         if (start) {
             const uint32_t after = number_of(start, 0);
-            next = static_cast<size_t>(std::ranges::upper_bound(views, after, {}, Key) - views.begin());
+            next_ = static_cast<size_t>(std::ranges::upper_bound(views_, after, {}, Key) - views_.begin());
         }
     }
 
     position fetch(uint32_t most, json_writer &json) override
     {
-        const size_t end = std::min(views.size(), next + most);
-        const auto count = static_cast<uint32_t>(end - next);
-        for (; next < end; next++) {
-            Write(json, views[next]);
+        const size_t end = std::min(views_.size(), next_ + most);
+        const auto count = static_cast<uint32_t>(end - next_);
+        for (; next_ < end; next_++) {
+            Write(json, views_[next_]);
         }
-        return {end == 0 ? "" : std::to_string(views[end - 1].*Key), count, end < views.size()};
+        return {end == 0 ? "" : std::to_string(views_[end - 1].*Key), count, end < views_.size()};
     }
 
 private:
-    std::vector<View> views;
-    size_t next = 0;
+    std::vector<View> views_;
+    size_t next_ = 0;
 };
 
 using domain_source = view_source<forwarding::domain_view, &forwarding::domain_view::bridge_id, write_domain>;
@@ -56,67 +56,67 @@ using port_source = view_source<forwarding::port_view, &forwarding::port_view::x
 class remote_destination_source : public list_source {
 public:
     explicit remote_destination_source(uint32_t from)
-        : cursor(from)
+        : cursor_(from)
     {}
 
     position fetch(uint32_t most, json_writer &json) override
     {
-        names.begin_page();
-        const auto entries = forwarding::foreign_destinations(cursor, most);
+        names_.begin_page();
+        const auto entries = forwarding::foreign_destinations(cursor_, most);
         for (const forwarding::foreign_destination &entry : entries) {
-            write_remote_destination(json, entry, names);
+            write_remote_destination(json, entry, names_);
         }
-        uint32_t ahead = cursor;
+        uint32_t ahead = cursor_;
         const bool more = !entries.empty() && !forwarding::foreign_destinations(ahead, 1).empty();
-        return {std::to_string(cursor), static_cast<uint32_t>(entries.size()), more};
+        return {std::to_string(cursor_), static_cast<uint32_t>(entries.size()), more};
     }
 
 private:
-    uint32_t cursor;
-    port_names names;
+    uint32_t cursor_;
+    port_names names_;
 };
 
 // Reads one ring's points up to the newest of the time when the list began.
 class ring_reader {
 public:
     ring_reader(host::trace_ring of, uint64_t from)
-        : ring(of)
-        , next(from)
-        , newest(host::trace_newest(of))
+        : ring_(of)
+        , next_(from)
+        , newest_(host::trace_newest(of))
     {}
 
     // The point to come next; null at the end.
     const host::trace_point *peek()
     {
-        if (at == count && next <= newest) {
-            const host::trace_batch batch = host::trace_read(ring, next, points);
-            at = 0;
-            count = batch.count;
-            next = batch.count == 0 ? newest + 1 : batch.next;
+        if (at_ == count_ && next_ <= newest_) {
+            const host::trace_batch batch = host::trace_read(ring_, next_, points_);
+            at_ = 0;
+            count_ = batch.count;
+            next_ = batch.count == 0 ? newest_ + 1 : batch.next;
         }
-        return at < count && points[at].sequence <= newest ? &points[at] : nullptr;
+        return at_ < count_ && points_[at_].sequence <= newest_ ? &points_[at_] : nullptr;
     }
 
-    host::trace_ring kind() const { return ring; }
-    void advance() { at++; }
+    host::trace_ring kind() const { return ring_; }
+    void advance() { at_++; }
 
     // To go on after what was taken.
-    uint64_t position() const { return at < count ? points[at].sequence : next; }
+    uint64_t position() const { return at_ < count_ ? points_[at_].sequence : next_; }
 
 private:
-    host::trace_ring ring;
-    uint64_t next; // after `points`
-    uint64_t newest;
-    std::array<host::trace_point, 64> points{};
-    size_t at = 0;
-    size_t count = 0;
+    host::trace_ring ring_;
+    uint64_t next_; // after `points`
+    uint64_t newest_;
+    std::array<host::trace_point, 64> points_{};
+    size_t at_ = 0;
+    size_t count_ = 0;
 };
 
 class trace_source : public list_source {
 public:
     trace_source(uint64_t from_normal, uint64_t from_error)
-        : normal(host::trace_ring::normal, from_normal)
-        , error(host::trace_ring::error, from_error)
+        : normal_(host::trace_ring::normal, from_normal)
+        , error_(host::trace_ring::error, from_error)
     {}
 
     position fetch(uint32_t most, json_writer &json) override
@@ -125,26 +125,26 @@ public:
         while (count < most && write_oldest(json)) {
             count++;
         }
-        return {std::to_string(normal.position()) + "," + std::to_string(error.position()), count,
-                normal.peek() != nullptr || error.peek() != nullptr};
+        return {std::to_string(normal_.position()) + "," + std::to_string(error_.position()), count,
+                normal_.peek() != nullptr || error_.peek() != nullptr};
     }
 
 private:
     bool write_oldest(json_writer &json)
     {
-        const host::trace_point *a = normal.peek();
-        const host::trace_point *b = error.peek();
+        const host::trace_point *a = normal_.peek();
+        const host::trace_point *b = error_.peek();
         if (a == nullptr && b == nullptr) {
             return false;
         }
-        ring_reader &from = b == nullptr || (a != nullptr && a->time_ns <= b->time_ns) ? normal : error;
+        ring_reader &from = b == nullptr || (a != nullptr && a->time_ns <= b->time_ns) ? normal_ : error_;
         write_trace(json, *from.peek(), from.kind());
         from.advance();
         return true;
     }
 
-    ring_reader normal;
-    ring_reader error;
+    ring_reader normal_;
+    ring_reader error_;
 };
 
 } // namespace

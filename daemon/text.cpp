@@ -23,7 +23,7 @@ uint8_t byte_at(std::string_view text, size_t at)
 struct utf8_form {
     uint8_t first_least;
     uint8_t first_most;
-    size_t length;
+    uint8_t length;
     uint8_t second_least; // keeps out longer forms of shorter characters, surrogates, and what is beyond U+10FFFF
     uint8_t second_most;
 };

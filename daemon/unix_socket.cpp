@@ -81,37 +81,37 @@ std::string listening_socket::open(const std::string &path, const std::string &g
 
 std::string listening_socket::lock(const std::string &path)
 {
-    lock_file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (lock_file < 0) {
+    lock_file_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (lock_file_ < 0) {
         return failed("lock file", path);
     }
     struct flock whole {};
     whole.l_type = F_WRLCK;
     whole.l_whence = SEEK_SET;
-    if (fcntl(lock_file, F_SETLK, &whole) == 0) {
+    if (fcntl(lock_file_, F_SETLK, &whole) == 0) {
         return {};
     }
     struct flock holder = whole;
-    const bool is_known = fcntl(lock_file, F_GETLK, &holder) == 0 && holder.l_type != F_UNLCK;
+    const bool is_known = fcntl(lock_file_, F_GETLK, &holder) == 0 && holder.l_type != F_UNLCK;
     return "another l2fibd" + (is_known ? ", process " + std::to_string(holder.l_pid) + "," : std::string())
            + " serves this socket (" + path + " is locked)";
 }
 
 std::string listening_socket::bind_to(const std::string &path)
 {
-    listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (listener < 0) {
+    listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (listener_ < 0) {
         return failed("socket", path);
     }
     // The file has its mode from its first moment.
     const mode_t before = umask(0117);
-    const int status = connect_or_bind(listener, path, bind);
+    const int status = connect_or_bind(listener_, path, bind);
     umask(before);
     if (status != 0) {
         return failed("socket", path);
     }
-    bound_path = path;
-    return listen(listener, backlog) == 0 ? "" : failed("socket", path);
+    bound_path_ = path;
+    return listen(listener_, backlog) == 0 ? "" : failed("socket", path);
 }
 
 std::string listening_socket::give_to(const std::string &group) const
@@ -120,18 +120,18 @@ std::string listening_socket::give_to(const std::string &group) const
     if (found == nullptr) {
         return "socket group " + group + ": there is no such group";
     }
-    const bool given = chown(bound_path.c_str(), static_cast<uid_t>(-1), found->gr_gid) == 0;
-    return given ? "" : failed("socket group " + group + " for", bound_path);
+    const bool given = chown(bound_path_.c_str(), static_cast<uid_t>(-1), found->gr_gid) == 0;
+    return given ? "" : failed("socket group " + group + " for", bound_path_);
 }
 
 void listening_socket::close()
 {
-    if (!bound_path.empty()) {
-        unlink(bound_path.c_str());
-        bound_path.clear();
+    if (!bound_path_.empty()) {
+        unlink(bound_path_.c_str());
+        bound_path_.clear();
     }
     // The lock file stays: removing it would let two processes lock two files of the same name.
-    for (int *descriptor : {&listener, &lock_file}) {
+    for (int *descriptor : {&listener_, &lock_file_}) {
         if (*descriptor >= 0) {
             ::close(*descriptor);
             *descriptor = -1;

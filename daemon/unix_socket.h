@@ -23,19 +23,19 @@ public:
     // Removes the socket file and lets the lock go; harmless when repeated.
     void close();
 
-    int descriptor() const { return listener; }
+    int descriptor() const { return listener_; }
 
     // The descriptor is somebody else's to close from now on.
-    void hand_over() { listener = -1; }
+    void hand_over() { listener_ = -1; }
 
 private:
     std::string lock(const std::string &path);
     std::string bind_to(const std::string &path);
     std::string give_to(const std::string &group) const;
 
-    std::string bound_path = {};
-    int lock_file = -1;
-    int listener = -1;
+    std::string bound_path_ = {};
+    int lock_file_ = -1;
+    int listener_ = -1;
 };
 
 // The longest path of a socket.
