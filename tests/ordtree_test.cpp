@@ -283,6 +283,30 @@ TEST(ordtree, survives_every_order_of_insertion_and_deletion)
     }
 }
 
+// Seven keys: each order of insertion, each time with another order of deletion, so that every one comes up for both.
+TEST(ordtree, holds_seven_keys_in_each_of_their_orders)
+{
+    auto records = numbered_records(7);
+    for (const kind &of : kinds) {
+        ordtree_t tree{};
+        ASSERT_EQ(init(tree, of), 0U);
+        sequence insertion = ascending(7);
+        sequence deletion = descending(7);
+        do {
+            for (const std::uint32_t i : insertion) {
+                ASSERT_NE(ordtree_insert(&tree, records[i].links), nullptr);
+                ASSERT_SOUND(tree);
+            }
+            for (const std::uint32_t i : deletion) {
+                ASSERT_NE(ordtree_delete(&tree, records[i].links), nullptr);
+                ASSERT_SOUND(tree);
+            }
+            std::prev_permutation(deletion.begin(), deletion.end());
+        } while (std::next_permutation(insertion.begin(), insertion.end()));
+        ordtree_finish(&tree);
+    }
+}
+
 TEST(ordtree, walks_without_a_search_and_while_its_records_leave)
 {
     constexpr std::uint32_t count = 5000;
