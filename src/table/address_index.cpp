@@ -134,11 +134,6 @@ void address_index_release()
     missing = 0;
 }
 
-address_index_statistics address_index_state()
-{
-    return {heads.live, missing};
-}
-
 address_answer address_index_find(const uint8_t *mac_addr, const l2fm_edm_bp_t *preferred, const l2fm_edm_bd_t *bd)
 {
     if (missing != 0) {

@@ -20,12 +20,6 @@ void address_index_unlink(l2fm_edm_mac_t *mac);
 // Gives all memory back; no entry is linked any more.
 void address_index_release();
 
-struct address_index_statistics {
-    uint64_t addresses; // distinct ones in the index
-    uint64_t missing;   // entries that are not
-};
-address_index_statistics address_index_state();
-
 struct address_answer {
     bool known;          // false: search the trees
     l2fm_edm_mac_t *mac; // null: there is none
