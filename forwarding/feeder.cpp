@@ -51,8 +51,8 @@ l2fm_edm_bp_t *port_for(const l2fib_mac_edm_entry_t &entry)
     return l2fm_edm_table_bp_create(bd, entry.xcid);
 }
 
-// The feed takes an address that is new on its port for one that has moved there. That is wrong of the devices' own
-// entries, which several devices of a bridge may have for one address: this files one beside the others.
+// The feed takes an address that is new on its port for one that has moved there. That is wrong of flood lists: each
+// tunnel of a bridge domain may have one, under the same zero address. This files one beside the others.
 uint32_t file_beside(const l2fib_mac_edm_entry_t &entry)
 {
     const table_hold hold;
@@ -260,8 +260,7 @@ void feeder::feed(uint32_t at)
     }
 }
 
-// Whether another entry of the copy was fed to the same place in the cache: the bridge's and the device's of one
-// address, the destinations of a flood list.
+// Whether another entry of the copy was fed to the same place in the cache, as the destinations of a flood list are.
 bool feeder::position_is_shared(uint32_t at) const
 {
     const copy_entry &entry = copy_.entries[at];

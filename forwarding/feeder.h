@@ -65,14 +65,6 @@ private:
     static const char *text_of(refusal reason);
     static int64_t milliseconds_since_epoch_minus_steady();
 
-    // An entry of the cache that the feed has not confirmed.
-    struct doubtful {
-        l2fib_mac_edm_entry_t cached;
-        bool known_elsewhere;
-        uint32_t first_key;
-        uint32_t keys;
-    };
-
     struct bridge_counters {
         std::atomic<uint32_t> plain, fixed, local, both;
     };
@@ -130,9 +122,11 @@ private:
     void refresh_ages(const resync_scope &scope);
     void ask_ages(std::vector<fdb_key> &keys);
     bool age_matters(uint32_t entry) const;
+    template <typename Visit>
+    void for_each_answer(const std::vector<fdb_key> &keys, Visit visit);
     void keep_doubtful(const resync_scope &scope);
-    void add_keys_of(doubtful &about, std::vector<fdb_key> &keys) const;
-    void decide(const doubtful &about, std::span<const fdb_key> keys, std::span<const fdb_answer> answers);
+    bool key_of_doubtful(const l2fib_mac_edm_entry_t &cached, fdb_key &key) const;
+    void decide(const l2fib_mac_edm_entry_t &cached, const fdb_key &key, const fdb_answer &answer);
 
     table_copy copy_;
     plane &plane_;

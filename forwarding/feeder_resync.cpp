@@ -91,6 +91,21 @@ std::vector<l2fib_mac_edm_entry_t> stale_entries(const resync_scope &scope)
 
 } // namespace
 
+// ---- Questions to the plane ----
+
+template <typename Visit>
+void feeder::for_each_answer(const std::vector<fdb_key> &keys, Visit visit)
+{
+    std::vector<fdb_answer> answers(query_batch);
+    for (size_t done = 0; done < keys.size(); done += query_batch) {
+        const std::span batch = std::span(keys).subspan(done, std::min(query_batch, keys.size() - done));
+        plane_.query(batch, std::span(answers).first(batch.size()));
+        for (size_t at = 0; at < batch.size(); ++at) {
+            visit(done + at, answers[at]);
+        }
+    }
+}
+
 // ---- Resyncs ----
 
 uint64_t feeder::entries_in(const resync_scope &scope) const
@@ -221,94 +236,65 @@ void feeder::refresh_ages(const resync_scope &scope)
 
 void feeder::ask_ages(std::vector<fdb_key> &keys)
 {
-    std::vector<fdb_answer> answers(query_batch);
-    for (size_t done = 0; done < keys.size(); done += query_batch) {
-        const std::span<const fdb_key> batch(keys.data() + done, std::min(query_batch, keys.size() - done));
-        plane_.query(batch, std::span(answers).first(batch.size()));
-        for (size_t at = 0; at < batch.size(); ++at) {
-            const uint32_t entry = copy_.find(batch[at]);
-            if (answers[at].presence == fdb_presence::present && entry != no_slot && copy_.entries[entry].alive
-                && answers[at].record.ifindex == copy_.entries[entry].record.ifindex) {
-                copy_.entries[entry].record.updated_ms = answers[at].record.updated_ms;
-            }
+    for_each_answer(keys, [&](size_t at, const fdb_answer &answer) {
+        const uint32_t entry = copy_.find(keys[at]);
+        if (answer.presence == fdb_presence::present && entry != no_slot && copy_.entries[entry].alive
+            && answer.record.ifindex == copy_.entries[entry].record.ifindex) {
+            copy_.entries[entry].record.updated_ms = answer.record.updated_ms;
         }
-    }
+    });
 }
 
 // ---- Doubtful entries ----
 
-// What the plane could hold the entry as: the bridge's entry, a VXLAN device's own. Nothing when the copy knows it.
-void feeder::add_keys_of(doubtful &about, std::vector<fdb_key> &keys) const
+// What the plane would hold an entry of the cache as, which the feed has not confirmed. False: there is nothing to ask,
+// because its bridge domain has gone or the copy knows better.
+bool feeder::key_of_doubtful(const l2fib_mac_edm_entry_t &cached, fdb_key &key) const
 {
-    about.first_key = static_cast<uint32_t>(keys.size());
-    const auto domain = domains_by_id_.find(about.cached.bridge_id);
+    const auto domain = domains_by_id_.find(cached.bridge_id);
     if (domain == domains_by_id_.end()) {
-        return;
+        return false;
     }
     const copy_domain &in = copy_.domains[domain->second];
-    const mac_address mac = address_of(about.cached.mac_addr);
-    keys.push_back({in.bridge, false, in.vlan, 0, mac, {}});
-    const auto port = ports_by_xcid_.find(about.cached.xcid);
-    if (port != ports_by_xcid_.end() && copy_.ports[port->second].key.kind == link_kind::vxlan) {
+    key = {in.bridge, false, in.vlan, 0, address_of(cached.mac_addr), {}};
+    const auto port = ports_by_xcid_.find(cached.xcid);
+    if (key.mac == mac_address{} && port != ports_by_xcid_.end()) {
         const port_key &on = copy_.ports[port->second].key;
         const copy_link *device = copy_.find_link(on.ifindex);
-        fdb_key own{on.ifindex, true, 0, device != nullptr && device->record.external ? on.vni : 0, mac, {}};
-        if (mac == mac_address{} && (about.cached.flags & EDM_MAC_VNI) != 0) {
-            own.destination.kind = destination_kind::ipv4;
-            std::memcpy(own.destination.address.data(), about.cached.vtep_addr, sizeof about.cached.vtep_addr);
+        const uint32_t source_vni = device != nullptr && device->record.external ? on.vni : 0;
+        key = {on.ifindex, true, 0, source_vni, key.mac, {}};
+        if ((cached.flags & EDM_MAC_VNI) != 0) {
+            key.destination.kind = destination_kind::ipv4;
+            std::memcpy(key.destination.address.data(), cached.vtep_addr, sizeof cached.vtep_addr);
         }
-        keys.push_back(own);
     }
-    about.keys = static_cast<uint32_t>(keys.size()) - about.first_key;
-    for (uint32_t at = about.first_key; at < keys.size(); ++at) {
-        const uint32_t entry = copy_.find(keys[at]);
-        about.known_elsewhere |= entry != no_slot && copy_.entries[entry].alive;
-    }
+    const uint32_t known = copy_.find(key);
+    return known == no_slot || !copy_.entries[known].alive;
 }
 
-void feeder::decide(const doubtful &about, std::span<const fdb_key> keys, std::span<const fdb_answer> answers)
+void feeder::decide(const l2fib_mac_edm_entry_t &cached, const fdb_key &key, const fdb_answer &answer)
 {
-    bool kept = false;
-    bool unsure = false;
-    for (size_t at = 0; at < answers.size(); ++at) {
-        unsure |= answers[at].presence == fdb_presence::cannot_tell;
-        if (answers[at].presence == fdb_presence::present) {
-            copy_.fdb_changed(answers[at].record);
-            feed(copy_.find(keys[at]));
-            kept = true;
-        }
+    if (answer.presence == fdb_presence::present) {
+        copy_.fdb_changed(answer.record);
+        feed(copy_.find(key));
+        ++kept_;
+    } else if (answer.presence == fdb_presence::cannot_tell) {
+        kept_ += l2fib_mac_edm_add(&cached) == 0 ? 1 : 0;
     }
-    if (!kept && unsure) {
-        kept = l2fib_mac_edm_add(&about.cached) == 0;
-    }
-    kept_ += kept ? 1 : 0;
 }
 
 void feeder::keep_doubtful(const resync_scope &scope)
 {
-    const std::vector<l2fib_mac_edm_entry_t> stale = stale_entries(scope);
-    constexpr size_t step = query_batch / 2; // an entry has up to two keys
-    std::vector<fdb_answer> answers(query_batch);
-    for (size_t done = 0; done < stale.size(); done += step) {
-        std::vector<doubtful> batch;
-        std::vector<fdb_key> keys;
-        for (size_t at = done; at < std::min(done + step, stale.size()); ++at) {
-            doubtful about{stale[at], false, 0, 0};
-            add_keys_of(about, keys);
-            if (about.known_elsewhere) {
-                keys.resize(about.first_key);
-            } else if (about.keys != 0) {
-                batch.push_back(about);
-            }
-        }
-        const std::span<fdb_answer> room = std::span(answers).first(keys.size());
-        plane_.query(keys, room);
-        asked_ += batch.size();
-        for (const doubtful &about : batch) {
-            decide(about, std::span(keys).subspan(about.first_key, about.keys),
-                   room.subspan(about.first_key, about.keys));
+    std::vector<l2fib_mac_edm_entry_t> asked;
+    std::vector<fdb_key> keys;
+    for (const l2fib_mac_edm_entry_t &cached : stale_entries(scope)) {
+        if (fdb_key key; key_of_doubtful(cached, key)) {
+            asked.push_back(cached);
+            keys.push_back(key);
         }
     }
+    asked_ += keys.size();
+    for_each_answer(keys, [&](size_t at, const fdb_answer &answer) { decide(asked[at], keys[at], answer); });
 }
 
 } // namespace forwarding

@@ -126,7 +126,7 @@ constexpr const char *standing_texts[] = {
     nullptr,
     nullptr,
     nullptr,
-    "the device's own entry for an address that the bridge holds on another port",
+    "VXLAN device's own entry for an address that its bridge does not hold there",
     "receive filter",
     "VXLAN device without a bridge",
     "bridge that is not known by a name",
@@ -146,14 +146,7 @@ uint32_t joined_entry(const table_copy &copy, const copy_entry &entry)
     return copy.entries[first].record.self ? first : no_slot;
 }
 
-// Whether the bridge that a VXLAN device is in holds the address on another port.
-bool bridge_has_elsewhere(const table_copy &copy, const copy_entry &entry)
-{
-    const port_key &on = copy.ports[entry.port].key;
-    const uint32_t found = copy.find({on.master, false, entry.record.vlan, 0, entry.record.mac, {}});
-    return found != no_slot && copy.entries[found].alive && copy.entries[found].record.ifindex != on.ifindex;
-}
-
+// The bridge decides what it forwards where; the device's own entry only adds the tunnel's end.
 standing standing_of_own(const table_copy &copy, uint32_t entry)
 {
     const copy_entry &own = copy.entries[entry];
@@ -161,10 +154,7 @@ standing standing_of_own(const table_copy &copy, uint32_t entry)
     if (own.record.mac == zero_mac) {
         return group.first == entry ? standing::fed : standing::of_flood_list;
     }
-    if (group.of_bridge != 0 && group.first == entry) {
-        return standing::joined;
-    }
-    return bridge_has_elsewhere(copy, own) ? standing::elsewhere : standing::fed;
+    return group.of_bridge != 0 ? standing::joined : standing::unpaired;
 }
 
 void set_timestamp(const fdb_record &record, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &to)

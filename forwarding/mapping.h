@@ -63,7 +63,7 @@ enum class standing : uint8_t {
     fed,
     joined,         // a VXLAN device's own entry that is told with the bridge's
     of_flood_list,  // another destination of an address that is told already
-    elsewhere,      // a VXLAN device's own entry for an address that the bridge holds on another port
+    unpaired,       // a VXLAN device's own entry for an address that its bridge does not hold there
     receive_filter, // a device's own entry, and the device is not VXLAN
     without_bridge, // of a VXLAN device that is in no bridge
     without_name,   // its bridge has not been told, or could not be named

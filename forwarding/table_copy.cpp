@@ -161,13 +161,9 @@ void table_copy::follow_master(const copy_link &changed, const link_record &befo
 {
     if (before.master != 0) {
         drop(link(before.master).members, changed.record.ifindex);
-        drop(link(before.master).vxlan_devices, changed.record.ifindex);
     }
     if (changed.record.master != 0) {
         link(changed.record.master).members.push_back(changed.record.ifindex);
-        if (changed.record.kind == link_kind::vxlan) {
-            link(changed.record.master).vxlan_devices.push_back(changed.record.ifindex);
-        }
     }
 }
 
@@ -382,7 +378,6 @@ void table_copy::enter(uint32_t entry, const fdb_record &record)
     link_to_port(entry, port_at(place_of(record)));
     listener_.entry_touched(entry);
     affect_group(entries[entry].group, entry);
-    affect_others(record);
 }
 
 void table_copy::update(uint32_t entry, const fdb_record &record)
@@ -393,7 +388,7 @@ void table_copy::update(uint32_t entry, const fdb_record &record)
         ++unchanged;
         return;
     }
-    const fdb_record before = std::exchange(known.record, record);
+    known.record = record;
     const uint32_t group_before = known.group;
     const uint32_t port = port_at(place_of(record));
     if (port != known.port) {
@@ -403,9 +398,6 @@ void table_copy::update(uint32_t entry, const fdb_record &record)
     }
     listener_.entry_touched(entry);
     affect_group(known.group, entry);
-    if (before.ifindex != record.ifindex) {
-        affect_others(record);
-    }
 }
 
 void table_copy::remove(uint32_t entry)
@@ -417,7 +409,6 @@ void table_copy::remove(uint32_t entry)
     --living;
     listener_.entry_touched(entry);
     affect_group(group, entry);
-    affect_others(gone.record);
 }
 
 void table_copy::release(uint32_t entry)
@@ -504,21 +495,6 @@ void table_copy::affect_group(uint32_t group, uint32_t except)
             listener_.entry_affected(entry);
         }
         --most;
-    }
-}
-
-// Where the bridge holds an address decides whether the VXLAN devices' own entries for it count.
-void table_copy::affect_others(const fdb_record &record)
-{
-    if (record.self) {
-        return;
-    }
-    const auto bridge = links_.find(record.master);
-    if (bridge == links_.end()) {
-        return;
-    }
-    for (const uint32_t device : bridge->second.vxlan_devices) {
-        affect_group(find_group(device, record.mac), no_slot);
     }
 }
 

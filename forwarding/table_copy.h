@@ -80,9 +80,8 @@ struct copy_link {
     bool known = false; // told, and not only named by something else
     uint64_t generation = 0;
     std::vector<uint32_t> ports;
-    std::vector<uint32_t> domains;       // of a bridge
-    std::vector<uint32_t> members;       // interface indexes of the links whose master it is
-    std::vector<uint32_t> vxlan_devices; // of these, the VXLAN devices
+    std::vector<uint32_t> domains; // of a bridge
+    std::vector<uint32_t> members; // interface indexes of the links whose master it is
 };
 
 // The entries for one address on one VXLAN device.
@@ -192,7 +191,6 @@ private:
     void join_group(uint32_t entry);
     void leave_group(uint32_t entry);
     void affect_group(uint32_t group, uint32_t except);
-    void affect_others(const fdb_record &record);
     void drop_untold_links();
 
     copy_listener &listener_;
