@@ -1,0 +1,210 @@
+#!/usr/bin/env bats
+# What l2fibctl shows is what the kernel's own bridges and tunnels hold, whatever happens to them meanwhile: on a fabric
+# of namespaces that this file makes and removes. L2FIBD and L2FIBCTL name the programs.
+
+bats_require_minimum_version 1.5.0
+
+setup_file()
+{
+    [[ $EUID -eq 0 ]] || skip "needs root, to make network namespaces"
+    source "$BATS_TEST_DIRNAME/../../scripts/namespaces.sh"
+    export fabric leaf1 leaf2 vni
+    local -r bin=$BATS_TEST_DIRNAME/../../build/test/bin
+    export L2FIBD=${L2FIBD:-$bin/l2fibd} L2FIBCTL=${L2FIBCTL:-$bin/l2fibctl}
+    export L2FIBD_SOCKET=$BATS_FILE_TMPDIR/kernel.sock
+    make_fabric
+    "$L2FIBD" --plane kernel --netns "$leaf1" --group leaf1 --socket "$L2FIBD_SOCKET" 2>"$BATS_FILE_TMPDIR/log" 3>&- &
+    export DAEMON=$!
+    until "$L2FIBCTL" show health >/dev/null 2>&1; do
+        kill -0 "$DAEMON" || { cat "$BATS_FILE_TMPDIR/log" && return 1; }
+        sleep 0.05
+    done
+}
+
+teardown_file()
+{
+    local status=0
+    if [[ -n ${DAEMON-} ]]; then
+        kill -CONT "$DAEMON"
+        kill -TERM "$DAEMON"
+        wait "$DAEMON" || status=1
+        grep -q 'ended; released' "$BATS_FILE_TMPDIR/log" || status=1
+    fi
+    source "$BATS_TEST_DIRNAME/../../scripts/namespaces.sh" # for the name of this process's namespaces
+    remove_fabric
+    return "$status"
+}
+
+ctl()
+{
+    "$L2FIBCTL" "$@"
+}
+
+leaf()
+{
+    ip netns exec "$leaf1" "$@"
+}
+
+# Entries as both sides tell them. Receive filters are no forwarding entries; the flood list shows in the tunnel end
+# points. An entry of a VXLAN device alone is in no bridge.
+normalised()
+{
+    jq --compact-output --sort-keys \
+        '[.[] | select(.master) | {mac, ifname, master, state: (.state // ""), flags}] | unique | .[]'
+}
+
+# Both tell the same. The hosts' own traffic may teach the bridge an address, or one may age, between the two readings:
+# what is really lost, or stays, does so at every look.
+same_as_kernel()
+{
+    local -r at=$BATS_TEST_TMPDIR
+    local look
+    for look in 1 2 3 4 5; do
+        leaf bridge -j fdb show | normalised >"$at/kernel"
+        ctl --bridge-json show mac | normalised >"$at/ours"
+        diff "$at/kernel" "$at/ours" >"$at/difference$look" && return
+        sleep 0.2
+    done
+    echo "kernel (<) and l2fibctl (>) differ:"
+    head -n 20 "$at"/difference*
+    return 1
+}
+
+# add_port NAME [BRIDGE]
+add_port()
+{
+    leaf ip link add "$1" type veth peer name "$1-peer"
+    leaf ip link set "$1" master "${2-br0}" up
+}
+
+# entries COMMAND FIRST COUNT PORT: addresses FIRST to FIRST + COUNT - 1 of a port, by one batch.
+entries()
+{
+    local -r command=$1 first=$2 count=$3 port=$4
+    seq "$first" $((first + count - 1)) | awk -v command="$command" -v port="$port" '{
+        printf "fdb %s 02:aa:00:%02x:%02x:%02x dev %s master%s\n", command, $1 / 65536, $1 / 256 % 256, $1 % 256, port,
+            command == "add" ? " static" : ""
+    }' | leaf bridge -batch -
+}
+
+vteps()
+{
+    ctl --json-lines show vtep | jq --raw-output .address | sort | tr '\n' ' '
+}
+
+bridges()
+{
+    ctl --json-lines show domain | jq --raw-output .bridge | sort | tr '\n' ' '
+}
+
+@test "learned addresses, local ones and those behind the tunnel" {
+    same_as_kernel
+    [ "$(grep -c "\"vxlan$vni\"" "$BATS_TEST_TMPDIR/ours")" -ge 3 ]
+    [ "$(vteps)" = "192.0.2.2 " ]
+}
+
+@test "static entries, added and deleted" {
+    leaf bridge fdb add 02:00:00:00:00:01 dev host1 master static
+    leaf bridge fdb add 02:00:00:00:00:02 dev host2 master static sticky
+    same_as_kernel
+    ctl show mac 02:00:00:00:00:01 | grep -q static
+    leaf bridge fdb del 02:00:00:00:00:01 dev host1 master
+    same_as_kernel
+    run -1 ctl show mac 02:00:00:00:00:01
+}
+
+@test "an address that moves between ports, and into the tunnel" {
+    local port
+    for port in host1 host2 "vxlan$vni" host1; do
+        leaf bridge fdb replace 02:00:00:00:00:03 dev "$port" master dynamic
+        same_as_kernel
+        [ "$(ctl --json-lines show mac 02:00:00:00:00:03 | jq --raw-output .port)" = "$port" ]
+    done
+}
+
+@test "flush and ageing" {
+    leaf ip link set br0 type bridge fdb_flush
+    same_as_kernel
+    leaf ip link set br0 type bridge ageing_time 100
+    ip netns exec "$fabric-host1" ping -q -c 1 198.51.100.3 >/dev/null
+    same_as_kernel
+    grep -q '"state":""' "$BATS_TEST_TMPDIR/ours"
+    while leaf bridge -j fdb show | normalised | grep -q '"state":""'; do
+        sleep 0.2
+    done
+    same_as_kernel
+    leaf ip link set br0 type bridge ageing_time 30000
+}
+
+@test "flood lists show every tunnel end point" {
+    leaf bridge fdb append 00:00:00:00:00:00 dev "vxlan$vni" dst 192.0.2.77
+    leaf bridge fdb append 00:00:00:00:00:00 dev "vxlan$vni" dst 192.0.2.78
+    [ "$(vteps)" = "192.0.2.2 192.0.2.77 192.0.2.78 " ]
+    leaf bridge fdb del 00:00:00:00:00:00 dev "vxlan$vni" dst 192.0.2.77
+    [ "$(vteps)" = "192.0.2.2 192.0.2.78 " ]
+}
+
+@test "an interface and a bridge that are renamed" {
+    add_port before
+    entries add 1 10 before
+    leaf ip link set before down
+    leaf ip link set before name after
+    leaf ip link set after up
+    same_as_kernel
+    [ "$(grep -c '"after"' "$BATS_TEST_TMPDIR/ours")" -ge 10 ]
+    leaf ip link add other type bridge
+    leaf ip link set other up name another
+    [ "$(bridges)" = "another br0 " ]
+    leaf ip link del another
+    leaf ip link del after
+    same_as_kernel
+}
+
+@test "a port and a bridge that go with their entries" {
+    leaf ip link add br1 type bridge
+    leaf ip link set br1 up
+    add_port p1 br1
+    entries add 1 2000 p1
+    same_as_kernel
+    leaf ip link set p1 nomaster
+    same_as_kernel
+    leaf ip link set p1 master br1
+    entries add 1 2000 p1
+    leaf ip link del br1
+    same_as_kernel
+    [ "$(bridges)" = "br0 " ]
+    leaf ip link del p1
+}
+
+@test "50,000 entries at once, and 20,000 deletions while they are asked for" {
+    add_port many
+    entries add 1 50000 many
+    same_as_kernel
+    (for ((first = 1; first < 20000; first += 1000)); do entries del "$first" 1000 many; done) &
+    local -r deleter=$!
+    local rounds=0
+    while kill -0 "$deleter" 2>/dev/null; do
+        # None of those that stay may ever be missing.
+        [ "$(ctl --json-lines show mac --port many | jq --raw-output '."mac-address"' |
+            awk '/^02:aa/ && $0 > "02:aa:00:00:4e:20"' | wc -l)" -eq 30000 ]
+        rounds=$((rounds + 1))
+    done
+    wait "$deleter"
+    [ "$rounds" -ge 1 ]
+    same_as_kernel
+}
+
+@test "an overrun of the notifications is made good" {
+    kill -STOP "$DAEMON"
+    entries del 20001 30000 many
+    entries add 100001 60000 many
+    kill -CONT "$DAEMON"
+    local tries
+    for ((tries = 0; tries < 100; tries++)); do
+        [ "$(ctl --json show health | jq --raw-output '.. | .status? // empty')" = clean ] && break
+        sleep 0.1
+    done
+    same_as_kernel
+    leaf ip link del many
+    same_as_kernel
+}
