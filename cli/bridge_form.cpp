@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <span>
 #include <string_view>
 
 namespace l2fibctl {
@@ -10,86 +11,92 @@ namespace {
 
 using nlohmann::json;
 
-struct flag_text {
+struct word_pair {
     std::string_view ours;
     std::string_view theirs;
-    bool of_device; // kept by the VXLAN device as well
 };
 
-constexpr flag_text flag_texts[] = {
-    {"extern-learned", "extern_learn", true},
-    {"offloaded", "offload", true},
-    {"sticky", "sticky", false},
-    {"locked", "locked", false},
+constexpr word_pair flag_words[] = {
+    {"extern-learned", "extern_learn"},
+    {"offloaded", "offload"},
+    {"sticky", "sticky"},
+    {"locked", "locked"},
 };
 
-struct state_text {
-    std::string_view origin;
-    std::string_view in_bridge;
-    std::string_view in_device;
+constexpr word_pair bridge_states[] = {
+    {"static", "static"},
+    {"local", "permanent"},
 };
 
-constexpr state_text state_texts[] = {
-    {"learned", "", ""},
-    {"static", "static", "permanent"},
-    {"local", "permanent", "permanent"},
+constexpr word_pair device_states[] = {
+    {"permanent", "permanent"},
+    {"static", "static"},
+    {"stale", "stale"},
 };
 
-const state_text &state_of(const json &entry)
+// Members that are called otherwise there, where an entry has them.
+constexpr word_pair device_members[] = {
+    {"destination", "dst"},
+    {"vni", "vni"},
+    {"source-vni", "src_vni"},
+    {"next-hop-id", "nhid"},
+};
+
+bool has_word(const json &words, std::string_view word)
 {
-    const auto origin = entry.value("origin", std::string());
-    const auto *found = std::ranges::find(state_texts, origin, &state_text::origin);
-    return found != std::end(state_texts) ? *found : state_texts[0];
+    return std::ranges::find(words, word) != words.end();
 }
 
-void add_flags(json &to, const json &entry, bool of_device)
+// The first state that one of the words tells; none is an entry that was learned.
+std::string_view state_of(const json &words, std::span<const word_pair> states)
 {
-    const json ours = entry.value("flags", json::array());
-    for (const flag_text &flag : flag_texts) {
-        if ((flag.of_device || !of_device) && std::ranges::find(ours, flag.ours) != ours.end()) {
-            to.push_back(flag.theirs);
+    const auto found = std::ranges::find_if(states, [&](const word_pair &row) { return has_word(words, row.ours); });
+    return found != states.end() ? found->theirs : std::string_view();
+}
+
+void add_flags(json &to, const json &words)
+{
+    for (const word_pair &row : flag_words) {
+        if (has_word(words, row.ours)) {
+            to.push_back(row.theirs);
         }
     }
 }
 
-json in_bridge(const json &entry, const std::string &bridge)
-{
-    json made = {{"mac", entry.value("mac-address", "")},
-                 {"ifname", entry.value("port", bridge)},
-                 {"flags", json::array()},
-                 {"master", bridge},
-                 {"state", state_of(entry).in_bridge}};
-    if (entry.contains("vlan")) {
-        made["vlan"] = entry["vlan"];
-    }
-    add_flags(made["flags"], entry, false);
-    return made;
-}
-
-json in_device(const json &entry)
-{
-    json made = {{"mac", entry.value("mac-address", "")},
-                 {"ifname", entry.value("port", "")},
-                 {"dst", entry.value("vtep", "")},
-                 {"flags", {"self"}},
-                 {"state", state_of(entry).in_device}};
-    add_flags(made["flags"], entry, true);
-    return made;
-}
-
 } // namespace
 
-std::vector<json> bridge_form(const json &entry, const bridge_names &bridges)
+json bridge_entry_of(const json &mac_entry, const bridge_names &bridges)
 {
-    const auto bridge = bridges.find(entry.value("bridge-id", uint64_t(0)));
-    std::vector<json> made;
-    // Destinations of the zero address are the flood list, which only the device has.
-    if (entry.value("mac-address", "") != "00:00:00:00:00:00") {
-        made.push_back(in_bridge(entry, bridge != bridges.end() ? bridge->second : ""));
+    if (mac_entry.value("mac-address", "") == "00:00:00:00:00:00") {
+        return {};
     }
-    if (entry.contains("vtep")) {
-        made.push_back(in_device(entry));
+    const auto found = bridges.find(mac_entry.value("bridge-id", uint64_t(0)));
+    const std::string bridge = found != bridges.end() ? found->second : "";
+    json made = {{"mac", mac_entry.value("mac-address", "")},
+                 {"ifname", mac_entry.value("port", bridge)},
+                 {"flags", json::array()},
+                 {"master", bridge},
+                 {"state", state_of({mac_entry.value("origin", "")}, bridge_states)}};
+    if (mac_entry.contains("vlan")) {
+        made["vlan"] = mac_entry["vlan"];
     }
+    add_flags(made["flags"], mac_entry.value("flags", json::array()));
+    return made;
+}
+
+json device_entry_of(const json &tunnel_entry)
+{
+    const json words = tunnel_entry.value("flags", json::array());
+    json made = {{"mac", tunnel_entry.value("mac-address", "")},
+                 {"ifname", tunnel_entry.value("port", "")},
+                 {"flags", {"self"}},
+                 {"state", state_of(words, device_states)}};
+    for (const word_pair &row : device_members) {
+        if (tunnel_entry.contains(row.ours)) {
+            made[row.theirs] = tunnel_entry[row.ours];
+        }
+    }
+    add_flags(made["flags"], words);
     return made;
 }
 

@@ -36,6 +36,7 @@ struct item_filter {
     std::set<uint64_t> xcids = {};
     std::string address = {};
     std::string vtep = {};
+    const char *vtep_member = "vtep";
 
     bool empty() const { return domain.empty() && xcids.empty() && address.empty() && vtep.empty(); }
     bool accepts(const json &item) const
@@ -43,7 +44,7 @@ struct item_filter {
         const auto fits = [&](const std::string &wanted, const char *member) {
             return wanted.empty() || item.value(member, "") == wanted;
         };
-        return fits(domain, "domain") && fits(address, "mac-address") && fits(vtep, "vtep")
+        return fits(domain, "domain") && fits(address, "mac-address") && fits(vtep, vtep_member)
                && (xcids.empty() || xcids.contains(item.value("xcid", uint64_t(0))));
     }
 };
@@ -178,15 +179,28 @@ plan plan_mac_of_ports(session &with)
     return made;
 }
 
-plan plan_aging(session &with)
+// Everything that was asked for, of a resource that picks nothing itself.
+item_filter whole_filter(session &with)
 {
     const options &how = with.how;
-    plan made = {&mac_entries, {{data_path("mac-aging/mac-entry")}}, {how.domain, {}, how.address, how.vtep}};
+    item_filter made = {how.domain, {}, how.address, how.vtep};
     if (!how.port.empty()) {
         for (const named_port &port : find_ports(with)) {
-            made.filter.xcids.insert(port.xcid);
+            made.xcids.insert(port.xcid);
         }
     }
+    return made;
+}
+
+plan plan_aging(session &with)
+{
+    return {&mac_entries, {{data_path("mac-aging/mac-entry")}}, whole_filter(with)};
+}
+
+plan plan_tunnel(session &with)
+{
+    plan made = {&tunnel_entries, {{data_path("tunnel-entries/tunnel-entry")}}, whole_filter(with)};
+    made.filter.vtep_member = "destination";
     return made;
 }
 
@@ -247,7 +261,7 @@ constexpr planner planners[] = {
     {command::show_domain, plan_list<domains>},
     {command::show_port, plan_list<ports>},
     {command::show_vtep, plan_list<vteps>},
-    {command::show_remote, plan_list<remote_destinations>},
+    {command::show_tunnel, plan_tunnel},
     {command::show_health, plan_health},
     {command::show_trace, plan_list<traces>},
 };
@@ -264,8 +278,11 @@ bridge_names names_of_bridges(session &with)
     return names;
 }
 
+// Makes what is printed from an item; null leaves it out.
+using item_form = std::function<json(json &item)>;
+
 // Whether the printer wants more.
-bool print_part(session &with, const plan &from, const part &one, const bridge_names &bridges, printer &to)
+bool print_part(session &with, const plan &from, const part &one, const item_form &made_of, printer &to)
 {
     const uint64_t limit = with.how.limit.value_or(UINT64_MAX);
     const bool daemon_limits = limit <= most_per_request && from.filter.empty() && from.what->shown_as == layout::table
@@ -278,27 +295,39 @@ bool print_part(session &with, const plan &from, const part &one, const bridge_n
         if (!one.scope.empty()) {
             item["scope"] = one.scope;
         }
-        if (with.how.shown_as != form::bridge_json) {
-            to.item(item);
-        } else {
-            for (const json &entry : bridge_form(item, bridges)) {
-                to.item(entry);
-            }
+        if (const json shown = made_of(item); !shown.is_null()) {
+            to.item(shown);
         }
         return to.printed() < limit;
     });
 }
 
+bool print_plan(session &with, const plan &from, const item_form &made_of, printer &to)
+{
+    return std::ranges::all_of(from.parts, [&](const part &one) { return print_part(with, from, one, made_of, to); });
+}
+
+void print_bridge_form(session &with, const plan &from, printer &to)
+{
+    const bridge_names bridges = names_of_bridges(with);
+    const bool wants_more = print_plan(
+        with, from, [&](json &item) { return bridge_entry_of(item, bridges); }, to);
+    // What the flags of a bridge's entry pick is none of the devices'.
+    if (wants_more && !with.how.flagged) {
+        print_plan(with, plan_tunnel(with), device_entry_of, to);
+    }
+}
+
 void show(session &with, const plan &from)
 {
     const bool as_bridge = with.how.shown_as == form::bridge_json;
-    const bridge_names bridges = as_bridge ? names_of_bridges(with) : bridge_names();
     output out(with.progress_line);
     printer to(with.how.shown_as, as_bridge ? bridge_entries : *from.what, out);
-    for (const part &one : from.parts) {
-        if (!print_part(with, from, one, bridges, to)) {
-            break;
-        }
+    if (as_bridge) {
+        print_bridge_form(with, from, to);
+    } else {
+        print_plan(
+            with, from, [](json &item) { return std::move(item); }, to);
     }
     to.end();
     if (to.printed() == 0) {

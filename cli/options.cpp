@@ -81,7 +81,9 @@ void add_show(CLI::App &app, options &result)
     const scope_options scope = add_scope(*count, result);
     scope.domain->excludes(scope.port);
     add_command(*show, "vtep", "Tunnel end points", command::show_vtep, result);
-    add_command(*show, "remote", "Addresses behind IPv6 destinations and next hops", command::show_remote, result);
+    CLI::App *tunnel = add_command(*show, "tunnel", "What VXLAN devices hold: flood lists, all kinds of destinations",
+                                   command::show_tunnel, result);
+    add_scope(*tunnel, result);
     add_command(*show, "domain", "Bridge domains", command::show_domain, result);
     add_command(*show, "port", "Bridge ports", command::show_port, result);
     add_command(*show, "health", "State of the forwarding plane, memory, requests", command::show_health, result);

@@ -16,7 +16,7 @@ enum class command : uint8_t {
     show_domain,
     show_port,
     show_vtep,
-    show_remote,
+    show_tunnel,
     show_health,
     show_trace,
     resync

@@ -104,11 +104,12 @@ constexpr column vtep_columns[] = {
     {"domain", "Domain", &name_kind}, {"vni", "VNI", &vni_kind},
 };
 
-constexpr column remote_destination_columns[] = {
+constexpr column tunnel_entry_columns[] = {
     {"domain", "Domain", &name_kind},      {"mac-address", "MAC Address", &mac_kind},
     {"bridge-id", "", json_only},          {"xcid", "", json_only},
     {"port", "Port", &port_kind},          {"destination", "Destination", &ip_kind},
-    {"next-hop-id", "Next Hop", &id_kind},
+    {"next-hop-id", "Next Hop", &id_kind}, {"vni", "VNI", &vni_kind},
+    {"source-vni", "From VNI", &vni_kind}, {"flags", "Flags", &rest_kind},
 };
 
 constexpr column trace_columns[] = {
@@ -169,8 +170,9 @@ constexpr column health_columns[] = {
 };
 
 constexpr column bridge_entry_columns[] = {
-    {"mac", "", json_only},   {"ifname", "", json_only}, {"dst", "", json_only},   {"vlan", "", json_only},
-    {"flags", "", json_only}, {"master", "", json_only}, {"state", "", json_only},
+    {"mac", "", json_only},    {"ifname", "", json_only},  {"dst", "", json_only},  {"vlan", "", json_only},
+    {"vni", "", json_only},    {"src_vni", "", json_only}, {"nhid", "", json_only}, {"flags", "", json_only},
+    {"master", "", json_only}, {"state", "", json_only},
 };
 
 } // namespace
@@ -180,7 +182,7 @@ constexpr resource mac_counts = {"mac-count", layout::table, mac_count_columns};
 constexpr resource domains = {"domain", layout::table, domain_columns};
 constexpr resource ports = {"port", layout::table, port_columns};
 constexpr resource vteps = {"vtep", layout::table, vtep_columns};
-constexpr resource remote_destinations = {"remote-destination", layout::table, remote_destination_columns};
+constexpr resource tunnel_entries = {"tunnel-entry", layout::table, tunnel_entry_columns};
 constexpr resource health = {"health", layout::record, health_columns};
 constexpr resource traces = {"trace", layout::table, trace_columns};
 constexpr resource bridge_entries = {"mac-entry", layout::table, bridge_entry_columns};

@@ -43,7 +43,7 @@ extern const resource mac_counts;
 extern const resource domains;
 extern const resource ports;
 extern const resource vteps;
-extern const resource remote_destinations;
+extern const resource tunnel_entries;
 extern const resource health;
 extern const resource traces;
 

@@ -299,21 +299,67 @@ void write_port(json_writer &json, const forwarding::port_view &port)
     json.end_object();
 }
 
-void write_remote_destination(json_writer &json, const forwarding::foreign_destination &entry, port_names &names)
+namespace {
+
+struct bit_word {
+    uint8_t bit;
+    std::string_view word;
+};
+
+// Of a device's own entries; those that say what is usual are left out.
+constexpr bit_word tunnel_state_words[] = {
+    {forwarding::fdb_permanent, "permanent"},
+    {forwarding::fdb_noarp, "static"},
+    {forwarding::fdb_stale, "stale"},
+};
+
+constexpr bit_word tunnel_flag_words[] = {
+    {forwarding::fdb_sticky, "sticky"},
+    {forwarding::fdb_extern_learn, "extern-learned"},
+    {forwarding::fdb_offloaded, "offloaded"},
+};
+
+void write_words(json_writer &json, std::span<const bit_word> words, uint8_t bits)
 {
-    const forwarding::port_view *port = names.find(entry.xcid);
+    for (const bit_word &row : words) {
+        if ((bits & row.bit) != 0) {
+            json.text(row.word);
+        }
+    }
+}
+
+// What a device's own entry delivers to.
+void write_destination(json_writer &json, const forwarding::fdb_destination &destination)
+{
+    switch (destination.kind) {
+    case forwarding::destination_kind::ipv4:
+        json.member("destination", ip_text(std::span(destination.address).first(4)));
+        break;
+    case forwarding::destination_kind::ipv6: json.member("destination", ip_text(destination.address)); break;
+    case forwarding::destination_kind::next_hop: json.member("next-hop-id", destination.next_hop); break;
+    default: break;
+    }
+}
+
+} // namespace
+
+void write_tunnel_entry(json_writer &json, const forwarding::tunnel_entry &entry)
+{
     json.begin_object();
-    if (port != nullptr) {
-        json.member("domain", port->domain);
+    if (entry.bridge_id != 0) {
+        json.member("domain", entry.domain);
+        json.member("bridge-id", entry.bridge_id);
+        json.member("xcid", entry.xcid);
     }
-    json.member("mac-address", mac_text(entry.mac));
-    json.member("bridge-id", entry.bridge_id);
-    write_port_name(json, entry.xcid, names);
-    if (entry.destination.kind == forwarding::destination_kind::next_hop) {
-        json.member("next-hop-id", entry.destination.next_hop);
-    } else {
-        json.member("destination", ip_text(entry.destination.address));
-    }
+    json.member("port", entry.port);
+    json.member("mac-address", mac_text(entry.record.mac));
+    write_destination(json, entry.record.destination);
+    write_if_set(json, "vni", entry.record.vni);
+    write_if_set(json, "source-vni", entry.record.source_vni);
+    json.begin_array("flags");
+    write_words(json, tunnel_state_words, entry.record.state);
+    write_words(json, tunnel_flag_words, entry.record.flags);
+    json.end_array();
     json.end_object();
 }
 

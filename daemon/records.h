@@ -48,7 +48,7 @@ void write_mac_count(json_writer &json, std::span<const uint8_t> record, bool wi
 
 void write_domain(json_writer &json, const forwarding::domain_view &domain);
 void write_port(json_writer &json, const forwarding::port_view &port);
-void write_remote_destination(json_writer &json, const forwarding::foreign_destination &entry, port_names &names);
+void write_tunnel_entry(json_writer &json, const forwarding::tunnel_entry &entry);
 void write_trace(json_writer &json, const host::trace_point &point, host::trace_ring ring);
 
 } // namespace l2fibd

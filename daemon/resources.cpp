@@ -205,9 +205,9 @@ answer list_ports(const call &asked)
     return stream(asked, "port", make_port_source(start_of(asked)));
 }
 
-answer list_remote_destinations(const call &asked)
+answer list_tunnel_entries(const call &asked)
 {
-    return stream(asked, "remote-destination", make_remote_destination_source(start_of(asked)));
+    return stream(asked, "tunnel-entry", make_tunnel_entry_source(start_of(asked)));
 }
 
 answer list_traces(const call &asked)
@@ -365,7 +365,7 @@ constexpr resource resources[] = {
     {"data/l2fib-mac:ports/port=*/mac-count", count_port},
     {"data/l2fib-mac:mac-count", count_all},
     {"data/l2fib-mac:vteps/vtep", list_vteps, paging},
-    {"data/l2fib-mac:remote-destinations/remote-destination", list_remote_destinations, paging},
+    {"data/l2fib-mac:tunnel-entries/tunnel-entry", list_tunnel_entries, paging},
     {"data/l2fib-mac:health", get_health},
     {"data/l2fib-mac:traces/trace", list_traces, paging},
     {"operations/l2fib-mac:resync", resync, none, true},

@@ -53,27 +53,25 @@ private:
 using domain_source = view_source<forwarding::domain_view, &forwarding::domain_view::bridge_id, write_domain>;
 using port_source = view_source<forwarding::port_view, &forwarding::port_view::xcid, write_port>;
 
-class remote_destination_source : public list_source {
+class tunnel_entry_source : public list_source {
 public:
-    explicit remote_destination_source(uint32_t from)
+    explicit tunnel_entry_source(uint32_t from)
         : cursor_(from)
     {}
 
     position fetch(uint32_t most, json_writer &json) override
     {
-        names_.begin_page();
-        const auto entries = forwarding::foreign_destinations(cursor_, most);
-        for (const forwarding::foreign_destination &entry : entries) {
-            write_remote_destination(json, entry, names_);
+        const auto entries = forwarding::tunnel_entries(cursor_, most);
+        for (const forwarding::tunnel_entry &entry : entries) {
+            write_tunnel_entry(json, entry);
         }
         uint32_t ahead = cursor_;
-        const bool more = !entries.empty() && !forwarding::foreign_destinations(ahead, 1).empty();
+        const bool more = !entries.empty() && !forwarding::tunnel_entries(ahead, 1).empty();
         return {std::to_string(cursor_), static_cast<uint32_t>(entries.size()), more};
     }
 
 private:
     uint32_t cursor_;
-    port_names names_;
 };
 
 // Reads one ring's points up to the newest of the time when the list began.
@@ -159,9 +157,9 @@ std::unique_ptr<list_source> make_port_source(const std::optional<std::string> &
     return std::make_unique<port_source>(forwarding::ports(), start);
 }
 
-std::unique_ptr<list_source> make_remote_destination_source(const std::optional<std::string> &start)
+std::unique_ptr<list_source> make_tunnel_entry_source(const std::optional<std::string> &start)
 {
-    return std::make_unique<remote_destination_source>(number_of(start, 0));
+    return std::make_unique<tunnel_entry_source>(number_of(start, 0));
 }
 
 std::unique_ptr<list_source> make_trace_source(const std::optional<std::string> &start)

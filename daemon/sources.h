@@ -32,7 +32,7 @@ std::unique_ptr<list_source> make_database_source(database_list list);
 // for a start that none of them has.
 std::unique_ptr<list_source> make_domain_source(const std::optional<std::string> &start);
 std::unique_ptr<list_source> make_port_source(const std::optional<std::string> &start);
-std::unique_ptr<list_source> make_remote_destination_source(const std::optional<std::string> &start);
+std::unique_ptr<list_source> make_tunnel_entry_source(const std::optional<std::string> &start);
 std::unique_ptr<list_source> make_trace_source(const std::optional<std::string> &start);
 
 } // namespace l2fibd

@@ -57,7 +57,8 @@ public:
     std::vector<domain_view> domains() const;
     std::vector<port_view> ports() const;
 
-    std::vector<foreign_destination> foreign_destinations(uint32_t &cursor, size_t limit) const;
+    // The cache thread.
+    std::vector<tunnel_entry> tunnel_entries(uint32_t &cursor, size_t limit);
 
 private:
     // Why something could not be done.

@@ -381,18 +381,22 @@ std::vector<port_view> feeder::ports() const
     return views;
 }
 
-std::vector<foreign_destination> feeder::foreign_destinations(uint32_t &cursor, size_t limit) const
+std::vector<tunnel_entry> feeder::tunnel_entries(uint32_t &cursor, size_t limit)
 {
-    std::vector<foreign_destination> found;
+    plane_.drain();
+    const std::lock_guard hold(views_mutex_);
+    std::vector<tunnel_entry> found;
     for (; cursor < copy_.entries.bound() && found.size() < limit; ++cursor) {
         const copy_entry &entry = copy_.entries[cursor];
-        const destination_kind kind = entry.record.destination.kind;
-        if (!entry.alive || (kind != destination_kind::ipv6 && kind != destination_kind::next_hop)) {
+        if (!entry.alive || copy_.ports[entry.port].key.kind != link_kind::vxlan || !entry.record.self) {
             continue;
         }
         const copy_port &port = copy_.ports[entry.port];
+        const copy_link *device = copy_.find_link(port.key.ifindex);
         const uint16_t bridge_id = port.domain != no_slot ? copy_.domains[port.domain].bridge_id : uint16_t{0};
-        found.push_back({bridge_id, port.xcid, entry.record.mac, entry.record.destination});
+        const auto domain = domain_views_.find(bridge_id);
+        found.push_back({bridge_id, port.xcid, domain != domain_views_.end() ? domain->second.name : "",
+                         device != nullptr ? device->record.name : "", entry.record});
     }
     return found;
 }

@@ -345,18 +345,18 @@ std::vector<port_view> ports()
 
 namespace {
 
-struct foreign_question {
-    const feeder *feed;
+struct tunnel_question {
+    feeder *feed;
     uint32_t cursor;
     size_t limit;
-    std::promise<std::vector<foreign_destination>> answer;
+    std::promise<std::vector<tunnel_entry>> answer;
 };
 
-void answer_foreign(void *cookie)
+void answer_tunnel_entries(void *cookie)
 {
-    auto *question = static_cast<foreign_question *>(cookie);
+    auto *question = static_cast<tunnel_question *>(cookie);
     try {
-        question->answer.set_value(question->feed->foreign_destinations(question->cursor, question->limit));
+        question->answer.set_value(question->feed->tunnel_entries(question->cursor, question->limit));
     } catch (...) {
         question->answer.set_exception(std::current_exception());
     }
@@ -364,18 +364,18 @@ void answer_foreign(void *cookie)
 
 void answer_nothing(void *cookie)
 {
-    static_cast<foreign_question *>(cookie)->answer.set_value({});
+    static_cast<tunnel_question *>(cookie)->answer.set_value({});
 }
 
 } // namespace
 
-std::vector<foreign_destination> foreign_destinations(uint32_t &cursor, size_t limit)
+std::vector<tunnel_entry> tunnel_entries(uint32_t &cursor, size_t limit)
 {
-    return view_of([&](const feeder &feed) -> std::vector<foreign_destination> {
-        foreign_question question{&feed, cursor, limit, {}};
+    return view_of([&](feeder &feed) -> std::vector<tunnel_entry> {
+        tunnel_question question{&feed, cursor, limit, {}};
         auto answer = question.answer.get_future();
         event_manager_t *evm = host::event_manager_find(cache_path);
-        if (host::event_post(evm, answer_foreign, answer_nothing, &question) != 0) {
+        if (host::event_post(evm, answer_tunnel_entries, answer_nothing, &question) != 0) {
             return {};
         }
         auto found = answer.get();

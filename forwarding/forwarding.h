@@ -131,16 +131,19 @@ struct port_view {
 // By xcid.
 std::vector<port_view> ports();
 
-// An entry whose destination the cache cannot carry.
-struct foreign_destination {
+// A VXLAN device's own entry, as the plane holds it: the cache has what a bridge forwards by, and of a destination
+// only an IPv4 address, one for each MAC address. `bridge_id` and `xcid` are 0, `domain` is empty, of a device that is
+// in no bridge.
+struct tunnel_entry {
     uint16_t bridge_id = 0;
     uint32_t xcid = 0;
-    mac_address mac = {};
-    fdb_destination destination = {}; // IPv6 or a next-hop id
+    std::string domain; // its full name
+    std::string port;   // the device's
+    fdb_record record = {};
 };
 
 // The next ones, at most `limit`, from `cursor` on, which begins at 0 and is moved; an empty page is the end. Asks the
 // cache thread and waits for it. What comes and goes between two pages may be missed or told twice.
-std::vector<foreign_destination> foreign_destinations(uint32_t &cursor, size_t limit);
+std::vector<tunnel_entry> tunnel_entries(uint32_t &cursor, size_t limit);
 
 } // namespace forwarding

@@ -184,12 +184,8 @@ void build(const table_copy &copy, const copy_entry &entry, int64_t epoch_offset
 {
     const fdb_record &record = entry.record;
     const copy_port &port = copy.ports[entry.port];
-    const uint32_t joined = joined_entry(copy, entry);
     to = {};
     to.flags = flags_of(record);
-    if (joined != no_slot) {
-        to.flags = static_cast<uint16_t>(to.flags | flags_of(copy.entries[joined].record));
-    }
     to.ext_flags = (record.flags & fdb_inactive) != 0 ? inactive_bit : 0;
     to.ext_attr = record.vlan;
     to.xcid = port.xcid;
@@ -197,7 +193,7 @@ void build(const table_copy &copy, const copy_entry &entry, int64_t epoch_offset
     std::memcpy(to.mac_addr, record.mac.data(), sizeof to.mac_addr);
     set_timestamp(record, epoch_offset_ms, to);
     set_destination(record.destination, to);
-    if (joined != no_slot) {
+    if (const uint32_t joined = joined_entry(copy, entry); joined != no_slot) {
         set_destination(copy.entries[joined].record.destination, to);
     }
 }

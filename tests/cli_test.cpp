@@ -184,24 +184,30 @@ TEST(Printer, RecordsShowTheirPartsBelow)
 
 TEST(BridgeForm, GivesWhatTheKernelHolds)
 {
+    const bridge_names bridges = {{1, "br0"}};
+    const auto of_bridge = [&](const json &item) { return bridge_entry_of(item, bridges); };
     const struct {
+        std::function<json(const json &)> form;
         const char *entry;
         const char *expected;
     } rows[] = {
-        {R"({"mac-address":"m","bridge-id":1,"xcid":3,"port":"eth1","origin":"learned","flags":[],"vlan":10})",
-         R"([{"mac":"m","ifname":"eth1","vlan":10,"flags":[],"master":"br0","state":""}])"},
-        {R"({"mac-address":"m","bridge-id":1,"origin":"local","flags":["local","bridge-own"]})",
-         R"([{"mac":"m","ifname":"br0","flags":[],"master":"br0","state":"permanent"}])"},
-        {R"({"mac-address":"m","bridge-id":1,"port":"vx","origin":"static","flags":["static","sticky","extern-learned"],
-             "vni":7,"vtep":"192.0.2.1"})",
-         R"([{"mac":"m","ifname":"vx","flags":["extern_learn","sticky"],"master":"br0","state":"static"},
-             {"mac":"m","ifname":"vx","dst":"192.0.2.1","flags":["self","extern_learn"],"state":"permanent"}])"},
-        {R"({"mac-address":"00:00:00:00:00:00","bridge-id":1,"port":"vx","origin":"static","flags":["static"],
-             "vtep":"192.0.2.1"})",
-         R"([{"mac":"00:00:00:00:00:00","ifname":"vx","dst":"192.0.2.1","flags":["self"],"state":"permanent"}])"},
+        {of_bridge,
+         R"({"mac-address":"m","bridge-id":1,"xcid":3,"port":"eth1","origin":"learned","flags":[],"vlan":10})",
+         R"({"mac":"m","ifname":"eth1","vlan":10,"flags":[],"master":"br0","state":""})"},
+        {of_bridge, R"({"mac-address":"m","bridge-id":1,"origin":"local","flags":["local","bridge-own"]})",
+         R"({"mac":"m","ifname":"br0","flags":[],"master":"br0","state":"permanent"})"},
+        {of_bridge, R"({"mac-address":"m","bridge-id":1,"port":"vx","origin":"static","flags":["static","sticky"]})",
+         R"({"mac":"m","ifname":"vx","flags":["sticky"],"master":"br0","state":"static"})"},
+        {of_bridge, R"({"mac-address":"00:00:00:00:00:00","bridge-id":1,"port":"vx","vtep":"192.0.2.1"})", "null"},
+        {device_entry_of, R"({"mac-address":"m","port":"vx","destination":"192.0.2.1","vni":8,"source-vni":9,
+             "flags":["stale","extern-learned"]})",
+         R"({"mac":"m","ifname":"vx","dst":"192.0.2.1","vni":8,"src_vni":9,"flags":["self","extern_learn"],
+             "state":"stale"})"},
+        {device_entry_of, R"({"mac-address":"m","port":"vx","next-hop-id":5,"flags":["permanent"]})",
+         R"({"mac":"m","ifname":"vx","nhid":5,"flags":["self"],"state":"permanent"})"},
     };
     for (const auto &row : rows) {
-        EXPECT_EQ(json(bridge_form(json::parse(row.entry), {{1, "br0"}})), json::parse(row.expected)) << row.entry;
+        EXPECT_EQ(row.form(json::parse(row.entry)), json::parse(row.expected)) << row.entry;
     }
 }
 

@@ -80,7 +80,7 @@ ports/port=4/mac-entry?limit=3 ."l2fib-mac:mac-entry" | length == 3 and all(.[];
 ports/port=4/mac-count ."l2fib-mac:mac-count".total > 0
 mac-count ."l2fib-mac:mac-count" | .total == 100010 and has("bridge-own")
 vteps/vtep ."l2fib-mac:vtep" | length == 300 and all(.[]; has("xcid") and has("address") and has("vni"))
-remote-destinations/remote-destination ."l2fib-mac:remote-destination" == []
+tunnel-entries/tunnel-entry?limit=3 ."l2fib-mac:tunnel-entry" | length == 3 and all(.[]; has("destination"))
 health ."l2fib-mac:health" | .plane == "generated" and .status == "clean" and (.memory.pool | length) > 0
 traces/trace?limit=1 ."l2fib-mac:trace"[0] | has("text") and .ring == "normal" and .sequence == "1"
 END
@@ -177,18 +177,19 @@ END
     done
 }
 
-@test "destinations that the table does not carry are listed apart" {
+@test "what VXLAN devices hold is listed apart" {
     local -r socket=$BATS_TEST_TMPDIR/recorded.sock
     start_daemon "$socket" --recorded "$BATS_TEST_DIRNAME/../../examples/recorded/tunnels"
     local -r pid=$!
     SOCKET=$socket expect_status 200 "${D}mac-count"
-    SOCKET=$socket expect_status 200 "${D}remote-destinations/remote-destination"
+    SOCKET=$socket expect_status 200 "${D}tunnel-entries/tunnel-entry"
     local -r whole=$body
-    expect_json '."l2fib-mac:remote-destination" | map(.destination // ."next-hop-id") == ["fd00::2", 102]'
-    SOCKET=$socket expect_status 200 "${D}remote-destinations/remote-destination?limit=1"
+    expect_json '."l2fib-mac:tunnel-entry" | map(.destination // ."next-hop-id" | tostring) | sort | unique ==
+        ["10.0.0.2", "10.0.0.3", "10.0.0.9", "102", "fd00::2"]'
+    SOCKET=$socket expect_status 200 "${D}tunnel-entries/tunnel-entry?limit=5"
     local -r first=$body
     SOCKET=$socket expect_status 200 \
-        "${D}remote-destinations/remote-destination?limit=1&cursor=$(jq --raw-output '."l2fib-mac:next-cursor"' <<<"$first")"
+        "${D}tunnel-entries/tunnel-entry?cursor=$(jq --raw-output '."l2fib-mac:next-cursor"' <<<"$first")"
     [[ $(jq --compact-output .[][] <<<"$whole") == $(jq --compact-output '.[]|arrays[]' <<<"$first$body") ]]
     kill "$pid"
     wait "$pid"

@@ -45,12 +45,12 @@ leaf()
     ip netns exec "$leaf1" "$@"
 }
 
-# Entries as both sides tell them. Receive filters are no forwarding entries; the flood list shows in the tunnel end
-# points. An entry of a VXLAN device alone is in no bridge.
+# Entries as both sides tell them, without receive filters, which are no forwarding entries: what devices other than
+# VXLAN hold themselves.
 normalised()
 {
     jq --compact-output --sort-keys \
-        '[.[] | select(.master) | {mac, ifname, master, state: (.state // ""), flags}] | unique | .[]'
+        '[.[] | select(.master or .dst) | {mac, ifname, master, dst, state: (.state // ""), flags}] | unique | .[]'
 }
 
 # Both tell the same. The hosts' own traffic may teach the bridge an address, or one may age, between the two readings:
