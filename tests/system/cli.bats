@@ -20,6 +20,11 @@ teardown_file()
     kill "$DAEMON" 2>/dev/null || true
 }
 
+teardown()
+{
+    kill "${recorded_daemon-}" 2>/dev/null || true
+}
+
 ctl()
 {
     "$L2FIBCTL" "$@"
@@ -98,7 +103,7 @@ END
 @test "a recorded table comes out as it went in" {
     local -r recorded=$BATS_TEST_DIRNAME/../../examples/recorded/tunnels socket=$BATS_TEST_TMPDIR/recorded.sock
     "$L2FIBD" --socket "$socket" --recorded "$recorded" 2>/dev/null 3>&- &
-    local -r daemon=$!
+    recorded_daemon=$!
     until ctl --socket "$socket" show health >/dev/null 2>&1; do sleep 0.05; done
     ctl --socket "$socket" show mac --bridge-json | jq --sort-keys 'sort' >"$BATS_TEST_TMPDIR/shown"
     # But for receive filters, and what is not told.
@@ -107,8 +112,8 @@ END
     [[ $(ctl --socket "$socket" show mac --bridge-json --port vxlan100 --vtep 10.0.0.3 |
         jq --compact-output 'map([.mac, .flags[]])') == \
         '[["02:00:00:00:10:02","extern_learn"],["00:00:00:00:00:00","self"],["02:00:00:00:10:02","self","extern_learn"],["02:00:00:00:10:06","self"]]' ]]
-    kill "$daemon"
-    wait "$daemon"
+    kill "$recorded_daemon"
+    wait "$recorded_daemon"
 }
 
 @test "limits, time-outs and pipes" {
