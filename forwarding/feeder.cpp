@@ -1,6 +1,7 @@
 #include "forwarding/feeder.h"
 
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <optional>
 
@@ -12,6 +13,9 @@ namespace {
 
 // How long a change waits for others of its kind.
 constexpr uint64_t batch_time_ns = 20'000'000;
+// How far the system's clock may be from where it was when times were last told. Two readings are never at the same
+// moment, and the time of an entry that nobody has touched should not waver by a second.
+constexpr int64_t clock_tolerance_ms = 500;
 // How many entries are told before the thread looks at other events.
 constexpr size_t slice_size = 2048;
 
@@ -88,18 +92,21 @@ feeder::feeder(plane &source, std::string group, uint16_t wait_seconds)
     , bridge_counters_(65'536)
 {}
 
-int64_t feeder::milliseconds_since_epoch_minus_steady()
+void feeder::follow_clock()
 {
     using namespace std::chrono;
     const auto epoch = duration_cast<milliseconds>(system_clock::now().time_since_epoch());
     const auto steady = duration_cast<milliseconds>(steady_clock::now().time_since_epoch());
-    return (epoch - steady).count();
+    const int64_t offset_ms = (epoch - steady).count();
+    if (std::abs(offset_ms - epoch_offset_ms_) > clock_tolerance_ms) {
+        epoch_offset_ms_ = offset_ms;
+    }
 }
 
 std::string feeder::start(event_manager_t *evm)
 {
     evm_ = evm;
-    epoch_offset_ms_ = milliseconds_since_epoch_minus_steady();
+    follow_clock();
     std::string error;
     return plane_.start(evm, copy_, error) ? std::string() : error;
 }
@@ -159,7 +166,7 @@ void feeder::flush()
     if (removals_in_flight_ != 0) {
         return;
     }
-    epoch_offset_ms_ = milliseconds_since_epoch_minus_steady();
+    follow_clock();
     for (size_t slice = 0; slice < slice_size && settled_ < dirty_.size(); ++slice) {
         settle(dirty_[settled_++]);
     }

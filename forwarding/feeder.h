@@ -64,7 +64,6 @@ private:
     // Why something could not be done.
     enum class refusal : uint8_t { feed, bridge_id, xcid, name, object, notification, count };
     static const char *text_of(refusal reason);
-    static int64_t milliseconds_since_epoch_minus_steady();
 
     struct bridge_counters {
         std::atomic<uint32_t> plain, fixed, local, both;
@@ -99,6 +98,7 @@ private:
     void view_domain(uint32_t domain, const std::string &name);
     void view_port(uint32_t port);
 
+    void follow_clock();
     void refuse(refusal reason, const std::string &note);
     void note(const std::string &text);
 
@@ -134,7 +134,7 @@ private:
     const std::string group_;
     const uint16_t wait_seconds_;
     event_manager_t *evm_ = nullptr;
-    int64_t epoch_offset_ms_ = 0;
+    int64_t epoch_offset_ms_ = 0; // milliseconds since the epoch, less those of the steady clock
 
     id_pool bridge_ids_{1, 65'535};
     id_pool xcids_{1, EDM_COUNTER_UNKNOWN - 1};

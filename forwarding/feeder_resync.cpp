@@ -188,7 +188,7 @@ void feeder::refresh_everything()
 
 void feeder::bring_up_to_date(const resync_scope &scope)
 {
-    epoch_offset_ms_ = milliseconds_since_epoch_minus_steady();
+    follow_clock();
     if (plane_.ages_silently()) {
         refresh_ages(scope);
     }

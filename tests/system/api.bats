@@ -190,7 +190,7 @@ END
     local -r first=$body
     SOCKET=$socket expect_status 200 \
         "${D}tunnel-entries/tunnel-entry?cursor=$(jq --raw-output '."l2fib-mac:next-cursor"' <<<"$first")"
-    [[ $(jq --compact-output .[][] <<<"$whole") == $(jq --compact-output '.[]|arrays[]' <<<"$first$body") ]]
+    [[ $(jq --compact-output .[][] <<<"$whole") == "$(jq --compact-output '.[]|arrays[]' <<<"$first$body")" ]]
     kill "$pid"
     wait "$pid"
 }
