@@ -38,12 +38,12 @@ constexpr uint64_t timer_source = uint64_t{2} << 32;
 constexpr uint64_t ns_per_second = 1'000'000'000;
 constexpr uint64_t never_ns = std::numeric_limits<int64_t>::max();
 
-bool watch(event_manager &evm, int fd, uint32_t events, uint64_t source)
+uint32_t watch(event_manager &evm, int fd, uint32_t events, uint64_t source)
 {
     epoll_event event{};
     event.events = events;
     event.data.u64 = source;
-    return epoll_ctl(evm.epoll_fd.fd, EPOLL_CTL_ADD, fd, &event) == 0;
+    return epoll_ctl(evm.epoll_fd.fd, EPOLL_CTL_ADD, fd, &event) == 0 ? 0 : static_cast<uint32_t>(errno);
 }
 
 uint64_t now_ns()
@@ -207,9 +207,9 @@ uint32_t attach_descriptor(event_manager &evm, const host::descriptor &descripto
         return EEXIST;
     }
     const uint32_t handle = evm.descriptors.insert(descriptor);
-    if (!watch(evm, descriptor.fd, events, handle)) {
+    if (const uint32_t status = watch(evm, descriptor.fd, events, handle); status != 0) {
         evm.descriptors.erase(handle);
-        return static_cast<uint32_t>(errno);
+        return status;
     }
     attachment = handle;
     return 0;
@@ -262,8 +262,8 @@ bool open_descriptors(event_manager &evm)
     evm.wake_fd.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     evm.timer_fd.reset(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
     return evm.epoll_fd.fd >= 0 && evm.wake_fd.fd >= 0 && evm.timer_fd.fd >= 0
-           && watch(evm, evm.wake_fd.fd, EPOLLIN | EPOLLET, wake_source)
-           && watch(evm, evm.timer_fd.fd, EPOLLIN, timer_source);
+           && watch(evm, evm.wake_fd.fd, EPOLLIN | EPOLLET, wake_source) == 0
+           && watch(evm, evm.timer_fd.fd, EPOLLIN, timer_source) == 0;
 }
 
 void close_descriptors(event_manager &evm)

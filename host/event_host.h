@@ -76,7 +76,7 @@ L2FIB_EXPORT uint32_t event_manager_wait_left(event_manager_t *evm, uint32_t sec
 
 /*
  * As event_manager_wait_left, then joins the thread: for a thread that nobody else joins or detaches, such as the
- * module's own. Once only; ESRCH: it has been joined so.
+ * module's own. Once only, however many managers the thread has had; ESRCH: it has been joined so.
  */
 L2FIB_EXPORT uint32_t event_manager_join(event_manager_t *evm, uint32_t seconds);
 

@@ -4,18 +4,17 @@
  * A manager is closed under its mutex, by event_manager_stop on any thread or by the end of its own (a thread-local
  * object notices that); from then on nothing enters. What was queued is dropped by the thread that closed it. The
  * manager has ended when that is done, and is left when its thread is gone too; the directory announces both, and its
- * mutex guards what it announces. Records are kept for the life of the process, since handles may be used for as long,
- * and the directory is never destroyed, since threads may outlive main.
+ * mutex guards what it announces. Records are kept for the life of the process, since handles may be used for as long.
  */
 #include "host/event_manager.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <map>
 #include <memory>
 
+#include "host/never_destroyed.h"
 #include "host/out_of_memory.h"
 
 namespace {
@@ -29,8 +28,8 @@ struct directory {
 
 directory &managers()
 {
-    static directory *const the_directory = new directory;
-    return *the_directory;
+    static host::never_destroyed<directory> the_directory;
+    return the_directory.object;
 }
 
 void announce(bool event_manager::*fact, event_manager &evm)
@@ -49,22 +48,35 @@ bool wait_for_announcement(uint32_t seconds, Condition condition)
     return managers().changed.wait_until(lock, deadline, condition);
 }
 
+// Takes the oldest work off the queue; false when there is none.
+bool take_queued(event_manager &evm, host::queued_work &work)
+{
+    const std::lock_guard lock(evm.mutex);
+    if (evm.queue.empty()) {
+        return false;
+    }
+    work = evm.queue.front();
+    evm.queue.pop_front();
+    return true;
+}
+
+// Needs no memory: a thread ends whether there is any or not.
 void close_manager(event_manager &evm)
 {
-    std::deque<host::queued_work> queue;
     {
         const std::lock_guard lock(evm.mutex);
         if (std::exchange(evm.closed, true)) {
             return;
         }
-        queue.swap(evm.queue);
         evm.handlers.clear();
         evm.descriptors.records.clear();
         evm.timers.records.clear();
         evm.due.clear();
         host::wake(evm);
     }
-    std::for_each(queue.begin(), queue.end(), host::drop_work);
+    for (host::queued_work work{}; take_queued(evm, work);) {
+        host::drop_work(work);
+    }
     host::reset_clients(&evm.channel);
     host::close_connections(&evm);
     announce(&event_manager::ended, evm);
@@ -82,16 +94,17 @@ void leave(event_manager &evm)
     managers().changed.notify_all();
 }
 
-// The managers that a thread has created, all but the last of them closed; its end is their end.
+// The managers that a thread has created, the newest first, all others closed; its end is their end. Other objects of
+// the thread may end later and still ask whose a manager is.
 struct thread_managers {
-    std::vector<event_manager *> own;
+    event_manager *newest = nullptr;
 
     thread_managers() = default;
     thread_managers(const thread_managers &) = delete;
     thread_managers &operator=(const thread_managers &) = delete;
     ~thread_managers()
     {
-        for (event_manager *evm : own) {
+        for (event_manager *evm = newest; evm != nullptr; evm = evm->older) {
             leave(*evm);
         }
     }
@@ -101,15 +114,14 @@ thread_local thread_managers this_thread;
 
 uint32_t create_manager(const char *path, event_manager_t *&created)
 {
-    auto &own = this_thread.own;
-    if (!own.empty() && !host::is_closed(own.back())) {
+    event_manager *&newest = this_thread.newest;
+    if (newest != nullptr && !host::is_closed(newest)) {
         return EBUSY;
     }
     auto evm = std::make_unique<event_manager>(path);
     if (!host::open_descriptors(*evm)) {
         return static_cast<uint32_t>(errno);
     }
-    own.reserve(own.size() + 1);
     directory &all = managers();
     const std::lock_guard lock(all.mutex);
     all.all.reserve(all.all.size() + 1);
@@ -117,8 +129,8 @@ uint32_t create_manager(const char *path, event_manager_t *&created)
     if (known != nullptr && !known->ended) {
         return EEXIST;
     }
-    created = known = evm.get();
-    own.push_back(known);
+    evm->older = std::exchange(newest, evm.get());
+    created = known = newest;
     all.all.push_back(std::move(evm));
     return 0;
 }
@@ -143,14 +155,29 @@ uint32_t wait_left(event_manager_t *evm, uint32_t seconds, Then then)
     return status;
 }
 
+// The directory's mutex is held. The thread of a manager, which may have had others before, is joined once.
+uint32_t take_thread(const event_manager &evm)
+{
+    if (evm.joined) {
+        return ESRCH;
+    }
+    for (const auto &other : managers().all) {
+        other->joined = other->joined || pthread_equal(other->thread, evm.thread) != 0;
+    }
+    return 0;
+}
+
 } // namespace
 
 namespace host {
 
 bool is_own_manager(const event_manager_t *evm)
 {
-    const auto &own = this_thread.own;
-    return std::find(own.begin(), own.end(), evm) != own.end();
+    const event_manager *own = this_thread.newest;
+    while (own != nullptr && own != evm) {
+        own = own->older;
+    }
+    return own != nullptr;
 }
 
 void announce_serving(event_manager_t &evm)
@@ -201,8 +228,7 @@ uint32_t event_manager_wait_left(event_manager_t *evm, uint32_t seconds)
 
 uint32_t event_manager_join(event_manager_t *evm, uint32_t seconds)
 {
-    const uint32_t status =
-        wait_left(evm, seconds, [evm] { return std::exchange(evm->joined, true) ? uint32_t{ESRCH} : 0; });
+    const uint32_t status = wait_left(evm, seconds, [evm] { return take_thread(*evm); });
     return status != 0 ? status : static_cast<uint32_t>(pthread_join(evm->thread, nullptr));
 }
 

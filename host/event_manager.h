@@ -101,12 +101,13 @@ struct event_manager {
     host::dispatch_frame *frame = nullptr; // of the innermost dispatch
     bool queue_is_next = true;             // the last event came from a descriptor or timer, or none was ready
     bool announced = false;
+    event_manager *older = nullptr; // the one that the thread had before
 
     // Guarded by the mutex of the directory of managers.
     bool serving = false;
-    bool ended = false; // and nothing is left in it
-    bool left = false;  // by its thread
-    bool joined = false;
+    bool ended = false;  // and nothing is left in it
+    bool left = false;   // by its thread
+    bool joined = false; // its thread
 
     std::mutex mutex;
     // Guarded by `mutex`. The descriptors are closed by the manager's thread alone, which may use them without.

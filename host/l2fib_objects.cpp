@@ -7,6 +7,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "host/never_destroyed.h"
 #include "host/out_of_memory.h"
 
 namespace {
@@ -47,11 +48,10 @@ struct object_store {
     uint32_t new_life() { return ++lives & life_mask; }
 };
 
-// Never destroyed: the module's threads run until the process has ended.
 object_store &objects()
 {
-    static object_store &store = *new object_store;
-    return store;
+    static host::never_destroyed<object_store> store;
+    return store.object;
 }
 
 l2fib_ctx_t context_of(object_kind kind, uint32_t life, uint32_t id)

@@ -34,6 +34,7 @@
 
 #include "host/event_manager.h"
 #include "host/handle_table.h"
+#include "host/never_destroyed.h"
 #include "host/out_of_memory.h"
 
 namespace {
@@ -76,11 +77,10 @@ struct message_service {
     host::handle_table<std::shared_ptr<message>> clients;
 };
 
-// Never destroyed: threads may outlive main.
 message_service &service()
 {
-    static message_service *const the_service = new message_service;
-    return *the_service;
+    static host::never_destroyed<message_service> the_service;
+    return the_service.object;
 }
 
 void *cookie_of(uint32_t client)

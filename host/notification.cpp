@@ -21,6 +21,7 @@
 
 #include "host/event_manager.h"
 #include "host/handle_table.h"
+#include "host/never_destroyed.h"
 #include "host/out_of_memory.h"
 
 namespace {
@@ -45,11 +46,10 @@ struct publication {
     std::vector<std::byte> record;
 };
 
-// Never destroyed: threads may outlive main.
 notification_service &service()
 {
-    static notification_service *const the_service = new notification_service;
-    return *the_service;
+    static host::never_destroyed<notification_service> the_service;
+    return the_service.object;
 }
 
 bdxc_connection_t *pointer_of(uint32_t connection)

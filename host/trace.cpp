@@ -7,6 +7,7 @@
 
 #include <unistd.h>
 
+#include "host/never_destroyed.h"
 #include "host/trace_catalogue.h"
 #include "host/trace_reader.h"
 
@@ -54,11 +55,10 @@ struct point_ring {
 l2fib_debug_ctx_t context;
 std::atomic<l2fib_debug_ctx_t *> current_context{&context};
 
-// Never destroyed: the module's threads run until the process has ended.
 point_ring &ring_at(trace_ring ring)
 {
-    static point_ring *const rings = new point_ring[ring_count];
-    return rings[static_cast<size_t>(ring)];
+    static host::never_destroyed<std::array<point_ring, ring_count>> rings;
+    return rings.object[static_cast<size_t>(ring)];
 }
 
 uint32_t my_thread_id()

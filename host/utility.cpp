@@ -11,6 +11,7 @@
 
 #include <unistd.h>
 
+#include "host/never_destroyed.h"
 #include "host/out_of_memory.h"
 #include "host/utility_host.h"
 
@@ -34,11 +35,10 @@ struct interface_table {
     std::atomic<size_t> count{0};
 };
 
-// Never destroyed: the module's threads run until the process has ended.
 interface_table &interfaces()
 {
-    static interface_table &table = *new interface_table;
-    return table;
+    static host::never_destroyed<interface_table> table;
+    return table.object;
 }
 
 uint32_t node_of(uint32_t ifhandle)
@@ -54,8 +54,8 @@ uint32_t node_of(uint32_t ifhandle)
     return my_node_id.load(std::memory_order_relaxed);
 }
 
-// Lock waits: one record a thread, in a list from the thread's first wait until it ends. Nothing is allocated, since
-// a thread registers on its way to a lock.
+// Lock waits: one record a thread, in a list from the thread's first wait until it ends. The list allocates nothing,
+// since a thread registers on its way to a lock.
 
 struct wait_record {
     wait_record();

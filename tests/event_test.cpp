@@ -8,6 +8,8 @@
 #include <future>
 #include <gtest/gtest.h>
 #include <memory>
+#include <new>
+#include <string_view>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <thread>
@@ -17,6 +19,8 @@
 #include "support/event_loop.h"
 
 namespace {
+
+thread_local bool memory_is_refused = false;
 
 using host::event_manager_state;
 using test::create_manager;
@@ -182,6 +186,23 @@ TEST(EventManager, ThreadEndDropsWhatIsReceivedAndQueued)
         host::event_post(evm, nothing, count, &dropped);
         event_record_t record{evm, nullptr, 0, nullptr, {}};
         EXPECT_EQ(event_block(&record), 0);
+    }).join();
+    EXPECT_EQ(dropped, 2);
+}
+
+TEST(EventManager, EndNeedsNoMemory)
+{
+    std::atomic<int> dropped = 0;
+    std::thread([&dropped] {
+        for (const char *path : {"/test/stopped", "/test/left"}) {
+            event_manager_t *const evm = create_manager(path);
+            EXPECT_EQ(host::event_post(evm, nothing, count, &dropped), 0u);
+            memory_is_refused = true;
+            if (path == std::string_view("/test/stopped")) {
+                EXPECT_EQ(host::event_manager_stop(evm), 0u);
+                memory_is_refused = false;
+            }
+        }
     }).join();
     EXPECT_EQ(dropped, 2);
 }
@@ -432,3 +453,20 @@ TEST(EventStress, NothingAcceptedIsLost)
 }
 
 } // namespace
+
+// The libraries allocate here as well. Inlined, the calls of free would look like mistakes.
+[[gnu::noinline]] void *operator new(size_t size)
+{
+    void *const memory = memory_is_refused ? nullptr : malloc(size);
+    return memory != nullptr ? memory : throw std::bad_alloc();
+}
+
+[[gnu::noinline]] void operator delete(void *memory) noexcept
+{
+    free(memory);
+}
+
+[[gnu::noinline]] void operator delete(void *memory, size_t) noexcept
+{
+    free(memory);
+}
