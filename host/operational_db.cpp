@@ -18,18 +18,18 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <utility>
 
-#include "host/event_host.h"
+#include "host/event_manager.h"
 #include "host/handle_table.h"
 #include "host/l2fib_host.h"
+#include "host/never_destroyed.h"
 #include "host/operational_db_host.h"
 #include "host/operational_paths.h"
 #include "host/out_of_memory.h"
 #include "host/reply_list.h"
-#include "l2fib_mac_edm.h"
+#include "host/status_text.h"
 
 namespace {
 
@@ -78,11 +78,10 @@ struct database {
     host::handle_table<query_ptr> in_service; // the queries that a handler has in hand
 };
 
-// Lives as long as the process: threads of data managers may outlive the end of main.
 database &the_database()
 {
-    static auto &database = *new struct database;
-    return database;
+    static host::never_destroyed<database> the_only_one;
+    return the_only_one.object;
 }
 
 struct query_counters {
@@ -94,14 +93,6 @@ struct query_counters {
 
 constinit query_counters counters{};
 
-// Whether this thread runs a handler, and so could not serve a request that it waits for.
-thread_local bool is_serving = false;
-
-void count(std::atomic<uint64_t> &counter)
-{
-    counter.fetch_add(1, std::memory_order_relaxed);
-}
-
 steady_clock::time_point seconds_from_now(uint32_t seconds)
 {
     return steady_clock::now() + std::chrono::seconds(seconds);
@@ -112,40 +103,17 @@ query::query(operational_request wanted, const operational_path &parsed)
     , path(parsed)
     , deadline(seconds_from_now(request.timeout_seconds))
 {
-    count(counters.live);
+    ++counters.live;
 }
 
 query::~query()
 {
-    counters.live.fetch_sub(1, std::memory_order_relaxed);
+    --counters.live;
 }
 
 // ---- Failures ----
 
-struct status_text {
-    uint32_t status;
-    const char *text;
-};
-
-constexpr status_text module_statuses[] = {
-    {EDM_ERR_INVALID_ARGS, "the module is not ready, or was given a wrong argument"},
-    {EDM_ERR_NO_RESOURCE, "a record could not be created"},
-    {EDM_ERR_STOPPED, "stopped early"},
-    {EDM_ERR_RESYNC, "the forwarding plane could not bring the table up to date"},
-    {EDM_ERR_NOT_FOUND, "not found"},
-    {EDM_ERR_BAD_REQUEST, "the request is malformed, or what it continues has gone"},
-    {EDM_ERR_NO_ITEM, "there is no such item"},
-};
-
-const char *known_text(uint32_t status)
-{
-    for (const status_text &known : module_statuses) {
-        if (known.status == status) {
-            return known.text;
-        }
-    }
-    return strerrordesc_np(static_cast<int>(status));
-}
+constexpr size_t max_shown_path = 256;
 
 // A page that says what is wrong; without memory it says it by its status alone.
 operational_page failure(uint32_t status, std::string_view path, std::string_view text) noexcept
@@ -153,7 +121,8 @@ operational_page failure(uint32_t status, std::string_view path, std::string_vie
     operational_page page;
     page.status = status;
     try {
-        page.text.append(path).append(path.empty() ? "" : ": ").append(text);
+        page.text.append(path.substr(0, max_shown_path)).append(path.size() > max_shown_path ? "..." : "");
+        page.text.append(path.empty() ? "" : ": ").append(text);
     } catch (const std::bad_alloc &) {
         page.text.clear();
     }
@@ -208,11 +177,11 @@ operational_page serve_list(const query &asked, optree_request_t *handle)
     const bool is_kept = host::reply_list_withdraw();
     const bool can_continue = !list->more || !list->items.empty();
     if (status == 0 && is_kept && context.reply_list == list.get() && can_continue) {
-        count(counters.lists_answered);
+        ++counters.lists_answered;
         return page_of(list);
     }
     if (is_kept) {
-        count(counters.lists_abandoned);
+        ++counters.lists_abandoned;
     }
     return status == 0 ? broken_contract(asked) : handler_failure(asked, status);
 }
@@ -272,11 +241,9 @@ struct service {
         if (asked->state == progress::waiting) {
             handle = the_database().in_service.insert(asked);
         }
-        is_serving = true;
     }
     ~service()
     {
-        is_serving = false;
         const std::lock_guard guard(the_database().lock);
         the_database().in_service.erase(handle);
     }
@@ -303,7 +270,7 @@ void complete(query &asked, operational_page page)
 {
     const std::lock_guard guard(the_database().lock);
     if (asked.state != progress::waiting) {
-        count(counters.answers_dropped);
+        ++counters.answers_dropped;
         return;
     }
     std::swap(asked.page, page);
@@ -334,22 +301,27 @@ void drop_post(void *cookie)
 
 // ---- On the way to the data manager ----
 
+// A query that cannot be posted is answered with the reason.
 void post(event_manager_t *evm, const query_ptr &asked)
 {
-    auto cookie = std::make_unique<query_ptr>(asked);
-    const uint32_t status = host::event_post(evm, run_post, drop_post, cookie.get());
-    if (status == 0) {
-        static_cast<void>(cookie.release()); // NOLINT(bugprone-unused-return-value)
-    } else if (status == ESHUTDOWN) {
+    const uint32_t status = host::or_out_of_memory([&] {
+        auto cookie = std::make_unique<query_ptr>(asked);
+        const uint32_t posted = host::event_post(evm, run_post, drop_post, cookie.get());
+        if (posted == 0) {
+            static_cast<void>(cookie.release()); // NOLINT(bugprone-unused-return-value)
+        }
+        return posted;
+    });
+    if (status == ESHUTDOWN) {
         manager_has_ended(*asked);
-    } else {
+    } else if (status != 0) {
         complete(*asked, handler_failure(*asked, status));
     }
 }
 
-registration &registration_for(database &db, const query &asked)
+registration &registration_for(database &db, request_kind kind)
 {
-    return asked.request.kind == request_kind::action ? db.action_manager : db.data_manager;
+    return kind == request_kind::action ? db.action_manager : db.data_manager;
 }
 
 bool serves(const registration &manager, const query &asked)
@@ -357,25 +329,16 @@ bool serves(const registration &manager, const query &asked)
     return manager.evm != nullptr && asked.request.path.starts_with(manager.prefix);
 }
 
-// Posts a query to its data manager, or leaves it in the registration until there is one.
-void start(const query_ptr &asked)
+// Whom to post a query to; null when it is left in the registration until there is somebody. The lock is held.
+event_manager_t *find_manager(database &db, const query_ptr &asked)
 {
-    database &db = the_database();
-    event_manager_t *evm = nullptr;
-    {
-        const std::lock_guard guard(db.lock);
-        registration &manager = registration_for(db, *asked);
-        if (asked->state != progress::waiting) {
-            return;
-        }
-        if (!serves(manager, *asked)) {
-            manager.waiting.push_back(asked);
-            return;
-        }
-        asked->is_posted = true;
-        evm = manager.evm;
+    registration &manager = registration_for(db, asked->request.kind);
+    asked->is_posted = serves(manager, *asked);
+    if (!asked->is_posted) {
+        manager.waiting.push_back(asked);
+        return nullptr;
     }
-    post(evm, asked);
+    return manager.evm;
 }
 
 // Lets a data manager take over from any before, and posts what has been waiting for it.
@@ -406,7 +369,7 @@ void give_up(database &db, query &asked)
 {
     asked.state = progress::given_up;
     if (!asked.is_posted) {
-        std::erase_if(registration_for(db, asked).waiting,
+        std::erase_if(registration_for(db, asked.request.kind).waiting,
                       [&asked](const query_ptr &other) { return other.get() == &asked; });
     }
     asked.changed.notify_all();
@@ -465,6 +428,8 @@ std::string check(operational_session &session)
         error = "there is no such kind of request";
     } else if (request.start_key && !is_list(request.kind)) {
         error = "only a list or datalist has a start key";
+    } else if (request.start_key && request.start_key->find('\0') != std::string::npos) {
+        error = "a start key holds no zero byte";
     } else {
         host::operational_path_parse(request.path, request.kind, session.path, error);
     }
@@ -474,16 +439,30 @@ std::string check(operational_session &session)
 // Asks for the session's next page, unless the session has been cancelled.
 query_ptr ask(operational_session &session)
 {
+    database &db = the_database();
     auto asked = std::make_shared<query>(session.rest, session.path);
+    event_manager_t *evm = nullptr;
     {
-        const std::lock_guard guard(the_database().lock);
+        const std::lock_guard guard(db.lock);
         if (session.is_cancelled) {
             asked->state = progress::given_up;
+        } else {
+            evm = find_manager(db, asked);
         }
         session.current = asked;
     }
-    start(asked);
+    if (evm != nullptr) {
+        post(evm, asked);
+    }
     return asked;
+}
+
+// Whether the calling thread is the one that would have to answer a request of this kind.
+bool is_own_request(request_kind kind)
+{
+    database &db = the_database();
+    const std::lock_guard guard(db.lock);
+    return host::is_own_manager(registration_for(db, kind).evm);
 }
 
 // Turns the session to what follows `page`: it is over when nothing does.
@@ -507,8 +486,8 @@ operational_page take_page(operational_session &session)
     if (session.refusal.status != 0) {
         return std::move(session.refusal);
     }
-    if (is_serving) {
-        return failure(EDEADLK, session.rest.path, "a handler cannot wait for the thread that it runs on");
+    if (is_own_request(session.rest.kind)) {
+        return failure(EDEADLK, session.rest.path, "the data manager's thread cannot wait for itself");
     }
     const query_ptr asked = session.current == nullptr ? ask(session) : session.current;
     operational_page page = wait(*asked);
@@ -582,10 +561,10 @@ host::operational_outcome host::operational_read(const operational_request &requ
 
 std::string host::operational_status_text(uint32_t status)
 {
-    if ((status & EDM_RESYNC_SEND_ERROR) == EDM_RESYNC_SEND_ERROR && known_text(status) == nullptr) {
-        return "the table was not brought up to date: " + operational_status_text(status & ~EDM_RESYNC_SEND_ERROR);
+    if (is_send_error(status)) {
+        return "the table was not brought up to date: " + operational_status_text(send_error_number(status));
     }
-    const char *text = known_text(status);
+    const char *text = status_meaning(status);
     char number[32];
     snprintf(number, sizeof(number), " (0x%08x)", status);
     return text == nullptr ? std::string("failed").append(number) : std::string(text).append(number);
@@ -595,10 +574,10 @@ host::operational_statistics host::operational_get_statistics()
 {
     operational_statistics statistics{};
     reply_list_statistics(statistics);
-    statistics.lists_answered = counters.lists_answered.load(std::memory_order_relaxed);
-    statistics.lists_abandoned = counters.lists_abandoned.load(std::memory_order_relaxed);
-    statistics.answers_dropped = counters.answers_dropped.load(std::memory_order_relaxed);
-    statistics.live_requests = counters.live.load(std::memory_order_relaxed);
+    statistics.lists_answered = counters.lists_answered;
+    statistics.lists_abandoned = counters.lists_abandoned;
+    statistics.answers_dropped = counters.answers_dropped;
+    statistics.live_requests = counters.live;
     return statistics;
 }
 

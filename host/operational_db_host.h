@@ -16,9 +16,9 @@
 //
 // Failures. A page with a status other than 0 has a text for the operator, no items, and is the last. The status is the
 // handler's own (l2fib_mac_edm.h) or an error number: EINVAL for a path or an argument that is wrong, ENOSYS when the
-// data manager lacks the handler, ESHUTDOWN when its thread has ended, ECANCELED, EDEADLK when a handler asks the
-// database that waits for it, EPROTO when a handler broke its contract. A continuation whose item has gone meanwhile
-// ends with the handler's status: what was delivered before was right.
+// data manager lacks the handler, ESHUTDOWN when its thread has ended, ECANCELED, EDEADLK on the thread that would have
+// to answer, EPROTO when a handler broke its contract. A continuation whose item has gone meanwhile ends with the
+// handler's status: what was delivered before was right.
 //
 // Threads: any; a session and a page belong to one thread at a time, only operational_cancel is for all. What runs out
 // of memory throws std::bad_alloc.

@@ -12,6 +12,7 @@
 
 #include <cbor.h>
 
+#include "host/out_of_memory.h"
 #include "host/parcel_host.h"
 
 namespace host {
@@ -509,15 +510,15 @@ uint32_t parcel_free_indirections(void *record, const parcel_schema_t *schema)
 uint32_t host::parcel_read(std::span<const uint8_t> data, std::vector<parcel_value> &values)
 {
     values.clear();
-    const bool is_whole = read_fields(data, [&values](const parcel_value &value) {
+    const auto take = [&values](const parcel_value &value) {
         values.push_back(value);
         return true;
-    });
-    if (is_whole) {
-        return 0;
+    };
+    const uint32_t status = or_out_of_memory([&]() -> uint32_t { return read_fields(data, take) ? 0 : EBADMSG; });
+    if (status != 0) {
+        values.clear();
     }
-    values.clear();
-    return EBADMSG;
+    return status;
 }
 
 uint32_t host::parcel_decode(std::span<const uint8_t> data, void *record, const parcel_schema_t *schema)
@@ -526,15 +527,11 @@ uint32_t host::parcel_decode(std::span<const uint8_t> data, void *record, const 
         return EINVAL;
     }
     memset(record, 0, schema->record_size);
-    uint32_t status = EBADMSG;
-    try {
-        if (decode_into(record, *schema, data)) {
-            return 0;
-        }
-    } catch (const std::bad_alloc &) {
-        status = ENOMEM;
+    const uint32_t status =
+        or_out_of_memory([&]() -> uint32_t { return decode_into(record, *schema, data) ? 0 : EBADMSG; });
+    if (status != 0) {
+        parcel_free_indirections(record, schema);
+        memset(record, 0, schema->record_size);
     }
-    parcel_free_indirections(record, schema);
-    memset(record, 0, schema->record_size);
     return status;
 }

@@ -7,7 +7,7 @@
 // Texts are carried as the bytes that they are in the record, which need not be any character set.
 //
 // Threads: any. Statuses are 0 for success or an error number: EINVAL for a null argument or an unknown schema, EBADMSG
-// for anything but a whole encoded record without more behind it.
+// for anything but a whole encoded record without more behind it, ENOMEM.
 #pragma once
 
 #include <cstdint>

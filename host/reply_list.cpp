@@ -21,14 +21,9 @@ constinit list_counters counters{};
 // The list that the handler running on this thread may use.
 thread_local optree_list *offered = nullptr;
 
-void count(std::atomic<uint64_t> &counter)
-{
-    counter.fetch_add(1, std::memory_order_relaxed);
-}
-
 uint32_t refuse()
 {
-    count(counters.refusals);
+    ++counters.refusals;
     return EINVAL;
 }
 
@@ -66,7 +61,7 @@ uint32_t free_list(const optree_list *list, bool has_data)
         return refuse();
     }
     offered = nullptr;
-    count(counters.freed);
+    ++counters.freed;
     return 0;
 }
 
@@ -75,13 +70,13 @@ uint32_t free_list(const optree_list *list, bool has_data)
 optree_list::optree_list(bool with_data)
     : has_data(with_data)
 {
-    count(counters.created);
-    count(counters.live);
+    ++counters.created;
+    ++counters.live;
 }
 
 optree_list::~optree_list()
 {
-    counters.live.fetch_sub(1, std::memory_order_relaxed);
+    --counters.live;
 }
 
 void host::reply_list_append(optree_list &list, std::string_view name, std::span<const uint8_t> data)
@@ -105,10 +100,10 @@ bool host::reply_list_withdraw()
 
 void host::reply_list_statistics(operational_statistics &statistics)
 {
-    statistics.lists_created = counters.created.load(std::memory_order_relaxed);
-    statistics.live_lists = counters.live.load(std::memory_order_relaxed);
-    statistics.lists_freed = counters.freed.load(std::memory_order_relaxed);
-    statistics.list_refusals = counters.refusals.load(std::memory_order_relaxed);
+    statistics.lists_created = counters.created;
+    statistics.live_lists = counters.live;
+    statistics.lists_freed = counters.freed;
+    statistics.list_refusals = counters.refusals;
 }
 
 uint32_t optree_edm_list_add(optree_list_t *list, const char *name, uint32_t data_type, uint32_t reserved)

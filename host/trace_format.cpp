@@ -1,39 +1,12 @@
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
 
+#include "host/status_text.h"
 #include "host/trace_catalogue.h"
 #include "host/trace_reader.h"
-#include "l2fib_mac_edm.h"
 
 namespace {
-
-struct status_text {
-    uint32_t status;
-    const char *text;
-};
-
-constexpr status_text module_statuses[] = {
-    {EDM_ERR_INVALID_ARGS, "invalid arguments"},
-    {EDM_ERR_NO_RESOURCE, "no resource"},
-    {EDM_ERR_STOPPED, "stopped or refused"},
-    {EDM_ERR_RESYNC, "resync failed"},
-    {EDM_ERR_NOT_FOUND, "not found"},
-    {EDM_ERR_BAD_REQUEST, "bad request"},
-    {EDM_ERR_NO_ITEM, "no such item"},
-};
-
-// The meaning of a status: one of the module's, an error number, or the error number of a send. Null if none.
-const char *meaning_of(uint64_t status)
-{
-    const auto *known = std::ranges::find(module_statuses, status, &status_text::status);
-    if (known != std::end(module_statuses)) {
-        return known->text;
-    }
-    const uint64_t number = (status & ~uint64_t{0xfff}) == EDM_RESYNC_SEND_ERROR ? status & 0xfff : status;
-    return number == 0 || number > 0xfff ? nullptr : strerrordesc_np(static_cast<int>(number));
-}
 
 [[gnu::format(printf, 2, 3)]] void append(std::string &text, const char *format, ...)
 {
@@ -48,7 +21,8 @@ const char *meaning_of(uint64_t status)
 void append_status(std::string &text, uint64_t status)
 {
     append(text, status > 0xffff ? "0x%lx" : "%lu", status);
-    if (const char *meaning = meaning_of(status); meaning != nullptr) {
+    const char *meaning = host::status_meaning(host::is_send_error(status) ? host::send_error_number(status) : status);
+    if (status != 0 && meaning != nullptr) {
         append(text, " %s", meaning);
     }
 }

@@ -325,6 +325,8 @@ TEST_F(operational_db, a_path_that_does_not_parse_names_the_element_and_what_was
         EXPECT_NE(page.text.find(error), std::string::npos) << path << " gave: " << page.text;
     }
     EXPECT_EQ(operational_query({.path = "mac-count", .kind = get, .start_key = "x"}).status, uint32_t{EINVAL});
+    const std::string cut_short("x\0y", 3);
+    EXPECT_EQ(operational_query({.path = "mac-table", .start_key = cut_short}).status, uint32_t{EINVAL});
     EXPECT_EQ(script::current().call, "");
 }
 
@@ -505,13 +507,18 @@ TEST_F(operational_db, a_get_handler_that_fails_or_stores_no_record_is_an_error)
     }
 }
 
-TEST_F(operational_db, a_handler_cannot_wait_for_its_own_thread)
+TEST_F(operational_db, the_data_managers_thread_cannot_wait_for_itself)
 {
-    script::current().on_get = [](edm_get_rsp_t &response) {
+    const auto ask = [](void *) {
         EXPECT_EQ(operational_query({.path = "mac-count", .kind = get}).status, uint32_t{EDEADLK});
+    };
+    script::current().on_get = [ask](edm_get_rsp_t &response) {
+        ask(nullptr);
         return answer_record(response);
     };
     EXPECT_EQ(operational_query({.path = "mac-count", .kind = get}).status, 0u);
+    EXPECT_EQ(host::event_post(manager.evm, ask, nullptr, nullptr), 0u);
+    test::serve_queued(manager.evm);
 }
 
 TEST(operational_status, says_what_it_means)

@@ -168,7 +168,7 @@ TEST_F(trace, texts_tell_values_by_their_meaning)
         {1915, {7}, "feed: bridge domain cannot be created: bridge id 7"},
         {1915, {7, 12}, "feed: bridge port cannot be refreshed: xcid 7, status 12 Cannot allocate memory"},
         {1928, {0xa000006e}, "status 0xa000006e Connection timed out"},
-        {1928, {0xa5138016}, "status 0xa5138016 invalid arguments"},
+        {1928, {0xa5138016}, "status 0xa5138016 the module is not ready, or was given a wrong argument"},
         {1960, {0x12345}, "status 0x12345"},
         {1944, {0}, "request thread ready: status 0"},
         {1916, {words, words + 6}, "flags 0xffff, xcid 12, bridge id 7, address 00:1b:ff:04:a0:09"},
