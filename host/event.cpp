@@ -23,8 +23,8 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
-#include <time.h>
 
+#include "host/clock.h"
 #include "host/out_of_memory.h"
 
 namespace {
@@ -35,7 +35,6 @@ using host::event_source;
 constexpr uint64_t wake_source = uint64_t{1} << 32;
 constexpr uint64_t timer_source = uint64_t{2} << 32;
 
-constexpr uint64_t ns_per_second = 1'000'000'000;
 constexpr uint64_t never_ns = std::numeric_limits<int64_t>::max();
 
 uint32_t watch(event_manager &evm, int fd, uint32_t events, uint64_t source)
@@ -48,9 +47,7 @@ uint32_t watch(event_manager &evm, int fd, uint32_t events, uint64_t source)
 
 uint64_t now_ns()
 {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * ns_per_second + static_cast<uint64_t>(now.tv_nsec);
+    return host::clock_ns(CLOCK_MONOTONIC);
 }
 
 // Both at most never_ns.
@@ -65,8 +62,8 @@ void set_to_earliest(event_manager &evm)
     itimerspec when{};
     if (!evm.due.empty()) {
         const uint64_t due_ns = evm.due.begin()->first;
-        when.it_value.tv_sec = static_cast<time_t>(due_ns / ns_per_second);
-        when.it_value.tv_nsec = static_cast<long>(due_ns % ns_per_second);
+        when.it_value.tv_sec = static_cast<time_t>(due_ns / host::ns_per_second);
+        when.it_value.tv_nsec = static_cast<long>(due_ns % host::ns_per_second);
     }
     timerfd_settime(evm.timer_fd.fd, TFD_TIMER_ABSTIME, &when, nullptr);
 }

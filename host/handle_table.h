@@ -37,6 +37,19 @@ struct handle_table {
     bool erase(uint32_t handle) { return records.erase(handle) != 0; }
 };
 
+// A handle in the shape of a pointer, which is never followed, and back: 0 for what is none.
+template <typename Opaque>
+Opaque *pointer_of(uint32_t handle)
+{
+    return reinterpret_cast<Opaque *>(uintptr_t{handle});
+}
+
+inline uint32_t handle_of(const void *pointer)
+{
+    const auto number = reinterpret_cast<uintptr_t>(pointer);
+    return number <= UINT32_MAX ? static_cast<uint32_t>(number) : 0;
+}
+
 } // namespace host
 
 #endif

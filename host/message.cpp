@@ -83,16 +83,6 @@ message_service &service()
     return the_service.object;
 }
 
-void *cookie_of(uint32_t client)
-{
-    return reinterpret_cast<void *>(uintptr_t{client});
-}
-
-uint32_t client_of(const void *cookie)
-{
-    return static_cast<uint32_t>(reinterpret_cast<uintptr_t>(cookie));
-}
-
 // The service's mutex is held. Null for an unknown client, also for one whose message is still queued.
 message *find_client(uint32_t client)
 {
@@ -123,7 +113,7 @@ bool take_out(uint32_t client)
 // The end of a message that is queued or in its handler, unless its receiver has taken it over.
 void finish(void *cookie)
 {
-    const uint32_t client = client_of(cookie);
+    const uint32_t client = host::handle_of(cookie);
     const std::lock_guard lock(service().mutex);
     const message *const delivered = find_client(client);
     if (delivered == nullptr || !delivered->held) {
@@ -191,7 +181,7 @@ void hand_over_unselected(event_manager_t &evm, event_message_t &event)
 void deliver(void *cookie)
 {
     delivery received{};
-    event_message_t event{client_of(cookie), nullptr};
+    event_message_t event{host::handle_of(cookie), nullptr};
     if (!receive(event.client, received)) {
         return;
     }
@@ -224,7 +214,7 @@ uint32_t enter(uint32_t conn, const std::shared_ptr<message> &sent, uint32_t &cl
 
 uint32_t enqueue(const message &sent, uint32_t client)
 {
-    const uint32_t status = host::event_post(sent.channel->evm, deliver, finish, cookie_of(client));
+    const uint32_t status = host::event_post(sent.channel->evm, deliver, finish, host::pointer_of<void>(client));
     if (status != 0) {
         const std::lock_guard lock(service().mutex);
         take_out(client);
@@ -251,7 +241,7 @@ uint32_t wait_for_reply(message &sent, uint32_t client, deadline until)
         }
         give_up(sent, client);
     }
-    host::event_withdraw(sent.channel->evm, deliver, cookie_of(client));
+    host::event_withdraw(sent.channel->evm, deliver, host::pointer_of<void>(client));
     return ETIMEDOUT;
 }
 

@@ -52,17 +52,6 @@ notification_service &service()
     return the_service.object;
 }
 
-bdxc_connection_t *pointer_of(uint32_t connection)
-{
-    return reinterpret_cast<bdxc_connection_t *>(uintptr_t{connection});
-}
-
-uint32_t number_of(const bdxc_connection_t *connection)
-{
-    const auto number = reinterpret_cast<uintptr_t>(connection);
-    return number <= UINT32_MAX ? static_cast<uint32_t>(number) : 0;
-}
-
 // The service's mutex is held. Null when the subscriber does not want the publication.
 bdxc_notification_fn find_callback(const subscriber &to, stream on, uint32_t slot)
 {
@@ -81,7 +70,7 @@ void deliver(void *cookie)
     const std::unique_ptr<publication> arrived(static_cast<publication *>(cookie));
     const bdxc_notification_fn callback = find_callback(*arrived);
     if (callback != nullptr) {
-        callback(pointer_of(arrived->connection), nullptr, arrived->record.data());
+        callback(host::pointer_of<bdxc_connection_t>(arrived->connection), nullptr, arrived->record.data());
     }
 }
 
@@ -144,7 +133,7 @@ uint32_t subscribe(stream to, const bdxc_connection_t *connection, uint32_t rese
         return EINVAL;
     }
     const std::lock_guard lock(service().mutex);
-    subscriber *const found = service().connections.find(number_of(connection));
+    subscriber *const found = service().connections.find(host::handle_of(connection));
     if (found == nullptr) {
         return EINVAL;
     }
@@ -161,7 +150,7 @@ uint32_t connect(event_manager_t *evm, bdxc_connection_t *&connection)
     if (host::is_closed(evm)) {
         return ESHUTDOWN; // later it would close the connection itself
     }
-    connection = pointer_of(service().connections.insert({evm, {}}));
+    connection = host::pointer_of<bdxc_connection_t>(service().connections.insert({evm, {}}));
     return 0;
 }
 
@@ -208,7 +197,7 @@ uint32_t bdxc_process_connect(event_manager_t *evm, uint32_t reserved, bdxc_conn
 uint32_t bdxc_process_disconnect(bdxc_connection_t *connection)
 {
     const std::lock_guard lock(service().mutex);
-    return service().connections.erase(number_of(connection)) ? 0 : EINVAL;
+    return service().connections.erase(host::handle_of(connection)) ? 0 : EINVAL;
 }
 
 uint32_t bdxc_register_bdxc_notifications(bdxc_connection_t *connection, uint32_t reserved,

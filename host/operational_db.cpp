@@ -150,11 +150,6 @@ bool is_list(request_kind kind)
     return kind == request_kind::list || kind == request_kind::datalist;
 }
 
-optree_request_t *handle_of(uint32_t number)
-{
-    return reinterpret_cast<optree_request_t *>(uintptr_t{number});
-}
-
 operational_page page_of(std::shared_ptr<optree_list> list)
 {
     operational_page page;
@@ -259,7 +254,7 @@ std::optional<operational_page> serve(const query_ptr &asked) noexcept
         if (place.handle == 0) {
             return std::nullopt;
         }
-        return answer_of(*asked, handle_of(place.handle));
+        return answer_of(*asked, host::pointer_of<optree_request_t>(place.handle));
     } catch (const std::bad_alloc &) {
         return handler_failure(*asked, ENOMEM);
     }
@@ -607,13 +602,13 @@ uint32_t l2fib_action_mac_edm_init(event_manager_t *evm)
 
 uint32_t optree_restart_timeout_edm(optree_request_t *request, uint32_t seconds)
 {
-    const auto handle = reinterpret_cast<uintptr_t>(request);
-    if (handle == 0 || handle > UINT32_MAX) {
+    const uint32_t handle = host::handle_of(request);
+    if (handle == 0) {
         return EINVAL;
     }
     database &db = the_database();
     const std::lock_guard guard(db.lock);
-    const query_ptr *const asked = db.in_service.find(static_cast<uint32_t>(handle));
+    const query_ptr *const asked = db.in_service.find(handle);
     if (asked == nullptr || (*asked)->state != progress::waiting) {
         return ESRCH;
     }

@@ -2,11 +2,11 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <ctime>
 #include <mutex>
 
 #include <unistd.h>
 
+#include "host/clock.h"
 #include "host/never_destroyed.h"
 #include "host/trace_catalogue.h"
 #include "host/trace_reader.h"
@@ -67,13 +67,6 @@ uint32_t my_thread_id()
     return id;
 }
 
-uint64_t wall_time_ns()
-{
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
-}
-
 // Files the point and gives it its sequence number.
 void append(point_ring &ring, const host::trace_point &point)
 {
@@ -128,7 +121,7 @@ void edm_trace_point(l2fib_debug_ctx_t *ctx, uint32_t id, const char *function, 
         return;
     }
     host::trace_point point{};
-    point.time_ns = wall_time_ns();
+    point.time_ns = host::clock_ns(CLOCK_REALTIME);
     point.function = function;
     point.id = id;
     point.thread_id = my_thread_id();

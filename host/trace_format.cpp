@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "host/clock.h"
 #include "host/status_text.h"
 #include "host/trace_catalogue.h"
 #include "host/trace_reader.h"
@@ -76,12 +77,12 @@ void append_values(std::string &text, const host::trace_point &point)
 
 void append_time(std::string &text, uint64_t time_ns)
 {
-    const auto seconds = static_cast<time_t>(time_ns / 1'000'000'000u);
+    const auto seconds = static_cast<time_t>(time_ns / host::ns_per_second);
     tm parts{};
     gmtime_r(&seconds, &parts);
     char date[32];
     strftime(date, sizeof(date), "%Y-%m-%dT%H:%M:%S", &parts);
-    append(text, "%s.%06luZ", date, time_ns % 1'000'000'000u / 1000);
+    append(text, "%s.%06luZ", date, time_ns % host::ns_per_second / 1000);
 }
 
 } // namespace

@@ -4,25 +4,20 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <ctime>
 #include <mutex>
 #include <shared_mutex>
 #include <unordered_map>
 
 #include <unistd.h>
 
+#include "host/clock.h"
 #include "host/never_destroyed.h"
 #include "host/out_of_memory.h"
 #include "host/utility_host.h"
 
 namespace {
 
-uint64_t clock_ns(clockid_t clock)
-{
-    timespec now{};
-    clock_gettime(clock, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000u + static_cast<uint64_t>(now.tv_nsec);
-}
+using host::clock_ns;
 
 // Nodes.
 

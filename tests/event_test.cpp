@@ -124,6 +124,7 @@ TEST(EventManager, ThreadThatEndsByItselfIsJoinedOnce)
     ASSERT_EQ(pthread_create(
                   &thread, nullptr,
                   [](void *) -> void * {
+                      host::event_manager_stop(create_manager("/test/had-before"));
                       event_manager_t *const evm = create_manager("/test/failed-set-up");
                       EXPECT_EQ(host::event_manager_wait_left(evm, 60), EDEADLK);
                       pthread_exit(nullptr);
@@ -134,6 +135,7 @@ TEST(EventManager, ThreadThatEndsByItselfIsJoinedOnce)
     event_manager_t *const evm = host::event_manager_find("/test/failed-set-up");
     EXPECT_EQ(host::event_manager_join(evm, 60), 0u);
     EXPECT_EQ(host::event_manager_join(evm, 60), ESRCH);
+    EXPECT_EQ(host::event_manager_join(host::event_manager_find("/test/had-before"), 60), ESRCH);
 }
 
 TEST(EventManager, EndDropsWhatIsQueuedAndRefusesTheRest)
