@@ -12,7 +12,6 @@
 
 #include "platform/operational_db.h"
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -84,15 +83,6 @@ database &the_database()
     return the_only_one.object;
 }
 
-struct query_counters {
-    std::atomic<uint64_t> live;
-    std::atomic<uint64_t> lists_answered;
-    std::atomic<uint64_t> lists_abandoned;
-    std::atomic<uint64_t> answers_dropped;
-};
-
-constinit query_counters counters{};
-
 steady_clock::time_point seconds_from_now(uint32_t seconds)
 {
     return steady_clock::now() + std::chrono::seconds(seconds);
@@ -103,12 +93,12 @@ query::query(operational_request wanted, const operational_path &parsed)
     , path(parsed)
     , deadline(seconds_from_now(request.timeout_seconds))
 {
-    ++counters.live;
+    ++host::counters.live_requests;
 }
 
 query::~query()
 {
-    --counters.live;
+    --host::counters.live_requests;
 }
 
 // ---- Failures ----
@@ -172,11 +162,11 @@ operational_page serve_list(const query &asked, optree_request_t *handle)
     const bool is_kept = host::reply_list_withdraw();
     const bool can_continue = !list->more || !list->items.empty();
     if (status == 0 && is_kept && context.reply_list == list.get() && can_continue) {
-        ++counters.lists_answered;
+        ++host::counters.lists_answered;
         return page_of(list);
     }
     if (is_kept) {
-        ++counters.lists_abandoned;
+        ++host::counters.lists_abandoned;
     }
     return status == 0 ? broken_contract(asked) : handler_failure(asked, status);
 }
@@ -265,7 +255,7 @@ void complete(query &asked, operational_page page)
 {
     const std::lock_guard guard(the_database().lock);
     if (asked.state != progress::waiting) {
-        ++counters.answers_dropped;
+        ++host::counters.answers_dropped;
         return;
     }
     std::swap(asked.page, page);
@@ -567,13 +557,16 @@ std::string host::operational_status_text(uint32_t status)
 
 host::operational_statistics host::operational_get_statistics()
 {
-    operational_statistics statistics{};
-    reply_list_statistics(statistics);
-    statistics.lists_answered = counters.lists_answered;
-    statistics.lists_abandoned = counters.lists_abandoned;
-    statistics.answers_dropped = counters.answers_dropped;
-    statistics.live_requests = counters.live;
-    return statistics;
+    return {
+        .lists_created = counters.lists_created,
+        .lists_answered = counters.lists_answered,
+        .lists_freed = counters.lists_freed,
+        .lists_abandoned = counters.lists_abandoned,
+        .list_refusals = counters.list_refusals,
+        .answers_dropped = counters.answers_dropped,
+        .live_lists = counters.live_lists,
+        .live_requests = counters.live_requests,
+    };
 }
 
 // ---- The data manager's side ----

@@ -1,7 +1,6 @@
 #include "host/reply_list.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <utility>
 
@@ -9,21 +8,12 @@
 
 namespace {
 
-struct list_counters {
-    std::atomic<uint64_t> created;
-    std::atomic<uint64_t> live;
-    std::atomic<uint64_t> freed;
-    std::atomic<uint64_t> refusals;
-};
-
-constinit list_counters counters{};
-
 // The list that the handler running on this thread may use.
 thread_local optree_list *offered = nullptr;
 
 uint32_t refuse()
 {
-    ++counters.refusals;
+    ++host::counters.list_refusals;
     return EINVAL;
 }
 
@@ -61,7 +51,7 @@ uint32_t free_list(const optree_list *list, bool has_data)
         return refuse();
     }
     offered = nullptr;
-    ++counters.freed;
+    ++host::counters.lists_freed;
     return 0;
 }
 
@@ -70,13 +60,13 @@ uint32_t free_list(const optree_list *list, bool has_data)
 optree_list::optree_list(bool with_data)
     : has_data(with_data)
 {
-    ++counters.created;
-    ++counters.live;
+    ++host::counters.lists_created;
+    ++host::counters.live_lists;
 }
 
 optree_list::~optree_list()
 {
-    --counters.live;
+    --host::counters.live_lists;
 }
 
 void host::reply_list_append(optree_list &list, std::string_view name, std::span<const uint8_t> data)
@@ -96,14 +86,6 @@ void host::reply_list_offer(optree_list &list)
 bool host::reply_list_withdraw()
 {
     return std::exchange(offered, nullptr) != nullptr;
-}
-
-void host::reply_list_statistics(operational_statistics &statistics)
-{
-    statistics.lists_created = counters.created;
-    statistics.live_lists = counters.live;
-    statistics.lists_freed = counters.freed;
-    statistics.list_refusals = counters.refusals;
 }
 
 uint32_t optree_edm_list_add(optree_list_t *list, const char *name, uint32_t data_type, uint32_t reserved)

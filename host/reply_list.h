@@ -8,6 +8,7 @@
 //      '------- handler fails, frees it -----------> gone
 #pragma once
 
+#include <atomic>
 #include <memory_resource>
 #include <span>
 #include <string_view>
@@ -32,6 +33,20 @@ struct optree_list {
 
 namespace host {
 
+// What operational_get_statistics tells of the same names, counted where it happens.
+struct operational_counters {
+    std::atomic<uint64_t> lists_created;
+    std::atomic<uint64_t> lists_answered;
+    std::atomic<uint64_t> lists_freed;
+    std::atomic<uint64_t> lists_abandoned;
+    std::atomic<uint64_t> list_refusals;
+    std::atomic<uint64_t> answers_dropped;
+    std::atomic<uint64_t> live_lists;
+    std::atomic<uint64_t> live_requests;
+};
+
+inline constinit operational_counters counters{};
+
 // Copies an item into a list. On std::bad_alloc the list is unchanged.
 void reply_list_append(optree_list &list, std::string_view name, std::span<const uint8_t> data);
 
@@ -40,8 +55,5 @@ void reply_list_offer(optree_list &list);
 
 // Ends the offer. False when the handler freed the list.
 bool reply_list_withdraw();
-
-// Fills in what concerns lists; `lists_answered` and `lists_abandoned` are the database's.
-void reply_list_statistics(operational_statistics &statistics);
 
 } // namespace host
