@@ -16,24 +16,24 @@ template <typename Value>
 class shared_value {
 public:
     constexpr explicit shared_value(Value initial)
-        : value(initial)
+        : value_(initial)
     {}
 
     void set(const Value &changed)
     {
-        const std::scoped_lock hold(lock);
-        value = changed;
+        const std::scoped_lock hold(lock_);
+        value_ = changed;
     }
 
     Value get()
     {
-        const std::scoped_lock hold(lock);
-        return value;
+        const std::scoped_lock hold(lock_);
+        return value_;
     }
 
 private:
-    std::mutex lock;
-    Value value;
+    std::mutex lock_;
+    Value value_;
 };
 
 struct debug_sink {
