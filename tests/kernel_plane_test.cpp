@@ -76,23 +76,35 @@ struct naive_copy final : sink {
     }
 };
 
-std::string output_of(const std::string &command)
+int status_of(const std::string &command, std::string &result)
 {
-    std::string result;
     FILE *const pipe = popen(command.c_str(), "r"); // NOLINT(cert-env33-c)
     for (char line[4096]; std::fgets(line, sizeof line, pipe) != nullptr;) {
         result += line;
     }
-    EXPECT_EQ(pclose(pipe), 0) << command;
+    return pclose(pipe);
+}
+
+std::string output_of(const std::string &command)
+{
+    std::string result;
+    EXPECT_EQ(status_of(command, result), 0) << command << ": " << result;
     return result;
 }
 
-// Lines for `ip` ("link ...") and for `bridge` ("fdb ...", "vni ..."), each run in one process.
+// Lines for `ip` ("link ...") and for `bridge` ("fdb ...", "vni ..."), each run in one process. A port takes dynamic
+// entries only once the kernel has noticed that it is up, which may take it a second.
 void run(const std::string &lines)
 {
     std::istringstream rest(lines);
     for (std::string line; std::getline(rest, line);) {
-        output_of((line.starts_with("link") ? "ip " : "bridge ") + line + " 2>&1");
+        const std::string command = (line.starts_with("link") ? "ip " : "bridge ") + line + " 2>&1";
+        std::string result;
+        for (int tries = 0; status_of(command, result) != 0; ++tries) {
+            ASSERT_TRUE(line.find("dynamic") != std::string::npos && tries < 100) << command << ": " << result;
+            usleep(100'000);
+            result.clear();
+        }
     }
 }
 
