@@ -1,6 +1,5 @@
 #include "table/address_index.h"
 
-#include <chrono>
 #include <cstring>
 
 #include "table/growing_index.h"
@@ -83,25 +82,9 @@ void remove_behind(l2fm_edm_mac_t *prev, l2fm_edm_mac_t *mac)
     }
 }
 
-uint64_t make_seed()
-{
-    // The load address differs from process to process, the time from start to start.
-    const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
-    return (reinterpret_cast<uintptr_t>(&heads) * 0x9e3779b97f4a7c15u ^ static_cast<uint64_t>(now)) | 1;
-}
-
 } // namespace
 
 namespace edm {
-
-uint64_t index_seed()
-{
-    static constinit uint64_t seed = 0;
-    if (seed == 0) {
-        seed = make_seed();
-    }
-    return seed;
-}
 
 void address_index_link(l2fm_edm_mac_t *mac)
 {

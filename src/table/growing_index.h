@@ -17,7 +17,7 @@
 //    for in the new ones first and then in those not retired yet. No insertion pays for a whole table.
 //  - The memory is mapped apart from the heap and given back likewise. Without memory an insertion is refused, nothing
 //    is lost, and the caller has to find that record in another way.
-//  - Keys are hashed with a seed of the process, so that nobody outside can choose keys that collide.
+//  - Keys are hashed with a secret of the index, so that nobody outside can choose keys that collide.
 //
 // The caller holds the table lock. Traits name the record and its key:
 //     struct traits {
@@ -29,6 +29,7 @@
 
 #include <sys/mman.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 
@@ -37,9 +38,6 @@
 #endif
 
 namespace edm {
-
-// The process's seed; not 0.
-uint64_t index_seed();
 
 constexpr uint32_t bucket_slots = 6;
 
@@ -74,6 +72,7 @@ struct growing_index {
     bucket_table leaving;  // emptied, and given back piece by piece
     uint64_t left;         // how many buckets of `leaving` have been given back
     uint64_t live;         // records in the index
+    uint64_t secret;       // an odd number, chosen with the first table
 };
 
 namespace growing {
@@ -83,12 +82,23 @@ constexpr uint64_t buckets_given_back_at_once = 4096;
 constexpr uint64_t buckets_of_huge_page = (uint64_t{2} << 20) / sizeof(index_bucket);
 constexpr uint16_t most_passed = 0xffff;
 
-inline uint64_t hash(uint64_t key)
+// An odd number that nobody outside can guess: the load address differs from process to process, the time from start to
+// start.
+inline uint64_t make_secret(const void *address)
 {
-    uint64_t mixed = key ^ index_seed();
+    const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+    uint64_t mixed = reinterpret_cast<uintptr_t>(address) * 0x9e3779b97f4a7c15u ^ static_cast<uint64_t>(now);
     mixed = (mixed ^ (mixed >> 33)) * 0xff51afd7ed558ccdu;
     mixed = (mixed ^ (mixed >> 33)) * 0xc4ceb9fe1a85ec53u;
-    return mixed ^ (mixed >> 33);
+    return (mixed ^ (mixed >> 33)) | 1;
+}
+
+// The halves of one long product, folded so that low and high bits of the key reach all of the hash.
+inline uint64_t hash(uint64_t key, uint64_t secret)
+{
+    __extension__ using uint128 = unsigned __int128;
+    const uint128 product = uint128{key} * secret;
+    return static_cast<uint64_t>(product >> 64) ^ static_cast<uint64_t>(product);
 }
 
 // From bits that do not choose the bucket; never 0.
@@ -213,7 +223,7 @@ void retire_one(growing_index<Traits> &index)
     for (uint32_t slot = 0; slot < bucket_slots; slot++) {
         if (bucket.tag[slot] != 0) {
             auto *record = static_cast<typename Traits::record_t *>(bucket.record[slot]);
-            put(index.current, hash(Traits::key_of(*record)), record);
+            put(index.current, hash(Traits::key_of(*record), index.secret), record);
             bucket.tag[slot] = 0;
             bucket.record[slot] = nullptr;
         }
@@ -250,6 +260,9 @@ bool make_room(growing_index<Traits> &index)
     if (index.leaving.buckets != nullptr) {
         give_back_some(index);
     }
+    if (index.secret == 0) {
+        index.secret = make_secret(&index);
+    }
     const uint64_t slots = bucket_count(index.current) * bucket_slots;
     if (index.current.used < slots / 4 * 3) {
         return true;
@@ -267,9 +280,15 @@ bool make_room(growing_index<Traits> &index)
 } // namespace growing
 
 template <typename Traits>
+uint64_t index_hash(const growing_index<Traits> &index, typename Traits::key_t key)
+{
+    return growing::hash(key, index.secret);
+}
+
+template <typename Traits>
 index_place index_find(const growing_index<Traits> &index, typename Traits::key_t key)
 {
-    const uint64_t hash = growing::hash(key);
+    const uint64_t hash = index_hash(index, key);
     const index_place place = growing::find_in<Traits>(index.current, key, hash);
     return place || index.retiring.buckets == nullptr ? place : growing::find_in<Traits>(index.retiring, key, hash);
 }
@@ -298,7 +317,7 @@ bool index_insert(growing_index<Traits> &index, typename Traits::record_t *recor
     if (!growing::make_room(index)) {
         return false;
     }
-    growing::put(index.current, growing::hash(Traits::key_of(*record)), record);
+    growing::put(index.current, index_hash(index, Traits::key_of(*record)), record);
     index.live++;
     return true;
 }
@@ -313,7 +332,7 @@ inline void index_replace(index_place place, void *record)
 template <typename Traits>
 void index_erase(growing_index<Traits> &index, index_place place)
 {
-    const uint64_t hash = growing::hash(Traits::key_of(*index_record(index, place)));
+    const uint64_t hash = index_hash(index, Traits::key_of(*index_record(index, place)));
     growing::take(growing::holds(index.current, place.bucket) ? index.current : index.retiring, hash, place);
     index.live--;
     if (index.live == 0 && growing::bucket_count(index.current) > growing::first_bucket_count) {
