@@ -163,8 +163,9 @@ inline void unmap_from(bucket_table &table, uint64_t first_bucket)
     }
 }
 
+// Inlined by force: every feed makes two of these searches.
 template <typename Traits>
-index_place find_in(const bucket_table &table, typename Traits::key_t key, uint64_t hash)
+[[gnu::always_inline]] inline index_place find_in(const bucket_table &table, typename Traits::key_t key, uint64_t hash)
 {
     if (table.buckets == nullptr) {
         return {};
@@ -182,6 +183,14 @@ index_place find_in(const bucket_table &table, typename Traits::key_t key, uint6
             return {};
         }
     }
+}
+
+// Kept out of the searches that find the index at rest.
+template <typename Traits>
+[[gnu::noinline]] index_place find_in_retiring(const growing_index<Traits> &index, typename Traits::key_t key,
+                                               uint64_t hash)
+{
+    return find_in<Traits>(index.retiring, key, hash);
 }
 
 // Puts a record into the first free slot from its bucket on. The caller has seen to it that there is one.
@@ -286,11 +295,11 @@ uint64_t index_hash(const growing_index<Traits> &index, typename Traits::key_t k
 }
 
 template <typename Traits>
-index_place index_find(const growing_index<Traits> &index, typename Traits::key_t key)
+[[gnu::always_inline]] inline index_place index_find(const growing_index<Traits> &index, typename Traits::key_t key)
 {
     const uint64_t hash = index_hash(index, key);
     const index_place place = growing::find_in<Traits>(index.current, key, hash);
-    return place || index.retiring.buckets == nullptr ? place : growing::find_in<Traits>(index.retiring, key, hash);
+    return place || index.retiring.buckets == nullptr ? place : growing::find_in_retiring<Traits>(index, key, hash);
 }
 
 // The record at a place; null for nowhere.

@@ -20,9 +20,11 @@ using edm::to_element;
 constexpr uint32_t by_name = 0;
 constexpr uint32_t by_bridge_id = 1;
 
+// Clearing what nobody looks at would take longer than a step of the search.
 mac_element mac_probe(const uint8_t *mac_addr)
 {
-    mac_element probe{};
+    mac_element probe; // NOLINT(cppcoreguidelines-pro-type-member-init)
+    probe.mac_link = {};
     std::memcpy(probe.record.mac_addr, mac_addr, edm::mac_addr_size);
     return probe;
 }
@@ -42,7 +44,31 @@ bool runs(const ordtree_t *tree)
     return tree != nullptr && ordtree_running(tree) != 0;
 }
 
-l2fm_edm_mac_t *search_ports_of_bd(const l2fm_edm_bd_t *bd, const uint8_t *mac_addr)
+// Where an index does not know, the trees are searched. These searches are kept out of the functions that ask an index,
+// which would have to save registers and clear probes for them.
+
+[[gnu::noinline]] l2fm_edm_bd_t *search_bd(uint32_t bridge_id)
+{
+    bd_element probe{};
+    probe.record.bridge_id = bridge_id;
+    return edm::find<l2fm_edm_bd_t>(&root.bd_root, probe.bd_links, by_bridge_id);
+}
+
+// Of a tree that runs.
+l2fm_edm_bd_t *find_bd(uint32_t bridge_id)
+{
+    l2fm_edm_bd_t *bd = edm::bd_index_find(bridge_id);
+    return bd != nullptr ? bd : search_bd(bridge_id);
+}
+
+[[gnu::noinline]] l2fm_edm_bp_t *search_bp(uint32_t xcid)
+{
+    bp_element probe{};
+    probe.record.xcid = xcid;
+    return edm::find<l2fm_edm_bp_t>(&root.bp_root, &probe.bp_link);
+}
+
+[[gnu::noinline]] l2fm_edm_mac_t *search_ports_of_bd(const l2fm_edm_bd_t *bd, const uint8_t *mac_addr)
 {
     l2fm_edm_bp_t *bp = l2fm_edm_table_bd_bp_get_first(bd);
     for (; bp != nullptr; bp = l2fm_edm_table_bd_bp_get_next(bd, bp)) {
@@ -51,6 +77,12 @@ l2fm_edm_mac_t *search_ports_of_bd(const l2fm_edm_bd_t *bd, const uint8_t *mac_a
         }
     }
     return nullptr;
+}
+
+[[gnu::noinline]] l2fm_edm_mac_t *search_port_then_bd(const l2fib_mac_edm_entry_t *entry, const l2fm_edm_bp_t *bp)
+{
+    l2fm_edm_mac_t *mac = l2fm_edm_table_bp_mac_get(&bp->mac_tree, entry->mac_addr);
+    return mac != nullptr ? mac : l2fm_edm_table_mac_get_by_bridgeid_mac(entry->bridge_id, entry->mac_addr);
 }
 
 // The entry of the two that has the smaller address; of equal ones the first.
@@ -109,14 +141,7 @@ l2fm_edm_bd_t *l2fm_edm_table_bd_get_by_name(const char *name)
 
 l2fm_edm_bd_t *l2fm_edm_table_bd_get_by_bridgeid(uint32_t bridge_id)
 {
-    if (bd_root_runs()) {
-        if (l2fm_edm_bd_t *bd = edm::bd_index_find(bridge_id)) {
-            return bd;
-        }
-    }
-    bd_element probe{};
-    probe.record.bridge_id = bridge_id;
-    return edm::find<l2fm_edm_bd_t>(&root.bd_root, probe.bd_links, by_bridge_id);
+    return bd_root_runs() ? find_bd(bridge_id) : search_bd(bridge_id);
 }
 
 l2fm_edm_bd_t *l2fm_edm_table_bd_get_first_by_name(void)
@@ -157,14 +182,8 @@ l2fm_edm_bp_t *l2fm_edm_table_bp_get_by_xcid(uint32_t xcid)
     if (xcid == EDM_XCID_NONE || xcid == EDM_XCID_DUMMY) {
         return nullptr;
     }
-    if (ordtree_running(&root.bp_root) != 0) {
-        if (l2fm_edm_bp_t *bp = edm::bp_index_find(xcid)) {
-            return bp;
-        }
-    }
-    bp_element probe{};
-    probe.record.xcid = xcid;
-    return edm::find<l2fm_edm_bp_t>(&root.bp_root, &probe.bp_link);
+    l2fm_edm_bp_t *bp = ordtree_running(&root.bp_root) != 0 ? edm::bp_index_find(xcid) : nullptr;
+    return bp != nullptr ? bp : search_bp(xcid);
 }
 
 l2fm_edm_bp_t *l2fm_edm_table_bp_get_first(void)
@@ -280,7 +299,7 @@ l2fm_edm_mac_t *l2fm_edm_table_mac_get_by_bridgeid_mac(uint32_t bridge_id, const
         EDM_TRACE(1938);
         return nullptr;
     }
-    return l2fm_edm_table_bd_mac_get(l2fm_edm_table_bd_get_by_bridgeid(bridge_id), mac_addr);
+    return l2fm_edm_table_bd_mac_get(find_bd(bridge_id), mac_addr);
 }
 
 l2fm_edm_mac_t *l2fm_edm_table_mac_get_by_bdname_mac(const char *name, const uint8_t *mac_addr)
@@ -340,13 +359,11 @@ l2fm_edm_mac_t *l2fm_edm_table_mac_lookup(const l2fib_mac_edm_entry_t *entry, co
         return nullptr;
     }
     if (runs(&bp->mac_tree) && bd_root_runs()) {
-        const l2fm_edm_bd_t *own_bd =
-            bd->bridge_id == entry->bridge_id ? bd : l2fm_edm_table_bd_get_by_bridgeid(entry->bridge_id);
+        const l2fm_edm_bd_t *own_bd = bd->bridge_id == entry->bridge_id ? bd : find_bd(entry->bridge_id);
         const edm::address_answer answer = edm::address_index_find(entry->mac_addr, bp, own_bd);
         if (answer.known) {
             return answer.mac;
         }
     }
-    l2fm_edm_mac_t *mac = l2fm_edm_table_bp_mac_get(&bp->mac_tree, entry->mac_addr);
-    return mac != nullptr ? mac : l2fm_edm_table_mac_get_by_bridgeid_mac(entry->bridge_id, entry->mac_addr);
+    return search_port_then_bd(entry, bp);
 }

@@ -1,7 +1,5 @@
 #include "table/object_index.h"
 
-#include <array>
-
 #include "table/growing_index.h"
 
 namespace {
@@ -12,13 +10,13 @@ struct by_xcid {
     static uint32_t key_of(const l2fm_edm_bp_t &bp) { return bp.xcid; }
 };
 
-// Bridge ids are 16 bits wide, so a plain array holds them all; untouched pages of it cost nothing.
-constinit std::array<l2fm_edm_bd_t *, 65536> bd_by_id{};
 constinit edm::growing_index<by_xcid> bp_by_xcid{};
 
 } // namespace
 
 namespace edm {
+
+constinit std::array<l2fm_edm_bd_t *, 65536> bd_by_id{};
 
 void bd_index_link(l2fm_edm_bd_t *bd)
 {
@@ -32,11 +30,6 @@ void bd_index_unlink(const l2fm_edm_bd_t *bd)
     if (bd_index_find(bd->bridge_id) == bd) {
         bd_by_id[bd->bridge_id] = nullptr;
     }
-}
-
-l2fm_edm_bd_t *bd_index_find(uint32_t bridge_id)
-{
-    return bridge_id < bd_by_id.size() ? bd_by_id[bridge_id] : nullptr;
 }
 
 void bp_index_link(l2fm_edm_bp_t *bp)

@@ -4,13 +4,22 @@
 // takes a record out of its tree takes it out here. The caller holds the table lock.
 #pragma once
 
+#include <array>
+
 #include "l2fm_edm_table.h"
 
 namespace edm {
 
+// Bridge ids are 16 bits wide, so a plain array holds them all; untouched pages of it cost nothing.
+extern std::array<l2fm_edm_bd_t *, 65536> bd_by_id;
+
 void bd_index_link(l2fm_edm_bd_t *bd);
 void bd_index_unlink(const l2fm_edm_bd_t *bd);
-l2fm_edm_bd_t *bd_index_find(uint32_t bridge_id);
+
+inline l2fm_edm_bd_t *bd_index_find(uint32_t bridge_id)
+{
+    return bridge_id < bd_by_id.size() ? bd_by_id[bridge_id] : nullptr;
+}
 
 void bp_index_link(l2fm_edm_bp_t *bp);
 void bp_index_unlink(const l2fm_edm_bp_t *bp);
