@@ -26,6 +26,11 @@ struct by_address {
 constinit edm::growing_index<by_address> heads{};
 constinit uint64_t missing = 0;
 
+// The address that was last looked for in vain, until it is linked: whoever creates an entry has looked for its address
+// just before, and need not look again. Addresses are 48 bits wide, so `no_address` is none.
+constexpr uint64_t no_address = UINT64_MAX;
+constinit uint64_t known_absent = no_address;
+
 // One address on very many ports: a search in the ports of one bridge domain is cheaper from here on.
 constexpr uint32_t longest_chain_followed = 64;
 
@@ -88,7 +93,9 @@ namespace edm {
 
 void address_index_link(l2fm_edm_mac_t *mac)
 {
-    const index_place place = index_find(heads, by_address::key_of(*mac));
+    const uint64_t address = by_address::key_of(*mac);
+    const index_place place = address != known_absent ? index_find(heads, address) : index_place{};
+    known_absent = no_address;
     if (place) {
         join_chain(index_record(heads, place), mac);
     } else if (!index_insert(heads, mac)) {
@@ -122,7 +129,11 @@ address_answer address_index_find(const uint8_t *mac_addr, const l2fm_edm_bp_t *
     if (missing != 0) {
         return {false, nullptr};
     }
-    l2fm_edm_mac_t *mac = index_record(heads, index_find(heads, by_address::key(mac_addr)));
+    const uint64_t address = by_address::key(mac_addr);
+    l2fm_edm_mac_t *mac = index_record(heads, index_find(heads, address));
+    if (mac == nullptr) {
+        known_absent = address;
+    }
     l2fm_edm_mac_t *lowest = nullptr;
     for (uint32_t followed = 0; mac != nullptr; mac = mac->same_addr_next, followed++) {
         const l2fm_edm_bp_t *bp = mac->bp;
