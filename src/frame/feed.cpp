@@ -1,6 +1,7 @@
 // The hardware MAC feed: files what the platform reports. One call is one critical section, so that nobody sees a
 // half-filed entry.
 #include "l2fm_edm_table.h"
+#include "table/address_index.h"
 #include "table/element.h"
 #include "table/scoped_lock.h"
 #include "table/trace_point.h"
@@ -81,6 +82,7 @@ uint32_t l2fib_mac_edm_add(const l2fib_mac_edm_entry_t *entry)
         return EDM_ERR_INVALID_ARGS;
     }
     const edm::scoped_lock lock;
+    edm::address_index_expect(entry->mac_addr);
     l2fm_edm_bd_t *bd = bridge_domain_of(entry);
     l2fm_edm_bp_t *bp = bd != nullptr ? port_of(bd, entry) : nullptr;
     return bp != nullptr ? file_entry(bd, bp, entry) : EDM_ERR_NO_RESOURCE;

@@ -124,6 +124,11 @@ void address_index_release()
     missing = 0;
 }
 
+void address_index_expect(const uint8_t *mac_addr)
+{
+    index_expect(heads, by_address::key(mac_addr));
+}
+
 address_answer address_index_find(const uint8_t *mac_addr, const l2fm_edm_bp_t *preferred, const l2fm_edm_bd_t *bd)
 {
     if (missing != 0) {

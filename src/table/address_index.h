@@ -20,6 +20,9 @@ void address_index_unlink(l2fm_edm_mac_t *mac);
 // Gives all memory back; no entry is linked any more.
 void address_index_release();
 
+// An address is about to be looked for: memory may answer while something else is done.
+void address_index_expect(const uint8_t *mac_addr);
+
 struct address_answer {
     bool known;          // false: search the trees
     l2fm_edm_mac_t *mac; // null: there is none

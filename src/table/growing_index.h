@@ -221,14 +221,28 @@ inline void take(bucket_table &table, uint64_t hash, index_place place)
     table.used--;
 }
 
-// Moves the records of the next retiring bucket to the current table. They are fetched side by side first.
+// Asks for what the buckets that are soon to be retired will need, in two steps, each so many insertions ahead that
+// memory has answered by the next: a bucket; then its records, whose keys are hashed again, and the two buckets that
+// most of them go to.
+template <typename Traits>
+void fetch_for_retiring(const growing_index<Traits> &index)
+{
+    constexpr uint64_t ahead = 2;
+    __builtin_prefetch(&index.retiring.buckets[(index.retired + 2 * ahead) & index.retiring.mask]);
+    const uint64_t number = (index.retired + ahead) & index.retiring.mask;
+    for (const void *record : index.retiring.buckets[number].record) {
+        __builtin_prefetch(record);
+    }
+    __builtin_prefetch(&index.current.buckets[number], 1);
+    __builtin_prefetch(&index.current.buckets[number + bucket_count(index.retiring)], 1);
+}
+
+// Moves the records of the next retiring bucket to the current table.
 template <typename Traits>
 void retire_one(growing_index<Traits> &index)
 {
+    fetch_for_retiring(index);
     index_bucket &bucket = index.retiring.buckets[index.retired];
-    for (const void *record : bucket.record) {
-        __builtin_prefetch(record);
-    }
     for (uint32_t slot = 0; slot < bucket_slots; slot++) {
         if (bucket.tag[slot] != 0) {
             auto *record = static_cast<typename Traits::record_t *>(bucket.record[slot]);
@@ -300,6 +314,13 @@ template <typename Traits>
     const uint64_t hash = index_hash(index, key);
     const index_place place = growing::find_in<Traits>(index.current, key, hash);
     return place || index.retiring.buckets == nullptr ? place : growing::find_in_retiring<Traits>(index, key, hash);
+}
+
+// Asks for the bucket of a key that is about to be looked for.
+template <typename Traits>
+void index_expect(const growing_index<Traits> &index, typename Traits::key_t key)
+{
+    __builtin_prefetch(index.current.buckets + (index_hash(index, key) & index.current.mask));
 }
 
 // The record at a place; null for nowhere.
