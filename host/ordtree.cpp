@@ -259,6 +259,22 @@ ordtree_link_t *ordtree_search(const ordtree_t *tree, const ordtree_link_t *prob
     return found.equal ? record_at(found.leaf, found.slot) : nullptr;
 }
 
+/* A search that stops above the leaf. Where comparators are called there is none: it would wait for records. */
+void ordtree_expect(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index)
+{
+    if (!has_index(tree, index) || probe == nullptr || !has_inline_keys(tree->index[index])) {
+        return;
+    }
+    const std::uint64_t key = key_word(tree->index[index], probe + index);
+    const auto *at = static_cast<const node *>(tree->index[index].root);
+    for (unsigned level = at != nullptr ? at->level : 0; level > 0; --level) {
+        at = child_at(at, slot_below(at, key));
+    }
+    if (at != nullptr) {
+        prefetch_node(at);
+    }
+}
+
 ordtree_link_t *ordtree_get_first(const ordtree_t *tree, uint32_t index)
 {
     if (!has_index(tree, index) || tree->index[index].root == nullptr) {

@@ -95,6 +95,12 @@ inline unsigned count_up_to(const entry *entries, std::size_t count, std::uint64
     return bound != UINT64_MAX ? count_below(entries, count, bound + 1) : static_cast<unsigned>(count);
 }
 
+/* Which child of an inner node leads to a key: the first one takes whatever is less than the key of the second. */
+inline unsigned slot_below(const node *inner, std::uint64_t key)
+{
+    return count_up_to(inner->entries + 1, inner->count - 1, key);
+}
+
 /* Where a key is, or would be, in an index. */
 struct key_position {
     node *leaf;    /* null: the index is empty */
@@ -105,7 +111,6 @@ struct key_position {
 /* The same search by calling the comparator. */
 key_position find_by_comparator(const ordtree_index_t &index, std::uint64_t key) noexcept;
 
-/* In inner nodes the first child takes whatever is less than the key of the second. */
 inline key_position find_inline_key(const ordtree_index_t &index, std::uint64_t key)
 {
     auto *at = static_cast<node *>(index.root);
@@ -113,7 +118,7 @@ inline key_position find_inline_key(const ordtree_index_t &index, std::uint64_t 
         return {nullptr, 0, false};
     }
     while (at->level > 0) {
-        at = child_at(at, count_up_to(at->entries + 1, at->count - 1, key));
+        at = child_at(at, slot_below(at, key));
         prefetch_node(at);
     }
     const unsigned slot = count_below(at->entries, at->count, key);

@@ -5,12 +5,16 @@
 #include "table/element.h"
 #include "table/scoped_lock.h"
 #include "table/trace_point.h"
+#include "table/tree_access.h"
 
 namespace {
 
 using edm::trace_word;
 
 constexpr char operation[] = "l2fib_mac_edm_add";
+
+// Whether the last feed made an entry: feeds come in runs, of new addresses or of known ones. Under the table lock.
+constinit bool is_filling = false;
 
 // Each of the following finds or makes one thing that the entry needs, and traces why it cannot be had.
 
@@ -62,7 +66,11 @@ l2fm_edm_bp_t *port_of(l2fm_edm_bd_t *bd, const l2fib_mac_edm_entry_t *entry)
 
 uint32_t file_entry(const l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp, const l2fib_mac_edm_entry_t *entry)
 {
+    if (is_filling) {
+        edm::expect_mac(bp, entry->mac_addr);
+    }
     l2fm_edm_mac_t *mac = l2fm_edm_table_mac_lookup(entry, bd, bp);
+    is_filling = mac == nullptr;
     const uint32_t status =
         mac != nullptr ? l2fm_edm_table_mac_update(bp, mac, entry) : l2fm_edm_table_mac_create(bp, entry);
     if (status != 0) {

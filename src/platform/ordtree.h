@@ -117,6 +117,13 @@ typedef enum ordtree_key_kind {
 L2FIB_EXPORT L2FIB_OPTIONAL void ordtree_describe_key(ordtree_compare_fn compare, uint32_t offset, uint32_t width,
                                                       ordtree_key_kind_t kind);
 
+/*
+ * Tells the tree that a node with the probe's key is about to be inserted or searched for, so that its memory may be on
+ * the way while the caller does something else. Changes nothing; any arguments that suit ordtree_search. A platform may
+ * lack this operation.
+ */
+L2FIB_EXPORT L2FIB_OPTIONAL void ordtree_expect(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index);
+
 L2FIB_END_DECLS
 
 #endif

@@ -20,15 +20,6 @@ using edm::to_element;
 constexpr uint32_t by_name = 0;
 constexpr uint32_t by_bridge_id = 1;
 
-// Clearing what nobody looks at would take longer than a step of the search.
-mac_element mac_probe(const uint8_t *mac_addr)
-{
-    mac_element probe; // NOLINT(cppcoreguidelines-pro-type-member-init)
-    probe.mac_link = {};
-    std::memcpy(probe.record.mac_addr, mac_addr, edm::mac_addr_size);
-    return probe;
-}
-
 bool bd_root_runs()
 {
     return ordtree_running(&root.bd_root) != 0;
@@ -221,7 +212,7 @@ l2fm_edm_mac_t *l2fm_edm_table_bp_mac_get(const ordtree_t *mac_tree, const uint8
     if (mac_tree == nullptr || mac_addr == nullptr) {
         return nullptr;
     }
-    const mac_element probe = mac_probe(mac_addr);
+    const mac_element probe = edm::mac_probe(mac_addr);
     return edm::find<l2fm_edm_mac_t>(mac_tree, &probe.mac_link);
 }
 
@@ -230,7 +221,7 @@ l2fm_edm_mac_t *l2fm_edm_table_bp_macaddr_get_next(const ordtree_t *mac_tree, co
     if (mac_tree == nullptr || mac_addr == nullptr) {
         return nullptr;
     }
-    const mac_element probe = mac_probe(mac_addr);
+    const mac_element probe = edm::mac_probe(mac_addr);
     return next<l2fm_edm_mac_t>(mac_tree, &probe.mac_link);
 }
 
