@@ -52,7 +52,8 @@ l2fm_edm_bp_t *ordinary_port_of(l2fm_edm_bd_t *bd, const l2fib_mac_edm_entry_t *
         }
         return bp;
     }
-    if (const uint32_t status = l2fm_edm_table_bp_update(bp, entry->bridge_id); status != 0) {
+    const uint32_t status = bp->refresh_pending != 0 ? l2fm_edm_table_bp_update(bp, entry->bridge_id) : 0;
+    if (status != 0) {
         EDM_TRACE_AS(operation, 1915, bp->xcid, status);
         return nullptr;
     }

@@ -34,17 +34,14 @@ constinit uint64_t known_absent = no_address;
 // One address on very many ports: a search in the ports of one bridge domain is cheaper from here on.
 constexpr uint32_t longest_chain_followed = 64;
 
-constexpr uintptr_t counted_mask = 7;
-static_assert(alignof(l2fm_edm_mac_t) > counted_mask);
-
 l2fm_edm_mac_t *chain_prev(const l2fm_edm_mac_t *mac)
 {
-    return reinterpret_cast<l2fm_edm_mac_t *>(mac->same_addr_prev & ~counted_mask);
+    return reinterpret_cast<l2fm_edm_mac_t *>(mac->same_addr_prev & ~edm::counted_mask);
 }
 
 void set_chain_prev(l2fm_edm_mac_t *mac, l2fm_edm_mac_t *prev)
 {
-    mac->same_addr_prev = reinterpret_cast<uintptr_t>(prev) | (mac->same_addr_prev & counted_mask);
+    mac->same_addr_prev = reinterpret_cast<uintptr_t>(prev) | (mac->same_addr_prev & edm::counted_mask);
 }
 
 // A missing entry is its own predecessor, which no entry in a chain is.
@@ -153,16 +150,6 @@ address_answer address_index_find(const uint8_t *mac_addr, const l2fm_edm_bp_t *
         }
     }
     return {true, lowest};
-}
-
-uint32_t counted_as(const l2fm_edm_mac_t *mac)
-{
-    return static_cast<uint32_t>(mac->same_addr_prev & counted_mask);
-}
-
-void set_counted_as(l2fm_edm_mac_t *mac, uint32_t kind)
-{
-    mac->same_addr_prev = (mac->same_addr_prev & ~counted_mask) | (kind & counted_mask);
 }
 
 } // namespace edm

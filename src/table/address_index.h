@@ -33,7 +33,17 @@ struct address_answer {
 address_answer address_index_find(const uint8_t *mac_addr, const l2fm_edm_bp_t *preferred, const l2fm_edm_bd_t *bd);
 
 // How an entry was counted last, three bits; see mac_entry.cpp. They share a word with the chain.
-uint32_t counted_as(const l2fm_edm_mac_t *mac);
-void set_counted_as(l2fm_edm_mac_t *mac, uint32_t kind);
+constexpr uintptr_t counted_mask = 7;
+static_assert(alignof(l2fm_edm_mac_t) > counted_mask);
+
+inline uint32_t counted_as(const l2fm_edm_mac_t *mac)
+{
+    return static_cast<uint32_t>(mac->same_addr_prev & counted_mask);
+}
+
+inline void set_counted_as(l2fm_edm_mac_t *mac, uint32_t kind)
+{
+    mac->same_addr_prev = (mac->same_addr_prev & ~counted_mask) | (kind & counted_mask);
+}
 
 } // namespace edm
