@@ -13,8 +13,9 @@
 //  - All tags of a bucket are compared at once: which slot it is cannot be predicted, and a table that is fed in random
 //    order waits for memory, so that every instruction less lets more accesses wait side by side.
 //  - A search ends at the first bucket that nothing has passed. Removing leaves nothing behind.
-//  - Growing is spread over the insertions that follow: the old buckets are retired one at a time, and a key is looked
-//    for in the new ones first and then in those not retired yet. No insertion pays for a whole table.
+//  - Growing is spread over the insertions that follow: the old buckets are retired a few at a time, and a key is
+//    looked for in the new ones first and then in those not retired yet. No insertion pays for a whole table, and an
+//    index that comes to rest half-way, where each search looks twice, is rare.
 //  - The memory is mapped apart from the heap and given back likewise. Without memory an insertion is refused, nothing
 //    is lost, and the caller has to find that record in another way.
 //  - Keys are hashed with a secret of the index, so that nobody outside can choose keys that collide.
@@ -78,6 +79,7 @@ struct growing_index {
 namespace growing {
 
 constexpr uint64_t first_bucket_count = 512;
+constexpr uint64_t buckets_retired_at_once = 4; // divides the first bucket count
 constexpr uint64_t buckets_given_back_at_once = 4096;
 constexpr uint64_t buckets_of_huge_page = (uint64_t{2} << 20) / sizeof(index_bucket);
 constexpr uint16_t most_passed = 0xffff;
@@ -221,14 +223,14 @@ inline void take(bucket_table &table, uint64_t hash, index_place place)
     table.used--;
 }
 
-// Asks for what the buckets that are soon to be retired will need, in two steps, each so many insertions ahead that
+// Asks for what the buckets that are soon to be retired will need, in two steps, each two insertions ahead so that
 // memory has answered by the next: a bucket; then its records, whose keys are hashed again, and the two buckets that
 // most of them go to. Inlined by force: a function that does nothing but prefetch counts as one without effect, and its
 // calls vanish.
 template <typename Traits>
 [[gnu::always_inline]] inline void fetch_for_retiring(const growing_index<Traits> &index)
 {
-    constexpr uint64_t ahead = 2;
+    constexpr uint64_t ahead = 2 * buckets_retired_at_once;
     __builtin_prefetch(&index.retiring.buckets[(index.retired + 2 * ahead) & index.retiring.mask]);
     const uint64_t number = (index.retired + ahead) & index.retiring.mask;
     for (const void *record : index.retiring.buckets[number].record) {
@@ -272,13 +274,21 @@ void give_back_some(growing_index<Traits> &index)
     index.left += buckets_given_back_at_once;
 }
 
+template <typename Traits>
+void retire_some(growing_index<Traits> &index)
+{
+    for (uint64_t count = 0; count < buckets_retired_at_once; count++) {
+        retire_one(index);
+    }
+}
+
 // Sees to it that the current table has a free slot; false when it has not and there is no memory. A table is retired
 // long before the next one, twice as large, is full.
 template <typename Traits>
 bool make_room(growing_index<Traits> &index)
 {
     if (index.retiring.buckets != nullptr) {
-        retire_one(index);
+        retire_some(index);
         return true;
     }
     if (index.leaving.buckets != nullptr) {
