@@ -141,16 +141,26 @@ inline bool holds(const bucket_table &table, const index_bucket *bucket)
     return bucket >= table.buckets && bucket < table.buckets + bucket_count(table);
 }
 
+// How to map a table that is too small for huge pages: touched at once, since it is going to be touched all over, and a
+// page that is read before it is written costs two faults.
+#ifdef MAP_POPULATE
+constexpr int touched = MAP_POPULATE;
+#else
+constexpr int touched = 0;
+#endif
+
 // Maps an empty table; one without buckets when there is no memory.
 inline bucket_table map_table(uint64_t bucket_count)
 {
     const size_t bytes = bucket_count * sizeof(index_bucket);
-    void *memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    const bool is_large = bucket_count >= 2 * buckets_of_huge_page;
+    const int flags = MAP_PRIVATE | MAP_ANONYMOUS | (is_large ? 0 : touched);
+    void *memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, flags, -1, 0);
     if (memory == MAP_FAILED) {
         return {};
     }
 #ifdef MADV_HUGEPAGE
-    if (bucket_count >= 2 * buckets_of_huge_page) {
+    if (is_large) {
         madvise(memory, bytes, MADV_HUGEPAGE);
     }
 #endif
