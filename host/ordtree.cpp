@@ -16,6 +16,9 @@ constexpr unsigned prefetch_distance = 8;
 
 constexpr unsigned entries_per_line = cache_line_size / sizeof(entry);
 
+/* Entries that are found sooner than the whole of a node could be asked for. */
+constexpr unsigned small_count = 2 * entries_per_line;
+
 bool runs(const ordtree_t *tree)
 {
     return tree != nullptr && tree->index_count != 0;
@@ -63,7 +66,9 @@ leaf_place locate(const ordtree_t *tree, unsigned number, const ordtree_link_t *
     if (leaf == nullptr || tree_of(leaf) != tree || leaf->index != number || leaf->level != 0) {
         return {nullptr, 0};
     }
-    prefetch_node(leaf);
+    if (leaf->count > small_count) {
+        prefetch_node(leaf);
+    }
     const unsigned slot = slot_in(tree->index[number], leaf, record);
     return {slot != not_in_leaf ? leaf : nullptr, slot};
 }
