@@ -79,10 +79,12 @@ struct growing_index {
 namespace growing {
 
 constexpr uint64_t first_bucket_count = 512;
-constexpr uint64_t buckets_retired_at_once = 4; // divides the first bucket count
+constexpr uint64_t buckets_retired_at_once = 4;
 constexpr uint64_t buckets_given_back_at_once = 4096;
 constexpr uint64_t buckets_of_huge_page = (uint64_t{2} << 20) / sizeof(index_bucket);
 constexpr uint16_t most_passed = 0xffff;
+
+static_assert(first_bucket_count % buckets_retired_at_once == 0, "the last few buckets of a table are a full number");
 
 // An odd number that nobody outside can guess: the load address differs from process to process, the time from start to
 // start.
