@@ -5,13 +5,13 @@
 //     ordtree_bench --benchmark_enable_random_interleaving=true --benchmark_repetitions=5
 //                   --benchmark_report_aggregates_only=true
 
+#include "bench/thread_time.h"
 #include "platform/ordtree.h"
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
 #include <memory>
 #include <random>
 #include <set>
@@ -30,6 +30,7 @@
 
 namespace {
 
+using bench::measure;
 using key_type = std::uint64_t;
 
 constexpr std::size_t record_size = 88;
@@ -288,22 +289,6 @@ public:
     std::unique_ptr<Container[]> containers;
     std::size_t container_count;
 };
-
-// Time on the processor: on a machine that others use, the time on the wall says little.
-double thread_seconds()
-{
-    timespec now{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
-}
-
-template <typename Pass>
-void measure(benchmark::State &state, Pass pass)
-{
-    const double start = thread_seconds();
-    pass();
-    state.SetIterationTime(thread_seconds() - start);
-}
 
 template <typename Container, bool Sorted>
 void insert(benchmark::State &state)

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "bench/random_table.h"
+#include "bench/thread_time.h"
 #include "host/chunk_statistics.h"
 #include "host/ordtree_audit.h"
 #include "l2fm_edm_table.h"
@@ -20,6 +21,7 @@ namespace {
 using bench::bridge_domains;
 using bench::create_objects;
 using bench::make_entries;
+using bench::measure;
 using clock_type = std::chrono::steady_clock;
 
 // A started table for the life of one benchmark, filled with `count` entries unless told otherwise.
@@ -52,14 +54,6 @@ struct filled_table {
     std::vector<l2fib_mac_edm_entry_t> entries;
 };
 
-template <typename Work>
-void time_work(benchmark::State &state, Work work)
-{
-    const auto start = clock_type::now();
-    work();
-    state.SetIterationTime(std::chrono::duration<double>(clock_type::now() - start).count());
-}
-
 void report(benchmark::State &state, uint64_t items)
 {
     state.counters["per_entry"] = benchmark::Counter(
@@ -85,7 +79,7 @@ void create(benchmark::State &state)
         const filled_table table(state.range(0), false);
         each.clear();
         each.reserve(table.entries.size());
-        time_work(state, [&] {
+        measure(state, [&] {
             auto before = clock_type::now();
             for (const l2fib_mac_edm_entry_t &entry : table.entries) {
                 l2fib_mac_edm_add(&entry);
@@ -106,7 +100,7 @@ void feed_again(benchmark::State &state)
 {
     const filled_table table(state.range(0));
     for (auto _ : state) {
-        time_work(state, [&] { table.feed(); });
+        measure(state, [&] { table.feed(); });
     }
     report(state, table.entries.size());
 }
@@ -119,7 +113,7 @@ void look_up(benchmark::State &state, uint8_t flip)
         entry.mac_addr[0] ^= flip;
     }
     for (auto _ : state) {
-        time_work(state, [&] {
+        measure(state, [&] {
             for (const l2fib_mac_edm_entry_t &entry : table.entries) {
                 benchmark::DoNotOptimize(l2fm_edm_table_mac_get_by_bridgeid_mac(entry.bridge_id, entry.mac_addr));
             }
@@ -141,7 +135,7 @@ void successor_of_absent(benchmark::State &state)
 {
     filled_table table(state.range(0));
     for (auto _ : state) {
-        time_work(state, [&] {
+        measure(state, [&] {
             for (l2fib_mac_edm_entry_t &entry : table.entries) {
                 entry.mac_addr[0] ^= 1;
                 const l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(entry.xcid);
@@ -156,7 +150,7 @@ void full_resync(benchmark::State &state)
 {
     const filled_table table(state.range(0));
     for (auto _ : state) {
-        time_work(state, [&] {
+        measure(state, [&] {
             l2fib_mac_edm_mark_all();
             table.feed();
             l2fib_mac_edm_sweep_all();
@@ -176,7 +170,7 @@ void walk_in_order(benchmark::State &state)
     const filled_table table(state.range(0));
     uint64_t sum = 0;
     for (auto _ : state) {
-        time_work(state, [&] {
+        measure(state, [&] {
             for (uint16_t bridge_id = 1; bridge_id <= bridge_domains; bridge_id++) {
                 l2fm_edm_table_walk_all_macs_under_bd(count_visit, &sum, bridge_id);
             }
@@ -191,7 +185,7 @@ void walk_as_created(benchmark::State &state)
     const filled_table table(state.range(0));
     uint64_t sum = 0;
     for (auto _ : state) {
-        time_work(state, [&] { l2fm_edm_table_walk_all_macs(count_visit, &sum); });
+        measure(state, [&] { l2fm_edm_table_walk_all_macs(count_visit, &sum); });
     }
     benchmark::DoNotOptimize(sum);
     report(state, table.entries.size());
@@ -201,7 +195,7 @@ void mark_and_sweep(benchmark::State &state)
 {
     for (auto _ : state) {
         const filled_table table(state.range(0));
-        time_work(state, [&] {
+        measure(state, [&] {
             l2fib_mac_edm_mark_all();
             l2fib_mac_edm_sweep_all();
         });
