@@ -12,7 +12,7 @@
 #include <cstring>
 #include <functional>
 #include <map>
-#include <memory>
+#include <numeric>
 #include <random>
 #include <thread>
 #include <vector>
@@ -72,9 +72,9 @@ void set_keys(record &of, std::uint32_t number)
     of.id = ~number;
 }
 
-std::uint32_t key_on(const record &of, std::uint32_t index)
+std::uint32_t number_of(const record &of)
 {
-    return index == 0 ? ~of.id : of.id;
+    return ~of.id;
 }
 
 record *entry(ordtree_link_t *node)
@@ -108,30 +108,23 @@ std::vector<record> numbered_records(std::uint32_t count)
     return records;
 }
 
+// Records by their numbers, which is the order of the addresses; that of the ids is the reverse.
 class reference {
 public:
-    using map = std::map<std::uint32_t, record *>;
-    map by_key[2];
+    std::map<std::uint32_t, record *> records;
 
-    record *find(std::uint32_t index, std::uint32_t key) const { return at(index, by_key[index].find(key)); }
-    record *next(std::uint32_t index, std::uint32_t key) const { return at(index, by_key[index].upper_bound(key)); }
-    record *first(std::uint32_t index) const { return at(index, by_key[index].begin()); }
-    void insert(record &of)
+    record *find(std::uint32_t number) const { return at(records.find(number)); }
+    record *first(std::uint32_t index) const { return at(index == 0 ? records.begin() : before(records.end())); }
+    record *next(std::uint32_t index, std::uint32_t number) const
     {
-        by_key[0][key_on(of, 0)] = &of;
-        by_key[1][key_on(of, 1)] = &of;
-    }
-    void erase(const record &of)
-    {
-        by_key[0].erase(key_on(of, 0));
-        by_key[1].erase(key_on(of, 1));
+        return at(index == 0 ? records.upper_bound(number) : before(records.lower_bound(number)));
     }
 
 private:
-    record *at(std::uint32_t index, map::const_iterator where) const
-    {
-        return where == by_key[index].end() ? nullptr : where->second;
-    }
+    using place = std::map<std::uint32_t, record *>::const_iterator;
+
+    place before(place where) const { return where == records.begin() ? records.end() : std::prev(where); }
+    record *at(place where) const { return where == records.end() ? nullptr : where->second; }
 };
 
 // A tree, its reference and a tree of the same shape whose records serve as foreign probes.
@@ -143,16 +136,12 @@ protected:
     {
         ASSERT_EQ(init(tree, GetParam()), 0U);
         ASSERT_EQ(init(other, GetParam()), 0U);
-        for (std::uint32_t i = 0; i < key_count; i += 7) {
-            foreign.emplace_back(std::make_unique<record>());
-            set_keys(*foreign.back(), i);
-            ASSERT_NE(ordtree_insert(&other, foreign.back()->links), nullptr);
+        for (record &each : foreign) {
+            ASSERT_NE(ordtree_insert(&other, each.links), nullptr);
         }
-        std::generate(pool.begin(), pool.end(), [i = 0U]() mutable {
-            record made{};
-            set_keys(made, i++ % key_count); // two records of each key
-            return made;
-        });
+        for (std::uint32_t i = 0; i < pool.size(); ++i) {
+            set_keys(pool[i], i % key_count); // two records of each key
+        }
     }
 
     void TearDown() override
@@ -164,36 +153,33 @@ protected:
 
     void change(record &of)
     {
-        if (expected.find(0, key_on(of, 0)) == &of) {
-            EXPECT_EQ(ordtree_insert(&tree, of.links), nullptr);
-            EXPECT_EQ(ordtree_delete(&tree, of.links), of.links);
-            EXPECT_TRUE(is_out(of));
-            expected.erase(of);
-        } else if (expected.find(0, key_on(of, 0)) != nullptr) {
-            EXPECT_EQ(ordtree_insert(&tree, of.links), nullptr);
+        const record *const present = expected.find(number_of(of));
+        EXPECT_EQ(ordtree_insert(&tree, of.links), present == nullptr ? of.links : nullptr);
+        if (present == nullptr) {
+            expected.records[number_of(of)] = &of;
+            return;
+        }
+        EXPECT_EQ(ordtree_delete(&tree, of.links), present == &of ? of.links : nullptr);
+        EXPECT_TRUE(is_out(of));
+        if (present == &of) {
             EXPECT_EQ(ordtree_delete(&tree, of.links), nullptr);
-            EXPECT_TRUE(is_out(of));
-        } else {
-            EXPECT_EQ(ordtree_delete(&tree, of.links), nullptr);
-            EXPECT_EQ(ordtree_insert(&tree, of.links), of.links);
-            expected.insert(of);
+            expected.records.erase(number_of(of));
         }
     }
 
     void query(const record &probe)
     {
         for (std::uint32_t index = 0; index < tree.index_count; ++index) {
-            const std::uint32_t key = key_on(probe, index);
-            EXPECT_EQ(entry(ordtree_search(&tree, probe.links, index)), expected.find(index, key));
-            EXPECT_EQ(entry(ordtree_get_next(&tree, probe.links, index)), expected.next(index, key));
+            EXPECT_EQ(entry(ordtree_search(&tree, probe.links, index)), expected.find(number_of(probe)));
+            EXPECT_EQ(entry(ordtree_get_next(&tree, probe.links, index)), expected.next(index, number_of(probe)));
             EXPECT_EQ(entry(ordtree_get_first(&tree, index)), expected.first(index));
         }
     }
 
     ordtree_t tree{};
     ordtree_t other{};
-    std::vector<std::unique_ptr<record>> foreign;
-    std::array<record, std::size_t{key_count} * 2> pool{};
+    std::vector<record> foreign = numbered_records(key_count / 3);
+    std::vector<record> pool = std::vector<record>(std::size_t{key_count} * 2);
     reference expected;
 };
 
@@ -210,11 +196,11 @@ TEST_P(model, agrees_with_the_reference)
         set_keys(probe, static_cast<std::uint32_t>(random() % key_count));
         query(probe);
         query(one);
-        query(*foreign[random() % foreign.size()]);
+        query(foreign[random() % foreign.size()]);
         if (step % 199 == 0) {
             ASSERT_SOUND(tree);
         }
-        ASSERT_EQ(tree.record_count, expected.by_key[0].size());
+        ASSERT_EQ(tree.record_count, expected.records.size());
         ASSERT_FALSE(HasFailure()) << "step " << step;
     }
 }
@@ -223,61 +209,54 @@ INSTANTIATE_TEST_SUITE_P(ordtree, model, ::testing::ValuesIn(kinds));
 
 using sequence = std::vector<std::uint32_t>;
 
-sequence ascending(std::uint32_t count)
+// Downwards in each of the stretches, which follow each other upwards: leaves run empty beside full ones.
+sequence sawtooth(std::uint32_t count, std::uint32_t stretch)
 {
     sequence made(count);
-    std::generate(made.begin(), made.end(), [i = 0U]() mutable { return i++; });
-    return made;
-}
-
-sequence descending(std::uint32_t count)
-{
-    sequence made = ascending(count);
-    std::reverse(made.begin(), made.end());
-    return made;
-}
-
-// Downwards in each of many stretches that follow each other upwards: leaves run empty beside full ones.
-sequence sawtooth(std::uint32_t count)
-{
-    constexpr std::uint32_t stretch = 500;
-    sequence made = ascending(count);
     for (std::uint32_t start = 0; start < count; start += stretch) {
-        std::reverse(made.begin() + start, made.begin() + std::min(start + stretch, count));
+        const std::uint32_t end = std::min(start + stretch, count);
+        std::iota(made.rbegin() + (count - end), made.rbegin() + (count - start), start);
     }
     return made;
 }
 
 sequence shuffled(std::uint32_t count)
 {
-    sequence made = ascending(count);
+    sequence made = sawtooth(count, 1);
     std::shuffle(made.begin(), made.end(), std::mt19937(seed()));
     return made;
+}
+
+// Audits whenever the number of records is a multiple of `stride`.
+void grow_and_shrink(kind of, const sequence &insertion, const sequence &deletion, std::uint32_t stride)
+{
+    auto records = numbered_records(static_cast<std::uint32_t>(insertion.size()));
+    ordtree_t tree{};
+    ASSERT_EQ(init(tree, of), 0U);
+    const auto change = [&](const sequence &order, ordtree_link_t *(*operation)(ordtree_t *, ordtree_link_t *)) {
+        for (const std::uint32_t i : order) {
+            ASSERT_EQ(operation(&tree, records[i].links), records[i].links);
+            if (tree.record_count % stride == 0) {
+                ASSERT_SOUND(tree);
+            }
+        }
+    };
+    change(insertion, ordtree_insert);
+    change(deletion, ordtree_delete);
+    EXPECT_EQ(tree.record_count, 0U);
+    ordtree_finish(&tree);
 }
 
 TEST(ordtree, survives_every_order_of_insertion_and_deletion)
 {
     TRACE_SEED();
     constexpr std::uint32_t count = 9000; // three levels
-    constexpr std::array<sequence (*)(std::uint32_t), 4> orders = {ascending, descending, sawtooth, shuffled};
-    auto records = numbered_records(count);
+    const sequence orders[] = {sawtooth(count, 1), sawtooth(count, count), sawtooth(count, 500), shuffled(count)};
     for (const kind &of : kinds) {
-        for (const auto insertion : orders) {
-            for (const auto deletion : orders) {
-                ordtree_t tree{};
-                ASSERT_EQ(init(tree, of), 0U);
-                for (const std::uint32_t i : insertion(count)) {
-                    ASSERT_NE(ordtree_insert(&tree, records[i].links), nullptr);
-                }
-                ASSERT_SOUND(tree);
-                for (const std::uint32_t i : deletion(count)) {
-                    ASSERT_NE(ordtree_delete(&tree, records[i].links), nullptr);
-                    if (tree.record_count % 199 == 0) {
-                        ASSERT_SOUND(tree);
-                    }
-                }
+        for (const sequence &insertion : orders) {
+            for (const sequence &deletion : orders) {
+                grow_and_shrink(of, insertion, deletion, 499);
                 EXPECT_EQ(ordtree_memory().nodes, 0U);
-                ordtree_finish(&tree);
             }
         }
     }
@@ -286,24 +265,13 @@ TEST(ordtree, survives_every_order_of_insertion_and_deletion)
 // Seven keys: each order of insertion, each time with another order of deletion, so that every one comes up for both.
 TEST(ordtree, holds_seven_keys_in_each_of_their_orders)
 {
-    auto records = numbered_records(7);
     for (const kind &of : kinds) {
-        ordtree_t tree{};
-        ASSERT_EQ(init(tree, of), 0U);
-        sequence insertion = ascending(7);
-        sequence deletion = descending(7);
+        sequence insertion = sawtooth(7, 1);
+        sequence deletion = sawtooth(7, 7);
         do {
-            for (const std::uint32_t i : insertion) {
-                ASSERT_NE(ordtree_insert(&tree, records[i].links), nullptr);
-                ASSERT_SOUND(tree);
-            }
-            for (const std::uint32_t i : deletion) {
-                ASSERT_NE(ordtree_delete(&tree, records[i].links), nullptr);
-                ASSERT_SOUND(tree);
-            }
+            grow_and_shrink(of, insertion, deletion, 1);
             std::prev_permutation(deletion.begin(), deletion.end());
         } while (std::next_permutation(insertion.begin(), insertion.end()));
-        ordtree_finish(&tree);
     }
 }
 
@@ -332,19 +300,17 @@ TEST(ordtree, walks_without_a_search_and_while_its_records_leave)
             }
             EXPECT_EQ(comparator_calls, 0U);
         }
-        // Every third record stays on the first round, as after a sweep.
-        for (const unsigned kept : {3U, 0U}) {
-            unsigned visited = 0;
-            ordtree_link_t *next = nullptr;
-            for (auto *at = ordtree_get_first(&tree, 0); at != nullptr; at = next) {
-                next = ordtree_get_next(&tree, at, 0);
-                if (kept == 0 || visited++ % kept != 0) {
-                    ASSERT_NE(ordtree_delete(&tree, at), nullptr);
-                }
+        // Every third record stays, as after a sweep.
+        std::uint32_t visited = 0;
+        ordtree_link_t *next = nullptr;
+        for (auto *at = ordtree_get_first(&tree, 0); at != nullptr; at = next) {
+            next = ordtree_get_next(&tree, at, 0);
+            if (visited++ % 3 != 0) {
+                ASSERT_NE(ordtree_delete(&tree, at), nullptr);
             }
-            ASSERT_SOUND(tree);
         }
-        EXPECT_EQ(tree.record_count, 0U);
+        EXPECT_EQ(visited, count);
+        ASSERT_SOUND(tree);
         ordtree_finish(&tree);
     }
 }
@@ -556,25 +522,14 @@ TEST(ordtree, shares_slabs_between_trees_and_gives_them_back)
 
 TEST(ordtree, lets_trees_of_different_threads_grow_at_once)
 {
-    const auto grow_and_shrink = [] {
-        auto records = numbered_records(4000);
+    const auto work = [](const sequence &order) {
         for (int round = 0; round < 4; ++round) {
-            ordtree_t tree{};
-            ASSERT_EQ(init(tree, {true, 2}), 0U);
-            for (const std::uint32_t i : shuffled(4000)) {
-                ASSERT_NE(ordtree_insert(&tree, records[i].links), nullptr);
-            }
-            ASSERT_SOUND(tree);
-            for (record &each : records) {
-                ASSERT_NE(ordtree_delete(&tree, each.links), nullptr);
-            }
-            ordtree_finish(&tree);
+            grow_and_shrink({true, 2}, order, order, 1000);
         }
     };
-    std::thread first(grow_and_shrink);
-    std::thread second(grow_and_shrink);
-    first.join();
-    second.join();
+    std::thread other(work, shuffled(4000));
+    work(sawtooth(4000, 500));
+    other.join();
     EXPECT_EQ(ordtree_memory().nodes, 0U);
     EXPECT_LE(ordtree_memory().mapped_bytes, host::arena_slab_size);
 }
