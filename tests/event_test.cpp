@@ -260,39 +260,6 @@ TEST(EventLoop, WaitsOnlyForItsOwnThreadAndSurvivesSignals)
     thread.join();
 }
 
-TEST(EventLoop, RunsPostsInTheirOrder)
-{
-    constexpr size_t senders = 4;
-    constexpr int posts = 2000;
-    struct post {
-        size_t sender;
-        int number;
-        std::array<int, senders> *next;
-        std::atomic<int> *done;
-    };
-    std::array<int, senders> next{};
-    std::atomic<int> done = 0;
-    event_loop loop("/test/order");
-    std::vector<std::thread> threads;
-    for (size_t sender = 0; sender < senders; ++sender) {
-        threads.emplace_back([&, sender] {
-            for (int i = 0; i < posts; ++i) {
-                const auto run = [](void *cookie) {
-                    const std::unique_ptr<post> arrived(static_cast<post *>(cookie));
-                    EXPECT_EQ((*arrived->next)[arrived->sender]++, arrived->number);
-                    ++*arrived->done;
-                };
-                EXPECT_EQ(host::event_post(loop.evm, run, nothing, new post{sender, i, &next, &done}), 0u);
-            }
-        });
-    }
-    for (auto &thread : threads) {
-        thread.join();
-    }
-    test::serve_queued(loop.evm);
-    EXPECT_EQ(done, static_cast<int>(senders) * posts);
-}
-
 TEST(EventLoop, NoSourceStarvesTheOthers)
 {
     struct counts {

@@ -1,11 +1,11 @@
 // What the handlers do when a call of the platform fails, and what is left behind: nothing. Functions that are defined
-// here win over those of the libraries, count, and forward to them unless their call is to fail.
+// here win over those of the libraries, watch, and forward to them.
+#include "tests/support/interpose.h"
 #include "tests/support/served_module.h"
 
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
-#include <dlfcn.h>
 #include <pthread.h>
 
 // The sanitizers have a `free` of their own, and look for leaks themselves.
@@ -25,13 +25,6 @@ const auto *const environment = testing::AddGlobalTestEnvironment(new running_mo
 constexpr uint32_t refused = 77;
 constexpr time_t inconvertible = 4'000'000'000;
 
-// The calls that are to fail: of one function, the nth or all of them (0).
-struct {
-    std::string_view function;
-    uint32_t nth;
-    std::atomic<uint32_t> calls;
-} fault;
-
 // Copies of texts that were not released yet, and the encoded buffer that was not: a handler has one at a time.
 std::atomic<int> live_texts;
 std::atomic<void *> live_buffer;
@@ -49,29 +42,25 @@ bool is_request_thread()
     return known;
 }
 
-template <typename Function>
-Function *next(Function *, const char *name)
-{
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-}
-
-template <typename Function, typename... Arguments>
-uint32_t call(Function *function, const char *name, Arguments... arguments)
-{
-    if (fault.function == name && (++fault.calls == fault.nth || fault.nth == 0)) {
-        return refused;
-    }
-    return next(function, name)(arguments...);
-}
-
 } // namespace
+
+INTERPOSE_OPERATION(calloc)
+INTERPOSE_OPERATION(parcel_encode)
+INTERPOSE(uint32_t, optree_edm_list_add, (optree_list_t * list, const char *name, uint32_t type, uint32_t zero),
+          (list, name, type, zero), refused)
+INTERPOSE(uint32_t, optree_edm_datalist_add,
+          (optree_list_t * list, const char *name, uint32_t type, uint32_t zero, const void *bytes, uint32_t length),
+          (list, name, type, zero, bytes, length), refused)
+INTERPOSE(uint32_t, optree_edm_list_set_more_flag, (optree_list_t * list), (list), refused)
+INTERPOSE(uint32_t, optree_edm_datalist_set_more_flag, (optree_list_t * list), (list), refused)
 
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name, bugprone-reserved-identifier)
 extern "C" {
 
 uint32_t parcel_encode(void **encoded, uint32_t *length, const void *record, const parcel_schema_t *schema)
 {
-    const uint32_t status = call(parcel_encode, "parcel_encode", encoded, length, record, schema);
+    static const auto real = INTERPOSE_HIDDEN(parcel_encode);
+    const uint32_t status = interpose::parcel_encode.meet() ? refused : real(encoded, length, record, schema);
     void *before = nullptr;
     EXPECT_TRUE(status != 0 || WATCHES_MEMORY == 0 || live_buffer.compare_exchange_strong(before, *encoded));
     return status;
@@ -85,7 +74,7 @@ uint32_t parcel_free_indirections(void *record, const parcel_schema_t *schema)
             live_texts -= text != nullptr ? 1 : 0;
         }
     }
-    return call(parcel_free_indirections, "parcel_free_indirections", record, schema);
+    return INTERPOSE_HIDDEN(parcel_free_indirections)(record, schema);
 }
 
 uint32_t l2fib_show_mac_edm_fn_init(const l2fib_hw_edm_handler_table_t *table)
@@ -98,7 +87,7 @@ uint32_t l2fib_show_mac_edm_fn_init(const l2fib_hw_edm_handler_table_t *table)
         EXPECT_EQ(request->reply_list, status == 0 ? *list : nullptr);
         return status;
     };
-    return next(l2fib_show_mac_edm_fn_init, "l2fib_show_mac_edm_fn_init")(&watched);
+    return INTERPOSE_HIDDEN(l2fib_show_mac_edm_fn_init)(&watched);
 }
 
 char *strdup(const char *text) noexcept
@@ -110,22 +99,8 @@ char *strdup(const char *text) noexcept
 
 tm *localtime_r(const time_t *time, tm *result) noexcept
 {
-    return *time == inconvertible ? nullptr : next(localtime_r, "localtime_r")(time, result);
+    return *time == inconvertible ? nullptr : INTERPOSE_HIDDEN(localtime_r)(time, result);
 }
-
-#define FAILING(name, parameters, ...)         \
-    uint32_t name parameters                   \
-    {                                          \
-        return call(name, #name, __VA_ARGS__); \
-    }
-
-FAILING(optree_edm_list_add, (optree_list_t * list, const char *name, uint32_t type, uint32_t zero), list, name, type,
-        zero)
-FAILING(optree_edm_datalist_add,
-        (optree_list_t * list, const char *name, uint32_t type, uint32_t zero, const void *bytes, uint32_t length),
-        list, name, type, zero, bytes, length)
-FAILING(optree_edm_list_set_more_flag, (optree_list_t * list), list)
-FAILING(optree_edm_datalist_set_more_flag, (optree_list_t * list), list)
 
 #if WATCHES_MEMORY
 void __libc_free(void *memory);
@@ -133,7 +108,7 @@ void *__libc_calloc(size_t count, size_t bytes);
 
 void *calloc(size_t count, size_t bytes)
 {
-    const bool fails = fault.function == "calloc" && is_request_thread() && ++fault.calls == fault.nth;
+    const bool fails = interpose::calloc.refused_call != 0 && is_request_thread() && interpose::calloc.meet();
     return fails ? nullptr : __libc_calloc(count, bytes);
 }
 
@@ -174,11 +149,9 @@ struct outcome {
 };
 
 // Makes a request while calls fail, and sees to it that nothing is left of it.
-outcome request(const char *path, request_kind kind, const char *function, uint32_t nth)
+outcome request(const char *path, request_kind kind, interpose::operation &failing, uint64_t nth)
 {
-    fault.function = function;
-    fault.nth = nth;
-    fault.calls = 0;
+    failing.refuse(nth);
     host::trace_reset();
     const auto before = host::operational_get_statistics();
     outcome result = {};
@@ -195,20 +168,20 @@ outcome request(const char *path, request_kind kind, const char *function, uint3
     EXPECT_EQ(after.list_refusals + after.lists_abandoned, before.list_refusals + before.lists_abandoned);
     EXPECT_EQ(live_texts, 0);
     EXPECT_EQ(live_buffer, nullptr);
-    fault.function = {};
+    failing.refuse(0);
     return result;
 }
 
 TEST_F(served_module, a_failing_call_costs_an_item_or_the_request)
 {
-    constexpr uint32_t every = 0;
-    const char *const encode = "parcel_encode";
-    const char *const add = "optree_edm_datalist_add";
-    const char *const add_name = "optree_edm_list_add";
+    using interpose::every;
+    interpose::operation &encode = interpose::parcel_encode;
+    interpose::operation &add = interpose::optree_edm_datalist_add;
+    interpose::operation &add_name = interpose::optree_edm_list_add;
     const struct {
         const char *path;
-        const char *function;
-        std::vector<uint32_t> nth;
+        interpose::operation &failing;
+        std::vector<uint64_t> nth;
         size_t items;
         uint32_t status;
         uint32_t traced; // 0: not at all
@@ -235,9 +208,9 @@ TEST_F(served_module, a_failing_call_costs_an_item_or_the_request)
     };
     hold(3);
     for (const auto &c : cases) {
-        for (const uint32_t nth : c.nth) {
-            SCOPED_TRACE(testing::Message() << c.path << " " << c.function << " " << nth);
-            const outcome got = request(c.path, c.kind, c.function, nth);
+        for (const uint64_t nth : c.nth) {
+            SCOPED_TRACE(testing::Message() << "row " << &c - cases << " " << c.path << " " << nth);
+            const outcome got = request(c.path, c.kind, c.failing, nth);
             EXPECT_EQ(got.status, c.status);
             EXPECT_EQ(got.items, c.items);
             // Where each item fails, that nothing is left is one more failure, but not by port.
@@ -254,7 +227,7 @@ TEST_F(served_module, the_hardware_is_not_asked_without_memory)
 {
     hold(1);
     for (const uint32_t nth : {1u, 2u}) {
-        const outcome got = request("mac-table/domain/g:a/mac/02:00:00:00:00:00", get, "calloc", nth);
+        const outcome got = request("mac-table/domain/g:a/mac/02:00:00:00:00:00", get, interpose::calloc, nth);
         EXPECT_EQ(got.status, 12u);
         EXPECT_EQ(got.points, (std::vector<trace>{{"l2fib_hw_mac_addr_edm_get", {88, 12}}}));
     }
@@ -264,8 +237,8 @@ TEST_F(served_module, the_hardware_is_not_asked_without_memory)
 TEST_F(served_module, a_page_that_cannot_be_marked_as_partial_fails_or_ends_the_list)
 {
     hold(201);
-    const char *const of_names = "optree_edm_list_set_more_flag";
-    const char *const of_data = "optree_edm_datalist_set_more_flag";
+    interpose::operation &of_names = interpose::optree_edm_list_set_more_flag;
+    interpose::operation &of_data = interpose::optree_edm_datalist_set_more_flag;
     const struct {
         const char *path;
         request_kind kind;
@@ -312,9 +285,9 @@ TEST_F(served_module, aging_says_what_it_does_when_asked_to)
             messages.push_back(std::to_string(level) + " " + function + " " + text);
         },
         nullptr);
-    request("mac-aging", data, "optree_edm_datalist_add", 1);
+    request("mac-aging", data, interpose::optree_edm_datalist_add, 1);
     host::debug_bits_set(0xfe);
-    request("mac-aging", data, "", 1);
+    request("mac-aging", data, interpose::optree_edm_datalist_add, 0);
     host::debug_sink_set(nullptr, nullptr);
     host::debug_bits_set(0);
     EXPECT_THAT(

@@ -6,11 +6,13 @@
 
 #include "tests/support/reference_table.h"
 #include "tests/support/served_module.h"
+#include "tests/support/words.h"
 
 using namespace reference_table;
 using host::request_kind;
 using small_table::seg_info1_of;
 using small_table::seg_info2_of;
+using test::words;
 using strings = std::vector<std::string>;
 
 namespace {
@@ -28,14 +30,6 @@ struct answer {
     strings items = {};
 };
 
-template <typename... Parts>
-std::string line(const Parts &...parts)
-{
-    std::ostringstream out;
-    ((out << parts << ' '), ...);
-    return out.str();
-}
-
 std::string hex(uint64_t value, int digits = 1)
 {
     std::ostringstream out;
@@ -47,22 +41,22 @@ std::string hex(uint64_t value, int digits = 1)
 
 std::string ipv4(const uint8_t *address)
 {
-    return line(+address[0], +address[1], +address[2], +address[3]);
+    return words(+address[0], +address[1], +address[2], +address[3]);
 }
 
 std::string text(const std::string &path, std::span<const uint8_t> data)
 {
     if (path.starts_with("mac-count")) {
         const served::decoded<l2fib_mac_count_info_t> got(data, &l2fib_bridge_hw_mac_count_info_parcel);
-        return line(got.mac_cnt_sum, got.mac_cnt_plain, got.mac_cnt_f2, got.mac_cnt_f4, got.mac_cnt_f60);
+        return words(got.mac_cnt_sum, got.mac_cnt_plain, got.mac_cnt_f2, got.mac_cnt_f4, got.mac_cnt_f60);
     }
     if (path.starts_with("mac-vtep")) {
         const served::decoded<l2fib_vtep_info_t> got(data, &l2fib_vtep_info_parcel);
-        return line(got.seg_info1, got.seg_info2, ipv4(got.vtep_addr));
+        return words(got.seg_info1, got.seg_info2, ipv4(got.vtep_addr));
     }
     const served::decoded<l2fib_mac_info_t> got(data, &l2fib_bridge_mac_info_parcel);
-    return line(hex(got.mac_flags), hex(got.mac_flags2), got.xcid, got.bridge_id, got.bd_name, got.seg_type,
-                ipv4(got.vtep_addr), got.vtep_seg_info, got.prev_mac, got.next_mac);
+    return words(hex(got.mac_flags), hex(got.mac_flags2), got.xcid, got.bridge_id, got.bd_name, got.seg_type,
+                 ipv4(got.vtep_addr), got.vtep_seg_info, got.prev_mac, got.next_mac);
 }
 
 void expect_answer(const std::string &path, request_kind kind, const answer &expected)
@@ -85,7 +79,7 @@ void expect_answer(const std::string &path, request_kind kind, const answer &exp
 
 std::string vtep_text(uint32_t vtep)
 {
-    return vtep == 0 ? line(0, 0, 0, 0) : line(10, 0, 0, vtep);
+    return vtep == 0 ? words(0, 0, 0, 0) : words(10, 0, 0, vtep);
 }
 
 std::string mac_text(uint32_t address)
@@ -113,11 +107,11 @@ std::string record(reference &ref, const ref_mac &mac)
     const auto at = p.macs.at(mac.number);
     const bool of_bd = (mac.flags & 0x668) != 0;
     const bool vxlan = p.type == 4 && !of_bd;
-    return line(hex(translated(mac.flags)), hex((mac.flags & 0xe000) >> 10), of_bd ? EDM_XCID_DUMMY : p.xcid, *p.bd,
-                ref.bds[*p.bd], of_bd ? 0 : seg_types[p.type],
-                vtep_text(vxlan && (mac.flags & 0x1000) != 0 ? mac.vtep : 0), vxlan ? seg_info2_of(p.xcid) : 0,
-                at == ref.list.begin() ? "N/A" : mac_text(std::prev(at)->number),
-                std::next(at) == ref.list.end() ? "N/A" : mac_text(std::next(at)->number));
+    return words(hex(translated(mac.flags)), hex((mac.flags & 0xe000) >> 10), of_bd ? EDM_XCID_DUMMY : p.xcid, *p.bd,
+                 ref.bds[*p.bd], of_bd ? 0 : seg_types[p.type],
+                 vtep_text(vxlan && (mac.flags & 0x1000) != 0 ? mac.vtep : 0), vxlan ? seg_info2_of(p.xcid) : 0,
+                 at == ref.list.begin() ? "N/A" : mac_text(std::prev(at)->number),
+                 std::next(at) == ref.list.end() ? "N/A" : mac_text(std::next(at)->number));
 }
 
 // A bridge domain in an item name: the name's part before its first ":", and the next part or all the rest.
@@ -218,7 +212,7 @@ std::string counts(const std::vector<ref_mac *> &macs, bool walked)
         f4 += (flags & 4) != 0;
         f60 += !walked && (flags & 0x60) != 0;
     }
-    return line(plain + f2, plain, f2, f4, f60);
+    return words(plain + f2, plain, f2, f4, f60);
 }
 
 // ---- Both, side by side ----
@@ -366,7 +360,7 @@ private:
 
     static std::string vtep_record(uint32_t xcid, uint32_t vtep)
     {
-        return line(seg_info1_of(xcid), seg_info2_of(xcid), vtep_text(vtep));
+        return words(seg_info1_of(xcid), seg_info2_of(xcid), vtep_text(vtep));
     }
 
     void ask_vteps()

@@ -2,6 +2,7 @@
 
 #include "host/operational_db_host.h"
 
+#include <arpa/inet.h>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -17,12 +18,14 @@
 #include "l2fib_mac_edm.h"
 #include "platform/l2fib.h"
 #include "tests/support/event_loop.h"
+#include "tests/support/words.h"
 
 namespace {
 
 using host::operational_page;
 using host::operational_query;
 using host::request_kind;
+using test::words;
 
 constexpr auto list = request_kind::list;
 constexpr auto datalist = request_kind::datalist;
@@ -51,31 +54,14 @@ std::string text_of(const char *name)
 
 std::string text_of(const uint8_t *mac_addr)
 {
-    if (mac_addr == nullptr) {
-        return "-";
-    }
-    char text[13];
-    for (size_t i = 0; i < 6; i++) {
-        snprintf(text + 2 * i, 3, "%02x", mac_addr[i]);
-    }
-    return text;
+    return mac_addr == nullptr ? "-" : test::hex(mac_addr, 6);
 }
 
 // An IPv4 address that was handed over as its bytes lie in memory.
 std::string address_text(uint32_t in_memory)
 {
-    uint8_t bytes[4];
-    memcpy(bytes, &in_memory, sizeof(bytes));
-    return std::to_string(bytes[0]) + "." + std::to_string(bytes[1]) + "." + std::to_string(bytes[2]) + "."
-           + std::to_string(bytes[3]);
-}
-
-template <typename... Values>
-std::string joined(Values... values)
-{
-    std::string text;
-    ((text += text.empty() ? std::string(values) : " " + std::string(values)), ...);
-    return text;
+    char text[INET_ADDRSTRLEN];
+    return inet_ntop(AF_INET, &in_memory, text, sizeof(text));
 }
 
 uint32_t run_list(std::string call, edm_list_req_t *request, optree_list_t **reply)
@@ -95,44 +81,39 @@ uint32_t mac_list(uint32_t flags, const char *domain, const uint8_t *mac_addr, u
                   edm_list_req_t *request, optree_list_t **reply)
 {
     const std::string filtered = filter == EDM_FILTER_VTEP ? address_text(value) : std::to_string(value);
-    return run_list(joined("mac", std::string(1, Kind), std::to_string(flags), text_of(domain), text_of(mac_addr),
-                           std::to_string(filter), filtered),
-                    request, reply);
+    return run_list(words("mac", Kind, flags, text_of(domain), text_of(mac_addr), filter, filtered), request, reply);
 }
 
 template <char Kind>
 uint32_t bp_list(uint32_t flags, const char *domain, uint32_t xcid, edm_list_req_t *request, optree_list_t **reply)
 {
-    return run_list(joined("bp", std::string(1, Kind), std::to_string(flags), text_of(domain), std::to_string(xcid)),
-                    request, reply);
+    return run_list(words("bp", Kind, flags, text_of(domain), xcid), request, reply);
 }
 
 template <char Kind>
 uint32_t vtep_list(uint32_t seg_info2, uint32_t seg_info1, edm_list_req_t *request, optree_list_t **reply)
 {
-    return run_list(joined("vtep", std::string(1, Kind), std::to_string(seg_info2), std::to_string(seg_info1)), request,
-                    reply);
+    return run_list(words("vtep", Kind, seg_info2, seg_info1), request, reply);
 }
 
 constexpr l2fib_hw_edm_handler_table_t handlers = {
     mac_list<'d'>,
     mac_list<'l'>,
     [](uint32_t flags, const char *domain, const uint8_t *mac_addr, edm_get_rsp_t *response) {
-        return run_get(joined("mac g", std::to_string(flags), text_of(domain), text_of(mac_addr)), response);
+        return run_get(words("mac g", flags, text_of(domain), text_of(mac_addr)), response);
     },
     [](edm_list_req_t *request, optree_list_t **reply) { return run_list("aging d", request, reply); },
     bp_list<'l'>,
     bp_list<'d'>,
     nullptr,
-    [](const char *domain, edm_get_rsp_t *response) { return run_get(joined("count", text_of(domain)), response); },
-    [](uint32_t xcid, edm_get_rsp_t *response) { return run_get(joined("count", std::to_string(xcid)), response); },
+    [](const char *domain, edm_get_rsp_t *response) { return run_get(words("count", domain), response); },
+    [](uint32_t xcid, edm_get_rsp_t *response) { return run_get(words("count", xcid), response); },
     [](edm_get_rsp_t *response) { return run_get("count", response); },
     nullptr,
     vtep_list<'d'>,
     vtep_list<'l'>,
     [](uint64_t, uint32_t xcid, uint32_t seg_info2, uint32_t address, edm_get_rsp_t *response) {
-        return run_get(joined("vtep g", std::to_string(xcid), std::to_string(seg_info2), address_text(address)),
-                       response);
+        return run_get(words("vtep g", xcid, seg_info2, address_text(address)), response);
     },
 };
 
@@ -288,34 +269,28 @@ TEST_F(operational_db, a_path_that_does_not_parse_names_the_element_and_what_was
         std::string error;
     } cases[] = {
         {list, "", "element 1 is missing: expected mac-table, mac-aging, mac-count, mac-vtep or mac-action"},
-        {list, "/mac-table", "element 1 is missing: expected mac-table"},
         {list, "mac-tables", "element 1, \"mac-tables\": expected mac-table"},
         {list, "mac-aging", "element 1, \"mac-aging\": cannot answer a list request, expected datalist"},
         {get, "mac-action", "cannot answer a get request, expected action"},
         {get, "mac-table", "element 2 is missing: expected domain or mac"},
         {get, "mac-table/domain/g:b/flagged", "element 4, \"flagged\": expected mac"},
-        {get, "mac-table/domain/g:b", "element 4 is missing: expected mac"},
         {list, "mac-table/",
          "element 2 is missing: expected domain, port, mac, vtep, seg-info2, flagged or resync-all"},
         {list, "mac-table/domain", "element 3 is missing: expected a bridge domain's full name"},
         {list, "mac-table/domain//flagged", "element 3 is missing: expected a bridge domain's full name"},
         {list, "mac-table/domain/" + long_name, "\": expected a bridge domain's full name of 1 to 63 characters"},
         {list, "mac-table/domain/a%2", "element 3, \"a%2\": expected % to begin the two hexadecimal digits"},
-        {list, "mac-table/domain/a%", "element 3, \"a%\": expected % to begin"},
         {list, "mac-table/domain/a%00", "element 3, \"a%00\": expected % to begin"},
         {list, "mac-table/domain/a/domain/a", "element 4, \"domain\": expected port, mac, vtep, seg-info2"},
         {list, "mac-table/vtep/1.2.3.4/seg-info2/5", "element 4, \"seg-info2\": expected domain, mac or flagged"},
         {list, "mac-table/vtep/1.2.3.256", "element 3, \"1.2.3.256\": expected an IPv4 address"},
-        {list, "mac-table/vtep/1.2.3", "expected an IPv4 address as 192.0.2.1"},
         {list, "mac-table/port/7", "element 4 is missing: expected domain"},
         {list, "mac-table/port/7/mac/01:02:03:04:05:06", "element 4, \"mac\": expected domain, flagged or resync-all"},
         {get, "mac-count/port/4294967296", "element 3, \"4294967296\": expected a number from 0 to 4294967295"},
         {get, "mac-count/port/0x", "element 3, \"0x\": expected a number"},
-        {get, "mac-count/port/-1", "element 3, \"-1\": expected a number"},
         {get, "mac-count/port/1/x", "element 4, \"x\": expected the end of the path"},
         {get, "mac-table/domain/a/mac/01:02:03:04:05", "element 5, \"01:02:03:04:05\": expected a MAC address as "},
         {get, "mac-table/domain/a/mac/01:02:03:04:05:0g", "expected a MAC address"},
-        {get, "mac-table/domain/a/mac/01-02-03-04-05-06", "expected a MAC address"},
         {get, "mac-table/domain/a/mac/0102.0304.05066", "expected a MAC address"},
         {static_cast<request_kind>(4), "mac-table", "there is no such kind of request"},
     };

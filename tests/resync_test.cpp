@@ -2,11 +2,11 @@
 #include "tests/support/module_scenario.h"
 
 #include <cstring>
-#include <future>
 
 #include "host/l2fib_host.h"
 #include "host/l2fib_objects.h"
 #include "host/notification_host.h"
+#include "tests/support/small_table.h"
 
 using namespace scenario;
 
@@ -91,10 +91,7 @@ void start(l2fib_mac_edm_pd_cb_t callbacks = silent_callbacks())
 // Waits until the cache thread has done what it was asked before.
 void settle()
 {
-    std::promise<void> reached;
-    const auto reach = [](void *cookie) { static_cast<std::promise<void> *>(cookie)->set_value(); };
-    host::event_post(l2fib_mac_cache_evm, reach, reach, &reached);
-    reached.get_future().wait();
+    test::serve_queued(l2fib_mac_cache_evm);
     if (the_plan.completer.joinable()) {
         the_plan.completer.join();
     }
@@ -337,29 +334,6 @@ TEST(Resync, TakesWhateverIsSentToTheChannel)
 
 // ---- Removals ----
 
-void feed(uint16_t bridge_id, uint32_t xcid)
-{
-    l2fib_mac_edm_entry_t entry{};
-    entry.bridge_id = bridge_id;
-    entry.xcid = xcid;
-    entry.mac_addr[5] = static_cast<uint8_t>(xcid);
-    EXPECT_EQ(l2fib_mac_edm_add(&entry), 0u);
-}
-
-std::string cached()
-{
-    std::string found;
-    l2fib_mac_edm_mutex_lock();
-    for (const uint32_t bridge_id : {7u, 8u}) {
-        found += l2fm_edm_table_bd_get_by_bridgeid(bridge_id) == nullptr ? "- " : words(bridge_id, "");
-    }
-    for (const uint32_t xcid : {9u, 0x2001u, 10u}) {
-        found += l2fm_edm_table_bp_get_by_xcid(xcid) == nullptr ? "- " : words(xcid, "");
-    }
-    l2fib_mac_edm_mutex_unlock();
-    return found;
-}
-
 uint32_t publish_bdxc(uint32_t slot, uint32_t kind, uint32_t id, uint32_t event)
 {
     bdxc_notification_t notification{};
@@ -384,44 +358,39 @@ TEST(Removal, DestroysWhatTheNotificationNames)
 {
     in_own_process([] {
         start();
-        uint32_t limit = 0;
-        l2fib_mac_edm_defn_init(&limit, 100);
-        host::bridge_domain_set(7, "g1:bd7");
-        host::bridge_domain_set(8, "g1:bd8");
-        for (const uint32_t xcid : {9u, 0x2001u, 10u}) {
-            host::cross_connect_set(xcid, {});
-        }
-        const std::string all = "7 8 9 8193 10 ";
-        const std::string without_domain = "- 8 - - 10 ";
-        const std::string without_port = "7 8 - 8193 10 ";
+        small_table::make_objects();
+        small_table::set_port(0x2001, L2FIB_SEGMENT_INTERFACE);
+        l2fib_mac_edm_defn_init(&small_table::limit, 100);
+        const std::string all = "1: 10(1) 8193(2) | 2: 20(3) | list 1 2 3";
+        const std::string without_domain = "2: 20(3) | list 3";
+        const std::string without_port = "1: 8193(2) | 2: 20(3) | list 2 3";
         const std::pair<uint32_t (*)(), std::string> rows[] = {
-            {[] { return publish_bdxc(0, 1, 7, 2); }, without_domain},
-            {[] { return publish_bdxc(0, 1, 7, 1); }, all},
-            {[] { return publish_bdxc(1, 1, 7, 2); }, all},
-            {[] { return publish_bdxc(0, 2, 0x2001, 2); }, "7 8 9 - 10 "},
-            {[] { return publish_bdxc(0, 3, 7, 2); }, all},
+            {[] { return publish_bdxc(0, 1, 1, 2); }, without_domain},
+            {[] { return publish_bdxc(0, 1, 1, 1); }, all},
+            {[] { return publish_bdxc(1, 1, 1, 2); }, all},
+            {[] { return publish_bdxc(0, 2, 0x2001, 2); }, "1: 10(1) | 2: 20(3) | list 1 3"},
+            {[] { return publish_bdxc(0, 3, 1, 2); }, all},
             {[] { return publish_bdxc(0, 1, 99, 2); }, all},
-            {[] { return publish_efp(0, 1, 10, 7, 1, 2); }, without_domain},
-            {[] { return publish_efp(0, 2, 9, 8, 1, 2); }, without_port},
-            {[] { return publish_efp(0, 3, 9, 8, 1, 2); }, without_port},
-            {[] { return publish_efp(0, 6, 9, 8, 1, 2); }, without_port},
-            {[] { return publish_efp(1, 3, 9, 8, 1, 2); }, without_port},
-            {[] { return publish_efp(2, 3, 9, 8, 1, 2); }, all},
-            {[] { return publish_efp(0, 4, 9, 7, 1, 2); }, all},
-            {[] { return publish_efp(0, 5, 9, 7, 1, 2); }, all},
-            {[] { return publish_efp(0, 3, 9, 7, 0, 2); }, all},
-            {[] { return publish_efp(0, 3, 9, 7, 1, 1); }, all},
+            {[] { return publish_efp(0, 1, 20, 1, 1, 2); }, without_domain},
+            {[] { return publish_efp(0, 2, 10, 2, 1, 2); }, without_port},
+            {[] { return publish_efp(0, 3, 10, 2, 1, 2); }, without_port},
+            {[] { return publish_efp(0, 6, 10, 2, 1, 2); }, without_port},
+            {[] { return publish_efp(1, 3, 10, 2, 1, 2); }, without_port},
+            {[] { return publish_efp(2, 3, 10, 2, 1, 2); }, all},
+            {[] { return publish_efp(0, 4, 10, 1, 1, 2); }, all},
+            {[] { return publish_efp(0, 5, 10, 1, 1, 2); }, all},
+            {[] { return publish_efp(0, 3, 10, 1, 0, 2); }, all},
+            {[] { return publish_efp(0, 3, 10, 1, 1, 1); }, all},
         };
         int row = 0;
         for (const auto &[publish, left] : rows) {
             SCOPED_TRACE(++row);
-            feed(7, 9);
-            feed(7, 0x2001);
-            feed(8, 10);
-            ASSERT_EQ(cached(), all);
+            l2fm_edm_table_bd_destroy(1);
+            l2fm_edm_table_bd_destroy(2);
+            ASSERT_EQ(small_table::run("1 10 1; 2 0x2001 1; 3 20 2"), 0u);
             EXPECT_EQ(publish(), 0u);
             settle();
-            EXPECT_EQ(cached(), left);
+            EXPECT_EQ(small_table::table_text(), left);
         }
         stop_module();
     });

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <future>
 #include <gtest/gtest.h>
 #include <random>
 #include <thread>
@@ -16,6 +15,7 @@
 #include "host/notification_host.h"
 #include "host/operational_db_host.h"
 #include "l2fm_edm_table.h"
+#include "tests/support/event_loop.h"
 #include "tests/support/table_audit.h"
 
 namespace {
@@ -95,10 +95,7 @@ void remove()
     case 1: EXPECT_EQ(host::bdxc_publish_cross_connect_removed(port.port_id), 0u); break;
     default: EXPECT_EQ(host::efp_publish(&port), 0u); break;
     }
-    std::promise<void> delivered;
-    const auto deliver = [](void *cookie) { static_cast<std::promise<void> *>(cookie)->set_value(); };
-    ASSERT_EQ(host::event_post(l2fib_mac_cache_evm, deliver, deliver, &delivered), 0u);
-    delivered.get_future().wait();
+    test::serve_queued(l2fib_mac_cache_evm);
     change_port();
     __atomic_store_n(hw_edm_pool, limit - below(100), __ATOMIC_RELAXED);
 }

@@ -7,6 +7,7 @@
 //     INTERPOSE(void *, chunk_malloc, (chunk_pool_t * pool), (pool), nullptr)
 //
 //     interpose::chunk_malloc.refuse(3);   // the third call from now on answers null
+//     interpose::chunk_malloc.refuse(interpose::every);
 //
 // The last argument is what a refused call answers; it may use the arguments, and `real` for the function that is
 // hidden, where a refusal has to have taken effect all the same: (real(tree, node), nullptr).
@@ -19,6 +20,8 @@
 #include <cstdint>
 
 namespace interpose {
+
+constexpr uint64_t every = UINT64_MAX;
 
 struct operation {
     std::atomic<uint64_t> calls{0}; // since the last refuse()
@@ -35,7 +38,7 @@ struct operation {
     [[nodiscard]] bool has_refused() const { return refused_call != 0 && calls >= refused_call; }
 
     // Counts a call; true when it is to be refused.
-    bool meet() { return ++calls == refused_call; }
+    bool meet() { return ++calls == refused_call || refused_call == every; }
 };
 
 } // namespace interpose

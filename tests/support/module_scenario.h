@@ -12,11 +12,9 @@
 #include <cstdlib>
 #include <dlfcn.h>
 #include <gmock/gmock.h>
-#include <iomanip>
 #include <map>
 #include <mutex>
 #include <pthread.h>
-#include <sstream>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
@@ -30,9 +28,13 @@
 #include "platform/message.h"
 #include "platform/notification.h"
 #include "platform/utility.h"
+#include "tests/support/event_loop.h"
+#include "tests/support/words.h"
 
 namespace scenario {
 
+using test::hex;
+using test::words;
 using journal = std::vector<std::string>;
 
 constexpr const char *cache_path = "/dev/l2fib_mac_cache";
@@ -63,24 +65,6 @@ struct recorder {
 inline recorder the;
 inline thread_local role self = caller;
 inline thread_local bool starting = false;
-
-template <typename... Values>
-std::string words(Values... values)
-{
-    std::ostringstream out;
-    const char *gap = "";
-    ((out << gap << values, gap = " "), ...);
-    return out.str();
-}
-
-inline std::string hex(const void *bytes, uint64_t length)
-{
-    std::ostringstream out;
-    for (uint64_t at = 0; at < length; ++at) {
-        out << std::hex << std::setw(2) << std::setfill('0') << +static_cast<const uint8_t *>(bytes)[at];
-    }
-    return out.str();
-}
 
 inline void note(const std::string &entry)
 {
