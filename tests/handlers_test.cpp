@@ -493,50 +493,27 @@ TEST_F(served_module, counts_come_from_the_counters_the_cache_or_the_hardware)
     EXPECT_EQ(host::operational_query({.path = "mac-count/domain/unknown", .kind = get}).status, none);
 }
 
-TEST_F(served_module, one_entry_is_refreshed_from_the_hardware)
+TEST_F(served_module, one_entry_is_not_answered_without_the_hardware)
 {
-    static uint32_t status;
     hold_8();
     host::mac_query_set(
-        [](void *, uint32_t bridge_id, const uint8_t *mac_addr, uint8_t *state) {
-            *state =
-                static_cast<uint8_t>(bridge_id == 1 && mac_addr[5] == 3 ? L2FIB_MAC_QUERY_F2 : ~L2FIB_MAC_QUERY_F2);
-            return status;
-        },
-        nullptr);
+        [](void *, uint32_t, const uint8_t *mac_addr, uint8_t *) { return mac_addr[5] == 3 ? 77u : 0u; }, nullptr);
     const struct {
         const char *path;
-        uint32_t hardware;
         uint32_t status;
-        uint32_t mac_flags;
+        std::vector<trace> points;
     } cases[] = {
-        {"mac-table/domain/g:a/mac/02:00:00:00:00:03", 77, 77, 0},
-        {"mac-table/domain/g:a/mac/02:00:00:00:00:04", 0, 0, 0},
-        {"mac-table/domain/g:a/mac/02:00:00:00:00:09", 0, none, 0},
-        {"mac-table/domain/unknown/mac/02:00:00:00:00:03", 0, none, 0},
-        {"mac-table/domain/g:a/mac/02:00:00:00:00:03", 0, 0, 0x4000},
+        {"mac-table/domain/g:a/mac/02:00:00:00:00:03", 77, {{"l2fib_hw_mac_addr_edm_get", {88, 77}}}},
+        {"mac-table/domain/g:a/mac/02:00:00:00:00:09", none, {{"l2fib_hw_mac_addr_edm_get", {88, none}}}},
+        {"mac-table/domain/unknown/mac/02:00:00:00:00:04", none, {}},
+        {"mac-table/domain/g:a/mac/02:00:00:00:00:04", 0, {}},
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.path);
-        status = c.hardware;
         host::trace_reset();
-        const auto page = host::operational_query({.path = c.path, .kind = get});
-        EXPECT_EQ(page.status, c.status);
-        const bool is_traced = c.status != 0 && std::string(c.path).find("unknown") == std::string::npos;
-        EXPECT_EQ(traced(1918).size(), is_traced ? 1u : 0u);
-        if (is_traced) {
-            EXPECT_EQ(traced(1918)[0], (trace{"l2fib_hw_mac_addr_edm_get", {88, c.status}}));
-        }
-        if (c.status == 0) {
-            decoded<l2fib_mac_info_t> got(page.items[0].data, &l2fib_bridge_mac_info_parcel);
-            EXPECT_EQ(got.mac_flags, c.mac_flags);
-        }
+        EXPECT_EQ(host::operational_query({.path = c.path, .kind = get}).status, c.status);
+        EXPECT_EQ(traced(1918), c.points);
     }
-    // Until the entry is fed again, others see the flag as well; no counter has moved.
-    const auto page = host::operational_query({.path = "mac-table/port/10/domain/g:a", .start_key = mac_name(2)});
-    ASSERT_EQ(page.items.size(), 2u);
-    EXPECT_EQ(decoded<l2fib_mac_info_t>(page.items[0].data, &l2fib_bridge_mac_info_parcel).mac_flags, 0x4000u);
-    EXPECT_EQ(l2fm_edm_table_mac_get_pool()->mac_cnt_f2, 0u);
 }
 
 } // namespace

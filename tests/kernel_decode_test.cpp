@@ -94,6 +94,16 @@ fdb_destination to(destination_kind kind, std::initializer_list<uint8_t> address
     return result;
 }
 
+// An entry of the device itself, behind a destination.
+fdb_record own_entry(uint8_t state, const fdb_destination &destination, uint32_t vni = 0, uint32_t source_vni = 0)
+{
+    fdb_record result{.ifindex = 5, .self = true, .state = state, .mac = mac};
+    result.destination = destination;
+    result.vni = vni;
+    result.source_vni = source_vni;
+    return result;
+}
+
 TEST(KernelDecode, LinksByKind)
 {
     const bytes flag = bytes_of(uint8_t{1});
@@ -150,31 +160,11 @@ TEST(KernelDecode, EntriesByAttributes)
           .mac = mac}},
         {attribute(NDA_DST, bytes_of(std::array<uint8_t, 4>{10, 0, 0, 9})) + attribute(NDA_VNI, bytes_of(uint32_t{600}))
              + attribute(NDA_SRC_VNI, bytes_of(uint32_t{500})),
-         NTF_SELF,
-         NUD_PERMANENT,
-         {.ifindex = 5,
-          .self = true,
-          .state = fdb_permanent,
-          .mac = mac,
-          .vni = 600,
-          .source_vni = 500,
-          .destination = to(destination_kind::ipv4, {10, 0, 0, 9})}},
-        {attribute(NDA_DST, bytes_of(std::array<uint8_t, 16>{0x20, 1})),
-         NTF_SELF,
-         NUD_REACHABLE,
-         {.ifindex = 5,
-          .self = true,
-          .state = fdb_reachable,
-          .mac = mac,
-          .destination = to(destination_kind::ipv6, {0x20, 1})}},
-        {attribute(NDA_NH_ID, bytes_of(uint32_t{12})),
-         NTF_SELF,
-         NUD_REACHABLE,
-         {.ifindex = 5,
-          .self = true,
-          .state = fdb_reachable,
-          .mac = mac,
-          .destination = to(destination_kind::next_hop, {}, 12)}},
+         NTF_SELF, NUD_PERMANENT, own_entry(fdb_permanent, to(destination_kind::ipv4, {10, 0, 0, 9}), 600, 500)},
+        {attribute(NDA_DST, bytes_of(std::array<uint8_t, 16>{0x20, 1})), NTF_SELF, NUD_REACHABLE,
+         own_entry(fdb_reachable, to(destination_kind::ipv6, {0x20, 1}))},
+        {attribute(NDA_NH_ID, bytes_of(uint32_t{12})), NTF_SELF, NUD_REACHABLE,
+         own_entry(fdb_reachable, to(destination_kind::next_hop, {}, 12))},
     };
     for (const auto &each : cases) {
         SCOPED_TRACE(&each - cases);
@@ -284,14 +274,8 @@ TEST(KernelDecode, CapturedMessagesInOneDatagram)
         datagram = datagram + each;
     }
     datagram.push_back(std::byte{}); // half a header
-    const fdb_record learned{.ifindex = 5,
-                             .self = true,
-                             .state = fdb_reachable,
-                             .mac = mac,
-                             .vni = 600,
-                             .source_vni = 500,
-                             .destination = to(destination_kind::ipv4, {10, 0, 0, 9}),
-                             .updated_ms = 100'000};
+    fdb_record learned = own_entry(fdb_reachable, to(destination_kind::ipv4, {10, 0, 0, 9}), 600, 500);
+    learned.updated_ms = 100'000;
     const fdb_record sticky{.ifindex = 4,
                             .master = 2,
                             .state = fdb_noarp,

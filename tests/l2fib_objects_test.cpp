@@ -229,15 +229,4 @@ TEST_F(objects, readers_and_changes_on_several_threads)
     changer.join();
 }
 
-TEST_F(objects, hold_many)
-{
-    constexpr uint32_t many = 65000;
-    for (uint32_t i = 1; i <= many; i++) {
-        ASSERT_EQ(host::bridge_domain_set(i, "group:bridge" + std::to_string(i)), 0u);
-        ASSERT_EQ(host::cross_connect_set(i, {}), 0u);
-    }
-    EXPECT_EQ(host::objects_count().cross_connects, many);
-    EXPECT_EQ(id_by_name("group:bridge64999"), 64999u);
-}
-
 } // namespace

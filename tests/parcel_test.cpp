@@ -13,6 +13,8 @@
 
 namespace {
 
+using namespace std::string_literals;
+
 const parcel_schema_t *const schema = &l2fib_bridge_mac_info_parcel;
 
 using bytes = std::vector<uint8_t>;
@@ -124,20 +126,7 @@ TEST(parcel, a_mac_record_carries_the_fields_of_its_kinds)
 TEST(parcel, the_other_records_have_a_compact_known_form)
 {
     const l2fib_vtep_info_t vtep{23, 256, {10, 0, 0, 1}};
-    const std::string expected = "\xa3"
-                                 "\x69"
-                                 "seg_info1"
-                                 "\x17"
-                                 "\x69"
-                                 "seg_info2"
-                                 "\x19"
-                                 "\x01"
-                                 + std::string("\0", 1)
-                                 + "\x69"
-                                   "vtep_addr"
-                                   "\x44"
-                                   "\x0a"
-                                 + std::string("\0\0\1", 3);
+    const std::string expected = "\xa3\x69seg_info1\x17\x69seg_info2\x19\x01\x00\x69vtep_addr\x44\x0a\x00\x00\x01"s;
     EXPECT_EQ(encode(&vtep, &l2fib_vtep_info_parcel), bytes(expected.begin(), expected.end()));
 
     const l2fib_mac_count_info_t count{1, 24, 256, 65536, UINT32_MAX};

@@ -223,29 +223,28 @@ TEST(refusal, half_way_through_a_refresh_keeps_what_was_read)
     stop();
 }
 
-TEST(refusal, of_a_deletion_stops_a_sweep_but_not_that_of_the_vteps)
+TEST(refusal, of_single_calls_leaves_what_was_done_before)
 {
-    start();
-    run("1 10 1; 2 10 1; 3 30 1 0x1000 5; mark");
-    interpose::ordtree_delete.refuse(1);
-    take_traces();
-    EXPECT_EQ(run("sweep"), EDM_ERR_STOPPED);
-    EXPECT_EQ(take_traces(), "1955 l2fm_edm_table_mac_destroy INVALID_ARGS; 1917 l2fib_mac_edm_sweep 10 INVALID_ARGS");
-    EXPECT_EQ(table_text(), "1: 10*(2!) 30*(3!) | list 2 3");
-    stop();
-}
-
-TEST(refusal, of_an_undo_is_traced)
-{
-    start();
-    run("1 10 1");
-    interpose::ordtree_insert.refuse(2); // into the bridge domain's tree
-    interpose::ordtree_delete.refuse(1);
-    take_traces();
-    EXPECT_EQ(feed(2, 20, 1), EDM_ERR_NO_RESOURCE);
-    EXPECT_EQ(take_traces(), "1954 l2fm_edm_table_bp_create 20 INVALID_ARGS; 1913 l2fib_mac_edm_add 20");
-    EXPECT_EQ(table_text(), "1: 10(1) | list 1");
-    stop();
+    const struct {
+        std::vector<std::pair<interpose::operation &, uint64_t>> refused;
+        row step;
+    } rows[] = {
+        {{{interpose::ordtree_delete, 1}},
+         {"a sweep stops, but not that of the VTEPs", "1 10 1; 2 10 1; 3 30 1 0x1000 5; mark", "sweep", EDM_ERR_STOPPED,
+          "1955 l2fm_edm_table_mac_destroy INVALID_ARGS; 1917 l2fib_mac_edm_sweep 10 INVALID_ARGS",
+          "1: 10*(2!) 30*(3!) | list 2 3"}},
+        {{{interpose::ordtree_insert, 2},
+          {interpose::ordtree_delete, 1}}, // into the bridge domain's tree, and the undo
+         {"an undo is traced", "1 10 1", "2 20 1", EDM_ERR_NO_RESOURCE,
+          "1954 l2fm_edm_table_bp_create 20 INVALID_ARGS; 1913 l2fib_mac_edm_add 20", "1: 10(1) | list 1"}},
+    };
+    for (const auto &[refused, step] : rows) {
+        check({step}, [&refused = refused] {
+            for (const auto &[operation, nth] : refused) {
+                operation.refuse(nth);
+            }
+        });
+    }
 }
 
 } // namespace

@@ -187,52 +187,20 @@ TEST(stopped_trees, are_traced_where_they_are_met)
 
 // ---- Walks ----
 
-// Who is visited, how often the callback goes on, and whether it destroys what it is given.
-struct visitor {
-    int go_on = 100;
-    bool destroys = false;
-    std::string visited = {};
-};
+std::string visited; // by the walks of a test
+bool walks_go_on;
 
-visitor *current; // VTEP walks pass no cookie
-
-uint32_t visit_mac(l2fm_edm_mac_t *mac, void *cookie)
+uint32_t visit_mac(l2fm_edm_mac_t *mac, void *)
 {
-    auto *by = static_cast<visitor *>(cookie);
-    by->visited += std::to_string(mac->mac_addr[5]) + " ";
-    if (by->destroys) {
-        EXPECT_EQ(l2fm_edm_table_mac_destroy(mac), 0u);
-    }
-    return by->go_on-- > 0 ? 5 : 0; // anything but 0 goes on
+    visited += std::to_string(mac->mac_addr[5]) + " ";
+    return walks_go_on ? 5 : 0; // anything but 0 goes on
 }
 
 uint32_t visit_vtep(l2fm_edm_vtep_t *vtep, l2fm_edm_bp_t *bp)
 {
-    current->visited += text(bp) + "/" + text(vtep) + " ";
-    if (current->destroys) {
-        EXPECT_EQ(l2fm_edm_table_vtep_destroy(vtep, bp), 0u);
-    }
-    return current->go_on-- > 0 ? 5 : 0;
+    visited += text(bp) + "/" + text(vtep) + " ";
+    return walks_go_on ? 5 : 0;
 }
-
-using walk = std::function<uint32_t(visitor &)>;
-
-template <typename Walk>
-walk macs_of(Walk under, uint32_t id)
-{
-    return [=](visitor &by) { return under(visit_mac, &by, id); };
-}
-template <typename Walk>
-walk vteps_of(Walk under, uint32_t id)
-{
-    return [=](visitor &) { return under(visit_vtep, nullptr, id); };
-}
-
-struct walk_row {
-    walk visit;
-    const char *visits;
-    const char *emptied; // what is left when the callback destroys
-};
 
 // Whether another thread gets the lock; a test that waits for ever is ended by its time-out.
 void take_lock_elsewhere()
@@ -243,56 +211,35 @@ void take_lock_elsewhere()
     }).join();
 }
 
-void check_walk(const walk_row &row, bool destroys)
-{
-    constexpr const char *steps =
-        "3 30 2 0x1000 6; 2 20 1; 1 10 1; 4 20 1; 5 9 1 0x20; 6 40 2 0x1000 5; 7 30 2 0x1000 4";
-    SCOPED_TRACE(row.visits);
-    start();
-    ASSERT_EQ(run(steps), 0u);
-    take_traces();
-    visitor by{.destroys = destroys};
-    current = &by;
-    EXPECT_EQ(row.visit(by), 0u);
-    EXPECT_EQ(by.visited, row.visits);
-    if (destroys) {
-        EXPECT_EQ(table_text(), row.emptied);
-    } else if (!by.visited.empty()) {
-        visitor stops{.go_on = 0};
-        current = &stops;
-        EXPECT_EQ(row.visit(stops), EDM_ERR_STOPPED);
-        EXPECT_EQ(stops.visited, by.visited.substr(0, by.visited.find(' ') + 1));
-    }
-    take_lock_elsewhere();
-    EXPECT_EQ(take_traces(), "");
-    stop();
-}
+struct walks : fixture {};
 
-TEST(walks, visit_in_order_stop_and_let_go_of_what_is_visited)
+TEST_F(walks, visit_in_order_and_stop)
 {
-#define ONE "1: 10(1) 20(2 4) dummy(5) | "
-#define TWO "2: 30(3 7){4 6} 40(6){5} | "
-    const walk_row rows[] = {
-        {[](visitor &by) { return l2fm_edm_table_walk_all_macs(visit_mac, &by); }, "3 2 1 4 5 6 7 ",
-         "1: 10() 20() dummy() | 2: 30(){4 6} 40(){5} | list"},
-        {macs_of(l2fm_edm_table_walk_all_macs_under_bd, 1), "1 2 4 5 ", "1: 10() 20() dummy() | " TWO "list 3 6 7"},
-        {macs_of(l2fm_edm_table_walk_all_macs_under_bd, 9), "", ONE TWO "list 3 2 1 4 5 6 7"},
-        {macs_of(l2fm_edm_table_walk_all_macs_under_bp, 20), "2 4 ", "1: 10(1) 20() dummy(5) | " TWO "list 3 1 5 6 7"},
-        {[](visitor &) { return l2fm_edm_table_walk_all_vteps(visit_vtep); }, "30/4 30/6 40/5 ",
-         ONE "2: 30(3 7) 40(6) | list 3 2 1 4 5 6 7"},
-        {vteps_of(l2fm_edm_table_walk_all_vteps_under_bd, 2), "30/4 30/6 40/5 ",
-         ONE "2: 30(3 7) 40(6) | list 3 2 1 4 5 6 7"},
-        {vteps_of(l2fm_edm_table_walk_all_vteps_under_bp, 40), "40/5 ",
-         ONE "2: 30(3 7){4 6} 40(6) | list 3 2 1 4 5 6 7"},
-        {vteps_of(l2fm_edm_table_walk_all_vteps_under_bp, 10), "", ONE TWO "list 3 2 1 4 5 6 7"},
+    run("3 30 2 0x1000 6; 2 20 1; 1 10 1; 4 20 1; 5 9 1 0x20; 6 40 2 0x1000 5; 7 30 2 0x1000 4");
+    const std::pair<uint32_t (*)(), std::string> rows[] = {
+        {[] { return l2fm_edm_table_walk_all_macs(visit_mac, nullptr); }, "3 2 1 4 5 6 7 "},
+        {[] { return l2fm_edm_table_walk_all_macs_under_bd(visit_mac, nullptr, 1); }, "1 2 4 5 "},
+        {[] { return l2fm_edm_table_walk_all_macs_under_bd(visit_mac, nullptr, 9); }, ""},
+        {[] { return l2fm_edm_table_walk_all_macs_under_bp(visit_mac, nullptr, 20); }, "2 4 "},
+        {[] { return l2fm_edm_table_walk_all_vteps(visit_vtep); }, "30/4 30/6 40/5 "},
+        {[] { return l2fm_edm_table_walk_all_vteps_under_bd(visit_vtep, nullptr, 2); }, "30/4 30/6 40/5 "},
+        {[] { return l2fm_edm_table_walk_all_vteps_under_bp(visit_vtep, nullptr, 40); }, "40/5 "},
+        {[] { return l2fm_edm_table_walk_all_vteps_under_bp(visit_vtep, nullptr, 10); }, ""},
     };
-    for (const walk_row &row : rows) {
-        check_walk(row, false);
-        check_walk(row, true);
+    take_traces();
+    for (const auto &[walk, visits] : rows) {
+        for (const bool to_the_end : {true, false}) {
+            visited.clear();
+            walks_go_on = to_the_end;
+            EXPECT_EQ(walk(), to_the_end || visits.empty() ? 0 : EDM_ERR_STOPPED) << visits;
+            EXPECT_EQ(visited, to_the_end ? visits : visits.substr(0, visits.find(' ') + 1));
+            take_lock_elsewhere();
+        }
     }
+    EXPECT_EQ(take_traces(), "");
 }
 
-TEST(walks, need_a_callback)
+TEST_F(walks, need_a_callback)
 {
     EXPECT_EQ(l2fm_edm_table_walk_all_macs(nullptr, nullptr), EDM_ERR_INVALID_ARGS);
     EXPECT_EQ(l2fm_edm_table_walk_all_macs_under_bd(nullptr, nullptr, 1), EDM_ERR_INVALID_ARGS);
@@ -305,15 +252,15 @@ TEST(walks, need_a_callback)
 
 struct table : fixture {};
 
-TEST_F(table, walks_pass_over_ports_without_a_bridge_domain_and_entries_that_come_meanwhile)
+TEST_F(walks, pass_over_ports_without_a_bridge_domain_and_entries_that_come_meanwhile)
 {
     run("1 30 1 0x1000 5; mark; try update 30 9");
-    visitor by;
-    current = &by;
+    visited.clear();
+    walks_go_on = true;
     EXPECT_EQ(l2fm_edm_table_walk_all_vteps(visit_vtep), 0u);
-    EXPECT_EQ(by.visited, "");
+    EXPECT_EQ(visited, "");
     EXPECT_EQ(l2fm_edm_table_walk_all_vteps_under_bp(visit_vtep, nullptr, 30), 0u);
-    EXPECT_EQ(by.visited, "30/5 ");
+    EXPECT_EQ(visited, "30/5 ");
     const auto feeds_another = [](l2fm_edm_mac_t *, void *cookie) {
         feed(++*static_cast<uint32_t *>(cookie), 10, 1);
         return 1u;

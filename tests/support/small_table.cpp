@@ -276,13 +276,14 @@ uint32_t run(const std::string &steps)
     return status;
 }
 
-void check(const std::vector<row> &rows)
+void check(const std::vector<row> &rows, const std::function<void()> &before_step)
 {
     for (const row &each : rows) {
         SCOPED_TRACE(each.what);
         start();
         run(each.before);
         take_traces();
+        before_step();
         EXPECT_EQ(run(each.step), each.status);
         EXPECT_EQ(take_traces(), each.traces);
         EXPECT_EQ(table_text(), each.table);

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -85,7 +86,8 @@ struct row {
     const char *traces;
     const char *table; // afterwards
 };
-void check(const std::vector<row> &rows);
+void check(
+    const std::vector<row> &rows, const std::function<void()> &before_step = [] {});
 
 // A test on a table of its own.
 struct fixture : testing::Test {
