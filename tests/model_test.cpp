@@ -75,7 +75,6 @@ public:
     void step(uint64_t count)
     {
         operate();
-        compare_counters();
         compare_lookups(below(addresses + 2), 1 + below(4), one_of(xcids));
         if (count % Form.text_stride == 0) {
             EXPECT_EQ(table_text(), text(ref));
@@ -86,14 +85,6 @@ public:
     }
 
 private:
-    void compare_counters() const
-    {
-        const l2fm_edm_mac_pool_t *counters = l2fm_edm_table_mac_get_pool();
-        EXPECT_EQ(counters->mac_cnt_total, ref.list.size());
-        EXPECT_EQ(counters->bd_cnt, ref.bds.size());
-        EXPECT_EQ(counters->bp_cnt, ref.ports.size());
-    }
-
     // What an answer is: the address and the port's id.
     using answer = std::pair<uint32_t, uint32_t>;
     static answer of(const l2fm_edm_mac_t *mac)

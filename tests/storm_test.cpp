@@ -9,13 +9,10 @@
 #include <thread>
 #include <vector>
 
-#include "host/chunk_statistics.h"
-#include "host/event_host.h"
 #include "host/l2fib_objects.h"
 #include "host/notification_host.h"
-#include "host/operational_db_host.h"
-#include "l2fm_edm_table.h"
 #include "tests/support/event_loop.h"
+#include "tests/support/served_module.h"
 #include "tests/support/table_audit.h"
 
 namespace {
@@ -24,7 +21,6 @@ constexpr uint32_t domains = 5;
 constexpr uint32_t ports = 20; // port p is in bridge domain p % domains, most of the time
 constexpr uint32_t addresses = 400;
 constexpr uint32_t limit = 300;
-constexpr const char *paths[] = {"/dev/l2fib_mac_cache", "/dev/l2fib_mac_edm"};
 
 // The thread's own dice.
 uint32_t below(uint32_t bound)
@@ -159,38 +155,17 @@ void resync(uint32_t type, uint32_t scope)
     resyncing = std::thread(run);
 }
 
-void start_module()
+l2fib_mac_edm_pd_cb_t callbacks()
 {
-    static uint32_t limit_cell;
-    l2fib_mac_edm_pd_cb_t callbacks{};
-    callbacks.resync_all_cb = [] { resync(EDM_RESYNC_ALL, 0); };
-    callbacks.resync_bd_cb = [](uint16_t bridge_id) { resync(EDM_RESYNC_BD, bridge_id); };
-    callbacks.resync_bp_cb = [](uint32_t xcid) { resync(EDM_RESYNC_BP, xcid); };
-    callbacks.action_cb = callbacks.cb4 = callbacks.cb6 = [] {};
-    callbacks.bd_mac_count_cb = [](uint16_t, edm_mac_counters_t *) { return 1u; };
-    callbacks.cache_evm_cb = [](event_manager_t *) {};
-    event_manager_t *evm = event_manager_create(0, "/dev/storm", EVENT_MANAGER_DEPTH, 0);
-    ASSERT_EQ(l2fib_mac_edm_init(evm, evm, evm_get_chan(evm), &callbacks), 0u);
-    ASSERT_EQ(l2fib_mac_edm_defn_init(&limit_cell, limit), 0u);
-    for (uint32_t bridge_id = 1; bridge_id <= domains; ++bridge_id) {
-        ASSERT_EQ(host::bridge_domain_set(bridge_id, "s:" + std::to_string(bridge_id)), 0u);
-    }
-    for (uint32_t port = 0; port < 10 * ports; ++port) {
-        change_port();
-    }
+    l2fib_mac_edm_pd_cb_t table = served::callbacks();
+    table.resync_all_cb = [] { resync(EDM_RESYNC_ALL, 0); };
+    table.resync_bd_cb = [](uint16_t bridge_id) { resync(EDM_RESYNC_BD, bridge_id); };
+    table.resync_bp_cb = [](uint32_t xcid) { resync(EDM_RESYNC_BP, xcid); };
+    table.bd_mac_count_cb = [](uint16_t, edm_mac_counters_t *) { return 1u; };
+    return table;
 }
 
-void stop_module()
-{
-    for (const char *path : paths) {
-        event_manager_t *evm = host::event_manager_find(path);
-        EXPECT_EQ(host::event_manager_stop(evm), 0u);
-        EXPECT_EQ(host::event_manager_join(evm, 60), 0u);
-    }
-    if (resyncing.joinable()) {
-        resyncing.join();
-    }
-}
+const auto *const environment = testing::AddGlobalTestEnvironment(new served::running_module(callbacks()));
 
 TEST(Storm, LeavesASoundTable)
 {
@@ -203,10 +178,12 @@ TEST(Storm, LeavesASoundTable)
     const auto end = std::chrono::steady_clock::now()
                      + std::chrono::seconds(seconds == nullptr ? 3 : std::strtol(seconds, nullptr, 10));
 
-    start_module();
-    // Nothing tells this thread when the two are ready but the module itself.
-    while (l2fib_mac_edm_thread_send_resync(EDM_RESYNC_ACTION, 0, nullptr) != 0) {
-        feed();
+    ASSERT_EQ(l2fib_mac_edm_defn_init(&served::entry_limit, limit), 0u);
+    for (uint32_t bridge_id = 1; bridge_id <= domains; ++bridge_id) {
+        served::domain(bridge_id, "s:" + std::to_string(bridge_id));
+    }
+    for (uint32_t port = 0; port < 10 * ports; ++port) {
+        change_port();
     }
     std::vector<std::thread> threads;
     for (const auto &[step, number] : work) {
@@ -222,11 +199,10 @@ TEST(Storm, LeavesASoundTable)
     for (std::thread &thread : threads) {
         thread.join();
     }
+    if (resyncing.joinable()) {
+        resyncing.join();
+    }
     EXPECT_EQ(audit_table(), "");
-    stop_module();
-    EXPECT_EQ(l2fm_edm_table_deinit(), 0u);
-    EXPECT_EQ(host::chunk_next(nullptr), nullptr) << "a pool is left";
-    EXPECT_EQ(host::operational_get_statistics().live_lists, 0u);
 }
 
 } // namespace

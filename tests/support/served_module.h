@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "host/chunk_statistics.h"
 #include "host/event_host.h"
 #include "host/l2fib_host.h"
 #include "host/l2fib_objects.h"
@@ -18,6 +19,7 @@
 #include "host/trace_reader.h"
 #include "l2fm_edm_table.h"
 #include "platform/event.h"
+#include "tests/support/table_audit.h"
 
 namespace served {
 
@@ -82,9 +84,12 @@ inline l2fib_mac_edm_pd_cb_t callbacks()
 
 // Runs the module for as long as the test program runs.
 struct running_module : testing::Environment {
+    explicit running_module(const l2fib_mac_edm_pd_cb_t &platform = callbacks())
+        : table(platform)
+    {}
+
     void SetUp() override
     {
-        const l2fib_mac_edm_pd_cb_t table = callbacks();
         event_manager_t *evm = event_manager_create(0, "/dev/test", EVENT_MANAGER_DEPTH, 0);
         ASSERT_EQ(l2fib_mac_edm_init(evm, this, evm_get_chan(evm), &table), 0u);
         ASSERT_EQ(l2fib_mac_edm_defn_init(&entry_limit, 2'000'000), 0u);
@@ -100,10 +105,15 @@ struct running_module : testing::Environment {
             host::event_manager_stop(evm);
             EXPECT_EQ(host::event_manager_join(evm, 60), 0u);
         }
+        EXPECT_EQ(audit_table(), "");
+        EXPECT_EQ(l2fm_edm_table_deinit(), 0u);
+        EXPECT_EQ(host::chunk_next(nullptr), nullptr) << "a pool is left";
         EXPECT_EQ(host::operational_get_statistics().live_lists, 0u);
     }
 
     static constexpr const char *paths[] = {"/dev/l2fib_mac_edm", "/dev/l2fib_mac_cache"};
+
+    const l2fib_mac_edm_pd_cb_t table;
 };
 
 inline void domain(uint32_t bridge_id, const std::string &name)
