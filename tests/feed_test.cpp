@@ -306,19 +306,16 @@ values values_after(const l2fib_mac_edm_entry_t &fed, l2fm_edm_mac_t *present)
     }
     EXPECT_EQ(l2fib_mac_edm_add(&fed), 0u);
     const l2fm_edm_mac_t *mac = cached(1, 1);
-    const bool extended = (mac->flags & (EDM_MAC_PBB | EDM_MAC_VNI)) != 0;
-    return {mac->flags,
-            mac->ext_flags,
-            mac->ext_attr,
-            mac->hw_timestamp,
-            mac->node_id,
-            extended ? *edm::bmac_addr(mac) : 0u,
-            mac->update_stamp > long_ago ? 1u : 0u};
+    const uint32_t extension = (mac->flags & (EDM_MAC_PBB | EDM_MAC_VNI)) != 0 ? *edm::bmac_addr(mac) : 0;
+    const uint32_t stamped = mac->update_stamp > long_ago ? 1 : 0;
+    return {mac->flags, mac->ext_flags, mac->ext_attr, mac->hw_timestamp, mac->node_id, extension, stamped};
 }
 
 TEST_F(records_of, entries_store_what_is_reported)
 {
     constexpr uint32_t unknown = EDM_NODE_UNKNOWN;
+    constexpr uint32_t dummy = EDM_XCID_DUMMY;
+    // Where a VTEP's and a backbone address overlay, a creation copies the VTEP's last, an update the other.
     const struct {
         const char *what;
         uint32_t xcid, flags, again;
@@ -327,25 +324,10 @@ TEST_F(records_of, entries_store_what_is_reported)
         {"ordinary", 30, 0x2000, 0x2006, {0x2000, 50, 50, 50, unknown, 0, 1}, {0x2006, 60, 60, 60, own_node, 0, 1}},
         {"PBB", 30, 0x1, 0x81, {0x1, 50, 50, 50, 7, 50, 1}, {0x1, 60, 60, 60, 7, 60, 1}},
         {"VNI", 30, 0x1000, 0x1000, {0x1000, 50, 50, 50, 7, 51, 1}, {0x1000, 60, 60, 60, 7, 61, 1}},
-        {"both overlay; an update copies the backbone address last",
-         30,
-         0x1001,
-         0x1001,
-         {0x1001, 50, 50, 50, 7, 51, 1},
-         {0x1001, 60, 60, 60, 7, 60, 1}},
-        {"bridge-domain kind",
-         EDM_XCID_DUMMY,
-         0x20,
-         0xc2,
-         {0x20, 50, 50, 50, unknown, 0, 1},
-         {0xc2, 60, 60, 50, unknown, 0, 0}},
-        {"bridge-domain kind, PBB",
-         EDM_XCID_DUMMY,
-         0x21,
-         0x41,
-         {0x21, 50, 50, 50, 7, 50, 1},
-         {0x41, 60, 60, 50, 7, 60, 0}},
-        {"fixed", EDM_XCID_DUMMY, 0x8, 0x20, {0x8, 50, 50, 50, unknown, 0, 1}, {0x8, 50, 50, 50, unknown, 0, 0}},
+        {"both overlay", 30, 0x1001, 0x1001, {0x1001, 50, 50, 50, 7, 51, 1}, {0x1001, 60, 60, 60, 7, 60, 1}},
+        {"of a domain", dummy, 0x20, 0xc2, {0x20, 50, 50, 50, unknown, 0, 1}, {0xc2, 60, 60, 50, unknown, 0, 0}},
+        {"of a domain, PBB", dummy, 0x21, 0x41, {0x21, 50, 50, 50, 7, 50, 1}, {0x41, 60, 60, 50, 7, 60, 0}},
+        {"fixed", dummy, 0x8, 0x20, {0x8, 50, 50, 50, unknown, 0, 1}, {0x8, 50, 50, 50, unknown, 0, 0}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.what);
