@@ -48,30 +48,23 @@ void read_counter(void *, int fd, uint32_t)
     eventfd_read(fd, &value);
 }
 
-// A manager of the test's own thread, served by hand.
-struct own_manager {
-    event_manager_t *evm = create_manager("/test/own");
+// A manager of the test's own thread, served by hand, and a descriptor that is always ready.
+class OwnManager : public testing::Test {
+protected:
+    ~OwnManager() override
+    {
+        host::event_manager_stop(evm);
+        close(ready);
+    }
 
-    own_manager() = default;
-    own_manager(const own_manager &) = delete;
-    own_manager &operator=(const own_manager &) = delete;
-    ~own_manager() { host::event_manager_stop(evm); }
+    event_manager_t *const evm = create_manager("/test/own");
+    const int ready = eventfd(1, EFD_NONBLOCK);
 };
 
-struct ready_descriptor {
-    int fd = eventfd(1, EFD_NONBLOCK);
-
-    ready_descriptor() = default;
-    ready_descriptor(const ready_descriptor &) = delete;
-    ready_descriptor &operator=(const ready_descriptor &) = delete;
-    ~ready_descriptor() { close(fd); }
-};
-
-TEST(EventManager, CreationRefusesWhatItCannotServe)
+TEST_F(OwnManager, CreationRefusesWhatItCannotServe)
 {
-    const own_manager own;
-    ASSERT_NE(own.evm, nullptr);
-    EXPECT_EQ(host::event_manager_find("/test/own"), own.evm);
+    ASSERT_NE(evm, nullptr);
+    EXPECT_EQ(host::event_manager_find("/test/own"), evm);
     EXPECT_EQ(host::event_manager_find("/test/none"), nullptr);
 
     const struct {
@@ -138,9 +131,8 @@ TEST(EventManager, ThreadThatEndsByItselfIsJoinedOnce)
     EXPECT_EQ(host::event_manager_join(host::event_manager_find("/test/had-before"), 60), ESRCH);
 }
 
-TEST(EventManager, EndDropsWhatIsQueuedAndRefusesTheRest)
+TEST_F(OwnManager, EndDropsWhatIsQueuedAndRefusesTheRest)
 {
-    const ready_descriptor ready;
     const event_message_filter_t filter{0x8fff, 1};
     event_callback_record_t callbacks{};
     callbacks.tag = EVENT_CALLBACK_TAG;
@@ -149,16 +141,15 @@ TEST(EventManager, EndDropsWhatIsQueuedAndRefusesTheRest)
     std::atomic<int> dropped = 0;
     uint32_t handle = 0;
 
-    const own_manager own;
-    event_record_t record{own.evm, nullptr, 0, nullptr, {}};
+    event_record_t record{evm, nullptr, 0, nullptr, {}};
     for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(host::event_post(own.evm, count, count, &dropped), 0u);
+        EXPECT_EQ(host::event_post(evm, count, count, &dropped), 0u);
     }
-    EXPECT_EQ(host::event_post(own.evm, count, nullptr, &run), 0u);
+    EXPECT_EQ(host::event_post(evm, count, nullptr, &run), 0u);
     ASSERT_EQ(event_block(&record), 0); // received, not dispatched
     ASSERT_EQ(event_block(&record), 0); // which drops the one before
     EXPECT_EQ(dropped, 1);
-    EXPECT_EQ(host::event_manager_stop(own.evm), 0u);
+    EXPECT_EQ(host::event_manager_stop(evm), 0u);
     EXPECT_EQ(dropped, 2);
     EXPECT_EQ(nos_event_dispatch(&record, 0), 0u); // was received in time
     EXPECT_EQ(dropped, 3);
@@ -167,15 +158,15 @@ TEST(EventManager, EndDropsWhatIsQueuedAndRefusesTheRest)
 
     EXPECT_EQ(event_block(&record), -1);
     EXPECT_EQ(errno, ESHUTDOWN);
-    EXPECT_EQ(host::event_post(own.evm, count, count, &run), ESHUTDOWN);
-    EXPECT_EQ(host::event_fd_attach(own.evm, ready.fd, EPOLLIN, read_counter, nullptr, &handle), ESHUTDOWN);
-    EXPECT_EQ(host::event_timer_attach(own.evm, 0, 0, nothing, nullptr, &handle), ESHUTDOWN);
+    EXPECT_EQ(host::event_post(evm, count, count, &run), ESHUTDOWN);
+    EXPECT_EQ(host::event_fd_attach(evm, ready, EPOLLIN, read_counter, nullptr, &handle), ESHUTDOWN);
+    EXPECT_EQ(host::event_timer_attach(evm, 0, 0, nothing, nullptr, &handle), ESHUTDOWN);
     EXPECT_EQ(event_message_attach(
-                  own.evm, &filter, [](const event_message_t *) {}, 0),
+                  evm, &filter, [](const event_message_t *) {}, 0),
               ESHUTDOWN);
-    EXPECT_EQ(event_callback_attach(own.evm, &callbacks), ESHUTDOWN);
-    EXPECT_NE(evm_get_chan(own.evm), nullptr);
-    EXPECT_EQ(host::event_manager_stop(own.evm), 0u);
+    EXPECT_EQ(event_callback_attach(evm, &callbacks), ESHUTDOWN);
+    EXPECT_NE(evm_get_chan(evm), nullptr);
+    EXPECT_EQ(host::event_manager_stop(evm), 0u);
     EXPECT_EQ(run, 0);
 }
 
@@ -209,9 +200,8 @@ TEST(EventManager, EndNeedsNoMemory)
     EXPECT_EQ(dropped, 2);
 }
 
-TEST(EventCallback, RecordIsCheckedFieldByField)
+TEST_F(OwnManager, CallbackRecordIsCheckedFieldByField)
 {
-    const own_manager own;
     event_callback_record_t good{};
     good.tag = EVENT_CALLBACK_TAG;
     good.callback = [](void *, void *) -> uint32_t { return 1; };
@@ -222,11 +212,11 @@ TEST(EventCallback, RecordIsCheckedFieldByField)
     bad[3].reserved1[1] = 1;
     bad[4].reserved2[2] = 1;
     for (const auto &record : bad) {
-        EXPECT_EQ(event_callback_attach(own.evm, &record), EINVAL);
+        EXPECT_EQ(event_callback_attach(evm, &record), EINVAL);
     }
     EXPECT_EQ(event_callback_attach(nullptr, &good), EINVAL);
-    EXPECT_EQ(event_callback_attach(own.evm, &good), 0u);
-    EXPECT_EQ(event_callback_attach(own.evm, &good), EEXIST);
+    EXPECT_EQ(event_callback_attach(evm, &good), 0u);
+    EXPECT_EQ(event_callback_attach(evm, &good), EEXIST);
 }
 
 TEST(EventLoop, WaitsOnlyForItsOwnThreadAndSurvivesSignals)
@@ -260,10 +250,10 @@ TEST(EventLoop, WaitsOnlyForItsOwnThreadAndSurvivesSignals)
     thread.join();
 }
 
-TEST(EventLoop, NoSourceStarvesTheOthers)
+TEST_F(OwnManager, NoSourceStarvesTheOthers)
 {
     struct counts {
-        own_manager own;
+        event_manager_t *evm;
         int posts = 0;
         int descriptors[2] = {};
         int timers = 0;
@@ -272,54 +262,53 @@ TEST(EventLoop, NoSourceStarvesTheOthers)
         {
             auto *const self = static_cast<counts *>(cookie);
             ++self->posts;
-            host::event_post(self->own.evm, repost, nullptr, self);
+            host::event_post(self->evm, repost, nullptr, self);
         }
-    } seen;
-    const ready_descriptor ready[2];
+    } seen{evm};
+    const int descriptors[] = {ready, dup(ready)};
     uint32_t handle = 0;
     for (size_t i = 0; i < 2; ++i) {
         const auto handler = [](void *cookie, int, uint32_t) { ++*static_cast<int *>(cookie); };
-        host::event_fd_attach(seen.own.evm, ready[i].fd, EPOLLIN, handler, &seen.descriptors[i], &handle);
+        host::event_fd_attach(evm, descriptors[i], EPOLLIN, handler, &seen.descriptors[i], &handle);
     }
     host::event_timer_attach(
-        seen.own.evm, 0, 1, [](void *cookie) { ++*static_cast<int *>(cookie); }, &seen.timers, &handle);
+        evm, 0, 1, [](void *cookie) { ++*static_cast<int *>(cookie); }, &seen.timers, &handle);
     counts::repost(&seen);
     for (int i = 0; i < 6000; ++i) {
-        ASSERT_EQ(serve_one(seen.own.evm), 0);
+        ASSERT_EQ(serve_one(evm), 0);
     }
+    close(descriptors[1]);
     EXPECT_GE(seen.posts, 2500);
     EXPECT_GE(seen.descriptors[0], 500);
     EXPECT_GE(seen.descriptors[1], 500);
     EXPECT_GE(seen.timers, 100);
 }
 
-TEST(EventDescriptor, IsServedWhileAttached)
+TEST_F(OwnManager, DescriptorIsServedWhileAttached)
 {
-    const own_manager own;
-    const ready_descriptor ready;
     int calls = 0;
     uint32_t attachment = 0;
     const auto handler = [](void *cookie, int, uint32_t events) {
         EXPECT_EQ(events, EPOLLIN);
         ++*static_cast<int *>(cookie);
     };
-    EXPECT_EQ(host::event_fd_attach(own.evm, -1, EPOLLIN, handler, &calls, &attachment), EINVAL);
-    EXPECT_EQ(host::event_fd_attach(own.evm, 9999, EPOLLIN, handler, &calls, &attachment), EBADF);
-    ASSERT_EQ(host::event_fd_attach(own.evm, ready.fd, EPOLLIN, handler, &calls, &attachment), 0u);
+    EXPECT_EQ(host::event_fd_attach(evm, -1, EPOLLIN, handler, &calls, &attachment), EINVAL);
+    EXPECT_EQ(host::event_fd_attach(evm, 9999, EPOLLIN, handler, &calls, &attachment), EBADF);
+    ASSERT_EQ(host::event_fd_attach(evm, ready, EPOLLIN, handler, &calls, &attachment), 0u);
     EXPECT_NE(attachment, 0u);
-    EXPECT_EQ(host::event_fd_attach(own.evm, ready.fd, EPOLLIN, handler, &calls, &attachment), EEXIST);
-    EXPECT_EQ(serve_one(own.evm), 0);
+    EXPECT_EQ(host::event_fd_attach(evm, ready, EPOLLIN, handler, &calls, &attachment), EEXIST);
+    EXPECT_EQ(serve_one(evm), 0);
     EXPECT_EQ(calls, 1);
 
-    event_record_t record{own.evm, nullptr, 0, nullptr, {}};
+    event_record_t record{evm, nullptr, 0, nullptr, {}};
     ASSERT_EQ(event_block(&record), 0);
-    EXPECT_EQ(host::event_fd_detach(own.evm, attachment), 0u);
-    EXPECT_EQ(host::event_fd_detach(own.evm, attachment), EINVAL);
+    EXPECT_EQ(host::event_fd_detach(evm, attachment), 0u);
+    EXPECT_EQ(host::event_fd_detach(evm, attachment), EINVAL);
     EXPECT_EQ(nos_event_dispatch(&record, 0), 0u);
     EXPECT_EQ(calls, 1); // detached after its event was received
 }
 
-TEST(EventTimer, FiresInTheOrderOfTimes)
+TEST_F(OwnManager, TimersFireInTheOrderOfTimes)
 {
     struct entry {
         uint64_t earliest; // by when it was due: the attachment took its time
@@ -334,43 +323,41 @@ TEST(EventTimer, FiresInTheOrderOfTimes)
             self->fired->push_back(self);
         }
     };
-    const own_manager own;
     std::vector<const entry *> fired;
     const uint64_t delays[] = {5 * millisecond, UINT64_MAX, millisecond, 0, 3 * millisecond, millisecond};
     entry entries[std::size(delays)] = {};
     for (size_t i = 0; i < std::size(delays); ++i) {
         entries[i].fired = &fired;
         entries[i].earliest = now_ns() + delays[i];
-        ASSERT_EQ(host::event_timer_attach(own.evm, delays[i], 0, entry::fire, &entries[i], &entries[i].timer), 0u);
+        ASSERT_EQ(host::event_timer_attach(evm, delays[i], 0, entry::fire, &entries[i], &entries[i].timer), 0u);
         entries[i].latest = now_ns() + delays[i];
     }
-    EXPECT_EQ(host::event_timer_cancel(own.evm, entries[4].timer), 0u);
+    EXPECT_EQ(host::event_timer_cancel(evm, entries[4].timer), 0u);
     while (fired.size() < 4) {
-        ASSERT_EQ(serve_one(own.evm), 0);
+        ASSERT_EQ(serve_one(evm), 0);
     }
     for (size_t i = 1; i < fired.size(); ++i) {
         EXPECT_LE(fired[i - 1]->earliest, fired[i]->latest);
     }
-    EXPECT_EQ(host::event_timer_cancel(own.evm, entries[3].timer), EINVAL); // has fired
-    EXPECT_EQ(host::event_timer_cancel(own.evm, entries[1].timer), 0u);
+    EXPECT_EQ(host::event_timer_cancel(evm, entries[3].timer), EINVAL); // has fired
+    EXPECT_EQ(host::event_timer_cancel(evm, entries[1].timer), 0u);
 }
 
-TEST(EventTimer, PeriodsMissedAreOneCallAndCancelIsAtOnce)
+TEST_F(OwnManager, PeriodsMissedAreOneCallAndCancelIsAtOnce)
 {
-    const own_manager own;
     std::atomic<int> calls = 0;
     uint32_t timer = 0;
-    ASSERT_EQ(host::event_timer_attach(own.evm, 0, 1000 * millisecond * 3600, count, &calls, &timer), 0u);
-    EXPECT_EQ(serve_one(own.evm), 0);
+    ASSERT_EQ(host::event_timer_attach(evm, 0, 1000 * millisecond * 3600, count, &calls, &timer), 0u);
+    EXPECT_EQ(serve_one(evm), 0);
     EXPECT_EQ(calls, 1);
-    EXPECT_EQ(host::event_timer_cancel(own.evm, timer), 0u);
+    EXPECT_EQ(host::event_timer_cancel(evm, timer), 0u);
 
-    ASSERT_EQ(host::event_timer_attach(own.evm, 0, 1, count, &calls, &timer), 0u);
-    EXPECT_EQ(serve_one(own.evm), 0);
+    ASSERT_EQ(host::event_timer_attach(evm, 0, 1, count, &calls, &timer), 0u);
+    EXPECT_EQ(serve_one(evm), 0);
     EXPECT_EQ(calls, 2); // though thousands of periods may have passed
-    event_record_t record{own.evm, nullptr, 0, nullptr, {}};
+    event_record_t record{evm, nullptr, 0, nullptr, {}};
     ASSERT_EQ(event_block(&record), 0);
-    EXPECT_EQ(host::event_timer_cancel(own.evm, timer), 0u);
+    EXPECT_EQ(host::event_timer_cancel(evm, timer), 0u);
     EXPECT_EQ(nos_event_dispatch(&record, 0), 0u);
     EXPECT_EQ(calls, 2);
 }
@@ -399,12 +386,13 @@ TEST(EventStress, NothingAcceptedIsLost)
     threads.reserve(posters);
     for (int i = 0; i < posters; ++i) {
         threads.emplace_back([&] {
-            const ready_descriptor ready;
+            const int ready = eventfd(1, EFD_NONBLOCK);
             for (int round = 0; round < rounds; ++round) {
                 round_start.arrive_and_wait();
-                post_until_the_end(ready.fd);
+                post_until_the_end(ready);
                 round_start.arrive_and_wait();
             }
+            close(ready);
         });
     }
     for (int round = 0; round < rounds; ++round) {
