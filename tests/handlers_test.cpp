@@ -483,6 +483,7 @@ TEST_F(served_module, counts_come_from_the_counters_the_cache_or_the_hardware)
         decoded<l2fib_mac_count_info_t> got(page.items[0].data, &l2fib_bridge_hw_mac_count_info_parcel);
         EXPECT_EQ(bytes_of<l2fib_mac_count_info_t>(got), bytes_of(c.expected));
     }
+    EXPECT_THAT(traced(1918), IsEmpty());
     EXPECT_EQ(host::operational_query({.path = "mac-count/domain/unknown", .kind = get}).status, none);
 }
 
