@@ -57,7 +57,14 @@ public:
     }
     event_loop(const event_loop &) = delete;
     event_loop &operator=(const event_loop &) = delete;
-    ~event_loop() { stop(); }
+    // What a handler still does after it has woken its sender is done before the end.
+    ~event_loop()
+    {
+        if (thread_.joinable()) {
+            serve_queued(evm);
+        }
+        stop();
+    }
 
     void stop()
     {
