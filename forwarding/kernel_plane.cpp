@@ -27,8 +27,9 @@ using steady_clock = std::chrono::steady_clock;
 constexpr uint32_t default_receive_buffer = 128U << 20;
 constexpr size_t least_notification_cost = 512; // of the receive buffer, in bytes
 constexpr size_t notifications_per_turn = 4096;
-constexpr size_t datagrams_per_turn = 8;
-constexpr uint32_t longest_pause = 16; // in intervals
+constexpr size_t parts_per_turn = 8;
+constexpr auto parts_time = std::chrono::milliseconds(10); // per turn; one part of a large bridge may take as long
+constexpr uint32_t longest_pause = 16;                     // in intervals
 constexpr size_t most_early = 4096;
 constexpr uint16_t vlan_count = 4095; // 0, for no VLAN, counts
 
@@ -80,18 +81,22 @@ private:
     void take_fdb_gone(const fdb_record &record);
     void keep_early(const fdb_record &record);
     void take_early(uint32_t ifindex);
+    void forget_early(uint32_t ifindex);
     void follow_local_address(const link_record &before);
+    void list_own_entries(uint32_t ifindex);
     bool keeps_another_destination(const fdb_record &record);
 
     // Generations.
     void plan_generation();
     void begin_generation();
-    void end_generation();
+    void end_listing();
+    void end_generation(bool clean);
     void next_dump();
     bool request_dump();
     void end_dump(int error);
-    void plan_dumps();
+    void plan_dumps(bool links_count);
     void read_dump();
+    void take_part(std::span<const std::byte> part);
     bool take_listed(const kernel_message &message);
 
     bool is_told(const fdb_record &record) const;
@@ -205,7 +210,7 @@ void kernel_plane::stop()
     }
     host::event_fd_detach(evm_, notifications_attachment_);
     host::event_fd_detach(evm_, dumps_attachment_);
-    host::event_timer_cancel(evm_, timer_);
+    host::event_timer_cancel(evm_, std::exchange(timer_, 0));
     evm_ = nullptr;
     counters_.clean = false;
 }
@@ -305,9 +310,15 @@ void kernel_plane::take_link_change(const link_record &record)
     const known_link before = std::exchange(links_[record.ifindex], {record, sequence_});
     const bool was_known = before.record.ifindex != 0;
     const bool moved = was_known && before.record.master != record.master;
-    listing_note_link(listing_, record.ifindex, moved);
+    listing_note_link(listing_, record.ifindex);
+    if (moved) {
+        listing_note_port_left(listing_, before.record.master);
+    }
     sink_->link_changed(record);
     take_early(record.ifindex);
+    if (record.kind == link_kind::vxlan && (moved || !was_known)) {
+        list_own_entries(record.ifindex);
+    }
     if (moved || (was_known && before.record.address != record.address)) {
         follow_local_address(before.record);
     }
@@ -317,9 +328,11 @@ void kernel_plane::take_link_gone(uint32_t ifindex)
 {
     ++counters_.events;
     const auto known = links_.extract(ifindex);
-    listing_note_link(listing_, ifindex, true);
+    listing_note_link(listing_, ifindex);
+    forget_early(ifindex);
     sink_->link_gone(ifindex);
     if (!known.empty()) {
+        listing_note_port_left(listing_, known.mapped().record.master);
         follow_local_address(known.mapped().record);
     }
 }
@@ -397,6 +410,27 @@ void kernel_plane::take_early(uint32_t ifindex)
     }
 }
 
+// A device of that number may come again.
+void kernel_plane::forget_early(uint32_t ifindex)
+{
+    std::erase_if(early_, [ifindex](const auto &each) {
+        return each.second.ifindex == ifindex || each.second.master == ifindex;
+    });
+}
+
+// A VXLAN device that has left its bridge is in no dump of a bridge any more; one that is new may have come from
+// another network namespace, with entries of its own. Neither's are notified.
+void kernel_plane::list_own_entries(uint32_t ifindex)
+{
+    const kernel_dump dump{kernel_scope::device, ifindex};
+    if (listing_.running && listing_.current.scope != kernel_scope::links) {
+        listing_.waiting.push_back(dump);
+    } else if (!listing_.running && timer_ == 0) { // otherwise a whole listing will have it
+        listing_begin(listing_, dump);
+        next_dump();
+    }
+}
+
 // A group address of a device may have many destinations, of which one has gone: another one may be told in its place.
 bool kernel_plane::keeps_another_destination(const fdb_record &record)
 {
@@ -445,19 +479,30 @@ void kernel_plane::plan_generation()
 void kernel_plane::begin_generation()
 {
     began_ = steady_clock::now();
+    listing_begin(listing_, {kernel_scope::links, 0});
     // What was lost before the socket was empty is in the dumps to come.
     lost_ = !read_notifications(notifications_at_once_);
     host::event_timer_cancel(evm_, std::exchange(timer_, 0));
     ++counters_.generation;
     sink_->generation_begun();
-    listing_begin(listing_);
     next_dump();
 }
 
-void kernel_plane::end_generation()
+void kernel_plane::end_listing()
 {
     const bool clean = listing_.clean && !lost_;
+    const bool whole = listing_.whole;
     listing_ = {};
+    if (whole) {
+        end_generation(clean);
+    } else if (!clean) {
+        counters_.clean = false;
+        plan_generation();
+    }
+}
+
+void kernel_plane::end_generation(bool clean)
+{
     ended_ = steady_clock::now();
     const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(ended_ - began_);
     pause_ = clean ? interval_ : std::min(2 * pause_, longest_pause * interval_);
@@ -477,7 +522,7 @@ void kernel_plane::next_dump()
         }
         listing_.clean = false;
     }
-    end_generation();
+    end_listing();
 }
 
 bool kernel_plane::request_dump()
@@ -490,7 +535,8 @@ bool kernel_plane::request_dump()
 
 void kernel_plane::read_dump()
 {
-    for (size_t count = 0; count < datagrams_per_turn; ++count) {
+    const auto end = steady_clock::now() + parts_time;
+    for (size_t count = 0; count < parts_per_turn && steady_clock::now() < end; ++count) {
         std::span<const std::byte> datagram;
         switch (kernel_socket_read(dumps_, buffer_, datagram)) {
         case kernel_read::empty: return;
@@ -500,13 +546,22 @@ void kernel_plane::read_dump()
             }
             break;
         case kernel_read::refused: ++counters_.refused; break;
-        case kernel_read::datagram:
-            for (const kernel_clock clock = kernel_clock_now(); kernel_decode(datagram, clock, message_);) {
-                if (!take_listed(message_)) {
-                    break; // the datagram's memory now holds another one
-                }
-            }
+        case kernel_read::datagram: take_part(datagram); break;
         }
+    }
+}
+
+void kernel_plane::take_part(std::span<const std::byte> part)
+{
+    const size_t length = part.size();
+    for (const kernel_clock clock = kernel_clock_now(); kernel_decode(part, clock, message_);) {
+        if (!take_listed(message_)) {
+            return; // the part's memory now holds another datagram
+        }
+    }
+    if (listing_.running && message_.sequence == sequence_) {
+        listing_.disturbed |= !read_notifications(notifications_at_once_);
+        listing_end_part(listing_, length);
     }
 }
 
@@ -523,12 +578,14 @@ bool kernel_plane::take_listed(const kernel_message &message)
             ++counters_.events;
             links_[message.link.ifindex] = {message.link, sequence_};
             sink_->link_changed(message.link);
+            take_early(message.link.ifindex);
         }
         return true;
     case kernel_message_kind::fdb_changed:
         if (is_told(message.fdb) && listing_believes(listing_, key_of(message.fdb))) {
             ++counters_.events;
             sink_->fdb_changed(message.fdb);
+            listing_note_told(listing_, message.fdb);
         }
         return true;
     case kernel_message_kind::done:
@@ -544,21 +601,22 @@ void kernel_plane::end_dump(int error)
     listing_.disturbed |= !read_notifications(notifications_at_once_);
     // What has gone since it was planned cannot be dumped, and has nothing to be told.
     const bool has_gone = current.scope != kernel_scope::links && !links_.contains(current.ifindex);
-    listing_.disturbed = !has_gone && (listing_.disturbed || error != 0);
-    ++(listing_.disturbed ? counters_.dumps_unclean : counters_.dumps_clean);
-    if (listing_close_window(listing_, !lost_) && request_dump()) {
+    listing_.disturbed |= error != 0;
+    const bool counts = has_gone || listing_close_window(listing_);
+    ++(counts ? counters_.dumps_clean : counters_.dumps_unclean);
+    if (!counts && !lost_ && listing_may_repeat(listing_) && request_dump()) {
         return;
     }
-    listing_.clean &= !listing_.disturbed;
+    listing_.clean &= counts;
     if (current.scope == kernel_scope::links) {
-        plan_dumps();
+        plan_dumps(counts);
     }
     next_dump();
 }
 
-void kernel_plane::plan_dumps()
+void kernel_plane::plan_dumps(bool links_count)
 {
-    if (!listing_.disturbed) {
+    if (links_count) {
         std::erase_if(links_, [this](const auto &link) { return link.second.seen != sequence_; });
     }
     for (const auto &[ifindex, link] : links_) {

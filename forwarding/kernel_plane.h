@@ -7,7 +7,8 @@
 // A generation dumps the links, then bridge by bridge (kernel_listing.h), then the VXLAN devices without a bridge. It
 // is clean when each dump was. After one that was not, and after an overrun of the notifications, the next one begins
 // by itself: at least `generation_interval_ms` after the end of the last one, twice as long after each that fails
-// again, up to 16 times as long, and no sooner than the last one took.
+// again, up to 16 times as long, and no sooner than the last one took. Between generations the own entries of a VXLAN
+// device that appears are dumped: from another network namespace it brings entries that nobody notifies.
 //
 // Told are the entries of bridges and the own entries of VXLAN devices; the own entries of other devices are receive
 // filters and not told.

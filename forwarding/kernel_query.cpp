@@ -11,6 +11,7 @@ namespace {
 
 // What the kernel accounts for one answer, at most: it allocates a page for each, and its own record beside it.
 constexpr size_t answer_cost = 8192;
+constexpr size_t most_reads = 2 * query_batch;                    // a failing socket is not read for ever
 constexpr uint32_t wanted_buffer = query_batch * answer_cost / 2; // it accounts against twice that
 
 // An entry of another destination than the one that was asked for proves nothing: the kernel tells only the first.
@@ -61,9 +62,12 @@ void ask(kernel_querier &querier, std::span<const fdb_key> keys, std::span<fdb_a
     if (!kernel_socket_send(querier.socket, std::span(querier.buffer).first(length))) {
         return;
     }
-    std::span<const std::byte> datagram;
-    kernel_read result{};
-    while ((result = kernel_socket_read(querier.socket, querier.buffer, datagram)) != kernel_read::empty) {
+    for (size_t count = 0; count < most_reads; ++count) {
+        std::span<const std::byte> datagram;
+        const kernel_read result = kernel_socket_read(querier.socket, querier.buffer, datagram);
+        if (result == kernel_read::empty) {
+            return;
+        }
         if (result == kernel_read::datagram) {
             take_answers(querier, datagram, keys, answers);
         }

@@ -123,9 +123,11 @@ kernel_read kernel_socket_read(const kernel_socket &socket, std::span<std::byte>
     if (length < 0) { // no memory for a copy is a loss, too
         return errno == EAGAIN ? kernel_read::empty : kernel_read::overrun;
     }
-    const bool from_kernel = message.msg_namelen == sizeof sender && sender.nl_pid == 0;
-    if (!from_kernel || (message.msg_flags & MSG_TRUNC) != 0) {
+    if (message.msg_namelen != sizeof sender || sender.nl_pid != 0) {
         return kernel_read::refused;
+    }
+    if ((message.msg_flags & MSG_TRUNC) != 0) {
+        return kernel_read::overrun;
     }
     datagram = buffer.first(static_cast<size_t>(length));
     return kernel_read::datagram;

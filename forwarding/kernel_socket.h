@@ -45,8 +45,9 @@ int kernel_socket_fd(const kernel_socket &socket);
 enum class kernel_read : uint8_t {
     datagram,
     empty,   // nothing more for now
-    overrun, // the buffer was full: something was lost, and more may be until the socket has been read empty
-    refused, // a datagram of another sender, or one longer than the buffer; it is gone
+    overrun, // the socket's buffer was full, or `buffer` too short: something was lost, and more may be until the
+             // socket has been read empty
+    refused, // a datagram of another sender; it is gone
 };
 
 // `datagram` becomes the part of `buffer` that was filled.
