@@ -4,14 +4,18 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <net/if.h>
 #include <stdexcept>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include <nlohmann/json.hpp>
+
+#include "daemon/text.h"
+#include "forwarding/kernel_decode.h"
 
 namespace forwarding {
 namespace {
@@ -101,44 +105,19 @@ std::vector<std::string> words(const json &element, const char *key)
     return found;
 }
 
-mac_address parse_mac(const std::string &value, const char *key)
+mac_address to_mac(const std::string &value, const char *key)
 {
-    mac_address mac{};
-    char rest = 0;
-    if (value.size() != 17
-        || std::sscanf(value.c_str(), "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx%c", &mac[0], &mac[1], &mac[2], &mac[3],
-                       &mac[4], &mac[5], &rest)
-               != 6) {
+    const auto mac = l2fibd::parse_mac(value);
+    if (!mac) {
         expected(key, "an address of six bytes such as 02:00:00:00:00:01");
     }
-    return mac;
+    return *mac;
 }
 
 // ---- Links ----
 
 constexpr uint32_t vni_limit = 0xffffff;
 constexpr uint32_t vlan_limit = 4094;
-
-struct kind_name {
-    const char *name;
-    link_kind kind;
-};
-
-constexpr kind_name kind_names[] = {
-    {"bridge", link_kind::bridge},    {"vxlan", link_kind::vxlan},    {"gretap", link_kind::tunnel},
-    {"ip6gretap", link_kind::tunnel}, {"erspan", link_kind::tunnel},  {"ip6erspan", link_kind::tunnel},
-    {"geneve", link_kind::tunnel},    {"bareudp", link_kind::tunnel},
-};
-
-link_kind kind_of(const std::string &name)
-{
-    for (const kind_name &each : kind_names) {
-        if (name == each.name) {
-            return each.kind;
-        }
-    }
-    return link_kind::other;
-}
 
 const json &object_of(const json &element, const char *key)
 {
@@ -158,13 +137,16 @@ link_record read_link(const json &element)
         expected("ifindex", "there; a number from 1 was expected");
     }
     link.name = required_text(element, "ifname");
+    if (link.name.size() >= IFNAMSIZ || link.name.find('\0') != link.name.npos) {
+        expected("ifname", "a name of at most 15 characters");
+    }
     const auto flags = words(element, "flags");
     link.up = std::find(flags.begin(), flags.end(), "UP") != flags.end();
     if (const std::string address = text(element, "address"); address.size() == 17) {
-        link.address = parse_mac(address, "address");
+        link.address = to_mac(address, "address");
     }
     const json &info = object_of(element, "linkinfo");
-    link.kind = kind_of(text(info, "info_kind"));
+    link.kind = link_kind_named(text(info, "info_kind"));
     const json &data = object_of(info, "info_data");
     if (link.kind == link_kind::bridge) {
         link.vlan_aware = truth(data, "vlan_filtering");
@@ -227,7 +209,7 @@ fdb_destination destination_of(const json &element)
         destination.kind = destination_kind::next_hop;
         destination.next_hop = number(element, "nhid", UINT32_MAX);
     } else if (const std::string backbone = text(element, "backbone"); !backbone.empty()) {
-        const mac_address mac = parse_mac(backbone, "backbone");
+        const mac_address mac = to_mac(backbone, "backbone");
         destination.kind = destination_kind::backbone;
         std::copy(mac.begin(), mac.end(), destination.address.begin());
     }
@@ -248,7 +230,7 @@ uint32_t link_named(const json &element, const char *key, const link_numbers &li
 fdb_record read_entry(const json &element, const link_numbers &links, int64_t now_ms)
 {
     fdb_record record;
-    record.mac = parse_mac(required_text(element, "mac"), "mac");
+    record.mac = to_mac(required_text(element, "mac"), "mac");
     record.ifindex = link_named(element, "ifname", links);
     const auto flags = words(element, "flags");
     record.self = std::find(flags.begin(), flags.end(), "self") != flags.end();
@@ -283,6 +265,8 @@ void read_elements(const std::string &path, Read read)
         list = json::parse(file);
     } catch (const json::exception &error) {
         throw malformed(path + ": is not JSON: " + error.what());
+    } catch (const std::ios_base::failure &error) { // of a directory, or of a failing disk
+        throw malformed(path + ": cannot be read: " + error.what());
     }
     if (!list.is_array()) {
         throw malformed(path + ": is not a list of objects");
@@ -312,9 +296,13 @@ bool before(const fdb_record &left, const fdb_record &right)
 void read_links(const std::string &path, recorded_tables &tables, link_numbers &by_name)
 {
     std::vector<std::string> masters;
+    std::unordered_set<uint32_t> numbers;
     read_elements(path, [&](const json &element) {
         tables.links.push_back(read_link(element));
         masters.push_back(text(element, "master"));
+        if (!numbers.insert(tables.links.back().ifindex).second) {
+            expected("ifindex", "unique in the file");
+        }
         if (!by_name.emplace(tables.links.back().name, tables.links.back().ifindex).second) {
             expected("ifname", "unique in the file");
         }
