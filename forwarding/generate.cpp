@@ -64,6 +64,25 @@ std::string parse_item(std::string_view text, fabric_options &options)
     return "\"" + std::string(text) + "\" is none of the items NAME=NUMBER with the names " + known_items();
 }
 
+// What each bridge has may be too much for all of them.
+constexpr struct {
+    std::string_view name;
+    uint32_t fabric_options::*of_each;
+    uint64_t most;
+} totals[] = {{"ports", &fabric_options::ports, 1'000'000}, {"vteps", &fabric_options::vteps, 16'000'000}};
+
+std::string check_totals(const fabric_options &options)
+{
+    for (const auto &each : totals) {
+        const uint64_t total = uint64_t{options.bridges} * (options.*each.of_each);
+        if (total > each.most) {
+            return "bridges times " + std::string(each.name) + " is " + std::to_string(total) + ", expected at most "
+                   + std::to_string(each.most);
+        }
+    }
+    return {};
+}
+
 // ---- The fabric ----
 
 constexpr uint32_t on_vxlan = UINT32_MAX;
@@ -153,8 +172,8 @@ private:
     uint32_t bridge_of(uint32_t host) const { return host % options_.bridges; }
     bool is_static(uint32_t host) const { return host % static_share == static_share - 1; }
 
-    fdb_record bridge_entry(uint32_t host, const host_state &state) const;
-    fdb_record device_entry(uint32_t host, const host_state &state) const;
+    fdb_record bridge_entry(uint32_t at, const host_state &host) const;
+    fdb_record device_entry(uint32_t at, const host_state &host) const;
     fdb_record flood_entry(uint32_t bridge, uint32_t vtep) const;
     fdb_record local_entry(uint32_t ifindex) const;
 
@@ -477,12 +496,12 @@ std::string parse_fabric(std::string_view text, fabric_options &options)
 {
     while (!text.empty()) {
         const size_t comma = text.find(',');
-        if (const std::string error = parse_item(text.substr(0, comma), options); !error.empty()) {
+        if (std::string error = parse_item(text.substr(0, comma), options); !error.empty()) {
             return error;
         }
         text.remove_prefix(comma == std::string_view::npos ? text.size() : comma + 1);
     }
-    return {};
+    return check_totals(options);
 }
 
 std::unique_ptr<generated_plane> make_generated_plane(const fabric_options &options)
