@@ -208,6 +208,9 @@ void feeder::bring_up_to_date(const resync_scope &scope)
 
 // ---- Ages ----
 
+// The answers also make good what was notified in the wrong order, as two things may be that happened at the same time
+// on two processors: what the plane says now is newer than anything it has notified.
+
 bool feeder::age_matters(uint32_t at) const
 {
     const copy_entry &entry = copy_.entries[at];
@@ -238,9 +241,16 @@ void feeder::ask_ages(std::vector<fdb_key> &keys)
 {
     for_each_answer(keys, [&](size_t at, const fdb_answer &answer) {
         const uint32_t entry = copy_.find(keys[at]);
-        if (answer.presence == fdb_presence::present && entry != no_slot && copy_.entries[entry].alive
-            && answer.record.ifindex == copy_.entries[entry].record.ifindex) {
-            copy_.entries[entry].record.updated_ms = answer.record.updated_ms;
+        if (entry == no_slot || !copy_.entries[entry].alive) {
+            return;
+        }
+        fdb_record &known = copy_.entries[entry].record;
+        if (answer.presence == fdb_presence::absent) {
+            copy_.fdb_gone(fdb_record(known));
+        } else if (answer.presence == fdb_presence::present && answer.record.ifindex == known.ifindex) {
+            known.updated_ms = answer.record.updated_ms;
+        } else if (answer.presence == fdb_presence::present && copy_.find_link(answer.record.ifindex) != nullptr) {
+            copy_.fdb_changed(answer.record);
         }
     });
 }

@@ -108,6 +108,7 @@ TEST(Fabric, NamesWhatIsWrong)
     EXPECT_THAT(parse_fabric("seed=99999999999", options), HasSubstr("seed"));
     EXPECT_THAT(parse_fabric("mac=1", options), HasSubstr("\"mac=1\" is none of"));
     EXPECT_THAT(parse_fabric("ports", options), HasSubstr("\"ports\" is none of"));
+    EXPECT_THAT(parse_fabric("bridges=60000,ports=1000", options), HasSubstr("bridges times ports"));
 }
 
 // Gives ids as the feeder does, and looks at nothing else.
@@ -259,6 +260,7 @@ TEST_F(recording, MalformedTablesAreNamed)
         {"links.json", R"([{"ifindex":-1,"ifname":"a"}])", "number from 0 to 2147483647"},
         {"links.json", R"([{"ifindex":1,"ifname":"a"},{"ifindex":2,"ifname":"a"}])",
          "element 1: \"ifname\" is not unique"},
+        {"links.json", R"([{"ifindex":1,"ifname":"a"},{"ifindex":1,"ifname":"b"}])", "\"ifindex\" is not unique"},
         {"links.json", R"([{"ifindex":1,"ifname":"a","linkinfo":7}])", "\"linkinfo\" is not an object"},
         {"fdb.json", "[7]", "fdb.json: element 0: is not an object"},
         {"fdb.json", R"([{"ifname":"p1"}])", "\"mac\" is not there"},
@@ -327,6 +329,7 @@ struct scripted : plane {
         asked += keys.size();
     }
     plane_health health() const override { return {.clean = clean, .generation = 1}; }
+    bool ages_silently() const override { return silent; }
     void stop() override {}
 
     void list(bool is_clean)
@@ -365,6 +368,7 @@ struct scripted : plane {
     std::map<fdb_key, fdb_record> holds;
     sink *to = nullptr;
     bool mute = false;
+    bool silent = false;
     std::atomic<bool> clean{false};
     std::atomic<size_t> asked{0};
 };
@@ -703,6 +707,23 @@ TEST_F(fed_module, ADegradedPlaneLosesNothingThatLives)
         it->list(true);
     });
     resync();
+    expect_equal();
+}
+
+TEST_F(fed_module, WhatWasToldInTheWrongOrderIsMadeGoodByAskingForAges)
+{
+    on_cache([&] {
+        it->silent = true;
+        for (uint32_t number = 0; number < 1000; ++number) {
+            it->set(on_bridge(br0, p0, mac(number)));
+        }
+    });
+    resync();
+    on_cache([&] {
+        it->drop(on_bridge(br0, p0, mac(1)), false);
+        it->set(on_bridge(br0, p1, mac(2)), false);
+    });
+    resync(EDM_RESYNC_BD, id_of("lab:br0"));
     expect_equal();
 }
 
