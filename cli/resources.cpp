@@ -109,7 +109,8 @@ constexpr column tunnel_entry_columns[] = {
     {"bridge-id", "", json_only},          {"xcid", "", json_only},
     {"port", "Port", &port_kind},          {"destination", "Destination", &ip_kind},
     {"next-hop-id", "Next Hop", &id_kind}, {"vni", "VNI", &vni_kind},
-    {"source-vni", "From VNI", &vni_kind}, {"flags", "Flags", &rest_kind},
+    {"source-vni", "From VNI", &vni_kind}, {"udp-port", "", json_only},
+    {"flags", "Flags", &rest_kind},
 };
 
 constexpr column trace_columns[] = {
@@ -170,9 +171,9 @@ constexpr column health_columns[] = {
 };
 
 constexpr column bridge_entry_columns[] = {
-    {"mac", "", json_only},    {"ifname", "", json_only},  {"dst", "", json_only},  {"vlan", "", json_only},
-    {"vni", "", json_only},    {"src_vni", "", json_only}, {"nhid", "", json_only}, {"flags", "", json_only},
-    {"master", "", json_only}, {"state", "", json_only},
+    {"mac", "", json_only},   {"ifname", "", json_only}, {"dst", "", json_only},     {"vlan", "", json_only},
+    {"port", "", json_only},  {"vni", "", json_only},    {"src_vni", "", json_only}, {"nhid", "", json_only},
+    {"flags", "", json_only}, {"master", "", json_only}, {"state", "", json_only},
 };
 
 } // namespace

@@ -354,7 +354,8 @@ void write_tunnel_entry(json_writer &json, const forwarding::tunnel_entry &entry
     json.member("port", entry.port);
     json.member("mac-address", mac_text(entry.record.mac));
     write_destination(json, entry.record.destination);
-    write_if_set(json, "vni", entry.record.vni);
+    write_if_set(json, "udp-port", entry.record.destination.port);
+    write_if_set(json, "vni", entry.record.destination.vni);
     write_if_set(json, "source-vni", entry.record.source_vni);
     json.begin_array("flags");
     write_words(json, tunnel_state_words, entry.record.state);

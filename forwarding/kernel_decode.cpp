@@ -1,6 +1,7 @@
 #include "forwarding/kernel_decode.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <chrono>
 #include <cstring>
 #include <libmnl/libmnl.h>
@@ -216,6 +217,14 @@ bool read_next_hop(std::span<const std::byte> payload, fdb_destination &destinat
     return read(payload, destination.next_hop);
 }
 
+bool read_port(std::span<const std::byte> payload, fdb_destination &destination)
+{
+    uint16_t port = 0;
+    const bool fits = read(payload, port);
+    destination.port = ntohs(port);
+    return fits;
+}
+
 bool read_extended_flags(std::span<const std::byte> payload, fdb_record &fdb)
 {
     uint32_t bits = 0;
@@ -244,7 +253,8 @@ bool read_fdb_attribute(const attribute &found, fdb_record &fdb, fdb_extra &extr
     case NDA_DST: return read_destination(found.payload, fdb.destination);
     case NDA_NH_ID: return read_next_hop(found.payload, fdb.destination);
     case NDA_VLAN: return read(found.payload, fdb.vlan);
-    case NDA_VNI: return read(found.payload, fdb.vni);
+    case NDA_PORT: return read_port(found.payload, fdb.destination);
+    case NDA_VNI: return read(found.payload, fdb.destination.vni);
     case NDA_SRC_VNI: return read(found.payload, fdb.source_vni);
     case NDA_MASTER: return read(found.payload, fdb.master);
     case NDA_FLAGS_EXT: return read_extended_flags(found.payload, fdb);

@@ -79,6 +79,8 @@ struct fdb_destination {
     destination_kind kind = destination_kind::none;
     std::array<uint8_t, 16> address = {}; // network byte order
     uint32_t next_hop = 0;                // the id of a next-hop object
+    uint32_t vni = 0;                     // what the tunnel sends with, when that is not the device's own
+    uint16_t port = 0;                    // the UDP port, likewise; host byte order
 
     auto operator<=>(const fdb_destination &) const = default;
 };
@@ -105,7 +107,6 @@ struct fdb_record {
     uint16_t vlan = 0; // 0: none
     mac_address mac = {};
     uint16_t edm_flags = 0;  // EDM_MAC_ bits to be added, of recorded tables only
-    uint32_t vni = 0;        // what the tunnel sends with, when it differs from the device's own; 0: does not
     uint32_t source_vni = 0; // of an external device
     fdb_destination destination = {};
     int64_t updated_ms = 0; // when last seen as a source, std::chrono::steady_clock in milliseconds; 0: not known

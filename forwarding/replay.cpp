@@ -240,9 +240,10 @@ fdb_record read_entry(const json &element, const link_numbers &links, int64_t no
     record.flags = flags_of_words(flags);
     record.state = state_of(element);
     record.vlan = static_cast<uint16_t>(number(element, "vlan", vlan_limit));
-    record.vni = number(element, "vni", vni_limit);
     record.source_vni = number(element, "src_vni", vni_limit);
     record.destination = destination_of(element);
+    record.destination.vni = number(element, "vni", vni_limit);
+    record.destination.port = static_cast<uint16_t>(number(element, "port", UINT16_MAX));
     record.edm_flags = static_cast<uint16_t>(number(element, "edm_flags", UINT16_MAX));
     if (member(element, "updated") != nullptr) {
         record.updated_ms = now_ms - int64_t{1000} * number(element, "updated", INT32_MAX);

@@ -39,6 +39,7 @@ uint32_t hash_of(const fdb_key &key)
         uint64_t halves[2];
         std::memcpy(halves, key.destination.address.data(), sizeof halves);
         hash = mix(mix(mix(hash, halves[0]), halves[1]), key.destination.next_hop);
+        hash = mix(hash, key.destination.vni | (uint64_t{key.destination.port} << 32));
     }
     return fold(hash ^ (key.self ? 1u : 0u));
 }

@@ -99,7 +99,7 @@ fdb_record own_entry(uint8_t state, const fdb_destination &destination, uint32_t
 {
     fdb_record result{.ifindex = 5, .self = true, .state = state, .mac = mac};
     result.destination = destination;
-    result.vni = vni;
+    result.destination.vni = vni;
     result.source_vni = source_vni;
     return result;
 }

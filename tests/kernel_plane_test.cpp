@@ -140,7 +140,8 @@ words words_of(const naive_copy &copy, const fdb_record &record)
     char address[16];
     std::snprintf(address, sizeof address, "%d.%d.%d.%d", to[0], to[1], to[2], to[3]);
     add(record.destination.kind == destination_kind::ipv4, {"dst", address});
-    add(record.vni != 0, {"vni", std::to_string(record.vni)});
+    add(record.destination.vni != 0, {"vni", std::to_string(record.destination.vni)});
+    add(record.destination.port != 0, {"port", std::to_string(record.destination.port)});
     add(record.source_vni != 0, {"src_vni", std::to_string(record.source_vni)});
     add((record.state & fdb_permanent) != 0, {"permanent"});
     add((record.state & (fdb_permanent | fdb_noarp)) == fdb_noarp, {"static"});
@@ -281,6 +282,7 @@ TEST_F(KernelPlane, TellsWhatTheSystemLists)
         "fdb add 02:00:00:00:00:06 dev vx0 self dst 10.0.0.1 dynamic\n"
         "fdb append 00:00:00:00:00:00 dev vx0 dst 10.0.0.1\n"
         "fdb append 00:00:00:00:00:00 dev vx0 dst 10.0.0.2 vni 11\n"
+        "fdb append 00:00:00:00:00:00 dev vx0 dst 10.0.0.2 port 4000\n"
         "fdb append 00:00:00:00:00:00 dev vx0 dst 10.0.0.3",
         "link add vxe type vxlan dstport 4790 external vnifilter\n"
         "link set vxe up\n"
