@@ -164,7 +164,7 @@ std::unique_ptr<list_source> make_tunnel_entry_source(const std::optional<std::s
 
 std::unique_ptr<list_source> make_trace_source(const std::optional<std::string> &start)
 {
-    const auto fields = split(start ? *start : "1,1", ',');
+    const auto fields = split(start ? std::string_view(*start) : "1,1", ',');
     const auto from_normal = parse_number(fields.front());
     const auto from_error = parse_number(fields.back());
     if (fields.size() != 2 || !from_normal || !from_error) {

@@ -64,9 +64,9 @@ std::string shape_of(const target &to)
 {
     std::string shape;
     for (const target::element &element : to.path) {
-        shape += (shape.empty() ? "" : "/") + element.name + (element.key ? "=*" : "");
+        shape += "/" + percent_encode(element.name) + (element.key ? "=*" : "");
     }
-    return shape;
+    return shape.substr(1);
 }
 
 } // namespace l2fibd

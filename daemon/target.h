@@ -25,7 +25,8 @@ struct target {
 // character but the one with the code 0.
 target parse_target(std::string_view uri);
 
-// The path with '*' for each key, without the first slash: what resources are told apart by.
+// The path with '*' for each key, without the first slash: what resources are told apart by. A name is encoded again,
+// so that none looks like a '/', a '=' or a key.
 std::string shape_of(const target &to);
 
 } // namespace l2fibd

@@ -89,6 +89,7 @@ TEST(target, tells_elements_apart_before_decoding)
 {
     const target to = parse_target("/a:b/c=x%2Fy%3D%3F=z/d?e=f%26g&h=");
     EXPECT_EQ(shape_of(to), "a:b/c=*/d");
+    EXPECT_EQ(shape_of(parse_target("//a%2Fb/c%3D%2A")), "/a%2Fb/c%3D%2A");
     EXPECT_EQ(to.path[1].key, "x/y=?=z");
     ASSERT_EQ(to.parameters.size(), 2u);
     EXPECT_EQ(to.parameters[0].value, "f&g");
