@@ -4,6 +4,7 @@
 #include <cstring>
 #include <exception>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include <microhttpd.h>
@@ -12,6 +13,7 @@
 #include "daemon/database.h"
 #include "daemon/health.h"
 #include "daemon/log.h"
+#include "daemon/request_deadlines.h"
 #include "daemon/resources.h"
 
 namespace l2fibd {
@@ -22,7 +24,7 @@ constexpr size_t piece_bytes = size_t{32} * 1024; // of an answer, at once
 
 struct server {
     MHD_Daemon *daemon = nullptr;
-    uint32_t take_limit = 0; // in seconds
+    request_deadlines deadlines;
     std::atomic<uint32_t> active{0};
     std::atomic<uint64_t> refused{0};
 };
@@ -49,6 +51,20 @@ struct exchange {
     exchange(const exchange &) = delete;
     exchange &operator=(const exchange &) = delete;
 };
+
+// What is kept for a connection. The exchange is its own, since the library does not tell the end of each that begins:
+// one whose first line holds too much ends with the connection alone.
+struct client {
+    int socket;
+    std::unique_ptr<exchange> current;
+};
+
+// Null when there was no memory for it.
+client *client_of(MHD_Connection *connection)
+{
+    const MHD_ConnectionInfo *info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+    return info != nullptr ? static_cast<client *>(info->socket_context) : nullptr;
+}
 
 // ---- Bodies that are sent as they are made ----
 
@@ -175,19 +191,43 @@ MHD_Result serve(MHD_Connection *connection, const char *method, exchange &of)
 
 // ---- Requests as they arrive ----
 
-void *begin_exchange(void * /*context*/, const char *uri, MHD_Connection * /*connection*/) noexcept
+// Called before a connection's first request, and before its socket is closed.
+void change_connection(void * /*context*/, MHD_Connection *connection, void **of,
+                       MHD_ConnectionNotificationCode change) noexcept
 {
-    try {
-        return new exchange(uri);
-    } catch (const std::bad_alloc &) {
-        return nullptr;
+    const int socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
+    if (change == MHD_CONNECTION_NOTIFY_STARTED) {
+        *of = new (std::nothrow) client{socket, nullptr};
+        the_server.deadlines.expect_request(socket);
+    } else {
+        the_server.deadlines.forget(socket);
+        delete static_cast<client *>(*of);
+        *of = nullptr;
     }
 }
 
-void end_exchange(void * /*context*/, MHD_Connection * /*connection*/, void **of,
+void *begin_exchange(void * /*context*/, const char *uri, MHD_Connection *connection) noexcept
+{
+    client *const from = client_of(connection);
+    try {
+        if (from != nullptr) {
+            from->current = std::make_unique<exchange>(uri);
+        }
+    } catch (const std::bad_alloc &) {
+        return nullptr;
+    }
+    return from != nullptr ? from->current.get() : nullptr;
+}
+
+void end_exchange(void * /*context*/, MHD_Connection *connection, void **of,
                   MHD_RequestTerminationCode /*reason*/) noexcept
 {
-    delete static_cast<exchange *>(*of);
+    client *const from = client_of(connection);
+    if (from != nullptr) {
+        from->current.reset();
+        the_server.deadlines.forget(from->socket);
+        the_server.deadlines.expect_request(from->socket);
+    }
     *of = nullptr;
 }
 
@@ -230,7 +270,7 @@ MHD_Result take_request(void * /*context*/, MHD_Connection *connection, const ch
         return send_error(connection, too_big);
     }
     // The client has done its part; what follows may take as long as a resynchronisation.
-    MHD_set_connection_option(connection, MHD_CONNECTION_OPTION_TIMEOUT, the_server.take_limit);
+    the_server.deadlines.forget(client_of(connection)->socket);
     return serve(connection, method, *the_exchange);
 }
 
@@ -258,7 +298,6 @@ server_health own_health()
 std::string http_start(int listener, uint32_t resync_wait_seconds)
 {
     set_server_health(own_health);
-    the_server.take_limit = 2 * resync_wait_seconds + take_seconds;
     constexpr unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL
                                | MHD_USE_ITC | MHD_USE_ERROR_LOG;
     const MHD_OptionItem options[] = {
@@ -266,12 +305,14 @@ std::string http_start(int listener, uint32_t resync_wait_seconds)
         {MHD_OPTION_LISTEN_SOCKET, listener, nullptr},
         {MHD_OPTION_URI_LOG_CALLBACK, reinterpret_cast<intptr_t>(begin_exchange), nullptr},
         {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(end_exchange), nullptr},
+        {MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(change_connection), nullptr},
         {MHD_OPTION_UNESCAPE_CALLBACK, reinterpret_cast<intptr_t>(keep_encoded), nullptr},
         {MHD_OPTION_CONNECTION_LIMIT, most_connections, nullptr},
         {MHD_OPTION_CONNECTION_MEMORY_LIMIT, most_header_bytes, nullptr},
-        {MHD_OPTION_CONNECTION_TIMEOUT, send_seconds, nullptr},
+        {MHD_OPTION_CONNECTION_TIMEOUT, 2 * resync_wait_seconds + take_seconds, nullptr},
         {MHD_OPTION_END, 0, nullptr},
     };
+    the_server.deadlines.start(std::chrono::seconds(send_seconds));
     the_server.daemon =
         MHD_start_daemon(flags, 0, nullptr, nullptr, take_request, nullptr, MHD_OPTION_ARRAY, options, MHD_OPTION_END);
     return the_server.daemon != nullptr ? "" : "the HTTP server could not be started";
@@ -284,6 +325,7 @@ void http_stop()
         MHD_stop_daemon(the_server.daemon);
         the_server.daemon = nullptr;
     }
+    the_server.deadlines.stop();
 }
 
 } // namespace l2fibd

@@ -10,7 +10,7 @@ namespace l2fibd {
 
 inline constexpr uint32_t most_requests = 32;
 inline constexpr uint32_t most_connections = 64;
-inline constexpr uint32_t send_seconds = 10; // for a client to send its request
+inline constexpr uint32_t send_seconds = 10; // for a client to send its next request, all of it
 // For a client to take a piece of its answer, beyond twice the resync wait time: a request may wait for two.
 inline constexpr uint32_t take_seconds = 60;
 inline constexpr size_t most_header_bytes = size_t{48} * 1024; // and all else that a connection keeps

@@ -16,11 +16,9 @@ namespace l2fibd {
 
 namespace {
 
-constexpr int backlog = 64;
-
-std::string failed(const std::string &what, const std::string &path)
+std::string failed(const std::string &what, const std::string &path, int error = errno)
 {
-    return what + " " + path + ": " + std::strerror(errno); // NOLINT(concurrency-mt-unsafe)
+    return what + " " + path + ": " + std::strerror(error); // NOLINT(concurrency-mt-unsafe)
 }
 
 sockaddr_un address_of(const std::string &path)
@@ -37,36 +35,41 @@ int connect_or_bind(int socket, const std::string &path, int (*call)(int, const 
     return call(socket, reinterpret_cast<const sockaddr *>(&address), sizeof address);
 }
 
-// Somebody else's, who knows nothing of our lock file.
-bool is_served(const std::string &path)
-{
-    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    const bool answers = connect_or_bind(probe, path, connect) == 0 || errno == EAGAIN;
-    ::close(probe);
-    return answers;
-}
-
-// Removes a socket that was left behind, and nothing else.
-std::string remove_stale(const std::string &path)
+// What is there and can be no socket of ours; nothing when there is none.
+std::string foreign_file(const std::string &path)
 {
     struct stat found {};
     if (lstat(path.c_str(), &found) != 0) {
         return errno == ENOENT ? "" : failed("socket", path);
     }
-    if (!S_ISSOCK(found.st_mode)) {
-        return "socket " + path + ": the file is there and is no socket";
+    const std::string what = S_ISDIR(found.st_mode) ? "a directory" : "a file that is no socket";
+    return S_ISSOCK(found.st_mode) ? "" : "socket " + path + ": " + what + " is there; expected none, or an old socket";
+}
+
+// Removes a socket that was left behind, and nothing else: one that somebody serves may be of a program that knows
+// nothing of our lock file.
+std::string remove_stale(const std::string &path)
+{
+    const int probe = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const int error = connect_or_bind(probe, path, connect) == 0 ? 0 : errno;
+    ::close(probe);
+    switch (error) {
+    case ENOENT: return {};
+    case ECONNREFUSED: return unlink(path.c_str()) == 0 ? "" : failed("socket", path);
+    case 0:
+    case EAGAIN: return "socket " + path + ": another process serves it";
+    default: return failed("socket", path, error);
     }
-    if (is_served(path)) {
-        return "socket " + path + ": another process serves it";
-    }
-    return unlink(path.c_str()) == 0 ? "" : failed("socket", path);
 }
 
 } // namespace
 
 std::string listening_socket::open(const std::string &path, const std::string &group)
 {
-    std::string error = lock(path + ".lock");
+    std::string error = foreign_file(path); // before a lock file is left beside it
+    if (error.empty()) {
+        error = lock(path + ".lock");
+    }
     if (error.empty()) {
         error = remove_stale(path);
     }
@@ -111,7 +114,7 @@ std::string listening_socket::bind_to(const std::string &path)
         return failed("socket", path);
     }
     bound_path_ = path;
-    return listen(listener_, backlog) == 0 ? "" : failed("socket", path);
+    return listen(listener_, SOMAXCONN) == 0 ? "" : failed("socket", path);
 }
 
 std::string listening_socket::give_to(const std::string &group) const
