@@ -42,12 +42,22 @@ struct call {
     }
 };
 
+api_error no_domain(const std::string &name)
+{
+    return not_found("domain \"" + name + "\": there is no such bridge domain");
+}
+
+api_error no_port(const std::string &xcid)
+{
+    return not_found("port \"" + xcid + "\": there is no such bridge port");
+}
+
 forwarding::domain_view domain_of(const std::string &name)
 {
     const auto domains = forwarding::domains();
     const auto found = std::ranges::find(domains, name, &forwarding::domain_view::name);
     if (found == domains.end()) {
-        throw not_found("domain \"" + name + "\": there is no such bridge domain");
+        throw no_domain(name);
     }
     return *found;
 }
@@ -61,7 +71,7 @@ forwarding::port_view port_of(const std::string &xcid)
     const auto ports = forwarding::ports();
     const auto found = std::ranges::find(ports, *number, &forwarding::port_view::xcid);
     if (found == ports.end()) {
-        throw not_found("port \"" + xcid + "\": there is no such bridge port");
+        throw no_port(xcid);
     }
     return *found;
 }
@@ -264,15 +274,15 @@ answer get_port(const call &asked)
     return single_entry("port", [&](json_writer &json) { write_port(json, port); });
 }
 
-answer count_at(const std::string &path, bool of_all)
+answer count_at(const std::string &path, const api_error &missing, bool of_all)
 {
-    const host::operational_page page = get_record(path, not_found(path));
+    const host::operational_page page = get_record(path, missing);
     return document("mac-count", [&](json_writer &json) { write_mac_count(json, page.items[0].data, of_all); });
 }
 
 answer count_all(const call & /*asked*/)
 {
-    return count_at("mac-count", true);
+    return count_at("mac-count", not_found("mac-count: the table has no counts"), true);
 }
 
 // The counts of a domain and a port come without a resynchronisation of their own.
@@ -280,14 +290,14 @@ answer count_domain(const call &asked)
 {
     const std::string domain = domain_of(asked.key()).name;
     resync_domain(domain);
-    return count_at("mac-count/domain/" + percent_encode(domain), false);
+    return count_at("mac-count/domain/" + percent_encode(domain), no_domain(domain), false);
 }
 
 answer count_port(const call &asked)
 {
     const forwarding::port_view port = port_of(asked.key());
     resync_port(port.xcid, port.domain);
-    return count_at("mac-count/port/" + std::to_string(port.xcid), false);
+    return count_at("mac-count/port/" + std::to_string(port.xcid), no_port(asked.key()), false);
 }
 
 answer get_health(const call & /*asked*/)
