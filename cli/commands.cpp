@@ -12,8 +12,8 @@
 #include "cli/http.h"
 #include "cli/resources.h"
 #include "cli/splitter.h"
-#include "cli/visible.h"
 #include "daemon/text.h"
+#include "daemon/visible.h"
 
 namespace l2fibctl {
 
@@ -160,9 +160,10 @@ std::vector<named_port> find_ports(session &with)
         return true;
     });
     if (by_name.empty() && by_number.empty()) {
-        throw failure{ending::nothing_found,
-                      "no port \"" + visible(how.port) + "\""
-                          + (how.domain.empty() ? "" : " in the bridge domain \"" + visible(how.domain) + "\"")};
+        throw failure{
+            ending::nothing_found,
+            "no port \"" + l2fibd::visible(how.port) + "\""
+                + (how.domain.empty() ? "" : " in the bridge domain \"" + l2fibd::visible(how.domain) + "\"")};
     }
     return by_name.empty() ? by_number : by_name;
 }

@@ -8,7 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/failure.h"
-#include "cli/visible.h"
+#include "daemon/visible.h"
 
 namespace l2fibctl {
 
@@ -84,7 +84,7 @@ struct connection::transfer {
         if (status() != 0) {
             throw failure{ending::cut, "the answer was cut: " + why};
         }
-        throw failure{ending::unreachable, "no answer from l2fibd at " + visible(socket_path) + ": " + why};
+        throw failure{ending::unreachable, "no answer from l2fibd at " + l2fibd::visible(socket_path) + ": " + why};
     }
 };
 
@@ -172,7 +172,7 @@ std::string error_text(long status, std::string_view body)
     for (const auto &error : errors.is_array() ? errors : nlohmann::json::array()) {
         const std::string message = text_of(error, "error-message");
         if (!message.empty()) {
-            lines += (lines.empty() ? "" : "\n") + visible(message);
+            lines += (lines.empty() ? "" : "\n") + l2fibd::visible(message);
         }
     }
     return lines.empty() ? "the daemon answered with the HTTP status " + std::to_string(status) : lines;

@@ -9,6 +9,7 @@
 #include "cli/commands.h"
 #include "cli/failure.h"
 #include "cli/options.h"
+#include "daemon/standard_streams.h"
 
 namespace {
 
@@ -26,6 +27,7 @@ void complain(std::string_view lines)
 
 int main(int argc, char **argv)
 {
+    l2fibd::hold_standard_streams();
     // A reader that has gone is noticed where its output is written.
     std::signal(SIGPIPE, SIG_IGN);
     try {

@@ -2,8 +2,10 @@
 
 #include <CLI/CLI.hpp>
 #include <iostream>
+#include <sys/un.h>
 
 #include "cli/failure.h"
+#include "daemon/standard_streams.h"
 #include "daemon/text.h"
 
 namespace l2fibctl {
@@ -17,6 +19,9 @@ constexpr char statuses[] = R"(Exit status:
   3  the daemon cannot be reached
   4  the daemon answered with an error
   5  the answer was cut)";
+
+constexpr size_t longest_name = 255; // longer than any, and short enough for a request
+constexpr size_t longest_path = sizeof sockaddr_un{}.sun_path - 1;
 
 // Turns an address into the API's form.
 std::string to_address(std::string &text)
@@ -34,9 +39,25 @@ std::string check_ipv4(const std::string &text)
     return l2fibd::is_ipv4(text) ? "" : "\"" + text + "\": expected an IPv4 address such as 192.0.2.1";
 }
 
-std::string check_not_empty(const std::string &text)
+// `what` is what has this length, such as "a name".
+CLI::Validator length_up_to(size_t most, const std::string &what)
 {
-    return text.empty() ? "expected a name" : "";
+    const auto check = [most, what](const std::string &text) {
+        const bool fits = !text.empty() && text.size() <= most;
+        return fits ? "" : "expected " + what + " of 1 to " + std::to_string(most) + " characters";
+    };
+    return {check, "", "length"};
+}
+
+// CLI11 takes -1 and numbers that are too large for others.
+CLI::Validator number_up_to(uint64_t most)
+{
+    const auto check = [most](const std::string &text) {
+        const auto number = l2fibd::parse_number(text, most);
+        const bool fits = number && *number != 0;
+        return fits ? "" : "\"" + text + "\": expected a number from 1 to " + std::to_string(most);
+    };
+    return {check, "", "number"};
 }
 
 struct scope_options {
@@ -46,11 +67,9 @@ struct scope_options {
 
 scope_options add_scope(CLI::App &to, options &result)
 {
-    return {
-        to.add_option("--domain", result.domain, "Only this bridge domain")->type_name("NAME")->check(check_not_empty),
-        to.add_option("--port", result.port, "Only this port, by name or xcid")
-            ->type_name("PORT")
-            ->check(check_not_empty)};
+    const CLI::Validator is_name = length_up_to(longest_name, "a name");
+    return {to.add_option("--domain", result.domain, "Only this bridge domain")->type_name("NAME")->check(is_name),
+            to.add_option("--port", result.port, "Only this port, by name or xcid")->type_name("PORT")->check(is_name)};
 }
 
 CLI::App *add_command(CLI::App &to, const char *name, const char *description, command what, options &result)
@@ -69,8 +88,9 @@ void add_show_mac(CLI::App &show, options &result)
         ->type_name("IP")
         ->check(CLI::Validator([](std::string &text) { return check_ipv4(text); }, "", "vtep"));
     CLI::Option *flagged = mac->add_flag("--flagged", result.flagged,
-                                         "Only entries of the bridge domain itself, and with --port locked ones");
-    mac->add_flag("--aging", result.aging, "The oldest first")->excludes(flagged);
+                                         "Only entries of the bridge domain itself, and with --port locked ones")
+                               ->disable_flag_override();
+    mac->add_flag("--aging", result.aging, "The oldest first")->disable_flag_override()->excludes(flagged);
 }
 
 void add_show(CLI::App &app, options &result)
@@ -100,8 +120,10 @@ void add_resync(CLI::App &app, options &result)
 void add_forms(CLI::App &app, options &result)
 {
     const auto add = [&](const char *name, const char *description, form shown_as) {
-        return app.add_flag_callback(
-            name, [&result, shown_as] { result.shown_as = shown_as; }, description);
+        return app
+            .add_flag_callback(
+                name, [&result, shown_as] { result.shown_as = shown_as; }, description)
+            ->disable_flag_override();
     };
     CLI::Option *json = add("--json", "Print JSON", form::json);
     CLI::Option *lines = add("--json-lines", "Print a JSON object a line", form::json_lines);
@@ -116,14 +138,14 @@ void add_globals(CLI::App &app, options &result)
     app.add_option("--socket", result.socket, "Socket of the daemon")
         ->type_name("PATH")
         ->envname("L2FIBD_SOCKET")
-        ->check(check_not_empty)
+        ->check(length_up_to(longest_path, "a path"))
         ->capture_default_str();
     app.add_option("--limit", result.limit, "Print at most so many items")
         ->type_name("NUMBER")
-        ->check(CLI::Range(uint64_t(1), UINT64_MAX).description(""));
+        ->check(number_up_to(UINT64_MAX));
     app.add_option("--timeout", result.timeout_seconds, "Give up when nothing arrives for so long")
         ->type_name("SECONDS")
-        ->check(CLI::Range(1u, 86400u).description(""))
+        ->check(number_up_to(86400))
         ->capture_default_str();
     app.set_version_flag("--version", "l2fibctl " L2FIB_VERSION);
     app.footer(statuses);
@@ -133,6 +155,17 @@ int complain(const std::string &message)
 {
     std::cerr << "l2fibctl: " << message << "\nl2fibctl: --help tells what there is\n";
     return static_cast<int>(ending::wrong_usage);
+}
+
+// Prints the text that was asked for.
+int help(const CLI::App &app, const CLI::ParseError &asked)
+{
+    const int status = app.exit(asked);
+    if (const std::string error = l2fibd::finish_standard_output(); !error.empty()) {
+        std::cerr << "l2fibctl: " << error << "\n";
+        return static_cast<int>(ending::cut);
+    }
+    return status;
 }
 
 } // namespace
@@ -148,7 +181,7 @@ std::optional<int> parse_options(int argc, char **argv, options &to)
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
         // Success is a text that was asked for.
-        return error.get_exit_code() == 0 ? app.exit(error) : complain(error.what());
+        return error.get_exit_code() == 0 ? help(app, error) : complain(error.what());
     }
     // Asked for here, since the parser would name a missing command before a wrong one.
     if (to.what == command::none) {

@@ -1,5 +1,6 @@
 #include "cli/output.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,6 +16,13 @@ namespace {
 constexpr size_t piece_size = size_t(64) * 1024;
 constexpr auto quiet_time = std::chrono::seconds(1);
 constexpr auto redraw_time = std::chrono::milliseconds(250);
+
+// Standard output may be shared with somebody who has made it non-blocking.
+void wait_for_room()
+{
+    pollfd waits = {STDOUT_FILENO, POLLOUT, 0};
+    poll(&waits, 1, -1);
+}
 
 } // namespace
 
@@ -69,6 +77,8 @@ void output::flush()
             rest.remove_prefix(static_cast<size_t>(written));
         } else if (errno == EPIPE) {
             throw failure{ending::done, ""};
+        } else if (errno == EAGAIN) {
+            wait_for_room();
         } else if (errno != EINTR) {
             throw failure{ending::cut, std::string("cannot write the answer: ") + std::strerror(errno)};
         }

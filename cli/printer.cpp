@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "cli/visible.h"
+#include "daemon/visible.h"
 
 namespace l2fibctl {
 
@@ -59,7 +59,7 @@ void write_json(std::string &to, const json &value, const resource *parts)
 
 void write_cell(std::string &to, std::string_view text, const column_kind &kind)
 {
-    const size_t width = width_of(text);
+    const size_t width = l2fibd::width_of(text);
     const size_t padding = width < kind.width ? kind.width - width : 0;
     to.append(kind.right ? padding : 0, ' ').append(text).append((kind.right ? 0 : padding) + gap, ' ');
 }

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
-#include "cli/visible.h"
+#include "daemon/visible.h"
 
 namespace l2fibctl {
 
@@ -26,7 +26,7 @@ std::string as_text(const json &value)
 {
     if (value.is_string()) {
         const auto &text = value.get_ref<const std::string &>();
-        return text.empty() ? "-" : visible(text);
+        return text.empty() ? "-" : l2fibd::visible(text);
     }
     if (value.is_array()) {
         return as_list(value);

@@ -2,6 +2,7 @@
 
 #include <span>
 
+#include "daemon/visible.h"
 #include "forwarding/forwarding.h"
 #include "host/chunk_statistics.h"
 #include "host/operational_db_host.h"
@@ -139,7 +140,7 @@ std::string health_text()
         text += "\nrefused: " + std::to_string(each.count) + " (" + each.reason + ")";
     }
     for (const std::string &note : view.notes) {
-        text += "\nnote: " + note;
+        text += "\nnote: " + visible(note);
     }
     return text;
 }

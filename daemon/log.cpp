@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "daemon/visible.h"
+
 namespace l2fibd {
 
 namespace {
@@ -25,7 +27,7 @@ void log(log_level level, std::string_view line)
         return;
     }
     std::string whole("l2fibd: ");
-    whole.append(labels[static_cast<size_t>(level)]).append(line).append("\n");
+    whole.append(labels[static_cast<size_t>(level)]).append(visible(line)).append("\n");
     // One call, so that lines of several threads do not mix. Nothing can be done about a log that is gone.
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, whole.data(), whole.size());
 }

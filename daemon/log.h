@@ -1,4 +1,5 @@
-// The daemon's log: one line each on standard error, where the service manager collects them.
+// The daemon's log: one line each on standard error, where the service manager collects them. What could break a line
+// or disturb a terminal is made visible.
 //
 // Threads: any; lines do not mix.
 #pragma once

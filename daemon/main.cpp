@@ -16,6 +16,7 @@
 #include "daemon/http_server.h"
 #include "daemon/log.h"
 #include "daemon/options.h"
+#include "daemon/standard_streams.h"
 #include "daemon/unix_socket.h"
 #include "forwarding/forwarding.h"
 
@@ -31,7 +32,6 @@ sigset_t block_signals()
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    std::signal(SIGPIPE, SIG_IGN); // a client that has gone is an error of its connection
     return signals;
 }
 
@@ -49,6 +49,7 @@ int end_forwarding()
     return report.orderly ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
+// Takes no socket, so that it may run beside a daemon, and leaves signals alone: nothing outlives the process.
 int check(const l2fibd::settings &settings)
 {
     if (const std::string error = forwarding::start(settings.forwarding); !error.empty()) {
@@ -57,7 +58,10 @@ int check(const l2fibd::settings &settings)
     int status = EXIT_SUCCESS;
     try {
         l2fibd::resync_all();
-        std::cout << l2fibd::health_text() << '\n' << std::flush;
+        std::cout << l2fibd::health_text() << '\n';
+        if (const std::string error = l2fibd::finish_standard_output(); !error.empty()) {
+            status = failed(error);
+        }
     } catch (const l2fibd::api_error &error) {
         status = failed(error.message);
     }
@@ -73,13 +77,20 @@ void wait_for_end(const sigset_t &signals)
     l2fibd::notify_service_manager("STOPPING=1");
 }
 
-std::string serve_http(l2fibd::listening_socket &socket, const l2fibd::settings &settings)
-{
-    std::string error = l2fibd::http_start(socket.descriptor(), settings.forwarding.resync_wait_seconds);
-    if (error.empty()) {
-        socket.hand_over();
+// Serves until a signal comes. Returns what went wrong.
+std::string serve_http(l2fibd::listening_socket &socket, const l2fibd::settings &settings, const sigset_t &signals)
+try {
+    if (std::string error = l2fibd::http_start(socket.descriptor(), settings.forwarding.resync_wait_seconds);
+        !error.empty()) {
+        return error;
     }
-    return error;
+    socket.hand_over();
+    log(log_level::info, "serves " + settings.socket_path + " from the " + forwarding::health().plane + " plane");
+    l2fibd::notify_service_manager("READY=1");
+    wait_for_end(signals);
+    return {};
+} catch (const std::exception &error) {
+    return error.what();
 }
 
 int serve(const l2fibd::settings &settings, const sigset_t &signals)
@@ -91,12 +102,8 @@ int serve(const l2fibd::settings &settings, const sigset_t &signals)
     if (const std::string error = forwarding::start(settings.forwarding); !error.empty()) {
         return failed(error);
     }
-    const std::string error = serve_http(socket, settings);
-    if (error.empty()) {
-        log(log_level::info, "serves " + settings.socket_path + " from the " + forwarding::health().plane + " plane");
-        l2fibd::notify_service_manager("READY=1");
-        wait_for_end(signals);
-    } else {
+    const std::string error = serve_http(socket, settings, signals);
+    if (!error.empty()) {
         failed(error);
     }
     l2fibd::http_stop();
@@ -108,17 +115,18 @@ int serve(const l2fibd::settings &settings, const sigset_t &signals)
 
 int main(int argc, char **argv)
 {
+    l2fibd::hold_standard_streams();
     try {
         l2fibd::settings settings;
         if (const auto status = l2fibd::read_command_line(argc, argv, settings)) {
             return *status;
         }
         l2fibd::log_threshold(settings.finest);
-        const sigset_t signals = block_signals();
+        std::signal(SIGPIPE, SIG_IGN); // a client that has gone is an error of its connection
         // The table tells times of day as this process sees them; the API promises UTC.
         setenv("TZ", "UTC0", 1); // NOLINT(concurrency-mt-unsafe): there are no other threads yet
         tzset();
-        return settings.check_only ? check(settings) : serve(settings, signals);
+        return settings.check_only ? check(settings) : serve(settings, block_signals());
     } catch (const std::exception &error) {
         return failed(error.what());
     }

@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "daemon/standard_streams.h"
 #include "daemon/text.h"
 #include "daemon/unix_socket.h"
 #include "forwarding/generate.h"
@@ -114,6 +115,14 @@ void set_socket(settings &into, const std::string &path)
     into.socket_path = path;
 }
 
+void set_socket_group(settings &into, const std::string &name)
+{
+    if (name.empty()) {
+        refuse("--socket-group", name, "expected the name of a group");
+    }
+    into.socket_group = name;
+}
+
 struct text_option {
     const char *name;
     const char *type;
@@ -128,6 +137,7 @@ constexpr text_option text_options[] = {
     {"--netns", "NAME", set_netns, "the network namespace of the kernel's plane, a name or a path"},
     {"--group", "NAME", set_group, "the first part of every bridge domain's name; by default the host's name"},
     {"--socket", "PATH", set_socket, "the socket to serve; by default /run/l2fibd.sock"},
+    {"--socket-group", "NAME", set_socket_group, "the group that may use the socket; by default the process's"},
 };
 
 void add_options(CLI::App &app, settings &into)
@@ -137,12 +147,12 @@ void add_options(CLI::App &app, settings &into)
         const auto set = [&into, &option](const std::string &text) { option.set(into, text); };
         app.add_option_function<std::string>(option.name, setter(set), option.description)->type_name(option.type);
     }
-    app.add_option("--socket-group", into.socket_group, "the group that may use the socket")->type_name("NAME");
     add_number(app, "--mac-limit", into.forwarding.mac_limit, uint32_t{100'000'000}, "the most MAC entries");
     add_number(app, "--resync-wait", into.forwarding.resync_wait_seconds, uint16_t{3600},
                "seconds that a request waits for the forwarding plane");
     add_choice(app, "--log-level", into.finest, levels, "how much is logged");
-    app.add_flag("--check", into.check_only, "start, bring the table up to date once, report, and end");
+    app.add_flag("--check", into.check_only, "start, bring the table up to date once, report, and end")
+        ->disable_flag_override();
     app.set_version_flag("--version", "l2fibd " L2FIBD_VERSION);
 }
 
@@ -185,7 +195,12 @@ std::optional<int> read_command_line(int argc, char **argv, settings &into)
         app.parse(argc, argv);
         settle_plane(app, into);
     } catch (const CLI::Success &asked) {
-        return app.exit(asked);
+        const int status = app.exit(asked);
+        const std::string error = finish_standard_output();
+        if (!error.empty()) {
+            log(log_level::error, error);
+        }
+        return error.empty() ? status : EXIT_FAILURE;
     } catch (const CLI::ParseError &error) {
         std::cerr << "l2fibd: " << error.what() << "\nl2fibd --help shows the options\n";
         return exit_usage;

@@ -1,4 +1,4 @@
-#include "cli/visible.h"
+#include "daemon/visible.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 #include "daemon/text.h"
 
-namespace l2fibctl {
+namespace l2fibd {
 
 namespace {
 
@@ -51,7 +51,7 @@ std::string visible(std::string_view text)
 {
     std::string out;
     while (!text.empty()) {
-        const size_t length = l2fibd::utf8_length(text);
+        const size_t length = utf8_length(text);
         const std::string_view character = text.substr(0, std::max<size_t>(1, length));
         const uint32_t code = code_of(character);
         if (length == 0 || is_harmful(code)) {
@@ -69,4 +69,4 @@ size_t width_of(std::string_view text)
     return static_cast<size_t>(std::ranges::count_if(text, [](char c) { return (c & 0xc0) != 0x80; }));
 }
 
-} // namespace l2fibctl
+} // namespace l2fibd

@@ -18,7 +18,7 @@
 #include "cli/http.h"
 #include "cli/printer.h"
 #include "cli/splitter.h"
-#include "cli/visible.h"
+#include "daemon/visible.h"
 
 namespace l2fibctl {
 namespace {
@@ -112,9 +112,9 @@ TEST(Visible, KeepsTextAndEscapesTheRest)
          "a\\u2028b\\u200f"},
     };
     for (const auto &row : rows) {
-        EXPECT_EQ(visible(row.text), row.shown);
+        EXPECT_EQ(l2fibd::visible(row.text), row.shown);
     }
-    EXPECT_EQ(width_of("a\xc3\x9f\xf0\x9f\x8c\x90"), 3u);
+    EXPECT_EQ(l2fibd::width_of("a\xc3\x9f\xf0\x9f\x8c\x90"), 3u);
 }
 
 std::string print(form shown_as, const resource &what, const std::vector<json> &items)
