@@ -144,6 +144,8 @@ END
 404|${D}domains/domain=lab:br3/mac-entry=02:00:00:00:00:00|no such entry
 404|${D}mac-tables/mac-entry|no such resource
 404|${D}domains/domain/mac-entry|no such resource
+404|${D}domains/domain%3D%2A|no such resource
+404|/${D}mac-count|no such resource
 404|/|no such resource
 405|/restconf/operations/l2fib-mac:resync|expected POST
 END
@@ -163,7 +165,8 @@ END
         before=$(memory_of "$DAEMON")
         get "$D${list%:*}" --output "$whole"
         after=$(memory_of "$DAEMON")
-        ((after - before < 4096)) || { echo "$list: $before to $after kB" && return 1; }
+        # A sanitizer keeps what was freed.
+        [[ -n ${L2FIB_SANITIZED-} ]] || ((after - before < 4096)) || { echo "$list: $before to $after kB" && return 1; }
         : >"$paged"
         cursor=
         while :; do
@@ -219,7 +222,12 @@ END
     wait "$pid"
 }
 
-@test "more requests than are served at once are answered 503, and those after them are served" {
+@test "more requests than are served at once are answered 503, and one that does not end is cut" {
+    local -r start=$SECONDS
+    for i in {1..25}; do printf ' ' && sleep 1; done |
+        curl --silent --upload-file - --request POST --unix-socket "$SOCKET" \
+            http://l2fibd/restconf/operations/l2fib-mac:resync 3>&- &
+    local -r endless=$!
     local pids=() i
     for i in {1..40}; do
         curl --silent --limit-rate 1k --max-time 3 --output "$BATS_TEST_TMPDIR/$i" --write-out '%{http_code}\n' \
@@ -229,15 +237,17 @@ END
     wait "${pids[@]}" || true
     [[ $(cat "$BATS_TEST_TMPDIR"/*.status | grep --count 503) -gt 0 ]]
     expect_status 200 "${D}mac-count"
+    ! wait "$endless"
+    ((SECONDS - start < 20))
 }
 
 @test "a second instance is refused by name, a socket left behind is replaced, SIGTERM ends with everything released" {
     local -r socket=$BATS_TEST_TMPDIR/life.sock
-    run "$L2FIBD" --socket "$SOCKET"
+    run timeout 20 "$L2FIBD" --socket "$SOCKET"
     [[ $status == 1 && $output == *"another l2fibd, process $DAEMON, serves this socket"* ]]
     touch "$socket"
-    run "$L2FIBD" --socket "$socket"
-    [[ $status == 1 && $output == *"is no socket"* ]]
+    run timeout 20 "$L2FIBD" --socket "$socket"
+    [[ $status == 1 && $output == *"is no socket"* && ! -e $socket.lock ]]
     rm "$socket"
 
     start_daemon "$socket"
@@ -248,6 +258,8 @@ END
     start_daemon "$socket"
     pid=$!
     curl --silent --unix-socket "$socket" "http://l2fibd${D}mac-count" >/dev/null
+    # The HTTP library cuts this one off, and does not tell.
+    ! curl --silent --unix-socket "$socket" "http://l2fibd${D}mac-count?$(printf 'a=&%.0s' {1..4000})"
     kill -TERM "$pid"
     wait "$pid"
     [[ ! -e $socket && $(cat "$socket.log") == *"released 2044 MAC entries"* ]]
@@ -257,7 +269,7 @@ END
     local options expected
     while IFS='|' read -r options expected; do
         read -ra arguments <<<"$options"
-        run "$L2FIBD" "${arguments[@]}"
+        run timeout 20 "$L2FIBD" "${arguments[@]}"
         [[ $status == 2 && $output == *"$expected"* ]] || { echo "$options: $status $output" && return 1; }
     done <<END
 --plane moon|--plane "moon": expected one of generated, recorded, kernel
@@ -275,6 +287,8 @@ END
 END
     run "$L2FIBD" --check --generate macs=500
     [[ $status == 0 && $output == *"plane generated, clean"* ]]
+    run bash -c '"$L2FIBD" --check --generate macs=500 >/dev/full'
+    [[ $status == 1 && $output == *"standard output: No space left on device"* ]]
     run "$L2FIBD" --version
     [[ $status == 0 && $output == "l2fibd "* ]]
 }

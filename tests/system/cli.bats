@@ -123,6 +123,8 @@ END
     [[ ${PIPESTATUS[0]} == 0 && ! -s $BATS_TEST_TMPDIR/errors ]]
     run bash -c '"$L2FIBCTL" show mac >/dev/full'
     [[ $status == 5 && $output == "l2fibctl: cannot write the answer: No space left on device" ]]
+    run bash -c '"$L2FIBCTL" show mac >&-'
+    [[ $status == 5 && $output == "l2fibctl: cannot write the answer: Bad file descriptor" ]]
 }
 
 @test "resync takes all, a domain, or a port" {
@@ -137,7 +139,9 @@ END
     expect 2 "expected a command" show
     expect 2 "cat" show cat
     expect 2 "--limit" show mac --limit 0
-    expect 2 "--limit" show mac --limit many
+    expect 2 "--limit" show mac --limit -1
+    expect 2 "--limit" show mac --limit 99999999999999999999999
+    expect 2 "--json" show mac --json=no
     expect 2 "--timeout" show mac --timeout 0
     expect 2 "--vtep" show mac --vtep 192.0.2
     expect 2 "02:00" show mac 02:00
@@ -150,6 +154,7 @@ END
     expect 1 "lab:nowhere" show mac --domain lab:nowhere
     expect 1 "nothing found" show mac 02:ff:ff:ff:ff:ff
     expect 3 "/no/such/socket" show mac --socket /no/such/socket
+    expect 2 "a path of 1 to 107" show mac --socket "/$(printf 'x%.0s' {1..120})"
     expect 0 "Exit status" --help
     local line
     while read -r line; do
