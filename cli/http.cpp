@@ -89,12 +89,12 @@ struct connection::transfer {
 };
 
 connection::connection(std::string socket_path, unsigned timeout_seconds, progress &line)
-    : socket(std::move(socket_path))
-    , timeout(timeout_seconds)
-    , progress_line(line)
-    , handle(curl_easy_init(), curl_easy_cleanup)
+    : socket_(std::move(socket_path))
+    , timeout_(timeout_seconds)
+    , progress_line_(line)
+    , handle_(curl_easy_init(), curl_easy_cleanup)
 {
-    if (handle == nullptr) {
+    if (handle_ == nullptr) {
         throw failure{ending::unreachable, "cannot prepare a request: out of memory"};
     }
 }
@@ -125,7 +125,7 @@ void connection::set_up(const request &what, transfer &now)
     const std::string url = "http://l2fibd" + what.path;
     CURL *curl = now.curl;
     curl_easy_reset(curl);
-    curl_easy_setopt(curl, CURLOPT_UNIX_SOCKET_PATH, socket.c_str());
+    curl_easy_setopt(curl, CURLOPT_UNIX_SOCKET_PATH, socket_.c_str());
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_PROXY, ""); // whatever the environment says
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
@@ -142,7 +142,7 @@ void connection::set_up(const request &what, transfer &now)
 
 bool connection::perform(const request &what, const body_sink &sink)
 {
-    transfer now{handle.get(), sink, progress_line, std::chrono::seconds(timeout)};
+    transfer now{handle_.get(), sink, progress_line_, std::chrono::seconds(timeout_)};
     set_up(what, now);
     const std::unique_ptr<curl_slist, void (*)(curl_slist *)> headers(
         curl_slist_append(nullptr, "Content-Type: application/yang-data+json"), curl_slist_free_all);
@@ -157,7 +157,7 @@ bool connection::perform(const request &what, const body_sink &sink)
         return false;
     }
     if (code != CURLE_OK) {
-        now.fail(code, socket);
+        now.fail(code, socket_);
     }
     if (now.status() >= first_error_status) {
         throw failure{ending_of(now.status(), now.error_body), error_text(now.status(), now.error_body)};

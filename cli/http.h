@@ -35,10 +35,10 @@ private:
 
     void set_up(const request &what, transfer &now);
 
-    std::string socket;
-    unsigned timeout;
-    progress &progress_line;
-    std::unique_ptr<void, void (*)(void *)> handle;
+    std::string socket_;
+    unsigned timeout_;
+    progress &progress_line_;
+    std::unique_ptr<void, void (*)(void *)> handle_;
 };
 
 // What the daemon's error body says, a line for each error. The status alone when the body is none of the API's.

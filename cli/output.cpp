@@ -27,50 +27,50 @@ void wait_for_room()
 } // namespace
 
 progress::progress()
-    : enabled(isatty(STDERR_FILENO) == 1)
+    : enabled_(isatty(STDERR_FILENO) == 1)
 {}
 
 void progress::tick()
 {
     const auto now = clock::now();
-    if (!enabled || now - start < quiet_time || now - last < redraw_time) {
+    if (!enabled_ || now - start_ < quiet_time || now - last_ < redraw_time) {
         return;
     }
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - start).count();
-    std::fprintf(stderr, "\r%llu items, %lld s\033[K", static_cast<unsigned long long>(items),
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - start_).count();
+    std::fprintf(stderr, "\r%llu items, %lld s\033[K", static_cast<unsigned long long>(items_),
                  static_cast<long long>(seconds));
-    drawn = true;
-    last = now;
+    drawn_ = true;
+    last_ = now;
 }
 
 void progress::stop()
 {
-    if (drawn) {
+    if (drawn_) {
         std::fputs("\r\033[K", stderr);
     }
-    drawn = false;
-    enabled = false;
+    drawn_ = false;
+    enabled_ = false;
 }
 
 output::output(progress &line)
-    : progress_line(line)
-    , terminal(isatty(STDOUT_FILENO) == 1)
+    : progress_line_(line)
+    , terminal_(isatty(STDOUT_FILENO) == 1)
 {}
 
 void output::put(std::string_view text)
 {
-    pending += text;
-    if (pending.size() >= piece_size) {
+    pending_ += text;
+    if (pending_.size() >= piece_size) {
         flush();
     }
 }
 
 void output::flush()
 {
-    if (terminal && !pending.empty()) {
-        progress_line.stop();
+    if (terminal_ && !pending_.empty()) {
+        progress_line_.stop();
     }
-    std::string_view rest = pending;
+    std::string_view rest = pending_;
     while (!rest.empty()) {
         const ssize_t written = write(STDOUT_FILENO, rest.data(), rest.size());
         if (written >= 0) {
@@ -83,7 +83,7 @@ void output::flush()
             throw failure{ending::cut, std::string("cannot write the answer: ") + std::strerror(errno)};
         }
     }
-    pending.clear();
+    pending_.clear();
 }
 
 } // namespace l2fibctl

@@ -18,7 +18,7 @@ public:
     progress(const progress &) = delete;
     progress &operator=(const progress &) = delete;
 
-    void count_item() { items++; }
+    void count_item() { items_++; }
 
     // To be called often; draws a few times a second.
     void tick();
@@ -29,11 +29,11 @@ public:
 private:
     using clock = std::chrono::steady_clock;
 
-    bool enabled;
-    bool drawn = false;
-    uint64_t items = 0;
-    clock::time_point start = clock::now();
-    clock::time_point last = start;
+    bool enabled_;
+    bool drawn_ = false;
+    uint64_t items_ = 0;
+    clock::time_point start_ = clock::now();
+    clock::time_point last_ = start_;
 };
 
 class output {
@@ -47,15 +47,15 @@ public:
     // Shows rows without delay where somebody watches.
     void piece_done()
     {
-        if (terminal) {
+        if (terminal_) {
             flush();
         }
     }
 
 private:
-    progress &progress_line;
-    bool terminal;
-    std::string pending;
+    progress &progress_line_;
+    bool terminal_;
+    std::string pending_;
 };
 
 } // namespace l2fibctl

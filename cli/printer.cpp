@@ -129,30 +129,31 @@ void write_record(std::string &to, const json &item, const resource &of, unsigne
 
 void printer::item(const json &value)
 {
-    line.clear();
-    if (shown_in == form::text) {
-        if (what.shown_as == layout::table && items == 0) {
-            write_titles(line, what, 0);
+    line_.clear();
+    if (shown_in_ == form::text) {
+        if (what_.shown_as == layout::table && items_ == 0) {
+            write_titles(line_, what_, 0);
         }
-        const auto write = what.shown_as == layout::table ? write_row : write_record;
-        write(line, value, what, 0);
+        const auto write = what_.shown_as == layout::table ? write_row : write_record;
+        write(line_, value, what_, 0);
     } else {
-        const bool in_array = shown_in != form::json_lines && what.shown_as == layout::table;
-        line += !in_array ? "" : items == 0 ? "[" : ",\n";
-        write_object(line, value, what);
-        line += in_array ? "" : "\n";
+        const bool in_array = shown_in_ != form::json_lines && what_.shown_as == layout::table;
+        line_ += !in_array ? "" : items_ == 0 ? "[" : ",\n";
+        write_object(line_, value, what_);
+        line_ += in_array ? "" : "\n";
     }
-    items++;
-    out.put(line);
+    items_++;
+    out_.put(line_);
 }
 
 void printer::end()
 {
-    const bool in_array = (shown_in == form::json || shown_in == form::bridge_json) && what.shown_as == layout::table;
+    const bool in_array =
+        (shown_in_ == form::json || shown_in_ == form::bridge_json) && what_.shown_as == layout::table;
     if (in_array) {
-        out.put(items == 0 ? "[]\n" : "]\n");
+        out_.put(items_ == 0 ? "[]\n" : "]\n");
     }
-    out.flush();
+    out_.flush();
 }
 
 } // namespace l2fibctl

@@ -21,9 +21,9 @@ class printer {
 public:
     // What is printed must outlive the printer.
     printer(form in_form, const resource &of, output &to)
-        : shown_in(in_form)
-        , what(of)
-        , out(to)
+        : shown_in_(in_form)
+        , what_(of)
+        , out_(to)
     {}
 
     void item(const nlohmann::json &value);
@@ -31,14 +31,14 @@ public:
     // After the last item; flushes.
     void end();
 
-    uint64_t printed() const { return items; }
+    uint64_t printed() const { return items_; }
 
 private:
-    form shown_in;
-    const resource &what;
-    output &out;
-    uint64_t items = 0;
-    std::string line; // kept between items for its memory
+    form shown_in_;
+    const resource &what_;
+    output &out_;
+    uint64_t items_ = 0;
+    std::string line_; // kept between items for its memory
 };
 
 } // namespace l2fibctl

@@ -28,14 +28,14 @@ bool is_space(char c)
 
 bool splitter::feed(std::string_view bytes)
 {
-    while (!bytes.empty() && !stopped && state != place::broken) {
-        if (state == place::key || state == place::item) {
+    while (!bytes.empty() && !stopped_ && state_ != place::broken) {
+        if (state_ == place::key || state_ == place::item) {
             collect(bytes);
         } else {
             between(bytes);
         }
     }
-    return !stopped && state != place::broken;
+    return !stopped_ && state_ != place::broken;
 }
 
 // One byte between keys and items. The byte that begins one of these is left for collect.
@@ -43,17 +43,17 @@ void splitter::between(std::string_view &bytes)
 {
     const char c = bytes.front();
     const auto *found =
-        std::ranges::find_if(transitions, [&](const transition &row) { return row.from == state && row.byte == c; });
+        std::ranges::find_if(transitions, [&](const transition &row) { return row.from == state_ && row.byte == c; });
     if (found != std::end(transitions) || is_space(c)) {
-        state = is_space(c) ? state : found->to;
+        state_ = is_space(c) ? state_ : found->to;
         bytes.remove_prefix(1);
-    } else if (state == place::members && c == '"') {
-        state = place::key;
-    } else if (state == place::value || state == place::list) {
-        next_after_item = state == place::list ? place::list : place::members;
-        state = place::item;
+    } else if (state_ == place::members && c == '"') {
+        state_ = place::key;
+    } else if (state_ == place::value || state_ == place::list) {
+        next_after_item_ = state_ == place::list ? place::list : place::members;
+        state_ = place::item;
     } else {
-        state = place::broken;
+        state_ = place::broken;
     }
 }
 
@@ -66,10 +66,10 @@ void splitter::collect(std::string_view &bytes)
         ended = ends_text(bytes[length], taken);
         length += taken ? 1 : 0;
     }
-    text += bytes.substr(0, length);
+    text_ += bytes.substr(0, length);
     bytes.remove_prefix(length);
-    if (text.size() > longest_item || (ended && text.empty())) {
-        state = place::broken;
+    if (text_.size() > longest_item || (ended && text_.empty())) {
+        state_ = place::broken;
     } else if (ended) {
         text_done();
     }
@@ -78,39 +78,39 @@ void splitter::collect(std::string_view &bytes)
 // `taken` becomes false for a byte that ends the text without belonging to it.
 bool splitter::ends_text(char c, bool &taken)
 {
-    if (in_string) {
-        return ends_string(c) && nesting == 0;
+    if (in_string_) {
+        return ends_string(c) && nesting_ == 0;
     }
     if (c == '"') {
-        in_string = true;
+        in_string_ = true;
     } else if (c == '{' || c == '[') {
-        nesting++;
-    } else if (nesting == 0) {
+        nesting_++;
+    } else if (nesting_ == 0) {
         taken = c != ',' && c != '}' && c != ']' && !is_space(c);
         return !taken;
     } else if (c == '}' || c == ']') {
-        return --nesting == 0;
+        return --nesting_ == 0;
     }
     return false;
 }
 
 bool splitter::ends_string(char c)
 {
-    in_string = after_backslash || c != '"';
-    after_backslash = !after_backslash && c == '\\';
-    return !in_string;
+    in_string_ = after_backslash_ || c != '"';
+    after_backslash_ = !after_backslash_ && c == '\\';
+    return !in_string_;
 }
 
 void splitter::text_done()
 {
-    if (state == place::key) {
-        member = text.substr(1, text.size() - 2);
-        state = place::colon;
+    if (state_ == place::key) {
+        member_ = text_.substr(1, text_.size() - 2);
+        state_ = place::colon;
     } else {
-        state = next_after_item;
-        stopped = !sink(member, text);
+        state_ = next_after_item_;
+        stopped_ = !sink_(member_, text_);
     }
-    text.clear();
+    text_.clear();
 }
 
 } // namespace l2fibctl

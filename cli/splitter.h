@@ -26,14 +26,14 @@ public:
     static constexpr size_t longest_item = size_t(1) << 20;
 
     explicit splitter(item_sink to)
-        : sink(std::move(to))
+        : sink_(std::move(to))
     {}
 
     // Takes the next bytes. False when no more are wanted: the sink has had enough, or this is no such answer.
     bool feed(std::string_view bytes);
 
     // Whether the answer has been seen up to its last bracket.
-    bool complete() const { return state == place::after; }
+    bool complete() const { return state_ == place::after; }
 
 private:
     enum class place : uint8_t { before, members, key, colon, value, list, item, after, broken };
@@ -46,15 +46,15 @@ private:
     bool ends_string(char c);
     void text_done();
 
-    item_sink sink;
-    place state = place::before;
-    place next_after_item = place::members;
-    std::string member;
-    std::string text; // what has arrived of a key or an item
-    size_t nesting = 0;
-    bool in_string = false;
-    bool after_backslash = false;
-    bool stopped = false;
+    item_sink sink_;
+    place state_ = place::before;
+    place next_after_item_ = place::members;
+    std::string member_;
+    std::string text_; // what has arrived of a key or an item
+    size_t nesting_ = 0;
+    bool in_string_ = false;
+    bool after_backslash_ = false;
+    bool stopped_ = false;
 };
 
 } // namespace l2fibctl

@@ -227,42 +227,42 @@ TEST(ErrorText, IsTheDaemonsMessageMadeVisible)
 class canned_daemon {
 public:
     explicit canned_daemon(const char *with)
-        : answer(with)
+        : answer_(with)
     {
-        std::snprintf(address.sun_path, sizeof address.sun_path, "/tmp/cli_test.%d.sock", getpid());
-        unlink(address.sun_path);
-        EXPECT_EQ(bind(listener, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
-        EXPECT_EQ(listen(listener, 1), 0);
-        server = std::thread([this] { serve(); });
+        std::snprintf(address_.sun_path, sizeof address_.sun_path, "/tmp/cli_test.%d.sock", getpid());
+        unlink(address_.sun_path);
+        EXPECT_EQ(bind(listener_, reinterpret_cast<const sockaddr *>(&address_), sizeof address_), 0);
+        EXPECT_EQ(listen(listener_, 1), 0);
+        server_ = std::thread([this] { serve(); });
     }
     ~canned_daemon()
     {
-        server.join();
-        close(listener);
-        unlink(address.sun_path);
+        server_.join();
+        close(listener_);
+        unlink(address_.sun_path);
     }
     canned_daemon(const canned_daemon &) = delete;
     canned_daemon &operator=(const canned_daemon &) = delete;
 
-    std::string path() const { return address.sun_path; }
+    std::string path() const { return address_.sun_path; }
 
 private:
     void serve() const
     {
-        const int client = accept(listener, nullptr, nullptr);
+        const int client = accept(listener_, nullptr, nullptr);
         char request[4096];
         ssize_t length = read(client, request, sizeof request);
-        EXPECT_EQ(write(client, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
-        while (answer.empty() && length > 0) {
+        EXPECT_EQ(write(client, answer_.data(), answer_.size()), static_cast<ssize_t>(answer_.size()));
+        while (answer_.empty() && length > 0) {
             length = read(client, request, sizeof request);
         }
         close(client);
     }
 
-    std::string answer;
-    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
-    int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    std::thread server;
+    std::string answer_;
+    sockaddr_un address_ = {.sun_family = AF_UNIX, .sun_path = {}};
+    int listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    std::thread server_;
 };
 
 ending ending_of(const options &how)
