@@ -212,9 +212,11 @@ END
     local -r socket=$BATS_TEST_TMPDIR/churn.sock
     start_daemon "$socket" --generate bridges=2,ports=4,macs=20000,vteps=4,churn=50000/s
     local -r pid=$!
-    local list shown counted
-    for list in {mac-table,mac-aging}/mac-entry?_={1..8}; do
-        shown=$(curl --silent --fail --unix-socket "$socket" "http://l2fibd$D${list%\?*}" | jq '.[] | length')
+    local list shown counted rounds=16
+    [[ -z ${L2FIB_SANITIZED-} ]] || rounds=4 # each takes many times as long
+    for ((; rounds > 0; rounds--)); do
+        list=$( ((rounds % 2)) && echo mac-table || echo mac-aging)
+        shown=$(curl --silent --fail --unix-socket "$socket" "http://l2fibd$D$list/mac-entry" | jq '.[] | length')
         counted=$(curl --silent --unix-socket "$socket" "http://l2fibd${D}mac-count" | jq '.[].total')
         ((shown > counted * 9 / 10)) || { echo "$list: $shown of $counted" && return 1; }
     done

@@ -141,7 +141,7 @@ END
     expect 2 "--limit" show mac --limit 0
     expect 2 "--limit" show mac --limit -1
     expect 2 "--limit" show mac --limit 99999999999999999999999
-    expect 2 "--json" show mac --json=no
+    expect 2 "json was given" show mac --json=no
     expect 2 "--timeout" show mac --timeout 0
     expect 2 "--vtep" show mac --vtep 192.0.2
     expect 2 "02:00" show mac 02:00
