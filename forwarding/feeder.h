@@ -122,7 +122,7 @@ private:
     uint64_t entries_in(const resync_scope &scope) const;
     void refresh_ages(const resync_scope &scope);
     void ask_ages(std::vector<fdb_key> &keys);
-    bool age_matters(uint32_t entry) const;
+    bool age_matters(uint32_t at) const;
     template <typename Visit>
     void for_each_answer(const std::vector<fdb_key> &keys, Visit visit);
     void keep_doubtful(const resync_scope &scope);

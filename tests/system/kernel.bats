@@ -30,7 +30,7 @@ teardown_file()
         wait "$DAEMON" || status=1
         grep -q 'ended; released' "$BATS_FILE_TMPDIR/log" || status=1
     fi
-    source "$BATS_TEST_DIRNAME/../../scripts/namespaces.sh" # for the name of this process's namespaces
+    declare -F remove_fabric >/dev/null || source "$BATS_TEST_DIRNAME/../../scripts/namespaces.sh"
     remove_fabric
     return "$status"
 }
