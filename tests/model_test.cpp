@@ -2,11 +2,29 @@
 //
 // After each operation: its status, the counters, and the lookups of one random key in every way. At the strides of the
 // table's shape: the whole table as text, which has the order of all walks, and the audit.
+#include <sys/mman.h>
+
+#include "tests/support/interpose.h"
 #include "tests/support/reference_table.h"
 #include "tests/support/table_audit.h"
 
 using namespace small_table;
 using namespace reference_table;
+
+namespace {
+
+size_t largest_index_table = SIZE_MAX; // in bytes, as far as there is memory
+
+} // namespace
+
+// Trees and pools map at least a huge page at once, tables of the indexes less at first.
+extern "C" void *mmap(void *address, size_t length, int protection, int flags, int file, off_t offset) noexcept
+{
+    static const auto real = INTERPOSE_HIDDEN(mmap);
+    constexpr size_t huge_page = size_t{2} << 20;
+    const bool is_refused = length < huge_page && length > largest_index_table;
+    return is_refused ? MAP_FAILED : real(address, length, protection, flags, file, offset);
+}
 
 namespace {
 
@@ -142,6 +160,16 @@ TEST(model, agrees_with_small_tables)
 TEST(model, agrees_with_large_tables)
 {
     run_seeds<pair_of_tables<large>>(2, 200000);
+}
+
+// The indexes then lack records, and trees are searched.
+TEST(model, agrees_where_memory_for_the_indexes_is_scarce)
+{
+    for (const size_t kibibytes : {0u, 32u, 128u}) {
+        largest_index_table = kibibytes << 10;
+        run_seeds<pair_of_tables<large>>(1, 50000);
+    }
+    largest_index_table = SIZE_MAX;
 }
 
 } // namespace

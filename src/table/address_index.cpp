@@ -119,6 +119,7 @@ void address_index_release()
 {
     index_release(heads);
     missing = 0;
+    known_absent = no_address;
 }
 
 void address_index_expect(const uint8_t *mac_addr)

@@ -177,7 +177,8 @@ inline void unmap_from(bucket_table &table, uint64_t first_bucket)
     }
 }
 
-// Inlined by force: every feed makes two of these searches.
+// Once around at the most: nothing forbids that every bucket has been passed. Inlined by force: every feed makes two of
+// these searches.
 template <typename Traits>
 [[gnu::always_inline]] inline index_place find_in(const bucket_table &table, typename Traits::key_t key, uint64_t hash)
 {
@@ -185,8 +186,8 @@ template <typename Traits>
         return {};
     }
     const uint16_t tag = tag_of(hash);
-    for (uint64_t at = hash & table.mask;; at = (at + 1) & table.mask) {
-        index_bucket &bucket = table.buckets[at];
+    for (uint64_t step = 0; step <= table.mask; step++) {
+        index_bucket &bucket = table.buckets[(hash + step) & table.mask];
         for (uint32_t slots = slots_with_tag(bucket, tag); slots != 0; slots &= slots - 1) {
             const uint32_t slot = first_slot(slots);
             if (Traits::key_of(*static_cast<typename Traits::record_t *>(bucket.record[slot])) == key) {
@@ -194,9 +195,10 @@ template <typename Traits>
             }
         }
         if (bucket.passed == 0) {
-            return {};
+            break;
         }
     }
+    return {};
 }
 
 // Kept out of the searches that find the index at rest.
@@ -294,8 +296,9 @@ void retire_some(growing_index<Traits> &index)
     }
 }
 
-// Sees to it that the current table has a free slot; false when it has not and there is no memory. A table is retired
-// long before the next one, twice as large, is full.
+// Sees to it that the current table has a free slot; false when it would need a larger table and there is no memory. A
+// fuller one than three quarters would not do instead: after some removals, records that are not there are looked for
+// in all of it. A table is retired long before the next one, twice as large, is full.
 template <typename Traits>
 bool make_room(growing_index<Traits> &index)
 {
@@ -315,7 +318,7 @@ bool make_room(growing_index<Traits> &index)
     }
     const bucket_table next = map_table(slots == 0 ? first_bucket_count : bucket_count(index.current) * 2);
     if (next.buckets == nullptr) {
-        return index.current.used < slots;
+        return false;
     }
     index.retiring = index.current;
     index.retired = 0;
