@@ -25,7 +25,8 @@
  * several calls one step. Nobody may wait for a resync with the table lock held.
  *
  * Statuses: 0 for success, one of the codes below, or the unchanged nonzero status of a platform call that failed.
- * Every failure is also a trace point.
+ * Failures are also trace points, except for most of those that are the caller's own: a null argument, a callback table
+ * with an empty slot, a number out of range.
  */
 #ifndef L2FIB_MAC_EDM_H
 #define L2FIB_MAC_EDM_H

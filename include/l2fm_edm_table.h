@@ -20,12 +20,15 @@
  *  - VTEPs live on ports of bp_type 4 only, and outlive the entries that named them until a sweep.
  *  - One address may stand on several ports of a bridge domain. Lookups by bridge domain take the port of the lowest
  *    xcid.
+ *  - MAC entries get onto their port's tree by l2fm_edm_table_mac_create, and off it by l2fm_edm_table_mac_destroy:
+ *    lookups by bridge domain answer from an index that these two keep.
  *
  * Locking: every function but the walks, l2fm_edm_table_bd_destroy and l2fm_edm_table_bp_destroy expects its caller to
  * hold the table lock (l2fib_mac_edm_mutex_lock), or that no other thread uses the table. Records stay valid while the
  * lock is held and nobody destroys them; a caller that pages keeps a key between two holds, never a pointer.
  *
- * Null arguments are answered by null or a status, silently; a tree that does not run by a trace point and null.
+ * Null arguments are answered by null or a status, by lookups silently; a tree that does not run by a trace point and
+ * null.
  */
 #ifndef L2FM_EDM_TABLE_H
 #define L2FM_EDM_TABLE_H
@@ -134,7 +137,7 @@ typedef struct l2fm_edm_ll_root {
     uint32_t ll_initialised;
 } l2fm_edm_ll_root_t;
 
-/* Table-wide counters. They always equal what a walk would count. */
+/* Table-wide counters. They equal what a walk would count, but for `bd_cnt` after a teardown, which zeroes nothing. */
 typedef struct l2fm_edm_mac_pool {
     uint32_t mac_cnt_sum;   /* EDM_MAC_STATIC, or not EDM_MAC_LOCAL: the next two together */
     uint32_t mac_cnt_plain; /* neither EDM_MAC_STATIC nor EDM_MAC_LOCAL */
@@ -309,6 +312,7 @@ L2FIB_EXPORT l2fm_edm_bd_t *l2fm_edm_table_bd_alloc_and_fill(uint32_t bridge_id)
 L2FIB_EXPORT l2fm_edm_bd_t *l2fm_edm_table_bd_create(uint32_t bridge_id);
 /* Destroys a bridge domain with all its ports, entries and VTEPs; takes the lock itself. 0 when there is none. */
 L2FIB_EXPORT uint32_t l2fm_edm_table_bd_destroy(uint32_t bridge_id);
+/* The same under the caller's hold of the lock; to lower `bd_cnt` is the caller's. */
 L2FIB_EXPORT uint32_t l2fm_edm_table_bd_destroy_internal(l2fm_edm_bd_t *bd);
 /* Destroys every port of a bridge domain and finishes its tree. */
 L2FIB_EXPORT void l2fm_edm_table_bd_bp_table_destroy(l2fm_edm_bd_t *bd);
@@ -325,7 +329,8 @@ L2FIB_EXPORT l2fm_edm_bp_t *l2fm_edm_table_bp_create(l2fm_edm_bd_t *bd, uint32_t
 L2FIB_EXPORT l2fm_edm_bp_t *l2fm_edm_table_bp_create_dummy(l2fm_edm_bd_t *bd, uint32_t xcid);
 /* Refreshes a port whose `refresh_pending` is set, or moves it to the bridge domain with this id. */
 L2FIB_EXPORT uint32_t l2fm_edm_table_bp_update(l2fm_edm_bp_t *bp, uint32_t bridge_id);
-/* Destroys a port with its entries and VTEPs; takes the lock itself. 0 when there is none. */
+/* Destroys a port with its entries and VTEPs; takes the lock itself. 0 when there is none. The second form runs under
+ * the caller's hold of it. */
 L2FIB_EXPORT uint32_t l2fm_edm_table_bp_destroy(uint32_t xcid);
 L2FIB_EXPORT uint32_t l2fm_edm_table_bp_destroy_internal(l2fm_edm_bp_t *bp);
 /* Destroys every entry of a port and finishes its tree. */

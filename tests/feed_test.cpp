@@ -170,7 +170,7 @@ TEST_F(records_of, the_table_are_asked_for_with_care)
          {l2fm_edm_table_mac_update(nullptr, mac, &ordinary), l2fm_edm_table_mac_update(port(10), nullptr, &ordinary),
           l2fm_edm_table_mac_update(port(10), mac, nullptr), l2fm_edm_table_bp_destroy_internal(nullptr),
           l2fm_edm_table_bd_destroy_internal(nullptr), l2fm_edm_table_mac_destroy(nullptr),
-          l2fm_edm_table_vtep_destroy(nullptr, port(10))}) {
+          l2fm_edm_table_vtep_destroy(nullptr, port(10)), l2fm_edm_table_bp_fill(nullptr, 10)}) {
         EXPECT_EQ(status, EDM_ERR_INVALID_ARGS);
     }
     EXPECT_EQ(take_traces(), "");

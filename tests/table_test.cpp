@@ -69,6 +69,18 @@ struct lookups : fixture {
     }
 };
 
+// A bridge domain that the hosting process itself has put into the tree is in no index.
+TEST_F(lookups, search_for_a_bridge_domain_that_no_index_holds)
+{
+    ASSERT_EQ(host::bridge_domain_set(4, "g:d"), 0u);
+    l2fm_edm_bd_t *bd = l2fm_edm_table_bd_alloc_and_fill(4);
+    ASSERT_NE(ordtree_insert(l2fm_edm_table_bd_get_root(), edm::to_element(bd)->bd_links), nullptr);
+    l2fm_edm_table_cnt_inc(EDM_COUNT_BD);
+    EXPECT_EQ(l2fm_edm_table_bd_get_by_bridgeid(4), bd);
+    EXPECT_EQ(feed(1, 10, 4), 0u);
+    EXPECT_EQ(l2fm_edm_table_bd_destroy(4), 0u);
+}
+
 // What the comparison with the reference table does not ask for.
 TEST_F(lookups, find_what_is_there)
 {

@@ -18,7 +18,8 @@ L2FIB_BEGIN_DECLS
 
 /*
  * Objects. A class number names a kind of object, a field number one of its values. Contexts are 8-byte handles, good
- * as long as l2fib_lock is held. The segment of a cross-connect is an object whose class is the segment's type.
+ * as long as l2fib_lock is held. A name is resolved without it: the object may be gone before its field is read, which
+ * is a status then. The segment of a cross-connect is an object whose class is the segment's type.
  */
 #define L2FIB_CLASS_BRIDGE_DOMAIN 11u
 #define L2FIB_FIELD_BD_ID 94u    /* u32 */

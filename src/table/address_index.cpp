@@ -26,8 +26,8 @@ struct by_address {
 constinit edm::growing_index<by_address> heads{};
 constinit uint64_t missing = 0;
 
-// The address that was last looked for in vain, until it is linked: whoever creates an entry has looked for its address
-// just before, and need not look again. Addresses are 48 bits wide, so `no_address` is none.
+// The address that was last looked for in vain, until the next entry is linked: whoever creates an entry has looked for
+// its address just before, and need not look again. Addresses are 48 bits wide, so `no_address` is none.
 constexpr uint64_t no_address = UINT64_MAX;
 constinit uint64_t known_absent = no_address;
 

@@ -137,6 +137,9 @@ uint32_t move(l2fm_edm_bp_t *bp, uint32_t bridge_id)
 
 uint32_t l2fm_edm_table_bp_fill(l2fm_edm_bp_t *bp, uint32_t xcid)
 {
+    if (bp == nullptr) {
+        return EDM_ERR_INVALID_ARGS;
+    }
     bp->xcid = xcid;
     const uint32_t status = edm::read_segment(bp, xcid);
     if (status != 0) {
