@@ -36,11 +36,7 @@ constexpr word_pair device_states[] = {
 
 // Members that are called otherwise there, where an entry has them.
 constexpr word_pair device_members[] = {
-    {"destination", "dst"},
-    {"udp-port", "port"},
-    {"vni", "vni"},
-    {"source-vni", "src_vni"},
-    {"next-hop-id", "nhid"},
+    {"destination", "dst"}, {"udp-port", "port"}, {"vni", "vni"}, {"source-vni", "src_vni"}, {"next-hop-id", "nhid"},
 };
 
 bool has_word(const json &words, std::string_view word)

@@ -43,10 +43,11 @@ uint32_t l2fib_get_seg1_by_seg2(uint32_t object_class, const l2fib_ctx_t *ctx, u
 
 uint32_t l2fib_access_field(uint32_t object_class, const l2fib_ctx_t *ctx, uint32_t field, void *value)
 {
+    static const char name[] = "group:first";
     const uint32_t number = 1;
     (void)ctx;
     if (object_class == L2FIB_CLASS_BRIDGE_DOMAIN && field == L2FIB_FIELD_BD_NAME) {
-        strcpy(value, "group:first");
+        memcpy(value, name, sizeof name);
     } else {
         memcpy(value, &number, sizeof number);
     }

@@ -76,43 +76,43 @@ private:
         (static_cast<feeder *>(cookie)->*Member)();
     }
 
-    void entry_touched(uint32_t entry) override;
-    void entry_affected(uint32_t entry) override;
-    void port_added(uint32_t port) override;
+    void entry_touched(uint32_t at) override;
+    void entry_affected(uint32_t at) override;
+    void port_added(uint32_t at) override;
     void port_changed(uint32_t port) override;
-    void port_going(uint32_t port) override;
+    void port_going(uint32_t at) override;
     void domain_added(uint32_t domain) override;
-    void domain_changed(uint32_t domain) override;
-    void domain_going(uint32_t domain) override;
+    void domain_changed(uint32_t at) override;
+    void domain_going(uint32_t at) override;
     void generation_ended(bool clean) override;
 
-    void recount(uint32_t entry);
+    void recount(uint32_t at);
     void count_in_bridge(copy_entry &entry, uint8_t counted_as, uint16_t bridge_id);
     std::atomic<uint32_t> &bridge_counter(uint16_t bridge_id, uint8_t counted_as);
 
-    void name_domain(uint32_t domain);
+    void name_domain(uint32_t at);
     std::string full_name(const copy_domain &domain) const;
-    void rename_domain(uint32_t domain, const std::string &name);
+    void rename_domain(uint32_t at, const std::string &wanted);
     void forget_fed(uint32_t domain);
     bool set_domain_object(uint16_t bridge_id, std::string &name);
-    void view_domain(uint32_t domain, const std::string &name);
-    void view_port(uint32_t port);
+    void view_domain(uint32_t at, const std::string &name);
+    void view_port(uint32_t at);
 
     void follow_clock();
-    void refuse(refusal reason, const std::string &note);
+    void refuse(refusal reason, const std::string &text);
     void note(const std::string &text);
 
     void expect_removal(uint32_t publication_status);
     void removal_arrived();
     void flush_later();
     void flush();
-    void settle(uint32_t entry);
-    bool is_surely_gone(uint32_t entry);
+    void settle(uint32_t at);
+    bool is_surely_gone(uint32_t at);
     void forget_dirty();
-    void feed(uint32_t entry, const l2fib_mac_edm_entry_t &descriptor);
-    void feed(uint32_t entry);
-    void withdraw(uint32_t entry);
-    bool position_is_shared(uint32_t entry) const;
+    void feed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor);
+    void feed(uint32_t at);
+    void withdraw(uint32_t at);
+    bool position_is_shared(uint32_t at) const;
 
     void serve_waiting();
     void serve(const resync_scope &scope);

@@ -278,10 +278,10 @@ std::string group_error(std::string_view group)
 
 std::string start(const options &options)
 {
-    if (const std::string error = options_error(options); !error.empty()) {
+    std::string error = options_error(options);
+    if (!error.empty()) {
         return error;
     }
-    std::string error;
     std::unique_ptr<plane> source = make_plane(options, error);
     return source != nullptr ? start_on(std::move(source), options) : error;
 }

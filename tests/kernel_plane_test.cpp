@@ -480,13 +480,17 @@ TEST_F(KernelPlane, WhatWasNotifiedBeforeItsLinkDoesNotComeBack)
     EXPECT_EQ(told(live.copy), truth(live.copy));
 }
 
+void add_bridge_that_floods(const std::string &number)
+{
+    run("link add br" + number + " type bridge\nlink add vx" + number + " up master br" + number
+        + " type vxlan dstport 4789 id " + number + "\nfdb append 00:00:00:00:00:00 dev vx" + number + " dst 10.0.0.1");
+}
+
 // A VXLAN device whose entries were to be dumped with those of its bridge.
 TEST_F(KernelPlane, ABridgeThatGoesBeforeItsDumpTakesNothingAlong)
 {
-    for (const std::string number : {"1", "2", "3"}) {
-        run("link add br" + number + " type bridge\nlink add vx" + number + " up master br" + number
-            + " type vxlan dstport 4789 id " + number + "\nfdb append 00:00:00:00:00:00 dev vx" + number
-            + " dst 10.0.0.1");
+    for (const char *number : {"1", "2", "3"}) {
+        add_bridge_that_floods(number);
     }
     run("link add br9 type bridge\nlink set p0 master br9"); // the newest comes first
     run_fdb("add", 0, 8000);

@@ -297,8 +297,9 @@ void retire_some(growing_index<Traits> &index)
 }
 
 // Sees to it that the current table has a free slot; false when it would need a larger table and there is no memory. A
-// fuller one than three quarters would not do instead: after some removals, records that are not there are looked for
-// in all of it. A table is retired long before the next one, twice as large, is full.
+// fuller one than two thirds would not do instead: the more removals it has seen, the further it is searched for what
+// is not there, three buckets at two thirds, eight at three quarters, all of them when it is full. A table is retired
+// long before the next one, twice as large, is full.
 template <typename Traits>
 bool make_room(growing_index<Traits> &index)
 {
@@ -313,7 +314,7 @@ bool make_room(growing_index<Traits> &index)
         index.secret = make_secret(&index);
     }
     const uint64_t slots = bucket_count(index.current) * bucket_slots;
-    if (index.current.used < slots / 4 * 3) {
+    if (index.current.used < slots / 3 * 2) {
         return true;
     }
     const bucket_table next = map_table(slots == 0 ? first_bucket_count : bucket_count(index.current) * 2);
