@@ -270,6 +270,12 @@ void write_mac_count(json_writer &json, std::span<const uint8_t> record, bool wi
     json.end_object();
 }
 
+uint64_t entries_counted(std::span<const uint8_t> record)
+{
+    const record_fields fields(record);
+    return fields.number("mac_cnt_sum") + fields.number("mac_cnt_f4") + fields.number("mac_cnt_f60");
+}
+
 void write_domain(json_writer &json, const forwarding::domain_view &domain)
 {
     json.begin_object();

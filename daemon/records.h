@@ -46,6 +46,9 @@ void write_vtep_item(json_writer &json, const host::operational_item &item, port
 // `with_own` for the whole table's, which alone counts the bridges' own.
 void write_mac_count(json_writer &json, std::span<const uint8_t> record, bool with_own);
 
+// How many entries a record of counts stands for, or somewhat more.
+uint64_t entries_counted(std::span<const uint8_t> record);
+
 void write_domain(json_writer &json, const forwarding::domain_view &domain);
 void write_port(json_writer &json, const forwarding::port_view &port);
 void write_tunnel_entry(json_writer &json, const forwarding::tunnel_entry &entry);

@@ -128,10 +128,10 @@ std::string restart_of(const call &asked)
     return uri;
 }
 
-answer stream(const call &asked, std::string_view name, std::unique_ptr<list_source> source)
+answer stream(std::string_view name, std::unique_ptr<list_source> source, uint64_t limit)
 {
     answer result;
-    auto rest = std::make_unique<list_stream>(name, std::move(source), limit_of(asked));
+    auto rest = std::make_unique<list_stream>(name, std::move(source), limit);
     rest->write_next(result.body);
     if (!rest->finished()) {
         result.rest = std::move(rest);
@@ -139,11 +139,21 @@ answer stream(const call &asked, std::string_view name, std::unique_ptr<list_sou
     return result;
 }
 
-answer stream_from_database(const call &asked, std::string_view name, database_list list)
+answer stream(const call &asked, std::string_view name, std::unique_ptr<list_source> source)
+{
+    return stream(name, std::move(source), limit_of(asked));
+}
+
+std::unique_ptr<list_source> source_in_database(const call &asked, database_list list)
 {
     list.cursor = start_of(asked);
     list.restart = restart_of(asked);
-    return stream(asked, name, make_database_source(std::move(list)));
+    return make_database_source(std::move(list));
+}
+
+answer stream_from_database(const call &asked, std::string_view name, database_list list)
+{
+    return stream(asked, name, source_in_database(asked, std::move(list)));
 }
 
 bool is_flagged(const call &asked)
@@ -195,9 +205,13 @@ answer list_port_entries(const call &asked)
                                 {.path = path, .order = list_order::by_port, .domain = port.domain});
 }
 
+// New entries come behind all others, so that an answer might never end while more of them come than are told. It ends,
+// therefore, after as many as there are now; the page more is for what the counts leave out.
 answer list_by_age(const call &asked)
 {
-    return stream_from_database(asked, "mac-entry", {.path = "mac-aging", .order = list_order::by_age});
+    const host::operational_page counts = get_record("mac-count", not_found("mac-aging: the table has no counts"));
+    const uint64_t limit = std::min(limit_of(asked), entries_counted(counts.items[0].data) + page_items);
+    return stream("mac-entry", source_in_database(asked, {.path = "mac-aging", .order = list_order::by_age}), limit);
 }
 
 answer list_vteps(const call &asked)

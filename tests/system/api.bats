@@ -216,7 +216,8 @@ END
     [[ -z ${L2FIB_SANITIZED-} ]] || rounds=4 # each takes many times as long
     for ((; rounds > 0; rounds--)); do
         list=$( ((rounds % 2)) && echo mac-table || echo mac-aging)
-        shown=$(curl --silent --fail --unix-socket "$socket" "http://l2fibd$D$list/mac-entry" | jq '.[] | length')
+        shown=$(curl --silent --fail --unix-socket "$socket" "http://l2fibd$D$list/mac-entry" |
+            jq '."l2fib-mac:mac-entry" | length')
         counted=$(curl --silent --unix-socket "$socket" "http://l2fibd${D}mac-count" | jq '.[].total')
         ((shown > counted * 9 / 10)) || { echo "$list: $shown of $counted" && return 1; }
     done
