@@ -286,7 +286,8 @@ using item_form = std::function<json(json &item)>;
 bool print_part(session &with, const plan &from, const part &one, const item_form &made_of, printer &to)
 {
     const uint64_t limit = with.how.limit.value_or(UINT64_MAX);
-    const bool daemon_limits = limit <= most_per_request && from.filter.empty() && from.what->shown_as == layout::table
+    const bool prints_all = from.filter.empty() && with.how.shown_as != form::bridge_json;
+    const bool daemon_limits = limit <= most_per_request && prints_all && from.what->shown_as == layout::table
                                && from.what != &mac_counts && one.path.find("mac-entry=") == std::string::npos;
     const std::string path = with_parameter(one.path, "limit", daemon_limits ? std::to_string(limit) : "");
     return for_each_item(with, path, from.what->name, [&](json &item) {

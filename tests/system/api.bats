@@ -3,6 +3,8 @@
 
 D=/restconf/data/l2fib-mac:
 
+load daemon
+
 setup_file()
 {
     export L2FIBD=${L2FIBD:-$BATS_TEST_DIRNAME/../../build/test/bin/l2fibd}
@@ -14,19 +16,6 @@ setup_file()
 teardown_file()
 {
     kill "$DAEMON" 2>/dev/null || true
-}
-
-# start_daemon SOCKET OPTION...: returns when it serves; $! is the process.
-start_daemon()
-{
-    local -r socket=$1
-    shift
-    "$L2FIBD" --socket "$socket" "$@" 2>"$socket.log" 3>&- &
-    local -r pid=$!
-    until curl --silent --output /dev/null --unix-socket "$socket" "http://l2fibd${D}health"; do
-        kill -0 "$pid" || { cat "$socket.log" && return 1; }
-        sleep 0.05
-    done
 }
 
 # get URI [CURL_OPTION...]: the body, then the status in a line of its own.

@@ -1,18 +1,15 @@
 #!/usr/bin/env bats
 # l2fibctl against l2fibd on a generated fabric. L2FIBD and L2FIBCTL name the programs.
 
+load daemon
+
 setup_file()
 {
     local -r bin=$BATS_TEST_DIRNAME/../../build/test/bin
     export L2FIBD=${L2FIBD:-$bin/l2fibd} L2FIBCTL=${L2FIBCTL:-$bin/l2fibctl}
     export L2FIBD_SOCKET=$BATS_FILE_TMPDIR/cli.sock
-    "$L2FIBD" --socket "$L2FIBD_SOCKET" --group lab --generate bridges=4,ports=6,macs=20000,vteps=8,churn=0/s,seed=3 \
-        2>"$BATS_FILE_TMPDIR/log" 3>&- &
+    start_daemon "$L2FIBD_SOCKET" --group lab --generate bridges=4,ports=6,macs=20000,vteps=8,churn=0/s,seed=3
     export DAEMON=$!
-    until "$L2FIBCTL" show health >/dev/null 2>&1; do
-        kill -0 "$DAEMON" || { cat "$BATS_FILE_TMPDIR/log" && return 1; }
-        sleep 0.05
-    done
 }
 
 teardown_file()
@@ -102,9 +99,8 @@ END
 
 @test "a recorded table comes out as it went in" {
     local -r recorded=$BATS_TEST_DIRNAME/../../examples/recorded/tunnels socket=$BATS_TEST_TMPDIR/recorded.sock
-    "$L2FIBD" --socket "$socket" --recorded "$recorded" 2>/dev/null 3>&- &
+    start_daemon "$socket" --recorded "$recorded"
     recorded_daemon=$!
-    until ctl --socket "$socket" show health >/dev/null 2>&1; do sleep 0.05; done
     ctl --socket "$socket" show mac --bridge-json | jq --sort-keys 'sort' >"$BATS_TEST_TMPDIR/shown"
     # But for receive filters, and the times, which pass.
     jq --sort-keys 'map(select(.master or .dst or .nhid) | del(.used, .updated)) | sort' "$recorded/fdb.json" |

@@ -4,6 +4,8 @@
 
 bats_require_minimum_version 1.5.0
 
+load daemon
+
 setup_file()
 {
     [[ $EUID -eq 0 ]] || skip "needs root, to make network namespaces"
@@ -13,12 +15,8 @@ setup_file()
     export L2FIBD=${L2FIBD:-$bin/l2fibd} L2FIBCTL=${L2FIBCTL:-$bin/l2fibctl}
     export L2FIBD_SOCKET=$BATS_FILE_TMPDIR/kernel.sock
     make_fabric
-    "$L2FIBD" --plane kernel --netns "$leaf1" --group leaf1 --socket "$L2FIBD_SOCKET" 2>"$BATS_FILE_TMPDIR/log" 3>&- &
+    start_daemon "$L2FIBD_SOCKET" --plane kernel --netns "$leaf1" --group leaf1
     export DAEMON=$!
-    until "$L2FIBCTL" show health >/dev/null 2>&1; do
-        kill -0 "$DAEMON" || { cat "$BATS_FILE_TMPDIR/log" && return 1; }
-        sleep 0.05
-    done
 }
 
 teardown_file()
@@ -28,7 +26,7 @@ teardown_file()
         kill -CONT "$DAEMON"
         kill -TERM "$DAEMON"
         wait "$DAEMON" || status=1
-        grep -q 'ended; released' "$BATS_FILE_TMPDIR/log" || status=1
+        grep -q 'ended; released' "$L2FIBD_SOCKET.log" || status=1
     fi
     declare -F remove_fabric >/dev/null || source "$BATS_TEST_DIRNAME/../../scripts/namespaces.sh"
     remove_fabric
