@@ -49,6 +49,7 @@ struct link_record {
     uint32_t vni = 0;        // a VXLAN device that is not external
     bool up = false;
     mac_address address = {};
+    uint32_t ageing_ms = 0; // a bridge: how long a learned entry stays without being seen; 0: not known
 
     bool operator==(const link_record &) const = default;
 };
@@ -140,8 +141,17 @@ public:
 
     // New, changed, moved to another port, or told again.
     virtual void fdb_changed(const fdb_record &record) = 0;
+    // As fdb_changed, for an entry that a listing found and that no change told about: when the sink does not know it
+    // so, a change was missed.
+    virtual void fdb_listed(const fdb_record &record) { fdb_changed(record); }
     // The key and the port count: an entry that is known on another port has moved there and stays.
     virtual void fdb_gone(const fdb_record &record) = 0;
+    // A next-hop object was deleted. The entries that deliver to it may have gone with it, without a fdb_gone.
+    virtual void next_hop_gone(uint32_t /*id*/) {}
+
+    // The plane lost `count` changes (0: it cannot tell how many) and is degraded until a generation has ended clean.
+    // Called once the plane receives again, before anything that happened after the loss.
+    virtual void changes_lost(uint64_t /*count*/) {}
 
     virtual void generation_begun() = 0;
     virtual void generation_complete(bool clean) = 0;
@@ -162,6 +172,8 @@ struct plane_health {
     bool clean = false;      // the last generation was, and nothing has been lost since
     uint64_t generation = 0; // how many have begun
     uint64_t overruns = 0;
+    uint64_t lost = 0;             // changes that were lost in all overruns, as far as the plane can tell
+    int64_t last_overrun_time = 0; // seconds since the epoch; 0: there was none
     uint64_t events = 0;        // changes received, those of listings included
     uint64_t refused = 0;       // messages that were malformed, or not the plane's
     uint64_t dumps_clean = 0;   // parts of listings that were read undisturbed
@@ -193,6 +205,10 @@ public:
 
     // Whether entries are seen as a source without a change being told, so that ages have to be asked for.
     virtual bool ages_silently() const { return false; }
+
+    // The sink has found that its copy is not what the plane holds, or a requester waits for a degraded plane: the plane
+    // is degraded from now on and begins a generation as soon as it may. On the manager's thread.
+    virtual void list_again() {}
 
     // Any thread.
     virtual plane_health health() const = 0;
