@@ -173,6 +173,7 @@ void feeder::entry_touched(uint32_t at)
     const bool has_flipped = entry.touched_ms != 0 && entry.touched_alive != entry.alive;
     entry.contested |= has_flipped && plane_.ages_silently() && now - entry.touched_ms <= contest_time_ms;
     entry.touched_alive = entry.alive;
+    entry.surely_gone &= !entry.alive;
     entry.touched_ms = now;
     merged_ += entry.dirty ? 1 : 0;
     entry_affected(at);

@@ -247,6 +247,7 @@ private:
     bool is_questionable(uint32_t at) const;
     void ask_about_slice(size_t end);
     void take_answer(uint32_t at, const fdb_answer &answer);
+    void remove_surely(uint32_t at);
     void doubt(uint32_t at);
     void doubt_later();
     void resolve_doubts();

@@ -144,7 +144,7 @@ size_t feeder::take_ages(std::span<const fdb_key> keys, std::span<const fdb_answ
         const bool is_known = slot != no_slot && copy_.entries[slot].alive;
         const fdb_answer &answer = answers[at];
         if (answer.presence == fdb_presence::absent && is_known) {
-            copy_.remove(slot);
+            remove_surely(slot);
             ++changed;
         } else if (answer.presence == fdb_presence::present && copy_.find_link(answer.record.ifindex) != nullptr) {
             const bool is_as_known = is_known && copy_.entries[slot].record.updated_ms == answer.record.updated_ms;

@@ -30,7 +30,8 @@ std::string plural(uint64_t count, const char *what)
 bool feeder::is_questionable(uint32_t at) const
 {
     const copy_entry &entry = copy_.entries[at];
-    const bool may_be_back = !entry.alive && entry.fed_xcid != 0 && state() == completeness::degraded;
+    const bool may_be_back =
+        !entry.alive && !entry.surely_gone && entry.fed_xcid != 0 && state() == completeness::degraded;
     return entry.contested || may_be_back;
 }
 
@@ -64,7 +65,7 @@ void feeder::take_answer(uint32_t at, const fdb_answer &answer)
     copy_entry &entry = copy_.entries[at];
     if (answer.presence == fdb_presence::absent) {
         if (entry.alive) {
-            copy_.remove(at);
+            remove_surely(at);
         }
         return;
     }
@@ -78,6 +79,14 @@ void feeder::take_answer(uint32_t at, const fdb_answer &answer)
         entry.generation = generation;
     }
     entry.contested = false;
+}
+
+// Nobody asks about it again before it is settled.
+void feeder::remove_surely(uint32_t at)
+{
+    copy_.remove(at);
+    copy_.entries[at].surely_gone = true;
+    copy_.entries[at].contested = false;
 }
 
 // ---- The queue of doubtful entries ----
@@ -170,7 +179,7 @@ void feeder::resolve(uint32_t at, const fdb_answer &answer)
     if (answer.presence == fdb_presence::absent || (cannot_tell && is_told_by_listing)) {
         listed_stale_ += is_proving_ ? 1 : 0;
         stale_in_proof_ += is_proving_ ? 1 : 0;
-        copy_.remove(at);
+        remove_surely(at);
     } else if (cannot_tell) {
         begin_doubt();
         copy_.entries[at].doubtful = true;
