@@ -98,9 +98,9 @@ typedef struct l2fm_edm_mac {
     uint16_t ext_attr;
     uint16_t ext_flags;
     uint32_t aux_value; /* nothing writes it: 0 */
-    /* The table's own: the entries of one address, whatever their port. The low bits of the second word remember how
-     * the entry was counted, so that it can be uncounted the same way. */
-    struct l2fm_edm_mac *same_addr_next;
+    /* The table's own: pointers that chain the entries of one address, whatever their port. Their low bits remember
+     * whether and how the entry was counted, so that it can be uncounted the same way. */
+    uintptr_t same_addr_next;
     uintptr_t same_addr_prev;
 } l2fm_edm_mac_t;
 

@@ -4,6 +4,7 @@
 // table's shape: the whole table as text, which has the order of all walks, and the audit.
 #include <sys/mman.h>
 
+#include "table/element.h"
 #include "tests/support/interpose.h"
 #include "tests/support/reference_table.h"
 #include "tests/support/table_audit.h"
@@ -155,6 +156,138 @@ private:
         EXPECT_EQ(l2fm_edm_table_vtep_get_by_bridgeid_vtep(id, vtep_address(address).data()) != nullptr, has_vtep);
     }
 };
+
+// ---- What the hosting process changes by itself ----
+
+using edm::to_element;
+
+// The lookups as the trees answer them.
+
+l2fm_edm_bd_t *tree_bd(uint32_t id)
+{
+    l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_first_by_bridgeid();
+    while (bd != nullptr && bd->bridge_id != id) {
+        bd = l2fm_edm_table_bd_get_next_by_bridgeid(bd);
+    }
+    return bd;
+}
+
+l2fm_edm_bp_t *tree_bp(uint32_t xcid)
+{
+    l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_first();
+    while (bp != nullptr && bp->xcid != xcid) {
+        bp = l2fm_edm_table_bp_get_next(bp);
+    }
+    return bp;
+}
+
+l2fm_edm_mac_t *tree_mac(const l2fm_edm_bd_t *bd, const uint8_t *address)
+{
+    l2fm_edm_mac_t *mac = nullptr;
+    l2fm_edm_bp_t *bp = l2fm_edm_table_bd_bp_get_first(bd);
+    for (; bp != nullptr && mac == nullptr; bp = l2fm_edm_table_bd_bp_get_next(bd, bp)) {
+        mac = l2fm_edm_table_bp_mac_get(&bp->mac_tree, address);
+    }
+    return mac;
+}
+
+void compare_lookups_with_trees(l2fm_edm_bp_t *reported)
+{
+    for (const uint32_t xcid : xcids) {
+        EXPECT_EQ(l2fm_edm_table_bp_get_by_xcid(xcid), tree_bp(xcid));
+    }
+    for (uint32_t id = 1; id <= 3; id++) {
+        const l2fm_edm_bd_t *bd = tree_bd(id);
+        EXPECT_EQ(l2fm_edm_table_bd_get_by_bridgeid(id), bd);
+        for (uint32_t address = 1; bd != nullptr && address <= small.addresses; address++) {
+            const l2fib_mac_edm_entry_t fed = entry(address, reported->xcid, id);
+            l2fm_edm_mac_t *found = tree_mac(bd, fed.mac_addr);
+            EXPECT_EQ(l2fm_edm_table_mac_get_by_bridgeid_mac(id, fed.mac_addr), found);
+            EXPECT_EQ(l2fm_edm_table_mac_get_by_bdname_mac(bd->bd_name, fed.mac_addr), found);
+            l2fm_edm_mac_t *own = l2fm_edm_table_bp_mac_get(&reported->mac_tree, fed.mac_addr);
+            EXPECT_EQ(l2fm_edm_table_mac_lookup(&fed, bd, reported), own != nullptr ? own : found);
+        }
+    }
+}
+
+using undo = std::function<void()>;
+
+// Moves a node to another tree, or takes it off if there is none.
+undo move_node(ordtree_t *from, ordtree_t *to, ordtree_link_t *node)
+{
+    ordtree_delete(from, node);
+    const bool is_moved = to != nullptr && ordtree_insert(to, node) != nullptr;
+    return [=] {
+        ordtree_delete(is_moved ? to : nullptr, node);
+        ordtree_insert(from, node);
+    };
+}
+
+constexpr uint32_t kinds_of_change = 10;
+
+undo change_by_host(uint32_t kind, l2fm_edm_mac_t *mac, l2fm_edm_bp_t *other_bp, l2fm_edm_bd_t *other_bd)
+{
+    l2fm_edm_bp_t *bp = mac->bp;
+    l2fm_edm_bd_t *bd = bp->bd;
+    switch (kind) {
+    case 0: l2fm_edm_table_mac_set_bp(mac, other_bp); return [=] { l2fm_edm_table_mac_set_bp(mac, bp); };
+    case 1: l2fm_edm_table_mac_unset_bp(mac); return [=] { l2fm_edm_table_mac_set_bp(mac, bp); };
+    case 2: l2fm_edm_table_bp_set_bd(bp, other_bd); return [=] { l2fm_edm_table_bp_set_bd(bp, bd); };
+    case 3: l2fm_edm_table_bp_unset_bd(bp); return [=] { l2fm_edm_table_bp_set_bd(bp, bd); };
+    case 4: return move_node(&bp->mac_tree, nullptr, &to_element(mac)->mac_link);
+    case 5: return move_node(&bp->mac_tree, &other_bp->mac_tree, &to_element(mac)->mac_link);
+    case 6: return move_node(&bd->bp_tree, nullptr, &to_element(bp)->bd_bp_link);
+    case 7: return move_node(&bd->bp_tree, &other_bd->bp_tree, &to_element(bp)->bd_bp_link);
+    case 8: return move_node(l2fm_edm_table_bp_get_root(), nullptr, &to_element(bp)->bp_link);
+    default: return move_node(l2fm_edm_table_bd_get_root(), nullptr, to_element(bd)->bd_links);
+    }
+}
+
+// Each step is a new table, a few operations, one change by the hosting process, its reversal, and more operations.
+class tables_changed_by_host {
+public:
+    explicit tables_changed_by_host(uint64_t seed)
+        : random(seed)
+    {}
+
+    void step(uint64_t)
+    {
+        pair_of_tables<small> both(random());
+        const auto operate = [&both] {
+            for (uint64_t count = 1; count <= 60; count++) {
+                both.step(count);
+            }
+        };
+        operate();
+        change_something();
+        operate();
+    }
+
+private:
+    std::mt19937_64 random;
+
+    void change_something()
+    {
+        const auto chosen = static_cast<uint32_t>(random());
+        l2fm_edm_bp_t *bp = tree_bp(xcids[chosen % std::size(xcids)]);
+        l2fm_edm_bp_t *other_bp = tree_bp(xcids[chosen / 8 % std::size(xcids)]);
+        l2fm_edm_bd_t *other_bd = tree_bd(1 + chosen / 64 % 3);
+        l2fm_edm_mac_t *mac = l2fm_edm_table_bp_mac_get_first(bp);
+        if (mac == nullptr || bp->bd == nullptr || other_bp == nullptr || other_bd == nullptr) {
+            return;
+        }
+        const undo reverse = change_by_host(static_cast<uint32_t>(random() % kinds_of_change), mac, other_bp, other_bd);
+        compare_lookups_with_trees(other_bp);
+        reverse();
+        compare_lookups_with_trees(other_bp);
+    }
+};
+
+TEST(model, answers_what_the_trees_hold_after_changes_by_the_hosting_process)
+{
+    run_seeds<tables_changed_by_host>(1, 1000);
+}
+
 TEST(model, agrees_with_small_tables)
 {
     run_seeds<pair_of_tables<small>>(5, 200000);
