@@ -371,6 +371,50 @@ TEST_F(operational_db, a_visitor_may_stop_and_a_later_page_may_fail)
     EXPECT_EQ(visits, 2u);
 }
 
+// Two items of a list have one name; a list is continued after the first of them.
+TEST_F(operational_db, a_read_that_goes_round_ends_but_not_because_the_table_changes)
+{
+    constexpr uint32_t never = UINT32_MAX;
+    constexpr uint32_t total = 450;
+    const struct {
+        uint32_t page_size, first, second;
+        uint32_t moves; // how many times a continuation finds the name on the first item only
+        uint32_t status;
+    } cases[] = {
+        {200, 199, 399, never, ELOOP}, {1, 3, 7, never, ELOOP}, {1, 300, 301, never, ELOOP}, {7, 13, 433, never, ELOOP},
+        {200, 199, 398, never, 0},     {1, 3, 7, 2, 0},         {200, 199, 399, 9, 0},
+    };
+    for (const auto &[page_size, first, second, moves, status] : cases) {
+        const std::string twin = item_name(first);
+        uint32_t left = moves;
+        script::current().on_list = [&, page_size = page_size, first = first, second = second](edm_list_req_t &request,
+                                                                                               optree_list_t *reply) {
+            uint32_t at = 0;
+            static uint32_t last; // where the page before ended
+            if ((request.flags & EDM_LIST_KEY_GIVEN) != 0) {
+                at = last + 1;
+                if (last == second && left != 0) {
+                    left -= left != never ? 1 : 0;
+                    at = first + 1;
+                }
+            }
+            for (uint32_t added = 0; added < page_size && at < total; added++, at++) {
+                const std::string name = at == second ? twin : item_name(at);
+                EXPECT_EQ(optree_edm_list_add(reply, name.c_str(), EDM_DATA_TYPE_PARCEL, 0), 0u);
+            }
+            last = at - 1;
+            EXPECT_EQ(at < total ? optree_edm_list_set_more_flag(reply) : 0u, 0u);
+            return hand_back(request, reply);
+        };
+        uint32_t pages = 0;
+        const auto outcome = host::operational_read({.path = "mac-table", .kind = list},
+                                                    [&](const operational_page &) { return ++pages < 5000; });
+        EXPECT_EQ(outcome.status, status) << page_size << " " << first << " " << second;
+        EXPECT_EQ(outcome.text.starts_with("mac-table: the answer is not whole"), status != 0) << outcome.text;
+        EXPECT_LT(pages, 5000u);
+    }
+}
+
 // ---- What handlers do wrong ----
 
 TEST_F(operational_db, lists_check_their_arguments_and_their_owner)
