@@ -161,53 +161,40 @@ private:
 
 using edm::to_element;
 
-// The lookups as the trees answer them.
-
-l2fm_edm_bd_t *tree_bd(uint32_t id)
+// The first record from `at` on for which `is` holds.
+template <typename Record, typename Next, typename Is>
+Record *search(Record *at, Next next, Is is)
 {
-    l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_first_by_bridgeid();
-    while (bd != nullptr && bd->bridge_id != id) {
-        bd = l2fm_edm_table_bd_get_next_by_bridgeid(bd);
+    while (at != nullptr && !is(at)) {
+        at = next(at);
     }
-    return bd;
+    return at;
 }
 
 l2fm_edm_bp_t *tree_bp(uint32_t xcid)
 {
-    l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_first();
-    while (bp != nullptr && bp->xcid != xcid) {
-        bp = l2fm_edm_table_bp_get_next(bp);
-    }
-    return bp;
+    return search(l2fm_edm_table_bp_get_first(), l2fm_edm_table_bp_get_next,
+                  [=](auto *bp) { return bp->xcid == xcid; });
 }
 
-l2fm_edm_mac_t *tree_mac(const l2fm_edm_bd_t *bd, const uint8_t *address)
+l2fm_edm_bd_t *tree_bd(uint32_t id)
 {
-    l2fm_edm_mac_t *mac = nullptr;
-    l2fm_edm_bp_t *bp = l2fm_edm_table_bd_bp_get_first(bd);
-    for (; bp != nullptr && mac == nullptr; bp = l2fm_edm_table_bd_bp_get_next(bd, bp)) {
-        mac = l2fm_edm_table_bp_mac_get(&bp->mac_tree, address);
-    }
-    return mac;
+    return search(l2fm_edm_table_bd_get_first_by_bridgeid(), l2fm_edm_table_bd_get_next_by_bridgeid,
+                  [=](auto *bd) { return bd->bridge_id == id; });
 }
 
-void compare_lookups_with_trees(l2fm_edm_bp_t *reported)
+// Lookups, against what walks through the trees find.
+void compare_with_trees(l2fm_edm_bp_t *reported, const l2fm_edm_bd_t *bd, uint32_t address)
 {
-    for (const uint32_t xcid : xcids) {
-        EXPECT_EQ(l2fm_edm_table_bp_get_by_xcid(xcid), tree_bp(xcid));
-    }
-    for (uint32_t id = 1; id <= 3; id++) {
-        const l2fm_edm_bd_t *bd = tree_bd(id);
-        EXPECT_EQ(l2fm_edm_table_bd_get_by_bridgeid(id), bd);
-        for (uint32_t address = 1; bd != nullptr && address <= small.addresses; address++) {
-            const l2fib_mac_edm_entry_t fed = entry(address, reported->xcid, id);
-            l2fm_edm_mac_t *found = tree_mac(bd, fed.mac_addr);
-            EXPECT_EQ(l2fm_edm_table_mac_get_by_bridgeid_mac(id, fed.mac_addr), found);
-            EXPECT_EQ(l2fm_edm_table_mac_get_by_bdname_mac(bd->bd_name, fed.mac_addr), found);
-            l2fm_edm_mac_t *own = l2fm_edm_table_bp_mac_get(&reported->mac_tree, fed.mac_addr);
-            EXPECT_EQ(l2fm_edm_table_mac_lookup(&fed, bd, reported), own != nullptr ? own : found);
-        }
-    }
+    const l2fib_mac_edm_entry_t fed = entry(address, reported->xcid, bd->bridge_id);
+    const auto mac_on = [&fed](auto *bp) { return l2fm_edm_table_bp_mac_get(&bp->mac_tree, fed.mac_addr); };
+    const auto next_of_bd = [bd](auto *bp) { return l2fm_edm_table_bd_bp_get_next(bd, bp); };
+    const l2fm_edm_bp_t *bp = search(l2fm_edm_table_bd_bp_get_first(bd), next_of_bd, mac_on);
+    const l2fm_edm_mac_t *found = bp == nullptr ? nullptr : mac_on(bp);
+    EXPECT_EQ(l2fm_edm_table_bd_mac_get(bd, fed.mac_addr), found);
+    const l2fm_edm_mac_t *by_id = tree_bd(bd->bridge_id) == nullptr ? nullptr : found;
+    EXPECT_EQ(l2fm_edm_table_mac_get_by_bridgeid_mac(bd->bridge_id, fed.mac_addr), by_id);
+    EXPECT_EQ(l2fm_edm_table_mac_lookup(&fed, bd, reported), mac_on(reported) != nullptr ? mac_on(reported) : by_id);
 }
 
 using undo = std::function<void()>;
@@ -243,43 +230,47 @@ undo change_by_host(uint32_t kind, l2fm_edm_mac_t *mac, l2fm_edm_bp_t *other_bp,
     }
 }
 
-// Each step is a new table, a few operations, one change by the hosting process, its reversal, and more operations.
-class tables_changed_by_host {
-public:
+// Each step is a new table, operations, one change by the hosting process, its reversal, and operations.
+struct tables_changed_by_host {
     explicit tables_changed_by_host(uint64_t seed)
         : random(seed)
     {}
 
+    std::mt19937_64 random;
+
+    uint32_t below(uint32_t bound) { return static_cast<uint32_t>(random() % bound); }
+
     void step(uint64_t)
     {
         pair_of_tables<small> both(random());
-        const auto operate = [&both] {
+        for (const bool is_changed : {false, true}) {
             for (uint64_t count = 1; count <= 60; count++) {
                 both.step(count);
             }
-        };
-        operate();
-        change_something();
-        operate();
+            if (!is_changed) {
+                change_and_undo();
+            }
+        }
     }
 
-private:
-    std::mt19937_64 random;
-
-    void change_something()
+    void change_and_undo()
     {
-        const auto chosen = static_cast<uint32_t>(random());
-        l2fm_edm_bp_t *bp = tree_bp(xcids[chosen % std::size(xcids)]);
-        l2fm_edm_bp_t *other_bp = tree_bp(xcids[chosen / 8 % std::size(xcids)]);
-        l2fm_edm_bd_t *other_bd = tree_bd(1 + chosen / 64 % 3);
+        l2fm_edm_bp_t *bp = tree_bp(xcids[below(7)]);
+        l2fm_edm_bp_t *other_bp = tree_bp(xcids[below(7)]);
+        l2fm_edm_bd_t *other_bd = tree_bd(1 + below(3));
         l2fm_edm_mac_t *mac = l2fm_edm_table_bp_mac_get_first(bp);
         if (mac == nullptr || bp->bd == nullptr || other_bp == nullptr || other_bd == nullptr) {
             return;
         }
-        const undo reverse = change_by_host(static_cast<uint32_t>(random() % kinds_of_change), mac, other_bp, other_bd);
-        compare_lookups_with_trees(other_bp);
+        const l2fm_edm_bd_t *const bds[] = {bp->bd, other_bd};
+        const undo reverse = change_by_host(below(kinds_of_change), mac, other_bp, other_bd);
+        for (uint32_t address = 1; address <= small.addresses; address++) {
+            compare_with_trees(other_bp, bds[0], address);
+            compare_with_trees(other_bp, bds[1], address);
+        }
+        EXPECT_EQ(l2fm_edm_table_bp_get_by_xcid(bp->xcid), tree_bp(bp->xcid));
+        EXPECT_EQ(l2fm_edm_table_bd_get_by_bridgeid(bds[0]->bridge_id), tree_bd(bds[0]->bridge_id));
         reverse();
-        compare_lookups_with_trees(other_bp);
     }
 };
 

@@ -69,18 +69,6 @@ struct lookups : fixture {
     }
 };
 
-// A bridge domain that the hosting process itself has put into the tree is in no index.
-TEST_F(lookups, search_for_a_bridge_domain_that_no_index_holds)
-{
-    ASSERT_EQ(host::bridge_domain_set(4, "g:d"), 0u);
-    l2fm_edm_bd_t *bd = l2fm_edm_table_bd_alloc_and_fill(4);
-    ASSERT_NE(ordtree_insert(l2fm_edm_table_bd_get_root(), edm::to_element(bd)->bd_links), nullptr);
-    l2fm_edm_table_cnt_inc(EDM_COUNT_BD);
-    EXPECT_EQ(l2fm_edm_table_bd_get_by_bridgeid(4), bd);
-    EXPECT_EQ(feed(1, 10, 4), 0u);
-    EXPECT_EQ(l2fm_edm_table_bd_destroy(4), 0u);
-}
-
 TEST_F(lookups, find_an_entry_that_the_hosting_process_put_into_a_tree)
 {
     const auto fed = entry(2, 10, 1); // address 2 is on port 20
