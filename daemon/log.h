@@ -32,6 +32,10 @@ void log_stop();
 
 void log(log_level level, std::string_view line) noexcept;
 
+// Logs now how many lines were repeated or dropped, so that the line after it can be the last one. Any thread may call
+// it.
+void log_report_held_back();
+
 // Lines lost since the process began.
 uint64_t log_lines_dropped();
 

@@ -46,10 +46,9 @@ std::vector<log_line> log_limit::take_reports(time now, bool all)
 {
     close_windows(now, all);
     if (dropped_unreported_ != 0 && (all || report_drops_at_ <= now)) {
-        reports_.push_back(
-            {log_level::warning, "dropped " + std::to_string(dropped_unreported_)
-                                     + " lines of the log: standard error took them too slowly, or more than "
-                                     + std::to_string(lines_a_second) + " a second came"});
+        reports_.push_back({log_level::warning, "log lines dropped: " + std::to_string(dropped_unreported_)
+                                                    + "; standard error took them too slowly, or more than "
+                                                    + std::to_string(lines_a_second) + " a second came"});
         dropped_unreported_ = 0;
     }
     return std::exchange(reports_, {});

@@ -47,6 +47,7 @@ int failed(const std::string &text)
 int end_forwarding()
 {
     const forwarding::release_report report = forwarding::stop();
+    l2fibd::log_report_held_back();
     log(report.orderly ? log_level::info : log_level::error, report.text);
     return report.orderly ? EXIT_SUCCESS : EXIT_FAILURE;
 }
