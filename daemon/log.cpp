@@ -227,14 +227,14 @@ void log_stop()
     }
 }
 
-void log(log_level level, std::string_view text) noexcept
+void log(log_level level, std::string_view line) noexcept
 {
     if (level > threshold) {
         return;
     }
     try {
-        const log_line line{level, visible(text)};
-        if (!enqueue(line) && !write_out(formatted(line), clock::now() + patience)) {
+        const log_line shown{level, visible(line)};
+        if (!enqueue(shown) && !write_out(formatted(shown), clock::now() + patience)) {
             count_lost();
         }
     } catch (const std::bad_alloc &) {

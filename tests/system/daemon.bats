@@ -98,7 +98,7 @@ end_daemon()
 }
 
 @test "a log that nobody reads holds up nothing, and says later what is missing" {
-    local -r lines=$directory/lines long=$(printf 'x%.0s' {1..4000})
+    local -r printed=$directory/lines long=$(printf 'x%.0s' {1..4000})
     mkfifo "$SOCKET.log"
     exec 8<>"$SOCKET.log"
     start --log-level debug
@@ -106,8 +106,8 @@ end_daemon()
         get "nothing-[1-100]$long" --output /dev/null
     done
     health '.log."lines-dropped" | tonumber > 50'
-    timeout 3 cat <&8 >"$lines" || true
-    [[ $(tail --lines=1 "$lines") =~ ^"l2fibd: warning: log lines dropped: "[1-9] ]]
+    timeout 3 cat <&8 >"$printed" || true
+    [[ $(tail --lines=1 "$printed") =~ ^"l2fibd: warning: log lines dropped: "[1-9] ]]
     get "nothing-[1-200]$long" --output /dev/null
     end_daemon
     exec 8>&-
