@@ -156,14 +156,22 @@ void write_memory(json_writer &json)
     json.end_object();
 }
 
-void write_requests(json_writer &json)
+void write_requests(json_writer &json, const server_health &of_server)
 {
-    const server_health of_server = server != nullptr ? server() : server_health();
     const host::operational_statistics statistics = host::operational_get_statistics();
     json.begin_object("requests");
     json.member("active", of_server.active_requests);
     json.member64("refused", of_server.refused_requests);
+    json.member("connections", of_server.open_connections);
+    json.member64("connections-refused", of_server.refused_connections);
     json.member64("lists-live", statistics.live_lists);
+    json.end_object();
+}
+
+void write_log(json_writer &json, const server_health &of_server)
+{
+    json.begin_object("log");
+    json.member64("lines-dropped", of_server.dropped_log_lines);
     json.end_object();
 }
 
@@ -174,7 +182,9 @@ void write_health(json_writer &json)
     json.begin_object();
     write_plane(json, forwarding::health());
     write_memory(json);
-    write_requests(json);
+    const server_health of_server = server != nullptr ? server() : server_health();
+    write_requests(json, of_server);
+    write_log(json, of_server);
     json.end_object();
 }
 

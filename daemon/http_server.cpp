@@ -1,6 +1,8 @@
 #include "daemon/http_server.h"
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <memory>
@@ -8,9 +10,12 @@
 #include <utility>
 
 #include <microhttpd.h>
+#include <sys/socket.h>
 
+#include "daemon/admission.h"
 #include "daemon/api_error.h"
 #include "daemon/database.h"
+#include "daemon/descriptors.h"
 #include "daemon/health.h"
 #include "daemon/log.h"
 #include "daemon/request_deadlines.h"
@@ -25,38 +30,66 @@ constexpr size_t piece_bytes = size_t{32} * 1024; // of an answer, at once
 struct server {
     MHD_Daemon *daemon = nullptr;
     request_deadlines deadlines;
-    std::atomic<uint32_t> active{0};
-    std::atomic<uint64_t> refused{0};
+    fair_places connections{"connections open"};
+    refused_connections refused{most_refused_connections};
+    fair_places requests{"requests under way"};
+    std::atomic<uint32_t> open_connections{0};
+    std::atomic<uint32_t> active_requests{0};
 };
 
 server the_server;
 
 // One request, from its first line to the end of its answer.
 struct exchange {
+    const uid_t user;
     std::string uri;
     std::string body;
     size_t received = 0; // of the body, what was too much for it included
     bool has_begun = false;
-    bool is_counted = false; // among the active ones
+    bool is_active = false;
+    place taken = place::none;
 
-    explicit exchange(const char *of)
-        : uri(of)
+    exchange(uid_t sender, const char *of)
+        : user(sender)
+        , uri(of)
     {}
     ~exchange()
     {
-        if (is_counted) {
-            the_server.active--;
-        }
+        the_server.requests.give_back(user, taken);
+        the_server.active_requests -= is_active ? 1 : 0;
     }
     exchange(const exchange &) = delete;
     exchange &operator=(const exchange &) = delete;
 };
 
-// What is kept for a connection. The exchange is its own, since the library does not tell the end of each that begins:
-// one whose first line holds too much ends with the connection alone.
+// A connection. The exchange is kept here because the library does not report the end of each that begins: one whose
+// first line is too long ends with the connection.
 struct client {
-    int socket;
-    std::unique_ptr<exchange> current;
+    const int socket;
+    const uid_t user;
+    place taken = place::none;       // none: the connection is refused
+    std::string refusal_reason = {}; // of a refused connection
+    std::unique_ptr<exchange> current = nullptr;
+
+    client(int connected, uid_t peer)
+        : socket(connected)
+        , user(peer)
+    {
+        the_server.open_connections++;
+    }
+    ~client()
+    {
+        the_server.connections.give_back(user, taken);
+        the_server.open_connections--;
+    }
+    client(const client &) = delete;
+    client &operator=(const client &) = delete;
+
+    bool is_refused() const { return taken == place::none; }
+    std::chrono::seconds time_to_send() const
+    {
+        return std::chrono::seconds(is_refused() ? refused_seconds : send_seconds);
+    }
 };
 
 // Null when there was no memory for it.
@@ -156,6 +189,9 @@ MHD_Result send(MHD_Connection *connection, answer &&from, const std::string &al
     }
     MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CACHE_CONTROL, "no-cache");
     MHD_add_response_header(response.get(), "L2fib-Completeness", worth);
+    if (const client *to = client_of(connection); to != nullptr && to->is_refused()) {
+        MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONNECTION, "close");
+    }
     if (!allow.empty()) {
         MHD_add_response_header(response.get(), MHD_HTTP_HEADER_ALLOW, allow.c_str());
     }
@@ -168,21 +204,34 @@ MHD_Result send_error(MHD_Connection *connection, const api_error &error)
                 error.allow);
 }
 
-// Takes one of the places for requests, until the exchange ends.
-void take_place(exchange &of)
+// Health is answered whenever there is a thread for it: it is short, and says why other requests are refused.
+bool asks_for_health(const char *method, const exchange &of)
 {
-    of.is_counted = true;
-    if (the_server.active.fetch_add(1) >= most_requests) {
-        the_server.refused++;
-        throw api_error{503, "resource-denied",
-                        std::to_string(most_requests) + " requests are being served: try again"};
+    const std::string_view reads[] = {"GET", "HEAD"};
+    return of.uri == "/restconf/data/l2fib-mac:health" && std::ranges::find(reads, method) != std::end(reads);
+}
+
+// Takes one of the places for requests, until the exchange ends.
+void admit_request(const client &from, const char *method, exchange &of)
+{
+    of.is_active = true;
+    the_server.active_requests++;
+    if (asks_for_health(method, of)) {
+        return;
+    }
+    std::string reason = from.refusal_reason;
+    if (!from.is_refused()) {
+        of.taken = the_server.requests.take(of.user, reason);
+    }
+    if (of.taken == place::none) {
+        throw api_error{503, "resource-denied", reason};
     }
 }
 
 MHD_Result serve(MHD_Connection *connection, const char *method, exchange &of)
 {
     try {
-        take_place(of);
+        admit_request(*client_of(connection), method, of);
         return send(connection, answer_request({method, of.uri, of.body}), {});
     } catch (const api_error &error) {
         log(log_level::debug, std::string(method) + " " + of.uri + ": " + error.message);
@@ -193,29 +242,61 @@ MHD_Result serve(MHD_Connection *connection, const char *method, exchange &of)
     }
 }
 
-// ---- Requests as they arrive ----
+// ---- Connections ----
 
-// Called before a connection's first request, and before its socket is closed.
+// A user that the kernel does not name shares the places of one that nobody is.
+uid_t user_of(int socket)
+{
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 ? peer.uid : static_cast<uid_t>(-1);
+}
+
+void refuse_connection(const client &of)
+{
+    log(log_level::warning, "connection refused: " + of.refusal_reason);
+    if (const auto oldest = the_server.refused.add(of.socket, of.user)) {
+        shutdown(*oldest, SHUT_RDWR);
+    }
+}
+
+// Returns null if there is no memory; the connection's first request then ends it.
+client *open_connection(int socket)
+try {
+    auto opened = std::make_unique<client>(socket, user_of(socket));
+    opened->taken = the_server.connections.take(opened->user, opened->refusal_reason);
+    the_server.deadlines.expect_request(socket, opened->time_to_send());
+    if (opened->is_refused()) {
+        refuse_connection(*opened);
+    }
+    return opened.release();
+} catch (const std::bad_alloc &) {
+    return nullptr;
+}
+
+// Called before a connection's first request, and before its socket is closed; always by the server's own thread.
 void change_connection(void * /*context*/, MHD_Connection *connection, void **of,
                        MHD_ConnectionNotificationCode change) noexcept
 {
     const int socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
     if (change == MHD_CONNECTION_NOTIFY_STARTED) {
-        *of = new (std::nothrow) client{socket, nullptr};
-        the_server.deadlines.expect_request(socket);
+        *of = open_connection(socket);
     } else {
         the_server.deadlines.forget(socket);
+        the_server.refused.remove(socket);
         delete static_cast<client *>(*of);
         *of = nullptr;
     }
 }
+
+// ---- Requests as they arrive ----
 
 void *begin_exchange(void * /*context*/, const char *uri, MHD_Connection *connection) noexcept
 {
     client *const from = client_of(connection);
     try {
         if (from != nullptr) {
-            from->current = std::make_unique<exchange>(uri);
+            from->current = std::make_unique<exchange>(from->user, uri);
         }
     } catch (const std::bad_alloc &) {
         return nullptr;
@@ -229,8 +310,7 @@ void end_exchange(void * /*context*/, MHD_Connection *connection, void **of,
     client *const from = client_of(connection);
     if (from != nullptr) {
         from->current.reset();
-        the_server.deadlines.forget(from->socket);
-        the_server.deadlines.expect_request(from->socket);
+        the_server.deadlines.expect_request(from->socket, from->time_to_send());
     }
     *of = nullptr;
 }
@@ -274,7 +354,9 @@ MHD_Result take_request(void * /*context*/, MHD_Connection *connection, const ch
         return send_error(connection, too_big);
     }
     // The client has done its part; what follows may take as long as a resynchronisation.
-    the_server.deadlines.forget(client_of(connection)->socket);
+    const int socket = client_of(connection)->socket;
+    the_server.deadlines.forget(socket);
+    the_server.refused.remove(socket);
     return serve(connection, method, *the_exchange);
 }
 
@@ -294,13 +376,29 @@ size_t keep_encoded(void * /*context*/, MHD_Connection * /*connection*/, char *t
 
 server_health own_health()
 {
-    return {the_server.active.load(), the_server.refused.load()};
+    return {.active_requests = the_server.active_requests.load(),
+            .refused_requests = the_server.requests.refused(),
+            .open_connections = the_server.open_connections.load(),
+            .refused_connections = the_server.connections.refused(),
+            .dropped_log_lines = log_lines_dropped()};
+}
+
+// Divides what the limit of open files leaves. Returns the most connections at once, refused ones included.
+uint32_t set_places()
+{
+    const uint32_t places = free_descriptors(http_own_descriptors + most_connections) - http_own_descriptors;
+    the_server.connections.set_size(places - places / reserved_part, places / reserved_part);
+    the_server.requests.set_size(most_requests - most_requests / reserved_part, most_requests / reserved_part);
+    return places + most_refused_connections + closing_connections;
 }
 
 } // namespace
 
 std::string http_start(int listener, uint32_t resync_wait_seconds)
 {
+    if (std::string error = check_descriptors(http_least_descriptors); !error.empty()) {
+        return error;
+    }
     set_server_health(own_health);
     constexpr unsigned flags = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL
                                | MHD_USE_ITC | MHD_USE_ERROR_LOG;
@@ -311,12 +409,12 @@ std::string http_start(int listener, uint32_t resync_wait_seconds)
         {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(end_exchange), nullptr},
         {MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(change_connection), nullptr},
         {MHD_OPTION_UNESCAPE_CALLBACK, reinterpret_cast<intptr_t>(keep_encoded), nullptr},
-        {MHD_OPTION_CONNECTION_LIMIT, most_connections, nullptr},
+        {MHD_OPTION_CONNECTION_LIMIT, set_places(), nullptr},
         {MHD_OPTION_CONNECTION_MEMORY_LIMIT, most_header_bytes, nullptr},
         {MHD_OPTION_CONNECTION_TIMEOUT, 2 * resync_wait_seconds + take_seconds, nullptr},
         {MHD_OPTION_END, 0, nullptr},
     };
-    the_server.deadlines.start(std::chrono::seconds(send_seconds));
+    the_server.deadlines.start();
     the_server.daemon =
         MHD_start_daemon(flags, 0, nullptr, nullptr, take_request, nullptr, MHD_OPTION_ARRAY, options, MHD_OPTION_END);
     return the_server.daemon != nullptr ? "" : "the HTTP server could not be started";

@@ -1,8 +1,9 @@
 // l2fibd: the forwarding process. It starts the module on a forwarding plane and serves its API until it is told to
 // end.
 //
-// Order of the start: signals are blocked before there is a thread that could take them; the socket is ours before
-// anything costs time; the module serves before the first request can come. The end goes the other way.
+// Order of the start: signals are blocked before there is a thread that could take them. Descriptors are counted and
+// the socket is taken before anything costs time. The log gets its thread once the forwarding plane has given up the
+// capabilities that it needed. The module serves before the first request can come. The end is the reverse.
 
 #include <csignal>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 
 #include "daemon/api_error.h"
 #include "daemon/database.h"
+#include "daemon/descriptors.h"
 #include "daemon/health.h"
 #include "daemon/http_server.h"
 #include "daemon/log.h"
@@ -50,6 +52,7 @@ int failed(const std::string &text)
 int end_forwarding()
 {
     const forwarding::release_report report = forwarding::stop();
+    l2fibd::log_report_held_back();
     log(report.orderly ? log_level::info : log_level::error, report.text);
     return report.orderly ? EXIT_SUCCESS : EXIT_FAILURE;
 }
@@ -57,6 +60,9 @@ int end_forwarding()
 // Takes no socket, so that it may run beside a daemon, and leaves signals alone: nothing outlives the process.
 int check(const l2fibd::settings &settings)
 {
+    if (const std::string error = l2fibd::check_descriptors(l2fibd::start_descriptors); !error.empty()) {
+        return failed(error);
+    }
     if (const std::string error = forwarding::start(settings.forwarding); !error.empty()) {
         return failed(error);
     }
@@ -85,6 +91,7 @@ void wait_for_end(const sigset_t &signals)
 // Serves until a signal comes. Returns what went wrong.
 std::string serve_http(l2fibd::listening_socket &socket, const l2fibd::settings &settings, const sigset_t &signals)
 try {
+    l2fibd::log_start();
     if (std::string error = l2fibd::http_start(socket.descriptor(), settings.forwarding.resync_wait_seconds);
         !error.empty()) {
         return error;
@@ -98,8 +105,14 @@ try {
     return error.what();
 }
 
+// Nothing of the start is begun if there are too few descriptors: a thread of the module that lacks one never serves,
+// and the start would wait for it.
 int serve(const l2fibd::settings &settings, const sigset_t &signals)
 {
+    const uint32_t needed = l2fibd::start_descriptors + l2fibd::http_least_descriptors;
+    if (const std::string error = l2fibd::check_descriptors(needed); !error.empty()) {
+        return failed(error);
+    }
     l2fibd::listening_socket socket;
     if (const std::string error = socket.open(settings.socket_path, settings.socket_group); !error.empty()) {
         return failed(error);
@@ -132,7 +145,10 @@ int main(int argc, char **argv)
         // The table tells times of day as this process sees them; the API promises UTC.
         setenv("TZ", "UTC0", 1); // NOLINT(concurrency-mt-unsafe): there are no other threads yet
         tzset();
-        return settings.check_only ? check(settings) : serve(settings, block_signals());
+        l2fibd::raise_descriptor_limit();
+        const int status = settings.check_only ? check(settings) : serve(settings, block_signals());
+        l2fibd::log_stop();
+        return status;
     } catch (const std::exception &error) {
         return failed(error.what());
     }

@@ -4,9 +4,8 @@
 
 namespace l2fibd {
 
-void request_deadlines::start(std::chrono::seconds allowed)
+void request_deadlines::start()
 {
-    allowed_ = allowed;
     is_stopping_ = false;
     thread_ = std::thread([this] { watch(); });
 }
@@ -23,31 +22,38 @@ void request_deadlines::stop()
     }
 }
 
-void request_deadlines::expect_request(int socket)
+void request_deadlines::expect_request(int socket, std::chrono::seconds allowed)
 {
     const std::lock_guard guard(lock_);
-    queue_.push_back({socket, clock::now() + allowed_});
+    erase(socket);
+    sockets_.emplace(clock::now() + allowed, socket);
     changed_.notify_one();
 }
 
 void request_deadlines::forget(int socket)
 {
     const std::lock_guard guard(lock_);
-    std::erase_if(queue_, [socket](const awaited &each) { return each.socket == socket; });
+    erase(socket);
+}
+
+// The caller holds the lock.
+void request_deadlines::erase(int socket)
+{
+    std::erase_if(sockets_, [socket](const auto &each) { return each.second == socket; });
 }
 
 void request_deadlines::watch()
 {
     std::unique_lock guard(lock_);
     while (!is_stopping_) {
-        if (queue_.empty()) {
+        if (sockets_.empty()) {
             changed_.wait(guard);
-        } else if (const awaited first = queue_.front(); first.until > clock::now()) {
-            changed_.wait_until(guard, first.until);
+        } else if (const auto until = sockets_.begin()->first; until > clock::now()) {
+            changed_.wait_until(guard, until);
         } else {
-            // Under the lock: whoever closes the socket has us forget it first, so that its number is nobody else's.
-            shutdown(first.socket, SHUT_RDWR);
-            queue_.pop_front();
+            // The lock is held: who closes the socket calls forget() first, so the number still means this socket.
+            shutdown(sockets_.begin()->second, SHUT_RDWR);
+            sockets_.erase(sockets_.begin());
         }
     }
 }

@@ -1,12 +1,12 @@
 // Cuts connections whose clients do not finish a request in time. The HTTP library's own time-out begins again with
-// each byte: a client that sends one now and then would hold its connection for as long as it likes.
+// each byte: a client that sends one now and then would keep its connection for ever.
 //
 // Threads: start and stop are for one thread, the others for any.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
-#include <deque>
+#include <map>
 #include <mutex>
 #include <thread>
 
@@ -14,32 +14,27 @@ namespace l2fibd {
 
 class request_deadlines {
 public:
-    void start(std::chrono::seconds allowed);
+    void start();
 
     // Harmless when repeated, and when nothing was started.
     void stop();
 
-    // A request is awaited on this connection from now on.
-    void expect_request(int socket);
+    // Shuts the socket down unless forget() is called within the time. Replaces an earlier deadline of the socket.
+    void expect_request(int socket, std::chrono::seconds allowed);
 
-    // The whole request has come, or the socket is about to be closed.
+    // Call it when the whole request has come, and before the socket is closed.
     void forget(int socket);
 
 private:
     using clock = std::chrono::steady_clock;
-    struct awaited {
-        int socket;
-        clock::time_point until;
-    };
-
     void watch();
+    void erase(int socket);
 
-    std::chrono::seconds allowed_{};
     std::thread thread_;
 
     std::mutex lock_; // protects what follows
     std::condition_variable changed_;
-    std::deque<awaited> queue_; // the earliest first: all are allowed the same time
+    std::multimap<clock::time_point, int> sockets_; // by deadline
     bool is_stopping_ = false;
 };
 

@@ -1,0 +1,141 @@
+#!/usr/bin/env bats
+# l2fibd under clients that hold what they get, and readers of its log that do not read. L2FIBD names the program.
+
+D=http://l2fibd/restconf/data/l2fib-mac:
+
+load daemon
+
+setup()
+{
+    export L2FIBD=${L2FIBD:-$BATS_TEST_DIRNAME/../../build/test/bin/l2fibd}
+    directory=$(mktemp --directory /tmp/l2fibd.XXXXXX) # one that another user may enter
+    chmod 711 "$directory"
+    SOCKET=$directory/socket
+    started=()
+}
+
+teardown()
+{
+    ((${#started[@]} == 0)) || kill "${started[@]}" 2>/dev/null || true
+    rm --recursive "$directory"
+}
+
+start()
+{
+    start_daemon "$SOCKET" --generate macs=100000 "$@"
+    daemon=$!
+    started+=("$daemon")
+}
+
+# get URI [CURL_OPTION...]: prints the body, and in front of it what the options ask for.
+get()
+{
+    curl --silent --max-time 5 --unix-socket "$SOCKET" "$D$1" "${@:2}"
+}
+
+health()
+{
+    local -r found=$(get health)
+    jq --exit-status ".\"l2fib-mac:health\" | $1" <<<"$found" >/dev/null || { echo "not $1: $found" && return 1; }
+}
+
+# Asks until the filter holds, for at most ten seconds.
+eventually()
+{
+    local tries
+    for tries in {1..100}; do
+        health "$1" >/dev/null && return
+        sleep 0.1
+    done
+    echo "$tries times" && health "$1"
+}
+
+# hold COUNT: opens connections that send nothing, and keeps them open.
+hold()
+{
+    perl -MIO::Socket::UNIX -e '@c = map { IO::Socket::UNIX->new(Peer => $ARGV[0]) } 1 .. $ARGV[1]; sleep 60' \
+        "$SOCKET" "$1" 3>&- &
+    started+=($!)
+}
+
+# Another client of root reads why it is refused, health is answered, and another user is served.
+expect_shared()
+{
+    local -r refusal=$(get mac-count)
+    [[ $refusal == *"user 0 has $1, other users have 0"* ]] || { echo "$refusal" && return 1; }
+    health "$2"
+    setpriv --reuid nobody --regid nogroup --clear-groups \
+        curl --silent --fail --max-time 5 --unix-socket "$SOCKET" "${D}mac-count"
+}
+
+# Sends SIGTERM; fails if the daemon takes longer than three seconds or does not release everything.
+end_daemon()
+{
+    kill -TERM "$daemon"
+    timeout 3 tail --pid "$daemon" --follow /dev/null 3>&-
+    wait "$daemon"
+}
+
+@test "silent connections of one user leave room for others" {
+    start --socket-group nogroup
+    hold 200
+    eventually '.requests.connections >= 36 + 8'
+    expect_shared "36 of 64 connections open" '.requests.connections > 36'
+    sleep 2.5
+    health '.requests.connections == 37' # refused ones have gone, others have some seconds more
+    end_daemon
+}
+
+@test "slow readers of one user leave room for others" {
+    start --socket-group nogroup
+    local i
+    for i in {1..30}; do
+        get mac-table/mac-entry --limit-rate 1k --output "$directory/$i" 3>&- &
+        started+=($!)
+    done
+    eventually '.requests.refused == "12"'
+    expect_shared "18 of 32 requests under way" '.requests.active == 19'
+}
+
+@test "a log that nobody reads holds up nothing, and says later what is missing" {
+    local -r printed=$directory/lines long=$(printf 'x%.0s' {1..4000})
+    mkfifo "$SOCKET.log"
+    exec 8<>"$SOCKET.log"
+    start --log-level debug
+    for _ in 1 2; do # more than the pipe and the queue take
+        get "nothing-[1-100]$long" --output /dev/null
+    done
+    health '.log."lines-dropped" | tonumber > 50'
+    timeout 3 cat <&8 >"$printed" || true
+    [[ $(tail --lines=1 "$printed") =~ ^"l2fibd: warning: log lines dropped: "[1-9] ]]
+    get "nothing-[1-200]$long" --output /dev/null
+    end_daemon
+    exec 8>&-
+}
+
+@test "repeated lines are counted, and the end of the log is complete" {
+    start --log-level debug
+    get 'nothing?[1-50]' --output /dev/null
+    for _ in {1..50}; do echo "url = ${D}nothing"; done | curl --silent --unix-socket "$SOCKET" --config - >/dev/null
+    end_daemon
+    local -r line='debug: GET /restconf/data/l2fib-mac:nothing: "restconf/data/l2fib-mac:nothing"'
+    [[ $(grep --count --fixed-strings "l2fibd: $line" "$SOCKET.log") == 1 ]]
+    grep --fixed-strings "debug: repeated 49 times: ${line#debug: }" "$SOCKET.log"
+    [[ $(tail --lines=1 "$SOCKET.log") == "l2fibd: ended; released "* ]]
+}
+
+@test "lines for the journal have a priority" {
+    : >"$SOCKET.log"
+    JOURNAL_STREAM=$(stat --format %d:%i "$SOCKET.log") start --log-level debug
+    get nothing --output /dev/null
+    end_daemon
+    diff <(cut --characters=1-8 "$SOCKET.log") - <<<$'<6>serve\n<7>GET /\n<6>ends \n<6>ended'
+}
+
+@test "a start with too few descriptors is refused at once" {
+    local limit
+    for limit in 12 20 40; do
+        run bash -c "ulimit -n $limit && exec timeout 5 '$L2FIBD' --socket '$SOCKET'"
+        [[ $status == 1 && $output == *"the limit of open files is $limit, expected at least "* && ! -e $SOCKET ]]
+    done
+}
