@@ -110,16 +110,16 @@ plan plan_health(session & /*with*/)
 }
 
 constexpr planner planners[] = {
-    {command::show_mac, order::usual, &mac_entries, plan_mac},
-    {command::show_mac, order::last_seen, &aging_entries, plan_sorted},
-    {command::show_mac, order::created, &mac_entries, plan_sorted},
-    {command::show_count, order::usual, &mac_counts, plan_count},
-    {command::show_domain, order::usual, &domains, plan_list<domains>},
-    {command::show_port, order::usual, &ports, plan_list<ports>},
-    {command::show_vtep, order::usual, &vteps, plan_list<vteps>},
-    {command::show_tunnel, order::usual, &tunnel_entries, plan_tunnel},
-    {command::show_health, order::usual, &health, plan_health, false},
-    {command::show_trace, order::usual, &traces, plan_list<traces>, false},
+    {&mac_entries, plan_mac, command::show_mac},
+    {&aging_entries, plan_sorted, command::show_mac, order::last_seen},
+    {&mac_entries, plan_sorted, command::show_mac, order::created},
+    {&mac_counts, plan_count, command::show_count},
+    {&domains, plan_list<domains>, command::show_domain},
+    {&ports, plan_list<ports>, command::show_port},
+    {&vteps, plan_list<vteps>, command::show_vtep},
+    {&tunnel_entries, plan_tunnel, command::show_tunnel},
+    {&health, plan_health, command::show_health, order::usual, false},
+    {&traces, plan_list<traces>, command::show_trace, order::usual, false},
 };
 
 } // namespace

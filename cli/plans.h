@@ -40,10 +40,10 @@ struct plan {
 
 // What a command shows, and how it finds out what to ask for.
 struct planner {
-    command what;
-    order sorted_by;
     const resource *shown;
     plan (*make)(session &with);
+    command what;
+    order sorted_by = order::usual;
     bool takes_mark = true; // false: an answer that is not whole ends like any other
 };
 
