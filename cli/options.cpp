@@ -40,7 +40,7 @@ std::string to_address(std::string &text)
 
 std::string check_ipv4(const std::string &text)
 {
-    return l2fibd::is_ipv4(text) ? "" : "\"" + text + "\": expected an IPv4 address such as 192.0.2.1";
+    return l2fibd::parse_ipv4(text) ? "" : "\"" + text + "\": expected an IPv4 address such as 192.0.2.1";
 }
 
 // `what` names what is checked, such as "a name".
