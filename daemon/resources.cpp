@@ -219,19 +219,14 @@ forwarding::row_order order_of(const call &asked)
     return found->order;
 }
 
-// Entries may come, or be seen again, faster than they are read, and stand behind all others then. The list ends,
-// therefore, after as many as there are now.
 answer list_by_age(const call &asked)
 {
     const forwarding::row_order order = order_of(asked);
     const std::optional<std::string> start = start_of(asked);
-    const uint64_t wanted = limit_of(asked);
+    const uint64_t limit = limit_of(asked);
     if (!start) {
         resync_all();
     }
-    const forwarding::entry_counts counts = forwarding::count_all();
-    const uint64_t limit =
-        std::min(wanted, uint64_t{counts.total} + counts.local + counts.bridge_own + page_items);
     return stream("mac-entry", make_ordered_source(order, start, limit), limit);
 }
 
@@ -555,6 +550,7 @@ std::string error_body(const api_error &error)
     json_writer json(body);
     json.begin_object();
     write_errors(json, error);
+    write_completeness(json, forwarding::completeness_watch());
     json.end_object();
     return body;
 }

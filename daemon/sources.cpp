@@ -187,8 +187,8 @@ public:
         , ahead_(static_cast<uint32_t>(std::min<uint64_t>(limit, most_ahead)))
     {
         if (start) {
-            const auto [value, slot] = numbers_of<2>(*start, kind());
-            at_ = {value, static_cast<uint32_t>(slot), true};
+            const auto [value, slot, began] = numbers_of<3>(*start, kind());
+            at_ = {value, static_cast<uint32_t>(slot), true, began};
         }
     }
 
@@ -210,7 +210,7 @@ public:
         }
         const bool is_at_end = next_ == page_.rows.size();
         at_ = is_at_end ? end_ : at_;
-        return {cursor_of(kind(), at_.value, at_.slot), count, !is_at_end || page_.more};
+        return {cursor_of(kind(), at_.value, at_.slot, at_.began), count, !is_at_end || page_.more};
     }
 
 private:

@@ -99,7 +99,9 @@ public:
     // Takes the plane's answers for these places, and adds a row for each entry that is there.
     void confirm_places(std::span<const fdb_key> keys, std::span<const fdb_answer> answers, std::vector<mac_row> &rows);
 
-    // The first `most` entries behind `from`.
+    // The number of an order that a new entry would get.
+    uint64_t order_now(row_order order) const;
+    // The first `most` entries behind `from`, whose `began` is set.
     std::vector<ordered_entry> select(row_order order, const order_position &from, uint32_t most);
     // Takes the plane's answers about entries. The result counts those whose place in the order has changed.
     size_t take_ages(std::span<const fdb_key> keys, std::span<const fdb_answer> answers);

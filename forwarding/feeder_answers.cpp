@@ -1,5 +1,6 @@
 // Questions that the feeder answers from the copy, on the cache thread.
 #include <algorithm>
+#include <chrono>
 #include <limits>
 
 #include "forwarding/feeder.h"
@@ -98,6 +99,13 @@ uint64_t feeder::order_value(row_order order, const copy_entry &entry) const
     return entry_ages(entry) ? static_cast<uint64_t>(entry.record.updated_ms) : does_not_age;
 }
 
+uint64_t feeder::order_now(row_order order) const
+{
+    using namespace std::chrono;
+    const auto now = duration_cast<milliseconds>(steady_clock::now().time_since_epoch());
+    return order == row_order::created ? last_created_ : static_cast<uint64_t>(now.count());
+}
+
 std::vector<ordered_entry> feeder::select(row_order order, const order_position &from, uint32_t most)
 {
     plane_.drain();
@@ -109,7 +117,8 @@ std::vector<ordered_entry> feeder::select(row_order order, const order_position 
     order_key last{std::numeric_limits<uint64_t>::max(), no_slot}; // what comes behind it cannot be among the first
     copy_.for_each_entry([&](uint32_t at) {
         const copy_entry &entry = copy_.entries[at];
-        const order_key key{order_value(order, entry), at};
+        const uint64_t value = order_value(order, entry);
+        const order_key key{value != does_not_age ? std::min(value, from.began + 1) : value, at};
         if (entry.fed_xcid == 0 || static_cast<standing>(entry.standing) != standing::fed
             || !is_behind(from, key.value, at) || last < key) {
             return;

@@ -412,7 +412,7 @@ std::vector<ordered_entry> select_last_seen(const order_position &from, uint32_t
 }
 
 // Those that have left their place meanwhile have no row.
-void read_places(feeder &feed, const std::vector<ordered_entry> &entries, row_page &page)
+void read_places(feeder &feed, const std::vector<ordered_entry> &entries, uint64_t began, row_page &page)
 {
     for (size_t first = 0; first < entries.size(); first += looks_per_hold) {
         const table_hold hold;
@@ -426,7 +426,7 @@ void read_places(feeder &feed, const std::vector<ordered_entry> &entries, row_pa
             }
             page.rows.push_back(row_of(*mac));
             page.rows.back().bridge_id = entry.bridge_id;
-            page.rows.back().place = {entry.value, entry.slot, true};
+            page.rows.back().place = {entry.value, entry.slot, true, began};
             if (entry.ages) {
                 page.rows.back().last_seen = feed.epoch_seconds(entry.updated_ms);
             }
@@ -440,20 +440,24 @@ ordered_page read_ordered(row_order order, const order_position &from, uint32_t 
 {
     ordered_page ordered;
     ordered.end = from;
+    if (from.began == 0) {
+        on_cache_thread([&](feeder &feed) { ordered.end.began = feed.order_now(order); });
+    }
+    const order_position start = ordered.end;
     std::vector<ordered_entry> entries =
-        order == row_order::last_seen ? select_last_seen(from, most + 1) : select(order, from, most + 1);
+        order == row_order::last_seen ? select_last_seen(start, most + 1) : select(order, start, most + 1);
     ordered.page.more = entries.size() > most;
     entries.resize(std::min<size_t>(entries.size(), most));
     with_feeder([&](feeder &feed) {
         ordered.page.objects = feed.objects();
-        read_places(feed, entries, ordered.page);
+        read_places(feed, entries, start.began, ordered.page);
         if (order == row_order::created && feed.ages_silently()) {
             refresh_rows(feed, ordered.page);
         }
         complete_rows(feed, ordered.page);
     });
     if (!entries.empty()) {
-        ordered.end = {entries.back().value, entries.back().slot, true};
+        ordered.end = {entries.back().value, entries.back().slot, true, start.began};
     }
     return ordered;
 }

@@ -30,11 +30,14 @@
 
 namespace forwarding {
 
-// Behind which entries follow in an order: the number that decides, and the slot in the copy.
+// Behind which entries follow in an order: the number that decides, and the slot in the copy. `began` is the number that
+// a new entry would have had when the reading began. What has come, or was seen again, since then has one place, by its
+// slot alone. So each entry that stays is read once or, if it was seen again behind its back, twice, and a reading ends.
 struct order_position {
     uint64_t value = 0;
     uint32_t slot = 0;
     bool holds_row = false;
+    uint64_t began = 0; // 0: the reading begins here
 };
 
 struct mac_row {

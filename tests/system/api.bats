@@ -194,7 +194,7 @@ END
         expect_json "$filter"
     done <<END
 200|mac-table/mac-entry?|t 2 70000 1 1|."l2fib-mac:mac-entry"[0]."bridge-id" == 2 and has("l2fib-mac:next-cursor")
-200|mac-aging/mac-entry?sort=created&|c 90000 7|."l2fib-mac:mac-entry" | length == 5
+200|mac-aging/mac-entry?sort=created&|c 90000 7 100005|."l2fib-mac:mac-entry" | length == 5
 200|vteps/vtep?|v 9 16909060 0|."l2fib-mac:vtep"[0].xcid == 9
 400|mac-aging/mac-entry?|t 2 70000 1 1|.[].error[0]."error-message" | contains("next-cursor of this list")
 END
