@@ -7,6 +7,7 @@
 #include <exception>
 #include <memory>
 #include <new>
+#include <thread>
 #include <utility>
 
 #include <microhttpd.h>
@@ -420,9 +421,25 @@ std::string http_start(int listener, uint32_t resync_wait_seconds)
     return the_server.daemon != nullptr ? "" : "the HTTP server could not be started";
 }
 
+namespace {
+
+// Lists that are given up write their reason as their last piece.
+void wait_for_last_pieces()
+{
+    constexpr auto most = std::chrono::seconds(1);
+    constexpr auto look_again = std::chrono::milliseconds(10);
+    const auto end = std::chrono::steady_clock::now() + most;
+    while (the_server.active_requests != 0 && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(look_again);
+    }
+}
+
+} // namespace
+
 void http_stop()
 {
     give_up_requests();
+    wait_for_last_pieces();
     if (the_server.daemon != nullptr) {
         MHD_stop_daemon(the_server.daemon);
         the_server.daemon = nullptr;

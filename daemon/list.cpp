@@ -1,11 +1,41 @@
 #include "daemon/list.h"
 
 #include <algorithm>
+#include <random>
 #include <utility>
 
+#include "daemon/database.h"
 #include "daemon/text.h"
 
 namespace l2fibd {
+
+namespace {
+
+const std::string &process_mark()
+{
+    static const std::string mark = std::to_string(std::random_device()());
+    return mark;
+}
+
+} // namespace
+
+std::string continuation_of(const std::string &key)
+{
+    return base64url_encode(process_mark() + " " + key);
+}
+
+std::string key_of_continuation(const std::string &text)
+{
+    const auto whole = base64url_decode(text);
+    const size_t space = whole ? whole->find(' ') : std::string::npos;
+    if (space == std::string::npos || whole->find('\0') != std::string::npos) {
+        throw unexpected("cursor", text, "a next-cursor of this list");
+    }
+    if (whole->substr(0, space) != process_mark()) {
+        throw api_error{410, "data-missing", "cursor: the daemon was started after this list began: begin it again"};
+    }
+    return whole->substr(space + 1);
+}
 
 list_stream::list_stream(std::string_view name, std::unique_ptr<list_source> source, uint64_t limit)
     : list_name_(name)
@@ -32,6 +62,9 @@ void list_stream::write_next(std::string &text)
 
 void list_stream::write_page(json_writer &json)
 {
+    if (requests_given_up()) {
+        throw api_error{503, "operation-failed", "the daemon ends"};
+    }
     const auto most = static_cast<uint32_t>(std::min<uint64_t>(left_, page_items));
     const list_source::position at = items_->fetch(most, json);
     has_items_ = has_items_ || at.count != 0;
@@ -46,7 +79,7 @@ void list_stream::write_end(json_writer &json, const list_source::position &at) 
 {
     json.end_array();
     if (at.more) {
-        json.member("l2fib-mac:next-cursor", base64url_encode(at.key));
+        json.member("l2fib-mac:next-cursor", continuation_of(at.key));
     }
     write_completeness(json, watch_);
     json.end_object();

@@ -42,6 +42,13 @@ public:
     virtual position fetch(uint32_t most, json_writer &json) = 0;
 };
 
+// A continuation as clients see it: numbers of objects mean something to the process that gave them out alone, so it
+// names that process.
+std::string continuation_of(const std::string &key);
+
+// The key of a continuation. Throws api_error for a text that is none, and 410 for one of another process.
+std::string key_of_continuation(const std::string &text);
+
 class list_stream {
 public:
     static constexpr uint64_t no_limit = UINT64_MAX;

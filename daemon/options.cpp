@@ -35,7 +35,7 @@ void add_number(CLI::App &app, const std::string &name, Number &to, Number most,
     };
     app.add_option_function<std::string>(name, setter(set), description)
         ->type_name("NUMBER")
-        ->default_str(std::to_string(to));
+        ->default_str(to != 0 ? std::to_string(to) : std::string());
 }
 
 // An option whose value is one of the names of a table.
@@ -149,7 +149,7 @@ void add_options(CLI::App &app, settings &into)
     }
     add_number(app, "--mac-limit", into.forwarding.mac_limit, uint32_t{100'000'000}, "the most MAC entries");
     add_number(app, "--receive-buffer", into.forwarding.receive_buffer, uint32_t{1} << 30,
-               "bytes for notifications of the kernel that wait to be read; 0 is 128 MiB");
+               "bytes for notifications of the kernel that wait to be read; by default 128 MiB");
     add_number(app, "--proof-rate", into.forwarding.proof_rate, uint32_t{100'000},
                "entries a second that are compared with the kernel's");
     add_number(app, "--resync-wait", into.forwarding.resync_wait_seconds, uint16_t{3600},

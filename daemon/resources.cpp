@@ -106,14 +106,7 @@ uint64_t limit_of(const call &asked)
 std::optional<std::string> start_of(const call &asked)
 {
     const std::string *text = asked.parameter("cursor");
-    if (text == nullptr) {
-        return std::nullopt;
-    }
-    auto key = base64url_decode(*text);
-    if (!key || key->empty() || key->find('\0') != std::string::npos) {
-        throw unexpected("cursor", *text, "a next-cursor of this list");
-    }
-    return key;
+    return text != nullptr ? std::optional(key_of_continuation(*text)) : std::nullopt;
 }
 
 answer stream(std::string_view name, std::unique_ptr<list_source> source, uint64_t limit)
@@ -525,9 +518,10 @@ answer answer_request(const request &asked)
     const resource &found = find_resource(to);
     check_method(found, asked.method);
     check_parameters(found, to);
-    const forwarding::completeness_watch watch;
+    const forwarding::completeness_watch since_begin;
     answer made = found.serve({to, asked.body});
-    made.worth = watch.worst();
+    // An operation is worth what it leaves behind.
+    made.worth = found.is_operation ? forwarding::completeness_watch().worst() : since_begin.worst();
     return made;
 }
 

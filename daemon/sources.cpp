@@ -25,7 +25,7 @@ uint32_t number_of(const std::optional<std::string> &start, uint32_t beginning)
 {
     const auto number = start ? parse_number(*start, UINT32_MAX) : beginning;
     if (!number) {
-        throw unexpected("cursor", base64url_encode(*start), "a next-cursor of this list");
+        throw unexpected("cursor", continuation_of(*start), "a next-cursor of this list");
     }
     return static_cast<uint32_t>(*number);
 }
@@ -65,7 +65,7 @@ using port_source = view_source<forwarding::port_view, &forwarding::port_view::x
 
 [[noreturn]] void refuse_cursor(const std::string &start)
 {
-    throw unexpected("cursor", base64url_encode(start), "a next-cursor of this list");
+    throw unexpected("cursor", continuation_of(start), "a next-cursor of this list");
 }
 
 // The numbers of a continuation such as "t 1 3 2199023255553"; `kind` says of which list it is.
@@ -402,7 +402,7 @@ std::unique_ptr<list_source> make_trace_source(const std::optional<std::string> 
     const auto from_normal = parse_number(fields.front());
     const auto from_error = parse_number(fields.back());
     if (fields.size() != 2 || !from_normal || !from_error) {
-        throw unexpected("cursor", base64url_encode(*start), "a next-cursor of this list");
+        throw unexpected("cursor", continuation_of(*start), "a next-cursor of this list");
     }
     return std::make_unique<trace_source>(*from_normal, *from_error);
 }
