@@ -22,7 +22,7 @@ teardown()
 
 start()
 {
-    start_daemon "$SOCKET" --generate macs=100000 "$@"
+    start_daemon "$SOCKET" --generate macs=20000 "$@"
     daemon=$!
     started+=("$daemon")
 }
@@ -30,7 +30,7 @@ start()
 # get URI [CURL_OPTION...]: prints the body, and in front of it what the options ask for.
 get()
 {
-    curl --silent --max-time 5 --unix-socket "$SOCKET" "$D$1" "${@:2}"
+    curl --silent --max-time 30 --unix-socket "$SOCKET" "$D$1" "${@:2}"
 }
 
 health()
@@ -65,14 +65,14 @@ expect_shared()
     [[ $refusal == *"user 0 has $1, other users have 0"* ]] || { echo "$refusal" && return 1; }
     health "$2"
     setpriv --reuid nobody --regid nogroup --clear-groups \
-        curl --silent --fail --max-time 5 --unix-socket "$SOCKET" "${D}mac-count"
+        curl --silent --fail --max-time 30 --unix-socket "$SOCKET" "${D}mac-count"
 }
 
-# Sends SIGTERM; fails if the daemon takes longer than three seconds or does not release everything.
+# Sends SIGTERM; fails if the daemon takes longer than three seconds, a sanitizer's end apart, or not all was released.
 end_daemon()
 {
     kill -TERM "$daemon"
-    timeout 3 tail --pid "$daemon" --follow /dev/null 3>&-
+    timeout ${L2FIB_SANITIZED:+1}3 tail --pid "$daemon" --follow /dev/null 3>&-
     wait "$daemon"
 }
 
