@@ -245,8 +245,10 @@ void log(log_level level, std::string_view line) noexcept
 void log_report_held_back()
 {
     const std::lock_guard guard(state.lock);
-    append_reports(true);
-    state.changed.notify_one();
+    if (state.writer.joinable()) {
+        append_reports(true);
+        state.changed.notify_one();
+    }
 }
 
 uint64_t log_lines_dropped()
