@@ -1,4 +1,4 @@
-// How the client ends: scripts rely on these, and --help lists them.
+// How the client ends. Scripts rely on these numbers, and --help lists them.
 #pragma once
 
 #include <string>
@@ -10,11 +10,12 @@ enum class ending : int {
     nothing_found = 1,
     wrong_usage = 2,
     unreachable = 3,
-    refused = 4, // the daemon answered with an error
-    cut = 5,     // the answer did not arrive, or could not be written, whole
+    refused = 4,    // the daemon answered with an error
+    cut = 5,        // the answer did not arrive whole, or could not be written
+    incomplete = 6, // the daemon marked its answer as limited or degraded
 };
 
-// Thrown to end the client. The message is for the operator, safe on a terminal; an empty one is not shown.
+// Thrown to end the client. The message is for the operator and safe on a terminal; an empty one is not shown.
 struct failure {
     ending how;
     std::string message;

@@ -1,11 +1,16 @@
 #include "cli/http.h"
 
-#include <curl/curl.h>
-
-#include <chrono>
+#include <cerrno>
 #include <cstring>
-#include <exception>
-#include <nlohmann/json.hpp>
+#include <http_parser.h>
+#include <poll.h>
+#include <strings.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <utility>
 
 #include "cli/failure.h"
 #include "daemon/visible.h"
@@ -16,166 +21,256 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
-constexpr size_t longest_error = size_t(64) * 1024;
-constexpr long first_error_status = 400;
-constexpr long not_found = 404;
+constexpr size_t buffer_bytes = size_t(64) * 1024;
+constexpr size_t longest_body = size_t(256) * 1024 * 1024; // ten times a page of the longest names
+constexpr auto idle_period = std::chrono::milliseconds(100);
+constexpr auto backlog_period = std::chrono::milliseconds(50); // between two tries to connect
+constexpr char completeness_header[] = "L2fib-Completeness";
+constexpr char ended_early[] = "the daemon ended the connection";
 
-nlohmann::json errors_in(std::string_view body)
+std::string request_text(const request &what)
 {
-    static const nlohmann::json::json_pointer place("/ietf-restconf:errors/error");
-    const auto answer = nlohmann::json::parse(body, nullptr, false);
-    return answer.is_object() && answer.contains(place) ? answer.at(place) : nlohmann::json();
+    std::string text = (what.is_operation ? "POST " : "GET ") + what.path + " HTTP/1.1\r\nHost: l2fibd\r\n";
+    if (what.is_operation) {
+        text +=
+            "Content-Type: application/yang-data+json\r\nContent-Length: " + std::to_string(what.body.size()) + "\r\n";
+    }
+    return text + "\r\n" + what.body;
 }
 
-// The text of a member; nothing when it has none.
-std::string text_of(const nlohmann::json &error, const char *member)
+std::string error_string(int error)
 {
-    const auto found = error.is_object() ? error.find(member) : error.end();
-    return error.is_object() && found != error.end() && found->is_string() ? found->get<std::string>() : "";
-}
-
-// That an item of the table is not there is an answer; that the daemon does not know a resource is not.
-ending ending_of(long status, std::string_view body)
-{
-    const auto errors = errors_in(body);
-    const bool unknown =
-        errors.is_array() && !errors.empty() && text_of(errors.front(), "error-tag") == "invalid-value";
-    return status == not_found && unknown ? ending::nothing_found : ending::refused;
+    return std::strerror(error); // NOLINT(concurrency-mt-unsafe): glibc's is safe for errors that it knows
 }
 
 } // namespace
 
-struct connection::transfer {
-    CURL *curl;
-    const body_sink &sink;
-    progress &progress_line;
-    std::chrono::seconds timeout;
-    clock::time_point last_arrival = clock::now();
-    std::string error_body = {};
-    std::exception_ptr thrown = {};
-    bool stopped = false;
-    bool timed_out = false;
+// What arrives of one answer.
+struct connection::reception {
+    answer &to;
+    http_parser parser = {};
+    std::string field = {};
+    bool in_value = false;
+    bool is_complete = false;
+    bool has_bytes = false;
+    bool has_more = false; // bytes behind the answer, which nobody asked for
 
-    long status() const
+    explicit reception(answer &into)
+        : to(into)
     {
-        long code = 0;
-        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code);
-        return code;
+        http_parser_init(&parser, HTTP_RESPONSE);
+        parser.data = this;
     }
 
-    bool take(std::string_view bytes)
+    static int take_field(http_parser *from, const char *bytes, size_t size)
     {
-        if (status() < first_error_status) {
-            return sink(bytes);
+        auto &self = *static_cast<reception *>(from->data);
+        if (std::exchange(self.in_value, false)) {
+            self.field.clear();
         }
-        error_body += bytes.substr(0, longest_error - error_body.size());
-        return true;
+        self.field.append(bytes, size);
+        return 0;
     }
 
-    [[noreturn]] void fail(CURLcode code, const std::string &socket_path) const
+    static int take_value(http_parser *from, const char *bytes, size_t size)
     {
-        long error = 0;
-        curl_easy_getinfo(curl, CURLINFO_OS_ERRNO, &error);
-        std::string why = code == CURLE_COULDNT_CONNECT && error != 0 ? std::strerror(static_cast<int>(error))
-                                                                      : curl_easy_strerror(code);
-        if (timed_out) {
-            why = "nothing arrived for " + std::to_string(timeout.count()) + " seconds";
+        auto &self = *static_cast<reception *>(from->data);
+        self.in_value = true;
+        if (strcasecmp(self.field.c_str(), completeness_header) == 0) {
+            self.to.completeness.append(bytes, size);
         }
-        if (status() != 0) {
-            throw failure{ending::cut, "the answer was cut: " + why};
-        }
-        throw failure{ending::unreachable, "no answer from l2fibd at " + l2fibd::visible(socket_path) + ": " + why};
+        return 0;
+    }
+
+    static int take_body(http_parser *from, const char *bytes, size_t size)
+    {
+        auto &self = *static_cast<reception *>(from->data);
+        self.to.body.append(bytes, size);
+        return self.to.body.size() <= longest_body ? 0 : 1;
+    }
+
+    // Stops the parser, so that bytes behind the answer are noticed.
+    static int take_end(http_parser *from)
+    {
+        static_cast<reception *>(from->data)->is_complete = true;
+        http_parser_pause(from, 1);
+        return 0;
+    }
+
+    // False when the bytes are no HTTP. No bytes mean the end of the connection.
+    bool feed(const char *bytes, size_t size)
+    {
+        static const http_parser_settings callbacks = [] {
+            http_parser_settings made;
+            http_parser_settings_init(&made);
+            made.on_header_field = take_field;
+            made.on_header_value = take_value;
+            made.on_body = take_body;
+            made.on_message_complete = take_end;
+            return made;
+        }();
+        has_bytes = has_bytes || size > 0;
+        has_more = http_parser_execute(&parser, &callbacks, bytes, size) < size;
+        return is_complete || HTTP_PARSER_ERRNO(&parser) == HPE_OK;
     }
 };
 
-connection::connection(std::string socket_path, unsigned timeout_seconds, progress &line)
-    : socket_(std::move(socket_path))
-    , timeout_(timeout_seconds)
-    , progress_line_(line)
-    , handle_(curl_easy_init(), curl_easy_cleanup)
+connection::connection(std::string socket_path, std::chrono::seconds timeout)
+    : path_(std::move(socket_path))
+    , timeout_(timeout)
+    , cancelled_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    , buffer_(buffer_bytes)
+{}
+
+connection::~connection()
 {
-    if (handle_ == nullptr) {
-        throw failure{ending::unreachable, "cannot prepare a request: out of memory"};
-    }
+    close();
+    ::close(cancelled_);
 }
 
-size_t connection::take_body(char *bytes, size_t size, size_t count, void *transfer)
+void connection::cancel()
 {
-    auto &now = *static_cast<connection::transfer *>(transfer);
-    try {
-        now.stopped = !now.take({bytes, size * count});
-    } catch (...) {
-        now.thrown = std::current_exception();
-    }
-    // Waiting for a slow reader of ours is no silence of the daemon's.
-    now.last_arrival = clock::now();
-    return now.stopped || now.thrown ? 0 : size * count;
+    eventfd_write(cancelled_, 1);
 }
 
-int connection::watch(void *transfer, long long, long long, long long, long long)
+void connection::close()
 {
-    auto &now = *static_cast<connection::transfer *>(transfer);
-    now.progress_line.tick();
-    now.timed_out = clock::now() - now.last_arrival > now.timeout;
-    return now.timed_out ? 1 : 0;
+    if (socket_ >= 0) {
+        ::close(std::exchange(socket_, -1));
+    }
+    eventfd_t count = 0;
+    eventfd_read(cancelled_, &count);
 }
 
-void connection::set_up(const request &what, transfer &now)
+void connection::fail(const std::string &why) const
 {
-    const std::string url = "http://l2fibd" + what.path;
-    CURL *curl = now.curl;
-    curl_easy_reset(curl);
-    curl_easy_setopt(curl, CURLOPT_UNIX_SOCKET_PATH, socket_.c_str());
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_PROXY, ""); // whatever the environment says
-    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &connection::take_body);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &now);
-    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, &connection::watch);
-    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &now);
-    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
-    if (what.is_operation) {
-        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, static_cast<long>(what.body.size()));
-        curl_easy_setopt(curl, CURLOPT_COPYPOSTFIELDS, what.body.c_str());
-    }
+    throw failure{ending::unreachable, "no answer from l2fibd at " + l2fibd::visible(path_) + ": " + why};
 }
 
-bool connection::perform(const request &what, const body_sink &sink)
+std::string connection::silence() const
 {
-    transfer now{handle_.get(), sink, progress_line_, std::chrono::seconds(timeout_)};
-    set_up(what, now);
-    const std::unique_ptr<curl_slist, void (*)(curl_slist *)> headers(
-        curl_slist_append(nullptr, "Content-Type: application/yang-data+json"), curl_slist_free_all);
-    if (what.is_operation) {
-        curl_easy_setopt(now.curl, CURLOPT_HTTPHEADER, headers.get());
+    return "nothing arrived for " + std::to_string(timeout_.count()) + " seconds";
+}
+
+// False when `at_most` has passed. Without a socket this only waits.
+bool connection::wait(int socket, short events, std::chrono::milliseconds at_most)
+{
+    pollfd waits[] = {{cancelled_, POLLIN, 0}, {socket, events, 0}};
+    poll(waits, 2, static_cast<int>(at_most.count()));
+    if (waits[0].revents != 0) {
+        throw failure{ending::cut, "the request was cancelled"};
     }
-    const CURLcode code = curl_easy_perform(now.curl);
-    if (now.thrown) {
-        std::rethrow_exception(now.thrown);
-    }
-    if (now.stopped) {
-        return false;
-    }
-    if (code != CURLE_OK) {
-        now.fail(code, socket_);
-    }
-    if (now.status() >= first_error_status) {
-        throw failure{ending_of(now.status(), now.error_body), error_text(now.status(), now.error_body)};
+    return waits[1].revents != 0;
+}
+
+// False when nothing arrived for the whole time-out.
+bool connection::wait_or_silent(short events)
+{
+    while (!wait(socket_, events, idle_period)) {
+        if (*while_waiting_) {
+            (*while_waiting_)();
+        }
+        if (clock::now() - last_arrival_ > timeout_) {
+            return false;
+        }
     }
     return true;
 }
 
-std::string error_text(long status, std::string_view body)
+void connection::open()
 {
-    std::string lines;
-    const auto errors = errors_in(body);
-    for (const auto &error : errors.is_array() ? errors : nlohmann::json::array()) {
-        const std::string message = text_of(error, "error-message");
-        if (!message.empty()) {
-            lines += (lines.empty() ? "" : "\n") + l2fibd::visible(message);
+    sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
+    path_.copy(address.sun_path, sizeof address.sun_path - 1);
+    socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    last_arrival_ = clock::now();
+    while (connect(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        // EAGAIN: the daemon has not accepted the connections before this one.
+        if (errno != EAGAIN && errno != EINTR) {
+            const std::string why = error_string(errno);
+            close();
+            fail(why);
+        }
+        if (clock::now() - last_arrival_ > timeout_) {
+            close();
+            fail(silence());
+        }
+        wait(-1, 0, backlog_period);
+    }
+}
+
+// If the daemon hung up, `receive` finds what it sent before.
+void connection::send_text(std::string_view text)
+{
+    while (!text.empty()) {
+        const ssize_t sent = send(socket_, text.data(), text.size(), MSG_NOSIGNAL);
+        if (sent >= 0) {
+            text.remove_prefix(static_cast<size_t>(sent));
+        } else if (errno == EAGAIN) {
+            if (!wait_or_silent(POLLOUT)) {
+                fail(silence());
+            }
+        } else if (errno != EINTR) {
+            return;
         }
     }
-    return lines.empty() ? "the daemon answered with the HTTP status " + std::to_string(status) : lines;
+}
+
+// Returns false when the connection ended before the first byte of an answer. An answer whose status has arrived, but
+// not its end, gets the reason in `cut`.
+bool connection::receive(reception &of)
+{
+    std::string why;
+    while (!of.is_complete && why.empty()) {
+        if (!wait_or_silent(POLLIN)) {
+            why = silence();
+            break;
+        }
+        const ssize_t got = recv(socket_, buffer_.data(), buffer_.size(), 0);
+        if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
+            continue;
+        }
+        last_arrival_ = clock::now();
+        if (!of.feed(buffer_.data(), got > 0 ? static_cast<size_t>(got) : 0)) {
+            why = got > 0 ? "what arrived is no HTTP" : ended_early;
+        } else if (got <= 0 && !of.is_complete) {
+            why = ended_early;
+        }
+    }
+    of.to.status = of.parser.status_code;
+    if (!why.empty() && of.to.status == 0 && (of.has_bytes || why != ended_early)) {
+        fail(why);
+    }
+    of.to.cut = why;
+    return why.empty() || of.has_bytes;
+}
+
+bool connection::exchange(const std::string &text, answer &to)
+{
+    to.status = 0;
+    to.body.clear();
+    to.completeness.clear();
+    to.cut.clear();
+    reception now(to);
+    last_arrival_ = clock::now();
+    send_text(text);
+    const bool has_answer = receive(now);
+    if (!has_answer || !to.cut.empty() || now.has_more || http_should_keep_alive(&now.parser) == 0) {
+        close();
+    }
+    return has_answer;
+}
+
+void connection::perform(const request &what, answer &to, const idle_task &while_waiting)
+{
+    while_waiting_ = &while_waiting;
+    const std::string text = request_text(what);
+    if (socket_ >= 0 && exchange(text, to)) {
+        return;
+    }
+    open();
+    if (!exchange(text, to)) {
+        fail(ended_early);
+    }
 }
 
 } // namespace l2fibctl

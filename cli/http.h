@@ -1,12 +1,16 @@
 // Requests to the daemon over its Unix socket.
+//
+// The connection is kept between requests. The daemon closes connections that are idle for some seconds, so a request
+// on a kept connection that ends without a byte of answer is sent once more, on a new one.
+//
+// Threads: one thread at a time performs a request. `cancel` is for any thread.
 #pragma once
 
+#include <chrono>
 #include <functional>
-#include <memory>
 #include <string>
 #include <string_view>
-
-#include "cli/output.h"
+#include <vector>
 
 namespace l2fibctl {
 
@@ -16,32 +20,52 @@ struct request {
     std::string body = {}; // of an operation
 };
 
-class connection {
-public:
-    // Takes the bytes of an answer as they come; returns false to get no more.
-    using body_sink = std::function<bool(std::string_view)>;
-
-    // Gives up when nothing has arrived for so many seconds.
-    connection(std::string socket_path, unsigned timeout_seconds, progress &line);
-
-    // Hands over the body of a successful answer. Throws a failure when there is none, what the daemon complains
-    // about, and what the sink throws. Returns false when the sink wanted no more, true at the end of the answer.
-    bool perform(const request &what, const body_sink &sink);
-
-private:
-    struct transfer;
-    static size_t take_body(char *bytes, size_t size, size_t count, void *transfer);
-    static int watch(void *transfer, long long, long long, long long, long long);
-
-    void set_up(const request &what, transfer &now);
-
-    std::string socket_;
-    unsigned timeout_;
-    progress &progress_line_;
-    std::unique_ptr<void, void (*)(void *)> handle_;
+struct answer {
+    unsigned status = 0;
+    std::string body = {};
+    std::string completeness = {}; // the header's word; empty when there is no such header
+    std::string cut = {};          // why the body ended early; empty when all of it is here
 };
 
-// What the daemon's error body says, a line for each error. The status alone when the body is none of the API's.
-std::string error_text(long status, std::string_view body);
+class connection {
+public:
+    // Called several times a second while a request waits.
+    using idle_task = std::function<void()>;
+
+    // Gives up when nothing arrives for `timeout`.
+    connection(std::string socket_path, std::chrono::seconds timeout);
+    ~connection();
+    connection(const connection &) = delete;
+    connection &operator=(const connection &) = delete;
+
+    // Receives the whole answer into `to`, whose memory is used again. Throws a failure when there is no status line.
+    void perform(const request &what, answer &to, const idle_task &while_waiting);
+
+    // Makes `perform` throw soon, in whichever thread it runs.
+    void cancel();
+
+    // Ends the connection and takes back `cancel`. The next request opens a new one.
+    void close();
+
+private:
+    struct reception;
+
+    void open();
+    bool exchange(const std::string &text, answer &to);
+    void send_text(std::string_view text);
+    bool receive(reception &of);
+    bool wait(int socket, short events, std::chrono::milliseconds at_most);
+    bool wait_or_silent(short events);
+    [[noreturn]] void fail(const std::string &why) const;
+    std::string silence() const;
+
+    std::string path_;
+    std::chrono::seconds timeout_;
+    int socket_ = -1;
+    int cancelled_; // an event that `cancel` raises
+    std::chrono::steady_clock::time_point last_arrival_ = {};
+    const idle_task *while_waiting_ = nullptr;
+    std::vector<char> buffer_;
+};
 
 } // namespace l2fibctl

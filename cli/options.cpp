@@ -18,7 +18,11 @@ constexpr char statuses[] = R"(Exit status:
   2  wrong usage
   3  the daemon cannot be reached
   4  the daemon answered with an error
-  5  the answer was cut)";
+  5  the answer was cut, or could not be written
+  6  the answer may be incomplete: the daemon marked it as limited or degraded)";
+
+constexpr char last_seen_word[] = "last-seen";
+constexpr char created_word[] = "created";
 
 constexpr size_t longest_name = 255; // longer than any, and short enough for a request
 constexpr size_t longest_path = sizeof sockaddr_un{}.sun_path - 1;
@@ -36,10 +40,10 @@ std::string to_address(std::string &text)
 
 std::string check_ipv4(const std::string &text)
 {
-    return l2fibd::is_ipv4(text) ? "" : "\"" + text + "\": expected an IPv4 address such as 192.0.2.1";
+    return l2fibd::parse_ipv4(text) ? "" : "\"" + text + "\": expected an IPv4 address such as 192.0.2.1";
 }
 
-// `what` is what has this length, such as "a name".
+// `what` names what is checked, such as "a name".
 CLI::Validator length_up_to(size_t most, const std::string &what)
 {
     const auto check = [most, what](const std::string &text) {
@@ -72,9 +76,35 @@ scope_options add_scope(CLI::App &to, options &result)
             to.add_option("--port", result.port, "Only this port, by name or xcid")->type_name("PORT")->check(is_name)};
 }
 
+std::string check_order(const std::string &text)
+{
+    const bool fits = text == last_seen_word || text == created_word;
+    return fits ? "" : "\"" + text + "\": expected " + last_seen_word + " or " + created_word;
+}
+
 CLI::App *add_command(CLI::App &to, const char *name, const char *description, command what, options &result)
 {
     return to.add_subcommand(name, description)->fallthrough()->callback([what, &result] { result.what = what; });
+}
+
+// --aging is short for --sort last-seen.
+void add_order(CLI::App &mac, CLI::Option *flagged, options &result)
+{
+    mac.add_flag_callback(
+           "--aging", [&result] { result.sorted_by = order::last_seen; }, "The same as --sort last-seen")
+        ->disable_flag_override()
+        ->excludes(flagged);
+    const auto take = [&result](const std::string &word) {
+        const order wanted = word == created_word ? order::created : order::last_seen;
+        if (result.sorted_by != order::usual && result.sorted_by != wanted) {
+            throw CLI::ExcludesError("--aging", std::string("--sort ") + created_word);
+        }
+        result.sorted_by = wanted;
+    };
+    mac.add_option_function<std::string>("--sort", take, "The oldest first, by the time last seen or created")
+        ->type_name("ORDER")
+        ->check(CLI::Validator([](std::string &text) { return check_order(text); }, "", "order"))
+        ->excludes(flagged);
 }
 
 void add_show_mac(CLI::App &show, options &result)
@@ -90,7 +120,7 @@ void add_show_mac(CLI::App &show, options &result)
     CLI::Option *flagged = mac->add_flag("--flagged", result.flagged,
                                          "Only entries of the bridge domain itself, and with --port locked ones")
                                ->disable_flag_override();
-    mac->add_flag("--aging", result.aging, "The oldest first")->disable_flag_override()->excludes(flagged);
+    add_order(*mac, flagged, result);
 }
 
 void add_show(CLI::App &app, options &result)
@@ -140,20 +170,22 @@ void add_globals(CLI::App &app, options &result)
         ->envname("L2FIBD_SOCKET")
         ->check(length_up_to(longest_path, "a path"))
         ->capture_default_str();
-    app.add_option("--limit", result.limit, "Print at most so many items")
+    app.add_option("--limit", result.limit, "Print at most this number of items")
         ->type_name("NUMBER")
         ->check(number_up_to(UINT64_MAX));
-    app.add_option("--timeout", result.timeout_seconds, "Give up when nothing arrives for so long")
+    app.add_option("--timeout", result.timeout_seconds, "Give up when nothing arrives for this long")
         ->type_name("SECONDS")
         ->check(number_up_to(86400))
         ->capture_default_str();
+    app.add_flag("--strict", result.strict, "Print nothing of an answer that may be incomplete")
+        ->disable_flag_override();
     app.set_version_flag("--version", "l2fibctl " L2FIB_VERSION);
     app.footer(statuses);
 }
 
 int complain(const std::string &message)
 {
-    std::cerr << "l2fibctl: " << message << "\nl2fibctl: --help tells what there is\n";
+    std::cerr << "l2fibctl: " << message << "\nl2fibctl: --help lists the commands and options\n";
     return static_cast<int>(ending::wrong_usage);
 }
 

@@ -14,14 +14,20 @@ namespace l2fibctl {
 namespace {
 
 constexpr size_t piece_size = size_t(64) * 1024;
+constexpr size_t held_size = size_t(4) * 1024 * 1024; // in memory, of held output
 constexpr auto quiet_time = std::chrono::seconds(1);
 constexpr auto redraw_time = std::chrono::milliseconds(250);
 
-// Standard output may be shared with somebody who has made it non-blocking.
+// Standard output may be shared with a process that made it non-blocking.
 void wait_for_room()
 {
     pollfd waits = {STDOUT_FILENO, POLLOUT, 0};
     poll(&waits, 1, -1);
+}
+
+[[noreturn]] void fail(const std::string &what)
+{
+    throw failure{ending::cut, what + ": " + std::strerror(errno)}; // NOLINT(concurrency-mt-unsafe): as in http.cpp
 }
 
 } // namespace
@@ -37,8 +43,8 @@ void progress::tick()
         return;
     }
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - start_).count();
-    std::fprintf(stderr, "\r%llu items, %lld s\033[K", static_cast<unsigned long long>(items_),
-                 static_cast<long long>(seconds));
+    const std::string text = text_.empty() ? std::to_string(items_) + " items" : text_;
+    std::fprintf(stderr, "\r%s, %lld s\033[K", text.c_str(), static_cast<long long>(seconds));
     drawn_ = true;
     last_ = now;
 }
@@ -52,38 +58,78 @@ void progress::stop()
     enabled_ = false;
 }
 
-output::output(progress &line)
+output::output(progress &line, bool held)
     : progress_line_(line)
     , terminal_(isatty(STDOUT_FILENO) == 1)
+    , held_(held)
+    , spilled_(nullptr, std::fclose)
 {}
 
 void output::put(std::string_view text)
 {
     pending_ += text;
-    if (pending_.size() >= piece_size) {
+    if (held_ && pending_.size() >= held_size) {
+        spill();
+    } else if (!held_ && pending_.size() >= piece_size) {
         flush();
     }
 }
 
+// Moves what is pending into the temporary file, which has no name and disappears with the process.
+void output::spill()
+{
+    if (spilled_ == nullptr) {
+        spilled_.reset(std::tmpfile());
+    }
+    if (spilled_ == nullptr || std::fwrite(pending_.data(), 1, pending_.size(), spilled_.get()) != pending_.size()
+        || std::fflush(spilled_.get()) != 0) {
+        fail("cannot hold back the answer in a temporary file in " P_tmpdir);
+    }
+    pending_.clear();
+}
+
+void output::release()
+{
+    held_ = false;
+    if (spilled_ != nullptr) {
+        std::string piece(piece_size, '\0');
+        std::rewind(spilled_.get());
+        while (const size_t size = std::fread(piece.data(), 1, piece.size(), spilled_.get())) {
+            write_out(std::string_view(piece).substr(0, size));
+        }
+        if (std::ferror(spilled_.get()) != 0) {
+            fail("cannot read the held answer from its temporary file");
+        }
+        spilled_.reset();
+    }
+    flush();
+}
+
 void output::flush()
 {
-    if (terminal_ && !pending_.empty()) {
+    if (!held_) {
+        write_out(pending_);
+        pending_.clear();
+    }
+}
+
+void output::write_out(std::string_view text)
+{
+    if (terminal_ && !text.empty()) {
         progress_line_.stop();
     }
-    std::string_view rest = pending_;
-    while (!rest.empty()) {
-        const ssize_t written = write(STDOUT_FILENO, rest.data(), rest.size());
+    while (!text.empty()) {
+        const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());
         if (written >= 0) {
-            rest.remove_prefix(static_cast<size_t>(written));
+            text.remove_prefix(static_cast<size_t>(written));
         } else if (errno == EPIPE) {
             throw failure{ending::done, ""};
         } else if (errno == EAGAIN) {
             wait_for_room();
         } else if (errno != EINTR) {
-            throw failure{ending::cut, std::string("cannot write the answer: ") + std::strerror(errno)};
+            fail("cannot write the answer");
         }
     }
-    pending_.clear();
 }
 
 } // namespace l2fibctl

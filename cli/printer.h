@@ -1,10 +1,14 @@
 // Prints items one at a time, as text or JSON, by the columns of their resource.
+//
+// Threads: the main one.
 #pragma once
 
 #include <cstdint>
-#include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <string>
+#include <string_view>
 
+#include "cli/json.h"
 #include "cli/output.h"
 #include "cli/resources.h"
 
@@ -14,7 +18,7 @@ enum class form : uint8_t {
     text,
     json,       // one array, or a record's object
     json_lines, // an item a line
-    bridge_json // as json, of entries in the form of bridge_entries
+    bridge_json // as json, of entries that bridge_form made
 };
 
 class printer {
@@ -26,7 +30,13 @@ public:
         , out_(to)
     {}
 
-    void item(const nlohmann::json &value);
+    // Sets the member `scope_member` of the items that follow, which the client adds itself.
+    void set_scope(std::string_view text);
+
+    void item(const json_value &value);
+
+    // An item that is JSON already.
+    void ready_item(std::string_view json);
 
     // After the last item; flushes.
     void end();
@@ -34,10 +44,15 @@ public:
     uint64_t printed() const { return items_; }
 
 private:
+    bool in_array() const;
+    std::string_view separator() const;
+
     form shown_in_;
     const resource &what_;
     output &out_;
     uint64_t items_ = 0;
+    simdjson::dom::parser scope_parser_;
+    std::optional<json_value> scope_;
     std::string line_; // kept between items for its memory
 };
 

@@ -4,18 +4,19 @@
 // row, and left out of JSON and of records.
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
 #include <span>
 #include <string>
 #include <string_view>
 
+#include "cli/json.h"
+
 namespace l2fibctl {
 
-// Widths belong to the kind, not to what is shown, so that rows line up although each is printed as it arrives.
+// Widths belong to the kind and not to the values, so that rows line up although each is printed when its page arrives.
 struct column_kind {
     unsigned width;
-    bool right; // aligned
-    std::string (*format)(const nlohmann::json &value);
+    bool right;                                               // aligned
+    void (*format)(std::string &to, const json_value &value); // appends
 };
 
 struct resource;
@@ -26,6 +27,8 @@ struct column {
     const column_kind *kind;    // how a value is shown
     const resource *parts = {}; // of values that are objects, or arrays of objects
 };
+
+inline constexpr size_t most_columns = 40; // of a resource
 
 enum class layout {
     table,  // an item is a row below titles; JSON has an array
@@ -39,6 +42,7 @@ struct resource {
 };
 
 extern const resource mac_entries;
+extern const resource aging_entries; // MAC entries in the order of their time last seen
 extern const resource mac_counts;
 extern const resource domains;
 extern const resource ports;
@@ -47,7 +51,7 @@ extern const resource tunnel_entries;
 extern const resource health;
 extern const resource traces;
 
-// The form in which `bridge -j fdb show` prints an entry.
-extern const resource bridge_entries;
+// Adds a member for `mac_counts`: which part of the table a count is of.
+inline constexpr std::string_view scope_member = "scope";
 
 } // namespace l2fibctl

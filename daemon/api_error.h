@@ -4,13 +4,14 @@
 #include <string>
 #include <utility>
 
+#include "daemon/json_writer.h"
+
 namespace l2fibd {
 
 struct api_error {
     unsigned status;
     const char *tag; // one of the API's error tags: a literal
     std::string message;
-    std::string restart = {}; // the URI to start again with; empty: there is none
     std::string allow = {};   // the methods that are served; of status 405
 };
 
@@ -30,7 +31,8 @@ inline api_error unexpected(const std::string &what, const std::string &value, c
     return invalid(what + " \"" + value + "\": expected " + expected);
 }
 
-// The body of its answer.
+// The body of its answer, and the member that it consists of.
 std::string error_body(const api_error &error);
+void write_errors(json_writer &json, const api_error &error);
 
 } // namespace l2fibd

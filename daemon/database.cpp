@@ -6,7 +6,9 @@
 #include <mutex>
 #include <set>
 
+#include "daemon/api_error.h"
 #include "daemon/text.h"
+#include "host/operational_db_host.h"
 #include "l2fib_mac_edm.h"
 
 namespace l2fibd {
@@ -64,17 +66,6 @@ unsigned http_status_of(uint32_t status)
     return (status & EDM_RESYNC_SEND_ERROR) == EDM_RESYNC_SEND_ERROR ? 503 : 500;
 }
 
-// A list's first page is asked for after its scope was brought up to date: one name of it is enough.
-void resync_by_list(const std::string &path)
-{
-    const host::operational_page page = ask({.path = path, .kind = host::request_kind::list, .count = 1});
-    if (page.status != 0 && !says_nothing_there(page)) {
-        throw error_of(page);
-    }
-}
-
-} // namespace
-
 host::operational_page ask(const host::operational_request &request)
 {
     const host::operational_session_ptr session = host::operational_open(request);
@@ -83,6 +74,23 @@ host::operational_page ask(const host::operational_request &request)
     host::operational_next(*session, page);
     return page;
 }
+
+// An answer that says that nothing is there comes after the resync, too.
+void resync_by(const host::operational_request &request)
+{
+    const host::operational_page page = ask(request);
+    if (page.status != 0 && page.status != EDM_ERR_NO_ITEM) {
+        throw api_error{http_status_of(page.status), "operation-failed", page.text};
+    }
+}
+
+// A list is asked for after its scope was brought up to date: one name of it is enough.
+void resync_by_list(const std::string &path)
+{
+    resync_by({.path = path, .kind = host::request_kind::list, .count = 1});
+}
+
+} // namespace
 
 void give_up_requests()
 {
@@ -93,48 +101,25 @@ void give_up_requests()
     }
 }
 
-bool says_nothing_there(const host::operational_page &page)
+bool requests_given_up()
 {
-    return page.status == EDM_ERR_NO_ITEM;
-}
-
-api_error error_of(const host::operational_page &page)
-{
-    return {http_status_of(page.status), "operation-failed", page.text};
-}
-
-host::operational_page get_record(const std::string &path, const api_error &missing)
-{
-    host::operational_page page = ask({.path = path, .kind = host::request_kind::get});
-    if (page.status == 0 && !page.items.empty()) {
-        return page;
-    }
-    throw http_status_of(page.status) == missing.status ? missing : error_of(page);
+    const std::lock_guard guard(live.lock);
+    return live.given_up;
 }
 
 void resync_all()
 {
-    get_record("mac-count", not_found("mac-count"));
+    resync_by({.path = "mac-count", .kind = host::request_kind::get});
 }
 
 void resync_domain(std::string_view domain)
 {
-    resync_by_list(domain_path(domain));
+    resync_by_list("mac-table/domain/" + percent_encode(domain));
 }
 
 void resync_port(uint32_t xcid, std::string_view domain)
 {
-    resync_by_list(port_path(xcid, domain));
-}
-
-std::string domain_path(std::string_view domain)
-{
-    return "mac-table/domain/" + percent_encode(domain);
-}
-
-std::string port_path(uint32_t xcid, std::string_view domain)
-{
-    return "mac-table/port/" + std::to_string(xcid) + "/domain/" + percent_encode(domain);
+    resync_by_list("mac-table/port/" + std::to_string(xcid) + "/domain/" + percent_encode(domain));
 }
 
 } // namespace l2fibd

@@ -2,6 +2,7 @@
 
 #include <span>
 
+#include "daemon/text.h"
 #include "daemon/visible.h"
 #include "forwarding/forwarding.h"
 #include "host/chunk_statistics.h"
@@ -37,6 +38,46 @@ void write_reasons(json_writer &json, std::string_view name, const std::vector<f
     json.end_array();
 }
 
+void write_time(json_writer &json, std::string_view name, int64_t seconds)
+{
+    if (seconds != 0) {
+        json.member(name, utc_text(seconds));
+    }
+}
+
+const char *status_of(const forwarding::health_view &view)
+{
+    return view.state == forwarding::completeness::whole ? "clean" : forwarding::text_of(view.state);
+}
+
+void write_limited(json_writer &json, const std::vector<forwarding::limited_view> &ports)
+{
+    json.begin_array("limited");
+    for (const forwarding::limited_view &each : ports) {
+        const counter counters[] = {{"evicted", each.evicted}, {"refused", each.refused}};
+        json.begin_object();
+        json.member("domain", each.domain);
+        if (!each.port.empty()) {
+            json.member("port", each.port);
+        }
+        write_counters(json, counters);
+        json.end_object();
+    }
+    json.end_array();
+}
+
+void write_proof(json_writer &json, const forwarding::proof_view &proof)
+{
+    const counter counters[] = {{"asked", proof.asked},
+                                {"disagreed", proof.disagreed},
+                                {"listed-stale", proof.listed_stale},
+                                {"listed-missing", proof.listed_missing}};
+    json.begin_object("proof");
+    write_counters(json, counters);
+    write_time(json, "last", proof.last);
+    json.end_object();
+}
+
 void write_plane(json_writer &json, const forwarding::health_view &view)
 {
     const counter counters[] = {
@@ -53,11 +94,21 @@ void write_plane(json_writer &json, const forwarding::health_view &view)
         {"resyncs-degraded", view.resyncs_degraded},
         {"doubtful-asked", view.doubtful_asked},
         {"doubtful-kept", view.doubtful_kept},
+        {"notifications-lost", view.of_plane.lost},
+        {"feeds", view.feeds},
+        {"feeds-full", view.feeds_full},
+        {"limit", view.limit},
+        {"entries-missing", view.missing},
+        {"evictions", view.evictions},
+        {"entries-refused", view.entries_refused},
     };
     json.member("plane", view.plane);
     json.member("group", view.group);
-    json.member("status", view.of_plane.clean ? "clean" : "degraded");
+    json.member("status", status_of(view));
+    write_time(json, "last-overrun", view.of_plane.last_overrun_time);
     write_counters(json, counters);
+    write_limited(json, view.limited);
+    write_proof(json, view.proof);
     write_reasons(json, "unmapped", view.unmapped);
     write_reasons(json, "refused", view.refused);
     json.begin_array("notes");
@@ -117,13 +168,6 @@ void write_requests(json_writer &json, const server_health &of_server)
     json.end_object();
 }
 
-void write_log(json_writer &json, const server_health &of_server)
-{
-    json.begin_object("log");
-    json.member64("lines-dropped", of_server.dropped_log_lines);
-    json.end_object();
-}
-
 } // namespace
 
 void write_health(json_writer &json)
@@ -133,14 +177,14 @@ void write_health(json_writer &json)
     write_memory(json);
     const server_health of_server = server != nullptr ? server() : server_health();
     write_requests(json, of_server);
-    write_log(json, of_server);
+    json.member64("log-lines-dropped", of_server.dropped_log_lines);
     json.end_object();
 }
 
 std::string health_text()
 {
     const forwarding::health_view view = forwarding::health();
-    std::string text = "plane " + view.plane + ", " + (view.of_plane.clean ? "clean" : "degraded") + ", generation "
+    std::string text = "plane " + view.plane + ", " + status_of(view) + ", generation "
                        + std::to_string(view.of_plane.generation) + ", " + std::to_string(view.links) + " links, "
                        + std::to_string(view.entries) + " entries";
     for (const forwarding::counted_reason &each : view.unmapped) {

@@ -133,7 +133,8 @@ ssize_t read_piece(void *context, uint64_t /*position*/, char *to, size_t room) 
     auto &body = *static_cast<streamed_body *>(context);
     try {
         if (!refill(body)) {
-            return MHD_CONTENT_READER_END_OF_STREAM;
+            const std::string &failure = body.rest->failure();
+            return failure.empty() ? MHD_CONTENT_READER_END_OF_STREAM : cut(failure);
         }
     } catch (const api_error &error) {
         return cut(error.message);
@@ -177,6 +178,7 @@ response_ptr response_of(answer &&from)
 MHD_Result send(MHD_Connection *connection, answer &&from, const std::string &allow)
 {
     const unsigned status = from.status;
+    const char *const worth = forwarding::text_of(from.worth);
     const bool has_body = status != MHD_HTTP_NO_CONTENT;
     const response_ptr response = response_of(std::move(from));
     if (response == nullptr) {
@@ -186,6 +188,7 @@ MHD_Result send(MHD_Connection *connection, answer &&from, const std::string &al
         MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONTENT_TYPE, "application/yang-data+json");
     }
     MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CACHE_CONTROL, "no-cache");
+    MHD_add_response_header(response.get(), "L2fib-Completeness", worth);
     if (const client *to = client_of(connection); to != nullptr && to->is_refused()) {
         MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONNECTION, "close");
     }
@@ -197,7 +200,8 @@ MHD_Result send(MHD_Connection *connection, answer &&from, const std::string &al
 
 MHD_Result send_error(MHD_Connection *connection, const api_error &error)
 {
-    return send(connection, {error.status, error_body(error), nullptr}, error.allow);
+    return send(connection, {error.status, error_body(error), nullptr, forwarding::completeness_watch().worst()},
+                error.allow);
 }
 
 // Health is answered whenever there is a thread for it: it is short, and says why other requests are refused.

@@ -20,7 +20,18 @@ void list_stream::write_next(std::string &text)
         json.begin_object();
         json.begin_array(std::string("l2fib-mac:").append(list_name_));
         has_begun_ = true;
+        write_page(json);
+        return;
     }
+    try {
+        write_page(json);
+    } catch (const api_error &error) {
+        write_failure(json, error);
+    }
+}
+
+void list_stream::write_page(json_writer &json)
+{
     const auto most = static_cast<uint32_t>(std::min<uint64_t>(left_, page_items));
     const list_source::position at = items_->fetch(most, json);
     has_items_ = has_items_ || at.count != 0;
@@ -37,7 +48,25 @@ void list_stream::write_end(json_writer &json, const list_source::position &at) 
     if (at.more) {
         json.member("l2fib-mac:next-cursor", base64url_encode(at.key));
     }
+    write_completeness(json, watch_);
     json.end_object();
+}
+
+void list_stream::write_failure(json_writer &json, const api_error &error)
+{
+    json.end_array();
+    write_errors(json, error);
+    failure_ = error.message;
+    is_finished_ = true;
+}
+
+void write_completeness(json_writer &json, const forwarding::completeness_watch &watch)
+{
+    const forwarding::completeness worst = watch.worst();
+    json.member("l2fib-mac:completeness", forwarding::text_of(worst));
+    if (worst != forwarding::completeness::whole) {
+        json.member("l2fib-mac:completeness-reason", watch.reason());
+    }
 }
 
 } // namespace l2fibd

@@ -1,6 +1,13 @@
 // Lists that are read and sent piece by piece: a source gives items as JSON, a stream puts them between brackets and
 // stops at a limit. At most one page of items is in memory.
 //
+//     {"l2fib-mac:NAME": [ items ], "l2fib-mac:next-cursor": TEXT, "l2fib-mac:completeness": "whole"}
+//
+// A list that fails after its first piece ends with the reason and without its last bracket, so that nobody takes it
+// for a whole one:
+//
+//     {"l2fib-mac:NAME": [ items ], "ietf-restconf:errors": {"error": [...]}
+//
 // Threads: a source and its stream belong to one request.
 #pragma once
 
@@ -9,7 +16,9 @@
 #include <string>
 #include <string_view>
 
+#include "daemon/api_error.h"
 #include "daemon/json_writer.h"
+#include "forwarding/forwarding.h"
 
 namespace l2fibd {
 
@@ -40,12 +49,18 @@ public:
     // `name` is that of the list, a literal.
     list_stream(std::string_view name, std::unique_ptr<list_source> source, uint64_t limit);
 
-    // Appends the next piece of the whole JSON text. Throws api_error; the text has no end then.
+    // Appends the next piece of the whole JSON text. Throws api_error for the first piece; a later one becomes the
+    // list's failure.
     void write_next(std::string &text);
     bool finished() const { return is_finished_; }
 
+    // Why a finished list was cut; empty: it is whole.
+    const std::string &failure() const { return failure_; }
+
 private:
+    void write_page(json_writer &json);
     void write_end(json_writer &json, const list_source::position &at) const;
+    void write_failure(json_writer &json, const api_error &error);
 
     std::string_view list_name_;
     std::unique_ptr<list_source> items_;
@@ -53,6 +68,11 @@ private:
     bool has_begun_ = false;
     bool has_items_ = false;
     bool is_finished_ = false;
+    std::string failure_ = {};
+    forwarding::completeness_watch watch_ = {};
 };
+
+// The members `completeness` and, unless the answer is whole, `completeness-reason`.
+void write_completeness(json_writer &json, const forwarding::completeness_watch &watch);
 
 } // namespace l2fibd

@@ -27,6 +27,11 @@ namespace {
 using l2fibd::log;
 using l2fibd::log_level;
 
+void log_report(forwarding::severity how_bad, const std::string &text)
+{
+    log(how_bad == forwarding::severity::warning ? log_level::warning : log_level::info, text);
+}
+
 sigset_t block_signals()
 {
     sigset_t signals;
@@ -135,6 +140,7 @@ int main(int argc, char **argv)
             return *status;
         }
         l2fibd::log_threshold(settings.finest);
+        settings.forwarding.report = log_report;
         std::signal(SIGPIPE, SIG_IGN); // a client that has gone is an error of its connection
         // The table tells times of day as this process sees them; the API promises UTC.
         setenv("TZ", "UTC0", 1); // NOLINT(concurrency-mt-unsafe): there are no other threads yet

@@ -148,6 +148,10 @@ void add_options(CLI::App &app, settings &into)
         app.add_option_function<std::string>(option.name, setter(set), option.description)->type_name(option.type);
     }
     add_number(app, "--mac-limit", into.forwarding.mac_limit, uint32_t{100'000'000}, "the most MAC entries");
+    add_number(app, "--receive-buffer", into.forwarding.receive_buffer, uint32_t{1} << 30,
+               "bytes for notifications of the kernel that wait to be read; 0 is 128 MiB");
+    add_number(app, "--proof-rate", into.forwarding.proof_rate, uint32_t{100'000},
+               "entries a second that are compared with the kernel's");
     add_number(app, "--resync-wait", into.forwarding.resync_wait_seconds, uint16_t{3600},
                "seconds that a request waits for the forwarding plane");
     add_choice(app, "--log-level", into.finest, levels, "how much is logged");
@@ -168,6 +172,7 @@ void settle_plane(const CLI::App &app, settings &into)
         {"--generate", plane_choice::generated, false, "expected --plane generated with it, or none"},
         {"--recorded", plane_choice::recorded, true, "expected --plane recorded with it, or none"},
         {"--netns", plane_choice::kernel, false, "expected --plane kernel with it, or none"},
+        {"--receive-buffer", plane_choice::kernel, false, "expected --plane kernel with it, or none"},
     };
     bool is_chosen = app.count("--plane") != 0;
     for (const auto &row : rows) {

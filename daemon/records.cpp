@@ -7,11 +7,8 @@
 #include <iterator>
 #include <vector>
 
-#include "daemon/api_error.h"
 #include "daemon/text.h"
-#include "host/parcel_host.h"
 #include "l2fm_edm_table.h"
-#include "platform/l2fib.h"
 
 namespace l2fibd {
 
@@ -19,261 +16,128 @@ namespace {
 
 constexpr uint64_t nanoseconds = 1'000'000'000;
 
-// ---- Fields of an encoded record ----
-
-class record_fields {
-public:
-    explicit record_fields(std::span<const uint8_t> data)
-    {
-        if (host::parcel_read(data, values_) != 0) {
-            throw api_error{500, "operation-failed", "the table's answer could not be read"};
-        }
-    }
-
-    uint64_t number(std::string_view name) const
-    {
-        const host::parcel_value *value = find(name);
-        return value != nullptr ? value->number : 0;
-    }
-
-    std::string_view text(std::string_view name) const
-    {
-        const host::parcel_value *value = find(name);
-        return value != nullptr ? value->text : std::string_view();
-    }
-
-    // As the wire has them.
-    std::span<const uint8_t> bytes(std::string_view name) const
-    {
-        const std::string_view view = text(name);
-        return {reinterpret_cast<const uint8_t *>(view.data()), view.size()};
-    }
-
-private:
-    const host::parcel_value *find(std::string_view name) const
-    {
-        const auto found = std::ranges::find(values_, name, &host::parcel_value::name);
-        return found != values_.end() ? &*found : nullptr;
-    }
-
-    std::vector<host::parcel_value> values_;
-};
-
-uint32_t narrow(uint64_t number)
-{
-    return static_cast<uint32_t>(number);
-}
-
-void write_if_set(json_writer &json, std::string_view name, uint64_t number)
+void write_if_set(json_writer &json, std::string_view name, uint32_t number)
 {
     if (number != 0) {
-        json.member(name, narrow(number));
+        json.member(name, number);
     }
-}
-
-bool has_address(std::span<const uint8_t> bytes)
-{
-    return std::ranges::any_of(bytes, [](uint8_t byte) { return byte != 0; });
 }
 
 // ---- Flags ----
 
-// How a reported flag is called: bits of `mac_flags`, then of `mac_flags2`.
+// How the bits of `flags` and of `ext_flags` are called.
 struct flag_name {
-    uint32_t flag;
-    uint32_t flag2;
+    uint16_t flag;
+    uint16_t ext_flag;
     std::string_view name;
 };
 
-constexpr uint32_t static_flag = 0x00004000;
-constexpr uint32_t local_flag = 0x00002000;
-
 constexpr flag_name flag_names[] = {
-    {0x00100000, 0, "backbone"},  {static_flag, 0, "static"},
-    {local_flag, 0, "local"},     {0x00020000, 0, "domain-fixed"},
-    {0x00010000, 0, "sticky"},    {0x00200000, 0, "bridge-own"},
-    {0x00400000, 0, "flag-0040"}, {0x08000000, 0, "extern-learned"},
-    {0x20000000, 0, "flag-0200"}, {0x40000000, 0, "flag-0400"},
-    {0x80000000, 0, "offloaded"}, {0, 0x0008, "timestamped"},
-    {0, 0x0010, "flag-4000"},     {0, 0x0020, "locked"},
-    {0, 0x2000, "inactive"},
+    {EDM_MAC_PBB, 0, "backbone"},
+    {EDM_MAC_STATIC, 0, "static"},
+    {EDM_MAC_LOCAL, 0, "local"},
+    {EDM_MAC_BD_FIXED, 0, "domain-fixed"},
+    {0x0010, 0, "sticky"},
+    {EDM_MAC_BD_OWN, 0, "bridge-own"},
+    {EDM_MAC_BD_40, 0, "flag-0040"},
+    {EDM_MAC_EXTERN_LEARNED, 0, "extern-learned"},
+    {EDM_MAC_BD_200, 0, "flag-0200"},
+    {EDM_MAC_BD_400, 0, "flag-0400"},
+    {0x0800, 0, "offloaded"},
+    {EDM_MAC_TIMESTAMP_VALID, 0, "timestamped"},
+    {0x4000, 0, "flag-4000"},
+    {0x8000, 0, "locked"},
+    {0, 0x0001, "inactive"},
 };
 
-void write_flags(json_writer &json, uint64_t flags, uint64_t flags2)
+void write_flags(json_writer &json, const forwarding::mac_row &row)
 {
-    json.member("origin", (flags & local_flag) != 0 ? "local" : (flags & static_flag) != 0 ? "static" : "learned");
+    json.member("origin", (row.flags & EDM_MAC_LOCAL) != 0    ? "local"
+                          : (row.flags & EDM_MAC_STATIC) != 0 ? "static"
+                                                              : "learned");
     json.begin_array("flags");
-    for (const flag_name &row : flag_names) {
-        if ((flags & row.flag) != 0 || (flags2 & row.flag2) != 0) {
-            json.text(row.name);
+    for (const flag_name &name : flag_names) {
+        if ((row.flags & name.flag) != 0 || (row.ext_flags & name.ext_flag) != 0) {
+            json.text(name.name);
         }
     }
     json.end_array();
 }
 
-// ---- Ages ----
-
-// When the entry was last seen, from the record's text, such as "31 Jan 12:00:00". It has no year: the newest that is
-// not in the future, give or take a day. It is in UTC because the process is (main.cpp). -1 when it tells no time.
-time_t last_seen(std::string_view text, time_t now)
+void write_times(json_writer &json, const forwarding::mac_row &row, bool is_ordered)
 {
-    constexpr std::string_view months = "JanFebMarAprMayJunJulAugSepOctNovDec";
-    constexpr time_t day = 86'400;
-    const size_t month = text.size() == 15 ? months.find(text.substr(3, 3)) : std::string_view::npos;
-    if (month == std::string_view::npos) {
-        return -1;
+    json.member("age", row.age);
+    if (row.last_seen != 0) {
+        json.member("last-seen", utc_text(row.last_seen));
     }
-    const auto part = [text](size_t at) { return static_cast<int>(parse_number(text.substr(at, 2)).value_or(0)); };
-    tm read{};
-    gmtime_r(&now, &read);
-    const int this_year = read.tm_year;
-    const auto in_year = [&](int year) {
-        tm time{};
-        time.tm_year = year;
-        time.tm_mon = static_cast<int>(month / 3);
-        time.tm_mday = part(0);
-        time.tm_hour = part(7);
-        time.tm_min = part(10);
-        time.tm_sec = part(13);
-        return timegm(&time);
-    };
-    const time_t seen = in_year(this_year);
-    return seen <= now + day ? seen : in_year(this_year - 1);
-}
-
-void write_age(json_writer &json, const record_fields &fields)
-{
-    const time_t now = std::time(nullptr);
-    const time_t seen = last_seen(fields.text("time_str"), now);
-    if (seen < 0) {
-        json.member("age", narrow(fields.number("age") / nanoseconds));
-    } else {
-        json.member("age", narrow(static_cast<uint64_t>(std::max<time_t>(0, now - seen))));
-        json.member("last-seen", utc_text(seen));
+    if (is_ordered && row.time_left) {
+        json.member("time-left", *row.time_left);
     }
 }
 
 // ---- Places ----
 
-// The port and what it is called, unless the entry belongs to the bridge domain itself.
-void write_port_name(json_writer &json, uint32_t xcid, port_names &names)
+void write_segment(json_writer &json, const forwarding::mac_row &row)
 {
-    if (xcid == EDM_XCID_DUMMY) {
-        return;
+    write_if_set(json, "vlan", row.vlan);
+    write_if_set(json, "vni", row.vni);
+    write_if_set(json, "source-vni", row.source_vni);
+    if ((row.flags & EDM_MAC_VNI) != 0 && row.vtep != std::array<uint8_t, 4>{}) {
+        json.member("vtep", ip_text(row.vtep));
     }
-    json.member("xcid", xcid);
-    if (const forwarding::port_view *port = names.find(xcid)) {
-        json.member("port", port->name);
+    if ((row.flags & EDM_MAC_PBB) != 0) {
+        json.member("backbone-mac", mac_text(row.backbone));
     }
-}
-
-void write_segment(json_writer &json, const record_fields &fields)
-{
-    write_if_set(json, "vlan", fields.number("ext_attr"));
-    write_if_set(json, "vni", fields.number("vtep_seg_info"));
-    if (has_address(fields.bytes("vtep_addr"))) {
-        json.member("vtep", ip_text(fields.bytes("vtep_addr")));
+    if (row.node_id != EDM_NODE_UNKNOWN) {
+        json.member("node-id", row.node_id);
     }
-    if (fields.number("bmac_valid") != 0) {
-        json.member("backbone-mac", mac_text(fields.bytes("bmac")));
-    }
-    if (fields.number("node_id") != EDM_NODE_UNKNOWN) {
-        json.member("node-id", narrow(fields.number("node_id")));
-    }
-}
-
-// The hexadecimal numbers at the beginning of an item's name.
-std::array<uint32_t, 3> numbers_of(std::string_view item_name)
-{
-    std::array<uint32_t, 3> numbers{};
-    const auto parts = split(item_name, ',');
-    for (size_t i = 0; i < std::min(parts.size(), numbers.size()); i++) {
-        numbers[i] = narrow(parse_number(parts[i], UINT32_MAX, 16).value_or(0));
-    }
-    return numbers;
 }
 
 } // namespace
 
-const forwarding::port_view *port_names::find(uint32_t xcid)
+void write_row(json_writer &json, const forwarding::mac_row &row, bool is_ordered)
 {
-    auto found = ports_.find(xcid);
-    if (found == ports_.end() && may_renew_) {
-        may_renew_ = false;
-        ports_.clear();
-        for (forwarding::port_view &port : forwarding::ports()) {
-            const uint32_t key = port.xcid;
-            ports_.insert_or_assign(key, std::move(port));
-        }
-        found = ports_.find(xcid);
-    }
-    return found != ports_.end() ? &found->second : nullptr;
-}
-
-void write_mac_entry(json_writer &json, std::span<const uint8_t> record, std::string_view address, port_names &names)
-{
-    const record_fields fields(record);
     json.begin_object();
-    json.member("domain", fields.text("bd_name"));
-    json.member("mac-address", address);
-    json.member("bridge-id", narrow(fields.number("bridge_id")));
-    write_port_name(json, narrow(fields.number("xcid")), names);
-    write_flags(json, fields.number("mac_flags"), fields.number("mac_flags2"));
-    write_age(json, fields);
-    write_segment(json, fields);
+    json.member("domain", row.domain != nullptr ? row.domain->name : std::string_view());
+    json.member("mac-address", mac_text(row.mac));
+    json.member("bridge-id", row.bridge_id);
+    if (row.xcid != EDM_XCID_DUMMY) {
+        json.member("xcid", row.xcid);
+    }
+    if (row.port != nullptr) {
+        json.member("port", row.port->name);
+    }
+    write_flags(json, row);
+    write_times(json, row, is_ordered);
+    write_segment(json, row);
     json.end_object();
 }
 
-std::string mac_of_item(std::string_view item_name)
+void write_vtep(json_writer &json, const forwarding::vtep_view &vtep, const forwarding::object_views *objects)
 {
-    std::array<uint8_t, 6> address{};
-    macaddr_lwordston(numbers_of(item_name).data(), address.data());
-    return mac_text(address);
-}
-
-uint32_t xcid_of(std::span<const uint8_t> record)
-{
-    return narrow(record_fields(record).number("xcid"));
-}
-
-void write_mac_item(json_writer &json, const host::operational_item &item, port_names &names)
-{
-    write_mac_entry(json, item.data, mac_of_item(item.name), names);
-}
-
-void write_vtep_item(json_writer &json, const host::operational_item &item, port_names &names)
-{
-    const record_fields fields(item.data);
-    const uint32_t xcid = numbers_of(item.name)[0];
     json.begin_object();
-    json.member("xcid", xcid);
-    json.member("address", ip_text(fields.bytes("vtep_addr")));
-    if (const forwarding::port_view *port = names.find(xcid)) {
+    json.member("xcid", vtep.xcid);
+    json.member("address", ip_text(vtep.address));
+    const forwarding::port_view *port = objects != nullptr ? objects->find_port(vtep.bridge_id, vtep.xcid) : nullptr;
+    if (port != nullptr) {
         json.member("port", port->name);
         json.member("domain", port->domain);
     }
-    write_if_set(json, "vni", fields.number("seg_info2"));
+    write_if_set(json, "vni", vtep.vni);
     json.end_object();
 }
 
-void write_mac_count(json_writer &json, std::span<const uint8_t> record, bool with_own)
+void write_mac_count(json_writer &json, const forwarding::entry_counts &counts, bool with_own)
 {
-    const record_fields fields(record);
     json.begin_object();
-    json.member("total", narrow(fields.number("mac_cnt_sum")));
-    json.member("learned", narrow(fields.number("mac_cnt_plain")));
-    json.member("static", narrow(fields.number("mac_cnt_f2")));
-    json.member("local", narrow(fields.number("mac_cnt_f4")));
+    json.member("total", counts.total);
+    json.member("learned", counts.learned);
+    json.member("static", counts.fixed);
+    json.member("local", counts.local);
     if (with_own) {
-        json.member("bridge-own", narrow(fields.number("mac_cnt_f60")));
+        json.member("bridge-own", counts.bridge_own);
     }
     json.end_object();
-}
-
-uint64_t entries_counted(std::span<const uint8_t> record)
-{
-    const record_fields fields(record);
-    return fields.number("mac_cnt_sum") + fields.number("mac_cnt_f4") + fields.number("mac_cnt_f60");
 }
 
 void write_domain(json_writer &json, const forwarding::domain_view &domain)
@@ -374,7 +238,7 @@ void write_trace(json_writer &json, const host::trace_point &point, host::trace_
 {
     std::string time = utc_text(static_cast<int64_t>(point.time_ns / nanoseconds));
     char fraction[16];
-    std::snprintf(fraction, sizeof fraction, ".%06uZ", narrow(point.time_ns % nanoseconds / 1000));
+    std::snprintf(fraction, sizeof fraction, ".%06uZ", static_cast<unsigned>(point.time_ns % nanoseconds / 1000));
     time.replace(time.size() - 1, 1, fraction);
     json.begin_object();
     json.member("ring", ring == host::trace_ring::normal ? "normal" : "error");

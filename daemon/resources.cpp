@@ -1,8 +1,11 @@
 #include "daemon/resources.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
+#include <chrono>
 #include <exception>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -15,6 +18,7 @@
 #include "daemon/target.h"
 #include "daemon/text.h"
 #include "forwarding/forwarding.h"
+#include "forwarding/reading.h"
 
 namespace l2fibd {
 
@@ -26,7 +30,6 @@ constexpr uint64_t most_items = 1'000'000;
 
 struct call {
     const target &to;
-    std::string_view uri;
     std::string_view body;
 
     // The key of the last path element that has one.
@@ -76,13 +79,13 @@ forwarding::port_view port_of(const std::string &xcid)
     return *found;
 }
 
-std::string mac_of(const std::string &what, const std::string &text)
+forwarding::mac_address mac_of(const std::string &what, const std::string &text)
 {
     const auto address = parse_mac(text);
     if (!address) {
         throw unexpected(what, text, "a MAC address as 02:00:00:00:00:01 or 0200.0000.0001");
     }
-    return mac_text(*address);
+    return *address;
 }
 
 // ---- Lists ----
@@ -113,21 +116,6 @@ std::optional<std::string> start_of(const call &asked)
     return key;
 }
 
-// The request without its cursor.
-std::string restart_of(const call &asked)
-{
-    std::string uri(asked.uri.substr(0, asked.uri.find('?')));
-    char separator = '?';
-    for (const target::parameter &parameter : asked.to.parameters) {
-        if (parameter.name != "cursor") {
-            uri += separator;
-            uri += parameter.name + "=" + percent_encode(parameter.value);
-            separator = '&';
-        }
-    }
-    return uri;
-}
-
 answer stream(std::string_view name, std::unique_ptr<list_source> source, uint64_t limit)
 {
     answer result;
@@ -144,18 +132,6 @@ answer stream(const call &asked, std::string_view name, std::unique_ptr<list_sou
     return stream(name, std::move(source), limit_of(asked));
 }
 
-std::unique_ptr<list_source> source_in_database(const call &asked, database_list list)
-{
-    list.cursor = start_of(asked);
-    list.restart = restart_of(asked);
-    return make_database_source(std::move(list));
-}
-
-answer stream_from_database(const call &asked, std::string_view name, database_list list)
-{
-    return stream(asked, name, source_in_database(asked, std::move(list)));
-}
-
 bool is_flagged(const call &asked)
 {
     const std::string *text = asked.parameter("flagged");
@@ -165,58 +141,102 @@ bool is_flagged(const call &asked)
     return text != nullptr && *text == "true";
 }
 
-// The MAC entries of a domain, or of all of them when its name is empty.
-answer list_entries(const call &asked, const std::string &domain)
+// What a list of a domain or of the whole table takes for flagged; a port's takes more.
+constexpr uint16_t flagged_in_domain = EDM_MAC_ON_DUMMY_PORT;
+constexpr uint16_t flagged_on_port = EDM_MAC_ON_DUMMY_PORT | 0xc000;
+
+std::optional<std::array<uint8_t, 4>> vtep_of(const call &asked)
 {
-    std::string path = "mac-table";
-    std::string mac;
-    if (const std::string *vtep = asked.parameter("vtep")) {
-        if (!is_ipv4(*vtep)) {
-            throw unexpected("vtep", *vtep, "an IPv4 address as 192.0.2.1");
-        }
-        path += "/vtep/" + *vtep;
+    const std::string *text = asked.parameter("vtep");
+    if (text == nullptr) {
+        return std::nullopt;
     }
-    if (!domain.empty()) {
-        path += "/domain/" + percent_encode(domain);
+    const auto address = parse_ipv4(*text);
+    if (!address) {
+        throw unexpected("vtep", *text, "an IPv4 address as 192.0.2.1");
     }
-    if (const std::string *text = asked.parameter("mac")) {
-        mac = mac_of("mac", *text);
-        path += "/mac/" + mac;
+    return address;
+}
+
+// The MAC entries of a domain, or of all of them when the filter names none. Only a list's beginning is brought up to
+// date: a continuation belongs to it.
+answer list_entries(const call &asked, forwarding::row_filter filter, void (*resync)(const call &asked))
+{
+    filter.vtep = vtep_of(asked);
+    filter.flags = is_flagged(asked) ? flagged_in_domain : uint16_t{0};
+    const std::optional<std::string> start = start_of(asked);
+    const std::string *text = asked.parameter("mac");
+    const auto mac = text != nullptr ? std::optional(mac_of("mac", *text)) : std::nullopt;
+    const uint64_t limit = limit_of(asked);
+    if (!start) {
+        resync(asked);
     }
-    path += is_flagged(asked) ? "/flagged" : "";
-    return stream_from_database(asked, "mac-entry", {.path = path, .domain = domain, .mac = mac});
+    return stream("mac-entry",
+                  mac ? make_address_source(*mac, filter, start) : make_table_source(filter, start), limit);
 }
 
 answer list_table(const call &asked)
 {
-    return list_entries(asked, {});
+    return list_entries(asked, {}, [](const call &) { resync_all(); });
 }
 
 answer list_domain_entries(const call &asked)
 {
-    return list_entries(asked, domain_of(asked.key()).name);
+    return list_entries(asked, {.bridge_id = domain_of(asked.key()).bridge_id},
+                        [](const call &of) { resync_domain(of.key()); });
 }
 
 answer list_port_entries(const call &asked)
 {
     const forwarding::port_view port = port_of(asked.key());
-    const std::string path = port_path(port.xcid, port.domain) + (is_flagged(asked) ? "/flagged" : "");
-    return stream_from_database(asked, "mac-entry",
-                                {.path = path, .order = list_order::by_port, .domain = port.domain});
+    const std::optional<std::string> start = start_of(asked);
+    const uint16_t flags = is_flagged(asked) ? flagged_on_port : uint16_t{0};
+    const uint64_t limit = limit_of(asked);
+    if (!start) {
+        resync_port(port.xcid, port.domain);
+    }
+    return stream("mac-entry",
+                  make_table_source({.bridge_id = port.bridge_id, .xcid = port.xcid, .flags = flags}, start), limit);
 }
 
-// New entries come behind all others, so that an answer might never end while more of them come than are told. It ends,
-// therefore, after as many as there are now; the page more is for what the counts leave out.
+struct order_name {
+    std::string_view name;
+    forwarding::row_order order;
+};
+
+constexpr order_name orders[] = {
+    {"last-seen", forwarding::row_order::last_seen},
+    {"created", forwarding::row_order::created},
+};
+
+forwarding::row_order order_of(const call &asked)
+{
+    const std::string *text = asked.parameter("sort");
+    const auto *found = std::ranges::find(orders, text != nullptr ? *text : "last-seen", &order_name::name);
+    if (found == std::end(orders)) {
+        throw unexpected("sort", *text, "last-seen or created");
+    }
+    return found->order;
+}
+
 answer list_by_age(const call &asked)
 {
-    const host::operational_page counts = get_record("mac-count", not_found("mac-aging: the table has no counts"));
-    const uint64_t limit = std::min(limit_of(asked), entries_counted(counts.items[0].data) + page_items);
-    return stream("mac-entry", source_in_database(asked, {.path = "mac-aging", .order = list_order::by_age}), limit);
+    const forwarding::row_order order = order_of(asked);
+    const std::optional<std::string> start = start_of(asked);
+    const uint64_t limit = limit_of(asked);
+    if (!start) {
+        resync_all();
+    }
+    return stream("mac-entry", make_ordered_source(order, start, limit), limit);
 }
 
 answer list_vteps(const call &asked)
 {
-    return stream_from_database(asked, "vtep", {.path = "mac-vtep", .order = list_order::by_vtep});
+    const std::optional<std::string> start = start_of(asked);
+    if (!start) {
+        resync_all();
+    }
+    return stream(asked, "vtep", make_vtep_source(start));
 }
 
 answer list_domains(const call &asked)
@@ -246,10 +266,12 @@ template <typename Write>
 answer document(std::string_view name, Write write)
 {
     answer result;
+    const forwarding::completeness_watch watch;
     json_writer json(result.body);
     json.begin_object();
     json.name(std::string("l2fib-mac:").append(name));
     write(json);
+    write_completeness(json, watch);
     json.end_object();
     return result;
 }
@@ -266,13 +288,16 @@ answer single_entry(std::string_view name, Write write)
 
 answer get_entry(const call &asked)
 {
-    const std::string mac = mac_of("mac-entry", asked.key());
-    const std::string domain = domain_of(*asked.to.path[asked.to.path.size() - 2].key).name;
-    const auto missing = not_found("mac-entry \"" + mac + "\": the bridge domain \"" + domain + "\" has no such entry");
-    const host::operational_page page = get_record(domain_path(domain) + "/mac/" + mac, missing);
+    const forwarding::mac_address mac = mac_of("mac-entry", asked.key());
+    const forwarding::domain_view domain = domain_of(*asked.to.path[asked.to.path.size() - 2].key);
+    resync_domain(domain.name);
     return single_entry("mac-entry", [&](json_writer &json) {
-        port_names names;
-        write_mac_entry(json, page.items[0].data, mac, names);
+        const forwarding::row_page found = forwarding::find_rows(mac, domain.bridge_id);
+        if (found.rows.empty()) {
+            throw not_found("mac-entry \"" + mac_text(mac) + "\": the bridge domain \"" + domain.name
+                            + "\" has no such entry");
+        }
+        write_row(json, found.rows.front(), false);
     });
 }
 
@@ -288,30 +313,32 @@ answer get_port(const call &asked)
     return single_entry("port", [&](json_writer &json) { write_port(json, port); });
 }
 
-answer count_at(const std::string &path, const api_error &missing, bool of_all)
-{
-    const host::operational_page page = get_record(path, missing);
-    return document("mac-count", [&](json_writer &json) { write_mac_count(json, page.items[0].data, of_all); });
-}
-
 answer count_all(const call & /*asked*/)
 {
-    return count_at("mac-count", not_found("mac-count: the table has no counts"), true);
+    resync_all();
+    return document("mac-count", [](json_writer &json) { write_mac_count(json, forwarding::count_all(), true); });
 }
 
-// The counts of a domain and a port come without a resynchronisation of their own.
+answer count_of(const std::optional<forwarding::entry_counts> &counts, const api_error &missing)
+{
+    if (!counts) {
+        throw missing;
+    }
+    return document("mac-count", [&](json_writer &json) { write_mac_count(json, *counts, false); });
+}
+
 answer count_domain(const call &asked)
 {
-    const std::string domain = domain_of(asked.key()).name;
-    resync_domain(domain);
-    return count_at("mac-count/domain/" + percent_encode(domain), no_domain(domain), false);
+    const forwarding::domain_view domain = domain_of(asked.key());
+    resync_domain(domain.name);
+    return count_of(forwarding::count_domain(domain.bridge_id), no_domain(domain.name));
 }
 
 answer count_port(const call &asked)
 {
     const forwarding::port_view port = port_of(asked.key());
     resync_port(port.xcid, port.domain);
-    return count_at("mac-count/port/" + std::to_string(port.xcid), no_port(asked.key()), false);
+    return count_of(forwarding::count_port(port.xcid), no_port(asked.key()));
 }
 
 answer get_health(const call & /*asked*/)
@@ -322,30 +349,82 @@ answer get_health(const call & /*asked*/)
 // ---- The operation ----
 
 constexpr const char *resync_input =
-    R"({"l2fib-mac:input": {"domain": NAME}}, {"l2fib-mac:input": {"port": XCID}} or nothing)";
+    R"({"l2fib-mac:input": {"domain": NAME or "port": XCID, "wait": SECONDS}}, each of them optional, or nothing)";
 
-// The input's only member; null when there is none.
-nlohmann::json read_input(std::string_view body)
+[[noreturn]] void refuse_input(const char *tag)
+{
+    throw api_error{400, tag, std::string("body: expected ") + resync_input};
+}
+
+// The input's members; null members were not given.
+struct resync_request {
+    nlohmann::json domain = nullptr;
+    nlohmann::json port = nullptr;
+    nlohmann::json wait = nullptr;
+};
+
+resync_request read_input(std::string_view body)
 {
     const auto input = nlohmann::json::parse(body.empty() ? "{}" : body, nullptr, false);
     if (!input.is_object() || input.size() > 1) {
-        throw api_error{400, "malformed-message", std::string("body: expected ") + resync_input};
+        refuse_input("malformed-message");
     }
-    return input.empty() ? nlohmann::json::object() : input.value("l2fib-mac:input", nlohmann::json());
+    const auto members = input.empty() ? nlohmann::json::object() : input.value("l2fib-mac:input", nlohmann::json());
+    const auto member = [&](const char *name) { return members.value(name, nlohmann::json()); };
+    const size_t known = !members.is_object() ? 0
+                                              : members.count("domain") + members.count("port") + members.count("wait");
+    if (!members.is_object() || known != members.size() || (members.contains("domain") && members.contains("port"))) {
+        refuse_input("invalid-value");
+    }
+    resync_request read{member("domain"), member("port"), member("wait")};
+    if ((members.contains("domain") && !read.domain.is_string())
+        || (members.contains("port") && !read.port.is_number_unsigned())
+        || (members.contains("wait") && !read.wait.is_number_unsigned())) {
+        refuse_input("invalid-value");
+    }
+    return read;
+}
+
+// Waits until the copy of a degraded plane has been proven.
+void wait_for_proof(std::chrono::seconds most)
+{
+    using clock = std::chrono::steady_clock;
+    constexpr auto look_again = std::chrono::milliseconds(20);
+    const auto state = [] { return forwarding::completeness_watch().worst(); };
+    forwarding::hasten_proof();
+    for (const auto end = clock::now() + most; state() == forwarding::completeness::degraded;) {
+        if (requests_given_up()) {
+            throw api_error{503, "operation-failed", "the daemon ends"};
+        }
+        if (clock::now() >= end) {
+            throw api_error{504, "operation-failed",
+                            "resync: changes of the forwarding plane were lost, and the full dump that mends the table "
+                            "has not ended within " + std::to_string(most.count())
+                                + " seconds: try again, or look at the overruns of the health resource"};
+        }
+        std::this_thread::sleep_for(look_again);
+    }
 }
 
 answer resync(const call &asked)
 {
-    const nlohmann::json input = read_input(asked.body);
-    if (input.is_object() && input.empty()) {
-        resync_all();
-    } else if (input.is_object() && input.size() == 1 && input.contains("domain") && input["domain"].is_string()) {
-        resync_domain(domain_of(input["domain"].get<std::string>()).name);
-    } else if (input.is_object() && input.size() == 1 && input.contains("port") && input["port"].is_number_unsigned()) {
-        const forwarding::port_view port = port_of(std::to_string(input["port"].get<uint64_t>()));
-        resync_port(port.xcid, port.domain);
-    } else {
-        throw invalid(std::string("body: expected ") + resync_input);
+    const resync_request wanted = read_input(asked.body);
+    const uint64_t most_wait = forwarding::wait_seconds();
+    const uint64_t wait = wanted.wait.is_null() ? most_wait : std::min(most_wait, wanted.wait.get<uint64_t>());
+    const auto bring_up_to_date = [&] {
+        if (wanted.domain.is_string()) {
+            resync_domain(domain_of(wanted.domain.get<std::string>()).name);
+        } else if (wanted.port.is_number_unsigned()) {
+            const forwarding::port_view port = port_of(std::to_string(wanted.port.get<uint64_t>()));
+            resync_port(port.xcid, port.domain);
+        } else {
+            resync_all();
+        }
+    };
+    bring_up_to_date();
+    if (forwarding::completeness_watch().worst() == forwarding::completeness::degraded) {
+        wait_for_proof(std::chrono::seconds(wait));
+        bring_up_to_date();
     }
     return {.status = 204, .body = {}, .rest = nullptr};
 }
@@ -357,6 +436,7 @@ enum parameter_set : uint8_t {
     paging = 1, // limit and cursor
     flagged = 2,
     filters = 4, // mac and vtep
+    sorting = 8,
 };
 
 struct parameter_kind {
@@ -365,7 +445,7 @@ struct parameter_kind {
 };
 
 constexpr parameter_kind parameter_kinds[] = {
-    {"limit", paging}, {"cursor", paging}, {"flagged", flagged}, {"mac", filters}, {"vtep", filters},
+    {"limit", paging}, {"cursor", paging}, {"flagged", flagged}, {"mac", filters}, {"vtep", filters}, {"sort", sorting},
 };
 
 struct resource {
@@ -377,7 +457,7 @@ struct resource {
 
 constexpr resource resources[] = {
     {"data/l2fib-mac:mac-table/mac-entry", list_table, paging | flagged | filters},
-    {"data/l2fib-mac:mac-aging/mac-entry", list_by_age, paging},
+    {"data/l2fib-mac:mac-aging/mac-entry", list_by_age, paging | sorting},
     {"data/l2fib-mac:domains/domain", list_domains, paging},
     {"data/l2fib-mac:domains/domain=*", get_domain},
     {"data/l2fib-mac:domains/domain=*/mac-entry", list_domain_entries, paging | flagged | filters},
@@ -412,7 +492,7 @@ void check_method(const resource &found, std::string_view method)
     const bool reads = method == "GET" || method == "HEAD";
     if (found.is_operation ? method != "POST" : !reads) {
         throw api_error{
-            405, "operation-not-supported", "method " + std::string(method) + ": expected " + allowed, {}, allowed};
+            405, "operation-not-supported", "method " + std::string(method) + ": expected " + allowed, allowed};
     }
 }
 
@@ -445,7 +525,23 @@ answer answer_request(const request &asked)
     const resource &found = find_resource(to);
     check_method(found, asked.method);
     check_parameters(found, to);
-    return found.serve({to, asked.uri, asked.body});
+    const forwarding::completeness_watch watch;
+    answer made = found.serve({to, asked.body});
+    made.worth = watch.worst();
+    return made;
+}
+
+void write_errors(json_writer &json, const api_error &error)
+{
+    json.begin_object("ietf-restconf:errors");
+    json.begin_array("error");
+    json.begin_object();
+    json.member("error-type", error.status < 500 ? "protocol" : "application");
+    json.member("error-tag", error.tag);
+    json.member("error-message", error.message);
+    json.end_object();
+    json.end_array();
+    json.end_object();
 }
 
 std::string error_body(const api_error &error)
@@ -453,20 +549,8 @@ std::string error_body(const api_error &error)
     std::string body;
     json_writer json(body);
     json.begin_object();
-    json.begin_object("ietf-restconf:errors");
-    json.begin_array("error");
-    json.begin_object();
-    json.member("error-type", error.status < 500 && error.status != 410 ? "protocol" : "application");
-    json.member("error-tag", error.tag);
-    json.member("error-message", error.message);
-    if (!error.restart.empty()) {
-        json.begin_object("error-info");
-        json.member("l2fib-mac:restart", error.restart);
-        json.end_object();
-    }
-    json.end_object();
-    json.end_array();
-    json.end_object();
+    write_errors(json, error);
+    write_completeness(json, forwarding::completeness_watch());
     json.end_object();
     return body;
 }

@@ -22,6 +22,7 @@ struct answer {
     unsigned status = 200;
     std::string body;
     std::unique_ptr<list_stream> rest; // what the body goes on with; null when it is whole
+    forwarding::completeness worth = forwarding::completeness::whole;
 };
 
 // Throws api_error. A list's first page has been fetched when this returns, so that its errors get their status.

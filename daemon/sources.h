@@ -8,28 +8,27 @@
 #include <string>
 
 #include "daemon/list.h"
+#include "forwarding/reading.h"
 
 namespace l2fibd {
 
-// The lists of the operational database, by their order.
-enum class list_order : uint8_t { by_domain, by_port, by_age, by_vtep };
+// Continuations are texts that only the list that made them understands; `start` is one, or nothing for the beginning.
+// Each of these throws api_error for a start that is none of its own.
 
-// A datalist, from its beginning or after the items of a continuation. Throws api_error, while it is made for a
-// continuation that is none of this list, while it fetches 410 with `restart` when the continuation's items have gone,
-// and whatever the forwarding plane has failed with.
-struct database_list {
-    std::string path;
-    list_order order = list_order::by_domain;
-    std::optional<std::string> cursor = std::nullopt;
-    std::string restart = {};
-    std::string domain = {}; // what all its entries belong to; empty: they differ
-    std::string mac = {};    // likewise
-};
+// The MAC table, or a part of it, by bridge domain, port and address.
+std::unique_ptr<list_source> make_table_source(const forwarding::row_filter &filter,
+                                               const std::optional<std::string> &start);
 
-std::unique_ptr<list_source> make_database_source(database_list list);
+// One address, in all bridge domains or in that of the filter, after asking the forwarding plane.
+std::unique_ptr<list_source> make_address_source(const forwarding::mac_address &mac,
+                                                 const forwarding::row_filter &filter,
+                                                 const std::optional<std::string> &start);
 
-// Lists that are no part of the MAC table; `start` is a key that one of their pages ended with. They throw api_error
-// for a start that none of them has.
+// All entries in another order; `limit` bounds the memory.
+std::unique_ptr<list_source> make_ordered_source(forwarding::row_order order, const std::optional<std::string> &start,
+                                                 uint64_t limit);
+
+std::unique_ptr<list_source> make_vtep_source(const std::optional<std::string> &start);
 std::unique_ptr<list_source> make_domain_source(const std::optional<std::string> &start);
 std::unique_ptr<list_source> make_port_source(const std::optional<std::string> &start);
 std::unique_ptr<list_source> make_tunnel_entry_source(const std::optional<std::string> &start);

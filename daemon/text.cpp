@@ -181,10 +181,10 @@ std::string ip_text(std::span<const uint8_t> address)
     return text;
 }
 
-bool is_ipv4(const std::string &text)
+std::optional<std::array<uint8_t, 4>> parse_ipv4(const std::string &text)
 {
-    in_addr address{};
-    return inet_pton(AF_INET, text.c_str(), &address) == 1;
+    std::array<uint8_t, 4> address{};
+    return inet_pton(AF_INET, text.c_str(), address.data()) == 1 ? std::optional(address) : std::nullopt;
 }
 
 std::string utc_text(int64_t seconds)

@@ -37,7 +37,7 @@ std::optional<std::array<uint8_t, 6>> parse_mac(std::string_view text);
 
 // Of 4 or 16 bytes in network byte order.
 std::string ip_text(std::span<const uint8_t> address);
-bool is_ipv4(const std::string &text);
+std::optional<std::array<uint8_t, 4>> parse_ipv4(const std::string &text); // in network byte order
 
 // 2025-01-31T12:00:00Z
 std::string utc_text(int64_t seconds);

@@ -1,10 +1,16 @@
+// The feeder's start, its queue of changes, and how an entry gets into the cache and out of it.
 #include "forwarding/feeder.h"
 
+#include <algorithm>
+#include <bit>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <optional>
+#include <ctime>
 
+#include <arpa/inet.h>
+
+#include "forwarding/table_hold.h"
 #include "host/event_host.h"
 #include "l2fm_edm_table.h"
 
@@ -13,18 +19,22 @@ namespace {
 
 // How long a change waits for others of its kind.
 constexpr uint64_t batch_time_ns = 20'000'000;
-// How far the system's clock may be from where it was when times were last told. Two readings are never at the same
+// How far the system's clock may be from where it was when times were last reported. Two readings are never at the same
 // moment, and the time of an entry that nobody has touched should not waver by a second.
 constexpr int64_t clock_tolerance_ms = 500;
-// How many entries are told before the thread looks at other events.
+// Entries that are settled before the thread looks at other events, and during one hold of the table lock.
 constexpr size_t slice_size = 2048;
+constexpr size_t hold_size = 64;
+static_assert(slice_size % query_batch == 0);
+// Two processors report two changes of one entry at most so far apart in the wrong order.
+constexpr uint32_t contest_time_ms = 50;
 
-struct table_hold {
-    table_hold() { l2fib_mac_edm_mutex_lock(); }
-    ~table_hold() { l2fib_mac_edm_mutex_unlock(); }
-    table_hold(const table_hold &) = delete;
-    table_hold &operator=(const table_hold &) = delete;
-};
+uint32_t coarse_ms()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<uint32_t>(now.tv_sec * 1000 + now.tv_nsec / 1'000'000);
+}
 
 // ---- The cache, under the table lock ----
 
@@ -59,7 +69,6 @@ l2fm_edm_bp_t *port_for(const l2fib_mac_edm_entry_t &entry)
 // tunnel of a bridge domain may have one, under the same zero address. This files one beside the others.
 uint32_t file_beside(const l2fib_mac_edm_entry_t &entry)
 {
-    const table_hold hold;
     l2fm_edm_bp_t *bp = port_for(entry);
     if (bp == nullptr) {
         return EDM_ERR_NO_RESOURCE;
@@ -73,7 +82,6 @@ uint32_t file_beside(const l2fib_mac_edm_entry_t &entry)
 // An entry of a port stands in the way of a bridge domain's own for the same address.
 uint32_t file_own(const l2fib_mac_edm_entry_t &entry)
 {
-    const table_hold hold;
     const uint32_t status = l2fib_mac_edm_add(&entry);
     if (status != EDM_ERR_STOPPED) {
         return status;
@@ -82,13 +90,29 @@ uint32_t file_own(const l2fib_mac_edm_entry_t &entry)
     return l2fib_mac_edm_add(&entry);
 }
 
+uint32_t vtep_of(const l2fib_mac_edm_entry_t &descriptor)
+{
+    uint32_t address = 0;
+    if ((descriptor.flags & EDM_MAC_VNI) != 0) {
+        std::memcpy(&address, descriptor.vtep_addr, sizeof address);
+    }
+    return ntohl(address);
+}
+
+// The flags that choose the variant of a record. The table replaces an entry whose variant changes.
+uint8_t variant_of(const l2fib_mac_edm_entry_t &descriptor)
+{
+    const bool pbb = (descriptor.flags & EDM_MAC_PBB) != 0;
+    const bool vni = (descriptor.flags & EDM_MAC_VNI) != 0;
+    return static_cast<uint8_t>((pbb ? 1U : 0U) | (vni ? 2U : 0U));
+}
+
 } // namespace
 
-feeder::feeder(plane &source, std::string group, uint16_t wait_seconds)
+feeder::feeder(plane &source, feeder_settings settings)
     : copy_(*this)
     , plane_(source)
-    , group_(std::move(group))
-    , wait_seconds_(wait_seconds)
+    , settings_(std::move(settings))
     , bridge_counters_(65'536)
 {}
 
@@ -105,10 +129,18 @@ void feeder::follow_clock()
 
 std::string feeder::start(event_manager_t *evm)
 {
+    constexpr uint64_t second_ns = 1'000'000'000;
     evm_ = evm;
     follow_clock();
     std::string error;
-    return plane_.start(evm, copy_, error) ? std::string() : error;
+    if (!plane_.start(evm, copy_, error)) {
+        return error;
+    }
+    if (plane_.ages_silently() && settings_.proof_rate != 0) {
+        uint32_t timer = 0;
+        host::event_timer_attach(evm_, second_ns, second_ns, call<&feeder::sample>, this, &timer);
+    }
+    return {};
 }
 
 // ---- Removals on their way ----
@@ -132,11 +164,18 @@ void feeder::removal_arrived()
     }
 }
 
-// ---- Live changes ----
+// ---- The queue of changes ----
 
 void feeder::entry_touched(uint32_t at)
 {
-    merged_ += copy_.entries[at].dirty ? 1 : 0;
+    copy_entry &entry = copy_.entries[at];
+    const uint32_t now = coarse_ms();
+    const bool has_flipped = entry.touched_ms != 0 && entry.touched_alive != entry.alive;
+    entry.contested |= has_flipped && plane_.ages_silently() && now - entry.touched_ms <= contest_time_ms;
+    entry.touched_alive = entry.alive;
+    entry.surely_gone &= !entry.alive;
+    entry.touched_ms = now;
+    merged_ += entry.dirty ? 1 : 0;
     entry_affected(at);
 }
 
@@ -151,6 +190,14 @@ void feeder::entry_affected(uint32_t at)
     }
 }
 
+// The ages of a plane that ages silently are asked for where they are shown.
+void feeder::entry_aged(uint32_t at)
+{
+    if (!plane_.ages_silently()) {
+        entry_affected(at);
+    }
+}
+
 void feeder::flush_later()
 {
     if (!flush_expected_ && settled_ < dirty_.size()) {
@@ -162,22 +209,50 @@ void feeder::flush_later()
 void feeder::flush()
 {
     flush_expected_ = false;
-    entries_ = copy_.living;
     if (removals_in_flight_ != 0) {
         return;
     }
     follow_clock();
-    for (size_t slice = 0; slice < slice_size && settled_ < dirty_.size(); ++slice) {
-        settle(dirty_[settled_++]);
+    for (size_t done = 0; done < slice_size && settled_ < dirty_.size();) {
+        done += settle_slice();
     }
-    if (settled_ == dirty_.size()) {
-        dirty_.clear();
-        settled_ = 0;
-    } else {
+    if (settled_ < dirty_.size()) {
         flush_expected_ = host::event_post(evm_, call<&feeder::flush>, nullptr, this) == 0;
+    } else {
+        settle_everything(); // ends the queue
     }
 }
 
+void feeder::settle_everything()
+{
+    while (settled_ < dirty_.size()) {
+        settle_slice();
+    }
+    dirty_.clear();
+    settled_ = 0;
+    refill();
+    entries_ = copy_.living;
+    links_ = copy_.known_links;
+    unchanged_ = copy_.unchanged;
+    follow_state();
+}
+
+// Returns how many entries it has settled.
+size_t feeder::settle_slice()
+{
+    const size_t first = settled_;
+    const size_t end = std::min(dirty_.size(), first + query_batch);
+    ask_about_slice(end);
+    while (settled_ < end) {
+        const table_hold hold;
+        for (size_t held = 0; held < hold_size && settled_ < end; ++held) {
+            settle(dirty_[settled_++]);
+        }
+    }
+    return end - first;
+}
+
+// Under the table lock.
 void feeder::settle(uint32_t at)
 {
     copy_entry &entry = copy_.entries[at];
@@ -188,102 +263,78 @@ void feeder::settle(uint32_t at)
         feed(at, descriptor);
         return;
     }
-    if (now == standing::none && entry.fed_xcid != 0 && !plane_.health().clean && !is_surely_gone(at)) {
-        return;
-    }
     withdraw(at);
+    count_entry(at);
+    note_present(entry);
     if (now == standing::none) {
         copy_.release(at);
     }
 }
 
-// Asked while the plane is degraded, when the return of an entry may have been missed. False: the entry is alive again
-// and will be settled so, or the plane cannot tell, and the cache keeps what it has until a resync knows better.
-bool feeder::is_surely_gone(uint32_t at)
-{
-    const fdb_key key = key_of(copy_.entries[at].record);
-    fdb_answer answer;
-    plane_.query({&key, 1}, {&answer, 1});
-    ++asked_;
-    if (answer.presence == fdb_presence::absent) {
-        return true;
-    }
-    ++kept_;
-    if (answer.presence == fdb_presence::present) {
-        copy_.fdb_changed(answer.record);
-    } else {
-        copy_.release(at);
-    }
-    return false;
-}
-
-// After everything was fed and swept: the cache has what the copy has.
-void feeder::forget_dirty()
-{
-    for (; settled_ < dirty_.size(); ++settled_) {
-        copy_entry &entry = copy_.entries[dirty_[settled_]];
-        entry.dirty = false;
-        const auto now = static_cast<standing>(entry.standing);
-        if (now != standing::fed && now != standing::of_flood_list) {
-            entry.fed_xcid = 0;
-        }
-        if (now == standing::none) {
-            copy_.release(dirty_[settled_]);
-        }
-    }
-    dirty_.clear();
-    settled_ = 0;
-}
-
-// ---- Feeding ----
+// ---- Into the cache and out of it, under the table lock ----
 
 void feeder::feed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
 {
     copy_entry &entry = copy_.entries[at];
     const bool on_dummy = (descriptor.flags & EDM_MAC_ON_DUMMY_PORT) != 0;
     const uint32_t xcid = on_dummy ? EDM_XCID_DUMMY : descriptor.xcid;
-    std::optional<table_hold> hold; // a move is one step for others
     if (entry.fed_xcid != 0 && (entry.fed_xcid != xcid || entry.fed_bridge != descriptor.bridge_id)) {
-        hold.emplace();
         withdraw(at);
     }
-    const uint32_t status = on_dummy            ? file_own(descriptor)
-                            : entry.record.self ? file_beside(descriptor)
-                                                : l2fib_mac_edm_add(&descriptor);
+    const std::optional<newest_entry> newest = newest_of_full_cache();
+    ++feeds_;
+    const uint32_t status = file(entry, descriptor, on_dummy);
+    if (newest) {
+        note_eviction(*newest, entry, descriptor.bridge_id, xcid);
+    }
     if (status != 0) {
         ++refusals_[static_cast<size_t>(refusal::feed)];
+        lose(at, descriptor.bridge_id, xcid, &losses::refused);
         return;
     }
+    note_fed(at, descriptor, xcid);
+}
+
+uint32_t feeder::file(const copy_entry &entry, const l2fib_mac_edm_entry_t &descriptor, bool on_dummy)
+{
+    if (on_dummy) {
+        return file_own(descriptor);
+    }
+    return entry.record.self ? file_beside(descriptor) : l2fib_mac_edm_add(&descriptor);
+}
+
+void feeder::note_fed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor, uint32_t xcid)
+{
+    copy_entry &entry = copy_.entries[at];
+    const uint8_t variant = variant_of(descriptor);
+    if (entry.fed_xcid == 0 || entry.fed_variant != variant) {
+        entry.created = ++last_created_;
+    }
+    entry.fed_variant = variant;
     entry.fed_xcid = xcid;
     entry.fed_bridge = descriptor.bridge_id;
+    use_vtep(at, descriptor);
+    count_entry(at);
+    note_present(entry);
 }
 
-void feeder::feed(uint32_t at)
-{
-    l2fib_mac_edm_entry_t descriptor;
-    const standing now = describe(copy_, at, epoch_offset_ms_, descriptor);
-    if (now == standing::fed || now == standing::of_flood_list) {
-        feed(at, descriptor);
-    }
-}
-
-// Whether another entry of the copy was fed to the same place in the cache, as the destinations of a flood list are.
-bool feeder::position_is_shared(uint32_t at) const
+// Another entry of the copy that stands at the same place in the cache, as the destinations of a flood list do.
+uint32_t feeder::sharing_entry(uint32_t at) const
 {
     const copy_entry &entry = copy_.entries[at];
     const auto port = ports_by_xcid_.find(entry.fed_xcid);
     if (port == ports_by_xcid_.end() || copy_.ports[port->second].key.kind != link_kind::vxlan) {
-        return false;
+        return no_slot;
     }
     const uint32_t group = copy_.find_group(copy_.ports[port->second].key.ifindex, entry.record.mac);
     uint32_t other = group != no_slot ? copy_.groups[group].first : no_slot;
     for (; other != no_slot; other = copy_.entries[other].group_next) {
         if (other != at && copy_.entries[other].fed_xcid == entry.fed_xcid
             && copy_.entries[other].fed_bridge == entry.fed_bridge) {
-            return true;
+            return other;
         }
     }
-    return false;
+    return no_slot;
 }
 
 void feeder::withdraw(uint32_t at)
@@ -292,11 +343,96 @@ void feeder::withdraw(uint32_t at)
     if (entry.fed_xcid == 0) {
         return;
     }
-    if (!position_is_shared(at)) {
-        const table_hold hold;
+    const uint32_t sharing = sharing_entry(at);
+    if (sharing == no_slot) {
         l2fm_edm_table_mac_destroy(cached_entry(entry.fed_bridge, entry.fed_xcid, entry.record.mac.data()));
+    } else {
+        entry_affected(sharing); // the place may still show the destination of this one
     }
+    leave_vtep(entry);
     entry.fed_xcid = 0;
+}
+
+// ---- Tunnel end points ----
+
+// The table keeps a tunnel end point until a sweep. The feeder counts who uses it, and removes it with the last one.
+void feeder::use_vtep(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
+{
+    copy_entry &entry = copy_.entries[at];
+    const port_key &on = copy_.ports[entry.port].key;
+    if (on.kind != link_kind::vxlan) {
+        return;
+    }
+    const fdb_record *tunnel = tunnel_record_of(copy_, at);
+    const uint32_t source_vni = tunnel != nullptr ? tunnel->source_vni : 0;
+    const uint32_t sent_with = tunnel != nullptr && tunnel->destination.vni != 0 ? tunnel->destination.vni : source_vni;
+    const uint32_t vni = sent_with != 0 ? sent_with : on.vni;
+    const vtep_use use{entry.fed_xcid, vtep_of(descriptor), vni};
+    const bool has_own_vni = vni != on.vni || source_vni != 0;
+    if (entry.fed_tunnel && entry.fed_vtep == use.address && entry.fed_vni == vni && entry.fed_own_vni == has_own_vni) {
+        return;
+    }
+    const copy_entry before = entry;
+    entry.fed_tunnel = true;
+    entry.fed_own_vni = has_own_vni;
+    entry.fed_vtep = use.address;
+    entry.fed_vni = vni;
+    {
+        const std::lock_guard hold(views_mutex_);
+        if (use.address != 0) {
+            vtep_users &users = vteps_[use];
+            ++users.count;
+            users.bridge_id = entry.fed_bridge;
+        }
+        if (has_own_vni) {
+            own_vnis_[{use.xcid, use.address, entry.record.mac}] = {vni, source_vni};
+        }
+    }
+    leave_vtep_of(before, has_own_vni && before.fed_vtep == use.address);
+}
+
+void feeder::leave_vtep(copy_entry &entry)
+{
+    leave_vtep_of(entry, false);
+    entry.fed_tunnel = entry.fed_own_vni = false;
+    entry.fed_vtep = entry.fed_vni = 0;
+}
+
+// Takes back what an entry has used; `keeps_row`: but for the VNI of its row, which was replaced.
+void feeder::leave_vtep_of(const copy_entry &entry, bool keeps_row)
+{
+    if (!entry.fed_tunnel) {
+        return;
+    }
+    const vtep_use use{entry.fed_xcid, entry.fed_vtep, entry.fed_vni};
+    bool is_unused = false;
+    {
+        const std::lock_guard hold(views_mutex_);
+        if (entry.fed_own_vni && !keeps_row) {
+            own_vnis_.erase({use.xcid, use.address, entry.record.mac});
+        }
+        const auto users = vteps_.find(use);
+        if (users == vteps_.end() || --users->second.count != 0) {
+            return;
+        }
+        vteps_.erase(users);
+        const auto other = vteps_.lower_bound({use.xcid, use.address, 0});
+        is_unused =
+            other == vteps_.end() || other->first.xcid != use.xcid || other->first.address != use.address;
+    }
+    if (is_unused) {
+        destroy_vtep(use);
+    }
+}
+
+void feeder::destroy_vtep(const vtep_use &use)
+{
+    const uint32_t address = htonl(use.address);
+    l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(use.xcid);
+    const auto bytes = std::bit_cast<std::array<uint8_t, sizeof address>>(address);
+    if (l2fm_edm_vtep_t *vtep = l2fm_edm_table_vtep_lookup(bytes.data(), bp); vtep != nullptr) {
+        l2fm_edm_table_vtep_destroy(vtep, bp);
+    }
 }
 
 } // namespace forwarding

@@ -4,7 +4,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include <arpa/inet.h>
+
 #include "forwarding/feeder.h"
+#include "forwarding/table_hold.h"
 #include "host/l2fib_objects.h"
 #include "host/notification_host.h"
 #include "l2fm_edm_table.h"
@@ -13,12 +16,15 @@ namespace forwarding {
 namespace {
 
 constexpr size_t kept_notes = 20;
+constexpr size_t most_shown_losses = 100;
 
 // copy_entry::counted_as.
 constexpr uint8_t counted_plain = 1;
 constexpr uint8_t counted_static = 2;
 constexpr uint8_t counted_local = 3;
 constexpr uint8_t counted_static_local = 4;
+
+constexpr uint32_t minus_one = static_cast<uint32_t>(-1);
 
 uint8_t counted_as(uint16_t flags)
 {
@@ -45,28 +51,49 @@ std::atomic<uint32_t> &feeder::bridge_counter(uint16_t bridge_id, uint8_t counte
     }
 }
 
-void feeder::count_in_bridge(copy_entry &entry, uint8_t counted, uint16_t bridge_id)
+// The counters that an entry of a kind adds to, those of a port.
+void feeder::change_counters(const copy_entry &entry, uint32_t by)
 {
-    if (entry.counted_as == counted && entry.counted_bridge == bridge_id) {
+    const bool is_static = entry.counted_as == counted_static || entry.counted_as == counted_static_local;
+    const bool is_local = entry.counted_as == counted_local || entry.counted_as == counted_static_local;
+    bridge_counter(entry.counted_bridge, entry.counted_as) += by;
+    counted_ += by == minus_one ? ~uint64_t{0} : by;
+    const auto port = ports_by_xcid_.find(entry.counted_xcid);
+    if (port == ports_by_xcid_.end()) {
+        return;
+    }
+    edm_mac_counters_t &counters = copy_.ports[port->second].counters;
+    counters.mac_cnt_f4 += is_local ? by : 0;
+    counters.mac_cnt_f2 += is_static && !is_local ? by : 0;
+    counters.mac_cnt_plain += !is_static && !is_local ? by : 0;
+    counters.mac_cnt_sum = counters.mac_cnt_plain + counters.mac_cnt_f2;
+}
+
+// Counts an entry as what it is in the cache now; once for all that share a place.
+void feeder::count_entry(uint32_t at)
+{
+    copy_entry &entry = copy_.entries[at];
+    const bool counts = entry.fed_xcid != 0 && static_cast<standing>(entry.standing) == standing::fed;
+    const uint8_t kind = counts ? counted_as(flags_of(entry.record)) : uint8_t{0};
+    if (entry.counted_as == kind
+        && (kind == 0 || (entry.counted_bridge == entry.fed_bridge && entry.counted_xcid == entry.fed_xcid))) {
         return;
     }
     if (entry.counted_as != 0) {
-        --bridge_counter(entry.counted_bridge, entry.counted_as);
+        change_counters(entry, minus_one);
     }
-    if (counted != 0) {
-        ++bridge_counter(bridge_id, counted);
+    entry.counted_as = kind;
+    entry.counted_bridge = entry.fed_bridge;
+    entry.counted_xcid = entry.fed_xcid;
+    if (kind != 0) {
+        change_counters(entry, 1);
     }
-    entry.counted_as = counted;
-    entry.counted_bridge = bridge_id;
 }
 
 void feeder::recount(uint32_t at)
 {
     copy_entry &entry = copy_.entries[at];
-    l2fib_mac_edm_entry_t descriptor;
-    const standing now = describe(copy_, at, 0, descriptor);
-    const bool counts = now == standing::fed;
-    count_in_bridge(entry, counts ? counted_as(descriptor.flags) : 0, counts ? descriptor.bridge_id : 0);
+    const standing now = standing_of(copy_, at);
     --standings_[entry.standing];
     ++standings_[static_cast<size_t>(now)];
     entry.standing = static_cast<uint8_t>(now);
@@ -104,6 +131,13 @@ void feeder::note(const std::string &text)
     notes_.push_back(text);
 }
 
+void feeder::report(severity how_bad, const std::string &text) const
+{
+    if (settings_.report != nullptr) {
+        settings_.report(how_bad, text);
+    }
+}
+
 void feeder::refuse(refusal reason, const std::string &text)
 {
     ++refusals_[static_cast<size_t>(reason)];
@@ -127,7 +161,7 @@ const char *feeder::text_of(refusal reason)
 std::string feeder::full_name(const copy_domain &domain) const
 {
     const copy_link *bridge = copy_.find_link(domain.bridge);
-    return group_ + ":" + bridge_domain_part(bridge != nullptr ? bridge->record.name : "", domain.vlan);
+    return settings_.group + ":" + bridge_domain_part(bridge != nullptr ? bridge->record.name : "", domain.vlan);
 }
 
 // A name that another bridge domain has gets the id appended.
@@ -137,7 +171,7 @@ bool feeder::set_domain_object(uint16_t bridge_id, std::string &name)
     if (status == EEXIST) {
         const std::string taken = name;
         const std::string suffix = "~" + std::to_string(bridge_id);
-        name.resize(std::min(name.size(), group_.size() + 1 + max_bridge_name - suffix.size()));
+        name.resize(std::min(name.size(), settings_.group.size() + 1 + max_bridge_name - suffix.size()));
         name += suffix;
         status = host::bridge_domain_set(bridge_id, name);
         note("bridge domain " + name + ": the name " + taken + " is another one's");
@@ -173,13 +207,15 @@ void feeder::view_domain(uint32_t at, const std::string &name)
     if (bridge == nullptr) {
         return;
     }
-    const std::string expected = group_ + ":" + bridge->record.name;
+    const std::string expected = settings_.group + ":" + bridge->record.name;
     if (domain.vlan == 0 && name != expected && name.find('~') == std::string::npos) {
         note("bridge " + bridge->record.name + " is shown as " + name);
     }
     const std::lock_guard hold(views_mutex_);
     domain_views_[domain.bridge_id] = {domain.bridge_id, name,        bridge->record.name,
-                                       domain.bridge,    domain.vlan, bridge->record.vlan_aware};
+                                       domain.bridge,    domain.vlan, bridge->record.vlan_aware,
+                                       bridge->record.ageing_ms};
+    shared_views_.reset();
 }
 
 void feeder::domain_added(uint32_t domain)
@@ -203,7 +239,8 @@ void feeder::domain_changed(uint32_t at)
     }
 }
 
-// The cache reads a bridge domain's name once, so that it has to meet a renamed one anew.
+// The cache reads a bridge domain's name once, when it creates its record. A renamed one is destroyed and created again
+// with all its entries in one hold of the table lock, so that no reader finds an entry missing.
 void feeder::rename_domain(uint32_t at, const std::string &wanted)
 {
     const uint16_t id = copy_.domains[at].bridge_id;
@@ -217,18 +254,31 @@ void feeder::rename_domain(uint32_t at, const std::string &wanted)
         return;
     }
     name = wanted;
+    const table_hold hold;
     if (set_domain_object(id, name)) {
         view_domain(at, name);
-        expect_removal(host::bdxc_publish_bridge_domain_removed(id));
-        forget_fed(at);
+        l2fm_edm_table_bd_destroy(id);
+        feed_renamed(at);
     }
 }
 
-void feeder::forget_fed(uint32_t domain)
+// Under the table lock, after the bridge domain was destroyed in the cache.
+void feeder::feed_renamed(uint32_t domain)
 {
-    for_each_entry({EDM_RESYNC_BD, copy_.domains[domain].bridge_id}, [&](uint32_t entry) {
-        copy_.entries[entry].fed_xcid = 0;
-        entry_touched(entry);
+    for_each_entry({EDM_RESYNC_BD, copy_.domains[domain].bridge_id}, [&](uint32_t at) {
+        copy_entry &entry = copy_.entries[at];
+        if (entry.fed_xcid == 0) {
+            return;
+        }
+        leave_vtep(entry);
+        entry.fed_xcid = 0;
+        l2fib_mac_edm_entry_t descriptor;
+        const standing now = describe(copy_, at, epoch_offset_ms_, descriptor);
+        if (now == standing::fed || now == standing::of_flood_list) {
+            feed(at, descriptor);
+        } else {
+            count_entry(at);
+        }
     });
 }
 
@@ -244,6 +294,8 @@ void feeder::domain_going(uint32_t at)
     bridge_ids_.give_back(id);
     const std::lock_guard hold(views_mutex_);
     domain_views_.erase(id);
+    losses_.erase({id, EDM_XCID_DUMMY});
+    shared_views_.reset();
 }
 
 void feeder::port_added(uint32_t at)
@@ -292,7 +344,10 @@ void feeder::view_port(uint32_t at)
     view.up = link != nullptr && link->record.up;
     view.bridge_id = copy_.domains[port.domain].bridge_id;
     const std::lock_guard hold(views_mutex_);
-    port_views_[port.xcid] = std::move(view);
+    port_views_.erase({uint16_t{0}, port.xcid}); // while its bridge domain had no id
+    const std::pair place(view.bridge_id, port.xcid);
+    port_views_[place] = std::move(view);
+    shared_views_.reset();
 }
 
 void feeder::port_going(uint32_t at)
@@ -301,12 +356,15 @@ void feeder::port_going(uint32_t at)
     if (xcid == 0 || xcid == EDM_XCID_DUMMY) {
         return;
     }
+    const uint16_t bridge_id = copy_.domains[copy_.ports[at].domain].bridge_id;
     host::cross_connect_remove(xcid);
     expect_removal(host::bdxc_publish_cross_connect_removed(xcid));
     ports_by_xcid_.erase(xcid);
     xcids_.give_back(xcid);
     const std::lock_guard hold(views_mutex_);
-    port_views_.erase(xcid);
+    port_views_.erase({bridge_id, xcid});
+    losses_.erase({bridge_id, xcid});
+    shared_views_.reset();
 }
 
 // ---- Views ----
@@ -333,7 +391,7 @@ health_view feeder::health() const
     health_view view;
     view.running = true;
     view.plane = plane_.kind();
-    view.group = group_;
+    view.group = settings_.group;
     view.of_plane = plane_.health();
     view.links = links_;
     view.entries = entries_;
@@ -344,6 +402,14 @@ health_view feeder::health() const
     view.resyncs_degraded = resyncs_degraded_;
     view.doubtful_asked = asked_;
     view.doubtful_kept = kept_;
+    view.feeds = feeds_;
+    view.feeds_full = full_feeds_;
+    view.state = state();
+    view.limit = settings_.mac_limit;
+    view.missing = missing_;
+    view.evictions = evictions_;
+    view.entries_refused = entries_refused_;
+    view.proof = {proof_asked_, proof_disagreed_, listed_stale_, listed_missing_, proven_time_};
     for (size_t at = 0; at < static_cast<size_t>(standing::count); ++at) {
         if (const char *text = forwarding::text_of(static_cast<standing>(at)); text != nullptr && standings_[at] != 0) {
             view.unmapped.push_back({text, standings_[at]});
@@ -354,31 +420,74 @@ health_view feeder::health() const
             view.refused.push_back({text_of(static_cast<refusal>(at)), refusals_[at]});
         }
     }
+    add_losses(view);
     const std::lock_guard hold(views_mutex_);
     view.notes = notes_;
     return view;
 }
 
-std::vector<domain_view> feeder::domains() const
+// Of very many ports the first ones.
+void feeder::add_losses(health_view &view) const
 {
+    const std::shared_ptr<const object_views> names = objects();
     const std::lock_guard hold(views_mutex_);
-    std::vector<domain_view> views;
-    for (const auto &[id, view] : domain_views_) {
-        views.push_back(view);
+    for (const auto &[place, lost] : losses_) {
+        if (view.limited.size() == most_shown_losses) {
+            break;
+        }
+        const domain_view *domain = names->find_domain(place.first);
+        const port_view *port = names->find_port(place.first, place.second);
+        view.limited.push_back({domain != nullptr ? domain->name : "", port != nullptr ? port->name : "", lost.evicted,
+                                lost.refused});
     }
-    return views;
 }
 
-std::vector<port_view> feeder::ports() const
+std::shared_ptr<const object_views> feeder::objects() const
 {
     const std::lock_guard hold(views_mutex_);
-    std::vector<port_view> views;
-    for (const auto &[xcid, view] : port_views_) {
-        views.push_back(view);
-        const auto domain = domain_views_.find(view.bridge_id);
-        views.back().domain = domain != domain_views_.end() ? domain->second.name : "";
+    if (shared_views_ == nullptr) {
+        auto views = std::make_shared<object_views>();
+        for (const auto &[id, view] : domain_views_) {
+            views->domains.push_back(view);
+        }
+        for (const auto &[place, view] : port_views_) {
+            views->ports.push_back(view);
+            const auto domain = domain_views_.find(view.bridge_id);
+            views->ports.back().domain = domain != domain_views_.end() ? domain->second.name : "";
+        }
+        shared_views_ = std::move(views);
     }
-    return views;
+    return shared_views_;
+}
+
+std::vector<vtep_view> feeder::vteps(const vtep_view &after, uint32_t most) const
+{
+    uint32_t address = 0;
+    std::memcpy(&address, after.address.data(), sizeof address);
+    std::vector<vtep_view> found;
+    const std::lock_guard hold(views_mutex_);
+    auto at = vteps_.upper_bound({after.xcid, ntohl(address), after.vni});
+    for (; at != vteps_.end() && found.size() < most; ++at) {
+        address = htonl(at->first.address);
+        found.push_back({at->second.bridge_id, at->first.xcid, {}, at->first.vni});
+        std::memcpy(found.back().address.data(), &address, sizeof address);
+    }
+    return found;
+}
+
+void feeder::add_vnis(std::vector<mac_row> &rows) const
+{
+    const std::lock_guard hold(views_mutex_);
+    for (mac_row &row : rows) {
+        if (row.port == nullptr || row.port->kind != port_kind::vxlan) {
+            continue;
+        }
+        uint32_t vtep = 0;
+        std::memcpy(&vtep, row.vtep.data(), sizeof vtep);
+        const auto own = own_vnis_.find({row.xcid, ntohl(vtep), row.mac});
+        row.vni = own != own_vnis_.end() ? own->second.vni : row.port->vni;
+        row.source_vni = own != own_vnis_.end() ? own->second.source_vni : 0;
+    }
 }
 
 std::vector<tunnel_entry> feeder::tunnel_entries(uint32_t &cursor, size_t limit)

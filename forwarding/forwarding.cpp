@@ -8,6 +8,7 @@
 #include <shared_mutex>
 #include <unistd.h>
 
+#include "forwarding/asking.h"
 #include "forwarding/feeder.h"
 #include "forwarding/generate.h"
 #include "forwarding/replay.h"
@@ -240,16 +241,6 @@ release_report end_module()
     return report;
 }
 
-template <typename View>
-auto view_of(View view) -> decltype(view(*running->feed))
-{
-    const std::shared_lock hold(running_mutex);
-    if (running == nullptr) {
-        return {};
-    }
-    return view(*running->feed);
-}
-
 } // namespace
 
 std::string default_group()
@@ -293,7 +284,8 @@ std::string start_on(std::unique_ptr<plane> source, const options &options)
     }
     auto started = std::make_unique<running_module>();
     const std::string group = options.group.empty() ? default_group() : options.group;
-    started->feed = std::make_unique<feeder>(*source, group, options.resync_wait_seconds);
+    started->feed = std::make_unique<feeder>(
+        *source, feeder_settings{group, options.resync_wait_seconds, options.mac_limit, options.proof_rate, options.report});
     started->source = std::move(source);
     started->wait_seconds = options.resync_wait_seconds;
     {
@@ -326,62 +318,170 @@ release_report stop()
     return report;
 }
 
-// ---- Views ----
+// ---- Reaching the feeder ----
 
-health_view health()
+bool with_feeder(const std::function<void(feeder &feed)> &work)
 {
-    return view_of([](const feeder &feed) { return feed.health(); });
-}
-
-std::vector<domain_view> domains()
-{
-    return view_of([](const feeder &feed) { return feed.domains(); });
-}
-
-std::vector<port_view> ports()
-{
-    return view_of([](const feeder &feed) { return feed.ports(); });
+    const std::shared_lock hold(running_mutex);
+    if (running == nullptr) {
+        return false;
+    }
+    work(*running->feed);
+    return true;
 }
 
 namespace {
 
-struct tunnel_question {
-    feeder *feed;
-    uint32_t cursor;
-    size_t limit;
-    std::promise<std::vector<tunnel_entry>> answer;
+struct question {
+    const std::function<void(feeder &feed)> &work;
+    feeder &feed;
+    std::promise<bool> is_done;
 };
 
-void answer_tunnel_entries(void *cookie)
+void answer_question(void *cookie)
 {
-    auto *question = static_cast<tunnel_question *>(cookie);
+    auto *asked = static_cast<question *>(cookie);
     try {
-        question->answer.set_value(question->feed->tunnel_entries(question->cursor, question->limit));
+        asked->work(asked->feed);
+        asked->is_done.set_value(true);
     } catch (...) {
-        question->answer.set_exception(std::current_exception());
+        asked->is_done.set_exception(std::current_exception());
     }
 }
 
-void answer_nothing(void *cookie)
+void drop_question(void *cookie)
 {
-    static_cast<tunnel_question *>(cookie)->answer.set_value({});
+    static_cast<question *>(cookie)->is_done.set_value(false);
 }
 
 } // namespace
 
+bool on_cache_thread(const std::function<void(feeder &feed)> &work)
+{
+    bool is_done = false;
+    with_feeder([&](feeder &feed) {
+        question asked{work, feed, {}};
+        auto done = asked.is_done.get_future();
+        event_manager_t *evm = host::event_manager_find(cache_path);
+        is_done = host::event_post(evm, answer_question, drop_question, &asked) == 0 && done.get();
+    });
+    return is_done;
+}
+
+// ---- Completeness ----
+
+namespace {
+
+struct worth {
+    completeness state = completeness::degraded; // while nothing runs, nothing is proven
+    uint64_t degradations = 0;
+    uint64_t limitations = 0;
+};
+
+worth worth_now()
+{
+    worth now;
+    with_feeder([&](feeder &feed) { now = {feed.state(), feed.degradations(), feed.limitations()}; });
+    return now;
+}
+
+} // namespace
+
+const char *text_of(completeness state)
+{
+    constexpr const char *texts[] = {"whole", "limited", "degraded"};
+    return texts[static_cast<size_t>(state)];
+}
+
+completeness_watch::completeness_watch()
+{
+    const worth now = worth_now();
+    at_first_ = now.state;
+    degradations_ = now.degradations;
+    limitations_ = now.limitations;
+}
+
+completeness completeness_watch::worst() const
+{
+    const worth now = worth_now();
+    if (now.degradations != degradations_) {
+        return completeness::degraded;
+    }
+    const completeness meanwhile =
+        now.limitations != limitations_ ? completeness::limited : completeness::whole;
+    return std::max({at_first_, now.state, meanwhile});
+}
+
+std::string completeness_watch::reason() const
+{
+    std::string now = "the forwarding plane has ended";
+    with_feeder([&](feeder &feed) { now = feed.reason(); });
+    if (now.empty() && worst() == completeness::degraded) {
+        return "changes of the forwarding plane were lost while the answer was made; a full dump has proven the table "
+               "since";
+    }
+    return now.empty() && worst() == completeness::limited ? "the table was full while the answer was made" : now;
+}
+
+uint16_t wait_seconds()
+{
+    const std::shared_lock hold(running_mutex);
+    return running != nullptr ? running->wait_seconds : uint16_t{0};
+}
+
+void hasten_proof()
+{
+    on_cache_thread([](feeder &feed) { feed.hasten_proof(); });
+}
+
+// ---- Views ----
+
+const domain_view *object_views::find_domain(uint16_t bridge_id) const
+{
+    const auto found = std::ranges::lower_bound(domains, bridge_id, {}, &domain_view::bridge_id);
+    return found != domains.end() && found->bridge_id == bridge_id ? &*found : nullptr;
+}
+
+const port_view *object_views::find_port(uint16_t bridge_id, uint32_t xcid) const
+{
+    const auto place_of = [](const port_view &port) { return std::pair(port.bridge_id, port.xcid); };
+    const auto found = std::ranges::lower_bound(ports, std::pair(bridge_id, xcid), {}, place_of);
+    return found != ports.end() && place_of(*found) == std::pair(bridge_id, xcid) ? &*found : nullptr;
+}
+
+std::shared_ptr<const object_views> objects()
+{
+    std::shared_ptr<const object_views> found;
+    with_feeder([&](feeder &feed) { found = feed.objects(); });
+    return found;
+}
+
+health_view health()
+{
+    health_view view;
+    with_feeder([&](feeder &feed) { view = feed.health(); });
+    return view;
+}
+
+std::vector<domain_view> domains()
+{
+    const auto found = objects();
+    return found != nullptr ? found->domains : std::vector<domain_view>();
+}
+
+std::vector<port_view> ports()
+{
+    const auto found = objects();
+    std::vector<port_view> by_xcid = found != nullptr ? found->ports : std::vector<port_view>();
+    std::ranges::sort(by_xcid, {}, &port_view::xcid);
+    return by_xcid;
+}
+
 std::vector<tunnel_entry> tunnel_entries(uint32_t &cursor, size_t limit)
 {
-    return view_of([&](feeder &feed) -> std::vector<tunnel_entry> {
-        tunnel_question question{&feed, cursor, limit, {}};
-        auto answer = question.answer.get_future();
-        event_manager_t *evm = host::event_manager_find(cache_path);
-        if (host::event_post(evm, answer_tunnel_entries, answer_nothing, &question) != 0) {
-            return {};
-        }
-        auto found = answer.get();
-        cursor = question.cursor;
-        return found;
-    });
+    std::vector<tunnel_entry> found;
+    on_cache_thread([&](feeder &feed) { found = feed.tunnel_entries(cursor, limit); });
+    return found;
 }
 
 } // namespace forwarding

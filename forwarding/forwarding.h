@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,9 @@
 #include "l2fib_mac_edm.h"
 
 namespace forwarding {
+
+enum class severity : uint8_t { warning, info };
+using reporter = void (*)(severity how_bad, const std::string &text);
 
 enum class plane_choice : uint8_t { generated, recorded, kernel };
 
@@ -40,6 +44,12 @@ struct options {
     std::string group = {};
 
     uint32_t mac_limit = 2'000'000;
+
+    // How many entries a second are compared with what the plane holds, to find what no change reported; 0: none.
+    uint32_t proof_rate = 256;
+
+    // Takes what an operator has to know, on the cache thread: it must not block. Null: nobody wants it.
+    reporter report = nullptr;
 
     // How long a request waits for the plane, in seconds; at least 1.
     uint16_t resync_wait_seconds = EDM_RESYNC_WAIT_TIME;
@@ -71,7 +81,56 @@ struct release_report {
 // Requests that are under way end with a status. Harmless when nothing runs.
 release_report stop();
 
+// ---- Completeness ----
+
+// What an answer from the table is worth.
+enum class completeness : uint8_t {
+    whole,
+    limited,  // the plane holds entries that the table does not: the limit is reached, or the table refused them
+    degraded, // changes of the plane were lost, and no full listing has proven the table since
+};
+
+const char *text_of(completeness state);
+
+// Watches what an answer is worth while it is made: what it finds is the worst from its creation on. Any thread.
+class completeness_watch {
+public:
+    completeness_watch();
+
+    completeness worst() const;
+
+    // For an operator; empty while it is whole.
+    std::string reason() const;
+
+private:
+    completeness at_first_;
+    uint64_t degradations_; // begun so far
+    uint64_t limitations_;
+};
+
+// How long a request waits for the plane, in seconds; 0 while nothing runs. Any thread.
+uint16_t wait_seconds();
+
+// Has a degraded plane begin the listing that proves it as soon as it may. Any thread.
+void hasten_proof();
+
 // ---- Views ----
+
+// What the limit or a refusal has cost a port since the start.
+struct limited_view {
+    std::string domain;
+    std::string port; // empty: the bridge domain itself
+    uint64_t evicted = 0;
+    uint64_t refused = 0;
+};
+
+struct proof_view {
+    uint64_t asked = 0;          // entries compared with the plane
+    uint64_t disagreed = 0;      // of these, those that the copy held otherwise and no change explained
+    uint64_t listed_stale = 0;   // entries that a clean listing and a question found gone
+    uint64_t listed_missing = 0; // entries that a listing found and no change had reported
+    int64_t last = 0;            // when a listing proved the copy last, in seconds since the epoch; 0: never
+};
 
 struct counted_reason {
     const char *reason; // a literal, such as "VXLAN device without a bridge"
@@ -94,6 +153,16 @@ struct health_view {
     uint64_t resyncs_degraded = 0; // of these, those completed while the plane was degraded
     uint64_t doubtful_asked = 0;   // entries that the plane was asked about before a sweep
     uint64_t doubtful_kept = 0;    // of these, those that it still held, or could not tell
+    uint64_t feeds = 0;            // entries given to the table
+    uint64_t feeds_full = 0;       // how often a whole scope was marked, fed and swept
+
+    completeness state = completeness::whole;
+    uint32_t limit = 0;
+    uint64_t missing = 0; // entries that the plane holds and the table does not, for want of room or refused
+    uint64_t evictions = 0;
+    uint64_t entries_refused = 0;
+    std::vector<limited_view> limited; // ports that lost an entry so, the first few
+    proof_view proof;
 
     std::vector<counted_reason> unmapped; // entries that are not fed now, by reason; zeros are left out
     std::vector<counted_reason> refused;  // failures since the start, by reason; zeros are left out
@@ -109,6 +178,7 @@ struct domain_view {
     uint32_t bridge_ifindex = 0;
     uint16_t vlan = 0; // 0: none
     bool vlan_aware = false;
+    uint32_t ageing_ms = 0; // 0: not known
 };
 
 // By bridge id.
@@ -130,6 +200,19 @@ struct port_view {
 
 // By xcid.
 std::vector<port_view> ports();
+
+// Domains and ports of one moment, shared by all who ask until one of them changes.
+struct object_views {
+    std::vector<domain_view> domains; // by bridge id
+    std::vector<port_view> ports;     // by bridge id and xcid
+
+    // Null when there is none.
+    const domain_view *find_domain(uint16_t bridge_id) const;
+    const port_view *find_port(uint16_t bridge_id, uint32_t xcid) const;
+};
+
+// Null while nothing runs.
+std::shared_ptr<const object_views> objects();
 
 // A VXLAN device's own entry, as the plane holds it: the cache has what a bridge forwards by, and of a destination
 // only an IPv4 address, one for each MAC address. `bridge_id` and `xcid` are 0, `domain` is empty, of a device that is

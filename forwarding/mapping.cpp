@@ -200,6 +200,16 @@ void build(const table_copy &copy, const copy_entry &entry, int64_t epoch_offset
 
 } // namespace
 
+const fdb_record *tunnel_record_of(const table_copy &copy, uint32_t entry)
+{
+    const copy_entry &of = copy.entries[entry];
+    if (of.record.self) {
+        return &of.record;
+    }
+    const uint32_t joined = joined_entry(copy, of);
+    return joined != no_slot ? &copy.entries[joined].record : nullptr;
+}
+
 const char *text_of(standing standing)
 {
     return standing_texts[static_cast<size_t>(standing)];

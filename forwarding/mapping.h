@@ -81,6 +81,9 @@ standing describe(const table_copy &copy, uint32_t entry, int64_t epoch_offset_m
 // As describe, without building.
 standing standing_of(const table_copy &copy, uint32_t entry);
 
+// What an entry on a VXLAN device sends by: the device's own record, or null when only the bridge knows the address.
+const fdb_record *tunnel_record_of(const table_copy &copy, uint32_t entry);
+
 // The EDM_MAC_ bits that an entry has for itself.
 uint16_t flags_of(const fdb_record &record);
 

@@ -221,7 +221,7 @@ void table_copy::add_base_port(const link_record &record)
 void table_copy::tell_link_change(const copy_link &changed, const link_record &before, bool first)
 {
     const bool renamed = first || before.name != changed.record.name;
-    if (renamed || before.vlan_aware != changed.record.vlan_aware) {
+    if (renamed || before.vlan_aware != changed.record.vlan_aware || before.ageing_ms != changed.record.ageing_ms) {
         for (const uint32_t domain : changed.domains) {
             listener_.domain_changed(domain);
         }
@@ -343,6 +343,23 @@ void table_copy::end_domain(uint32_t domain)
 
 void table_copy::fdb_changed(const fdb_record &record)
 {
+    entries[file(record)].listed_only = false;
+}
+
+void table_copy::fdb_listed(const fdb_record &record)
+{
+    const uint32_t known = find(key_of(record));
+    const bool differs = known == no_slot || !entries[known].alive || !equal_but_age(entries[known].record, record);
+    const uint32_t entry = file(record);
+    if (differs) {
+        entries[entry].listed_only = true;
+        listener_.listing_differs(entry);
+    }
+}
+
+// Returns the entry's slot.
+uint32_t table_copy::file(const fdb_record &record)
+{
     const fdb_key key = key_of(record);
     const uint32_t found = find(key);
     const uint32_t entry = found != no_slot ? found : add(key);
@@ -352,6 +369,7 @@ void table_copy::fdb_changed(const fdb_record &record)
     } else {
         enter(entry, record);
     }
+    return entry;
 }
 
 void table_copy::fdb_gone(const fdb_record &record)
@@ -385,8 +403,11 @@ void table_copy::update(uint32_t entry, const fdb_record &record)
 {
     copy_entry &known = entries[entry];
     if (equal_but_age(known.record, record)) {
-        known.record.updated_ms = record.updated_ms != 0 ? record.updated_ms : known.record.updated_ms;
         ++unchanged;
+        if (record.updated_ms != 0 && record.updated_ms != known.record.updated_ms) {
+            known.record.updated_ms = record.updated_ms;
+            listener_.entry_aged(entry);
+        }
         return;
     }
     known.record = record;
@@ -407,6 +428,7 @@ void table_copy::remove(uint32_t entry)
     const uint32_t group = gone.group;
     unlink_from_port(entry);
     gone.alive = false;
+    gone.listed_only = false;
     --living;
     listener_.entry_touched(entry);
     affect_group(group, entry);
@@ -504,6 +526,7 @@ void table_copy::affect_group(uint32_t group, uint32_t except)
 void table_copy::generation_begun()
 {
     ++generation_;
+    listener_.generation_begun();
 }
 
 void table_copy::generation_complete(bool clean)
@@ -512,7 +535,7 @@ void table_copy::generation_complete(bool clean)
         drop_untold_links();
         for_each_entry([&](uint32_t entry) {
             if (entries[entry].generation != static_cast<uint32_t>(generation_)) {
-                remove(entry);
+                listener_.entry_untold(entry);
             }
         });
     }

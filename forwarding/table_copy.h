@@ -25,6 +25,7 @@
 
 #include "forwarding/plane.h"
 #include "forwarding/slots.h"
+#include "l2fib_mac_edm.h"
 
 namespace forwarding {
 
@@ -39,14 +40,29 @@ struct copy_entry {
     uint32_t group_next = no_slot;
     uint32_t group_prev = no_slot;
 
+    bool listed_only = false; // a listing reported it first, and no change has since
+
     // The listener's.
     bool dirty = false;
+    bool contested = false; // it came and went within a moment: the reports may be in the wrong order
+    bool touched_alive = false;
+    bool surely_gone = false; // the plane has said so
+    bool doubtful = false; // waits in the queue of questions to the plane
+    bool missing = false;  // the cache should hold it and does not
+    bool fed_tunnel = false;  // the two below count
+    bool fed_own_vni = false; // it sends with another VNI than its port, or is kept by source VNI
     uint8_t standing = 0;
-    uint8_t foreign = 0;         // the kind of a destination that the cache cannot carry
-    uint8_t counted_as = 0;      // what it adds to the counters of a bridge domain
-    uint16_t counted_bridge = 0; // the bridge id of that
-    uint16_t fed_bridge = 0;     // where the cache was told of it
-    uint32_t fed_xcid = 0;       // 0: it was not
+    uint8_t foreign = 0;     // the kind of a destination that the cache cannot carry
+    uint8_t counted_as = 0;  // what it adds to the counters of a bridge domain
+    uint8_t fed_variant = 0; // the flags that choose the variant of its record in the cache
+    uint16_t counted_bridge = 0;
+    uint16_t fed_bridge = 0; // where the cache holds it
+    uint32_t fed_xcid = 0;   // 0: nowhere
+    uint32_t counted_xcid = 0;
+    uint32_t fed_vtep = 0; // in host byte order, so that numbers sort as addresses do; 0: none
+    uint32_t fed_vni = 0;
+    uint32_t touched_ms = 0; // of the steady clock, cut to 32 bits
+    uint64_t created = 0;    // in the order of creation in the cache
 };
 
 struct port_key {
@@ -65,7 +81,10 @@ struct copy_port {
     uint32_t first = no_slot;
     uint32_t last = no_slot;
     uint32_t entries = 0;
-    uint32_t xcid = 0; // the listener's
+
+    // The listener's.
+    uint32_t xcid = 0;
+    edm_mac_counters_t counters = {};
 };
 
 struct copy_domain {
@@ -105,6 +124,14 @@ public:
     virtual void entry_touched(uint32_t entry) = 0;
     // Seen differently, maybe, because another entry was touched.
     virtual void entry_affected(uint32_t entry) = 0;
+    // Only the time when it was last seen has changed.
+    virtual void entry_aged(uint32_t /*entry*/) {}
+    // A clean generation did not report it. The listener decides whether it has gone.
+    virtual void entry_untold(uint32_t /*entry*/) {}
+    // A listing reported it, and the copy did not hold it so.
+    virtual void listing_differs(uint32_t /*entry*/) {}
+    virtual void next_hop_gone(uint32_t /*id*/) {}
+    virtual void changes_lost(uint64_t /*count*/) {}
     // Ports that have a domain only. A port or domain that goes is told while it is still there, without entries.
     virtual void port_added(uint32_t port) = 0;
     virtual void port_changed(uint32_t port) = 0; // its link's name or state
@@ -112,6 +139,7 @@ public:
     virtual void domain_added(uint32_t domain) = 0;
     virtual void domain_changed(uint32_t domain) = 0; // its bridge's name or VLAN awareness, or it has been told now
     virtual void domain_going(uint32_t domain) = 0;
+    virtual void generation_begun() {}
     virtual void generation_ended(bool clean) = 0;
 };
 
@@ -122,7 +150,10 @@ public:
     void link_changed(const link_record &record) override;
     void link_gone(uint32_t ifindex) override;
     void fdb_changed(const fdb_record &record) override;
+    void fdb_listed(const fdb_record &record) override;
     void fdb_gone(const fdb_record &record) override;
+    void next_hop_gone(uint32_t id) override { listener_.next_hop_gone(id); }
+    void changes_lost(uint64_t count) override { listener_.changes_lost(count); }
     void generation_begun() override;
     void generation_complete(bool clean) override;
 
@@ -131,6 +162,9 @@ public:
     const copy_link *find_link(uint32_t ifindex) const;
     uint32_t find_domain(uint32_t bridge, uint16_t vlan) const;
     uint32_t find_group(uint32_t ifindex, const mac_address &mac) const;
+
+    // As fdb_gone, for an entry that is alive, whatever its port.
+    void remove(uint32_t entry);
 
     // Gives up the slot of an entry that has gone.
     void release(uint32_t entry);
@@ -185,7 +219,7 @@ private:
     uint32_t add(const fdb_key &key);
     void update(uint32_t entry, const fdb_record &record);
     void enter(uint32_t entry, const fdb_record &record);
-    void remove(uint32_t entry);
+    uint32_t file(const fdb_record &record);
     void link_to_port(uint32_t entry, uint32_t port);
     void unlink_from_port(uint32_t entry);
     void join_group(uint32_t entry);

@@ -28,6 +28,7 @@
 #include "host/operational_paths.h"
 #include "host/out_of_memory.h"
 #include "host/reply_list.h"
+#include "host/round_watch.h"
 #include "host/status_text.h"
 
 namespace {
@@ -395,7 +396,8 @@ operational_page wait(query &asked)
 struct host::operational_session {
     operational_request rest; // what is still to be asked for
     operational_path path = {};
-    operational_page refusal = {}; // a request that cannot be made
+    operational_page refusal = {}; // of a request that cannot be made, or of going on with one that goes round
+    host::round_watch rounds = {};
     bool is_finished = false;
 
     query_ptr current = nullptr;
@@ -450,7 +452,15 @@ bool is_own_request(request_kind kind)
     return host::is_own_manager(registration_for(db, kind).evm);
 }
 
-// Turns the session to what follows `page`: it is over when nothing does.
+operational_page gone_round(const operational_request &rest)
+{
+    return failure(ELOOP, rest.path,
+                   "the answer is not whole: the list comes back to \"" + *rest.start_key
+                       + "\" again and again, because an address stands on several ports of a bridge domain; ask for "
+                         "each port's own list, mac-table/port/P/domain/D");
+}
+
+// Turns the session to what follows `page`. If nothing does, it is over.
 void move_on(operational_session &session, const operational_page &page)
 {
     operational_request &rest = session.rest;
@@ -464,6 +474,9 @@ void move_on(operational_session &session, const operational_page &page)
         rest.count -= static_cast<uint32_t>(page.items.size());
     }
     rest.start_key = page.items.back().name;
+    if (session.rounds.goes_round(*rest.start_key, page.items.size())) {
+        session.refusal = gone_round(rest);
+    }
 }
 
 operational_page take_page(operational_session &session)

@@ -10,6 +10,11 @@
 // Long answers come in pages. A page whose `more` is set is continued by a request that starts after its last item.
 // operational_read and a session do that by themselves; they hold one page at a time.
 //
+// One address may stand on several ports of a bridge domain, and these items share one name. A handler continues after
+// the first item with a name, so a page that ends on a later one is followed by items that were delivered before. If a
+// read goes round because of that, it ends with ELOOP: some items came more than once, those behind never. A table that
+// changes while it is read does not end a read so (round_watch.h). The list of one port never goes round.
+//
 // Time-outs. A request that is not answered in time ends with ETIMEDOUT, counted for each page from the moment it was
 // asked for; a handler that waits for the forwarding plane may move the deadline. A request may be made before any data
 // manager has registered: it waits for one within the same time. Whatever answers after the end is dropped.
@@ -17,8 +22,8 @@
 // Failures. A page with a status other than 0 has a text for the operator, no items, and is the last. The status is the
 // handler's own (l2fib_mac_edm.h) or an error number: EINVAL for a path or an argument that is wrong, ENOSYS when the
 // data manager lacks the handler, ESHUTDOWN when its thread has ended, ECANCELED, EDEADLK on the thread that would have
-// to answer, EPROTO when a handler broke its contract. A continuation whose item has gone meanwhile ends with the
-// handler's status: what was delivered before was right.
+// to answer, EPROTO when a handler broke its contract, ELOOP when a read goes round. A continuation whose item has gone
+// meanwhile ends with the handler's status: what was delivered before was right.
 //
 // Threads: any; a session and a page belong to one thread at a time, only operational_cancel is for all. What runs out
 // of memory throws std::bad_alloc.

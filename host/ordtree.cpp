@@ -24,6 +24,14 @@ bool runs(const ordtree_t *tree)
     return tree != nullptr && tree->index_count != 0;
 }
 
+/* Counts a change of the tree for the user who watches it. */
+void note_change(const ordtree_t *tree)
+{
+    if (tree->changes != nullptr) {
+        ++*tree->changes;
+    }
+}
+
 bool has_index(const ordtree_t *tree, unsigned number)
 {
     return tree != nullptr && number < tree->index_count;
@@ -233,6 +241,7 @@ ordtree_link_t *ordtree_insert(ordtree_t *tree, ordtree_link_t *node)
         put_record(tree, number, into[number].at, {into[number].key, node}, spare);
     }
     ++tree->record_count;
+    note_change(tree);
     return node;
 }
 
@@ -252,6 +261,7 @@ ordtree_link_t *ordtree_delete(ordtree_t *tree, ordtree_link_t *node)
         take_record(tree, number, at[number]);
     }
     --tree->record_count;
+    note_change(tree);
     return node;
 }
 
@@ -315,5 +325,13 @@ void ordtree_finish(ordtree_t *tree)
     for (unsigned number = 0; number < tree->index_count; ++number) {
         free_nodes(tree->index[number]);
     }
+    note_change(tree);
     *tree = ordtree_t{};
+}
+
+void ordtree_watch(ordtree_t *tree, uint64_t *changes)
+{
+    if (runs(tree)) {
+        tree->changes = changes;
+    }
 }

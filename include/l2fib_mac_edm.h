@@ -59,12 +59,18 @@ L2FIB_BEGIN_DECLS
 #define EDM_MAC_BD_40 0x0040u           /* of the bridge domain */
 #define EDM_MAC_STALE 0x0080u           /* the table's own mark; feed entries with it clear */
 #define EDM_MAC_EXTERN_LEARNED 0x0100u  /* learned by somebody else and handed to the hardware */
-#define EDM_MAC_BD_200 0x0200u          /* held by the bridge domain, updated like an ordinary entry */
+#define EDM_MAC_BD_200 0x0200u          /* held by the bridge domain, updated like an ordinary entry; see below */
 #define EDM_MAC_BD_400 0x0400u          /* likewise */
 #define EDM_MAC_VNI 0x1000u             /* carries the address of a remote VTEP */
 #define EDM_MAC_TIMESTAMP_VALID 0x2000u /* `hw_timestamp` counts */
 
-/* Entries with any of these live on their bridge domain's dummy port. */
+/*
+ * Entries with any of these live on their bridge domain's dummy port, whose xcid is 0xffffffff.
+ *
+ * An entry with EDM_MAC_BD_200 or EDM_MAC_BD_400 and none of EDM_MAC_BD_KINDS is updated like an ordinary entry: if the
+ * fed xcid differs from that of the cached entry's port, it has moved. So every feed of such an entry replaces the
+ * cached one, which becomes the newest, unless the descriptor's xcid is 0xffffffff.
+ */
 #define EDM_MAC_ON_DUMMY_PORT 0x0668u
 /* Entries with any of these are updated by the rules of the bridge-domain kinds. */
 #define EDM_MAC_BD_KINDS 0x0068u
@@ -272,6 +278,10 @@ static_assert(sizeof(l2fib_mac_edm_resync_msg_t) == 24, "resync message layout")
  * Returns 0 when the scope is up to date; EDM_ERR_INVALID_ARGS when the module is not ready, the type is unknown, or
  * the platform completed with a status that it must not use; EDM_ERR_RESYNC when the platform failed; the error number
  * of the send ORed with EDM_RESYNC_SEND_ERROR. The caller must not hold the table lock, nor be the cache thread.
+ *
+ * One requester at a time: the cache thread holds one, and a second request takes the place of the first, whose caller
+ * then waits for its time-out. Mac-Edm-Thread asks for each request that needs it, so nobody else should ask while it
+ * serves.
  */
 L2FIB_EXPORT uint32_t l2fib_mac_edm_thread_send_resync(uint32_t type, uint32_t arg, optree_request_t *request);
 

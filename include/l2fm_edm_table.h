@@ -20,8 +20,13 @@
  *  - VTEPs live on ports of bp_type 4 only, and outlive the entries that named them until a sweep.
  *  - One address may stand on several ports of a bridge domain. Lookups by bridge domain take the port of the lowest
  *    xcid.
- *  - MAC entries get onto their port's tree by l2fm_edm_table_mac_create, and off it by l2fm_edm_table_mac_destroy:
- *    lookups by bridge domain answer from an index that these two keep.
+ *  - Lookups answer what the trees hold, whoever changed them. While only this module changes the table, indexes
+ * answer. Some calls go past the indexes, and from the first of them on lookups search the trees until
+ *    l2fm_edm_table_deinit, which costs a lookup by bridge domain one search for each of its ports. They are:
+ *    ordtree_insert, ordtree_delete and ordtree_finish on a tree of this table; the four accessors that set or clear
+ *    `bp` and `bd`; l2fm_edm_table_bp_alloc_and_fill; l2fm_edm_table_bp_mac_table_destroy and
+ *    l2fm_edm_table_bd_bp_table_destroy. The hosting process must not write `bp`, `bd`, or the key of a record that is
+ *    in a tree, into the record itself: nothing would notice.
  *
  * Locking: every function but the walks, l2fm_edm_table_bd_destroy and l2fm_edm_table_bp_destroy expects its caller to
  * hold the table lock (l2fib_mac_edm_mutex_lock), or that no other thread uses the table. Records stay valid while the
@@ -50,7 +55,7 @@ L2FIB_BEGIN_DECLS
 /* A bridge domain. It exists from the first entry fed for its id until it is destroyed; its name is read once. */
 typedef struct l2fm_edm_bd {
     uint32_t bridge_id;             /* at most 16 bits wide */
-    char bd_name[EDM_BD_NAME_SIZE]; /* full name, group ":" bridge domain; empty when it did not fit */
+    char bd_name[EDM_BD_NAME_SIZE]; /* full name, group ":" bridge domain; empty if it has more than 60 characters */
     ordtree_t bp_tree;              /* its ports by xcid, dummy port included */
 } l2fm_edm_bd_t;
 
@@ -98,9 +103,9 @@ typedef struct l2fm_edm_mac {
     uint16_t ext_attr;
     uint16_t ext_flags;
     uint32_t aux_value; /* nothing writes it: 0 */
-    /* The table's own: the entries of one address, whatever their port. The low bits of the second word remember how
-     * the entry was counted, so that it can be uncounted the same way. */
-    struct l2fm_edm_mac *same_addr_next;
+    /* The table's own: pointers that chain the entries of one address, whatever their port. Their low bits remember
+     * whether and how the entry was counted, so that it can be uncounted the same way. */
+    uintptr_t same_addr_next;
     uintptr_t same_addr_prev;
 } l2fm_edm_mac_t;
 
@@ -137,7 +142,8 @@ typedef struct l2fm_edm_ll_root {
     uint32_t ll_initialised;
 } l2fm_edm_ll_root_t;
 
-/* Table-wide counters. They equal what a walk would count, but for `bd_cnt` after a teardown, which zeroes nothing. */
+/* Table-wide counters. They equal what a walk would count, but for `bd_cnt` after a teardown, which zeroes nothing, and
+ * but for entries that the hosting process has put into the trees itself: those are not counted, nor uncounted. */
 typedef struct l2fm_edm_mac_pool {
     uint32_t mac_cnt_sum;   /* EDM_MAC_STATIC, or not EDM_MAC_LOCAL: the next two together */
     uint32_t mac_cnt_plain; /* neither EDM_MAC_STATIC nor EDM_MAC_LOCAL */
@@ -308,7 +314,8 @@ L2FIB_EXPORT uint32_t l2fm_edm_table_bd_free(l2fm_edm_bd_t *bd);
 
 /* A new record, named by the forwarding manager, in no tree; null on failure. */
 L2FIB_EXPORT l2fm_edm_bd_t *l2fm_edm_table_bd_alloc_and_fill(uint32_t bridge_id);
-/* A new record in the table, for the low 16 bits of `bridge_id`; null on failure. */
+/* A new record in the table, for the low 16 bits of `bridge_id`; null on failure. Names are unique: of two bridge
+ * domains with names of more than 60 characters, both stored empty, only the first can be created. */
 L2FIB_EXPORT l2fm_edm_bd_t *l2fm_edm_table_bd_create(uint32_t bridge_id);
 /* Destroys a bridge domain with all its ports, entries and VTEPs; takes the lock itself. 0 when there is none. */
 L2FIB_EXPORT uint32_t l2fm_edm_table_bd_destroy(uint32_t bridge_id);
@@ -319,7 +326,8 @@ L2FIB_EXPORT void l2fm_edm_table_bd_bp_table_destroy(l2fm_edm_bd_t *bd);
 
 /* ---- Ports ---- */
 
-/* Reads a port's kind and attributes from the forwarding manager; what was read before a failure stays. */
+/* Stores `xcid` in a port and reads its kind and attributes from the forwarding manager; what was read before a failure
+ * stays. The xcid is the key of a port that is in a tree: for such a port it must be the one that it has. */
 L2FIB_EXPORT uint32_t l2fm_edm_table_bp_fill(l2fm_edm_bp_t *bp, uint32_t xcid);
 /* A new port with its trees, in no tree; `fill` nonzero reads the forwarding manager. Null on failure. */
 L2FIB_EXPORT l2fm_edm_bp_t *l2fm_edm_table_bp_alloc_and_fill(l2fm_edm_bd_t *bd, uint32_t xcid, uint32_t fill);
@@ -327,7 +335,9 @@ L2FIB_EXPORT l2fm_edm_bp_t *l2fm_edm_table_bp_alloc_and_fill(l2fm_edm_bd_t *bd, 
 L2FIB_EXPORT l2fm_edm_bp_t *l2fm_edm_table_bp_create(l2fm_edm_bd_t *bd, uint32_t xcid);
 /* A bridge domain's new dummy port; null on failure. */
 L2FIB_EXPORT l2fm_edm_bp_t *l2fm_edm_table_bp_create_dummy(l2fm_edm_bd_t *bd, uint32_t xcid);
-/* Refreshes a port whose `refresh_pending` is set, or moves it to the bridge domain with this id. */
+/* Refreshes a port whose `refresh_pending` is set, or moves it to the bridge domain with this id. Success clears
+ * `refresh_pending`, unless the port has become EDM_BP_TYPE_VXLAN and its VTEP tree cannot be started: then the result
+ * is 0 as well, and the next feed for the port tries again. */
 L2FIB_EXPORT uint32_t l2fm_edm_table_bp_update(l2fm_edm_bp_t *bp, uint32_t bridge_id);
 /* Destroys a port with its entries and VTEPs; takes the lock itself. 0 when there is none. The second form runs under
  * the caller's hold of it. */
@@ -345,7 +355,8 @@ L2FIB_EXPORT uint32_t l2fm_edm_table_mac_create(l2fm_edm_bp_t *bp, const l2fib_m
 /* Brings a cached entry to what a descriptor reports: in place, or by replacing it. `mac` may be gone afterwards. */
 L2FIB_EXPORT uint32_t l2fm_edm_table_mac_update(l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac,
                                                 const l2fib_mac_edm_entry_t *entry);
-/* Unlinks, uncounts and frees an entry; it is gone whatever the status, unless it was null. */
+/* Unlinks, uncounts and frees an entry; it is gone whatever the status, unless it was null. An entry that
+ * l2fm_edm_table_mac_create did not create was never counted, and changes no counter. */
 L2FIB_EXPORT uint32_t l2fm_edm_table_mac_destroy(l2fm_edm_mac_t *mac);
 /* Destroys the newest entry; EDM_ERR_NOT_FOUND when there is none. */
 L2FIB_EXPORT uint32_t l2fm_edm_table_mac_destroy_old_mac(void);

@@ -1,13 +1,14 @@
-// The client's parts that need no daemon: cutting an answer into items, and showing items.
+// The client without the daemon: how it shows items, and how it ends on each kind of answer.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <deque>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,9 +16,7 @@
 #include "cli/bridge_form.h"
 #include "cli/commands.h"
 #include "cli/failure.h"
-#include "cli/http.h"
 #include "cli/printer.h"
-#include "cli/splitter.h"
 #include "daemon/visible.h"
 
 namespace l2fibctl {
@@ -26,70 +25,11 @@ namespace {
 using nlohmann::json;
 using strings = std::vector<std::string>;
 
-struct cut_answer {
-    strings items; // "member item"
-    bool wanted;
-    bool complete;
-};
-
-// Fed in pieces of `step` bytes.
-cut_answer cut(std::string_view answer, size_t step)
+// Parsed values live as long as their parser, which is kept until the process ends.
+json_value parsed(const std::string &text)
 {
-    cut_answer result{{}, true, false};
-    splitter items([&](std::string_view member, std::string_view item) {
-        result.items.push_back(std::string(member) + " " + std::string(item));
-        return item != "stop";
-    });
-    for (size_t at = 0; at < answer.size() && result.wanted; at += step) {
-        result.wanted = items.feed(answer.substr(at, step));
-    }
-    result.complete = items.complete();
-    return result;
-}
-
-TEST(Splitter, CutsAnAnswerHoweverItArrives)
-{
-    const struct {
-        std::string answer;
-        strings items;
-        bool wanted;
-        bool complete;
-    } rows[] = {
-        {R"({"a":[{"x":1},{"y":[2,{"z":{}}]}],"c":"next"})",
-         {R"(a {"x":1})", R"(a {"y":[2,{"z":{}}]})", R"(c "next")"},
-         true,
-         true},
-        {"\n{ \"a\" : [ ] , \"b\" :\t{ } }\n", {"b { }"}, true, true},
-        {R"({"a":[{"x":"}],\"\\"},{"]":"["}]})", {R"(a {"x":"}],\"\\"})", R"(a {"]":"["})"}, true, true},
-        {R"({"a":12,"b":[1,null, true]})", {"a 12", "b 1", "b null", "b true"}, true, true},
-        {R"({"a":{}})", {"a {}"}, true, true},
-        {R"({"a":[[1,2],[]]})", {"a [1,2]", "a []"}, true, true},
-        {R"({"a":[1,stop,2]})", {"a 1", "a stop"}, false, false},
-        {R"({"a":[{"x":1},{"y")", {R"(a {"x":1})"}, true, false}, // cut
-        {R"({"a":[{"x":1}])", {R"(a {"x":1})"}, true, false},
-        {"", {}, true, false},
-        {"<html>", {}, false, false},
-        {R"([{"x":1}])", {}, false, false},
-        {R"({"a"}])", {}, false, false},
-        {R"({"a":})", {}, false, false},
-        {R"({"a":1}{)", {"a 1"}, false, false},
-    };
-    for (const auto &row : rows) {
-        for (const size_t step : {size_t(1), size_t(2), size_t(7), row.answer.size() + 1}) {
-            SCOPED_TRACE(row.answer + " by " + std::to_string(step));
-            const cut_answer found = cut(row.answer, step);
-            EXPECT_EQ(found.items, row.items);
-            EXPECT_EQ(found.wanted, row.wanted);
-            EXPECT_EQ(found.complete, row.complete);
-        }
-    }
-}
-
-TEST(Splitter, HoldsNoMoreThanAnItem)
-{
-    const std::string longest = '"' + std::string(splitter::longest_item - 2, 'x') + '"';
-    EXPECT_TRUE(cut(R"({"a":[)" + longest + "," + longest + "]}", 4096).complete);
-    EXPECT_FALSE(cut(R"({"a":[)" + longest.substr(1, 1) + longest, 4096).wanted);
+    static std::deque<simdjson::dom::parser> parsers;
+    return parsers.emplace_back().parse(text).value();
 }
 
 TEST(Visible, KeepsTextAndEscapesTheRest)
@@ -121,10 +61,10 @@ std::string print(form shown_as, const resource &what, const std::vector<json> &
 {
     testing::internal::CaptureStdout();
     progress line;
-    output out(line);
+    output out(line, false);
     printer to(shown_as, what, out);
     for (const json &item : items) {
-        to.item(item);
+        to.item(parsed(item.dump()));
     }
     to.end();
     return testing::internal::GetCapturedStdout();
@@ -185,9 +125,9 @@ TEST(Printer, RecordsShowTheirPartsBelow)
 TEST(BridgeForm, GivesWhatTheKernelHolds)
 {
     const bridge_names bridges = {{1, "br0"}};
-    const auto of_bridge = [&](const json &item) { return bridge_entry_of(item, bridges); };
+    const auto of_bridge = [&](const json_value &item) { return bridge_entry_of(item, bridges); };
     const struct {
-        std::function<json(const json &)> form;
+        std::function<std::string(const json_value &)> form;
         const char *entry;
         const char *expected;
     } rows[] = {
@@ -207,27 +147,22 @@ TEST(BridgeForm, GivesWhatTheKernelHolds)
          R"({"mac":"m","ifname":"vx","nhid":5,"flags":["self"],"state":"permanent"})"},
     };
     for (const auto &row : rows) {
-        EXPECT_EQ(row.form(json::parse(row.entry)), json::parse(row.expected)) << row.entry;
+        const std::string made = row.form(parsed(row.entry));
+        EXPECT_EQ(json::parse(made.empty() ? "null" : made), json::parse(row.expected)) << row.entry;
     }
 }
 
-TEST(ErrorText, IsTheDaemonsMessageMadeVisible)
-{
-    EXPECT_EQ(error_text(400, R"({"ietf-restconf:errors":{"error":[{"error-message":"limit \"a\u001b\": no"},
-        {"error-message":"more"}]}})"),
-              "limit \"a\\x1b\": no\nmore");
-    for (const char *body : {"", "no JSON", "[]", R"({"ietf-restconf:errors":{"error":[{"error-message":7},3]}})",
-                             R"({"ietf-restconf:errors":7})"}) {
-        EXPECT_EQ(error_text(431, body), "the daemon answered with the HTTP status 431") << body;
-    }
-}
-
-// Serves one request on a socket of its own with an answer that is written beforehand, then hangs up; without an
-// answer it waits until the client does.
+// Serves requests one after another on a socket of its own. Each gets the next of the answers, which are written
+// beforehand.
 class canned_daemon {
 public:
-    explicit canned_daemon(const char *with)
-        : answer_(with)
+    struct step {
+        std::string answer;   // empty: hangs up without one
+        bool hangs_up = true; // behind the answer
+    };
+
+    explicit canned_daemon(std::vector<step> with)
+        : steps_(std::move(with))
     {
         std::snprintf(address_.sun_path, sizeof address_.sun_path, "/tmp/cli_test.%d.sock", getpid());
         unlink(address_.sun_path);
@@ -235,81 +170,227 @@ public:
         EXPECT_EQ(listen(listener_, 1), 0);
         server_ = std::thread([this] { serve(); });
     }
-    ~canned_daemon()
-    {
-        server_.join();
-        close(listener_);
-        unlink(address_.sun_path);
-    }
+    ~canned_daemon() { stop(); }
     canned_daemon(const canned_daemon &) = delete;
     canned_daemon &operator=(const canned_daemon &) = delete;
 
     std::string path() const { return address_.sun_path; }
 
-private:
-    void serve() const
+    // The first lines and bodies of all requests.
+    strings stop()
     {
-        const int client = accept(listener_, nullptr, nullptr);
-        char request[4096];
-        ssize_t length = read(client, request, sizeof request);
-        EXPECT_EQ(write(client, answer_.data(), answer_.size()), static_cast<ssize_t>(answer_.size()));
-        while (answer_.empty() && length > 0) {
-            length = read(client, request, sizeof request);
+        if (server_.joinable()) {
+            shutdown(listener_, SHUT_RDWR);
+            server_.join();
+            close(listener_);
+            unlink(address_.sun_path);
         }
+        return requests_;
+    }
+
+private:
+    void serve()
+    {
+        int client = -1;
+        for (const step &one : steps_) {
+            client = client < 0 ? accept(listener_, nullptr, nullptr) : client;
+            char request[4096];
+            const ssize_t length = read(client, request, sizeof request);
+            if (length <= 0) {
+                break;
+            }
+            const std::string text(request, static_cast<size_t>(length));
+            requests_.push_back(text.substr(0, text.find(" HTTP")) + text.substr(text.find("\r\n\r\n") + 4));
+            EXPECT_EQ(send(client, one.answer.data(), one.answer.size(), MSG_NOSIGNAL), one.answer.size());
+            if (one.hangs_up) {
+                close(std::exchange(client, -1));
+            }
+        }
+        char rest = 0;
+        while (client >= 0 && read(client, &rest, 1) > 0) {}
         close(client);
     }
 
-    std::string answer_;
+    std::vector<step> steps_;
+    strings requests_;
     sockaddr_un address_ = {.sun_family = AF_UNIX, .sun_path = {}};
     int listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     std::thread server_;
 };
 
-ending ending_of(const options &how)
+struct outcome {
+    ending how = ending::done;
+    std::string message = {};
+    std::string shown = {};
+};
+
+outcome outcome_of(const options &how)
 {
+    outcome result;
     testing::internal::CaptureStdout();
-    ending how_it_ended = ending::done;
     try {
         run(how);
     } catch (const failure &error) {
-        how_it_ended = error.how;
+        result = {error.how, error.message};
         EXPECT_FALSE(error.message.empty());
     }
-    testing::internal::GetCapturedStdout();
-    return how_it_ended;
+    result.shown = testing::internal::GetCapturedStdout();
+    return result;
 }
 
-TEST(Endings, TellWhatBecameOfTheAnswer)
+#define ERROR_BODY(tag, message) \
+    R"({"ietf-restconf:errors":{"error":[{"error-tag":")" tag R"(","error-message":")" message R"("}]}})"
+
+TEST(Endings, NameWhatBecameOfTheAnswer)
 {
-#define ERROR_BODY(tag) R"({"ietf-restconf:errors":{"error":[{"error-tag":")" tag R"(","error-message":"m"}]}})"
     const struct {
         const char *answer;
         ending expected;
+        const char *message = "";
     } rows[] = {
         {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}]}", ending::done},
         {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[]}", ending::nothing_found},
-        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}", ending::cut},
-        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":}]}", ending::cut},
-        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[7]}", ending::cut},
-        {"HTTP/1.1 200 OK\r\n\r\n", ending::cut},
-        {"HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}]}", ending::cut},
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}", ending::cut, "damaged"},
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":}]}", ending::cut, "damaged"},
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[7]}", ending::cut, "damaged"},
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:port\":[]}", ending::cut, "damaged"},
+        {"HTTP/1.1 200 OK\r\n\r\n", ending::cut, "damaged"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}]}", ending::cut,
+         "cut: "},
         {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n22\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}]\r\n",
-         ending::cut},
-        {"HTTP/1.1 404 Not Found\r\n\r\n" ERROR_BODY("invalid-value"), ending::nothing_found},
-        {"HTTP/1.1 404 Not Found\r\n\r\n" ERROR_BODY("unknown-element"), ending::refused},
-        {"HTTP/1.1 503 Service Unavailable\r\n\r\n" ERROR_BODY("resource-denied"), ending::refused},
-        {"HTTP/1.1 431 Too large\r\n\r\n<html>", ending::refused},
-        {"no HTTP", ending::unreachable},
-        {"", ending::unreachable}, // until the time-out
+         ending::cut, "cut: "},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz", ending::cut, "no HTTP"},
+        {"HTTP/1.1 404 Not Found\r\n\r\n" ERROR_BODY("invalid-value", "m"), ending::nothing_found, "m"},
+        {"HTTP/1.1 404 Not Found\r\n\r\n" ERROR_BODY("unknown-element", "m"), ending::refused, "m"},
+        {"HTTP/1.1 503 Service Unavailable\r\n\r\n" ERROR_BODY("resource-denied", "\\\"a\\u001b\\\""), ending::refused,
+         "\"a\\x1b\""},
+        {"HTTP/1.1 431 Too large\r\n\r\n<html>", ending::refused, "the HTTP status 431"},
+        {"HTTP/1.1 431 Too large\r\n\r\n{\"ietf-restconf:errors\":{\"error\":[{\"error-message\":7},3]}}",
+         ending::refused, "the HTTP status 431"},
+        {"no HTTP", ending::unreachable, "no HTTP"},
+        {"", ending::unreachable, "ended the connection"},
     };
-#undef ERROR_BODY
     for (const auto &row : rows) {
-        const canned_daemon daemon(row.answer);
-        EXPECT_EQ(ending_of({.what = command::show_domain, .socket = daemon.path(), .timeout_seconds = 1}),
-                  row.expected)
-            << row.answer;
+        SCOPED_TRACE(row.answer);
+        const canned_daemon daemon({{row.answer}});
+        const outcome found = outcome_of({.what = command::show_domain, .socket = daemon.path()});
+        EXPECT_EQ(found.how, row.expected);
+        EXPECT_THAT(found.message, testing::HasSubstr(row.message));
     }
-    EXPECT_EQ(ending_of({.what = command::show_domain, .socket = "/tmp/no/such.sock"}), ending::unreachable);
+    EXPECT_EQ(outcome_of({.what = command::show_domain, .socket = "/tmp/no/such.sock"}).how, ending::unreachable);
+    const canned_daemon silent({{"", false}});
+    EXPECT_THAT(outcome_of({.what = command::show_domain, .socket = silent.path(), .timeout_seconds = 1}).message,
+                testing::HasSubstr("nothing arrived for 1 seconds"));
+}
+
+// An answer on a connection that stays open. `mark` is the header's word.
+canned_daemon::step answered(const std::string &body, const std::string &mark = "whole", const char *status = "200 OK")
+{
+    return {std::string("HTTP/1.1 ") + status + "\r\nl2fib-completeness: " + mark
+                + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body,
+            false};
+}
+
+canned_daemon::step domains_page(const std::string &items, const std::string &more_members = "",
+                                 const std::string &mark = "whole")
+{
+    return answered(R"({"l2fib-mac:domain":[)" + items + "]" + more_members + "}", mark);
+}
+
+#define NEXT R"(,"l2fib-mac:next-cursor":"c")"
+#define DEGRADED R"(,"l2fib-mac:completeness":"degraded","l2fib-mac:completeness-reason":"why\u001b")"
+#define MAY_BE "the answer may be incomplete "
+
+const std::string all_domains = "GET /restconf/data/l2fib-mac:domains/domain?limit=10000";
+const std::string a = R"({"name":"a"})";
+const std::string b = R"({"name":"b"})";
+const std::string long_name = '"' + std::string(size_t(5) << 20, 'x') + '"';
+
+TEST(Pages, AreAskedForOneAfterAnother)
+{
+    const struct {
+        std::vector<canned_daemon::step> steps;
+        options how; // of show domain --json-lines unless it says otherwise
+        outcome expected;
+        strings requests = {all_domains};
+    } rows[] = {
+        {{domains_page(a, NEXT), domains_page(b)},
+         {},
+         {ending::done, "", a + "\n" + b + "\n"},
+         {all_domains, all_domains + "&cursor=c"}},
+        // A kept connection that the daemon closed meanwhile.
+        {{domains_page(a, NEXT), {""}, domains_page(b)},
+         {},
+         {ending::done, "", a + "\n" + b + "\n"},
+         {all_domains, all_domains + "&cursor=c", all_domains + "&cursor=c"}},
+        {{domains_page(a + "," + a, NEXT), domains_page(b, NEXT)},
+         {.limit = 3},
+         {ending::done, "", a + "\n" + a + "\n" + b + "\n"},
+         {"GET /restconf/data/l2fib-mac:domains/domain?limit=3",
+          "GET /restconf/data/l2fib-mac:domains/domain?limit=1&cursor=c"}},
+        // What was printed is not all, whatever the second page's failure is.
+        {{domains_page(a, NEXT), answered(ERROR_BODY("resource-denied", "m"), "whole", "503 No")},
+         {},
+         {ending::cut, "the answer was cut: m", a + "\n"},
+         {all_domains, all_domains + "&cursor=c"}},
+        {{{"HTTP/1.1 200 OK\r\nContent-Length: 999\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}],"
+           R"("ietf-restconf:errors":{"error":[{"error-message":"the plane ended"}]})"}},
+         {},
+         {ending::cut, "the answer was cut: the plane ended", a + "\n"}},
+        // Marks: the worst of all pages counts.
+        {{domains_page(a, NEXT DEGRADED), domains_page(b, "", "limited")},
+         {},
+         {ending::incomplete, MAY_BE "(degraded): why\\x1b", a + "\n" + b + "\n"},
+         {all_domains, all_domains + "&cursor=c"}},
+        {{domains_page(a, "", "limited")}, {.strict = true}, {ending::incomplete, MAY_BE "(limited)", ""}},
+        {{domains_page(a, DEGRADED)}, {.strict = true}, {ending::incomplete, MAY_BE "(degraded): why\\x1b", ""}},
+        {{domains_page("", DEGRADED)},
+         {.shown_as = form::json},
+         {ending::incomplete, "nothing found; " MAY_BE "(degraded): why\\x1b", "[]\n"}},
+        {{answered(ERROR_BODY("invalid-value", "m"), "degraded", "404 No")},
+         {.shown_as = form::json},
+         {ending::incomplete, "m; " MAY_BE "(degraded)", "[]\n"}},
+        {{answered(ERROR_BODY("resource-denied", "m"), "degraded", "503 No")}, {}, {ending::refused, "m", ""}},
+        {{domains_page(R"({"name":)" + long_name + "}")},
+         {.strict = true},
+         {ending::done, "", "{\"name\":" + long_name + "}\n"}},
+        {{answered(R"({"l2fib-mac:health":{"status":"degraded"}})", "degraded")},
+         {.what = command::show_health, .strict = true},
+         {ending::done, "", "{\"status\":\"degraded\"}\n"},
+         {"GET /restconf/data/l2fib-mac:health"}},
+        {{answered(R"({"l2fib-mac:mac-entry":[{"age":1,"time-left":3661}]})")},
+         {.what = command::show_mac, .shown_as = form::text, .sorted_by = order::last_seen},
+         {ending::done, "",
+          R"(Domain                  MAC Address        Port             Type            Age      Left   VLAN       VNI  VTEP             Flags
+-                       -                  -                -          00:00:01  01:01:01      -         -  -                -
+)"},
+         {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=last-seen&limit=10000"}},
+        {{answered(R"({"l2fib-mac:mac-entry":[{"domain":"x"},{"domain":"y"}]})")},
+         {.what = command::show_mac, .limit = 1, .domain = "y", .sorted_by = order::created},
+         {ending::done, "", "{\"domain\":\"y\"}\n"},
+         {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=created&limit=10000"}},
+        {{answered(ERROR_BODY("operation-failed", "no full dump"), "degraded", "504 No")},
+         {.what = command::resync, .timeout_seconds = 9, .domain = "d"},
+         {ending::refused, "no full dump", ""},
+         {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"domain":"d","wait":8}})"}},
+        {{answered("", "limited", "204 No Content")},
+         {.what = command::resync},
+         {ending::incomplete, MAY_BE "(limited)", ""},
+         {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"wait":59}})"}},
+    };
+    for (const auto &row : rows) {
+        canned_daemon daemon(row.steps);
+        options how = row.how;
+        how.what = how.what == command::none ? command::show_domain : how.what;
+        how.shown_as =
+            how.shown_as == form::text && how.sorted_by != order::last_seen ? form::json_lines : how.shown_as;
+        how.socket = daemon.path();
+        const outcome found = outcome_of(how);
+        EXPECT_EQ(daemon.stop(), row.requests);
+        EXPECT_EQ(found.how, row.expected.how) << row.requests.back();
+        EXPECT_EQ(found.message, row.expected.message);
+        EXPECT_TRUE(found.shown == row.expected.shown) << found.shown.substr(0, 1000);
+    }
 }
 
 } // namespace

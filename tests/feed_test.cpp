@@ -254,6 +254,11 @@ TEST_F(records_of, ports_carry_the_attributes_of_their_kind)
     }
     run("mark; kind 80 99; 1 80 1");
     EXPECT_EQ(port(80)->bp_type, EDM_BP_TYPE_INTERFACE) << "an unknown kind changes nothing";
+    run("mark; kind 80 2; 1 80 1");
+    EXPECT_EQ(port(80)->seg_info3, 23u);
+    ASSERT_EQ(host::cross_connect_set(80, plain), 0u);
+    run("mark; 1 80 1");
+    EXPECT_EQ(port(80)->seg_info3, 0u) << "the interface has lost its sub-kind";
 }
 
 TEST_F(records_of, entries_belong_to_a_node)

@@ -7,12 +7,14 @@
 #include <map>
 #include <random>
 #include <set>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "forwarding/generate.h"
 #include "forwarding/mapping.h"
+#include "forwarding/reading.h"
 #include "forwarding/replay.h"
 #include "forwarding/running.h"
 #include "host/event_host.h"
@@ -38,7 +40,7 @@ mac_address mac(uint32_t number)
 
 link_record link(uint32_t ifindex, const char *name, link_kind kind, uint32_t master = 0, uint32_t vni = 0)
 {
-    return {ifindex, master, name, kind, false, false, vni, true, {}};
+    return {ifindex, master, name, kind, false, false, vni, true, {}, 300'000};
 }
 
 fdb_record on_bridge(uint32_t bridge, uint32_t port, mac_address address, uint8_t state = fdb_reachable,
@@ -330,6 +332,11 @@ struct scripted : plane {
     }
     plane_health health() const override { return {.clean = clean, .generation = 1}; }
     bool ages_silently() const override { return silent; }
+    void list_again() override
+    {
+        ++relisted;
+        clean = false;
+    }
     void stop() override {}
 
     void list(bool is_clean)
@@ -371,6 +378,7 @@ struct scripted : plane {
     bool silent = false;
     std::atomic<bool> clean{false};
     std::atomic<size_t> asked{0};
+    std::atomic<size_t> relisted{0};
 };
 
 using lines = std::set<std::string>;
@@ -457,10 +465,18 @@ lines expected(const scripted &plane)
 constexpr uint32_t br0 = 1, br1 = 2, p0 = 10, p1 = 11, p2 = 12, vx0 = 20, vx1 = 21, vx2 = 22;
 
 struct fed_module : testing::Test {
-    fed_module()
+    fed_module() { begin(2'000'000, false); }
+    ~fed_module() override
+    {
+        const release_report report = stop();
+        EXPECT_TRUE(report.orderly) << report.text;
+    }
+
+    void begin(uint32_t limit, bool is_silent)
     {
         auto owned = std::make_unique<scripted>();
         it = owned.get();
+        it->silent = is_silent;
         for (const link_record &each :
              {link(p0, "p0", link_kind::other, br0), link(p1, "p1", link_kind::other, br0),
               link(p2, "p2", link_kind::other, br1), link(br0, "br0", link_kind::bridge),
@@ -471,12 +487,13 @@ struct fed_module : testing::Test {
         forwarding::options options;
         options.group = "lab";
         options.resync_wait_seconds = 20;
+        options.mac_limit = limit;
         EXPECT_EQ(start_on(std::move(owned), options), "");
     }
-    ~fed_module() override
+    void restart(uint32_t limit, bool is_silent)
     {
-        const release_report report = stop();
-        EXPECT_TRUE(report.orderly) << report.text;
+        EXPECT_TRUE(stop().orderly);
+        begin(limit, is_silent);
     }
 
     uint32_t id_of(const std::string &name) const
@@ -710,21 +727,167 @@ TEST_F(fed_module, ADegradedPlaneLosesNothingThatLives)
     expect_equal();
 }
 
-TEST_F(fed_module, WhatWasToldInTheWrongOrderIsMadeGoodByAskingForAges)
+TEST_F(fed_module, WhatNoChangeReportedIsFoundByQuestions)
 {
     on_cache([&] {
         it->silent = true;
         for (uint32_t number = 0; number < 1000; ++number) {
             it->set(on_bridge(br0, p0, mac(number)));
         }
+        it->set(of_device(vx0, mac(5000), {destination_kind::next_hop, {}, 7}));
+        it->set(on_bridge(br0, vx0, mac(5000)));
     });
     resync();
+    // A page asks about its rows, a single address is asked for everywhere.
     on_cache([&] {
         it->drop(on_bridge(br0, p0, mac(1)), false);
         it->set(on_bridge(br0, p1, mac(2)), false);
+        it->set(on_bridge(br1, p2, mac(3000)), false);
     });
-    resync(EDM_RESYNC_BD, id_of("lab:br0"));
+    EXPECT_EQ(read_rows({}, {}, 2000).rows.size(), 1000u);
+    EXPECT_TRUE(find_rows(mac(1), 0).rows.empty());
+    EXPECT_EQ(find_rows(mac(2), 0).rows.at(0).port->name, "p1");
+    EXPECT_EQ(find_rows(mac(3000), 0).rows.at(0).domain->name, "lab:br1");
+    resync();
     expect_equal();
+    // Reported in the wrong order by two processors: gone, then changed.
+    on_cache([&] {
+        it->set(on_bridge(br0, p0, mac(10)));
+        it->to->fdb_gone(on_bridge(br0, p0, mac(10)));
+    });
+    resync();
+    expect_equal();
+    // A next hop goes with its entries.
+    on_cache([&] {
+        it->drop(of_device(vx0, mac(5000), {destination_kind::next_hop, {}, 7}), false);
+        it->to->next_hop_gone(7);
+    });
+    on_cache([] {}); // behind the question
+    EXPECT_EQ(health().next_hop_destinations, 0u);
+    resync();
+    expect_equal();
+}
+
+TEST_F(fed_module, ASampleFindsWhatNoChangeReported)
+{
+    restart(2'000'000, true);
+    on_cache([&] {
+        for (uint32_t number = 0; number < 100; ++number) {
+            it->set(on_bridge(br0, p0, mac(number)));
+        }
+    });
+    resync();
+    EXPECT_EQ(completeness_watch().worst(), completeness::whole);
+    const completeness_watch since;
+    on_cache([&] { it->drop(on_bridge(br0, p0, mac(50)), false); });
+    for (int tries = 0; health().proof.disagreed == 0 && tries < 100; ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_EQ(health().proof.disagreed, 1u);
+    EXPECT_EQ(it->relisted, 1u);
+    EXPECT_EQ(completeness_watch().worst(), completeness::degraded);
+    on_cache([&] { it->list(true); });
+    EXPECT_EQ(completeness_watch().worst(), completeness::whole);
+    EXPECT_EQ(since.worst(), completeness::degraded); // an answer that was made meanwhile says so
+    resync();
+    expect_equal();
+}
+
+TEST_F(fed_module, AFullTableSaysWhatItLacksAndTakesItBack)
+{
+    restart(600, false);
+    on_cache([&] {
+        for (uint32_t number = 0; number < 500; ++number) {
+            it->set(on_bridge(br0, p0, mac(number)));
+            it->set(on_bridge(br1, p2, mac(number)));
+        }
+    });
+    resync();
+    EXPECT_EQ(cached().size(), 600u);
+    EXPECT_EQ(completeness_watch().worst(), completeness::limited);
+    EXPECT_EQ(health().missing, 400u);
+    EXPECT_EQ(health().evictions, 400u);
+    uint64_t evicted = 0;
+    for (const limited_view &each : health().limited) {
+        evicted += each.evicted;
+    }
+    EXPECT_EQ(evicted, 400u);
+    // Counts are those of the table, in all scopes; a single address is found all the same.
+    const entry_counts all = count_all();
+    EXPECT_EQ(count_domain(static_cast<uint16_t>(id_of("lab:br0")))->total
+                  + count_domain(static_cast<uint16_t>(id_of("lab:br1")))->total,
+              all.total);
+    EXPECT_EQ(count_port(xcid_of("p0"))->total + count_port(xcid_of("p2"))->total, all.total);
+    EXPECT_EQ(find_rows(mac(499), 0).rows.size(), 2u);
+    const uint64_t feeds = health().feeds;
+    resync();
+    EXPECT_EQ(health().feeds, feeds);
+    on_cache([&] {
+        for (uint32_t number = 0; number < 450; ++number) {
+            it->drop(on_bridge(br0, p0, mac(number)));
+        }
+    });
+    resync();
+    expect_equal();
+    EXPECT_EQ(completeness_watch().worst(), completeness::whole);
+}
+
+TEST_F(fed_module, RowsAreReadOnceInEachOrderAndFromAnyPlace)
+{
+    on_cache([&] {
+        for (uint32_t number = 0; number < 300; ++number) {
+            it->set(with(on_bridge(br0, number % 2 != 0 ? p0 : p1, mac(number)), 0, 0, 1'000'000 - number));
+            it->set(on_bridge(br1, p2, mac(number), fdb_noarp));
+        }
+        it->set(of_device(vx1, mac(9), {destination_kind::ipv4, {10, 0, 0, 9}, 0, 77}));
+        it->set(on_bridge(br1, vx1, mac(9)));
+        it->set(of_device(vx1, {}, {destination_kind::ipv4, {10, 0, 0, 9}, 0, 78}, fdb_permanent));
+    });
+    resync();
+    for (const uint32_t most : {1u, 7u, 1000u}) {
+        std::set<std::pair<uint32_t, mac_address>> read;
+        row_position at;
+        for (bool more = true; more;) {
+            const row_page page = read_rows({}, at, most);
+            for (const mac_row &row : page.rows) {
+                EXPECT_TRUE(read.emplace(row.xcid, row.mac).second);
+            }
+            at = page.end;
+            more = page.more;
+        }
+        EXPECT_EQ(read.size(), cached().size()) << most;
+        std::vector<uint32_t> ages;
+        std::set<std::pair<uint32_t, mac_address>> created;
+        order_position seen_at, created_at;
+        for (bool more = true; more;) {
+            const ordered_page page = read_ordered(row_order::last_seen, seen_at, most);
+            for (const mac_row &row : page.page.rows) {
+                ages.push_back(row.last_seen != 0 ? row.age : 0);
+            }
+            const ordered_page other = read_ordered(row_order::created, created_at, most);
+            for (const mac_row &row : other.page.rows) {
+                EXPECT_TRUE(created.emplace(row.xcid, row.mac).second);
+            }
+            seen_at = page.end;
+            created_at = other.end;
+            more = page.page.more || other.page.more;
+        }
+        EXPECT_EQ(ages.size(), read.size());
+        EXPECT_TRUE(std::is_sorted(ages.rbegin(), ages.rend()));
+        EXPECT_EQ(created, read);
+    }
+    EXPECT_EQ(find_rows(mac(9), static_cast<uint16_t>(id_of("lab:br1"))).rows.at(0).vni, 77u);
+    const std::vector<vtep_view> vteps = read_vteps({}, 10);
+    ASSERT_EQ(vteps.size(), 2u);
+    EXPECT_EQ(vteps[0].vni + vteps[1].vni, 77u + 78u);
+    EXPECT_EQ(l2fm_edm_table_mac_get_pool()->vtep_cnt, 1u);
+    on_cache([&] {
+        it->drop(of_device(vx1, mac(9), {destination_kind::ipv4, {10, 0, 0, 9}, 0, 77}));
+        it->drop(of_device(vx1, {}, {destination_kind::ipv4, {10, 0, 0, 9}, 0, 78}, fdb_permanent));
+    });
+    resync();
+    expect_equal();
+    EXPECT_EQ(l2fm_edm_table_mac_get_pool()->vtep_cnt, 0u); // nobody uses it any more
 }
 
 TEST_F(fed_module, RequestsWaitForTheFirstListing)

@@ -1,7 +1,9 @@
 // The handlers against the naive reference of the table: at random moments every one of them is asked through the
 // operational database, and its answer, paged to the end, is the one that the reference has.
 #include <array>
+#include <cerrno>
 #include <iomanip>
+#include <set>
 #include <sstream>
 
 #include "tests/support/reference_table.h"
@@ -22,12 +24,11 @@ const auto *const environment = testing::AddGlobalTestEnvironment(new served::ru
 constexpr uint32_t bad = EDM_ERR_BAD_REQUEST;
 constexpr uint32_t none = EDM_ERR_NO_ITEM;
 constexpr size_t page_size = 200;
-constexpr uint32_t most_items = 20000; // A list that comes back to where it was ends here.
 
 // Items as texts: a name, and what is compared of the record.
 struct answer {
     uint32_t status = 0;
-    strings items = {};
+    strings items = {}; // of a list that goes round, up to there
 };
 
 std::string hex(uint64_t value, int digits = 1)
@@ -62,13 +63,15 @@ std::string text(const std::string &path, std::span<const uint8_t> data)
 void expect_answer(const std::string &path, request_kind kind, const answer &expected)
 {
     strings got;
-    const auto outcome = host::operational_read(
-        {.path = path, .kind = kind, .count = most_items}, [&](const host::operational_page &page) {
-            for (const auto &item : page.items) {
-                got.push_back(std::string(item.name) + (item.data.empty() ? "" : " " + text(path, item.data)));
-            }
-            return true;
-        });
+    const auto outcome = host::operational_read({.path = path, .kind = kind}, [&](const host::operational_page &page) {
+        for (const auto &item : page.items) {
+            got.push_back(std::string(item.name) + (item.data.empty() ? "" : " " + text(path, item.data)));
+        }
+        return true;
+    });
+    if (expected.status == ELOOP && got.size() > expected.items.size()) {
+        got.resize(expected.items.size());
+    }
     const auto [left, right] = std::mismatch(got.begin(), got.end(), expected.items.begin(), expected.items.end());
     EXPECT_EQ(left == got.end() ? "the end" : *left, right == expected.items.end() ? "the end" : *right)
         << "item " << left - got.begin() << " of " << path << ", kind " << static_cast<uint32_t>(kind);
@@ -153,10 +156,11 @@ struct listing {
 
     answer read()
     {
-        while (ref_mac *last = add_page()) {
+        std::set<size_t> begun;
+        while (ref_mac *last = all.status == 0 ? add_page() : nullptr) {
             all.status = resume_after(last);
-            if (all.status != 0) {
-                break;
+            if (all.status == 0 && !begun.insert(at).second) {
+                all.status = ELOOP;
             }
         }
         return all;
@@ -168,7 +172,7 @@ struct listing {
         const ref_port *start = at != 0 ? order[at - 1]->port : nullptr;
         const size_t before = all.items.size();
         ref_mac *last = nullptr;
-        for (; at < order.size() && order[at]->port->bd && all.items.size() < most_items; at++) {
+        for (; at < order.size() && order[at]->port->bd; at++) {
             if (!reports(*order[at], start)) {
                 continue;
             }

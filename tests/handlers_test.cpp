@@ -4,6 +4,7 @@
 
 #include <array>
 #include <bit>
+#include <cerrno>
 #include <cstdlib>
 #include <numeric>
 #include <set>
@@ -126,6 +127,30 @@ TEST_F(served_module, long_answers_come_in_pages_of_one_resync)
         }
     }
     EXPECT_FALSE(host::operational_query({.path = "mac-table", .count = 200}).more);
+}
+
+// The same address ends the pages on port 10 and on port 20, which has moved to the bridge domain with it.
+TEST_F(served_module, an_address_on_two_ports_does_not_keep_a_reader_for_ever)
+{
+    constexpr uint32_t twin = 1000;
+    domain(1, "g:a");
+    domain(2, "h:b");
+    interface_port(10);
+    interface_port(20);
+    for (const uint16_t bridge_id : {uint16_t{1}, uint16_t{2}}) {
+        ASSERT_EQ(l2fib_mac_edm_add(&holds(bridge_id, bridge_id * 10u, twin)), 0u);
+    }
+    l2fib_mac_edm_mark_bp(20);
+    the.entries.back().bridge_id = 1;
+    for (uint32_t i = 0; i < 450; i++) {
+        ASSERT_EQ(l2fib_mac_edm_add(&holds(1, i < 199 ? 10 : 20, i < 398 ? i : twin + i)), 0u);
+    }
+    for (const auto kind : {names, data}) {
+        uint32_t pages = 0;
+        const auto visit = [&pages](const host::operational_page &) { return ++pages < 100; };
+        EXPECT_EQ(host::operational_read({.path = "mac-table/domain/g:a", .kind = kind}, visit).status, ELOOP);
+        EXPECT_EQ(host::operational_read({.path = "mac-table/port/20/domain/g:a", .kind = kind}, visit).status, 0u);
+    }
 }
 
 // Two ports of a bridge domain, one of them with three VTEPs, and a port with a fourth.

@@ -371,6 +371,41 @@ TEST_F(operational_db, a_visitor_may_stop_and_a_later_page_may_fail)
     EXPECT_EQ(visits, 2u);
 }
 
+// Two items of a list have one name, and the list is continued after the first of them.
+TEST_F(operational_db, a_read_that_goes_round_ends_but_not_because_the_table_changes)
+{
+    constexpr uint32_t total = 450;
+    const struct {
+        uint32_t page_size, first, second;
+        uint32_t returns; // how many times the second item is gone when the list is continued after it
+        uint32_t status;
+    } cases[] = {
+        {200, 199, 399, UINT32_MAX, ELOOP}, {1, 3, 7, UINT32_MAX, ELOOP}, {7, 13, 433, UINT32_MAX, ELOOP},
+        {200, 199, 398, UINT32_MAX, 0},     {200, 199, 399, 9, 0},        {1, 3, 7, 2, 0},
+    };
+    for (const auto &c : cases) {
+        uint32_t at = 0;
+        uint32_t left = c.returns;
+        script::current().on_list = [&](edm_list_req_t &request, optree_list_t *reply) {
+            if (at == c.second + 1 && left != 0) {
+                left--;
+                at = c.first + 1;
+            }
+            for (uint32_t added = 0; added < c.page_size && at < total; added++, at++) {
+                const std::string name = item_name(at == c.second ? c.first : at);
+                EXPECT_EQ(optree_edm_list_add(reply, name.c_str(), EDM_DATA_TYPE_PARCEL, 0), 0u);
+            }
+            EXPECT_EQ(at < total ? optree_edm_list_set_more_flag(reply) : 0u, 0u);
+            return hand_back(request, reply);
+        };
+        uint32_t pages = 0;
+        const auto outcome = host::operational_read({.path = "mac-table", .kind = list},
+                                                    [&pages](const operational_page &) { return ++pages < 5000; });
+        EXPECT_EQ(outcome.status, c.status) << c.page_size << " " << c.second << " " << outcome.text;
+        EXPECT_TRUE(at == total || c.status != 0);
+    }
+}
+
 // ---- What handlers do wrong ----
 
 TEST_F(operational_db, lists_check_their_arguments_and_their_owner)

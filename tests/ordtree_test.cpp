@@ -534,4 +534,25 @@ TEST(ordtree, lets_trees_of_different_threads_grow_at_once)
     EXPECT_LE(ordtree_memory().mapped_bytes, host::arena_slab_size);
 }
 
+TEST(ordtree_watch, counts_what_changes_the_tree)
+{
+    std::uint64_t changes = 0;
+    ordtree_t tree{};
+    ordtree_watch(&tree, &changes); // does not run
+    ASSERT_EQ(init(tree, kinds[0]), 0U);
+    EXPECT_EQ(tree.changes, nullptr);
+    ordtree_watch(&tree, &changes);
+    record only = numbered_records(1)[0];
+    for (const bool takes_effect : {true, false}) {
+        EXPECT_EQ(ordtree_insert(&tree, only.links) != nullptr, takes_effect);
+        EXPECT_EQ(changes, 1U);
+    }
+    for (const bool takes_effect : {true, false}) {
+        EXPECT_EQ(ordtree_delete(&tree, only.links) != nullptr, takes_effect);
+        EXPECT_EQ(changes, 2U);
+    }
+    ordtree_finish(&tree);
+    EXPECT_EQ(changes, 3U);
+}
+
 } // namespace

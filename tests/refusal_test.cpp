@@ -237,6 +237,14 @@ TEST(refusal, of_single_calls_leaves_what_was_done_before)
           {interpose::ordtree_delete, 1}}, // into the bridge domain's tree, and the undo
          {"an undo is traced", "1 10 1", "2 20 1", EDM_ERR_NO_RESOURCE,
           "1954 l2fm_edm_table_bp_create 20 INVALID_ARGS; 1913 l2fib_mac_edm_add 20", "1: 10(1) | list 1"}},
+        {{{interpose::ordtree_init, 1}},
+         {"a port without its VTEP tree", "1 10 1; kind 10 5; mark", "1 10 1 0x1000 5", 0,
+          "1968 l2fm_edm_table_bp_vtep_init; 1968 l2fm_edm_table_vtep_create_modify; 1970 l2fm_edm_table_mac_create 10",
+          "1: 10*(1) | list 1"}},
+        {{{interpose::ordtree_init, 1}},
+         {"gets it with the next feed", "1 10 1; kind 10 5; mark", "1 10 1 0x1000 5; 1 10 1 0x1000 5", 0,
+          "1968 l2fm_edm_table_bp_vtep_init; 1968 l2fm_edm_table_vtep_create_modify; 1970 l2fm_edm_table_mac_create 10",
+          "1: 10(1){5} | list 1"}},
     };
     for (const auto &[refused, step] : rows) {
         check({step}, [&refused = refused] {

@@ -69,16 +69,36 @@ struct lookups : fixture {
     }
 };
 
-// A bridge domain that the hosting process itself has put into the tree is in no index.
-TEST_F(lookups, search_for_a_bridge_domain_that_no_index_holds)
+TEST_F(lookups, find_an_entry_that_the_hosting_process_put_into_a_tree)
 {
-    ASSERT_EQ(host::bridge_domain_set(4, "g:d"), 0u);
-    l2fm_edm_bd_t *bd = l2fm_edm_table_bd_alloc_and_fill(4);
-    ASSERT_NE(ordtree_insert(l2fm_edm_table_bd_get_root(), edm::to_element(bd)->bd_links), nullptr);
-    l2fm_edm_table_cnt_inc(EDM_COUNT_BD);
-    EXPECT_EQ(l2fm_edm_table_bd_get_by_bridgeid(4), bd);
-    EXPECT_EQ(feed(1, 10, 4), 0u);
-    EXPECT_EQ(l2fm_edm_table_bd_destroy(4), 0u);
+    const auto fed = entry(2, 10, 1); // address 2 is on port 20
+    l2fm_edm_mac_t *twin = l2fm_edm_table_mac_alloc_and_fill(&fed);
+    ASSERT_NE(ordtree_insert(&l2fm_edm_table_bp_get_by_xcid(10)->mac_tree, &edm::to_element(twin)->mac_link), nullptr);
+    EXPECT_EQ(cached(2, 1), twin);
+    EXPECT_EQ(feed(2, 10, 1), EDM_ERR_INVALID_ARGS); // it has no port
+    twin->bp = l2fm_edm_table_bp_get_by_xcid(10);
+    EXPECT_EQ(feed(2, 10, 1, EDM_MAC_STATIC), 0u);
+    EXPECT_EQ(l2fm_edm_table_mac_destroy(twin), 0u); // the audit sees that it was never counted
+    EXPECT_EQ(text(cached(2, 1)), "2 on 20");
+}
+
+TEST_F(lookups, do_not_find_entries_of_a_port_that_is_in_no_tree)
+{
+    const auto fed = entry(9, 50, 1);
+    l2fm_edm_bp_t *bp = l2fm_edm_table_bp_alloc_and_fill(l2fm_edm_table_bd_get_by_bridgeid(1), 50, 1);
+    EXPECT_EQ(l2fm_edm_table_mac_create(bp, &fed), 0u);
+    EXPECT_EQ(cached(9, 1), nullptr);
+    EXPECT_EQ(l2fm_edm_table_bp_destroy_internal(bp), 0u);
+}
+
+TEST_F(lookups, trace_a_stopped_tree_on_their_way)
+{
+    l2fm_edm_table_bp_mac_table_destroy(l2fm_edm_table_bp_get_by_xcid(10));
+    take_traces();
+    EXPECT_EQ(text(cached(5, 1)), "5 on 20");
+    EXPECT_EQ(own_lookup(2, 1), 20u);
+    EXPECT_EQ(take_traces(), "1938 l2fm_edm_table_get; 1938 l2fm_edm_table_get; 1938 l2fm_edm_table_get");
+    run("destroy bp 10");
 }
 
 // What the comparison with the reference table does not ask for.

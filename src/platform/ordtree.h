@@ -60,13 +60,14 @@ typedef struct ordtree_index {
     uint16_t key_kind;   /* ordtree_key_kind_t */
 } ordtree_index_t;
 
-/* The handle. Its user reads `node_to_entry` back; everything else belongs to the tree. */
+/* The handle. Its user reads `node_to_entry` and `changes` back; everything else belongs to the tree. */
 typedef struct ordtree {
     ordtree_node_to_entry_fn node_to_entry; /* null: a node is its element's start */
     uint32_t index_count;                   /* 0 while the tree does not run */
     uint32_t reserved;
     uint64_t record_count;
     ordtree_index_t index[ORDTREE_MAX_INDEXES];
+    uint64_t *changes; /* set by ordtree_watch; null: nobody watches the tree */
 } ordtree_t;
 
 /*
@@ -123,6 +124,13 @@ L2FIB_EXPORT L2FIB_OPTIONAL void ordtree_describe_key(ordtree_compare_fn compare
  * lack this operation.
  */
 L2FIB_EXPORT L2FIB_OPTIONAL void ordtree_expect(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index);
+
+/*
+ * Makes the tree count its changes in `*changes`: from now on each successful insertion or deletion, and the tree's
+ * end, adds one, whoever calls. The cell belongs to the caller and outlives the tree; several trees under one lock may
+ * share it. A tree that does not run is left alone. A platform may lack this operation.
+ */
+L2FIB_EXPORT L2FIB_OPTIONAL void ordtree_watch(ordtree_t *tree, uint64_t *changes);
 
 L2FIB_END_DECLS
 

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "table/growing_index.h"
+#include "table/index_trust.h"
 
 namespace {
 
@@ -36,12 +37,22 @@ constexpr uint32_t longest_chain_followed = 64;
 
 l2fm_edm_mac_t *chain_prev(const l2fm_edm_mac_t *mac)
 {
-    return reinterpret_cast<l2fm_edm_mac_t *>(mac->same_addr_prev & ~edm::counted_mask);
+    return reinterpret_cast<l2fm_edm_mac_t *>(mac->same_addr_prev & ~edm::kind_mask);
 }
 
 void set_chain_prev(l2fm_edm_mac_t *mac, l2fm_edm_mac_t *prev)
 {
-    mac->same_addr_prev = reinterpret_cast<uintptr_t>(prev) | (mac->same_addr_prev & edm::counted_mask);
+    mac->same_addr_prev = reinterpret_cast<uintptr_t>(prev) | (mac->same_addr_prev & edm::kind_mask);
+}
+
+l2fm_edm_mac_t *chain_next(const l2fm_edm_mac_t *mac)
+{
+    return reinterpret_cast<l2fm_edm_mac_t *>(mac->same_addr_next & ~edm::counted_mask);
+}
+
+void set_chain_next(l2fm_edm_mac_t *mac, l2fm_edm_mac_t *next)
+{
+    mac->same_addr_next = reinterpret_cast<uintptr_t>(next) | (mac->same_addr_next & edm::counted_mask);
 }
 
 // A missing entry is its own predecessor, which no entry in a chain is.
@@ -53,12 +64,13 @@ bool is_missing(const l2fm_edm_mac_t *mac)
 // Puts an entry behind the head of its chain.
 void join_chain(l2fm_edm_mac_t *head, l2fm_edm_mac_t *mac)
 {
-    mac->same_addr_next = head->same_addr_next;
+    l2fm_edm_mac_t *next = chain_next(head);
+    set_chain_next(mac, next);
     set_chain_prev(mac, head);
-    if (mac->same_addr_next != nullptr) {
-        set_chain_prev(mac->same_addr_next, mac);
+    if (next != nullptr) {
+        set_chain_prev(next, mac);
     }
-    head->same_addr_next = mac;
+    set_chain_next(head, mac);
 }
 
 // Takes the head of a chain out; its place goes to the next entry, or away.
@@ -68,19 +80,21 @@ void remove_head(l2fm_edm_mac_t *mac)
     if (edm::index_record(heads, place) != mac) {
         return; // was never linked
     }
-    if (mac->same_addr_next == nullptr) {
+    l2fm_edm_mac_t *next = chain_next(mac);
+    if (next == nullptr) {
         edm::index_erase(heads, place);
         return;
     }
-    set_chain_prev(mac->same_addr_next, nullptr);
-    edm::index_replace(place, mac->same_addr_next);
+    set_chain_prev(next, nullptr);
+    edm::index_replace(place, next);
 }
 
 void remove_behind(l2fm_edm_mac_t *prev, l2fm_edm_mac_t *mac)
 {
-    prev->same_addr_next = mac->same_addr_next;
-    if (mac->same_addr_next != nullptr) {
-        set_chain_prev(mac->same_addr_next, prev);
+    l2fm_edm_mac_t *next = chain_next(mac);
+    set_chain_next(prev, next);
+    if (next != nullptr) {
+        set_chain_prev(next, prev);
     }
 }
 
@@ -90,6 +104,9 @@ namespace edm {
 
 void address_index_link(l2fm_edm_mac_t *mac)
 {
+    if (!indexes_trusted()) {
+        return;
+    }
     const uint64_t address = by_address::key_of(*mac);
     const index_place place = address != known_absent ? index_find(heads, address) : index_place{};
     known_absent = no_address;
@@ -103,6 +120,9 @@ void address_index_link(l2fm_edm_mac_t *mac)
 
 void address_index_unlink(l2fm_edm_mac_t *mac)
 {
+    if (!indexes_trusted()) {
+        return;
+    }
     l2fm_edm_mac_t *prev = chain_prev(mac);
     if (is_missing(mac)) {
         missing--;
@@ -111,7 +131,7 @@ void address_index_unlink(l2fm_edm_mac_t *mac)
     } else {
         remove_head(mac);
     }
-    mac->same_addr_next = nullptr;
+    set_chain_next(mac, nullptr);
     set_chain_prev(mac, nullptr);
 }
 
@@ -138,7 +158,7 @@ address_answer address_index_find(const uint8_t *mac_addr, const l2fm_edm_bp_t *
         known_absent = address;
     }
     l2fm_edm_mac_t *lowest = nullptr;
-    for (uint32_t followed = 0; mac != nullptr; mac = mac->same_addr_next, followed++) {
+    for (uint32_t followed = 0; mac != nullptr; mac = chain_next(mac), followed++) {
         const l2fm_edm_bp_t *bp = mac->bp;
         if (bp == nullptr || followed == longest_chain_followed) {
             return {false, nullptr};

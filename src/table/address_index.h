@@ -4,10 +4,11 @@
 // port of it, for every new entry. Entries of one address, on whatever ports, form a chain. Nothing in it depends on
 // bridge domains, so a port that moves to another one needs no attention here.
 //
-// Not obvious: an entry for which there was no memory is not in the index, and is remembered as missing. While any is
-// missing, or a chain is long, the answer is "unknown" and the caller searches the trees.
+// If there is no memory for an entry, it stays out of the index and is remembered as missing. While any entry is
+// missing, or if a chain is long, the answer is "unknown" and the caller searches the trees.
 //
-// Whoever links an entry into its port's tree or takes it out keeps the index in step. The caller holds the table lock.
+// The creation and the destruction of an entry update the index. It may be asked while edm::indexes_trusted(); after
+// that nothing updates it, and it may name entries that are gone. The caller holds the table lock.
 #pragma once
 
 #include "l2fm_edm_table.h"
@@ -32,18 +33,26 @@ struct address_answer {
 // bridge domain `bd` (which may be null: then on no other port).
 address_answer address_index_find(const uint8_t *mac_addr, const l2fm_edm_bp_t *preferred, const l2fm_edm_bd_t *bd);
 
-// How an entry was counted last, three bits; see mac_entry.cpp. They share a word with the chain.
-constexpr uintptr_t counted_mask = 7;
-static_assert(alignof(l2fm_edm_mac_t) > counted_mask);
+// How an entry was counted last, see mac_entry.cpp. The low bits of the chain's two pointers hold it: three bits beside
+// the predecessor say as what, one bit beside the successor says whether it was counted at all.
+constexpr uintptr_t kind_mask = 7;
+constexpr uintptr_t counted_mask = 1;
+static_assert(alignof(l2fm_edm_mac_t) > kind_mask);
+
+inline bool is_counted(const l2fm_edm_mac_t *mac)
+{
+    return (mac->same_addr_next & counted_mask) != 0;
+}
 
 inline uint32_t counted_as(const l2fm_edm_mac_t *mac)
 {
-    return static_cast<uint32_t>(mac->same_addr_prev & counted_mask);
+    return static_cast<uint32_t>(mac->same_addr_prev & kind_mask);
 }
 
 inline void set_counted_as(l2fm_edm_mac_t *mac, uint32_t kind)
 {
-    mac->same_addr_prev = (mac->same_addr_prev & ~counted_mask) | (kind & counted_mask);
+    mac->same_addr_next |= counted_mask;
+    mac->same_addr_prev = (mac->same_addr_prev & ~kind_mask) | (kind & kind_mask);
 }
 
 } // namespace edm

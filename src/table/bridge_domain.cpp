@@ -2,6 +2,7 @@
 #include "platform/bounded_copy.h"
 #include "platform/l2fib.h"
 #include "table/element.h"
+#include "table/index_trust.h"
 #include "table/object_index.h"
 #include "table/ordering.h"
 #include "table/root.h"
@@ -34,8 +35,25 @@ uint32_t l2fm_edm_table_bd_bp_cache_init(l2fm_edm_bd_t *bd)
     const uint32_t status = ordtree_init(&bd->bp_tree, 1, l2fm_edm_table_node_identity, l2fm_edm_table_bd_bp_xcid_cmp);
     if (status != 0) {
         EDM_TRACE(1938);
+        return status;
     }
-    return status;
+    edm::watch_tree(&bd->bp_tree);
+    return 0;
+}
+
+// Destroys every port of a bridge domain and finishes its tree.
+void destroy_ports(l2fm_edm_bd_t *bd)
+{
+    if (bd == nullptr || ordtree_running(&bd->bp_tree) == 0) {
+        return;
+    }
+    l2fm_edm_bp_t *bp = l2fm_edm_table_bd_bp_get_first(bd);
+    while (bp != nullptr) {
+        l2fm_edm_bp_t *next = l2fm_edm_table_bd_bp_get_next(bd, bp);
+        l2fm_edm_table_bp_destroy_internal(bp);
+        bp = next;
+    }
+    edm::finish_tree(&bd->bp_tree);
 }
 
 } // namespace
@@ -72,8 +90,8 @@ l2fm_edm_bd_t *l2fm_edm_table_bd_create(uint32_t bridge_id)
     if (bd == nullptr) {
         return nullptr;
     }
-    if (ordtree_insert(&root.bd_root, to_element(bd)->bd_links) == nullptr) {
-        ordtree_finish(&bd->bp_tree);
+    if (edm::insert_node(&root.bd_root, to_element(bd)->bd_links) == nullptr) {
+        edm::finish_tree(&bd->bp_tree);
         l2fm_edm_table_bd_free(bd);
         return nullptr;
     }
@@ -102,23 +120,15 @@ uint32_t l2fm_edm_table_bd_destroy_internal(l2fm_edm_bd_t *bd)
     if (bd == nullptr || ordtree_running(&root.bd_root) == 0) {
         return EDM_ERR_INVALID_ARGS;
     }
-    l2fm_edm_table_bd_bp_table_destroy(bd);
+    destroy_ports(bd);
     edm::bd_index_unlink(bd);
-    const bool deleted = ordtree_delete(&root.bd_root, to_element(bd)->bd_links) != nullptr;
+    const bool deleted = edm::delete_node(&root.bd_root, to_element(bd)->bd_links) != nullptr;
     l2fm_edm_table_bd_free(bd);
     return deleted ? 0 : EDM_ERR_INVALID_ARGS;
 }
 
 void l2fm_edm_table_bd_bp_table_destroy(l2fm_edm_bd_t *bd)
 {
-    if (bd == nullptr || ordtree_running(&bd->bp_tree) == 0) {
-        return;
-    }
-    l2fm_edm_bp_t *bp = l2fm_edm_table_bd_bp_get_first(bd);
-    while (bp != nullptr) {
-        l2fm_edm_bp_t *next = l2fm_edm_table_bd_bp_get_next(bd, bp);
-        l2fm_edm_table_bp_destroy_internal(bp);
-        bp = next;
-    }
-    ordtree_finish(&bd->bp_tree);
+    edm::distrust_indexes(); // the hosting process may start another tree in the record
+    destroy_ports(bd);
 }

@@ -3,6 +3,7 @@
 // An ordinary port is on the global tree and on its bridge domain's; a dummy port on the latter only. A port is counted
 // from the moment it is on its trees until it is destroyed, by whatever way.
 #include "table/element.h"
+#include "table/index_trust.h"
 #include "table/object_index.h"
 #include "table/ordering.h"
 #include "table/root.h"
@@ -29,7 +30,9 @@ uint32_t start_tree(ordtree_t *tree, ordtree_compare_fn compare, uint32_t trace_
 
 uint32_t l2fm_edm_table_bp_mac_init(l2fm_edm_bp_t *bp)
 {
-    return start_tree(&bp->mac_tree, l2fm_edm_table_mac_addr_cmp, 1938, __func__);
+    const uint32_t status = start_tree(&bp->mac_tree, l2fm_edm_table_mac_addr_cmp, 1938, __func__);
+    edm::watch_tree(&bp->mac_tree);
+    return status;
 }
 
 uint32_t l2fm_edm_table_bp_vtep_init(l2fm_edm_bp_t *bp)
@@ -40,6 +43,21 @@ uint32_t l2fm_edm_table_bp_vtep_init(l2fm_edm_bp_t *bp)
 uint32_t free_bp(l2fm_edm_bp_t *bp)
 {
     return l2fm_edm_table_free(EDM_POOL_BP, to_element(bp));
+}
+
+// Destroys every entry of a port and finishes its tree.
+void destroy_macs(l2fm_edm_bp_t *bp)
+{
+    if (bp == nullptr || ordtree_running(&bp->mac_tree) == 0) {
+        return;
+    }
+    l2fm_edm_mac_t *mac = l2fm_edm_table_bp_mac_get_first(bp);
+    while (mac != nullptr) {
+        l2fm_edm_mac_t *next = l2fm_edm_table_bp_mac_get_next(bp, mac);
+        l2fm_edm_table_mac_destroy(mac);
+        mac = next;
+    }
+    edm::finish_tree(&bp->mac_tree);
 }
 
 void destroy_vteps(l2fm_edm_bp_t *bp)
@@ -56,10 +74,10 @@ void destroy_vteps(l2fm_edm_bp_t *bp)
     ordtree_finish(&bp->vtep_tree);
 }
 
-// Undoes l2fm_edm_table_bp_alloc_and_fill.
+// Undoes make_bp.
 void discard_bp(l2fm_edm_bp_t *bp)
 {
-    l2fm_edm_table_bp_mac_table_destroy(bp);
+    destroy_macs(bp);
     destroy_vteps(bp);
     free_bp(bp);
 }
@@ -71,18 +89,18 @@ bool can_hold_ports(const l2fm_edm_bd_t *bd)
 
 bool insert_into_bd(l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp)
 {
-    return ordtree_insert(&bd->bp_tree, &to_element(bp)->bd_bp_link) != nullptr;
+    return edm::insert_node(&bd->bp_tree, &to_element(bp)->bd_bp_link) != nullptr;
 }
 
 bool delete_from_bd(l2fm_edm_bp_t *bp)
 {
     return bp->bd != nullptr && ordtree_running(&bp->bd->bp_tree) != 0
-           && ordtree_delete(&bp->bd->bp_tree, &to_element(bp)->bd_bp_link) != nullptr;
+           && edm::delete_node(&bp->bd->bp_tree, &to_element(bp)->bd_bp_link) != nullptr;
 }
 
 bool delete_from_root(l2fm_edm_bp_t *bp)
 {
-    return ordtree_running(&root.bp_root) != 0 && ordtree_delete(&root.bp_root, &to_element(bp)->bp_link) != nullptr;
+    return ordtree_running(&root.bp_root) != 0 && edm::delete_node(&root.bp_root, &to_element(bp)->bp_link) != nullptr;
 }
 
 bool is_on_a_tree(const l2fm_edm_bp_t *bp)
@@ -91,45 +109,78 @@ bool is_on_a_tree(const l2fm_edm_bp_t *bp)
     return element->bd_bp_link.place != nullptr || element->bp_link.place != nullptr;
 }
 
+// A new port with its trees, in no tree.
+l2fm_edm_bp_t *make_bp(l2fm_edm_bd_t *bd, uint32_t xcid, uint32_t fill)
+{
+    static constexpr char operation[] = "l2fm_edm_table_bp_alloc_and_fill";
+    auto *bp = edm::to_record<l2fm_edm_bp_t>(l2fm_edm_table_malloc(EDM_POOL_BP));
+    if (bp == nullptr) {
+        EDM_TRACE_AS(operation, 1942);
+        return nullptr;
+    }
+    if (fill != 0 && l2fm_edm_table_bp_fill(bp, xcid) != 0) {
+        free_bp(bp);
+        return nullptr;
+    }
+    bp->bd = bd;
+    if (l2fm_edm_table_bp_mac_init(bp) != 0) {
+        free_bp(bp);
+        EDM_TRACE_AS(operation, 1938);
+        return nullptr;
+    }
+    if (bp->bp_type == EDM_BP_TYPE_VXLAN && l2fm_edm_table_bp_vtep_init(bp) != 0) {
+        discard_bp(bp);
+        EDM_TRACE_AS(operation, 1968);
+        return nullptr;
+    }
+    return bp;
+}
+
 // A port that is complete and on its trees enters the table.
 l2fm_edm_bp_t *enter(l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp)
 {
-    l2fm_edm_table_bp_set_bd(bp, bd);
+    bp->bd = bd;
     bp->refresh_pending = 0;
     l2fm_edm_table_cnt_inc(EDM_COUNT_BP);
     return bp;
 }
 
-// A port that has become or ceased to be of the VXLAN kind: VTEPs are reached on ports of that kind only.
-void follow_kind(l2fm_edm_bp_t *bp)
+// Gives a port the VTEP tree that its kind needs, since readers reach VTEPs on ports of the VXLAN kind only. False if
+// the tree cannot be started.
+bool follow_kind(l2fm_edm_bp_t *bp)
 {
     if (bp->bp_type != EDM_BP_TYPE_VXLAN) {
         destroy_vteps(bp);
-    } else if (ordtree_running(&bp->vtep_tree) == 0) {
-        l2fm_edm_table_bp_vtep_init(bp);
+        return true;
     }
+    return ordtree_running(&bp->vtep_tree) != 0 || l2fm_edm_table_bp_vtep_init(bp) == 0;
 }
 
+// A port that lacks only its VTEP tree takes entries, so that is no failure; but the next feed refreshes it again.
 uint32_t refresh(l2fm_edm_bp_t *bp)
 {
     const uint32_t status = l2fm_edm_table_bp_fill(bp, bp->xcid);
-    follow_kind(bp);
+    const bool is_complete = follow_kind(bp);
+    if (status == 0 && is_complete) {
+        bp->refresh_pending = 0;
+    }
     return status;
 }
 
-// Moves a port with its entries. When the new bridge domain cannot take it, the port is left without one.
+// Moves a port with its entries. If the new bridge domain cannot take it, the port is left without one.
 uint32_t move(l2fm_edm_bp_t *bp, uint32_t bridge_id)
 {
     if (!delete_from_bd(bp)) {
         EDM_TRACE_AS("l2fm_edm_table_bp_update", 1953, bp->xcid, EDM_ERR_INVALID_ARGS);
         return EDM_ERR_INVALID_ARGS;
     }
-    l2fm_edm_table_bp_unset_bd(bp);
+    bp->bd = nullptr;
     l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_by_bridgeid(bridge_id);
     if (bd == nullptr || !insert_into_bd(bd, bp)) {
         return EDM_ERR_INVALID_ARGS;
     }
-    l2fm_edm_table_bp_set_bd(bp, bd);
+    bp->bd = bd;
+    bp->refresh_pending = 0;
     return 0;
 }
 
@@ -139,6 +190,9 @@ uint32_t l2fm_edm_table_bp_fill(l2fm_edm_bp_t *bp, uint32_t xcid)
 {
     if (bp == nullptr) {
         return EDM_ERR_INVALID_ARGS;
+    }
+    if (bp->xcid != xcid && is_on_a_tree(bp)) {
+        edm::distrust_indexes(); // they could not find the port again
     }
     bp->xcid = xcid;
     const uint32_t status = edm::read_segment(bp, xcid);
@@ -150,28 +204,8 @@ uint32_t l2fm_edm_table_bp_fill(l2fm_edm_bp_t *bp, uint32_t xcid)
 
 l2fm_edm_bp_t *l2fm_edm_table_bp_alloc_and_fill(l2fm_edm_bd_t *bd, uint32_t xcid, uint32_t fill)
 {
-    auto *bp = edm::to_record<l2fm_edm_bp_t>(l2fm_edm_table_malloc(EDM_POOL_BP));
-    if (bp == nullptr) {
-        EDM_TRACE(1942);
-        return nullptr;
-    }
-    if (fill != 0 && l2fm_edm_table_bp_fill(bp, xcid) != 0) {
-        free_bp(bp);
-        return nullptr;
-    }
-    l2fm_edm_table_bp_set_bd(bp, bd);
-    if (l2fm_edm_table_bp_mac_init(bp) != 0) {
-        free_bp(bp);
-        EDM_TRACE(1938);
-        return nullptr;
-    }
-    if (bp->bp_type == EDM_BP_TYPE_VXLAN && l2fm_edm_table_bp_vtep_init(bp) != 0) {
-        l2fm_edm_table_bp_mac_table_destroy(bp);
-        free_bp(bp);
-        EDM_TRACE(1968);
-        return nullptr;
-    }
-    return bp;
+    edm::distrust_indexes(); // its back-pointer names a bridge domain whose tree does not hold it
+    return make_bp(bd, xcid, fill);
 }
 
 l2fm_edm_bp_t *l2fm_edm_table_bp_create(l2fm_edm_bd_t *bd, uint32_t xcid)
@@ -179,11 +213,11 @@ l2fm_edm_bp_t *l2fm_edm_table_bp_create(l2fm_edm_bd_t *bd, uint32_t xcid)
     if (!can_hold_ports(bd) || xcid == EDM_XCID_NONE || xcid == EDM_XCID_DUMMY) {
         return nullptr;
     }
-    l2fm_edm_bp_t *bp = l2fm_edm_table_bp_alloc_and_fill(bd, xcid, 1);
+    l2fm_edm_bp_t *bp = make_bp(bd, xcid, 1);
     if (bp == nullptr) {
         return nullptr;
     }
-    if (ordtree_insert(&root.bp_root, &to_element(bp)->bp_link) == nullptr) {
+    if (edm::insert_node(&root.bp_root, &to_element(bp)->bp_link) == nullptr) {
         discard_bp(bp);
         return nullptr;
     }
@@ -203,7 +237,7 @@ l2fm_edm_bp_t *l2fm_edm_table_bp_create_dummy(l2fm_edm_bd_t *bd, uint32_t xcid)
     if (!can_hold_ports(bd)) {
         return nullptr;
     }
-    l2fm_edm_bp_t *bp = l2fm_edm_table_bp_alloc_and_fill(bd, xcid, 0);
+    l2fm_edm_bp_t *bp = make_bp(bd, xcid, 0);
     if (bp == nullptr) {
         return nullptr;
     }
@@ -226,11 +260,7 @@ uint32_t l2fm_edm_table_bp_update(l2fm_edm_bp_t *bp, uint32_t bridge_id)
     if (bp->bd == nullptr || ordtree_running(&bp->bd->bp_tree) == 0) {
         return EDM_ERR_INVALID_ARGS;
     }
-    const uint32_t status = bp->bd->bridge_id == bridge_id ? refresh(bp) : move(bp, bridge_id);
-    if (status == 0) {
-        bp->refresh_pending = 0;
-    }
-    return status;
+    return bp->bd->bridge_id == bridge_id ? refresh(bp) : move(bp, bridge_id);
 }
 
 uint32_t l2fm_edm_table_bp_destroy(uint32_t xcid)
@@ -254,7 +284,7 @@ uint32_t l2fm_edm_table_bp_destroy_internal(l2fm_edm_bp_t *bp)
     }
     const uint32_t xcid = bp->xcid;
     const bool counted = is_on_a_tree(bp);
-    l2fm_edm_table_bp_mac_table_destroy(bp);
+    destroy_macs(bp);
     destroy_vteps(bp);
     edm::bp_index_unlink(bp);
     if (!delete_from_root(bp)) {
@@ -263,7 +293,7 @@ uint32_t l2fm_edm_table_bp_destroy_internal(l2fm_edm_bp_t *bp)
     if (!delete_from_bd(bp)) {
         EDM_TRACE(1954, xcid, EDM_ERR_NOT_FOUND);
     }
-    l2fm_edm_table_bp_unset_bd(bp);
+    bp->bd = nullptr;
     free_bp(bp);
     if (counted) {
         l2fm_edm_table_cnt_dec(EDM_COUNT_BP);
@@ -273,14 +303,6 @@ uint32_t l2fm_edm_table_bp_destroy_internal(l2fm_edm_bp_t *bp)
 
 void l2fm_edm_table_bp_mac_table_destroy(l2fm_edm_bp_t *bp)
 {
-    if (bp == nullptr || ordtree_running(&bp->mac_tree) == 0) {
-        return;
-    }
-    l2fm_edm_mac_t *mac = l2fm_edm_table_bp_mac_get_first(bp);
-    while (mac != nullptr) {
-        l2fm_edm_mac_t *next = l2fm_edm_table_bp_mac_get_next(bp, mac);
-        l2fm_edm_table_mac_destroy(mac);
-        mac = next;
-    }
-    ordtree_finish(&bp->mac_tree);
+    edm::distrust_indexes(); // the tree stops while the port stays where it is
+    destroy_macs(bp);
 }

@@ -1,6 +1,7 @@
 // Start-up and teardown of the whole table.
 #include "table/address_index.h"
 #include "table/element.h"
+#include "table/index_trust.h"
 #include "table/object_index.h"
 #include "table/ordering.h"
 #include "table/root.h"
@@ -22,6 +23,21 @@ void zero_counters()
          {&counters.mac_cnt_sum, &counters.mac_cnt_plain, &counters.mac_cnt_f2, &counters.mac_cnt_f4,
           &counters.mac_cnt_f60, &counters.mac_cnt_total, &counters.bd_cnt, &counters.bp_cnt, &counters.vtep_cnt}) {
         edm::poke(*counter, 0u);
+    }
+}
+
+bool runs_empty(const ordtree_t *tree)
+{
+    return ordtree_running(tree) != 0 && ordtree_get_first(tree, 0) == nullptr;
+}
+
+// Lets the indexes answer if the table is new. The table may have been started before, step by step or as a whole.
+void start_indexes()
+{
+    edm::watch_tree(&root.bd_root);
+    edm::watch_tree(&root.bp_root);
+    if (runs_empty(&root.bd_root) && runs_empty(&root.bp_root)) {
+        edm::trust_indexes_of_new_table();
     }
 }
 
@@ -102,6 +118,7 @@ uint32_t l2fm_edm_table_init(void)
             EDM_TRACE(1938);
         }
     }
+    start_indexes();
     zero_counters();
     return status;
 }
@@ -113,6 +130,7 @@ uint32_t l2fm_edm_table_deinit(void)
     status = destroy_listed_macs(status);
     edm::address_index_release();
     edm::object_index_release();
+    edm::forget_tree_changes();
     l2fm_edm_table_chunk_deinit();
     return status;
 }

@@ -5,6 +5,7 @@
 #include "platform/bounded_copy.h"
 #include "platform/l2fib.h"
 #include "table/address_index.h"
+#include "table/index_trust.h"
 #include "table/object_index.h"
 #include "table/root.h"
 #include "table/trace_point.h"
@@ -20,9 +21,10 @@ using edm::to_element;
 constexpr uint32_t by_name = 0;
 constexpr uint32_t by_bridge_id = 1;
 
+// Trusted indexes mean that both global trees run.
 bool bd_root_runs()
 {
-    return ordtree_running(&root.bd_root) != 0;
+    return edm::indexes_trusted() || ordtree_running(&root.bd_root) != 0;
 }
 
 void *entry_of(const ordtree_t *tree, ordtree_link_t *node)
@@ -35,8 +37,8 @@ bool runs(const ordtree_t *tree)
     return tree != nullptr && ordtree_running(tree) != 0;
 }
 
-// Where an index does not know, the trees are searched. These searches are kept out of the functions that ask an index,
-// which would have to save registers and clear probes for them.
+// If an index does not know, or is not trusted, the trees are searched. These searches are kept out of the functions
+// that ask an index, because those would have to save registers and clear probes for them.
 
 [[gnu::noinline]] l2fm_edm_bd_t *search_bd(uint32_t bridge_id)
 {
@@ -45,10 +47,9 @@ bool runs(const ordtree_t *tree)
     return edm::find<l2fm_edm_bd_t>(&root.bd_root, probe.bd_links, by_bridge_id);
 }
 
-// Of a tree that runs.
 l2fm_edm_bd_t *find_bd(uint32_t bridge_id)
 {
-    l2fm_edm_bd_t *bd = edm::bd_index_find(bridge_id);
+    l2fm_edm_bd_t *bd = edm::indexes_trusted() ? edm::bd_index_find(bridge_id) : nullptr;
     return bd != nullptr ? bd : search_bd(bridge_id);
 }
 
@@ -132,7 +133,7 @@ l2fm_edm_bd_t *l2fm_edm_table_bd_get_by_name(const char *name)
 
 l2fm_edm_bd_t *l2fm_edm_table_bd_get_by_bridgeid(uint32_t bridge_id)
 {
-    return bd_root_runs() ? find_bd(bridge_id) : search_bd(bridge_id);
+    return find_bd(bridge_id);
 }
 
 l2fm_edm_bd_t *l2fm_edm_table_bd_get_first_by_name(void)
@@ -173,7 +174,7 @@ l2fm_edm_bp_t *l2fm_edm_table_bp_get_by_xcid(uint32_t xcid)
     if (xcid == EDM_XCID_NONE || xcid == EDM_XCID_DUMMY) {
         return nullptr;
     }
-    l2fm_edm_bp_t *bp = ordtree_running(&root.bp_root) != 0 ? edm::bp_index_find(xcid) : nullptr;
+    l2fm_edm_bp_t *bp = edm::indexes_trusted() ? edm::bp_index_find(xcid) : nullptr;
     return bp != nullptr ? bp : search_bp(xcid);
 }
 
@@ -272,7 +273,7 @@ l2fm_edm_mac_t *l2fm_edm_table_bd_mac_get(const l2fm_edm_bd_t *bd, const uint8_t
     if (bd == nullptr || mac_addr == nullptr) {
         return nullptr;
     }
-    if (runs(&bd->bp_tree)) {
+    if (edm::indexes_cover(&bd->bp_tree)) {
         const edm::address_answer answer = edm::address_index_find(mac_addr, nullptr, bd);
         if (answer.known) {
             return answer.mac;
@@ -349,9 +350,9 @@ l2fm_edm_mac_t *l2fm_edm_table_mac_lookup(const l2fib_mac_edm_entry_t *entry, co
     if (entry == nullptr || bd == nullptr) {
         return nullptr;
     }
-    if (runs(&bp->mac_tree) && bd_root_runs()) {
-        const l2fm_edm_bd_t *own_bd = bd->bridge_id == entry->bridge_id ? bd : find_bd(entry->bridge_id);
-        const edm::address_answer answer = edm::address_index_find(entry->mac_addr, bp, own_bd);
+    if (edm::indexes_cover(&bp->mac_tree)) {
+        const l2fm_edm_bd_t *of_entry = find_bd(entry->bridge_id);
+        const edm::address_answer answer = edm::address_index_find(entry->mac_addr, bp, of_entry);
         if (answer.known) {
             return answer.mac;
         }

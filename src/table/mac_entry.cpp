@@ -17,6 +17,7 @@
 #include "platform/utility.h"
 #include "table/address_index.h"
 #include "table/element.h"
+#include "table/index_trust.h"
 #include "table/mac_limit.h"
 #include "table/pool.h"
 #include "table/root.h"
@@ -107,10 +108,11 @@ void count(l2fm_edm_mac_t *mac)
     edm::add(root.counters.mac_cnt_total, 1);
 }
 
-// Takes back what the entry was counted as, which its flags need not tell any more.
+// Takes back what the entry was counted as, which its flags need not show any more. An entry that the hosting process
+// has put into the table by itself was never counted.
 void uncount(const l2fm_edm_mac_t *mac)
 {
-    if (root.counters.mac_cnt_total != 0) {
+    if (edm::is_counted(mac) && root.counters.mac_cnt_total != 0) {
         uncount_kind(mac);
         edm::add(root.counters.mac_cnt_total, static_cast<uint32_t>(-1));
     }
@@ -119,7 +121,7 @@ void uncount(const l2fm_edm_mac_t *mac)
 void recount(l2fm_edm_mac_t *mac)
 {
     const uint32_t kind = kind_of_flags(mac->flags);
-    if (kind != edm::counted_as(mac)) {
+    if (edm::is_counted(mac) && kind != edm::counted_as(mac)) {
         uncount_kind(mac);
         count_kind(mac, kind);
     }
@@ -244,7 +246,7 @@ uint32_t delete_from_port(l2fm_edm_mac_t *mac)
 {
     l2fm_edm_bp_t *bp = mac->bp != nullptr ? mac->bp : l2fm_edm_table_bp_get_by_xcid(mac->xcid);
     if (bp == nullptr || ordtree_running(&bp->mac_tree) == 0
-        || ordtree_delete(&bp->mac_tree, &to_element(mac)->mac_link) != nullptr) {
+        || edm::delete_node(&bp->mac_tree, &to_element(mac)->mac_link) != nullptr) {
         return 0;
     }
     EDM_TRACE_AS("l2fm_edm_table_mac_destroy", 1955, EDM_ERR_INVALID_ARGS);
@@ -299,8 +301,8 @@ uint32_t l2fm_edm_table_mac_create(l2fm_edm_bp_t *bp, const l2fib_mac_edm_entry_
         return EDM_ERR_NO_RESOURCE;
     }
     mac->node_id = node_id;
-    const bool inserted = ordtree_insert(&bp->mac_tree, &to_element(mac)->mac_link) != nullptr;
-    l2fm_edm_table_mac_set_bp(mac, bp);
+    const bool inserted = edm::insert_node(&bp->mac_tree, &to_element(mac)->mac_link) != nullptr;
+    mac->bp = bp;
     if (!inserted) {
         EDM_TRACE(1911, bp->xcid);
         EDM_TRACE(1911, EDM_ERR_NO_RESOURCE);
@@ -362,7 +364,7 @@ uint32_t l2fm_edm_table_mac_destroy_old_mac(void)
 void l2fib_mac_edm_mac_free(l2fm_edm_mac_t *mac)
 {
     if (mac != nullptr) {
-        l2fm_edm_table_mac_unset_bp(mac);
+        mac->bp = nullptr;
         l2fm_edm_table_free(edm::pool_of_flags(mac->flags), to_element(mac));
     }
 }

@@ -1,6 +1,7 @@
 #include "table/object_index.h"
 
 #include "table/growing_index.h"
+#include "table/index_trust.h"
 
 namespace {
 
@@ -34,13 +35,16 @@ void bd_index_unlink(const l2fm_edm_bd_t *bd)
 
 void bp_index_link(l2fm_edm_bp_t *bp)
 {
-    if (bp_index_find(bp->xcid) == nullptr) {
+    if (indexes_trusted() && bp_index_find(bp->xcid) == nullptr) {
         index_insert(bp_by_xcid, bp);
     }
 }
 
 void bp_index_unlink(const l2fm_edm_bp_t *bp)
 {
+    if (!indexes_trusted()) {
+        return;
+    }
     const index_place place = index_find(bp_by_xcid, bp->xcid);
     if (index_record(bp_by_xcid, place) == bp) {
         index_erase(bp_by_xcid, place);

@@ -1,7 +1,8 @@
 // Short cuts to bridge domains by id and to ports by xcid, for the feed: one access instead of a search.
 //
-// They are hints beside the trees: a record that is not here may still be in its tree, so null means "search", and who
-// takes a record out of its tree takes it out here. The caller holds the table lock.
+// They are hints beside the trees: a record that is not here may still be in its tree, so null means "search". A record
+// is taken out here before it leaves its tree. They may be asked while edm::indexes_trusted(); after that they may name
+// records that are gone. The caller holds the table lock.
 #pragma once
 
 #include <array>

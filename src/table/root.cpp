@@ -2,6 +2,7 @@
 #include "table/root.h"
 
 #include "table/element.h"
+#include "table/index_trust.h"
 #include "table/shared_cell.h"
 
 namespace edm {
@@ -44,23 +45,29 @@ l2fm_edm_ll_link_t *&prev_of(l2fm_edm_ll_link_t *link)
 
 } // namespace
 
+// The module sets the back-pointers of its own records without these four.
+
 void l2fm_edm_table_mac_set_bp(l2fm_edm_mac_t *mac, l2fm_edm_bp_t *bp)
 {
+    edm::distrust_indexes();
     mac->bp = bp;
 }
 
 void l2fm_edm_table_mac_unset_bp(l2fm_edm_mac_t *mac)
 {
+    edm::distrust_indexes();
     mac->bp = nullptr;
 }
 
 void l2fm_edm_table_bp_set_bd(l2fm_edm_bp_t *bp, l2fm_edm_bd_t *bd)
 {
+    edm::distrust_indexes();
     bp->bd = bd;
 }
 
 void l2fm_edm_table_bp_unset_bd(l2fm_edm_bp_t *bp)
 {
+    edm::distrust_indexes();
     bp->bd = nullptr;
 }
 

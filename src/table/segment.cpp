@@ -21,7 +21,9 @@ uint32_t read_interface(const port_objects &from, l2fm_edm_bp_t *bp)
     if (status == 0) {
         status = l2fib_access_field(object_class, &from.segment, L2FIB_FIELD_INTERFACE_3, &bp->seg_info2);
     }
-    if (status == 0 && sub_kind == L2FIB_INTERFACE_SUB_KIND_23) {
+    if (status == 0 && sub_kind != L2FIB_INTERFACE_SUB_KIND_23) {
+        bp->seg_info3 = 0;
+    } else if (status == 0) {
         status = l2fib_access_field(object_class, &from.segment, L2FIB_FIELD_INTERFACE_SUB_VALUE, &bp->seg_info3);
     }
     return status;

@@ -92,6 +92,8 @@ ${mac^^} --domain $domain|."mac-address" == "$mac" and .domain == "$domain"
 --flagged|.xcid == null
 --aging --domain $domain|.domain == "$domain"
 --aging --port $port --vtep $vtep|.xcid == $xcid and .vtep == "$vtep"
+--sort created --domain $domain|.domain == "$domain"
+--strict|true
 END
     local -r total=$(ctl show mac --port "$port" --json-lines | jq --slurp 'map(select(.origin != "local")) | length')
     [[ $(ctl show count --port "$port" --json | jq '.[0].total') == "$total" ]]
@@ -115,6 +117,7 @@ END
 @test "limits, time-outs and pipes" {
     [[ $(ctl show mac --limit 3 | wc --lines) == 4 ]]
     [[ $(ctl --limit 5 show mac --aging --domain lab:br1 --json | jq length) == 5 ]]
+    [[ $(ctl --limit 10001 show mac --json | jq 'unique | length') == 10001 ]]
     ctl show mac 2>"$BATS_TEST_TMPDIR/errors" | head -1
     [[ ${PIPESTATUS[0]} == 0 && ! -s $BATS_TEST_TMPDIR/errors ]]
     run bash -c '"$L2FIBCTL" show mac >/dev/full'
@@ -143,6 +146,9 @@ END
     expect 2 "02:00" show mac 02:00
     expect 2 "--domain" show mac --domain ""
     expect 2 "--aging" show mac --aging --flagged
+    expect 2 "--sort" show mac --sort created --flagged
+    expect 2 "--sort created" show mac --aging --sort created
+    expect 2 '"age": expected last-seen or created' show mac --sort age
     expect 2 "--json" show mac --json --json-lines
     expect 2 "--bridge-json" show vtep --bridge-json
     expect 1 'no port "br0p99"' show mac --port br0p99

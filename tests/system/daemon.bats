@@ -105,7 +105,7 @@ end_daemon()
     for _ in 1 2; do # more than the pipe and the queue take
         get "nothing-[1-100]$long" --output /dev/null
     done
-    health '.log."lines-dropped" | tonumber > 50'
+    health '."log-lines-dropped" | tonumber > 50'
     timeout 3 cat <&8 >"$printed" || true
     [[ $(tail --lines=1 "$printed") =~ ^"l2fibd: warning: log lines dropped: "[1-9] ]]
     get "nothing-[1-200]$long" --output /dev/null

@@ -1,0 +1,76 @@
+#include "table/index_trust.h"
+
+namespace {
+
+using edm::tree_changes;
+
+// No number of changes reaches it.
+constexpr uint64_t never = UINT64_MAX;
+
+// A tree that counts elsewhere, or not at all, could be changed later without notice: the module's own change of it
+// ends the trust.
+void account_for_change(uint64_t changes_before)
+{
+    if (changes_before == tree_changes.accounted && tree_changes.all == changes_before + 1) {
+        tree_changes.accounted++;
+    } else {
+        edm::distrust_indexes();
+    }
+}
+
+using node_operation = ordtree_link_t *(*)(ordtree_t *tree, ordtree_link_t *node);
+
+template <node_operation Operation>
+ordtree_link_t *change(ordtree_t *tree, ordtree_link_t *node)
+{
+    const uint64_t before = tree_changes.all;
+    ordtree_link_t *changed = Operation(tree, node);
+    if (changed != nullptr) {
+        account_for_change(before);
+    }
+    return changed;
+}
+
+} // namespace
+
+namespace edm {
+
+constinit change_counts tree_changes = {.all = 0, .accounted = never};
+
+void trust_indexes_of_new_table()
+{
+    if (&ordtree_watch != nullptr && tree_changes.all == 0) {
+        tree_changes.accounted = 0;
+    }
+}
+
+void forget_tree_changes()
+{
+    tree_changes = {.all = 0, .accounted = never};
+}
+
+void watch_tree(ordtree_t *tree)
+{
+    if (&ordtree_watch != nullptr) {
+        ordtree_watch(tree, &tree_changes.all);
+    }
+}
+
+ordtree_link_t *insert_node(ordtree_t *tree, ordtree_link_t *node)
+{
+    return change<ordtree_insert>(tree, node);
+}
+
+ordtree_link_t *delete_node(ordtree_t *tree, ordtree_link_t *node)
+{
+    return change<ordtree_delete>(tree, node);
+}
+
+void finish_tree(ordtree_t *tree)
+{
+    const uint64_t before = tree_changes.all;
+    ordtree_finish(tree);
+    account_for_change(before);
+}
+
+} // namespace edm
