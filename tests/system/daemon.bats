@@ -3,6 +3,7 @@
 
 D=http://l2fibd/restconf/data/l2fib-mac:
 
+bats_require_minimum_version 1.5.0
 load daemon
 
 setup()
@@ -129,7 +130,11 @@ end_daemon()
     JOURNAL_STREAM=$(stat --format %d:%i "$SOCKET.log") start --log-level debug
     get nothing --output /dev/null
     end_daemon
-    diff <(cut --characters=1-8 "$SOCKET.log") - <<<$'<6>serve\n<7>GET /\n<6>ends \n<6>ended'
+    local line
+    for line in '<6>serves ' '<7>GET ' '<6>ended; '; do
+        grep "^$line" "$SOCKET.log"
+    done
+    run ! grep --invert-match '^<[3-7]>[a-zG]' "$SOCKET.log"
 }
 
 @test "a start with too few descriptors is refused at once" {
