@@ -168,13 +168,6 @@ void write_requests(json_writer &json, const server_health &of_server)
     json.end_object();
 }
 
-void write_log(json_writer &json, const server_health &of_server)
-{
-    json.begin_object("log");
-    json.member64("lines-dropped", of_server.dropped_log_lines);
-    json.end_object();
-}
-
 } // namespace
 
 void write_health(json_writer &json)
@@ -184,7 +177,7 @@ void write_health(json_writer &json)
     write_memory(json);
     const server_health of_server = server != nullptr ? server() : server_health();
     write_requests(json, of_server);
-    write_log(json, of_server);
+    json.member64("log-lines-dropped", of_server.dropped_log_lines);
     json.end_object();
 }
 

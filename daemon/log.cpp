@@ -43,7 +43,8 @@ struct log_state {
     size_t queued_bytes = 0; // the line that is being written included
     bool is_stopping = false;
     bool has_ended = false;
-    std::thread writer; // joinable from log_start to log_stop
+    bool is_stalled = false; // the last line that was written without the writer found no room in time
+    std::thread writer;      // joinable from log_start to log_stop
 };
 
 // A writer that hangs in a write uses it while the process ends.
@@ -195,6 +196,20 @@ void count_lost() noexcept
     state.limit.drop(clock::now());
 }
 
+// Lines after one that waited too long wait no more, so that all of them together hold the start up for a second.
+void write_directly(const log_line &line)
+{
+    std::unique_lock guard(state.lock);
+    const auto until = clock::now() + (state.is_stalled ? clock::duration() : patience);
+    guard.unlock();
+    const bool is_written = write_out(formatted(line), until);
+    guard.lock();
+    state.is_stalled = !is_written;
+    if (!is_written) {
+        state.limit.drop(clock::now());
+    }
+}
+
 } // namespace
 
 void log_threshold(log_level finest)
@@ -234,8 +249,8 @@ void log(log_level level, std::string_view line) noexcept
     }
     try {
         const log_line shown{level, visible(line)};
-        if (!enqueue(shown) && !write_out(formatted(shown), clock::now() + patience)) {
-            count_lost();
+        if (!enqueue(shown)) {
+            write_directly(shown);
         }
     } catch (const std::bad_alloc &) {
         count_lost();
@@ -245,8 +260,10 @@ void log(log_level level, std::string_view line) noexcept
 void log_report_held_back()
 {
     const std::lock_guard guard(state.lock);
-    append_reports(true);
-    state.changed.notify_one();
+    if (state.writer.joinable()) {
+        append_reports(true);
+        state.changed.notify_one();
+    }
 }
 
 uint64_t log_lines_dropped()

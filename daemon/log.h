@@ -3,7 +3,8 @@
 //
 // A thread that logs never waits for the reader of standard error. log() puts the line into a bounded queue, and one
 // writer thread writes it. Lines that find the queue full, exceed the limits of log_limit.h or cannot be written are
-// dropped and counted. Before log_start and after log_stop, log() writes the line itself and waits at most a second.
+// dropped and counted. Before log_start and after log_stop, log() writes the line itself. It waits at most a second for
+// room.
 //
 // When standard error is the system journal, a line begins with its priority, such as "<4>", and nothing else. The
 // journal adds the program's name.

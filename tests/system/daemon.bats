@@ -3,6 +3,7 @@
 
 D=http://l2fibd/restconf/data/l2fib-mac:
 
+bats_require_minimum_version 1.5.0
 load daemon
 
 setup()
@@ -22,7 +23,7 @@ teardown()
 
 start()
 {
-    start_daemon "$SOCKET" --generate macs=100000 "$@"
+    start_daemon "$SOCKET" --generate macs=20000 "$@"
     daemon=$!
     started+=("$daemon")
 }
@@ -30,7 +31,7 @@ start()
 # get URI [CURL_OPTION...]: prints the body, and in front of it what the options ask for.
 get()
 {
-    curl --silent --max-time 5 --unix-socket "$SOCKET" "$D$1" "${@:2}"
+    curl --silent --max-time 30 --unix-socket "$SOCKET" "$D$1" "${@:2}"
 }
 
 health()
@@ -65,14 +66,14 @@ expect_shared()
     [[ $refusal == *"user 0 has $1, other users have 0"* ]] || { echo "$refusal" && return 1; }
     health "$2"
     setpriv --reuid nobody --regid nogroup --clear-groups \
-        curl --silent --fail --max-time 5 --unix-socket "$SOCKET" "${D}mac-count"
+        curl --silent --fail --max-time 30 --unix-socket "$SOCKET" "${D}mac-count"
 }
 
-# Sends SIGTERM; fails if the daemon takes longer than three seconds or does not release everything.
+# Sends SIGTERM; fails if the daemon takes longer than three seconds, a sanitizer's end apart, or not all was released.
 end_daemon()
 {
     kill -TERM "$daemon"
-    timeout 3 tail --pid "$daemon" --follow /dev/null 3>&-
+    timeout ${L2FIB_SANITIZED:+1}3 tail --pid "$daemon" --follow /dev/null 3>&-
     wait "$daemon"
 }
 
@@ -105,7 +106,7 @@ end_daemon()
     for _ in 1 2; do # more than the pipe and the queue take
         get "nothing-[1-100]$long" --output /dev/null
     done
-    health '.log."lines-dropped" | tonumber > 50'
+    health '."log-lines-dropped" | tonumber > 50'
     timeout 3 cat <&8 >"$printed" || true
     [[ $(tail --lines=1 "$printed") =~ ^"l2fibd: warning: log lines dropped: "[1-9] ]]
     get "nothing-[1-200]$long" --output /dev/null
@@ -129,7 +130,11 @@ end_daemon()
     JOURNAL_STREAM=$(stat --format %d:%i "$SOCKET.log") start --log-level debug
     get nothing --output /dev/null
     end_daemon
-    diff <(cut --characters=1-8 "$SOCKET.log") - <<<$'<6>serve\n<7>GET /\n<6>ends \n<6>ended'
+    local line
+    for line in '<6>serves ' '<7>GET ' '<6>ended; '; do
+        grep "^$line" "$SOCKET.log"
+    done
+    run ! grep --invert-match '^<[3-7]>[a-zG]' "$SOCKET.log"
 }
 
 @test "a start with too few descriptors is refused at once" {
