@@ -169,6 +169,24 @@ stable()
         <(ctl --bridge-json show mac | jq --compact-output '.[] | select(.dst) | [.mac, .dst, .vni, .src_vni]' | sort)
 }
 
+@test "a deletion that the kernel never reports is found by the proof" {
+    [[ -z ${L2FIB_SANITIZED-} ]] || skip "a sanitizer wants to be loaded first"
+    in_space bridge fdb add 02:de:af:00:00:01 dev p0 master static
+    local -r deaf=${L2FIB_DEAF:-$BATS_TEST_DIRNAME/../../build/test/lib/libdeaf.so}
+    L2FIBD_PRELOAD=$deaf serve --proof-rate 4000
+    in_space bridge fdb del 02:de:af:00:00:01 dev p0 master
+    local tries
+    for ((tries = 0; tries < 50; tries++)); do
+        [ "$(health .proof.disagreed)" = 0 ] || break
+        sleep 0.2
+    done
+    [ "$(health .proof.disagreed)" = 1 ]
+    grep --quiet 'disagrees about 1 sampled entry' "$L2FIBD_SOCKET.log"
+    ctl resync
+    run -1 ctl show mac 02:de:af:00:00:01 # not there, and that is proven
+    grep --quiet 'a full dump has proven the table' "$L2FIBD_SOCKET.log"
+}
+
 @test "a bridge that is renamed all the time, addresses that move all the time: no answer is cut or lacks what stays" {
     serve
     awk 'BEGIN { for (i = 0; i < 60000; i++) printf "fdb replace 02:bb:00:00:%02x:%02x dev p%d master dynamic\n",
