@@ -89,7 +89,7 @@ constexpr uint32_t on_vxlan = UINT32_MAX;
 constexpr uint32_t first_vni = 10'000;
 constexpr uint32_t remote_share = 4; // every so many-th address is behind a VTEP
 constexpr uint32_t static_share = 64;
-constexpr int64_t aging_time_ms = 300'000;
+constexpr uint32_t aging_time_ms = 300'000;
 
 // The first two bytes of an address; the other four are a number.
 constexpr uint16_t learned_block = 0x0210;
@@ -211,7 +211,7 @@ fabric::fabric(const fabric_options &options)
     const int64_t now = now_ms();
     for (uint32_t at = 0; at < options_.macs; ++at) {
         settle_somewhere(hosts_[at], (at / options_.bridges) % remote_share == 0 && !is_static(at));
-        hosts_[at].updated_ms = now - random_.below(static_cast<uint32_t>(aging_time_ms));
+        hosts_[at].updated_ms = now - random_.below(aging_time_ms);
     }
 }
 
@@ -287,11 +287,13 @@ void fabric::tell_bridge(uint32_t bridge)
     link.ifindex = bridge_index(bridge);
     link.name = "br" + std::to_string(bridge);
     link.address = address(port_block, link.ifindex);
+    link.ageing_ms = aging_time_ms;
     tell_link(link);
     tell(local_entry(link.ifindex));
     const std::string prefix = link.name + "p";
     link.master = link.ifindex;
     link.kind = link_kind::other;
+    link.ageing_ms = 0;
     for (uint32_t port = 0; port < options_.ports; ++port) {
         link.ifindex = port_index(bridge, port);
         link.name = prefix + std::to_string(port);

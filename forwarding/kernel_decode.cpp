@@ -7,6 +7,7 @@
 #include <libmnl/libmnl.h>
 #include <linux/if_link.h>
 #include <linux/neighbour.h>
+#include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <optional>
@@ -22,6 +23,7 @@ constexpr uint32_t ntf_ext_locked = 1U << 1;
 constexpr uint8_t activity_notify_inactive = 1U << 1;
 
 constexpr int64_t ms_per_second = 1000;
+constexpr uint32_t ms_per_ageing_tick = 10; // whatever the ticks of ages are
 
 // An attribute in place: its type and its payload.
 struct attribute {
@@ -90,9 +92,21 @@ bool read_flag(std::span<const std::byte> payload, bool &flag)
     return true;
 }
 
+bool read_ageing_time(std::span<const std::byte> payload, uint32_t &ageing_ms)
+{
+    uint32_t ticks = 0;
+    const bool fits = read(payload, ticks);
+    ageing_ms = ageing_ms_of(ticks);
+    return fits;
+}
+
 bool read_bridge_attribute(const attribute &found, link_record &link)
 {
-    return found.type != IFLA_BR_VLAN_FILTERING || read_flag(found.payload, link.vlan_aware);
+    switch (found.type) {
+    case IFLA_BR_VLAN_FILTERING: return read_flag(found.payload, link.vlan_aware);
+    case IFLA_BR_AGEING_TIME: return read_ageing_time(found.payload, link.ageing_ms);
+    default: return true;
+    }
 }
 
 bool read_vxlan_attribute(const attribute &found, link_record &link)
@@ -301,6 +315,22 @@ kernel_message_kind decode_fdb(std::span<const std::byte> payload, bool gone, co
     return gone ? kernel_message_kind::fdb_gone : kernel_message_kind::fdb_changed;
 }
 
+// ---- next hops
+
+kernel_message_kind decode_next_hop_gone(std::span<const std::byte> payload, kernel_message &message)
+{
+    if (payload.size() < sizeof(nhmsg)) {
+        return kernel_message_kind::malformed;
+    }
+    message.next_hop = 0; // no next hop has it
+    message.for_entries = false;
+    const bool read_all = each_attribute(payload.subspan(sizeof(nhmsg)), [&message](const attribute &found) {
+        message.for_entries |= found.type == NHA_FDB;
+        return found.type != NHA_ID || read(found.payload, message.next_hop);
+    });
+    return read_all && message.next_hop != 0 ? kernel_message_kind::next_hop_gone : kernel_message_kind::malformed;
+}
+
 // ---- messages
 
 // The error of a reply or of a dump's end, which the kernel gives as a negative number.
@@ -323,6 +353,7 @@ kernel_message_kind decode_payload(uint16_t type, std::span<const std::byte> pay
     case RTM_DELLINK: return decode_link(payload, true, message.link);
     case RTM_NEWNEIGH: return decode_fdb(payload, false, clock, message.fdb);
     case RTM_DELNEIGH: return decode_fdb(payload, true, clock, message.fdb);
+    case RTM_DELNEXTHOP: return decode_next_hop_gone(payload, message);
     case NLMSG_DONE: // kernels of old gave no error with it
         return payload.empty() || read_error(payload, message.error) ? kernel_message_kind::done
                                                                      : kernel_message_kind::malformed;
@@ -339,6 +370,11 @@ link_kind link_kind_named(std::string_view name)
     const auto *const found = std::find_if(std::begin(link_kinds), std::end(link_kinds),
                                            [name](const auto &row) { return row.name == name; });
     return found == std::end(link_kinds) ? link_kind::other : found->kind;
+}
+
+uint32_t ageing_ms_of(uint32_t ticks)
+{
+    return ticks > UINT32_MAX / ms_per_ageing_tick ? UINT32_MAX : ticks * ms_per_ageing_tick;
 }
 
 kernel_clock kernel_clock_now()

@@ -6,7 +6,7 @@
 // never told. Attributes that are not known here are skipped, for newer kernels send more.
 //
 // Messages of other address families than those of links and bridge entries come on the same socket (neighbours of
-// IPv4 and IPv6, states of bridge ports) and are no concern of a forwarding plane: they are told as `unrelated`.
+// IPv4 and IPv6, states of bridge ports). A forwarding plane does not use them: their kind is `unrelated`.
 //
 // Threads: any.
 #pragma once
@@ -23,12 +23,13 @@ namespace forwarding {
 enum class kernel_message_kind : uint8_t {
     unrelated,
     malformed,
-    link_changed, // `link`
-    link_gone,    // `link`, of which only the interface index is sure
-    fdb_changed,  // `fdb`
-    fdb_gone,     // `fdb`
-    done,         // the end of a dump; `error` when it failed
-    error,        // a request failed, or was acknowledged when `error` is 0
+    link_changed,  // `link`
+    link_gone,     // `link`, of which only the interface index is sure
+    fdb_changed,   // `fdb`
+    fdb_gone,      // `fdb`
+    next_hop_gone, // `next_hop` and `for_entries`
+    done,          // the end of a dump; `error` when it failed
+    error,         // a request failed, or was acknowledged when `error` is 0
 };
 
 struct kernel_message {
@@ -38,6 +39,8 @@ struct kernel_message {
     int error = 0;            // a positive error number
     link_record link = {};
     fdb_record fdb = {};
+    uint32_t next_hop = 0;    // id
+    bool for_entries = false; // the next hop was made for forwarding entries, not for routes
 };
 
 // What turns the ages of entries into times.
@@ -55,5 +58,9 @@ bool kernel_decode(std::span<const std::byte> &datagram, const kernel_clock &clo
 
 // What a device is, by the name that the kernel has for its kind ("bridge", "vxlan", "gretap" ...).
 link_kind link_kind_named(std::string_view name);
+
+// link_record::ageing_ms of a bridge whose ageing time is `ticks` hundredths of a second, the unit in which the kernel
+// and its tools give it. Times that do not fit (over 49 days) give the longest that does.
+uint32_t ageing_ms_of(uint32_t ticks);
 
 } // namespace forwarding

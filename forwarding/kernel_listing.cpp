@@ -96,6 +96,7 @@ void listing_open_window(kernel_listing &listing)
     listing.disturbed = false;
     listing.changed.clear();
     listing.changed_links.clear();
+    listing.gone_next_hops.clear();
     listing.unbounded = false;
     begin_dump(listing.proof);
 }
@@ -149,8 +150,8 @@ void listing_note_gone(kernel_listing &listing, const fdb_record &record, uint32
 {
     listing_note_changed(listing, key_of(record));
     const kernel_dump &current = listing.current;
-    const uint32_t touched = current.scope == kernel_scope::bridge ? bridge : record.ifindex;
-    listing.proof.deletions += touched == current.ifindex ? 1 : 0;
+    const bool of_bridge = bridge != 0 && bridge == current.bridge;
+    listing.proof.deletions += of_bridge || record.ifindex == current.ifindex ? 1 : 0;
 }
 
 void listing_note_link(kernel_listing &listing, uint32_t ifindex)
@@ -162,12 +163,22 @@ void listing_note_link(kernel_listing &listing, uint32_t ifindex)
 
 void listing_note_port_left(kernel_listing &listing, uint32_t bridge)
 {
-    listing.proof.deletions += bridge == listing.current.ifindex ? 1 : 0;
+    listing.proof.deletions += bridge == listing.current.bridge ? 1 : 0;
 }
 
-bool listing_believes(const kernel_listing &listing, const fdb_key &key)
+void listing_note_next_hop_gone(kernel_listing &listing, uint32_t id)
 {
-    return !listing.unbounded && !listing.changed.contains(key);
+    if (listing.running) {
+        listing.gone_next_hops.insert(id);
+        ++listing.proof.deletions; // on which devices is not known
+    }
+}
+
+bool listing_believes(const kernel_listing &listing, const fdb_record &record)
+{
+    const bool went_with_next_hop = record.destination.kind == destination_kind::next_hop
+                                    && listing.gone_next_hops.contains(record.destination.next_hop);
+    return !listing.unbounded && !went_with_next_hop && !listing.changed.contains(key_of(record));
 }
 
 bool listing_believes_link(const kernel_listing &listing, uint32_t ifindex)

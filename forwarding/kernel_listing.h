@@ -30,6 +30,9 @@ namespace forwarding {
 struct kernel_dump {
     kernel_scope scope = kernel_scope::links;
     uint32_t ifindex = 0; // of the bridge or device
+    // The bridge itself, or the one of which the device is a port; 0: none. The kernel counts the position in a port's
+    // own entries from the beginning of its bridge's, so that a deletion of any of these moves it.
+    uint32_t bridge = 0;
 };
 
 // What the dumps of one scope have shown so far.
@@ -59,6 +62,7 @@ struct kernel_listing {
     // What was notified in the current window. Past a bound it is no longer kept, and nothing of the dump is believed.
     std::set<fdb_key> changed = {};
     std::set<uint32_t> changed_links = {};
+    std::set<uint32_t> gone_next_hops = {};
     bool unbounded = false;
 };
 
@@ -86,9 +90,12 @@ void listing_note_gone(kernel_listing &listing, const fdb_record &record, uint32
 void listing_note_link(kernel_listing &listing, uint32_t ifindex);
 // A device has gone or is no longer a port of `bridge`, so that a dump among its entries goes on among another one's.
 void listing_note_port_left(kernel_listing &listing, uint32_t bridge);
+// The kernel deletes the entries that deliver to a next hop before it reports that the next hop has gone, and reports
+// none of them.
+void listing_note_next_hop_gone(kernel_listing &listing, uint32_t id);
 
-// Whether what the current dump says of a key is the latest that is known.
-bool listing_believes(const kernel_listing &listing, const fdb_key &key);
+// Whether what the current dump says of an entry is the latest that is known.
+bool listing_believes(const kernel_listing &listing, const fdb_record &record);
 bool listing_believes_link(const kernel_listing &listing, uint32_t ifindex);
 
 // The dump told an entry that is believed.

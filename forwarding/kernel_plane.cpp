@@ -9,6 +9,7 @@
 #include <new>
 #include <sys/epoll.h>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -22,26 +23,30 @@ namespace forwarding {
 
 namespace {
 
+using std::chrono::milliseconds;
 using steady_clock = std::chrono::steady_clock;
 
 constexpr uint32_t default_receive_buffer = 128U << 20;
 constexpr size_t least_notification_cost = 512; // of the receive buffer, in bytes
 constexpr size_t notifications_per_turn = 4096;
 constexpr size_t parts_per_turn = 8;
-constexpr auto parts_time = std::chrono::milliseconds(10); // per turn; one part of a large bridge may take as long
-constexpr uint32_t longest_pause = 16;                     // in intervals
+constexpr auto parts_time = milliseconds(10); // per turn; one part of a large bridge may take as long
+constexpr uint32_t most_doublings = 4;        // of the pause between failed generations: up to 16 intervals
+constexpr int proof_share = 100;              // of the time, one part at most is spent on proofs
 constexpr size_t most_early = 4096;
 constexpr uint16_t vlan_count = 4095; // 0, for no VLAN, counts
 
 struct known_link {
     link_record record;
-    uint32_t seen; // the sequence number of the dump that was the last when it was told last
+    uint32_t seen; // sequence number of the latest dump when this link was last reported
 };
 
 struct counters {
     std::atomic<bool> clean = false;
     std::atomic<uint64_t> generation = 0;
     std::atomic<uint64_t> overruns = 0;
+    std::atomic<uint64_t> lost = 0;
+    std::atomic<int64_t> last_overrun_time = 0;
     std::atomic<uint64_t> events = 0;
     std::atomic<uint64_t> refused = 0;
     std::atomic<uint64_t> dumps_clean = 0;
@@ -64,6 +69,7 @@ public:
     void drain() override;
     void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) override;
     bool ages_silently() const override { return true; }
+    void list_again() override;
     plane_health health() const override;
     void stop() override;
 
@@ -74,19 +80,25 @@ private:
     // Notifications.
     bool read_notifications(size_t limit);
     void note_overrun();
+    void end_overrun();
+    void note_loss(uint64_t count);
     void take_change(const kernel_message &message);
     void take_link_change(const link_record &record);
     void take_link_gone(uint32_t ifindex);
     void take_fdb_change(const fdb_record &record);
     void take_fdb_gone(const fdb_record &record);
+    void take_next_hop_gone(const kernel_message &message);
+    void report_change(const fdb_record &record);
+    void note_next_hop(const fdb_record &record);
     void keep_early(const fdb_record &record);
     void take_early(uint32_t ifindex);
     void forget_early(uint32_t ifindex);
     void follow_local_address(const link_record &before);
-    void list_own_entries(uint32_t ifindex);
+    void list_own_entries(const link_record &device);
     bool keeps_another_destination(const fdb_record &record);
 
     // Generations.
+    steady_clock::duration pause() const;
     void plan_generation();
     void begin_generation();
     void end_listing();
@@ -109,7 +121,8 @@ private:
     kernel_socket dumps_;
     std::string open_error_;
     size_t notifications_at_once_ = 0; // more the receive buffer cannot hold
-    std::chrono::milliseconds interval_;
+    const milliseconds interval_;
+    const milliseconds proof_interval_;
     counters counters_;
 
     // Of the event manager's thread.
@@ -117,17 +130,23 @@ private:
     sink *sink_ = nullptr;
     uint32_t notifications_attachment_ = 0;
     uint32_t dumps_attachment_ = 0;
-    uint32_t timer_ = 0;
-    bool lost_ = false; // a change was, and no generation has begun since
+    uint32_t timer_ = 0;            // of the next generation
+    steady_clock::time_point due_;  // when `timer_` fires
+    bool in_overrun_ = false;       // noticed, and the socket has not been read empty since
+    uint32_t drops_ = 0;            // the kernel's count when it was last read
+    bool needs_generation_ = false; // a generation that began before now cannot make the plane clean
     std::vector<std::byte> buffer_;
     kernel_message message_;
     std::unordered_map<uint32_t, known_link> links_;
-    std::map<fdb_key, fdb_record> early_; // entries that were told before their devices
+    std::unordered_set<uint32_t> next_hops_; // ids with which entries were reported
+    std::map<fdb_key, fdb_record> early_;    // entries that the kernel reported before their devices
     kernel_listing listing_;
-    uint32_t sequence_ = 0; // of the last dump
-    std::chrono::milliseconds pause_;
+    uint32_t sequence_ = 0;  // of the last dump
+    bool hurried_ = false;   // list_again was called since the last generation began
+    uint32_t doublings_ = 0; // of the pause before the next generation
     steady_clock::time_point began_;
     steady_clock::time_point ended_;
+    steady_clock::duration took_{}; // the last generation
 
     std::mutex query_mutex_; // guards what follows
     kernel_querier querier_;
@@ -138,8 +157,8 @@ private:
 
 kernel_plane::kernel_plane(const kernel_options &options)
     : interval_(options.generation_interval_ms)
+    , proof_interval_(options.proof_interval_ms)
     , buffer_(kernel_buffer_size)
-    , pause_(interval_)
 {
     const uint32_t wanted = options.receive_buffer != 0 ? options.receive_buffer : default_receive_buffer;
     open_error_ = kernel_run_in(options.netns, [this, wanted] { return open(wanted); });
@@ -222,8 +241,9 @@ void kernel_plane::guarded(Work work)
     try {
         work();
     } catch (const std::bad_alloc &) {
-        note_overrun();
-        listing_.running = false;
+        note_loss(0);
+        listing_ = {};
+        ended_ = steady_clock::now(); // so that the next one does not begin at once
         plan_generation();
     }
 }
@@ -234,6 +254,8 @@ plane_health kernel_plane::health() const
     result.clean = counters_.clean;
     result.generation = counters_.generation;
     result.overruns = counters_.overruns;
+    result.lost = counters_.lost;
+    result.last_overrun_time = counters_.last_overrun_time;
     result.events = counters_.events;
     result.refused = counters_.refused;
     result.dumps_clean = counters_.dumps_clean;
@@ -267,12 +289,9 @@ bool kernel_plane::read_notifications(size_t limit)
     for (size_t count = 0; count < limit; ++count) {
         std::span<const std::byte> datagram;
         switch (kernel_socket_read(notifications_, buffer_, datagram)) {
-        case kernel_read::empty:
-            if (lost_) {
-                plan_generation();
-            }
-            return true;
+        case kernel_read::empty: end_overrun(); return true;
         case kernel_read::overrun: note_overrun(); break;
+        case kernel_read::truncated: note_loss(1); break;
         case kernel_read::refused: ++counters_.refused; break;
         case kernel_read::datagram:
             for (const kernel_clock clock = kernel_clock_now(); kernel_decode(datagram, clock, message_);) {
@@ -285,11 +304,39 @@ bool kernel_plane::read_notifications(size_t limit)
 
 void kernel_plane::note_overrun()
 {
-    ++counters_.overruns;
+    if (!std::exchange(in_overrun_, true)) {
+        const auto now = std::chrono::system_clock::now().time_since_epoch();
+        counters_.last_overrun_time = std::chrono::duration_cast<std::chrono::seconds>(now).count();
+        ++counters_.overruns;
+    }
+    const uint32_t drops = kernel_socket_drops(notifications_);
+    note_loss(drops - std::exchange(drops_, drops));
+}
+
+// The socket was read empty, so that the kernel drops no more. What it dropped since note_overrun is still to be
+// reported.
+void kernel_plane::end_overrun()
+{
+    if (std::exchange(in_overrun_, false)) {
+        const uint32_t drops = kernel_socket_drops(notifications_);
+        if (drops != drops_) {
+            note_loss(drops - std::exchange(drops_, drops));
+        }
+    }
+    if (!counters_.clean) {
+        plan_generation();
+    }
+}
+
+// `count`: of lost changes; 0: unknown.
+void kernel_plane::note_loss(uint64_t count)
+{
+    counters_.lost += count;
     counters_.clean = false;
-    lost_ = true;
+    needs_generation_ = true;
     listing_.disturbed = true;
     early_.clear();
+    sink_->changes_lost(count);
 }
 
 void kernel_plane::take_change(const kernel_message &message)
@@ -299,7 +346,11 @@ void kernel_plane::take_change(const kernel_message &message)
     case kernel_message_kind::link_gone: take_link_gone(message.link.ifindex); break;
     case kernel_message_kind::fdb_changed: take_fdb_change(message.fdb); break;
     case kernel_message_kind::fdb_gone: take_fdb_gone(message.fdb); break;
-    case kernel_message_kind::malformed: ++counters_.refused; break;
+    case kernel_message_kind::next_hop_gone: take_next_hop_gone(message); break;
+    case kernel_message_kind::malformed:
+        ++counters_.refused;
+        note_loss(1);
+        break;
     default: break;
     }
 }
@@ -317,7 +368,7 @@ void kernel_plane::take_link_change(const link_record &record)
     sink_->link_changed(record);
     take_early(record.ifindex);
     if (record.kind == link_kind::vxlan && (moved || !was_known)) {
-        list_own_entries(record.ifindex);
+        list_own_entries(record);
     }
     if (moved || (was_known && before.record.address != record.address)) {
         follow_local_address(before.record);
@@ -366,7 +417,7 @@ void kernel_plane::take_fdb_change(const fdb_record &record)
     if (is_told(record)) {
         ++counters_.events;
         listing_note_changed(listing_, key_of(record));
-        sink_->fdb_changed(record);
+        report_change(record);
     } else if (!links_.contains(record.ifindex)) {
         keep_early(record);
     }
@@ -381,11 +432,40 @@ void kernel_plane::take_fdb_gone(const fdb_record &record)
     ++counters_.events;
     listing_note_gone(listing_, record, bridge_of(record));
     if (!record.self && (record.state & fdb_permanent) != 0) {
-        sink_->fdb_changed(record); // a local address may have come to this device unnotified
+        report_change(record); // a local address may have come to this device unnotified
     }
     if (!record.self || !is_group(record.mac) || !keeps_another_destination(record)) {
         sink_->fdb_gone(record);
     }
+}
+
+void kernel_plane::report_change(const fdb_record &record)
+{
+    note_next_hop(record);
+    sink_->fdb_changed(record);
+}
+
+void kernel_plane::note_next_hop(const fdb_record &record)
+{
+    if (record.destination.kind == destination_kind::next_hop) {
+        next_hops_.insert(record.destination.next_hop);
+    }
+}
+
+// The next hops of routes come and go in masses and have no entries.
+void kernel_plane::take_next_hop_gone(const kernel_message &message)
+{
+    const bool was_reported = next_hops_.erase(message.next_hop) != 0;
+    if (!was_reported && !message.for_entries) {
+        return;
+    }
+    ++counters_.events;
+    listing_note_next_hop_gone(listing_, message.next_hop);
+    std::erase_if(early_, [&message](const auto &each) {
+        const fdb_destination &to = each.second.destination;
+        return to.kind == destination_kind::next_hop && to.next_hop == message.next_hop;
+    });
+    sink_->next_hop_gone(message.next_hop);
 }
 
 // A new bridge's own address is notified before the bridge itself.
@@ -394,7 +474,7 @@ void kernel_plane::keep_early(const fdb_record &record)
     if (early_.size() < most_early) {
         early_.insert_or_assign(key_of(record), record);
     } else {
-        note_overrun(); // nobody knows these devices: something was lost
+        note_loss(0); // no device is known for so many entries: the reports of devices were lost
     }
 }
 
@@ -418,14 +498,14 @@ void kernel_plane::forget_early(uint32_t ifindex)
     });
 }
 
-// A VXLAN device that has left its bridge is in no dump of a bridge any more; one that is new may have come from
-// another network namespace, with entries of its own. Neither's are notified.
-void kernel_plane::list_own_entries(uint32_t ifindex)
+// Lists the own entries of a VXLAN device. One that has left its bridge is in no dump of a bridge any more. One that is
+// new may have come from another network namespace and brought entries. The kernel sends no notification for either.
+void kernel_plane::list_own_entries(const link_record &device)
 {
-    const kernel_dump dump{kernel_scope::device, ifindex};
+    const kernel_dump dump{kernel_scope::device, device.ifindex, device.master};
     if (listing_.running && listing_.current.scope != kernel_scope::links) {
         listing_.waiting.push_back(dump);
-    } else if (!listing_.running && timer_ == 0) { // otherwise a whole listing will have it
+    } else if (!listing_.running && counters_.clean) { // otherwise the next generation lists it
         listing_begin(listing_, dump);
         next_dump();
     }
@@ -438,7 +518,7 @@ bool kernel_plane::keeps_another_destination(const fdb_record &record)
     fdb_answer answer;
     query({&key, 1}, {&answer, 1});
     if (answer.presence == fdb_presence::present) {
-        sink_->fdb_changed(answer.record);
+        report_change(answer.record);
     }
     return answer.presence == fdb_presence::present;
 }
@@ -458,10 +538,34 @@ uint32_t kernel_plane::bridge_of(const fdb_record &record) const
 
 // ---- Generations
 
-// Has the next generation begin as soon as it may. Once the one that runs has ended, when one does.
+void kernel_plane::list_again()
+{
+    if (evm_ == nullptr) {
+        return;
+    }
+    if (counters_.clean.exchange(false)) {
+        needs_generation_ = true;
+    }
+    hurried_ = true;
+    doublings_ = 0;
+    plan_generation();
+}
+
+// The time from the end of one generation to the beginning of the next.
+steady_clock::duration kernel_plane::pause() const
+{
+    if (counters_.clean) {
+        return std::max<steady_clock::duration>(proof_interval_, proof_share * took_);
+    }
+    return std::max<steady_clock::duration>(interval_ * (1U << doublings_), took_);
+}
+
+// Schedules the next generation, or moves it forward if it may begin earlier now. While a listing is running this does
+// nothing: its end schedules the next.
 void kernel_plane::plan_generation()
 {
-    if (timer_ != 0 || listing_.running) {
+    const auto due = ended_ + pause();
+    if (listing_.running || (timer_ != 0 && due_ <= due)) {
         return;
     }
     const auto on_timer = [](void *self) {
@@ -469,20 +573,25 @@ void kernel_plane::plan_generation()
         that->timer_ = 0;
         that->guarded([that] { that->begin_generation(); });
     };
-    const auto due = std::max(ended_ + pause_ - steady_clock::now(), steady_clock::duration::zero());
-    const auto delay = std::chrono::duration_cast<std::chrono::nanoseconds>(due);
+    const auto wait = std::max(due - steady_clock::now(), steady_clock::duration::zero());
+    const auto delay = std::chrono::duration_cast<std::chrono::nanoseconds>(wait);
+    host::event_timer_cancel(evm_, std::exchange(timer_, 0));
+    due_ = due;
     if (host::event_timer_attach(evm_, static_cast<uint64_t>(delay.count()), 0, on_timer, this, &timer_) != 0) {
-        timer_ = 0; // the next change plans it again, for it is still lost
+        timer_ = 0; // while the plane is degraded, the next notification schedules it again
     }
 }
 
 void kernel_plane::begin_generation()
 {
+    if (listing_.running) {
+        return; // a device's own entries; their end schedules the generation again
+    }
     began_ = steady_clock::now();
-    listing_begin(listing_, {kernel_scope::links, 0});
-    // What was lost before the socket was empty is in the dumps to come.
-    lost_ = !read_notifications(notifications_at_once_);
-    host::event_timer_cancel(evm_, std::exchange(timer_, 0));
+    hurried_ = false;
+    listing_begin(listing_, {kernel_scope::links});
+    read_notifications(notifications_at_once_);
+    needs_generation_ = in_overrun_; // what was lost before the socket was empty is in the dumps to come
     ++counters_.generation;
     sink_->generation_begun();
     next_dump();
@@ -490,27 +599,29 @@ void kernel_plane::begin_generation()
 
 void kernel_plane::end_listing()
 {
-    const bool clean = listing_.clean && !lost_;
+    const bool clean = listing_.clean && !needs_generation_;
     const bool whole = listing_.whole;
     listing_ = {};
     if (whole) {
         end_generation(clean);
-    } else if (!clean) {
-        counters_.clean = false;
-        plan_generation();
+        return;
     }
+    if (!clean) {
+        counters_.clean = false;
+    }
+    plan_generation();
 }
 
+// A proof that ends unclean, because deletions disturbed it, leaves the plane clean.
 void kernel_plane::end_generation(bool clean)
 {
     ended_ = steady_clock::now();
-    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(ended_ - began_);
-    pause_ = clean ? interval_ : std::min(2 * pause_, longest_pause * interval_);
-    pause_ = std::max(pause_, took);
-    counters_.clean = clean;
-    if (!clean) {
-        plan_generation();
+    took_ = ended_ - began_;
+    doublings_ = clean || hurried_ ? 0 : std::min(doublings_ + 1, most_doublings);
+    if (clean) {
+        counters_.clean = true;
     }
+    plan_generation();
     sink_->generation_complete(clean);
 }
 
@@ -539,14 +650,16 @@ void kernel_plane::read_dump()
     for (size_t count = 0; count < parts_per_turn && steady_clock::now() < end; ++count) {
         std::span<const std::byte> datagram;
         switch (kernel_socket_read(dumps_, buffer_, datagram)) {
-        case kernel_read::empty: return;
-        case kernel_read::overrun: // its end may be among what was lost
+        case kernel_read::refused: ++counters_.refused; break;
+        case kernel_read::datagram: take_part(datagram); break;
+        // The kernel makes the next part while one is read. If none is there, or one was lost, the end may never come.
+        case kernel_read::empty:
+        case kernel_read::overrun:
+        case kernel_read::truncated:
             if (listing_.running) {
                 end_dump(ENOBUFS);
             }
-            break;
-        case kernel_read::refused: ++counters_.refused; break;
-        case kernel_read::datagram: take_part(datagram); break;
+            return;
         }
     }
 }
@@ -568,6 +681,11 @@ void kernel_plane::take_part(std::span<const std::byte> part)
 // False once the dump has ended: nothing of it follows.
 bool kernel_plane::take_listed(const kernel_message &message)
 {
+    if (message.kind == kernel_message_kind::malformed) { // a repetition would bring the same
+        ++counters_.refused;
+        listing_.clean = false;
+        return true;
+    }
     if (!listing_.running || message.sequence != sequence_) {
         return true; // of a dump that was given up
     }
@@ -582,15 +700,15 @@ bool kernel_plane::take_listed(const kernel_message &message)
         }
         return true;
     case kernel_message_kind::fdb_changed:
-        if (is_told(message.fdb) && listing_believes(listing_, key_of(message.fdb))) {
+        if (is_told(message.fdb) && listing_believes(listing_, message.fdb)) {
             ++counters_.events;
-            sink_->fdb_changed(message.fdb);
+            note_next_hop(message.fdb);
+            sink_->fdb_listed(message.fdb);
             listing_note_told(listing_, message.fdb);
         }
         return true;
     case kernel_message_kind::done:
     case kernel_message_kind::error: end_dump(message.error); return false;
-    case kernel_message_kind::malformed: ++counters_.refused; return true;
     default: return true;
     }
 }
@@ -604,7 +722,7 @@ void kernel_plane::end_dump(int error)
     listing_.disturbed |= error != 0;
     const bool counts = has_gone || listing_close_window(listing_);
     ++(counts ? counters_.dumps_clean : counters_.dumps_unclean);
-    if (!counts && !lost_ && listing_may_repeat(listing_) && request_dump()) {
+    if (!counts && !needs_generation_ && listing_may_repeat(listing_) && request_dump()) {
         return;
     }
     listing_.clean &= counts;
@@ -623,7 +741,7 @@ void kernel_plane::plan_dumps(bool links_count)
         const auto master = links_.find(link.record.master);
         const bool is_port = master != links_.end() && master->second.record.kind == link_kind::bridge;
         if (link.record.kind == link_kind::bridge) {
-            listing_.waiting.push_back({kernel_scope::bridge, ifindex});
+            listing_.waiting.push_back({kernel_scope::bridge, ifindex, ifindex});
         } else if (link.record.kind == link_kind::vxlan && !is_port) {
             listing_.waiting.push_back({kernel_scope::device, ifindex});
         }

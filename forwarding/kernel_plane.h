@@ -5,15 +5,25 @@
 // dump. Reading takes no privilege.
 //
 // A generation dumps the links, then bridge by bridge (kernel_listing.h), then the VXLAN devices without a bridge. It
-// is clean when each dump was. After one that was not, and after an overrun of the notifications, the next one begins
-// by itself: at least `generation_interval_ms` after the end of the last one, twice as long after each that fails
-// again, up to 16 times as long, and no sooner than the last one took. Between generations the own entries of a VXLAN
-// device that appears are dumped: from another network namespace it brings entries that nobody notifies.
+// is clean when each dump was. While the plane is degraded, the next generation begins by itself: at least
+// `generation_interval_ms` after the end of the last one, twice as long after each that fails again, up to 16 times as
+// long, and no sooner than the last one took. list_again ends the doubling. While the plane is clean, a generation
+// begins as a proof every `proof_interval_ms`, or less often if dumps would take more than 1 % of the time. Between
+// generations the own entries of a VXLAN device that appears are dumped: from another network namespace it brings
+// entries that the kernel does not report.
+//
+// Losses. An overrun of the receive buffer, a notification that is cut off or malformed, and lack of memory each lose
+// changes. The kernel counts what it drops in an overrun, and that number is passed on.
+//
+// Next hops. The kernel deletes the entries of a next hop together with it, and reports the next hop only.
+// sink::next_hop_gone is called for next hops that were made for entries, and for those that an entry was reported
+// with. A next hop that goes because its device goes down is not reported by the kernel. Only a group whose members
+// were replaced by those of routes can have entries then; the next proof finds these.
 //
 // Told are the entries of bridges and the own entries of VXLAN devices; the own entries of other devices are receive
 // filters and not told.
 //
-// Limits, both of the kernel: the presence of one destination of several (of a zero address on a VXLAN device) can be
+// Further limits of the kernel: the presence of one destination of several (of a zero address on a VXLAN device) can be
 // told only for the first of them, for the others query cannot tell; ages are as old as what was told last, and query
 // is what refreshes them.
 #pragma once
@@ -35,6 +45,10 @@ struct kernel_options {
     std::string netns = {};
 
     uint32_t generation_interval_ms = 3000;
+
+    // How long a clean plane goes without a full dump. What the kernel changes without a notification is wrong for at
+    // most this long, unless dumps take too long.
+    uint32_t proof_interval_ms = 600'000;
 };
 
 // Opens the sockets, in the calling thread; when that fails, start tells why. Once it has returned, the thread may give

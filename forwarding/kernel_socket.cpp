@@ -8,6 +8,7 @@
 #include <linux/if_link.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
+#include <linux/sock_diag.h>
 #include <sched.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -86,6 +87,8 @@ bool kernel_socket_subscribe(const kernel_socket &socket)
             return false;
         }
     }
+    int next_hops = RTNLGRP_NEXTHOP; // a kernel without them has no entries that deliver to one
+    mnl_socket_setsockopt(socket.handle, NETLINK_ADD_MEMBERSHIP, &next_hops, sizeof next_hops);
     return true;
 }
 
@@ -127,10 +130,18 @@ kernel_read kernel_socket_read(const kernel_socket &socket, std::span<std::byte>
         return kernel_read::refused;
     }
     if ((message.msg_flags & MSG_TRUNC) != 0) {
-        return kernel_read::overrun;
+        return kernel_read::truncated;
     }
     datagram = buffer.first(static_cast<size_t>(length));
     return kernel_read::datagram;
+}
+
+uint32_t kernel_socket_drops(const kernel_socket &socket)
+{
+    uint32_t counts[SK_MEMINFO_VARS] = {};
+    socklen_t length = sizeof counts;
+    getsockopt(kernel_socket_fd(socket), SOL_SOCKET, SO_MEMINFO, counts, &length);
+    return counts[SK_MEMINFO_DROPS];
 }
 
 bool kernel_socket_send(const kernel_socket &socket, std::span<const std::byte> requests)

@@ -33,26 +33,33 @@ struct kernel_socket {
 // Closed when the result is a text: what the kernel refused.
 std::string kernel_socket_open(kernel_socket &socket);
 
-// Has the kernel send every change of links and neighbours from now on. False with errno.
+// Subscribes the socket to every change of links and neighbours, and of next hops if the kernel has them (Linux 5.3 and
+// later). Returns false and sets errno when the kernel refuses links or neighbours.
 bool kernel_socket_subscribe(const kernel_socket &socket);
 
-// Asks for a receive buffer of `wanted` bytes: with CAP_NET_ADMIN it gets it, without as much as the system's limit.
-// Returns what the kernel accounts against, which is about twice that; a notification takes about 832 bytes of it.
+// Asks for a receive buffer of `wanted` bytes. Granted in full with CAP_NET_ADMIN; otherwise capped at
+// net.core.rmem_max. Returns the size that the kernel accounts against: twice the granted one, and never less than 2304
+// bytes. A notification takes about 832 bytes of it.
 size_t kernel_socket_resize(const kernel_socket &socket, uint32_t wanted);
 
 int kernel_socket_fd(const kernel_socket &socket);
 
 enum class kernel_read : uint8_t {
     datagram,
-    empty,   // nothing more for now
-    overrun, // the socket's buffer was full, or `buffer` too short: something was lost, and more may be until the
-             // socket has been read empty
-    refused, // a datagram of another sender; it is gone
+    empty,     // nothing more for now
+    overrun,   // the socket's buffer was full. The kernel reports it before what is still queued, and drops everything
+               // new until the socket has been read empty.
+    truncated, // `buffer` was too short; the datagram is gone
+    refused,   // a datagram of another sender; it is gone
 };
 
 // `datagram` becomes the part of `buffer` that was filled.
 kernel_read kernel_socket_read(const kernel_socket &socket, std::span<std::byte> buffer,
                                std::span<const std::byte> &datagram);
+
+// Datagrams that the kernel has dropped since the socket was opened, because its buffer was full. The count wraps, and
+// stays 0 on kernels that do not give it (before Linux 4.12).
+uint32_t kernel_socket_drops(const kernel_socket &socket);
 
 bool kernel_socket_send(const kernel_socket &socket, std::span<const std::byte> requests);
 

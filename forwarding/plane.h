@@ -5,11 +5,16 @@
 // told is kept once, for all planes, by the sink (table_copy.h).
 //
 // Generations. A listing of everything is a generation: generation_begun, then every link and every entry by
-// link_changed and fdb_changed, live changes among them, then generation_complete. When it was clean, nothing that the
-// plane holds can have been missed, and the sink drops what was not told since its beginning. When it was not, nothing
-// is dropped, the plane says in its health that it is degraded, and begins another generation by itself, not more often
-// than once in a few seconds. A generation that begins while another is under way replaces it. The first one begins
-// with start. Changes go on between generations; a plane that may have lost one begins a new generation.
+// link_changed and fdb_listed, live changes among them, then generation_complete. When it was clean, nothing that the
+// plane holds can have been missed, and the sink drops what was not reported since its beginning. When it was not
+// clean, the sink drops nothing. A generation that begins while another is under way replaces it. The first one begins
+// with start.
+//
+// Degraded. A plane is degraded (plane_health::clean is false) until its first clean generation has ended, after it
+// lost a change, and after list_again. It begins another generation by itself, not more often than once in a few
+// seconds, until one ends clean. A plane that is clean may also begin a generation, as a proof that the sink's copy is
+// right. It stays clean meanwhile, and also if the proof ends unclean: an incomplete listing says nothing against the
+// copy.
 //
 // Order. What is told last about a key holds. A plane whose listing and whose changes come by different ways delivers
 // the changes of a listing's time after the listing. Links come before the entries on them.
@@ -141,16 +146,19 @@ public:
 
     // New, changed, moved to another port, or told again.
     virtual void fdb_changed(const fdb_record &record) = 0;
-    // As fdb_changed, for an entry that a listing found and that no change told about: when the sink does not know it
-    // so, a change was missed.
+    // As fdb_changed, for an entry that a listing found. If the plane is clean and the sink does not know the entry
+    // like this, a change was missed, or is not reported at all: ages, and what the kernel changes silently.
     virtual void fdb_listed(const fdb_record &record) { fdb_changed(record); }
     // The key and the port count: an entry that is known on another port has moved there and stays.
     virtual void fdb_gone(const fdb_record &record) = 0;
     // A next-hop object was deleted. The entries that deliver to it may have gone with it, without a fdb_gone.
     virtual void next_hop_gone(uint32_t /*id*/) {}
 
-    // The plane lost `count` changes (0: it cannot tell how many) and is degraded until a generation has ended clean.
-    // Called once the plane receives again, before anything that happened after the loss.
+    // The plane lost `count` more changes and is degraded until a generation has ended clean. One overrun gives one
+    // call or more: the first as soon as the plane notices it, before any change that happened after the loss, with the
+    // number lost so far (0: unknown); later ones with what was lost in the meantime, the last one when the plane has
+    // read everything that was waiting. The counts add up to plane_health::lost. During a storm of changes these calls
+    // can come thousands of times a second.
     virtual void changes_lost(uint64_t /*count*/) {}
 
     virtual void generation_begun() = 0;
@@ -169,15 +177,15 @@ struct fdb_answer {
 };
 
 struct plane_health {
-    bool clean = false;      // the last generation was, and nothing has been lost since
-    uint64_t generation = 0; // how many have begun
-    uint64_t overruns = 0;
-    uint64_t lost = 0;             // changes that were lost in all overruns, as far as the plane can tell
+    bool clean = false;            // false: degraded, see above
+    uint64_t generation = 0;       // how many have begun
+    uint64_t overruns = 0;         // each lasts until the plane has read everything that was waiting
+    uint64_t lost = 0;             // changes that were lost, as far as the plane knows their number
     int64_t last_overrun_time = 0; // seconds since the epoch; 0: there was none
-    uint64_t events = 0;        // changes received, those of listings included
-    uint64_t refused = 0;       // messages that were malformed, or not the plane's
-    uint64_t dumps_clean = 0;   // parts of listings that were read undisturbed
-    uint64_t dumps_unclean = 0; // parts that were not, each repetition counted
+    uint64_t events = 0;           // changes received, those of listings included
+    uint64_t refused = 0;          // messages that were malformed, or not the plane's
+    uint64_t dumps_clean = 0;      // parts of listings that were read undisturbed
+    uint64_t dumps_unclean = 0;    // parts that were not, each repetition counted
 };
 
 class plane {
@@ -206,8 +214,11 @@ public:
     // Whether entries are seen as a source without a change being told, so that ages have to be asked for.
     virtual bool ages_silently() const { return false; }
 
-    // The sink has found that its copy is not what the plane holds, or a requester waits for a degraded plane: the plane
-    // is degraded from now on and begins a generation as soon as it may. On the manager's thread.
+    // Asks for a new listing, because the sink found its copy to be wrong, or because a requester waits for a degraded
+    // plane. The plane is degraded from now on. It begins a generation as soon as its interval allows, without the
+    // longer pauses after failures. If the plane was clean, only a generation that begins after this call counts. If it
+    // was degraded and a generation is running, that one counts: otherwise repeated requesters could keep a plane
+    // degraded for ever. On the manager's thread.
     virtual void list_again() {}
 
     // Any thread.

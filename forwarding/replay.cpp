@@ -150,6 +150,7 @@ link_record read_link(const json &element)
     const json &data = object_of(info, "info_data");
     if (link.kind == link_kind::bridge) {
         link.vlan_aware = truth(data, "vlan_filtering");
+        link.ageing_ms = ageing_ms_of(number(data, "ageing_time", UINT32_MAX));
     } else if (link.kind == link_kind::vxlan) {
         link.external = truth(data, "external");
         link.vni = link.external ? 0 : number(data, "id", vni_limit);

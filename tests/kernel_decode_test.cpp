@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <linux/if_link.h>
 #include <linux/neighbour.h>
+#include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
 #include <random>
@@ -117,6 +118,10 @@ TEST(KernelDecode, LinksByKind)
         {attribute(IFLA_ADDRESS, bytes_of(uint32_t{1})), {.ifindex = 4, .name = "eth0", .up = true}},
         {info("bridge", attribute(IFLA_BR_VLAN_FILTERING, flag)),
          {.ifindex = 4, .name = "eth0", .kind = link_kind::bridge, .vlan_aware = true, .up = true}},
+        {info("bridge", attribute(IFLA_BR_AGEING_TIME, bytes_of(uint32_t{30'000}))),
+         {.ifindex = 4, .name = "eth0", .kind = link_kind::bridge, .up = true, .ageing_ms = 300'000}},
+        {info("bridge", attribute(IFLA_BR_AGEING_TIME, bytes_of(UINT32_MAX))),
+         {.ifindex = 4, .name = "eth0", .kind = link_kind::bridge, .up = true, .ageing_ms = UINT32_MAX}},
         {info("vxlan", attribute(IFLA_VXLAN_ID, bytes_of(uint32_t{77}))),
          {.ifindex = 4, .name = "eth0", .kind = link_kind::vxlan, .vni = 77, .up = true}},
         {info("vxlan", attribute(IFLA_VXLAN_COLLECT_METADATA, flag)),
@@ -201,6 +206,10 @@ TEST(KernelDecode, RefusesWhatIsCutOffMissingOrOfTheWrongLength)
         link(name + bytes_of(nlattr{3, IFLA_MTU})),
         link(name + attribute(IFLA_LINKINFO, eight)),
         link(name + info("bridge", attribute(IFLA_BR_VLAN_FILTERING, eight))),
+        link(name + info("bridge", attribute(IFLA_BR_AGEING_TIME, three))),
+        message(RTM_DELNEXTHOP, three),
+        message(RTM_DELNEXTHOP, eight),
+        message(RTM_DELNEXTHOP, eight + attribute(NHA_ID, three)),
         link(name + info("vxlan", attribute(IFLA_VXLAN_ID, three))),
         link(name + info("vxlan", attribute(IFLA_VXLAN_ID, eight, 40))),
         entry(master),
@@ -242,6 +251,18 @@ TEST(KernelDecode, OtherMessages)
         const kernel_message got = decode(each.datagram);
         EXPECT_EQ(got.kind, each.kind);
         EXPECT_EQ(got.error, each.error);
+    }
+}
+
+TEST(KernelDecode, NextHopsThatGo)
+{
+    const bytes id = attribute(NHA_ID, bytes_of(uint32_t{12}));
+    const bytes fdb = attribute(NHA_FDB, {});
+    for (const bool for_entries : {false, true}) {
+        const kernel_message got = decode(message(RTM_DELNEXTHOP, bytes(8) + id + (for_entries ? fdb : bytes{})));
+        EXPECT_EQ(got.kind, kernel_message_kind::next_hop_gone);
+        EXPECT_EQ(got.next_hop, 12U);
+        EXPECT_EQ(got.for_entries, for_entries);
     }
 }
 

@@ -84,7 +84,7 @@ struct small_kernel {
         for (bool more = next_part(port, position, part); more; part.swap(following)) {
             more = next_part(port, position, following);
             for (const fdb_record &record : part) {
-                if (listing_believes(listing, key_of(record))) {
+                if (listing_believes(listing, record)) {
                     told.insert(key_of(record));
                     listing_note_told(listing, record);
                 }
@@ -107,7 +107,7 @@ TEST(KernelListing, TakesADumpForWholeOnlyWhenItIs)
         for (int count = 0; count < 300; ++count) {
             kernel.add();
         }
-        listing_begin(kernel.listing, {kernel_scope::bridge, bridge});
+        listing_begin(kernel.listing, {kernel_scope::bridge, bridge, bridge});
         ASSERT_TRUE(listing_next(kernel.listing));
         bool counts = false;
         while (!counts && (kernel.listing.attempts == 0 || listing_may_repeat(kernel.listing))) {
@@ -122,6 +122,41 @@ TEST(KernelListing, TakesADumpForWholeOnlyWhenItIs)
     }
     EXPECT_GT(incomplete, 500U); // so that there was something to find
     EXPECT_GT(proven, 1900U);
+}
+
+// What else of a bridge or device makes a dump miss entries, or say what holds no more.
+TEST(KernelListing, KnowsWhatTearsADump)
+{
+    constexpr uint32_t device = 9;
+    const fdb_record own{
+        .ifindex = device, .self = true, .mac = {2, 1}, .destination = {destination_kind::next_hop, {}, 12}};
+    const fdb_record on_another_port{.ifindex = 2, .master = bridge, .mac = {2, 2}};
+    const struct {
+        kernel_dump dump;
+        uint32_t next_hop; // goes; 0: an entry of the bridge goes
+        bool counts;
+        bool believed;
+    } cases[] = {
+        {{kernel_scope::device, device, bridge}, 0, false, true},
+        {{kernel_scope::device, device}, 0, true, true},
+        {{kernel_scope::bridge, bridge, bridge}, 12, false, false},
+        {{kernel_scope::device, device}, 13, false, true},
+    };
+    for (const auto &each : cases) {
+        SCOPED_TRACE(&each - cases);
+        kernel_listing listing;
+        listing_begin(listing, each.dump);
+        ASSERT_TRUE(listing_next(listing));
+        listing_open_window(listing);
+        if (each.next_hop != 0) {
+            listing_note_next_hop_gone(listing, each.next_hop);
+        } else {
+            listing_note_gone(listing, on_another_port, bridge);
+        }
+        listing_end_part(listing, full_length);
+        EXPECT_EQ(listing_believes(listing, own), each.believed);
+        EXPECT_EQ(listing_close_window(listing), each.counts);
+    }
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -35,6 +36,8 @@ struct naive_copy final : sink {
     std::set<uint32_t> links_told;
     std::set<fdb_key> entries_told;
     std::vector<bool> completions;
+    bool listing = false;
+    uint64_t lost = 0;
 
     void link_changed(const link_record &record) override
     {
@@ -61,13 +64,20 @@ struct naive_copy final : sink {
             entries.erase(found);
         }
     }
+    void next_hop_gone(uint32_t id) override
+    {
+        std::erase_if(entries, [id](const auto &entry) { return entry.second.destination.next_hop == id; });
+    }
+    void changes_lost(uint64_t count) override { lost += count; }
     void generation_begun() override
     {
+        listing = true;
         links_told.clear();
         entries_told.clear();
     }
     void generation_complete(bool clean) override
     {
+        listing = false;
         completions.push_back(clean);
         if (clean) {
             std::erase_if(links, [this](const auto &link) { return !links_told.contains(link.first); });
@@ -92,13 +102,14 @@ std::string output_of(const std::string &command)
     return result;
 }
 
-// Lines for `ip` ("link ...") and for `bridge` ("fdb ...", "vni ..."), each run in one process. A port takes dynamic
-// entries only once the kernel has noticed that it is up, which may take it a second.
+// Lines for `ip` ("link ...", "nexthop ...") and for `bridge` ("fdb ...", "vni ..."), each run in one process. A port
+// takes dynamic entries only once the kernel has noticed that it is up, which may take it a second.
 void run(const std::string &lines)
 {
     std::istringstream rest(lines);
     for (std::string line; std::getline(rest, line);) {
-        const std::string command = (line.starts_with("link") ? "ip " : "bridge ") + line + " 2>&1";
+        const bool for_ip = line.starts_with("link") || line.starts_with("nexthop");
+        const std::string command = (for_ip ? "ip " : "bridge ") + line + " 2>&1";
         std::string result;
         for (int tries = 0; status_of(command, result) != 0; ++tries) {
             ASSERT_TRUE(line.find("dynamic") != std::string::npos && tries < 100) << command << ": " << result;
@@ -140,6 +151,7 @@ words words_of(const naive_copy &copy, const fdb_record &record)
     char address[16];
     std::snprintf(address, sizeof address, "%d.%d.%d.%d", to[0], to[1], to[2], to[3]);
     add(record.destination.kind == destination_kind::ipv4, {"dst", address});
+    add(record.destination.kind == destination_kind::next_hop, {"nhid", std::to_string(record.destination.next_hop)});
     add(record.destination.vni != 0, {"vni", std::to_string(record.destination.vni)});
     add(record.destination.port != 0, {"port", std::to_string(record.destination.port)});
     add(record.source_vni != 0, {"src_vni", std::to_string(record.source_vni)});
@@ -296,6 +308,21 @@ TEST_F(KernelPlane, TellsWhatTheSystemLists)
         "fdb append 01:00:5e:00:00:01 dev vx0 dst 10.0.0.2\n"
         "fdb del 01:00:5e:00:00:01 dev vx0 dst 10.0.0.2\n" // the other one stays
         "fdb del 02:00:00:00:00:01 dev p0 master",
+        "nexthop add id 1 via 10.0.0.1 fdb\n"
+        "nexthop add id 2 via 10.0.0.2 fdb\n"
+        "nexthop add id 3 dev q0\n"
+        "nexthop add id 10 group 1/2 fdb\n"
+        "nexthop add id 11 group 2 fdb\n"
+        "nexthop add id 12 group 1 fdb\n"
+        "nexthop add id 13 group 1 fdb\n"
+        "fdb add 02:00:00:00:00:0a dev vx0 nhid 10 self\n"
+        "fdb add 02:00:00:00:00:0b dev vx0 nhid 11 self\n"
+        "fdb add 02:00:00:00:00:0c dev vx0 nhid 12 self\n"
+        "fdb add 02:00:00:00:00:0d dev vx0 nhid 13 self",
+        "nexthop replace id 10 group 1 fdb\nnexthop del id 2", // empties 11
+        "nexthop replace id 12 group 3\nnexthop del id 12",    // had become one of routes
+        "nexthop del id 13\nnexthop add id 13 group 1 fdb\nfdb add 02:00:00:00:00:0e dev vx0 nhid 13 self",
+        "nexthop flush",
         "link set vxe master br1",
         "fdb flush dev br0\nfdb add 02:00:00:00:00:02 dev p1 master dynamic",
         "link set p1 name p9\nlink set br0 name br9",
@@ -338,6 +365,8 @@ TEST_F(KernelPlane, LinksCarryWhatTheirKindTells)
     const auto link = [&live](const char *name) { return live.copy.links.at(live.index(name)); };
     EXPECT_EQ(link("br0").kind, link_kind::bridge);
     EXPECT_TRUE(link("br0").up);
+    EXPECT_EQ(link("br0").ageing_ms, 300'000U);
+    EXPECT_EQ(link("p0").ageing_ms, 0U);
     EXPECT_EQ(link("p0").kind, link_kind::other);
     EXPECT_EQ(link("p0").master, live.index("br0"));
     EXPECT_EQ(text_of(link("p0").address), "02:00:00:00:00:aa");
@@ -346,6 +375,9 @@ TEST_F(KernelPlane, LinksCarryWhatTheirKindTells)
     EXPECT_EQ(link("vx0").vni, 10U);
     EXPECT_FALSE(link("vx0").external);
     EXPECT_TRUE(link("vxe").external);
+    run("link set br0 type bridge ageing_time 1000");
+    live.kernel->drain();
+    EXPECT_EQ(link("br0").ageing_ms, 10'000U);
 }
 
 // None that lives may be missed, and what the dump's bytes say of one that was deleted meanwhile must not count.
@@ -377,9 +409,85 @@ TEST_F(KernelPlane, AnOverrunBeginsANewGeneration)
     EXPECT_FALSE(live.kernel->health().clean);
     EXPECT_EQ(live.kernel->health().overruns, 1U);
     EXPECT_LT(live.copy.entries.size(), 5000U); // the notifications told no more
+    const plane_health degraded = live.kernel->health();
+    EXPECT_NEAR(static_cast<double>(degraded.lost), 5300, 100); // some fit, and links have notifications, too
+    EXPECT_EQ(degraded.lost, live.copy.lost);
+    EXPECT_NEAR(static_cast<double>(degraded.last_overrun_time), static_cast<double>(std::time(nullptr)), 60);
     ASSERT_TRUE(live.serve_until_clean());
     EXPECT_GE(live.kernel->health().generation, 2U);
     EXPECT_EQ(told(live.copy), truth(live.copy));
+}
+
+// Of this thread.
+double processor_seconds()
+{
+    timespec used{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
+}
+
+TEST_F(KernelPlane, OverrunsDuringChurnTakeLittleTimeAndEndWithIt)
+{
+    run_fdb("add", 0, 500);
+    running_plane live({.receive_buffer = 4096, .generation_interval_ms = 20});
+    std::atomic<bool> ends = false;
+    std::thread churn([&ends] {
+        while (!ends) {
+            run_fdb("add", 500, 2000);
+            run_fdb("del", 500, 2000);
+        }
+    });
+    const auto end = steady_clock::now() + std::chrono::seconds(2);
+    const double before = processor_seconds();
+    EXPECT_TRUE(live.serve_until([end] { return steady_clock::now() > end; }));
+    EXPECT_LT(processor_seconds() - before, 1.0);
+    ends = true;
+    churn.join();
+    EXPECT_GT(live.kernel->health().overruns, 10U);
+    live.kernel->drain();
+    ASSERT_TRUE(live.serve_until_clean());
+    EXPECT_EQ(live.kernel->health().lost, live.copy.lost);
+    EXPECT_EQ(told(live.copy), truth(live.copy));
+}
+
+// Also when it fails, because links come and go during each dump of all links.
+TEST_F(KernelPlane, AProofListsEverythingAndLeavesThePlaneClean)
+{
+    for (int pair = 0; pair < 200; ++pair) {
+        run("link add type veth");
+    }
+    running_plane live({.generation_interval_ms = 20, .proof_interval_ms = 20});
+    ASSERT_TRUE(live.serve_until_clean());
+    live.copy.entries.clear();
+    const auto seen_degraded = [&live] { return !live.kernel->health().clean; };
+    const auto proven = [&live] { return live.copy.completions.size() == 2; };
+    ASSERT_TRUE(live.serve_until([&] { return seen_degraded() || proven(); }));
+    EXPECT_EQ(told(live.copy), truth(live.copy));
+    const auto disturbed = [&live] {
+        run("link add x0 type veth\nlink del x0");
+        return !live.copy.completions.back();
+    };
+    ASSERT_TRUE(live.serve_until([&] { return seen_degraded() || disturbed(); }));
+    EXPECT_FALSE(seen_degraded());
+}
+
+TEST_F(KernelPlane, AListingOnDemandBeginsAfterTheDemand)
+{
+    run_fdb("add", 0, 8000);
+    running_plane live({.generation_interval_ms = 200, .proof_interval_ms = 20});
+    live.kernel->list_again(); // the first one is on its way and counts
+    ASSERT_TRUE(live.serve_until_clean());
+    EXPECT_EQ(live.kernel->health().generation, 1U);
+    ASSERT_TRUE(live.serve_until([&live] { return live.copy.listing; }));
+    live.kernel->list_again(); // a proof is on its way and does not count
+    EXPECT_FALSE(live.kernel->health().clean);
+    ASSERT_TRUE(live.serve_until([&live] { return !live.copy.listing; }));
+    EXPECT_FALSE(live.kernel->health().clean);
+    const auto ended = steady_clock::now();
+    ASSERT_TRUE(live.serve_until([&live] { return live.copy.listing; }));
+    EXPECT_GT(steady_clock::now() - ended, std::chrono::milliseconds(150));
+    ASSERT_TRUE(live.serve_until_clean());
+    EXPECT_EQ(live.kernel->health().generation, 3U);
 }
 
 TEST_F(KernelPlane, AnswersForSingleEntries)
@@ -465,7 +573,7 @@ TEST_F(KernelPlane, SocketsRefuseStrangersAndWhatIsCutOff)
     EXPECT_EQ(kernel_socket_read(receiver, buffer, datagram), kernel_read::refused);
     EXPECT_EQ(kernel_socket_read(receiver, buffer, datagram), kernel_read::empty);
     ASSERT_TRUE(kernel_socket_send(receiver, std::span(request).first(length)));
-    EXPECT_EQ(kernel_socket_read(receiver, buffer, datagram), kernel_read::overrun);
+    EXPECT_EQ(kernel_socket_read(receiver, buffer, datagram), kernel_read::truncated);
 }
 
 TEST_F(KernelPlane, WhatWasNotifiedBeforeItsLinkDoesNotComeBack)
