@@ -225,10 +225,10 @@ void feeder::generation_ended(bool clean)
     links_ = copy_.known_links;
     entries_ = copy_.living;
     is_proving_ = clean;
-    if (!clean) {
-        begin_doubt();
-    } else if (doubtful_.empty()) {
+    if (clean && doubtful_.empty()) {
         end_proof();
+    } else if (!plane_.health().clean) { // a proof that failed leaves the copy as good as it was
+        begin_doubt();
     }
     if (!waiting_.empty()) {
         host::event_post(evm_, call<&feeder::serve_waiting>, nullptr, this);

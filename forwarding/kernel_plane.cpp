@@ -27,8 +27,9 @@ using std::chrono::milliseconds;
 using steady_clock = std::chrono::steady_clock;
 
 constexpr uint32_t default_receive_buffer = 128U << 20;
-constexpr size_t least_notification_cost = 512; // of the receive buffer, in bytes
+constexpr size_t least_notification_cost = 512; // bytes of the receive buffer; in fact 768 and more
 constexpr size_t notifications_per_turn = 4096;
+constexpr size_t notifications_per_part = 16'384; // of a dump; if more wait, the dump shows nothing
 constexpr size_t parts_per_turn = 8;
 constexpr auto parts_time = milliseconds(10); // per turn; one part of a large bridge may take as long
 constexpr uint32_t most_doublings = 4;        // of the pause between failed generations: up to 16 intervals
@@ -78,7 +79,8 @@ private:
     std::string attach();
 
     // Notifications.
-    bool read_notifications(size_t limit);
+    void read_notifications(size_t limit);
+    bool read_waiting_notifications(size_t most);
     void note_overrun();
     void end_overrun();
     void note_loss(uint64_t count);
@@ -120,7 +122,6 @@ private:
     kernel_socket notifications_;
     kernel_socket dumps_;
     std::string open_error_;
-    size_t notifications_at_once_ = 0; // more the receive buffer cannot hold
     const milliseconds interval_;
     const milliseconds proof_interval_;
     counters counters_;
@@ -171,7 +172,7 @@ std::string kernel_plane::open(uint32_t receive_buffer)
             return error;
         }
     }
-    notifications_at_once_ = kernel_socket_resize(notifications_, receive_buffer) / least_notification_cost;
+    kernel_socket_resize(notifications_, receive_buffer);
     return kernel_querier_open(querier_);
 }
 
@@ -279,17 +280,27 @@ void kernel_plane::query(std::span<const fdb_key> keys, std::span<fdb_answer> an
 void kernel_plane::drain()
 {
     if (evm_ != nullptr) {
-        guarded([this] { read_notifications(notifications_at_once_); });
+        guarded([this] { read_waiting_notifications(SIZE_MAX); });
     }
 }
 
-// Reads until there are no more, or `limit` have been read. True: there are no more, so that nothing is being lost.
-bool kernel_plane::read_notifications(size_t limit)
+// Reads the notifications that wait now, but `most` of them at most. It does not read until none is left: during a
+// storm of changes they come as fast as they are read. Returns whether it has read all that waited.
+bool kernel_plane::read_waiting_notifications(size_t most)
+{
+    // An overrun is reported like a notification and takes no memory.
+    const size_t waiting = kernel_socket_account(notifications_).queued / least_notification_cost + 2;
+    read_notifications(std::min(waiting, most));
+    return waiting <= most;
+}
+
+// Reads until there are no more, or `limit` have been read.
+void kernel_plane::read_notifications(size_t limit)
 {
     for (size_t count = 0; count < limit; ++count) {
         std::span<const std::byte> datagram;
         switch (kernel_socket_read(notifications_, buffer_, datagram)) {
-        case kernel_read::empty: end_overrun(); return true;
+        case kernel_read::empty: end_overrun(); return;
         case kernel_read::overrun: note_overrun(); break;
         case kernel_read::truncated: note_loss(1); break;
         case kernel_read::refused: ++counters_.refused; break;
@@ -299,7 +310,6 @@ bool kernel_plane::read_notifications(size_t limit)
             }
         }
     }
-    return false;
 }
 
 void kernel_plane::note_overrun()
@@ -309,7 +319,7 @@ void kernel_plane::note_overrun()
         counters_.last_overrun_time = std::chrono::duration_cast<std::chrono::seconds>(now).count();
         ++counters_.overruns;
     }
-    const uint32_t drops = kernel_socket_drops(notifications_);
+    const uint32_t drops = kernel_socket_account(notifications_).drops;
     note_loss(drops - std::exchange(drops_, drops));
 }
 
@@ -318,7 +328,7 @@ void kernel_plane::note_overrun()
 void kernel_plane::end_overrun()
 {
     if (std::exchange(in_overrun_, false)) {
-        const uint32_t drops = kernel_socket_drops(notifications_);
+        const uint32_t drops = kernel_socket_account(notifications_).drops;
         if (drops != drops_) {
             note_loss(drops - std::exchange(drops_, drops));
         }
@@ -590,7 +600,7 @@ void kernel_plane::begin_generation()
     began_ = steady_clock::now();
     hurried_ = false;
     listing_begin(listing_, {kernel_scope::links});
-    read_notifications(notifications_at_once_);
+    read_waiting_notifications(notifications_per_part);
     needs_generation_ = in_overrun_; // what was lost before the socket was empty is in the dumps to come
     ++counters_.generation;
     sink_->generation_begun();
@@ -673,7 +683,7 @@ void kernel_plane::take_part(std::span<const std::byte> part)
         }
     }
     if (listing_.running && message_.sequence == sequence_) {
-        listing_.disturbed |= !read_notifications(notifications_at_once_);
+        listing_.disturbed |= !read_waiting_notifications(notifications_per_part);
         listing_end_part(listing_, length);
     }
 }
@@ -716,7 +726,7 @@ bool kernel_plane::take_listed(const kernel_message &message)
 void kernel_plane::end_dump(int error)
 {
     const kernel_dump current = listing_.current;
-    listing_.disturbed |= !read_notifications(notifications_at_once_);
+    listing_.disturbed |= !read_waiting_notifications(notifications_per_part);
     // What has gone since it was planned cannot be dumped, and has nothing to be told.
     const bool has_gone = current.scope != kernel_scope::links && !links_.contains(current.ifindex);
     listing_.disturbed |= error != 0;

@@ -136,12 +136,14 @@ kernel_read kernel_socket_read(const kernel_socket &socket, std::span<std::byte>
     return kernel_read::datagram;
 }
 
-uint32_t kernel_socket_drops(const kernel_socket &socket)
+kernel_socket_memory kernel_socket_account(const kernel_socket &socket)
 {
     uint32_t counts[SK_MEMINFO_VARS] = {};
     socklen_t length = sizeof counts;
-    getsockopt(kernel_socket_fd(socket), SOL_SOCKET, SO_MEMINFO, counts, &length);
-    return counts[SK_MEMINFO_DROPS];
+    if (getsockopt(kernel_socket_fd(socket), SOL_SOCKET, SO_MEMINFO, counts, &length) != 0) {
+        return {UINT32_MAX, 0}; // every kernel that filters dumps can; a caller may read on until nothing is left
+    }
+    return {counts[SK_MEMINFO_RMEM_ALLOC], counts[SK_MEMINFO_DROPS]};
 }
 
 bool kernel_socket_send(const kernel_socket &socket, std::span<const std::byte> requests)

@@ -57,9 +57,13 @@ enum class kernel_read : uint8_t {
 kernel_read kernel_socket_read(const kernel_socket &socket, std::span<std::byte> buffer,
                                std::span<const std::byte> &datagram);
 
-// Datagrams that the kernel has dropped since the socket was opened, because its buffer was full. The count wraps, and
-// stays 0 on kernels that do not give it (before Linux 4.12).
-uint32_t kernel_socket_drops(const kernel_socket &socket);
+// What the kernel accounts for a socket.
+struct kernel_socket_memory {
+    uint32_t queued = 0; // bytes of the receive buffer that wait to be read
+    uint32_t drops = 0;  // datagrams dropped since the socket was opened, because its buffer was full; the count wraps
+};
+
+kernel_socket_memory kernel_socket_account(const kernel_socket &socket);
 
 bool kernel_socket_send(const kernel_socket &socket, std::span<const std::byte> requests);
 

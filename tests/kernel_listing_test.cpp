@@ -124,7 +124,7 @@ TEST(KernelListing, TakesADumpForWholeOnlyWhenItIs)
     EXPECT_GT(proven, 1900U);
 }
 
-// What else of a bridge or device makes a dump miss entries, or say what holds no more.
+// Deletions that the dumped bridge or device does not report as its own.
 TEST(KernelListing, KnowsWhatTearsADump)
 {
     constexpr uint32_t device = 9;
@@ -143,19 +143,15 @@ TEST(KernelListing, KnowsWhatTearsADump)
         {{kernel_scope::device, device}, 13, false, true},
     };
     for (const auto &each : cases) {
-        SCOPED_TRACE(&each - cases);
         kernel_listing listing;
         listing_begin(listing, each.dump);
         ASSERT_TRUE(listing_next(listing));
         listing_open_window(listing);
-        if (each.next_hop != 0) {
-            listing_note_next_hop_gone(listing, each.next_hop);
-        } else {
-            listing_note_gone(listing, on_another_port, bridge);
-        }
+        each.next_hop != 0 ? listing_note_next_hop_gone(listing, each.next_hop)
+                           : listing_note_gone(listing, on_another_port, bridge);
         listing_end_part(listing, full_length);
-        EXPECT_EQ(listing_believes(listing, own), each.believed);
-        EXPECT_EQ(listing_close_window(listing), each.counts);
+        EXPECT_EQ(listing_believes(listing, own), each.believed) << &each - cases;
+        EXPECT_EQ(listing_close_window(listing), each.counts) << &each - cases;
     }
 }
 
