@@ -12,7 +12,7 @@ struct api_error {
     unsigned status;
     const char *tag; // one of the API's error tags: a literal
     std::string message;
-    std::string allow = {};   // the methods that are served; of status 405
+    std::string allow = {}; // the methods that are served; of status 405
 };
 
 inline api_error invalid(std::string message)

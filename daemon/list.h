@@ -61,6 +61,10 @@ public:
     void write_next(std::string &text);
     bool finished() const { return is_finished_; }
 
+    // What the list is worth so far. Its making is watched from the stream's creation on, so the table is brought up to
+    // date before that, and read after it.
+    forwarding::completeness worst() const { return watch_.worst(); }
+
     // Why a finished list was cut; empty: it is whole.
     const std::string &failure() const { return failure_; }
 

@@ -114,6 +114,7 @@ answer stream(std::string_view name, std::unique_ptr<list_source> source, uint64
     answer result;
     auto rest = std::make_unique<list_stream>(name, std::move(source), limit);
     rest->write_next(result.body);
+    result.worth = rest->worst();
     if (!rest->finished()) {
         result.rest = std::move(rest);
     }
@@ -164,8 +165,8 @@ answer list_entries(const call &asked, forwarding::row_filter filter, void (*res
     if (!start) {
         resync(asked);
     }
-    return stream("mac-entry",
-                  mac ? make_address_source(*mac, filter, start) : make_table_source(filter, start), limit);
+    return stream("mac-entry", mac ? make_address_source(*mac, filter, start) : make_table_source(filter, start),
+                  limit);
 }
 
 answer list_table(const call &asked)
@@ -266,6 +267,7 @@ answer document(std::string_view name, Write write)
     write(json);
     write_completeness(json, watch);
     json.end_object();
+    result.worth = watch.worst();
     return result;
 }
 
@@ -364,8 +366,8 @@ resync_request read_input(std::string_view body)
     }
     const auto members = input.empty() ? nlohmann::json::object() : input.value("l2fib-mac:input", nlohmann::json());
     const auto member = [&](const char *name) { return members.value(name, nlohmann::json()); };
-    const size_t known = !members.is_object() ? 0
-                                              : members.count("domain") + members.count("port") + members.count("wait");
+    const size_t known =
+        !members.is_object() ? 0 : members.count("domain") + members.count("port") + members.count("wait");
     if (!members.is_object() || known != members.size() || (members.contains("domain") && members.contains("port"))) {
         refuse_input("invalid-value");
     }
@@ -392,7 +394,8 @@ void wait_for_proof(std::chrono::seconds most)
         if (clock::now() >= end) {
             throw api_error{504, "operation-failed",
                             "resync: changes of the forwarding plane were lost, and the full dump that mends the table "
-                            "has not ended within " + std::to_string(most.count())
+                            "has not ended within "
+                                + std::to_string(most.count())
                                 + " seconds: try again, or look at the overruns of the health resource"};
         }
         std::this_thread::sleep_for(look_again);
@@ -419,7 +422,7 @@ answer resync(const call &asked)
         wait_for_proof(std::chrono::seconds(wait));
         bring_up_to_date();
     }
-    return {.status = 204, .body = {}, .rest = nullptr};
+    return {.status = 204, .body = {}, .rest = nullptr, .worth = forwarding::completeness_watch().worst()};
 }
 
 // ---- Routing ----
@@ -484,8 +487,8 @@ void check_method(const resource &found, std::string_view method)
     const char *allowed = found.is_operation ? "POST" : "GET, HEAD";
     const bool reads = method == "GET" || method == "HEAD";
     if (found.is_operation ? method != "POST" : !reads) {
-        throw api_error{
-            405, "operation-not-supported", "method " + std::string(method) + ": expected " + allowed, allowed};
+        throw api_error{405, "operation-not-supported", "method " + std::string(method) + ": expected " + allowed,
+                        allowed};
     }
 }
 
@@ -518,11 +521,7 @@ answer answer_request(const request &asked)
     const resource &found = find_resource(to);
     check_method(found, asked.method);
     check_parameters(found, to);
-    const forwarding::completeness_watch since_begin;
-    answer made = found.serve({to, asked.body});
-    // An operation is worth what it leaves behind.
-    made.worth = found.is_operation ? forwarding::completeness_watch().worst() : since_begin.worst();
-    return made;
+    return found.serve({to, asked.body});
 }
 
 void write_errors(json_writer &json, const api_error &error)

@@ -148,19 +148,20 @@ class address_source : public list_source {
 public:
     address_source(const forwarding::mac_address &mac, const forwarding::row_filter &filter,
                    const std::optional<std::string> &start)
-        : page_(forwarding::find_rows(mac, filter.bridge_id))
+        : mac_(mac)
+        , filter_(filter)
     {
-        require_running(page_);
-        std::erase_if(page_.rows, [&](const forwarding::mac_row &row) { return !passes(filter, row); });
         if (start) {
             const auto [bridge_id, xcid] = numbers_of<2>(*start, kind);
-            const auto next = std::ranges::upper_bound(page_.rows, std::pair(bridge_id, xcid), {}, place_of);
-            next_ = static_cast<size_t>(next - page_.rows.begin());
+            after_ = {bridge_id, xcid};
         }
     }
 
     position fetch(uint32_t most, json_writer &json) override
     {
+        if (page_.objects == nullptr) {
+            find();
+        }
         const size_t end = std::min(page_.rows.size(), next_ + most);
         const auto count = static_cast<uint32_t>(end - next_);
         for (; next_ < end; next_++) {
@@ -172,11 +173,24 @@ public:
     }
 
 private:
+    using place = std::pair<uint64_t, uint64_t>;
     static constexpr std::string_view kind = "a";
 
-    static std::pair<uint64_t, uint64_t> place_of(const forwarding::mac_row &row) { return {row.bridge_id, row.xcid}; }
+    static place place_of(const forwarding::mac_row &row) { return {row.bridge_id, row.xcid}; }
 
-    forwarding::row_page page_;
+    void find()
+    {
+        page_ = forwarding::find_rows(mac_, filter_.bridge_id);
+        require_running(page_);
+        std::erase_if(page_.rows, [&](const forwarding::mac_row &row) { return !passes(filter_, row); });
+        const auto next = std::ranges::upper_bound(page_.rows, after_, {}, place_of);
+        next_ = static_cast<size_t>(next - page_.rows.begin());
+    }
+
+    forwarding::mac_address mac_;
+    forwarding::row_filter filter_;
+    place after_ = {};
+    forwarding::row_page page_ = {};
     size_t next_ = 0;
 };
 

@@ -417,8 +417,7 @@ void feeder::leave_vtep_of(const copy_entry &entry, bool keeps_row)
         }
         vteps_.erase(users);
         const auto other = vteps_.lower_bound({use.xcid, use.address, 0});
-        is_unused =
-            other == vteps_.end() || other->first.xcid != use.xcid || other->first.address != use.address;
+        is_unused = other == vteps_.end() || other->first.xcid != use.xcid || other->first.address != use.address;
     }
     if (is_unused) {
         destroy_vtep(use);

@@ -6,9 +6,9 @@
 //        +----------------------+  +-----> views for other threads
 //
 // Changes. An entry that changes enters a queue once, however often it changes, and is settled with all others a moment
-// later: fed, or withdrawn from the cache. The feed has no removal, so an entry that has gone is looked up and destroyed
-// under the table lock. Ports and bridge domains go by notification, which travels through the cache thread's queue.
-// Until it has arrived nothing is fed and no resync is served, so that it cannot destroy what was fed after it.
+// later: fed, or withdrawn from the cache. The feed has no removal, so an entry that has gone is looked up and
+// destroyed under the table lock. Ports and bridge domains go by notification, which travels through the cache thread's
+// queue. Until it has arrived nothing is fed and no resync is served, so that it cannot destroy what was fed after it.
 //
 // Resyncs cost what changed. The plane delivers its pending changes, the queue is settled, and the cache is in step. A
 // scope is marked, fed again and swept only when the number of entries in the cache says that it is not.

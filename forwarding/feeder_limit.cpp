@@ -34,8 +34,8 @@ std::optional<feeder::newest_entry> feeder::newest_of_full_cache() const
     if (mac->bp == nullptr || mac->bp->bd == nullptr) {
         return std::nullopt;
     }
-    newest_entry newest{mac->bp->xcid, static_cast<uint16_t>(mac->bp->bd->bridge_id), {},
-                        l2fm_edm_table_mac_get_pool()->mac_cnt_total};
+    newest_entry newest{
+        mac->bp->xcid, static_cast<uint16_t>(mac->bp->bd->bridge_id), {}, l2fm_edm_table_mac_get_pool()->mac_cnt_total};
     std::memcpy(newest.mac.data(), mac->mac_addr, newest.mac.size());
     return newest;
 }
@@ -43,8 +43,8 @@ std::optional<feeder::newest_entry> feeder::newest_of_full_cache() const
 // `fed` was filed at the place that the last two name; its record still says where it was before.
 void feeder::note_eviction(const newest_entry &before, const copy_entry &fed, uint16_t bridge_id, uint32_t xcid)
 {
-    const bool was_there = fed.fed_xcid != 0
-                           || (before.xcid == xcid && before.bridge_id == bridge_id && before.mac == fed.record.mac);
+    const bool was_there =
+        fed.fed_xcid != 0 || (before.xcid == xcid && before.bridge_id == bridge_id && before.mac == fed.record.mac);
     const std::optional<newest_entry> now = newest_of_full_cache();
     const bool was_created = !was_there && now && now->xcid == xcid && now->bridge_id == bridge_id
                              && now->mac == fed.record.mac && now->total == before.total;

@@ -284,8 +284,9 @@ std::string start_on(std::unique_ptr<plane> source, const options &options)
     }
     auto started = std::make_unique<running_module>();
     const std::string group = options.group.empty() ? default_group() : options.group;
-    started->feed = std::make_unique<feeder>(
-        *source, feeder_settings{group, options.resync_wait_seconds, options.mac_limit, options.proof_rate, options.report});
+    started->feed =
+        std::make_unique<feeder>(*source, feeder_settings{group, options.resync_wait_seconds, options.mac_limit,
+                                                          options.proof_rate, options.report});
     started->source = std::move(source);
     started->wait_seconds = options.resync_wait_seconds;
     {
@@ -407,8 +408,7 @@ completeness completeness_watch::worst() const
     if (now.degradations != degradations_) {
         return completeness::degraded;
     }
-    const completeness meanwhile =
-        now.limitations != limitations_ ? completeness::limited : completeness::whole;
+    const completeness meanwhile = now.limitations != limitations_ ? completeness::limited : completeness::whole;
     return std::max({at_first_, now.state, meanwhile});
 }
 

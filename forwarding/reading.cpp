@@ -55,9 +55,9 @@ bool find_place(const object_views &objects, const place &from, place &found)
 
 bool next_place(const object_views &objects, place &at)
 {
-    return at.second != EDM_XCID_DUMMY  ? find_place(objects, {at.first, at.second + 1}, at)
-           : at.first != UINT16_MAX ? find_place(objects, {static_cast<uint16_t>(at.first + 1), 0}, at)
-                                    : false;
+    return at.second != EDM_XCID_DUMMY ? find_place(objects, {at.first, at.second + 1}, at)
+           : at.first != UINT16_MAX    ? find_place(objects, {static_cast<uint16_t>(at.first + 1), 0}, at)
+                                       : false;
 }
 
 bool is_wanted(const row_filter &filter, const place &at)
@@ -313,9 +313,8 @@ bool read_flood_lists(feeder &feed, uint16_t bridge_id, row_page &page)
 {
     const table_hold hold;
     for (const port_view &port : page.objects->ports) {
-        const l2fm_edm_bp_t *bp = bridge_id == 0 || port.bridge_id == bridge_id
-                                      ? l2fm_edm_table_bp_get_by_xcid(port.xcid)
-                                      : nullptr;
+        const l2fm_edm_bp_t *bp =
+            bridge_id == 0 || port.bridge_id == bridge_id ? l2fm_edm_table_bp_get_by_xcid(port.xcid) : nullptr;
         const mac_address zero = {};
         const l2fm_edm_mac_t *entry = bp != nullptr ? l2fm_edm_table_bp_mac_get(&bp->mac_tree, zero.data()) : nullptr;
         if (entry != nullptr) {

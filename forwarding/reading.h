@@ -30,9 +30,10 @@
 
 namespace forwarding {
 
-// Behind which entries follow in an order: the number that decides, and the slot in the copy. `began` is the number that
-// a new entry would have had when the reading began. What has come, or was seen again, since then has one place, by its
-// slot alone. So each entry that stays is read once or, if it was seen again behind its back, twice, and a reading ends.
+// Behind which entries follow in an order: the number that decides, and the slot in the copy. `began` is the number
+// that a new entry would have had when the reading began. What has come, or was seen again, since then has one place,
+// by its slot alone. So each entry that stays is read once or, if it was seen again behind its back, twice, and a
+// reading ends.
 struct order_position {
     uint64_t value = 0;
     uint32_t slot = 0;

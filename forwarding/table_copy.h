@@ -47,8 +47,8 @@ struct copy_entry {
     bool contested = false; // it came and went within a moment: the reports may be in the wrong order
     bool touched_alive = false;
     bool surely_gone = false; // the plane has said so
-    bool doubtful = false; // waits in the queue of questions to the plane
-    bool missing = false;  // the cache should hold it and does not
+    bool doubtful = false;    // waits in the queue of questions to the plane
+    bool missing = false;     // the cache should hold it and does not
     bool fed_tunnel = false;  // the two below count
     bool fed_own_vni = false; // it sends with another VNI than its port, or is kept by source VNI
     uint8_t standing = 0;

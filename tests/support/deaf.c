@@ -1,5 +1,5 @@
-/* Preloaded by system tests: a kernel whose notifications of one deletion never arrive. What is dropped is every datagram
- * of a netlink socket that holds a deleted neighbour with the address 02:de:af:00:00:01. */
+/* Preloaded by system tests: a kernel whose notifications of one deletion never arrive. What is dropped is every
+ * datagram of a netlink socket that holds a deleted neighbour with the address 02:de:af:00:00:01. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <linux/netlink.h>
@@ -13,13 +13,13 @@ static int is_unheard(const struct msghdr *message, size_t length)
 {
     const struct sockaddr_nl *from = message->msg_name;
     const struct nlmsghdr *head = message->msg_iov->iov_base;
-    return from != NULL && from->nl_family == AF_NETLINK && length >= sizeof *head
-           && head->nlmsg_type == RTM_DELNEIGH && memmem(head, length, unheard, sizeof unheard) != NULL;
+    return from != NULL && from->nl_family == AF_NETLINK && length >= sizeof *head && head->nlmsg_type == RTM_DELNEIGH
+           && memmem(head, length, unheard, sizeof unheard) != NULL;
 }
 
 ssize_t recvmsg(int socket, struct msghdr *message, int flags)
 {
-    ssize_t (*real)(int, struct msghdr *, int) = (ssize_t (*)(int, struct msghdr *, int))dlsym(RTLD_NEXT, "recvmsg");
+    ssize_t (*real)(int, struct msghdr *, int) = (ssize_t(*)(int, struct msghdr *, int))dlsym(RTLD_NEXT, "recvmsg");
     ssize_t length;
     do {
         length = real(socket, message, flags);
