@@ -1,7 +1,7 @@
 // Divides places, for connections or for requests, so that no user takes them all.
 //
 // A user gets a common place while the user has fewer of them than are free. One user alone gets at most half of them,
-// a second one half of the rest, and so on: whoever comes next finds room. Root may use a reserve as well.
+// a second one half of the rest, and so on: the next user always finds room. Root may use a reserve as well.
 //
 // A client that gets no place is refused. It may send one request, which is answered with the reason, or with the
 // daemon's health. Refused connections are few: the oldest one makes room for the next.

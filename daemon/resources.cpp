@@ -314,26 +314,31 @@ answer count_all(const call & /*asked*/)
     return document("mac-count", [](json_writer &json) { write_mac_count(json, forwarding::count_all(), true); });
 }
 
-answer count_of(const std::optional<forwarding::entry_counts> &counts, const api_error &missing)
+answer document_of(const forwarding::entry_counts &counts)
 {
-    if (!counts) {
-        throw missing;
-    }
-    return document("mac-count", [&](json_writer &json) { write_mac_count(json, *counts, false); });
+    return document("mac-count", [&](json_writer &json) { write_mac_count(json, counts, false); });
 }
 
 answer count_domain(const call &asked)
 {
     const forwarding::domain_view domain = domain_of(asked.key());
     resync_domain(domain.name);
-    return count_of(forwarding::count_domain(domain.bridge_id), no_domain(domain.name));
+    const auto counts = forwarding::count_domain(domain.bridge_id);
+    if (!counts) {
+        throw no_domain(domain.name);
+    }
+    return document_of(*counts);
 }
 
 answer count_port(const call &asked)
 {
     const forwarding::port_view port = port_of(asked.key());
     resync_port(port.xcid, port.domain);
-    return count_of(forwarding::count_port(port.xcid), no_port(asked.key()));
+    const auto counts = forwarding::count_port(port.xcid);
+    if (!counts) {
+        throw no_port(asked.key());
+    }
+    return document_of(*counts);
 }
 
 answer get_health(const call & /*asked*/)

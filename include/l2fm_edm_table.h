@@ -20,8 +20,8 @@
  *  - VTEPs live on ports of bp_type 4 only, and outlive the entries that named them until a sweep.
  *  - One address may stand on several ports of a bridge domain. Lookups by bridge domain take the port of the lowest
  *    xcid.
- *  - Lookups answer what the trees hold, whoever changed them. While only this module changes the table, indexes
- * answer. Some calls go past the indexes, and from the first of them on lookups search the trees until
+ *  - Lookups answer what the trees hold, also after direct changes of them. While only this module changes the table,
+ *    indexes answer. Some calls go past the indexes, and from the first of them on lookups search the trees until
  *    l2fm_edm_table_deinit, which costs a lookup by bridge domain one search for each of its ports. They are:
  *    ordtree_insert, ordtree_delete and ordtree_finish on a tree of this table; the four accessors that set or clear
  *    `bp` and `bd`; l2fm_edm_table_bp_alloc_and_fill; l2fm_edm_table_bp_mac_table_destroy and

@@ -1,6 +1,5 @@
 /* Preloaded by system tests: a kernel whose notifications of one deletion never arrive. What is dropped is every
  * datagram of a netlink socket that holds a deleted neighbour with the address 02:de:af:00:00:01. */
-#define _GNU_SOURCE
 #include <dlfcn.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
