@@ -292,7 +292,9 @@ answer get_entry(const call &asked)
             throw not_found("mac-entry \"" + mac_text(mac) + "\": the bridge domain \"" + domain.name
                             + "\" has no such entry");
         }
-        write_row(json, found.rows.front(), false);
+        for (const forwarding::mac_row &row : found.rows) { // the zero address stands on each tunnel of the domain
+            write_row(json, row, false);
+        }
     });
 }
 

@@ -292,7 +292,6 @@ private:
     size_t settled_ = 0;          // of dirty_
     bool flush_expected_ = false;
     uint32_t removals_in_flight_ = 0;
-    bool listed_ = false; // a generation has ended
     bool waiting_timer_ = false;
     std::vector<resync_scope> waiting_;
     uint64_t last_created_ = 0;
@@ -324,6 +323,7 @@ private:
     std::atomic<uint64_t> missing_{0}, evictions_{0}, entries_refused_{0};
     std::atomic<uint64_t> proof_asked_{0}, proof_disagreed_{0}, listed_stale_{0}, listed_missing_{0};
     std::atomic<int64_t> proven_time_{0};
+    std::atomic<bool> listed_{false}; // a generation has ended
     std::atomic<bool> is_unproven_{true}; // the plane may be clean, and what it has left open is not decided yet
     std::atomic<uint64_t> degradations_{0}, limitations_{0};
 

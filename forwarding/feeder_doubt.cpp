@@ -203,6 +203,9 @@ void feeder::generation_begun()
 {
     listed_only_.clear();
     was_clean_ = state() != completeness::degraded;
+    if (!plane_.health().clean) {
+        begin_doubt();
+    }
     stale_in_proof_ = 0;
     missing_in_proof_ = 0;
 }
