@@ -856,13 +856,13 @@ TEST_F(fed_module, RowsAreReadOnceInEachOrderAndFromAnyPlace)
             more = page.more;
         }
         EXPECT_EQ(read.size(), cached().size()) << most;
-        std::vector<uint32_t> ages;
+        std::vector<int64_t> seen;
         std::set<std::pair<uint32_t, mac_address>> created;
         order_position seen_at, created_at;
         for (bool more = true; more;) {
             const ordered_page page = read_ordered(row_order::last_seen, seen_at, most);
             for (const mac_row &row : page.page.rows) {
-                ages.push_back(row.last_seen != 0 ? row.age : 0);
+                seen.push_back(row.last_seen != 0 ? row.last_seen : INT64_MAX); // those that do not age come last
             }
             const ordered_page other = read_ordered(row_order::created, created_at, most);
             for (const mac_row &row : other.page.rows) {
@@ -872,8 +872,8 @@ TEST_F(fed_module, RowsAreReadOnceInEachOrderAndFromAnyPlace)
             created_at = other.end;
             more = page.page.more || other.page.more;
         }
-        EXPECT_EQ(ages.size(), read.size());
-        EXPECT_TRUE(std::is_sorted(ages.rbegin(), ages.rend()));
+        EXPECT_EQ(seen.size(), read.size());
+        EXPECT_TRUE(std::ranges::is_sorted(seen));
         EXPECT_EQ(created, read);
     }
     EXPECT_EQ(find_rows(mac(9), static_cast<uint16_t>(id_of("lab:br1"))).rows.at(0).vni, 77u);
