@@ -190,10 +190,12 @@ void feeder::entry_affected(uint32_t at)
     }
 }
 
-// The ages of a plane that ages silently are asked for where they are shown.
-void feeder::entry_aged(uint32_t at)
+// A report that changes nothing may belong before a removal that comes next, or behind it. The ages of a plane that
+// ages silently are asked for where they are shown.
+void feeder::entry_confirmed(uint32_t at, bool has_aged)
 {
-    if (!plane_.ages_silently()) {
+    copy_.entries[at].touched_ms = coarse_ms();
+    if (has_aged && !plane_.ages_silently()) {
         entry_affected(at);
     }
 }

@@ -185,7 +185,7 @@ private:
     // What the copy reports.
     void entry_touched(uint32_t at) override;
     void entry_affected(uint32_t at) override;
-    void entry_aged(uint32_t at) override;
+    void entry_confirmed(uint32_t at, bool has_aged) override;
     void entry_untold(uint32_t at) override;
     void listing_differs(uint32_t at) override;
     void next_hop_gone(uint32_t id) override;
@@ -323,7 +323,7 @@ private:
     std::atomic<uint64_t> missing_{0}, evictions_{0}, entries_refused_{0};
     std::atomic<uint64_t> proof_asked_{0}, proof_disagreed_{0}, listed_stale_{0}, listed_missing_{0};
     std::atomic<int64_t> proven_time_{0};
-    std::atomic<bool> listed_{false}; // a generation has ended
+    std::atomic<bool> listed_{false};     // a generation has ended
     std::atomic<bool> is_unproven_{true}; // the plane may be clean, and what it has left open is not decided yet
     std::atomic<uint64_t> degradations_{0}, limitations_{0};
 

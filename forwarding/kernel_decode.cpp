@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstring>
 #include <libmnl/libmnl.h>
+#include <linux/if_bridge.h>
 #include <linux/if_link.h>
 #include <linux/neighbour.h>
 #include <linux/nexthop.h>
@@ -22,6 +23,7 @@ namespace {
 constexpr uint32_t ntf_ext_locked = 1U << 1;
 constexpr uint8_t activity_notify_inactive = 1U << 1;
 
+constexpr uint16_t most_vlans = 4096; // a number of 12 bits
 constexpr int64_t ms_per_second = 1000;
 constexpr uint32_t ms_per_ageing_tick = 10; // whatever the ticks of ages are
 
@@ -159,16 +161,81 @@ bool read_link_attribute(const attribute &found, link_record &link)
     }
 }
 
-kernel_message_kind decode_link(std::span<const std::byte> payload, bool gone, link_record &link)
+// ---- maps from VLANs to VNIs
+
+struct vlan_vni {
+    uint32_t vni = 0;
+    uint16_t vlan = 0;
+    uint16_t flags = 0;
+};
+
+bool read_vlan_vni(std::span<const std::byte> payload, vlan_vni &row)
+{
+    return each_attribute(payload, [&row](const attribute &found) {
+        switch (found.type) {
+        case IFLA_BRIDGE_VLAN_TUNNEL_ID: return read(found.payload, row.vni);
+        case IFLA_BRIDGE_VLAN_TUNNEL_VID: return read(found.payload, row.vlan);
+        case IFLA_BRIDGE_VLAN_TUNNEL_FLAGS: return read(found.payload, row.flags);
+        default: return true;
+        }
+    });
+}
+
+// Two rows may stand for a range: VLANs and VNIs both count up from the first to the last.
+bool add_vlan_vnis(const vlan_vni &row, vlan_vni &range_begin, vni_by_vlan &vnis)
+{
+    if ((row.flags & BRIDGE_VLAN_INFO_RANGE_BEGIN) != 0) {
+        range_begin = row;
+        return true;
+    }
+    const bool ends_range = (row.flags & BRIDGE_VLAN_INFO_RANGE_END) != 0;
+    const vlan_vni first = ends_range ? range_begin : row;
+    if (row.vlan >= most_vlans || first.vlan > row.vlan) {
+        return false;
+    }
+    for (uint16_t vlan = first.vlan; vlan <= row.vlan; ++vlan) {
+        vnis[vlan] = first.vni + (vlan - uint32_t{first.vlan});
+    }
+    return true;
+}
+
+bool read_vlan_vnis(std::span<const std::byte> rows, vni_by_vlan &vnis)
+{
+    vlan_vni range_begin;
+    return each_attribute(rows, [&](const attribute &found) {
+        vlan_vni row;
+        return found.type != IFLA_BRIDGE_VLAN_TUNNEL_INFO
+               || (read_vlan_vni(found.payload, row) && add_vlan_vnis(row, range_begin, vnis));
+    });
+}
+
+// The state of a bridge port. Each message has the whole map; one of a port that leaves has none.
+kernel_message_kind decode_bridge_port(const ifinfomsg &head, std::span<const std::byte> attributes, bool gone,
+                                       kernel_message &message)
+{
+    message.link = {};
+    message.link.ifindex = static_cast<uint32_t>(head.ifi_index);
+    message.vnis.clear();
+    const bool read_all = gone || each_attribute(attributes, [&message](const attribute &found) {
+                              return found.type != IFLA_AF_SPEC || read_vlan_vnis(found.payload, message.vnis);
+                          });
+    return read_all && head.ifi_index > 0 ? kernel_message_kind::vlan_vnis : kernel_message_kind::malformed;
+}
+
+kernel_message_kind decode_link(std::span<const std::byte> payload, bool gone, kernel_message &message)
 {
     ifinfomsg head{};
     if (payload.size() < sizeof head) {
         return kernel_message_kind::malformed;
     }
     std::memcpy(&head, payload.data(), sizeof head);
-    if (head.ifi_family != AF_UNSPEC) {
-        return kernel_message_kind::unrelated; // the state of a bridge port, not the device
+    if (head.ifi_family == AF_BRIDGE) {
+        return decode_bridge_port(head, payload.subspan(sizeof head), gone, message);
     }
+    if (head.ifi_family != AF_UNSPEC) {
+        return kernel_message_kind::unrelated;
+    }
+    link_record &link = message.link;
     link = {};
     link.ifindex = static_cast<uint32_t>(head.ifi_index);
     link.up = (head.ifi_flags & IFF_UP) != 0;
@@ -349,8 +416,8 @@ kernel_message_kind decode_payload(uint16_t type, std::span<const std::byte> pay
                                    kernel_message &message)
 {
     switch (type) {
-    case RTM_NEWLINK: return decode_link(payload, false, message.link);
-    case RTM_DELLINK: return decode_link(payload, true, message.link);
+    case RTM_NEWLINK: return decode_link(payload, false, message);
+    case RTM_DELLINK: return decode_link(payload, true, message);
     case RTM_NEWNEIGH: return decode_fdb(payload, false, clock, message.fdb);
     case RTM_DELNEIGH: return decode_fdb(payload, true, clock, message.fdb);
     case RTM_DELNEXTHOP: return decode_next_hop_gone(payload, message);

@@ -5,8 +5,8 @@
 // is cut off, of the wrong length, or missing where every kernel sends it) is malformed as a whole: half a record is
 // never told. Attributes that are not known here are skipped, for newer kernels send more.
 //
-// Messages of other address families than those of links and bridge entries come on the same socket (neighbours of
-// IPv4 and IPv6, states of bridge ports). A forwarding plane does not use them: their kind is `unrelated`.
+// Messages of other address families than those of links and bridge entries come on the same socket, such as neighbours
+// of IPv4 and IPv6. A forwarding plane does not use them: their kind is `unrelated`.
 //
 // Threads: any.
 #pragma once
@@ -28,6 +28,7 @@ enum class kernel_message_kind : uint8_t {
     fdb_changed,   // `fdb`
     fdb_gone,      // `fdb`
     next_hop_gone, // `next_hop` and `for_entries`
+    vlan_vnis,     // `link`, of which only the interface index is set, and `vnis`: the whole map of a bridge port
     done,          // the end of a dump; `error` when it failed
     error,         // a request failed, or was acknowledged when `error` is 0
 };
@@ -41,6 +42,7 @@ struct kernel_message {
     fdb_record fdb = {};
     uint32_t next_hop = 0;    // id
     bool for_entries = false; // the next hop was made for forwarding entries, not for routes
+    vni_by_vlan vnis = {};
 };
 
 // What turns the ages of entries into times.

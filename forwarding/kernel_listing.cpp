@@ -96,6 +96,7 @@ void listing_open_window(kernel_listing &listing)
     listing.disturbed = false;
     listing.changed.clear();
     listing.changed_links.clear();
+    listing.changed_vnis.clear();
     listing.gone_next_hops.clear();
     listing.unbounded = false;
     begin_dump(listing.proof);
@@ -184,6 +185,18 @@ bool listing_believes(const kernel_listing &listing, const fdb_record &record)
 bool listing_believes_link(const kernel_listing &listing, uint32_t ifindex)
 {
     return !listing.changed_links.contains(ifindex);
+}
+
+void listing_note_vlan_vnis(kernel_listing &listing, uint32_t ifindex)
+{
+    if (listing.running) {
+        listing.changed_vnis.insert(ifindex);
+    }
+}
+
+bool listing_believes_vlan_vnis(const kernel_listing &listing, uint32_t ifindex)
+{
+    return !listing.changed_vnis.contains(ifindex);
 }
 
 // Local addresses may pass to another device unnotified, and a flood list may tell one key twice: these show nothing of

@@ -62,6 +62,7 @@ struct kernel_listing {
     // What was notified in the current window. Past a bound it is no longer kept, and nothing of the dump is believed.
     std::set<fdb_key> changed = {};
     std::set<uint32_t> changed_links = {};
+    std::set<uint32_t> changed_vnis = {}; // of devices
     std::set<uint32_t> gone_next_hops = {};
     bool unbounded = false;
 };
@@ -88,6 +89,7 @@ bool listing_may_repeat(const kernel_listing &listing);
 void listing_note_changed(kernel_listing &listing, const fdb_key &key);
 void listing_note_gone(kernel_listing &listing, const fdb_record &record, uint32_t bridge);
 void listing_note_link(kernel_listing &listing, uint32_t ifindex);
+void listing_note_vlan_vnis(kernel_listing &listing, uint32_t ifindex);
 // A device has gone or is no longer a port of `bridge`, so that a dump among its entries goes on among another one's.
 void listing_note_port_left(kernel_listing &listing, uint32_t bridge);
 // The kernel deletes the entries that deliver to a next hop before it reports that the next hop has gone, and reports
@@ -97,6 +99,7 @@ void listing_note_next_hop_gone(kernel_listing &listing, uint32_t id);
 // Whether what the current dump says of an entry is the latest that is known.
 bool listing_believes(const kernel_listing &listing, const fdb_record &record);
 bool listing_believes_link(const kernel_listing &listing, uint32_t ifindex);
+bool listing_believes_vlan_vnis(const kernel_listing &listing, uint32_t ifindex);
 
 // The dump told an entry that is believed.
 void listing_note_told(kernel_listing &listing, const fdb_record &record);

@@ -42,6 +42,11 @@ struct known_link {
     uint32_t seen; // sequence number of the latest dump when this link was last reported
 };
 
+struct known_vnis {
+    vni_by_vlan vnis;
+    uint32_t seen; // sequence number of the latest dump when the map was last reported
+};
+
 struct counters {
     std::atomic<bool> clean = false;
     std::atomic<uint64_t> generation = 0;
@@ -87,6 +92,8 @@ private:
     void take_change(const kernel_message &message);
     void take_link_change(const link_record &record);
     void take_link_gone(uint32_t ifindex);
+    void take_vlan_vnis(uint32_t ifindex, const vni_by_vlan &vnis);
+    void drop_unlisted_vlan_vnis();
     void take_fdb_change(const fdb_record &record);
     void take_fdb_gone(const fdb_record &record);
     void take_next_hop_gone(const kernel_message &message);
@@ -139,8 +146,9 @@ private:
     std::vector<std::byte> buffer_;
     kernel_message message_;
     std::unordered_map<uint32_t, known_link> links_;
-    std::unordered_set<uint32_t> next_hops_; // ids with which entries were reported
-    std::map<fdb_key, fdb_record> early_;    // entries that the kernel reported before their devices
+    std::unordered_map<uint32_t, known_vnis> vnis_; // of devices that have a map
+    std::unordered_set<uint32_t> next_hops_;        // ids with which entries were reported
+    std::map<fdb_key, fdb_record> early_;           // entries that the kernel reported before their devices
     kernel_listing listing_;
     uint32_t sequence_ = 0;  // of the last dump
     bool hurried_ = false;   // list_again was called since the last generation began
@@ -357,6 +365,10 @@ void kernel_plane::take_change(const kernel_message &message)
     case kernel_message_kind::fdb_changed: take_fdb_change(message.fdb); break;
     case kernel_message_kind::fdb_gone: take_fdb_gone(message.fdb); break;
     case kernel_message_kind::next_hop_gone: take_next_hop_gone(message); break;
+    case kernel_message_kind::vlan_vnis:
+        listing_note_vlan_vnis(listing_, message.link.ifindex);
+        take_vlan_vnis(message.link.ifindex, message.vnis);
+        break;
     case kernel_message_kind::malformed:
         ++counters_.refused;
         note_loss(1);
@@ -385,9 +397,40 @@ void kernel_plane::take_link_change(const link_record &record)
     }
 }
 
+// The kernel reports a port's whole state for each change of it, and most have no map.
+void kernel_plane::take_vlan_vnis(uint32_t ifindex, const vni_by_vlan &vnis)
+{
+    const auto known = vnis_.find(ifindex);
+    const bool is_known = known != vnis_.end() ? known->second.vnis == vnis : vnis.empty();
+    if (!vnis.empty()) {
+        vnis_[ifindex] = {vnis, sequence_};
+    } else if (known != vnis_.end()) {
+        vnis_.erase(known);
+    }
+    if (!is_known) {
+        ++counters_.events;
+        sink_->vlan_vnis_changed(ifindex, vnis);
+    }
+}
+
+// What a dump that counts has not reported has no map any more.
+void kernel_plane::drop_unlisted_vlan_vnis()
+{
+    std::vector<uint32_t> gone;
+    for (const auto &[ifindex, known] : vnis_) {
+        if (known.seen != sequence_) {
+            gone.push_back(ifindex);
+        }
+    }
+    for (const uint32_t ifindex : gone) {
+        take_vlan_vnis(ifindex, {});
+    }
+}
+
 void kernel_plane::take_link_gone(uint32_t ifindex)
 {
     ++counters_.events;
+    take_vlan_vnis(ifindex, {});
     const auto known = links_.extract(ifindex);
     listing_note_link(listing_, ifindex);
     forget_early(ifindex);
@@ -709,6 +752,11 @@ bool kernel_plane::take_listed(const kernel_message &message)
             take_early(message.link.ifindex);
         }
         return true;
+    case kernel_message_kind::vlan_vnis:
+        if (listing_believes_vlan_vnis(listing_, message.link.ifindex)) {
+            take_vlan_vnis(message.link.ifindex, message.vnis);
+        }
+        return true;
     case kernel_message_kind::fdb_changed:
         if (is_told(message.fdb) && listing_believes(listing_, message.fdb)) {
             ++counters_.events;
@@ -728,8 +776,11 @@ void kernel_plane::end_dump(int error)
     const kernel_dump current = listing_.current;
     listing_.disturbed |= !read_waiting_notifications(notifications_per_part);
     // What has gone since it was planned cannot be dumped, and has nothing to be told.
-    const bool has_gone = current.scope != kernel_scope::links && !links_.contains(current.ifindex);
-    listing_.disturbed |= error != 0;
+    const bool is_of_all = current.scope == kernel_scope::links || current.scope == kernel_scope::vlan_vnis;
+    const bool has_gone = !is_of_all && !links_.contains(current.ifindex);
+    // A kernel without VLANs on its bridges may refuse to dump them, and there is no map then.
+    const bool lacks_vlans = current.scope == kernel_scope::vlan_vnis && error == EOPNOTSUPP;
+    listing_.disturbed |= error != 0 && !lacks_vlans;
     const bool counts = has_gone || listing_close_window(listing_);
     ++(counts ? counters_.dumps_clean : counters_.dumps_unclean);
     if (!counts && !needs_generation_ && listing_may_repeat(listing_) && request_dump()) {
@@ -738,6 +789,8 @@ void kernel_plane::end_dump(int error)
     listing_.clean &= counts;
     if (current.scope == kernel_scope::links) {
         plan_dumps(counts);
+    } else if (current.scope == kernel_scope::vlan_vnis && counts) {
+        drop_unlisted_vlan_vnis();
     }
     next_dump();
 }
@@ -747,6 +800,7 @@ void kernel_plane::plan_dumps(bool links_count)
     if (links_count) {
         std::erase_if(links_, [this](const auto &link) { return link.second.seen != sequence_; });
     }
+    listing_.waiting.push_back({kernel_scope::vlan_vnis});
     for (const auto &[ifindex, link] : links_) {
         const auto master = links_.find(link.record.master);
         const bool is_port = master != links_.end() && master->second.record.kind == link_kind::bridge;

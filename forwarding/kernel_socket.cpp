@@ -163,6 +163,12 @@ size_t kernel_put_dump(std::span<std::byte> buffer, uint32_t sequence, kernel_sc
         mnl_attr_put_u32(head, IFLA_EXT_MASK, skip_statistics);
         return head->nlmsg_len;
     }
+    if (scope == kernel_scope::vlan_vnis) {
+        nlmsghdr *const head = put_header(buffer, RTM_GETLINK, NLM_F_DUMP, sequence);
+        put_extra_header<ifinfomsg>(head).ifi_family = AF_BRIDGE;
+        mnl_attr_put_u32(head, IFLA_EXT_MASK, RTEXT_FILTER_BRVLAN_COMPRESSED);
+        return head->nlmsg_len;
+    }
     nlmsghdr *const head = put_header(buffer, RTM_GETNEIGH, NLM_F_DUMP, sequence);
     put_extra_header<ndmsg>(head).ndm_family = AF_BRIDGE;
     mnl_attr_put_u32(head, scope == kernel_scope::bridge ? NDA_MASTER : NDA_IFINDEX, ifindex);

@@ -73,8 +73,9 @@ inline constexpr size_t kernel_request_size = 64;
 
 enum class kernel_scope : uint8_t {
     links,
-    bridge, // its entries, and the own ones of the devices among its ports
-    device, // its own entries, and those that its bridge holds on it
+    vlan_vnis, // of all bridge ports
+    bridge,    // its entries, and the own ones of the devices among its ports
+    device,    // its own entries, and those that its bridge holds on it
 };
 
 size_t kernel_put_dump(std::span<std::byte> buffer, uint32_t sequence, kernel_scope scope, uint32_t ifindex);

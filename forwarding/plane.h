@@ -26,6 +26,7 @@
 #include <array>
 #include <compare>
 #include <cstdint>
+#include <map>
 #include <span>
 #include <string>
 #include <string_view>
@@ -58,6 +59,9 @@ struct link_record {
 
     bool operator==(const link_record &) const = default;
 };
+
+// What a port of a VLAN-aware bridge sends the frames of a VLAN with, by VLAN id: for a VXLAN device of many VNIs.
+using vni_by_vlan = std::map<uint16_t, uint32_t>;
 
 // Bits of fdb_record::state.
 inline constexpr uint8_t fdb_permanent = 0x01;
@@ -143,6 +147,9 @@ public:
     virtual void link_changed(const link_record &record) = 0;
     // Also when the link was not known. Its entries are gone with it, told or not.
     virtual void link_gone(uint32_t ifindex) = 0;
+
+    // The whole map of a device, empty when it has none any more. May come before the device.
+    virtual void vlan_vnis_changed(uint32_t /*ifindex*/, const vni_by_vlan & /*vnis*/) {}
 
     // New, changed, moved to another port, or told again.
     virtual void fdb_changed(const fdb_record &record) = 0;

@@ -404,10 +404,9 @@ void table_copy::update(uint32_t entry, const fdb_record &record)
     copy_entry &known = entries[entry];
     if (equal_but_age(known.record, record)) {
         ++unchanged;
-        if (record.updated_ms != 0 && record.updated_ms != known.record.updated_ms) {
-            known.record.updated_ms = record.updated_ms;
-            listener_.entry_aged(entry);
-        }
+        const bool has_aged = record.updated_ms != 0 && record.updated_ms != known.record.updated_ms;
+        known.record.updated_ms = has_aged ? record.updated_ms : known.record.updated_ms;
+        listener_.entry_confirmed(entry, has_aged);
         return;
     }
     known.record = record;

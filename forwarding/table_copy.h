@@ -124,8 +124,8 @@ public:
     virtual void entry_touched(uint32_t entry) = 0;
     // Seen differently, maybe, because another entry was touched.
     virtual void entry_affected(uint32_t entry) = 0;
-    // Only the time when it was last seen has changed.
-    virtual void entry_aged(uint32_t /*entry*/) {}
+    // Reported as it was known. `has_aged`: but for the time when it was last seen.
+    virtual void entry_confirmed(uint32_t /*entry*/, bool /*has_aged*/) {}
     // A clean generation did not report it. The listener decides whether it has gone.
     virtual void entry_untold(uint32_t /*entry*/) {}
     // A listing reported it, and the copy did not hold it so.

@@ -3,6 +3,7 @@
 #include <bit>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <linux/if_bridge.h>
 #include <linux/if_link.h>
 #include <linux/neighbour.h>
 #include <linux/nexthop.h>
@@ -243,7 +244,7 @@ TEST(KernelDecode, OtherMessages)
         {message(NLMSG_NOOP, {}), kernel_message_kind::unrelated, 0},
         {message(RTM_GETNEIGH, bytes(12)), kernel_message_kind::unrelated, 0},
         {message(RTM_NEWNEIGH, bytes_of(ndmsg{AF_INET, 0, 0, 5, 0, 0, 0})), kernel_message_kind::unrelated, 0},
-        {message(RTM_DELLINK, bytes_of(ifinfomsg{AF_BRIDGE, 0, 1, 4, 0, 0})), kernel_message_kind::unrelated, 0},
+        {message(RTM_DELLINK, bytes_of(ifinfomsg{AF_BRIDGE, 0, 1, 4, 0, 0})), kernel_message_kind::vlan_vnis, 0},
         {link(attribute(IFLA_WIRELESS, bytes(8))), kernel_message_kind::unrelated, 0},
     };
     for (const auto &each : cases) {
@@ -251,6 +252,35 @@ TEST(KernelDecode, OtherMessages)
         const kernel_message got = decode(each.datagram);
         EXPECT_EQ(got.kind, each.kind);
         EXPECT_EQ(got.error, each.error);
+    }
+}
+
+TEST(KernelDecode, MapsFromVlansToVnis)
+{
+    const auto row = [](uint32_t vni, uint16_t vlan, uint16_t flags) {
+        return attribute(IFLA_BRIDGE_VLAN_TUNNEL_INFO, attribute(IFLA_BRIDGE_VLAN_TUNNEL_ID, bytes_of(vni))
+                                                           + attribute(IFLA_BRIDGE_VLAN_TUNNEL_VID, bytes_of(vlan))
+                                                           + attribute(IFLA_BRIDGE_VLAN_TUNNEL_FLAGS, bytes_of(flags)));
+    };
+    const bytes port = bytes_of(ifinfomsg{AF_BRIDGE, 0, 1, 4, IFF_UP, 0});
+    const bytes begin = row(200, 20, BRIDGE_VLAN_INFO_RANGE_BEGIN);
+    const struct {
+        bytes rows;
+        kernel_message_kind kind;
+        vni_by_vlan vnis;
+    } cases[] = {
+        {{}, kernel_message_kind::vlan_vnis, {}},
+        {row(100, 10, 0) + begin + row(202, 22, BRIDGE_VLAN_INFO_RANGE_END),
+         kernel_message_kind::vlan_vnis,
+         {{10, 100}, {20, 200}, {21, 201}, {22, 202}}},
+        {row(100, 4096, 0), kernel_message_kind::malformed, {}},
+        {begin + row(199, 19, BRIDGE_VLAN_INFO_RANGE_END), kernel_message_kind::malformed, {}},
+    };
+    for (const auto &each : cases) {
+        const kernel_message got = decode(message(RTM_NEWLINK, port + attribute(IFLA_AF_SPEC, each.rows)));
+        EXPECT_EQ(got.kind, each.kind);
+        EXPECT_EQ(got.link.ifindex, 4U);
+        EXPECT_TRUE(got.kind != kernel_message_kind::vlan_vnis || got.vnis == each.vnis);
     }
 }
 
@@ -313,7 +343,8 @@ TEST(KernelDecode, CapturedMessagesInOneDatagram)
     EXPECT_EQ(got[0].fdb, learned);
     EXPECT_EQ(got[1].kind, kernel_message_kind::fdb_gone);
     EXPECT_EQ(got[1].fdb, sticky);
-    EXPECT_EQ(got[2].kind, kernel_message_kind::unrelated);
+    EXPECT_EQ(got[2].kind, kernel_message_kind::vlan_vnis);
+    EXPECT_EQ(got[2].vnis, vni_by_vlan{});
     EXPECT_EQ(got[3].kind, kernel_message_kind::unrelated);
     EXPECT_EQ(got[4].kind, kernel_message_kind::malformed);
 }
