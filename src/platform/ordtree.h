@@ -127,8 +127,8 @@ L2FIB_EXPORT L2FIB_OPTIONAL void ordtree_expect(const ordtree_t *tree, const ord
 
 /*
  * Makes the tree count its changes in `*changes`: from now on each successful insertion or deletion, and the tree's
- * end, adds one, no matter who calls. The cell belongs to the caller and outlives the tree; several trees under one lock may
- * share it. A tree that does not run is left alone. A platform may lack this operation.
+ * end, adds one, no matter who calls. The cell belongs to the caller and outlives the tree. Several trees under one
+ * lock may share it. A tree that does not run is left alone. A platform may lack this operation.
  */
 L2FIB_EXPORT L2FIB_OPTIONAL void ordtree_watch(ordtree_t *tree, uint64_t *changes);
 
