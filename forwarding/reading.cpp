@@ -55,9 +55,9 @@ bool find_place(const object_views &objects, const place &from, place &found)
 
 bool next_place(const object_views &objects, place &at)
 {
-    return at.second != EDM_XCID_DUMMY  ? find_place(objects, {at.first, at.second + 1}, at)
-           : at.first != UINT16_MAX ? find_place(objects, {static_cast<uint16_t>(at.first + 1), 0}, at)
-                                    : false;
+    return at.second != EDM_XCID_DUMMY ? find_place(objects, {at.first, at.second + 1}, at)
+           : at.first != UINT16_MAX    ? find_place(objects, {static_cast<uint16_t>(at.first + 1), 0}, at)
+                                       : false;
 }
 
 bool is_wanted(const row_filter &filter, const place &at)
@@ -191,7 +191,8 @@ std::vector<fdb_answer> ask_in_batches(feeder &feed, std::span<const fdb_key> ke
     return answers;
 }
 
-// Asks a plane that ages silently about the rows that age. A row that it does not hold any more goes.
+// Asks a plane that ages silently about the rows that age. Drops a row that it does not hold any more. Flood lists,
+// under the zero address, do not age and are in no bridge.
 void refresh_rows(feeder &feed, row_page &page)
 {
     std::vector<fdb_key> keys;
@@ -199,7 +200,7 @@ void refresh_rows(feeder &feed, row_page &page)
     for (size_t at = 0; at < page.rows.size(); ++at) {
         const mac_row &row = page.rows[at];
         const domain_view *domain = page.objects->find_domain(row.bridge_id);
-        if ((row.flags & ageless) == 0 && domain != nullptr) {
+        if ((row.flags & ageless) == 0 && row.mac != mac_address{} && domain != nullptr) {
             keys.push_back({domain->bridge_ifindex, false, domain->vlan, 0, row.mac, {}});
             asked.push_back(at);
         }
@@ -313,9 +314,8 @@ bool read_flood_lists(feeder &feed, uint16_t bridge_id, row_page &page)
 {
     const table_hold hold;
     for (const port_view &port : page.objects->ports) {
-        const l2fm_edm_bp_t *bp = bridge_id == 0 || port.bridge_id == bridge_id
-                                      ? l2fm_edm_table_bp_get_by_xcid(port.xcid)
-                                      : nullptr;
+        const l2fm_edm_bp_t *bp =
+            bridge_id == 0 || port.bridge_id == bridge_id ? l2fm_edm_table_bp_get_by_xcid(port.xcid) : nullptr;
         const mac_address zero = {};
         const l2fm_edm_mac_t *entry = bp != nullptr ? l2fm_edm_table_bp_mac_get(&bp->mac_tree, zero.data()) : nullptr;
         if (entry != nullptr) {
