@@ -6,9 +6,9 @@
 //        +----------------------+  +-----> views for other threads
 //
 // Changes. An entry that changes enters a queue once, however often it changes, and is settled with all others a moment
-// later: fed, or withdrawn from the cache. The feed has no removal, so an entry that has gone is looked up and destroyed
-// under the table lock. Ports and bridge domains go by notification, which travels through the cache thread's queue.
-// Until it has arrived nothing is fed and no resync is served, so that it cannot destroy what was fed after it.
+// later: fed, or withdrawn from the cache. The feed has no removal, so an entry that has gone is looked up and
+// destroyed under the table lock. Ports and bridge domains go by notification, which travels through the cache thread's
+// queue. Until it has arrived nothing is fed and no resync is served, so that it cannot destroy what was fed after it.
 //
 // Resyncs cost what changed. The plane delivers its pending changes, the queue is settled, and the cache is in step. A
 // scope is marked, fed again and swept only when the number of entries in the cache says that it is not.
@@ -231,6 +231,7 @@ private:
     void withdraw(uint32_t at);
     uint32_t sharing_entry(uint32_t at) const;
     void use_vtep(uint32_t at, const l2fib_mac_edm_entry_t &descriptor);
+    void show_own_vni(const row_place &row, const std::optional<own_vni> &vnis);
     void leave_vtep(copy_entry &entry);
     void leave_vtep_of(const copy_entry &entry, bool keeps_row);
     static void destroy_vtep(const vtep_use &use);
@@ -242,6 +243,7 @@ private:
     void lose_evicted(const newest_entry &victim);
     void lose(uint32_t at, uint16_t bridge_id, uint32_t xcid, uint64_t losses::*why);
     void note_present(copy_entry &entry);
+    void feed_rest_of_flood_list(const copy_entry &entry);
     void refill();
     void collect_unfed();
 

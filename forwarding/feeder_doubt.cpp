@@ -158,11 +158,11 @@ void feeder::resolve_doubts()
     }
     const bool has_learned = left != 0 || doubtful_.size() < keys.size();
     uint32_t timer = 0;
-    doubt_expected_ = !doubtful_.empty()
-                      && (has_learned ? host::event_post(evm_, call<&feeder::resolve_doubts>, nullptr, this)
-                                      : host::event_timer_attach(evm_, ask_again_ns, 0, call<&feeder::resolve_doubts>,
-                                                                 this, &timer))
-                             == 0;
+    doubt_expected_ =
+        !doubtful_.empty()
+        && (has_learned ? host::event_post(evm_, call<&feeder::resolve_doubts>, nullptr, this)
+                        : host::event_timer_attach(evm_, ask_again_ns, 0, call<&feeder::resolve_doubts>, this, &timer))
+               == 0;
     if (doubtful_.empty()) {
         end_proof();
     } else if (!has_learned && !is_proving_) {
@@ -243,9 +243,9 @@ void feeder::end_proof()
     }
     proven_time_ = std::time(nullptr);
     if (was_clean_ && (stale_in_proof_ != 0 || missing_in_proof_ != 0)) {
-        report(severity::warning, "a full dump has found what no change had reported: "
-                                      + plural(stale_in_proof_, "stale entr") + ", "
-                                      + plural(missing_in_proof_, "missing entr") + "; mended");
+        report(severity::warning,
+               "a full dump has found what no change had reported: " + plural(stale_in_proof_, "stale entr") + ", "
+                   + plural(missing_in_proof_, "missing entr") + "; mended");
     }
     if (plane_.health().clean) {
         is_unproven_ = false;

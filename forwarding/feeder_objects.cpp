@@ -212,8 +212,8 @@ void feeder::view_domain(uint32_t at, const std::string &name)
         note("bridge " + bridge->record.name + " is shown as " + name);
     }
     const std::lock_guard hold(views_mutex_);
-    domain_views_[domain.bridge_id] = {domain.bridge_id, name,        bridge->record.name,
-                                       domain.bridge,    domain.vlan, bridge->record.vlan_aware,
+    domain_views_[domain.bridge_id] = {domain.bridge_id,        name,        bridge->record.name,
+                                       domain.bridge,           domain.vlan, bridge->record.vlan_aware,
                                        bridge->record.ageing_ms};
     shared_views_.reset();
 }
@@ -437,8 +437,8 @@ void feeder::add_losses(health_view &view) const
         }
         const domain_view *domain = names->find_domain(place.first);
         const port_view *port = names->find_port(place.first, place.second);
-        view.limited.push_back({domain != nullptr ? domain->name : "", port != nullptr ? port->name : "", lost.evicted,
-                                lost.refused});
+        view.limited.push_back(
+            {domain != nullptr ? domain->name : "", port != nullptr ? port->name : "", lost.evicted, lost.refused});
     }
 }
 

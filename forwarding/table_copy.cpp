@@ -26,9 +26,14 @@ uint32_t fold(uint64_t hash)
     return static_cast<uint32_t>(hash ^ (hash >> 32));
 }
 
-uint32_t hash_of(uint32_t ifindex, const mac_address &mac)
+uint32_t hash_of(uint32_t ifindex, uint32_t vni, const mac_address &mac)
 {
-    return fold(mix(mix(0, number_of(mac)), ifindex));
+    return fold(mix(mix(0, number_of(mac)), ifindex | (uint64_t{vni} << 32)));
+}
+
+uint32_t group_vni(const port_key &on, const mac_address &mac)
+{
+    return mac == zero_mac ? on.vni : 0;
 }
 
 uint32_t hash_of(const fdb_key &key)
@@ -112,10 +117,11 @@ uint32_t table_copy::find_domain(uint32_t bridge, uint16_t vlan) const
     return found != domains_by_key_.end() ? found->second : no_slot;
 }
 
-uint32_t table_copy::find_group(uint32_t ifindex, const mac_address &mac) const
+uint32_t table_copy::find_group(const port_key &on, const mac_address &mac) const
 {
-    return groups_by_key_.find(hash_of(ifindex, mac), [&](uint32_t group) {
-        return groups[group].ifindex == ifindex && groups[group].mac == mac;
+    const uint32_t vni = group_vni(on, mac);
+    return groups_by_key_.find(hash_of(on.ifindex, vni, mac), [&](uint32_t group) {
+        return groups[group].ifindex == on.ifindex && groups[group].vni == vni && groups[group].mac == mac;
     });
 }
 
@@ -471,13 +477,15 @@ void table_copy::unlink_from_port(uint32_t entry)
 void table_copy::join_group(uint32_t entry)
 {
     copy_entry &joining = entries[entry];
-    const uint32_t found = find_group(joining.record.ifindex, joining.record.mac);
+    const port_key &on = ports[joining.port].key;
+    const uint32_t found = find_group(on, joining.record.mac);
     const uint32_t group = found != no_slot ? found : groups.take();
     copy_group &to = groups[group];
     if (found == no_slot) {
-        to.ifindex = joining.record.ifindex;
+        to.ifindex = on.ifindex;
+        to.vni = group_vni(on, joining.record.mac);
         to.mac = joining.record.mac;
-        groups_by_key_.insert(hash_of(to.ifindex, to.mac), group);
+        groups_by_key_.insert(hash_of(to.ifindex, to.vni, to.mac), group);
     }
     const bool in_front = joining.record.self;
     joining.group = group;
@@ -499,7 +507,7 @@ void table_copy::leave_group(uint32_t entry)
     (leaving.group_next != no_slot ? entries[leaving.group_next].group_prev : from.last) = leaving.group_prev;
     from.of_bridge -= leaving.record.self ? 0 : 1;
     if (from.first == no_slot) {
-        groups_by_key_.erase(hash_of(from.ifindex, from.mac), leaving.group);
+        groups_by_key_.erase(hash_of(from.ifindex, from.vni, from.mac), leaving.group);
         groups.give_back(leaving.group);
     }
     leaving.group = leaving.group_next = leaving.group_prev = no_slot;

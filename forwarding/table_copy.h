@@ -47,8 +47,8 @@ struct copy_entry {
     bool contested = false; // it came and went within a moment: the reports may be in the wrong order
     bool touched_alive = false;
     bool surely_gone = false; // the plane has said so
-    bool doubtful = false; // waits in the queue of questions to the plane
-    bool missing = false;  // the cache should hold it and does not
+    bool doubtful = false;    // waits in the queue of questions to the plane
+    bool missing = false;     // the cache should hold it and does not
     bool fed_tunnel = false;  // the two below count
     bool fed_own_vni = false; // it sends with another VNI than its port, or is kept by source VNI
     uint8_t standing = 0;
@@ -103,9 +103,12 @@ struct copy_link {
     std::vector<uint32_t> members; // interface indexes of the links whose master it is
 };
 
-// The entries for one address on one VXLAN device.
+// The entries for one address on one VXLAN device. A device with many VNIs has a flood list for each of them, on a port
+// of its own: `vni` keeps them apart. Other entries of such a device form one group for all VNIs, since the bridge's
+// entry does not say which VNI it belongs to.
 struct copy_group {
     uint32_t ifindex = 0;
+    uint32_t vni = 0; // of a flood list, its port's; otherwise 0
     mac_address mac = {};
     uint32_t first = no_slot; // the device's own before the bridge's
     uint32_t last = no_slot;
@@ -161,7 +164,8 @@ public:
     uint32_t find(const fdb_key &key) const;
     const copy_link *find_link(uint32_t ifindex) const;
     uint32_t find_domain(uint32_t bridge, uint16_t vlan) const;
-    uint32_t find_group(uint32_t ifindex, const mac_address &mac) const;
+    // The group of an address on a port.
+    uint32_t find_group(const port_key &on, const mac_address &mac) const;
 
     // As fdb_gone, for an entry that is alive, whatever its port.
     void remove(uint32_t entry);
