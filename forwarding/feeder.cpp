@@ -29,13 +29,6 @@ static_assert(slice_size % query_batch == 0);
 // Two processors report two changes of one entry at most so far apart in the wrong order.
 constexpr uint32_t contest_time_ms = 50;
 
-uint32_t coarse_ms()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return static_cast<uint32_t>(now.tv_sec * 1000 + now.tv_nsec / 1'000'000);
-}
-
 // ---- The cache, under the table lock ----
 
 l2fm_edm_bp_t *cached_port(uint32_t bridge_id, uint32_t xcid)
@@ -165,6 +158,13 @@ void feeder::removal_arrived()
 }
 
 // ---- The queue of changes ----
+
+uint32_t feeder::coarse_ms()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<uint32_t>(now.tv_sec * 1000 + now.tv_nsec / 1'000'000);
+}
 
 void feeder::entry_touched(uint32_t at)
 {

@@ -60,13 +60,6 @@ uint64_t domain_key(uint32_t bridge, uint16_t vlan)
     return (uint64_t{bridge} << 16) | vlan;
 }
 
-bool equal_but_age(const fdb_record &left, const fdb_record &right)
-{
-    fdb_record aged = left;
-    aged.updated_ms = right.updated_ms;
-    return aged == right;
-}
-
 bool same_shape(const link_record &left, const link_record &right)
 {
     return left.kind == right.kind && left.master == right.master && left.vni == right.vni
@@ -93,6 +86,13 @@ void drop(std::vector<uint32_t> &from, uint32_t value)
 }
 
 } // namespace
+
+bool equal_but_age(const fdb_record &left, const fdb_record &right)
+{
+    fdb_record aged = left;
+    aged.updated_ms = right.updated_ms;
+    return aged == right;
+}
 
 table_copy::table_copy(copy_listener &listener)
     : listener_(listener)

@@ -146,6 +146,9 @@ public:
     virtual void generation_ended(bool clean) = 0;
 };
 
+// Whether records differ at most in the time when the entry was last seen.
+bool equal_but_age(const fdb_record &left, const fdb_record &right);
+
 class table_copy : public sink {
 public:
     explicit table_copy(copy_listener &listener);
@@ -159,6 +162,9 @@ public:
     void changes_lost(uint64_t count) override { listener_.changes_lost(count); }
     void generation_begun() override;
     void generation_complete(bool clean) override;
+
+    // The generation that runs or ended last.
+    uint32_t generation() const { return static_cast<uint32_t>(generation_); }
 
     // The slot of an entry, gone ones included.
     uint32_t find(const fdb_key &key) const;

@@ -317,7 +317,12 @@ struct scripted : plane {
         list(true);
         return true;
     }
-    void drain() override {}
+    void drain() override
+    {
+        if (before_drain) {
+            before_drain();
+        }
+    }
     void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) override
     {
         for (size_t at = 0; at < keys.size(); ++at) {
@@ -326,9 +331,13 @@ struct scripted : plane {
             if (found != holds.end()) {
                 answers[at].record = found->second;
             }
-            answers[at].presence = mute ? fdb_presence::cannot_tell : answers[at].presence;
+            const bool is_mute = mute || (mute_keys != 0 && mute_keys-- != 0);
+            answers[at].presence = is_mute ? fdb_presence::cannot_tell : answers[at].presence;
         }
         asked += keys.size();
+        if (const auto meanwhile = std::exchange(after_query, nullptr)) {
+            meanwhile();
+        }
     }
     plane_health health() const override { return {.clean = clean, .generation = 1}; }
     bool ages_silently() const override { return silent; }
@@ -348,7 +357,7 @@ struct scripted : plane {
         for (const auto &[key, record] : holds) {
             to->fdb_listed(record);
         }
-        clean = is_clean;
+        clean = clean || is_clean; // a proof that ends unclean says nothing
         to->generation_complete(is_clean);
     }
     void set(const link_record &record)
@@ -375,6 +384,8 @@ struct scripted : plane {
     std::map<fdb_key, fdb_record> holds;
     sink *to = nullptr;
     bool mute = false;
+    size_t mute_keys = 0; // answers that it cannot tell next
+    std::function<void()> before_drain, after_query; // the latter is called once
     bool silent = false;
     std::atomic<bool> clean{false};
     std::atomic<size_t> asked{0};
@@ -880,6 +891,60 @@ TEST_F(fed_module, WhatNoChangeReportedIsFoundByQuestions)
     expect_equal();
 }
 
+// Other threads ask the plane. What changes until the cache thread takes the answer is newer than the answer.
+TEST_F(fed_module, AnAnswerDoesNotUndoALaterChange)
+{
+    struct late_case {
+        const char *name;
+        std::optional<uint32_t> port_before, port_after;
+    };
+    constexpr late_case cases[] = {
+        {"gone", p0, std::nullopt},
+        {"moved", p0, p1},
+        {"new", std::nullopt, p0},
+    };
+    const auto by_age = [] { return std::optional(read_ordered(row_order::last_seen, {}, 10)); };
+    for (const bool is_sorted : {false, true}) {
+        restart(2'000'000, true);
+        for (const late_case &each : cases) {
+            SCOPED_TRACE(each.name);
+            const auto put = [&](std::optional<uint32_t> port) {
+                fdb_record record = with(on_bridge(br0, port.value_or(p0), mac(1)), 0, 0, 1000);
+                on_cache([&] { port ? it->set(record) : it->drop(record); });
+                resync();
+            };
+            put(each.port_before);
+            it->after_query = [&] { put(each.port_after); };
+            is_sorted ? static_cast<void>(by_age()) : static_cast<void>(find_rows(mac(1), 0));
+            it->after_query = nullptr;
+            resync();
+            expect_equal();
+            EXPECT_EQ(completeness_watch().worst(), completeness::whole);
+        }
+    }
+}
+
+// No mark stays without a dump that will take it away.
+TEST_F(fed_module, DegradedAnswersEnd)
+{
+    restart(2'000'000, true);
+    const fdb_destination by_next_hop{destination_kind::next_hop, {}, 7};
+    on_cache([&] {
+        it->set(of_device(vx0, mac(1), by_next_hop));
+        it->set(of_device(vx0, mac(2), by_next_hop));
+        it->list(false);
+    });
+    EXPECT_EQ(completeness_watch().worst(), completeness::whole);
+    on_cache([&] {
+        it->mute_keys = 1; // the question fails once, and is answered at once
+        it->to->next_hop_gone(7);
+    });
+    for (int turn = 0; turn < 4; ++turn) {
+        on_cache([] {});
+    }
+    EXPECT_TRUE(completeness_watch().worst() == completeness::whole || it->relisted == 1);
+}
+
 TEST_F(fed_module, ASampleFindsWhatNoChangeReported)
 {
     restart(2'000'000, true);
@@ -889,6 +954,12 @@ TEST_F(fed_module, ASampleFindsWhatNoChangeReported)
         }
     });
     resync();
+    // An address that moves all the time is known elsewhere whenever the plane is asked.
+    on_cache([&] {
+        it->before_drain = [this, turn = 0]() mutable { it->set(on_bridge(br0, ++turn % 2 != 0 ? p1 : p0, mac(60))); };
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500)); // two samples or three
+    on_cache([&] { it->before_drain = nullptr; });
     EXPECT_EQ(completeness_watch().worst(), completeness::whole);
     const completeness_watch since;
     on_cache([&] { it->drop(on_bridge(br0, p0, mac(50)), false); });
