@@ -60,6 +60,16 @@ uint64_t domain_key(uint32_t bridge, uint16_t vlan)
     return (uint64_t{bridge} << 16) | vlan;
 }
 
+// Whether records differ at most in what a plane changes without a report: when the entry was last seen, and whether
+// that was long ago.
+bool equal_but_sight(const fdb_record &left, const fdb_record &right)
+{
+    constexpr unsigned by_sight = fdb_reachable | fdb_stale;
+    fdb_record seen = left;
+    seen.state = static_cast<uint8_t>((left.state & ~by_sight) | (right.state & by_sight));
+    return equal_but_age(seen, right);
+}
+
 bool same_shape(const link_record &left, const link_record &right)
 {
     return left.kind == right.kind && left.master == right.master && left.vni == right.vni
@@ -355,7 +365,7 @@ void table_copy::fdb_changed(const fdb_record &record)
 void table_copy::fdb_listed(const fdb_record &record)
 {
     const uint32_t known = find(key_of(record));
-    const bool differs = known == no_slot || !entries[known].alive || !equal_but_age(entries[known].record, record);
+    const bool differs = known == no_slot || !entries[known].alive || !equal_but_sight(entries[known].record, record);
     const uint32_t entry = file(record);
     if (differs) {
         entries[entry].listed_only = true;
