@@ -55,11 +55,23 @@ api_error no_port(const std::string &xcid)
     return not_found("port \"" + xcid + "\": there is no such bridge port");
 }
 
+// What a request names, copied from all views of one kind; null: there is none such.
+template <auto Views, auto Member, typename Value>
+auto find_view(const Value &value)
+{
+    const auto objects = forwarding::objects();
+    using view = std::remove_cvref_t<decltype(((*objects).*Views).front())>;
+    if (objects == nullptr) {
+        return std::optional<view>();
+    }
+    const auto found = std::ranges::find((*objects).*Views, value, Member);
+    return found != ((*objects).*Views).end() ? std::optional(*found) : std::nullopt;
+}
+
 forwarding::domain_view domain_of(const std::string &name)
 {
-    const auto domains = forwarding::domains();
-    const auto found = std::ranges::find(domains, name, &forwarding::domain_view::name);
-    if (found == domains.end()) {
+    const auto found = find_view<&forwarding::object_views::domains, &forwarding::domain_view::name>(name);
+    if (!found) {
         throw no_domain(name);
     }
     return *found;
@@ -71,9 +83,8 @@ forwarding::port_view port_of(const std::string &xcid)
     if (!number) {
         throw unexpected("port", xcid, "an xcid, a number from 0 to 4294967295");
     }
-    const auto ports = forwarding::ports();
-    const auto found = std::ranges::find(ports, *number, &forwarding::port_view::xcid);
-    if (found == ports.end()) {
+    const auto found = find_view<&forwarding::object_views::ports, &forwarding::port_view::xcid>(*number);
+    if (!found) {
         throw no_port(xcid);
     }
     return *found;
@@ -164,8 +175,8 @@ answer list_entries(const call &asked, forwarding::row_filter filter, void (*res
     if (!start) {
         resync(asked);
     }
-    return stream("mac-entry",
-                  mac ? make_address_source(*mac, filter, start) : make_table_source(filter, start), limit);
+    return stream("mac-entry", mac ? make_address_source(*mac, filter, start) : make_table_source(filter, start),
+                  limit);
 }
 
 answer list_table(const call &asked)
@@ -364,8 +375,8 @@ resync_request read_input(std::string_view body)
     }
     const auto members = input.empty() ? nlohmann::json::object() : input.value("l2fib-mac:input", nlohmann::json());
     const auto member = [&](const char *name) { return members.value(name, nlohmann::json()); };
-    const size_t known = !members.is_object() ? 0
-                                              : members.count("domain") + members.count("port") + members.count("wait");
+    const size_t known =
+        !members.is_object() ? 0 : members.count("domain") + members.count("port") + members.count("wait");
     if (!members.is_object() || known != members.size() || (members.contains("domain") && members.contains("port"))) {
         refuse_input("invalid-value");
     }
@@ -392,7 +403,8 @@ void wait_for_proof(std::chrono::seconds most)
         if (clock::now() >= end) {
             throw api_error{504, "operation-failed",
                             "resync: changes of the forwarding plane were lost, and the full dump that mends the table "
-                            "has not ended within " + std::to_string(most.count())
+                            "has not ended within "
+                                + std::to_string(most.count())
                                 + " seconds: try again, or look at the overruns of the health resource"};
         }
         std::this_thread::sleep_for(look_again);
@@ -484,8 +496,8 @@ void check_method(const resource &found, std::string_view method)
     const char *allowed = found.is_operation ? "POST" : "GET, HEAD";
     const bool reads = method == "GET" || method == "HEAD";
     if (found.is_operation ? method != "POST" : !reads) {
-        throw api_error{
-            405, "operation-not-supported", "method " + std::string(method) + ": expected " + allowed, allowed};
+        throw api_error{405, "operation-not-supported", "method " + std::string(method) + ": expected " + allowed,
+                        allowed};
     }
 }
 

@@ -184,8 +184,8 @@ void feeder::entry_affected(uint32_t at)
     recount(at);
     copy_entry &entry = copy_.entries[at];
     if (!entry.dirty) {
-        entry.dirty = true;
         dirty_.push_back(at);
+        entry.dirty = true;
         flush_later();
     }
 }
@@ -248,7 +248,8 @@ size_t feeder::settle_slice()
     while (settled_ < end) {
         const table_hold hold;
         for (size_t held = 0; held < hold_size && settled_ < end; ++held) {
-            settle(dirty_[settled_++]);
+            settle(dirty_[settled_]); // throws without memory: then it stays in the queue
+            ++settled_;
         }
     }
     return end - first;
@@ -258,16 +259,17 @@ size_t feeder::settle_slice()
 void feeder::settle(uint32_t at)
 {
     copy_entry &entry = copy_.entries[at];
-    entry.dirty = false;
     l2fib_mac_edm_entry_t descriptor;
     const standing now = describe(copy_, at, epoch_offset_ms_, descriptor);
     if (now == standing::fed || now == standing::of_flood_list) {
         feed(at, descriptor);
+        entry.dirty = false;
         return;
     }
     withdraw(at);
     count_entry(at);
     note_present(entry);
+    entry.dirty = false;
     if (now == standing::none) {
         copy_.release(at);
     }
