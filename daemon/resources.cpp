@@ -55,11 +55,23 @@ api_error no_port(const std::string &xcid)
     return not_found("port \"" + xcid + "\": there is no such bridge port");
 }
 
+// What a request names, copied from all views of one kind; null: there is none such.
+template <auto Views, auto Member, typename Value>
+auto find_view(const Value &value)
+{
+    const auto objects = forwarding::objects();
+    using view = std::remove_cvref_t<decltype(((*objects).*Views).front())>;
+    if (objects == nullptr) {
+        return std::optional<view>();
+    }
+    const auto found = std::ranges::find((*objects).*Views, value, Member);
+    return found != ((*objects).*Views).end() ? std::optional(*found) : std::nullopt;
+}
+
 forwarding::domain_view domain_of(const std::string &name)
 {
-    const auto domains = forwarding::domains();
-    const auto found = std::ranges::find(domains, name, &forwarding::domain_view::name);
-    if (found == domains.end()) {
+    const auto found = find_view<&forwarding::object_views::domains, &forwarding::domain_view::name>(name);
+    if (!found) {
         throw no_domain(name);
     }
     return *found;
@@ -71,9 +83,8 @@ forwarding::port_view port_of(const std::string &xcid)
     if (!number) {
         throw unexpected("port", xcid, "an xcid, a number from 0 to 4294967295");
     }
-    const auto ports = forwarding::ports();
-    const auto found = std::ranges::find(ports, *number, &forwarding::port_view::xcid);
-    if (found == ports.end()) {
+    const auto found = find_view<&forwarding::object_views::ports, &forwarding::port_view::xcid>(*number);
+    if (!found) {
         throw no_port(xcid);
     }
     return *found;

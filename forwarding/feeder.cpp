@@ -29,13 +29,6 @@ static_assert(slice_size % query_batch == 0);
 // Two processors report two changes of one entry at most so far apart in the wrong order.
 constexpr uint32_t contest_time_ms = 50;
 
-uint32_t coarse_ms()
-{
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return static_cast<uint32_t>(now.tv_sec * 1000 + now.tv_nsec / 1'000'000);
-}
-
 // ---- The cache, under the table lock ----
 
 l2fm_edm_bp_t *cached_port(uint32_t bridge_id, uint32_t xcid)
@@ -166,6 +159,13 @@ void feeder::removal_arrived()
 
 // ---- The queue of changes ----
 
+uint32_t feeder::coarse_ms()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<uint32_t>(now.tv_sec * 1000 + now.tv_nsec / 1'000'000);
+}
+
 void feeder::entry_touched(uint32_t at)
 {
     copy_entry &entry = copy_.entries[at];
@@ -184,8 +184,8 @@ void feeder::entry_affected(uint32_t at)
     recount(at);
     copy_entry &entry = copy_.entries[at];
     if (!entry.dirty) {
-        entry.dirty = true;
         dirty_.push_back(at);
+        entry.dirty = true;
         flush_later();
     }
 }
@@ -227,12 +227,14 @@ void feeder::flush()
 
 void feeder::settle_everything()
 {
-    while (settled_ < dirty_.size()) {
-        settle_slice();
-    }
-    dirty_.clear();
-    settled_ = 0;
-    refill();
+    do {
+        while (settled_ < dirty_.size()) {
+            settle_slice();
+        }
+        dirty_.clear();
+        settled_ = 0;
+        refill();
+    } while (!dirty_.empty()); // a flood list that has found room brings its other destinations
     entries_ = copy_.living;
     links_ = copy_.known_links;
     unchanged_ = copy_.unchanged;
@@ -248,7 +250,8 @@ size_t feeder::settle_slice()
     while (settled_ < end) {
         const table_hold hold;
         for (size_t held = 0; held < hold_size && settled_ < end; ++held) {
-            settle(dirty_[settled_++]);
+            settle(dirty_[settled_]); // throws without memory: then it stays in the queue
+            ++settled_;
         }
     }
     return end - first;
@@ -258,16 +261,17 @@ size_t feeder::settle_slice()
 void feeder::settle(uint32_t at)
 {
     copy_entry &entry = copy_.entries[at];
-    entry.dirty = false;
     l2fib_mac_edm_entry_t descriptor;
     const standing now = describe(copy_, at, epoch_offset_ms_, descriptor);
     if (now == standing::fed || now == standing::of_flood_list) {
         feed(at, descriptor);
+        entry.dirty = false;
         return;
     }
     withdraw(at);
     count_entry(at);
     note_present(entry);
+    entry.dirty = false;
     if (now == standing::none) {
         copy_.release(at);
     }
@@ -283,7 +287,10 @@ void feeder::feed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
     if (entry.fed_xcid != 0 && (entry.fed_xcid != xcid || entry.fed_bridge != descriptor.bridge_id)) {
         withdraw(at);
     }
-    const std::optional<newest_entry> newest = newest_of_full_cache();
+    std::optional<newest_entry> newest = newest_of_full_cache();
+    if (newest && cached_entry(descriptor.bridge_id, xcid, entry.record.mac.data()) != nullptr) {
+        newest.reset(); // an entry that takes the place of another, or its own, needs no room
+    }
     ++feeds_;
     const uint32_t status = file(entry, descriptor, on_dummy);
     if (newest) {
@@ -312,12 +319,16 @@ void feeder::note_fed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor, uint
     if (entry.fed_xcid == 0 || entry.fed_variant != variant) {
         entry.created = ++last_created_;
     }
+    const bool is_new = entry.fed_xcid == 0;
     entry.fed_variant = variant;
     entry.fed_xcid = xcid;
     entry.fed_bridge = descriptor.bridge_id;
     use_vtep(at, descriptor);
     count_entry(at);
     note_present(entry);
+    if (is_new && missing_ != 0) {
+        feed_rest_of_flood_list(entry);
+    }
 }
 
 // Another entry of the copy that stands at the same place in the cache, as the destinations of a flood list do.
@@ -328,7 +339,7 @@ uint32_t feeder::sharing_entry(uint32_t at) const
     if (port == ports_by_xcid_.end() || copy_.ports[port->second].key.kind != link_kind::vxlan) {
         return no_slot;
     }
-    const uint32_t group = copy_.find_group(copy_.ports[port->second].key.ifindex, entry.record.mac);
+    const uint32_t group = copy_.find_group(copy_.ports[port->second].key, entry.record.mac);
     uint32_t other = group != no_slot ? copy_.groups[group].first : no_slot;
     for (; other != no_slot; other = copy_.entries[other].group_next) {
         if (other != at && copy_.entries[other].fed_xcid == entry.fed_xcid
@@ -371,6 +382,8 @@ void feeder::use_vtep(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
     const uint32_t vni = sent_with != 0 ? sent_with : on.vni;
     const vtep_use use{entry.fed_xcid, vtep_of(descriptor), vni};
     const bool has_own_vni = vni != on.vni || source_vni != 0;
+    show_own_vni({use.xcid, use.address, entry.record.mac},
+                 has_own_vni ? std::optional(own_vni{vni, source_vni}) : std::nullopt);
     if (entry.fed_tunnel && entry.fed_vtep == use.address && entry.fed_vni == vni && entry.fed_own_vni == has_own_vni) {
         return;
     }
@@ -379,18 +392,25 @@ void feeder::use_vtep(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
     entry.fed_own_vni = has_own_vni;
     entry.fed_vtep = use.address;
     entry.fed_vni = vni;
-    {
+    if (use.address != 0) {
         const std::lock_guard hold(views_mutex_);
-        if (use.address != 0) {
-            vtep_users &users = vteps_[use];
-            ++users.count;
-            users.bridge_id = entry.fed_bridge;
-        }
-        if (has_own_vni) {
-            own_vnis_[{use.xcid, use.address, entry.record.mac}] = {vni, source_vni};
-        }
+        vtep_users &users = vteps_[use];
+        ++users.count;
+        users.bridge_id = entry.fed_bridge;
     }
-    leave_vtep_of(before, has_own_vni && before.fed_vtep == use.address);
+    leave_vtep_of(before, before.fed_vtep == use.address);
+}
+
+// The table's row shows the destination that was fed last. Destinations of one flood list may share the tunnel's end
+// and differ in the VNI, so each feed says which one the row has.
+void feeder::show_own_vni(const row_place &row, const std::optional<own_vni> &vnis)
+{
+    const std::lock_guard hold(views_mutex_);
+    if (vnis) {
+        own_vnis_[row] = *vnis;
+    } else {
+        own_vnis_.erase(row);
+    }
 }
 
 void feeder::leave_vtep(copy_entry &entry)
@@ -400,7 +420,7 @@ void feeder::leave_vtep(copy_entry &entry)
     entry.fed_vtep = entry.fed_vni = 0;
 }
 
-// Takes back what an entry has used; `keeps_row`: but for the VNI of its row, which was replaced.
+// Takes back what an entry has used; `keeps_row`: but for the VNI of its row, which is another's now.
 void feeder::leave_vtep_of(const copy_entry &entry, bool keeps_row)
 {
     if (!entry.fed_tunnel) {

@@ -103,7 +103,8 @@ public:
     uint64_t order_now(row_order order) const;
     // The first `most` entries behind `from`, whose `began` is set.
     std::vector<ordered_entry> select(row_order order, const order_position &from, uint32_t most);
-    // Takes the plane's answers about entries. The result counts those whose place in the order has changed.
+    // Takes the plane's answers to questions of another thread. The result counts those whose place in the order has
+    // changed.
     size_t take_ages(std::span<const fdb_key> keys, std::span<const fdb_answer> answers);
 
     // ---- Any thread ----
@@ -182,6 +183,9 @@ private:
         (static_cast<feeder *>(cookie)->*Member)();
     }
 
+    // The steady clock, cut to 32 bits, a few milliseconds late.
+    static uint32_t coarse_ms();
+
     // What the copy reports.
     void entry_touched(uint32_t at) override;
     void entry_affected(uint32_t at) override;
@@ -231,6 +235,7 @@ private:
     void withdraw(uint32_t at);
     uint32_t sharing_entry(uint32_t at) const;
     void use_vtep(uint32_t at, const l2fib_mac_edm_entry_t &descriptor);
+    void show_own_vni(const row_place &row, const std::optional<own_vni> &vnis);
     void leave_vtep(copy_entry &entry);
     void leave_vtep_of(const copy_entry &entry, bool keeps_row);
     static void destroy_vtep(const vtep_use &use);
@@ -242,12 +247,14 @@ private:
     void lose_evicted(const newest_entry &victim);
     void lose(uint32_t at, uint16_t bridge_id, uint32_t xcid, uint64_t losses::*why);
     void note_present(copy_entry &entry);
+    void feed_rest_of_flood_list(const copy_entry &entry);
     void refill();
     void collect_unfed();
 
     // Doubt.
     bool is_questionable(uint32_t at) const;
     void ask_about_slice(size_t end);
+    bool may_stand(const fdb_record &record) const;
     void take_answer(uint32_t at, const fdb_answer &answer);
     void remove_surely(uint32_t at);
     void doubt(uint32_t at);
@@ -275,6 +282,7 @@ private:
     // Answers.
     uint64_t order_value(row_order order, const copy_entry &entry) const;
     bool entry_ages(const copy_entry &entry) const;
+    void correct(std::span<const fdb_key> keys);
     void add_row(uint32_t at, std::vector<mac_row> &rows);
 
     table_copy copy_;
@@ -304,11 +312,13 @@ private:
     bool doubt_expected_ = false;
     bool was_clean_ = false;        // when the generation began
     bool is_proving_ = false;       // a clean listing has ended, and what it did not report is asked for
+    uint32_t proof_generation_ = 0; // of that listing
     uint64_t stale_in_proof_ = 0;   // found by this listing
     uint64_t missing_in_proof_ = 0; // likewise
     uint32_t sample_cursor_ = 0;
     std::vector<uint32_t> sampled_;
     std::vector<uint32_t> disagreeing_; // in the last sample
+    uint32_t disagreed_ms_ = 0;         // when the plane was asked for it, as touched_ms
     completeness reported_state_ = completeness::degraded;
     uint64_t lost_since_whole_ = 0;
 

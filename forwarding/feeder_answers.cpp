@@ -143,25 +143,46 @@ std::vector<ordered_entry> feeder::select(row_order order, const order_position 
 
 // ---- Ages ----
 
-// The answers also make good what was reported in the wrong order: what the plane says now is newer than anything it
-// has reported.
+// Takes ages. An answer that contradicts the copy is not taken, because what has changed since the question may have
+// been reported already; the plane is asked again.
 size_t feeder::take_ages(std::span<const fdb_key> keys, std::span<const fdb_answer> answers)
 {
     size_t changed = 0;
+    std::vector<fdb_key> contradicted;
     for (size_t at = 0; at < keys.size(); ++at) {
+        const fdb_answer &answer = answers[at];
         const uint32_t slot = copy_.find(keys[at]);
         const bool is_known = slot != no_slot && copy_.entries[slot].alive;
-        const fdb_answer &answer = answers[at];
-        if (answer.presence == fdb_presence::absent && is_known) {
-            remove_surely(slot);
-            ++changed;
-        } else if (answer.presence == fdb_presence::present && copy_.find_link(answer.record.ifindex) != nullptr) {
-            const bool is_as_known = is_known && copy_.entries[slot].record.updated_ms == answer.record.updated_ms;
-            changed += is_as_known ? 0 : 1;
+        if (answer.presence == fdb_presence::present && is_known
+            && equal_but_age(copy_.entries[slot].record, answer.record)) {
+            changed += copy_.entries[slot].record.updated_ms != answer.record.updated_ms ? 1U : 0U;
             copy_.fdb_changed(answer.record);
+        } else if (answer.presence == fdb_presence::present || (answer.presence == fdb_presence::absent && is_known)) {
+            contradicted.push_back(keys[at]);
         }
     }
-    return changed;
+    for (std::span<const fdb_key> left = contradicted; !left.empty();) {
+        const auto batch = left.first(std::min(query_batch, left.size()));
+        correct(batch);
+        left = left.subspan(batch.size());
+    }
+    return changed + contradicted.size();
+}
+
+// Asks the plane and corrects the copy at once: nothing has been reported since these answers.
+void feeder::correct(std::span<const fdb_key> keys)
+{
+    std::vector<fdb_answer> answers(keys.size());
+    plane_.query(keys, answers);
+    for (size_t at = 0; at < keys.size(); ++at) {
+        const uint32_t slot = copy_.find(keys[at]);
+        if (answers[at].presence == fdb_presence::absent && slot != no_slot && copy_.entries[slot].alive) {
+            remove_surely(slot);
+        } else if (answers[at].presence == fdb_presence::present
+                   && copy_.find_link(answers[at].record.ifindex) != nullptr) {
+            copy_.fdb_changed(answers[at].record);
+        }
+    }
 }
 
 // ---- Counts ----

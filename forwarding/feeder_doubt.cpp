@@ -58,6 +58,14 @@ void feeder::ask_about_slice(size_t end)
     }
 }
 
+// Whether the links of an entry are where it was, so that its return makes no port.
+bool feeder::may_stand(const fdb_record &record) const
+{
+    const copy_link *on = copy_.find_link(record.ifindex);
+    const bool is_own = record.self || record.ifindex == record.master;
+    return on != nullptr && (is_own || on->record.master == record.master);
+}
+
 // An entry that has gone comes back when the plane holds it, and also when it cannot tell: then the next clean listing
 // decides.
 void feeder::take_answer(uint32_t at, const fdb_answer &answer)
@@ -72,7 +80,7 @@ void feeder::take_answer(uint32_t at, const fdb_answer &answer)
     if (answer.presence == fdb_presence::present && copy_.find_link(answer.record.ifindex) != nullptr) {
         kept_ += entry.alive ? 0 : 1;
         copy_.fdb_changed(answer.record);
-    } else if (!entry.alive && state() == completeness::degraded) {
+    } else if (!entry.alive && state() == completeness::degraded && may_stand(entry.record)) {
         ++kept_;
         const uint32_t generation = entry.generation;
         copy_.fdb_changed(fdb_record(entry.record));
@@ -170,13 +178,15 @@ void feeder::resolve_doubts()
     }
 }
 
-// What the plane cannot tell about a destination of several, a clean listing has.
+// The plane cannot tell about each destination of several. One that a clean listing did not report, and nothing since,
+// has gone.
 void feeder::resolve(uint32_t at, const fdb_answer &answer)
 {
     const copy_entry &entry = copy_.entries[at];
-    const bool is_told_by_listing = is_proving_ && is_of_flood_list(entry.record);
+    const bool is_unlisted =
+        is_proving_ && is_of_flood_list(entry.record) && static_cast<int32_t>(entry.generation - proof_generation_) < 0;
     const bool cannot_tell = answer.presence == fdb_presence::cannot_tell;
-    if (answer.presence == fdb_presence::absent || (cannot_tell && is_told_by_listing)) {
+    if (answer.presence == fdb_presence::absent || (cannot_tell && is_unlisted)) {
         listed_stale_ += is_proving_ ? 1 : 0;
         stale_in_proof_ += is_proving_ ? 1 : 0;
         remove_surely(at);
@@ -228,20 +238,25 @@ void feeder::generation_ended(bool clean)
     links_ = copy_.known_links;
     entries_ = copy_.living;
     is_proving_ = clean;
-    if (clean && doubtful_.empty()) {
-        end_proof();
-    } else if (!plane_.health().clean) { // a proof that failed leaves the copy as good as it was
+    proof_generation_ = copy_.generation();
+    if (!plane_.health().clean) { // a proof that fails leaves the plane clean, and the copy as good as it was
         begin_doubt();
+    }
+    if (doubtful_.empty()) {
+        end_proof();
     }
     if (!waiting_.empty()) {
         host::event_post(evm_, call<&feeder::serve_waiting>, nullptr, this);
     }
 }
 
-// What a clean listing left open is decided.
+// Nothing is in doubt any more. If no clean listing has led here, only another one can take the mark away.
 void feeder::end_proof()
 {
     if (!std::exchange(is_proving_, false)) {
+        if (is_unproven_ && plane_.health().clean) {
+            plane_.list_again();
+        }
         return;
     }
     proven_time_ = std::time(nullptr);
@@ -302,11 +317,17 @@ void feeder::sample()
     compare_sample(false);
 }
 
-// A change may be on its way while the plane is asked: what disagrees once is asked again with the next sample, which
-// `confirms` it.
+// A change may be on its way while the plane is asked. So what disagrees once is asked again with the next sample,
+// which `confirms` it unless a change was reported since: an entry that keeps moving disagrees each time.
 void feeder::compare_sample(bool confirms)
 {
-    std::erase_if(sampled_, [this](uint32_t at) { return !copy_.entries[at].alive; });
+    const auto has_gone = [this](uint32_t at) { return !copy_.entries[at].alive; };
+    std::erase_if(sampled_, has_gone);
+    disagreed_ms_ = confirms ? disagreed_ms_ : coarse_ms();
+    const auto has_changed = [this](uint32_t at) {
+        const uint32_t now = coarse_ms();
+        return now - copy_.entries[at].touched_ms <= now - disagreed_ms_;
+    };
     std::vector<fdb_key> keys;
     for (const uint32_t at : sampled_) {
         keys.push_back(key_of(copy_.entries[at].record));
@@ -320,7 +341,7 @@ void feeder::compare_sample(bool confirms)
     proof_asked_ += confirms ? 0 : keys.size();
     uint64_t confirmed = 0;
     for (size_t at = 0; at < sampled_.size(); ++at) {
-        if (key_of(copy_.entries[sampled_[at]].record) != keys[at] || agrees(sampled_[at], answers[at])) {
+        if (has_changed(sampled_[at]) || agrees(sampled_[at], answers[at])) {
             continue;
         }
         if (confirms) {

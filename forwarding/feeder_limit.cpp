@@ -40,14 +40,12 @@ std::optional<feeder::newest_entry> feeder::newest_of_full_cache() const
     return newest;
 }
 
-// `fed` was filed at the place that the last two name; its record still says where it was before.
+// `fed` was filed at the place that the last two name, where the cache held nothing before.
 void feeder::note_eviction(const newest_entry &before, const copy_entry &fed, uint16_t bridge_id, uint32_t xcid)
 {
-    const bool was_there =
-        fed.fed_xcid != 0 || (before.xcid == xcid && before.bridge_id == bridge_id && before.mac == fed.record.mac);
     const std::optional<newest_entry> now = newest_of_full_cache();
-    const bool was_created = !was_there && now && now->xcid == xcid && now->bridge_id == bridge_id
-                             && now->mac == fed.record.mac && now->total == before.total;
+    const bool was_created = now && now->xcid == xcid && now->bridge_id == bridge_id && now->mac == fed.record.mac
+                             && now->total == before.total;
     const bool was_lost_for_nothing = l2fm_edm_table_mac_get_pool()->mac_cnt_total < before.total;
     if (was_created || was_lost_for_nothing) {
         lose_evicted(before);
@@ -61,7 +59,7 @@ void feeder::lose_evicted(const newest_entry &victim)
     const auto port = ports_by_xcid_.find(victim.xcid);
     const bool is_flood_list = victim.mac == mac_address{} && port != ports_by_xcid_.end();
     if (is_flood_list) {
-        const uint32_t group = copy_.find_group(copy_.ports[port->second].key.ifindex, victim.mac);
+        const uint32_t group = copy_.find_group(copy_.ports[port->second].key, victim.mac);
         uint32_t at = group != no_slot ? copy_.groups[group].first : no_slot;
         for (; at != no_slot; at = copy_.entries[at].group_next) {
             if (copy_.entries[at].fed_xcid == victim.xcid) {
@@ -112,6 +110,18 @@ void feeder::note_present(copy_entry &entry)
     }
 }
 
+// The other destinations of a flood list need no room beside the one that has found it.
+void feeder::feed_rest_of_flood_list(const copy_entry &entry)
+{
+    const bool is_of_list = entry.group != no_slot && entry.record.mac == mac_address{};
+    for (uint32_t at = is_of_list ? copy_.groups[entry.group].first : no_slot; at != no_slot;
+         at = copy_.entries[at].group_next) {
+        if (copy_.entries[at].missing) {
+            entry_affected(at);
+        }
+    }
+}
+
 // Entries that went or found their place otherwise leave their slots in the queue.
 void feeder::collect_unfed()
 {
@@ -135,10 +145,12 @@ void feeder::refill()
     for (size_t tries = 0; tries < refill_size && !unfed_.empty() && !cache_is_full(); ++tries) {
         const uint32_t at = unfed_.front();
         unfed_.pop_front();
-        if (copy_.entries[at].alive && copy_.entries[at].missing && !copy_.entries[at].dirty) {
-            copy_.entries[at].missing = false;
-            --missing_;
+        const copy_entry &entry = copy_.entries[at];
+        if (entry.alive && entry.missing && !entry.dirty) {
             settle(at);
+        }
+        if (entry.missing) {
+            unfed_.push_back(at);
         }
         if (entries_refused_ != refused) {
             return;

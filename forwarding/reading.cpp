@@ -191,7 +191,8 @@ std::vector<fdb_answer> ask_in_batches(feeder &feed, std::span<const fdb_key> ke
     return answers;
 }
 
-// Asks a plane that ages silently about the rows that age. A row that it does not hold any more goes.
+// Asks a plane that ages silently about the rows that age. Drops a row that it does not hold any more. Flood lists,
+// under the zero address, do not age and are in no bridge.
 void refresh_rows(feeder &feed, row_page &page)
 {
     std::vector<fdb_key> keys;
@@ -199,7 +200,7 @@ void refresh_rows(feeder &feed, row_page &page)
     for (size_t at = 0; at < page.rows.size(); ++at) {
         const mac_row &row = page.rows[at];
         const domain_view *domain = page.objects->find_domain(row.bridge_id);
-        if ((row.flags & ageless) == 0 && domain != nullptr) {
+        if ((row.flags & ageless) == 0 && row.mac != mac_address{} && domain != nullptr) {
             keys.push_back({domain->bridge_ifindex, false, domain->vlan, 0, row.mac, {}});
             asked.push_back(at);
         }

@@ -26,9 +26,14 @@ uint32_t fold(uint64_t hash)
     return static_cast<uint32_t>(hash ^ (hash >> 32));
 }
 
-uint32_t hash_of(uint32_t ifindex, const mac_address &mac)
+uint32_t hash_of(uint32_t ifindex, uint32_t vni, const mac_address &mac)
 {
-    return fold(mix(mix(0, number_of(mac)), ifindex));
+    return fold(mix(mix(0, number_of(mac)), ifindex | (uint64_t{vni} << 32)));
+}
+
+uint32_t group_vni(const port_key &on, const mac_address &mac)
+{
+    return mac == zero_mac ? on.vni : 0;
 }
 
 uint32_t hash_of(const fdb_key &key)
@@ -55,11 +60,14 @@ uint64_t domain_key(uint32_t bridge, uint16_t vlan)
     return (uint64_t{bridge} << 16) | vlan;
 }
 
-bool equal_but_age(const fdb_record &left, const fdb_record &right)
+// Whether records differ at most in what a plane changes without a report: when the entry was last seen, and whether
+// that was long ago.
+bool equal_but_sight(const fdb_record &left, const fdb_record &right)
 {
-    fdb_record aged = left;
-    aged.updated_ms = right.updated_ms;
-    return aged == right;
+    constexpr unsigned by_sight = fdb_reachable | fdb_stale;
+    fdb_record seen = left;
+    seen.state = static_cast<uint8_t>((left.state & ~by_sight) | (right.state & by_sight));
+    return equal_but_age(seen, right);
 }
 
 bool same_shape(const link_record &left, const link_record &right)
@@ -89,6 +97,13 @@ void drop(std::vector<uint32_t> &from, uint32_t value)
 
 } // namespace
 
+bool equal_but_age(const fdb_record &left, const fdb_record &right)
+{
+    fdb_record aged = left;
+    aged.updated_ms = right.updated_ms;
+    return aged == right;
+}
+
 table_copy::table_copy(copy_listener &listener)
     : listener_(listener)
 {}
@@ -112,10 +127,11 @@ uint32_t table_copy::find_domain(uint32_t bridge, uint16_t vlan) const
     return found != domains_by_key_.end() ? found->second : no_slot;
 }
 
-uint32_t table_copy::find_group(uint32_t ifindex, const mac_address &mac) const
+uint32_t table_copy::find_group(const port_key &on, const mac_address &mac) const
 {
-    return groups_by_key_.find(hash_of(ifindex, mac), [&](uint32_t group) {
-        return groups[group].ifindex == ifindex && groups[group].mac == mac;
+    const uint32_t vni = group_vni(on, mac);
+    return groups_by_key_.find(hash_of(on.ifindex, vni, mac), [&](uint32_t group) {
+        return groups[group].ifindex == on.ifindex && groups[group].vni == vni && groups[group].mac == mac;
     });
 }
 
@@ -349,7 +365,7 @@ void table_copy::fdb_changed(const fdb_record &record)
 void table_copy::fdb_listed(const fdb_record &record)
 {
     const uint32_t known = find(key_of(record));
-    const bool differs = known == no_slot || !entries[known].alive || !equal_but_age(entries[known].record, record);
+    const bool differs = known == no_slot || !entries[known].alive || !equal_but_sight(entries[known].record, record);
     const uint32_t entry = file(record);
     if (differs) {
         entries[entry].listed_only = true;
@@ -470,13 +486,15 @@ void table_copy::unlink_from_port(uint32_t entry)
 void table_copy::join_group(uint32_t entry)
 {
     copy_entry &joining = entries[entry];
-    const uint32_t found = find_group(joining.record.ifindex, joining.record.mac);
+    const port_key &on = ports[joining.port].key;
+    const uint32_t found = find_group(on, joining.record.mac);
     const uint32_t group = found != no_slot ? found : groups.take();
     copy_group &to = groups[group];
     if (found == no_slot) {
-        to.ifindex = joining.record.ifindex;
+        to.ifindex = on.ifindex;
+        to.vni = group_vni(on, joining.record.mac);
         to.mac = joining.record.mac;
-        groups_by_key_.insert(hash_of(to.ifindex, to.mac), group);
+        groups_by_key_.insert(hash_of(to.ifindex, to.vni, to.mac), group);
     }
     const bool in_front = joining.record.self;
     joining.group = group;
@@ -498,7 +516,7 @@ void table_copy::leave_group(uint32_t entry)
     (leaving.group_next != no_slot ? entries[leaving.group_next].group_prev : from.last) = leaving.group_prev;
     from.of_bridge -= leaving.record.self ? 0 : 1;
     if (from.first == no_slot) {
-        groups_by_key_.erase(hash_of(from.ifindex, from.mac), leaving.group);
+        groups_by_key_.erase(hash_of(from.ifindex, from.vni, from.mac), leaving.group);
         groups.give_back(leaving.group);
     }
     leaving.group = leaving.group_next = leaving.group_prev = no_slot;

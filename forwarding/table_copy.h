@@ -103,9 +103,12 @@ struct copy_link {
     std::vector<uint32_t> members; // interface indexes of the links whose master it is
 };
 
-// The entries for one address on one VXLAN device.
+// The entries for one address on one VXLAN device. A device with many VNIs has a flood list for each of them, on a port
+// of its own: `vni` keeps them apart. Other entries of such a device form one group for all VNIs, since the bridge's
+// entry does not say which VNI it belongs to.
 struct copy_group {
     uint32_t ifindex = 0;
+    uint32_t vni = 0; // of a flood list, its port's; otherwise 0
     mac_address mac = {};
     uint32_t first = no_slot; // the device's own before the bridge's
     uint32_t last = no_slot;
@@ -143,6 +146,9 @@ public:
     virtual void generation_ended(bool clean) = 0;
 };
 
+// Whether records differ at most in the time when the entry was last seen.
+bool equal_but_age(const fdb_record &left, const fdb_record &right);
+
 class table_copy : public sink {
 public:
     explicit table_copy(copy_listener &listener);
@@ -157,11 +163,15 @@ public:
     void generation_begun() override;
     void generation_complete(bool clean) override;
 
+    // The generation that runs or ended last.
+    uint32_t generation() const { return static_cast<uint32_t>(generation_); }
+
     // The slot of an entry, gone ones included.
     uint32_t find(const fdb_key &key) const;
     const copy_link *find_link(uint32_t ifindex) const;
     uint32_t find_domain(uint32_t bridge, uint16_t vlan) const;
-    uint32_t find_group(uint32_t ifindex, const mac_address &mac) const;
+    // The group of an address on a port.
+    uint32_t find_group(const port_key &on, const mac_address &mac) const;
 
     // As fdb_gone, for an entry that is alive, whatever its port.
     void remove(uint32_t entry);
