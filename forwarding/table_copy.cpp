@@ -31,11 +31,6 @@ uint32_t hash_of(uint32_t ifindex, uint32_t vni, const mac_address &mac)
     return fold(mix(mix(0, number_of(mac)), ifindex | (uint64_t{vni} << 32)));
 }
 
-uint32_t group_vni(const port_key &on, const mac_address &mac)
-{
-    return mac == zero_mac ? on.vni : 0;
-}
-
 uint32_t hash_of(const fdb_key &key)
 {
     uint64_t hash = mix(0, number_of(key.mac) | (uint64_t{key.vlan} << 48));
@@ -86,6 +81,16 @@ uint32_t device_vni(const link_record &link)
     return link.kind == link_kind::vxlan && !link.external ? link.vni : 0;
 }
 
+// What a device's port for a VLAN sends with, by the device alone.
+uint32_t port_vni(const copy_link &device, uint16_t vlan)
+{
+    if (!device.maps_vlans) {
+        return device_vni(device.record);
+    }
+    const auto found = device.vnis.find(vlan);
+    return found != device.vnis.end() ? found->second : 0;
+}
+
 void drop(std::vector<uint32_t> &from, uint32_t value)
 {
     const auto found = std::find(from.begin(), from.end(), value);
@@ -127,6 +132,14 @@ uint32_t table_copy::find_domain(uint32_t bridge, uint16_t vlan) const
     return found != domains_by_key_.end() ? found->second : no_slot;
 }
 
+// Entries for one address belong together on a device, and on one that maps VLANs only those of one VNI do. The
+// destinations of a flood list are told apart by VNI everywhere.
+uint32_t table_copy::group_vni(const port_key &on, const mac_address &mac) const
+{
+    const copy_link *device = find_link(on.ifindex);
+    return mac == zero_mac || (device != nullptr && device->maps_vlans) ? on.vni : 0;
+}
+
 uint32_t table_copy::find_group(const port_key &on, const mac_address &mac) const
 {
     const uint32_t vni = group_vni(on, mac);
@@ -153,6 +166,8 @@ void table_copy::link_changed(const link_record &record)
     known_links += first ? 1 : 0;
     if (first || !same_shape(before, record)) {
         reshape_link(changed, before);
+    } else if (before.vlan_aware != record.vlan_aware) {
+        follow_bridge(changed);
     }
     tell_link_change(changed, before, first);
 }
@@ -166,12 +181,56 @@ void table_copy::reshape_link(copy_link &changed, const link_record &before)
     end_ports(changed, [](const copy_link &of, const copy_port &port) {
         return port.key.master != 0 && port.key.master != of.record.master && !is_bridge_own(port.key);
     });
-    replace_entries(changed);
-    end_ports(changed, [](const copy_link &of, const copy_port &port) {
-        return port.entries == 0 && !is_bridge_own(port.key)
-               && (port.key.kind != of.record.kind || port.key.vni != device_vni(of.record));
-    });
+    const bool regroups = follow_vlan_use(changed);
+    replace_entries(changed, regroups);
+    end_empty_ports(changed);
+    follow_bridge(changed);
     add_base_objects(changed);
+}
+
+// Ports that are no longer what the link and its map say.
+void table_copy::end_empty_ports(const copy_link &of)
+{
+    end_ports(of, [](const copy_link &link, const copy_port &port) {
+        return port.entries == 0 && !is_bridge_own(port.key)
+               && (port.key.kind != link.record.kind || port.key.vni != port_vni(link, port.key.vlan));
+    });
+}
+
+// Whether a device maps VLANs depends on its bridge, too. True: that has changed.
+bool table_copy::follow_vlan_use(copy_link &device)
+{
+    const copy_link *bridge = find_link(device.record.master);
+    const bool maps = device.record.kind == link_kind::vxlan && device.record.external && bridge != nullptr
+                      && bridge->record.vlan_aware;
+    return std::exchange(device.maps_vlans, maps) != maps;
+}
+
+void table_copy::follow_bridge(const copy_link &bridge)
+{
+    for (const uint32_t member : bridge.members) {
+        copy_link &device = link(member);
+        if (device.known && follow_vlan_use(device)) {
+            replace_entries(device, true);
+            end_empty_ports(device);
+        }
+    }
+}
+
+void table_copy::vlan_vnis_changed(uint32_t ifindex, const vni_by_vlan &vnis)
+{
+    copy_link &device = link(ifindex);
+    device.vnis = vnis;
+    device.vlans.clear();
+    for (const auto &[vlan, vni] : vnis) {
+        device.vlans.emplace(vni, vlan); // of several VLANs with one VNI the lowest
+    }
+    if (device.known) {
+        replace_entries(device, false);
+        end_empty_ports(device);
+    } else if (vnis.empty() && device.members.empty()) {
+        links_.erase(ifindex);
+    }
 }
 
 void table_copy::follow_master(const copy_link &changed, const link_record &before)
@@ -185,12 +244,12 @@ void table_copy::follow_master(const copy_link &changed, const link_record &befo
 }
 
 // Puts each entry where it belongs now that its link has changed.
-void table_copy::replace_entries(const copy_link &changed)
+void table_copy::replace_entries(const copy_link &changed, bool regroups)
 {
     std::vector<uint32_t> misplaced;
     for (const uint32_t port : changed.ports) {
         for_each_entry_of_port(port, [&](uint32_t entry) {
-            if (place_of(entries[entry].record) != ports[port].key) {
+            if (regroups || place_of(entries[entry].record) != ports[port].key) {
                 misplaced.push_back(entry);
             }
         });
@@ -263,6 +322,9 @@ void table_copy::link_gone(uint32_t ifindex)
     gone.known = false;
     gone.record = {};
     gone.record.ifindex = ifindex;
+    gone.vnis.clear();
+    gone.vlans.clear();
+    gone.maps_vlans = false;
     follow_master(gone, before);
     end_bridge(gone);
     end_ports(gone, [](const copy_link &, const copy_port &) { return true; });
@@ -289,8 +351,12 @@ port_key table_copy::place_of(const fdb_record &record) const
     if (record.self) {
         key.master = kind == link_kind::vxlan ? on->record.master : 0;
     }
-    if (kind == link_kind::vxlan) {
-        key.vni = on->record.external && record.self ? record.source_vni : device_vni(on->record);
+    if (kind == link_kind::vxlan && on->record.external && record.self) {
+        const auto vlan = on->maps_vlans ? on->vlans.find(record.source_vni) : on->vlans.end();
+        key.vlan = vlan != on->vlans.end() ? vlan->second : uint16_t{0};
+        key.vni = record.source_vni;
+    } else if (kind == link_kind::vxlan) {
+        key.vni = port_vni(*on, record.vlan);
     }
     if (key.master == 0) {
         return {0, record.ifindex, kind, 0, 0};

@@ -101,6 +101,9 @@ struct copy_link {
     std::vector<uint32_t> ports;
     std::vector<uint32_t> domains; // of a bridge
     std::vector<uint32_t> members; // interface indexes of the links whose master it is
+    vni_by_vlan vnis;
+    std::unordered_map<uint32_t, uint16_t> vlans; // by VNI, the other way round
+    bool maps_vlans = false; // a VXLAN device of many VNIs on a VLAN-aware bridge: the map says which VNI a VLAN has
 };
 
 // The entries for one address on one VXLAN device. A device with many VNIs has a flood list for each of them, on a port
@@ -155,6 +158,7 @@ public:
 
     void link_changed(const link_record &record) override;
     void link_gone(uint32_t ifindex) override;
+    void vlan_vnis_changed(uint32_t ifindex, const vni_by_vlan &vnis) override;
     void fdb_changed(const fdb_record &record) override;
     void fdb_listed(const fdb_record &record) override;
     void fdb_gone(const fdb_record &record) override;
@@ -213,7 +217,11 @@ private:
     copy_link &link(uint32_t ifindex);
     void reshape_link(copy_link &changed, const link_record &before);
     void follow_master(const copy_link &changed, const link_record &before);
-    void replace_entries(const copy_link &changed);
+    bool follow_vlan_use(copy_link &device);
+    void follow_bridge(const copy_link &bridge);
+    void replace_entries(const copy_link &changed, bool regroups);
+    void end_empty_ports(const copy_link &of);
+    uint32_t group_vni(const port_key &on, const mac_address &mac) const;
     void end_ports(const copy_link &of, bool (*ends)(const copy_link &of, const copy_port &port));
     void add_base_objects(const copy_link &of);
     void add_base_port(const link_record &record);

@@ -230,6 +230,75 @@ TEST(Copy, KeepsPortsPerVlanAndVni)
     EXPECT_EQ(copy.known_links, 0u);
 }
 
+// One address in two VLANs behind different tunnel ends, on one device for all VNIs. Whatever comes first.
+TEST(Copy, JoinsByTheMapFromVlansToVnis)
+{
+    constexpr uint32_t bridge = 1, vxlan = 2;
+    const auto remote = [](uint32_t vni, uint8_t end, mac_address address) {
+        fdb_record record = of_device(vxlan, address, vtep(end), fdb_permanent);
+        record.source_vni = vni;
+        return record;
+    };
+    const vni_by_vlan map{{10, 100}, {20, 200}};
+    numbering with_ids;
+    table_copy &copy = with_ids.copy;
+    const auto fill = [&] {
+        for (const uint16_t vlan : {uint16_t{10}, uint16_t{20}, uint16_t{30}}) {
+            copy.fdb_changed(on_bridge(bridge, vxlan, mac(1), fdb_reachable, vlan));
+        }
+        for (const mac_address &address : {mac(1), mac_address{}}) {
+            copy.fdb_changed(remote(100, 1, address));
+            copy.fdb_changed(remote(200, 2, address));
+        }
+    };
+    // What an entry of a VLAN shows: the last byte of the tunnel's end, and the VNI.
+    const auto shown = [&](uint16_t vlan) {
+        const uint32_t entry = copy.find(key_of(on_bridge(bridge, vxlan, mac(1), fdb_reachable, vlan)));
+        l2fib_mac_edm_entry_t descriptor{};
+        EXPECT_EQ(describe(copy, entry, 0, descriptor), standing::fed);
+        return std::pair(uint32_t{descriptor.vtep_addr[3]}, copy.ports[copy.entries[entry].port].key.vni);
+    };
+    const auto flood_vlan = [&](uint32_t vni, uint8_t end) {
+        const uint32_t entry = copy.find(key_of(remote(vni, end, {})));
+        return copy.domains[copy.ports[copy.entries[entry].port].domain].vlan;
+    };
+    link_record of_bridge = link(bridge, "br", link_kind::bridge);
+    of_bridge.vlan_aware = true;
+    link_record of_vxlan = link(vxlan, "vx", link_kind::vxlan, bridge);
+    of_vxlan.external = true;
+    for (const bool map_first : {true, false}) {
+        SCOPED_TRACE(map_first);
+        if (map_first) {
+            copy.vlan_vnis_changed(vxlan, map);
+        }
+        copy.link_changed(of_vxlan);
+        copy.link_changed(of_bridge);
+        fill();
+        copy.vlan_vnis_changed(vxlan, map);
+        EXPECT_EQ(shown(10), std::pair(1u, 100u));
+        EXPECT_EQ(shown(20), std::pair(2u, 200u));
+        EXPECT_EQ(shown(30), std::pair(0u, 0u)); // its VLAN has no VNI
+        EXPECT_EQ(flood_vlan(200, 2), 20);
+        copy.vlan_vnis_changed(vxlan, {{10, 200}}); // the map changes
+        EXPECT_EQ(shown(10), std::pair(2u, 200u));
+        EXPECT_EQ(shown(20), std::pair(0u, 0u));
+        EXPECT_EQ(flood_vlan(200, 2), 10);
+        copy.vlan_vnis_changed(vxlan, {}); // and goes
+        EXPECT_EQ(shown(10), std::pair(0u, 0u));
+        EXPECT_EQ(flood_vlan(200, 2), 0);
+        of_bridge.vlan_aware = false;
+        copy.link_changed(of_bridge);
+        EXPECT_NE(shown(10).first, 0u); // without VLANs any tunnel end is as good
+        of_bridge.vlan_aware = true;
+        copy.link_changed(of_bridge);
+        EXPECT_EQ(shown(10), std::pair(0u, 0u));
+        copy.link_gone(vxlan);
+        copy.link_gone(bridge);
+        EXPECT_EQ(copy.living, 0u);
+        EXPECT_EQ(copy.known_links, 0u);
+    }
+}
+
 // ---- Recorded tables ----
 
 struct recording : testing::Test {
@@ -384,7 +453,7 @@ struct scripted : plane {
     std::map<fdb_key, fdb_record> holds;
     sink *to = nullptr;
     bool mute = false;
-    size_t mute_keys = 0; // answers that it cannot tell next
+    size_t mute_keys = 0;                            // answers that it cannot tell next
     std::function<void()> before_drain, after_query; // the latter is called once
     bool silent = false;
     std::atomic<bool> clean{false};
