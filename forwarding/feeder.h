@@ -300,7 +300,7 @@ private:
     size_t settled_ = 0;          // of dirty_
     bool flush_expected_ = false;
     uint32_t removals_in_flight_ = 0;
-    bool listed_ = false; // a generation has ended
+    std::atomic<bool> listed_{false}; // a generation has ended; reason() reads it on any thread
     bool waiting_timer_ = false;
     std::vector<resync_scope> waiting_;
     uint64_t last_created_ = 0;
