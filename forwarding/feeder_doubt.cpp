@@ -178,25 +178,27 @@ void feeder::resolve_doubts()
     }
 }
 
-// The plane cannot tell about each destination of several. One that a clean listing did not report, and nothing since,
-// has gone.
+// The plane cannot tell about each destination of several. A clean listing decides about them: one that neither it nor
+// a change since has reported has gone, and any other lives.
 void feeder::resolve(uint32_t at, const fdb_answer &answer)
 {
     const copy_entry &entry = copy_.entries[at];
-    const bool is_unlisted =
-        is_proving_ && is_of_flood_list(entry.record) && static_cast<int32_t>(entry.generation - proof_generation_) < 0;
     const bool cannot_tell = answer.presence == fdb_presence::cannot_tell;
-    if (answer.presence == fdb_presence::absent || (cannot_tell && is_unlisted)) {
+    const bool is_decided = cannot_tell && is_proving_ && is_of_flood_list(entry.record);
+    const bool is_unlisted = static_cast<int32_t>(entry.generation - proof_generation_) < 0;
+    if (answer.presence == fdb_presence::absent || (is_decided && is_unlisted)) {
         listed_stale_ += is_proving_ ? 1 : 0;
         stale_in_proof_ += is_proving_ ? 1 : 0;
         remove_surely(at);
-    } else if (cannot_tell) {
+    } else if (cannot_tell && !is_decided) {
         begin_doubt();
         copy_.entries[at].doubtful = true;
         doubtful_.push_back(at);
-    } else if (copy_.find_link(answer.record.ifindex) != nullptr) {
+    } else {
         ++kept_;
-        copy_.fdb_changed(answer.record);
+        if (!cannot_tell && copy_.find_link(answer.record.ifindex) != nullptr) {
+            copy_.fdb_changed(answer.record);
+        }
     }
 }
 

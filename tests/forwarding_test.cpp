@@ -400,7 +400,8 @@ struct scripted : plane {
             if (found != holds.end()) {
                 answers[at].record = found->second;
             }
-            const bool is_mute = mute || (mute_keys != 0 && mute_keys-- != 0);
+            const bool is_mute =
+                mute || (mute_of_lists && keys[at].mac == mac_address{}) || (mute_keys != 0 && mute_keys-- != 0);
             answers[at].presence = is_mute ? fdb_presence::cannot_tell : answers[at].presence;
         }
         asked += keys.size();
@@ -453,6 +454,7 @@ struct scripted : plane {
     std::map<fdb_key, fdb_record> holds;
     sink *to = nullptr;
     bool mute = false;
+    bool mute_of_lists = false;
     size_t mute_keys = 0;                            // answers that it cannot tell next
     std::function<void()> before_drain, after_query; // the latter is called once
     bool silent = false;
@@ -1019,6 +1021,24 @@ TEST_F(fed_module, DegradedAnswersEnd)
         on_cache([] {});
     }
     EXPECT_TRUE(completeness_watch().worst() == completeness::whole || it->relisted == 1);
+    // A destination of several, about which the plane never can tell: a clean listing decides.
+    on_cache([&] {
+        it->set(of_device(vx0, {}, by_next_hop, fdb_permanent));
+        it->list(true);
+        it->mute = true;
+        it->to->next_hop_gone(7);
+    });
+    on_cache([&] { it->mute = false; });
+    on_cache([&] {
+        it->mute_of_lists = true;
+        it->list(true);
+    });
+    for (int tries = 0; completeness_watch().worst() != completeness::whole && tries < 30; ++tries) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_EQ(completeness_watch().worst(), completeness::whole);
+    resync();
+    expect_equal();
 }
 
 TEST_F(fed_module, ASampleFindsWhatNoChangeReported)
