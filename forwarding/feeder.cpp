@@ -376,10 +376,7 @@ void feeder::use_vtep(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
     if (on.kind != link_kind::vxlan) {
         return;
     }
-    const fdb_record *tunnel = tunnel_record_of(copy_, at);
-    const uint32_t source_vni = tunnel != nullptr ? tunnel->source_vni : 0;
-    const uint32_t sent_with = tunnel != nullptr && tunnel->destination.vni != 0 ? tunnel->destination.vni : source_vni;
-    const uint32_t vni = sent_with != 0 ? sent_with : on.vni;
+    const auto [vni, source_vni] = vnis_of(at);
     const vtep_use use{entry.fed_xcid, vtep_of(descriptor), vni};
     const bool has_own_vni = vni != on.vni || source_vni != 0;
     show_own_vni({use.xcid, use.address, entry.record.mac},
@@ -399,6 +396,14 @@ void feeder::use_vtep(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
         users.bridge_id = entry.fed_bridge;
     }
     leave_vtep_of(before, before.fed_vtep == use.address);
+}
+
+feeder::own_vni feeder::vnis_of(uint32_t at) const
+{
+    const fdb_record *tunnel = tunnel_record_of(copy_, at);
+    const uint32_t source_vni = tunnel != nullptr ? tunnel->source_vni : 0;
+    const uint32_t sent_with = tunnel != nullptr && tunnel->destination.vni != 0 ? tunnel->destination.vni : source_vni;
+    return {sent_with != 0 ? sent_with : copy_.ports[copy_.entries[at].port].key.vni, source_vni};
 }
 
 // The table's row shows the destination that was fed last. Destinations of one flood list may share the tunnel's end

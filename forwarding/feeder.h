@@ -235,6 +235,7 @@ private:
     void withdraw(uint32_t at);
     uint32_t sharing_entry(uint32_t at) const;
     void use_vtep(uint32_t at, const l2fib_mac_edm_entry_t &descriptor);
+    own_vni vnis_of(uint32_t at) const;
     void show_own_vni(const row_place &row, const std::optional<own_vni> &vnis);
     void leave_vtep(copy_entry &entry);
     void leave_vtep_of(const copy_entry &entry, bool keeps_row);

@@ -46,14 +46,18 @@ std::vector<fdb_key> feeder::places_of(const mac_address &mac, uint16_t bridge_i
     }
     std::vector<fdb_key> everywhere;
     std::vector<fdb_key> known;
-    for (const auto &[id, domain] : domains_by_id_) {
-        if (bridge_id != 0 && id != bridge_id) {
-            continue;
-        }
+    const auto look_in = [&](uint32_t domain) {
         const fdb_key key{copy_.domains[domain].bridge, false, copy_.domains[domain].vlan, 0, mac, {}};
         everywhere.push_back(key);
         if (const uint32_t at = copy_.find(key); at != no_slot && copy_.entries[at].alive) {
             known.push_back(key);
+        }
+    };
+    if (const auto one = domains_by_id_.find(bridge_id); one != domains_by_id_.end()) {
+        look_in(one->second);
+    } else if (bridge_id == 0) {
+        for (const auto &[id, domain] : domains_by_id_) {
+            look_in(domain);
         }
     }
     return known.empty() || state() == completeness::degraded ? everywhere : known;
@@ -80,6 +84,11 @@ void feeder::add_row(uint32_t at, std::vector<mac_row> &rows)
         return;
     }
     rows.push_back(row_of(descriptor));
+    if (copy_.ports[copy_.entries[at].port].key.kind == link_kind::vxlan) {
+        const own_vni vnis = vnis_of(at); // the table may have no room for it, and the views know none then
+        rows.back().vni = vnis.vni;
+        rows.back().source_vni = vnis.source_vni;
+    }
 }
 
 // ---- Orders ----

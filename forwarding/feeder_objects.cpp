@@ -479,7 +479,7 @@ void feeder::add_vnis(std::vector<mac_row> &rows) const
 {
     const std::lock_guard hold(views_mutex_);
     for (mac_row &row : rows) {
-        if (row.port == nullptr || row.port->kind != port_kind::vxlan) {
+        if (row.port == nullptr || row.port->kind != port_kind::vxlan || row.vni != 0) {
             continue;
         }
         uint32_t vtep = 0;

@@ -87,6 +87,9 @@ void feeder::refresh_everything()
 void feeder::bring_up_to_date(const resync_scope &scope)
 {
     follow_clock();
+    if (removals_in_flight_ != 0) {
+        return; // a requester that gives up waiting gets what there is
+    }
     settle_everything();
     if (!cache_is_in_step()) {
         feed_again(scope);
