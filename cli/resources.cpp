@@ -241,6 +241,7 @@ constexpr column health_columns[] = {
     {"proof", "Proof", &rest_kind, &proof},
     {"unmapped", "Unmapped", &rest_kind, &reasons},
     {"refused", "Refused", &rest_kind, &reasons},
+    {"kernel-lacks", "Kernel lacks", &rest_kind},
     {"notes", "Notes", &rest_kind},
     {"log-lines-dropped", "Log lines dropped", &rest_kind},
     {"memory", "Memory", &rest_kind, &memory},

@@ -50,6 +50,15 @@ const char *status_of(const forwarding::health_view &view)
     return view.state == forwarding::completeness::whole ? "clean" : forwarding::text_of(view.state);
 }
 
+void write_texts(json_writer &json, std::string_view name, const std::vector<std::string> &texts)
+{
+    json.begin_array(name);
+    for (const std::string &text : texts) {
+        json.text(text);
+    }
+    json.end_array();
+}
+
 void write_limited(json_writer &json, const std::vector<forwarding::limited_view> &ports)
 {
     json.begin_array("limited");
@@ -111,11 +120,8 @@ void write_plane(json_writer &json, const forwarding::health_view &view)
     write_proof(json, view.proof);
     write_reasons(json, "unmapped", view.unmapped);
     write_reasons(json, "refused", view.refused);
-    json.begin_array("notes");
-    for (const std::string &note : view.notes) {
-        json.text(note);
-    }
-    json.end_array();
+    write_texts(json, "kernel-lacks", view.lacks);
+    write_texts(json, "notes", view.notes);
 }
 
 void write_pool(json_writer &json, const host::chunk_statistics &pool)

@@ -129,9 +129,9 @@ std::string feeder::start(event_manager_t *evm)
     if (!plane_.start(evm, copy_, error)) {
         return error;
     }
-    if (plane_.ages_silently() && settings_.proof_rate != 0) {
+    if (plane_.ages_silently()) {
         uint32_t timer = 0;
-        host::event_timer_attach(evm_, second_ns, second_ns, call<&feeder::sample>, this, &timer);
+        host::event_timer_attach(evm_, second_ns, second_ns, call<&feeder::look_after_copy>, this, &timer);
     }
     return {};
 }

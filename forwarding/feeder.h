@@ -264,6 +264,7 @@ private:
     void resolve(uint32_t at, const fdb_answer &answer);
     void doubt_next_hops();
     void end_proof();
+    void look_after_copy();
     void sample();
     void compare_sample(bool confirms);
     bool agrees(uint32_t at, const fdb_answer &answer) const;

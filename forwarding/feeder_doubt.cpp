@@ -297,7 +297,7 @@ bool feeder::agrees(uint32_t at, const fdb_answer &answer) const
 }
 
 // Each second. While the copy is in doubt anyway, a full listing is on its way.
-void feeder::sample()
+void feeder::look_after_copy()
 {
     if (!listed_ || removals_in_flight_ != 0 || state() == completeness::degraded) {
         disagreeing_.clear();
@@ -305,6 +305,12 @@ void feeder::sample()
     }
     plane_.drain();
     settle_everything();
+    sample();
+    copy_.end_empty_domains();
+}
+
+void feeder::sample()
+{
     sampled_ = std::exchange(disagreeing_, {});
     compare_sample(true);
     sampled_.clear();

@@ -393,6 +393,7 @@ health_view feeder::health() const
     view.plane = plane_.kind();
     view.group = settings_.group;
     view.of_plane = plane_.health();
+    view.lacks = plane_.lacks();
     view.links = links_;
     view.entries = entries_;
     view.events_merged = merged_ + unchanged_;

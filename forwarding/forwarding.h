@@ -166,6 +166,7 @@ struct health_view {
 
     std::vector<counted_reason> unmapped; // entries that are not fed now, by reason; zeros are left out
     std::vector<counted_reason> refused;  // failures since the start, by reason; zeros are left out
+    std::vector<std::string> lacks;       // what the plane's system cannot do
     std::vector<std::string> notes;       // names that were changed and objects that were refused: the last few
 };
 

@@ -77,6 +77,7 @@ public:
     bool ages_silently() const override { return true; }
     void list_again() override;
     plane_health health() const override;
+    std::vector<std::string> lacks() const override;
     void stop() override;
 
 private:
@@ -132,6 +133,9 @@ private:
     const milliseconds interval_;
     const milliseconds proof_interval_;
     counters counters_;
+    std::atomic<bool> lacks_next_hops_ = false;
+    std::atomic<bool> lacks_vlans_ = false;
+    std::atomic<bool> lacks_questions_ = false;
 
     // Of the event manager's thread.
     event_manager_t *evm_ = nullptr;
@@ -210,7 +214,10 @@ bool kernel_plane::start(event_manager_t *evm, sink &to, std::string &error)
     }
     evm_ = evm;
     sink_ = &to;
-    if (!kernel_socket_subscribe(notifications_)) {
+    bool has_next_hops = false;
+    const bool is_subscribed = kernel_socket_subscribe(notifications_, has_next_hops);
+    lacks_next_hops_ = !has_next_hops;
+    if (!is_subscribed) {
         error = std::string("cannot subscribe to the kernel's changes: error ") + std::to_string(errno);
     } else {
         error = attach();
@@ -272,6 +279,25 @@ plane_health kernel_plane::health() const
     return result;
 }
 
+std::vector<std::string> kernel_plane::lacks() const
+{
+    const struct {
+        bool lacks;
+        const char *text;
+    } rows[] = {
+        {lacks_next_hops_, "notifications of next hops: entries of a deleted one stay until the next full dump"},
+        {lacks_vlans_, "VLANs on bridges"},
+        {lacks_questions_, "questions about single entries: ages are as old as the last full dump"},
+    };
+    std::vector<std::string> found;
+    for (const auto &row : rows) {
+        if (row.lacks) {
+            found.emplace_back(row.text);
+        }
+    }
+    return found;
+}
+
 void kernel_plane::query(std::span<const fdb_key> keys, std::span<fdb_answer> answers)
 {
     const std::lock_guard lock(query_mutex_);
@@ -281,6 +307,7 @@ void kernel_plane::query(std::span<const fdb_key> keys, std::span<fdb_answer> an
     }
     kernel_query(querier_, keys, answers);
     counters_.refused += std::exchange(querier_.refused, 0);
+    lacks_questions_ = querier_.is_unsupported;
 }
 
 // ---- Notifications
@@ -781,6 +808,7 @@ void kernel_plane::end_dump(int error)
     // A kernel without VLANs on its bridges may refuse to dump them, and there is no map then.
     const bool lacks_vlans = current.scope == kernel_scope::vlan_vnis && error == EOPNOTSUPP;
     listing_.disturbed |= error != 0 && !lacks_vlans;
+    lacks_vlans_ = current.scope == kernel_scope::vlan_vnis ? lacks_vlans : lacks_vlans_.load();
     const bool counts = has_gone || listing_close_window(listing_);
     ++(counts ? counters_.dumps_clean : counters_.dumps_unclean);
     if (!counts && !needs_generation_ && listing_may_repeat(listing_) && request_dump()) {

@@ -50,6 +50,7 @@ void take_answers(kernel_querier &querier, std::span<const std::byte> datagram, 
     while (kernel_decode(datagram, clock, message)) {
         const uint32_t place = message.sequence - first; // of an earlier question: beyond the end
         querier.refused += message.kind == kernel_message_kind::malformed ? 1 : 0;
+        querier.is_unsupported |= message.kind == kernel_message_kind::error && message.error == EOPNOTSUPP;
         if (place < keys.size()) {
             answers[place] = answer_of(keys[place], message);
         }

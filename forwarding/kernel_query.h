@@ -17,9 +17,10 @@ namespace forwarding {
 
 struct kernel_querier {
     kernel_socket socket;
-    size_t at_once = 0;    // questions whose answers fit the socket's buffer
-    uint32_t sequence = 0; // of the last question
-    uint64_t refused = 0;  // answers that were malformed, or not the kernel's
+    size_t at_once = 0;          // questions whose answers fit the socket's buffer
+    uint32_t sequence = 0;       // of the last question
+    uint64_t refused = 0;        // answers that were malformed, or not the kernel's
+    bool is_unsupported = false; // the kernel takes no questions about single entries
     std::vector<std::byte> buffer = {};
 };
 

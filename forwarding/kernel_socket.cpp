@@ -80,7 +80,7 @@ std::string kernel_socket_open(kernel_socket &socket)
     return {};
 }
 
-bool kernel_socket_subscribe(const kernel_socket &socket)
+bool kernel_socket_subscribe(const kernel_socket &socket, bool &has_next_hops)
 {
     for (int group : {RTNLGRP_LINK, RTNLGRP_NEIGH}) {
         if (mnl_socket_setsockopt(socket.handle, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0) {
@@ -88,7 +88,7 @@ bool kernel_socket_subscribe(const kernel_socket &socket)
         }
     }
     int next_hops = RTNLGRP_NEXTHOP; // a kernel without them has no entries that deliver to one
-    mnl_socket_setsockopt(socket.handle, NETLINK_ADD_MEMBERSHIP, &next_hops, sizeof next_hops);
+    has_next_hops = mnl_socket_setsockopt(socket.handle, NETLINK_ADD_MEMBERSHIP, &next_hops, sizeof next_hops) == 0;
     return true;
 }
 

@@ -35,7 +35,7 @@ std::string kernel_socket_open(kernel_socket &socket);
 
 // Subscribes the socket to every change of links and neighbours, and of next hops if the kernel has them (Linux 5.3 and
 // later). Returns false and sets errno when the kernel refuses links or neighbours.
-bool kernel_socket_subscribe(const kernel_socket &socket);
+bool kernel_socket_subscribe(const kernel_socket &socket, bool &has_next_hops);
 
 // Asks for a receive buffer of `wanted` bytes. Granted in full with CAP_NET_ADMIN; otherwise capped at
 // net.core.rmem_max. Returns the size that the kernel accounts against: twice the granted one, and never less than 2304

@@ -30,6 +30,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/event.h"
 
@@ -230,6 +231,10 @@ public:
 
     // Any thread.
     virtual plane_health health() const = 0;
+
+    // What this system cannot do that others can, for the health report: found at the start or by the first answer. It
+    // costs a feature and never makes an answer wrong. Any thread.
+    virtual std::vector<std::string> lacks() const { return {}; }
 
     // Detaches everything; on the manager's thread, or on any once that has ended. Harmless when repeated.
     virtual void stop() = 0;

@@ -421,6 +421,21 @@ void table_copy::end_domain(uint32_t domain)
     domains.give_back(domain);
 }
 
+void table_copy::end_empty_domains()
+{
+    std::vector<uint32_t> empty;
+    for (const auto &[key, domain] : domains_by_key_) {
+        const bool has_entries =
+            std::ranges::any_of(domains[domain].ports, [this](uint32_t port) { return ports[port].entries != 0; });
+        if (domains[domain].vlan != 0 && !has_entries) {
+            empty.push_back(domain);
+        }
+    }
+    for (const uint32_t domain : empty) {
+        end_domain(domain);
+    }
+}
+
 // ---- Entries ----
 
 void table_copy::fdb_changed(const fdb_record &record)

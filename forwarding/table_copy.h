@@ -180,6 +180,10 @@ public:
     // As fdb_gone, for an entry that is alive, whatever its port.
     void remove(uint32_t entry);
 
+    // Ends the bridge domains of VLANs in which no port has an entry. A port of a VLAN-aware bridge has its own address
+    // in each VLAN that it is a member of, so a bridge domain lives as long as its VLAN is configured or used.
+    void end_empty_domains();
+
     // Gives up the slot of an entry that has gone.
     void release(uint32_t entry);
 
