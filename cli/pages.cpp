@@ -10,6 +10,7 @@ namespace l2fibctl {
 
 namespace {
 
+constexpr uint64_t first_page_items = 1'000; // soon there, so that printing begins while the next page comes
 constexpr uint64_t page_items = 10'000;
 constexpr unsigned first_error_status = 400;
 constexpr unsigned not_found = 404;
@@ -171,7 +172,7 @@ request page_reader::request_for(const std::string &cursor) const
     if (!what_.has_pages) {
         return {what_.path};
     }
-    const std::string limit = std::to_string(std::min(left_, page_items));
+    const std::string limit = std::to_string(std::min(left_, cursor.empty() ? first_page_items : page_items));
     return {with_parameter(with_parameter(what_.path, "limit", limit), "cursor", cursor)};
 }
 

@@ -301,7 +301,8 @@ canned_daemon::step domains_page(const std::string &items, const std::string &mo
 #define DEGRADED R"(,"l2fib-mac:completeness":"degraded","l2fib-mac:completeness-reason":"why\u001b")"
 #define MAY_BE "the answer may be incomplete "
 
-const std::string all_domains = "GET /restconf/data/l2fib-mac:domains/domain?limit=10000";
+const std::string all_domains = "GET /restconf/data/l2fib-mac:domains/domain?limit=1000";
+const std::string more_domains = "GET /restconf/data/l2fib-mac:domains/domain?limit=10000&cursor=c";
 const std::string a = R"({"name":"a"})";
 const std::string b = R"({"name":"b"})";
 const std::string long_name = '"' + std::string(size_t(5) << 20, 'x') + '"';
@@ -317,12 +318,12 @@ TEST(Pages, AreAskedForOneAfterAnother)
         {{domains_page(a, NEXT), domains_page(b)},
          {},
          {ending::done, "", a + "\n" + b + "\n"},
-         {all_domains, all_domains + "&cursor=c"}},
+         {all_domains, more_domains}},
         // A kept connection that the daemon closed meanwhile.
         {{domains_page(a, NEXT), {""}, domains_page(b)},
          {},
          {ending::done, "", a + "\n" + b + "\n"},
-         {all_domains, all_domains + "&cursor=c", all_domains + "&cursor=c"}},
+         {all_domains, more_domains, more_domains}},
         {{domains_page(a + "," + a, NEXT), domains_page(b, NEXT)},
          {.limit = 3},
          {ending::done, "", a + "\n" + a + "\n" + b + "\n"},
@@ -332,7 +333,7 @@ TEST(Pages, AreAskedForOneAfterAnother)
         {{domains_page(a, NEXT), answered(ERROR_BODY("resource-denied", "m"), "whole", "503 No")},
          {},
          {ending::cut, "the answer was cut: m", a + "\n"},
-         {all_domains, all_domains + "&cursor=c"}},
+         {all_domains, more_domains}},
         {{{"HTTP/1.1 200 OK\r\nContent-Length: 999\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}],"
            R"("ietf-restconf:errors":{"error":[{"error-message":"the plane ended"}]})"}},
          {},
@@ -341,7 +342,7 @@ TEST(Pages, AreAskedForOneAfterAnother)
         {{domains_page(a, NEXT DEGRADED), domains_page(b, "", "limited")},
          {},
          {ending::incomplete, MAY_BE "(degraded): why\\x1b", a + "\n" + b + "\n"},
-         {all_domains, all_domains + "&cursor=c"}},
+         {all_domains, more_domains}},
         {{domains_page(a, "", "limited")}, {.strict = true}, {ending::incomplete, MAY_BE "(limited)", ""}},
         {{domains_page(a, DEGRADED)}, {.strict = true}, {ending::incomplete, MAY_BE "(degraded): why\\x1b", ""}},
         {{domains_page("", DEGRADED)},
@@ -364,11 +365,11 @@ TEST(Pages, AreAskedForOneAfterAnother)
           R"(Domain                  MAC Address        Port             Type            Age      Left   VLAN       VNI  VTEP             Flags
 -                       -                  -                -          00:00:01  01:01:01      -         -  -                -
 )"},
-         {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=last-seen&limit=10000"}},
+         {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=last-seen&limit=1000"}},
         {{answered(R"({"l2fib-mac:mac-entry":[{"domain":"x"},{"domain":"y"}]})")},
          {.what = command::show_mac, .limit = 1, .domain = "y", .sorted_by = order::created},
          {ending::done, "", "{\"domain\":\"y\"}\n"},
-         {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=created&limit=10000"}},
+         {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=created&limit=1000"}},
         {{answered(ERROR_BODY("operation-failed", "no full dump"), "degraded", "504 No")},
          {.what = command::resync, .timeout_seconds = 9, .domain = "d"},
          {ending::refused, "no full dump", ""},
