@@ -16,11 +16,12 @@ done </modules/order
 # Interfaces that speak by themselves would change the tables between two readings.
 echo 1 >/proc/sys/net/ipv6/conf/default/disable_ipv6
 ip link set lo up
+ip addr add 198.51.100.1/32 dev lo
 
 run_case()
 {
     set -eEuo pipefail
-    trap 'echo "failed: line $LINENO of ${BASH_SOURCE[0]##*/}: $BASH_COMMAND"' ERR
+    trap 'echo "failed: line $LINENO of ${BASH_SOURCE[0]##*/}: $BASH_COMMAND" >&2' ERR
     source /cases/guest.sh
     # shellcheck disable=SC1090 # named by the command line
     source "/cases/$FILE"
