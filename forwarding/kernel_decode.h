@@ -11,6 +11,7 @@
 // Threads: any.
 #pragma once
 
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -20,6 +21,8 @@
 
 namespace forwarding {
 
+inline constexpr uint16_t most_vlans = 4096; // a number of 12 bits
+
 enum class kernel_message_kind : uint8_t {
     unrelated,
     malformed,
@@ -28,7 +31,7 @@ enum class kernel_message_kind : uint8_t {
     fdb_changed,   // `fdb`
     fdb_gone,      // `fdb`
     next_hop_gone, // `next_hop` and `for_entries`
-    vlan_vnis,     // `link`, of which only the interface index is set, and `vnis`: the whole map of a bridge port
+    vlan_vnis,     // `link`, of which only the interface index is set, `vnis` and `vlans`: all of a bridge port
     done,          // the end of a dump; `error` when it failed
     error,         // a request failed, or was acknowledged when `error` is 0
 };
@@ -43,6 +46,7 @@ struct kernel_message {
     uint32_t next_hop = 0;    // id
     bool for_entries = false; // the next hop was made for forwarding entries, not for routes
     vni_by_vlan vnis = {};
+    std::bitset<most_vlans> vlans = {}; // of which the port is a member
 };
 
 // What turns the ages of entries into times.

@@ -2,11 +2,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bitset>
 #include <cerrno>
 #include <chrono>
 #include <map>
 #include <mutex>
 #include <new>
+#include <numeric>
+#include <span>
 #include <sys/epoll.h>
 #include <unordered_map>
 #include <unordered_set>
@@ -93,6 +96,8 @@ private:
     void take_change(const kernel_message &message);
     void take_link_change(const link_record &record);
     void take_link_gone(uint32_t ifindex);
+    void take_vlans(uint32_t ifindex, const std::bitset<most_vlans> &vlans);
+    void ask_for_local_address(const link_record &device, std::span<const uint16_t> vlans);
     void take_vlan_vnis(uint32_t ifindex, const vni_by_vlan &vnis);
     void drop_unlisted_vlan_vnis();
     void take_fdb_change(const fdb_record &record);
@@ -151,8 +156,9 @@ private:
     kernel_message message_;
     std::unordered_map<uint32_t, known_link> links_;
     std::unordered_map<uint32_t, known_vnis> vnis_; // of devices that have a map
-    std::unordered_set<uint32_t> next_hops_;        // ids with which entries were reported
-    std::map<fdb_key, fdb_record> early_;           // entries that the kernel reported before their devices
+    std::unordered_map<uint32_t, std::bitset<most_vlans>> vlans_;
+    std::unordered_set<uint32_t> next_hops_; // ids with which entries were reported
+    std::map<fdb_key, fdb_record> early_;    // entries that the kernel reported before their devices
     kernel_listing listing_;
     uint32_t sequence_ = 0;  // of the last dump
     bool hurried_ = false;   // list_again was called since the last generation began
@@ -395,6 +401,7 @@ void kernel_plane::take_change(const kernel_message &message)
     case kernel_message_kind::vlan_vnis:
         listing_note_vlan_vnis(listing_, message.link.ifindex);
         take_vlan_vnis(message.link.ifindex, message.vnis);
+        take_vlans(message.link.ifindex, message.vlans);
         break;
     case kernel_message_kind::malformed:
         ++counters_.refused;
@@ -440,6 +447,24 @@ void kernel_plane::take_vlan_vnis(uint32_t ifindex, const vni_by_vlan &vnis)
     }
 }
 
+// When a port leaves a VLAN, its entry there may pass to another device with the same address. The kernel does not
+// notify that.
+void kernel_plane::take_vlans(uint32_t ifindex, const std::bitset<most_vlans> &vlans)
+{
+    const std::bitset<most_vlans> left = std::exchange(vlans_[ifindex], vlans) & ~vlans;
+    const auto device = links_.find(ifindex);
+    if (left.none() || device == links_.end()) {
+        return;
+    }
+    std::vector<uint16_t> gone;
+    for (uint16_t vlan = 0; vlan < most_vlans; ++vlan) {
+        if (left.test(vlan)) {
+            gone.push_back(vlan);
+        }
+    }
+    ask_for_local_address(device->second.record, gone);
+}
+
 // What a dump that counts has not reported has no map any more.
 void kernel_plane::drop_unlisted_vlan_vnis()
 {
@@ -458,6 +483,7 @@ void kernel_plane::take_link_gone(uint32_t ifindex)
 {
     ++counters_.events;
     take_vlan_vnis(ifindex, {});
+    vlans_.erase(ifindex);
     const auto known = links_.extract(ifindex);
     listing_note_link(listing_, ifindex);
     forget_early(ifindex);
@@ -476,12 +502,21 @@ void kernel_plane::follow_local_address(const link_record &before)
     if (bridge == links_.end() || bridge->second.record.kind != link_kind::bridge) {
         return;
     }
-    const uint16_t vlans = bridge->second.record.vlan_aware ? vlan_count : 1;
-    for (uint16_t first = 0; first < vlans; first += query_batch) {
+    std::vector<uint16_t> vlans(bridge->second.record.vlan_aware ? vlan_count : 1);
+    std::iota(vlans.begin(), vlans.end(), uint16_t{0});
+    ask_for_local_address(before, vlans);
+}
+
+// Takes what the kernel holds for a device's own address in these VLANs of its bridge.
+void kernel_plane::ask_for_local_address(const link_record &device, std::span<const uint16_t> vlans)
+{
+    const uint32_t bridge = device.kind == link_kind::bridge ? device.ifindex : device.master;
+    while (!vlans.empty()) {
         std::vector<fdb_key> keys;
-        for (uint16_t vlan = first; vlan < vlans && keys.size() < query_batch; ++vlan) {
-            keys.push_back({.holder = bridge->first, .vlan = vlan, .mac = before.address});
+        for (const uint16_t vlan : vlans.first(std::min(vlans.size(), query_batch))) {
+            keys.push_back({.holder = bridge, .vlan = vlan, .mac = device.address});
         }
+        vlans = vlans.subspan(keys.size());
         std::vector<fdb_answer> answers(keys.size());
         query(keys, answers);
         for (const fdb_answer &answer : answers) {
@@ -782,6 +817,7 @@ bool kernel_plane::take_listed(const kernel_message &message)
     case kernel_message_kind::vlan_vnis:
         if (listing_believes_vlan_vnis(listing_, message.link.ifindex)) {
             take_vlan_vnis(message.link.ifindex, message.vnis);
+            vlans_[message.link.ifindex] = message.vlans;
         }
         return true;
     case kernel_message_kind::fdb_changed:

@@ -27,12 +27,14 @@ configure()
     fi
 }
 
-# build PRESET: configures and builds build/PRESET.
+# build PRESET [TARGET...]: configures build/PRESET and builds the targets there, by default all.
 build()
 {
-    say "building $1"
-    configure "$1" || return 1
-    cmake --build --preset "$1" --parallel "$jobs"
+    local -r preset=$1
+    shift
+    say "building $preset${*:+: $*}"
+    configure "$preset" || return 1
+    cmake --build --preset "$preset" --parallel "$jobs" ${*:+--target "$@"}
 }
 
 # Where the results of the last test run of PRESET lie.

@@ -80,6 +80,8 @@ bytes info(const char *kind, const bytes &data)
 const bytes name = attribute(IFLA_IFNAME, text("eth0"));
 const bytes lladdr = attribute(NDA_LLADDR, bytes_of(mac));
 const bytes master = attribute(NDA_MASTER, bytes_of(uint32_t{2}));
+const bytes age = attribute(NDA_CACHEINFO, bytes_of(nda_cacheinfo{0, 900, 250, 0})); // updated 2.5 s ago
+constexpr int64_t aged_ms = 97'500;
 
 kernel_message decode(bytes datagram)
 {
@@ -99,7 +101,7 @@ fdb_destination to(destination_kind kind, std::initializer_list<uint8_t> address
 // An entry of the device itself, behind a destination.
 fdb_record own_entry(uint8_t state, const fdb_destination &destination, uint32_t vni = 0, uint32_t source_vni = 0)
 {
-    fdb_record result{.ifindex = 5, .self = true, .state = state, .mac = mac};
+    fdb_record result{.ifindex = 5, .self = true, .state = state, .mac = mac, .updated_ms = aged_ms};
     result.destination = destination;
     result.destination.vni = vni;
     result.source_vni = source_vni;
@@ -143,7 +145,6 @@ TEST(KernelDecode, LinksByKind)
 
 TEST(KernelDecode, EntriesByAttributes)
 {
-    const nda_cacheinfo age{0, 900, 250, 0}; // confirmed, used, updated: 2.5 s ago
     const bytes inactive = attribute(NFEA_ACTIVITY_NOTIFY, bytes_of(uint8_t{3}));
     const struct {
         bytes attributes;
@@ -151,10 +152,10 @@ TEST(KernelDecode, EntriesByAttributes)
         uint16_t ndm_state;
         fdb_record expected;
     } cases[] = {
-        {master + attribute(NDA_VLAN, bytes_of(uint16_t{10})) + attribute(NDA_CACHEINFO, bytes_of(age)),
+        {master + attribute(NDA_VLAN, bytes_of(uint16_t{10})) + age,
          0,
          NUD_REACHABLE,
-         {.ifindex = 5, .master = 2, .state = fdb_reachable, .vlan = 10, .mac = mac, .updated_ms = 97'500}},
+         {.ifindex = 5, .master = 2, .state = fdb_reachable, .vlan = 10, .mac = mac, .updated_ms = aged_ms}},
         {master + attribute(NDA_FLAGS_EXT, bytes_of(uint32_t{2}))
              + attribute(NDA_FDB_EXT_ATTRS | NLA_F_NESTED, inactive),
          NTF_STICKY | NTF_EXT_LEARNED | NTF_OFFLOADED,
@@ -164,12 +165,12 @@ TEST(KernelDecode, EntriesByAttributes)
           .state = fdb_noarp | fdb_stale,
           .flags = fdb_sticky | fdb_extern_learn | fdb_offloaded | fdb_locked | fdb_inactive,
           .mac = mac}},
-        {attribute(NDA_DST, bytes_of(std::array<uint8_t, 4>{10, 0, 0, 9})) + attribute(NDA_VNI, bytes_of(uint32_t{600}))
-             + attribute(NDA_SRC_VNI, bytes_of(uint32_t{500})),
+        {age + attribute(NDA_DST, bytes_of(std::array<uint8_t, 4>{10, 0, 0, 9}))
+             + attribute(NDA_VNI, bytes_of(uint32_t{600})) + attribute(NDA_SRC_VNI, bytes_of(uint32_t{500})),
          NTF_SELF, NUD_PERMANENT, own_entry(fdb_permanent, to(destination_kind::ipv4, {10, 0, 0, 9}), 600, 500)},
-        {attribute(NDA_DST, bytes_of(std::array<uint8_t, 16>{0x20, 1})), NTF_SELF, NUD_REACHABLE,
+        {age + attribute(NDA_DST, bytes_of(std::array<uint8_t, 16>{0x20, 1})), NTF_SELF, NUD_REACHABLE,
          own_entry(fdb_reachable, to(destination_kind::ipv6, {0x20, 1}))},
-        {attribute(NDA_NH_ID, bytes_of(uint32_t{12})), NTF_SELF, NUD_REACHABLE,
+        {age + attribute(NDA_NH_ID, bytes_of(uint32_t{12})), NTF_SELF, NUD_REACHABLE,
          own_entry(fdb_reachable, to(destination_kind::next_hop, {}, 12))},
     };
     for (const auto &each : cases) {
@@ -245,6 +246,7 @@ TEST(KernelDecode, OtherMessages)
         {message(RTM_GETNEIGH, bytes(12)), kernel_message_kind::unrelated, 0},
         {message(RTM_NEWNEIGH, bytes_of(ndmsg{AF_INET, 0, 0, 5, 0, 0, 0})), kernel_message_kind::unrelated, 0},
         {message(RTM_DELLINK, bytes_of(ifinfomsg{AF_BRIDGE, 0, 1, 4, 0, 0})), kernel_message_kind::vlan_vnis, 0},
+        {entry(lladdr, NTF_SELF, NUD_PERMANENT), kernel_message_kind::unrelated, 0}, // a destination would have an age
         {link(attribute(IFLA_WIRELESS, bytes(8))), kernel_message_kind::unrelated, 0},
     };
     for (const auto &each : cases) {

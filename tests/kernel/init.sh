@@ -1,0 +1,42 @@
+#!/bin/bash
+# The guest's first process: loads the modules, runs one case, and powers the guest off. The kernel's command line hands
+# FILE and CASE to its environment. The second serial line carries the case's output; its last line is the verdict.
+export PATH=/bin HOME=/tmp
+
+busybox mount -t proc proc /proc
+busybox mount -t sysfs sysfs /sys
+busybox mount -t devtmpfs devtmpfs /dev
+busybox mount -t tmpfs tmpfs /run
+busybox mount -t tmpfs tmpfs /tmp
+exec </dev/null >/dev/ttyS1 2>&1
+while read -r module; do
+    busybox insmod "/modules/$module.ko" || exit 1 # the kernel panics, and the guest ends without a verdict
+done </modules/order
+
+# Interfaces that speak by themselves would change the tables between two readings.
+echo 1 >/proc/sys/net/ipv6/conf/default/disable_ipv6
+ip link set lo up
+ip addr add 198.51.100.1/32 dev lo
+
+run_case()
+{
+    set -eEuo pipefail
+    trap 'echo "failed: line $LINENO of ${BASH_SOURCE[0]##*/}: $BASH_COMMAND" >&2' ERR
+    source /cases/guest.sh
+    # shellcheck disable=SC1090 # named by the command line
+    source "/cases/$FILE"
+    "case_$CASE"
+    end_daemon
+}
+
+# Not in a condition: that would switch off the end at the first failure.
+(run_case)
+status=$?
+if ((status == 0)); then
+    echo "verdict: passed"
+else
+    tail -n 20 /run/l2fibd.log | sed 's/^/l2fibd: /'
+    echo "verdict: failed"
+fi
+sync
+busybox poweroff -f
