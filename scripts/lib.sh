@@ -34,7 +34,9 @@ build()
     shift
     say "building $preset${*:+: $*}"
     configure "$preset" || return 1
-    cmake --build --preset "$preset" --parallel "$jobs" ${*:+--target "$@"}
+    local targets=()
+    (($# == 0)) || targets=(--target "$@")
+    cmake --build --preset "$preset" --parallel "$jobs" "${targets[@]}"
 }
 
 # Where the results of the last test run of PRESET lie.
