@@ -323,6 +323,7 @@ private:
     uint32_t disagreed_ms_ = 0;         // when the plane was asked for it, as touched_ms
     completeness reported_state_ = completeness::degraded;
     uint64_t lost_since_whole_ = 0;
+    bool has_reported_loss_ = false; // since answers were whole
 
     // Any thread.
     std::vector<bridge_counters> bridge_counters_; // by bridge id

@@ -207,6 +207,11 @@ void feeder::resolve(uint32_t at, const fdb_answer &answer)
 void feeder::changes_lost(uint64_t count)
 {
     lost_since_whole_ += count;
+    if (!std::exchange(has_reported_loss_, true)) {
+        report(severity::warning, "lost " + (count != 0 ? std::to_string(count) : std::string("an unknown number of"))
+                                      + " changes of the forwarding plane (receive buffer overrun); answers are marked "
+                                        "degraded until a full dump has proven the table");
+    }
     begin_doubt();
     follow_state();
 }
@@ -413,16 +418,17 @@ void feeder::follow_state()
     const completeness before = std::exchange(reported_state_, now);
     switch (now) {
     case completeness::degraded:
-        report(severity::warning, (lost_since_whole_ != 0 ? "lost " + std::to_string(lost_since_whole_)
-                                                                + " changes of the forwarding plane (receive buffer "
-                                                                  "overrun); "
-                                                          : std::string())
-                                      + "answers are marked degraded until a full dump has proven the table");
+        if (!has_reported_loss_) {
+            report(severity::warning, "answers are marked degraded until a full dump has proven the table");
+        }
         break;
     case completeness::limited: report(severity::warning, "answers are marked limited: " + reason()); break;
     case completeness::whole: report(severity::info, text_of_recovery(before)); break;
     }
-    lost_since_whole_ = now == completeness::degraded ? lost_since_whole_ : 0;
+    if (now != completeness::degraded) {
+        lost_since_whole_ = 0;
+        has_reported_loss_ = false;
+    }
 }
 
 std::string feeder::text_of_recovery(completeness before) const
@@ -431,7 +437,7 @@ std::string feeder::text_of_recovery(completeness before) const
         return "the table holds all entries again; answers are whole (" + std::to_string(evictions_)
                + " evictions so far)";
     }
-    if (degradations_ == 0) {
+    if (degradations_ == 0 && !has_reported_loss_) {
         return "the forwarding plane has been read: " + plural(copy_.living, "entr");
     }
     return "a full dump has proven the table; answers are whole (" + std::to_string(lost_since_whole_)
