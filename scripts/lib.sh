@@ -27,16 +27,13 @@ configure()
     fi
 }
 
-# build PRESET [TARGET...]: configures build/PRESET and builds the targets there, by default all.
+# build PRESET [TARGET...]: configures build/PRESET and builds the targets there, by default all. No local variables:
+# bash refuses one whose name the caller has made readonly.
 build()
 {
-    local -r preset=$1
-    shift
-    say "building $preset${*:+: $*}"
-    configure "$preset" || return 1
-    local targets=()
-    (($# == 0)) || targets=(--target "$@")
-    cmake --build --preset "$preset" --parallel "$jobs" "${targets[@]}"
+    say "building $*"
+    configure "$1" || return 1
+    cmake --build --preset "$1" --parallel "$jobs" ${2+--target "${@:2}"}
 }
 
 # Where the results of the last test run of PRESET lie.
