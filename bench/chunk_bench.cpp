@@ -1,7 +1,7 @@
-/*
- * Chunk pools next to the general heap: elements of the size of a MAC entry, each written at both ends as soon as it is
- * handed out. Both start every round without memory: the pool is new and the heap is trimmed.
- */
+// SPDX-License-Identifier: Apache-2.0
+
+// Chunk pools next to the general heap: elements of the size of a MAC entry, each written at both ends as soon as it is
+// handed out. Both start every round without memory: the pool is new and the heap is trimmed.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -17,8 +17,8 @@
 
 namespace {
 
-constexpr std::uint32_t element_size = 88;
-constexpr std::uint32_t element_count = 1000;
+constexpr uint32_t element_size = 88;
+constexpr uint32_t element_count = 1000;
 
 struct pool_source {
     chunk_pool_t *pool = chunk_create("bench", element_size, element_count, CHUNK_ZEROED_GROWABLE, 0, 0);
@@ -58,7 +58,7 @@ void give_all(const source &to, const std::vector<char *> &elements)
 
 std::vector<char *> elements_for(const benchmark::State &state)
 {
-    return std::vector<char *>(static_cast<std::size_t>(state.range(0)));
+    return std::vector<char *>(static_cast<size_t>(state.range(0)));
 }
 
 template <typename source>
@@ -81,7 +81,7 @@ void hand_out(benchmark::State &state)
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-/* The distribution of single hand-outs, the clock included. */
+// The distribution of single hand-outs, the clock included.
 template <typename source>
 void slowest(benchmark::State &state)
 {
@@ -99,7 +99,7 @@ void slowest(benchmark::State &state)
     }
     std::sort(times.begin(), times.end());
     const auto percentile = [&](double part) {
-        return times[static_cast<std::size_t>(part * static_cast<double>(times.size() - 1))];
+        return times[static_cast<size_t>(part * static_cast<double>(times.size() - 1))];
     };
     state.counters["median_ns"] = percentile(0.5);
     state.counters["p99_ns"] = percentile(0.99);

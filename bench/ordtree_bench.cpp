@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The host's ordered tree beside the containers that one would take otherwise, all on records of the same size.
 //
 // Records lie in one array, in the order of their arrival, with random keys over one tree or over 320. One iteration is
@@ -31,15 +33,15 @@
 namespace {
 
 using bench::measure;
-using key_type = std::uint64_t;
+using key_type = uint64_t;
 
-constexpr std::size_t record_size = 88;
+constexpr size_t record_size = 88;
 
 // A record as large as a cached address, behind whatever a container wants to embed.
 template <typename Hook>
 struct record : Hook {
-    std::uint8_t address[6];
-    std::uint32_t tree;
+    uint8_t address[6];
+    uint32_t tree;
     char rest[record_size - sizeof(Hook) - 12];
 };
 
@@ -51,7 +53,7 @@ template <typename Record>
 key_type key_of(const Record &of)
 {
     key_type key = 0;
-    std::memcpy(&key, of.address, sizeof of.address);
+    std::memcpy(&key, of.address, sizeof(of.address));
     return __builtin_bswap64(key) >> 16;
 }
 
@@ -59,7 +61,7 @@ template <typename Record>
 void set_key(Record &of, key_type key)
 {
     key = __builtin_bswap64(key << 16);
-    std::memcpy(of.address, &key, sizeof of.address);
+    std::memcpy(of.address, &key, sizeof(of.address));
 }
 
 template <bool Described>
@@ -101,7 +103,7 @@ public:
     }
 
 private:
-    static std::uint32_t compare(const ordtree_link_t *first, const ordtree_link_t *second)
+    static uint32_t compare(const ordtree_link_t *first, const ordtree_link_t *second)
     {
         const int order =
             std::memcmp(static_cast<const element *>(first)->address, static_cast<const element *>(second)->address, 6);
@@ -243,7 +245,7 @@ public:
     using element = typename Container::element;
     static_assert(sizeof(element) == record_size);
 
-    population(std::size_t count, std::size_t trees, bool sorted)
+    population(size_t count, size_t trees, bool sorted)
         : records(count)
         , containers(std::make_unique<Container[]>(trees))
         , container_count(trees)
@@ -254,12 +256,12 @@ public:
         if (sorted) {
             std::sort(keys.begin(), keys.end());
         }
-        for (std::size_t i = 0; i < count; ++i) {
+        for (size_t i = 0; i < count; i++) {
             set_key(records[i], keys[i]);
-            records[i].tree = static_cast<std::uint32_t>(random() % trees);
+            records[i].tree = static_cast<uint32_t>(random() % trees);
         }
-        for (std::size_t i = 0; i < count; ++i) {
-            order.push_back({keys[i], records[i].tree, static_cast<std::uint32_t>(i)});
+        for (size_t i = 0; i < count; i++) {
+            order.push_back({keys[i], records[i].tree, static_cast<uint32_t>(i)});
         }
         std::shuffle(order.begin(), order.end(), random);
     }
@@ -273,28 +275,27 @@ public:
 
     void drain()
     {
-        for (std::size_t i = 0; i < container_count; ++i) {
+        for (size_t i = 0; i < container_count; i++) {
             containers[i].drain();
         }
     }
 
     struct question {
         key_type key;
-        std::uint32_t tree;
-        std::uint32_t record;
+        uint32_t tree;
+        uint32_t record;
     };
 
     std::vector<element> records;
     std::vector<question> order; // of random access, other than the order of arrival
     std::unique_ptr<Container[]> containers;
-    std::size_t container_count;
+    size_t container_count;
 };
 
 template <typename Container, bool Sorted>
 void insert(benchmark::State &state)
 {
-    population<Container> all(static_cast<std::size_t>(state.range(0)), static_cast<std::size_t>(state.range(1)),
-                              Sorted);
+    population<Container> all(static_cast<size_t>(state.range(0)), static_cast<size_t>(state.range(1)), Sorted);
     for (auto _ : state) {
         measure(state, [&] { all.fill(); });
         all.drain();
@@ -305,8 +306,7 @@ void insert(benchmark::State &state)
 template <typename Container, bool Walking>
 void erase(benchmark::State &state)
 {
-    population<Container> all(static_cast<std::size_t>(state.range(0)), static_cast<std::size_t>(state.range(1)),
-                              false);
+    population<Container> all(static_cast<size_t>(state.range(0)), static_cast<size_t>(state.range(1)), false);
     for (auto _ : state) {
         all.fill();
         measure(state, [&] {
@@ -327,8 +327,7 @@ enum class lookup { hit, miss, successor };
 template <typename Container, lookup What>
 void look_up(benchmark::State &state)
 {
-    population<Container> all(static_cast<std::size_t>(state.range(0)), static_cast<std::size_t>(state.range(1)),
-                              false);
+    population<Container> all(static_cast<size_t>(state.range(0)), static_cast<size_t>(state.range(1)), false);
     all.fill();
     for (auto _ : state) {
         measure(state, [&] {
@@ -346,13 +345,12 @@ void look_up(benchmark::State &state)
 template <typename Container>
 void walk(benchmark::State &state)
 {
-    population<Container> all(static_cast<std::size_t>(state.range(0)), static_cast<std::size_t>(state.range(1)),
-                              false);
+    population<Container> all(static_cast<size_t>(state.range(0)), static_cast<size_t>(state.range(1)), false);
     all.fill();
     for (auto _ : state) {
         measure(state, [&] {
-            std::uint64_t sum = 0;
-            for (std::size_t i = 0; i < all.container_count; ++i) {
+            uint64_t sum = 0;
+            for (size_t i = 0; i < all.container_count; i++) {
                 all.containers[i].walk([&sum](const auto &each) { sum += each.address[5] + each.tree; });
             }
             benchmark::DoNotOptimize(sum);
@@ -365,8 +363,8 @@ void walk(benchmark::State &state)
 void register_one(const std::string &work, const char *container, void (*function)(benchmark::State &))
 {
     auto *const made = benchmark::RegisterBenchmark((work + "/" + container).c_str(), function);
-    for (const std::int64_t trees : {1, 320}) {
-        for (const std::int64_t count : {1'000, 10'000, 100'000, 1'000'000}) {
+    for (const int64_t trees : {1, 320}) {
+        for (const int64_t count : {1'000, 10'000, 100'000, 1'000'000}) {
             made->Args({count, trees});
         }
     }

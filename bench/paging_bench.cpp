@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A whole table asked for in pages through the operational database, as an operator's command does: by bridge domain,
 // by port, in order of creation. Figures are of one item and of one page, from the request to the item in the
 // requester's hands; `locked` is the share of the time in which the requests held the table lock, which is when a feed
@@ -9,8 +11,8 @@
 #include <dlfcn.h>
 
 #include "bench/random_table.h"
-#include "host/event_host.h"
-#include "host/operational_db_host.h"
+#include "host/database/operational_db_host.h"
+#include "host/event/event_host.h"
 #include "l2fm_edm_table.h"
 
 namespace {

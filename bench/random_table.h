@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The table that benchmarks work on: random unicast addresses over 10 bridge domains of 32 ports.
 #pragma once
 
@@ -7,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "host/l2fib_objects.h"
+#include "host/objects/l2fib_objects.h"
 #include "l2fib_mac_edm.h"
 
 namespace bench {
@@ -24,7 +26,7 @@ inline std::vector<l2fib_mac_edm_entry_t> make_entries(size_t count)
         const uint64_t bits = random() & ~uint64_t{1}; // unicast
         entry.bridge_id = static_cast<uint16_t>(1 + random() % bridge_domains);
         entry.xcid = static_cast<uint32_t>(entry.bridge_id * uint64_t{1000} + random() % ports_of_bd);
-        std::memcpy(entry.mac_addr, &bits, sizeof entry.mac_addr);
+        std::memcpy(entry.mac_addr, &bits, sizeof(entry.mac_addr));
     }
     return entries;
 }

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The table under the work it exists for: random unicast addresses over 10 bridge domains of 32 ports, fed one by one
 // through the exported interface, looked up, walked, marked and swept. Every figure is the time of one entry.
 #include <benchmark/benchmark.h>
@@ -11,8 +13,8 @@
 
 #include "bench/random_table.h"
 #include "bench/thread_time.h"
-#include "host/chunk_statistics.h"
-#include "host/ordtree_audit.h"
+#include "host/pool/chunk_statistics.h"
+#include "host/tree/ordtree_audit.h"
 #include "l2fm_edm_table.h"
 #include "platform/l2fib.h"
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Time on the processor: on a machine that others use, the time on the wall says little.
 #pragma once
 

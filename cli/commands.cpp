@@ -1,12 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "cli/commands.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "cli/bridge_form.h"
 #include "cli/failure.h"
-#include "cli/plans.h"
-#include "cli/printer.h"
+#include "cli/output/bridge_form.h"
+#include "cli/output/printer.h"
+#include "cli/query/plans.h"
 
 namespace l2fibctl {
 

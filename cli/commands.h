@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The commands: which resources each asks for, and how the items that come pass to the printer.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // How the client ends. Scripts rely on these numbers, and --help lists them.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // l2fibctl: shows what l2fibd knows. A thin client of its HTTP API (docs/api.md); docs/operations.md tells its use.
 
 #include <csignal>
@@ -6,10 +8,10 @@
 #include <string>
 #include <string_view>
 
+#include "base/standard_streams.h"
 #include "cli/commands.h"
 #include "cli/failure.h"
 #include "cli/options.h"
-#include "daemon/standard_streams.h"
 
 namespace {
 
@@ -27,7 +29,7 @@ void complain(std::string_view lines)
 
 int main(int argc, char **argv)
 {
-    l2fibd::hold_standard_streams();
+    base::hold_standard_streams();
     // A reader that has gone is noticed where its output is written.
     std::signal(SIGPIPE, SIG_IGN);
     try {

@@ -1,12 +1,14 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "cli/options.h"
 
 #include <CLI/CLI.hpp>
 #include <iostream>
 #include <sys/un.h>
 
+#include "base/standard_streams.h"
+#include "base/text.h"
 #include "cli/failure.h"
-#include "daemon/standard_streams.h"
-#include "daemon/text.h"
 
 namespace l2fibctl {
 
@@ -25,22 +27,22 @@ constexpr char last_seen_word[] = "last-seen";
 constexpr char created_word[] = "created";
 
 constexpr size_t longest_name = 255; // longer than any, and short enough for a request
-constexpr size_t longest_path = sizeof sockaddr_un{}.sun_path - 1;
+constexpr size_t longest_path = sizeof(sockaddr_un::sun_path) - 1;
 
 // Turns an address into the API's form.
 std::string to_address(std::string &text)
 {
-    const auto address = l2fibd::parse_mac(text);
+    const auto address = base::parse_mac(text);
     if (!address) {
         return "\"" + text + "\": expected an address such as 02:00:00:00:00:01 or 0200.0000.0001";
     }
-    text = l2fibd::mac_text(*address);
+    text = base::mac_text(*address);
     return "";
 }
 
 std::string check_ipv4(const std::string &text)
 {
-    return l2fibd::parse_ipv4(text) ? "" : "\"" + text + "\": expected an IPv4 address such as 192.0.2.1";
+    return base::parse_ipv4(text) ? "" : "\"" + text + "\": expected an IPv4 address such as 192.0.2.1";
 }
 
 // `what` names what is checked, such as "a name".
@@ -57,7 +59,7 @@ CLI::Validator length_up_to(size_t most, const std::string &what)
 CLI::Validator number_up_to(uint64_t most)
 {
     const auto check = [most](const std::string &text) {
-        const auto number = l2fibd::parse_number(text, most);
+        const auto number = base::parse_number(text, most);
         const bool fits = number && *number != 0;
         return fits ? "" : "\"" + text + "\": expected a number from 1 to " + std::to_string(most);
     };
@@ -193,7 +195,7 @@ int complain(const std::string &message)
 int help(const CLI::App &app, const CLI::ParseError &asked)
 {
     const int status = app.exit(asked);
-    if (const std::string error = l2fibd::finish_standard_output(); !error.empty()) {
+    if (const std::string error = base::finish_standard_output(); !error.empty()) {
         std::cerr << "l2fibctl: " << error << "\n";
         return static_cast<int>(ending::cut);
     }

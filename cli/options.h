@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The operator's command line.
 //
 // Threads: the main one.
@@ -7,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "cli/printer.h"
+#include "cli/output/printer.h"
 
 namespace l2fibctl {
 

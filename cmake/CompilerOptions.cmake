@@ -1,9 +1,14 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # Compiler flags shared by every target of ours, as two interface targets: one for warnings and sanitizers, one for
 # the way shared libraries are linked.
 
 set(common_warnings
     -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Wcast-align -Wcast-qual -Wformat=2
-    -Wimplicit-fallthrough -Wundef -Wvla -Werror)
+    -Wimplicit-fallthrough -Wundef -Wvla)
+if(L2FIB_WERROR)
+    list(APPEND common_warnings -Werror)
+endif()
 set(c_warnings -Wstrict-prototypes -Wmissing-prototypes)
 set(cxx_warnings -Wnon-virtual-dtor -Woverloaded-virtual)
 set(gcc_warnings -Wduplicated-cond -Wlogical-op)

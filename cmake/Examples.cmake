@@ -1,6 +1,8 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # Each examples/*.c is one C11 program: the interface as an integrator sees it.
 
-if(TARGET l2fib_mac_edm AND TARGET l2fib_host)
+if(L2FIB_HOST)
     file(GLOB example_sources CONFIGURE_DEPENDS "${PROJECT_SOURCE_DIR}/examples/*.c")
     foreach(source IN LISTS example_sources)
         cmake_path(GET source STEM name)

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 foreach(library IN ITEMS l2fib_host l2fib_mac_edm)
     if(TARGET ${library})
         install(TARGETS ${library} LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}")

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "daemon/log.h"
 
 #include <poll.h>
@@ -16,8 +18,8 @@
 #include <thread>
 #include <utility>
 
+#include "base/visible.h"
 #include "daemon/log_limit.h"
-#include "daemon/visible.h"
 #include "host/never_destroyed.h"
 
 namespace l2fibd {
@@ -248,7 +250,7 @@ void log(log_level level, std::string_view line) noexcept
         return;
     }
     try {
-        const log_line shown{level, visible(line)};
+        const log_line shown{level, base::visible(line)};
         if (!enqueue(shown)) {
             write_directly(shown);
         }

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The daemon's log: one line each on standard error, where the service manager collects them. Control characters and
 // invalid UTF-8 are made visible, so that no text breaks a line or disturbs a terminal.
 //

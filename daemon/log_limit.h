@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Decides which lines of the log are written, so that a flood neither fills the disk nor hides what matters.
 //
 // - A line that repeats one of the last few different lines is counted, not written. One line says how often it came.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // l2fibd: the forwarding process. It starts the module on a forwarding plane and serves its API until it is told to
 // end.
 //
@@ -11,15 +13,15 @@
 #include <exception>
 #include <iostream>
 
-#include "daemon/api_error.h"
-#include "daemon/database.h"
-#include "daemon/descriptors.h"
-#include "daemon/health.h"
-#include "daemon/http_server.h"
+#include "base/standard_streams.h"
+#include "daemon/api/api_error.h"
+#include "daemon/api/database.h"
+#include "daemon/api/health.h"
+#include "daemon/http/descriptors.h"
+#include "daemon/http/http_server.h"
+#include "daemon/http/unix_socket.h"
 #include "daemon/log.h"
 #include "daemon/options.h"
-#include "daemon/standard_streams.h"
-#include "daemon/unix_socket.h"
 #include "forwarding/forwarding.h"
 
 namespace {
@@ -70,7 +72,7 @@ int check(const l2fibd::settings &settings)
     try {
         l2fibd::resync_all();
         std::cout << l2fibd::health_text() << '\n';
-        if (const std::string error = l2fibd::finish_standard_output(); !error.empty()) {
+        if (const std::string error = base::finish_standard_output(); !error.empty()) {
             status = failed(error);
         }
     } catch (const l2fibd::api_error &error) {
@@ -133,7 +135,7 @@ int serve(const l2fibd::settings &settings, const sigset_t &signals)
 
 int main(int argc, char **argv)
 {
-    l2fibd::hold_standard_streams();
+    base::hold_standard_streams();
     try {
         l2fibd::settings settings;
         if (const auto status = l2fibd::read_command_line(argc, argv, settings)) {

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "daemon/options.h"
 
 #include <sys/stat.h>
@@ -6,10 +8,10 @@
 
 #include <CLI/CLI.hpp>
 
-#include "daemon/standard_streams.h"
-#include "daemon/text.h"
-#include "daemon/unix_socket.h"
-#include "forwarding/generate.h"
+#include "base/standard_streams.h"
+#include "base/text.h"
+#include "daemon/http/unix_socket.h"
+#include "forwarding/generated/generate.h"
 
 namespace l2fibd {
 
@@ -27,7 +29,7 @@ template <typename Number>
 void add_number(CLI::App &app, const std::string &name, Number &to, Number most, const std::string &description)
 {
     const auto set = [name, &to, most](const std::string &text) {
-        const auto number = parse_number(text, most);
+        const auto number = base::parse_number(text, most);
         if (!number || *number == 0) {
             refuse(name, text, "expected a number from 1 to " + std::to_string(most));
         }
@@ -201,7 +203,7 @@ std::optional<int> read_command_line(int argc, char **argv, settings &into)
         settle_plane(app, into);
     } catch (const CLI::Success &asked) {
         const int status = app.exit(asked);
-        const std::string error = finish_standard_output();
+        const std::string error = base::finish_standard_output();
         if (!error.empty()) {
             log(log_level::error, error);
         }

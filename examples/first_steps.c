@@ -1,3 +1,5 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /*
  * First steps with the table: start it, feed what the hardware holds, and drop what it holds no longer.
  *
@@ -47,9 +49,9 @@ uint32_t l2fib_access_field(uint32_t object_class, const l2fib_ctx_t *ctx, uint3
     const uint32_t number = 1;
     (void)ctx;
     if (object_class == L2FIB_CLASS_BRIDGE_DOMAIN && field == L2FIB_FIELD_BD_NAME) {
-        memcpy(value, name, sizeof name);
+        memcpy(value, name, sizeof(name));
     } else {
-        memcpy(value, &number, sizeof number);
+        memcpy(value, &number, sizeof(number));
     }
     return KNOWN;
 }

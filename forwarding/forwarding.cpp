@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "forwarding/forwarding.h"
 
 #include <algorithm>
@@ -8,20 +10,18 @@
 #include <shared_mutex>
 #include <unistd.h>
 
-#include "forwarding/asking.h"
-#include "forwarding/feeder.h"
-#include "forwarding/generate.h"
-#include "forwarding/replay.h"
+#include "forwarding/feeder/asking.h"
+#include "forwarding/feeder/feeder.h"
+#include "forwarding/generated/generate.h"
+#include "forwarding/kernel/kernel_plane.h"
+#include "forwarding/kernel/kernel_socket.h"
+#include "forwarding/recorded/replay.h"
 #include "forwarding/running.h"
-#include "host/event_host.h"
-#include "host/l2fib_host.h"
-#include "host/operational_db_host.h"
+#include "host/database/operational_db_host.h"
+#include "host/event/event_host.h"
+#include "host/objects/l2fib_host.h"
 #include "l2fm_edm_table.h"
 #include "platform/event.h"
-#ifdef L2FIB_KERNEL_PLANE
-#include "forwarding/kernel_plane.h"
-#include "forwarding/kernel_socket.h"
-#endif
 
 namespace forwarding {
 namespace {
@@ -119,16 +119,11 @@ std::unique_ptr<plane> generated(const options &options, std::string &error)
     return make_generated_plane(fabric);
 }
 
-std::unique_ptr<plane> kernel([[maybe_unused]] const options &options, [[maybe_unused]] std::string &error)
+std::unique_ptr<plane> kernel(const options &options, std::string &error)
 {
-#ifdef L2FIB_KERNEL_PLANE
     auto made = make_kernel_plane({.receive_buffer = options.receive_buffer, .netns = options.netns});
     error = kernel_give_up_capabilities();
     return error.empty() ? std::move(made) : nullptr;
-#else
-    error = "this program was built without the kernel's forwarding plane";
-    return nullptr;
-#endif
 }
 
 std::unique_ptr<plane> make_plane(const options &options, std::string &error)
@@ -246,7 +241,7 @@ release_report end_module()
 std::string default_group()
 {
     char name[256] = {};
-    if (gethostname(name, sizeof name - 1) != 0 || name[0] == 0) {
+    if (gethostname(name, sizeof(name) - 1) != 0 || name[0] == 0) {
         return "host";
     }
     std::string group(name, std::min(std::strlen(name), max_group_name));

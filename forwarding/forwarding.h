@@ -1,9 +1,11 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The forwarding process's whole use of this directory: starts the module on a forwarding plane, ends it, and tells
 // what goes on meanwhile.
 //
 //     forwarding::options options;
 //     if (const std::string error = forwarding::start(options); !error.empty()) { ... }
-//     ... requests to the operational database (host/operational_db_host.h) ...
+//     ... requests to the operational database (host/database/operational_db_host.h) ...
 //     const forwarding::release_report report = forwarding::stop();
 //
 // One at a time in a process. start and stop are for one thread; the views are for any thread at any time, and empty

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "forwarding/mapping.h"
 
 #include <algorithm>
@@ -170,11 +172,11 @@ void set_destination(const fdb_destination &destination, l2fib_mac_edm_entry_t &
     switch (destination.kind) {
     case destination_kind::ipv4:
         to.flags |= EDM_MAC_VNI;
-        std::memcpy(to.vtep_addr, destination.address.data(), sizeof to.vtep_addr);
+        std::memcpy(to.vtep_addr, destination.address.data(), sizeof(to.vtep_addr));
         break;
     case destination_kind::backbone:
         to.flags |= EDM_MAC_PBB;
-        std::memcpy(to.bmac_addr, destination.address.data(), sizeof to.bmac_addr);
+        std::memcpy(to.bmac_addr, destination.address.data(), sizeof(to.bmac_addr));
         break;
     default: break;
     }
@@ -190,7 +192,7 @@ void build(const table_copy &copy, const copy_entry &entry, int64_t epoch_offset
     to.ext_attr = record.vlan;
     to.xcid = port.xcid;
     to.bridge_id = copy.domains[port.domain].bridge_id;
-    std::memcpy(to.mac_addr, record.mac.data(), sizeof to.mac_addr);
+    std::memcpy(to.mac_addr, record.mac.data(), sizeof(to.mac_addr));
     set_timestamp(record, epoch_offset_ms, to);
     set_destination(record.destination, to);
     if (const uint32_t joined = joined_entry(copy, entry); joined != no_slot) {

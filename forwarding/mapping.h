@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // How the kernel's terms become the module's: flags, descriptors, names and ids.
 //
 //      bridge interface, VLAN      bridge id, full name
@@ -12,7 +14,7 @@
 #include <unordered_set>
 
 #include "forwarding/table_copy.h"
-#include "host/l2fib_objects.h"
+#include "host/objects/l2fib_objects.h"
 #include "l2fib_mac_edm.h"
 
 namespace forwarding {

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The seam to a forwarding plane: plain records of links and forwarding entries, the interface of whoever holds them
 // (plane), and the interface of whoever wants them (sink).
 //

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // forwarding.h for a plane of one's own: tests, and who embeds another plane.
 #pragma once
 

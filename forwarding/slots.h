@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Two containers of numbered slots: records that never move, and an index that finds them by a hash of their key. Both
 // grow in large steps, so that telling and feeding an entry allocates nothing by itself.
 #pragma once
@@ -81,7 +83,7 @@ public:
         if ((used_ + 1) * 8 > cells_.size() * 5) {
             grow();
         }
-        ++used_;
+        used_++;
         put(hash, slot);
     }
 
@@ -92,7 +94,7 @@ public:
             at = (at + 1) & mask();
         }
         close_gap(at);
-        --used_;
+        used_--;
     }
 
 private:

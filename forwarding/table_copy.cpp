@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "forwarding/table_copy.h"
 
 #include <algorithm>
@@ -37,7 +39,7 @@ uint32_t hash_of(const fdb_key &key)
     hash = mix(hash, key.holder | (uint64_t{key.source_vni} << 32));
     if (key.destination.kind != destination_kind::none) {
         uint64_t halves[2];
-        std::memcpy(halves, key.destination.address.data(), sizeof halves);
+        std::memcpy(halves, key.destination.address.data(), sizeof(halves));
         hash = mix(mix(mix(hash, halves[0]), halves[1]), key.destination.next_hop);
         hash = mix(hash, key.destination.vni | (uint64_t{key.destination.port} << 32));
     }
@@ -473,7 +475,7 @@ void table_copy::fdb_gone(const fdb_record &record)
 {
     const uint32_t entry = find(key_of(record));
     if (entry == no_slot || !entries[entry].alive || entries[entry].record.ifindex != record.ifindex) {
-        ++unchanged;
+        unchanged++;
         return;
     }
     remove(entry);
@@ -490,7 +492,7 @@ void table_copy::enter(uint32_t entry, const fdb_record &record)
 {
     entries[entry].record = record;
     entries[entry].alive = true;
-    ++living;
+    living++;
     link_to_port(entry, port_at(place_of(record)));
     listener_.entry_touched(entry);
     affect_group(entries[entry].group, entry);
@@ -500,7 +502,7 @@ void table_copy::update(uint32_t entry, const fdb_record &record)
 {
     copy_entry &known = entries[entry];
     if (equal_but_age(known.record, record)) {
-        ++unchanged;
+        unchanged++;
         const bool has_aged = record.updated_ms != 0 && record.updated_ms != known.record.updated_ms;
         known.record.updated_ms = has_aged ? record.updated_ms : known.record.updated_ms;
         listener_.entry_confirmed(entry, has_aged);
@@ -525,7 +527,7 @@ void table_copy::remove(uint32_t entry)
     unlink_from_port(entry);
     gone.alive = false;
     gone.listed_only = false;
-    --living;
+    living--;
     listener_.entry_touched(entry);
     affect_group(group, entry);
 }
@@ -545,7 +547,7 @@ void table_copy::link_to_port(uint32_t entry, uint32_t port)
     added.next = no_slot;
     (to.last != no_slot ? entries[to.last].next : to.first) = entry;
     to.last = entry;
-    ++to.entries;
+    to.entries++;
     if (to.key.kind == link_kind::vxlan && to.domain != no_slot) {
         join_group(entry);
     }
@@ -559,7 +561,7 @@ void table_copy::unlink_from_port(uint32_t entry)
     (removed.prev != no_slot ? entries[removed.prev].next : from.first) = removed.next;
     (removed.next != no_slot ? entries[removed.next].prev : from.last) = removed.prev;
     removed.port = removed.next = removed.prev = no_slot;
-    --from.entries;
+    from.entries--;
 }
 
 // ---- Groups ----
@@ -615,7 +617,7 @@ void table_copy::affect_group(uint32_t group, uint32_t except)
         if (entry != except) {
             listener_.entry_affected(entry);
         }
-        --most;
+        most--;
     }
 }
 
@@ -623,7 +625,7 @@ void table_copy::affect_group(uint32_t group, uint32_t except)
 
 void table_copy::generation_begun()
 {
-    ++generation_;
+    generation_++;
     listener_.generation_begun();
 }
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The plain copy of what a forwarding plane holds: links, entries, and what they hang together by. Written once for all
 // planes; it knows neither the module nor the host.
 //
@@ -191,7 +193,7 @@ public:
     template <typename Visit>
     void for_each_entry(Visit visit)
     {
-        for (uint32_t at = 0; at < entries.bound(); ++at) {
+        for (uint32_t at = 0; at < entries.bound(); at++) {
             if (entries[at].alive) {
                 visit(at);
             }

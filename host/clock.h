@@ -1,6 +1,7 @@
-/* The system's clocks, in nanoseconds. */
-#ifndef L2FIB_HOST_CLOCK_H
-#define L2FIB_HOST_CLOCK_H
+// SPDX-License-Identifier: Apache-2.0
+
+// The system's clocks, in nanoseconds.
+#pragma once
 
 #include <cstdint>
 #include <time.h>
@@ -17,5 +18,3 @@ inline uint64_t clock_ns(clockid_t clock)
 }
 
 } // namespace host
-
-#endif

@@ -1,11 +1,10 @@
-/*
- * Records known outside by a number: never 0, and not given out again before four thousand million others were, so
- * that a number kept for too long is unknown instead of somebody else's.
- *
- * Threads: the owner's lock guards a table. Insertion throws std::bad_alloc and changes nothing then.
- */
-#ifndef L2FIB_HOST_HANDLE_TABLE_H
-#define L2FIB_HOST_HANDLE_TABLE_H
+// SPDX-License-Identifier: Apache-2.0
+
+// Records known outside by a number: never 0, and not given out again before four thousand million others were, so
+// that a number kept for too long is unknown instead of somebody else's.
+//
+// Threads: the owner's lock guards a table. Insertion throws std::bad_alloc and changes nothing then.
+#pragma once
 
 #include <cstdint>
 #include <unordered_map>
@@ -21,7 +20,7 @@ struct handle_table {
     uint32_t insert(Record record)
     {
         do {
-            ++last;
+            last++;
         } while (last == 0 || records.contains(last));
         records.emplace(last, std::move(record));
         return last;
@@ -51,5 +50,3 @@ inline uint32_t handle_of(const void *pointer)
 }
 
 } // namespace host
-
-#endif

@@ -1,13 +1,14 @@
-/* Static objects that outlive everything: threads may run on when main has returned. */
-#ifndef L2FIB_HOST_NEVER_DESTROYED_H
-#define L2FIB_HOST_NEVER_DESTROYED_H
+// SPDX-License-Identifier: Apache-2.0
+
+// Static objects that outlive everything: threads may run on when main has returned.
+#pragma once
 
 #include <cstddef>
 #include <new>
 
 namespace host {
 
-/* As the type of a static variable: `object` is there from the first use on, in memory that nobody could refuse. */
+// As the type of a static variable: `object` is there from the first use on, in memory that nobody could refuse.
 template <typename Object>
 struct never_destroyed {
     alignas(Object) std::byte memory[sizeof(Object)];
@@ -15,5 +16,3 @@ struct never_destroyed {
 };
 
 } // namespace host
-
-#endif

@@ -1,6 +1,7 @@
-/* Keeps exceptions inside: a function of the C interface that allocates runs its body through here. */
-#ifndef L2FIB_HOST_OUT_OF_MEMORY_H
-#define L2FIB_HOST_OUT_OF_MEMORY_H
+// SPDX-License-Identifier: Apache-2.0
+
+// Keeps exceptions inside: a function of the C interface that allocates runs its body through here.
+#pragma once
 
 #include <cerrno>
 #include <cstdint>
@@ -8,7 +9,7 @@
 
 namespace host {
 
-/* The body's status, or ENOMEM when it ran out of memory; the body has undone what it did by then. */
+// The body's status, or ENOMEM when it ran out of memory; the body has undone what it did by then.
 template <typename Body>
 uint32_t or_out_of_memory(Body body) noexcept
 {
@@ -20,5 +21,3 @@ uint32_t or_out_of_memory(Body body) noexcept
 }
 
 } // namespace host
-
-#endif

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The hosting process's side of the platform utilities: which node it runs on, which nodes its interfaces belong to,
 // and which threads wait for a lock right now.
 //

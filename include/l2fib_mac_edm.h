@@ -1,3 +1,5 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /*
  * The hardware MAC-table data manager: the interface to the forwarding process and to the platform layer that drives
  * the forwarding hardware. Read this header first; l2fm_edm_table.h tells what the cache holds and how to read it.
@@ -28,8 +30,7 @@
  * Failures are also trace points, except for most of those that are the caller's own: a null argument, a callback table
  * with an empty slot, a number out of range.
  */
-#ifndef L2FIB_MAC_EDM_H
-#define L2FIB_MAC_EDM_H
+#pragma once
 
 #include "platform/event.h"
 #include "platform/export.h"
@@ -330,5 +331,3 @@ L2FIB_EXPORT extern uint32_t l2fib_mac_entry_type;
 L2FIB_EXPORT extern uint32_t l2fib_evt_mstp_type;
 
 L2FIB_END_DECLS
-
-#endif

@@ -1,3 +1,5 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /*
  * The cache: what records it holds, how to find, walk, create and destroy them.
  *
@@ -35,8 +37,7 @@
  * Null arguments are answered by null or a status, by lookups silently; a tree that does not run by a trace point and
  * null.
  */
-#ifndef L2FM_EDM_TABLE_H
-#define L2FM_EDM_TABLE_H
+#pragma once
 
 #include "l2fib_mac_edm.h"
 #include "platform/export.h"
@@ -375,5 +376,3 @@ L2FIB_EXPORT uint32_t l2fm_edm_table_vtep_destroy(l2fm_edm_vtep_t *vtep, l2fm_ed
 L2FIB_EXPORT void l2fib_mac_edm_vtep_free(l2fm_edm_vtep_t *vtep);
 
 L2FIB_END_DECLS
-
-#endif

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # shellcheck shell=bash
 # Shared by the scripts of this directory and by .ci/run: sourced, never run. It moves to the root of the repository,
 # so that the scripts work from anywhere.

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # shellcheck shell=bash
 # A small fabric of the kernel's own, for scripts/run and the system tests: two leaves, each a namespace with a bridge,
 # joined by VXLAN over a link between them, and two hosts on each that have talked to each other. Sourced, never run;

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # Compares what LIBRARY exports (told by NM) with the names in LIST, one a line, "#" starting a comment. Prints what
 # is missing and what is extra.
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The hardware MAC feed: files what the platform reports. One call is one critical section, so that nobody sees a
 // half-filed entry.
 #include "l2fm_edm_table.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Mark and sweep: how entries go that the hardware holds no longer. Each operation is two walks, and each walk one
 // critical section; a feed may come between them. Marking takes VTEPs first, sweeping takes MAC entries first.
 #include "l2fm_edm_table.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What the module's threads share about its start, and nobody outside sees. The exported objects are declared in
 // l2fib_mac_edm.h.
 #pragma once

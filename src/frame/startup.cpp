@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The start of the module, as the forwarding process calls it.
 #include <cstdint>
 

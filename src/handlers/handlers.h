@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The twelve handlers of the operational database, as the sibling library calls them: on Mac-Edm-Thread, one request at
 // a time, without any lock held. platform/l2fib.h describes their arguments and results, registration.cpp their slots.
 #pragma once

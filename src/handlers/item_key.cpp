@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "handlers/item_key.h"
 
 #include <arpa/inet.h>
@@ -14,7 +16,7 @@ namespace edm {
 namespace {
 
 constexpr unsigned mac_words = 3;
-constexpr size_t mac_words_size = sizeof "ffff,ffff,ffff";
+constexpr size_t mac_words_size = sizeof("ffff,ffff,ffff");
 
 // Writes lower-case hexadecimal without leading zeros beyond `least_digits`; returns its end.
 char *put_hex(char *out, uint32_t value, unsigned least_digits = 1)
@@ -53,8 +55,8 @@ std::string_view take_part(std::string_view &name)
 
 void print_tail(mac_item_names::tail &tail, const l2fm_edm_bd_t *bd, domain_part rule)
 {
-    static_assert(sizeof tail.text >= EDM_BD_NAME_SIZE + 2, "two commas for at least no colon");
-    static_assert(item_name_size >= mac_words_size + sizeof tail.text, "a whole name fits");
+    static_assert(sizeof(tail.text) >= EDM_BD_NAME_SIZE + 2, "two commas for at least no colon");
+    static_assert(item_name_size >= mac_words_size + sizeof(tail.text), "a whole name fits");
     const name_parts parts = split_full_name(bd->bd_name, rule);
     char *out = tail.text;
     *out++ = ',';
@@ -78,9 +80,9 @@ const char *print_mac_item_name(mac_item_names &names, const l2fm_edm_bd_t *bd, 
     if (tail.bd != bd) {
         print_tail(tail, bd, names.rule);
     }
-    const size_t length = l2fib_hw_mac_to_item_key(mac, names.text, sizeof names.text);
+    const size_t length = l2fib_hw_mac_to_item_key(mac, names.text, sizeof(names.text));
     // A constant size is copied without a call.
-    std::memcpy(names.text + length, tail.text, sizeof tail.text);
+    std::memcpy(names.text + length, tail.text, sizeof(tail.text));
     return names.text;
 }
 
@@ -103,7 +105,7 @@ bool read_mac_item_key(const edm_list_req_t *request, const key_limits &limits, 
         return false;
     }
     macaddr_lwordston(words, key.mac_addr);
-    const int length = std::snprintf(key.full_name, sizeof key.full_name, "%s:%s", group, domain);
+    const int length = std::snprintf(key.full_name, sizeof(key.full_name), "%s:%s", group, domain);
     return length > 0;
 }
 
@@ -118,14 +120,14 @@ bool read_vtep_item_key(const edm_list_req_t *request, vtep_item_key &key)
         return false;
     }
     address = htonl(address);
-    std::memcpy(key.vtep_addr, &address, sizeof key.vtep_addr);
+    std::memcpy(key.vtep_addr, &address, sizeof(key.vtep_addr));
     return true;
 }
 
 void print_vtep_item_name(char (&text)[item_name_size], const l2fm_edm_bp_t *bp, const l2fm_edm_vtep_t *vtep)
 {
     uint32_t address;
-    std::memcpy(&address, vtep->vtep_addr, sizeof address);
+    std::memcpy(&address, vtep->vtep_addr, sizeof(address));
     char *out = put_hex(text, bp->xcid);
     *out++ = ',';
     out = put_hex(out, bp->seg_info2);

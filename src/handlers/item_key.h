@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Names of items: what a handler prints for each item of a list, and reads back as the start key of the request that
 // continues the list.
 //
@@ -35,17 +37,15 @@ struct name_parts {
     std::string_view domain;
 };
 
-/*
- * Splits a full name. A part begins after any number of ":", save that one that reaches to the end begins right after
- * the ":" that ended the group; a part that is missing is empty.
- *
- *                      to_next_colon   to_end
- *     g:d              g  d            g  d
- *     g:d:e            g  d            g  d:e
- *     g::d             g  d            g  :d
- *     :g:d             g  d            g  d
- *     g   g:           g  (empty)      g  (empty)
- */
+// Splits a full name. A part begins after any number of ":", save that one that reaches to the end begins right after
+// the ":" that ended the group; a part that is missing is empty.
+//
+//                      to_next_colon   to_end
+//     g:d              g  d            g  d
+//     g:d:e            g  d            g  d:e
+//     g::d             g  d            g  :d
+//     :g:d             g  d            g  d
+//     g   g:           g  (empty)      g  (empty)
 name_parts split_full_name(std::string_view full_name, domain_part domain);
 
 // The names of the MAC items of one reply. A bridge domain's name is split once for all of its entries, as long as not

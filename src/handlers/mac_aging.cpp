@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // MAC entries with their records in order of creation.
 //
 // Not like the other lists of MAC entries: a failure at one entry fails the request, an empty cache is an error, and
@@ -44,13 +46,13 @@ l2fm_edm_ll_link_t *start()
 void debug_item(const list_reply &reply, const char *name, const l2fm_edm_mac_t *mac)
 {
     char address[item_name_size];
-    l2fib_hw_mac_to_item_key(mac, address, sizeof address);
+    l2fib_hw_mac_to_item_key(mac, address, sizeof(address));
     const char *full_name = mac->bp->bd->bd_name;
     const name_parts parts = split_full_name(full_name, domain_part::to_end);
     char group[EDM_BD_NAME_SIZE] = {};
     char domain[EDM_BD_NAME_SIZE] = {};
-    parts.group.copy(group, sizeof group - 1);
-    parts.domain.copy(domain, sizeof domain - 1);
+    parts.group.copy(group, sizeof(group) - 1);
+    parts.domain.copy(domain, sizeof(domain) - 1);
     l2vpn_vdbgf(l2fib_debug_get_ctx(), debug_level, reply.handler,
                 "Setting item_name %s with mac %s bg_name %s bd_name %s for bridge bridge_name %s", name, address,
                 group, domain, full_name);

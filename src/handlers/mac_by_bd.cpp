@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // MAC entries by bridge domain: names, names with records, and the record of one entry.
 //
 // The walk goes through bridge domains by name, their ports by xcid, the dummy port included, and the entries of a port
@@ -52,7 +54,7 @@ bool passes(const mac_filter &filter, const l2fm_edm_bp_t *bp)
 // An entry that carries no VTEP address is behind none, whatever address is asked for.
 bool is_behind_vtep(const l2fm_edm_mac_t *mac, uint32_t vtep)
 {
-    return (mac->flags & EDM_MAC_VNI) != 0 && std::memcmp(vtep_addr(mac), &vtep, sizeof vtep) == 0;
+    return (mac->flags & EDM_MAC_VNI) != 0 && std::memcmp(vtep_addr(mac), &vtep, sizeof(vtep)) == 0;
 }
 
 bool passes(const mac_filter &filter, const l2fm_edm_mac_t *mac)
@@ -160,7 +162,7 @@ uint32_t read_key(const mac_filter &filter, const list_reply &reply, mac_item_ke
     }
     const bool same_bd = filter.bd_name == nullptr || std::strcmp(filter.bd_name, key.full_name) == 0;
     const bool same_mac =
-        filter.mac_addr == nullptr || std::memcmp(filter.mac_addr, key.mac_addr, sizeof key.mac_addr) == 0;
+        filter.mac_addr == nullptr || std::memcmp(filter.mac_addr, key.mac_addr, sizeof(key.mac_addr)) == 0;
     return same_bd && same_mac ? 0 : EDM_ERR_NO_ITEM;
 }
 
@@ -214,9 +216,9 @@ uint32_t query_hardware(const char *bd_name, const uint8_t *mac_addr, l2fib_mac_
     if (status != 0) {
         return status;
     }
-    std::memcpy(query->mac_addr, mac_addr, sizeof query->mac_addr);
+    std::memcpy(query->mac_addr, mac_addr, sizeof(query->mac_addr));
     void *argument = request;
-    return l2fib_platform_ctl_wrapper(L2FIB_CTL_QUERY_MAC, sizeof argument, &argument, query);
+    return l2fib_platform_ctl_wrapper(L2FIB_CTL_QUERY_MAC, sizeof(argument), &argument, query);
 }
 
 // Brings the entry's static flag up to date; the counters stay as they counted the entry.

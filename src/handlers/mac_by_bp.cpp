@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // MAC entries by port: names, and names with records, by address.
 
 #include <cstring>

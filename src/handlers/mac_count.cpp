@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Counts of MAC entries: of everything from the table's counters, of a port by a walk, of a bridge domain by the
 // hardware or else by a walk.
 

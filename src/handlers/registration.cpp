@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Hands the handlers to the sibling library.
 
 #include "handlers/handlers.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "handlers/reply.h"
 
 #include <cstdlib>
@@ -54,7 +56,7 @@ void fill_bmac(l2fib_mac_info_t &record, const l2fm_edm_mac_t &mac)
 {
     if ((mac.flags & EDM_MAC_PBB) != 0) {
         record.bmac_valid = 1;
-        std::memcpy(record.bmac, bmac_addr(&mac), sizeof record.bmac);
+        std::memcpy(record.bmac, bmac_addr(&mac), sizeof(record.bmac));
     }
 }
 
@@ -90,7 +92,7 @@ void fill_vxlan(l2fib_mac_info_t &record, const l2fm_edm_bp_t &bp, const l2fm_ed
     record.vtep_seg_info = bp.seg_info2;
     // Only these entries have room for the address.
     if ((mac.flags & EDM_MAC_VNI) != 0) {
-        std::memcpy(record.vtep_addr, vtep_addr(&mac), sizeof record.vtep_addr);
+        std::memcpy(record.vtep_addr, vtep_addr(&mac), sizeof(record.vtep_addr));
     }
 }
 
@@ -164,7 +166,7 @@ char *time_text(const l2fm_edm_mac_t &mac)
     const time_t seconds = mac.hw_timestamp;
     tm local;
     char text[time_text_size];
-    if (localtime_r(&seconds, &local) == nullptr || std::strftime(text, sizeof text, "%d %b %T", &local) == 0) {
+    if (localtime_r(&seconds, &local) == nullptr || std::strftime(text, sizeof(text), "%d %b %T", &local) == 0) {
         return strdup("unknown_time");
     }
     return strdup(text);
@@ -216,7 +218,7 @@ uint32_t l2fib_hw_edm_fill_mac_parcel(l2fib_mac_info_t *record, const l2fm_edm_m
         return EDM_ERR_BAD_REQUEST;
     }
     edm::prefetch_neighbours(*mac);
-    std::memset(record, 0, sizeof *record);
+    std::memset(record, 0, sizeof(*record));
     record->mac_flags = edm::translate(edm::mac_flags_table, mac->flags);
     record->mac_flags2 = static_cast<uint16_t>(edm::translate(edm::mac_flags2_table, mac->flags)
                                                | edm::translate(edm::ext_flags_table, mac->ext_flags));
@@ -241,7 +243,7 @@ uint32_t l2fib_hw_vtep_fill_parcel(l2fib_vtep_info_t *record, const l2fm_edm_vte
     }
     record->seg_info1 = bp->seg_info1;
     record->seg_info2 = bp->seg_info2;
-    std::memcpy(record->vtep_addr, vtep->vtep_addr, sizeof record->vtep_addr);
+    std::memcpy(record->vtep_addr, vtep->vtep_addr, sizeof(record->vtep_addr));
     return 0;
 }
 
@@ -252,11 +254,11 @@ uint32_t l2fib_hw_mac_cnt_walk_cb(l2fm_edm_mac_t *mac, void *counters)
     }
     auto *count = static_cast<edm_mac_counters_t *>(counters);
     if ((mac->flags & EDM_MAC_LOCAL) != 0) {
-        ++count->mac_cnt_f4;
+        count->mac_cnt_f4++;
         return 1;
     }
     ++((mac->flags & EDM_MAC_STATIC) != 0 ? count->mac_cnt_f2 : count->mac_cnt_plain);
-    ++count->mac_cnt_sum;
+    count->mac_cnt_sum++;
     return 1;
 }
 

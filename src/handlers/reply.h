@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The records that requests are answered with (platform/parcel.h), filled from the cache.
 //
 // Texts of a filled MAC info record are heap copies; whoever filled the record encodes it (request.h), which releases

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "handlers/request.h"
 
 #include <cstdlib>
@@ -26,7 +28,7 @@ const list_calls &calls(const list_reply &reply)
 uint32_t count_added(list_reply &reply, uint32_t status)
 {
     if (status == 0) {
-        ++reply.added;
+        reply.added++;
     }
     return status;
 }

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The frame of every request: what a handler brings up to date first, who owns the reply, how a request ends.
 //
 // A list handler gets a reply list from its caller. It either hands it back through the request's context, when it
@@ -61,10 +63,8 @@ uint32_t add_record(list_reply &reply, const char *name, void *record, const par
 // Encodes a filled record, releases its texts and hands it over as the answer of a get request.
 uint32_t answer_get(edm_get_rsp_t *response, void *record, const parcel_schema_t *schema);
 
-/*
- * Asks for a resync of type EDM_RESYNC_ALL, _BD or _BP with its argument, and waits for it. A failure is traced in the
- * name of `handler` with `traced_id`.
- */
+// Asks for a resync of type EDM_RESYNC_ALL, _BD or _BP with its argument, and waits for it. A failure is traced in the
+// name of `handler` with `traced_id`.
 uint32_t resync(const char *handler, uint32_t type, uint32_t arg, uint32_t traced_id, optree_request_t *request);
 
 // Traces the failure of a request for MAC entries and returns its status.

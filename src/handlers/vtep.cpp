@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // VTEPs: names, names with records, and the record of one. Ports by xcid, the VTEPs of a port by address.
 //
 // Not like the handlers of MAC entries: a reply has no limit but the count that is asked for, a failure at one VTEP
@@ -116,7 +118,7 @@ uint32_t find_and_answer(uint32_t xcid, uint32_t seg_info2, uint32_t vtep_addr, 
         return EDM_ERR_NO_ITEM;
     }
     uint8_t address[vtep_addr_size];
-    std::memcpy(address, &vtep_addr, sizeof address);
+    std::memcpy(address, &vtep_addr, sizeof(address));
     const l2fm_edm_vtep_t *vtep = l2fm_edm_table_bp_vtep_get(&bp->vtep_tree, address);
     if (vtep == nullptr) {
         return EDM_ERR_NO_ITEM;

@@ -1,3 +1,5 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /*
  * Bounded copies: the standard bounds-checking operations, under the names that this platform has for them.
  *
@@ -6,8 +8,7 @@
  *
  * Threads: any; the operations have no state.
  */
-#ifndef L2FIB_PLATFORM_BOUNDED_COPY_H
-#define L2FIB_PLATFORM_BOUNDED_COPY_H
+#pragma once
 
 #include "platform/export.h"
 
@@ -23,5 +24,3 @@ L2FIB_EXPORT uint32_t memcpy_s(void *destination, size_t size, const void *sourc
 L2FIB_EXPORT uint32_t smemzero_s(void *destination, size_t size);
 
 L2FIB_END_DECLS
-
-#endif

@@ -1,3 +1,5 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /*
  * Chunk allocator: pools of elements of one size. Every record of the cache lives in one of six.
  *
@@ -7,8 +9,7 @@
  *
  * Threads: the module calls the operations of one pool under its table lock only. Different pools are independent.
  */
-#ifndef L2FIB_PLATFORM_CHUNK_H
-#define L2FIB_PLATFORM_CHUNK_H
+#pragma once
 
 #include "platform/export.h"
 
@@ -37,5 +38,3 @@ L2FIB_EXPORT uint32_t chunk_free(chunk_pool_t *pool, void *element);
 L2FIB_EXPORT void chunk_destroy(chunk_pool_t *pool);
 
 L2FIB_END_DECLS
-
-#endif

@@ -1,3 +1,5 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /*
  * Event library: one event manager per thread, and the loop that serves it.
  *
@@ -9,8 +11,7 @@
  * Threads: a manager is created, waited on and dispatched by one thread; attaching to it is allowed from any.
  * Statuses are 0 for success unless said otherwise.
  */
-#ifndef L2FIB_PLATFORM_EVENT_H
-#define L2FIB_PLATFORM_EVENT_H
+#pragma once
 
 #include "platform/export.h"
 
@@ -113,5 +114,3 @@ L2FIB_EXPORT int event_block(event_record_t *record);
 L2FIB_EXPORT uint32_t nos_event_dispatch(event_record_t *record, uint32_t reserved);
 
 L2FIB_END_DECLS
-
-#endif

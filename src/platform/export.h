@@ -1,10 +1,11 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /*
  * Linkage and visibility, for every header that a C program may include.
  *
  * The libraries are compiled with hidden visibility: what is not marked L2FIB_EXPORT cannot be reached from outside.
  */
-#ifndef L2FIB_PLATFORM_EXPORT_H
-#define L2FIB_PLATFORM_EXPORT_H
+#pragma once
 
 #include <assert.h>
 #include <stddef.h>
@@ -25,5 +26,3 @@
 
 /* Opaque handles and stored callbacks have the width of a pointer, and several fixed layouts count on it. */
 static_assert(sizeof(void *) == 8, "the module is laid out for 64-bit pointers");
-
-#endif

@@ -1,3 +1,5 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /*
  * Sibling layer-2 forwarding library: the forwarding manager's objects, the registration of the module's handlers with
  * the operational database, the conversion of addresses to the words of item names, and debugging.
@@ -7,8 +9,7 @@
  *
  * Statuses are 0 for success. An unknown object, class or field is a status, never harm.
  */
-#ifndef L2FIB_PLATFORM_L2FIB_H
-#define L2FIB_PLATFORM_L2FIB_H
+#pragma once
 
 #include "platform/event.h"
 #include "platform/operational_db.h"
@@ -185,5 +186,3 @@ L2FIB_EXPORT void l2vpn_vdbgf(l2fib_debug_ctx_t *ctx, uint32_t level, const char
     __attribute__((format(printf, 4, 5)));
 
 L2FIB_END_DECLS
-
-#endif

@@ -1,3 +1,5 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /*
  * Messaging: a request to a thread's channel, and the reply to it.
  *
@@ -17,8 +19,7 @@
  *
  * Statuses are 0 for success unless said otherwise; an unknown handle is a nonzero status, never harm.
  */
-#ifndef L2FIB_PLATFORM_MESSAGE_H
-#define L2FIB_PLATFORM_MESSAGE_H
+#pragma once
 
 #include "platform/event.h"
 
@@ -55,5 +56,3 @@ L2FIB_EXPORT uint32_t msg_get_clinfo_m_srcmsglen(uint32_t client, uint64_t *leng
 L2FIB_EXPORT uint32_t msg_reply(uint32_t client, uint32_t reserved, const void *reply, uint64_t reply_length);
 
 L2FIB_END_DECLS
-
-#endif

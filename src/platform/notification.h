@@ -1,3 +1,5 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /*
  * Notification service: tells which bridge domains, cross-connects and Ethernet flow points come and go.
  *
@@ -7,8 +9,7 @@
  *
  * Statuses are 0 for success.
  */
-#ifndef L2FIB_PLATFORM_NOTIFICATION_H
-#define L2FIB_PLATFORM_NOTIFICATION_H
+#pragma once
 
 #include "platform/event.h"
 
@@ -93,5 +94,3 @@ L2FIB_EXPORT uint32_t bdxc_register_efp_notifications(bdxc_connection_t *connect
                                                       const bdxc_subscription_t *subscription);
 
 L2FIB_END_DECLS
-
-#endif

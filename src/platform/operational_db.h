@@ -1,3 +1,5 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /*
  * Operational database: reply lists, requests in service, and the request contexts of the handlers.
  *
@@ -7,8 +9,7 @@
  * Threads: a request and its list belong to the thread that serves the request; optree_restart_timeout_edm may be
  * called by it at any time while the request is in service. Statuses are 0 for success.
  */
-#ifndef L2FIB_PLATFORM_OPERATIONAL_DB_H
-#define L2FIB_PLATFORM_OPERATIONAL_DB_H
+#pragma once
 
 #include "platform/export.h"
 
@@ -91,5 +92,3 @@ L2FIB_EXPORT uint32_t optree_edm_datalist_free(optree_list_t *list);
 L2FIB_EXPORT uint32_t optree_restart_timeout_edm(optree_request_t *request, uint32_t seconds);
 
 L2FIB_END_DECLS
-
-#endif

@@ -1,3 +1,5 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /*
  * Ordered multi-index tree: every container of the cache that has an order.
  *
@@ -23,8 +25,7 @@
  * Threads: a tree has no lock. Who changes it excludes everybody else; readers exclude changes. Different trees are
  * independent of each other, also when they grow at the same time.
  */
-#ifndef L2FIB_PLATFORM_ORDTREE_H
-#define L2FIB_PLATFORM_ORDTREE_H
+#pragma once
 
 #include "platform/export.h"
 
@@ -133,5 +134,3 @@ L2FIB_EXPORT L2FIB_OPTIONAL void ordtree_expect(const ordtree_t *tree, const ord
 L2FIB_EXPORT L2FIB_OPTIONAL void ordtree_watch(ordtree_t *tree, uint64_t *changes);
 
 L2FIB_END_DECLS
-
-#endif

@@ -1,3 +1,5 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /*
  * Record encoder: turns a reply record into the bytes that the operational database stores, as a schema describes it.
  *
@@ -6,8 +8,7 @@
  *
  * Threads: any; a record belongs to its caller. Statuses are 0 for success.
  */
-#ifndef L2FIB_PLATFORM_PARCEL_H
-#define L2FIB_PLATFORM_PARCEL_H
+#pragma once
 
 #include "platform/export.h"
 
@@ -156,5 +157,3 @@ L2FIB_EXPORT uint32_t parcel_encode(void **data, uint32_t *length, const void *r
 L2FIB_EXPORT uint32_t parcel_free_indirections(void *record, const parcel_schema_t *schema);
 
 L2FIB_END_DECLS
-
-#endif

@@ -1,3 +1,5 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /*
  * Trace facility of the forwarding process: receives every trace point of the module.
  *
@@ -7,8 +9,7 @@
  *
  * Threads: any, also with the table lock held; a trace point waits for nothing that could wait for the table.
  */
-#ifndef L2FIB_PLATFORM_TRACE_H
-#define L2FIB_PLATFORM_TRACE_H
+#pragma once
 
 #include "platform/export.h"
 
@@ -33,5 +34,3 @@ L2FIB_EXPORT void edm_trace_point(l2fib_debug_ctx_t *ctx, uint32_t id, const cha
                                   uint32_t value_count);
 
 L2FIB_END_DECLS
-
-#endif

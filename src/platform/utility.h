@@ -1,10 +1,11 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /*
  * Platform utilities: node ids, time stamps, address texts, thread names, lock-wait diagnostics.
  *
  * Threads: any, also under the table lock. Statuses are 0 for success.
  */
-#ifndef L2FIB_PLATFORM_UTILITY_H
-#define L2FIB_PLATFORM_UTILITY_H
+#pragma once
 
 #include <pthread.h>
 
@@ -41,5 +42,3 @@ L2FIB_EXPORT void ptd_set_mutex_block(const pthread_mutex_t *lock, const char *f
 L2FIB_EXPORT void ptd_unset_mutex_block(void);
 
 L2FIB_END_DECLS
-
-#endif

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "table/address_index.h"
 
 #include <cstring>
@@ -15,8 +17,8 @@ struct by_address {
     {
         uint32_t high = 0;
         uint16_t low = 0;
-        std::memcpy(&high, mac_addr, sizeof high);
-        std::memcpy(&low, mac_addr + sizeof high, sizeof low);
+        std::memcpy(&high, mac_addr, sizeof(high));
+        std::memcpy(&low, mac_addr + sizeof(high), sizeof(low));
         return uint64_t{high} << 16 | low;
     }
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The index of all MAC entries by address: one access answers whether an address is cached, and where.
 //
 // Without it, finding out whether an address has moved to another port of its bridge domain means a search in every

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Bridge-domain records. The caller holds the table lock, but for l2fm_edm_table_bd_destroy, which takes it.
 #include "platform/bounded_copy.h"
 #include "platform/l2fib.h"
@@ -71,7 +73,7 @@ l2fm_edm_bd_t *l2fm_edm_table_bd_alloc_and_fill(uint32_t bridge_id)
         return nullptr;
     }
     bd->bridge_id = bridge_id;
-    strcpy_s(bd->bd_name, sizeof bd->bd_name, name); // a name that is too long leaves it empty
+    strcpy_s(bd->bd_name, sizeof(bd->bd_name), name); // a name that is too long leaves it empty
     if (l2fm_edm_table_bd_bp_cache_init(bd) != 0) {
         l2fm_edm_table_bd_free(bd);
         EDM_TRACE(1938);

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Bridge-port records. The caller holds the table lock, but for l2fm_edm_table_bp_destroy, which takes it.
 //
 // An ordinary port is on the global tree and on its bridge domain's; a dummy port on the latter only. A port is counted

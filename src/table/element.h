@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Element layouts: how each record lies in its pool element, and the steps between the two.
 //
 // An element holds the record's tree links first and the record after them. Functions of the table hand out and take

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // An exact index from keys to records that never stops the table to grow.
 //
 // A table of buckets, each one cache line with six slots. A slot is a tag of 16 bits and a pointer; the key stays in

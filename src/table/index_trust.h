@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Whether the indexes beside the trees may be asked.
 //
 // The indexes (address_index.h, object_index.h) repeat what the trees hold, and the module updates them with each

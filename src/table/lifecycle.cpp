@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Start-up and teardown of the whole table.
 #include "table/address_index.h"
 #include "table/element.h"

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Lookups and ordered iteration. A lookup fills a probe on the stack, of which only the links and the key are looked
 // at; iteration hands the record's own links to the tree.
 #include <cstring>
@@ -127,7 +129,7 @@ l2fm_edm_bd_t *l2fm_edm_table_bd_get_by_name(const char *name)
         return nullptr;
     }
     bd_element probe{};
-    strcpy_s(probe.record.bd_name, sizeof probe.record.bd_name, name);
+    strcpy_s(probe.record.bd_name, sizeof(probe.record.bd_name), name);
     return edm::find<l2fm_edm_bd_t>(&root.bd_root, probe.bd_links, by_name);
 }
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // MAC entries: creation, update in place or by replacement, eviction, destruction. The caller holds the table lock.
 //
 // What an update does, in this order (first match; "replace" destroys the cached entry and creates a new one):

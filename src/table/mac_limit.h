@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The MAC entry limit, which lies in a cell of the platform's: read for every entry created, on any thread.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Short cuts to bridge domains by id and to ports by xcid, for the feed: one access instead of a search.
 //
 // They are hints beside the trees: a record that is not here may still be in its tree, so null means "search". A record

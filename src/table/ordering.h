@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The orders of the table's trees: comparators, the conversion of nodes, and what the trees may know of the keys.
 //
 // Comparators take links and answer ORDTREE_LESS, ORDTREE_EQUAL or ORDTREE_GREATER for the first; null is less than any

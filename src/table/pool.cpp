@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The six pools that every record comes from, and which pool a MAC entry's flags choose.
 #include "table/pool.h"
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Which pool a MAC entry comes from and goes back to. The caller holds the table lock.
 #pragma once
 

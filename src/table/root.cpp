@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The root of the table, its accessors, and the list of all MAC entries.
 #include "table/root.h"
 

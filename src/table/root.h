@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The root of the table: the process-wide objects that everything else hangs from. Guarded by the table lock.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Holds the table lock for the life of a block.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "table/segment.h"
 
 #include "platform/l2fib.h"

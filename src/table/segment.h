@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // What a bridge port is, read from the forwarding manager: the kind and attributes of its cross-connect's first
 // segment.
 #pragma once

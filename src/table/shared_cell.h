@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Cells of the module that are read without the table lock by a thread other than their writer: counters that a count
 // or a trace reports, handles that a thread publishes, the limit that the platform may change.
 //

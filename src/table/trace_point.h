@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Trace points of the module, under any lock and on any thread.
 //
 // EDM_TRACE takes the function's name by itself; EDM_TRACE_AS names a step of a function that operators know by a name

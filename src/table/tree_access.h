@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Typed access to the table's trees: each kind of record, and by what it is found. The caller holds the table lock.
 #pragma once
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // VXLAN tunnel end points of a port. The caller holds the table lock.
 #include <cstring>
 

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The six walks. Each is one critical section; the successor of an item is known before the item is handed out, so that
 // the callback may destroy what it is given.
 #include "table/element.h"

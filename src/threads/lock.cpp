@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "threads/lock.h"
 
 #include <cerrno>
@@ -18,11 +20,11 @@ pthread_mutex_t edm_table_lock = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 thread_local uint32_t depth;
 void count_take()
 {
-    ++depth;
+    depth++;
 }
 void count_release()
 {
-    --depth;
+    depth--;
 }
 #else
 void count_take() {}

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The table lock beyond what is exported (l2fib_mac_edm_mutex_lock and _unlock): its creation, and the check that
 // nobody waits with it held.
 #pragma once

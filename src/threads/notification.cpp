@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The removal of bridge domains and ports, as the notification service tells it: what it names is destroyed in the
 // cache with everything under it. Both streams are subscribed to before the table exists and delivered by the cache
 // thread's loop, which begins afterwards. That something is not cached is no error.

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The resync exchange, as far as it is not exported: what the two threads attach at their start.
 //
 // Mac-Edm-Thread sends a request to the cache thread's channel and waits (l2fib_mac_edm_thread_send_resync). The cache

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The module's two threads: what each sets up, and the event loop that both run.
 //
 //   Mac-Edm-Cache-Thread  creates the table, tells the platform so, and then serves removals, resync requests and

@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # shellcheck shell=bash
 # The leaf of docs/operations.md: two VLANs of hosts, one VXLAN device for all VNIs, one more with a VNI of its own, and
 # the entries that a control plane makes.

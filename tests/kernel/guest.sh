@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # shellcheck shell=bash
 # What the cases of this directory share. scripts/test-kernel packs them into a guest; init.sh sources this file there
 # and runs one case. Each case starts in a fresh guest, without any link but lo, and ends with the daemon's clean end.

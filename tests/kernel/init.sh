@@ -1,4 +1,6 @@
 #!/bin/bash
+# SPDX-License-Identifier: Apache-2.0
+
 # The guest's first process: loads the modules, runs one case, and powers the guest off. The kernel's command line hands
 # FILE and CASE to its environment. The second serial line carries the case's output; its last line is the verdict.
 export PATH=/bin HOME=/tmp

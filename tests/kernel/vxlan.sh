@@ -1,3 +1,5 @@
+# SPDX-License-Identifier: Apache-2.0
+
 # shellcheck shell=bash
 # One VXLAN device for all VNIs of a VLAN-aware bridge. The bridge maps VLANs to VNIs on that port; of the device's own
 # entries for an address, the one whose source VNI is the VLAN's says behind which tunnel end the address is.

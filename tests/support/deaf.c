@@ -1,3 +1,5 @@
+/* SPDX-License-Identifier: Apache-2.0 */
+
 /* Preloaded by system tests: a kernel whose notifications of one deletion never arrive. What is dropped is every
  * datagram of a netlink socket that holds a deleted neighbour with the address 02:de:af:00:00:01. */
 #include <dlfcn.h>
@@ -12,8 +14,8 @@ static int is_unheard(const struct msghdr *message, size_t length)
 {
     const struct sockaddr_nl *from = message->msg_name;
     const struct nlmsghdr *head = message->msg_iov->iov_base;
-    return from != NULL && from->nl_family == AF_NETLINK && length >= sizeof *head && head->nlmsg_type == RTM_DELNEIGH
-           && memmem(head, length, unheard, sizeof unheard) != NULL;
+    return from != NULL && from->nl_family == AF_NETLINK && length >= sizeof(*head) && head->nlmsg_type == RTM_DELNEIGH
+           && memmem(head, length, unheard, sizeof(unheard)) != NULL;
 }
 
 ssize_t recvmsg(int socket, struct msghdr *message, int flags)

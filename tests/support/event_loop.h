@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A thread that serves an event manager the way the module's threads do, for tests of the host's services.
 #pragma once
 
@@ -7,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "host/event_host.h"
+#include "host/event/event_host.h"
 #include "platform/event.h"
 
 namespace test {
@@ -15,7 +17,7 @@ namespace test {
 // One round of the loop, on the manager's thread: 0, or the error of event_block.
 inline int serve_one(event_manager_t *evm, uint8_t (&buffer)[128])
 {
-    event_record_t record{evm, buffer, sizeof buffer, nullptr, {}};
+    event_record_t record{evm, buffer, sizeof(buffer), nullptr, {}};
     if (event_block(&record) != 0) {
         return errno;
     }

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Makes the n-th call of a platform operation fail.
 //
 // A test program that defines a function of the platform wins over the library that does, for the module's calls as

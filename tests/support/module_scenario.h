@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Starts the module in a process of its own, writes down what each thread asks of the platform, and makes chosen calls
 // fail. For one source of a test program: it defines functions of the platform, which win over those of the libraries
 // and forward to them.
@@ -21,7 +23,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "host/event_host.h"
+#include "host/event/event_host.h"
 #include "l2fib_mac_edm.h"
 #include "l2fm_edm_table.h"
 #include "platform/l2fib.h"
@@ -252,7 +254,7 @@ extern "C" void edm_trace_point(l2fib_debug_ctx_t *, uint32_t id, const char *fu
                                 uint32_t count)
 {
     std::string entry = scenario::words("trace", id, function);
-    for (uint32_t at = 0; at < count; ++at) {
+    for (uint32_t at = 0; at < count; at++) {
         entry += ' ' + std::to_string(values[at]);
     }
     scenario::note(entry);

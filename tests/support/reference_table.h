@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A naive reference for the table, and random operations on both.
 //
 // The reference is told what the table is told, says which status each operation has to have, and holds what the table
@@ -16,8 +18,8 @@
 #include <optional>
 #include <random>
 
-#include "host/chunk_statistics.h"
-#include "host/l2fib_objects.h"
+#include "host/objects/l2fib_objects.h"
+#include "host/pool/chunk_statistics.h"
 #include "tests/support/small_table.h"
 
 namespace reference_table {

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The started module behind the operational database, with a forwarding plane that a test scripts: what the hardware
 // holds is a list of descriptors, fed again at every resync. For one source of a test program.
 #pragma once
@@ -10,13 +12,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "host/chunk_statistics.h"
-#include "host/event_host.h"
-#include "host/l2fib_host.h"
-#include "host/l2fib_objects.h"
-#include "host/operational_db_host.h"
-#include "host/parcel_host.h"
-#include "host/trace_reader.h"
+#include "host/database/operational_db_host.h"
+#include "host/database/parcel_host.h"
+#include "host/event/event_host.h"
+#include "host/objects/l2fib_host.h"
+#include "host/objects/l2fib_objects.h"
+#include "host/pool/chunk_statistics.h"
+#include "host/trace/trace_reader.h"
 #include "l2fm_edm_table.h"
 #include "platform/event.h"
 #include "tests/support/table_audit.h"
@@ -144,8 +146,8 @@ inline l2fib_mac_edm_entry_t &holds(uint16_t bridge_id, uint32_t xcid, uint32_t 
     entry.bridge_id = bridge_id;
     const uint64_t mac_addr = __builtin_bswap64(uint64_t{0x0200} << 48 | uint64_t{number} << 16);
     const uint32_t vtep_addr = __builtin_bswap32(0x0a000000u | vtep);
-    std::memcpy(entry.mac_addr, &mac_addr, sizeof entry.mac_addr);
-    std::memcpy(entry.vtep_addr, &vtep_addr, sizeof entry.vtep_addr);
+    std::memcpy(entry.mac_addr, &mac_addr, sizeof(entry.mac_addr));
+    std::memcpy(entry.vtep_addr, &vtep_addr, sizeof(entry.vtep_addr));
     return the.entries.emplace_back(entry);
 }
 
@@ -186,7 +188,7 @@ inline std::vector<trace> traced(uint32_t id)
     std::vector<host::trace_point> points(host::trace_ring_size);
     const host::trace_batch batch = host::trace_read(host::trace_ring_of(id), 1, points);
     std::vector<trace> found;
-    for (size_t i = 0; i < batch.count; ++i) {
+    for (size_t i = 0; i < batch.count; i++) {
         if (points[i].id == id) {
             found.push_back({points[i].function, {points[i].values, points[i].values + points[i].value_count}});
         }

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "tests/support/small_table.h"
 
 #include <algorithm>
@@ -5,10 +7,10 @@
 #include <map>
 #include <sstream>
 
-#include "host/chunk_statistics.h"
-#include "host/l2fib_objects.h"
-#include "host/ordtree_audit.h"
-#include "host/trace_reader.h"
+#include "host/objects/l2fib_objects.h"
+#include "host/pool/chunk_statistics.h"
+#include "host/trace/trace_reader.h"
+#include "host/tree/ordtree_audit.h"
 #include "host/utility_host.h"
 #include "table/element.h"
 #include "tests/support/table_audit.h"
@@ -215,8 +217,8 @@ l2fib_mac_edm_entry_t entry(uint32_t number, uint32_t xcid, uint32_t bridge_id, 
     made.flags = static_cast<uint16_t>(flags);
     made.xcid = xcid;
     made.bridge_id = static_cast<uint16_t>(bridge_id);
-    std::memcpy(made.mac_addr, mac_address(number).data(), sizeof made.mac_addr);
-    std::memcpy(made.vtep_addr, vtep_address(vtep).data(), sizeof made.vtep_addr);
+    std::memcpy(made.mac_addr, mac_address(number).data(), sizeof(made.mac_addr));
+    std::memcpy(made.vtep_addr, vtep_address(vtep).data(), sizeof(made.vtep_addr));
     return made;
 }
 

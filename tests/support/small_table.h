@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // A small table to test on: a forwarding manager with a few objects, short ways to feed, and the table as one line of
 // text, so that a test says what it expects to find in the whole of it.
 #pragma once

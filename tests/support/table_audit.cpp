@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 #include "tests/support/table_audit.h"
 
 #include <cstring>
@@ -6,8 +8,8 @@
 #include <unordered_set>
 #include <vector>
 
-#include "host/chunk_statistics.h"
-#include "host/ordtree_audit.h"
+#include "host/pool/chunk_statistics.h"
+#include "host/tree/ordtree_audit.h"
 #include "l2fm_edm_table.h"
 #include "table/element.h"
 
@@ -191,9 +193,9 @@ void check_counters(const found &all)
     const char *const names[] = {"sum", "plain", "f2", "f4", "f60", "total", "bd", "bp", "vtep"};
     uint32_t expected[std::size(names)];
     uint32_t kept[std::size(names)];
-    static_assert(sizeof expected == sizeof counted);
-    std::memcpy(expected, &counted, sizeof expected);
-    std::memcpy(kept, l2fm_edm_table_mac_get_pool(), sizeof kept);
+    static_assert(sizeof(expected) == sizeof(counted));
+    std::memcpy(expected, &counted, sizeof(expected));
+    std::memcpy(kept, l2fm_edm_table_mac_get_pool(), sizeof(kept));
     for (size_t i = 0; i < std::size(names); i++) {
         require(kept[i] == expected[i], "counter ", names[i], " is ", kept[i], ", counted ", expected[i]);
     }

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // The invariants of the whole table, checked by walking it: for every test that changes it, and cheap enough on small
 // tables to be run after each step.
 #pragma once

@@ -1,3 +1,5 @@
+// SPDX-License-Identifier: Apache-2.0
+
 // Values as text, for tests that compare texts.
 #pragma once
 
@@ -21,7 +23,7 @@ std::string words(const Values &...values)
 inline std::string hex(const void *bytes, uint64_t length)
 {
     std::ostringstream out;
-    for (uint64_t at = 0; at < length; ++at) {
+    for (uint64_t at = 0; at < length; at++) {
         out << std::hex << std::setw(2) << std::setfill('0') << +static_cast<const uint8_t *>(bytes)[at];
     }
     return out.str();

@@ -1,4 +1,6 @@
 #!/usr/bin/env bats
+# SPDX-License-Identifier: Apache-2.0
+
 # The HTTP API with curl alone, on a generated fabric of 100,000 addresses. L2FIBD names the program.
 
 D=/restconf/data/l2fib-mac:

@@ -1,4 +1,6 @@
 #!/usr/bin/env bats
+# SPDX-License-Identifier: Apache-2.0
+
 # l2fibctl against l2fibd on a generated fabric. L2FIBD and L2FIBCTL name the programs.
 
 load daemon

@@ -1,4 +1,6 @@
 #!/usr/bin/env bats
+# SPDX-License-Identifier: Apache-2.0
+
 # What an answer is worth: it is whole, or it says that it is not, on itself and in the exit status. On the kernel's own
 # tables, in a namespace that this file makes and removes. L2FIBD and L2FIBCTL name the programs.
 

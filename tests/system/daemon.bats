@@ -1,4 +1,6 @@
 #!/usr/bin/env bats
+# SPDX-License-Identifier: Apache-2.0
+
 # l2fibd under clients that hold what they get, and readers of its log that do not read. L2FIBD names the program.
 
 D=http://l2fibd/restconf/data/l2fib-mac:

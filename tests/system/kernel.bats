@@ -1,4 +1,6 @@
 #!/usr/bin/env bats
+# SPDX-License-Identifier: Apache-2.0
+
 # What l2fibctl shows is what the kernel's own bridges and tunnels hold, whatever happens to them meanwhile: on a fabric
 # of namespaces that this file makes and removes. L2FIBD and L2FIBCTL name the programs.
 

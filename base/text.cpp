@@ -1,0 +1,211 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "base/text.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <ctime>
+
+namespace base {
+
+namespace {
+
+constexpr std::string_view unreserved = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-._~:,";
+constexpr std::string_view base64_digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+
+uint8_t byte_at(std::string_view text, size_t at)
+{
+    return static_cast<uint8_t>(text[at]);
+}
+
+// What the first byte of a character says about the whole of it.
+struct utf8_form {
+    uint8_t first_least;
+    uint8_t first_most;
+    uint8_t length;
+    uint8_t second_least; // keeps out longer forms of shorter characters, surrogates, and what is beyond U+10FFFF
+    uint8_t second_most;
+};
+
+constexpr utf8_form utf8_forms[] = {
+    {0x00, 0x7f, 1, 0, 0},       {0xc2, 0xdf, 2, 0x80, 0xbf}, {0xe0, 0xe0, 3, 0xa0, 0xbf},
+    {0xe1, 0xec, 3, 0x80, 0xbf}, {0xed, 0xed, 3, 0x80, 0x9f}, {0xee, 0xef, 3, 0x80, 0xbf},
+    {0xf0, 0xf0, 4, 0x90, 0xbf}, {0xf1, 0xf3, 4, 0x80, 0xbf}, {0xf4, 0xf4, 4, 0x80, 0x8f},
+};
+
+bool continues(const utf8_form &form, std::string_view text)
+{
+    if (text.size() < form.length) {
+        return false;
+    }
+    for (size_t i = 1; i < form.length; i++) {
+        const uint8_t least = i == 1 ? form.second_least : 0x80;
+        const uint8_t most = i == 1 ? form.second_most : 0xbf;
+        if (byte_at(text, i) < least || byte_at(text, i) > most) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+std::optional<std::string> percent_decode(std::string_view text)
+{
+    std::string decoded;
+    for (size_t i = 0; i < text.size(); i++) {
+        if (text[i] != '%') {
+            decoded += text[i];
+            continue;
+        }
+        const auto code = parse_number(text.substr(i + 1, 2), 0xff, 16);
+        if (text.size() < i + 3 || !code || *code == 0) {
+            return std::nullopt;
+        }
+        decoded += static_cast<char>(*code);
+        i += 2;
+    }
+    return decoded;
+}
+
+std::string percent_encode(std::string_view text)
+{
+    std::string encoded;
+    for (const char c : text) {
+        if (unreserved.find(c) != std::string_view::npos) {
+            encoded += c;
+        } else {
+            char code[4];
+            std::snprintf(code, sizeof(code), "%%%02X", static_cast<unsigned>(static_cast<uint8_t>(c)));
+            encoded += code;
+        }
+    }
+    return encoded;
+}
+
+std::string base64url_encode(std::string_view text)
+{
+    std::string encoded;
+    for (size_t i = 0; i < text.size(); i += 3) {
+        const size_t count = std::min<size_t>(3, text.size() - i);
+        uint32_t bits = 0;
+        for (size_t k = 0; k < 3; k++) {
+            bits = bits << 8 | (k < count ? byte_at(text, i + k) : 0u);
+        }
+        for (size_t k = 0; k <= count; k++) {
+            encoded += base64_digits[bits >> (18 - 6 * k) & 0x3f];
+        }
+    }
+    return encoded;
+}
+
+std::optional<std::string> base64url_decode(std::string_view text)
+{
+    std::string decoded;
+    uint32_t bits = 0;
+    unsigned bit_count = 0;
+    for (const char c : text) {
+        const size_t digit = base64_digits.find(c);
+        if (digit == std::string_view::npos) {
+            return std::nullopt;
+        }
+        bits = bits << 6 | static_cast<uint32_t>(digit);
+        bit_count += 6;
+        if (bit_count >= 8) {
+            bit_count -= 8;
+            decoded += static_cast<char>(bits >> bit_count & 0xff);
+        }
+    }
+    return decoded;
+}
+
+std::vector<std::string_view> split(std::string_view text, char separator)
+{
+    std::vector<std::string_view> parts;
+    for (size_t end; (end = text.find(separator)) != std::string_view::npos; text.remove_prefix(end + 1)) {
+        parts.push_back(text.substr(0, end));
+    }
+    parts.push_back(text);
+    return parts;
+}
+
+std::optional<uint64_t> parse_number(std::string_view text, uint64_t most, int base)
+{
+    uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
+    if (error != std::errc() || end != text.data() + text.size() || number > most) {
+        return std::nullopt;
+    }
+    return number;
+}
+
+std::string mac_text(std::span<const uint8_t> address)
+{
+    constexpr char digits[] = "0123456789abcdef";
+    std::string text;
+    for (const uint8_t byte : address) {
+        text += text.empty() ? "" : ":";
+        text += digits[byte >> 4];
+        text += digits[byte & 0xf];
+    }
+    return text;
+}
+
+std::optional<std::array<uint8_t, 6>> parse_mac(std::string_view text)
+{
+    const bool has_dots = text.find('.') != std::string_view::npos;
+    const size_t digits = has_dots ? 4 : 2;
+    const auto parts = split(text, has_dots ? '.' : ':');
+    std::array<uint8_t, 6> address{};
+    if (parts.size() * digits != 2 * address.size()) {
+        return std::nullopt;
+    }
+    size_t at = 0;
+    for (const std::string_view part : parts) {
+        const auto number = parse_number(part, UINT16_MAX, 16);
+        if (part.size() != digits || !number) {
+            return std::nullopt;
+        }
+        for (size_t left = digits / 2; left-- > 0;) {
+            address[at++] = static_cast<uint8_t>(*number >> (8 * left));
+        }
+    }
+    return address;
+}
+
+std::string ip_text(std::span<const uint8_t> address)
+{
+    char text[INET6_ADDRSTRLEN] = {};
+    inet_ntop(address.size() == 4 ? AF_INET : AF_INET6, address.data(), text, sizeof(text));
+    return text;
+}
+
+std::optional<std::array<uint8_t, 4>> parse_ipv4(const std::string &text)
+{
+    std::array<uint8_t, 4> address{};
+    return inet_pton(AF_INET, text.c_str(), address.data()) == 1 ? std::optional(address) : std::nullopt;
+}
+
+std::string utc_text(int64_t seconds)
+{
+    const auto time = static_cast<time_t>(seconds);
+    tm broken_down{};
+    char text[32] = {};
+    if (gmtime_r(&time, &broken_down) != nullptr) {
+        std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &broken_down);
+    }
+    return text;
+}
+
+size_t utf8_length(std::string_view text)
+{
+    const uint8_t first = byte_at(text, 0);
+    const auto *form = std::ranges::find_if(
+        utf8_forms, [first](const utf8_form &row) { return first >= row.first_least && first <= row.first_most; });
+    return form != std::end(utf8_forms) && continues(*form, text) ? form->length : 0;
+}
+
+} // namespace base

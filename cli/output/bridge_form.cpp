@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "cli/output/bridge_form.h"
+
+#include <algorithm>
+#include <span>
+#include <string_view>
+#include <vector>
+
+namespace l2fibctl {
+
+namespace {
+
+struct word_pair {
+    std::string_view ours;
+    std::string_view theirs;
+};
+
+constexpr word_pair flag_words[] = {
+    {"extern-learned", "extern_learn"},
+    {"offloaded", "offload"},
+    {"sticky", "sticky"},
+    {"locked", "locked"},
+};
+
+constexpr word_pair bridge_states[] = {
+    {"static", "static"},
+    {"local", "permanent"},
+};
+
+constexpr word_pair device_states[] = {
+    {"permanent", "permanent"},
+    {"static", "static"},
+    {"stale", "stale"},
+};
+
+// Members of a device's entry, in the order in which they are shown.
+constexpr word_pair device_members[] = {
+    {"destination", "dst"}, {"udp-port", "port"}, {"vni", "vni"}, {"source-vni", "src_vni"}, {"next-hop-id", "nhid"},
+};
+
+using words = std::vector<std::string_view>;
+
+words flags_of(const json_value &entry)
+{
+    words found;
+    const auto member = find(entry, "flags");
+    simdjson::dom::array flags;
+    if (!member) {
+        return found;
+    }
+    if (member->get(flags) != simdjson::SUCCESS) {
+        fail_damaged();
+    }
+    for (const json_value flag : flags) {
+        if (flag.is_string()) {
+            found.push_back(flag);
+        }
+    }
+    return found;
+}
+
+// The first state that one of the words names. A learned entry has none.
+std::string_view state_of(const words &of, std::span<const word_pair> states)
+{
+    const auto found =
+        std::ranges::find_if(states, [&](const word_pair &row) { return std::ranges::count(of, row.ours) != 0; });
+    return found != states.end() ? found->theirs : std::string_view();
+}
+
+void put_member(std::string &to, std::string_view name, std::string_view text)
+{
+    to.append(to.empty() ? "{\"" : ",\"").append(name).append("\":");
+    put_text(to, text);
+}
+
+void put_member(std::string &to, std::string_view name, const json_value &value)
+{
+    to.append(",\"").append(name).append("\":");
+    put_value(to, value);
+}
+
+// `first` comes before the entry's own flags unless it is empty.
+void put_flags(std::string &to, std::string_view first, const words &flags)
+{
+    words shown;
+    if (!first.empty()) {
+        shown.push_back(first);
+    }
+    for (const word_pair &row : flag_words) {
+        if (std::ranges::count(flags, row.ours) != 0) {
+            shown.push_back(row.theirs);
+        }
+    }
+    to += ",\"flags\":[";
+    for (size_t i = 0; i < shown.size(); i++) {
+        to += i == 0 ? "" : ",";
+        put_text(to, shown[i]);
+    }
+    to += ']';
+}
+
+} // namespace
+
+std::string bridge_entry_of(const json_value &mac_entry, const bridge_names &bridges)
+{
+    const std::string_view mac = text_of(mac_entry, "mac-address");
+    if (mac == "00:00:00:00:00:00") {
+        return {};
+    }
+    const auto found = bridges.find(number_of(mac_entry, "bridge-id"));
+    const std::string_view bridge = found != bridges.end() ? std::string_view(found->second) : "";
+    std::string made;
+    put_member(made, "mac", mac);
+    put_member(made, "ifname", find(mac_entry, "port") ? text_of(mac_entry, "port") : bridge);
+    if (const auto vlan = find(mac_entry, "vlan")) {
+        put_member(made, "vlan", *vlan);
+    }
+    put_flags(made, "", flags_of(mac_entry));
+    put_member(made, "master", bridge);
+    put_member(made, "state", state_of({text_of(mac_entry, "origin")}, bridge_states));
+    return made + "}";
+}
+
+std::string device_entry_of(const json_value &tunnel_entry)
+{
+    const words flags = flags_of(tunnel_entry);
+    std::string made;
+    put_member(made, "mac", text_of(tunnel_entry, "mac-address"));
+    put_member(made, "ifname", text_of(tunnel_entry, "port"));
+    for (const word_pair &row : device_members) {
+        if (const auto value = find(tunnel_entry, row.ours)) {
+            put_member(made, row.theirs, *value);
+        }
+    }
+    put_flags(made, "self", flags);
+    put_member(made, "state", state_of(flags, device_states));
+    return made + "}";
+}
+
+} // namespace l2fibctl

@@ -1,0 +1,267 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "cli/query/resources.h"
+
+#include <algorithm>
+#include <array>
+
+#include "base/visible.h"
+
+namespace l2fibctl {
+
+namespace {
+
+using simdjson::dom::element_type;
+
+bool is_printable(char c)
+{
+    return c >= ' ' && c < '\x7f';
+}
+
+void add_string(std::string &to, std::string_view text)
+{
+    if (text.empty()) {
+        to += '-';
+    } else if (std::ranges::all_of(text, is_printable)) {
+        to += text; // the usual case, and quick
+    } else {
+        to += base::visible(text);
+    }
+}
+
+void add_text(std::string &to, const json_value &value);
+
+void add_list(std::string &to, const simdjson::dom::array &values)
+{
+    std::string_view separator;
+    for (const json_value value : values) {
+        to += separator;
+        add_text(to, value);
+        separator = ", ";
+    }
+    to += separator.empty() ? "-" : "";
+}
+
+void add_text(std::string &to, const json_value &value)
+{
+    switch (value.type()) {
+    case element_type::STRING: add_string(to, value); break;
+    case element_type::ARRAY: add_list(to, value); break;
+    case element_type::BOOL: to += bool(value) ? "yes" : "no"; break;
+    default: put_value(to, value); break;
+    }
+}
+
+void add_two_digits(std::string &to, uint64_t number)
+{
+    to += static_cast<char>('0' + number / 10);
+    to += static_cast<char>('0' + number % 10);
+}
+
+// Hours, minutes and seconds; from a day on, days and hours.
+void add_age(std::string &to, const json_value &value)
+{
+    constexpr uint64_t minute = 60;
+    constexpr uint64_t hour = 60 * minute;
+    constexpr uint64_t day = 24 * hour;
+    uint64_t seconds = 0;
+    if (value.get(seconds) != simdjson::SUCCESS) {
+        add_text(to, value);
+    } else if (seconds < day) {
+        add_two_digits(to, seconds / hour);
+        to += ':';
+        add_two_digits(to, seconds % hour / minute);
+        to += ':';
+        add_two_digits(to, seconds % minute);
+    } else {
+        to.append(std::to_string(seconds / day)).append(1, 'd');
+        add_two_digits(to, seconds % day / hour);
+        to += 'h';
+    }
+}
+
+void add_limit(std::string &to, const json_value &value)
+{
+    const auto text = value.get_string();
+    if (text.error() == simdjson::SUCCESS && text.value_unsafe() == "18446744073709551615") {
+        to += "none";
+    } else {
+        add_text(to, value);
+    }
+}
+
+constexpr column_kind name_kind = {22, false, add_text};
+constexpr column_kind port_kind = {15, false, add_text}; // as long as an interface's name may be
+constexpr column_kind mac_kind = {17, false, add_text};
+constexpr column_kind ipv4_kind = {15, false, add_text};
+constexpr column_kind ip_kind = {39, false, add_text};
+constexpr column_kind word_kind = {9, false, add_text};
+constexpr column_kind age_kind = {8, true, add_age};
+constexpr column_kind id_kind = {10, true, add_text};
+constexpr column_kind vlan_kind = {5, true, add_text};
+constexpr column_kind vni_kind = {8, true, add_text};
+constexpr column_kind number_kind = {9, true, add_text};
+constexpr column_kind limit_kind = {9, true, add_limit};
+constexpr column_kind rest_kind = {0, false, add_text}; // of last columns
+constexpr const column_kind *json_only = &rest_kind;
+
+constexpr column mac_entry_columns[] = {
+    {"domain", "Domain", &name_kind}, {"mac-address", "MAC Address", &mac_kind},
+    {"bridge-id", "", json_only},     {"xcid", "", json_only},
+    {"port", "Port", &port_kind},     {"origin", "Type", &word_kind},
+    {"age", "Age", &age_kind},        {"last-seen", "", json_only},
+    {"vlan", "VLAN", &vlan_kind},     {"vni", "VNI", &vni_kind},
+    {"source-vni", "", json_only},    {"vtep", "VTEP", &ipv4_kind},
+    {"backbone-mac", "", json_only},  {"node-id", "", json_only},
+    {"flags", "Flags", &rest_kind},
+};
+
+// The columns with one more behind that of `member`.
+template <size_t count>
+constexpr std::array<column, count + 1> insert_behind(const column (&columns)[count], std::string_view member,
+                                                      const column &more)
+{
+    std::array<column, count + 1> result = {};
+    const auto *end = std::ranges::find(columns, member, &column::member) + 1;
+    auto to = std::copy(columns, end, result.begin());
+    *to++ = more;
+    std::copy(end, columns + count, to);
+    return result;
+}
+
+constexpr auto aging_entry_columns = insert_behind(mac_entry_columns, "age", {"time-left", "Left", &age_kind});
+
+constexpr column mac_count_columns[] = {
+    {scope_member, "Scope", &name_kind}, {"total", "Total", &number_kind}, {"learned", "Learned", &number_kind},
+    {"static", "Static", &number_kind},  {"local", "Local", &number_kind}, {"bridge-own", "Bridge", &number_kind},
+};
+
+constexpr column domain_columns[] = {
+    {"name", "Domain", &name_kind},   {"bridge-id", "Bridge ID", &number_kind},
+    {"bridge", "Bridge", &port_kind}, {"ifindex", "Ifindex", &number_kind},
+    {"vlan-aware", "", json_only},    {"vlan", "VLAN", &vlan_kind},
+};
+
+constexpr column port_columns[] = {
+    {"xcid", "XCID", &id_kind},   {"name", "Port", &port_kind},         {"ifindex", "Ifindex", &number_kind},
+    {"kind", "Type", &word_kind}, {"oper-status", "State", &word_kind}, {"domain", "Domain", &name_kind},
+    {"bridge-id", "", json_only}, {"vlan", "VLAN", &vlan_kind},         {"vni", "VNI", &vni_kind},
+};
+
+constexpr column vtep_columns[] = {
+    {"address", "VTEP", &ipv4_kind},  {"port", "Port", &port_kind}, {"xcid", "XCID", &id_kind},
+    {"domain", "Domain", &name_kind}, {"vni", "VNI", &vni_kind},
+};
+
+constexpr column tunnel_entry_columns[] = {
+    {"domain", "Domain", &name_kind},      {"mac-address", "MAC Address", &mac_kind},
+    {"bridge-id", "", json_only},          {"xcid", "", json_only},
+    {"port", "Port", &port_kind},          {"destination", "Destination", &ip_kind},
+    {"next-hop-id", "Next Hop", &id_kind}, {"vni", "VNI", &vni_kind},
+    {"source-vni", "From VNI", &vni_kind}, {"udp-port", "", json_only},
+    {"flags", "Flags", &rest_kind},
+};
+
+constexpr column trace_columns[] = {
+    {"time", "", json_only},   {"ring", "Ring", &word_kind},  {"sequence", "Sequence", &number_kind},
+    {"id", "", json_only},     {"thread", "", json_only},     {"function", "", json_only},
+    {"values", "", json_only}, {"text", "Point", &rest_kind},
+};
+
+constexpr column reason_columns[] = {
+    {"count", "Count", &number_kind},
+    {"reason", "Reason", &rest_kind},
+};
+constexpr resource reasons = {"reason", layout::table, reason_columns};
+
+constexpr column pool_columns[] = {
+    {"name", "Pool", &name_kind},           {"element-size", "Size", &number_kind},
+    {"in-use", "In Use", &number_kind},     {"peak", "Peak", &number_kind},
+    {"limit", "Limit", &limit_kind},        {"bytes", "Bytes", &id_kind},
+    {"failures", "Failures", &number_kind}, {"refused-frees", "Bad Frees", &number_kind},
+};
+constexpr resource pools = {"pool", layout::table, pool_columns};
+
+constexpr column memory_columns[] = {
+    {"bytes", "Bytes", &rest_kind},
+    {"pool", "Pools", &rest_kind, &pools},
+};
+constexpr resource memory = {"memory", layout::record, memory_columns};
+
+constexpr column request_columns[] = {
+    {"active", "Active", &rest_kind},
+    {"refused", "Refused", &rest_kind},
+    {"lists-live", "Lists under way", &rest_kind},
+    {"connections", "Connections", &rest_kind},
+    {"connections-refused", "Connections refused", &rest_kind},
+};
+constexpr resource requests = {"requests", layout::record, request_columns};
+
+constexpr column limited_columns[] = {
+    {"domain", "Domain", &name_kind},
+    {"port", "Port", &port_kind},
+    {"evicted", "Evicted", &number_kind},
+    {"refused", "Refused", &number_kind},
+};
+constexpr resource limited_scopes = {"limited", layout::table, limited_columns};
+
+constexpr column proof_columns[] = {
+    {"asked", "Asked", &rest_kind},
+    {"disagreed", "Disagreed", &rest_kind},
+    {"listed-stale", "Listed, stale", &rest_kind},
+    {"listed-missing", "Listed, missing", &rest_kind},
+    {"last", "Last", &rest_kind},
+};
+constexpr resource proof = {"proof", layout::record, proof_columns};
+
+constexpr column health_columns[] = {
+    {"plane", "Forwarding plane", &rest_kind},
+    {"group", "Group", &rest_kind},
+    {"status", "Status", &rest_kind},
+    {"generation", "Generation", &rest_kind},
+    {"overruns", "Overruns", &rest_kind},
+    {"last-overrun", "Last overrun", &rest_kind},
+    {"notifications-lost", "Notifications lost", &rest_kind},
+    {"events", "Events", &rest_kind},
+    {"events-merged", "Events merged", &rest_kind},
+    {"messages-refused", "Messages refused", &rest_kind},
+    {"links", "Links", &rest_kind},
+    {"entries", "Entries", &rest_kind},
+    {"limit", "Entry limit", &limit_kind},
+    {"entries-missing", "Entries missing", &rest_kind},
+    {"evictions", "Evictions", &rest_kind},
+    {"entries-refused", "Entries refused", &rest_kind},
+    {"limited", "Limited", &rest_kind, &limited_scopes},
+    {"ipv6-destinations", "IPv6 destinations", &rest_kind},
+    {"next-hop-destinations", "Next-hop destinations", &rest_kind},
+    {"resyncs", "Resyncs", &rest_kind},
+    {"resyncs-degraded", "Resyncs degraded", &rest_kind},
+    {"doubtful-asked", "Doubtful asked", &rest_kind},
+    {"doubtful-kept", "Doubtful kept", &rest_kind},
+    {"feeds", "Feeds", &rest_kind},
+    {"feeds-full", "Full feeds", &rest_kind},
+    {"proof", "Proof", &rest_kind, &proof},
+    {"unmapped", "Unmapped", &rest_kind, &reasons},
+    {"refused", "Refused", &rest_kind, &reasons},
+    {"kernel-lacks", "Kernel lacks", &rest_kind},
+    {"notes", "Notes", &rest_kind},
+    {"log-lines-dropped", "Log lines dropped", &rest_kind},
+    {"memory", "Memory", &rest_kind, &memory},
+    {"requests", "Requests", &rest_kind, &requests},
+};
+
+static_assert(std::size(health_columns) <= most_columns && std::size(aging_entry_columns) <= most_columns);
+
+} // namespace
+
+constexpr resource mac_entries = {"mac-entry", layout::table, mac_entry_columns};
+constexpr resource aging_entries = {"mac-entry", layout::table, aging_entry_columns};
+constexpr resource mac_counts = {"mac-count", layout::table, mac_count_columns};
+constexpr resource domains = {"domain", layout::table, domain_columns};
+constexpr resource ports = {"port", layout::table, port_columns};
+constexpr resource vteps = {"vtep", layout::table, vtep_columns};
+constexpr resource tunnel_entries = {"tunnel-entry", layout::table, tunnel_entry_columns};
+constexpr resource health = {"health", layout::record, health_columns};
+constexpr resource traces = {"trace", layout::table, trace_columns};
+
+} // namespace l2fibctl

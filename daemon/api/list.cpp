@@ -1,0 +1,107 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "daemon/api/list.h"
+
+#include <algorithm>
+#include <random>
+#include <utility>
+
+#include "base/text.h"
+#include "daemon/api/database.h"
+
+namespace l2fibd {
+
+namespace {
+
+const std::string &process_mark()
+{
+    static const std::string mark = std::to_string(std::random_device()());
+    return mark;
+}
+
+} // namespace
+
+std::string continuation_of(const std::string &key)
+{
+    return base::base64url_encode(process_mark() + " " + key);
+}
+
+std::string key_of_continuation(const std::string &text)
+{
+    const auto whole = base::base64url_decode(text);
+    const size_t space = whole ? whole->find(' ') : std::string::npos;
+    if (space == std::string::npos || whole->find('\0') != std::string::npos) {
+        throw unexpected("cursor", text, "a next-cursor of this list");
+    }
+    if (whole->substr(0, space) != process_mark()) {
+        throw api_error{410, "data-missing", "cursor: the daemon was started after this list began: begin it again"};
+    }
+    return whole->substr(space + 1);
+}
+
+list_stream::list_stream(std::string_view name, std::unique_ptr<list_source> source, uint64_t limit)
+    : list_name_(name)
+    , items_(std::move(source))
+    , left_(limit)
+{}
+
+void list_stream::write_next(std::string &text)
+{
+    json_writer json(text, has_items_);
+    if (!has_begun_) {
+        json.begin_object();
+        json.begin_array(std::string("l2fib-mac:").append(list_name_));
+        has_begun_ = true;
+        write_page(json);
+        return;
+    }
+    try {
+        write_page(json);
+    } catch (const api_error &error) {
+        write_failure(json, error);
+    }
+}
+
+void list_stream::write_page(json_writer &json)
+{
+    if (requests_given_up()) {
+        throw api_error{503, "operation-failed", "the daemon ends"};
+    }
+    const auto most = static_cast<uint32_t>(std::min<uint64_t>(left_, page_items));
+    const list_source::position at = items_->fetch(most, json);
+    has_items_ = has_items_ || at.count != 0;
+    left_ -= at.count;
+    if (!at.more || left_ == 0) {
+        write_end(json, at);
+        is_finished_ = true;
+    }
+}
+
+void list_stream::write_end(json_writer &json, const list_source::position &at) const
+{
+    json.end_array();
+    if (at.more) {
+        json.member("l2fib-mac:next-cursor", continuation_of(at.key));
+    }
+    write_completeness(json, watch_);
+    json.end_object();
+}
+
+void list_stream::write_failure(json_writer &json, const api_error &error)
+{
+    json.end_array();
+    write_errors(json, error);
+    failure_ = error.message;
+    is_finished_ = true;
+}
+
+void write_completeness(json_writer &json, const forwarding::completeness_watch &watch)
+{
+    const forwarding::completeness worst = watch.worst();
+    json.member("l2fib-mac:completeness", forwarding::text_of(worst));
+    if (worst != forwarding::completeness::whole) {
+        json.member("l2fib-mac:completeness-reason", watch.reason());
+    }
+}
+
+} // namespace l2fibd

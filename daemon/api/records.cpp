@@ -1,0 +1,261 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "daemon/api/records.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
+#include <iterator>
+#include <vector>
+
+#include "base/text.h"
+#include "l2fm_edm_table.h"
+
+namespace l2fibd {
+
+namespace {
+
+constexpr uint64_t nanoseconds = 1'000'000'000;
+
+void write_if_set(json_writer &json, std::string_view name, uint32_t number)
+{
+    if (number != 0) {
+        json.member(name, number);
+    }
+}
+
+// ---- Flags ----
+
+// How the bits of `flags` and of `ext_flags` are called.
+struct flag_name {
+    uint16_t flag;
+    uint16_t ext_flag;
+    std::string_view name;
+};
+
+constexpr flag_name flag_names[] = {
+    {EDM_MAC_PBB, 0, "backbone"},
+    {EDM_MAC_STATIC, 0, "static"},
+    {EDM_MAC_LOCAL, 0, "local"},
+    {EDM_MAC_BD_FIXED, 0, "domain-fixed"},
+    {0x0010, 0, "sticky"},
+    {EDM_MAC_BD_OWN, 0, "bridge-own"},
+    {EDM_MAC_BD_40, 0, "flag-0040"},
+    {EDM_MAC_EXTERN_LEARNED, 0, "extern-learned"},
+    {EDM_MAC_BD_200, 0, "flag-0200"},
+    {EDM_MAC_BD_400, 0, "flag-0400"},
+    {0x0800, 0, "offloaded"},
+    {EDM_MAC_TIMESTAMP_VALID, 0, "timestamped"},
+    {0x4000, 0, "flag-4000"},
+    {0x8000, 0, "locked"},
+    {0, 0x0001, "inactive"},
+};
+
+void write_flags(json_writer &json, const forwarding::mac_row &row)
+{
+    json.member("origin", (row.flags & EDM_MAC_LOCAL) != 0    ? "local"
+                          : (row.flags & EDM_MAC_STATIC) != 0 ? "static"
+                                                              : "learned");
+    json.begin_array("flags");
+    for (const flag_name &name : flag_names) {
+        if ((row.flags & name.flag) != 0 || (row.ext_flags & name.ext_flag) != 0) {
+            json.text(name.name);
+        }
+    }
+    json.end_array();
+}
+
+void write_times(json_writer &json, const forwarding::mac_row &row, bool is_ordered)
+{
+    json.member("age", row.age);
+    if (row.last_seen != 0) {
+        json.member("last-seen", base::utc_text(row.last_seen));
+    }
+    if (is_ordered && row.time_left) {
+        json.member("time-left", *row.time_left);
+    }
+}
+
+// ---- Places ----
+
+void write_segment(json_writer &json, const forwarding::mac_row &row)
+{
+    write_if_set(json, "vlan", row.vlan);
+    write_if_set(json, "vni", row.vni);
+    write_if_set(json, "source-vni", row.source_vni);
+    if ((row.flags & EDM_MAC_VNI) != 0 && row.vtep != std::array<uint8_t, 4>{}) {
+        json.member("vtep", base::ip_text(row.vtep));
+    }
+    if ((row.flags & EDM_MAC_PBB) != 0) {
+        json.member("backbone-mac", base::mac_text(row.backbone));
+    }
+    if (row.node_id != EDM_NODE_UNKNOWN) {
+        json.member("node-id", row.node_id);
+    }
+}
+
+} // namespace
+
+void write_row(json_writer &json, const forwarding::mac_row &row, bool is_ordered)
+{
+    json.begin_object();
+    json.member("domain", row.domain != nullptr ? row.domain->name : std::string_view());
+    json.member("mac-address", base::mac_text(row.mac));
+    json.member("bridge-id", row.bridge_id);
+    if (row.xcid != EDM_XCID_DUMMY) {
+        json.member("xcid", row.xcid);
+    }
+    if (row.port != nullptr) {
+        json.member("port", row.port->name);
+    }
+    write_flags(json, row);
+    write_times(json, row, is_ordered);
+    write_segment(json, row);
+    json.end_object();
+}
+
+void write_vtep(json_writer &json, const forwarding::vtep_view &vtep, const forwarding::object_views *objects)
+{
+    json.begin_object();
+    json.member("xcid", vtep.xcid);
+    json.member("address", base::ip_text(vtep.address));
+    const forwarding::port_view *port = objects != nullptr ? objects->find_port(vtep.bridge_id, vtep.xcid) : nullptr;
+    if (port != nullptr) {
+        json.member("port", port->name);
+        json.member("domain", port->domain);
+    }
+    write_if_set(json, "vni", vtep.vni);
+    json.end_object();
+}
+
+void write_mac_count(json_writer &json, const forwarding::entry_counts &counts, bool with_own)
+{
+    json.begin_object();
+    json.member("total", counts.total);
+    json.member("learned", counts.learned);
+    json.member("static", counts.fixed);
+    json.member("local", counts.local);
+    if (with_own) {
+        json.member("bridge-own", counts.bridge_own);
+    }
+    json.end_object();
+}
+
+void write_domain(json_writer &json, const forwarding::domain_view &domain)
+{
+    json.begin_object();
+    json.member("name", domain.name);
+    json.member("bridge-id", domain.bridge_id);
+    json.member("bridge", domain.bridge);
+    json.member("ifindex", domain.bridge_ifindex);
+    json.name("vlan-aware");
+    json.boolean(domain.vlan_aware);
+    write_if_set(json, "vlan", domain.vlan);
+    json.end_object();
+}
+
+void write_port(json_writer &json, const forwarding::port_view &port)
+{
+    constexpr std::string_view kinds[] = {"interface", "vxlan", "tunnel"};
+    json.begin_object();
+    json.member("xcid", port.xcid);
+    json.member("name", port.name);
+    json.member("ifindex", port.ifindex);
+    json.member("kind", kinds[static_cast<size_t>(port.kind)]);
+    json.member("oper-status", port.up ? "up" : "down");
+    json.member("domain", port.domain);
+    json.member("bridge-id", port.bridge_id);
+    write_if_set(json, "vlan", port.vlan);
+    write_if_set(json, "vni", port.vni);
+    json.end_object();
+}
+
+namespace {
+
+struct bit_word {
+    uint8_t bit;
+    std::string_view word;
+};
+
+// Of a device's own entries; those that say what is usual are left out.
+constexpr bit_word tunnel_state_words[] = {
+    {forwarding::fdb_permanent, "permanent"},
+    {forwarding::fdb_noarp, "static"},
+    {forwarding::fdb_stale, "stale"},
+};
+
+constexpr bit_word tunnel_flag_words[] = {
+    {forwarding::fdb_sticky, "sticky"},
+    {forwarding::fdb_extern_learn, "extern-learned"},
+    {forwarding::fdb_offloaded, "offloaded"},
+};
+
+void write_words(json_writer &json, std::span<const bit_word> words, uint8_t bits)
+{
+    for (const bit_word &row : words) {
+        if ((bits & row.bit) != 0) {
+            json.text(row.word);
+        }
+    }
+}
+
+// What a device's own entry delivers to.
+void write_destination(json_writer &json, const forwarding::fdb_destination &destination)
+{
+    switch (destination.kind) {
+    case forwarding::destination_kind::ipv4:
+        json.member("destination", base::ip_text(std::span(destination.address).first(4)));
+        break;
+    case forwarding::destination_kind::ipv6: json.member("destination", base::ip_text(destination.address)); break;
+    case forwarding::destination_kind::next_hop: json.member("next-hop-id", destination.next_hop); break;
+    default: break;
+    }
+}
+
+} // namespace
+
+void write_tunnel_entry(json_writer &json, const forwarding::tunnel_entry &entry)
+{
+    json.begin_object();
+    if (entry.bridge_id != 0) {
+        json.member("domain", entry.domain);
+        json.member("bridge-id", entry.bridge_id);
+        json.member("xcid", entry.xcid);
+    }
+    json.member("port", entry.port);
+    json.member("mac-address", base::mac_text(entry.record.mac));
+    write_destination(json, entry.record.destination);
+    write_if_set(json, "udp-port", entry.record.destination.port);
+    write_if_set(json, "vni", entry.record.destination.vni);
+    write_if_set(json, "source-vni", entry.record.source_vni);
+    json.begin_array("flags");
+    write_words(json, tunnel_state_words, entry.record.state);
+    write_words(json, tunnel_flag_words, entry.record.flags);
+    json.end_array();
+    json.end_object();
+}
+
+void write_trace(json_writer &json, const host::trace_point &point, host::trace_ring ring)
+{
+    std::string time = base::utc_text(static_cast<int64_t>(point.time_ns / nanoseconds));
+    char fraction[16];
+    std::snprintf(fraction, sizeof(fraction), ".%06uZ", static_cast<unsigned>(point.time_ns % nanoseconds / 1000));
+    time.replace(time.size() - 1, 1, fraction);
+    json.begin_object();
+    json.member("ring", ring == host::trace_ring::normal ? "normal" : "error");
+    json.member64("sequence", point.sequence);
+    json.member("time", time);
+    json.member("id", point.id);
+    json.member("thread", point.thread_id);
+    json.member("function", point.function);
+    json.begin_array("values");
+    for (uint32_t i = 0; i < point.value_count; i++) {
+        json.text(std::to_string(point.values[i]));
+    }
+    json.end_array();
+    json.member("text", host::trace_format(point));
+    json.end_object();
+}
+
+} // namespace l2fibd

@@ -1,0 +1,426 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "daemon/api/sources.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+#include <vector>
+
+#include "base/text.h"
+#include "daemon/api/api_error.h"
+#include "daemon/api/records.h"
+
+namespace l2fibd {
+
+namespace {
+
+// A reading is empty when the forwarding plane has ended, which must not look like the end of a list.
+void require_running(const forwarding::row_page &page)
+{
+    if (page.objects == nullptr) {
+        throw api_error{503, "operation-failed", "the forwarding plane has ended"};
+    }
+}
+
+uint32_t number_of(const std::optional<std::string> &start, uint32_t beginning)
+{
+    const auto number = start ? base::parse_number(*start, UINT32_MAX) : beginning;
+    if (!number) {
+        throw unexpected("cursor", continuation_of(*start), "a next-cursor of this list");
+    }
+    return static_cast<uint32_t>(*number);
+}
+
+// A copy of one of the forwarding plane's views, in the order of the number that Key gives.
+template <typename View, auto Key, auto Write>
+class view_source : public list_source {
+public:
+    view_source(std::vector<View> of, const std::optional<std::string> &start)
+        : views_(std::move(of))
+    {
+        if (start) {
+            const uint32_t after = number_of(start, 0);
+            next_ = static_cast<size_t>(std::ranges::upper_bound(views_, after, {}, Key) - views_.begin());
+        }
+    }
+
+    position fetch(uint32_t most, json_writer &json) override
+    {
+        const size_t end = std::min(views_.size(), next_ + most);
+        const auto count = static_cast<uint32_t>(end - next_);
+        for (; next_ < end; next_++) {
+            Write(json, views_[next_]);
+        }
+        return {end == 0 ? "" : std::to_string(views_[end - 1].*Key), count, end < views_.size()};
+    }
+
+private:
+    std::vector<View> views_;
+    size_t next_ = 0;
+};
+
+using domain_source = view_source<forwarding::domain_view, &forwarding::domain_view::bridge_id, write_domain>;
+using port_source = view_source<forwarding::port_view, &forwarding::port_view::xcid, write_port>;
+
+// ---- Rows of the MAC table ----
+
+[[noreturn]] void refuse_cursor(const std::string &start)
+{
+    throw unexpected("cursor", continuation_of(start), "a next-cursor of this list");
+}
+
+// The numbers of a continuation such as "t 1 3 2199023255553"; `kind` says of which list it is.
+template <size_t Count>
+std::array<uint64_t, Count> numbers_of(const std::string &start, std::string_view kind)
+{
+    const auto fields = base::split(start, ' ');
+    std::array<uint64_t, Count> numbers{};
+    if (fields.size() != Count + 1 || fields.front() != kind) {
+        refuse_cursor(start);
+    }
+    for (size_t at = 0; at < Count; at++) {
+        const auto number = base::parse_number(fields[at + 1]);
+        if (!number) {
+            refuse_cursor(start);
+        }
+        numbers[at] = *number;
+    }
+    return numbers;
+}
+
+template <typename... Numbers>
+std::string cursor_of(std::string_view kind, Numbers... numbers)
+{
+    return (std::string(kind) + ... + (" " + std::to_string(numbers)));
+}
+
+uint64_t number_of_mac(const forwarding::mac_address &mac)
+{
+    uint64_t number = 0;
+    for (const uint8_t byte : mac) {
+        number = number << 8 | byte;
+    }
+    return number;
+}
+
+forwarding::mac_address mac_of_number(uint64_t number)
+{
+    forwarding::mac_address mac;
+    for (size_t at = mac.size(); at-- > 0; number >>= 8) {
+        mac[at] = static_cast<uint8_t>(number);
+    }
+    return mac;
+}
+
+class table_source : public list_source {
+public:
+    table_source(const forwarding::row_filter &filter, const std::optional<std::string> &start)
+        : filter_(filter)
+    {
+        if (start) {
+            const auto [bridge_id, xcid, mac, holds_row] = numbers_of<4>(*start, kind);
+            at_ = {static_cast<uint16_t>(bridge_id), static_cast<uint32_t>(xcid), mac_of_number(mac), holds_row != 0};
+            if (filter.bridge_id != 0 && filter.bridge_id != at_.bridge_id) {
+                refuse_cursor(*start);
+            }
+        }
+    }
+
+    position fetch(uint32_t most, json_writer &json) override
+    {
+        const forwarding::row_page page = forwarding::read_rows(filter_, at_, most);
+        require_running(page);
+        for (const forwarding::mac_row &row : page.rows) {
+            write_row(json, row, false);
+        }
+        at_ = page.end;
+        return {cursor_of(kind, at_.bridge_id, at_.xcid, number_of_mac(at_.mac), at_.holds_row ? 1 : 0),
+                static_cast<uint32_t>(page.rows.size()), page.more};
+    }
+
+private:
+    static constexpr std::string_view kind = "t";
+
+    forwarding::row_filter filter_;
+    forwarding::row_position at_ = {};
+};
+
+class address_source : public list_source {
+public:
+    address_source(const forwarding::mac_address &mac, const forwarding::row_filter &filter,
+                   const std::optional<std::string> &start)
+        : mac_(mac)
+        , filter_(filter)
+    {
+        if (start) {
+            const auto [bridge_id, xcid] = numbers_of<2>(*start, kind);
+            after_ = {bridge_id, xcid};
+        }
+    }
+
+    position fetch(uint32_t most, json_writer &json) override
+    {
+        if (page_.objects == nullptr) {
+            find();
+        }
+        const size_t end = std::min(page_.rows.size(), next_ + most);
+        const auto count = static_cast<uint32_t>(end - next_);
+        for (; next_ < end; next_++) {
+            write_row(json, page_.rows[next_], false);
+        }
+        const std::string key =
+            end == 0 ? "" : cursor_of(kind, page_.rows[end - 1].bridge_id, page_.rows[end - 1].xcid);
+        return {key, count, end < page_.rows.size()};
+    }
+
+private:
+    using place = std::pair<uint64_t, uint64_t>;
+    static constexpr std::string_view kind = "a";
+
+    static place place_of(const forwarding::mac_row &row) { return {row.bridge_id, row.xcid}; }
+
+    void find()
+    {
+        page_ = forwarding::find_rows(mac_, filter_.bridge_id);
+        require_running(page_);
+        std::erase_if(page_.rows, [&](const forwarding::mac_row &row) { return !passes(filter_, row); });
+        const auto next = std::ranges::upper_bound(page_.rows, after_, {}, place_of);
+        next_ = static_cast<size_t>(next - page_.rows.begin());
+    }
+
+    forwarding::mac_address mac_;
+    forwarding::row_filter filter_;
+    place after_ = {};
+    forwarding::row_page page_ = {};
+    size_t next_ = 0;
+};
+
+class ordered_source : public list_source {
+public:
+    ordered_source(forwarding::row_order order, const std::optional<std::string> &start, uint64_t limit)
+        : order_(order)
+        , ahead_(static_cast<uint32_t>(std::min<uint64_t>(limit, most_ahead)))
+    {
+        if (start) {
+            const auto [value, slot, began] = numbers_of<3>(*start, kind());
+            at_ = {value, static_cast<uint32_t>(slot), true, began};
+        }
+    }
+
+    // Reads ahead, since each reading looks at all entries.
+    position fetch(uint32_t most, json_writer &json) override
+    {
+        if (next_ == page_.rows.size()) {
+            forwarding::ordered_page read = forwarding::read_ordered(order_, at_, ahead_);
+            require_running(read.page);
+            page_ = std::move(read.page);
+            end_ = read.end;
+            next_ = 0;
+        }
+        const size_t end = std::min(page_.rows.size(), next_ + most);
+        const auto count = static_cast<uint32_t>(end - next_);
+        for (; next_ < end; next_++) {
+            write_row(json, page_.rows[next_], true);
+            at_ = page_.rows[next_].place;
+        }
+        const bool is_at_end = next_ == page_.rows.size();
+        at_ = is_at_end ? end_ : at_;
+        return {cursor_of(kind(), at_.value, at_.slot, at_.began), count, !is_at_end || page_.more};
+    }
+
+private:
+    static constexpr uint64_t most_ahead = 20'000;
+
+    std::string_view kind() const { return order_ == forwarding::row_order::created ? "c" : "l"; }
+
+    forwarding::row_order order_;
+    uint32_t ahead_;
+    forwarding::order_position at_ = {};
+    forwarding::order_position end_ = {}; // of what was read ahead
+    forwarding::row_page page_ = {};
+    size_t next_ = 0;
+};
+
+class vtep_source : public list_source {
+public:
+    explicit vtep_source(const std::optional<std::string> &start)
+    {
+        if (start) {
+            const auto [xcid, address, vni] = numbers_of<3>(*start, kind);
+            at_.xcid = static_cast<uint32_t>(xcid);
+            at_.vni = static_cast<uint32_t>(vni);
+            for (size_t at = 0; at < at_.address.size(); at++) {
+                at_.address[at] = static_cast<uint8_t>(address >> (8 * (at_.address.size() - 1 - at)));
+            }
+        }
+    }
+
+    position fetch(uint32_t most, json_writer &json) override
+    {
+        auto vteps = forwarding::read_vteps(at_, most + 1);
+        const bool more = vteps.size() > most;
+        vteps.resize(std::min<size_t>(vteps.size(), most));
+        const auto objects = forwarding::objects();
+        for (const forwarding::vtep_view &vtep : vteps) {
+            write_vtep(json, vtep, objects.get());
+            at_ = vtep;
+        }
+        uint64_t address = 0;
+        for (const uint8_t byte : at_.address) {
+            address = address << 8 | byte;
+        }
+        return {cursor_of(kind, at_.xcid, address, at_.vni), static_cast<uint32_t>(vteps.size()), more};
+    }
+
+private:
+    static constexpr std::string_view kind = "v";
+
+    forwarding::vtep_view at_ = {};
+};
+
+class tunnel_entry_source : public list_source {
+public:
+    explicit tunnel_entry_source(uint32_t from)
+        : cursor_(from)
+    {}
+
+    position fetch(uint32_t most, json_writer &json) override
+    {
+        const auto entries = forwarding::tunnel_entries(cursor_, most);
+        for (const forwarding::tunnel_entry &entry : entries) {
+            write_tunnel_entry(json, entry);
+        }
+        uint32_t ahead = cursor_;
+        const bool more = !entries.empty() && !forwarding::tunnel_entries(ahead, 1).empty();
+        return {std::to_string(cursor_), static_cast<uint32_t>(entries.size()), more};
+    }
+
+private:
+    uint32_t cursor_;
+};
+
+// Reads one ring's points up to the newest of the time when the list began.
+class ring_reader {
+public:
+    ring_reader(host::trace_ring of, uint64_t from)
+        : ring_(of)
+        , next_(from)
+        , newest_(host::trace_newest(of))
+    {}
+
+    // The point to come next; null at the end.
+    const host::trace_point *peek()
+    {
+        if (at_ == count_ && next_ <= newest_) {
+            const host::trace_batch batch = host::trace_read(ring_, next_, points_);
+            at_ = 0;
+            count_ = batch.count;
+            next_ = batch.count == 0 ? newest_ + 1 : batch.next;
+        }
+        return at_ < count_ && points_[at_].sequence <= newest_ ? &points_[at_] : nullptr;
+    }
+
+    host::trace_ring kind() const { return ring_; }
+    void advance() { at_++; }
+
+    // To go on after what was taken.
+    uint64_t position() const { return at_ < count_ ? points_[at_].sequence : next_; }
+
+private:
+    host::trace_ring ring_;
+    uint64_t next_; // after `points`
+    uint64_t newest_;
+    std::array<host::trace_point, 64> points_{};
+    size_t at_ = 0;
+    size_t count_ = 0;
+};
+
+class trace_source : public list_source {
+public:
+    trace_source(uint64_t from_normal, uint64_t from_error)
+        : normal_(host::trace_ring::normal, from_normal)
+        , error_(host::trace_ring::error, from_error)
+    {}
+
+    position fetch(uint32_t most, json_writer &json) override
+    {
+        uint32_t count = 0;
+        while (count < most && write_oldest(json)) {
+            count++;
+        }
+        return {std::to_string(normal_.position()) + "," + std::to_string(error_.position()), count,
+                normal_.peek() != nullptr || error_.peek() != nullptr};
+    }
+
+private:
+    bool write_oldest(json_writer &json)
+    {
+        const host::trace_point *a = normal_.peek();
+        const host::trace_point *b = error_.peek();
+        if (a == nullptr && b == nullptr) {
+            return false;
+        }
+        ring_reader &from = b == nullptr || (a != nullptr && a->time_ns <= b->time_ns) ? normal_ : error_;
+        write_trace(json, *from.peek(), from.kind());
+        from.advance();
+        return true;
+    }
+
+    ring_reader normal_;
+    ring_reader error_;
+};
+
+} // namespace
+
+std::unique_ptr<list_source> make_table_source(const forwarding::row_filter &filter,
+                                               const std::optional<std::string> &start)
+{
+    return std::make_unique<table_source>(filter, start);
+}
+
+std::unique_ptr<list_source> make_address_source(const forwarding::mac_address &mac,
+                                                 const forwarding::row_filter &filter,
+                                                 const std::optional<std::string> &start)
+{
+    return std::make_unique<address_source>(mac, filter, start);
+}
+
+std::unique_ptr<list_source> make_ordered_source(forwarding::row_order order, const std::optional<std::string> &start,
+                                                 uint64_t limit)
+{
+    return std::make_unique<ordered_source>(order, start, limit);
+}
+
+std::unique_ptr<list_source> make_vtep_source(const std::optional<std::string> &start)
+{
+    return std::make_unique<vtep_source>(start);
+}
+
+std::unique_ptr<list_source> make_domain_source(const std::optional<std::string> &start)
+{
+    return std::make_unique<domain_source>(forwarding::domains(), start);
+}
+
+std::unique_ptr<list_source> make_port_source(const std::optional<std::string> &start)
+{
+    return std::make_unique<port_source>(forwarding::ports(), start);
+}
+
+std::unique_ptr<list_source> make_tunnel_entry_source(const std::optional<std::string> &start)
+{
+    return std::make_unique<tunnel_entry_source>(number_of(start, 0));
+}
+
+std::unique_ptr<list_source> make_trace_source(const std::optional<std::string> &start)
+{
+    const auto fields = base::split(start ? std::string_view(*start) : "1,1", ',');
+    const auto from_normal = base::parse_number(fields.front());
+    const auto from_error = base::parse_number(fields.back());
+    if (fields.size() != 2 || !from_normal || !from_error) {
+        throw unexpected("cursor", continuation_of(*start), "a next-cursor of this list");
+    }
+    return std::make_unique<trace_source>(*from_normal, *from_error);
+}
+
+} // namespace l2fibd

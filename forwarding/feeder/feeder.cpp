@@ -1,0 +1,466 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// The feeder's start, its queue of changes, and how an entry gets into the cache and out of it.
+#include "forwarding/feeder/feeder.h"
+
+#include <algorithm>
+#include <bit>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include <arpa/inet.h>
+
+#include "forwarding/feeder/table_hold.h"
+#include "host/event/event_host.h"
+#include "l2fm_edm_table.h"
+
+namespace forwarding {
+namespace {
+
+// How long a change waits for others of its kind.
+constexpr uint64_t batch_time_ns = 20'000'000;
+// How far the system's clock may be from where it was when times were last reported. Two readings are never at the same
+// moment, and the time of an entry that nobody has touched should not waver by a second.
+constexpr int64_t clock_tolerance_ms = 500;
+// Entries that are settled before the thread looks at other events, and during one hold of the table lock.
+constexpr size_t slice_size = 2048;
+constexpr size_t hold_size = 64;
+static_assert(slice_size % query_batch == 0);
+// Two processors report two changes of one entry at most so far apart in the wrong order.
+constexpr uint32_t contest_time_ms = 50;
+
+// ---- The cache, under the table lock ----
+
+l2fm_edm_bp_t *cached_port(uint32_t bridge_id, uint32_t xcid)
+{
+    if (xcid != EDM_XCID_DUMMY) {
+        return l2fm_edm_table_bp_get_by_xcid(xcid);
+    }
+    const l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_by_bridgeid(bridge_id);
+    return bd != nullptr ? l2fm_edm_table_bd_bp_get(bd, xcid) : nullptr;
+}
+
+l2fm_edm_mac_t *cached_entry(uint32_t bridge_id, uint32_t xcid, const uint8_t *mac)
+{
+    const l2fm_edm_bp_t *bp = cached_port(bridge_id, xcid);
+    return bp != nullptr ? l2fm_edm_table_bp_mac_get(&bp->mac_tree, mac) : nullptr;
+}
+
+l2fm_edm_bp_t *port_for(const l2fib_mac_edm_entry_t &entry)
+{
+    if (l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(entry.xcid); bp != nullptr) {
+        return bp;
+    }
+    l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_by_bridgeid(entry.bridge_id);
+    if (bd == nullptr) {
+        bd = l2fm_edm_table_bd_create(entry.bridge_id);
+    }
+    return l2fm_edm_table_bp_create(bd, entry.xcid);
+}
+
+// The feed takes an address that is new on its port for one that has moved there. That is wrong of flood lists: each
+// tunnel of a bridge domain may have one, under the same zero address. This files one beside the others.
+uint32_t file_beside(const l2fib_mac_edm_entry_t &entry)
+{
+    l2fm_edm_bp_t *bp = port_for(entry);
+    if (bp == nullptr) {
+        return EDM_ERR_NO_RESOURCE;
+    }
+    if (l2fm_edm_table_bp_mac_get(&bp->mac_tree, entry.mac_addr) == nullptr) {
+        return l2fm_edm_table_mac_create(bp, &entry);
+    }
+    return l2fib_mac_edm_add(&entry);
+}
+
+// An entry of a port stands in the way of a bridge domain's own for the same address.
+uint32_t file_own(const l2fib_mac_edm_entry_t &entry)
+{
+    const uint32_t status = l2fib_mac_edm_add(&entry);
+    if (status != EDM_ERR_STOPPED) {
+        return status;
+    }
+    l2fm_edm_table_mac_destroy(l2fm_edm_table_mac_get_by_bridgeid_mac(entry.bridge_id, entry.mac_addr));
+    return l2fib_mac_edm_add(&entry);
+}
+
+uint32_t vtep_of(const l2fib_mac_edm_entry_t &descriptor)
+{
+    uint32_t address = 0;
+    if ((descriptor.flags & EDM_MAC_VNI) != 0) {
+        std::memcpy(&address, descriptor.vtep_addr, sizeof(address));
+    }
+    return ntohl(address);
+}
+
+// The flags that choose the variant of a record. The table replaces an entry whose variant changes.
+uint8_t variant_of(const l2fib_mac_edm_entry_t &descriptor)
+{
+    const bool pbb = (descriptor.flags & EDM_MAC_PBB) != 0;
+    const bool vni = (descriptor.flags & EDM_MAC_VNI) != 0;
+    return static_cast<uint8_t>((pbb ? 1U : 0U) | (vni ? 2U : 0U));
+}
+
+} // namespace
+
+feeder::feeder(plane &source, feeder_settings settings)
+    : copy_(*this)
+    , plane_(source)
+    , settings_(std::move(settings))
+    , bridge_counters_(65'536)
+{}
+
+void feeder::follow_clock()
+{
+    using namespace std::chrono;
+    const auto epoch = duration_cast<milliseconds>(system_clock::now().time_since_epoch());
+    const auto steady = duration_cast<milliseconds>(steady_clock::now().time_since_epoch());
+    const int64_t offset_ms = (epoch - steady).count();
+    if (std::abs(offset_ms - epoch_offset_ms_) > clock_tolerance_ms) {
+        epoch_offset_ms_ = offset_ms;
+    }
+}
+
+std::string feeder::start(event_manager_t *evm)
+{
+    constexpr uint64_t second_ns = 1'000'000'000;
+    evm_ = evm;
+    follow_clock();
+    std::string error;
+    if (!plane_.start(evm, copy_, error)) {
+        return error;
+    }
+    if (plane_.ages_silently()) {
+        uint32_t timer = 0;
+        host::event_timer_attach(evm_, second_ns, second_ns, call<&feeder::look_after_copy>, this, &timer);
+    }
+    return {};
+}
+
+// ---- Removals on their way ----
+
+// Posts behind a publication: both travel by the same queue.
+void feeder::expect_removal(uint32_t publication_status)
+{
+    if (publication_status != 0) {
+        refuse(refusal::notification, "a removal could not be published");
+    }
+    if (host::event_post(evm_, call<&feeder::removal_arrived>, nullptr, this) == 0) {
+        removals_in_flight_++;
+    }
+}
+
+void feeder::removal_arrived()
+{
+    if (--removals_in_flight_ == 0) {
+        flush_later();
+        serve_waiting();
+    }
+}
+
+// ---- The queue of changes ----
+
+uint32_t feeder::coarse_ms()
+{
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<uint32_t>(now.tv_sec * 1000 + now.tv_nsec / 1'000'000);
+}
+
+void feeder::entry_touched(uint32_t at)
+{
+    copy_entry &entry = copy_.entries[at];
+    const uint32_t now = coarse_ms();
+    const bool has_flipped = entry.touched_ms != 0 && entry.touched_alive != entry.alive;
+    entry.contested |= has_flipped && plane_.ages_silently() && now - entry.touched_ms <= contest_time_ms;
+    entry.touched_alive = entry.alive;
+    entry.surely_gone &= !entry.alive;
+    entry.touched_ms = now;
+    merged_ += entry.dirty ? 1 : 0;
+    entry_affected(at);
+}
+
+void feeder::entry_affected(uint32_t at)
+{
+    recount(at);
+    copy_entry &entry = copy_.entries[at];
+    if (!entry.dirty) {
+        dirty_.push_back(at);
+        entry.dirty = true;
+        flush_later();
+    }
+}
+
+// A report that changes nothing may belong before a removal that comes next, or behind it. The ages of a plane that
+// ages silently are asked for where they are shown.
+void feeder::entry_confirmed(uint32_t at, bool has_aged)
+{
+    copy_.entries[at].touched_ms = coarse_ms();
+    if (has_aged && !plane_.ages_silently()) {
+        entry_affected(at);
+    }
+}
+
+void feeder::flush_later()
+{
+    if (!flush_expected_ && settled_ < dirty_.size()) {
+        uint32_t timer = 0;
+        flush_expected_ = host::event_timer_attach(evm_, batch_time_ns, 0, call<&feeder::flush>, this, &timer) == 0;
+    }
+}
+
+void feeder::flush()
+{
+    flush_expected_ = false;
+    if (removals_in_flight_ != 0) {
+        return;
+    }
+    follow_clock();
+    for (size_t done = 0; done < slice_size && settled_ < dirty_.size();) {
+        done += settle_slice();
+    }
+    if (settled_ < dirty_.size()) {
+        flush_expected_ = host::event_post(evm_, call<&feeder::flush>, nullptr, this) == 0;
+    } else {
+        settle_everything(); // ends the queue
+    }
+}
+
+void feeder::settle_everything()
+{
+    do {
+        while (settled_ < dirty_.size()) {
+            settle_slice();
+        }
+        dirty_.clear();
+        settled_ = 0;
+        refill();
+    } while (!dirty_.empty()); // a flood list that has found room brings its other destinations
+    entries_ = copy_.living;
+    links_ = copy_.known_links;
+    unchanged_ = copy_.unchanged;
+    follow_state();
+}
+
+// Returns how many entries it has settled.
+size_t feeder::settle_slice()
+{
+    const size_t first = settled_;
+    const size_t end = std::min(dirty_.size(), first + query_batch);
+    ask_about_slice(end);
+    while (settled_ < end) {
+        const table_hold hold;
+        for (size_t held = 0; held < hold_size && settled_ < end; held++) {
+            settle(dirty_[settled_]); // throws without memory: then it stays in the queue
+            settled_++;
+        }
+    }
+    return end - first;
+}
+
+// Under the table lock.
+void feeder::settle(uint32_t at)
+{
+    copy_entry &entry = copy_.entries[at];
+    l2fib_mac_edm_entry_t descriptor;
+    const standing now = describe(copy_, at, epoch_offset_ms_, descriptor);
+    if (now == standing::fed || now == standing::of_flood_list) {
+        feed(at, descriptor);
+        entry.dirty = false;
+        return;
+    }
+    withdraw(at);
+    count_entry(at);
+    note_present(entry);
+    entry.dirty = false;
+    if (now == standing::none) {
+        copy_.release(at);
+    }
+}
+
+// ---- Into the cache and out of it, under the table lock ----
+
+void feeder::feed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
+{
+    copy_entry &entry = copy_.entries[at];
+    const bool on_dummy = (descriptor.flags & EDM_MAC_ON_DUMMY_PORT) != 0;
+    const uint32_t xcid = on_dummy ? EDM_XCID_DUMMY : descriptor.xcid;
+    if (entry.fed_xcid != 0 && (entry.fed_xcid != xcid || entry.fed_bridge != descriptor.bridge_id)) {
+        withdraw(at);
+    }
+    std::optional<newest_entry> newest = newest_of_full_cache();
+    if (newest && cached_entry(descriptor.bridge_id, xcid, entry.record.mac.data()) != nullptr) {
+        newest.reset(); // an entry that takes the place of another, or its own, needs no room
+    }
+    feeds_++;
+    const uint32_t status = file(entry, descriptor, on_dummy);
+    if (newest) {
+        note_eviction(*newest, entry, descriptor.bridge_id, xcid);
+    }
+    if (status != 0) {
+        refusals_[static_cast<size_t>(refusal::feed)]++;
+        lose(at, descriptor.bridge_id, xcid, &losses::refused);
+        return;
+    }
+    note_fed(at, descriptor, xcid);
+}
+
+uint32_t feeder::file(const copy_entry &entry, const l2fib_mac_edm_entry_t &descriptor, bool on_dummy)
+{
+    if (on_dummy) {
+        return file_own(descriptor);
+    }
+    return entry.record.self ? file_beside(descriptor) : l2fib_mac_edm_add(&descriptor);
+}
+
+void feeder::note_fed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor, uint32_t xcid)
+{
+    copy_entry &entry = copy_.entries[at];
+    const uint8_t variant = variant_of(descriptor);
+    if (entry.fed_xcid == 0 || entry.fed_variant != variant) {
+        entry.created = ++last_created_;
+    }
+    const bool is_new = entry.fed_xcid == 0;
+    entry.fed_variant = variant;
+    entry.fed_xcid = xcid;
+    entry.fed_bridge = descriptor.bridge_id;
+    use_vtep(at, descriptor);
+    count_entry(at);
+    note_present(entry);
+    if (is_new && missing_ != 0) {
+        feed_rest_of_flood_list(entry);
+    }
+}
+
+// Another entry of the copy that stands at the same place in the cache, as the destinations of a flood list do.
+uint32_t feeder::sharing_entry(uint32_t at) const
+{
+    const copy_entry &entry = copy_.entries[at];
+    const auto port = ports_by_xcid_.find(entry.fed_xcid);
+    if (port == ports_by_xcid_.end() || copy_.ports[port->second].key.kind != link_kind::vxlan) {
+        return no_slot;
+    }
+    const uint32_t group = copy_.find_group(copy_.ports[port->second].key, entry.record.mac);
+    uint32_t other = group != no_slot ? copy_.groups[group].first : no_slot;
+    for (; other != no_slot; other = copy_.entries[other].group_next) {
+        if (other != at && copy_.entries[other].fed_xcid == entry.fed_xcid
+            && copy_.entries[other].fed_bridge == entry.fed_bridge) {
+            return other;
+        }
+    }
+    return no_slot;
+}
+
+void feeder::withdraw(uint32_t at)
+{
+    copy_entry &entry = copy_.entries[at];
+    if (entry.fed_xcid == 0) {
+        return;
+    }
+    const uint32_t sharing = sharing_entry(at);
+    if (sharing == no_slot) {
+        l2fm_edm_table_mac_destroy(cached_entry(entry.fed_bridge, entry.fed_xcid, entry.record.mac.data()));
+    } else {
+        entry_affected(sharing); // the place may still show the destination of this one
+    }
+    leave_vtep(entry);
+    entry.fed_xcid = 0;
+}
+
+// ---- Tunnel end points ----
+
+// The table keeps a tunnel end point until a sweep. The feeder counts who uses it, and removes it with the last one.
+void feeder::use_vtep(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
+{
+    copy_entry &entry = copy_.entries[at];
+    const port_key &on = copy_.ports[entry.port].key;
+    if (on.kind != link_kind::vxlan) {
+        return;
+    }
+    const auto [vni, source_vni] = vnis_of(at);
+    const vtep_use use{entry.fed_xcid, vtep_of(descriptor), vni};
+    const bool has_own_vni = vni != on.vni || source_vni != 0;
+    show_own_vni({use.xcid, use.address, entry.record.mac},
+                 has_own_vni ? std::optional(own_vni{vni, source_vni}) : std::nullopt);
+    if (entry.fed_tunnel && entry.fed_vtep == use.address && entry.fed_vni == vni && entry.fed_own_vni == has_own_vni) {
+        return;
+    }
+    const copy_entry before = entry;
+    entry.fed_tunnel = true;
+    entry.fed_own_vni = has_own_vni;
+    entry.fed_vtep = use.address;
+    entry.fed_vni = vni;
+    if (use.address != 0) {
+        const std::lock_guard hold(views_mutex_);
+        vtep_users &users = vteps_[use];
+        users.count++;
+        users.bridge_id = entry.fed_bridge;
+    }
+    leave_vtep_of(before, before.fed_vtep == use.address);
+}
+
+feeder::own_vni feeder::vnis_of(uint32_t at) const
+{
+    const fdb_record *tunnel = tunnel_record_of(copy_, at);
+    const uint32_t source_vni = tunnel != nullptr ? tunnel->source_vni : 0;
+    const uint32_t sent_with = tunnel != nullptr && tunnel->destination.vni != 0 ? tunnel->destination.vni : source_vni;
+    return {sent_with != 0 ? sent_with : copy_.ports[copy_.entries[at].port].key.vni, source_vni};
+}
+
+// The table's row shows the destination that was fed last. Destinations of one flood list may share the tunnel's end
+// and differ in the VNI, so each feed says which one the row has.
+void feeder::show_own_vni(const row_place &row, const std::optional<own_vni> &vnis)
+{
+    const std::lock_guard hold(views_mutex_);
+    if (vnis) {
+        own_vnis_[row] = *vnis;
+    } else {
+        own_vnis_.erase(row);
+    }
+}
+
+void feeder::leave_vtep(copy_entry &entry)
+{
+    leave_vtep_of(entry, false);
+    entry.fed_tunnel = entry.fed_own_vni = false;
+    entry.fed_vtep = entry.fed_vni = 0;
+}
+
+// Takes back what an entry has used; `keeps_row`: but for the VNI of its row, which is another's now.
+void feeder::leave_vtep_of(const copy_entry &entry, bool keeps_row)
+{
+    if (!entry.fed_tunnel) {
+        return;
+    }
+    const vtep_use use{entry.fed_xcid, entry.fed_vtep, entry.fed_vni};
+    bool is_unused = false;
+    {
+        const std::lock_guard hold(views_mutex_);
+        if (entry.fed_own_vni && !keeps_row) {
+            own_vnis_.erase({use.xcid, use.address, entry.record.mac});
+        }
+        const auto users = vteps_.find(use);
+        if (users == vteps_.end() || --users->second.count != 0) {
+            return;
+        }
+        vteps_.erase(users);
+        const auto other = vteps_.lower_bound({use.xcid, use.address, 0});
+        is_unused = other == vteps_.end() || other->first.xcid != use.xcid || other->first.address != use.address;
+    }
+    if (is_unused) {
+        destroy_vtep(use);
+    }
+}
+
+void feeder::destroy_vtep(const vtep_use &use)
+{
+    const uint32_t address = htonl(use.address);
+    l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(use.xcid);
+    const auto bytes = std::bit_cast<std::array<uint8_t, sizeof(address)>>(address);
+    if (l2fm_edm_vtep_t *vtep = l2fm_edm_table_vtep_lookup(bytes.data(), bp); vtep != nullptr) {
+        l2fm_edm_table_vtep_destroy(vtep, bp);
+    }
+}
+
+} // namespace forwarding

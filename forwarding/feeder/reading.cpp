@@ -1,0 +1,517 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "forwarding/feeder/reading.h"
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <span>
+
+#include "forwarding/feeder/asking.h"
+#include "forwarding/feeder/feeder.h"
+#include "forwarding/feeder/row.h"
+#include "forwarding/feeder/table_hold.h"
+#include "platform/utility.h"
+
+namespace forwarding {
+namespace {
+
+constexpr uint64_t nanoseconds = 1'000'000'000;
+
+// Entries that are looked at during one hold of the table lock.
+constexpr uint32_t looks_per_hold = 1024;
+
+// An order by the last sight asks about more entries at a time, the more of them turn out to have been seen since.
+constexpr uint32_t ask_growth = 4;
+constexpr uint32_t most_asked = 65'536;
+
+constexpr uint16_t ageless = EDM_MAC_STATIC | EDM_MAC_LOCAL | EDM_MAC_EXTERN_LEARNED | EDM_MAC_ON_DUMMY_PORT;
+
+void copy_address(mac_address &to, const uint8_t *from)
+{
+    std::memcpy(to.data(), from, to.size());
+}
+
+// ---- Places: a port of a bridge domain, the domain itself behind them all ----
+
+using place = std::pair<uint16_t, uint32_t>;
+
+place place_of(const port_view &port)
+{
+    return {port.bridge_id, port.xcid};
+}
+
+// The first place of the objects that is not before `from`. False at the end.
+bool find_place(const object_views &objects, const place &from, place &found)
+{
+    const auto domain = std::ranges::lower_bound(objects.domains, from.first, {}, &domain_view::bridge_id);
+    if (domain == objects.domains.end()) {
+        return false;
+    }
+    const place wanted = domain->bridge_id == from.first ? from : place{domain->bridge_id, 0};
+    const auto port = std::ranges::lower_bound(objects.ports, wanted, {}, place_of);
+    const bool has_port = port != objects.ports.end() && port->bridge_id == domain->bridge_id;
+    found = has_port ? place_of(*port) : place{domain->bridge_id, EDM_XCID_DUMMY};
+    return true;
+}
+
+bool next_place(const object_views &objects, place &at)
+{
+    return at.second != EDM_XCID_DUMMY ? find_place(objects, {at.first, at.second + 1}, at)
+           : at.first != UINT16_MAX    ? find_place(objects, {static_cast<uint16_t>(at.first + 1), 0}, at)
+                                       : false;
+}
+
+bool is_wanted(const row_filter &filter, const place &at)
+{
+    return (filter.bridge_id == 0 || filter.bridge_id == at.first) && (filter.xcid == 0 || filter.xcid == at.second);
+}
+
+// Where a filter begins, and whether it ends before a place.
+place first_place(const row_filter &filter, const row_position &from, const object_views &objects)
+{
+    if (from.holds_row || from.bridge_id != 0) {
+        return {from.bridge_id, from.xcid};
+    }
+    if (filter.xcid != 0 && filter.bridge_id == 0) {
+        const auto port = std::ranges::find(objects.ports, filter.xcid, &port_view::xcid);
+        return port != objects.ports.end() ? place_of(*port) : place{UINT16_MAX, EDM_XCID_DUMMY};
+    }
+    return {filter.bridge_id, filter.xcid};
+}
+
+bool ends_before(const row_filter &filter, const place &at)
+{
+    return (filter.bridge_id != 0 && at.first > filter.bridge_id) || (filter.xcid != 0 && at.second != filter.xcid);
+}
+
+// ---- The table ----
+
+l2fm_edm_bp_t *port_at(const place &at)
+{
+    if (at.second != EDM_XCID_DUMMY) {
+        return l2fm_edm_table_bp_get_by_xcid(at.second);
+    }
+    return l2fm_edm_table_bd_bp_get(l2fm_edm_table_bd_get_by_bridgeid(at.first), EDM_XCID_DUMMY);
+}
+
+// Reads on at a place until the page is full, the port ends or `looks` are used up. Under the table lock. True: the
+// port has ended.
+bool read_port(const row_filter &filter, const place &at, row_page &page, uint32_t most, uint32_t &looks)
+{
+    row_position &end = page.end;
+    const bool continues = end.holds_row && end.bridge_id == at.first && end.xcid == at.second;
+    const l2fm_edm_bp_t *bp = port_at(at);
+    const l2fm_edm_mac_t *mac = bp == nullptr ? nullptr
+                                : continues   ? l2fm_edm_table_bp_macaddr_get_next(&bp->mac_tree, end.mac.data())
+                                              : l2fm_edm_table_bp_mac_get_first(bp);
+    end.bridge_id = at.first;
+    end.xcid = at.second;
+    end.holds_row = continues;
+    for (; mac != nullptr && looks != 0 && page.rows.size() < most; looks--) {
+        copy_address(end.mac, mac->mac_addr);
+        end.holds_row = true;
+        const l2fm_edm_mac_t *next = l2fm_edm_table_bp_mac_get_next(bp, mac);
+        __builtin_prefetch(next);
+        mac_row row = row_of(*mac);
+        row.bridge_id = at.first;
+        if (passes(filter, row)) {
+            page.rows.push_back(row);
+        }
+        mac = next;
+    }
+    return mac == nullptr;
+}
+
+// Several ports, for as long as a hold of the table lock may last. False at the end of all.
+bool read_ports(const row_filter &filter, place &at, row_page &page, uint32_t most)
+{
+    uint32_t looks = looks_per_hold;
+    const table_hold hold;
+    while (looks != 0 && page.rows.size() < most) {
+        if (!read_port(filter, at, page, most, looks)) {
+            continue;
+        }
+        looks -= looks != 0 ? 1 : 0;
+        do {
+            if (!next_place(*page.objects, at) || ends_before(filter, at)) {
+                return false;
+            }
+        } while (!is_wanted(filter, at));
+        page.end = {at.first, at.second, {}, false};
+    }
+    return true;
+}
+
+// ---- What a row has beside the table's ----
+
+void add_names(row_page &page)
+{
+    const domain_view *domain = nullptr;
+    const port_view *port = nullptr;
+    for (mac_row &row : page.rows) {
+        if (domain == nullptr || domain->bridge_id != row.bridge_id) {
+            domain = page.objects->find_domain(row.bridge_id);
+        }
+        if (port == nullptr || port->bridge_id != row.bridge_id || port->xcid != row.xcid) {
+            port = row.xcid != EDM_XCID_DUMMY ? page.objects->find_port(row.bridge_id, row.xcid) : nullptr;
+        }
+        row.domain = domain;
+        row.port = port;
+    }
+}
+
+void add_times(row_page &page)
+{
+    const int64_t now = std::time(nullptr);
+    for (mac_row &row : page.rows) {
+        if (row.last_seen != 0) {
+            row.age = static_cast<uint32_t>(std::max<int64_t>(0, now - row.last_seen));
+        }
+        const bool ages = (row.flags & ageless) == 0 && row.last_seen != 0;
+        if (ages && row.domain != nullptr && row.domain->ageing_ms != 0) {
+            const uint32_t lasts = row.domain->ageing_ms / 1000;
+            row.time_left = lasts > row.age ? lasts - row.age : 0;
+        }
+    }
+}
+
+void complete_rows(feeder &feed, row_page &page)
+{
+    add_names(page);
+    feed.add_vnis(page.rows);
+    add_times(page);
+}
+
+std::vector<fdb_answer> ask_in_batches(feeder &feed, std::span<const fdb_key> keys)
+{
+    std::vector<fdb_answer> answers(keys.size());
+    for (size_t done = 0; done < keys.size(); done += query_batch) {
+        const size_t count = std::min(query_batch, keys.size() - done);
+        feed.query(keys.subspan(done, count), std::span(answers).subspan(done, count));
+    }
+    return answers;
+}
+
+// Asks a plane that ages silently about the rows that age. Drops a row that it does not hold any more. Flood lists,
+// under the zero address, do not age and are in no bridge.
+void refresh_rows(feeder &feed, row_page &page)
+{
+    std::vector<fdb_key> keys;
+    std::vector<size_t> asked;
+    for (size_t at = 0; at < page.rows.size(); at++) {
+        const mac_row &row = page.rows[at];
+        const domain_view *domain = page.objects->find_domain(row.bridge_id);
+        if ((row.flags & ageless) == 0 && row.mac != mac_address{} && domain != nullptr) {
+            keys.push_back({domain->bridge_ifindex, false, domain->vlan, 0, row.mac, {}});
+            asked.push_back(at);
+        }
+    }
+    const std::vector<fdb_answer> answers = ask_in_batches(feed, keys);
+    std::vector<bool> has_gone(page.rows.size());
+    for (size_t at = 0; at < asked.size(); at++) {
+        const fdb_answer &answer = answers[at];
+        has_gone[asked[at]] = answer.presence == fdb_presence::absent;
+        if (answer.presence == fdb_presence::present && answer.record.updated_ms != 0) {
+            page.rows[asked[at]].last_seen = feed.epoch_seconds(answer.record.updated_ms);
+        }
+    }
+    size_t at = 0;
+    std::erase_if(page.rows, [&](const mac_row &) { return has_gone[at++]; });
+}
+
+} // namespace
+
+// ---- Rows ----
+
+mac_row row_of(const l2fib_mac_edm_entry_t &descriptor)
+{
+    mac_row row;
+    row.flags = descriptor.flags;
+    row.ext_flags = descriptor.ext_flags;
+    row.vlan = descriptor.ext_attr;
+    row.bridge_id = descriptor.bridge_id;
+    row.xcid = (descriptor.flags & EDM_MAC_ON_DUMMY_PORT) != 0 ? EDM_XCID_DUMMY : descriptor.xcid;
+    row.node_id = EDM_NODE_UNKNOWN;
+    row.last_seen = (descriptor.flags & EDM_MAC_TIMESTAMP_VALID) != 0 ? descriptor.hw_timestamp : 0;
+    copy_address(row.mac, descriptor.mac_addr);
+    copy_address(row.backbone, descriptor.bmac_addr);
+    std::memcpy(row.vtep.data(), descriptor.vtep_addr, row.vtep.size());
+    return row;
+}
+
+mac_row row_of(const l2fm_edm_mac_t &entry)
+{
+    mac_row row;
+    row.flags = static_cast<uint16_t>(entry.flags & ~EDM_MAC_STALE);
+    row.ext_flags = entry.ext_flags;
+    row.vlan = entry.ext_attr;
+    row.bridge_id = static_cast<uint16_t>(entry.bridge_id);
+    row.xcid = entry.bp != nullptr ? entry.bp->xcid : entry.xcid;
+    row.node_id = entry.node_id;
+    row.last_seen = (entry.flags & EDM_MAC_TIMESTAMP_VALID) != 0 ? entry.hw_timestamp : 0;
+    row.age = static_cast<uint32_t>((fts_get_stamp_fast() - entry.update_stamp) / nanoseconds);
+    copy_address(row.mac, entry.mac_addr);
+    if ((entry.flags & EDM_MAC_PBB) != 0) {
+        copy_address(row.backbone, reinterpret_cast<const l2fm_edm_mac_pbb_t *>(&entry)->bmac_addr);
+    } else if ((entry.flags & EDM_MAC_VNI) != 0) {
+        const auto *remote = reinterpret_cast<const l2fm_edm_mac_vni_t *>(&entry);
+        std::memcpy(row.vtep.data(), remote->vtep_addr, row.vtep.size());
+    }
+    return row;
+}
+
+bool passes(const row_filter &filter, const mac_row &row)
+{
+    const bool is_behind = !filter.vtep || ((row.flags & EDM_MAC_VNI) != 0 && row.vtep == *filter.vtep);
+    return is_behind && (filter.flags == 0 || (row.flags & filter.flags) != 0)
+           && is_wanted(filter, {row.bridge_id, row.xcid});
+}
+
+row_page read_rows(const row_filter &filter, const row_position &from, uint32_t most)
+{
+    row_page page;
+    page.end = from;
+    with_feeder([&](feeder &feed) {
+        page.objects = feed.objects();
+        place at;
+        bool follows = find_place(*page.objects, first_place(filter, from, *page.objects), at);
+        while (follows && !is_wanted(filter, at)) {
+            follows = next_place(*page.objects, at) && !ends_before(filter, at);
+        }
+        while (follows && page.rows.size() < most) {
+            follows = read_ports(filter, at, page, most);
+        }
+        page.more = follows;
+        if (feed.ages_silently()) {
+            refresh_rows(feed, page);
+        }
+        complete_rows(feed, page);
+    });
+    return page;
+}
+
+// ---- One address ----
+
+namespace {
+
+// The copy does not know when the table updated an entry.
+void add_table_ages(row_page &page)
+{
+    const table_hold hold;
+    for (mac_row &row : page.rows) {
+        const l2fm_edm_bp_t *bp = port_at({row.bridge_id, row.xcid});
+        const l2fm_edm_mac_t *entry =
+            bp != nullptr ? l2fm_edm_table_bp_mac_get(&bp->mac_tree, row.mac.data()) : nullptr;
+        if (entry != nullptr) {
+            const mac_row cached = row_of(*entry);
+            row.age = cached.age;
+            row.node_id = cached.node_id;
+        }
+    }
+}
+
+// A zero address stands in no bridge: the flood lists of the devices are in the table alone.
+bool read_flood_lists(feeder &feed, uint16_t bridge_id, row_page &page)
+{
+    const table_hold hold;
+    for (const port_view &port : page.objects->ports) {
+        const l2fm_edm_bp_t *bp =
+            bridge_id == 0 || port.bridge_id == bridge_id ? l2fm_edm_table_bp_get_by_xcid(port.xcid) : nullptr;
+        const mac_address zero = {};
+        const l2fm_edm_mac_t *entry = bp != nullptr ? l2fm_edm_table_bp_mac_get(&bp->mac_tree, zero.data()) : nullptr;
+        if (entry != nullptr) {
+            page.rows.push_back(row_of(*entry));
+            page.rows.back().bridge_id = port.bridge_id;
+        }
+    }
+    complete_rows(feed, page);
+    return true;
+}
+
+bool comes_first(const mac_row &left, const mac_row &right)
+{
+    return place{left.bridge_id, left.xcid} < place{right.bridge_id, right.xcid};
+}
+
+} // namespace
+
+row_page find_rows(const mac_address &mac, uint16_t bridge_id)
+{
+    row_page page;
+    with_feeder([&](feeder &feed) { page.objects = feed.objects(); });
+    if (page.objects == nullptr) {
+        return page;
+    }
+    std::vector<fdb_key> keys;
+    on_cache_thread([&](feeder &feed) { keys = feed.places_of(mac, bridge_id); });
+    if (mac == mac_address{}) {
+        with_feeder([&](feeder &feed) { read_flood_lists(feed, bridge_id, page); });
+        return page;
+    }
+    std::vector<fdb_answer> answers;
+    with_feeder([&](feeder &feed) { answers = ask_in_batches(feed, keys); });
+    on_cache_thread([&](feeder &feed) { feed.confirm_places(keys, answers, page.rows); });
+    add_table_ages(page);
+    with_feeder([&](feeder &feed) {
+        page.objects = feed.objects();
+        std::ranges::sort(page.rows, comes_first);
+        complete_rows(feed, page);
+    });
+    return page;
+}
+
+// ---- Orders ----
+
+namespace {
+
+// The keys of those that age and have not been asked for in this call.
+std::vector<fdb_key> unasked_keys(const std::vector<ordered_entry> &entries, std::vector<bool> &was_asked)
+{
+    std::vector<fdb_key> keys;
+    for (const ordered_entry &entry : entries) {
+        if (was_asked.size() <= entry.slot) {
+            was_asked.resize(entry.slot + size_t{1});
+        }
+        if (entry.ages && !was_asked[entry.slot]) {
+            was_asked[entry.slot] = true;
+            keys.push_back(entry.key);
+        }
+    }
+    return keys;
+}
+
+std::vector<ordered_entry> select(row_order order, const order_position &from, uint32_t most)
+{
+    std::vector<ordered_entry> entries;
+    on_cache_thread([&](feeder &feed) { entries = feed.select(order, from, most); });
+    return entries;
+}
+
+// The copy knows since when at least an entry has not been seen: an entry that was seen since belongs farther back. So
+// the first ones are asked for, and the next ones, until the first ones stay the first.
+std::vector<ordered_entry> select_last_seen(const order_position &from, uint32_t most)
+{
+    std::vector<bool> was_asked;
+    for (uint32_t ask = most;; ask = std::min(most_asked, ask * ask_growth)) {
+        std::vector<ordered_entry> first = select(row_order::last_seen, from, std::max(ask, most));
+        const std::vector<fdb_key> keys = unasked_keys(first, was_asked);
+        std::vector<fdb_answer> answers;
+        with_feeder([&](feeder &feed) {
+            if (feed.ages_silently()) {
+                answers = ask_in_batches(feed, keys);
+            }
+        });
+        size_t changed = 0;
+        if (!answers.empty()) {
+            on_cache_thread([&](feeder &feed) { changed = feed.take_ages(keys, answers); });
+        }
+        if (changed == 0) {
+            first.resize(std::min<size_t>(first.size(), most));
+            return first;
+        }
+    }
+}
+
+// Those that have left their place meanwhile have no row.
+void read_places(feeder &feed, const std::vector<ordered_entry> &entries, uint64_t began, row_page &page)
+{
+    for (size_t first = 0; first < entries.size(); first += looks_per_hold) {
+        const table_hold hold;
+        for (size_t at = first; at < std::min(entries.size(), first + looks_per_hold); at++) {
+            const ordered_entry &entry = entries[at];
+            const l2fm_edm_bp_t *bp = port_at({entry.bridge_id, entry.xcid});
+            const l2fm_edm_mac_t *mac =
+                bp != nullptr ? l2fm_edm_table_bp_mac_get(&bp->mac_tree, entry.key.mac.data()) : nullptr;
+            if (mac == nullptr) {
+                continue;
+            }
+            page.rows.push_back(row_of(*mac));
+            page.rows.back().bridge_id = entry.bridge_id;
+            page.rows.back().place = {entry.value, entry.slot, true, began};
+            if (entry.ages) {
+                page.rows.back().last_seen = feed.epoch_seconds(entry.updated_ms);
+            }
+        }
+    }
+}
+
+} // namespace
+
+ordered_page read_ordered(row_order order, const order_position &from, uint32_t most)
+{
+    ordered_page ordered;
+    ordered.end = from;
+    if (from.began == 0) {
+        on_cache_thread([&](feeder &feed) { ordered.end.began = feed.order_now(order); });
+    }
+    const order_position start = ordered.end;
+    std::vector<ordered_entry> entries =
+        order == row_order::last_seen ? select_last_seen(start, most + 1) : select(order, start, most + 1);
+    ordered.page.more = entries.size() > most;
+    entries.resize(std::min<size_t>(entries.size(), most));
+    with_feeder([&](feeder &feed) {
+        ordered.page.objects = feed.objects();
+        read_places(feed, entries, start.began, ordered.page);
+        if (order == row_order::created && feed.ages_silently()) {
+            refresh_rows(feed, ordered.page);
+        }
+        complete_rows(feed, ordered.page);
+    });
+    if (!entries.empty()) {
+        ordered.end = {entries.back().value, entries.back().slot, true, start.began};
+    }
+    return ordered;
+}
+
+// ---- Counts ----
+
+namespace {
+
+entry_counts counts_of(const edm_mac_counters_t &counters)
+{
+    return {counters.mac_cnt_sum, counters.mac_cnt_plain, counters.mac_cnt_f2, counters.mac_cnt_f4, 0};
+}
+
+} // namespace
+
+entry_counts count_all()
+{
+    const table_hold hold;
+    const l2fm_edm_mac_pool_t &pool = *l2fm_edm_table_mac_get_pool();
+    return {pool.mac_cnt_sum, pool.mac_cnt_plain, pool.mac_cnt_f2, pool.mac_cnt_f4, pool.mac_cnt_f60};
+}
+
+std::optional<entry_counts> count_domain(uint16_t bridge_id)
+{
+    std::optional<entry_counts> counts;
+    on_cache_thread([&](feeder &feed) {
+        edm_mac_counters_t counters{};
+        if (feed.count(bridge_id, counters) == 0) {
+            counts = counts_of(counters);
+        }
+    });
+    return counts;
+}
+
+std::optional<entry_counts> count_port(uint32_t xcid)
+{
+    std::optional<entry_counts> counts;
+    on_cache_thread([&](feeder &feed) {
+        if (const auto counters = feed.count_of_port(xcid)) {
+            counts = counts_of(*counters);
+        }
+    });
+    return counts;
+}
+
+// ---- Tunnel end points ----
+
+std::vector<vtep_view> read_vteps(const vtep_view &after, uint32_t most)
+{
+    std::vector<vtep_view> found;
+    with_feeder([&](feeder &feed) { found = feed.vteps(after, most); });
+    return found;
+}
+
+} // namespace forwarding

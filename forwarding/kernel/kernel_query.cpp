@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "forwarding/kernel/kernel_query.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "forwarding/kernel/kernel_decode.h"
+
+namespace forwarding {
+
+namespace {
+
+// What the kernel accounts for one answer, at most: it allocates a page for each, and its own record beside it.
+constexpr size_t answer_cost = 8192;
+constexpr size_t most_reads = 2 * query_batch;                    // a failing socket is not read for ever
+constexpr uint32_t wanted_buffer = query_batch * answer_cost / 2; // it accounts against twice that
+
+// An entry of another destination than the one that was asked for proves nothing: the kernel tells only the first.
+fdb_answer answer_of(const fdb_key &key, const kernel_message &message)
+{
+    switch (message.kind) {
+    case kernel_message_kind::fdb_changed:
+        if (key_of(message.fdb) == key) {
+            return {fdb_presence::present, message.fdb};
+        }
+        return {};
+    case kernel_message_kind::error:
+        if (message.error == ENOENT || message.error == ENODEV) {
+            return {fdb_presence::absent, {}};
+        }
+        return {};
+    default: return {};
+    }
+}
+
+size_t put_questions(kernel_querier &querier, std::span<const fdb_key> keys)
+{
+    size_t length = 0;
+    for (const fdb_key &key : keys) {
+        length += kernel_put_get(std::span(querier.buffer).subspan(length), ++querier.sequence, key);
+    }
+    return length;
+}
+
+void take_answers(kernel_querier &querier, std::span<const std::byte> datagram, std::span<const fdb_key> keys,
+                  std::span<fdb_answer> answers)
+{
+    const uint32_t first = querier.sequence - static_cast<uint32_t>(keys.size()) + 1;
+    const kernel_clock clock = kernel_clock_now();
+    kernel_message message;
+    while (kernel_decode(datagram, clock, message)) {
+        const uint32_t place = message.sequence - first; // of an earlier question: beyond the end
+        querier.refused += message.kind == kernel_message_kind::malformed ? 1 : 0;
+        querier.is_unsupported |= message.kind == kernel_message_kind::error && message.error == EOPNOTSUPP;
+        if (place < keys.size()) {
+            answers[place] = answer_of(keys[place], message);
+        }
+    }
+}
+
+void ask(kernel_querier &querier, std::span<const fdb_key> keys, std::span<fdb_answer> answers)
+{
+    const size_t length = put_questions(querier, keys);
+    if (!kernel_socket_send(querier.socket, std::span(querier.buffer).first(length))) {
+        return;
+    }
+    for (size_t count = 0; count < most_reads; count++) {
+        std::span<const std::byte> datagram;
+        const kernel_read result = kernel_socket_read(querier.socket, querier.buffer, datagram);
+        if (result == kernel_read::empty) {
+            return;
+        }
+        if (result == kernel_read::datagram) {
+            take_answers(querier, datagram, keys, answers);
+        }
+        querier.refused += result == kernel_read::refused ? 1 : 0;
+    }
+}
+
+} // namespace
+
+std::string kernel_querier_open(kernel_querier &querier)
+{
+    std::string error = kernel_socket_open(querier.socket);
+    if (error.empty()) {
+        const size_t fit = kernel_socket_resize(querier.socket, wanted_buffer) / answer_cost;
+        querier.at_once = std::clamp(fit, size_t{1}, std::min(query_batch, kernel_buffer_size / kernel_request_size));
+        querier.buffer.resize(kernel_buffer_size);
+    }
+    return error;
+}
+
+void kernel_query(kernel_querier &querier, std::span<const fdb_key> keys, std::span<fdb_answer> answers)
+{
+    std::fill(answers.begin(), answers.end(), fdb_answer{});
+    while (!keys.empty()) {
+        const size_t count = std::min(querier.at_once, keys.size());
+        ask(querier, keys.first(count), answers.first(count));
+        keys = keys.subspan(count);
+        answers = answers.subspan(count);
+    }
+}
+
+} // namespace forwarding

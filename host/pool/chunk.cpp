@@ -1,0 +1,510 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// Chunk pools on slabs of the page arena.
+//
+// A slab holds its own map of live elements: a bit each, a summary bit for every 64 of them that are all live, and one
+// word that sums up the summary. So the lowest free element is three bit scans away however full the slab is, and a
+// new slab, being zero, is a valid empty one.
+//
+//      | slab | summary of the map | map: a bit per element | element 0 | element 1 | ... | unused |
+//      0      sizeof(slab)         map_offset               elements_offset                        arena_slab_size
+//
+//      element:   live or free below `fresh`; never handed out, hence zero, from `fresh` on; not even touched from
+//                 `ready` on
+//
+// The slabs of a pool form a ring. `first` is the one that elements come from; those with room precede those without,
+// so there is room anywhere only if `first` has some. At most one slab is kept empty.
+//
+// Memory is touched ahead of use, a stretch at a time: the pages of a pool then cost their faults once per stretch
+// instead of once per few dozen hand-outs, and the slowest hundredth of the hand-outs is not slower than the rest.
+#include "platform/chunk.h"
+
+#include <sanitizer/asan_interface.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <bit>
+#include <cstddef>
+#include <cstring>
+#include <mutex>
+
+#include "host/pool/arena.h"
+#include "host/pool/chunk_statistics.h"
+
+namespace host {
+namespace {
+
+constexpr size_t most_pools = 256;
+constexpr size_t page_size = 4096;
+constexpr size_t cache_line = 64;
+constexpr uint64_t longest_stretch = uint64_t{64} << 10;
+constexpr uint64_t no_limit = UINT64_MAX;
+constexpr uint32_t bits = 64; // of a word of the map
+
+struct slab {
+    slab *next;
+    slab *previous;
+    uint32_t live;
+    uint32_t fresh;
+    uint32_t ready;
+    uint32_t touched; // bytes from the start of the slab
+    uint64_t top;     // a bit for every word of the summary that is all ones
+};
+
+static_assert(arena_slab_size / sizeof(uint64_t) <= size_t{bits} * bits * bits, "three levels are enough");
+
+// Only the pool's users write the counters, one at a time; they are atomic for those who read the statistics. A pool
+// exists from the moment its handle is stored until that is cleared.
+struct alignas(cache_line) pool {
+    std::atomic<chunk_pool_t *> handle;
+    slab *first;
+    uint32_t element_size;
+    uint32_t element_count;
+    uint32_t stride; // the element size rounded up to 8
+    uint32_t capacity;
+    uint32_t map_offset;
+    uint32_t elements_offset;
+    uint64_t reciprocal; // of the stride, see index_of
+    uint32_t empty_slabs;
+    std::atomic<uint64_t> in_use;
+    std::atomic<uint64_t> peak;
+    std::atomic<uint64_t> limit;
+    std::atomic<uint64_t> bytes;
+    std::atomic<uint64_t> slabs;
+    std::atomic<uint64_t> failures;
+    std::atomic<uint64_t> refused_frees;
+    char name[sizeof(chunk_statistics::name)];
+};
+
+// The mutex keeps creation, destruction and readers of statistics apart; it is taken before the arena's.
+struct pool_table {
+    std::mutex mutex;
+    uint64_t created = 0;
+    std::array<pool, most_pools> pools = {};
+};
+
+constinit pool_table table;
+
+// A handle is not an address: it counts the pools ever created and tells, in its low byte, the place in the table. A
+// handle of a destroyed pool therefore never becomes valid again, and no address passes for one.
+//
+//      63         48 47                 8 7     0
+//      |  0xc4a7    |  pools created     | place |
+constexpr uint64_t handle_mark = uint64_t{0xc4a7} << 48;
+
+chunk_pool_t *make_handle(uint64_t number, size_t place) noexcept
+{
+    return reinterpret_cast<chunk_pool_t *>(handle_mark | number * most_pools | place);
+}
+
+size_t place_of(const chunk_pool_t *handle) noexcept
+{
+    return reinterpret_cast<uintptr_t>(handle) % most_pools;
+}
+
+pool *pool_of(const chunk_pool_t *handle) noexcept
+{
+    pool &candidate = table.pools[place_of(handle)];
+    return handle != nullptr && candidate.handle.load(std::memory_order_relaxed) == handle ? &candidate : nullptr;
+}
+
+uint64_t value(const std::atomic<uint64_t> &counter) noexcept
+{
+    return counter.load(std::memory_order_relaxed);
+}
+
+// Cheaper than an atomic addition: there is one writer at a time.
+uint64_t add(std::atomic<uint64_t> &counter, uint64_t amount) noexcept
+{
+    const uint64_t sum = value(counter) + amount;
+    counter.store(sum, std::memory_order_relaxed);
+    return sum;
+}
+
+void subtract(std::atomic<uint64_t> &counter, uint64_t amount) noexcept
+{
+    counter.store(value(counter) - amount, std::memory_order_relaxed);
+}
+
+std::byte *at(slab *s, size_t offset) noexcept
+{
+    return reinterpret_cast<std::byte *>(s) + offset;
+}
+
+uint64_t *summary_of(slab *s) noexcept
+{
+    return reinterpret_cast<uint64_t *>(s + 1);
+}
+
+uint64_t *map_of(const pool &p, slab *s) noexcept
+{
+    return reinterpret_cast<uint64_t *>(at(s, p.map_offset));
+}
+
+std::byte *element_at(const pool &p, slab *s, uint32_t index) noexcept
+{
+    return at(s, p.elements_offset + size_t{index} * p.stride);
+}
+
+bool is_full(const pool &p, const slab *s) noexcept
+{
+    return s->live == p.capacity;
+}
+
+constexpr uint64_t bit(uint32_t index) noexcept
+{
+    return uint64_t{1} << index % bits;
+}
+
+// Of a slab that is not full.
+uint32_t lowest_free(const pool &p, slab *s) noexcept
+{
+    uint32_t index = static_cast<uint32_t>(std::countr_one(s->top));
+    index = index * bits + static_cast<uint32_t>(std::countr_one(summary_of(s)[index]));
+    return index * bits + static_cast<uint32_t>(std::countr_one(map_of(p, s)[index]));
+}
+
+bool is_live(const pool &p, slab *s, uint32_t index) noexcept
+{
+    return (map_of(p, s)[index / bits] & bit(index)) != 0;
+}
+
+void set_live(const pool &p, slab *s, uint32_t index) noexcept
+{
+    const uint32_t word = index / bits;
+    const uint32_t group = word / bits;
+    if ((map_of(p, s)[word] |= bit(index)) == UINT64_MAX && (summary_of(s)[group] |= bit(word)) == UINT64_MAX) {
+        s->top |= bit(group);
+    }
+    s->live++;
+}
+
+void set_free(const pool &p, slab *s, uint32_t index) noexcept
+{
+    const uint32_t word = index / bits;
+    map_of(p, s)[word] &= ~bit(index);
+    summary_of(s)[word / bits] &= ~bit(word);
+    s->top &= ~bit(word / bits);
+    s->live--;
+}
+
+void link_first(pool &p, slab *s) noexcept
+{
+    if (p.first == nullptr) {
+        s->next = s->previous = s;
+    } else {
+        s->next = p.first;
+        s->previous = p.first->previous;
+        s->next->previous = s->previous->next = s;
+    }
+    p.first = s;
+}
+
+void unlink(pool &p, slab *s) noexcept
+{
+    s->next->previous = s->previous;
+    s->previous->next = s->next;
+    if (p.first == s) {
+        p.first = s->next == s ? nullptr : s->next;
+    }
+}
+
+// Bytes to touch at once: a growth step, and more of it the larger the pool is, up to a stretch of bounded cost.
+uint64_t stretch_of(const pool &p) noexcept
+{
+    const uint64_t step = uint64_t{p.element_count} * p.stride;
+    return std::max(step, std::min(value(p.bytes) / 2, longest_stretch));
+}
+
+// Touches another stretch of a slab of which `touched` bytes are; its header counts for nothing if that is 0.
+bool extend(pool &p, slab *s, uint64_t touched) noexcept
+{
+    const uint64_t wanted = std::max<uint64_t>(touched, p.elements_offset) + stretch_of(p);
+    const uint64_t end = std::min((wanted + page_size - 1) / page_size * page_size, uint64_t{arena_slab_size});
+    if (!arena_touch(at(s, touched), end - touched)) {
+        return false;
+    }
+    s->touched = static_cast<uint32_t>(end);
+    s->ready = std::min(static_cast<uint32_t>((end - p.elements_offset) / p.stride), p.capacity);
+    add(p.bytes, end - touched);
+    return true;
+}
+
+// The first slab of a pool may remain nearly empty; a pool that needs a second is worth huge pages.
+bool grow(pool &p) noexcept
+{
+    const arena_pages pages = value(p.slabs) == 0 ? arena_pages::small : arena_pages::huge;
+    slab *s = static_cast<slab *>(arena_take(&p, pages));
+    if (s == nullptr) {
+        return false;
+    }
+    if (!extend(p, s, 0)) {
+        arena_give(s);
+        return false;
+    }
+    ASAN_POISON_MEMORY_REGION(at(s, p.elements_offset), arena_slab_size - p.elements_offset);
+    link_first(p, s);
+    add(p.slabs, 1);
+    p.empty_slabs++;
+    return true;
+}
+
+// Gives an empty slab back, unless it is the only one that is empty: a pool at a boundary must not thrash.
+void release_empty(pool &p, slab *s) noexcept
+{
+    if (++p.empty_slabs == 1) {
+        return;
+    }
+    p.empty_slabs--;
+    unlink(p, s);
+    subtract(p.bytes, s->touched);
+    subtract(p.slabs, 1);
+    arena_give(s);
+}
+
+// Makes an element live and zero; it is zero already if it was never handed out.
+std::byte *hand_out(pool &p, slab *s, uint32_t index) noexcept
+{
+    std::byte *element = element_at(p, s, index);
+    ASAN_UNPOISON_MEMORY_REGION(element, p.element_size);
+    if (index < s->fresh) {
+        std::memset(element, 0, p.element_size);
+    } else {
+        s->fresh = index + 1;
+    }
+    if (s->live == 0) {
+        p.empty_slabs--;
+    }
+    set_live(p, s, index);
+    if (is_full(p, s)) {
+        p.first = s->next;
+    }
+    return element;
+}
+
+// The next element to hand out, its memory touched; null when the pool cannot grow.
+std::byte *next_element(pool &p) noexcept
+{
+    if (value(p.in_use) >= value(p.limit)) {
+        return nullptr;
+    }
+    if ((p.first == nullptr || is_full(p, p.first)) && !grow(p)) {
+        return nullptr;
+    }
+    slab *s = p.first;
+    const uint32_t index = lowest_free(p, s);
+    if (index >= s->ready && !extend(p, s, s->touched)) {
+        return nullptr;
+    }
+    return hand_out(p, s, index);
+}
+
+// The index of the element that starts `offset` bytes into the element area, the capacity when none does. The quotient
+// is a multiplication by 2^42 / stride, rounded up: exact, since offset and stride are below 2^21 and so the rounding
+// adds less than 1 / stride.
+uint32_t index_of(const pool &p, size_t offset) noexcept
+{
+    static_assert(arena_slab_size == size_t{1} << 21);
+    const auto index = static_cast<uint32_t>(offset * p.reciprocal >> 42);
+    return index < p.capacity && size_t{index} * p.stride == offset ? index : p.capacity;
+}
+
+bool release(pool &p, void *element) noexcept
+{
+    if (arena_owner(element) != &p) {
+        return false;
+    }
+    slab *s = arena_slab_of<slab>(element);
+    // An address before the elements wraps to an offset that is none of an element.
+    const auto offset = static_cast<size_t>(static_cast<std::byte *>(element) - element_at(p, s, 0));
+    const uint32_t index = index_of(p, offset);
+    if (index == p.capacity || !is_live(p, s, index)) {
+        return false;
+    }
+    if (is_full(p, s)) {
+        unlink(p, s);
+        link_first(p, s);
+    }
+    set_free(p, s, index);
+    ASAN_POISON_MEMORY_REGION(element, p.stride);
+    if (s->live == 0) {
+        release_empty(p, s);
+    }
+    return true;
+}
+
+// Places map and elements; false when not even one element fits into a slab.
+bool lay_out(pool &p) noexcept
+{
+    constexpr size_t room = arena_slab_size - sizeof(slab);
+    if (p.element_size == 0 || p.element_size > room) {
+        return false;
+    }
+    p.stride = (p.element_size + 7) & ~7u;
+    const size_t words = room / p.stride / bits + 1;
+    const size_t map_offset = sizeof(slab) + (words / bits + 1) * sizeof(uint64_t);
+    const size_t end = map_offset + words * sizeof(uint64_t);
+    p.map_offset = static_cast<uint32_t>(map_offset);
+    p.elements_offset = static_cast<uint32_t>((end + cache_line - 1) / cache_line * cache_line);
+    p.capacity = static_cast<uint32_t>((arena_slab_size - p.elements_offset) / p.stride);
+    p.reciprocal = ((uint64_t{1} << 42) + p.stride - 1) / p.stride;
+    return p.capacity != 0;
+}
+
+void name_pool(pool &p, const char *name) noexcept
+{
+    const size_t length = strnlen(name, sizeof(p.name) - 1);
+    std::memcpy(p.name, name, length);
+    std::memset(p.name + length, 0, sizeof(p.name) - length);
+}
+
+void reset_counters(pool &p) noexcept
+{
+    for (auto *counter : {&p.in_use, &p.peak, &p.bytes, &p.slabs, &p.failures, &p.refused_frees}) {
+        counter->store(0, std::memory_order_relaxed);
+    }
+    p.limit.store(no_limit, std::memory_order_relaxed);
+}
+
+// Fills a free place of the table and makes the first step real, so that a pool that exists can hand out.
+bool set_up(pool &p, const char *name, uint32_t element_size, uint32_t element_count) noexcept
+{
+    p.element_size = element_size;
+    p.element_count = element_count;
+    p.first = nullptr;
+    p.empty_slabs = 0;
+    name_pool(p, name);
+    reset_counters(p);
+    return lay_out(p) && grow(p);
+}
+
+void give_all(pool &p) noexcept
+{
+    while (p.first != nullptr) {
+        slab *s = p.first;
+        unlink(p, s);
+        arena_give(s);
+    }
+}
+
+pool *free_place() noexcept
+{
+    auto *const place = std::find_if(table.pools.begin(), table.pools.end(),
+                                     [](const pool &p) { return p.handle.load(std::memory_order_relaxed) == nullptr; });
+    return place == table.pools.end() ? nullptr : place;
+}
+
+} // namespace
+
+chunk_pool_t *chunk_next(const chunk_pool_t *previous) noexcept
+{
+    const size_t start = previous == nullptr ? 0 : place_of(previous) + 1;
+    for (size_t place = start; place < most_pools; place++) {
+        if (chunk_pool_t *handle = table.pools[place].handle.load(std::memory_order_relaxed); handle != nullptr) {
+            return handle;
+        }
+    }
+    return nullptr;
+}
+
+chunk_pool_t *chunk_find(const char *name) noexcept
+{
+    const std::lock_guard guard(table.mutex);
+    chunk_pool_t *handle = chunk_next(nullptr);
+    while (handle != nullptr && std::strncmp(table.pools[place_of(handle)].name, name, sizeof(pool::name) - 1) != 0) {
+        handle = chunk_next(handle);
+    }
+    return handle;
+}
+
+bool chunk_read_statistics(const chunk_pool_t *pool, chunk_statistics *statistics) noexcept
+{
+    const std::lock_guard guard(table.mutex);
+    const auto *p = pool_of(pool);
+    if (p == nullptr) {
+        return false;
+    }
+    std::memcpy(statistics->name, p->name, sizeof(p->name));
+    statistics->element_size = p->element_size;
+    statistics->element_count = p->element_count;
+    statistics->in_use = value(p->in_use);
+    statistics->peak = value(p->peak);
+    statistics->limit = value(p->limit);
+    statistics->bytes = value(p->bytes);
+    statistics->slabs = value(p->slabs);
+    statistics->failures = value(p->failures);
+    statistics->refused_frees = value(p->refused_frees);
+    return true;
+}
+
+bool chunk_set_limit(chunk_pool_t *pool, uint64_t elements) noexcept
+{
+    const std::lock_guard guard(table.mutex);
+    auto *p = pool_of(pool);
+    if (p != nullptr) {
+        p->limit.store(elements, std::memory_order_relaxed);
+    }
+    return p != nullptr;
+}
+
+} // namespace host
+
+chunk_pool_t *chunk_create(const char *name, uint32_t element_size, uint32_t element_count, uint32_t flags,
+                           uint32_t reserved1, uint32_t reserved2)
+{
+    using namespace host;
+    if (name == nullptr || element_count == 0 || flags != CHUNK_ZEROED_GROWABLE || reserved1 != 0 || reserved2 != 0) {
+        return nullptr;
+    }
+    const std::lock_guard guard(table.mutex);
+    pool *p = free_place();
+    if (p == nullptr || !set_up(*p, name, element_size, element_count)) {
+        return nullptr;
+    }
+    chunk_pool_t *handle = make_handle(++table.created, static_cast<size_t>(p - table.pools.data()));
+    p->handle.store(handle, std::memory_order_relaxed);
+    return handle;
+}
+
+void *chunk_malloc(chunk_pool_t *pool)
+{
+    using namespace host;
+    auto *p = pool_of(pool);
+    if (p == nullptr) {
+        return nullptr;
+    }
+    void *element = next_element(*p);
+    if (element == nullptr) {
+        add(p->failures, 1);
+        return nullptr;
+    }
+    const uint64_t in_use = add(p->in_use, 1);
+    p->peak.store(std::max(value(p->peak), in_use), std::memory_order_relaxed);
+    return element;
+}
+
+uint32_t chunk_free(chunk_pool_t *pool, void *element)
+{
+    using namespace host;
+    auto *p = pool_of(pool);
+    if (p == nullptr) {
+        return 0;
+    }
+    if (!release(*p, element)) {
+        add(p->refused_frees, 1);
+        return 0;
+    }
+    subtract(p->in_use, 1);
+    return 1;
+}
+
+void chunk_destroy(chunk_pool_t *pool)
+{
+    using namespace host;
+    const std::lock_guard guard(table.mutex);
+    if (auto *p = pool_of(pool); p != nullptr) {
+        p->handle.store(nullptr, std::memory_order_relaxed);
+        give_all(*p);
+    }
+}

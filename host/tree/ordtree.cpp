@@ -1,0 +1,337 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "platform/ordtree.h"
+
+#include "host/tree/ordtree_key.h"
+#include "host/tree/ordtree_shape.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+
+namespace {
+
+using namespace host::btree;
+
+// How many records ahead of the one returned a walk asks memory for.
+constexpr unsigned prefetch_distance = 8;
+
+constexpr unsigned entries_per_line = cache_line_size / sizeof(entry);
+
+// Entries that are found sooner than the whole of a node could be asked for.
+constexpr unsigned small_count = 2 * entries_per_line;
+
+bool runs(const ordtree_t *tree)
+{
+    return tree != nullptr && tree->index_count != 0;
+}
+
+// Counts a change of the tree for the user who watches it.
+void note_change(const ordtree_t *tree)
+{
+    if (tree->changes != nullptr) {
+        ++*tree->changes;
+    }
+}
+
+bool has_index(const ordtree_t *tree, unsigned number)
+{
+    return tree != nullptr && number < tree->index_count;
+}
+
+bool holds(leaf_place at, const ordtree_link_t *record)
+{
+    return at.slot < at.leaf->count && at.leaf->entries[at.slot].target == record;
+}
+
+constexpr unsigned not_in_leaf = node_capacity;
+
+unsigned scan_for(const node *leaf, const ordtree_link_t *record)
+{
+    for (unsigned slot = 0; slot < leaf->count; slot++) {
+        if (leaf->entries[slot].target == record) {
+            return slot;
+        }
+    }
+    return not_in_leaf;
+}
+
+// The slot of `record` in a leaf of this index. A record whose key was changed under the tree is found all the same.
+unsigned slot_in(const ordtree_index_t &index, const node *leaf, const ordtree_link_t *record)
+{
+    if (has_inline_keys(index)) {
+        const uint64_t key = key_word(index, record + leaf->index);
+        const unsigned slot = count_below(leaf->entries, leaf->count, key);
+        if (slot < leaf->count && leaf->entries[slot].target == record) {
+            return slot;
+        }
+    }
+    return scan_for(leaf, record);
+}
+
+// Where `record` is in an index of this very tree; no leaf when it is not, whatever its link holds.
+leaf_place locate(const ordtree_t *tree, unsigned number, const ordtree_link_t *record)
+{
+    node *const leaf = node_at(record[number].place);
+    if (leaf == nullptr || tree_of(leaf) != tree || leaf->index != number || leaf->level != 0) {
+        return {nullptr, 0};
+    }
+    if (leaf->count > small_count) {
+        prefetch_node(leaf);
+    }
+    const unsigned slot = slot_in(tree->index[number], leaf, record);
+    return {slot != not_in_leaf ? leaf : nullptr, slot};
+}
+
+// The same for a record to be taken out: a walk has asked for its successor just before.
+leaf_place locate_behind_walk(const ordtree_t *tree, unsigned number, const ordtree_link_t *record)
+{
+    const leaf_place cursor = cursor_of(tree->index[number]);
+    if (cursor.leaf != nullptr && record[number].place == cursor.leaf && cursor.slot > 0) {
+        const leaf_place before = {cursor.leaf, cursor.slot - 1};
+        if (holds(before, record)) {
+            return before;
+        }
+    }
+    return locate(tree, number, record);
+}
+
+// Whether one of the node's links leads to a leaf, of any tree, that holds it.
+bool is_in_a_tree(const ordtree_link_t *record, unsigned link_count)
+{
+    for (unsigned number = 0; number < link_count; number++) {
+        const void *const place = record[number].place;
+        const node *const leaf = place != nullptr ? node_at(place) : nullptr;
+        if (leaf != nullptr && tree_of(leaf) != nullptr && scan_for(leaf, record) != not_in_leaf) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A walk touches one record after the other, wherever they lie: ask for the one that is due in a few steps, and for
+// the next leaf in time. Inlined by force, like prefetch_node.
+[[gnu::always_inline]] inline void prefetch_ahead(leaf_place at)
+{
+    const node *leaf = at.leaf;
+    const node *const next = leaf->next;
+    if (at.slot % entries_per_line == 0 && next != nullptr) {
+        __builtin_prefetch(next);
+        __builtin_prefetch(next->entries + at.slot);
+    }
+    unsigned slot = at.slot + prefetch_distance;
+    if (slot >= leaf->count) {
+        slot -= leaf->count;
+        leaf = next;
+    }
+    if (leaf != nullptr) {
+        const auto *const record = static_cast<const char *>(leaf->entries[slot].target);
+        __builtin_prefetch(record);
+        __builtin_prefetch(record + cache_line_size);
+    }
+}
+
+// A place that may lie behind a leaf's last entry becomes the first place of the next leaf.
+inline leaf_place in_range(leaf_place at)
+{
+    return at.slot < at.leaf->count ? at : leaf_place{at.leaf->next, 0};
+}
+
+// The record that a successor was looked for to find, or null at the end.
+inline ordtree_link_t *visit(const ordtree_index_t &index, leaf_place at)
+{
+    if (at.leaf == nullptr) {
+        return nullptr;
+    }
+    set_cursor(index, at);
+    return record_at(at.leaf, at.slot);
+}
+
+// The same for the next step of a walk.
+inline ordtree_link_t *visit_on_walk(const ordtree_index_t &index, leaf_place at)
+{
+    if (at.leaf != nullptr) {
+        prefetch_ahead(at);
+    }
+    return visit(index, at);
+}
+
+[[gnu::noinline]] ordtree_link_t *next_of_any(const ordtree_t *tree, const ordtree_link_t *probe, unsigned number)
+{
+    const ordtree_index_t &index = tree->index[number];
+    const leaf_place at = probe[number].place != nullptr ? locate(tree, number, probe) : leaf_place{nullptr, 0};
+    if (at.leaf != nullptr) {
+        return visit_on_walk(index, in_range({at.leaf, at.slot + 1}));
+    }
+    const key_position found = find_key(index, key_word(index, probe + number));
+    if (found.leaf == nullptr) {
+        return nullptr;
+    }
+    return visit(index, in_range({found.leaf, found.slot + (found.equal ? 1 : 0)}));
+}
+
+// What an insertion finds out about each index before it changes any.
+struct insertion {
+    leaf_place at;
+    uint64_t key;
+};
+
+using insertions = std::array<insertion, ORDTREE_MAX_INDEXES>;
+
+// Where a record would go in each index, and how many nodes that takes; false when an index holds an equal key.
+inline bool find_room(const ordtree_t *tree, const ordtree_link_t *record, insertions &into, unsigned &needed)
+{
+    for (unsigned number = 0; number < tree->index_count; number++) {
+        const ordtree_index_t &index = tree->index[number];
+        const uint64_t key = key_word(index, record + number);
+        const key_position found = find_key(index, key);
+        if (found.equal) {
+            return false;
+        }
+        into[number] = {{found.leaf, found.slot}, key};
+        needed += needs_nodes(found.leaf) ? nodes_needed(found.leaf) : 0;
+    }
+    return true;
+}
+
+} // namespace
+
+uint32_t ordtree_init(ordtree_t *tree, uint32_t index_count, ordtree_node_to_entry_fn node_to_entry, ...)
+{
+    if (tree == nullptr || tree->index_count != 0 || index_count == 0 || index_count > ORDTREE_MAX_INDEXES) {
+        return EINVAL;
+    }
+    ordtree_t started{};
+    started.node_to_entry = node_to_entry;
+    started.index_count = index_count;
+    va_list comparators;
+    va_start(comparators, node_to_entry);
+    bool complete = true;
+    for (unsigned number = 0; number < index_count; number++) {
+        ordtree_index_t &index = started.index[number];
+        index.compare = va_arg(comparators, ordtree_compare_fn);
+        complete = complete && index.compare != nullptr;
+        adopt_key_description(index);
+    }
+    va_end(comparators);
+    if (!complete) {
+        return EINVAL;
+    }
+    *tree = started;
+    return 0;
+}
+
+uint32_t ordtree_running(const ordtree_t *tree)
+{
+    return runs(tree) ? 1 : 0;
+}
+
+ordtree_link_t *ordtree_insert(ordtree_t *tree, ordtree_link_t *node)
+{
+    if (!runs(tree) || node == nullptr || is_in_a_tree(node, tree->index_count)) {
+        return nullptr;
+    }
+    insertions into;
+    unsigned needed = 0;
+    host::btree::node *spare = nullptr;
+    if (!find_room(tree, node, into, needed) || (needed > 0 && !nodes_take(needed, spare))) {
+        return nullptr;
+    }
+    for (unsigned number = 0; number < tree->index_count; number++) {
+        put_record(tree, number, into[number].at, {into[number].key, node}, spare);
+    }
+    tree->record_count++;
+    note_change(tree);
+    return node;
+}
+
+ordtree_link_t *ordtree_delete(ordtree_t *tree, ordtree_link_t *node)
+{
+    if (!runs(tree) || node == nullptr) {
+        return nullptr;
+    }
+    std::array<leaf_place, ORDTREE_MAX_INDEXES> at;
+    for (unsigned number = 0; number < tree->index_count; number++) {
+        at[number] = locate_behind_walk(tree, number, node);
+        if (at[number].leaf == nullptr) {
+            return nullptr;
+        }
+    }
+    for (unsigned number = 0; number < tree->index_count; number++) {
+        take_record(tree, number, at[number]);
+    }
+    tree->record_count--;
+    note_change(tree);
+    return node;
+}
+
+ordtree_link_t *ordtree_search(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index)
+{
+    if (!has_index(tree, index) || probe == nullptr) {
+        return nullptr;
+    }
+    const key_position found = find_key(tree->index[index], key_word(tree->index[index], probe + index));
+    return found.equal ? record_at(found.leaf, found.slot) : nullptr;
+}
+
+// A search that stops above the leaf. Where comparators are called there is none: it would wait for records.
+void ordtree_expect(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index)
+{
+    if (!has_index(tree, index) || probe == nullptr || !has_inline_keys(tree->index[index])) {
+        return;
+    }
+    const uint64_t key = key_word(tree->index[index], probe + index);
+    const auto *at = static_cast<const node *>(tree->index[index].root);
+    for (unsigned level = at != nullptr ? at->level : 0; level > 0; level--) {
+        at = child_at(at, slot_below(at, key));
+    }
+    if (at != nullptr) {
+        prefetch_node(at);
+    }
+}
+
+ordtree_link_t *ordtree_get_first(const ordtree_t *tree, uint32_t index)
+{
+    if (!has_index(tree, index) || tree->index[index].root == nullptr) {
+        return nullptr;
+    }
+    auto *leaf = static_cast<node *>(tree->index[index].root);
+    while (leaf->level > 0) {
+        leaf = child_at(leaf, 0);
+    }
+    for (unsigned slot = 1; slot < leaf->count && slot < prefetch_distance; slot++) {
+        __builtin_prefetch(leaf->entries[slot].target);
+    }
+    return visit_on_walk(tree->index[index], {leaf, 0});
+}
+
+ordtree_link_t *ordtree_get_next(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index)
+{
+    if (!has_index(tree, index) || probe == nullptr) {
+        return nullptr;
+    }
+    const leaf_place cursor = cursor_of(tree->index[index]);
+    if (cursor.leaf != nullptr && probe[index].place == cursor.leaf && holds(cursor, probe)) {
+        return visit_on_walk(tree->index[index], in_range({cursor.leaf, cursor.slot + 1}));
+    }
+    return next_of_any(tree, probe, index);
+}
+
+void ordtree_finish(ordtree_t *tree)
+{
+    if (tree == nullptr) {
+        return;
+    }
+    for (unsigned number = 0; number < tree->index_count; number++) {
+        free_nodes(tree->index[number]);
+    }
+    note_change(tree);
+    *tree = ordtree_t{};
+}
+
+void ordtree_watch(ordtree_t *tree, uint64_t *changes)
+{
+    if (runs(tree)) {
+        tree->changes = changes;
+    }
+}

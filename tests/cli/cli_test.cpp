@@ -1,0 +1,400 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// The client without the daemon: how it shows items, and how it ends on each kind of answer.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <deque>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/visible.h"
+#include "cli/commands.h"
+#include "cli/failure.h"
+#include "cli/output/bridge_form.h"
+#include "cli/output/printer.h"
+
+namespace l2fibctl {
+namespace {
+
+using nlohmann::json;
+using strings = std::vector<std::string>;
+
+// Parsed values live as long as their parser, which is kept until the process ends.
+json_value parsed(const std::string &text)
+{
+    static std::deque<simdjson::dom::parser> parsers;
+    return parsers.emplace_back().parse(text).value();
+}
+
+TEST(Visible, KeepsTextAndEscapesTheRest)
+{
+    const struct {
+        std::string text;
+        std::string shown;
+    } rows[] = {
+        {"br0.10", "br0.10"},
+        {"stra\xc3\x9f"
+         "e \xe4\xba\xac \xf0\x9f\x8c\x90",
+         "stra\xc3\x9f"
+         "e \xe4\xba\xac \xf0\x9f\x8c\x90"},
+        {"\x1b[2J\r\n\x7f", "\\x1b[2J\\x0d\\x0a\\x7f"},
+        {"\xc2\x9b"
+         "A\xff\xc3",
+         "\\x9bA\\xff\\xc3"},
+        {"a\xe2\x80\xa8"
+         "b\xe2\x80\x8f",
+         "a\\u2028b\\u200f"},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(base::visible(row.text), row.shown);
+    }
+    EXPECT_EQ(base::width_of("a\xc3\x9f\xf0\x9f\x8c\x90"), 3u);
+}
+
+std::string print(form shown_as, const resource &what, const std::vector<json> &items)
+{
+    testing::internal::CaptureStdout();
+    progress line;
+    output out(line, false);
+    printer to(shown_as, what, out);
+    for (const json &item : items) {
+        to.item(parsed(item.dump()));
+    }
+    to.end();
+    return testing::internal::GetCapturedStdout();
+}
+
+const json learned = json::parse(R"({"domain":"h:br0","mac-address":"02:00:00:00:00:01","bridge-id":1,"xcid":4,
+    "port":"vxlan7","origin":"learned","flags":["timestamped"],"age":93784,"vni":7,"vtep":"192.0.2.1"})");
+const json own = json::parse(R"({"domain":"h:a-name-that-is-too-long","mac-address":"02:00:00:00:00:02","bridge-id":1,
+    "origin":"local","flags":["local","bridge-own"],"age":12})");
+
+TEST(Printer, TextLinesUpFromTheFirstRowOn)
+{
+    EXPECT_EQ(
+        print(form::text, mac_entries, {learned, own}),
+        "Domain                  MAC Address        Port             Type            Age   VLAN       VNI  VTEP"
+        "             Flags\n"
+        "h:br0                   02:00:00:00:00:01  vxlan7           learned       1d02h      -         7  192.0.2.1"
+        "        timestamped\n"
+        "h:a-name-that-is-too-long  02:00:00:00:00:02  -                local      00:00:12      -         -  -"
+        "                local, bridge-own\n");
+    EXPECT_EQ(print(form::text, mac_entries, {}), "");
+}
+
+TEST(Printer, JsonHasEveryMemberOfAnItem)
+{
+    const std::vector<json> items = {learned, own};
+    EXPECT_EQ(json::parse(print(form::json, mac_entries, items)), json(items));
+    const std::string lines = print(form::json_lines, mac_entries, items);
+    EXPECT_EQ(json::parse(lines.substr(0, lines.find('\n'))), learned);
+    EXPECT_EQ(json::parse(lines.substr(lines.find('\n'))), own);
+    EXPECT_EQ(print(form::json, mac_entries, {}), "[]\n");
+    EXPECT_EQ(print(form::json_lines, domains, {{{"name", "\x1b\xc3\x9f\x7f"}}}),
+              "{\"name\":\"\\u001b\\u00df\\u007f\"}\n");
+}
+
+TEST(Printer, RecordsShowTheirPartsBelow)
+{
+    const json item = json::parse(R"({"plane":"kernel","overruns":"0","unmapped":[{"reason":"no bridge","count":"2"}],
+        "refused":[],"notes":["br,0: shown as br_0","x"],"memory":{"bytes":"5","pool":[{"name":"MAC pool",
+        "element-size":80,"in-use":"1","peak":"2","limit":"18446744073709551615","bytes":"98304","failures":"0","refused-frees":"3"}]}})");
+    EXPECT_EQ(
+        print(form::text, health, {item}),
+        "Forwarding plane:         kernel\n"
+        "Overruns:                 0\n"
+        "Unmapped:\n"
+        "      Count  Reason\n"
+        "          2  no bridge\n"
+        "Refused:                  -\n"
+        "Notes:                    br,0: shown as br_0, x\n"
+        "Memory:\n"
+        "  Bytes:                  5\n"
+        "  Pools:\n"
+        "    Pool                         Size     In Use       Peak      Limit       Bytes   Failures  Bad Frees\n"
+        "    MAC pool                       80          1          2       none       98304          0          3\n");
+    EXPECT_EQ(json::parse(print(form::json, health, {item})), item);
+}
+
+TEST(BridgeForm, GivesWhatTheKernelHolds)
+{
+    const bridge_names bridges = {{1, "br0"}};
+    const auto of_bridge = [&](const json_value &item) { return bridge_entry_of(item, bridges); };
+    const struct {
+        std::function<std::string(const json_value &)> form;
+        const char *entry;
+        const char *expected;
+    } rows[] = {
+        {of_bridge,
+         R"({"mac-address":"m","bridge-id":1,"xcid":3,"port":"eth1","origin":"learned","flags":[],"vlan":10})",
+         R"({"mac":"m","ifname":"eth1","vlan":10,"flags":[],"master":"br0","state":""})"},
+        {of_bridge, R"({"mac-address":"m","bridge-id":1,"origin":"local","flags":["local","bridge-own"]})",
+         R"({"mac":"m","ifname":"br0","flags":[],"master":"br0","state":"permanent"})"},
+        {of_bridge, R"({"mac-address":"m","bridge-id":1,"port":"vx","origin":"static","flags":["static","sticky"]})",
+         R"({"mac":"m","ifname":"vx","flags":["sticky"],"master":"br0","state":"static"})"},
+        {of_bridge, R"({"mac-address":"00:00:00:00:00:00","bridge-id":1,"port":"vx","vtep":"192.0.2.1"})", "null"},
+        {device_entry_of, R"({"mac-address":"m","port":"vx","destination":"192.0.2.1","vni":8,"source-vni":9,
+             "flags":["stale","extern-learned"]})",
+         R"({"mac":"m","ifname":"vx","dst":"192.0.2.1","vni":8,"src_vni":9,"flags":["self","extern_learn"],
+             "state":"stale"})"},
+        {device_entry_of, R"({"mac-address":"m","port":"vx","next-hop-id":5,"flags":["permanent"]})",
+         R"({"mac":"m","ifname":"vx","nhid":5,"flags":["self"],"state":"permanent"})"},
+    };
+    for (const auto &row : rows) {
+        const std::string made = row.form(parsed(row.entry));
+        EXPECT_EQ(json::parse(made.empty() ? "null" : made), json::parse(row.expected)) << row.entry;
+    }
+}
+
+// Serves requests one after another on a socket of its own. Each gets the next of the answers, which are written
+// beforehand.
+class canned_daemon {
+public:
+    struct step {
+        std::string answer;   // empty: hangs up without one
+        bool hangs_up = true; // behind the answer
+    };
+
+    explicit canned_daemon(std::vector<step> with)
+        : steps_(std::move(with))
+    {
+        std::snprintf(address_.sun_path, sizeof(address_.sun_path), "/tmp/cli_test.%d.sock", getpid());
+        unlink(address_.sun_path);
+        EXPECT_EQ(bind(listener_, reinterpret_cast<const sockaddr *>(&address_), sizeof(address_)), 0);
+        EXPECT_EQ(listen(listener_, 1), 0);
+        server_ = std::thread([this] { serve(); });
+    }
+    ~canned_daemon() { stop(); }
+    canned_daemon(const canned_daemon &) = delete;
+    canned_daemon &operator=(const canned_daemon &) = delete;
+
+    std::string path() const { return address_.sun_path; }
+
+    // The first lines and bodies of all requests.
+    strings stop()
+    {
+        if (server_.joinable()) {
+            shutdown(listener_, SHUT_RDWR);
+            server_.join();
+            close(listener_);
+            unlink(address_.sun_path);
+        }
+        return requests_;
+    }
+
+private:
+    void serve()
+    {
+        int client = -1;
+        for (const step &one : steps_) {
+            client = client < 0 ? accept(listener_, nullptr, nullptr) : client;
+            char request[4096];
+            const ssize_t length = read(client, request, sizeof(request));
+            if (length <= 0) {
+                break;
+            }
+            const std::string text(request, static_cast<size_t>(length));
+            requests_.push_back(text.substr(0, text.find(" HTTP")) + text.substr(text.find("\r\n\r\n") + 4));
+            EXPECT_EQ(send(client, one.answer.data(), one.answer.size(), MSG_NOSIGNAL), one.answer.size());
+            if (one.hangs_up) {
+                close(std::exchange(client, -1));
+            }
+        }
+        char rest = 0;
+        while (client >= 0 && read(client, &rest, 1) > 0) {}
+        close(client);
+    }
+
+    std::vector<step> steps_;
+    strings requests_;
+    sockaddr_un address_ = {.sun_family = AF_UNIX, .sun_path = {}};
+    int listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    std::thread server_;
+};
+
+struct outcome {
+    ending how = ending::done;
+    std::string message = {};
+    std::string shown = {};
+};
+
+outcome outcome_of(const options &how)
+{
+    outcome result;
+    testing::internal::CaptureStdout();
+    try {
+        run(how);
+    } catch (const failure &error) {
+        result = {error.how, error.message};
+        EXPECT_FALSE(error.message.empty());
+    }
+    result.shown = testing::internal::GetCapturedStdout();
+    return result;
+}
+
+#define ERROR_BODY(tag, message) \
+    R"({"ietf-restconf:errors":{"error":[{"error-tag":")" tag R"(","error-message":")" message R"("}]}})"
+
+TEST(Endings, NameWhatBecameOfTheAnswer)
+{
+    const struct {
+        const char *answer;
+        ending expected;
+        const char *message = "";
+    } rows[] = {
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}]}", ending::done},
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[]}", ending::nothing_found},
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}", ending::cut, "damaged"},
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":}]}", ending::cut, "damaged"},
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[7]}", ending::cut, "damaged"},
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:port\":[]}", ending::cut, "damaged"},
+        {"HTTP/1.1 200 OK\r\n\r\n", ending::cut, "damaged"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}]}", ending::cut,
+         "cut: "},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n22\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}]\r\n",
+         ending::cut, "cut: "},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz", ending::cut, "no HTTP"},
+        {"HTTP/1.1 404 Not Found\r\n\r\n" ERROR_BODY("invalid-value", "m"), ending::nothing_found, "m"},
+        {"HTTP/1.1 404 Not Found\r\n\r\n" ERROR_BODY("unknown-element", "m"), ending::refused, "m"},
+        {"HTTP/1.1 503 Service Unavailable\r\n\r\n" ERROR_BODY("resource-denied", "\\\"a\\u001b\\\""), ending::refused,
+         "\"a\\x1b\""},
+        {"HTTP/1.1 431 Too large\r\n\r\n<html>", ending::refused, "the HTTP status 431"},
+        {"HTTP/1.1 431 Too large\r\n\r\n{\"ietf-restconf:errors\":{\"error\":[{\"error-message\":7},3]}}",
+         ending::refused, "the HTTP status 431"},
+        {"no HTTP", ending::unreachable, "no HTTP"},
+        {"", ending::unreachable, "ended the connection"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.answer);
+        const canned_daemon daemon({{row.answer}});
+        const outcome found = outcome_of({.what = command::show_domain, .socket = daemon.path()});
+        EXPECT_EQ(found.how, row.expected);
+        EXPECT_THAT(found.message, testing::HasSubstr(row.message));
+    }
+    EXPECT_EQ(outcome_of({.what = command::show_domain, .socket = "/tmp/no/such.sock"}).how, ending::unreachable);
+    const canned_daemon silent({{"", false}});
+    EXPECT_THAT(outcome_of({.what = command::show_domain, .socket = silent.path(), .timeout_seconds = 1}).message,
+                testing::HasSubstr("nothing arrived for 1 seconds"));
+}
+
+// An answer on a connection that stays open. `mark` is the header's word.
+canned_daemon::step answered(const std::string &body, const std::string &mark = "whole", const char *status = "200 OK")
+{
+    return {std::string("HTTP/1.1 ") + status + "\r\nl2fib-completeness: " + mark
+                + "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body,
+            false};
+}
+
+canned_daemon::step domains_page(const std::string &items, const std::string &more_members = "",
+                                 const std::string &mark = "whole")
+{
+    return answered(R"({"l2fib-mac:domain":[)" + items + "]" + more_members + "}", mark);
+}
+
+#define NEXT R"(,"l2fib-mac:next-cursor":"c")"
+#define DEGRADED R"(,"l2fib-mac:completeness":"degraded","l2fib-mac:completeness-reason":"why\u001b")"
+#define MAY_BE "the answer may be incomplete "
+
+const std::string all_domains = "GET /restconf/data/l2fib-mac:domains/domain?limit=1000";
+const std::string more_domains = "GET /restconf/data/l2fib-mac:domains/domain?limit=10000&cursor=c";
+const std::string a = R"({"name":"a"})";
+const std::string b = R"({"name":"b"})";
+const std::string long_name = '"' + std::string(size_t(5) << 20, 'x') + '"';
+
+TEST(Pages, AreAskedForOneAfterAnother)
+{
+    const struct {
+        std::vector<canned_daemon::step> steps;
+        options how; // of show domain --json-lines unless it says otherwise
+        outcome expected;
+        strings requests = {all_domains};
+    } rows[] = {
+        {{domains_page(a, NEXT), domains_page(b)},
+         {},
+         {ending::done, "", a + "\n" + b + "\n"},
+         {all_domains, more_domains}},
+        // A kept connection that the daemon closed meanwhile.
+        {{domains_page(a, NEXT), {""}, domains_page(b)},
+         {},
+         {ending::done, "", a + "\n" + b + "\n"},
+         {all_domains, more_domains, more_domains}},
+        {{domains_page(a + "," + a, NEXT), domains_page(b, NEXT)},
+         {.limit = 3},
+         {ending::done, "", a + "\n" + a + "\n" + b + "\n"},
+         {"GET /restconf/data/l2fib-mac:domains/domain?limit=3",
+          "GET /restconf/data/l2fib-mac:domains/domain?limit=1&cursor=c"}},
+        // What was printed is not all, whatever the second page's failure is.
+        {{domains_page(a, NEXT), answered(ERROR_BODY("resource-denied", "m"), "whole", "503 No")},
+         {},
+         {ending::cut, "the answer was cut: m", a + "\n"},
+         {all_domains, more_domains}},
+        {{{"HTTP/1.1 200 OK\r\nContent-Length: 999\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}],"
+           R"("ietf-restconf:errors":{"error":[{"error-message":"the plane ended"}]})"}},
+         {},
+         {ending::cut, "the answer was cut: the plane ended", a + "\n"}},
+        // Marks: the worst of all pages counts.
+        {{domains_page(a, NEXT DEGRADED), domains_page(b, "", "limited")},
+         {},
+         {ending::incomplete, MAY_BE "(degraded): why\\x1b", a + "\n" + b + "\n"},
+         {all_domains, more_domains}},
+        {{domains_page(a, "", "limited")}, {.strict = true}, {ending::incomplete, MAY_BE "(limited)", ""}},
+        {{domains_page(a, DEGRADED)}, {.strict = true}, {ending::incomplete, MAY_BE "(degraded): why\\x1b", ""}},
+        {{domains_page("", DEGRADED)},
+         {.shown_as = form::json},
+         {ending::incomplete, "nothing found; " MAY_BE "(degraded): why\\x1b", "[]\n"}},
+        {{answered(ERROR_BODY("invalid-value", "m"), "degraded", "404 No")},
+         {.shown_as = form::json},
+         {ending::incomplete, "m; " MAY_BE "(degraded)", "[]\n"}},
+        {{answered(ERROR_BODY("resource-denied", "m"), "degraded", "503 No")}, {}, {ending::refused, "m", ""}},
+        {{domains_page(R"({"name":)" + long_name + "}")},
+         {.strict = true},
+         {ending::done, "", "{\"name\":" + long_name + "}\n"}},
+        {{answered(R"({"l2fib-mac:health":{"status":"degraded"}})", "degraded")},
+         {.what = command::show_health, .strict = true},
+         {ending::done, "", "{\"status\":\"degraded\"}\n"},
+         {"GET /restconf/data/l2fib-mac:health"}},
+        {{answered(R"({"l2fib-mac:mac-entry":[{"age":1,"time-left":3661}]})")},
+         {.what = command::show_mac, .shown_as = form::text, .sorted_by = order::last_seen},
+         {ending::done, "",
+          R"(Domain                  MAC Address        Port             Type            Age      Left   VLAN       VNI  VTEP             Flags
+-                       -                  -                -          00:00:01  01:01:01      -         -  -                -
+)"},
+         {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=last-seen&limit=1000"}},
+        {{answered(R"({"l2fib-mac:mac-entry":[{"domain":"x"},{"domain":"y"}]})")},
+         {.what = command::show_mac, .limit = 1, .domain = "y", .sorted_by = order::created},
+         {ending::done, "", "{\"domain\":\"y\"}\n"},
+         {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=created&limit=1000"}},
+        {{answered(ERROR_BODY("operation-failed", "no full dump"), "degraded", "504 No")},
+         {.what = command::resync, .timeout_seconds = 9, .domain = "d"},
+         {ending::refused, "no full dump", ""},
+         {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"domain":"d","wait":8}})"}},
+        {{answered("", "limited", "204 No Content")},
+         {.what = command::resync},
+         {ending::incomplete, MAY_BE "(limited)", ""},
+         {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"wait":59}})"}},
+    };
+    for (const auto &row : rows) {
+        canned_daemon daemon(row.steps);
+        options how = row.how;
+        how.what = how.what == command::none ? command::show_domain : how.what;
+        how.shown_as =
+            how.shown_as == form::text && how.sorted_by != order::last_seen ? form::json_lines : how.shown_as;
+        how.socket = daemon.path();
+        const outcome found = outcome_of(how);
+        EXPECT_EQ(daemon.stop(), row.requests);
+        EXPECT_EQ(found.how, row.expected.how) << row.requests.back();
+        EXPECT_EQ(found.message, row.expected.message);
+        EXPECT_TRUE(found.shown == row.expected.shown) << found.shown.substr(0, 1000);
+    }
+}
+
+} // namespace
+} // namespace l2fibctl

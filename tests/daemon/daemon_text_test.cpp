@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// Texts between URIs, item names and JSON: any bytes an interface's name may hold come through or are made visible.
+
+#include <gtest/gtest.h>
+
+#include "base/text.h"
+#include "daemon/api/api_error.h"
+#include "daemon/api/json_writer.h"
+#include "daemon/http/target.h"
+
+namespace {
+
+using namespace l2fibd;
+
+std::string all_bytes()
+{
+    std::string text;
+    for (int code = 1; code < 256; code++) {
+        text += static_cast<char>(code);
+    }
+    return text;
+}
+
+TEST(text, survives_both_encodings)
+{
+    for (const std::string &text :
+         {std::string(), std::string("a"), std::string("ab"), std::string("abc"), all_bytes()}) {
+        EXPECT_EQ(base::percent_decode(base::percent_encode(text)), text);
+        EXPECT_EQ(base::base64url_decode(base::base64url_encode(text)), text);
+    }
+    for (const char *wrong : {"%", "%1", "%g0", "%+1", "a%00"}) {
+        EXPECT_EQ(base::percent_decode(wrong), std::nullopt) << wrong;
+    }
+}
+
+TEST(text, reads_addresses_in_both_forms_only)
+{
+    constexpr std::array<uint8_t, 6> address = {0x02, 0, 0, 0xab, 0xcd, 0xef};
+    for (const char *right : {"02:00:00:ab:cd:ef", "02:00:00:AB:CD:EF", "0200.00ab.cdef"}) {
+        EXPECT_EQ(base::parse_mac(right), address) << right;
+    }
+    for (const char *wrong : {"", "2:0:0:ab:cd:ef", "02:00:00:ab:cd", "02:00:00:ab:cd:ef:", "02-00-00-ab-cd-ef",
+                              "0200.00ab", "0200.00ab.cdeg", "02:00:00:ab:cd:-f"}) {
+        EXPECT_EQ(base::parse_mac(wrong), std::nullopt) << wrong;
+    }
+}
+
+TEST(json_writer, makes_valid_text_of_any_bytes)
+{
+    const struct {
+        std::string text;
+        const char *written;
+    } cases[] = {
+        {"plain", R"("plain")"},
+        {"q\"b\\n\n", R"("q\"b\\n\u000a")"},
+        {"\x7f", "\"\\u007f\""},
+        {"\xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80", "\"\xc3\xa4 \xe2\x82\xac \xf0\x9f\x98\x80\""},
+        {"a\xff"
+         "b",
+         "\"a\xef\xbf\xbd"
+         "b\""},
+        {"\xc0\xaf", "\"\xef\xbf\xbd\xef\xbf\xbd\""},                 // a longer form of "/"
+        {"\xed\xa0\x80", "\"\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\""}, // a surrogate
+        {"\xf4\x90\x80\x80", "\"\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbd\""},
+        {"cut \xe2\x82", "\"cut \xef\xbf\xbd\xef\xbf\xbd\""},
+    };
+    for (const auto &one : cases) {
+        std::string out;
+        json_writer(out).text(one.text);
+        EXPECT_EQ(out, one.written);
+    }
+}
+
+TEST(json_writer, separates_members_and_items)
+{
+    std::string out;
+    json_writer json(out);
+    json.begin_object();
+    json.begin_array("a");
+    json.number(1);
+    json.begin_object();
+    json.end_object();
+    json.end_array();
+    json.member64("b", UINT64_MAX);
+    json.end_object();
+    EXPECT_EQ(out, R"({"a":[1,{}],"b":"18446744073709551615"})");
+}
+
+TEST(target, tells_elements_apart_before_decoding)
+{
+    const target to = parse_target("/a:b/c=x%2Fy%3D%3F=z/d?e=f%26g&h=");
+    EXPECT_EQ(shape_of(to), "a:b/c=*/d");
+    EXPECT_EQ(shape_of(parse_target("//a%2Fb/c%3D%2A")), "/a%2Fb/c%3D%2A");
+    EXPECT_EQ(to.path[1].key, "x/y=?=z");
+    ASSERT_EQ(to.parameters.size(), 2u);
+    EXPECT_EQ(to.parameters[0].value, "f&g");
+    EXPECT_EQ(to.parameters[1].value, "");
+    for (const char *wrong : {"", "x", "/a=", "/a%", "/a?", "/a?b", "/a?=b", "/a?b=c&"}) {
+        EXPECT_THROW(parse_target(wrong), api_error) << wrong;
+    }
+}
+
+} // namespace

@@ -1,0 +1,1285 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// The copy, the mapping and the feed from it: pure parts by themselves, the rest through the started module, on a plane
+// that a test scripts and against a second, naive idea of what the cache has to hold.
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <map>
+#include <random>
+#include <set>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "forwarding/feeder/reading.h"
+#include "forwarding/generated/generate.h"
+#include "forwarding/mapping.h"
+#include "forwarding/recorded/replay.h"
+#include "forwarding/running.h"
+#include "host/event/event_host.h"
+#include "l2fm_edm_table.h"
+#include "tests/support/table_audit.h"
+
+namespace {
+
+using namespace forwarding;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+mac_address mac(uint32_t number)
+{
+    return {2,
+            0,
+            static_cast<uint8_t>(number >> 24),
+            static_cast<uint8_t>(number >> 16),
+            static_cast<uint8_t>(number >> 8),
+            static_cast<uint8_t>(number)};
+}
+
+link_record link(uint32_t ifindex, const char *name, link_kind kind, uint32_t master = 0, uint32_t vni = 0)
+{
+    return {ifindex, master, name, kind, false, false, vni, true, {}, 300'000};
+}
+
+fdb_record on_bridge(uint32_t bridge, uint32_t port, mac_address address, uint8_t state = fdb_reachable,
+                     uint16_t vlan = 0)
+{
+    fdb_record record;
+    record.ifindex = port;
+    record.master = bridge;
+    record.mac = address;
+    record.state = state;
+    record.vlan = vlan;
+    return record;
+}
+
+fdb_destination vtep(uint8_t number)
+{
+    return {destination_kind::ipv4, {10, 0, 0, number}, 0};
+}
+
+fdb_record of_device(uint32_t device, mac_address address, fdb_destination destination, uint8_t state = fdb_reachable)
+{
+    fdb_record record;
+    record.ifindex = device;
+    record.self = true;
+    record.mac = address;
+    record.state = state;
+    record.destination = destination;
+    return record;
+}
+
+// ---- Pure parts ----
+
+TEST(Ids, AreNotUsedAgainAtOnceAndEnd)
+{
+    id_pool pool(1, 3);
+    EXPECT_EQ(pool.take(), 1u);
+    pool.give_back(1);
+    EXPECT_EQ(pool.take(), 2u);
+    EXPECT_EQ(pool.take(), 3u);
+    EXPECT_EQ(pool.take(), 1u);
+    EXPECT_EQ(pool.take(), 0u);
+    pool.give_back(3);
+    EXPECT_EQ(pool.take(), 3u);
+}
+
+TEST(Names, CarryWhatItemKeysCan)
+{
+    EXPECT_EQ(bridge_domain_part("br0", 0), "br0");
+    EXPECT_EQ(bridge_domain_part("br0", 12), "br0.12");
+    EXPECT_EQ(bridge_domain_part("a,b:c d\te", 0), "a_b_c_d_e");
+    EXPECT_EQ(bridge_domain_part(std::string(40, 'x'), 4094), std::string(22, 'x') + ".4094");
+    EXPECT_EQ(group_error(std::string(32, 'g')), "");
+    for (const char *wrong : {"", "a:b", "a,b", "a b", "a\nb", "123456789012345678901234567890123"}) {
+        EXPECT_THAT(group_error(wrong), HasSubstr("expected")) << wrong;
+    }
+    EXPECT_EQ(group_error(default_group()), "");
+}
+
+TEST(Fabric, NamesWhatIsWrong)
+{
+    fabric_options options;
+    EXPECT_EQ(parse_fabric("bridges=10,ports=32,macs=100000,vteps=64,churn=1000/s,seed=7", options), "");
+    EXPECT_EQ(options.churn, 1000u);
+    EXPECT_EQ(options.seed, 7u);
+    EXPECT_THAT(parse_fabric("bridges=0", options), HasSubstr("bridges is \"0\", expected a number from 1"));
+    EXPECT_THAT(parse_fabric("macs=1x", options), HasSubstr("macs is \"1x\""));
+    EXPECT_THAT(parse_fabric("seed=99999999999", options), HasSubstr("seed"));
+    EXPECT_THAT(parse_fabric("mac=1", options), HasSubstr("\"mac=1\" is none of"));
+    EXPECT_THAT(parse_fabric("ports", options), HasSubstr("\"ports\" is none of"));
+    EXPECT_THAT(parse_fabric("bridges=60000,ports=1000", options), HasSubstr("bridges times ports"));
+}
+
+// Gives ids as the feeder does, and looks at nothing else.
+struct numbering : copy_listener {
+    void entry_touched(uint32_t) override {}
+    void entry_affected(uint32_t) override {}
+    void port_added(uint32_t port) override { copy.ports[port].xcid = ++last_xcid; }
+    void port_changed(uint32_t) override {}
+    void port_going(uint32_t) override {}
+    void domain_added(uint32_t domain) override { copy.domains[domain].bridge_id = ++last_id; }
+    void domain_changed(uint32_t) override {}
+    void domain_going(uint32_t) override {}
+    void generation_ended(bool) override {}
+
+    table_copy copy{*this};
+    uint32_t last_xcid = 0;
+    uint16_t last_id = 0;
+};
+
+struct mapping_case {
+    const char *name;
+    std::vector<fdb_record> told; // the last one is looked at
+    standing expected;
+    uint16_t flags = 0;
+    uint8_t vtep = 0; // the last byte of the address
+};
+
+fdb_record with(fdb_record record, uint8_t flags, uint16_t edm_flags = 0, int64_t updated_ms = 0)
+{
+    record.flags = flags;
+    record.edm_flags = edm_flags;
+    record.updated_ms = updated_ms;
+    return record;
+}
+
+TEST(Mapping, FollowsTheTable)
+{
+    constexpr uint32_t bridge = 1, port = 2, vxlan = 3, loose = 4, other_port = 5;
+    const fdb_record remote = of_device(vxlan, mac(1), vtep(9));
+    const fdb_record behind = on_bridge(bridge, vxlan, mac(1));
+    const fdb_destination ipv6{destination_kind::ipv6, {0xfd}, 0};
+    const mapping_case cases[] = {
+        {"learned", {with(on_bridge(bridge, port, mac(1)), 0, 0, 5000)}, standing::fed, 0x2000},
+        {"age not known", {on_bridge(bridge, port, mac(1), fdb_stale)}, standing::fed, 0},
+        {"static", {with(on_bridge(bridge, port, mac(1), fdb_noarp), 0, 0, 5000)}, standing::fed, 0x0002},
+        {"local", {on_bridge(bridge, port, mac(1), fdb_permanent)}, standing::fed, 0x0004},
+        {"the bridge's own", {on_bridge(bridge, bridge, mac(1), fdb_permanent)}, standing::fed, 0x0024},
+        {"flags",
+         {with(on_bridge(bridge, port, mac(1)), fdb_sticky | fdb_extern_learn | fdb_offloaded | fdb_locked)},
+         standing::fed,
+         0x8910},
+        {"recorded flags", {with(on_bridge(bridge, port, mac(1)), 0, 0xffff)}, standing::fed, 0x4649},
+        {"joined", {remote, behind}, standing::fed, 0x1000, 9},
+        {"joined with the static device's entry",
+         {of_device(vxlan, mac(1), vtep(9), fdb_permanent), behind},
+         standing::fed,
+         0x1000,
+         9},
+        {"a VXLAN device's local address", {remote, on_bridge(bridge, vxlan, mac(1), fdb_permanent)}, standing::fed, 4},
+        {"the device's half", {behind, remote}, standing::joined},
+        {"the device's alone", {remote}, standing::unpaired},
+        {"overruled by the bridge", {on_bridge(bridge, port, mac(1)), remote}, standing::unpaired},
+        {"flood list", {of_device(vxlan, {}, vtep(7), fdb_permanent)}, standing::fed, 0x1002, 7},
+        {"flood list, another",
+         {of_device(vxlan, {}, vtep(8), fdb_permanent), of_device(vxlan, {}, vtep(7), fdb_permanent),
+          of_device(vxlan, {}, vtep(8), fdb_noarp)},
+         standing::of_flood_list,
+         0x1002,
+         8},
+        {"IPv6", {of_device(vxlan, mac(1), ipv6), behind}, standing::fed, 0},
+        {"next hop", {of_device(vxlan, mac(1), {destination_kind::next_hop, {}, 5}), behind}, standing::fed, 0},
+        {"receive filter", {of_device(port, mac(1), {})}, standing::receive_filter},
+        {"no bridge", {of_device(loose, mac(1), vtep(1))}, standing::without_bridge},
+        {"moved", {on_bridge(bridge, port, mac(1)), on_bridge(bridge, other_port, mac(1))}, standing::fed, 0},
+    };
+    for (const mapping_case &each : cases) {
+        SCOPED_TRACE(each.name);
+        numbering with_ids;
+        table_copy &copy = with_ids.copy;
+        copy.link_changed(link(port, "p", link_kind::other, bridge));
+        copy.link_changed(link(bridge, "br", link_kind::bridge));
+        copy.link_changed(link(vxlan, "vx", link_kind::vxlan, bridge, 100));
+        copy.link_changed(link(loose, "lo", link_kind::vxlan));
+        copy.link_changed(link(other_port, "q", link_kind::other, bridge));
+        for (const fdb_record &record : each.told) {
+            copy.fdb_changed(record);
+        }
+        const uint32_t entry = copy.find(key_of(each.told.back()));
+        l2fib_mac_edm_entry_t descriptor{};
+        EXPECT_EQ(describe(copy, entry, 1000, descriptor), each.expected);
+        EXPECT_EQ(descriptor.flags, each.flags);
+        EXPECT_EQ(descriptor.vtep_addr[3], each.vtep);
+        EXPECT_EQ(descriptor.hw_timestamp, (each.flags & EDM_MAC_TIMESTAMP_VALID) != 0 ? 6u : 0u);
+    }
+}
+
+TEST(Copy, KeepsPortsPerVlanAndVni)
+{
+    numbering with_ids;
+    table_copy &copy = with_ids.copy;
+    copy.fdb_changed(on_bridge(1, 2, mac(1), fdb_reachable, 10)); // before its links
+    const uint32_t entry = copy.find(key_of(on_bridge(1, 2, mac(1), fdb_reachable, 10)));
+    EXPECT_EQ(copy.domains[copy.ports[copy.entries[entry].port].domain].vlan, 10);
+    link_record device = link(2, "vx", link_kind::vxlan, 1, 100);
+    copy.link_changed(link(1, "br", link_kind::bridge));
+    copy.link_changed(device);
+    EXPECT_EQ(copy.ports[copy.entries[entry].port].key, (port_key{1, 2, link_kind::vxlan, 10, 100}));
+    device.vni = 200;
+    copy.link_changed(device);
+    EXPECT_EQ(copy.ports[copy.entries[entry].port].key.vni, 200u);
+    device.master = 0;
+    copy.link_changed(device);
+    EXPECT_FALSE(copy.entries[entry].alive);
+    copy.link_gone(1);
+    copy.link_gone(2);
+    EXPECT_EQ(copy.living, 0u);
+    EXPECT_EQ(copy.known_links, 0u);
+}
+
+// One address in two VLANs behind different tunnel ends, on one device for all VNIs. Whatever comes first.
+TEST(Copy, JoinsByTheMapFromVlansToVnis)
+{
+    constexpr uint32_t bridge = 1, vxlan = 2;
+    const auto remote = [](uint32_t vni, uint8_t end, mac_address address) {
+        fdb_record record = of_device(vxlan, address, vtep(end), fdb_permanent);
+        record.source_vni = vni;
+        return record;
+    };
+    const vni_by_vlan map{{10, 100}, {20, 200}};
+    numbering with_ids;
+    table_copy &copy = with_ids.copy;
+    const auto fill = [&] {
+        for (const uint16_t vlan : {uint16_t{10}, uint16_t{20}, uint16_t{30}}) {
+            copy.fdb_changed(on_bridge(bridge, vxlan, mac(1), fdb_reachable, vlan));
+        }
+        for (const mac_address &address : {mac(1), mac_address{}}) {
+            copy.fdb_changed(remote(100, 1, address));
+            copy.fdb_changed(remote(200, 2, address));
+        }
+    };
+    // What an entry of a VLAN shows: the last byte of the tunnel's end, and the VNI.
+    const auto shown = [&](uint16_t vlan) {
+        const uint32_t entry = copy.find(key_of(on_bridge(bridge, vxlan, mac(1), fdb_reachable, vlan)));
+        l2fib_mac_edm_entry_t descriptor{};
+        EXPECT_EQ(describe(copy, entry, 0, descriptor), standing::fed);
+        return std::pair(uint32_t{descriptor.vtep_addr[3]}, copy.ports[copy.entries[entry].port].key.vni);
+    };
+    const auto flood_vlan = [&](uint32_t vni, uint8_t end) {
+        const uint32_t entry = copy.find(key_of(remote(vni, end, {})));
+        return copy.domains[copy.ports[copy.entries[entry].port].domain].vlan;
+    };
+    link_record of_bridge = link(bridge, "br", link_kind::bridge);
+    of_bridge.vlan_aware = true;
+    link_record of_vxlan = link(vxlan, "vx", link_kind::vxlan, bridge);
+    of_vxlan.external = true;
+    for (const bool map_first : {true, false}) {
+        SCOPED_TRACE(map_first);
+        if (map_first) {
+            copy.vlan_vnis_changed(vxlan, map);
+        }
+        copy.link_changed(of_vxlan);
+        copy.link_changed(of_bridge);
+        fill();
+        copy.vlan_vnis_changed(vxlan, map);
+        EXPECT_EQ(shown(10), std::pair(1u, 100u));
+        EXPECT_EQ(shown(20), std::pair(2u, 200u));
+        EXPECT_EQ(shown(30), std::pair(0u, 0u)); // its VLAN has no VNI
+        EXPECT_EQ(flood_vlan(200, 2), 20);
+        copy.vlan_vnis_changed(vxlan, {{10, 200}}); // the map changes
+        EXPECT_EQ(shown(10), std::pair(2u, 200u));
+        EXPECT_EQ(shown(20), std::pair(0u, 0u));
+        EXPECT_EQ(flood_vlan(200, 2), 10);
+        copy.vlan_vnis_changed(vxlan, {}); // and goes
+        EXPECT_EQ(shown(10), std::pair(0u, 0u));
+        EXPECT_EQ(flood_vlan(200, 2), 0);
+        of_bridge.vlan_aware = false;
+        copy.link_changed(of_bridge);
+        EXPECT_NE(shown(10).first, 0u); // without VLANs any tunnel end is as good
+        of_bridge.vlan_aware = true;
+        copy.link_changed(of_bridge);
+        EXPECT_EQ(shown(10), std::pair(0u, 0u));
+        copy.link_gone(vxlan);
+        copy.link_gone(bridge);
+        EXPECT_EQ(copy.living, 0u);
+        EXPECT_EQ(copy.known_links, 0u);
+    }
+}
+
+// ---- Recorded tables ----
+
+struct recording : testing::Test {
+    recording()
+    {
+        char name[] = "/tmp/recordedXXXXXX";
+        directory = mkdtemp(name);
+        write("links.json", R"([{"ifindex":1,"ifname":"br0","linkinfo":{"info_kind":"bridge"}},
+                                {"ifindex":2,"ifname":"p1","master":"br0"}])");
+        write("fdb.json", "[]");
+    }
+    ~recording() override { std::filesystem::remove_all(directory); }
+
+    void write(const char *name, const std::string &text) const { std::ofstream(directory + "/" + name) << text; }
+
+    std::string directory;
+};
+
+TEST_F(recording, MalformedTablesAreNamed)
+{
+    struct malformed_case {
+        const char *file;
+        const char *text;
+        const char *expected;
+    };
+    const malformed_case cases[] = {
+        {"links.json", "[{", "links.json: is not JSON"},
+        {"links.json", "{}", "links.json: is not a list"},
+        {"links.json", R"([{"ifname":"a"}])", "links.json: element 0: \"ifindex\""},
+        {"links.json", R"([{"ifindex":-1,"ifname":"a"}])", "number from 0 to 2147483647"},
+        {"links.json", R"([{"ifindex":1,"ifname":"a"},{"ifindex":2,"ifname":"a"}])",
+         "element 1: \"ifname\" is not unique"},
+        {"links.json", R"([{"ifindex":1,"ifname":"a"},{"ifindex":1,"ifname":"b"}])", "\"ifindex\" is not unique"},
+        {"links.json", R"([{"ifindex":1,"ifname":"a","linkinfo":7}])", "\"linkinfo\" is not an object"},
+        {"fdb.json", "[7]", "fdb.json: element 0: is not an object"},
+        {"fdb.json", R"([{"ifname":"p1"}])", "\"mac\" is not there"},
+        {"fdb.json", R"([{"mac":"02:00:00:00:00:0g"}])", "address of six bytes"},
+        {"fdb.json", R"([{"mac":"02:00:00:00:00:01","ifname":"x"}])", "\"ifname\" is not the name of a link"},
+        {"fdb.json", R"([{"mac":"02:00:00:00:00:01","ifname":"p1"}])", "\"master\""},
+        {"fdb.json", R"([{"mac":"02:00:00:00:00:01","ifname":"p1","flags":"self"}])", "\"flags\" is not a list"},
+        {"fdb.json", R"([{"mac":"02:00:00:00:00:01","ifname":"p1","master":"br0","vlan":4095}])", "0 to 4094"},
+        {"fdb.json", R"([{"mac":"02:00:00:00:00:01","ifname":"p1","master":"br0","state":"x"}])", "\"state\""},
+        {"fdb.json", R"([{"mac":"02:00:00:00:00:01","ifname":"p1","flags":["self"],"dst":"10.0.0"}])", "\"dst\""},
+    };
+    for (const malformed_case &each : cases) {
+        write("links.json", R"([{"ifindex":1,"ifname":"br0"},{"ifindex":2,"ifname":"p1","master":"br0"}])");
+        write(each.file, each.text);
+        std::string error;
+        EXPECT_EQ(load_recorded_plane(directory, error), nullptr) << each.text;
+        EXPECT_THAT(error, HasSubstr(each.expected));
+        EXPECT_THAT(error, HasSubstr(directory));
+    }
+    std::string error;
+    EXPECT_EQ(load_recorded_plane("/nowhere", error), nullptr);
+    EXPECT_THAT(error, HasSubstr("/nowhere/links.json: cannot be read"));
+}
+
+// ---- Through the module ----
+
+constexpr const char *cache_path = "/dev/l2fib_mac_cache";
+
+// Runs `work` on the cache thread and waits for it.
+template <typename Work>
+void on_cache(Work work)
+{
+    struct posted {
+        Work work;
+        std::promise<void> done;
+    } what{work, {}};
+    const auto run = [](void *cookie) {
+        auto *posted_work = static_cast<posted *>(cookie);
+        posted_work->work();
+        posted_work->done.set_value();
+    };
+    ASSERT_EQ(host::event_post(host::event_manager_find(cache_path), run, nullptr, &what), 0u);
+    what.done.get_future().wait();
+}
+
+// What a kernel would hold. Tells each change unless it is told to lose it.
+struct scripted : plane {
+    const char *kind() const override { return "scripted"; }
+    bool start(event_manager_t *, sink &sink_of_copy, std::string &) override
+    {
+        to = &sink_of_copy;
+        list(true);
+        return true;
+    }
+    void drain() override
+    {
+        if (before_drain) {
+            before_drain();
+        }
+    }
+    void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) override
+    {
+        for (size_t at = 0; at < keys.size(); at++) {
+            const auto found = holds.find(keys[at]);
+            answers[at] = {found == holds.end() ? fdb_presence::absent : fdb_presence::present, {}};
+            if (found != holds.end()) {
+                answers[at].record = found->second;
+            }
+            const bool is_mute =
+                mute || (mute_of_lists && keys[at].mac == mac_address{}) || (mute_keys != 0 && mute_keys-- != 0);
+            answers[at].presence = is_mute ? fdb_presence::cannot_tell : answers[at].presence;
+        }
+        asked += keys.size();
+        if (const auto meanwhile = std::exchange(after_query, nullptr)) {
+            meanwhile();
+        }
+    }
+    plane_health health() const override { return {.clean = clean, .generation = 1}; }
+    bool ages_silently() const override { return silent; }
+    void list_again() override
+    {
+        relisted++;
+        clean = false;
+    }
+    void stop() override {}
+
+    void list(bool is_clean)
+    {
+        to->generation_begun();
+        for (const auto &[ifindex, record] : links) {
+            to->link_changed(record);
+        }
+        for (const auto &[key, record] : holds) {
+            to->fdb_listed(record);
+        }
+        clean = clean || is_clean; // a proof that ends unclean says nothing
+        to->generation_complete(is_clean);
+    }
+    void set(const link_record &record)
+    {
+        links[record.ifindex] = record;
+        to->link_changed(record);
+    }
+    void set(const fdb_record &record, bool tell = true)
+    {
+        holds[key_of(record)] = record;
+        if (tell) {
+            to->fdb_changed(record);
+        }
+    }
+    void drop(const fdb_record &record, bool tell = true)
+    {
+        holds.erase(key_of(record));
+        if (tell) {
+            to->fdb_gone(record);
+        }
+    }
+
+    std::map<uint32_t, link_record> links;
+    std::map<fdb_key, fdb_record> holds;
+    sink *to = nullptr;
+    bool mute = false;
+    bool mute_of_lists = false;
+    size_t mute_keys = 0;                            // answers that it cannot tell next
+    std::function<void()> before_drain, after_query; // the latter is called once
+    bool silent = false;
+    std::atomic<bool> clean{false};
+    std::atomic<size_t> asked{0};
+    std::atomic<size_t> relisted{0};
+};
+
+using lines = std::set<std::string>;
+
+std::string line(const std::string &domain, const std::string &port, const mac_address &address, uint32_t flags,
+                 uint32_t vtep_number)
+{
+    const bool floods = address == mac_address{}; // one entry for all destinations, which may differ in everything
+    flags &= floods ? 0 : EDM_MAC_STATIC | EDM_MAC_LOCAL | EDM_MAC_BD_OWN | EDM_MAC_VNI;
+    char text[160];
+    std::snprintf(text, sizeof(text), "%s %s %02x%02x%02x%02x%02x%02x %04x %u", domain.c_str(), port.c_str(),
+                  address[0], address[1], address[2], address[3], address[4], address[5], flags,
+                  floods ? 0 : vtep_number);
+    return text;
+}
+
+// One device has a port for each VNI.
+std::string name_of(const std::string &device, uint32_t vni)
+{
+    return device + (vni != 0 ? "/" + std::to_string(vni) : "");
+}
+
+// Of an entry that the tests make: one for each address.
+uint32_t source_vni(const link_record &device, const mac_address &address)
+{
+    return device.external ? 500U + address[5] % 3 : 0;
+}
+
+lines cached()
+{
+    struct reading {
+        lines found;
+        std::map<uint32_t, std::string> ports;
+    } read;
+    for (const port_view &port : ports()) {
+        read.ports[port.xcid] = name_of(port.name, port.vni);
+    }
+    l2fm_edm_table_walk_all_macs(
+        [](l2fm_edm_mac_t *entry, void *cookie) -> uint32_t {
+            auto &to = *static_cast<reading *>(cookie);
+            mac_address address;
+            std::copy_n(entry->mac_addr, address.size(), address.begin());
+            const bool remote = (entry->flags & EDM_MAC_VNI) != 0;
+            const auto *tunnel = reinterpret_cast<const l2fm_edm_mac_vni_t *>(entry);
+            const std::string port = entry->bp->xcid == EDM_XCID_DUMMY ? "own" : to.ports[entry->bp->xcid];
+            to.found.insert(
+                line(entry->bp->bd->bd_name, port, address, entry->flags, remote ? tunnel->vtep_addr[3] : 0));
+            return 1;
+        },
+        &read);
+    return read.found;
+}
+
+// What is in one only, for a short message.
+lines difference(const lines &left, const lines &right)
+{
+    lines found;
+    std::set_symmetric_difference(left.begin(), left.end(), right.begin(), right.end(),
+                                  std::inserter(found, found.end()));
+    return found;
+}
+
+struct placed {
+    std::string line;
+    std::string tunnel_end; // "port>VTEP,VNI"; empty: none
+};
+
+// Each entry that has to be in the cache and its place there, by looking at everything the plane holds.
+std::vector<placed> place_all(const scripted &plane)
+{
+    std::vector<placed> found;
+    const auto &links = plane.links;
+    for (const auto &[key, record] : plane.holds) {
+        const link_record &device = links.at(record.ifindex);
+        const uint32_t bridge = record.self ? device.master : record.master;
+        if (bridge == 0 || (record.self && (device.kind != link_kind::vxlan || record.mac != mac_address{}))) {
+            continue; // a device's own entry is fed with the bridge's, if that is there
+        }
+        uint32_t flags = record.state == fdb_noarp ? EDM_MAC_STATIC : record.state == fdb_permanent ? EDM_MAC_LOCAL : 0;
+        fdb_record tunnel = record;
+        if (!record.self && record.state != fdb_permanent && device.kind == link_kind::vxlan) {
+            const auto own =
+                plane.holds.find({record.ifindex, true, 0, source_vni(device, record.mac), record.mac, {}});
+            tunnel = own != plane.holds.end() ? own->second : tunnel;
+        }
+        const fdb_destination &to = tunnel.destination;
+        const bool is_remote = to.kind == destination_kind::ipv4;
+        flags |= record.ifindex == bridge ? EDM_MAC_BD_OWN | EDM_MAC_LOCAL : 0;
+        flags |= is_remote ? EDM_MAC_VNI : 0;
+        const std::string vlan = record.vlan != 0 ? "." + std::to_string(record.vlan) : "";
+        const std::string port = name_of(device.name, device.external && record.self ? record.source_vni : device.vni);
+        const uint32_t vni = to.vni != 0 ? to.vni : tunnel.source_vni != 0 ? tunnel.source_vni : device.vni;
+        const std::string end = port + ">" + std::to_string(to.address[3]) + "," + std::to_string(vni);
+        found.push_back({line("lab:" + links.at(bridge).name + vlan, record.ifindex == bridge ? "own" : port,
+                              record.mac, flags, is_remote ? to.address[3] : 0),
+                         is_remote ? end : ""});
+    }
+    return found;
+}
+
+lines expected(const scripted &plane)
+{
+    lines found;
+    for (const placed &each : place_all(plane)) {
+        found.insert(each.line);
+    }
+    return found;
+}
+
+constexpr uint32_t br0 = 1, br1 = 2, p0 = 10, p1 = 11, p2 = 12, vx0 = 20, vx1 = 21, vx2 = 22, vx3 = 23;
+
+struct fed_module : testing::Test {
+    fed_module() { begin(2'000'000, false); }
+    ~fed_module() override
+    {
+        const release_report report = stop();
+        EXPECT_TRUE(report.orderly) << report.text;
+    }
+
+    void begin(uint32_t limit, bool is_silent)
+    {
+        auto owned = std::make_unique<scripted>();
+        it = owned.get();
+        it->silent = is_silent;
+        for (const link_record &each :
+             {link(p0, "p0", link_kind::other, br0), link(p1, "p1", link_kind::other, br0),
+              link(p2, "p2", link_kind::other, br1), link(br0, "br0", link_kind::bridge),
+              link(br1, "br1", link_kind::bridge), link(vx0, "vx0", link_kind::vxlan, br0, 100),
+              link(vx1, "vx1", link_kind::vxlan, br1, 101), link(vx2, "vx2", link_kind::vxlan, br0, 102)}) {
+            it->links[each.ifindex] = each;
+        }
+        forwarding::options options;
+        options.group = "lab";
+        options.resync_wait_seconds = 20;
+        options.mac_limit = limit;
+        EXPECT_EQ(start_on(std::move(owned), options), "");
+    }
+    void restart(uint32_t limit, bool is_silent)
+    {
+        EXPECT_TRUE(stop().orderly);
+        begin(limit, is_silent);
+    }
+
+    uint32_t id_of(const std::string &name) const
+    {
+        for (const domain_view &each : domains()) {
+            if (each.name == name) {
+                return each.bridge_id;
+            }
+        }
+        return 0;
+    }
+    uint32_t xcid_of(const std::string &name) const
+    {
+        for (const port_view &each : ports()) {
+            if (each.name == name) {
+                return each.xcid;
+            }
+        }
+        return 0;
+    }
+    void resync(uint32_t type = EDM_RESYNC_ALL, uint32_t arg = 0)
+    {
+        ASSERT_EQ(l2fib_mac_edm_thread_send_resync(type, arg, nullptr), 0u);
+    }
+    void expect_equal()
+    {
+        EXPECT_THAT(difference(cached(), expected(*it)), IsEmpty());
+        EXPECT_EQ(audit_table(), "");
+    }
+
+    scripted *it;
+};
+
+TEST_F(fed_module, EachScopeIsBroughtUpToDate)
+{
+    on_cache([&] {
+        it->set(on_bridge(br0, p0, mac(1)));
+        it->set(on_bridge(br0, br0, mac(2), fdb_permanent));
+        it->set(on_bridge(br1, p2, mac(1), fdb_noarp));
+        it->set(of_device(vx0, mac(3), vtep(3)));
+        it->set(on_bridge(br0, vx0, mac(3)));
+        it->set(of_device(vx0, {}, vtep(4), fdb_permanent));
+        it->set(of_device(vx0, {}, vtep(5), fdb_permanent));
+        it->set(of_device(vx2, {}, vtep(6), fdb_permanent));
+    });
+    resync();
+    expect_equal();
+    EXPECT_EQ(l2fm_edm_table_mac_get_pool()->vtep_cnt, 4u);
+
+    // What is wrong in the cache goes with the scope's resync, and with no other's.
+    const auto feed_wrong = [&](const char *port, uint32_t number) {
+        l2fib_mac_edm_entry_t wrong{};
+        wrong.xcid = xcid_of(port);
+        wrong.bridge_id = static_cast<uint16_t>(id_of("lab:br0"));
+        std::copy_n(mac(number).begin(), 6, wrong.mac_addr);
+        EXPECT_EQ(l2fib_mac_edm_add(&wrong), 0u);
+    };
+    feed_wrong("p0", 100);
+    feed_wrong("p1", 101);
+    resync(EDM_RESYNC_BD, id_of("lab:br1"));
+    EXPECT_EQ(cached().size(), expected(*it).size() + 2);
+    resync(EDM_RESYNC_BP, xcid_of("p0"));
+    EXPECT_EQ(cached().size(), expected(*it).size() + 1);
+    resync(EDM_RESYNC_BD, id_of("lab:br0"));
+    expect_equal();
+    EXPECT_EQ(it->asked, 0u);
+}
+
+TEST_F(fed_module, PortsAndBridgesComeGoAndAreRenamed)
+{
+    on_cache([&] {
+        for (uint32_t number = 0; number < 500; number++) {
+            it->set(on_bridge(br0, number % 2 != 0 ? p0 : p1, mac(number)));
+            it->set(on_bridge(br1, p2, mac(number)));
+        }
+    });
+    resync();
+    const uint32_t old_xcid = xcid_of("p0");
+    on_cache([&] {
+        std::erase_if(it->holds, [](const auto &each) { return each.second.ifindex == p0; });
+        it->set(link(p0, "p0", link_kind::other, br1)); // without a word about its entries
+        it->set(on_bridge(br1, p0, mac(7)));
+        it->set(link(br0, "spine", link_kind::bridge));
+    });
+    resync();
+    expect_equal();
+    EXPECT_NE(xcid_of("p0"), old_xcid);
+    EXPECT_NE(id_of("lab:spine"), 0u);
+    EXPECT_EQ(id_of("lab:br0"), 0u);
+    on_cache([&] {
+        std::erase_if(it->holds, [](const auto &each) { return each.second.master == br1; });
+        it->links.erase(br1);
+        it->to->link_gone(br1);
+    });
+    resync();
+    EXPECT_THAT(difference(cached(), expected(*it)), IsEmpty());
+    EXPECT_EQ(cached().size(), 250u);
+    EXPECT_EQ(id_of("lab:br1"), 0u);
+}
+
+TEST_F(fed_module, NamesThatCannotStandAreChanged)
+{
+    on_cache([&] {
+        it->set(link(30, "a,b", link_kind::bridge));
+        it->set(link(31, "a:b", link_kind::bridge));
+    });
+    EXPECT_NE(id_of("lab:a_b"), 0u);
+    const std::vector<domain_view> views = domains();
+    EXPECT_EQ(views.back().name, "lab:a_b~" + std::to_string(views.back().bridge_id));
+    EXPECT_GE(health().notes.size(), 2u);
+}
+
+TEST_F(fed_module, AStormCostsTheCacheOneUpdate)
+{
+    on_cache([&] {
+        for (uint32_t turn = 0; turn < 1000; turn++) {
+            it->set(on_bridge(br0, turn % 2 != 0 ? p0 : p1, mac(1)));
+        }
+    });
+    EXPECT_EQ(health().events_merged, 999u);
+    resync();
+    expect_equal();
+}
+
+// Changes of every kind. What the cache holds, and all that is counted beside it, is counted again from the plane.
+struct churn : fed_module {
+    uint32_t below(uint32_t bound) { return static_cast<uint32_t>(random() % bound); }
+
+    void change_entry(bool is_reported)
+    {
+        constexpr uint32_t devices[] = {p0, p1, p2, vx0, vx1, vx2, vx3, br1};
+        const link_record &port = it->links.at(devices[below(std::size(devices))]);
+        const mac_address address = mac(below(40));
+        const bool is_own = port.kind == link_kind::bridge;
+        const bool is_tunnel = port.kind == link_kind::vxlan;
+        if (is_tunnel && below(2) == 0) {
+            fdb_destination to{below(6) == 0 ? destination_kind::ipv6 : destination_kind::ipv4,
+                               {10, 0, 0, static_cast<uint8_t>(1 + below(5))},
+                               0,
+                               below(3) == 0 ? 900 + below(2) : 0};
+            fdb_record own = of_device(port.ifindex, below(3) == 0 ? mac_address{} : address, to);
+            own.source_vni = port.external && own.mac == mac_address{} ? 500 + below(3) : source_vni(port, address);
+            below(3) != 0 ? it->set(own, is_reported) : it->drop(own, is_reported);
+            return;
+        }
+        const uint8_t states[] = {fdb_reachable, fdb_stale, fdb_noarp};
+        const fdb_record record =
+            on_bridge(is_own ? port.ifindex : port.master, port.ifindex, address,
+                      is_own ? fdb_permanent : states[below(3)], !is_own && !is_tunnel && below(8) == 0 ? 5 : 0);
+        if (below(10) < 6) {
+            it->set(record, is_reported);
+        } else if (const auto held = it->holds.find(key_of(record)); held != it->holds.end()) {
+            it->drop(fdb_record(held->second), is_reported);
+        }
+    }
+
+    // A device that goes or moves leaves its entries behind.
+    void change_link()
+    {
+        constexpr uint32_t devices[] = {br0, br1, p1, p2, vx0, vx2, vx3};
+        link_record changed = it->links.at(devices[below(std::size(devices))]);
+        if (changed.kind == link_kind::bridge) {
+            changed.name = (changed.ifindex == br0 ? "br0" : "br1") + std::string(below(2), 'x');
+            it->set(changed);
+            return;
+        }
+        std::erase_if(it->holds, [&](const auto &each) { return each.second.ifindex == changed.ifindex; });
+        it->to->link_gone(changed.ifindex);
+        changed.master = below(2) == 0 ? br0 : br1;
+        changed.vni = changed.vni != 0 ? 100 + below(9) : 0;
+        it->set(changed);
+    }
+
+    void expect_counted(size_t limit)
+    {
+        const lines shown = cached();
+        lines due;
+        std::set<std::string> ends;
+        uint64_t missing = 0;
+        for (const placed &each : place_all(*it)) {
+            due.insert(each.line);
+            missing += shown.contains(each.line) ? 0U : 1U;
+            ends.insert(shown.contains(each.line) ? each.tunnel_end : "");
+        }
+        ASSERT_EQ(shown.size(), std::min(due.size(), limit));
+        ASSERT_TRUE(std::includes(due.begin(), due.end(), shown.begin(), shown.end()));
+        const health_view now = health();
+        ASSERT_EQ(now.missing, missing);
+        ASSERT_EQ(now.feeds_full, 0u); // the feeder's count and the table's never differ
+        ASSERT_EQ(now.state, missing != 0 ? completeness::limited : completeness::whole);
+        std::map<uint32_t, std::string> names;
+        for (const port_view &each : ports()) {
+            names[each.xcid] = name_of(each.name, each.vni);
+            const auto has = [&](const std::string &one) {
+                return one.starts_with(each.domain + " " + names[each.xcid] + " ");
+            };
+            const entry_counts counts = *count_port(each.xcid);
+            ASSERT_EQ(counts.total + counts.local, std::ranges::count_if(shown, has))
+                << each.domain << names[each.xcid];
+        }
+        for (const domain_view &each : domains()) {
+            const auto has = [&](const std::string &one) { return one.starts_with(each.name + " "); };
+            const entry_counts counts = *count_domain(each.bridge_id);
+            ASSERT_EQ(counts.total + counts.local, std::ranges::count_if(shown, has)) << each.name;
+        }
+        std::set<std::string> counted{""};
+        const auto text = [&](uint32_t xcid, uint8_t number, uint32_t vni) {
+            return names[xcid] + ">" + std::to_string(number) + "," + std::to_string(vni);
+        };
+        for (const vtep_view &each : read_vteps({}, 10'000)) {
+            counted.insert(text(each.xcid, each.address[3], each.vni));
+        }
+        ends.insert("");
+        ASSERT_THAT(difference(counted, ends), IsEmpty());
+        for (const mac_row &each : read_rows({}, {}, 10'000).rows) {
+            ASSERT_TRUE((each.flags & EDM_MAC_VNI) == 0 || ends.contains(text(each.xcid, each.vtep[3], each.vni)))
+                << text(each.xcid, each.vtep[3], each.vni);
+        }
+        order_position at;
+        size_t in_order = 0;
+        for (bool more = true; more;) {
+            const ordered_page page = read_ordered(row_order::created, at, 7);
+            in_order += page.page.rows.size();
+            at = page.end;
+            more = page.page.more;
+        }
+        ASSERT_EQ(in_order, shown.size());
+    }
+
+    void settle_later()
+    {
+        std::promise<void> settled;
+        const auto wait = [](void *cookie) { static_cast<std::promise<void> *>(cookie)->set_value(); };
+        uint32_t timer = 0;
+        host::event_timer_attach(host::event_manager_find(cache_path), 60'000'000, 0, wait, &settled, &timer);
+        settled.get_future().wait();
+    }
+
+    std::mt19937 random{7};
+};
+
+TEST_F(churn, LeavesWhatThePlaneHolds)
+{
+    for (const uint32_t limit : {2'000'000u, 60u}) {
+        restart(limit, limit == 60);
+        on_cache([&] {
+            it->set(link(vx3, "vx3", link_kind::vxlan, br1));
+            it->links.at(vx3).external = true;
+            it->set(link_record(it->links.at(vx3)));
+        });
+        for (uint32_t round = 0; round < 120; round++) {
+            SCOPED_TRACE(std::to_string(limit) + ", round " + std::to_string(round));
+            const bool is_degraded = round % 5 == 4;
+            on_cache([&] {
+                it->clean = !is_degraded;
+                is_degraded ? it->to->changes_lost(1) : void();
+                for (uint32_t step = 0; step < 60; step++) {
+                    !is_degraded &&below(30) == 0 ? change_link() : change_entry(!is_degraded || below(2) == 0);
+                }
+            });
+            resync(EDM_RESYNC_BD, id_of("lab:" + it->links.at(br0).name));
+            if (is_degraded) {
+                on_cache([&] { it->list(true); });
+                on_cache([] {}); // behind the questions
+            }
+            round % 10 == 0 ? settle_later() : resync();
+            expect_counted(limit);
+            ASSERT_FALSE(HasFatalFailure());
+        }
+        EXPECT_EQ(audit_table(), "");
+    }
+}
+
+TEST_F(fed_module, ADegradedPlaneLosesNothingThatLives)
+{
+    on_cache([&] {
+        for (uint32_t number = 0; number < 1000; number++) {
+            it->set(on_bridge(br0, p0, mac(number)));
+        }
+        it->set(of_device(vx0, mac(5000), vtep(1)));
+        it->set(on_bridge(br0, vx0, mac(5000)));
+        it->set(of_device(vx0, {}, vtep(2), fdb_permanent));
+    });
+    resync();
+    expect_equal();
+    // An overrun: entries go and come unheard; some were told gone and are back, or are now elsewhere.
+    on_cache([&] {
+        it->clean = false;
+        for (uint32_t number = 0; number < 300; number++) {
+            const fdb_record record = on_bridge(br0, p0, mac(number));
+            it->drop(record, number < 200);
+            if (number < 100) {
+                it->set(on_bridge(br0, number < 50 ? p0 : p1, mac(number)), false);
+            }
+        }
+        it->to->fdb_gone(of_device(vx0, {}, vtep(2), fdb_permanent));
+        it->to->fdb_gone(on_bridge(br0, vx0, mac(5000)));
+    });
+    resync();
+    const lines alive = expected(*it);
+    const lines shown = cached();
+    EXPECT_TRUE(std::includes(shown.begin(), shown.end(), alive.begin(), alive.end()));
+    EXPECT_EQ(shown.size(), alive.size() + 100); // whose end nobody has told
+    EXPECT_EQ(health().resyncs_degraded, 1u);
+    EXPECT_GE(health().doubtful_kept, 50u);
+    // Nothing goes while the plane cannot be asked.
+    on_cache([&] {
+        it->mute = true;
+        it->drop(on_bridge(br0, p0, mac(900)));
+    });
+    resync(EDM_RESYNC_BD, id_of("lab:br0"));
+    EXPECT_THAT(difference(cached(), shown), IsEmpty());
+    on_cache([&] {
+        it->mute = false;
+        it->list(true);
+    });
+    resync();
+    expect_equal();
+}
+
+TEST_F(fed_module, WhatNoChangeReportedIsFoundByQuestions)
+{
+    on_cache([&] {
+        it->silent = true;
+        for (uint32_t number = 0; number < 1000; number++) {
+            it->set(on_bridge(br0, p0, mac(number)));
+        }
+        it->set(of_device(vx0, mac(5000), {destination_kind::next_hop, {}, 7}));
+        it->set(on_bridge(br0, vx0, mac(5000)));
+    });
+    resync();
+    // A page asks about its rows, a single address is asked for everywhere.
+    on_cache([&] {
+        it->drop(on_bridge(br0, p0, mac(1)), false);
+        it->set(on_bridge(br0, p1, mac(2)), false);
+        it->set(on_bridge(br1, p2, mac(3000)), false);
+    });
+    EXPECT_EQ(read_rows({}, {}, 2000).rows.size(), 1000u);
+    EXPECT_TRUE(find_rows(mac(1), 0).rows.empty());
+    EXPECT_EQ(find_rows(mac(2), 0).rows.at(0).port->name, "p1");
+    EXPECT_EQ(find_rows(mac(3000), 0).rows.at(0).domain->name, "lab:br1");
+    resync();
+    expect_equal();
+    // Reported in the wrong order by two processors: gone, then changed.
+    on_cache([&] {
+        it->set(on_bridge(br0, p0, mac(10)));
+        it->to->fdb_gone(on_bridge(br0, p0, mac(10)));
+    });
+    resync();
+    expect_equal();
+    // A next hop goes with its entries.
+    on_cache([&] {
+        it->drop(of_device(vx0, mac(5000), {destination_kind::next_hop, {}, 7}), false);
+        it->to->next_hop_gone(7);
+    });
+    on_cache([] {}); // behind the question
+    EXPECT_EQ(health().next_hop_destinations, 0u);
+    resync();
+    expect_equal();
+}
+
+// Other threads ask the plane. What changes until the cache thread takes the answer is newer than the answer.
+TEST_F(fed_module, AnAnswerDoesNotUndoALaterChange)
+{
+    struct late_case {
+        const char *name;
+        std::optional<uint32_t> port_before, port_after;
+    };
+    constexpr late_case cases[] = {
+        {"gone", p0, std::nullopt},
+        {"moved", p0, p1},
+        {"new", std::nullopt, p0},
+    };
+    const auto by_age = [] { return std::optional(read_ordered(row_order::last_seen, {}, 10)); };
+    for (const bool is_sorted : {false, true}) {
+        restart(2'000'000, true);
+        for (const late_case &each : cases) {
+            SCOPED_TRACE(each.name);
+            const auto put = [&](std::optional<uint32_t> port) {
+                fdb_record record = with(on_bridge(br0, port.value_or(p0), mac(1)), 0, 0, 1000);
+                on_cache([&] { port ? it->set(record) : it->drop(record); });
+                resync();
+            };
+            put(each.port_before);
+            it->after_query = [&] { put(each.port_after); };
+            is_sorted ? static_cast<void>(by_age()) : static_cast<void>(find_rows(mac(1), 0));
+            it->after_query = nullptr;
+            resync();
+            expect_equal();
+            EXPECT_EQ(completeness_watch().worst(), completeness::whole);
+        }
+    }
+}
+
+// No mark stays without a dump that will take it away.
+TEST_F(fed_module, DegradedAnswersEnd)
+{
+    restart(2'000'000, true);
+    const fdb_destination by_next_hop{destination_kind::next_hop, {}, 7};
+    on_cache([&] {
+        it->set(of_device(vx0, mac(1), by_next_hop));
+        it->set(of_device(vx0, mac(2), by_next_hop));
+        it->list(false);
+    });
+    EXPECT_EQ(completeness_watch().worst(), completeness::whole);
+    // An entry that is about to age out changes its state silently: nothing was missed.
+    on_cache([&] {
+        it->set(on_bridge(br0, p0, mac(3)));
+        it->set(on_bridge(br0, p0, mac(3), fdb_stale), false);
+        it->list(true);
+    });
+    EXPECT_EQ(health().proof.listed_missing, 0u);
+    on_cache([&] {
+        it->mute_keys = 1; // the question fails once, and is answered at once
+        it->to->next_hop_gone(7);
+    });
+    for (int turn = 0; turn < 4; turn++) {
+        on_cache([] {});
+    }
+    EXPECT_TRUE(completeness_watch().worst() == completeness::whole || it->relisted == 1);
+    // A destination of several, about which the plane never can tell: a clean listing decides.
+    on_cache([&] {
+        it->set(of_device(vx0, {}, by_next_hop, fdb_permanent));
+        it->list(true);
+        it->mute = true;
+        it->to->next_hop_gone(7);
+    });
+    on_cache([&] { it->mute = false; });
+    on_cache([&] {
+        it->mute_of_lists = true;
+        it->list(true);
+    });
+    for (int tries = 0; completeness_watch().worst() != completeness::whole && tries < 30; tries++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_EQ(completeness_watch().worst(), completeness::whole);
+    resync();
+    expect_equal();
+}
+
+TEST_F(fed_module, ASampleFindsWhatNoChangeReported)
+{
+    restart(2'000'000, true);
+    on_cache([&] {
+        for (uint32_t number = 0; number < 100; number++) {
+            it->set(on_bridge(br0, p0, mac(number)));
+        }
+    });
+    resync();
+    // An address that moves all the time is known elsewhere whenever the plane is asked.
+    on_cache([&] {
+        it->before_drain = [this, turn = 0]() mutable { it->set(on_bridge(br0, ++turn % 2 != 0 ? p1 : p0, mac(60))); };
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500)); // two samples or three
+    on_cache([&] { it->before_drain = nullptr; });
+    EXPECT_EQ(completeness_watch().worst(), completeness::whole);
+    const completeness_watch since;
+    on_cache([&] { it->drop(on_bridge(br0, p0, mac(50)), false); });
+    for (int tries = 0; health().proof.disagreed == 0 && tries < 100; tries++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    EXPECT_EQ(health().proof.disagreed, 1u);
+    EXPECT_EQ(it->relisted, 1u);
+    EXPECT_EQ(completeness_watch().worst(), completeness::degraded);
+    on_cache([&] { it->list(true); });
+    EXPECT_EQ(completeness_watch().worst(), completeness::whole);
+    EXPECT_EQ(since.worst(), completeness::degraded); // an answer that was made meanwhile says so
+    resync();
+    expect_equal();
+}
+
+TEST_F(fed_module, AFullTableSaysWhatItLacksAndTakesItBack)
+{
+    restart(600, false);
+    on_cache([&] {
+        for (uint32_t number = 0; number < 500; number++) {
+            it->set(on_bridge(br0, p0, mac(number)));
+            it->set(on_bridge(br1, p2, mac(number)));
+        }
+    });
+    resync();
+    EXPECT_EQ(cached().size(), 600u);
+    EXPECT_EQ(completeness_watch().worst(), completeness::limited);
+    EXPECT_EQ(health().missing, 400u);
+    EXPECT_EQ(health().evictions, 400u);
+    uint64_t evicted = 0;
+    for (const limited_view &each : health().limited) {
+        evicted += each.evicted;
+    }
+    EXPECT_EQ(evicted, 400u);
+    // Counts are those of the table, in all scopes; a single address is found all the same.
+    const entry_counts all = count_all();
+    EXPECT_EQ(count_domain(static_cast<uint16_t>(id_of("lab:br0")))->total
+                  + count_domain(static_cast<uint16_t>(id_of("lab:br1")))->total,
+              all.total);
+    EXPECT_EQ(count_port(xcid_of("p0"))->total + count_port(xcid_of("p2"))->total, all.total);
+    EXPECT_EQ(find_rows(mac(499), 0).rows.size(), 2u);
+    const uint64_t feeds = health().feeds;
+    resync();
+    EXPECT_EQ(health().feeds, feeds);
+    on_cache([&] {
+        for (uint32_t number = 0; number < 450; number++) {
+            it->drop(on_bridge(br0, p0, mac(number)));
+        }
+    });
+    resync();
+    expect_equal();
+    EXPECT_EQ(completeness_watch().worst(), completeness::whole);
+}
+
+TEST_F(fed_module, RowsAreReadOnceInEachOrderAndFromAnyPlace)
+{
+    on_cache([&] {
+        for (uint32_t number = 0; number < 300; number++) {
+            it->set(with(on_bridge(br0, number % 2 != 0 ? p0 : p1, mac(number)), 0, 0, 1'000'000 - number));
+            it->set(on_bridge(br1, p2, mac(number), fdb_noarp));
+        }
+        it->set(of_device(vx1, mac(9), {destination_kind::ipv4, {10, 0, 0, 9}, 0, 77}));
+        it->set(on_bridge(br1, vx1, mac(9)));
+        it->set(of_device(vx1, {}, {destination_kind::ipv4, {10, 0, 0, 9}, 0, 78}, fdb_permanent));
+    });
+    resync();
+    for (const uint32_t most : {1u, 7u, 1000u}) {
+        std::set<std::pair<uint32_t, mac_address>> read;
+        row_position at;
+        for (bool more = true; more;) {
+            const row_page page = read_rows({}, at, most);
+            for (const mac_row &row : page.rows) {
+                EXPECT_TRUE(read.emplace(row.xcid, row.mac).second);
+            }
+            at = page.end;
+            more = page.more;
+        }
+        EXPECT_EQ(read.size(), cached().size()) << most;
+        std::vector<int64_t> seen;
+        std::set<std::pair<uint32_t, mac_address>> created;
+        order_position seen_at, created_at;
+        for (bool more = true; more;) {
+            const ordered_page page = read_ordered(row_order::last_seen, seen_at, most);
+            for (const mac_row &row : page.page.rows) {
+                seen.push_back(row.last_seen != 0 ? row.last_seen : INT64_MAX); // those that do not age come last
+            }
+            const ordered_page other = read_ordered(row_order::created, created_at, most);
+            for (const mac_row &row : other.page.rows) {
+                EXPECT_TRUE(created.emplace(row.xcid, row.mac).second);
+            }
+            seen_at = page.end;
+            created_at = other.end;
+            more = page.page.more || other.page.more;
+        }
+        EXPECT_EQ(seen.size(), read.size());
+        EXPECT_TRUE(std::ranges::is_sorted(seen));
+        EXPECT_EQ(created, read);
+    }
+    EXPECT_EQ(find_rows(mac(9), static_cast<uint16_t>(id_of("lab:br1"))).rows.at(0).vni, 77u);
+    const std::vector<vtep_view> vteps = read_vteps({}, 10);
+    ASSERT_EQ(vteps.size(), 2u);
+    EXPECT_EQ(vteps[0].vni + vteps[1].vni, 77u + 78u);
+    EXPECT_EQ(l2fm_edm_table_mac_get_pool()->vtep_cnt, 1u);
+    on_cache([&] {
+        it->drop(of_device(vx1, mac(9), {destination_kind::ipv4, {10, 0, 0, 9}, 0, 77}));
+        it->drop(of_device(vx1, {}, {destination_kind::ipv4, {10, 0, 0, 9}, 0, 78}, fdb_permanent));
+    });
+    resync();
+    expect_equal();
+    EXPECT_EQ(l2fm_edm_table_mac_get_pool()->vtep_cnt, 0u); // nobody uses it any more
+}
+
+TEST_F(fed_module, RequestsWaitForTheFirstListing)
+{
+    stop();
+    struct slow : scripted {
+        bool start(event_manager_t *evm, sink &sink_of_copy, std::string &) override
+        {
+            to = &sink_of_copy;
+            to->generation_begun();
+            const auto complete = [](void *cookie) { static_cast<slow *>(cookie)->list(true); };
+            uint32_t timer = 0;
+            return host::event_timer_attach(evm, 100'000'000, 0, complete, this, &timer) == 0;
+        }
+    };
+    auto owned = std::make_unique<slow>();
+    it = owned.get();
+    it->links[br0] = link(br0, "br0", link_kind::bridge);
+    it->links[p0] = link(p0, "p0", link_kind::other, br0);
+    it->holds[key_of(on_bridge(br0, p0, mac(1)))] = on_bridge(br0, p0, mac(1));
+    forwarding::options options;
+    options.group = "lab";
+    ASSERT_EQ(start_on(std::move(owned), options), "");
+    resync();
+    EXPECT_THAT(difference(cached(), expected(*it)), IsEmpty());
+    EXPECT_EQ(health().resyncs_degraded, 0u);
+}
+
+// ---- The planes without a kernel ----
+
+// Keeps what is told, as a naive copy, and every event as a number.
+struct naive_copy : sink {
+    void link_changed(const link_record &) override {}
+    void link_gone(uint32_t) override {}
+    void fdb_changed(const fdb_record &record) override
+    {
+        holds[key_of(record)] = record.ifindex;
+        events.push_back(key_of(record));
+    }
+    void fdb_gone(const fdb_record &record) override
+    {
+        const auto found = holds.find(key_of(record));
+        ASSERT_NE(found, holds.end());
+        ASSERT_EQ(found->second, record.ifindex);
+        holds.erase(found);
+        events.push_back(key_of(record));
+    }
+    void generation_begun() override {}
+    void generation_complete(bool) override {}
+
+    std::map<fdb_key, uint32_t> holds;
+    std::vector<fdb_key> events;
+};
+
+TEST(GeneratedPlane, ChurnsTheSameForASeedAndAnswersAsItTold)
+{
+    fabric_options options;
+    naive_copy copies[2];
+    for (naive_copy &copy : copies) {
+        const auto plane = make_generated_plane(options);
+        std::string error;
+        ASSERT_TRUE(plane->start(nullptr, copy, error));
+        plane->churn(20'000);
+        for (const auto &[key, ifindex] : copy.holds) {
+            fdb_answer answer;
+            plane->query({&key, 1}, {&answer, 1});
+            ASSERT_EQ(answer.presence, fdb_presence::present);
+            ASSERT_EQ(answer.record.ifindex, ifindex);
+            ASSERT_EQ(key_of(answer.record), key);
+        }
+        std::set<fdb_key> gone(copy.events.begin(), copy.events.end());
+        std::erase_if(gone, [&](const fdb_key &key) { return copy.holds.contains(key); });
+        EXPECT_GT(gone.size(), 50u);
+        for (const fdb_key &key : gone) {
+            fdb_answer answer;
+            plane->query({&key, 1}, {&answer, 1});
+            ASSERT_EQ(answer.presence, fdb_presence::absent);
+        }
+    }
+    EXPECT_EQ(copies[0].events, copies[1].events);
+    EXPECT_GT(copies[0].events.size(), 20'000u);
+}
+
+TEST_F(recording, IsShownAsItWas)
+{
+    write("links.json",
+          R"([{"ifindex":1,"ifname":"br0","linkinfo":{"info_kind":"bridge","info_data":{"vlan_filtering":1}}},
+              {"ifindex":2,"ifname":"p1","master":"br0"},
+              {"ifindex":3,"ifname":"v","master":"br0","linkinfo":{"info_kind":"vxlan","info_data":{"id":9}}}])");
+    write("fdb.json",
+          R"([{"mac":"02:00:00:00:00:01","ifname":"p1","master":"br0","vlan":7,"state":"static","flags":["sticky"]},
+              {"mac":"02:00:00:00:00:02","ifname":"v","flags":["self"],"dst":"fd00::1","state":"permanent"},
+              {"mac":"02:00:00:00:00:02","ifname":"v","master":"br0","state":""},
+              {"mac":"02:00:00:00:00:03","ifname":"v","flags":["self"],"nhid":5,"state":""},
+              {"mac":"02:00:00:00:00:04","ifname":"p1","master":"br0","backbone":"02:aa:00:00:00:01","edm_flags":64}])");
+    forwarding::options options;
+    options.plane = plane_choice::recorded;
+    options.recorded_directory = directory;
+    options.group = "lab";
+    ASSERT_EQ(start(options), "");
+    EXPECT_EQ(start(options), "the module runs already");
+    ASSERT_EQ(l2fib_mac_edm_thread_send_resync(EDM_RESYNC_ALL, 0, nullptr), 0u);
+    EXPECT_THAT(cached(), ElementsAre("lab:br0 own 020000000004 0000 0", "lab:br0 v/9 020000000002 0000 0",
+                                      "lab:br0.7 p1 020000000001 0002 0"));
+    uint32_t cursor = 0;
+    EXPECT_EQ(tunnel_entries(cursor, 1).size(), 1u);
+    EXPECT_EQ(tunnel_entries(cursor, 10).size(), 1u);
+    EXPECT_EQ(health().ipv6_destinations, 1u);
+    EXPECT_TRUE(stop().orderly);
+    EXPECT_FALSE(health().running);
+}
+
+} // namespace

@@ -1,0 +1,711 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// Requests in, pages out: with scripted handlers in the place of the module's.
+
+#include "host/database/operational_db_host.h"
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <future>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "host/event/event_host.h"
+#include "l2fib_mac_edm.h"
+#include "platform/l2fib.h"
+#include "tests/support/event_loop.h"
+#include "tests/support/words.h"
+
+namespace {
+
+using host::operational_page;
+using host::operational_query;
+using host::request_kind;
+using test::words;
+
+constexpr auto list = request_kind::list;
+constexpr auto datalist = request_kind::datalist;
+constexpr auto get = request_kind::get;
+constexpr auto action = request_kind::action;
+
+// ---- Scripted handlers ----
+
+// What the handlers do; replaced only while no request is under way.
+struct script {
+    std::function<uint32_t(edm_list_req_t &, optree_list_t *)> on_list;
+    std::function<uint32_t(edm_get_rsp_t &)> on_get;
+    std::string call; // the handler called last, with its keys
+
+    static script &current()
+    {
+        static script the_script;
+        return the_script;
+    }
+};
+
+std::string text_of(const char *name)
+{
+    return name == nullptr ? "-" : name;
+}
+
+std::string text_of(const uint8_t *mac_addr)
+{
+    return mac_addr == nullptr ? "-" : test::hex(mac_addr, 6);
+}
+
+// An IPv4 address that was handed over as its bytes lie in memory.
+std::string address_text(uint32_t in_memory)
+{
+    char text[INET_ADDRSTRLEN];
+    return inet_ntop(AF_INET, &in_memory, text, sizeof(text));
+}
+
+uint32_t run_list(std::string call, edm_list_req_t *request, optree_list_t **reply)
+{
+    script::current().call = std::move(call);
+    return script::current().on_list(*request, *reply);
+}
+
+uint32_t run_get(std::string call, edm_get_rsp_t *response)
+{
+    script::current().call = std::move(call);
+    return script::current().on_get(*response);
+}
+
+template <char Kind>
+uint32_t mac_list(uint32_t flags, const char *domain, const uint8_t *mac_addr, uint32_t filter, uint32_t value,
+                  edm_list_req_t *request, optree_list_t **reply)
+{
+    const std::string filtered = filter == EDM_FILTER_VTEP ? address_text(value) : std::to_string(value);
+    return run_list(words("mac", Kind, flags, text_of(domain), text_of(mac_addr), filter, filtered), request, reply);
+}
+
+template <char Kind>
+uint32_t bp_list(uint32_t flags, const char *domain, uint32_t xcid, edm_list_req_t *request, optree_list_t **reply)
+{
+    return run_list(words("bp", Kind, flags, text_of(domain), xcid), request, reply);
+}
+
+template <char Kind>
+uint32_t vtep_list(uint32_t seg_info2, uint32_t seg_info1, edm_list_req_t *request, optree_list_t **reply)
+{
+    return run_list(words("vtep", Kind, seg_info2, seg_info1), request, reply);
+}
+
+constexpr l2fib_hw_edm_handler_table_t handlers = {
+    mac_list<'d'>,
+    mac_list<'l'>,
+    [](uint32_t flags, const char *domain, const uint8_t *mac_addr, edm_get_rsp_t *response) {
+        return run_get(words("mac g", flags, text_of(domain), text_of(mac_addr)), response);
+    },
+    [](edm_list_req_t *request, optree_list_t **reply) { return run_list("aging d", request, reply); },
+    bp_list<'l'>,
+    bp_list<'d'>,
+    nullptr,
+    [](const char *domain, edm_get_rsp_t *response) { return run_get(words("count", domain), response); },
+    [](uint32_t xcid, edm_get_rsp_t *response) { return run_get(words("count", xcid), response); },
+    [](edm_get_rsp_t *response) { return run_get("count", response); },
+    nullptr,
+    vtep_list<'d'>,
+    vtep_list<'l'>,
+    [](uint64_t, uint32_t xcid, uint32_t seg_info2, uint32_t address, edm_get_rsp_t *response) {
+        return run_get(words("vtep g", xcid, seg_info2, address_text(address)), response);
+    },
+};
+
+uint32_t act(optree_request_t *)
+{
+    script::current().call = "action";
+    return 0;
+}
+
+uint32_t hand_back(edm_list_req_t &request, optree_list_t *reply)
+{
+    request.reply_list = reply;
+    return 0;
+}
+
+uint32_t answer_nothing(edm_list_req_t &request, optree_list_t *reply)
+{
+    request.count = 0;
+    return hand_back(request, reply);
+}
+
+uint32_t answer_record(edm_get_rsp_t &response)
+{
+    response.data_type = EDM_DATA_TYPE_PARCEL;
+    response.data = strdup("record");
+    response.length = 6;
+    return 0;
+}
+
+std::string item_name(uint32_t number)
+{
+    return "item " + std::to_string(number);
+}
+
+// A table of so many items, in pages of 200, as the module's handlers make them.
+uint32_t answer_items(edm_list_req_t &request, optree_list_t *reply, uint32_t total)
+{
+    uint32_t at = 0;
+    if ((request.flags & EDM_LIST_KEY_GIVEN) != 0) {
+        at = static_cast<uint32_t>(strtoul(request.start_key + strlen("item "), nullptr, 10)) + 1;
+    }
+    uint32_t added = 0;
+    for (; at < total; at++) {
+        if (added == 200) {
+            EXPECT_EQ(optree_edm_datalist_set_more_flag(reply), 0u);
+            break;
+        }
+        const std::string name = item_name(at);
+        EXPECT_EQ(optree_edm_datalist_add(reply, name.c_str(), EDM_DATA_TYPE_PARCEL, 0, &at, sizeof(at)), 0u);
+        if (++added == request.count) {
+            break;
+        }
+    }
+    return hand_back(request, reply);
+}
+
+// ---- Fixture ----
+
+class operational_db : public ::testing::Test {
+protected:
+    operational_db()
+        : manager(new_path().c_str())
+    {
+        script::current() = {answer_nothing, answer_record, {}};
+        l2fib_action_table_t actions{};
+        actions.action[L2FIB_ACTION_SLOT_MAC_EDM] = act;
+        EXPECT_EQ(l2fib_show_mac_edm_fn_init(&handlers), 0u);
+        EXPECT_EQ(l2fib_action_mac_edm_fn_init(&actions), 0u);
+        EXPECT_EQ(l2fib_show_mac_edm_optree_init(manager.evm, "mac-"), 0u);
+        EXPECT_EQ(l2fib_action_mac_edm_init(manager.evm), 0u);
+        before = host::operational_get_statistics();
+    }
+
+    // Nothing stays behind a test: every list has ended in one of its ways, every request is gone.
+    ~operational_db() override
+    {
+        manager.stop();
+        const host::operational_statistics after = host::operational_get_statistics();
+        EXPECT_EQ(after.live_lists, 0u);
+        EXPECT_EQ(after.live_requests, 0u);
+        EXPECT_EQ(after.lists_created, after.lists_answered + after.lists_freed + after.lists_abandoned);
+    }
+
+    // A manager's path is known until it is forgotten, so that each test has its own.
+    static std::string new_path()
+    {
+        static uint32_t number = 0;
+        return "/test/operational_db/" + std::to_string(number++);
+    }
+
+    test::event_loop manager;
+    host::operational_statistics before{};
+};
+
+// Holds a handler until it may end, and tells that it has begun.
+struct gate {
+    std::atomic<bool> begun = false;
+    std::atomic<bool> open = false;
+
+    void pass()
+    {
+        set(begun);
+        open.wait(false);
+    }
+    static void set(std::atomic<bool> &flag)
+    {
+        flag = true;
+        flag.notify_all();
+    }
+};
+
+// ---- Paths ----
+
+TEST_F(operational_db, every_path_reaches_its_handler_with_its_keys)
+{
+    const struct {
+        request_kind kind;
+        const char *path;
+        const char *call;
+    } cases[] = {
+        {list, "mac-table", "mac l 0 - - 0 0"},
+        {datalist, "mac-table", "mac d 0 - - 0 0"},
+        {list, "mac-table/domain/g:b", "mac l 0 g:b - 0 0"},
+        {datalist, "mac-table/flagged/mac/0A:0b:0c:0d:0e:fF", "mac d 32 - 0a0b0c0d0eff 0 0"},
+        {list, "mac-table/mac/0a0b.0C0d.0eff/vtep/192.0.2.7/domain/g:b", "mac l 0 g:b 0a0b0c0d0eff 1 192.0.2.7"},
+        {datalist, "mac-table/seg-info2/0xFFFFffff/flagged", "mac d 32 - - 2 4294967295"},
+        {datalist, "mac-table/seg-info2/0", "mac d 0 - - 2 0"},
+        {get, "mac-table/domain/a%2Fb:c%25%3a/mac/01:02:03:04:05:06", "mac g 0 a/b:c%: 010203040506"},
+        {list, "mac-table/port/7/domain/g:b/resync-all", "bp l 64 g:b 7"},
+        {datalist, "mac-table/flagged/resync-all/domain/g/port/0x10", "bp d 96 g 16"},
+        {datalist, "mac-aging", "aging d"},
+        {get, "mac-count", "count"},
+        {get, "mac-count/domain/g:b", "count g:b"},
+        {get, "mac-count/port/4294967295", "count 4294967295"},
+        {list, "mac-vtep", "vtep l 0 0"},
+        {datalist, "mac-vtep/seg-info1/5/seg-info2/6", "vtep d 6 5"},
+        {get, "mac-vtep/port/9/seg-info2/6/vtep/10.0.0.1", "vtep g 9 6 10.0.0.1"},
+        {action, "mac-action", "action"},
+    };
+    for (const auto &[kind, path, call] : cases) {
+        const operational_page page = operational_query({.path = path, .kind = kind});
+        EXPECT_EQ(page.status, 0u) << path << ": " << page.text;
+        EXPECT_EQ(script::current().call, call) << path;
+    }
+}
+
+TEST_F(operational_db, a_path_that_does_not_parse_names_the_element_and_what_was_expected)
+{
+    const std::string long_name(64, 'n');
+    const struct {
+        request_kind kind;
+        std::string path;
+        std::string error;
+    } cases[] = {
+        {list, "", "element 1 is missing: expected mac-table, mac-aging, mac-count, mac-vtep or mac-action"},
+        {list, "mac-tables", "element 1, \"mac-tables\": expected mac-table"},
+        {list, "mac-aging", "element 1, \"mac-aging\": cannot answer a list request, expected datalist"},
+        {get, "mac-action", "cannot answer a get request, expected action"},
+        {get, "mac-table", "element 2 is missing: expected domain or mac"},
+        {get, "mac-table/domain/g:b/flagged", "element 4, \"flagged\": expected mac"},
+        {list, "mac-table/",
+         "element 2 is missing: expected domain, port, mac, vtep, seg-info2, flagged or resync-all"},
+        {list, "mac-table/domain", "element 3 is missing: expected a bridge domain's full name"},
+        {list, "mac-table/domain//flagged", "element 3 is missing: expected a bridge domain's full name"},
+        {list, "mac-table/domain/" + long_name, "\": expected a bridge domain's full name of 1 to 63 characters"},
+        {list, "mac-table/domain/a%2", "element 3, \"a%2\": expected % to begin the two hexadecimal digits"},
+        {list, "mac-table/domain/a%00", "element 3, \"a%00\": expected % to begin"},
+        {list, "mac-table/domain/a/domain/a", "element 4, \"domain\": expected port, mac, vtep, seg-info2"},
+        {list, "mac-table/vtep/1.2.3.4/seg-info2/5", "element 4, \"seg-info2\": expected domain, mac or flagged"},
+        {list, "mac-table/vtep/1.2.3.256", "element 3, \"1.2.3.256\": expected an IPv4 address"},
+        {list, "mac-table/port/7", "element 4 is missing: expected domain"},
+        {list, "mac-table/port/7/mac/01:02:03:04:05:06", "element 4, \"mac\": expected domain, flagged or resync-all"},
+        {get, "mac-count/port/4294967296", "element 3, \"4294967296\": expected a number from 0 to 4294967295"},
+        {get, "mac-count/port/0x", "element 3, \"0x\": expected a number"},
+        {get, "mac-count/port/1/x", "element 4, \"x\": expected the end of the path"},
+        {get, "mac-table/domain/a/mac/01:02:03:04:05", "element 5, \"01:02:03:04:05\": expected a MAC address as "},
+        {get, "mac-table/domain/a/mac/01:02:03:04:05:0g", "expected a MAC address"},
+        {get, "mac-table/domain/a/mac/0102.0304.05066", "expected a MAC address"},
+        {static_cast<request_kind>(4), "mac-table", "there is no such kind of request"},
+    };
+    for (const auto &[kind, path, error] : cases) {
+        const operational_page page = operational_query({.path = path, .kind = kind});
+        EXPECT_EQ(page.status, static_cast<uint32_t>(EINVAL)) << path;
+        EXPECT_NE(page.text.find(error), std::string::npos) << path << " gave: " << page.text;
+    }
+    EXPECT_EQ(operational_query({.path = "mac-count", .kind = get, .start_key = "x"}).status, uint32_t{EINVAL});
+    const std::string cut_short("x\0y", 3);
+    EXPECT_EQ(operational_query({.path = "mac-table", .start_key = cut_short}).status, uint32_t{EINVAL});
+    EXPECT_EQ(script::current().call, "");
+}
+
+// ---- Pages ----
+
+TEST_F(operational_db, reading_continues_as_long_as_there_is_more_and_no_further_than_asked)
+{
+    script::current().on_list = [](edm_list_req_t &request, optree_list_t *reply) {
+        return answer_items(request, reply, 450);
+    };
+    const struct {
+        uint32_t count;
+        uint32_t first;
+        std::optional<std::string> start_key;
+        std::vector<size_t> pages;
+    } cases[] = {
+        {host::all_items, 0, {}, {200, 200, 50}},
+        {0, 0, {}, {200, 200, 50}},
+        {450, 0, {}, {200, 200, 50}},
+        {400, 0, {}, {200, 200}},
+        {250, 0, {}, {200, 50}},
+        {7, 0, {}, {7}},
+        {300, 200, "item 199", {200, 50}},
+        {host::all_items, 449, "item 448", {1}},
+        {5, 450, "item 449", {0}},
+    };
+    for (const auto &[count, first, start_key, pages] : cases) {
+        std::vector<size_t> sizes;
+        uint32_t next = first;
+        const auto outcome = host::operational_read({.path = "mac-aging", .count = count, .start_key = start_key},
+                                                    [&](const operational_page &page) {
+                                                        sizes.push_back(page.items.size());
+                                                        for (const host::operational_item &item : page.items) {
+                                                            uint32_t data = 0;
+                                                            memcpy(&data, item.data.data(), sizeof(data));
+                                                            EXPECT_EQ(item.name, item_name(next));
+                                                            EXPECT_EQ(data, next++);
+                                                            EXPECT_EQ(item.data.size(), sizeof(data));
+                                                        }
+                                                        return true;
+                                                    });
+        EXPECT_EQ(outcome.status, 0u) << outcome.text;
+        EXPECT_EQ(sizes, pages) << count;
+        EXPECT_EQ(outcome.item_count, next - first);
+    }
+}
+
+TEST_F(operational_db, a_visitor_may_stop_and_a_later_page_may_fail)
+{
+    uint32_t total = 450;
+    script::current().on_list = [&total](edm_list_req_t &request, optree_list_t *reply) -> uint32_t {
+        if ((request.flags & EDM_LIST_KEY_GIVEN) == 0) {
+            return answer_items(request, reply, total);
+        }
+        optree_edm_datalist_free(reply);
+        return EDM_ERR_NO_ITEM;
+    };
+    size_t visits = 0;
+    auto outcome =
+        host::operational_read({.path = "mac-table"}, [&](const operational_page &) { return ++visits < 1; });
+    EXPECT_EQ(outcome.status, 0u);
+    EXPECT_EQ(visits, 1u);
+    outcome = host::operational_read({.path = "mac-table"}, [&](const operational_page &) { return ++visits < 10; });
+    EXPECT_EQ(outcome.status, EDM_ERR_NO_ITEM);
+    EXPECT_EQ(outcome.text, "mac-table: there is no such item (0x40818600)");
+    EXPECT_EQ(outcome.item_count, 200u);
+    EXPECT_EQ(visits, 2u);
+}
+
+// Two items of a list have one name, and the list is continued after the first of them.
+TEST_F(operational_db, a_read_that_goes_round_ends_but_not_because_the_table_changes)
+{
+    constexpr uint32_t total = 450;
+    const struct {
+        uint32_t page_size, first, second;
+        uint32_t returns; // how many times the second item is gone when the list is continued after it
+        uint32_t status;
+    } cases[] = {
+        {200, 199, 399, UINT32_MAX, ELOOP}, {1, 3, 7, UINT32_MAX, ELOOP}, {7, 13, 433, UINT32_MAX, ELOOP},
+        {200, 199, 398, UINT32_MAX, 0},     {200, 199, 399, 9, 0},        {1, 3, 7, 2, 0},
+    };
+    for (const auto &c : cases) {
+        uint32_t at = 0;
+        uint32_t left = c.returns;
+        script::current().on_list = [&](edm_list_req_t &request, optree_list_t *reply) {
+            if (at == c.second + 1 && left != 0) {
+                left--;
+                at = c.first + 1;
+            }
+            for (uint32_t added = 0; added < c.page_size && at < total; added++, at++) {
+                const std::string name = item_name(at == c.second ? c.first : at);
+                EXPECT_EQ(optree_edm_list_add(reply, name.c_str(), EDM_DATA_TYPE_PARCEL, 0), 0u);
+            }
+            EXPECT_EQ(at < total ? optree_edm_list_set_more_flag(reply) : 0u, 0u);
+            return hand_back(request, reply);
+        };
+        uint32_t pages = 0;
+        const auto outcome = host::operational_read({.path = "mac-table", .kind = list},
+                                                    [&pages](const operational_page &) { return ++pages < 5000; });
+        EXPECT_EQ(outcome.status, c.status) << c.page_size << " " << c.second << " " << outcome.text;
+        EXPECT_TRUE(at == total || c.status != 0);
+    }
+}
+
+// ---- What handlers do wrong ----
+
+TEST_F(operational_db, lists_check_their_arguments_and_their_owner)
+{
+    optree_list_t *former = nullptr;
+    const uint32_t parcel = EDM_DATA_TYPE_PARCEL;
+    script::current().on_list = [&](edm_list_req_t &request, optree_list_t *reply) -> uint32_t {
+        constexpr uint32_t wrong = EINVAL;
+        const std::vector<uint32_t> refused = {
+            optree_edm_datalist_add(reply, nullptr, parcel, 0, "d", 1),
+            optree_edm_datalist_add(reply, "", parcel, 0, "d", 1),
+            optree_edm_datalist_add(reply, "n", 6, 0, "d", 1),
+            optree_edm_datalist_add(reply, "n", parcel, 1, "d", 1),
+            optree_edm_datalist_add(reply, "n", parcel, 0, nullptr, 1),
+            optree_edm_datalist_add(reply, "n", parcel, 0, "d", 0),
+            optree_edm_datalist_add(nullptr, "n", parcel, 0, "d", 1),
+            optree_edm_list_add(reply, "n", parcel, 0),
+            optree_edm_list_set_more_flag(reply),
+            optree_edm_list_free(reply),
+            optree_edm_datalist_free(nullptr),
+        };
+        EXPECT_EQ(refused, std::vector<uint32_t>(refused.size(), wrong));
+        if (former != nullptr) {
+            EXPECT_EQ(optree_edm_datalist_add(former, "n", parcel, 0, "d", 1), wrong);
+            EXPECT_EQ(optree_edm_datalist_free(former), wrong);
+        }
+        std::thread([reply] { EXPECT_EQ(optree_edm_datalist_free(reply), uint32_t{EINVAL}); }).join();
+        return hand_back(request, reply);
+    };
+    const operational_page page = operational_query({.path = "mac-aging"});
+    EXPECT_EQ(page.status, 0u);
+    EXPECT_TRUE(page.items.empty());
+    // A page that is kept keeps its list, which nobody can change any more.
+    former = static_cast<optree_list_t *>(const_cast<void *>(page.content.get()));
+    EXPECT_EQ(operational_query({.path = "mac-aging"}).status, 0u);
+    EXPECT_EQ(optree_edm_datalist_free(former), uint32_t{EINVAL});
+}
+
+TEST_F(operational_db, a_list_ends_once_whatever_its_handler_does)
+{
+    struct ending {
+        uint32_t status;
+        uint64_t answered, freed, abandoned, refusals;
+    };
+    const struct {
+        uint32_t (*handler)(edm_list_req_t &, optree_list_t *);
+        ending expected;
+    } cases[] = {
+        {[](edm_list_req_t &request, optree_list_t *reply) { return hand_back(request, reply); }, {0, 1, 0, 0, 0}},
+        {[](edm_list_req_t &, optree_list_t *reply) -> uint32_t {
+             EXPECT_EQ(optree_edm_list_free(reply), 0u);
+             EXPECT_EQ(optree_edm_list_free(reply), uint32_t{EINVAL});
+             EXPECT_EQ(optree_edm_list_add(reply, "n", EDM_DATA_TYPE_PARCEL, 0), uint32_t{EINVAL});
+             return EDM_ERR_RESYNC;
+         },
+         {EDM_ERR_RESYNC, 0, 1, 0, 2}},
+        {[](edm_list_req_t &, optree_list_t *) -> uint32_t { return 12; }, {12, 0, 0, 1, 0}},
+        {[](edm_list_req_t &, optree_list_t *) -> uint32_t { return 0; }, {EPROTO, 0, 0, 1, 0}},
+        {[](edm_list_req_t &request, optree_list_t *reply) {
+             optree_edm_list_free(reply);
+             return hand_back(request, reply);
+         },
+         {EPROTO, 0, 1, 0, 0}},
+        {[](edm_list_req_t &request, optree_list_t *reply) {
+             optree_edm_list_set_more_flag(reply);
+             return hand_back(request, reply);
+         },
+         {EPROTO, 0, 0, 1, 0}},
+    };
+    for (const auto &[handler, expected] : cases) {
+        const auto start = host::operational_get_statistics();
+        script::current().on_list = handler;
+        EXPECT_EQ(operational_query({.path = "mac-vtep", .kind = list}).status, expected.status);
+        const auto end = host::operational_get_statistics();
+        EXPECT_EQ(end.lists_answered - start.lists_answered, expected.answered);
+        EXPECT_EQ(end.lists_freed - start.lists_freed, expected.freed);
+        EXPECT_EQ(end.lists_abandoned - start.lists_abandoned, expected.abandoned);
+        EXPECT_EQ(end.list_refusals - start.list_refusals, expected.refusals);
+    }
+}
+
+TEST_F(operational_db, a_get_answers_with_one_record_or_an_error)
+{
+    const struct {
+        uint32_t (*handler)(edm_get_rsp_t &);
+        uint32_t expected;
+    } cases[] = {
+        {[](edm_get_rsp_t &) { return EDM_ERR_NO_ITEM; }, EDM_ERR_NO_ITEM},
+        {[](edm_get_rsp_t &) { return 0u; }, EPROTO},
+        {[](edm_get_rsp_t &response) {
+             answer_record(response);
+             response.data_type = 6;
+             return 0u;
+         },
+         EPROTO},
+        {answer_record, 0},
+    };
+    operational_page page;
+    for (const auto &[handler, expected] : cases) {
+        script::current().on_get = handler;
+        page = operational_query({.path = "mac-count", .kind = get});
+        EXPECT_EQ(page.status, expected);
+    }
+    manager.stop();
+    ASSERT_EQ(page.items.size(), 1u);
+    EXPECT_EQ(page.items[0].name, "");
+    EXPECT_EQ(std::string(page.items[0].data.begin(), page.items[0].data.end()), "record") << "it outlives the session";
+}
+
+TEST_F(operational_db, the_data_managers_thread_cannot_wait_for_itself)
+{
+    const auto ask = [](void *) {
+        EXPECT_EQ(operational_query({.path = "mac-count", .kind = get}).status, uint32_t{EDEADLK});
+    };
+    script::current().on_get = [ask](edm_get_rsp_t &response) {
+        ask(nullptr);
+        return answer_record(response);
+    };
+    EXPECT_EQ(operational_query({.path = "mac-count", .kind = get}).status, 0u);
+    EXPECT_EQ(host::event_post(manager.evm, ask, nullptr, nullptr), 0u);
+    test::serve_queued(manager.evm);
+}
+
+TEST(operational_status, says_what_it_means)
+{
+    const struct {
+        uint32_t status;
+        const char *text;
+    } cases[] = {
+        {EDM_ERR_RESYNC, "the forwarding plane could not bring the table up to date (0x8513ac00)"},
+        {EDM_RESYNC_SEND_ERROR | ETIMEDOUT, "the table was not brought up to date: Connection timed out (0x0000006e)"},
+        {ENOMEM, "Cannot allocate memory (0x0000000c)"},
+        {0x40000000, "failed (0x40000000)"},
+    };
+    for (const auto &[status, text] : cases) {
+        EXPECT_EQ(host::operational_status_text(status), text);
+    }
+}
+
+// ---- Time-outs, cancelling and ends ----
+
+TEST_F(operational_db, a_request_that_is_not_answered_in_time_ends_and_its_answer_is_dropped)
+{
+    gate busy;
+    script::current().on_list = [&busy](edm_list_req_t &request, optree_list_t *reply) {
+        busy.pass();
+        EXPECT_EQ(optree_restart_timeout_edm(request.request, 60), uint32_t{ESRCH});
+        return answer_items(request, reply, 3);
+    };
+    auto session = host::operational_open({.path = "mac-table", .timeout_seconds = 0});
+    auto waiting = host::operational_open({.path = "mac-aging", .timeout_seconds = 600});
+    busy.begun.wait(false);
+    // The second one waits in the manager's queue until it is closed there, and never reaches a handler.
+    waiting.reset();
+    operational_page page;
+    EXPECT_TRUE(host::operational_next(*session, page));
+    EXPECT_EQ(page.status, uint32_t{ETIMEDOUT});
+    EXPECT_EQ(page.text, "mac-table: not answered in time");
+    EXPECT_FALSE(host::operational_next(*session, page));
+    gate::set(busy.open);
+    script::current().call.clear();
+    EXPECT_EQ(operational_query({.path = "mac-action", .kind = action}).status, 0u);
+    EXPECT_EQ(script::current().call, "action");
+    EXPECT_EQ(host::operational_get_statistics().answers_dropped - before.answers_dropped, 1u);
+}
+
+TEST_F(operational_db, a_handler_moves_the_deadline_of_its_request)
+{
+    using std::chrono::seconds;
+    const auto start = std::chrono::steady_clock::now();
+    optree_request_t *finished = nullptr;
+    script::current().on_get = [&](edm_get_rsp_t &response) {
+        EXPECT_EQ(optree_restart_timeout_edm(nullptr, 60), uint32_t{EINVAL});
+        EXPECT_EQ(optree_restart_timeout_edm(response.request, 60), 0u);
+        std::this_thread::sleep_until(start + std::chrono::milliseconds(1100)); // past the ordinary time-out
+        finished = response.request;
+        return answer_record(response);
+    };
+    EXPECT_EQ(operational_query({.path = "mac-count", .kind = get, .timeout_seconds = 1}).status, 0u);
+    EXPECT_EQ(optree_restart_timeout_edm(finished, 60), uint32_t{ESRCH});
+
+    gate busy;
+    script::current().on_get = [&busy](edm_get_rsp_t &response) {
+        EXPECT_EQ(optree_restart_timeout_edm(response.request, 600), 0u);
+        EXPECT_EQ(optree_restart_timeout_edm(response.request, 0), 0u); // one second again
+        busy.pass();
+        return answer_record(response);
+    };
+    const operational_page page = operational_query({.path = "mac-count", .kind = get, .timeout_seconds = 1});
+    EXPECT_EQ(page.status, uint32_t{ETIMEDOUT});
+    EXPECT_LT(std::chrono::steady_clock::now() - start, seconds(300));
+    gate::set(busy.open);
+    manager.stop();
+}
+
+TEST_F(operational_db, a_session_is_cancelled_before_during_and_after_its_request)
+{
+    gate busy;
+    script::current().on_list = [&busy](edm_list_req_t &request, optree_list_t *reply) {
+        busy.pass();
+        return answer_items(request, reply, 450);
+    };
+    auto session = host::operational_open({.path = "mac-table"});
+    auto answer = std::async(std::launch::async, [&session] {
+        operational_page page;
+        EXPECT_TRUE(host::operational_next(*session, page));
+        EXPECT_EQ(page.status, uint32_t{ECANCELED});
+        return host::operational_next(*session, page);
+    });
+    busy.begun.wait(false);
+    host::operational_cancel(*session);
+    EXPECT_FALSE(answer.get());
+    gate::set(busy.open);
+
+    session = host::operational_open({.path = "mac-table"});
+    operational_page page;
+    EXPECT_TRUE(host::operational_next(*session, page));
+    EXPECT_EQ(page.items.size(), 200u);
+    host::operational_cancel(*session);
+    host::operational_cancel(*session);
+    EXPECT_TRUE(host::operational_next(*session, page));
+    EXPECT_EQ(page.status, uint32_t{ECANCELED});
+    EXPECT_FALSE(host::operational_next(*session, page));
+}
+
+TEST_F(operational_db, a_request_waits_for_a_data_manager_to_register)
+{
+    EXPECT_EQ(l2fib_show_mac_edm_optree_init(nullptr, "mac-"), uint32_t{EINVAL});
+    EXPECT_EQ(l2fib_show_mac_edm_optree_init(manager.evm, nullptr), uint32_t{EINVAL});
+    EXPECT_EQ(l2fib_show_mac_edm_optree_init(manager.evm, ""), uint32_t{EINVAL});
+    EXPECT_EQ(l2fib_action_mac_edm_init(nullptr), uint32_t{EINVAL});
+    EXPECT_EQ(l2fib_show_mac_edm_optree_init(manager.evm, "other-"), 0u);
+    const operational_page refused = operational_query({.path = "mac-table", .timeout_seconds = 0});
+    EXPECT_EQ(refused.status, uint32_t{ETIMEDOUT});
+    EXPECT_EQ(refused.text, "mac-table: no data manager has registered in time");
+    auto closed = host::operational_open({.path = "mac-table"});
+    auto waiting = host::operational_open({.path = "mac-aging"});
+    closed.reset();
+    EXPECT_EQ(host::operational_get_statistics().live_requests, 1u);
+    EXPECT_EQ(l2fib_show_mac_edm_optree_init(manager.evm, "mac-"), 0u);
+    operational_page page;
+    EXPECT_TRUE(host::operational_next(*waiting, page));
+    EXPECT_EQ(page.status, 0u) << page.text;
+    EXPECT_EQ(script::current().call, "aging d");
+}
+
+TEST_F(operational_db, the_end_of_the_managers_thread_ends_what_it_has_not_begun)
+{
+    gate busy;
+    script::current().on_get = [&busy](edm_get_rsp_t &response) {
+        busy.pass();
+        return answer_record(response);
+    };
+    auto served = host::operational_open({.path = "mac-count", .kind = get});
+    auto queued = host::operational_open({.path = "mac-count", .kind = get});
+    busy.begun.wait(false);
+    host::event_manager_stop(manager.evm);
+    operational_page page;
+    EXPECT_TRUE(host::operational_next(*queued, page));
+    EXPECT_EQ(page.status, uint32_t{ESHUTDOWN});
+    EXPECT_EQ(page.text, "mac-count: the data manager's thread has ended");
+    gate::set(busy.open);
+    EXPECT_TRUE(host::operational_next(*served, page));
+    EXPECT_EQ(page.status, 0u);
+    EXPECT_EQ(operational_query({.path = "mac-action", .kind = action}).status, uint32_t{ESHUTDOWN});
+}
+
+TEST_F(operational_db, many_requesters_read_and_cancel_at_once)
+{
+    script::current().on_list = [](edm_list_req_t &request, optree_list_t *reply) {
+        optree_restart_timeout_edm(request.request, 60); // whether the requester still waits or not
+        return answer_items(request, reply, 450);
+    };
+    std::vector<std::thread> requesters;
+    for (uint32_t number = 0; number < 8; number++) {
+        requesters.emplace_back([number] {
+            for (uint32_t round = 0; round < 20; round++) {
+                const auto session = host::operational_open({.path = "mac-table"});
+                std::thread canceller;
+                if ((number + round) % 3 == 0) {
+                    canceller = std::thread([&session] { host::operational_cancel(*session); });
+                }
+                size_t items = 0;
+                operational_page page;
+                while (host::operational_next(*session, page)) {
+                    items += page.items.size();
+                }
+                if (canceller.joinable()) {
+                    canceller.join();
+                } else {
+                    EXPECT_EQ(items, 450u);
+                }
+            }
+        });
+    }
+    for (std::thread &requester : requesters) {
+        requester.join();
+    }
+}
+
+} // namespace

@@ -1,0 +1,560 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// The host's ordered tree against a plain reference, with the tree's own audit after every few steps.
+
+#include "host/pool/arena.h"
+#include "host/tree/ordtree_audit.h"
+#include "platform/ordtree.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <numeric>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace {
+
+struct record {
+    ordtree_link_t links[2];
+    uint8_t address[6];
+    uint32_t id;
+};
+
+thread_local uint64_t comparator_calls;
+
+// Comparators that differ in nothing but whether their keys are described.
+template <bool Described>
+uint32_t by_address(const ordtree_link_t *first, const ordtree_link_t *second)
+{
+    comparator_calls++;
+    const auto *const a = reinterpret_cast<const record *>(first);
+    const auto *const b = reinterpret_cast<const record *>(second);
+    const int order = std::memcmp(a->address, b->address, sizeof(a->address));
+    return order < 0 ? ORDTREE_LESS : order == 0 ? ORDTREE_EQUAL : ORDTREE_GREATER;
+}
+
+template <bool Described>
+uint32_t by_id(const ordtree_link_t *first, const ordtree_link_t *second)
+{
+    comparator_calls++;
+    const uint32_t a = reinterpret_cast<const record *>(first - 1)->id;
+    const uint32_t b = reinterpret_cast<const record *>(second - 1)->id;
+    return a < b ? ORDTREE_LESS : a == b ? ORDTREE_EQUAL : ORDTREE_GREATER;
+}
+
+struct kind {
+    bool described;
+    uint32_t index_count;
+};
+
+constexpr kind kinds[] = {{true, 1}, {false, 1}, {true, 2}, {false, 2}};
+
+uint32_t init(ordtree_t &tree, kind of)
+{
+    ordtree_describe_key(by_address<true>, offsetof(record, address), 6, ORDTREE_KEY_BYTES);
+    ordtree_describe_key(by_id<true>, offsetof(record, id) - sizeof(ordtree_link_t), 4, ORDTREE_KEY_U32);
+    return of.described ? ordtree_init(&tree, of.index_count, nullptr, by_address<true>, by_id<true>)
+                        : ordtree_init(&tree, of.index_count, nullptr, by_address<false>, by_id<false>);
+}
+
+// The address is the number in network order; ids run the other way, so that the two orders differ.
+void set_keys(record &of, uint32_t number)
+{
+    std::memset(of.address, 0xfe, sizeof(of.address));
+    for (unsigned i = 5; i >= 2; i--) {
+        of.address[i] = static_cast<uint8_t>(number >> (8 * (5 - i)));
+    }
+    of.id = ~number;
+}
+
+uint32_t number_of(const record &of)
+{
+    return ~of.id;
+}
+
+record *entry(ordtree_link_t *node)
+{
+    return reinterpret_cast<record *>(node);
+}
+
+bool is_out(const record &of)
+{
+    return of.links[0].place == nullptr && of.links[1].place == nullptr;
+}
+
+// ORDTREE_SEED repeats a run.
+uint32_t seed()
+{
+    const char *const given = std::getenv("ORDTREE_SEED");
+    static const uint32_t value =
+        given != nullptr ? static_cast<uint32_t>(std::strtoul(given, nullptr, 0)) : std::random_device{}();
+    return value;
+}
+
+#define TRACE_SEED() SCOPED_TRACE("ORDTREE_SEED=" + std::to_string(seed()))
+#define ASSERT_SOUND(tree) ASSERT_STREQ(ordtree_audit(&(tree)), nullptr)
+
+std::vector<record> numbered_records(uint32_t count)
+{
+    std::vector<record> records(count);
+    for (uint32_t i = 0; i < count; i++) {
+        set_keys(records[i], i * 3);
+    }
+    return records;
+}
+
+// Records by their numbers, which is the order of the addresses; that of the ids is the reverse.
+class reference {
+public:
+    std::map<uint32_t, record *> records;
+
+    record *find(uint32_t number) const { return at(records.find(number)); }
+    record *first(uint32_t index) const { return at(index == 0 ? records.begin() : before(records.end())); }
+    record *next(uint32_t index, uint32_t number) const
+    {
+        return at(index == 0 ? records.upper_bound(number) : before(records.lower_bound(number)));
+    }
+
+private:
+    using place = std::map<uint32_t, record *>::const_iterator;
+
+    place before(place where) const { return where == records.begin() ? records.end() : std::prev(where); }
+    record *at(place where) const { return where == records.end() ? nullptr : where->second; }
+};
+
+// A tree, its reference and a tree of the same shape whose records serve as foreign probes.
+class model : public ::testing::TestWithParam<kind> {
+protected:
+    static constexpr uint32_t key_count = 6000;
+
+    void SetUp() override
+    {
+        ASSERT_EQ(init(tree, GetParam()), 0U);
+        ASSERT_EQ(init(other, GetParam()), 0U);
+        for (record &each : foreign) {
+            ASSERT_NE(ordtree_insert(&other, each.links), nullptr);
+        }
+        for (uint32_t i = 0; i < pool.size(); i++) {
+            set_keys(pool[i], i % key_count); // two records of each key
+        }
+    }
+
+    void TearDown() override
+    {
+        ordtree_finish(&tree);
+        ordtree_finish(&other);
+        EXPECT_EQ(ordtree_memory().nodes, 0U);
+    }
+
+    void change(record &of)
+    {
+        const record *const present = expected.find(number_of(of));
+        EXPECT_EQ(ordtree_insert(&tree, of.links), present == nullptr ? of.links : nullptr);
+        if (present == nullptr) {
+            expected.records[number_of(of)] = &of;
+            return;
+        }
+        EXPECT_EQ(ordtree_delete(&tree, of.links), present == &of ? of.links : nullptr);
+        EXPECT_TRUE(is_out(of));
+        if (present == &of) {
+            EXPECT_EQ(ordtree_delete(&tree, of.links), nullptr);
+            expected.records.erase(number_of(of));
+        }
+    }
+
+    void query(const record &probe)
+    {
+        for (uint32_t index = 0; index < tree.index_count; index++) {
+            EXPECT_EQ(entry(ordtree_search(&tree, probe.links, index)), expected.find(number_of(probe)));
+            EXPECT_EQ(entry(ordtree_get_next(&tree, probe.links, index)), expected.next(index, number_of(probe)));
+            EXPECT_EQ(entry(ordtree_get_first(&tree, index)), expected.first(index));
+        }
+    }
+
+    ordtree_t tree{};
+    ordtree_t other{};
+    std::vector<record> foreign = numbered_records(key_count / 3);
+    std::vector<record> pool = std::vector<record>(size_t{key_count} * 2);
+    reference expected;
+};
+
+TEST_P(model, agrees_with_the_reference)
+{
+    TRACE_SEED();
+    std::mt19937 random(seed());
+    for (unsigned step = 0; step < 30000; step++) {
+        // The share of keys in use wanders, so that the tree grows and shrinks by whole levels.
+        const size_t window = step % 10000 < 6000 ? pool.size() : pool.size() / 100;
+        record &one = pool[random() % window];
+        change(one);
+        record probe{};
+        set_keys(probe, static_cast<uint32_t>(random() % key_count));
+        query(probe);
+        query(one);
+        query(foreign[random() % foreign.size()]);
+        if (step % 199 == 0) {
+            ASSERT_SOUND(tree);
+        }
+        ASSERT_EQ(tree.record_count, expected.records.size());
+        ASSERT_FALSE(HasFailure()) << "step " << step;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(ordtree, model, ::testing::ValuesIn(kinds));
+
+using sequence = std::vector<uint32_t>;
+
+// Downwards in each of the stretches, which follow each other upwards: leaves run empty beside full ones.
+sequence sawtooth(uint32_t count, uint32_t stretch)
+{
+    sequence made(count);
+    for (uint32_t start = 0; start < count; start += stretch) {
+        const uint32_t end = std::min(start + stretch, count);
+        std::iota(made.rbegin() + (count - end), made.rbegin() + (count - start), start);
+    }
+    return made;
+}
+
+sequence shuffled(uint32_t count)
+{
+    sequence made = sawtooth(count, 1);
+    std::shuffle(made.begin(), made.end(), std::mt19937(seed()));
+    return made;
+}
+
+// Audits whenever the number of records is a multiple of `stride`.
+void grow_and_shrink(kind of, const sequence &insertion, const sequence &deletion, uint32_t stride)
+{
+    auto records = numbered_records(static_cast<uint32_t>(insertion.size()));
+    ordtree_t tree{};
+    ASSERT_EQ(init(tree, of), 0U);
+    const auto change = [&](const sequence &order, ordtree_link_t *(*operation)(ordtree_t *, ordtree_link_t *)) {
+        for (const uint32_t i : order) {
+            ASSERT_EQ(operation(&tree, records[i].links), records[i].links);
+            if (tree.record_count % stride == 0) {
+                ASSERT_SOUND(tree);
+            }
+        }
+    };
+    change(insertion, ordtree_insert);
+    change(deletion, ordtree_delete);
+    EXPECT_EQ(tree.record_count, 0U);
+    ordtree_finish(&tree);
+}
+
+TEST(ordtree, survives_every_order_of_insertion_and_deletion)
+{
+    TRACE_SEED();
+    constexpr uint32_t count = 9000; // three levels
+    const sequence orders[] = {sawtooth(count, 1), sawtooth(count, count), sawtooth(count, 500), shuffled(count)};
+    for (const kind &of : kinds) {
+        for (const sequence &insertion : orders) {
+            for (const sequence &deletion : orders) {
+                grow_and_shrink(of, insertion, deletion, 499);
+                EXPECT_EQ(ordtree_memory().nodes, 0U);
+            }
+        }
+    }
+}
+
+// Seven keys: each order of insertion, each time with another order of deletion, so that every one comes up for both.
+TEST(ordtree, holds_seven_keys_in_each_of_their_orders)
+{
+    for (const kind &of : kinds) {
+        sequence insertion = sawtooth(7, 1);
+        sequence deletion = sawtooth(7, 7);
+        do {
+            grow_and_shrink(of, insertion, deletion, 1);
+            std::prev_permutation(deletion.begin(), deletion.end());
+        } while (std::next_permutation(insertion.begin(), insertion.end()));
+    }
+}
+
+TEST(ordtree, walks_without_a_search_and_while_its_records_leave)
+{
+    constexpr uint32_t count = 5000;
+    auto records = numbered_records(count);
+    for (const kind &of : kinds) {
+        ordtree_t tree{};
+        ASSERT_EQ(init(tree, of), 0U);
+        for (const uint32_t i : shuffled(count)) {
+            ASSERT_NE(ordtree_insert(&tree, records[i].links), nullptr);
+        }
+        for (uint32_t index = 0; index < of.index_count; index++) {
+            comparator_calls = 0;
+            uint32_t visited = 0;
+            for (auto *at = ordtree_get_first(&tree, index); at != nullptr; at = ordtree_get_next(&tree, at, index)) {
+                ASSERT_EQ(entry(at), &records[index == 0 ? visited : count - 1 - visited]);
+                visited++;
+            }
+            EXPECT_EQ(visited, count);
+            for (record &each : records) { // not in walking order
+                const record *const neighbour = index == 0 ? &each + 1 : &each - 1;
+                const bool last = &each == (index == 0 ? &records.back() : &records.front());
+                ASSERT_EQ(entry(ordtree_get_next(&tree, each.links, index)), last ? nullptr : neighbour);
+            }
+            EXPECT_EQ(comparator_calls, 0U);
+        }
+        // Every third record stays, as after a sweep.
+        uint32_t visited = 0;
+        ordtree_link_t *next = nullptr;
+        for (auto *at = ordtree_get_first(&tree, 0); at != nullptr; at = next) {
+            next = ordtree_get_next(&tree, at, 0);
+            if (visited++ % 3 != 0) {
+                ASSERT_NE(ordtree_delete(&tree, at), nullptr);
+            }
+        }
+        EXPECT_EQ(visited, count);
+        ASSERT_SOUND(tree);
+        ordtree_finish(&tree);
+    }
+}
+
+TEST(ordtree, inserts_into_all_indexes_or_none)
+{
+    TRACE_SEED();
+    for (const kind &of : kinds) {
+        auto records = numbered_records(6000);
+        ordtree_t tree{};
+        ASSERT_EQ(init(tree, of), 0U);
+        unsigned refusals = 0;
+        for (const uint32_t i : shuffled(static_cast<uint32_t>(records.size()))) {
+            const auto before = ordtree_memory().nodes;
+            for (size_t limit = std::max<size_t>(before, 1);; limit++) {
+                ordtree_set_node_limit(limit);
+                if (ordtree_insert(&tree, records[i].links) != nullptr) {
+                    break;
+                }
+                refusals++;
+                ASSERT_TRUE(is_out(records[i]));
+                ASSERT_EQ(ordtree_memory().nodes, before);
+                ASSERT_EQ(ordtree_search(&tree, records[i].links, of.index_count - 1), nullptr);
+                ASSERT_SOUND(tree);
+                ASSERT_LE(limit, before + 8);
+            }
+        }
+        ordtree_set_node_limit(0);
+        EXPECT_GT(refusals, 100U);
+        ASSERT_SOUND(tree);
+
+        // A key that is taken in the second index only.
+        record half{};
+        set_keys(half, 1);
+        half.id = records[17].id;
+        EXPECT_EQ(ordtree_insert(&tree, half.links) == nullptr, of.index_count == 2);
+        EXPECT_EQ(is_out(half), of.index_count == 2);
+        ASSERT_SOUND(tree);
+        ordtree_finish(&tree);
+        EXPECT_EQ(ordtree_memory().nodes, 0U);
+    }
+}
+
+TEST(ordtree, examines_any_link_without_harm)
+{
+    auto records = numbered_records(500);
+    ordtree_t tree{};
+    ordtree_t gone{};
+    ASSERT_EQ(init(tree, {true, 2}), 0U);
+    ASSERT_EQ(init(gone, {true, 2}), 0U);
+    record dangling{};
+    ASSERT_NE(ordtree_insert(&gone, dangling.links), nullptr);
+    ordtree_finish(&gone);
+    for (record &each : records) {
+        ASSERT_NE(ordtree_insert(&tree, each.links), nullptr);
+    }
+    void *const leaf = records[100].links[0].place;
+    void *const wild[] = {&tree,
+                          leaf,
+                          static_cast<char *>(leaf) + 8,
+                          records[100].links[1].place,
+                          tree.index[0].root,
+                          dangling.links[0].place,
+                          reinterpret_cast<void *>(uintptr_t{1}),
+                          reinterpret_cast<void *>(~uintptr_t{0}),
+                          reinterpret_cast<void *>(reinterpret_cast<uintptr_t>(leaf) & ~uintptr_t{0x1fffff})};
+    for (void *const place : wild) {
+        record probe{};
+        set_keys(probe, 100 * 3 + 1);
+        probe.links[0].place = probe.links[1].place = place;
+        EXPECT_EQ(ordtree_delete(&tree, probe.links), nullptr);
+        EXPECT_EQ(probe.links[0].place, place) << "refused, so not to be touched";
+        EXPECT_EQ(entry(ordtree_get_next(&tree, probe.links, 0)), &records[101]);
+        EXPECT_EQ(entry(ordtree_get_next(&tree, probe.links, 1)), &records[100]);
+        EXPECT_EQ(ordtree_search(&tree, probe.links, 0), nullptr);
+        EXPECT_EQ(ordtree_insert(&tree, probe.links), probe.links) << "it is in no tree";
+        EXPECT_EQ(ordtree_delete(&tree, probe.links), probe.links);
+    }
+    // Links of a record that have changed places.
+    std::swap(records[50].links[0], records[50].links[1]);
+    EXPECT_EQ(ordtree_delete(&tree, records[50].links), nullptr);
+    std::swap(records[50].links[0], records[50].links[1]);
+
+    // A copy of a record with its links, and a record whose key was changed under the tree.
+    record copy = records[7];
+    EXPECT_EQ(entry(ordtree_get_next(&tree, copy.links, 0)), &records[8]);
+    EXPECT_EQ(ordtree_delete(&tree, copy.links), nullptr);
+    ASSERT_SOUND(tree);
+    set_keys(records[7], 1000000);
+    EXPECT_STREQ(ordtree_audit(&tree), "a key word is not that of its record");
+    EXPECT_NE(ordtree_delete(&tree, records[7].links), nullptr);
+    ASSERT_SOUND(tree);
+
+    // A record of another tree is refused, and stays where it is.
+    ASSERT_EQ(init(gone, {true, 2}), 0U);
+    EXPECT_EQ(ordtree_insert(&gone, records[9].links), nullptr);
+    EXPECT_EQ(ordtree_delete(&gone, records[9].links), nullptr);
+    ASSERT_SOUND(tree);
+    ordtree_finish(&gone);
+    ordtree_finish(&tree);
+}
+
+void *to_entry(ordtree_link_t *node)
+{
+    return node;
+}
+
+TEST(ordtree, refuses_what_it_cannot_start)
+{
+    ordtree_t tree{};
+    EXPECT_NE(ordtree_init(nullptr, 1, nullptr, by_address<false>), 0U);
+    EXPECT_NE(ordtree_init(&tree, 0, nullptr), 0U);
+    EXPECT_NE(ordtree_init(&tree, 3, nullptr, by_address<false>, by_id<false>, by_id<false>), 0U);
+    EXPECT_NE(ordtree_init(&tree, 2, nullptr, by_address<false>, ordtree_compare_fn{nullptr}), 0U);
+    EXPECT_EQ(ordtree_running(&tree), 0U);
+
+    record one{};
+    EXPECT_EQ(ordtree_insert(&tree, one.links), nullptr);
+    EXPECT_EQ(ordtree_get_first(&tree, 0), nullptr);
+    EXPECT_EQ(ordtree_get_next(&tree, one.links, 0), nullptr);
+
+    for (int round = 0; round < 2; round++) {
+        ASSERT_EQ(ordtree_init(&tree, 1, to_entry, by_address<false>), 0U);
+        EXPECT_NE(ordtree_init(&tree, 1, nullptr, by_id<false>), 0U) << "it runs already";
+        EXPECT_EQ(tree.node_to_entry, to_entry);
+        EXPECT_NE(ordtree_running(&tree), 0U);
+        EXPECT_EQ(ordtree_insert(&tree, nullptr), nullptr);
+        ASSERT_NE(ordtree_insert(&tree, one.links), nullptr);
+        EXPECT_EQ(ordtree_search(&tree, one.links, 1), nullptr) << "there is one index only";
+        EXPECT_EQ(ordtree_search(&tree, nullptr, 0), nullptr);
+        EXPECT_NE(ordtree_delete(&tree, one.links), nullptr);
+        ordtree_finish(&tree);
+        EXPECT_EQ(ordtree_running(&tree), 0U);
+    }
+}
+
+struct wide_key {
+    ordtree_link_t link;
+    uint8_t key[8];
+};
+
+template <unsigned Width>
+uint32_t by_bytes(const ordtree_link_t *first, const ordtree_link_t *second)
+{
+    comparator_calls++;
+    const int order = std::memcmp(first + 1, second + 1, Width);
+    return order < 0 ? ORDTREE_LESS : order == 0 ? ORDTREE_EQUAL : ORDTREE_GREATER;
+}
+
+TEST(ordtree, orders_described_bytes_of_any_width_as_the_comparator_does)
+{
+    TRACE_SEED();
+    std::mt19937_64 random(seed());
+    constexpr std::array<ordtree_compare_fn, 8> comparators = {by_bytes<1>, by_bytes<2>, by_bytes<3>, by_bytes<4>,
+                                                               by_bytes<5>, by_bytes<6>, by_bytes<7>, by_bytes<8>};
+    for (uint32_t width = 1; width <= comparators.size(); width++) {
+        ordtree_describe_key(comparators[width - 1], sizeof(ordtree_link_t), width, ORDTREE_KEY_BYTES);
+        ordtree_describe_key(comparators[width - 1], 0, 9, ORDTREE_KEY_BYTES); // makes no sense
+        ordtree_t tree{};
+        ASSERT_EQ(ordtree_init(&tree, 1, nullptr, comparators[width - 1]), 0U);
+        std::vector<wide_key> keys(300);
+        comparator_calls = 0;
+        for (wide_key &each : keys) {
+            const uint64_t key = &each == &keys.front() ? 0 : &each == &keys.back() ? UINT64_MAX : random();
+            std::memcpy(each.key, &key, sizeof(key));
+            ordtree_insert(&tree, &each.link); // some of the short ones occur twice
+        }
+        for (const wide_key &each : keys) {
+            wide_key probe = each;
+            probe.link.place = nullptr;
+            EXPECT_NE(ordtree_search(&tree, &probe.link, 0), nullptr);
+        }
+        EXPECT_EQ(comparator_calls, 0U);
+        EXPECT_GT(tree.record_count, 100U);
+        ASSERT_SOUND(tree);
+        ordtree_finish(&tree);
+    }
+}
+
+TEST(ordtree, shares_slabs_between_trees_and_gives_them_back)
+{
+    host::arena_statistics arena{};
+    host::arena_read_statistics(&arena);
+    std::vector<ordtree_t> trees(1500); // of two nodes each, more than a slab holds
+    auto records = numbered_records(static_cast<uint32_t>(trees.size()));
+    for (ordtree_t &each : trees) {
+        ASSERT_EQ(init(each, {true, 2}), 0U);
+    }
+    for (int round = 0; round < 3; round++) {
+        host::arena_set_limit(1);
+        size_t filled = 0;
+        while (ordtree_insert(&trees[filled], records[filled].links) != nullptr) {
+            filled++;
+        }
+        EXPECT_EQ(ordtree_memory().nodes, filled * 2) << "a node that was of no use alone has to be free again";
+        EXPECT_TRUE(is_out(records[filled]));
+        host::arena_set_limit(arena.limit);
+        for (size_t i = filled; i < trees.size(); i++) {
+            ASSERT_NE(ordtree_insert(&trees[i], records[i].links), nullptr);
+        }
+        EXPECT_EQ(ordtree_memory().mapped_bytes, 2 * host::arena_slab_size);
+        for (size_t i = 0; i < trees.size(); i++) {
+            ASSERT_NE(ordtree_delete(&trees[i], records[i].links), nullptr);
+        }
+        EXPECT_EQ(ordtree_memory().nodes, 0U);
+        EXPECT_EQ(ordtree_memory().mapped_bytes, host::arena_slab_size) << "one is kept";
+    }
+}
+
+TEST(ordtree, lets_trees_of_different_threads_grow_at_once)
+{
+    const auto work = [](const sequence &order) {
+        for (int round = 0; round < 4; round++) {
+            grow_and_shrink({true, 2}, order, order, 1000);
+        }
+    };
+    std::thread other(work, shuffled(4000));
+    work(sawtooth(4000, 500));
+    other.join();
+    EXPECT_EQ(ordtree_memory().nodes, 0U);
+    EXPECT_LE(ordtree_memory().mapped_bytes, host::arena_slab_size);
+}
+
+TEST(ordtree_watch, counts_what_changes_the_tree)
+{
+    uint64_t changes = 0;
+    ordtree_t tree{};
+    ordtree_watch(&tree, &changes); // does not run
+    ASSERT_EQ(init(tree, kinds[0]), 0U);
+    EXPECT_EQ(tree.changes, nullptr);
+    ordtree_watch(&tree, &changes);
+    record only = numbered_records(1)[0];
+    for (const bool takes_effect : {true, false}) {
+        EXPECT_EQ(ordtree_insert(&tree, only.links) != nullptr, takes_effect);
+        EXPECT_EQ(changes, 1U);
+    }
+    for (const bool takes_effect : {true, false}) {
+        EXPECT_EQ(ordtree_delete(&tree, only.links) != nullptr, takes_effect);
+        EXPECT_EQ(changes, 2U);
+    }
+    ordtree_finish(&tree);
+    EXPECT_EQ(changes, 3U);
+}
+
+} // namespace

@@ -1,0 +1,260 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// Every call of the platform that can fail is made to fail once, in a scenario that makes all of them: the step that
+// meets the refusal ends as it should, and the table stays sound and gives everything back in the end.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <map>
+#include <sstream>
+
+#include "host/objects/l2fib_objects.h"
+#include "host/pool/chunk_statistics.h"
+#include "host/tree/ordtree_audit.h"
+#include "platform/chunk.h"
+#include "platform/l2fib.h"
+#include "platform/utility.h"
+#include "tests/support/interpose.h"
+#include "tests/support/small_table.h"
+#include "tests/support/table_audit.h"
+
+using namespace small_table;
+
+namespace {
+
+// A refused deletion or release has happened all the same, so that no freed record is left in a tree: a real tree has
+// no such state. Only where the module takes a record for untouched then, it is.
+bool refused_deletion_deletes = true;
+
+} // namespace
+
+INTERPOSE(chunk_pool_t *, chunk_create,
+          (const char *name, uint32_t size, uint32_t count, uint32_t flags, uint32_t a, uint32_t b),
+          (name, size, count, flags, a, b), nullptr)
+INTERPOSE(void *, chunk_malloc, (chunk_pool_t * pool), (pool), nullptr)
+INTERPOSE(uint32_t, chunk_free, (chunk_pool_t * pool, void *element), (pool, element), (real(pool, element), 0u))
+INTERPOSE(ordtree_link_t *, ordtree_insert, (ordtree_t * tree, ordtree_link_t *node), (tree, node), nullptr)
+INTERPOSE(ordtree_link_t *, ordtree_delete, (ordtree_t * tree, ordtree_link_t *node), (tree, node),
+          (refused_deletion_deletes ? real(tree, node) : nullptr, nullptr))
+INTERPOSE(uint32_t, l2fib_get_plat_ctx_by_id, (uint32_t object_class, uint32_t id, l2fib_ctx_t *ctx),
+          (object_class, id, ctx), EIO)
+INTERPOSE(uint32_t, l2fib_get_seg1_by_seg2,
+          (uint32_t object_class, const l2fib_ctx_t *ctx, uint32_t *type, l2fib_ctx_t *segment),
+          (object_class, ctx, type, segment), EIO)
+INTERPOSE(uint32_t, l2fib_access_field, (uint32_t object_class, const l2fib_ctx_t *ctx, uint32_t field, void *value),
+          (object_class, ctx, field, value), EIO)
+INTERPOSE(uint32_t, platform_get_my_nodeid, (uint32_t * node_id), (node_id), EIO)
+INTERPOSE(uint32_t, platform_ifhandle_parse_ifhandle, (uint32_t ifhandle, uint32_t *node_id), (ifhandle, node_id), EIO)
+INTERPOSE_OPERATION(ordtree_init)
+
+extern "C" uint32_t ordtree_init(ordtree_t *tree, uint32_t index_count, ordtree_node_to_entry_fn node_to_entry, ...)
+{
+    if (interpose::ordtree_init.meet()) {
+        return EIO;
+    }
+    va_list comparators;
+    va_start(comparators, node_to_entry);
+    const ordtree_compare_fn first = va_arg(comparators, ordtree_compare_fn);
+    const ordtree_compare_fn second = index_count > 1 ? va_arg(comparators, ordtree_compare_fn) : nullptr;
+    va_end(comparators);
+    return INTERPOSE_HIDDEN(ordtree_init)(tree, index_count, node_to_entry, first, second);
+}
+
+namespace {
+
+// Makes every call: creation, update, replacement, eviction, refresh and move, sweep, destruction.
+constexpr const char *scenario[] = {
+    "1 10 1",          // bridge domain, interface, entry
+    "2 30 1 0x1000 5", // VXLAN, VNI entry, VTEP
+    "3 20 1 0x1",      // pseudowire, PBB entry
+    "4 9 1 0x8",       // dummy port
+    "1 10 1",          // in place
+    "2 20 1",          // another variant and port
+    "4 9 1 0x8",       // replaced
+    "limit 4",
+    "5 10 1", // evicts 4
+    "limit 9",         "6 30 1",          "mark",
+    "1 10 1", // refreshes its port
+    "5 30 2", // another bridge domain, for the port as well
+    "sweep",  // 2, 3, 6 and the VTEP
+    "2 30 2 0x1000 5", "mark bp 30",      "sweep bp 30",  "kind 10 5", "mark bp 10",
+    "1 10 1 0x1000 6", // its port becomes a VXLAN
+    "destroy bp 10",   "7 30 2 0x1000 5", "destroy bd 2",
+};
+constexpr std::string_view moving_step = "5 30 2";
+
+// A status by its name, and the numbers of the trace points since the last call.
+std::string outcome_of(uint32_t status)
+{
+    std::string text = status == EDM_ERR_INVALID_ARGS  ? "INVALID_ARGS"
+                       : status == EDM_ERR_NO_RESOURCE ? "NO_RESOURCE"
+                       : status == EDM_ERR_STOPPED     ? "STOPPED"
+                                                       : std::to_string(status);
+    std::istringstream traces(take_traces());
+    for (std::string each; std::getline(traces >> std::ws, each, ';');) {
+        text += " " + each.substr(0, 4);
+    }
+    return text;
+}
+
+// Runs the scenario with the nth call refused. Answers what came of the step that met the refusal; nothing when the
+// scenario ran through.
+std::string run_refusing(interpose::operation &operation, uint64_t nth)
+{
+    start();
+    operation.refuse(nth);
+    std::string outcome;
+    for (const char *step : scenario) {
+        SCOPED_TRACE(step);
+        refused_deletion_deletes = step != moving_step;
+        take_traces();
+        const uint32_t status = run(step);
+        if (outcome.empty() && operation.has_refused()) {
+            outcome = outcome_of(status);
+        }
+        EXPECT_EQ(audit_table(), "");
+    }
+    take_traces();
+    stop();
+    if (outcome.empty() && operation.has_refused()) {
+        outcome = "teardown " + outcome_of(0);
+    }
+    operation.refuse(0);
+    EXPECT_EQ(ordtree_memory().nodes, 0u);
+    EXPECT_EQ(host::chunk_next(nullptr), nullptr) << "a pool is left";
+    return outcome;
+}
+
+struct refused_operation {
+    interpose::operation &operation;
+    const char *outcomes; // each with how many of the refusals end so
+};
+
+const refused_operation operations[] = {
+    {interpose::chunk_malloc,
+     "4 x 0 1949 1970; 3 x NO_RESOURCE 1949 1942 1912 1916 1960; 3 x NO_RESOURCE 1949 1942 1913; 2 x NO_RESOURCE 1949 "
+     "1942 1915; 9 x NO_RESOURCE 1949 1942 1916 1960; 1 x NO_RESOURCE 1949 1942 1965"},
+    {interpose::chunk_free, "19 x 0 1949; 1 x teardown 0 1949 1954; 2 x teardown 0 1954 1949"},
+    {interpose::ordtree_init, "1 x 0 1968 1968 1970; 3 x NO_RESOURCE 1938 1938 1913; 2 x NO_RESOURCE 1938 1938 1915; 1 "
+                              "x NO_RESOURCE 1938 1938 1965; 1 x NO_RESOURCE 1968 1968 1913"},
+    {interpose::ordtree_insert, "4 x 0 1970; 3 x NO_RESOURCE 1911 1911 1912 1916 1960; 9 x NO_RESOURCE 1911 1911 1916 "
+                                "1960; 6 x NO_RESOURCE 1913; 3 x NO_RESOURCE 1915; 1 x NO_RESOURCE 1965"},
+    {interpose::ordtree_delete,
+     "4 x 0 1954; 2 x 0 1955; 3 x 0 1955 1912; 2 x 0 1969; 2 x 0 1969 1971; 1 x INVALID_ARGS 1936; 1 x NO_RESOURCE "
+     "1953 1915; 1 x NO_RESOURCE 1955 1942 1916 1960; 6 x STOPPED 1955 1917; 1 x teardown 0 1954; 1 x teardown 0 1954 "
+     "1936; 3 x teardown 0 1954 1954"},
+    {interpose::l2fib_get_plat_ctx_by_id,
+     "3 x NO_RESOURCE 1940 1913; 3 x NO_RESOURCE 1940 1915; 2 x NO_RESOURCE 1941 1915"},
+    {interpose::l2fib_get_seg1_by_seg2, "3 x NO_RESOURCE 1940 1913; 3 x NO_RESOURCE 1940 1915"},
+    {interpose::l2fib_access_field, "7 x NO_RESOURCE 1940 1913; 6 x NO_RESOURCE 1940 1915; 2 x NO_RESOURCE 1941 1915"},
+    {interpose::platform_get_my_nodeid, "6 x 0 1958"},
+    {interpose::platform_ifhandle_parse_ifhandle, "4 x 0 1958"},
+};
+
+TEST(refusal, of_each_call_ends_its_step_and_harms_nothing)
+{
+    for (const refused_operation &row : operations) {
+        std::map<std::string, uint32_t> met;
+        for (uint64_t nth = 1;; nth++) {
+            SCOPED_TRACE(nth);
+            const std::string outcome = run_refusing(row.operation, nth);
+            if (outcome.empty()) {
+                break;
+            }
+            met[outcome]++;
+        }
+        std::string outcomes;
+        for (const auto &[outcome, times] : met) {
+            outcomes += (outcomes.empty() ? "" : "; ") + std::to_string(times) + " x " + outcome;
+        }
+        EXPECT_EQ(outcomes, row.outcomes);
+    }
+}
+
+TEST(refusal, of_a_pool_leaves_none)
+{
+    for (uint64_t nth = 1; nth <= EDM_POOL_COUNT; nth++) {
+        interpose::chunk_create.refuse(nth);
+        take_traces();
+        EXPECT_EQ(l2fm_edm_table_init(), EDM_ERR_NO_RESOURCE);
+        EXPECT_NE(take_traces().find("1948 l2fm_edm_table_chunk_init 12; 1938 l2fm_edm_table_init"), std::string::npos);
+        EXPECT_EQ(host::chunk_next(nullptr), nullptr);
+        ordtree_finish(l2fm_edm_table_bd_get_root());
+        ordtree_finish(l2fm_edm_table_bp_get_root());
+    }
+    interpose::chunk_create.refuse(EDM_POOL_COUNT + 1);
+    start();
+    EXPECT_FALSE(interpose::chunk_create.has_refused());
+    interpose::chunk_create.refuse(0);
+    stop();
+}
+
+TEST(refusal, of_a_global_tree_shows_in_the_trace_only)
+{
+    start(); // the objects and the limit
+    stop();
+    for (uint64_t nth = 1; nth <= 2; nth++) {
+        interpose::ordtree_init.refuse(nth);
+        take_traces();
+        EXPECT_EQ(l2fm_edm_table_init(), 0u);
+        EXPECT_TRUE(take_traces().ends_with("1938 l2fm_edm_table_init"));
+        EXPECT_EQ(feed(1, 10, 1), EDM_ERR_NO_RESOURCE);
+        EXPECT_EQ(take_traces(), nth == 1 ? "1938 l2fm_edm_table_get; 1913 l2fib_mac_edm_add 10"
+                                          : "1938 l2fm_edm_table_get; 1938 l2fm_edm_table_bd_create; "
+                                            "1915 l2fib_mac_edm_add 1");
+        stop();
+    }
+}
+
+TEST(refusal, half_way_through_a_refresh_keeps_what_was_read)
+{
+    start();
+    run("1 10 1; mark");
+    host::cross_connect changed;
+    changed.first = {.type = L2FIB_SEGMENT_INTERFACE, .interface_handle = 0x200, .interface_3 = 30};
+    ASSERT_EQ(host::cross_connect_set(10, changed), 0u);
+    interpose::l2fib_access_field.refuse(3); // sub-kind, handle, field 3
+    take_traces();
+    EXPECT_EQ(feed(1, 10, 1), EDM_ERR_NO_RESOURCE);
+    EXPECT_EQ(take_traces(), "1940 l2fm_edm_table_bp_fill 10 5; 1915 l2fib_mac_edm_add 10 5");
+    const l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(10);
+    EXPECT_EQ(bp->seg_info1, 0x200u);
+    EXPECT_EQ(bp->seg_info2, 3u);
+    EXPECT_EQ(bp->refresh_pending, 1u);
+    stop();
+}
+
+TEST(refusal, of_single_calls_leaves_what_was_done_before)
+{
+    const struct {
+        std::vector<std::pair<interpose::operation &, uint64_t>> refused;
+        row step;
+    } rows[] = {
+        {{{interpose::ordtree_delete, 1}},
+         {"a sweep stops, but not that of the VTEPs", "1 10 1; 2 10 1; 3 30 1 0x1000 5; mark", "sweep", EDM_ERR_STOPPED,
+          "1955 l2fm_edm_table_mac_destroy INVALID_ARGS; 1917 l2fib_mac_edm_sweep 10 INVALID_ARGS",
+          "1: 10*(2!) 30*(3!) | list 2 3"}},
+        {{{interpose::ordtree_insert, 2},
+          {interpose::ordtree_delete, 1}}, // into the bridge domain's tree, and the undo
+         {"an undo is traced", "1 10 1", "2 20 1", EDM_ERR_NO_RESOURCE,
+          "1954 l2fm_edm_table_bp_create 20 INVALID_ARGS; 1913 l2fib_mac_edm_add 20", "1: 10(1) | list 1"}},
+        {{{interpose::ordtree_init, 1}},
+         {"a port without its VTEP tree", "1 10 1; kind 10 5; mark", "1 10 1 0x1000 5", 0,
+          "1968 l2fm_edm_table_bp_vtep_init; 1968 l2fm_edm_table_vtep_create_modify; 1970 l2fm_edm_table_mac_create 10",
+          "1: 10*(1) | list 1"}},
+        {{{interpose::ordtree_init, 1}},
+         {"gets it with the next feed", "1 10 1; kind 10 5; mark", "1 10 1 0x1000 5; 1 10 1 0x1000 5", 0,
+          "1968 l2fm_edm_table_bp_vtep_init; 1968 l2fm_edm_table_vtep_create_modify; 1970 l2fm_edm_table_mac_create 10",
+          "1: 10(1){5} | list 1"}},
+    };
+    for (const auto &[refused, step] : rows) {
+        check({step}, [&refused = refused] {
+            for (const auto &[operation, nth] : refused) {
+                operation.refuse(nth);
+            }
+        });
+    }
+}
+
+} // namespace

@@ -1,0 +1,393 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// The table as its readers and its owner see it: lookups, walks, the list, the pools, start and teardown.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <thread>
+
+#include "host/objects/l2fib_objects.h"
+#include "host/pool/chunk_statistics.h"
+#include "host/tree/ordtree_audit.h"
+#include "table/element.h"
+#include "tests/support/small_table.h"
+#include "tests/support/table_audit.h"
+
+using namespace small_table;
+
+namespace {
+
+std::string text(const l2fm_edm_bd_t *bd)
+{
+    return bd == nullptr ? "-" : std::to_string(bd->bridge_id);
+}
+
+std::string text(const l2fm_edm_bp_t *bp)
+{
+    return bp == nullptr ? "-" : bp->xcid == EDM_XCID_DUMMY ? "dummy of " + text(bp->bd) : std::to_string(bp->xcid);
+}
+
+std::string text(const l2fm_edm_mac_t *mac)
+{
+    return mac == nullptr ? "-" : std::to_string(mac->mac_addr[4] << 8 | mac->mac_addr[5]) + " on " + text(mac->bp);
+}
+
+std::string text(const l2fm_edm_vtep_t *vtep)
+{
+    return vtep == nullptr ? "-" : std::to_string(vtep->vtep_addr[3]);
+}
+
+// Everything from a first record on.
+template <typename Record, typename Next>
+std::string chain(Record *record, Next next)
+{
+    std::string all;
+    for (; record != nullptr; record = next(record)) {
+        all += (all.empty() ? "" : ", ") + text(record);
+    }
+    return all;
+}
+
+uint32_t own_lookup(uint32_t number, uint32_t bridge_id)
+{
+    const auto of = entry(number, 10, bridge_id);
+    const l2fm_edm_mac_t *mac =
+        l2fm_edm_table_mac_lookup(&of, l2fm_edm_table_bd_get_by_bridgeid(1), l2fm_edm_table_bp_get_by_xcid(10));
+    return mac == nullptr ? 0 : mac->bp->xcid;
+}
+
+// Address 5 is on both ports 10 and 20 of bridge domain 1; VTEP 5 on both ports of bridge domain 2; 3 holds nothing.
+struct lookups : fixture {
+    void SetUp() override
+    {
+        fixture::SetUp();
+        ASSERT_EQ(run("5 10 1; 5 20 2; mark bp 20; 2 20 1; 0x100 10 1; 0xff 10 1; 6 9 1 0x8; 7 40 2 0x1000 5;"
+                      "8 30 2 0x1000 5; 9 40 2 0x1000 4; create bd 3"),
+                  0u);
+        ASSERT_EQ(table_text(), "1: 10(5 255 256) 20(2 5!@2) dummy(6) | 2: 30(8){5} 40(7 9){4 5} | 3: | "
+                                "list 5 5 2 256 255 6 7 8 9");
+        take_traces();
+    }
+};
+
+TEST_F(lookups, find_an_entry_that_the_hosting_process_put_into_a_tree)
+{
+    const auto fed = entry(2, 10, 1); // address 2 is on port 20
+    l2fm_edm_mac_t *twin = l2fm_edm_table_mac_alloc_and_fill(&fed);
+    ASSERT_NE(ordtree_insert(&l2fm_edm_table_bp_get_by_xcid(10)->mac_tree, &edm::to_element(twin)->mac_link), nullptr);
+    EXPECT_EQ(cached(2, 1), twin);
+    EXPECT_EQ(feed(2, 10, 1), EDM_ERR_INVALID_ARGS); // it has no port
+    twin->bp = l2fm_edm_table_bp_get_by_xcid(10);
+    EXPECT_EQ(feed(2, 10, 1, EDM_MAC_STATIC), 0u);
+    EXPECT_EQ(l2fm_edm_table_mac_destroy(twin), 0u); // the audit sees that it was never counted
+    EXPECT_EQ(text(cached(2, 1)), "2 on 20");
+}
+
+TEST_F(lookups, do_not_find_entries_of_a_port_that_is_in_no_tree)
+{
+    const auto fed = entry(9, 50, 1);
+    l2fm_edm_bp_t *bp = l2fm_edm_table_bp_alloc_and_fill(l2fm_edm_table_bd_get_by_bridgeid(1), 50, 1);
+    EXPECT_EQ(l2fm_edm_table_mac_create(bp, &fed), 0u);
+    EXPECT_EQ(cached(9, 1), nullptr);
+    EXPECT_EQ(l2fm_edm_table_bp_destroy_internal(bp), 0u);
+}
+
+TEST_F(lookups, trace_a_stopped_tree_on_their_way)
+{
+    l2fm_edm_table_bp_mac_table_destroy(l2fm_edm_table_bp_get_by_xcid(10));
+    take_traces();
+    EXPECT_EQ(text(cached(5, 1)), "5 on 20");
+    EXPECT_EQ(own_lookup(2, 1), 20u);
+    EXPECT_EQ(take_traces(), "1938 l2fm_edm_table_get; 1938 l2fm_edm_table_get; 1938 l2fm_edm_table_get");
+    run("destroy bp 10");
+}
+
+// What the comparison with the reference table does not ask for.
+TEST_F(lookups, find_what_is_there)
+{
+    const l2fm_edm_bd_t *one = l2fm_edm_table_bd_get_by_bridgeid(1);
+    const l2fm_edm_bp_t *ten = l2fm_edm_table_bp_get_by_xcid(10);
+    const l2fm_edm_bp_t *forty = l2fm_edm_table_bp_get_by_xcid(40);
+    const auto six = mac_address(6);
+    const std::pair<std::string, const char *> answers[] = {
+        {text(l2fm_edm_table_bd_get_by_name("g:d")), "-"},
+        {text(l2fm_edm_table_bd_get_by_bridgeid(0x10001)), "-"},
+        {chain(l2fm_edm_table_bd_get_first_by_name(), l2fm_edm_table_bd_get_next_by_name), "3, 2, 1"},
+        {text(l2fm_edm_table_bp_get_by_xcid(0)), "-"},
+        {text(l2fm_edm_table_bp_get_by_xcid(EDM_XCID_DUMMY)), "-"},
+        {text(l2fm_edm_table_bd_bp_get(one, EDM_XCID_DUMMY)), "dummy of 1"},
+        {text(l2fm_edm_table_bd_bp_get(one, 30)), "-"},
+        {text(l2fm_edm_table_bp_mac_get(&ten->mac_tree, mac_address(2).data())), "-"},
+        {text(l2fm_edm_table_bp_vtep_get(&forty->vtep_tree, vtep_address(5).data())), "5"},
+        {text(l2fm_edm_table_vtep_lookup(vtep_address(6).data(), forty)), "-"},
+        {text(l2fm_edm_table_mac_get_by_xcid_mac(EDM_XCID_DUMMY, six.data())), "-"},
+        {text(l2fm_edm_table_mac_get_by_bdname_mac("g:d", six.data())), "-"},
+    };
+    for (const auto &answer : answers) {
+        EXPECT_EQ(answer.first, answer.second) << "answer " << &answer - answers;
+    }
+    EXPECT_EQ(l2fm_edm_table_vtep_get_by_bridgeid_vtep(2, vtep_address(5).data()),
+              l2fm_edm_table_bp_vtep_get_first(l2fm_edm_table_bp_get_by_xcid(30)));
+    EXPECT_EQ(own_lookup(5, 1), 10u);
+    EXPECT_EQ(own_lookup(2, 1), 20u) << "on another port of the bridge domain that is reported";
+    EXPECT_EQ(own_lookup(8, 2), 30u) << "which need not be the one that is given";
+    EXPECT_EQ(own_lookup(8, 1), 0u);
+    EXPECT_EQ(take_traces(), "");
+}
+
+TEST_F(lookups, resolve_names_without_the_table)
+{
+    uint32_t id = 0;
+    ASSERT_EQ(host::bridge_domain_set(1000, "BD9") + host::bridge_domain_set(999, "BD10"), 0u);
+    EXPECT_EQ(l2fm_edm_table_bd_name_to_id("BD9", &id), 0u);
+    EXPECT_EQ(id, 1000u);
+    EXPECT_EQ(l2fm_edm_table_bd_name_to_id("BD8", &id), EDM_ERR_NOT_FOUND);
+    EXPECT_EQ(l2fm_edm_table_bd_name_to_id(nullptr, &id), EDM_ERR_NOT_FOUND);
+    EXPECT_EQ(l2fm_edm_table_bd_name_to_id("BD9", nullptr), EDM_ERR_NOT_FOUND);
+    run("create bd 1000; create bd 999");
+    EXPECT_EQ(chain(l2fm_edm_table_bd_get_first_by_name(), l2fm_edm_table_bd_get_next_by_name), "999, 1000, 3, 2, 1");
+}
+
+TEST_F(lookups, answer_null_to_null_silently)
+{
+    const uint8_t *no_address = nullptr;
+    const auto address = mac_address(5);
+    const l2fm_edm_bp_t *ten = l2fm_edm_table_bp_get_by_xcid(10);
+    const l2fm_edm_bd_t *one = l2fm_edm_table_bd_get_by_bridgeid(1);
+    const l2fm_edm_mac_t *five = cached(5, 1);
+    const auto of = entry(5, 10, 1);
+    const void *const found[] = {l2fm_edm_table_bd_get_by_name(nullptr),
+                                 l2fm_edm_table_bd_get_next_by_name(nullptr),
+                                 l2fm_edm_table_bd_get_next_by_bridgeid(nullptr),
+                                 l2fm_edm_table_bp_get_next(nullptr),
+                                 l2fm_edm_table_bd_bp_get(nullptr, 10),
+                                 l2fm_edm_table_bd_bp_get_first(nullptr),
+                                 l2fm_edm_table_bd_bp_get_next(nullptr, ten),
+                                 l2fm_edm_table_bd_bp_get_next(one, nullptr),
+                                 l2fm_edm_table_bp_mac_get(nullptr, address.data()),
+                                 l2fm_edm_table_bp_mac_get(&ten->mac_tree, no_address),
+                                 l2fm_edm_table_bp_macaddr_get_next(nullptr, address.data()),
+                                 l2fm_edm_table_bp_macaddr_get_next(&ten->mac_tree, no_address),
+                                 l2fm_edm_table_bp_mac_get_first(nullptr),
+                                 l2fm_edm_table_bp_mac_get_next(nullptr, five),
+                                 l2fm_edm_table_bp_mac_get_next(ten, nullptr),
+                                 l2fm_edm_table_bp_vtep_get(nullptr, address.data()),
+                                 l2fm_edm_table_bp_vtep_get_first(nullptr),
+                                 l2fm_edm_table_bp_vtep_get_next(ten, nullptr),
+                                 l2fm_edm_table_vtep_lookup(address.data(), nullptr),
+                                 l2fm_edm_table_mac_get_by_xcid_mac(10, no_address),
+                                 l2fm_edm_table_bd_mac_get(nullptr, address.data()),
+                                 l2fm_edm_table_mac_get_by_bridgeid_mac(1, no_address),
+                                 l2fm_edm_table_mac_get_by_bdname_mac(nullptr, address.data()),
+                                 l2fm_edm_table_mac_get_by_bdname_mac("g:c", no_address),
+                                 l2fm_edm_table_mac_get_next_by_bdname_mac(nullptr, address.data()),
+                                 l2fm_edm_table_mac_get_next_by_bdname_mac("g:c", no_address),
+                                 l2fm_edm_table_vtep_get_by_bridgeid_vtep(2, no_address),
+                                 l2fm_edm_table_mac_lookup(nullptr, one, nullptr),
+                                 l2fm_edm_table_mac_lookup(&of, nullptr, nullptr),
+                                 l2fm_edm_table_get(&ten->mac_tree, nullptr, 0),
+                                 l2fm_edm_table_get_next(&ten->mac_tree, nullptr, 0)};
+    for (size_t i = 0; i < std::size(found); i++) {
+        EXPECT_EQ(found[i], nullptr) << "lookup " << i;
+    }
+    EXPECT_EQ(take_traces(), "");
+}
+
+TEST(stopped_trees, are_traced_where_they_are_met)
+{
+    const auto address = mac_address(1);
+    ordtree_link_t probe{};
+    const std::pair<std::function<const void *()>, const char *> rows[] = {
+        {[&] { return l2fm_edm_table_get(nullptr, &probe, 0); }, "1938 l2fm_edm_table_get"},
+        {[&] { return l2fm_edm_table_get_next(nullptr, &probe, 0); }, "1938 l2fm_edm_table_get_next"},
+        {[] { return l2fm_edm_table_get_first(nullptr, 0); }, "1938 l2fm_edm_table_get_first"},
+        {[&] { return l2fm_edm_table_mac_get_by_bridgeid_mac(1, address.data()); },
+         "1938 l2fm_edm_table_mac_get_by_bridgeid_mac"},
+        {[&] { return l2fm_edm_table_mac_get_by_bdname_mac("g:c", address.data()); },
+         "1938 l2fm_edm_table_mac_get_by_bdname_mac"},
+        {[&] { return l2fm_edm_table_mac_get_next_by_bdname_mac("g:c", address.data()); },
+         "1938 l2fm_edm_table_mac_get_next_by_bdname_mac"},
+        {[&] { return l2fm_edm_table_vtep_get_by_bridgeid_vtep(1, address.data()); },
+         "1968 l2fm_edm_table_vtep_get_by_bridgeid_vtep"},
+    };
+    take_traces();
+    for (const auto &[lookup, trace] : rows) {
+        EXPECT_EQ(lookup(), nullptr) << trace;
+        EXPECT_EQ(take_traces(), trace);
+    }
+    EXPECT_EQ(run("mark; sweep; mark bd 1; sweep bp 1"), 0u) << "walks of what is not there";
+}
+
+// ---- Walks ----
+
+std::string visited; // by the walks of a test
+bool walks_go_on;
+
+uint32_t visit_mac(l2fm_edm_mac_t *mac, void *)
+{
+    visited += std::to_string(mac->mac_addr[5]) + " ";
+    return walks_go_on ? 5 : 0; // anything but 0 goes on
+}
+
+uint32_t visit_vtep(l2fm_edm_vtep_t *vtep, l2fm_edm_bp_t *bp)
+{
+    visited += text(bp) + "/" + text(vtep) + " ";
+    return walks_go_on ? 5 : 0;
+}
+
+// Whether another thread gets the lock; a test that waits for ever is ended by its time-out.
+void take_lock_elsewhere()
+{
+    std::thread([] {
+        l2fib_mac_edm_mutex_lock();
+        l2fib_mac_edm_mutex_unlock();
+    }).join();
+}
+
+struct walks : fixture {};
+
+TEST_F(walks, visit_in_order_and_stop)
+{
+    run("3 30 2 0x1000 6; 2 20 1; 1 10 1; 4 20 1; 5 9 1 0x20; 6 40 2 0x1000 5; 7 30 2 0x1000 4");
+    const std::pair<uint32_t (*)(), std::string> rows[] = {
+        {[] { return l2fm_edm_table_walk_all_macs(visit_mac, nullptr); }, "3 2 1 4 5 6 7 "},
+        {[] { return l2fm_edm_table_walk_all_macs_under_bd(visit_mac, nullptr, 1); }, "1 2 4 5 "},
+        {[] { return l2fm_edm_table_walk_all_macs_under_bd(visit_mac, nullptr, 9); }, ""},
+        {[] { return l2fm_edm_table_walk_all_macs_under_bp(visit_mac, nullptr, 20); }, "2 4 "},
+        {[] { return l2fm_edm_table_walk_all_vteps(visit_vtep); }, "30/4 30/6 40/5 "},
+        {[] { return l2fm_edm_table_walk_all_vteps_under_bd(visit_vtep, nullptr, 2); }, "30/4 30/6 40/5 "},
+        {[] { return l2fm_edm_table_walk_all_vteps_under_bp(visit_vtep, nullptr, 40); }, "40/5 "},
+        {[] { return l2fm_edm_table_walk_all_vteps_under_bp(visit_vtep, nullptr, 10); }, ""},
+    };
+    take_traces();
+    for (const auto &[walk, visits] : rows) {
+        for (const bool to_the_end : {true, false}) {
+            visited.clear();
+            walks_go_on = to_the_end;
+            EXPECT_EQ(walk(), to_the_end || visits.empty() ? 0 : EDM_ERR_STOPPED) << visits;
+            EXPECT_EQ(visited, to_the_end ? visits : visits.substr(0, visits.find(' ') + 1));
+            take_lock_elsewhere();
+        }
+    }
+    EXPECT_EQ(take_traces(), "");
+}
+
+TEST_F(walks, need_a_callback)
+{
+    EXPECT_EQ(l2fm_edm_table_walk_all_macs(nullptr, nullptr), EDM_ERR_INVALID_ARGS);
+    EXPECT_EQ(l2fm_edm_table_walk_all_macs_under_bd(nullptr, nullptr, 1), EDM_ERR_INVALID_ARGS);
+    EXPECT_EQ(l2fm_edm_table_walk_all_macs_under_bp(nullptr, nullptr, 1), EDM_ERR_INVALID_ARGS);
+    EXPECT_EQ(l2fm_edm_table_walk_all_vteps(nullptr), EDM_ERR_INVALID_ARGS);
+    EXPECT_EQ(l2fm_edm_table_walk_all_vteps_under_bd(nullptr, nullptr, 1), EDM_ERR_INVALID_ARGS);
+    EXPECT_EQ(l2fm_edm_table_walk_all_vteps_under_bp(nullptr, nullptr, 1), EDM_ERR_INVALID_ARGS);
+    take_lock_elsewhere();
+}
+
+struct table : fixture {};
+
+TEST_F(walks, pass_over_ports_without_a_bridge_domain_and_entries_that_come_meanwhile)
+{
+    run("1 30 1 0x1000 5; mark; try update 30 9");
+    visited.clear();
+    walks_go_on = true;
+    EXPECT_EQ(l2fm_edm_table_walk_all_vteps(visit_vtep), 0u);
+    EXPECT_EQ(visited, "");
+    EXPECT_EQ(l2fm_edm_table_walk_all_vteps_under_bp(visit_vtep, nullptr, 30), 0u);
+    EXPECT_EQ(visited, "30/5 ");
+    const auto feeds_another = [](l2fm_edm_mac_t *, void *cookie) {
+        feed(++*static_cast<uint32_t *>(cookie), 10, 1);
+        return 1u;
+    };
+    uint32_t newest = 1;
+    EXPECT_EQ(l2fm_edm_table_walk_all_macs(feeds_another, &newest), 0u);
+    EXPECT_EQ(newest, 2u);
+}
+
+TEST_F(table, counts_kinds_that_it_knows)
+{
+    const l2fm_edm_mac_pool_t before = *l2fm_edm_table_mac_get_pool();
+    l2fm_edm_table_cnt_inc(2);
+    l2fm_edm_table_cnt_dec(7);
+    EXPECT_EQ(std::memcmp(&before, l2fm_edm_table_mac_get_pool(), sizeof(before)), 0);
+    l2fm_edm_table_cnt_dec(EDM_COUNT_BP);
+    l2fm_edm_table_cnt_inc(EDM_COUNT_BD);
+    EXPECT_EQ(l2fm_edm_table_mac_get_pool()->bp_cnt, UINT32_MAX);
+    EXPECT_EQ(l2fm_edm_table_mac_get_pool()->bd_cnt, 1u);
+    l2fm_edm_table_cnt_inc(EDM_COUNT_BP);
+    l2fm_edm_table_cnt_dec(EDM_COUNT_BD);
+}
+
+TEST_F(table, takes_entries_off_the_list_once)
+{
+    run("1 10 1");
+    l2fm_edm_mac_t *mac = cached(1, 1);
+    const l2fm_edm_ll_root_t *list = l2fm_edm_table_ll_get_root();
+    for (int again = 0; again < 2; again++) {
+        EXPECT_EQ(l2fm_edm_table_ll_remove(mac), &mac->list_link);
+        EXPECT_EQ(list->ll_count, 0u);
+        EXPECT_EQ(static_cast<const void *>(list->ll_first), list);
+        EXPECT_EQ(static_cast<const void *>(list->ll_last), list);
+    }
+    EXPECT_EQ(l2fm_edm_table_ll_insert(mac), 0u);
+    EXPECT_EQ(l2fm_edm_table_ll_init(), EDM_ERR_INVALID_ARGS);
+    EXPECT_EQ(list->ll_count, 1u);
+}
+
+TEST_F(table, gives_and_takes_elements_of_its_pools)
+{
+    EXPECT_EQ(l2fm_edm_table_malloc(EDM_POOL_COUNT), nullptr);
+    uint64_t foreign = 0;
+    EXPECT_EQ(l2fm_edm_table_free(EDM_POOL_COUNT, &foreign), EDM_ERR_INVALID_ARGS);
+    EXPECT_EQ(l2fm_edm_table_bd_free(nullptr), EDM_ERR_INVALID_ARGS);
+    for (uint32_t pool = 0; pool < EDM_POOL_COUNT; pool++) {
+        EXPECT_EQ(l2fm_edm_table_free(pool, nullptr), EDM_ERR_INVALID_ARGS);
+    }
+    EXPECT_EQ(take_traces(), "");
+    EXPECT_EQ(l2fm_edm_table_free(EDM_POOL_MAC, &foreign), EDM_ERR_NO_RESOURCE);
+    EXPECT_EQ(take_traces(), "1949 l2fm_edm_table_free");
+    void *used = l2fm_edm_table_malloc(EDM_POOL_BP);
+    std::memset(used, 0xff, sizeof(bp_element));
+    EXPECT_EQ(l2fm_edm_table_free(EDM_POOL_BP, used), 0u);
+    void *fresh = l2fm_edm_table_malloc(EDM_POOL_BP);
+    const std::string bytes(static_cast<const char *>(fresh), sizeof(bp_element));
+    EXPECT_EQ(bytes, std::string(sizeof(bp_element), '\0'));
+    EXPECT_EQ(l2fm_edm_table_free(EDM_POOL_BP, fresh), 0u);
+}
+
+TEST(table_life, starts_empty_and_again_after_a_teardown)
+{
+    for (int again = 0; again < 3; again++) {
+        const bool has_list = l2fm_edm_table_ll_get_root()->ll_initialised != 0; // made once in a process
+        take_traces();
+        EXPECT_EQ(l2fm_edm_table_init(), 0u);
+        EXPECT_EQ(take_traces(), has_list ? "1938 l2fm_edm_table_init" : "");
+        EXPECT_NE(ordtree_running(l2fm_edm_table_bd_get_root()), 0u);
+        EXPECT_NE(ordtree_running(l2fm_edm_table_bp_get_root()), 0u);
+        EXPECT_EQ(audit_table(), "");
+        EXPECT_EQ(table_text(), "list");
+        EXPECT_EQ(l2fm_edm_table_bd_cache_init(), EDM_ERR_INVALID_ARGS);
+        EXPECT_EQ(l2fm_edm_table_bp_cache_init(), EDM_ERR_INVALID_ARGS);
+        EXPECT_EQ(l2fm_edm_table_deinit(), 0u);
+    }
+}
+
+TEST(table_life, ends_with_nothing_left)
+{
+    start();
+    run("1 10 1; 2 30 1 0x1000 5; 3 30 1 0x1001 6; 4 9 1 0x20; 5 40 2 0x1000 5; 6 20 1; mark bp 20; try update 20 9");
+    const auto lost = entry(9, 99, 1); // on no port
+    l2fm_edm_table_ll_insert(l2fm_edm_table_mac_alloc_and_fill(&lost));
+    take_traces();
+    EXPECT_EQ(l2fm_edm_table_deinit(), 0u);
+    EXPECT_EQ(take_traces(), "1954 l2fm_edm_table_bp_destroy_internal DUMMY NOT_FOUND; "
+                             "1954 l2fm_edm_table_bp_destroy_internal 20 NOT_FOUND; "
+                             "1938 l2fm_edm_table_get"); // the lost entry's port is looked for
+    EXPECT_EQ(l2fm_edm_table_ll_get_root()->ll_count, 0u);
+    EXPECT_EQ(ordtree_running(l2fm_edm_table_bd_get_root()), 0u);
+    EXPECT_EQ(ordtree_running(l2fm_edm_table_bp_get_root()), 0u);
+    EXPECT_EQ(ordtree_memory().nodes, 0u);
+    EXPECT_EQ(host::chunk_next(nullptr), nullptr) << "a pool is left";
+}
+
+} // namespace
