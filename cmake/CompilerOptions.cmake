@@ -11,6 +11,7 @@ if(L2FIB_WERROR)
 endif()
 set(c_warnings -Wstrict-prototypes -Wmissing-prototypes)
 set(cxx_warnings -Wnon-virtual-dtor -Woverloaded-virtual)
+set(clang_warnings -Wthread-safety)
 set(gcc_warnings -Wduplicated-cond -Wlogical-op)
 
 add_library(l2fib_options INTERFACE)
@@ -18,7 +19,8 @@ target_compile_options(l2fib_options INTERFACE
     ${common_warnings}
     "$<$<COMPILE_LANGUAGE:C>:${c_warnings}>"
     "$<$<COMPILE_LANGUAGE:CXX>:${cxx_warnings}>"
-    "$<$<CXX_COMPILER_ID:GNU>:${gcc_warnings}>")
+    "$<$<CXX_COMPILER_ID:GNU>:${gcc_warnings}>"
+    "$<$<CXX_COMPILER_ID:Clang>:${clang_warnings}>")
 target_link_libraries(l2fib_options INTERFACE Threads::Threads)
 
 if(L2FIB_SANITIZE)
