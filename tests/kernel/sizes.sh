@@ -55,8 +55,9 @@ case_vlans_removed_from_200000_entries()
     add_bridge br0 vlan_filtering 1 ageing_time 1000000
     add_ports br0 p0
     bridge vlan add dev p0 vid 10-19
-    start_daemon
+    # The daemon dumps most entries and follows the rest, which costs the guest three times as much.
     for vlan in {10..19}; do
+        ((vlan != 17)) || start_daemon
         entries add p0 dynamic "$vlan" 1 20000
     done
     expect_same "with 20,000 entries in each of 10 VLANs"
