@@ -91,9 +91,9 @@ void feeder::follow_ids()
     }
     serve_line(bridge_ids_, &feeder::serve_domain);
     serve_line(xcids_, &feeder::serve_port);
-    feed_served();
     if (bridge_ids_.can_serve() || xcids_.can_serve() || !served_ports_.empty()) {
-        flush_again();
+        flush_again(); // before the entries are touched, which only asks for a flush after batch_time_ns
+        feed_served();
     } else if ((bridge_ids_.waits_for_rest() || xcids_.waits_for_rest()) && !rest_expected_) {
         uint32_t timer = 0;
         rest_expected_ = host::event_timer_attach(evm_, rest_ns, 0, call<&feeder::end_rest>, this, &timer) == 0;

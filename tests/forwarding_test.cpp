@@ -1142,7 +1142,7 @@ TEST_F(fed_module, AFullTableSaysWhatItLacksAndTakesItBack)
 // Bridges br0 to br2 have an id, and so have their seven ports. Of p0's VLANs, 5 finds an id as a domain only.
 TEST_F(fed_module, DomainsAndPortsThatFindNoIdGetOneThatComesBack)
 {
-    constexpr uint32_t br2 = 30, p3 = 31;
+    constexpr uint32_t br2 = 30, br3 = 31, p3 = 32;
     static std::vector<std::string> logged; // on the cache thread
     logged.clear();
     restart({.domain_limit = 4,
@@ -1161,6 +1161,7 @@ TEST_F(fed_module, DomainsAndPortsThatFindNoIdGetOneThatComesBack)
         set_vlan(5, 3);
         set_vlan(6, 10'000); // more than a round feeds
         set_vlan(7, 20);
+        it->set(link(br3, "br3", link_kind::bridge));
     });
     resync();
     const auto remove_bridge = [&](uint32_t bridge) {
@@ -1172,7 +1173,7 @@ TEST_F(fed_module, DomainsAndPortsThatFindNoIdGetOneThatComesBack)
             const health_view now = health();
             return now.domain_ids.waiting == domains_left && now.port_ids.waiting == ports_left
                    && cached().size() + entries_left == it->holds.size()
-                   && (now.state == completeness::limited) == (entries_left != 0);
+                   && (now.state == completeness::limited) == (domains_left != 0);
         };
         for (int tries = 0; !is_there() && tries < 500; ++tries) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -1180,13 +1181,15 @@ TEST_F(fed_module, DomainsAndPortsThatFindNoIdGetOneThatComesBack)
         EXPECT_TRUE(is_there()) << health().domain_ids.waiting << ", " << health().port_ids.waiting << ", "
                                 << cached().size();
     };
-    expect_left_out(2, 3, 10'023);
-    EXPECT_EQ(completeness_watch().reason(), "no id is left for 2 bridge domains (limit 4) and 3 ports (limit 7)");
+    expect_left_out(3, 3, 10'023);
+    EXPECT_EQ(completeness_watch().reason(), "no id is left for 3 bridge domains (limit 4) and 3 ports (limit 7)");
     remove_bridge(br1); // with two ports
-    expect_left_out(1, 1, 20);
+    expect_left_out(2, 1, 20);
     EXPECT_NE(id_of("lab:br0.6"), 0u);
     EXPECT_EQ(id_of("lab:br0.7"), 0u);
     remove_bridge(br2);
+    expect_left_out(1, 0, 0);
+    remove_bridge(br3); // which waits
     expect_left_out(0, 0, 0);
     expect_equal();
     EXPECT_EQ(since.worst(), completeness::limited);
