@@ -76,3 +76,32 @@ case_vlans_removed_from_200000_entries()
     expect_same "with a VLAN that returned"
     expect_count "at the end"
 }
+
+# add_vlan_domains NUMBER: a bridge with one port in every VLAN, which is 4,095 bridge domains.
+add_vlan_domains()
+{
+    add_bridge "br$1" vlan_filtering 1 vlan_default_pvid 0
+    add_ports "br$1" "p$1"
+    bridge vlan add dev "p$1" vid 1-4094
+}
+
+lacks_ids()
+{
+    [[ $(ctl show count 2>&1) == *"no id is left for 4080 bridge domains (limit 65535)"* ]]
+}
+
+case_more_vlans_than_ids()
+{
+    local number
+    for ((number = 1; number <= 16; number++)); do
+        add_vlan_domains "$number"
+    done
+    start_daemon
+    add_vlan_domains 17
+    wait_until lacks_ids
+    [ "$(ctl --json show health | jq --raw-output '."domains-without-id"')" -eq $((17 * 4095 - 65535)) ]
+    ip link del br1
+    wait_until ctl show count
+    [ "$(ctl --json show count --strict | jq '.[0].local')" -eq $((16 * 4095)) ]
+    ctl show count --domain guest:br17.4094 | grep --quiet 4094
+}
