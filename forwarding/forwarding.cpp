@@ -140,6 +140,9 @@ std::string options_error(const options &options)
     if (options.mac_limit == 0) {
         return "the MAC limit is 0, expected at least 1";
     }
+    if (options.domain_limit == 0 || options.port_limit == 0) {
+        return "the limit of bridge domains or ports is 0, expected at least 1";
+    }
     if (options.resync_wait_seconds == 0) {
         return "the resync wait time is 0, expected at least 1 second";
     }
@@ -279,9 +282,9 @@ std::string start_on(std::unique_ptr<plane> source, const options &options)
     }
     auto started = std::make_unique<running_module>();
     const std::string group = options.group.empty() ? default_group() : options.group;
-    started->feed =
-        std::make_unique<feeder>(*source, feeder_settings{group, options.resync_wait_seconds, options.mac_limit,
-                                                          options.proof_rate, options.report});
+    started->feed = std::make_unique<feeder>(
+        *source, feeder_settings{group, options.resync_wait_seconds, options.mac_limit, options.proof_rate,
+                                 options.domain_limit, options.port_limit, options.report});
     started->source = std::move(source);
     started->wait_seconds = options.resync_wait_seconds;
     {
@@ -415,7 +418,7 @@ std::string completeness_watch::reason() const
         return "changes of the forwarding plane were lost while the answer was made; a full dump has proven the table "
                "since";
     }
-    return now.empty() && worst() == completeness::limited ? "the table was full while the answer was made" : now;
+    return now.empty() && worst() == completeness::limited ? "the table lacked entries while the answer was made" : now;
 }
 
 uint16_t wait_seconds()

@@ -25,6 +25,9 @@ namespace forwarding {
 enum class severity : uint8_t { warning, info };
 using reporter = void (*)(severity how_bad, const std::string &text);
 
+inline constexpr uint16_t most_domains = 65'535;    // bridge ids have 16 bits, and 0 is none
+inline constexpr uint32_t most_ports = 0xffff'fffe; // xcids have 32 bits; 0 is none, and the last is the dummy port's
+
 enum class plane_choice : uint8_t { generated, recorded, kernel };
 
 struct options {
@@ -46,6 +49,11 @@ struct options {
     std::string group = {};
 
     uint32_t mac_limit = 2'000'000;
+
+    // How many bridge domains and ports get an id, at least 1 of each. The defaults are all the ids that exist; a test
+    // lowers them.
+    uint16_t domain_limit = most_domains;
+    uint32_t port_limit = most_ports;
 
     // How many entries a second are compared with what the plane holds, to find what no change reported; 0: none.
     uint32_t proof_rate = 256;
@@ -88,7 +96,7 @@ release_report stop();
 // What an answer from the table is worth.
 enum class completeness : uint8_t {
     whole,
-    limited,  // the plane holds entries that the table does not: the limit is reached, or the table refused them
+    limited,  // the plane holds what the table does not: a limit of entries or ids is reached, or the table refused it
     degraded, // changes of the plane were lost, and no full listing has proven the table since
 };
 
@@ -124,6 +132,12 @@ struct limited_view {
     std::string port; // empty: the bridge domain itself
     uint64_t evicted = 0;
     uint64_t refused = 0;
+};
+
+// The ids of one kind of object.
+struct id_view {
+    uint32_t limit = 0;
+    uint64_t waiting = 0; // objects without an id, since all are in use
 };
 
 struct proof_view {
@@ -163,6 +177,8 @@ struct health_view {
     uint64_t missing = 0; // entries that the plane holds and the table does not, for want of room or refused
     uint64_t evictions = 0;
     uint64_t entries_refused = 0;
+    id_view domain_ids;
+    id_view port_ids;
     std::vector<limited_view> limited; // ports that lost an entry so, the first few
     proof_view proof;
 

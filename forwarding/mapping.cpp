@@ -10,22 +10,6 @@
 
 namespace forwarding {
 
-// ---- Ids ----
-
-uint32_t id_pool::take()
-{
-    if (used_.size() == size_t{last_} - first_ + 1) {
-        return 0;
-    }
-    for (;;) {
-        const uint32_t id = next_;
-        next_ = id == last_ ? first_ : id + 1;
-        if (used_.insert(id).second) {
-            return id;
-        }
-    }
-}
-
 // ---- Names ----
 
 bool name_can_carry(char character)
@@ -132,7 +116,7 @@ constexpr const char *standing_texts[] = {
     "receive filter",
     "VXLAN device without a bridge",
     "bridge that is not known by a name",
-    "no id left for the bridge domain or port",
+    "bridge domain or port without an id",
 };
 static_assert(std::size(standing_texts) == static_cast<size_t>(standing::count));
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// How the kernel's terms become the module's: flags, descriptors, names and ids.
+// How the kernel's terms become the module's: flags, descriptors and names. Ids: ids.h.
 //
 //      bridge interface, VLAN      bridge id, full name
 //      port interface, VLAN, VNI   xcid, cross-connect with its first segment
@@ -11,35 +11,12 @@
 
 #include <string>
 #include <string_view>
-#include <unordered_set>
 
 #include "forwarding/table_copy.h"
 #include "host/objects/l2fib_objects.h"
 #include "l2fib_mac_edm.h"
 
 namespace forwarding {
-
-// ---- Ids ----
-
-// Hands out the numbers of a range, each time the next one that is free, so that none is used again at once.
-class id_pool {
-public:
-    id_pool(uint32_t first, uint32_t last)
-        : first_(first)
-        , last_(last)
-        , next_(first)
-    {}
-
-    // 0: all are in use.
-    uint32_t take();
-    void give_back(uint32_t id) { used_.erase(id); }
-
-private:
-    uint32_t first_;
-    uint32_t last_;
-    uint32_t next_;
-    std::unordered_set<uint32_t> used_;
-};
 
 // ---- Names ----
 
@@ -69,7 +46,7 @@ enum class standing : uint8_t {
     receive_filter, // a device's own entry, and the device is not VXLAN
     without_bridge, // of a VXLAN device that is in no bridge
     without_name,   // its bridge has not been told, or could not be named
-    without_id,     // of a bridge domain or port for which there was no id
+    without_id,     // of a bridge domain or port that has no id, or could not be stored
     count,
 };
 

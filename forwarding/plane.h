@@ -58,7 +58,8 @@ struct link_record {
     uint32_t vni = 0;        // a VXLAN device that is not external
     bool up = false;
     mac_address address = {};
-    uint32_t ageing_ms = 0; // a bridge: how long a learned entry stays without being seen; 0: not known
+    uint32_t ageing_ms = 0;        // a bridge: how long a learned entry stays without being seen; 0: not known
+    bool can_filter_vlans = false; // a bridge: its kernel has VLAN filtering, whether or not it is switched on
 
     bool operator==(const link_record &) const = default;
 };

@@ -560,6 +560,7 @@ void table_copy::unlink_from_port(uint32_t entry)
     leave_group(entry);
     (removed.prev != no_slot ? entries[removed.prev].next : from.first) = removed.next;
     (removed.next != no_slot ? entries[removed.next].prev : from.last) = removed.prev;
+    from.resume = from.resume == entry ? removed.next : from.resume;
     removed.port = removed.next = removed.prev = no_slot;
     from.entries--;
 }

@@ -85,7 +85,9 @@ struct copy_port {
     uint32_t entries = 0;
 
     // The listener's.
+    uint32_t resume = no_slot; // the entry at which it continues a walk; the copy moves it on when that entry leaves
     uint32_t xcid = 0;
+    uint64_t waits = 0; // its place in the line for an id; 0: it does not wait
     edm_mac_counters_t counters = {};
 };
 
@@ -93,7 +95,10 @@ struct copy_domain {
     uint32_t bridge = 0; // interface index
     uint16_t vlan = 0;
     std::vector<uint32_t> ports;
-    uint16_t bridge_id = 0; // the listener's
+
+    // The listener's.
+    uint16_t bridge_id = 0;
+    uint64_t waits = 0; // as copy_port::waits
 };
 
 struct copy_link {

@@ -112,6 +112,10 @@ void write_plane(json_writer &json, const forwarding::health_view &view)
         {"entries-missing", view.missing},
         {"evictions", view.evictions},
         {"entries-refused", view.entries_refused},
+        {"domain-limit", view.domain_ids.limit},
+        {"domains-without-id", view.domain_ids.waiting},
+        {"port-limit", view.port_ids.limit},
+        {"ports-without-id", view.port_ids.waiting},
     };
     json.member("plane", view.plane);
     json.member("group", view.group);

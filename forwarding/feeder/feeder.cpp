@@ -204,10 +204,16 @@ void feeder::entry_confirmed(uint32_t at, bool has_aged)
 
 void feeder::flush_later()
 {
-    if (!flush_expected_ && settled_ < dirty_.size()) {
+    if (!flush_expected_ && (settled_ < dirty_.size() || must_follow_ids_)) {
         uint32_t timer = 0;
         flush_expected_ = host::event_timer_attach(evm_, batch_time_ns, 0, call<&feeder::flush>, this, &timer) == 0;
     }
+}
+
+// Continues a round's work after other events have had their turn.
+void feeder::flush_again()
+{
+    flush_expected_ = flush_expected_ || host::event_post(evm_, call<&feeder::flush>, nullptr, this) == 0;
 }
 
 void feeder::flush()
@@ -221,13 +227,27 @@ void feeder::flush()
         done += settle_slice();
     }
     if (settled_ < dirty_.size()) {
-        flush_expected_ = host::event_post(evm_, call<&feeder::flush>, nullptr, this) == 0;
+        flush_again();
     } else {
         settle_everything(); // ends the queue
     }
 }
 
 void feeder::settle_everything()
+{
+    settle_queue();
+    follow_ids();
+    if (!dirty_.empty()) {
+        settle_queue();
+    }
+    end_id_shortage();
+    entries_ = copy_.living;
+    links_ = copy_.known_links;
+    unchanged_ = copy_.unchanged;
+    follow_state();
+}
+
+void feeder::settle_queue()
 {
     do {
         while (settled_ < dirty_.size()) {
@@ -237,10 +257,6 @@ void feeder::settle_everything()
         settled_ = 0;
         refill();
     } while (!dirty_.empty()); // a flood list that has found room brings its other destinations
-    entries_ = copy_.living;
-    links_ = copy_.known_links;
-    unchanged_ = copy_.unchanged;
-    follow_state();
 }
 
 // Returns how many entries it has settled.

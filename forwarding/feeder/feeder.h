@@ -26,6 +26,8 @@
 // Limit. A full cache gives up its newest entry for each new one. The feeder sees which one that is, counts it, and
 // feeds it again once there is room.
 //
+// Ids. A bridge domain or port that finds no id free waits for one, and its entries with it (feeder_ids.cpp).
+//
 // Threads: the cache thread, but for what is marked "any thread". views_mutex_ may be taken with the table lock held,
 // and nothing is called with it.
 #pragma once
@@ -42,6 +44,7 @@
 #include <utility>
 #include <vector>
 
+#include "forwarding/feeder/ids.h"
 #include "forwarding/feeder/reading.h"
 #include "forwarding/forwarding.h"
 #include "forwarding/mapping.h"
@@ -61,6 +64,8 @@ struct feeder_settings {
     uint16_t wait_seconds = 0;
     uint32_t mac_limit = 0;
     uint32_t proof_rate = 0;
+    uint16_t domain_limit = most_domains;
+    uint32_t port_limit = most_ports;
     reporter report = nullptr;
 };
 
@@ -178,6 +183,13 @@ private:
         uint64_t refused = 0;
     };
 
+    // Why answers are limited.
+    struct limit_causes {
+        bool room = false;
+        bool ids = false;
+        bool operator==(const limit_causes &) const = default;
+    };
+
     // For the event library's callbacks.
     template <auto Member>
     static void call(void *cookie)
@@ -210,7 +222,8 @@ private:
     void count_entry(uint32_t at);
     void change_counters(const copy_entry &entry, uint32_t by);
     std::atomic<uint32_t> &bridge_counter(uint16_t bridge_id, uint8_t counted_as);
-    void name_domain(uint32_t at);
+    bool name_domain(uint32_t at, uint32_t id);
+    bool connect_port(uint32_t at, uint32_t xcid);
     std::string full_name(const copy_domain &domain) const;
     void rename_domain(uint32_t at, const std::string &wanted);
     void feed_renamed(uint32_t domain);
@@ -227,8 +240,10 @@ private:
     void expect_removal(uint32_t publication_status);
     void removal_arrived();
     void flush_later();
+    void flush_again();
     void flush();
     void settle_everything();
+    void settle_queue();
     size_t settle_slice();
     void settle(uint32_t at);
     void feed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor);
@@ -254,6 +269,24 @@ private:
     void refill();
     void collect_unfed();
 
+    // Ids.
+    void number_domain(uint32_t at);
+    void number_port(uint32_t at);
+    void begin_id_shortage(refusal reason, const std::string &object);
+    void leave_line(id_line &line, uint64_t place);
+    void give_back(id_line &line, uint32_t id);
+    void follow_ids_later();
+    void follow_ids();
+    void end_rest();
+    void serve_line(id_line &line, void (feeder::*give)(const served_object &served));
+    void serve_domain(const served_object &served);
+    void serve_port(const served_object &served);
+    void feed_port_later(uint32_t at);
+    void feed_served();
+    void end_id_shortage();
+    bool lacks_ids() const;
+    std::string text_of_id_shortage() const;
+
     // Doubt.
     bool is_questionable(uint32_t at) const;
     void ask_about_slice(size_t end);
@@ -271,6 +304,8 @@ private:
     void compare_sample(bool confirms);
     bool agrees(uint32_t at, const fdb_answer &answer) const;
     void begin_doubt();
+    limit_causes causes_of_limit() const;
+    std::string text_of_limit() const;
     void follow_state();
     std::string text_of_recovery(completeness before) const;
 
@@ -295,8 +330,11 @@ private:
     event_manager_t *evm_ = nullptr;
     std::atomic<int64_t> epoch_offset_ms_{0}; // milliseconds since the epoch, less those of the steady clock
 
-    id_pool bridge_ids_{1, 65'535};
-    id_pool xcids_{1, EDM_COUNTER_UNKNOWN - 1};
+    id_line bridge_ids_{settings_.domain_limit};
+    id_line xcids_{settings_.port_limit};
+    std::deque<uint32_t> served_ports_; // their entries wait to be fed since they got an id
+    bool must_follow_ids_ = false;      // an object has begun or ceased to wait, or an id has come back
+    bool rest_expected_ = false;
     std::unordered_map<uint16_t, uint32_t> domains_by_id_;
     std::unordered_map<uint32_t, uint32_t> ports_by_xcid_;
 
@@ -324,6 +362,7 @@ private:
     std::vector<uint32_t> disagreeing_; // in the last sample
     uint32_t disagreed_ms_ = 0;         // when the plane was asked for it, as touched_ms
     completeness reported_state_ = completeness::degraded;
+    limit_causes reported_causes_;
     uint64_t lost_since_whole_ = 0;
     bool has_reported_loss_ = false; // since answers were whole
 
@@ -341,6 +380,8 @@ private:
     std::atomic<bool> listed_{false};     // a generation has ended
     std::atomic<bool> is_unproven_{true}; // the plane may be clean, and what it has left open is not decided yet
     std::atomic<uint64_t> degradations_{0}, limitations_{0};
+    // An object waits for an id, or some of its entries have waited and are not in the cache yet.
+    std::atomic<bool> is_short_of_ids_{false};
 
     mutable std::mutex views_mutex_; // guards what follows; held for a moment
     std::map<uint16_t, domain_view> domain_views_;

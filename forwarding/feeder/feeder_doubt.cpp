@@ -389,8 +389,12 @@ completeness feeder::state() const
     if (is_unproven_ || !plane_.health().clean) {
         return completeness::degraded;
     }
-    const bool is_limited = missing_ != 0 || standings_[static_cast<size_t>(standing::without_id)] != 0;
-    return is_limited ? completeness::limited : completeness::whole;
+    return causes_of_limit() != limit_causes() ? completeness::limited : completeness::whole;
+}
+
+feeder::limit_causes feeder::causes_of_limit() const
+{
+    return {missing_ != 0, lacks_ids()};
 }
 
 std::string feeder::reason() const
@@ -400,23 +404,34 @@ std::string feeder::reason() const
         return plane_.health().overruns != 0 || listed_
                    ? "changes of the forwarding plane were lost; a full dump has yet to prove the table"
                    : "the forwarding plane is being read for the first time";
-    case completeness::limited:
-        if (const uint64_t missing = missing_; missing != 0) {
-            return "the table has no room for " + plural(missing, "more entr") + " of the forwarding plane (limit "
-                   + std::to_string(settings_.mac_limit) + ")";
-        }
-        return "no id is left for some bridge domains or ports";
+    case completeness::limited: return text_of_limit();
     default: return {};
     }
 }
 
-// Logs once when the state changes.
+std::string feeder::text_of_limit() const
+{
+    const limit_causes causes = causes_of_limit();
+    std::string text;
+    if (causes.room) {
+        text = "the table has no room for " + plural(missing_, "more entr") + " of the forwarding plane (limit "
+               + std::to_string(settings_.mac_limit) + ")";
+    }
+    if (causes.ids) {
+        text += (text.empty() ? "" : "; ") + text_of_id_shortage();
+    }
+    return text;
+}
+
+// Logs once when the state or the cause of a limited one changes.
 void feeder::follow_state()
 {
     const completeness now = state();
-    if (!listed_ || now == reported_state_) {
+    const limit_causes causes = now == completeness::limited ? causes_of_limit() : limit_causes();
+    if (!listed_ || (now == reported_state_ && causes == reported_causes_)) {
         return;
     }
+    reported_causes_ = causes;
     const completeness before = std::exchange(reported_state_, now);
     switch (now) {
     case completeness::degraded:

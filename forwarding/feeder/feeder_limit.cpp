@@ -159,7 +159,7 @@ void feeder::refill()
         }
     }
     if (!unfed_.empty() && !cache_is_full()) {
-        flush_expected_ = flush_expected_ || host::event_post(evm_, call<&feeder::flush>, nullptr, this) == 0;
+        flush_again();
     }
 }
 

@@ -149,12 +149,9 @@ void feeder::refuse(refusal reason, const std::string &text)
 const char *feeder::text_of(refusal reason)
 {
     constexpr const char *texts[] = {
-        "entry that the cache refused",
-        "bridge domain without an id: 65535 are in use",
-        "port without an id",
-        "bridge domain that could not be named",
-        "object that could not be stored",
-        "removal that could not be published",
+        "entry that the cache refused",    "bridge domain that found no id free",
+        "port that found no id free",      "bridge domain that could not be named",
+        "object that could not be stored", "removal that could not be published",
     };
     static_assert(std::size(texts) == static_cast<size_t>(refusal::count));
     return texts[static_cast<size_t>(reason)];
@@ -184,22 +181,20 @@ bool feeder::set_domain_object(uint16_t bridge_id, std::string &name)
     return status == 0;
 }
 
-void feeder::name_domain(uint32_t at)
+// Makes the object of a bridge domain under a new id. False: it could not be stored, and the id is free again.
+bool feeder::name_domain(uint32_t at, uint32_t id)
 {
     copy_domain &domain = copy_.domains[at];
-    const auto id = static_cast<uint16_t>(bridge_ids_.take());
+    const auto bridge_id = static_cast<uint16_t>(id);
     std::string name = full_name(domain);
-    if (id == 0) {
-        refuse(refusal::bridge_id, "bridge domain " + name + ": no id is left");
-        return;
+    if (!set_domain_object(bridge_id, name)) {
+        bridge_ids_.put_back(id);
+        return false;
     }
-    if (!set_domain_object(id, name)) {
-        bridge_ids_.give_back(id);
-        return;
-    }
-    domain.bridge_id = id;
-    domains_by_id_[id] = at;
+    domain.bridge_id = bridge_id;
+    domains_by_id_[bridge_id] = at;
     view_domain(at, name);
+    return true;
 }
 
 void feeder::view_domain(uint32_t at, const std::string &name)
@@ -223,18 +218,20 @@ void feeder::view_domain(uint32_t at, const std::string &name)
 void feeder::domain_added(uint32_t domain)
 {
     if (copy_.find_link(copy_.domains[domain].bridge) != nullptr) {
-        name_domain(domain);
+        number_domain(domain);
     }
 }
 
 void feeder::domain_changed(uint32_t at)
 {
     const copy_domain &domain = copy_.domains[at];
-    if (domain.bridge_id == 0) {
-        name_domain(at);
-        for_each_entry({EDM_RESYNC_BD, domain.bridge_id}, [&](uint32_t entry) { entry_touched(entry); });
-    } else {
+    if (domain.bridge_id != 0) {
         rename_domain(at, full_name(domain));
+    } else if (domain.waits == 0) {
+        number_domain(at);
+        for (const uint32_t port : domain.ports) {
+            copy_.for_each_entry_of_port(port, [&](uint32_t entry) { entry_touched(entry); });
+        }
     }
     for (const uint32_t port : domain.ports) {
         view_port(port);
@@ -288,12 +285,13 @@ void feeder::domain_going(uint32_t at)
 {
     const uint16_t id = copy_.domains[at].bridge_id;
     if (id == 0) {
+        leave_line(bridge_ids_, copy_.domains[at].waits);
         return;
     }
     host::bridge_domain_remove(id);
     expect_removal(host::bdxc_publish_bridge_domain_removed(id));
     domains_by_id_.erase(id);
-    bridge_ids_.give_back(id);
+    give_back(bridge_ids_, id);
     const std::lock_guard hold(views_mutex_);
     domain_views_.erase(id);
     losses_.erase({id, EDM_XCID_DUMMY});
@@ -307,19 +305,22 @@ void feeder::port_added(uint32_t at)
         port.xcid = EDM_XCID_DUMMY;
         return;
     }
-    const uint32_t xcid = xcids_.take();
-    if (xcid == 0) {
-        refuse(refusal::xcid, "port with interface index " + std::to_string(port.key.ifindex) + ": no id is left");
-        return;
-    }
+    number_port(at);
+}
+
+// As name_domain, for a port.
+bool feeder::connect_port(uint32_t at, uint32_t xcid)
+{
+    copy_port &port = copy_.ports[at];
     if (host::cross_connect_set(xcid, cross_connect_of(port)) != 0) {
         refuse(refusal::object, "port with interface index " + std::to_string(port.key.ifindex) + ": out of memory");
-        xcids_.give_back(xcid);
-        return;
+        xcids_.put_back(xcid);
+        return false;
     }
     port.xcid = xcid;
     ports_by_xcid_[xcid] = at;
     view_port(at);
+    return true;
 }
 
 void feeder::port_changed(uint32_t port)
@@ -356,13 +357,14 @@ void feeder::port_going(uint32_t at)
 {
     const uint32_t xcid = copy_.ports[at].xcid;
     if (xcid == 0 || xcid == EDM_XCID_DUMMY) {
+        leave_line(xcids_, copy_.ports[at].waits);
         return;
     }
     const uint16_t bridge_id = copy_.domains[copy_.ports[at].domain].bridge_id;
     host::cross_connect_remove(xcid);
     expect_removal(host::bdxc_publish_cross_connect_removed(xcid));
     ports_by_xcid_.erase(xcid);
-    xcids_.give_back(xcid);
+    give_back(xcids_, xcid);
     const std::lock_guard hold(views_mutex_);
     port_views_.erase({bridge_id, xcid});
     losses_.erase({bridge_id, xcid});
@@ -412,6 +414,8 @@ health_view feeder::health() const
     view.missing = missing_;
     view.evictions = evictions_;
     view.entries_refused = entries_refused_;
+    view.domain_ids = {bridge_ids_.limit(), bridge_ids_.waiting()};
+    view.port_ids = {xcids_.limit(), xcids_.waiting()};
     view.proof = {proof_asked_, proof_disagreed_, listed_stale_, listed_missing_, proven_time_};
     for (size_t at = 0; at < static_cast<size_t>(standing::count); at++) {
         if (const char *text = forwarding::text_of(static_cast<standing>(at)); text != nullptr && standings_[at] != 0) {

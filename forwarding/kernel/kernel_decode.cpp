@@ -107,6 +107,7 @@ bool read_bridge_attribute(const attribute &found, link_record &link)
 {
     switch (found.type) {
     case IFLA_BR_VLAN_FILTERING: return read_flag(found.payload, link.vlan_aware);
+    case IFLA_BR_VLAN_PROTOCOL: link.can_filter_vlans = true; return true; // only kernels with VLAN filtering send it
     case IFLA_BR_AGEING_TIME: return read_ageing_time(found.payload, link.ageing_ms);
     default: return true;
     }

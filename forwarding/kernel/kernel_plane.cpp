@@ -96,6 +96,7 @@ private:
     void end_overrun();
     void note_loss(uint64_t count);
     void take_change(const kernel_message &message);
+    void take_link(const link_record &record);
     void take_link_change(const link_record &record);
     void take_link_gone(uint32_t ifindex);
     void take_vlans(uint32_t ifindex, const std::bitset<most_vlans> &vlans);
@@ -294,7 +295,7 @@ std::vector<std::string> kernel_plane::lacks() const
         const char *text;
     } rows[] = {
         {lacks_next_hops_, "notifications of next hops: entries of a deleted one stay until the next full dump"},
-        {lacks_vlans_, "VLANs on bridges"},
+        {lacks_vlans_, "VLAN filtering of bridges: no entry has a VLAN"},
         {lacks_questions_, "questions about single entries: ages are as old as the last full dump"},
     };
     std::vector<std::string> found;
@@ -413,18 +414,29 @@ void kernel_plane::take_change(const kernel_message &message)
     }
 }
 
-void kernel_plane::take_link_change(const link_record &record)
+// Keeps and reports a link, from a notification or a dump. Each bridge shows whether the kernel has VLAN filtering.
+void kernel_plane::take_link(const link_record &record)
 {
     counters_.events++;
-    const known_link before = std::exchange(links_[record.ifindex], {record, sequence_});
+    links_[record.ifindex] = {record, sequence_};
+    if (record.kind == link_kind::bridge) {
+        lacks_vlans_ = !record.can_filter_vlans;
+    }
+    sink_->link_changed(record);
+    take_early(record.ifindex);
+}
+
+void kernel_plane::take_link_change(const link_record &record)
+{
+    const auto known = links_.find(record.ifindex);
+    const known_link before = known != links_.end() ? known->second : known_link{};
     const bool was_known = before.record.ifindex != 0;
     const bool moved = was_known && before.record.master != record.master;
     listing_note_link(listing_, record.ifindex);
     if (moved) {
         listing_note_port_left(listing_, before.record.master);
     }
-    sink_->link_changed(record);
-    take_early(record.ifindex);
+    take_link(record);
     if (record.kind == link_kind::vxlan && (moved || !was_known)) {
         list_own_entries(record);
     }
@@ -810,10 +822,7 @@ bool kernel_plane::take_listed(const kernel_message &message)
     switch (message.kind) {
     case kernel_message_kind::link_changed:
         if (listing_believes_link(listing_, message.link.ifindex)) {
-            counters_.events++;
-            links_[message.link.ifindex] = {message.link, sequence_};
-            sink_->link_changed(message.link);
-            take_early(message.link.ifindex);
+            take_link(message.link);
         }
         return true;
     case kernel_message_kind::vlan_vnis:
@@ -843,10 +852,9 @@ void kernel_plane::end_dump(int error)
     // What has gone since it was planned cannot be dumped, and has nothing to be told.
     const bool is_of_all = current.scope == kernel_scope::links || current.scope == kernel_scope::vlan_vnis;
     const bool has_gone = !is_of_all && !links_.contains(current.ifindex);
-    // A kernel without VLANs on its bridges may refuse to dump them, and there is no map then.
-    const bool lacks_vlans = current.scope == kernel_scope::vlan_vnis && error == EOPNOTSUPP;
-    listing_.disturbed |= error != 0 && !lacks_vlans;
-    lacks_vlans_ = current.scope == kernel_scope::vlan_vnis ? lacks_vlans : lacks_vlans_.load();
+    // A kernel that cannot dump the VLANs of its bridges has no map.
+    const bool is_without_map = current.scope == kernel_scope::vlan_vnis && error == EOPNOTSUPP;
+    listing_.disturbed |= error != 0 && !is_without_map;
     const bool counts = has_gone || listing_close_window(listing_);
     ++(counts ? counters_.dumps_clean : counters_.dumps_unclean);
     if (!counts && !needs_generation_ && listing_may_repeat(listing_) && request_dump()) {

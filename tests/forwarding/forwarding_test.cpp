@@ -14,6 +14,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "forwarding/feeder/ids.h"
 #include "forwarding/feeder/reading.h"
 #include "forwarding/generated/generate.h"
 #include "forwarding/mapping.h"
@@ -86,6 +87,29 @@ TEST(Ids, AreNotUsedAgainAtOnceAndEnd)
     EXPECT_EQ(pool.take(), 0u);
     pool.give_back(3);
     EXPECT_EQ(pool.take(), 3u);
+}
+
+TEST(Ids, RestAndGoToTheObjectThatWaitsLongest)
+{
+    id_line line(2);
+    EXPECT_EQ(line.take() + line.take(), 3u);
+    EXPECT_EQ(line.take(), 0u);
+    const uint64_t leaves = line.join(70);
+    line.join(71);
+    line.join(72);
+    line.leave(leaves);
+    line.give_back(2, UINT32_MAX - 9); // the clock wraps while it rests
+    line.end_rests(id_line::rest_ms - 11);
+    EXPECT_FALSE(line.can_serve());
+    line.end_rests(id_line::rest_ms - 10);
+    ASSERT_TRUE(line.can_serve());
+    const served_object served = line.serve();
+    EXPECT_EQ(served.slot, 71u);
+    EXPECT_EQ(served.id, 2u);
+    EXPECT_FALSE(line.can_serve());
+    line.put_back(1);
+    EXPECT_EQ(line.take(), 0u) << "a new object overtakes one that waits";
+    EXPECT_EQ(line.waiting(), 1u);
 }
 
 TEST(Names, CarryWhatItemKeysCan)
@@ -223,6 +247,12 @@ TEST(Copy, KeepsPortsPerVlanAndVni)
     device.vni = 200;
     copy.link_changed(device);
     EXPECT_EQ(copy.ports[copy.entries[entry].port].key.vni, 200u);
+    copy.fdb_changed(on_bridge(1, 2, mac(2), fdb_reachable, 10));
+    copy_port &walked = copy.ports[copy.entries[entry].port];
+    walked.resume = walked.first;
+    copy.fdb_gone(on_bridge(1, 2, mac(1), fdb_reachable, 10));
+    EXPECT_EQ(walked.resume, walked.last) << "a walk stands at an entry that has gone";
+    copy.fdb_changed(on_bridge(1, 2, mac(1), fdb_reachable, 10));
     device.master = 0;
     copy.link_changed(device);
     EXPECT_FALSE(copy.entries[entry].alive);
@@ -575,14 +605,14 @@ lines expected(const scripted &plane)
 constexpr uint32_t br0 = 1, br1 = 2, p0 = 10, p1 = 11, p2 = 12, vx0 = 20, vx1 = 21, vx2 = 22, vx3 = 23;
 
 struct fed_module : testing::Test {
-    fed_module() { begin(2'000'000, false); }
+    fed_module() { begin({}, false); }
     ~fed_module() override
     {
         const release_report report = stop();
         EXPECT_TRUE(report.orderly) << report.text;
     }
 
-    void begin(uint32_t limit, bool is_silent)
+    void begin(forwarding::options options, bool is_silent)
     {
         auto owned = std::make_unique<scripted>();
         it = owned.get();
@@ -594,16 +624,14 @@ struct fed_module : testing::Test {
               link(vx1, "vx1", link_kind::vxlan, br1, 101), link(vx2, "vx2", link_kind::vxlan, br0, 102)}) {
             it->links[each.ifindex] = each;
         }
-        forwarding::options options;
         options.group = "lab";
         options.resync_wait_seconds = 20;
-        options.mac_limit = limit;
         EXPECT_EQ(start_on(std::move(owned), options), "");
     }
-    void restart(uint32_t limit, bool is_silent)
+    void restart(const forwarding::options &options, bool is_silent)
     {
         EXPECT_TRUE(stop().orderly);
-        begin(limit, is_silent);
+        begin(options, is_silent);
     }
 
     uint32_t id_of(const std::string &name) const
@@ -848,7 +876,7 @@ struct churn : fed_module {
 TEST_F(churn, LeavesWhatThePlaneHolds)
 {
     for (const uint32_t limit : {2'000'000u, 60u}) {
-        restart(limit, limit == 60);
+        restart({.mac_limit = limit}, limit == 60);
         on_cache([&] {
             it->set(link(vx3, "vx3", link_kind::vxlan, br1));
             it->links.at(vx3).external = true;
@@ -979,7 +1007,7 @@ TEST_F(fed_module, AnAnswerDoesNotUndoALaterChange)
     };
     const auto by_age = [] { return std::optional(read_ordered(row_order::last_seen, {}, 10)); };
     for (const bool is_sorted : {false, true}) {
-        restart(2'000'000, true);
+        restart({}, true);
         for (const late_case &each : cases) {
             SCOPED_TRACE(each.name);
             const auto put = [&](std::optional<uint32_t> port) {
@@ -1001,7 +1029,7 @@ TEST_F(fed_module, AnAnswerDoesNotUndoALaterChange)
 // No mark stays without a dump that will take it away.
 TEST_F(fed_module, DegradedAnswersEnd)
 {
-    restart(2'000'000, true);
+    restart({}, true);
     const fdb_destination by_next_hop{destination_kind::next_hop, {}, 7};
     on_cache([&] {
         it->set(of_device(vx0, mac(1), by_next_hop));
@@ -1046,7 +1074,7 @@ TEST_F(fed_module, DegradedAnswersEnd)
 
 TEST_F(fed_module, ASampleFindsWhatNoChangeReported)
 {
-    restart(2'000'000, true);
+    restart({}, true);
     on_cache([&] {
         for (uint32_t number = 0; number < 100; number++) {
             it->set(on_bridge(br0, p0, mac(number)));
@@ -1077,7 +1105,7 @@ TEST_F(fed_module, ASampleFindsWhatNoChangeReported)
 
 TEST_F(fed_module, AFullTableSaysWhatItLacksAndTakesItBack)
 {
-    restart(600, false);
+    restart({.mac_limit = 600}, false);
     on_cache([&] {
         for (uint32_t number = 0; number < 500; number++) {
             it->set(on_bridge(br0, p0, mac(number)));
@@ -1112,6 +1140,66 @@ TEST_F(fed_module, AFullTableSaysWhatItLacksAndTakesItBack)
     resync();
     expect_equal();
     EXPECT_EQ(completeness_watch().worst(), completeness::whole);
+}
+
+// Bridges br0 to br2 have an id, and so have their seven ports. Of p0's VLANs, 5 finds an id as a domain only.
+TEST_F(fed_module, DomainsAndPortsThatFindNoIdGetOneThatComesBack)
+{
+    constexpr uint32_t br2 = 30, br3 = 31, p3 = 32;
+    static std::vector<std::string> logged; // on the cache thread
+    logged.clear();
+    restart({.domain_limit = 4,
+             .port_limit = 7,
+             .report = [](severity, const std::string &text) { logged.push_back(text); }},
+            false);
+    const completeness_watch since;
+    const auto set_vlan = [&](uint16_t vlan, uint32_t count) {
+        for (uint32_t number = 0; number < count; ++number) {
+            it->set(on_bridge(br0, p0, mac(number), fdb_reachable, vlan));
+        }
+    };
+    on_cache([&] {
+        it->set(link(br2, "br2", link_kind::bridge));
+        it->set(link(p3, "p3", link_kind::other, br2));
+        set_vlan(5, 3);
+        set_vlan(6, 10'000); // more than a round feeds
+        set_vlan(7, 20);
+        it->set(link(br3, "br3", link_kind::bridge));
+    });
+    resync();
+    const auto remove_bridge = [&](uint32_t bridge) {
+        on_cache([&] { it->to->link_gone(bridge); });
+        it->links.erase(bridge);
+    };
+    const auto expect_left_out = [&](uint64_t domains_left, uint64_t ports_left, size_t entries_left) {
+        const auto is_there = [&] {
+            const health_view now = health();
+            return now.domain_ids.waiting == domains_left && now.port_ids.waiting == ports_left
+                   && cached().size() + entries_left == it->holds.size()
+                   && (now.state == completeness::limited) == (domains_left != 0);
+        };
+        for (int tries = 0; !is_there() && tries < 500; ++tries) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        EXPECT_TRUE(is_there()) << health().domain_ids.waiting << ", " << health().port_ids.waiting << ", "
+                                << cached().size();
+    };
+    expect_left_out(3, 3, 10'023);
+    EXPECT_EQ(completeness_watch().reason(), "no id is left for 3 bridge domains (limit 4) and 3 ports (limit 7)");
+    remove_bridge(br1); // with two ports
+    expect_left_out(2, 1, 20);
+    EXPECT_NE(id_of("lab:br0.6"), 0u);
+    EXPECT_EQ(id_of("lab:br0.7"), 0u);
+    remove_bridge(br2);
+    expect_left_out(1, 0, 0);
+    remove_bridge(br3); // which waits
+    expect_left_out(0, 0, 0);
+    expect_equal();
+    EXPECT_EQ(since.worst(), completeness::limited);
+    on_cache([] {
+        EXPECT_THAT(logged, ElementsAre(HasSubstr("has been read"), HasSubstr("marked limited: no id"),
+                                        HasSubstr("answers are whole")));
+    });
 }
 
 TEST_F(fed_module, RowsAreReadOnceInEachOrderAndFromAnyPlace)

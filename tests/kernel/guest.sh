@@ -4,6 +4,9 @@
 # What the cases of this directory share. scripts/test-kernel packs them into a guest; init.sh sources this file there
 # and runs one case. Each case starts in a fresh guest, without any link but lo, and ends with the daemon's clean end.
 
+# shellcheck source=lacks.sh
+source /cases/lacks.sh
+
 export L2FIBD_SOCKET=/run/l2fibd.sock
 readonly log=/run/l2fibd.log
 readonly patience_s=240 # the guest's instructions are emulated, and other work shares the host's cores
@@ -53,22 +56,12 @@ end_daemon()
     grep --quiet 'ended; released' "$log"
 }
 
-# Entries as both sides print them, one a line, all members included. Receive filters are no forwarding entries: what
+# as_lines FILE: the entries of either side's JSON, one a line, with all members. It leaves out receive filters: what
 # devices other than VXLAN hold themselves. A bridge's entry is stale for the moment before the kernel drops it.
 as_lines()
 {
-    sed 's/^\[//; s/[],]$//; s/},{/}\n{/g' | sed -nE '/"master":/s/"stale"/""/; /"(master|dst|nhid)":/p' |
-        LC_ALL=C sort --unique
-}
-
-kernel_table()
-{
-    bridge -j -d fdb show | as_lines
-}
-
-our_table()
-{
-    ctl --bridge-json show mac | as_lines
+    sed 's/^\[//; s/[],]$//; s/},{/}\n{/g' "$1" |
+        sed --quiet '/"master":/{s/"stale"/""/;p;b}; /"dst":/{p;b}; /"nhid":/p' | LC_ALL=C sort --unique
 }
 
 # expect_same STEP: l2fibctl shows what the kernel holds. An answer that is marked as incomplete, or a kernel's table
@@ -78,14 +71,16 @@ expect_same()
     local look status
     for ((look = 0; look < looks; look++)); do
         status=0
-        kernel_table >/tmp/before
-        our_table >/tmp/ours 2>/tmp/messages || status=$?
-        kernel_table >/tmp/kernel
+        bridge -j -d fdb show >/tmp/before.json
+        ctl --bridge-json show mac >/tmp/ours.json 2>/tmp/messages || status=$?
+        bridge -j -d fdb show >/tmp/kernel.json
         if ((status != 0 && status != nothing_found && status != incomplete)); then
             echo "l2fibctl ended with status $status $1: $(cat /tmp/messages)"
             return 1
         fi
-        if ((status != incomplete)) && cmp --quiet /tmp/before /tmp/kernel; then
+        if ((status != incomplete)) && cmp --quiet /tmp/before.json /tmp/kernel.json; then
+            as_lines /tmp/kernel.json >/tmp/kernel
+            as_lines /tmp/ours.json >/tmp/ours
             expect_equal "$1" /tmp/kernel /tmp/ours
             return
         fi
@@ -95,7 +90,7 @@ expect_same()
     return 1
 }
 
-# expect_equal STEP KERNEL OURS: two files.
+# expect_equal STEP KERNEL OURS: two files are the same.
 expect_equal()
 {
     if ! diff "$2" "$3" >/tmp/difference; then
@@ -115,6 +110,14 @@ expect_entries()
         echo "the kernel holds $found entries like $3 $1; expected $2"
         return 1
     fi
+}
+
+# `show health` names what this kernel lacks, and nothing else.
+expect_lacks()
+{
+    missing_operations | LC_ALL=C sort >/tmp/kernel
+    ctl --json show health | jq --raw-output '.["kernel-lacks"][]' | cut -d: -f1 | LC_ALL=C sort >/tmp/ours
+    expect_equal "in what the kernel lacks" /tmp/kernel /tmp/ours
 }
 
 # add_bridge NAME OPTION...

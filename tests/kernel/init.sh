@@ -24,6 +24,7 @@ run_case()
 {
     set -eEuo pipefail
     trap 'echo "failed: line $LINENO of ${BASH_SOURCE[0]##*/}: $BASH_COMMAND" >&2' ERR
+    # shellcheck source=guest.sh
     source /cases/guest.sh
     # shellcheck disable=SC1090 # named by the command line
     source "/cases/$FILE"

@@ -139,3 +139,41 @@ case_frames_with_tags()
     ip link set br0.10 address 02:00:00:00:00:10 up
     expect_same "with a VLAN interface on the bridge"
 }
+
+# id_of_vlan VLAN: of its bridge domain on br0, or nothing.
+id_of_vlan()
+{
+    ctl --json-lines show domain | jq "select(.vlan == $1) | .\"bridge-id\""
+}
+
+has_ended()
+{
+    [[ -z $(id_of_vlan "$1") ]]
+}
+
+# A bridge domain lives while a port has an entry in its VLAN.
+case_domains_come_and_go_with_entries()
+{
+    local id
+    add_bridge br0 vlan_filtering 1 vlan_default_pvid 0
+    add_ports br0 p0 p1
+    start_daemon
+    has_ended 10
+    bridge vlan add dev p0 vid 10
+    ctl resync
+    id=$(id_of_vlan 10)
+    [ -n "$id" ]
+    bridge vlan add dev p1 vid 10
+    entries add p1 static 10 1 2
+    bridge vlan del dev p0 vid 10
+    ip link set p0 nomaster
+    sleep 3 # empty domains end within two seconds
+    [ "$(id_of_vlan 10)" = "$id" ]
+    bridge vlan del dev p1 vid 10
+    sleep 3
+    expect_same "without the VLAN on any port"
+    expect_entries "without the VLAN on any port" 2 '"mac":"02:aa.*"vlan":10'
+    [ "$(id_of_vlan 10)" = "$id" ]
+    bridge fdb flush dev br0 vlan 10 # the kernel deletes no single entry of a VLAN that the port has left
+    wait_until has_ended 10
+}

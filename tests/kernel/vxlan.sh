@@ -1,19 +1,25 @@
 # SPDX-License-Identifier: Apache-2.0
 
 # shellcheck shell=bash
-# One VXLAN device for all VNIs of a VLAN-aware bridge. The bridge maps VLANs to VNIs on that port; of the device's own
+# VXLAN devices for all VNIs of a VLAN-aware bridge. The bridge maps VLANs to VNIs on such a port. Of the device's own
 # entries for an address, the one whose source VNI is the VLAN's says behind which tunnel end the address is.
 
-readonly device=vx0
+device=vx0 # on which the functions below work
+
+# add_device OPTION...
+add_device()
+{
+    ip link add "$device" type vxlan external nolearning "$@"
+    ip link set "$device" master br0 up
+    bridge link set dev "$device" vlan_tunnel on
+    bridge vlan add dev "$device" vid 10-20
+}
 
 # add_single_device OPTION...
 add_single_device()
 {
     add_bridge br0 vlan_filtering 1
-    ip link add "$device" type vxlan external "$@" local 127.0.0.1 dstport 4789 nolearning
-    ip link set "$device" master br0 up
-    bridge link set dev "$device" vlan_tunnel on
-    bridge vlan add dev "$device" vid 10-20
+    add_device local 127.0.0.1 dstport 4789 "$@"
 }
 
 # map_vlans VLANS VNIS: one of each, or ranges of one length.
@@ -40,24 +46,31 @@ flood()
     bridge fdb append 00:00:00:00:00:00 dev "$device" dst "$2" src_vni "$1" self
 }
 
-# What the kernel's tables come to, as two lists of lines: addresses with VLAN, VNI and tunnel end, and tunnel ends with
-# the domains and VNIs that use them. A VLAN without a VNI gives an address neither.
+# What the kernel's tables come to, as two lists of lines: addresses with port, VLAN, VNI and tunnel end, and tunnel
+# ends with the ports, domains and VNIs that use them. An address whose VLAN has no VNI has neither. These lists show
+# tunnel ends of IPv4 only; expect_same compares the others, and the next hops.
 kernel_tunnels()
 {
     bridge -j vlan tunnelshow >/tmp/map
     bridge -j -d fdb show >/tmp/fdb
-    jq --null-input --compact-output --arg device "$device" --slurpfile map /tmp/map --slurpfile fdb /tmp/fdb '
-        [$map[0][] | select(.ifname == $device).tunnels[] | . as $range
-            | range(.vlan; (.vlanEnd // .vlan) + 1) | {vlan: ., vni: ($range.tunid + . - $range.vlan)}] as $vlans
-        | [$fdb[0][] | select(.ifname == $device)] as $entries
-        | ([$vlans[] | {key: "\(.vlan)", value: .vni}] | from_entries) as $vni_of
-        | ([$entries[] | select(.dst and .src_vni) | {key: "\(.mac) \(.src_vni)", value: .}] | from_entries) as $own
+    ip -j -d link show type vxlan >/tmp/links
+    jq --null-input --compact-output --slurpfile map /tmp/map --slurpfile fdb /tmp/fdb --slurpfile links /tmp/links '
+        def index_by(f): map({key: f, value: .}) | from_entries;
+        def ipv4: if . and test("[.]") then . else null end;
+        ($links[0] | index_by(.ifname)) as $devices
+        | [$map[0][] | .ifname as $port | .tunnels[] | . as $range | range(.vlan; (.vlanEnd // .vlan) + 1)
+            | {port: $port, vlan: ., vni: ($range.tunid + . - $range.vlan)}] as $vlans
+        | [$fdb[0][] | $devices[.ifname].linkinfo.info_data.id as $id | select($id != null) + {$id}] as $entries
+        | ($vlans | index_by("\(.port) \(.vlan)")) as $mapped
+        | ($entries | map(select(.dst or .nhid)) | index_by("\(.ifname) \(.mac) \(.src_vni // .id)")) as $own
         | ($entries[] | select(.master and .vlan and .state != "permanent")
-            | $vni_of["\(.vlan)"] as $vni | $own["\(.mac) \($vni)"] as $to
-            | ["address", .mac, .vlan, (if $to then $to.vni // $vni else null end), $to.dst],
-              (select($to) | ["end", $to.dst, "guest:br0.\(.vlan)", $to.vni // $vni])),
-          ($entries[] | select(.mac == "00:00:00:00:00:00" and .dst) | . as $flood
-            | $vlans[] | select(.vni == $flood.src_vni) | ["end", $flood.dst, "guest:br0.\(.vlan)", .vni])' |
+            | (if .id > 0 then .id else $mapped["\(.ifname) \(.vlan)"].vni end) as $vni
+            | $own["\(.ifname) \(.mac) \($vni)"] as $to
+            | ["address", .ifname, .mac, .vlan, ($to.vni // $vni), ($to.dst | ipv4)],
+              (select($to.dst | ipv4) | ["end", .ifname, $to.dst, "guest:br0.\(.vlan)", $to.vni // $vni])),
+          ($entries[] | select(.mac == "00:00:00:00:00:00" and (.dst | ipv4)) | . as $flood | $vlans[]
+            | select(.port == $flood.ifname and .vni == $flood.src_vni)
+            | ["end", .port, $flood.dst, "guest:br0.\(.vlan)", .vni])' |
         LC_ALL=C sort --unique
 }
 
@@ -65,10 +78,10 @@ kernel_tunnels()
 our_tunnels()
 {
     {
-        ctl --json-lines show mac --port "$device" | jq --compact-output 'select(.origin != "local" and .vlan)
-            | select(."mac-address" != "00:00:00:00:00:00") | ["address", ."mac-address", .vlan, .vni, .vtep]'
+        ctl --json-lines show mac | jq --compact-output 'select(.origin != "local" and .vlan and .port[0:2] == "vx")
+            | select(."mac-address" != "00:00:00:00:00:00") | ["address", .port, ."mac-address", .vlan, .vni, .vtep]'
         ctl --json-lines show vtep | jq --compact-output 'select(.domain | test("[.][0-9]+$"))
-            | ["end", .address, .domain, .vni]'
+            | ["end", .port, .address, .domain, .vni]'
     } 2>/dev/null | LC_ALL=C sort --unique
 }
 
@@ -145,4 +158,48 @@ case_one_vxlan_device_remapped()
     ip link set "$device" nomaster
     ip link set "$device" master br0
     expect_tunnels "after the device has left and returned" 0 0
+}
+
+# Devices that have the same VNI, the same addresses, or tunnel ends of the other family.
+case_vxlan_devices_beside_each_other()
+{
+    add_single_device vnifilter
+    bridge vni add vni 100-200 dev vx0
+    device=vx1 add_device local 127.0.0.1 dstport 4790
+    device=vx6 add_device local ::1 dstport 4791
+    ip link add vx300 type vxlan id 300 local 127.0.0.1 dstport 4792 nolearning
+    ip link set vx300 master br0 up
+    bridge vlan add dev vx300 vid 10
+    map_vlans 10-11 100-101
+    device=vx1 map_vlans 10-11 100-101
+    device=vx6 map_vlans 10-11 600-601
+    ip nexthop add id 1 via 192.0.2.7 fdb
+    ip nexthop add id 6 via 2001:db8::7 fdb
+    ip nexthop add id 10 group 1 fdb
+    ip nexthop add id 60 group 6 fdb
+    start_daemon
+    add_remote 02:dd:00:00:00:01 10 100 192.0.2.1
+    bridge fdb add 02:dd:00:00:00:01 dev vx1 dst 192.0.2.9 src_vni 100 self extern_learn
+    device=vx1 add_remote 02:dd:00:00:00:01 11 101 192.0.2.2
+    device=vx6 add_remote 02:dd:00:00:00:02 10 600 2001:db8::1
+    bridge fdb add 02:dd:00:00:00:03 dev vx300 dst 192.0.2.1 self
+    bridge fdb add 02:dd:00:00:00:03 dev vx300 vlan 10 master static
+    bridge fdb add 02:dd:00:00:00:04 dev vx0 nhid 10 src_vni 101 self extern_learn
+    bridge fdb add 02:dd:00:00:00:04 dev vx0 vlan 11 master extern_learn
+    bridge fdb add 02:dd:00:00:00:04 dev vx6 nhid 60 src_vni 600 self extern_learn
+    bridge fdb add 02:dd:00:00:00:04 dev vx6 vlan 10 master extern_learn
+    flood 100 192.0.2.3
+    device=vx1 flood 100 192.0.2.3
+    device=vx6 flood 600 2001:db8::3
+    expect_tunnels "with four devices" 3 5
+    bridge fdb replace 02:dd:00:00:00:01 dev vx1 vlan 10 master extern_learn
+    expect_tunnels "after a move to a device with the same VNI" 3 5
+    expect_entries "after a move to a device with the same VNI" 2 '"vx1".*"192.0.2.9"'
+    bridge vni delete vni 101-200 dev vx0
+    ip nexthop del id 6
+    bridge vni add vni 200 remote 192.0.2.8 dev vx0
+    map_vlans 12 200
+    expect_tunnels "after changes of VNIs and next hops" 3 6
+    ip link del vx1
+    expect_tunnels "without one of the devices" 1 3
 }

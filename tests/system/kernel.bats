@@ -103,6 +103,13 @@ bridges()
     [ "$(vteps)" = "192.0.2.2 " ]
 }
 
+@test "health names what the kernel lacks" {
+    leaf bash -c "source '$BATS_TEST_DIRNAME/../kernel/lacks.sh' && missing_operations" |
+        sort >"$BATS_TEST_TMPDIR/kernel"
+    ctl --json show health | jq --raw-output '.["kernel-lacks"][]' | cut -d: -f1 | sort >"$BATS_TEST_TMPDIR/ours"
+    diff "$BATS_TEST_TMPDIR/kernel" "$BATS_TEST_TMPDIR/ours"
+}
+
 @test "static entries, added and deleted" {
     leaf bridge fdb add 02:00:00:00:00:01 dev host1 master static
     leaf bridge fdb add 02:00:00:00:00:02 dev host2 master static sticky
