@@ -195,8 +195,8 @@ int complain(const std::string &message)
 int help(const CLI::App &app, const CLI::ParseError &asked)
 {
     const int status = app.exit(asked);
-    if (const std::string error = base::finish_standard_output(); !error.empty()) {
-        std::cerr << "l2fibctl: " << error << "\n";
+    if (const base::result written = base::finish_standard_output(); !written.ok()) {
+        std::cerr << "l2fibctl: " << written.text << "\n";
         return static_cast<int>(ending::cut);
     }
     return status;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The daemon's limits as rules: who gets a place, which refused connection makes room, which lines of the log go out.
+// The daemon's limits: which user gets a place, which refused connection makes room, which lines of the log are
+// written.
 
 #include <gtest/gtest.h>
 
@@ -18,11 +19,11 @@ using std::chrono::seconds;
 
 constexpr uid_t root = 0, ann = 1000, bob = 1001, cid = 1002;
 
-// Takes places for the user until one is refused; returns how many there were.
-uint32_t take_all(fair_places &places, uid_t user, std::string &reason)
+// Takes places for the user until one is refused. Returns their number.
+uint32_t take_all(fair_places &places, uid_t user)
 {
     uint32_t count = 0;
-    while (places.take(user, reason) != place::none) {
+    while (places.take(user).taken != place::none) {
         count++;
     }
     return count;
@@ -32,7 +33,7 @@ TEST(FairPlaces, LeaveRoomForTheNextUser)
 {
     const struct {
         uint32_t common, reserve;
-        std::vector<std::pair<uid_t, uint32_t>> steps; // who takes all that is granted, and how many that is
+        std::vector<std::pair<uid_t, uint32_t>> steps; // a user takes places until it is refused, and their number
     } rows[] = {
         {56, 8, {{ann, 28}, {bob, 14}, {cid, 7}, {root, 4 + 8}}},
         {56, 8, {{root, 28 + 8}, {root, 0}, {ann, 14}, {ann, 0}, {bob, 7}}},
@@ -42,10 +43,9 @@ TEST(FairPlaces, LeaveRoomForTheNextUser)
     for (const auto &row : rows) {
         fair_places places("places");
         places.set_size(row.common, row.reserve);
-        std::string reason;
         uint32_t taken = 0;
         for (const auto &[user, granted] : row.steps) {
-            EXPECT_EQ(take_all(places, user, reason), granted) << row.common << ", user " << user;
+            EXPECT_EQ(take_all(places, user), granted) << row.common << ", user " << user;
             taken += granted;
         }
         EXPECT_EQ(places.taken(), taken);
@@ -53,23 +53,23 @@ TEST(FairPlaces, LeaveRoomForTheNextUser)
     }
 }
 
-TEST(FairPlaces, ComeBackAndNameWhoHasThem)
+TEST(FairPlaces, AreReusedAndARefusalNamesTheirUsers)
 {
     fair_places places("connections open");
     places.set_size(4, 1);
-    std::string reason;
-    EXPECT_EQ(places.take(bob, reason), place::common);
-    EXPECT_EQ(take_all(places, root, reason), 2u + 1u);
-    EXPECT_EQ(reason, "user 0 has 3 of 5 connections open, other users have 1: close some, or try again");
+    EXPECT_EQ(places.take(bob).taken, place::common);
+    EXPECT_EQ(take_all(places, root), 2u + 1u);
+    EXPECT_EQ(places.take(root).refusal,
+              "user 0 has 3 of 5 connections open, other users have 1: close some, or try again");
     places.give_back(root, place::reserve);
     places.give_back(root, place::none);
-    EXPECT_EQ(places.take(root, reason), place::reserve);
+    EXPECT_EQ(places.take(root).taken, place::reserve);
     places.give_back(bob, place::common);
-    EXPECT_EQ(places.take(ann, reason), place::common);
-    EXPECT_EQ(places.take(bob, reason), place::common);
+    EXPECT_EQ(places.take(ann).taken, place::common);
+    EXPECT_EQ(places.take(bob).taken, place::common);
 }
 
-TEST(RefusedConnections, MakeRoomAtTheCostOfWhoHasMost)
+TEST(RefusedConnections, MakeRoomAtTheCostOfTheLargestUser)
 {
     refused_connections refused(3);
     EXPECT_EQ(refused.add(1, bob), std::nullopt);
@@ -77,7 +77,7 @@ TEST(RefusedConnections, MakeRoomAtTheCostOfWhoHasMost)
     EXPECT_EQ(refused.add(3, ann), std::nullopt);
     EXPECT_EQ(refused.add(4, ann), 2);
     EXPECT_EQ(refused.add(5, cid), 3);
-    EXPECT_EQ(refused.add(6, root), 1); // of equals the oldest
+    EXPECT_EQ(refused.add(6, root), 1); // the oldest of those with the same count
     refused.remove(4);
     EXPECT_EQ(refused.add(7, bob), std::nullopt);
 }
@@ -101,7 +101,7 @@ TEST(LogLimit, CountsRepeatedLinesAndReportsThemOncePerWindow)
     ASSERT_EQ(reports.size(), 1u);
     EXPECT_EQ(reports[0].text, "repeated 3 times: a");
     EXPECT_EQ(reports[0].level, log_level::error);
-    EXPECT_EQ(limit.judge(a, start + seconds(6)), repeated); // the flood lasts: its next window
+    EXPECT_EQ(limit.judge(a, start + seconds(6)), repeated); // the flood continues in its next window
     EXPECT_EQ(limit.judge(b, start + seconds(6)), write);
     EXPECT_EQ(limit.take_reports(start + seconds(6), true).size(), 1u);
 
@@ -129,7 +129,7 @@ TEST(LogLimit, BoundsLinesPerSecondOfEachLevel)
     EXPECT_EQ(flood(log_level::debug), limit.burst_lines);
     EXPECT_EQ(flood(log_level::error), limit.burst_lines);
     now += milliseconds(500);
-    EXPECT_EQ(flood(log_level::debug), limit.lines_a_second / 2);
+    EXPECT_EQ(flood(log_level::debug), limit.lines_per_second / 2);
     EXPECT_EQ(limit.dropped(), 3u);
     EXPECT_TRUE(limit.take_reports(now, false).empty());
     now += seconds(3600);
