@@ -123,9 +123,9 @@ END
     ctl show mac 2>"$BATS_TEST_TMPDIR/errors" | head -1
     [[ ${PIPESTATUS[0]} == 0 && ! -s $BATS_TEST_TMPDIR/errors ]]
     run bash -c '"$L2FIBCTL" show mac >/dev/full'
-    [[ $status == 5 && $output == "l2fibctl: cannot write the answer: No space left on device" ]]
+    [[ $status == 5 && $output == "l2fibctl: cannot write the answer to standard output: No space left on device" ]]
     run bash -c '"$L2FIBCTL" show mac >&-'
-    [[ $status == 5 && $output == "l2fibctl: cannot write the answer: Bad file descriptor" ]]
+    [[ $status == 5 && $output == "l2fibctl: cannot write the answer to standard output: Bad file descriptor" ]]
 }
 
 @test "resync takes all, a domain, or a port" {
@@ -137,7 +137,7 @@ END
 }
 
 @test "wrong input is named" {
-    expect 2 "expected a command" show
+    expect 2 "expected a command such as" show
     expect 2 "cat" show cat
     expect 2 "--limit" show mac --limit 0
     expect 2 "--limit" show mac --limit -1
