@@ -25,7 +25,8 @@ namespace {
 using clock = std::chrono::steady_clock;
 
 constexpr size_t buffer_bytes = size_t(64) * 1024;
-constexpr size_t max_body = size_t(256) * 1024 * 1024; // ten times a page whose names have the maximum length
+constexpr size_t max_body_mib = 256; // ten times a page whose names have the maximum length
+constexpr size_t max_body = max_body_mib * 1024 * 1024;
 constexpr auto idle_period = std::chrono::milliseconds(100);
 constexpr auto backlog_period = std::chrono::milliseconds(50); // between two attempts to connect
 constexpr char completeness_header[] = "L2fib-Completeness";
@@ -42,8 +43,7 @@ std::string request_text(const request &asked)
 
 std::string error_string(int error)
 {
-    return std::strerror(
-        error); // NOLINT(concurrency-mt-unsafe): glibc returns a constant for every error of the kernel
+    return std::strerror(error); // NOLINT(concurrency-mt-unsafe): glibc returns a constant for known errors
 }
 
 base::result closed_early()
@@ -51,8 +51,13 @@ base::result closed_early()
     return base::failure(ECONNRESET, "the daemon closed the connection; its log may have the reason");
 }
 
-base::result not_http()
+// The reason why the parser stopped before the end of the answer.
+base::result rejected_by(const http_parser &parser)
 {
+    if (HTTP_PARSER_ERRNO(&parser) == HPE_CB_body) {
+        return base::failure(EMSGSIZE, "the body is larger than " + std::to_string(max_body_mib)
+                                           + " MiB; --limit requests fewer items");
+    }
     return base::failure(EPROTO, "the bytes that arrived are not HTTP; expected the socket of l2fibd (--socket)");
 }
 
@@ -110,7 +115,7 @@ struct connection::reception {
         return 0;
     }
 
-    // Returns false if the bytes are not HTTP. A size of 0 means the end of the connection.
+    // Returns false if the bytes are not HTTP or the body is too large. A size of 0 means the end of the connection.
     bool feed(const char *bytes, size_t size)
     {
         static const http_parser_settings callbacks = [] {
@@ -242,13 +247,13 @@ base::result connection::receive_piece(reception &arriving)
     last_arrival_ = clock::now();
     const bool is_http = arriving.feed(buffer_.data(), got > 0 ? static_cast<size_t>(got) : 0);
     if (got > 0) {
-        return is_http ? base::success() : not_http();
+        return is_http ? base::success() : rejected_by(arriving.parser);
     }
     return arriving.is_complete ? base::success() : closed_early();
 }
 
 // Returns false if the daemon closed the connection before the first byte of an answer. Throws a failure for every
-// other error before the status arrived. After that, an error becomes the answer's `is_received`.
+// other error before the status arrived. After that, an error becomes the answer's `received`.
 bool connection::receive(reception &arriving)
 {
     base::result received;
@@ -260,7 +265,7 @@ bool connection::receive(reception &arriving)
     if (!received.ok() && !is_unanswered && arriving.to.status == 0) {
         fail(received);
     }
-    arriving.to.is_received = received;
+    arriving.to.received = received;
     return !is_unanswered;
 }
 
@@ -270,12 +275,12 @@ bool connection::exchange(const std::string &text, answer &to)
     to.status = 0;
     to.body.clear();
     to.completeness.clear();
-    to.is_received = base::success();
+    to.received = base::success();
     reception arriving(to);
     last_arrival_ = clock::now();
     send_text(text);
     const bool has_answer = receive(arriving);
-    if (!has_answer || !to.is_received.ok() || arriving.has_more || http_should_keep_alive(&arriving.parser) == 0) {
+    if (!has_answer || !to.received.ok() || arriving.has_more || http_should_keep_alive(&arriving.parser) == 0) {
         close();
     }
     return has_answer;

@@ -32,7 +32,7 @@ struct answer {
     unsigned status = 0;
     std::string body = {};
     std::string completeness = {}; // the header's word; empty if the answer has no such header
-    base::result is_received = {}; // a failure has the reason why the body is not complete
+    base::result received = {};    // a failure has the reason why the body is not complete
 };
 
 class connection {

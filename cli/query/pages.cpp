@@ -116,7 +116,7 @@ void read_items(const json_value &root, std::string_view name, page &to)
 // Its items are printed, and the daemon's message is the reason. Every other incomplete body is discarded.
 void read_cut(std::string_view name, page &to)
 {
-    to.problem = cut_by(to.raw.is_received.text);
+    to.problem = cut_by(to.raw.received.text);
     to.raw.body += '}';
     const auto root = parse_body(to);
     const std::string messages = root ? messages_of(errors_in(*root)) : "";
@@ -148,7 +148,7 @@ void read_success(std::string_view name, page &to)
 
 void read_page(std::string_view name, page &to)
 {
-    if (!to.raw.is_received.ok()) {
+    if (!to.raw.received.ok()) {
         read_cut(name, to);
     } else if (to.raw.status >= first_error_status) {
         read_error(to);
