@@ -4,12 +4,18 @@
 //
 //      base::mutex lock;
 //      std::vector<int> queue L2FIB_GUARDED_BY(lock);
+//      std::condition_variable_any filled;
 //      ...
 //      const base::scoped_lock hold(lock);
-//      queue.push_back(1);
+//      while (queue.empty()) {
+//          filled.wait(lock);
+//      }
+//      queue.pop_back();
 //
-// To wait for a condition, use std::condition_variable_any with the mutex itself: `condition.wait(lock)` between the
-// lines of a scoped_lock, in a loop that tests the condition.
+// Conditions. A wait takes the mutex itself, not the scoped_lock. It stands in a loop that tests the condition: the
+// analysis reads a predicate in a lambda as a function that does not hold the mutex.
+//
+// Threads: any. The mutex is not recursive.
 #pragma once
 
 #include <mutex>
@@ -28,9 +34,14 @@ private:
     std::mutex mutex_;
 };
 
+// Holds a mutex from its construction to the end of its block.
 class L2FIB_SCOPED_CAPABILITY scoped_lock {
 public:
-    explicit scoped_lock(mutex &held) L2FIB_ACQUIRE(held) : mutex_(held) { mutex_.lock(); }
+    explicit scoped_lock(mutex &held) L2FIB_ACQUIRE(held)
+        : mutex_(held)
+    {
+        mutex_.lock();
+    }
     ~scoped_lock() L2FIB_RELEASE() { mutex_.unlock(); }
     scoped_lock(const scoped_lock &) = delete;
     scoped_lock &operator=(const scoped_lock &) = delete;

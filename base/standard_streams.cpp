@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <iostream>
 
 namespace base {
@@ -15,18 +14,18 @@ void hold_standard_streams()
 {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (fcntl(descriptor, F_GETFD) < 0) {
-            open("/dev/null", O_RDONLY); // takes the lowest number that is free, which is this one
+            open("/dev/null", O_RDONLY); // takes the lowest free number, which is `descriptor`
         }
     }
 }
 
-std::string finish_standard_output()
+result finish_standard_output()
 {
     std::cout.flush();
     if (std::cout.good() || errno == EPIPE) {
-        return {};
+        return success();
     }
-    return std::string("standard output: ") + std::strerror(errno); // NOLINT(concurrency-mt-unsafe)
+    return system_failure(errno != 0 ? errno : EIO, "standard output");
 }
 
 } // namespace base

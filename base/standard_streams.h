@@ -1,20 +1,27 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Standard input, output and error, which whoever starts a program may have closed, or connected to a full disk.
+// Standard input, output and error of a program whose starter may have closed them or connected them to a full disk.
 //
-// Threads: the main one.
+//      int main()
+//      {
+//          base::hold_standard_streams();
+//          std::cout << "help text\n";
+//          const base::result written = base::finish_standard_output();
+//          ...
+//
+// Threads: the main thread only.
 #pragma once
 
-#include <string>
+#include "base/result.h"
 
 namespace base {
 
-// To be called first. Opens what is closed as an empty file that cannot be written: otherwise a socket or a lock file
-// would get its number, and what is printed would go there.
+// Opens each closed standard stream as an empty file that cannot be written. Otherwise the next socket or lock file
+// would get its number, and the program's output would go there. Call this before anything opens a file.
 void hold_standard_streams();
 
-// Writes what std::cout still holds. Returns nothing when all that was ever printed there has been written or the
-// reader of a pipe has gone, otherwise a text for the operator. To be called right after the last of it was printed.
-std::string finish_standard_output();
+// Writes what std::cout still buffers. Succeeds if everything that the program printed there has been written, or if
+// the reader of a pipe has closed it. Call this right after the last output: errno has to be that of the last write.
+result finish_standard_output();
 
 } // namespace base

@@ -15,19 +15,26 @@ namespace {
 
 constexpr std::string_view unreserved = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-._~:,";
 constexpr std::string_view base64_digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+constexpr size_t base64_group = 3;  // bytes that make four digits
+constexpr unsigned base64_bits = 6; // of a digit
+constexpr uint32_t base64_mask = 0x3f;
+constexpr unsigned byte_bits = 8;
+constexpr size_t byte_digits = 2; // hexadecimal digits of a byte
+constexpr size_t word_digits = 4; // hexadecimal digits between the dots of aabb.ccdd.eeff
 
 uint8_t byte_at(std::string_view text, size_t at)
 {
     return static_cast<uint8_t>(text[at]);
 }
 
-// What the first byte of a character says about the whole of it.
+// How the first byte of a character determines the bytes after it. The bounds of the second byte reject a long form of
+// a short character ("/" as c0 af), surrogates (ed a0 80), and everything above U+10FFFF (f4 90 80 80).
 struct utf8_form {
-    uint8_t first_least;
-    uint8_t first_most;
-    uint8_t length;
-    uint8_t second_least; // keeps out longer forms of shorter characters, surrogates, and what is beyond U+10FFFF
-    uint8_t second_most;
+    uint8_t first_min;
+    uint8_t first_max;
+    uint8_t length; // bytes
+    uint8_t second_min;
+    uint8_t second_max;
 };
 
 constexpr utf8_form utf8_forms[] = {
@@ -36,19 +43,14 @@ constexpr utf8_form utf8_forms[] = {
     {0xf0, 0xf0, 4, 0x90, 0xbf}, {0xf1, 0xf3, 4, 0x80, 0xbf}, {0xf4, 0xf4, 4, 0x80, 0x8f},
 };
 
-bool continues(const utf8_form &form, std::string_view text)
+bool has_continuation(const utf8_form &form, std::string_view text)
 {
     if (text.size() < form.length) {
         return false;
     }
-    for (size_t i = 1; i < form.length; i++) {
-        const uint8_t least = i == 1 ? form.second_least : 0x80;
-        const uint8_t most = i == 1 ? form.second_most : 0xbf;
-        if (byte_at(text, i) < least || byte_at(text, i) > most) {
-            return false;
-        }
-    }
-    return true;
+    const bool is_second_valid =
+        form.length == 1 || (byte_at(text, 1) >= form.second_min && byte_at(text, 1) <= form.second_max);
+    return is_second_valid && std::ranges::all_of(text.substr(1, form.length - 1u), is_utf8_continuation);
 }
 
 } // namespace
@@ -61,12 +63,13 @@ std::optional<std::string> percent_decode(std::string_view text)
             decoded += text[i];
             continue;
         }
-        const auto code = parse_number(text.substr(i + 1, 2), 0xff, 16);
-        if (text.size() < i + 3 || !code || *code == 0) {
+        const std::string_view digits = text.substr(i + 1, byte_digits);
+        const auto code = parse_number(digits, UINT8_MAX, hexadecimal);
+        if (digits.size() < byte_digits || !code || *code == 0) {
             return std::nullopt;
         }
         decoded += static_cast<char>(*code);
-        i += 2;
+        i += byte_digits;
     }
     return decoded;
 }
@@ -86,17 +89,20 @@ std::string percent_encode(std::string_view text)
     return encoded;
 }
 
+// Three bytes make four digits. A last group of one or two bytes makes two or three:
+//
+//      "ab"    01100001 01100010 (00000000)    011000'010110'0010'00    "YWI"
 std::string base64url_encode(std::string_view text)
 {
     std::string encoded;
-    for (size_t i = 0; i < text.size(); i += 3) {
-        const size_t count = std::min<size_t>(3, text.size() - i);
+    for (size_t i = 0; i < text.size(); i += base64_group) {
+        const size_t count = std::min(base64_group, text.size() - i);
         uint32_t bits = 0;
-        for (size_t k = 0; k < 3; k++) {
-            bits = bits << 8 | (k < count ? byte_at(text, i + k) : 0u);
+        for (size_t k = 0; k < base64_group; k++) {
+            bits = bits << byte_bits | (k < count ? byte_at(text, i + k) : 0u);
         }
         for (size_t k = 0; k <= count; k++) {
-            encoded += base64_digits[bits >> (18 - 6 * k) & 0x3f];
+            encoded += base64_digits[bits >> (base64_bits * (base64_group - k)) & base64_mask];
         }
     }
     return encoded;
@@ -112,11 +118,11 @@ std::optional<std::string> base64url_decode(std::string_view text)
         if (digit == std::string_view::npos) {
             return std::nullopt;
         }
-        bits = bits << 6 | static_cast<uint32_t>(digit);
-        bit_count += 6;
-        if (bit_count >= 8) {
-            bit_count -= 8;
-            decoded += static_cast<char>(bits >> bit_count & 0xff);
+        bits = bits << base64_bits | static_cast<uint32_t>(digit);
+        bit_count += base64_bits;
+        if (bit_count >= byte_bits) {
+            bit_count -= byte_bits;
+            decoded += static_cast<char>(bits >> bit_count & UINT8_MAX);
         }
     }
     return decoded;
@@ -132,11 +138,11 @@ std::vector<std::string_view> split(std::string_view text, char separator)
     return parts;
 }
 
-std::optional<uint64_t> parse_number(std::string_view text, uint64_t most, int base)
+std::optional<uint64_t> parse_number(std::string_view text, uint64_t max, int base)
 {
     uint64_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number, base);
-    if (error != std::errc() || end != text.data() + text.size() || number > most) {
+    if (error != std::errc() || end != text.data() + text.size() || number > max) {
         return std::nullopt;
     }
     return number;
@@ -154,23 +160,23 @@ std::string mac_text(std::span<const uint8_t> address)
     return text;
 }
 
-std::optional<std::array<uint8_t, 6>> parse_mac(std::string_view text)
+std::optional<std::array<uint8_t, mac_bytes>> parse_mac(std::string_view text)
 {
     const bool has_dots = text.find('.') != std::string_view::npos;
-    const size_t digits = has_dots ? 4 : 2;
+    const size_t digits = has_dots ? word_digits : byte_digits;
     const auto parts = split(text, has_dots ? '.' : ':');
-    std::array<uint8_t, 6> address{};
-    if (parts.size() * digits != 2 * address.size()) {
+    std::array<uint8_t, mac_bytes> address{};
+    if (parts.size() * digits != byte_digits * address.size()) {
         return std::nullopt;
     }
     size_t at = 0;
     for (const std::string_view part : parts) {
-        const auto number = parse_number(part, UINT16_MAX, 16);
+        const auto number = parse_number(part, UINT16_MAX, hexadecimal);
         if (part.size() != digits || !number) {
             return std::nullopt;
         }
-        for (size_t left = digits / 2; left-- > 0;) {
-            address[at++] = static_cast<uint8_t>(*number >> (8 * left));
+        for (size_t left = digits / byte_digits; left-- > 0;) {
+            address[at++] = static_cast<uint8_t>(*number >> (byte_bits * left));
         }
     }
     return address;
@@ -179,13 +185,13 @@ std::optional<std::array<uint8_t, 6>> parse_mac(std::string_view text)
 std::string ip_text(std::span<const uint8_t> address)
 {
     char text[INET6_ADDRSTRLEN] = {};
-    inet_ntop(address.size() == 4 ? AF_INET : AF_INET6, address.data(), text, sizeof(text));
+    inet_ntop(address.size() == ipv4_bytes ? AF_INET : AF_INET6, address.data(), text, sizeof(text));
     return text;
 }
 
-std::optional<std::array<uint8_t, 4>> parse_ipv4(const std::string &text)
+std::optional<std::array<uint8_t, ipv4_bytes>> parse_ipv4(const std::string &text)
 {
-    std::array<uint8_t, 4> address{};
+    std::array<uint8_t, ipv4_bytes> address{};
     return inet_pton(AF_INET, text.c_str(), address.data()) == 1 ? std::optional(address) : std::nullopt;
 }
 
@@ -204,8 +210,8 @@ size_t utf8_length(std::string_view text)
 {
     const uint8_t first = byte_at(text, 0);
     const auto *form = std::ranges::find_if(
-        utf8_forms, [first](const utf8_form &row) { return first >= row.first_least && first <= row.first_most; });
-    return form != std::end(utf8_forms) && continues(*form, text) ? form->length : 0;
+        utf8_forms, [first](const utf8_form &row) { return first >= row.first_min && first <= row.first_max; });
+    return form != std::end(utf8_forms) && has_continuation(*form, text) ? form->length : 0;
 }
 
 } // namespace base

@@ -1,11 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Texts as they come in by a URI and go out in JSON: percent-encoding, base64url, addresses, numbers, UTF-8.
+// Converts the texts of URIs, JSON and command lines: percent-encoding, base64url, MAC and IP addresses, numbers,
+// UTF-8.
 //
-// Threads: pure functions, for any thread.
+//      base::percent_encode("lab:br 0")            "lab:br%200"
+//      base::parse_mac("0200.00ab.cdef")           {0x02, 0x00, 0x00, 0xab, 0xcd, 0xef}
+//      base::parse_number("4095", 4094)            std::nullopt
+//
+// A function that parses returns nothing if the text has another form. The caller words the error, because only the
+// caller knows what the text is for.
+//
+// Threads: pure functions; any thread may call them.
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -15,36 +24,57 @@
 
 namespace base {
 
-// Nothing for a '%' that two hexadecimal digits do not follow, and for the character with the code 0.
+inline constexpr size_t mac_bytes = 6;
+inline constexpr size_t ipv4_bytes = 4;
+
+inline constexpr int decimal = 10;
+inline constexpr int hexadecimal = 16;
+
+// Decodes each "%" with its two hexadecimal digits. Rejects a "%" without them and "%00".
 std::optional<std::string> percent_decode(std::string_view text);
 
 // Leaves letters, digits, "-", ".", "_", "~", ":" and "," as they are.
 std::string percent_encode(std::string_view text);
 
-// Without padding, so that a text of it can stand anywhere in a URI.
+// The base64 variant for URIs, with "-" and "_" as digits and without padding.
 std::string base64url_encode(std::string_view text);
 std::optional<std::string> base64url_decode(std::string_view text);
 
-// The parts between the separators; one more than there are separators.
+// The parts between the separators. There is one part more than there are separators.
 std::vector<std::string_view> split(std::string_view text, char separator);
 
-// A decimal number without sign, or in another base, of the whole text; nothing when it is above `most`.
-std::optional<uint64_t> parse_number(std::string_view text, uint64_t most = UINT64_MAX, int base = 10);
+// Parses the whole text as a number without a sign. Rejects a number above `max`.
+std::optional<uint64_t> parse_number(std::string_view text, uint64_t max = UINT64_MAX, int base = decimal);
 
-// aa:bb:cc:dd:ee:ff
+// Formats bytes as "aa:bb:cc:dd:ee:ff".
 std::string mac_text(std::span<const uint8_t> address);
 
-// From aa:bb:cc:dd:ee:ff or aabb.ccdd.eeff, in either case.
-std::optional<std::array<uint8_t, 6>> parse_mac(std::string_view text);
+// Parses "aa:bb:cc:dd:ee:ff" or "aabb.ccdd.eeff", in upper or lower case.
+std::optional<std::array<uint8_t, mac_bytes>> parse_mac(std::string_view text);
 
-// Of 4 or 16 bytes in network byte order.
+// Formats an IPv4 or IPv6 address, 4 or 16 bytes in network byte order.
 std::string ip_text(std::span<const uint8_t> address);
-std::optional<std::array<uint8_t, 4>> parse_ipv4(const std::string &text); // in network byte order
 
-// 2025-01-31T12:00:00Z
+// The result is in network byte order.
+std::optional<std::array<uint8_t, ipv4_bytes>> parse_ipv4(const std::string &text);
+
+// Formats seconds since the epoch as "2025-01-31T12:00:00Z".
 std::string utc_text(int64_t seconds);
 
-// The length of the UTF-8 character that a text that is not empty begins with; 0 when it begins with none.
+// The UTF-8 character of more than one byte: every byte but the first carries six bits of the code point.
+inline constexpr uint32_t utf8_continuation_bits = 6;
+inline constexpr uint8_t utf8_continuation_mask = 0x3f;
+inline constexpr uint8_t utf8_continuation_min = 0x80;
+inline constexpr uint8_t utf8_continuation_max = 0xbf;
+
+constexpr bool is_utf8_continuation(char c)
+{
+    const auto byte = static_cast<uint8_t>(c);
+    return byte >= utf8_continuation_min && byte <= utf8_continuation_max;
+}
+
+// The length in bytes of the UTF-8 character at the start of a text that is not empty. 0 if no valid character starts
+// there.
 size_t utf8_length(std::string_view text);
 
 } // namespace base

@@ -20,17 +20,21 @@ struct range {
 
 constexpr range harmful[] = {
     {0x00, 0x1f},     {0x7f, 0x9f},     // control characters
-    {0x061c, 0x061c}, {0x200e, 0x200f}, // marks of direction
-    {0x2028, 0x202e}, {0x2066, 0x2069}, // separators of lines, overrides of direction
+    {0x061c, 0x061c}, {0x200e, 0x200f}, // direction marks
+    {0x2028, 0x202e}, {0x2066, 0x2069}, // line separators, direction overrides
 };
 
-// Of a whole UTF-8 character.
+constexpr uint32_t max_byte = 0xff; // the last code that "\xNN" can show
+
+// The code point of one complete UTF-8 character, or the value of one byte. Each later byte carries six bits:
+//
+//      e2 82 ac    1110'0010 10'000010 10'101100    0010'000010'101100    U+20AC
 uint32_t code_of(std::string_view character)
 {
     const auto byte = [&](size_t at) { return static_cast<uint32_t>(static_cast<uint8_t>(character[at])); };
     uint32_t code = character.size() == 1 ? byte(0) : byte(0) & (0x7fu >> character.size());
     for (size_t i = 1; i < character.size(); i++) {
-        code = code << 6 | (byte(i) & 0x3f);
+        code = code << utf8_continuation_bits | (byte(i) & utf8_continuation_mask);
     }
     return code;
 }
@@ -43,7 +47,7 @@ bool is_harmful(uint32_t code)
 std::string escaped(uint32_t code)
 {
     char text[16];
-    std::snprintf(text, sizeof(text), code < 0x100 ? "\\x%02x" : "\\u%04x", static_cast<unsigned>(code));
+    std::snprintf(text, sizeof(text), code <= max_byte ? "\\x%02x" : "\\u%04x", static_cast<unsigned>(code));
     return text;
 }
 
@@ -68,7 +72,7 @@ std::string visible(std::string_view text)
 
 size_t width_of(std::string_view text)
 {
-    return static_cast<size_t>(std::ranges::count_if(text, [](char c) { return (c & 0xc0) != 0x80; }));
+    return static_cast<size_t>(std::ranges::count_if(text, [](char c) { return !is_utf8_continuation(c); }));
 }
 
 } // namespace base

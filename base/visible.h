@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Texts that come from elsewhere, made harmless for a terminal and for a log.
+// Makes text from other programs harmless for a terminal and for a log.
 //
-// Threads: pure functions, for any thread.
+//      base::visible("eth\x1b[31m")    "eth\\x1b[31m"
+//      base::visible("a\xff")          "a\\xff"
+//
+// Threads: pure functions; any thread may call them.
 #pragma once
 
 #include <cstddef>
@@ -11,11 +14,11 @@
 
 namespace base {
 
-// Control characters, characters that turn the writing direction or break a line, and bytes that are no UTF-8 become
-// "\x1b" or "\u202e".
+// Replaces each control character, each character that changes the writing direction or breaks a line, and each byte
+// that is not valid UTF-8 by its number, such as "\x1b" or "\u202e".
 std::string visible(std::string_view text);
 
-// In characters, each taken to be one column wide.
+// The width of a text in characters. Counts one column for each character.
 size_t width_of(std::string_view text);
 
 } // namespace base

@@ -229,8 +229,8 @@ void add_globals(CLI::App &app, client_options &options)
 void print_text(const CLI::App &app, const CLI::ParseError &request)
 {
     app.exit(request);
-    if (const std::string error = base::finish_standard_output(); !error.empty()) {
-        throw failure(exit_status::cut, error);
+    if (const base::result written = base::finish_standard_output(); !written.ok()) {
+        throw failure(exit_status::cut, written.text);
     }
 }
 

@@ -7,17 +7,18 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <condition_variable>
 #include <cstdlib>
 #include <deque>
-#include <mutex>
 #include <new>
 #include <string>
 #include <thread>
 #include <utility>
 
+#include "base/mutex.h"
 #include "base/visible.h"
 #include "daemon/log_limit.h"
 #include "host/never_destroyed.h"
@@ -28,34 +29,19 @@ namespace {
 
 using clock = log_limit::clock;
 
-constexpr auto patience = std::chrono::seconds(1);       // with standard error, when a thread has to wait for it
-constexpr size_t most_queued_bytes = size_t{256} * 1024; // the longest line, a URI of 48 KiB made visible, fits
+// How long a thread waits for standard error when it has to: at the start and at the end of the process.
+constexpr auto max_wait = std::chrono::seconds(1);
+
+// Lines that wait for the reader. The longest line, a URI of 48 KiB made visible, fits.
+constexpr size_t max_queued_bytes = size_t{256} * 1024;
 
 constexpr std::string_view labels[log_level_count] = {"error: ", "warning: ", "", "debug: "};
-constexpr std::string_view priorities[log_level_count] = {"<3>", "<4>", "<6>", "<7>"};
+constexpr std::string_view priorities[log_level_count] = {"<3>", "<4>", "<6>", "<7>"}; // of syslog
 
-log_level threshold = log_level::info;
+// ---- Lines and standard error ----
 
-struct log_state {
-    std::mutex lock; // protects what follows
-    std::condition_variable changed;
-    std::condition_variable ended;
-    log_limit limit;
-    std::deque<std::string> queue;
-    size_t queued_bytes = 0; // the line that is being written included
-    bool is_stopping = false;
-    bool has_ended = false;
-    bool is_stalled = false; // the last line that was written without the writer found no room in time
-    std::thread writer;      // joinable from log_start to log_stop
-};
-
-// A writer that hangs in a write uses it while the process ends.
-host::never_destroyed<log_state> kept_state;
-log_state &state = kept_state.object;
-
-// ---- Writing ----
-
-// The service manager names the stream that it connected to the journal. A later redirection leaves the variable.
+// The service manager names the stream that it connected to the journal. The variable stays if standard error is
+// redirected later, so the name is compared.
 bool is_journal()
 {
     const char *stream = std::getenv("JOURNAL_STREAM"); // NOLINT(concurrency-mt-unsafe)
@@ -72,7 +58,7 @@ std::string formatted(const log_line &line)
     return whole.append(line.text).append("\n");
 }
 
-// In the form of poll().
+// The time-out for poll(): -1 for no end.
 int milliseconds_left(clock::time_point until)
 {
     if (until == clock::time_point::max()) {
@@ -82,7 +68,7 @@ int milliseconds_left(clock::time_point until)
     return static_cast<int>(std::max<int64_t>(0, left.count()));
 }
 
-// Waits until standard error takes something, a pipe at least PIPE_BUF bytes. False if it does not in time.
+// Waits until standard error takes at least a byte; a pipe then takes at least PIPE_BUF. False at the time-out.
 bool wait_writable(clock::time_point until)
 {
     pollfd error{STDERR_FILENO, POLLOUT, 0};
@@ -93,8 +79,8 @@ bool wait_writable(clock::time_point until)
     return ready > 0;
 }
 
-// Other programs may share standard error, so it stays blocking if it is: each piece is what a pipe that polls as
-// writable takes at once. False if some of the line could not be written.
+// Writes a line in pieces that a writable pipe takes at once. So the write does not block, and standard error keeps its
+// mode: other programs may share it. False if a part of the line could not be written.
 bool write_out(std::string_view text, clock::time_point until)
 {
     while (!text.empty()) {
@@ -110,133 +96,71 @@ bool write_out(std::string_view text, clock::time_point until)
     return true;
 }
 
-// ---- The writer thread ----
+// ---- The queue and its writer thread ----
 
-void append(std::string &&line)
+class log_queue {
+public:
+    void start() L2FIB_EXCLUDES(lock_);
+    void stop() L2FIB_EXCLUDES(lock_);
+
+    // False if there is no writer thread.
+    bool enqueue(const log_line &line) L2FIB_EXCLUDES(lock_);
+
+    // For a caller that found no writer thread. If a line waits for the whole time, the lines after it do not wait: all
+    // lines together delay the start by at most a second.
+    void write_directly(const log_line &line) L2FIB_EXCLUDES(lock_);
+
+    void report_held_back() L2FIB_EXCLUDES(lock_);
+    void count_lost() noexcept L2FIB_EXCLUDES(lock_);
+    uint64_t dropped() L2FIB_EXCLUDES(lock_);
+
+    std::atomic<log_level> threshold = log_level::info;
+
+private:
+    void run_writer() L2FIB_EXCLUDES(lock_);
+    void append(std::string &&line) L2FIB_REQUIRES(lock_);
+    void append_reports(bool all) L2FIB_REQUIRES(lock_);
+    void write_first() L2FIB_REQUIRES(lock_); // without the lock while it writes
+    void wait_for_work() L2FIB_REQUIRES(lock_);
+
+    base::mutex lock_;
+    std::condition_variable_any changed_;
+    std::condition_variable_any ended_;
+    log_limit limit_ L2FIB_GUARDED_BY(lock_);
+    std::deque<std::string> lines_ L2FIB_GUARDED_BY(lock_);
+    size_t queued_bytes_ L2FIB_GUARDED_BY(lock_) = 0; // with the line that is being written
+    bool is_stopping_ L2FIB_GUARDED_BY(lock_) = false;
+    bool has_ended_ L2FIB_GUARDED_BY(lock_) = false;
+    bool is_stalled_ L2FIB_GUARDED_BY(lock_) = false; // write_directly found no room within the time
+    std::thread writer_ L2FIB_GUARDED_BY(lock_);      // joinable from start to stop
+};
+
+// Never destroyed: a writer thread that hangs in a write uses the queue until the process ends.
+host::never_destroyed<log_queue> kept_queue;
+log_queue &queue = kept_queue.object;
+
+void log_queue::start()
 {
-    state.queue.push_back(std::move(line));
-    state.queued_bytes += state.queue.back().size();
+    const base::scoped_lock hold(lock_);
+    is_stopping_ = has_ended_ = false;
+    writer_ = std::thread([this] { run_writer(); });
 }
 
-void append_reports(bool all)
+void log_queue::stop()
 {
-    try {
-        for (const log_line &line : state.limit.take_reports(clock::now(), all)) {
-            append(formatted(line));
-        }
-    } catch (const std::bad_alloc &) {
-        state.limit.drop(clock::now());
+    lock_.lock();
+    std::thread writer = std::move(writer_);
+    is_stopping_ = true;
+    changed_.notify_one();
+    const auto until = clock::now() + max_wait;
+    while (writer.joinable() && !has_ended_ && clock::now() < until) {
+        ended_.wait_until(lock_, until);
     }
-}
-
-void write_first(std::unique_lock<std::mutex> &guard)
-{
-    const std::string line = std::move(state.queue.front());
-    state.queue.pop_front();
-    guard.unlock();
-    const bool is_written = write_out(line, clock::time_point::max());
-    guard.lock();
-    state.queued_bytes -= line.size();
-    if (!is_written) {
-        state.limit.drop(clock::now());
-    }
-}
-
-void wait_for_work(std::unique_lock<std::mutex> &guard)
-{
-    if (const auto due = state.limit.next_report()) {
-        state.changed.wait_until(guard, *due);
-    } else {
-        state.changed.wait(guard);
-    }
-}
-
-void run_writer()
-{
-    std::unique_lock guard(state.lock);
-    while (!state.is_stopping) {
-        append_reports(false);
-        if (state.queue.empty()) {
-            wait_for_work(guard);
-        } else {
-            write_first(guard);
-        }
-    }
-    append_reports(true);
-    while (!state.queue.empty()) {
-        write_first(guard);
-    }
-    state.has_ended = true;
-    state.ended.notify_one();
-}
-
-// ---- Lines as they come ----
-
-// False if there is no writer.
-bool enqueue(const log_line &line)
-{
-    std::string whole = formatted(line);
-    const auto now = clock::now();
-    const std::lock_guard guard(state.lock);
-    if (!state.writer.joinable()) {
-        return false;
-    }
-    if (state.limit.judge(line, now) == log_limit::verdict::write) {
-        if (state.queued_bytes + whole.size() > most_queued_bytes) {
-            state.limit.drop(now);
-        } else {
-            append(std::move(whole));
-        }
-    }
-    state.changed.notify_one();
-    return true;
-}
-
-void count_lost() noexcept
-{
-    const std::lock_guard guard(state.lock);
-    state.limit.drop(clock::now());
-}
-
-// Lines after one that waited too long wait no more, so that all of them together hold the start up for a second.
-void write_directly(const log_line &line)
-{
-    std::unique_lock guard(state.lock);
-    const auto until = clock::now() + (state.is_stalled ? clock::duration() : patience);
-    guard.unlock();
-    const bool is_written = write_out(formatted(line), until);
-    guard.lock();
-    state.is_stalled = !is_written;
-    if (!is_written) {
-        state.limit.drop(clock::now());
-    }
-}
-
-} // namespace
-
-void log_threshold(log_level finest)
-{
-    threshold = finest;
-}
-
-void log_start()
-{
-    const std::lock_guard guard(state.lock);
-    state.is_stopping = state.has_ended = false;
-    state.writer = std::thread(run_writer);
-}
-
-void log_stop()
-{
-    std::unique_lock guard(state.lock);
-    if (!state.writer.joinable()) {
+    const bool has_ended = has_ended_;
+    lock_.unlock();
+    if (!writer.joinable()) {
         return;
     }
-    std::thread writer = std::move(state.writer);
-    state.is_stopping = true;
-    state.changed.notify_one();
-    const bool has_ended = state.ended.wait_for(guard, patience, [] { return state.has_ended; });
-    guard.unlock();
     if (has_ended) {
         writer.join();
     } else {
@@ -244,34 +168,158 @@ void log_stop()
     }
 }
 
+void log_queue::append(std::string &&line)
+{
+    lines_.push_back(std::move(line));
+    queued_bytes_ += lines_.back().size();
+}
+
+void log_queue::append_reports(bool all)
+{
+    try {
+        for (const log_line &line : limit_.take_reports(clock::now(), all)) {
+            append(formatted(line));
+        }
+    } catch (const std::bad_alloc &) {
+        limit_.drop(clock::now());
+    }
+}
+
+void log_queue::write_first()
+{
+    const std::string line = std::move(lines_.front());
+    lines_.pop_front();
+    lock_.unlock();
+    const bool is_written = write_out(line, clock::time_point::max());
+    lock_.lock();
+    queued_bytes_ -= line.size();
+    if (!is_written) {
+        limit_.drop(clock::now());
+    }
+}
+
+void log_queue::wait_for_work()
+{
+    if (const auto due = limit_.next_report()) {
+        changed_.wait_until(lock_, *due);
+    } else {
+        changed_.wait(lock_);
+    }
+}
+
+void log_queue::run_writer()
+{
+    const base::scoped_lock hold(lock_);
+    while (!is_stopping_) {
+        append_reports(false);
+        if (lines_.empty()) {
+            wait_for_work();
+        } else {
+            write_first();
+        }
+    }
+    append_reports(true);
+    while (!lines_.empty()) {
+        write_first();
+    }
+    has_ended_ = true;
+    ended_.notify_one();
+}
+
+bool log_queue::enqueue(const log_line &line)
+{
+    std::string whole = formatted(line);
+    const auto now = clock::now();
+    const base::scoped_lock hold(lock_);
+    if (!writer_.joinable()) {
+        return false;
+    }
+    if (limit_.judge(line, now) == log_limit::verdict::write) {
+        if (queued_bytes_ + whole.size() > max_queued_bytes) {
+            limit_.drop(now);
+        } else {
+            append(std::move(whole));
+        }
+    }
+    changed_.notify_one();
+    return true;
+}
+
+void log_queue::write_directly(const log_line &line)
+{
+    const std::string whole = formatted(line);
+    lock_.lock();
+    const auto until = clock::now() + (is_stalled_ ? clock::duration() : max_wait);
+    lock_.unlock();
+    const bool is_written = write_out(whole, until);
+    const base::scoped_lock hold(lock_);
+    is_stalled_ = !is_written;
+    if (!is_written) {
+        limit_.drop(clock::now());
+    }
+}
+
+void log_queue::report_held_back()
+{
+    const base::scoped_lock hold(lock_);
+    if (writer_.joinable()) {
+        append_reports(true);
+        changed_.notify_one();
+    }
+}
+
+void log_queue::count_lost() noexcept
+{
+    const base::scoped_lock hold(lock_);
+    limit_.drop(clock::now());
+}
+
+uint64_t log_queue::dropped()
+{
+    const base::scoped_lock hold(lock_);
+    return limit_.dropped();
+}
+
+} // namespace
+
+void log_threshold(log_level finest)
+{
+    queue.threshold = finest;
+}
+
+void log_start()
+{
+    queue.start();
+}
+
+void log_stop()
+{
+    queue.stop();
+}
+
 void log(log_level level, std::string_view line) noexcept
 {
-    if (level > threshold) {
+    if (level > queue.threshold) {
         return;
     }
     try {
         const log_line shown{level, base::visible(line)};
-        if (!enqueue(shown)) {
-            write_directly(shown);
+        if (!queue.enqueue(shown)) {
+            queue.write_directly(shown);
         }
     } catch (const std::bad_alloc &) {
-        count_lost();
+        queue.count_lost();
     }
 }
 
 void log_report_held_back()
 {
-    const std::lock_guard guard(state.lock);
-    if (state.writer.joinable()) {
-        append_reports(true);
-        state.changed.notify_one();
-    }
+    queue.report_held_back();
 }
 
 uint64_t log_lines_dropped()
 {
-    const std::lock_guard guard(state.lock);
-    return state.limit.dropped();
+    return queue.dropped();
 }
 
 } // namespace l2fibd

@@ -7,13 +7,6 @@
 
 namespace l2fibd {
 
-namespace {
-
-// Long enough to gather the drops of one burst in one line.
-constexpr auto drops_gathered = std::chrono::seconds(1);
-
-} // namespace
-
 log_limit::verdict log_limit::judge(const log_line &line, time now)
 {
     close_windows(now, false);
@@ -38,7 +31,7 @@ log_limit::verdict log_limit::judge(const log_line &line, time now)
 void log_limit::drop(time now)
 {
     if (dropped_unreported_ == 0) {
-        report_drops_at_ = now + drops_gathered;
+        report_drops_at_ = now + drop_window;
     }
     dropped_++;
     dropped_unreported_++;
@@ -49,8 +42,8 @@ std::vector<log_line> log_limit::take_reports(time now, bool all)
     close_windows(now, all);
     if (dropped_unreported_ != 0 && (all || report_drops_at_ <= now)) {
         reports_.push_back({log_level::warning, "log lines dropped: " + std::to_string(dropped_unreported_)
-                                                    + "; standard error took them too slowly, or more than "
-                                                    + std::to_string(lines_a_second) + " a second came"});
+                                                    + "; standard error was read too slowly, or a level had more than "
+                                                    + std::to_string(lines_per_second) + " lines a second"});
         dropped_unreported_ = 0;
     }
     return std::exchange(reports_, {});
@@ -74,12 +67,12 @@ std::optional<log_limit::time> log_limit::next_report() const
     return next;
 }
 
-// Takes one line from the level's budget, which time refills.
+// Takes one line from the level's budget. The budget grows by lines_per_second, up to burst_lines.
 bool log_limit::spend(log_level level, time now)
 {
     budget &of = budgets_[static_cast<size_t>(level)];
     const std::chrono::duration<double> passed = now - std::exchange(of.counted, now);
-    of.lines = std::min(burst_lines, of.lines + passed.count() * double{lines_a_second});
+    of.lines = std::min(burst_lines, of.lines + passed.count() * double{lines_per_second});
     if (of.lines < 1) {
         return false;
     }
@@ -94,8 +87,8 @@ void log_limit::report_repeats(const remembered &of)
     }
 }
 
-// Forgets a line that was not repeated within its window. One that was begins its next window, so that a flood makes
-// one report per window.
+// Ends the windows that are over. A line that was repeated gets a new window, so that a flood makes one report for each
+// window. A line that was not repeated is forgotten.
 void log_limit::close_windows(time now, bool all)
 {
     for (remembered &each : recent_) {

@@ -2,10 +2,17 @@
 
 // Decides which lines of the log are written, so that a flood neither fills the disk nor hides what matters.
 //
-// - A line that repeats one of the last few different lines is counted, not written. One line says how often it came.
-// - Each level has a budget of lines a second. Lines beyond it are dropped and counted. One line says how many.
+// - A line that repeats one of the last few different lines is counted, not written. One line reports the count:
 //
-// Threads: none of its own. The caller holds a lock (log.cpp). Time is an argument, so that tests need not wait.
+//      0 s   "refused"    written
+//      1 s   "refused"    counted
+//      2 s   "refused"    counted
+//      5 s                "repeated 2 times: refused"
+//
+// - Each level has a budget of lines a second. Lines beyond it are dropped and counted. One line reports the count.
+//
+// Threads: any, one at a time: the caller holds the lock that guards the object (log.cpp). Time is an argument, so that
+// tests need not wait.
 #pragma once
 
 #include <array>
@@ -31,23 +38,23 @@ public:
     using time = clock::time_point;
 
     static constexpr auto repeat_window = std::chrono::seconds(5);
-    static constexpr size_t lines_remembered = 8;  // clients that alternate between a few errors are one flood
-    static constexpr uint32_t lines_a_second = 50; // about what a person can scroll through afterwards
-    static constexpr double burst_lines = 200;     // a start with a note on each of many devices is no flood
+    static constexpr size_t lines_remembered = 8;    // clients that alternate between a few errors make one flood
+    static constexpr uint32_t lines_per_second = 50; // of each level; about what a person can scroll through later
+    static constexpr double burst_lines = 200;       // a start that logs a note on each of many devices is no flood
+    static constexpr auto drop_window = std::chrono::seconds(1); // gathers the drops of a burst in one line
 
     enum class verdict : uint8_t { write, repeated, dropped };
 
-    // Judges one line. A verdict other than `write` has been counted.
+    // Decides about one line. Counts it unless the verdict is `write`.
     verdict judge(const log_line &line, time now);
 
-    // Counts a line that was lost after judge() had let it pass.
+    // Counts a line that the caller lost after judge() returned `write`.
     void drop(time now);
 
-    // Lines that report what was held back, as far as they are due; with `all` every one. What they report counts as
-    // reported.
+    // The reports that are due, or with `all` also those that are not due yet. They are not returned again.
     std::vector<log_line> take_reports(time now, bool all);
 
-    // When the next report is due; empty if nothing is held back.
+    // When the next report is due. Empty if nothing waits to be reported.
     std::optional<time> next_report() const;
 
     uint64_t dropped() const { return dropped_; }
@@ -61,7 +68,7 @@ private:
 
     struct budget {
         double lines = burst_lines;
-        time counted{};
+        time counted{}; // when `lines` was refilled last
     };
 
     bool spend(log_level level, time now);

@@ -1,12 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// l2fibd: the forwarding process. It starts the module on a forwarding plane and serves its API until it is told to
-// end.
+// l2fibd: the forwarding process. It starts the module on a forwarding plane and serves the API until SIGTERM or
+// SIGINT.
 //
-// Order of the start: signals are blocked before there is a thread that could take them. Descriptors are counted and
-// the socket is taken before anything costs time. The log gets its thread once the forwarding plane has given up the
-// capabilities that it needed. The module serves before the first request can come. The end is the reverse.
+// The start has this order, and the end is the reverse:
+//
+// 1. The main thread blocks signals, before another thread could take them.
+// 2. It counts free descriptors and takes the socket, before anything that costs time.
+// 3. forwarding::start starts the module, so that it serves before the first request arrives. It also gives up the
+//    capabilities that the forwarding plane needed.
+// 4. The log gets its thread, which inherits the signal mask and no capability.
+// 5. The HTTP server starts.
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
@@ -44,13 +50,14 @@ sigset_t block_signals()
     return signals;
 }
 
+// Logs the error and returns the exit status for it.
 int failed(const std::string &text)
 {
     log(log_level::error, text);
     return EXIT_FAILURE;
 }
 
-// Releases everything; the exit status is a failure when something would not go.
+// Releases everything. Returns a failure if something could not be released.
 int end_forwarding()
 {
     const forwarding::release_report report = forwarding::stop();
@@ -59,25 +66,28 @@ int end_forwarding()
     return report.orderly ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-// Takes no socket, so that it may run beside a daemon, and leaves signals alone: nothing outlives the process.
-int check(const l2fibd::settings &settings)
+// Brings the table up to date once and prints its health.
+base::result print_check()
+try {
+    l2fibd::resync_requester().resync_all();
+    std::cout << l2fibd::health_text() << '\n';
+    return base::finish_standard_output();
+} catch (const l2fibd::api_error &error) {
+    return base::failure(EIO, error.message);
+}
+
+// --check. It takes no socket, so it may run beside a daemon. It blocks no signals, because nothing outlives the
+// process.
+int check(const l2fibd::options &options)
 {
-    if (const std::string error = l2fibd::check_descriptors(l2fibd::start_descriptors); !error.empty()) {
+    if (const base::result checked = l2fibd::check_descriptors(l2fibd::start_descriptors); !checked.ok()) {
+        return failed(checked.text);
+    }
+    if (const std::string error = forwarding::start(options.forwarding); !error.empty()) {
         return failed(error);
     }
-    if (const std::string error = forwarding::start(settings.forwarding); !error.empty()) {
-        return failed(error);
-    }
-    int status = EXIT_SUCCESS;
-    try {
-        l2fibd::resync_all();
-        std::cout << l2fibd::health_text() << '\n';
-        if (const std::string error = base::finish_standard_output(); !error.empty()) {
-            status = failed(error);
-        }
-    } catch (const l2fibd::api_error &error) {
-        status = failed(error.message);
-    }
+    const base::result printed = print_check();
+    const int status = printed.ok() ? EXIT_SUCCESS : failed(printed.text);
     const int end_status = end_forwarding();
     return status != EXIT_SUCCESS ? status : end_status;
 }
@@ -90,45 +100,45 @@ void wait_for_end(const sigset_t &signals)
     l2fibd::notify_service_manager("STOPPING=1");
 }
 
-// Serves until a signal comes. Returns what went wrong.
-std::string serve_http(l2fibd::listening_socket &socket, const l2fibd::settings &settings, const sigset_t &signals)
+// Serves until a signal arrives. The server has stopped when this returns.
+base::result serve_http(l2fibd::listening_socket &socket, const l2fibd::options &options, const sigset_t &signals)
 try {
+    l2fibd::http_server server;
     l2fibd::log_start();
-    if (std::string error = l2fibd::http_start(socket.descriptor(), settings.forwarding.resync_wait_seconds);
-        !error.empty()) {
-        return error;
+    if (base::result started = server.start(socket.descriptor(), options.forwarding.resync_wait_seconds);
+        !started.ok()) {
+        return started;
     }
     socket.hand_over();
-    log(log_level::info, "serves " + settings.socket_path + " from the " + forwarding::health().plane + " plane");
+    log(log_level::info, "serves " + options.socket_path + " from the " + forwarding::health().plane + " plane");
     l2fibd::notify_service_manager("READY=1");
     wait_for_end(signals);
-    return {};
+    return base::success();
 } catch (const std::exception &error) {
-    return error.what();
+    return base::failure(EIO, error.what());
 }
 
-// Nothing of the start is begun if there are too few descriptors: a thread of the module that lacks one never serves,
-// and the start would wait for it.
-int serve(const l2fibd::settings &settings, const sigset_t &signals)
+// Checks the descriptors first. A thread of the module that gets no descriptor never serves, and the start would wait
+// for it.
+int serve(const l2fibd::options &options, const sigset_t &signals)
 {
-    const uint32_t needed = l2fibd::start_descriptors + l2fibd::http_least_descriptors;
-    if (const std::string error = l2fibd::check_descriptors(needed); !error.empty()) {
-        return failed(error);
+    const uint32_t needed = l2fibd::start_descriptors + l2fibd::min_http_descriptors;
+    if (const base::result checked = l2fibd::check_descriptors(needed); !checked.ok()) {
+        return failed(checked.text);
     }
     l2fibd::listening_socket socket;
-    if (const std::string error = socket.open(settings.socket_path, settings.socket_group); !error.empty()) {
+    if (const base::result opened = socket.open(options.socket_path, options.socket_group); !opened.ok()) {
+        return failed(opened.text);
+    }
+    if (const std::string error = forwarding::start(options.forwarding); !error.empty()) {
         return failed(error);
     }
-    if (const std::string error = forwarding::start(settings.forwarding); !error.empty()) {
-        return failed(error);
+    const base::result served = serve_http(socket, options, signals);
+    if (!served.ok()) {
+        failed(served.text);
     }
-    const std::string error = serve_http(socket, settings, signals);
-    if (!error.empty()) {
-        failed(error);
-    }
-    l2fibd::http_stop();
     const int status = end_forwarding();
-    return error.empty() ? status : EXIT_FAILURE;
+    return served.ok() ? status : EXIT_FAILURE;
 }
 
 } // namespace
@@ -137,18 +147,18 @@ int main(int argc, char **argv)
 {
     base::hold_standard_streams();
     try {
-        l2fibd::settings settings;
-        if (const auto status = l2fibd::read_command_line(argc, argv, settings)) {
+        l2fibd::options options;
+        if (const auto status = l2fibd::parse_options(argc, argv, options)) {
             return *status;
         }
-        l2fibd::log_threshold(settings.finest);
-        settings.forwarding.report = log_report;
-        std::signal(SIGPIPE, SIG_IGN); // a client that has gone is an error of its connection
-        // The table tells times of day as this process sees them; the API promises UTC.
+        l2fibd::log_threshold(options.finest_level);
+        options.forwarding.report = log_report;
+        std::signal(SIGPIPE, SIG_IGN); // a client that closed its connection is an error of that connection only
+        // The table shows local times, and the API promises UTC.
         setenv("TZ", "UTC0", 1); // NOLINT(concurrency-mt-unsafe): there are no other threads yet
         tzset();
         l2fibd::raise_descriptor_limit();
-        const int status = settings.check_only ? check(settings) : serve(settings, block_signals());
+        const int status = options.check_only ? check(options) : serve(options, block_signals());
         l2fibd::log_stop();
         return status;
     } catch (const std::exception &error) {

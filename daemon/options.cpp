@@ -17,6 +17,12 @@ namespace l2fibd {
 
 namespace {
 
+// The largest values of the options.
+constexpr uint32_t max_mac_limit = 100'000'000;            // such a table takes about 13 gigabytes
+constexpr uint32_t max_receive_buffer = uint32_t{1} << 30; // bytes; the kernel doubles it and counts in an int
+constexpr uint32_t max_proof_rate = 100'000; // entries a second, each of which is a question to the kernel
+constexpr uint16_t max_resync_wait = 3600;   // seconds; no client waits for more than an hour
+
 using setter = std::function<void(const std::string &)>;
 
 [[noreturn]] void refuse(const std::string &option, const std::string &value, const std::string &expected)
@@ -24,14 +30,14 @@ using setter = std::function<void(const std::string &)>;
     throw CLI::ValidationError(option + " \"" + value + "\"", expected);
 }
 
-// An option whose value is a number from 1 to `most`.
+// Adds an option whose value is a number from 1 to `max`.
 template <typename Number>
-void add_number(CLI::App &app, const std::string &name, Number &to, Number most, const std::string &description)
+void add_number(CLI::App &app, const std::string &name, Number &to, Number max, const std::string &description)
 {
-    const auto set = [name, &to, most](const std::string &text) {
-        const auto number = base::parse_number(text, most);
+    const auto set = [name, &to, max](const std::string &text) {
+        const auto number = base::parse_number(text, max);
         if (!number || *number == 0) {
-            refuse(name, text, "expected a number from 1 to " + std::to_string(most));
+            refuse(name, text, "expected a number from 1 to " + std::to_string(max));
         }
         to = static_cast<Number>(*number);
     };
@@ -40,7 +46,7 @@ void add_number(CLI::App &app, const std::string &name, Number &to, Number most,
         ->default_str(to != 0 ? std::to_string(to) : std::string());
 }
 
-// An option whose value is one of the names of a table.
+// Adds an option whose value is one of the names in a table.
 template <typename Value, size_t Count>
 void add_choice(CLI::App &app, const std::string &name, Value &to,
                 const std::pair<const char *, Value> (&choices)[Count], const std::string &description)
@@ -71,99 +77,101 @@ constexpr std::pair<const char *, log_level> levels[] = {{"error", log_level::er
                                                          {"info", log_level::info},
                                                          {"debug", log_level::debug}};
 
-// ---- Values that more is asked of than their form ----
+// ---- Options with a text ----
 
-void set_fabric(settings &into, const std::string &text)
+void set_fabric(options &to, const std::string &text)
 {
     forwarding::fabric_options ignored;
     const std::string error = forwarding::parse_fabric(text, ignored);
     if (!error.empty()) {
         refuse("--generate", text, error);
     }
-    into.forwarding.fabric = text;
+    to.forwarding.fabric = text;
 }
 
-void set_directory(settings &into, const std::string &path)
+void set_directory(options &to, const std::string &path)
 {
     struct stat found {};
     if (stat(path.c_str(), &found) != 0 || !S_ISDIR(found.st_mode)) {
         refuse("--recorded", path, "expected a directory with links.json and fdb.json");
     }
-    into.forwarding.recorded_directory = path;
+    to.forwarding.recorded_directory = path;
 }
 
-void set_netns(settings &into, const std::string &name)
+void set_netns(options &to, const std::string &name)
 {
     if (name.empty()) {
         refuse("--netns", name, "expected the name of a network namespace, or a path");
     }
-    into.forwarding.netns = name;
+    to.forwarding.netns = name;
 }
 
-void set_group(settings &into, const std::string &name)
+void set_group(options &to, const std::string &name)
 {
     const std::string error = forwarding::group_error(name);
     if (!error.empty()) {
         refuse("--group", name, error);
     }
-    into.forwarding.group = name;
+    to.forwarding.group = name;
 }
 
-void set_socket(settings &into, const std::string &path)
+void set_socket(options &to, const std::string &path)
 {
-    if (path.empty() || path.size() > longest_socket_path()) {
-        refuse("--socket", path, "expected a path of 1 to " + std::to_string(longest_socket_path()) + " characters");
+    if (path.empty() || path.size() > max_socket_path) {
+        refuse("--socket", path, "expected a path of 1 to " + std::to_string(max_socket_path) + " characters");
     }
-    into.socket_path = path;
+    to.socket_path = path;
 }
 
-void set_socket_group(settings &into, const std::string &name)
+void set_socket_group(options &to, const std::string &name)
 {
     if (name.empty()) {
         refuse("--socket-group", name, "expected the name of a group");
     }
-    into.socket_group = name;
+    to.socket_group = name;
 }
 
 struct text_option {
     const char *name;
     const char *type;
-    void (*set)(settings &into, const std::string &value);
+    void (*set)(options &to, const std::string &value);
     const char *description;
 };
 
 constexpr text_option text_options[] = {
     {"--generate", "TEXT", set_fabric,
-     "what the generated plane holds, such as bridges=10,ports=32,macs=100000,vteps=64,churn=1000/s,seed=1"},
-    {"--recorded", "DIR", set_directory, "tables recorded from ip and bridge, links.json and fdb.json; their plane"},
-    {"--netns", "NAME", set_netns, "the network namespace of the kernel's plane, a name or a path"},
-    {"--group", "NAME", set_group, "the first part of every bridge domain's name; by default the host's name"},
-    {"--socket", "PATH", set_socket, "the socket to serve; by default /run/l2fibd.sock"},
-    {"--socket-group", "NAME", set_socket_group, "the group that may use the socket; by default the process's"},
+     "contents of the generated plane, such as bridges=10,ports=32,macs=100000,vteps=64,churn=1000/s,seed=1"},
+    {"--recorded", "DIR", set_directory,
+     "directory of the recorded plane, with links.json from ip and fdb.json from bridge"},
+    {"--netns", "NAME", set_netns, "network namespace of the kernel plane, by name or path; by default the process's"},
+    {"--group", "NAME", set_group, "first part of every bridge domain's name; by default the host's name"},
+    {"--socket", "PATH", set_socket, "socket to serve; by default /run/l2fibd.sock"},
+    {"--socket-group", "NAME", set_socket_group, "group that may use the socket; by default the process's"},
 };
 
-void add_options(CLI::App &app, settings &into)
+void add_options(CLI::App &app, options &to)
 {
-    add_choice(app, "--plane", into.forwarding.plane, planes, "the forwarding plane");
+    add_choice(app, "--plane", to.forwarding.plane, planes, "forwarding plane to show");
     for (const text_option &option : text_options) {
-        const auto set = [&into, &option](const std::string &text) { option.set(into, text); };
+        const auto set = [&to, &option](const std::string &text) { option.set(to, text); };
         app.add_option_function<std::string>(option.name, setter(set), option.description)->type_name(option.type);
     }
-    add_number(app, "--mac-limit", into.forwarding.mac_limit, uint32_t{100'000'000}, "the most MAC entries");
-    add_number(app, "--receive-buffer", into.forwarding.receive_buffer, uint32_t{1} << 30,
-               "bytes for notifications of the kernel that wait to be read; by default 128 MiB");
-    add_number(app, "--proof-rate", into.forwarding.proof_rate, uint32_t{100'000},
-               "entries a second that are compared with the kernel's");
-    add_number(app, "--resync-wait", into.forwarding.resync_wait_seconds, uint16_t{3600},
+    add_number(app, "--mac-limit", to.forwarding.mac_limit, max_mac_limit,
+               "maximum number of MAC entries in the table");
+    add_number(app, "--receive-buffer", to.forwarding.receive_buffer, max_receive_buffer,
+               "bytes for the kernel's notifications that wait to be read; by default 128 MiB");
+    add_number(app, "--proof-rate", to.forwarding.proof_rate, max_proof_rate,
+               "entries compared with the kernel per second, to find changes that it did not report");
+    add_number(app, "--resync-wait", to.forwarding.resync_wait_seconds, max_resync_wait,
                "seconds that a request waits for the forwarding plane");
-    add_choice(app, "--log-level", into.finest, levels, "how much is logged");
-    app.add_flag("--check", into.check_only, "start, bring the table up to date once, report, and end")
+    add_choice(app, "--log-level", to.finest_level, levels, "least severe lines that are logged");
+    app.add_flag("--check", to.check_only, "start, bring the table up to date once, report its health, and end")
         ->disable_flag_override();
     app.set_version_flag("--version", "l2fibd " L2FIBD_VERSION);
 }
 
-// The options that only one plane has: they choose it, and do not go with another.
-void settle_plane(const CLI::App &app, settings &into)
+// An option that only one plane has selects that plane. Throws if --plane names another one.
+void settle_plane(const CLI::App &app, options &to)
 {
     constexpr struct {
         const char *option;
@@ -171,22 +179,22 @@ void settle_plane(const CLI::App &app, settings &into)
         bool is_required;
         const char *expected;
     } rows[] = {
-        {"--generate", plane_choice::generated, false, "expected --plane generated with it, or none"},
-        {"--recorded", plane_choice::recorded, true, "expected --plane recorded with it, or none"},
-        {"--netns", plane_choice::kernel, false, "expected --plane kernel with it, or none"},
-        {"--receive-buffer", plane_choice::kernel, false, "expected --plane kernel with it, or none"},
+        {"--generate", plane_choice::generated, false, "expected --plane generated or no --plane with it"},
+        {"--recorded", plane_choice::recorded, true, "expected --plane recorded or no --plane with it"},
+        {"--netns", plane_choice::kernel, false, "expected --plane kernel or no --plane with it"},
+        {"--receive-buffer", plane_choice::kernel, false, "expected --plane kernel or no --plane with it"},
     };
     bool is_chosen = app.count("--plane") != 0;
     for (const auto &row : rows) {
         const bool is_given = app.count(row.option) != 0;
-        if (is_given && is_chosen && into.forwarding.plane != row.plane) {
+        if (is_given && is_chosen && to.forwarding.plane != row.plane) {
             throw CLI::ValidationError(row.option, row.expected);
         }
         if (is_given) {
-            into.forwarding.plane = row.plane;
+            to.forwarding.plane = row.plane;
             is_chosen = true;
         }
-        if (into.forwarding.plane == row.plane && row.is_required && !is_given) {
+        if (to.forwarding.plane == row.plane && row.is_required && !is_given) {
             throw CLI::ValidationError("--plane recorded", "expected --recorded DIR with it");
         }
     }
@@ -194,22 +202,22 @@ void settle_plane(const CLI::App &app, settings &into)
 
 } // namespace
 
-std::optional<int> read_command_line(int argc, char **argv, settings &into)
+std::optional<int> parse_options(int argc, char **argv, options &to)
 {
-    CLI::App app("Shows what a layer-2 forwarding plane holds, over a Unix socket.", "l2fibd");
-    add_options(app, into);
+    CLI::App app("Serves the MAC addresses that a layer-2 forwarding plane holds, over a Unix socket.", "l2fibd");
+    add_options(app, to);
     try {
         app.parse(argc, argv);
-        settle_plane(app, into);
+        settle_plane(app, to);
     } catch (const CLI::Success &asked) {
         const int status = app.exit(asked);
-        const std::string error = base::finish_standard_output();
-        if (!error.empty()) {
-            log(log_level::error, error);
+        const base::result written = base::finish_standard_output();
+        if (!written.ok()) {
+            log(log_level::error, written.text);
         }
-        return error.empty() ? status : EXIT_FAILURE;
+        return written.ok() ? status : EXIT_FAILURE;
     } catch (const CLI::ParseError &error) {
-        std::cerr << "l2fibd: " << error.what() << "\nl2fibd --help shows the options\n";
+        std::cerr << "l2fibd: " << error.what() << "\nl2fibd: --help lists the options\n";
         return exit_usage;
     }
     return std::nullopt;

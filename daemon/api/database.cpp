@@ -5,123 +5,126 @@
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
-#include <mutex>
-#include <set>
+#include <string>
 
 #include "base/text.h"
 #include "daemon/api/api_error.h"
-#include "host/database/operational_db_host.h"
 #include "l2fib_mac_edm.h"
 
 namespace l2fibd {
 
 namespace {
 
-struct live_requests {
-    std::mutex lock;
-    std::set<host::operational_session *> sessions;
-    bool given_up = false;
-};
-
-live_requests live;
-
-// A session's place among the live requests.
-struct live_place {
-    host::operational_session *session;
-
-    explicit live_place(host::operational_session *of)
-        : session(of)
-    {
-        const std::lock_guard guard(live.lock);
-        live.sessions.insert(session);
-        if (live.given_up) {
-            operational_cancel(*session);
-        }
-    }
-    ~live_place()
-    {
-        const std::lock_guard guard(live.lock);
-        live.sessions.erase(session);
-    }
-    live_place(const live_place &) = delete;
-    live_place &operator=(const live_place &) = delete;
-};
-
 struct status_meaning {
     uint32_t status;
-    unsigned http_status;
+    http_status answered;
 };
 
-constexpr status_meaning meanings[] = {{ETIMEDOUT, 504},      {EDM_ERR_INVALID_ARGS, 503},
-                                       {EDM_ERR_RESYNC, 503}, {ESHUTDOWN, 503},
-                                       {ECANCELED, 503},      {ENOMEM, 503},
-                                       {ENOSYS, 503},         {EDM_ERR_NOT_FOUND, 404},
-                                       {ENOENT, 404},         {EINVAL, 400},
-                                       {EDM_ERR_NO_ITEM, 404}};
+constexpr status_meaning meanings[] = {
+    {EINVAL, http_status::bad_request},
+    {ENOENT, http_status::not_found},
+    {EDM_ERR_NOT_FOUND, http_status::not_found},
+    {EDM_ERR_NO_ITEM, http_status::not_found},
+    {ECANCELED, http_status::unavailable},
+    {ENOMEM, http_status::unavailable},
+    {ENOSYS, http_status::unavailable},
+    {ESHUTDOWN, http_status::unavailable},
+    {EDM_ERR_INVALID_ARGS, http_status::unavailable}, // the module has not started, or has ended
+    {EDM_ERR_RESYNC, http_status::unavailable},
+    {ETIMEDOUT, http_status::timed_out},
+};
 
-unsigned http_status_of(uint32_t status)
+http_status http_status_of(uint32_t status)
 {
     const auto *known = std::ranges::find(meanings, status, &status_meaning::status);
     if (known != std::end(meanings)) {
-        return known->http_status;
+        return known->answered;
     }
-    return (status & EDM_RESYNC_SEND_ERROR) == EDM_RESYNC_SEND_ERROR ? 503 : 500;
+    const bool is_send_error = (status & EDM_RESYNC_SEND_ERROR) == EDM_RESYNC_SEND_ERROR;
+    return is_send_error ? http_status::unavailable : http_status::internal_error;
 }
 
-host::operational_page ask(const host::operational_request &request)
+// The module brings the scope of a list up to date before it answers, so a list of one name is enough.
+host::operational_request list_of(std::string path)
 {
-    const host::operational_session_ptr session = host::operational_open(request);
-    const live_place place(session.get());
-    host::operational_page page;
-    host::operational_next(*session, page);
-    return page;
-}
-
-// An answer that says that nothing is there comes after the resync, too.
-void resync_by(const host::operational_request &request)
-{
-    const host::operational_page page = ask(request);
-    if (page.status != 0 && page.status != EDM_ERR_NO_ITEM) {
-        throw api_error{http_status_of(page.status), "operation-failed", page.text};
-    }
-}
-
-// A list is asked for after its scope was brought up to date: one name of it is enough.
-void resync_by_list(const std::string &path)
-{
-    resync_by({.path = path, .kind = host::request_kind::list, .count = 1});
+    return {.path = std::move(path), .kind = host::request_kind::list, .count = 1};
 }
 
 } // namespace
 
-void give_up_requests()
+// A session's place among those that give_up() cancels.
+class resync_requester::registration {
+public:
+    registration(resync_requester &requester, host::operational_session *session)
+        : requester_(requester)
+        , session_(session)
+    {
+        requester_.insert(session_);
+    }
+    ~registration() { requester_.erase(session_); }
+    registration(const registration &) = delete;
+    registration &operator=(const registration &) = delete;
+
+private:
+    resync_requester &requester_;
+    host::operational_session *session_;
+};
+
+void resync_requester::insert(host::operational_session *session)
 {
-    const std::lock_guard guard(live.lock);
-    live.given_up = true;
-    for (host::operational_session *session : live.sessions) {
+    const base::scoped_lock hold(lock_);
+    sessions_.insert(session);
+    if (is_given_up_) {
         operational_cancel(*session);
     }
 }
 
-bool requests_given_up()
+void resync_requester::erase(host::operational_session *session)
 {
-    const std::lock_guard guard(live.lock);
-    return live.given_up;
+    const base::scoped_lock hold(lock_);
+    sessions_.erase(session);
 }
 
-void resync_all()
+// The module also answers EDM_ERR_NO_ITEM, for an empty scope, after the resync.
+void resync_requester::request(const host::operational_request &wanted)
 {
-    resync_by({.path = "mac-count", .kind = host::request_kind::get});
+    const host::operational_session_ptr session = host::operational_open(wanted);
+    const registration registered(*this, session.get());
+    host::operational_page page;
+    host::operational_next(*session, page);
+    if (page.status != 0 && page.status != EDM_ERR_NO_ITEM) {
+        throw api_error{http_status_of(page.status), error_tag::operation_failed, page.text};
+    }
 }
 
-void resync_domain(std::string_view domain)
+void resync_requester::resync_all()
 {
-    resync_by_list("mac-table/domain/" + base::percent_encode(domain));
+    request({.path = "mac-count", .kind = host::request_kind::get});
 }
 
-void resync_port(uint32_t xcid, std::string_view domain)
+void resync_requester::resync_domain(std::string_view domain)
 {
-    resync_by_list("mac-table/port/" + std::to_string(xcid) + "/domain/" + base::percent_encode(domain));
+    request(list_of("mac-table/domain/" + base::percent_encode(domain)));
+}
+
+void resync_requester::resync_port(uint32_t xcid, std::string_view domain)
+{
+    request(list_of("mac-table/port/" + std::to_string(xcid) + "/domain/" + base::percent_encode(domain)));
+}
+
+void resync_requester::give_up()
+{
+    const base::scoped_lock hold(lock_);
+    is_given_up_ = true;
+    for (host::operational_session *session : sessions_) {
+        operational_cancel(*session);
+    }
+}
+
+bool resync_requester::is_given_up() const
+{
+    const base::scoped_lock hold(lock_);
+    return is_given_up_;
 }
 
 } // namespace l2fibd

@@ -1,24 +1,46 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// How the daemon has the table brought up to date before it reads it: by requests to the operational database, each of
-// which makes the module ask the forwarding plane for a resync and waits for its end. The statuses of the database
-// become errors of the API here.
+// Brings the MAC table up to date before the API reads it. Each request to the operational database makes the module
+// ask the forwarding plane for a resync and wait for its end. Errors of the database become errors of the API here.
 //
-// Threads: any. A request may take the whole resync wait time, and can be given up when the daemon ends.
+//      resync_requester resyncs;
+//      resyncs.resync_domain("lab:br0");
+//      ... read the table ...
+//
+// Threads: any thread may call every function. A resync may take the whole resync wait time. give_up() ends the wait
+// when the daemon ends.
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <string_view>
+
+#include "base/mutex.h"
+#include "host/database/operational_db_host.h"
 
 namespace l2fibd {
 
-// Gives up the requests that are under way, and all later ones: they end with ECANCELED.
-void give_up_requests();
-bool requests_given_up();
+class resync_requester {
+public:
+    // Bring a scope up to date. Throw api_error if that failed.
+    void resync_all() L2FIB_EXCLUDES(lock_);
+    void resync_domain(std::string_view domain) L2FIB_EXCLUDES(lock_);
+    void resync_port(uint32_t xcid, std::string_view domain) L2FIB_EXCLUDES(lock_);
 
-// Bring a scope up to date. Throw api_error when that failed.
-void resync_all();
-void resync_domain(std::string_view domain);
-void resync_port(uint32_t xcid, std::string_view domain);
+    // Cancels the requests under way and all later ones. They end with ECANCELED.
+    void give_up() L2FIB_EXCLUDES(lock_);
+    bool is_given_up() const L2FIB_EXCLUDES(lock_);
+
+private:
+    class registration;
+
+    void request(const host::operational_request &wanted) L2FIB_EXCLUDES(lock_);
+    void insert(host::operational_session *session) L2FIB_EXCLUDES(lock_);
+    void erase(host::operational_session *session) L2FIB_EXCLUDES(lock_);
+
+    mutable base::mutex lock_;
+    std::set<host::operational_session *> sessions_ L2FIB_GUARDED_BY(lock_); // under way
+    bool is_given_up_ L2FIB_GUARDED_BY(lock_) = false;
+};
 
 } // namespace l2fibd

@@ -14,8 +14,6 @@ namespace l2fibd {
 
 namespace {
 
-server_health (*server)() = nullptr;
-
 struct counter {
     std::string_view name;
     uint64_t value;
@@ -138,7 +136,7 @@ void write_pool(json_writer &json, const host::chunk_statistics &pool)
     json.end_object();
 }
 
-// Calls `visit` with each pool's figures.
+// Calls `visit` with the statistics of each pool.
 template <typename Visit>
 void visit_pools(Visit visit)
 {
@@ -164,52 +162,50 @@ void write_memory(json_writer &json)
     json.end_object();
 }
 
-void write_requests(json_writer &json, const server_health &of_server)
+void write_requests(json_writer &json, const server_health &server)
 {
     const host::operational_statistics statistics = host::operational_get_statistics();
     json.begin_object("requests");
-    json.member("active", of_server.active_requests);
-    json.member64("refused", of_server.refused_requests);
-    json.member("connections", of_server.open_connections);
-    json.member64("connections-refused", of_server.refused_connections);
+    json.member("active", server.active_requests);
+    json.member64("refused", server.refused_requests);
+    json.member("connections", server.open_connections);
+    json.member64("connections-refused", server.refused_connections);
     json.member64("lists-live", statistics.live_lists);
     json.end_object();
 }
 
+std::string lines_of(const char *label, const std::vector<forwarding::counted_reason> &reasons)
+{
+    std::string lines;
+    for (const forwarding::counted_reason &each : reasons) {
+        lines += std::string("\n") + label + ": " + std::to_string(each.count) + " (" + each.reason + ")";
+    }
+    return lines;
+}
+
 } // namespace
 
-void write_health(json_writer &json)
+void write_health(json_writer &json, const server_health &server)
 {
     json.begin_object();
     write_plane(json, forwarding::health());
     write_memory(json);
-    const server_health of_server = server != nullptr ? server() : server_health();
-    write_requests(json, of_server);
-    json.member64("log-lines-dropped", of_server.dropped_log_lines);
+    write_requests(json, server);
+    json.member64("log-lines-dropped", server.dropped_log_lines);
     json.end_object();
 }
 
 std::string health_text()
 {
     const forwarding::health_view view = forwarding::health();
-    std::string text = "plane " + view.plane + ", " + status_of(view) + ", generation "
+    std::string text = "plane " + view.plane + ", " + status_of(view) + ", full dump "
                        + std::to_string(view.of_plane.generation) + ", " + std::to_string(view.links) + " links, "
                        + std::to_string(view.entries) + " entries";
-    for (const forwarding::counted_reason &each : view.unmapped) {
-        text += "\nnot fed: " + std::to_string(each.count) + " (" + each.reason + ")";
-    }
-    for (const forwarding::counted_reason &each : view.refused) {
-        text += "\nrefused: " + std::to_string(each.count) + " (" + each.reason + ")";
-    }
+    text += lines_of("not fed", view.unmapped) + lines_of("refused", view.refused);
     for (const std::string &note : view.notes) {
         text += "\nnote: " + base::visible(note);
     }
     return text;
-}
-
-void set_server_health(server_health (*source)())
-{
-    server = source;
 }
 
 } // namespace l2fibd

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// What the health resource and --check tell.
+// The daemon's health: the resource `health` and the report of --check. It shows the forwarding plane, the table's
+// completeness, the memory pools, and the load of the server and the log.
+//
+// Threads: any thread may call every function.
 #pragma once
 
 #include <cstdint>
@@ -10,19 +13,18 @@
 
 namespace l2fibd {
 
-void write_health(json_writer &json);
-
-// In a few lines, for --check.
-std::string health_text();
-
-// What the server and the log add. Zeros until a source is set, which the server does before it starts.
+// What the HTTP server and the log contribute. Counters count since the start.
 struct server_health {
     uint32_t active_requests = 0;
     uint64_t refused_requests = 0;
-    uint32_t open_connections = 0; // refused ones that have not gone yet included
+    uint32_t open_connections = 0; // with refused ones that are still open
     uint64_t refused_connections = 0;
     uint64_t dropped_log_lines = 0;
 };
-void set_server_health(server_health (*source)());
+
+void write_health(json_writer &json, const server_health &server);
+
+// A few lines for --check.
+std::string health_text();
 
 } // namespace l2fibd

@@ -11,14 +11,15 @@ namespace l2fibd {
 
 namespace {
 
-constexpr std::string_view replacement = "\xef\xbf\xbd";
+constexpr std::string_view replacement = "\xef\xbf\xbd"; // U+FFFD
 
+// Printable ASCII that JSON does not escape.
 bool is_plain(char c)
 {
-    return c >= 0x20 && c < 0x7f && c != '"' && c != '\\';
+    return c >= ' ' && c <= '~' && c != '"' && c != '\\';
 }
 
-// Writes what the text begins with and is not plain; returns its length.
+// Writes the first character of the text, which is not plain. Returns its length in bytes.
 size_t put_character(std::string &out, std::string_view text)
 {
     const size_t length = base::utf8_length(text);
@@ -72,9 +73,9 @@ void json_writer::quote(std::string_view value)
     out_ += '"';
 }
 
-void json_writer::name(std::string_view of_member)
+void json_writer::name(std::string_view member_name)
 {
-    text(of_member);
+    text(member_name);
     out_ += ':';
     needs_comma_ = false;
 }
@@ -97,32 +98,32 @@ void json_writer::boolean(bool value)
     out_ += value ? "true" : "false";
 }
 
-void json_writer::member(std::string_view of_member, std::string_view value)
+void json_writer::member(std::string_view member_name, std::string_view value)
 {
-    name(of_member);
+    name(member_name);
     text(value);
 }
 
-void json_writer::member(std::string_view of_member, uint32_t value)
+void json_writer::member(std::string_view member_name, uint32_t value)
 {
-    name(of_member);
+    name(member_name);
     number(value);
 }
 
-void json_writer::member64(std::string_view of_member, uint64_t value)
+void json_writer::member64(std::string_view member_name, uint64_t value)
 {
-    member(of_member, std::to_string(value));
+    member(member_name, std::to_string(value));
 }
 
-void json_writer::begin_object(std::string_view of_member)
+void json_writer::begin_object(std::string_view member_name)
 {
-    name(of_member);
+    name(member_name);
     begin_object();
 }
 
-void json_writer::begin_array(std::string_view of_member)
+void json_writer::begin_array(std::string_view member_name)
 {
-    name(of_member);
+    name(member_name);
     begin_array();
 }
 

@@ -1,11 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Writes JSON straight into a text, so that a page of items costs no tree. The caller keeps brackets and commas in
-// their order by calling what comes next; commas are written by themselves.
+// Writes JSON straight into a text, so that a page of items needs no tree in memory. The caller calls the functions in
+// the order of the text. The writer adds the commas:
 //
-// Texts may hold any bytes: what is no UTF-8 is written as U+FFFD.
+//      std::string body;
+//      json_writer json(body);
+//      json.begin_object();
+//      json.member("xcid", 4);
+//      json.begin_array("flags");
+//      json.text("static");
+//      json.end_array();
+//      json.end_object();                      {"xcid":4,"flags":["static"]}
 //
-// A writer that goes on after items of an earlier one begins with a comma.
+// Texts may hold any bytes. A byte that is not valid UTF-8 is written as U+FFFD.
 //
 // Threads: a writer and its text belong to one thread.
 #pragma once
@@ -18,9 +25,10 @@ namespace l2fibd {
 
 class json_writer {
 public:
-    explicit json_writer(std::string &to, bool goes_on = false)
+    // With `follows_item` the writer continues a text that ends with an item, and begins with a comma.
+    explicit json_writer(std::string &to, bool follows_item = false)
         : out_(to)
-        , needs_comma_(goes_on)
+        , needs_comma_(follows_item)
     {}
 
     void begin_object() { begin('{'); }
@@ -28,17 +36,17 @@ public:
     void begin_array() { begin('['); }
     void end_array() { end(']'); }
 
-    void name(std::string_view of_member);
+    void name(std::string_view member_name);
 
     void text(std::string_view value);
-    void number(uint64_t value); // as a JSON number: of at most 32 bits by the rules of the encoding
+    void number(uint64_t value); // of at most 32 bits: RFC 7951 encodes larger ones as texts
     void boolean(bool value);
 
-    void member(std::string_view of_member, std::string_view value);
-    void member(std::string_view of_member, uint32_t value);
-    void member64(std::string_view of_member, uint64_t value); // a text
-    void begin_object(std::string_view of_member);
-    void begin_array(std::string_view of_member);
+    void member(std::string_view member_name, std::string_view value);
+    void member(std::string_view member_name, uint32_t value);
+    void member64(std::string_view member_name, uint64_t value); // as a text
+    void begin_object(std::string_view member_name);
+    void begin_array(std::string_view member_name);
 
 private:
     void begin(char bracket);

@@ -7,12 +7,12 @@
 #include <utility>
 
 #include "base/text.h"
-#include "daemon/api/database.h"
 
 namespace l2fibd {
 
 namespace {
 
+// A random number. A process that starts later has another one.
 const std::string &process_mark()
 {
     static const std::string mark = std::to_string(std::random_device()());
@@ -31,17 +31,27 @@ std::string key_of_continuation(const std::string &text)
     const auto whole = base::base64url_decode(text);
     const size_t space = whole ? whole->find(' ') : std::string::npos;
     if (space == std::string::npos || whole->find('\0') != std::string::npos) {
-        throw unexpected("cursor", text, "a next-cursor of this list");
+        throw wrong_cursor(text);
     }
     if (whole->substr(0, space) != process_mark()) {
-        throw api_error{410, "data-missing", "cursor: the daemon was started after this list began: begin it again"};
+        throw api_error{
+            http_status::gone, error_tag::data_missing,
+            "cursor \"" + text
+                + "\": the daemon was restarted after this list began; begin the list again without a cursor"};
     }
     return whole->substr(space + 1);
 }
 
-list_stream::list_stream(std::string_view name, std::unique_ptr<list_source> source, uint64_t limit)
+api_error wrong_cursor(const std::string &text)
+{
+    return unexpected("cursor", text, "a next-cursor of this list");
+}
+
+list_stream::list_stream(std::string_view name, std::unique_ptr<list_source> source, uint64_t limit,
+                         const resync_requester &resyncs)
     : list_name_(name)
-    , items_(std::move(source))
+    , source_(std::move(source))
+    , resyncs_(resyncs)
     , left_(limit)
 {}
 
@@ -64,11 +74,11 @@ void list_stream::write_next(std::string &text)
 
 void list_stream::write_page(json_writer &json)
 {
-    if (requests_given_up()) {
-        throw api_error{503, "operation-failed", "the daemon ends"};
+    if (resyncs_.is_given_up()) {
+        throw daemon_ends("list " + std::string(list_name_));
     }
-    const auto most = static_cast<uint32_t>(std::min<uint64_t>(left_, page_items));
-    const list_source::position at = items_->fetch(most, json);
+    const auto max_items = static_cast<uint32_t>(std::min<uint64_t>(left_, max_page_items));
+    const list_source::position at = source_->fetch(max_items, json);
     has_items_ = has_items_ || at.count != 0;
     left_ -= at.count;
     if (!at.more || left_ == 0) {

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Lists that are read and sent piece by piece: a source gives items as JSON, a stream puts them between brackets and
-// stops at a limit. At most one page of items is in memory.
+// Lists that are read and sent page by page. A source writes items as JSON. A stream writes the brackets around them
+// and stops at a limit. At most one page of items is in memory.
 //
-//     {"l2fib-mac:NAME": [ items ], "l2fib-mac:next-cursor": TEXT, "l2fib-mac:completeness": "whole"}
+//      {"l2fib-mac:NAME": [ items ], "l2fib-mac:next-cursor": TEXT, "l2fib-mac:completeness": "whole"}
 //
-// A list that fails after its first piece ends with the reason and without its last bracket, so that nobody takes it
-// for a whole one:
+// If a list fails after its first page, it ends with the reason and without its last brace. So no client takes it for a
+// whole list:
 //
-//     {"l2fib-mac:NAME": [ items ], "ietf-restconf:errors": {"error": [...]}
+//      {"l2fib-mac:NAME": [ items ], "ietf-restconf:errors": {"error": [...]}
 //
 // Threads: a source and its stream belong to one request.
 #pragma once
@@ -19,12 +19,14 @@
 #include <string_view>
 
 #include "daemon/api/api_error.h"
+#include "daemon/api/database.h"
 #include "daemon/api/json_writer.h"
 #include "forwarding/forwarding.h"
 
 namespace l2fibd {
 
-inline constexpr uint32_t page_items = 200;
+// Items of a page. The table's lock is released between two pages.
+inline constexpr uint32_t max_page_items = 200;
 
 class list_source {
 public:
@@ -33,41 +35,44 @@ public:
     list_source &operator=(const list_source &) = delete;
     virtual ~list_source() = default;
 
-    // What a page ended with.
+    // Where a page ended.
     struct position {
-        std::string key;    // to go on after its last item: a continuation before it is made fit for a URI
-        uint32_t count = 0; // of its items
-        bool more = false;  // whether items follow
+        std::string key;    // names the last item's place to this source: continuation_of() makes a cursor from it
+        uint32_t count = 0; // of the page's items
+        bool more = false;  // items follow
     };
 
-    // Writes the next items, at most `most`, which is from 1 to page_items. Throws api_error.
-    virtual position fetch(uint32_t most, json_writer &json) = 0;
+    // Writes the next items, at most `max_items`, which is from 1 to max_page_items. Throws api_error.
+    virtual position fetch(uint32_t max_items, json_writer &json) = 0;
 };
 
-// A continuation as clients see it: numbers of objects mean something to the process that gave them out alone, so it
-// names that process.
+// A cursor for clients: the key, marked with this process and encoded for a URI. The mark is needed because the key
+// holds numbers of objects, which another process gives to other objects.
 std::string continuation_of(const std::string &key);
 
-// The key of a continuation. Throws api_error for a text that is none, and 410 for one of another process.
+// The key of a cursor. Throws api_error: 400 if the text is no cursor, 410 if another process made it.
 std::string key_of_continuation(const std::string &text);
+
+// The error for a cursor that is none, or that another list made.
+api_error wrong_cursor(const std::string &text);
 
 class list_stream {
 public:
     static constexpr uint64_t no_limit = UINT64_MAX;
 
-    // `name` is that of the list, a literal.
-    list_stream(std::string_view name, std::unique_ptr<list_source> source, uint64_t limit);
+    // `name` is a literal. When `resyncs` is given up, the list fails before its next page.
+    list_stream(std::string_view name, std::unique_ptr<list_source> source, uint64_t limit,
+                const resync_requester &resyncs);
 
-    // Appends the next piece of the whole JSON text. Throws api_error for the first piece; a later one becomes the
+    // Appends the next page of the JSON text. On the first page, throws api_error. On a later one, an error becomes the
     // list's failure.
     void write_next(std::string &text);
     bool finished() const { return is_finished_; }
 
-    // What the list is worth so far. Its making is watched from the stream's creation on, so the table is brought up to
-    // date before that, and read after it.
+    // The worst completeness since the stream was created. Bring the table up to date before you create the stream.
     forwarding::completeness worst() const { return watch_.worst(); }
 
-    // Why a finished list was cut; empty: it is whole.
+    // Why a finished list was cut. Empty if it was not.
     const std::string &failure() const { return failure_; }
 
 private:
@@ -76,8 +81,9 @@ private:
     void write_failure(json_writer &json, const api_error &error);
 
     std::string_view list_name_;
-    std::unique_ptr<list_source> items_;
-    uint64_t left_;
+    std::unique_ptr<list_source> source_;
+    const resync_requester &resyncs_;
+    uint64_t left_; // items until the limit
     bool has_begun_ = false;
     bool has_items_ = false;
     bool is_finished_ = false;
@@ -85,7 +91,7 @@ private:
     forwarding::completeness_watch watch_ = {};
 };
 
-// The members `completeness` and, unless the answer is whole, `completeness-reason`.
+// Writes the member `completeness` and, unless the answer is whole, `completeness-reason`.
 void write_completeness(json_writer &json, const forwarding::completeness_watch &watch);
 
 } // namespace l2fibd

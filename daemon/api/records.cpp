@@ -16,7 +16,8 @@ namespace l2fibd {
 
 namespace {
 
-constexpr uint64_t nanoseconds = 1'000'000'000;
+constexpr uint64_t ns_per_second = 1'000'000'000;
+constexpr uint64_t ns_per_microsecond = 1'000;
 
 void write_if_set(json_writer &json, std::string_view name, uint32_t number)
 {
@@ -27,7 +28,7 @@ void write_if_set(json_writer &json, std::string_view name, uint32_t number)
 
 // ---- Flags ----
 
-// How the bits of `flags` and of `ext_flags` are called.
+// The API's names for the bits of `flags` and of `ext_flags`.
 struct flag_name {
     uint16_t flag;
     uint16_t ext_flag;
@@ -35,21 +36,14 @@ struct flag_name {
 };
 
 constexpr flag_name flag_names[] = {
-    {EDM_MAC_PBB, 0, "backbone"},
-    {EDM_MAC_STATIC, 0, "static"},
-    {EDM_MAC_LOCAL, 0, "local"},
-    {EDM_MAC_BD_FIXED, 0, "domain-fixed"},
-    {0x0010, 0, "sticky"},
-    {EDM_MAC_BD_OWN, 0, "bridge-own"},
-    {EDM_MAC_BD_40, 0, "flag-0040"},
-    {EDM_MAC_EXTERN_LEARNED, 0, "extern-learned"},
-    {EDM_MAC_BD_200, 0, "flag-0200"},
-    {EDM_MAC_BD_400, 0, "flag-0400"},
-    {0x0800, 0, "offloaded"},
-    {EDM_MAC_TIMESTAMP_VALID, 0, "timestamped"},
-    {0x4000, 0, "flag-4000"},
-    {0x8000, 0, "locked"},
-    {0, 0x0001, "inactive"},
+    {EDM_MAC_PBB, 0, "backbone"},       {EDM_MAC_STATIC, 0, "static"},
+    {EDM_MAC_LOCAL, 0, "local"},        {EDM_MAC_BD_FIXED, 0, "domain-fixed"},
+    {flag_sticky, 0, "sticky"},         {EDM_MAC_BD_OWN, 0, "bridge-own"},
+    {EDM_MAC_BD_40, 0, "flag-0040"},    {EDM_MAC_EXTERN_LEARNED, 0, "extern-learned"},
+    {EDM_MAC_BD_200, 0, "flag-0200"},   {EDM_MAC_BD_400, 0, "flag-0400"},
+    {flag_offloaded, 0, "offloaded"},   {EDM_MAC_TIMESTAMP_VALID, 0, "timestamped"},
+    {flag_4000, 0, "flag-4000"},        {flag_locked, 0, "locked"},
+    {0, ext_flag_inactive, "inactive"},
 };
 
 void write_flags(json_writer &json, const forwarding::mac_row &row)
@@ -84,7 +78,7 @@ void write_segment(json_writer &json, const forwarding::mac_row &row)
     write_if_set(json, "vlan", row.vlan);
     write_if_set(json, "vni", row.vni);
     write_if_set(json, "source-vni", row.source_vni);
-    if ((row.flags & EDM_MAC_VNI) != 0 && row.vtep != std::array<uint8_t, 4>{}) {
+    if ((row.flags & EDM_MAC_VNI) != 0 && row.vtep != std::array<uint8_t, base::ipv4_bytes>{}) {
         json.member("vtep", base::ip_text(row.vtep));
     }
     if ((row.flags & EDM_MAC_PBB) != 0) {
@@ -178,7 +172,7 @@ struct bit_word {
     std::string_view word;
 };
 
-// Of a device's own entries; those that say what is usual are left out.
+// The states and flags of a VXLAN device's own entries. The usual ones, such as reachable, have no word.
 constexpr bit_word tunnel_state_words[] = {
     {forwarding::fdb_permanent, "permanent"},
     {forwarding::fdb_noarp, "static"},
@@ -200,12 +194,12 @@ void write_words(json_writer &json, std::span<const bit_word> words, uint8_t bit
     }
 }
 
-// What a device's own entry delivers to.
+// Writes where a VXLAN device's own entry sends frames.
 void write_destination(json_writer &json, const forwarding::fdb_destination &destination)
 {
     switch (destination.kind) {
     case forwarding::destination_kind::ipv4:
-        json.member("destination", base::ip_text(std::span(destination.address).first(4)));
+        json.member("destination", base::ip_text(std::span(destination.address).first(base::ipv4_bytes)));
         break;
     case forwarding::destination_kind::ipv6: json.member("destination", base::ip_text(destination.address)); break;
     case forwarding::destination_kind::next_hop: json.member("next-hop-id", destination.next_hop); break;
@@ -238,9 +232,10 @@ void write_tunnel_entry(json_writer &json, const forwarding::tunnel_entry &entry
 
 void write_trace(json_writer &json, const host::trace_point &point, host::trace_ring ring)
 {
-    std::string time = base::utc_text(static_cast<int64_t>(point.time_ns / nanoseconds));
+    std::string time = base::utc_text(static_cast<int64_t>(point.time_ns / ns_per_second));
     char fraction[16];
-    std::snprintf(fraction, sizeof(fraction), ".%06uZ", static_cast<unsigned>(point.time_ns % nanoseconds / 1000));
+    std::snprintf(fraction, sizeof(fraction), ".%06uZ",
+                  static_cast<unsigned>(point.time_ns % ns_per_second / ns_per_microsecond));
     time.replace(time.size() - 1, 1, fraction);
     json.begin_object();
     json.member("ring", ring == host::trace_ring::normal ? "normal" : "error");

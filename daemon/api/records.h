@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The API's JSON of single items, from rows of the table and from the forwarding plane's views.
+// Writes single items as JSON: rows of the table, objects of the forwarding plane, trace points. docs/api.md shows each
+// of them.
 //
-// Threads: any.
+// Threads: pure functions; any thread may call them.
 #pragma once
-
-#include <cstdint>
-#include <string>
-#include <string_view>
 
 #include "daemon/api/json_writer.h"
 #include "forwarding/feeder/reading.h"
@@ -16,13 +13,22 @@
 
 namespace l2fibd {
 
-// `is_ordered` for lists in another order, which show the time that is left.
+// Bits of a row's flags that the module carries and that have no name of its own.
+inline constexpr uint16_t flag_sticky = 0x0010;
+inline constexpr uint16_t flag_offloaded = 0x0800;
+inline constexpr uint16_t flag_4000 = 0x4000;
+inline constexpr uint16_t flag_locked = 0x8000;
+
+// Bits of a row's extended flags.
+inline constexpr uint16_t ext_flag_inactive = 0x0001;
+
+// Shows the time that is left with `is_ordered`, in the lists of mac-aging.
 void write_row(json_writer &json, const forwarding::mac_row &row, bool is_ordered);
 
 // `objects` may be null.
 void write_vtep(json_writer &json, const forwarding::vtep_view &vtep, const forwarding::object_views *objects);
 
-// `with_own` for the whole table's, which alone counts the bridges' own.
+// Shows the count of the bridges' own addresses with `with_own`. Only the whole table has one.
 void write_mac_count(json_writer &json, const forwarding::entry_counts &counts, bool with_own);
 
 void write_domain(json_writer &json, const forwarding::domain_view &domain);

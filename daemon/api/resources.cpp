@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <chrono>
 #include <exception>
 #include <thread>
@@ -14,8 +13,6 @@
 #include <nlohmann/json.hpp>
 
 #include "base/text.h"
-#include "daemon/api/database.h"
-#include "daemon/api/health.h"
 #include "daemon/api/records.h"
 #include "daemon/api/sources.h"
 #include "daemon/http/target.h"
@@ -26,13 +23,17 @@ namespace l2fibd {
 
 namespace {
 
-constexpr uint64_t most_items = 1'000'000;
+// The largest `limit`. A client that wants more leaves the parameter out.
+constexpr uint64_t max_limit = 1'000'000;
 
-// ---- What a request names ----
+constexpr std::string_view operation_method = "POST";
+
+// ---- Keys and parameters ----
 
 struct call {
     const target &to;
     std::string_view body;
+    const api_context &context;
 
     // The key of the last path element that has one.
     const std::string &key() const
@@ -49,15 +50,15 @@ struct call {
 
 api_error no_domain(const std::string &name)
 {
-    return not_found("domain \"" + name + "\": there is no such bridge domain");
+    return not_found("domain \"" + name + "\": there is no such bridge domain; l2fib-mac:domains/domain lists them");
 }
 
 api_error no_port(const std::string &xcid)
 {
-    return not_found("port \"" + xcid + "\": there is no such bridge port");
+    return not_found("port \"" + xcid + "\": there is no such bridge port; l2fib-mac:ports/port lists them");
 }
 
-// What a request names, copied from all views of one kind; null: there is none such.
+// A copy of the object whose Member is `value`. Empty if there is none.
 template <auto Views, auto Member, typename Value>
 auto find_view(const Value &value)
 {
@@ -83,7 +84,7 @@ forwarding::port_view port_of(const std::string &xcid)
 {
     const auto number = base::parse_number(xcid, UINT32_MAX);
     if (!number) {
-        throw unexpected("port", xcid, "an xcid, a number from 0 to 4294967295");
+        throw unexpected("port", xcid, "an xcid, a number from 0 to " + std::to_string(UINT32_MAX));
     }
     const auto found = find_view<&forwarding::object_views::ports, &forwarding::port_view::xcid>(*number);
     if (!found) {
@@ -92,11 +93,11 @@ forwarding::port_view port_of(const std::string &xcid)
     return *found;
 }
 
-forwarding::mac_address mac_of(const std::string &what, const std::string &text)
+forwarding::mac_address mac_of(const std::string &subject, const std::string &text)
 {
     const auto address = base::parse_mac(text);
     if (!address) {
-        throw unexpected(what, text, "a MAC address as 02:00:00:00:00:01 or 0200.0000.0001");
+        throw unexpected(subject, text, "a MAC address as 02:00:00:00:00:01 or 0200.0000.0001");
     }
     return *address;
 }
@@ -109,9 +110,9 @@ uint64_t limit_of(const call &asked)
     if (text == nullptr) {
         return list_stream::no_limit;
     }
-    const auto limit = base::parse_number(*text, most_items);
+    const auto limit = base::parse_number(*text, max_limit);
     if (!limit || *limit == 0) {
-        throw unexpected("limit", *text, "a number from 1 to " + std::to_string(most_items));
+        throw unexpected("limit", *text, "a number from 1 to " + std::to_string(max_limit));
     }
     return *limit;
 }
@@ -122,10 +123,10 @@ std::optional<std::string> start_of(const call &asked)
     return text != nullptr ? std::optional(key_of_continuation(*text)) : std::nullopt;
 }
 
-answer stream(std::string_view name, std::unique_ptr<list_source> source, uint64_t limit)
+answer stream(const call &asked, std::string_view name, std::unique_ptr<list_source> source, uint64_t limit)
 {
     answer result;
-    auto rest = std::make_unique<list_stream>(name, std::move(source), limit);
+    auto rest = std::make_unique<list_stream>(name, std::move(source), limit, asked.context.resyncs);
     rest->write_next(result.body);
     result.worth = rest->worst();
     if (!rest->finished()) {
@@ -136,7 +137,7 @@ answer stream(std::string_view name, std::unique_ptr<list_source> source, uint64
 
 answer stream(const call &asked, std::string_view name, std::unique_ptr<list_source> source)
 {
-    return stream(name, std::move(source), limit_of(asked));
+    return stream(asked, name, std::move(source), limit_of(asked));
 }
 
 bool is_flagged(const call &asked)
@@ -148,11 +149,11 @@ bool is_flagged(const call &asked)
     return text != nullptr && *text == "true";
 }
 
-// What a list of a domain or of the whole table takes for flagged; a port's takes more.
+// An entry with one of these flags passes `flagged=true`, in the list of a bridge domain or the table, and of a port.
 constexpr uint16_t flagged_in_domain = EDM_MAC_ON_DUMMY_PORT;
-constexpr uint16_t flagged_on_port = EDM_MAC_ON_DUMMY_PORT | 0xc000;
+constexpr uint16_t flagged_on_port = EDM_MAC_ON_DUMMY_PORT | flag_4000 | flag_locked;
 
-std::optional<std::array<uint8_t, 4>> vtep_of(const call &asked)
+std::optional<std::array<uint8_t, base::ipv4_bytes>> vtep_of(const call &asked)
 {
     const std::string *text = asked.parameter("vtep");
     if (text == nullptr) {
@@ -165,9 +166,9 @@ std::optional<std::array<uint8_t, 4>> vtep_of(const call &asked)
     return address;
 }
 
-// The MAC entries of a domain, or of all of them when the filter names none. Only a list's beginning is brought up to
-// date: a continuation belongs to it.
-answer list_entries(const call &asked, forwarding::row_filter filter, void (*resync)(const call &asked))
+// The MAC entries of a domain, or of the table if the filter has no domain. Only the beginning of a list brings the
+// table up to date: a cursor continues the same list.
+answer list_entries(const call &asked, forwarding::row_filter filter, void (*update)(const call &asked))
 {
     filter.vtep = vtep_of(asked);
     filter.flags = is_flagged(asked) ? flagged_in_domain : uint16_t{0};
@@ -176,21 +177,21 @@ answer list_entries(const call &asked, forwarding::row_filter filter, void (*res
     const auto mac = text != nullptr ? std::optional(mac_of("mac", *text)) : std::nullopt;
     const uint64_t limit = limit_of(asked);
     if (!start) {
-        resync(asked);
+        update(asked);
     }
-    return stream("mac-entry", mac ? make_address_source(*mac, filter, start) : make_table_source(filter, start),
+    return stream(asked, "mac-entry", mac ? make_address_source(*mac, filter, start) : make_table_source(filter, start),
                   limit);
 }
 
 answer list_table(const call &asked)
 {
-    return list_entries(asked, {}, [](const call &) { resync_all(); });
+    return list_entries(asked, {}, [](const call &of) { of.context.resyncs.resync_all(); });
 }
 
 answer list_domain_entries(const call &asked)
 {
     return list_entries(asked, {.bridge_id = domain_of(asked.key()).bridge_id},
-                        [](const call &of) { resync_domain(of.key()); });
+                        [](const call &of) { of.context.resyncs.resync_domain(of.key()); });
 }
 
 answer list_port_entries(const call &asked)
@@ -200,9 +201,9 @@ answer list_port_entries(const call &asked)
     const uint16_t flags = is_flagged(asked) ? flagged_on_port : uint16_t{0};
     const uint64_t limit = limit_of(asked);
     if (!start) {
-        resync_port(port.xcid, port.domain);
+        asked.context.resyncs.resync_port(port.xcid, port.domain);
     }
-    return stream("mac-entry",
+    return stream(asked, "mac-entry",
                   make_table_source({.bridge_id = port.bridge_id, .xcid = port.xcid, .flags = flags}, start), limit);
 }
 
@@ -232,16 +233,16 @@ answer list_by_age(const call &asked)
     const std::optional<std::string> start = start_of(asked);
     const uint64_t limit = limit_of(asked);
     if (!start) {
-        resync_all();
+        asked.context.resyncs.resync_all();
     }
-    return stream("mac-entry", make_ordered_source(order, start, limit), limit);
+    return stream(asked, "mac-entry", make_ordered_source(order, start, limit), limit);
 }
 
 answer list_vteps(const call &asked)
 {
     const std::optional<std::string> start = start_of(asked);
     if (!start) {
-        resync_all();
+        asked.context.resyncs.resync_all();
     }
     return stream(asked, "vtep", make_vtep_source(start));
 }
@@ -268,7 +269,7 @@ answer list_traces(const call &asked)
 
 // ---- Single resources ----
 
-// The whole body, around what `write` puts into it.
+// An answer whose body has one member besides the completeness. `write` writes the member's value.
 template <typename Write>
 answer document(std::string_view name, Write write)
 {
@@ -285,7 +286,7 @@ answer document(std::string_view name, Write write)
 }
 
 template <typename Write>
-answer single_entry(std::string_view name, Write write)
+answer list_of_one(std::string_view name, Write write)
 {
     return document(name, [&write](json_writer &json) {
         json.begin_array();
@@ -298,14 +299,14 @@ answer get_entry(const call &asked)
 {
     const forwarding::mac_address mac = mac_of("mac-entry", asked.key());
     const forwarding::domain_view domain = domain_of(*asked.to.path[asked.to.path.size() - 2].key);
-    resync_domain(domain.name);
-    return single_entry("mac-entry", [&](json_writer &json) {
+    asked.context.resyncs.resync_domain(domain.name);
+    return list_of_one("mac-entry", [&](json_writer &json) {
         const forwarding::row_page found = forwarding::find_rows(mac, domain.bridge_id);
         if (found.rows.empty()) {
-            throw not_found("mac-entry \"" + base::mac_text(mac) + "\": the bridge domain \"" + domain.name
-                            + "\" has no such entry");
+            throw not_found("mac-entry \"" + base::mac_text(mac) + "\": there is no such entry in the bridge domain \""
+                            + domain.name + "\"");
         }
-        for (const forwarding::mac_row &row : found.rows) { // the zero address stands on each tunnel of the domain
+        for (const forwarding::mac_row &row : found.rows) { // the zero address has a row for each tunnel of the domain
             write_row(json, row, false);
         }
     });
@@ -314,22 +315,22 @@ answer get_entry(const call &asked)
 answer get_domain(const call &asked)
 {
     const forwarding::domain_view domain = domain_of(asked.key());
-    return single_entry("domain", [&](json_writer &json) { write_domain(json, domain); });
+    return list_of_one("domain", [&](json_writer &json) { write_domain(json, domain); });
 }
 
 answer get_port(const call &asked)
 {
     const forwarding::port_view port = port_of(asked.key());
-    return single_entry("port", [&](json_writer &json) { write_port(json, port); });
+    return list_of_one("port", [&](json_writer &json) { write_port(json, port); });
 }
 
-answer count_all(const call & /*asked*/)
+answer count_all(const call &asked)
 {
-    resync_all();
+    asked.context.resyncs.resync_all();
     return document("mac-count", [](json_writer &json) { write_mac_count(json, forwarding::count_all(), true); });
 }
 
-answer document_of(const forwarding::entry_counts &counts)
+answer counts_of(const forwarding::entry_counts &counts)
 {
     return document("mac-count", [&](json_writer &json) { write_mac_count(json, counts, false); });
 }
@@ -337,117 +338,137 @@ answer document_of(const forwarding::entry_counts &counts)
 answer count_domain(const call &asked)
 {
     const forwarding::domain_view domain = domain_of(asked.key());
-    resync_domain(domain.name);
+    asked.context.resyncs.resync_domain(domain.name);
     const auto counts = forwarding::count_domain(domain.bridge_id);
     if (!counts) {
         throw no_domain(domain.name);
     }
-    return document_of(*counts);
+    return counts_of(*counts);
 }
 
 answer count_port(const call &asked)
 {
     const forwarding::port_view port = port_of(asked.key());
-    resync_port(port.xcid, port.domain);
+    asked.context.resyncs.resync_port(port.xcid, port.domain);
     const auto counts = forwarding::count_port(port.xcid);
     if (!counts) {
         throw no_port(asked.key());
     }
-    return document_of(*counts);
+    return counts_of(*counts);
 }
 
-answer get_health(const call & /*asked*/)
+answer get_health(const call &asked)
 {
-    return document("health", write_health);
+    return document("health", [&](json_writer &json) { write_health(json, asked.context.server()); });
 }
 
 // ---- The operation ----
 
 constexpr const char *resync_input =
-    R"({"l2fib-mac:input": {"domain": NAME or "port": XCID, "wait": SECONDS}}, each of them optional, or nothing)";
+    R"({"l2fib-mac:input": {"domain": NAME or "port": XCID, "wait": SECONDS}}, each member optional, or no body)";
 
 [[noreturn]] void refuse_input(const char *tag)
 {
-    throw api_error{400, tag, std::string("body: expected ") + resync_input};
+    throw api_error{http_status::bad_request, tag, std::string("body: expected ") + resync_input};
 }
 
-// The input's members; null members were not given.
+// The members of the input. A member that the client left out is null.
 struct resync_request {
     nlohmann::json domain = nullptr;
     nlohmann::json port = nullptr;
     nlohmann::json wait = nullptr;
 };
 
+constexpr const char *resync_members[] = {"domain", "port", "wait"};
+
+bool has_known_members_only(const nlohmann::json &members)
+{
+    size_t known = 0;
+    for (const char *name : resync_members) {
+        known += members.count(name);
+    }
+    return known == members.size();
+}
+
+bool has_valid_types(const nlohmann::json &members)
+{
+    const auto fits = [&](const char *name, bool (nlohmann::json::*is_type)() const noexcept) {
+        return !members.contains(name) || (members[name].*is_type)();
+    };
+    return fits("domain", &nlohmann::json::is_string) && fits("port", &nlohmann::json::is_number_unsigned)
+           && fits("wait", &nlohmann::json::is_number_unsigned);
+}
+
 resync_request read_input(std::string_view body)
 {
     const auto input = nlohmann::json::parse(body.empty() ? "{}" : body, nullptr, false);
     if (!input.is_object() || input.size() > 1) {
-        refuse_input("malformed-message");
+        refuse_input(error_tag::malformed_message);
     }
     const auto members = input.empty() ? nlohmann::json::object() : input.value("l2fib-mac:input", nlohmann::json());
+    if (!members.is_object() || !has_known_members_only(members) || !has_valid_types(members)
+        || (members.contains("domain") && members.contains("port"))) {
+        refuse_input(error_tag::invalid_value);
+    }
     const auto member = [&](const char *name) { return members.value(name, nlohmann::json()); };
-    const size_t known =
-        !members.is_object() ? 0 : members.count("domain") + members.count("port") + members.count("wait");
-    if (!members.is_object() || known != members.size() || (members.contains("domain") && members.contains("port"))) {
-        refuse_input("invalid-value");
-    }
-    resync_request read{member("domain"), member("port"), member("wait")};
-    if ((members.contains("domain") && !read.domain.is_string())
-        || (members.contains("port") && !read.port.is_number_unsigned())
-        || (members.contains("wait") && !read.wait.is_number_unsigned())) {
-        refuse_input("invalid-value");
-    }
-    return read;
+    return {member("domain"), member("port"), member("wait")};
 }
 
-// Waits until the copy of a degraded plane has been proven.
-void wait_for_proof(std::chrono::seconds most)
+forwarding::completeness current_worth()
+{
+    return forwarding::completeness_watch().worst();
+}
+
+// Waits until a full dump has proven a degraded plane's table, at most `max_wait`.
+void wait_for_proof(const api_context &context, std::chrono::seconds max_wait)
 {
     using clock = std::chrono::steady_clock;
-    constexpr auto look_again = std::chrono::milliseconds(20);
-    const auto state = [] { return forwarding::completeness_watch().worst(); };
+    constexpr auto poll_interval = std::chrono::milliseconds(20);
     forwarding::hasten_proof();
-    for (const auto end = clock::now() + most; state() == forwarding::completeness::degraded;) {
-        if (requests_given_up()) {
-            throw api_error{503, "operation-failed", "the daemon ends"};
+    for (const auto end = clock::now() + max_wait; current_worth() == forwarding::completeness::degraded;) {
+        if (context.resyncs.is_given_up()) {
+            throw daemon_ends("resync");
         }
         if (clock::now() >= end) {
-            throw api_error{504, "operation-failed",
-                            "resync: changes of the forwarding plane were lost, and the full dump that mends the table "
-                            "has not ended within "
-                                + std::to_string(most.count())
+            throw api_error{http_status::timed_out, error_tag::operation_failed,
+                            "resync: changes of the forwarding plane were lost, and no full dump has proven the table "
+                            "within "
+                                + std::to_string(max_wait.count())
                                 + " seconds: try again, or look at the overruns of the health resource"};
         }
-        std::this_thread::sleep_for(look_again);
+        std::this_thread::sleep_for(poll_interval);
+    }
+}
+
+void resync_scope(const resync_request &wanted, resync_requester &resyncs)
+{
+    if (wanted.domain.is_string()) {
+        resyncs.resync_domain(domain_of(wanted.domain.get<std::string>()).name);
+    } else if (wanted.port.is_number_unsigned()) {
+        const forwarding::port_view port = port_of(std::to_string(wanted.port.get<uint64_t>()));
+        resyncs.resync_port(port.xcid, port.domain);
+    } else {
+        resyncs.resync_all();
     }
 }
 
 answer resync(const call &asked)
 {
     const resync_request wanted = read_input(asked.body);
-    const uint64_t most_wait = forwarding::wait_seconds();
-    const uint64_t wait = wanted.wait.is_null() ? most_wait : std::min(most_wait, wanted.wait.get<uint64_t>());
-    const auto bring_up_to_date = [&] {
-        if (wanted.domain.is_string()) {
-            resync_domain(domain_of(wanted.domain.get<std::string>()).name);
-        } else if (wanted.port.is_number_unsigned()) {
-            const forwarding::port_view port = port_of(std::to_string(wanted.port.get<uint64_t>()));
-            resync_port(port.xcid, port.domain);
-        } else {
-            resync_all();
-        }
-    };
-    bring_up_to_date();
-    if (forwarding::completeness_watch().worst() == forwarding::completeness::degraded) {
-        wait_for_proof(std::chrono::seconds(wait));
-        bring_up_to_date();
+    const uint64_t max_wait = forwarding::wait_seconds();
+    const uint64_t wait = wanted.wait.is_null() ? max_wait : std::min(max_wait, wanted.wait.get<uint64_t>());
+    resync_scope(wanted, asked.context.resyncs);
+    if (current_worth() == forwarding::completeness::degraded) {
+        wait_for_proof(asked.context, std::chrono::seconds(wait));
+        resync_scope(wanted, asked.context.resyncs);
     }
-    return {.status = 204, .body = {}, .rest = nullptr, .worth = forwarding::completeness_watch().worst()};
+    return {.status = http_status::no_content, .worth = current_worth()};
 }
 
 // ---- Routing ----
 
-enum parameter_set : uint8_t {
+// The groups of parameters that a resource may have, as bits.
+enum parameter_group : uint8_t {
     none = 0,
     paging = 1, // limit and cursor
     flagged = 2,
@@ -457,7 +478,7 @@ enum parameter_set : uint8_t {
 
 struct parameter_kind {
     std::string_view name;
-    parameter_set of;
+    parameter_group group;
 };
 
 constexpr parameter_kind parameter_kinds[] = {
@@ -465,9 +486,9 @@ constexpr parameter_kind parameter_kinds[] = {
 };
 
 struct resource {
-    std::string_view pattern; // '*' stands for a key
+    std::string_view pattern; // behind "/restconf/"; '*' stands for a key
     answer (*serve)(const call &asked);
-    unsigned parameters = none; // parameter_set bits
+    unsigned parameters = none; // parameter_group bits
     bool is_operation = false;
 };
 
@@ -499,73 +520,60 @@ const resource &find_resource(const target &to)
             return candidate;
         }
     }
-    throw api_error{404, "unknown-element", "\"" + shape + "\": there is no such resource"};
+    throw api_error{http_status::not_found, error_tag::unknown_element,
+                    "\"" + shape
+                        + "\": there is no such resource; expected one such as restconf/data/l2fib-mac:health"};
 }
 
 void check_method(const resource &found, std::string_view method)
 {
-    const char *allowed = found.is_operation ? "POST" : "GET, HEAD";
-    const bool reads = method == "GET" || method == "HEAD";
-    if (found.is_operation ? method != "POST" : !reads) {
-        throw api_error{405, "operation-not-supported", "method " + std::string(method) + ": expected " + allowed,
-                        allowed};
+    if (found.is_operation ? method == operation_method : is_read_method(method)) {
+        return;
     }
+    std::string allowed(found.is_operation ? operation_method : "GET, HEAD");
+    throw api_error{http_status::method_not_allowed, error_tag::operation_not_supported,
+                    "method " + std::string(method) + ": expected " + allowed, allowed};
 }
 
-// Each parameter is one that the resource has, and given once.
-void check_parameters(const resource &found, const target &to)
+std::string names_of_parameters(const resource &found)
 {
-    std::string expected;
+    std::string names;
     for (const parameter_kind &kind : parameter_kinds) {
-        if ((found.parameters & kind.of) != 0) {
-            expected += (expected.empty() ? "" : ", ") + std::string(kind.name);
+        if ((found.parameters & kind.group) != 0) {
+            names += (names.empty() ? "" : ", ") + std::string(kind.name);
         }
     }
+    return names.empty() ? "none" : "one of " + names;
+}
+
+// Throws unless each parameter is one of the resource and is given once.
+void check_parameters(const resource &found, const target &to)
+{
     for (const target::parameter &given : to.parameters) {
         const auto *kind = std::ranges::find(parameter_kinds, given.name, &parameter_kind::name);
-        if (kind == std::end(parameter_kinds) || (found.parameters & kind->of) == 0) {
-            throw invalid("parameter \"" + given.name + "\": expected "
-                          + (expected.empty() ? "none" : "one of " + expected));
+        if (kind == std::end(parameter_kinds) || (found.parameters & kind->group) == 0) {
+            throw invalid("parameter \"" + given.name + "\": expected " + names_of_parameters(found));
         }
         if (std::ranges::count(to.parameters, given.name, &target::parameter::name) > 1) {
-            throw invalid("parameter \"" + given.name + "\": given more than once");
+            throw invalid("parameter \"" + given.name + "\": expected once, given more than once");
         }
     }
 }
 
 } // namespace
 
-answer answer_request(const request &asked)
+bool is_read_method(std::string_view method)
+{
+    return method == "GET" || method == "HEAD";
+}
+
+answer answer_request(const request &asked, const api_context &context)
 {
     const target to = parse_target(asked.uri);
     const resource &found = find_resource(to);
     check_method(found, asked.method);
     check_parameters(found, to);
-    return found.serve({to, asked.body});
-}
-
-void write_errors(json_writer &json, const api_error &error)
-{
-    json.begin_object("ietf-restconf:errors");
-    json.begin_array("error");
-    json.begin_object();
-    json.member("error-type", error.status < 500 ? "protocol" : "application");
-    json.member("error-tag", error.tag);
-    json.member("error-message", error.message);
-    json.end_object();
-    json.end_array();
-    json.end_object();
-}
-
-std::string error_body(const api_error &error)
-{
-    std::string body;
-    json_writer json(body);
-    json.begin_object();
-    write_errors(json, error);
-    write_completeness(json, forwarding::completeness_watch());
-    json.end_object();
-    return body;
+    return found.serve({to, asked.body, context});
 }
 
 } // namespace l2fibd

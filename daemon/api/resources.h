@@ -1,33 +1,52 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The API's resources: from a request to its answer.
+// The resources of the API: from a request to its answer. A constexpr table (resources.cpp) maps the shape of a path to
+// the function that answers it; docs/api.md describes each resource.
 //
-// Threads: any; an answer belongs to its request.
+//      resync_requester resyncs;
+//      const api_context context{resyncs, [] { return server_health(); }};
+//      answer found = answer_request({.method = "GET", .uri = "/restconf/data/l2fib-mac:mac-count"}, context);
+//
+// Threads: any thread may call answer_request. It may wait as long as a resync. An answer belongs to its request.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 
 #include "daemon/api/api_error.h"
+#include "daemon/api/database.h"
+#include "daemon/api/health.h"
 #include "daemon/api/list.h"
 
 namespace l2fibd {
 
+inline constexpr std::string_view health_path = "/restconf/data/l2fib-mac:health";
+
+// What the resources use of the rest of the daemon. It outlives all answers.
+struct api_context {
+    resync_requester &resyncs;
+    std::function<server_health()> server;
+};
+
 struct request {
     std::string_view method;
-    std::string_view uri; // as the client sent it: path and parameters, encoded
-    std::string_view body;
+    std::string_view uri; // as the client sent it: path and parameters, percent-encoded
+    std::string_view body = {};
 };
 
 struct answer {
-    unsigned status = 200;
-    std::string body;
-    std::unique_ptr<list_stream> rest; // what the body goes on with; null when it is whole
+    http_status status = http_status::ok;
+    std::string body = {};
+    std::unique_ptr<list_stream> rest = nullptr; // the pages after `body`. Null if the body is complete
     forwarding::completeness worth = forwarding::completeness::whole;
 };
 
-// Throws api_error. A list's first page has been fetched when this returns, so that its errors get their status.
-answer answer_request(const request &asked);
+// Whether the method reads a resource and changes nothing.
+bool is_read_method(std::string_view method);
+
+// Throws api_error. The first page of a list is fetched here, so that its errors get their status.
+answer answer_request(const request &asked, const api_context &context);
 
 } // namespace l2fibd

@@ -15,62 +15,34 @@ namespace l2fibd {
 
 namespace {
 
-// A reading is empty when the forwarding plane has ended, which must not look like the end of a list.
+constexpr unsigned byte_bits = 8;
+
+// Throws if the forwarding plane has ended: its empty page must not look like the end of a list.
 void require_running(const forwarding::row_page &page)
 {
     if (page.objects == nullptr) {
-        throw api_error{503, "operation-failed", "the forwarding plane has ended"};
+        throw daemon_ends("list");
     }
 }
 
-uint32_t number_of(const std::optional<std::string> &start, uint32_t beginning)
+// ---- Cursors ----
+
+[[noreturn]] void refuse_cursor(const std::string &start)
 {
-    const auto number = start ? base::parse_number(*start, UINT32_MAX) : beginning;
+    throw wrong_cursor(continuation_of(start));
+}
+
+// The number in a key of one number. `first` is the list's beginning.
+uint32_t number_of(const std::optional<std::string> &start, uint32_t first)
+{
+    const auto number = start ? base::parse_number(*start, UINT32_MAX) : first;
     if (!number) {
-        throw unexpected("cursor", continuation_of(*start), "a next-cursor of this list");
+        refuse_cursor(*start);
     }
     return static_cast<uint32_t>(*number);
 }
 
-// A copy of one of the forwarding plane's views, in the order of the number that Key gives.
-template <typename View, auto Key, auto Write>
-class view_source : public list_source {
-public:
-    view_source(std::vector<View> of, const std::optional<std::string> &start)
-        : views_(std::move(of))
-    {
-        if (start) {
-            const uint32_t after = number_of(start, 0);
-            next_ = static_cast<size_t>(std::ranges::upper_bound(views_, after, {}, Key) - views_.begin());
-        }
-    }
-
-    position fetch(uint32_t most, json_writer &json) override
-    {
-        const size_t end = std::min(views_.size(), next_ + most);
-        const auto count = static_cast<uint32_t>(end - next_);
-        for (; next_ < end; next_++) {
-            Write(json, views_[next_]);
-        }
-        return {end == 0 ? "" : std::to_string(views_[end - 1].*Key), count, end < views_.size()};
-    }
-
-private:
-    std::vector<View> views_;
-    size_t next_ = 0;
-};
-
-using domain_source = view_source<forwarding::domain_view, &forwarding::domain_view::bridge_id, write_domain>;
-using port_source = view_source<forwarding::port_view, &forwarding::port_view::xcid, write_port>;
-
-// ---- Rows of the MAC table ----
-
-[[noreturn]] void refuse_cursor(const std::string &start)
-{
-    throw unexpected("cursor", continuation_of(start), "a next-cursor of this list");
-}
-
-// The numbers of a continuation such as "t 1 3 2199023255553"; `kind` says of which list it is.
+// The numbers in a key such as "t 1 3 2199023255553 1". The word in front names the kind of list.
 template <size_t Count>
 std::array<uint64_t, Count> numbers_of(const std::string &start, std::string_view kind)
 {
@@ -90,28 +62,72 @@ std::array<uint64_t, Count> numbers_of(const std::string &start, std::string_vie
 }
 
 template <typename... Numbers>
-std::string cursor_of(std::string_view kind, Numbers... numbers)
+std::string key_of(std::string_view kind, Numbers... numbers)
 {
     return (std::string(kind) + ... + (" " + std::to_string(numbers)));
 }
 
-uint64_t number_of_mac(const forwarding::mac_address &mac)
+// An address as a number: 02:00:00:00:00:01 is 0x020000000001.
+template <size_t Size>
+uint64_t number_of_address(const std::array<uint8_t, Size> &address)
 {
     uint64_t number = 0;
-    for (const uint8_t byte : mac) {
-        number = number << 8 | byte;
+    for (const uint8_t byte : address) {
+        number = number << byte_bits | byte;
     }
     return number;
 }
 
-forwarding::mac_address mac_of_number(uint64_t number)
+template <size_t Size>
+std::array<uint8_t, Size> address_of_number(uint64_t number)
 {
-    forwarding::mac_address mac;
-    for (size_t at = mac.size(); at-- > 0; number >>= 8) {
-        mac[at] = static_cast<uint8_t>(number);
+    std::array<uint8_t, Size> address;
+    for (size_t at = Size; at-- > 0; number >>= byte_bits) {
+        address[at] = static_cast<uint8_t>(number);
     }
-    return mac;
+    return address;
 }
+
+// ---- Objects ----
+
+// The index behind the last item of a page that begins at `next`.
+size_t page_end(size_t size, size_t next, uint32_t max_items)
+{
+    return std::min(size, next + max_items);
+}
+
+// The forwarding plane's objects of one kind, as they were when the list began, in the order of their member Key.
+template <typename View, auto Key, auto Write>
+class view_source : public list_source {
+public:
+    view_source(std::vector<View> of, const std::optional<std::string> &start)
+        : views_(std::move(of))
+    {
+        if (start) {
+            const uint32_t after = number_of(start, 0);
+            next_ = static_cast<size_t>(std::ranges::upper_bound(views_, after, {}, Key) - views_.begin());
+        }
+    }
+
+    position fetch(uint32_t max_items, json_writer &json) override
+    {
+        const size_t end = page_end(views_.size(), next_, max_items);
+        const auto count = static_cast<uint32_t>(end - next_);
+        for (; next_ < end; next_++) {
+            Write(json, views_[next_]);
+        }
+        return {end == 0 ? "" : std::to_string(views_[end - 1].*Key), count, end < views_.size()};
+    }
+
+private:
+    std::vector<View> views_;
+    size_t next_ = 0;
+};
+
+using domain_source = view_source<forwarding::domain_view, &forwarding::domain_view::bridge_id, write_domain>;
+using port_source = view_source<forwarding::port_view, &forwarding::port_view::xcid, write_port>;
+
+// ---- Rows of the MAC table ----
 
 class table_source : public list_source {
 public:
@@ -120,27 +136,28 @@ public:
     {
         if (start) {
             const auto [bridge_id, xcid, mac, holds_row] = numbers_of<4>(*start, kind);
-            at_ = {static_cast<uint16_t>(bridge_id), static_cast<uint32_t>(xcid), mac_of_number(mac), holds_row != 0};
+            at_ = {static_cast<uint16_t>(bridge_id), static_cast<uint32_t>(xcid),
+                   address_of_number<base::mac_bytes>(mac), holds_row != 0};
             if (filter.bridge_id != 0 && filter.bridge_id != at_.bridge_id) {
                 refuse_cursor(*start);
             }
         }
     }
 
-    position fetch(uint32_t most, json_writer &json) override
+    position fetch(uint32_t max_items, json_writer &json) override
     {
-        const forwarding::row_page page = forwarding::read_rows(filter_, at_, most);
+        const forwarding::row_page page = forwarding::read_rows(filter_, at_, max_items);
         require_running(page);
         for (const forwarding::mac_row &row : page.rows) {
             write_row(json, row, false);
         }
         at_ = page.end;
-        return {cursor_of(kind, at_.bridge_id, at_.xcid, number_of_mac(at_.mac), at_.holds_row ? 1 : 0),
+        return {key_of(kind, at_.bridge_id, at_.xcid, number_of_address(at_.mac), at_.holds_row ? 1 : 0),
                 static_cast<uint32_t>(page.rows.size()), page.more};
     }
 
 private:
-    static constexpr std::string_view kind = "t";
+    static constexpr std::string_view kind = "t"; // bridge id, xcid, address, whether a row was read there
 
     forwarding::row_filter filter_;
     forwarding::row_position at_ = {};
@@ -159,24 +176,23 @@ public:
         }
     }
 
-    position fetch(uint32_t most, json_writer &json) override
+    position fetch(uint32_t max_items, json_writer &json) override
     {
         if (page_.objects == nullptr) {
             find();
         }
-        const size_t end = std::min(page_.rows.size(), next_ + most);
+        const size_t end = page_end(page_.rows.size(), next_, max_items);
         const auto count = static_cast<uint32_t>(end - next_);
         for (; next_ < end; next_++) {
             write_row(json, page_.rows[next_], false);
         }
-        const std::string key =
-            end == 0 ? "" : cursor_of(kind, page_.rows[end - 1].bridge_id, page_.rows[end - 1].xcid);
+        const std::string key = end == 0 ? "" : key_of(kind, page_.rows[end - 1].bridge_id, page_.rows[end - 1].xcid);
         return {key, count, end < page_.rows.size()};
     }
 
 private:
     using place = std::pair<uint64_t, uint64_t>;
-    static constexpr std::string_view kind = "a";
+    static constexpr std::string_view kind = "a"; // bridge id, xcid
 
     static place place_of(const forwarding::mac_row &row) { return {row.bridge_id, row.xcid}; }
 
@@ -200,7 +216,7 @@ class ordered_source : public list_source {
 public:
     ordered_source(forwarding::row_order order, const std::optional<std::string> &start, uint64_t limit)
         : order_(order)
-        , ahead_(static_cast<uint32_t>(std::min<uint64_t>(limit, most_ahead)))
+        , ahead_(static_cast<uint32_t>(std::min<uint64_t>(limit, max_rows_ahead)))
     {
         if (start) {
             const auto [value, slot, began] = numbers_of<3>(*start, kind());
@@ -208,8 +224,7 @@ public:
         }
     }
 
-    // Reads ahead, since each reading looks at all entries.
-    position fetch(uint32_t most, json_writer &json) override
+    position fetch(uint32_t max_items, json_writer &json) override
     {
         if (next_ == page_.rows.size()) {
             forwarding::ordered_page read = forwarding::read_ordered(order_, at_, ahead_);
@@ -218,7 +233,7 @@ public:
             end_ = read.end;
             next_ = 0;
         }
-        const size_t end = std::min(page_.rows.size(), next_ + most);
+        const size_t end = page_end(page_.rows.size(), next_, max_items);
         const auto count = static_cast<uint32_t>(end - next_);
         for (; next_ < end; next_++) {
             write_row(json, page_.rows[next_], true);
@@ -226,18 +241,20 @@ public:
         }
         const bool is_at_end = next_ == page_.rows.size();
         at_ = is_at_end ? end_ : at_;
-        return {cursor_of(kind(), at_.value, at_.slot, at_.began), count, !is_at_end || page_.more};
+        return {key_of(kind(), at_.value, at_.slot, at_.began), count, !is_at_end || page_.more};
     }
 
 private:
-    static constexpr uint64_t most_ahead = 20'000;
+    // Each reading looks at all entries of the table, so one reading gets many rows: about 2.5 megabytes.
+    static constexpr uint64_t max_rows_ahead = 20'000;
 
+    // The numbers are those of order_position.
     std::string_view kind() const { return order_ == forwarding::row_order::created ? "c" : "l"; }
 
     forwarding::row_order order_;
     uint32_t ahead_;
     forwarding::order_position at_ = {};
-    forwarding::order_position end_ = {}; // of what was read ahead
+    forwarding::order_position end_ = {}; // of the rows that were read ahead
     forwarding::row_page page_ = {};
     size_t next_ = 0;
 };
@@ -250,31 +267,26 @@ public:
             const auto [xcid, address, vni] = numbers_of<3>(*start, kind);
             at_.xcid = static_cast<uint32_t>(xcid);
             at_.vni = static_cast<uint32_t>(vni);
-            for (size_t at = 0; at < at_.address.size(); at++) {
-                at_.address[at] = static_cast<uint8_t>(address >> (8 * (at_.address.size() - 1 - at)));
-            }
+            at_.address = address_of_number<base::ipv4_bytes>(address);
         }
     }
 
-    position fetch(uint32_t most, json_writer &json) override
+    position fetch(uint32_t max_items, json_writer &json) override
     {
-        auto vteps = forwarding::read_vteps(at_, most + 1);
-        const bool more = vteps.size() > most;
-        vteps.resize(std::min<size_t>(vteps.size(), most));
+        auto vteps = forwarding::read_vteps(at_, max_items + 1); // one more shows whether items follow
+        const bool more = vteps.size() > max_items;
+        vteps.resize(std::min<size_t>(vteps.size(), max_items));
         const auto objects = forwarding::objects();
         for (const forwarding::vtep_view &vtep : vteps) {
             write_vtep(json, vtep, objects.get());
             at_ = vtep;
         }
-        uint64_t address = 0;
-        for (const uint8_t byte : at_.address) {
-            address = address << 8 | byte;
-        }
-        return {cursor_of(kind, at_.xcid, address, at_.vni), static_cast<uint32_t>(vteps.size()), more};
+        return {key_of(kind, at_.xcid, number_of_address(at_.address), at_.vni), static_cast<uint32_t>(vteps.size()),
+                more};
     }
 
 private:
-    static constexpr std::string_view kind = "v";
+    static constexpr std::string_view kind = "v"; // xcid, address, VNI
 
     forwarding::vtep_view at_ = {};
 };
@@ -285,9 +297,9 @@ public:
         : cursor_(from)
     {}
 
-    position fetch(uint32_t most, json_writer &json) override
+    position fetch(uint32_t max_items, json_writer &json) override
     {
-        const auto entries = forwarding::tunnel_entries(cursor_, most);
+        const auto entries = forwarding::tunnel_entries(cursor_, max_items);
         for (const forwarding::tunnel_entry &entry : entries) {
             write_tunnel_entry(json, entry);
         }
@@ -300,7 +312,7 @@ private:
     uint32_t cursor_;
 };
 
-// Reads one ring's points up to the newest of the time when the list began.
+// Reads the points of one ring, up to the newest one when the list began.
 class ring_reader {
 public:
     ring_reader(host::trace_ring of, uint64_t from)
@@ -309,7 +321,7 @@ public:
         , newest_(host::trace_newest(of))
     {}
 
-    // The point to come next; null at the end.
+    // The next point. Null at the end.
     const host::trace_point *peek()
     {
         if (at_ == count_ && next_ <= newest_) {
@@ -324,18 +336,24 @@ public:
     host::trace_ring kind() const { return ring_; }
     void advance() { at_++; }
 
-    // To go on after what was taken.
+    // The sequence number from which a later list continues.
     uint64_t position() const { return at_ < count_ ? points_[at_].sequence : next_; }
 
 private:
+    static constexpr size_t batch_points = 64; // a writer of trace points waits for a reader's copy of at most so many
+
     host::trace_ring ring_;
-    uint64_t next_; // after `points`
+    uint64_t next_; // of the point after those in points_
     uint64_t newest_;
-    std::array<host::trace_point, 64> points_{};
+    std::array<host::trace_point, batch_points> points_{};
     size_t at_ = 0;
     size_t count_ = 0;
 };
 
+// A key for the first point of each ring.
+constexpr std::string_view beginning_of_rings = "1,1";
+
+// The points of both rings, by time. A key has the next sequence number of each ring: "17,3".
 class trace_source : public list_source {
 public:
     trace_source(uint64_t from_normal, uint64_t from_error)
@@ -343,10 +361,10 @@ public:
         , error_(host::trace_ring::error, from_error)
     {}
 
-    position fetch(uint32_t most, json_writer &json) override
+    position fetch(uint32_t max_items, json_writer &json) override
     {
         uint32_t count = 0;
-        while (count < most && write_oldest(json)) {
+        while (count < max_items && write_oldest(json)) {
             count++;
         }
         return {std::to_string(normal_.position()) + "," + std::to_string(error_.position()), count,
@@ -354,6 +372,7 @@ public:
     }
 
 private:
+    // Writes the older one of the two next points. False at the end of both rings.
     bool write_oldest(json_writer &json)
     {
         const host::trace_point *a = normal_.peek();
@@ -414,11 +433,11 @@ std::unique_ptr<list_source> make_tunnel_entry_source(const std::optional<std::s
 
 std::unique_ptr<list_source> make_trace_source(const std::optional<std::string> &start)
 {
-    const auto fields = base::split(start ? std::string_view(*start) : "1,1", ',');
+    const auto fields = base::split(start ? std::string_view(*start) : beginning_of_rings, ',');
     const auto from_normal = base::parse_number(fields.front());
     const auto from_error = base::parse_number(fields.back());
     if (fields.size() != 2 || !from_normal || !from_error) {
-        throw unexpected("cursor", continuation_of(*start), "a next-cursor of this list");
+        refuse_cursor(*start);
     }
     return std::make_unique<trace_source>(*from_normal, *from_error);
 }

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Where the API's lists come from.
+// The sources of the API's lists, one for each kind of item.
+//
+// Cursors. `start` is the key of a cursor, or empty for the beginning of the list. Only the list that made a key can
+// read it. Every function here throws api_error if `start` is a key of another list.
 //
 // Threads: a source belongs to one request.
 #pragma once
@@ -14,19 +17,16 @@
 
 namespace l2fibd {
 
-// Continuations are texts that only the list that made them understands; `start` is one, or nothing for the beginning.
-// Each of these throws api_error for a start that is none of its own.
-
-// The MAC table, or a part of it, by bridge domain, port and address.
+// The entries of the MAC table that pass the filter, by bridge domain, port and address.
 std::unique_ptr<list_source> make_table_source(const forwarding::row_filter &filter,
                                                const std::optional<std::string> &start);
 
-// One address, in all bridge domains or in that of the filter, after asking the forwarding plane.
+// The entries of one address that pass the filter. Asks the forwarding plane for each of them.
 std::unique_ptr<list_source> make_address_source(const forwarding::mac_address &mac,
                                                  const forwarding::row_filter &filter,
                                                  const std::optional<std::string> &start);
 
-// All entries in another order; `limit` bounds the memory.
+// All entries in another order. Reads up to `limit` entries ahead.
 std::unique_ptr<list_source> make_ordered_source(forwarding::row_order order, const std::optional<std::string> &start,
                                                  uint64_t limit);
 

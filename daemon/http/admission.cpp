@@ -16,35 +16,35 @@ constexpr uid_t root = 0;
 
 void fair_places::set_size(uint32_t common, uint32_t reserve)
 {
-    const std::lock_guard guard(lock_);
+    const base::scoped_lock hold(lock_);
     size_ = {common, reserve};
 }
 
-place fair_places::take(uid_t user, std::string &reason)
+admission fair_places::take(uid_t user)
 {
-    const std::lock_guard guard(lock_);
+    const base::scoped_lock hold(lock_);
     holding &own = users_[user];
     if (own.common < size_.common - taken_.common) {
         own.common++;
         taken_.common++;
-        return place::common;
+        return {place::common};
     }
     if (user == root && taken_.reserve < size_.reserve) {
         own.reserve++;
         taken_.reserve++;
-        return place::reserve;
+        return {place::reserve};
     }
     refused_++;
-    reason = reason_for(user, own);
-    if (own.common + own.reserve == 0) {
+    admission refused{place::none, refusal_of(user, own)};
+    if (own.total() == 0) {
         users_.erase(user);
     }
-    return place::none;
+    return refused;
 }
 
 void fair_places::give_back(uid_t user, place taken)
 {
-    const std::lock_guard guard(lock_);
+    const base::scoped_lock hold(lock_);
     const auto found = users_.find(user);
     if (taken == place::none || found == users_.end()) {
         return;
@@ -52,43 +52,50 @@ void fair_places::give_back(uid_t user, place taken)
     const auto count = taken == place::common ? &holding::common : &holding::reserve;
     (found->second.*count)--;
     (taken_.*count)--;
-    if (found->second.common + found->second.reserve == 0) {
+    if (found->second.total() == 0) {
         users_.erase(found);
     }
 }
 
 uint32_t fair_places::taken() const
 {
-    const std::lock_guard guard(lock_);
-    return taken_.common + taken_.reserve;
+    const base::scoped_lock hold(lock_);
+    return taken_.total();
 }
 
 uint64_t fair_places::refused() const
 {
-    const std::lock_guard guard(lock_);
+    const base::scoped_lock hold(lock_);
     return refused_;
 }
 
-std::string fair_places::reason_for(uid_t user, const holding &of) const
+std::string fair_places::refusal_of(uid_t user, const holding &own) const
 {
-    const uint32_t own = of.common + of.reserve;
-    const uint32_t others = taken_.common + taken_.reserve - own;
-    const uint32_t size = size_.common + (user == root ? size_.reserve : 0);
-    return "user " + std::to_string(user) + " has " + std::to_string(own) + " of " + std::to_string(size) + " " + what_
-           + ", other users have " + std::to_string(others) + ": close some, or try again";
+    const uint32_t others = taken_.total() - own.total();
+    const uint32_t available = size_.common + (user == root ? size_.reserve : 0);
+    return "user " + std::to_string(user) + " has " + std::to_string(own.total()) + " of " + std::to_string(available)
+           + " " + unit_ + ", other users have " + std::to_string(others) + ": close some, or try again";
 }
 
 // ---- Refused connections ----
 
+std::deque<refused_connections::refused>::iterator
+refused_connections::oldest_of_largest_user(std::deque<refused> &queue)
+{
+    const auto count_of = [&queue](const refused &each) {
+        return std::ranges::count(queue, each.user, &refused::user);
+    };
+    return std::ranges::max_element(queue, {}, count_of); // the first of several with the same count
+}
+
 std::optional<int> refused_connections::add(int socket, uid_t user)
 {
-    const std::lock_guard guard(lock_);
+    const base::scoped_lock hold(lock_);
     queue_.push_back({socket, user});
-    if (queue_.size() <= most_) {
+    if (queue_.size() <= max_) {
         return std::nullopt;
     }
-    const auto count_of = [this](const refused &of) { return std::ranges::count(queue_, of.user, &refused::user); };
-    const auto oldest = std::ranges::max_element(queue_, {}, count_of); // the first of several
+    const auto oldest = oldest_of_largest_user(queue_);
     const int cut = oldest->socket;
     queue_.erase(oldest);
     return cut;
@@ -96,7 +103,7 @@ std::optional<int> refused_connections::add(int socket, uid_t user)
 
 void refused_connections::remove(int socket)
 {
-    const std::lock_guard guard(lock_);
+    const base::scoped_lock hold(lock_);
     std::erase_if(queue_, [socket](const refused &each) { return each.socket == socket; });
 }
 

@@ -1,14 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Divides places, for connections or for requests, so that no user takes them all.
+// Divides places, for connections or for requests, so that no user takes all of them.
 //
-// A user gets a common place while the user has fewer of them than are free. One user alone gets at most half of them,
-// a second one half of the rest, and so on: the next user always finds room. Root may use a reserve as well.
+// A user gets a common place if more common places are free than the user holds. One user alone gets at most half of
+// them, a second user half of the rest, and so on. With 8 common places:
 //
-// A client that gets no place is refused. It may send one request, which is answered with the reason, or with the
-// daemon's health. Refused connections are few: the oldest one makes room for the next.
+//      ann takes 4    4 free, ann holds 4: refused
+//      bob takes 2    2 free, bob holds 2: refused
+//      cid takes 1    1 free, cid holds 1: refused
 //
-// Threads: any.
+// Root may also take places of a reserve.
+//
+// A client that gets no place is refused. It may send one request. The answer is the reason, or the daemon's health.
+// Few refused connections are kept: the oldest one makes room for the next.
+//
+// Threads: any thread may call every function.
 #pragma once
 
 #include <sys/types.h>
@@ -16,60 +22,67 @@
 #include <cstdint>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
+
+#include "base/mutex.h"
 
 namespace l2fibd {
 
 enum class place : uint8_t { none, common, reserve };
 
+struct admission {
+    place taken = place::none;
+    std::string refusal = {}; // for the client, if no place was taken
+};
+
 class fair_places {
 public:
-    // `what` names those that take places, in messages: "connections open".
-    explicit fair_places(const char *what)
-        : what_(what)
+    // `unit` names those who take places in messages, such as "connections open".
+    explicit fair_places(const char *unit)
+        : unit_(unit)
     {}
 
-    // Call it before any other function, while nothing is taken.
-    void set_size(uint32_t common, uint32_t reserve);
+    // Call this before any other function.
+    void set_size(uint32_t common, uint32_t reserve) L2FIB_EXCLUDES(lock_);
 
-    // Takes a place for a user. If there is none, counts a refusal and puts the reason into `reason`. The caller gives
-    // the place back.
-    place take(uid_t user, std::string &reason);
-    void give_back(uid_t user, place taken);
+    // Takes a place for a user, or counts a refusal. The caller gives the place back.
+    admission take(uid_t user) L2FIB_EXCLUDES(lock_);
+    void give_back(uid_t user, place taken) L2FIB_EXCLUDES(lock_);
 
-    uint32_t taken() const;
-    uint64_t refused() const;
+    uint32_t taken() const L2FIB_EXCLUDES(lock_);
+    uint64_t refused() const L2FIB_EXCLUDES(lock_);
 
 private:
     struct holding {
         uint32_t common = 0;
         uint32_t reserve = 0;
+
+        uint32_t total() const { return common + reserve; }
     };
 
-    std::string reason_for(uid_t user, const holding &of) const;
+    std::string refusal_of(uid_t user, const holding &own) const L2FIB_REQUIRES(lock_);
 
-    const char *what_;
-    mutable std::mutex lock_; // protects what follows
-    holding size_;
-    holding taken_;
-    std::map<uid_t, holding> users_; // those that hold a place
-    uint64_t refused_ = 0;
+    const char *unit_;
+    mutable base::mutex lock_;
+    holding size_ L2FIB_GUARDED_BY(lock_);
+    holding taken_ L2FIB_GUARDED_BY(lock_);
+    std::map<uid_t, holding> users_ L2FIB_GUARDED_BY(lock_); // users who hold a place
+    uint64_t refused_ L2FIB_GUARDED_BY(lock_) = 0;
 };
 
 class refused_connections {
 public:
-    explicit refused_connections(size_t most)
-        : most_(most)
+    explicit refused_connections(size_t max)
+        : max_(max)
     {}
 
-    // Adds a connection. If they are too many then, removes the oldest of the user who has most and returns its socket,
-    // which the caller shuts down.
-    std::optional<int> add(int socket, uid_t user);
+    // Adds a connection. If there are too many now, removes the oldest one of the user with the most and returns its
+    // socket. The caller shuts that socket down.
+    std::optional<int> add(int socket, uid_t user) L2FIB_EXCLUDES(lock_);
 
-    // Harmless if the socket is not among them.
-    void remove(int socket);
+    // Does nothing if the socket was not added, or was removed before.
+    void remove(int socket) L2FIB_EXCLUDES(lock_);
 
 private:
     struct refused {
@@ -77,9 +90,11 @@ private:
         uid_t user;
     };
 
-    const size_t most_;
-    std::mutex lock_;           // protects what follows
-    std::deque<refused> queue_; // the oldest first
+    static std::deque<refused>::iterator oldest_of_largest_user(std::deque<refused> &queue);
+
+    const size_t max_;
+    base::mutex lock_;
+    std::deque<refused> queue_ L2FIB_GUARDED_BY(lock_); // the oldest first
 };
 
 } // namespace l2fibd

@@ -5,6 +5,9 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 
+#include <cerrno>
+#include <string>
+
 namespace l2fibd {
 
 namespace {
@@ -27,27 +30,28 @@ void raise_descriptor_limit()
     }
 }
 
-// Asks for each number, which needs neither a descriptor nor a mounted /proc. Descriptors above a limit that was
-// lowered take no number below it.
-uint32_t free_descriptors(uint32_t most)
+// Asks the kernel about each number: that needs neither a descriptor nor a mounted /proc. If the limit was lowered,
+// descriptors above it take no number below it.
+uint32_t free_descriptors(uint32_t max)
 {
     const rlim_t limit = descriptor_limit();
     uint32_t count = 0;
-    for (int number = 0; static_cast<rlim_t>(number) < limit && count < most; number++) {
+    for (int number = 0; static_cast<rlim_t>(number) < limit && count < max; number++) {
         count += fcntl(number, F_GETFD) < 0 ? 1u : 0u;
     }
     return count;
 }
 
-std::string check_descriptors(uint32_t needed)
+base::result check_descriptors(uint32_t needed)
 {
     const uint32_t found = free_descriptors(needed);
     if (found >= needed) {
-        return {};
+        return base::success();
     }
     const rlim_t limit = descriptor_limit();
-    return "the limit of open files is " + std::to_string(limit) + ", expected at least "
-           + std::to_string(limit + needed - found) + ": raise it (ulimit -n, or the service's LimitNOFILE)";
+    return base::failure(EMFILE, "the limit of open files is " + std::to_string(limit) + ", expected at least "
+                                     + std::to_string(limit + needed - found)
+                                     + ": raise it (ulimit -n, or the service's LimitNOFILE)");
 }
 
 } // namespace l2fibd

@@ -8,14 +8,17 @@ namespace l2fibd {
 
 void request_deadlines::start()
 {
-    is_stopping_ = false;
+    {
+        const base::scoped_lock hold(lock_);
+        is_stopping_ = false;
+    }
     thread_ = std::thread([this] { watch(); });
 }
 
 void request_deadlines::stop()
 {
     {
-        const std::lock_guard guard(lock_);
+        const base::scoped_lock hold(lock_);
         is_stopping_ = true;
     }
     changed_.notify_one();
@@ -26,7 +29,7 @@ void request_deadlines::stop()
 
 void request_deadlines::expect_request(int socket, std::chrono::seconds allowed)
 {
-    const std::lock_guard guard(lock_);
+    const base::scoped_lock hold(lock_);
     erase(socket);
     sockets_.emplace(clock::now() + allowed, socket);
     changed_.notify_one();
@@ -34,11 +37,10 @@ void request_deadlines::expect_request(int socket, std::chrono::seconds allowed)
 
 void request_deadlines::forget(int socket)
 {
-    const std::lock_guard guard(lock_);
+    const base::scoped_lock hold(lock_);
     erase(socket);
 }
 
-// The caller holds the lock.
 void request_deadlines::erase(int socket)
 {
     std::erase_if(sockets_, [socket](const auto &each) { return each.second == socket; });
@@ -46,14 +48,14 @@ void request_deadlines::erase(int socket)
 
 void request_deadlines::watch()
 {
-    std::unique_lock guard(lock_);
+    const base::scoped_lock hold(lock_);
     while (!is_stopping_) {
         if (sockets_.empty()) {
-            changed_.wait(guard);
+            changed_.wait(lock_);
         } else if (const auto until = sockets_.begin()->first; until > clock::now()) {
-            changed_.wait_until(guard, until);
+            changed_.wait_until(lock_, until);
         } else {
-            // The lock is held: who closes the socket calls forget() first, so the number still means this socket.
+            // The number still means this socket: the lock is held, and forget() needs it before the socket is closed.
             shutdown(sockets_.begin()->second, SHUT_RDWR);
             sockets_.erase(sockets_.begin());
         }

@@ -1,43 +1,45 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Cuts connections whose clients do not finish a request in time. The HTTP library's own time-out begins again with
-// each byte: a client that sends one now and then would keep its connection for ever.
+// Closes connections whose clients do not finish a request in time. The HTTP library has a time-out too, but each byte
+// restarts it: a client that sends a byte now and then would keep its connection for ever.
 //
-// Threads: start and stop are for one thread, the others for any.
+// Threads: one thread calls start and stop. Any thread may call the others.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <map>
-#include <mutex>
 #include <thread>
+
+#include "base/mutex.h"
 
 namespace l2fibd {
 
 class request_deadlines {
 public:
-    void start();
+    // Starts the thread that watches the deadlines. Throws std::system_error if the system refuses it.
+    void start() L2FIB_EXCLUDES(lock_);
 
-    // Harmless when repeated, and when nothing was started.
-    void stop();
+    // Ends the thread. Does nothing if it does not run.
+    void stop() L2FIB_EXCLUDES(lock_);
 
     // Shuts the socket down unless forget() is called within the time. Replaces an earlier deadline of the socket.
-    void expect_request(int socket, std::chrono::seconds allowed);
+    void expect_request(int socket, std::chrono::seconds allowed) L2FIB_EXCLUDES(lock_);
 
-    // Call it when the whole request has come, and before the socket is closed.
-    void forget(int socket);
+    // Call this when the whole request has arrived, and before the socket is closed: its number is reused then.
+    void forget(int socket) L2FIB_EXCLUDES(lock_);
 
 private:
     using clock = std::chrono::steady_clock;
-    void watch();
-    void erase(int socket);
+    void watch() L2FIB_EXCLUDES(lock_);
+    void erase(int socket) L2FIB_REQUIRES(lock_);
 
     std::thread thread_;
 
-    std::mutex lock_; // protects what follows
-    std::condition_variable changed_;
-    std::multimap<clock::time_point, int> sockets_; // by deadline
-    bool is_stopping_ = false;
+    base::mutex lock_;
+    std::condition_variable_any changed_;
+    std::multimap<clock::time_point, int> sockets_ L2FIB_GUARDED_BY(lock_); // by deadline
+    bool is_stopping_ L2FIB_GUARDED_BY(lock_) = false;
 };
 
 } // namespace l2fibd

@@ -13,7 +13,7 @@ std::string decode(std::string_view text)
 {
     auto decoded = base::percent_decode(text);
     if (!decoded) {
-        throw unexpected("URI part", std::string(text), "% and two hexadecimal digits, and not %00");
+        throw unexpected("URI part", std::string(text), "two hexadecimal digits after each %, and not %00");
     }
     return *std::move(decoded);
 }

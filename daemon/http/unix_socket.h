@@ -1,15 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The Unix socket that the daemon serves, and the service manager's socket that it reports to.
+// The Unix socket that the daemon serves, and the service manager's socket to which it reports its state.
 //
-// A lock file beside the socket says who serves it; a socket file without one was left behind and is replaced.
+// A lock file beside the socket proves that a process serves it. A socket file whose lock file is not locked was left
+// behind by a process that ended: the next start replaces it.
+//
+//      listening_socket socket;
+//      if (const base::result opened = socket.open("/run/l2fibd.sock", "operators"); !opened.ok()) { ... }
+//      ... serve socket.descriptor() ...
+//      socket.close();
 //
 // Threads: the one that starts and ends the daemon.
 #pragma once
 
+#include <sys/un.h>
+
+#include <cstddef>
 #include <string>
 
+#include "base/result.h"
+
 namespace l2fibd {
+
+// In bytes. The kernel's address has room for one more, the final zero.
+inline constexpr size_t max_socket_path = sizeof(sockaddr_un::sun_path) - 1;
 
 class listening_socket {
 public:
@@ -18,32 +32,29 @@ public:
     listening_socket(const listening_socket &) = delete;
     listening_socket &operator=(const listening_socket &) = delete;
 
-    // Binds to `path` with mode 0660, for members of `group` unless that is empty, and listens. Returns nothing on
-    // success, otherwise a text for the operator.
-    std::string open(const std::string &path, const std::string &group);
+    // Binds to `path` and listens. The file has mode 0660 and belongs to `group`, or to the process's group if `group`
+    // is empty. On a failure the object is closed by close() or its destructor.
+    base::result open(const std::string &path, const std::string &group);
 
-    // Removes the socket file and lets the lock go; harmless when repeated.
+    // Removes the socket file, closes the descriptors and releases the lock. Does nothing when repeated.
     void close();
 
     int descriptor() const { return listener_; }
 
-    // The descriptor is somebody else's to close from now on.
+    // From now on the caller closes the descriptor.
     void hand_over() { listener_ = -1; }
 
 private:
-    std::string lock(const std::string &path);
-    std::string bind_to(const std::string &path);
-    std::string give_to(const std::string &group) const;
+    base::result lock(const std::string &path);
+    base::result bind_to(const std::string &path);
+    base::result give_to(const std::string &group) const;
 
     std::string bound_path_ = {};
     int lock_file_ = -1;
     int listener_ = -1;
 };
 
-// The longest path of a socket.
-size_t longest_socket_path();
-
-// Tells the service manager that started this process, if one did, a state such as "READY=1".
+// Sends a state such as "READY=1" to the service manager that started this process. Does nothing without one.
 void notify_service_manager(const std::string &state);
 
 } // namespace l2fibd

@@ -18,11 +18,11 @@ using std::chrono::seconds;
 
 constexpr uid_t root = 0, ann = 1000, bob = 1001, cid = 1002;
 
-// Takes places for the user until one is refused; returns how many there were.
-uint32_t take_all(fair_places &places, uid_t user, std::string &reason)
+// Takes places for the user until one is refused. Returns their number.
+uint32_t take_all(fair_places &places, uid_t user)
 {
     uint32_t count = 0;
-    while (places.take(user, reason) != place::none) {
+    while (places.take(user).taken != place::none) {
         count++;
     }
     return count;
@@ -42,10 +42,9 @@ TEST(FairPlaces, LeaveRoomForTheNextUser)
     for (const auto &row : rows) {
         fair_places places("places");
         places.set_size(row.common, row.reserve);
-        std::string reason;
         uint32_t taken = 0;
         for (const auto &[user, granted] : row.steps) {
-            EXPECT_EQ(take_all(places, user, reason), granted) << row.common << ", user " << user;
+            EXPECT_EQ(take_all(places, user), granted) << row.common << ", user " << user;
             taken += granted;
         }
         EXPECT_EQ(places.taken(), taken);
@@ -57,16 +56,16 @@ TEST(FairPlaces, ComeBackAndNameWhoHasThem)
 {
     fair_places places("connections open");
     places.set_size(4, 1);
-    std::string reason;
-    EXPECT_EQ(places.take(bob, reason), place::common);
-    EXPECT_EQ(take_all(places, root, reason), 2u + 1u);
-    EXPECT_EQ(reason, "user 0 has 3 of 5 connections open, other users have 1: close some, or try again");
+    EXPECT_EQ(places.take(bob).taken, place::common);
+    EXPECT_EQ(take_all(places, root), 2u + 1u);
+    EXPECT_EQ(places.take(root).refusal,
+              "user 0 has 3 of 5 connections open, other users have 1: close some, or try again");
     places.give_back(root, place::reserve);
     places.give_back(root, place::none);
-    EXPECT_EQ(places.take(root, reason), place::reserve);
+    EXPECT_EQ(places.take(root).taken, place::reserve);
     places.give_back(bob, place::common);
-    EXPECT_EQ(places.take(ann, reason), place::common);
-    EXPECT_EQ(places.take(bob, reason), place::common);
+    EXPECT_EQ(places.take(ann).taken, place::common);
+    EXPECT_EQ(places.take(bob).taken, place::common);
 }
 
 TEST(RefusedConnections, MakeRoomAtTheCostOfWhoHasMost)
@@ -129,7 +128,7 @@ TEST(LogLimit, BoundsLinesPerSecondOfEachLevel)
     EXPECT_EQ(flood(log_level::debug), limit.burst_lines);
     EXPECT_EQ(flood(log_level::error), limit.burst_lines);
     now += milliseconds(500);
-    EXPECT_EQ(flood(log_level::debug), limit.lines_a_second / 2);
+    EXPECT_EQ(flood(log_level::debug), limit.lines_per_second / 2);
     EXPECT_EQ(limit.dropped(), 3u);
     EXPECT_TRUE(limit.take_reports(now, false).empty());
     now += seconds(3600);

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "daemon/api/api_error.h"
+
+#include "daemon/api/list.h"
+#include "forwarding/forwarding.h"
+
+namespace l2fibd {
+
+void write_errors(json_writer &json, const api_error &error)
+{
+    json.begin_object("ietf-restconf:errors");
+    json.begin_array("error");
+    json.begin_object();
+    json.member("error-type", error.status < first_server_error ? "protocol" : "application");
+    json.member("error-tag", error.tag);
+    json.member("error-message", error.message);
+    json.end_object();
+    json.end_array();
+    json.end_object();
+}
+
+std::string error_body(const api_error &error)
+{
+    std::string body;
+    json_writer json(body);
+    json.begin_object();
+    write_errors(json, error);
+    write_completeness(json, forwarding::completeness_watch());
+    json.end_object();
+    return body;
+}
+
+} // namespace l2fibd

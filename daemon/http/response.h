@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// Makes the HTTP library's response from an answer of the API. A list's response produces its pages while the library
+// sends them, so that only one page is in memory.
+//
+// Threads: a response belongs to the thread of its connection.
+#pragma once
+
+#include <memory>
+
+#include <microhttpd.h>
+
+#include "daemon/api/resources.h"
+
+namespace l2fibd {
+
+struct response_deleter {
+    void operator()(MHD_Response *response) const { MHD_destroy_response(response); }
+};
+
+using response_ptr = std::unique_ptr<MHD_Response, response_deleter>;
+
+// Null if the library has no memory for it.
+response_ptr make_response(answer &&from);
+
+} // namespace l2fibd
