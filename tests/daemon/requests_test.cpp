@@ -170,7 +170,7 @@ TEST(Routing, RefusesByPathThenMethodThenParameters)
     const struct {
         std::string_view method, uri;
         unsigned status;
-        std::string_view tag, text, allow = "";
+        std::string_view tag, text, allow = {};
     } rows[] = {
         {"POST", "data/l2fib-mac:nothing?x=y", 404, "unknown-element", "nothing"},
         {"GET", "data/l2fib-mac:mac-count/", 404, "unknown-element", "mac-count/"},
