@@ -56,11 +56,11 @@ struct api_error : std::exception {
     std::string message;
     std::string allow; // with method_not_allowed: the methods that the resource has
 
-    api_error(http_status status_, const char *tag_, std::string message_, std::string allow_ = {})
-        : status(status_)
-        , tag(tag_)
-        , message(std::move(message_))
-        , allow(std::move(allow_))
+    api_error(http_status answered, const char *tag_of_error, std::string text, std::string allowed_methods = {})
+        : status(answered)
+        , tag(tag_of_error)
+        , message(std::move(text))
+        , allow(std::move(allowed_methods))
     {}
 
     const char *what() const noexcept override { return message.c_str(); }

@@ -21,12 +21,12 @@ const std::string &process_mark()
 
 } // namespace
 
-std::string continuation_of(const std::string &key)
+std::string cursor_of(const std::string &key)
 {
     return base::base64url_encode(process_mark() + " " + key);
 }
 
-std::string key_of_continuation(const std::string &text)
+std::string key_of_cursor(const std::string &text)
 {
     const auto whole = base::base64url_decode(text);
     const size_t space = whole ? whole->find(' ') : std::string::npos;
@@ -91,7 +91,7 @@ void list_stream::write_end(json_writer &json, const list_source::position &at) 
 {
     json.end_array();
     if (at.more) {
-        json.member("l2fib-mac:next-cursor", continuation_of(at.key));
+        json.member("l2fib-mac:next-cursor", cursor_of(at.key));
     }
     write_completeness(json, watch_);
     json.end_object();

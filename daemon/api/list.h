@@ -37,7 +37,7 @@ public:
 
     // Where a page ended.
     struct position {
-        std::string key;    // names the last item's place to this source: continuation_of() makes a cursor from it
+        std::string key;    // names the last item's place to this source: cursor_of() makes a cursor from it
         uint32_t count = 0; // of the page's items
         bool more = false;  // items follow
     };
@@ -48,10 +48,10 @@ public:
 
 // A cursor for clients: the key, marked with this process and encoded for a URI. The mark is needed because the key
 // holds numbers of objects, which another process gives to other objects.
-std::string continuation_of(const std::string &key);
+std::string cursor_of(const std::string &key);
 
 // The key of a cursor. Throws api_error: 400 if the text is no cursor, 410 if another process made it.
-std::string key_of_continuation(const std::string &text);
+std::string key_of_cursor(const std::string &text);
 
 // The error for a cursor that is none, or that another list made.
 api_error wrong_cursor(const std::string &text);

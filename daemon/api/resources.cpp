@@ -120,7 +120,7 @@ uint64_t limit_of(const call &asked)
 std::optional<std::string> start_of(const call &asked)
 {
     const std::string *text = asked.parameter("cursor");
-    return text != nullptr ? std::optional(key_of_continuation(*text)) : std::nullopt;
+    return text != nullptr ? std::optional(key_of_cursor(*text)) : std::nullopt;
 }
 
 answer stream(const call &asked, std::string_view name, std::unique_ptr<list_source> source, uint64_t limit)
@@ -212,6 +212,7 @@ struct order_name {
     forwarding::row_order order;
 };
 
+// The first one is the default.
 constexpr order_name orders[] = {
     {"last-seen", forwarding::row_order::last_seen},
     {"created", forwarding::row_order::created},
@@ -220,7 +221,7 @@ constexpr order_name orders[] = {
 forwarding::row_order order_of(const call &asked)
 {
     const std::string *text = asked.parameter("sort");
-    const auto *found = std::ranges::find(orders, text != nullptr ? *text : "last-seen", &order_name::name);
+    const auto *found = std::ranges::find(orders, text != nullptr ? *text : orders[0].name, &order_name::name);
     if (found == std::end(orders)) {
         throw unexpected("sort", *text, "last-seen or created");
     }
@@ -372,32 +373,32 @@ constexpr const char *resync_input =
     throw api_error{http_status::bad_request, tag, std::string("body: expected ") + resync_input};
 }
 
+constexpr struct {
+    const char *name;
+    bool (nlohmann::json::*has_type)() const noexcept;
+} resync_members[] = {
+    {"domain", &nlohmann::json::is_string},
+    {"port", &nlohmann::json::is_number_unsigned},
+    {"wait", &nlohmann::json::is_number_unsigned},
+};
+
+bool is_resync_input(const nlohmann::json &members)
+{
+    size_t known = 0;
+    for (const auto &row : resync_members) {
+        if (members.contains(row.name)) {
+            known += (members[row.name].*row.has_type)() ? 1u : 0u;
+        }
+    }
+    return members.is_object() && known == members.size() && !(members.contains("domain") && members.contains("port"));
+}
+
 // The members of the input. A member that the client left out is null.
 struct resync_request {
     nlohmann::json domain = nullptr;
     nlohmann::json port = nullptr;
     nlohmann::json wait = nullptr;
 };
-
-constexpr const char *resync_members[] = {"domain", "port", "wait"};
-
-bool has_known_members_only(const nlohmann::json &members)
-{
-    size_t known = 0;
-    for (const char *name : resync_members) {
-        known += members.count(name);
-    }
-    return known == members.size();
-}
-
-bool has_valid_types(const nlohmann::json &members)
-{
-    const auto fits = [&](const char *name, bool (nlohmann::json::*is_type)() const noexcept) {
-        return !members.contains(name) || (members[name].*is_type)();
-    };
-    return fits("domain", &nlohmann::json::is_string) && fits("port", &nlohmann::json::is_number_unsigned)
-           && fits("wait", &nlohmann::json::is_number_unsigned);
-}
 
 resync_request read_input(std::string_view body)
 {
@@ -406,8 +407,7 @@ resync_request read_input(std::string_view body)
         refuse_input(error_tag::malformed_message);
     }
     const auto members = input.empty() ? nlohmann::json::object() : input.value("l2fib-mac:input", nlohmann::json());
-    if (!members.is_object() || !has_known_members_only(members) || !has_valid_types(members)
-        || (members.contains("domain") && members.contains("port"))) {
+    if (!is_resync_input(members)) {
         refuse_input(error_tag::invalid_value);
     }
     const auto member = [&](const char *name) { return members.value(name, nlohmann::json()); };

@@ -29,7 +29,7 @@ void require_running(const forwarding::row_page &page)
 
 [[noreturn]] void refuse_cursor(const std::string &start)
 {
-    throw wrong_cursor(continuation_of(start));
+    throw wrong_cursor(cursor_of(start));
 }
 
 // The number in a key of one number. `first` is the list's beginning.

@@ -34,7 +34,7 @@ inline constexpr auto max_send_time = std::chrono::seconds(10);
 inline constexpr auto max_take_time = std::chrono::seconds(60);
 
 inline constexpr size_t max_header_bytes = size_t{48} * 1024; // with everything else that a connection keeps
-inline constexpr size_t max_body_bytes = 4096;                // the largest input of an operation takes 300
+inline constexpr size_t max_body_bytes = 4096;                // the input of an operation takes at most about 400
 
 // Connections that got no place: how many are kept at once, and how long each may take to send its one request.
 inline constexpr uint32_t max_refused_connections = 8;

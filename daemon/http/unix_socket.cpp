@@ -117,7 +117,7 @@ base::result listening_socket::bind_to(const std::string &path)
     }
     // The umask, not a later chmod: nobody else may connect between the two.
     const mode_t before = umask(socket_umask);
-    const base::result bound = connect_or_bind(listener_, path, bind) == 0 ? base::success() : socket_failure(path);
+    base::result bound = connect_or_bind(listener_, path, bind) == 0 ? base::success() : socket_failure(path);
     umask(before);
     if (!bound.ok()) {
         return bound;

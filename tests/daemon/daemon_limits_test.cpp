@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The daemon's limits as rules: who gets a place, which refused connection makes room, which lines of the log go out.
+// The daemon's limits: which user gets a place, which refused connection makes room, which lines of the log are
+// written.
 
 #include <gtest/gtest.h>
 
@@ -32,7 +33,7 @@ TEST(FairPlaces, LeaveRoomForTheNextUser)
 {
     const struct {
         uint32_t common, reserve;
-        std::vector<std::pair<uid_t, uint32_t>> steps; // who takes all that is granted, and how many that is
+        std::vector<std::pair<uid_t, uint32_t>> steps; // a user takes places until it is refused, and their number
     } rows[] = {
         {56, 8, {{ann, 28}, {bob, 14}, {cid, 7}, {root, 4 + 8}}},
         {56, 8, {{root, 28 + 8}, {root, 0}, {ann, 14}, {ann, 0}, {bob, 7}}},
@@ -52,7 +53,7 @@ TEST(FairPlaces, LeaveRoomForTheNextUser)
     }
 }
 
-TEST(FairPlaces, ComeBackAndNameWhoHasThem)
+TEST(FairPlaces, AreReusedAndARefusalNamesTheirUsers)
 {
     fair_places places("connections open");
     places.set_size(4, 1);
@@ -68,7 +69,7 @@ TEST(FairPlaces, ComeBackAndNameWhoHasThem)
     EXPECT_EQ(places.take(bob).taken, place::common);
 }
 
-TEST(RefusedConnections, MakeRoomAtTheCostOfWhoHasMost)
+TEST(RefusedConnections, MakeRoomAtTheCostOfTheLargestUser)
 {
     refused_connections refused(3);
     EXPECT_EQ(refused.add(1, bob), std::nullopt);
@@ -76,7 +77,7 @@ TEST(RefusedConnections, MakeRoomAtTheCostOfWhoHasMost)
     EXPECT_EQ(refused.add(3, ann), std::nullopt);
     EXPECT_EQ(refused.add(4, ann), 2);
     EXPECT_EQ(refused.add(5, cid), 3);
-    EXPECT_EQ(refused.add(6, root), 1); // of equals the oldest
+    EXPECT_EQ(refused.add(6, root), 1); // the oldest of those with the same count
     refused.remove(4);
     EXPECT_EQ(refused.add(7, bob), std::nullopt);
 }
@@ -100,7 +101,7 @@ TEST(LogLimit, CountsRepeatedLinesAndReportsThemOncePerWindow)
     ASSERT_EQ(reports.size(), 1u);
     EXPECT_EQ(reports[0].text, "repeated 3 times: a");
     EXPECT_EQ(reports[0].level, log_level::error);
-    EXPECT_EQ(limit.judge(a, start + seconds(6)), repeated); // the flood lasts: its next window
+    EXPECT_EQ(limit.judge(a, start + seconds(6)), repeated); // the flood continues in its next window
     EXPECT_EQ(limit.judge(b, start + seconds(6)), write);
     EXPECT_EQ(limit.take_reports(start + seconds(6), true).size(), 1u);
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Texts between URIs, item names and JSON: any bytes an interface's name may hold come through or are made visible.
+// Texts of URIs, item names and JSON. An interface's name may hold any bytes: they survive, or are made visible.
 
 #include <gtest/gtest.h>
 
@@ -46,7 +46,7 @@ TEST(text, reads_addresses_in_both_forms_only)
     }
 }
 
-TEST(json_writer, makes_valid_text_of_any_bytes)
+TEST(json_writer, writes_valid_text_from_any_bytes)
 {
     const struct {
         std::string text;
@@ -87,7 +87,7 @@ TEST(json_writer, separates_members_and_items)
     EXPECT_EQ(out, R"({"a":[1,{}],"b":"18446744073709551615"})");
 }
 
-TEST(target, tells_elements_apart_before_decoding)
+TEST(target, splits_elements_before_decoding)
 {
     const target to = parse_target("/a:b/c=x%2Fy%3D%3F=z/d?e=f%26g&h=");
     EXPECT_EQ(shape_of(to), "a:b/c=*/d");
