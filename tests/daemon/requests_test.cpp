@@ -80,7 +80,7 @@ std::vector<uint32_t> read_all(number_table &table, uint64_t limit)
         const auto answer = nlohmann::json::parse(text);
         EXPECT_LE(answer["l2fib-mac:number"].size(), limit);
         std::ranges::copy(answer["l2fib-mac:number"], std::back_inserter(read));
-        key = answer.contains("l2fib-mac:next-cursor") ? key_of_continuation(answer["l2fib-mac:next-cursor"]) : "";
+        key = answer.contains("l2fib-mac:next-cursor") ? key_of_cursor(answer["l2fib-mac:next-cursor"]) : "";
     }
     return read;
 }

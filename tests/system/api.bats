@@ -46,7 +46,7 @@ memory_of()
     awk '$1 == "VmRSS:" { print $2 }' "/proc/$1/status"
 }
 
-# cursor TEXT: prints a continuation with this content and the running daemon's id.
+# cursor TEXT: prints a cursor with this content and the running daemon's id.
 cursor()
 {
     local real
@@ -192,7 +192,7 @@ END
     wait "$pid"
 }
 
-@test "a continuation works although its item no longer exists" {
+@test "a cursor works although its item no longer exists" {
     local status list text filter
     while IFS='|' read -r status list text filter; do
         expect_status "$status" "$D${list}cursor=$(cursor "$text")&limit=5"
