@@ -3,8 +3,9 @@
 #include "cli/commands.h"
 
 #include <algorithm>
-#include <nlohmann/json.hpp>
+#include <cerrno>
 
+#include "base/result.h"
 #include "cli/failure.h"
 #include "cli/output/bridge_form.h"
 #include "cli/output/printer.h"
@@ -16,172 +17,193 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 
+// A failed `found` says why nothing was found.
+[[noreturn]] void fail_incomplete(const completeness_mark &worst, const base::result &found)
+{
+    throw failure(exit_status::incomplete, (found.ok() ? "" : found.text + "; ") + worst.text());
+}
+
 // ---- Showing ----
 
 // Prints an item, or leaves it out.
-using item_printer = std::function<void(const json_value &item)>;
+using item_action = std::function<void(const json_value &item)>;
 
-struct shown {
-    session &with;
+// Where the items of one command go.
+struct display {
+    query_session &session;
     output &out;
-    printer &to;
+    item_printer &printer;
 
-    bool is_full() const { return to.printed() >= with.how.limit.value_or(UINT64_MAX); }
+    uint64_t room() const { return session.options.limit - printer.count(); }
+    bool makes_bridge_form() const { return session.options.shown_as == form::bridge_json; }
 };
 
-// Whether the printer wants more.
-bool print_part(shown &of, std::string_view name, const part &one, const item_filter &filter, const item_printer &print)
+// Prints the items of one query that the filter accepts. Returns false once --limit is reached.
+bool print_query(display &to, const list_request &list, const item_filter &filter, const item_action &print)
 {
-    const bool daemon_limits = filter.empty() && of.with.how.shown_as != form::bridge_json;
-    const uint64_t most = daemon_limits ? of.with.how.limit.value_or(UINT64_MAX) - of.to.printed() : UINT64_MAX;
-    return for_each_page(of.with, {one.path, name, one.has_pages}, most, [&](const page &now) {
-        for (const json_value &item : now.items) {
+    // The daemon can limit the items only if the client prints every item that it receives.
+    const uint64_t max_items = filter.empty() && !to.makes_bridge_form() ? to.room() : no_limit;
+    return for_each_page(to.session, list, max_items, [&](const page &current) {
+        for (const json_value &item : current.items) {
             if (filter.accepts(item)) {
                 print(item);
             }
-            if (of.is_full()) {
+            if (to.room() == 0) {
                 return false;
             }
         }
-        of.out.flush();
+        to.out.flush();
         return true;
     });
 }
 
-// A part that does not exist is no failure where others do. Returns the daemon's message about the first of these.
-std::string print_plan(shown &of, std::string_view name, const plan &from, const item_printer &print)
+// Prints the items of all queries. If the daemon does not have what one of them names, the others still run. Then the
+// result is a failure with the daemon's message about the first such query.
+base::result print_plan(display &to, std::string_view name, const query_plan &plan, const item_action &print)
 {
-    std::string missing;
-    for (const part &one : from.parts) {
+    base::result found;
+    for (const query &one : plan.queries) {
         if (!one.scope.empty()) {
-            of.to.set_scope(one.scope);
+            to.printer.set_scope(one.scope);
         }
         try {
-            if (!print_part(of, name, one, from.filter, print)) {
-                return missing;
+            if (!print_query(to, {one.path, name, one.has_pages}, plan.filter, print)) {
+                return found;
             }
         } catch (const failure &error) {
-            if (error.how != ending::nothing_found) {
+            if (error.status != exit_status::nothing_found) {
                 throw;
             }
-            missing = missing.empty() ? error.message : missing;
+            found = found.ok() ? base::failure(ENOENT, error.what()) : found;
         }
     }
-    return missing;
+    return found;
 }
 
-std::string print_bridge_form(shown &of, const plan &from)
+// Prints the entries of `plan`, then those of the VXLAN devices. Returns the result of the first.
+base::result print_bridge_form(display &to, const query_plan &plan)
 {
     bridge_names bridges;
-    for_each_item(of.with, domains, [&](const json_value &item) {
+    for_each_item(to.session, domains, [&](const json_value &item) {
         bridges.insert_or_assign(number_of(item, "bridge-id"), text_of(item, "bridge"));
     });
     const auto print = [&](const std::string &entry) {
         if (!entry.empty()) {
-            of.to.ready_item(entry);
+            to.printer.ready_item(entry);
         }
     };
-    std::string missing =
-        print_plan(of, mac_entries.name, from, [&](const json_value &item) { print(bridge_entry_of(item, bridges)); });
-    // --flagged picks entries of bridges only.
-    if (!of.is_full() && !of.with.how.flagged) {
-        print_plan(of, tunnel_entries.name, plan_tunnel(of.with),
-                   [&](const json_value &item) { print(device_entry_of(item)); });
+    base::result found =
+        print_plan(to, mac_entries.name, plan, [&](const json_value &item) { print(bridge_entry_of(item, bridges)); });
+    // --flagged selects entries of bridges, and VXLAN devices have none.
+    if (to.room() > 0 && !to.session.options.flagged) {
+        // Its result does not count: the first plan has named a missing domain or port already.
+        static_cast<void>(print_plan(to, tunnel_entries.name, plan_tunnel(to.session),
+                                     [&](const json_value &item) { print(device_entry_of(item)); }));
     }
-    return missing;
+    return found;
 }
 
-// Returns why nothing exists that could be shown; empty when something may.
-std::string print_command(shown &of, const planner &by)
+// Returns a failure if the domain, port or address of the command does not exist.
+base::result print_view(display &to, const view &selected)
 {
     try {
-        const plan from = by.make(of.with);
-        if (of.with.how.shown_as == form::bridge_json) {
-            return print_bridge_form(of, from);
+        const query_plan plan = selected.make_plan(to.session);
+        if (to.makes_bridge_form()) {
+            return print_bridge_form(to, plan);
         }
-        return print_plan(of, by.shown->name, from, [&](const json_value &item) { of.to.item(item); });
+        return print_plan(to, selected.shown->name, plan, [&](const json_value &item) { to.printer.item(item); });
     } catch (const failure &error) {
-        if (error.how != ending::nothing_found) {
+        if (error.status != exit_status::nothing_found) {
             throw;
         }
-        return error.message;
+        return base::failure(ENOENT, error.what());
     }
 }
 
-[[noreturn]] void fail_incomplete(const mark &worst, const std::string &missing)
+// Corrects the result of print_view by the number of printed items: some items are a success, none are a failure.
+base::result found_of(uint64_t printed, const base::result &by_name)
 {
-    throw failure{ending::incomplete, (missing.empty() ? "" : missing + "; ") + worst.text()};
+    if (printed > 0) {
+        return base::success();
+    }
+    return by_name.ok() ? base::failure(ENOENT, "nothing found: no item matches") : by_name;
 }
 
-void show(session &with)
+void show(query_session &session)
 {
-    const planner &by = planner_of(with.how);
-    output out(with.progress_line, with.how.strict);
-    printer to(with.how.shown_as, *by.shown, out);
-    shown of = {with, out, to};
-    std::string missing = print_command(of, by);
-    missing = to.printed() > 0 ? "" : missing.empty() ? "nothing found" : missing;
-    to.end();
-    const bool is_whole = with.worst.state == completeness::whole || !by.takes_mark;
-    if (is_whole || !with.how.strict) {
+    const view &selected = view_of(session.options);
+    output out(session.progress_line, session.options.strict);
+    item_printer printer(session.options.shown_as, *selected.shown, out);
+    display to = {session, out, printer};
+    const base::result by_name = print_view(to, selected);
+    const base::result found = found_of(printer.count(), by_name);
+    printer.end();
+    const bool is_whole = session.worst.state == completeness::whole || !selected.heeds_mark;
+    if (is_whole || !session.options.strict) {
         out.release();
     }
     if (!is_whole) {
-        fail_incomplete(with.worst, missing);
+        fail_incomplete(session.worst, found);
     }
-    if (!missing.empty()) {
-        throw failure{ending::nothing_found, missing};
+    if (!found.ok()) {
+        throw failure(exit_status::nothing_found, found.text);
     }
 }
 
 // ---- Resync ----
 
-using nlohmann::json;
+constexpr char resync_path[] = "/restconf/operations/l2fib-mac:resync";
 
-// What each request of the command brings up to date.
-std::vector<json> resync_scopes(session &with)
+std::string domain_member(const std::string &name)
 {
-    const options &how = with.how;
-    if (!how.domain.empty()) {
-        return {{{"domain", how.domain}}};
+    std::string member = R"("domain":)";
+    put_text(member, name);
+    return member + ",";
+}
+
+// Returns the scope of each request of the command, as a member of its JSON input. No member means everything.
+std::vector<std::string> resync_scopes(query_session &session)
+{
+    const client_options &options = session.options;
+    if (!options.domain.empty()) {
+        return {domain_member(options.domain)};
     }
-    if (how.port.empty()) {
-        return {json::object()};
+    if (options.port.empty()) {
+        return {""};
     }
-    std::vector<json> scopes;
-    for (const named_port &port : find_ports(with)) {
-        scopes.push_back({{"port", port.xcid}});
+    std::vector<std::string> scopes;
+    for (const named_port &port : find_ports(session)) {
+        scopes.push_back(R"("port":)" + std::to_string(port.xcid) + ",");
     }
     return scopes;
 }
 
-// The daemon waits for a second less than we do, so that its message arrives before we give up.
+// The daemon waits one second less than the client, so that its message arrives before the client gives up.
 int64_t wait_seconds(clock::time_point deadline)
 {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::seconds>(deadline - clock::now() + std::chrono::milliseconds(500));
+    const auto left = std::chrono::round<std::chrono::seconds>(deadline - clock::now());
     return std::max<int64_t>(0, left.count() - 1);
 }
 
-void resync(session &with)
+void send_resync(query_session &session, const std::string &scope, int64_t wait, page &reply)
 {
-    const auto deadline = clock::now() + std::chrono::seconds(with.how.timeout_seconds);
-    std::vector<json> scopes = resync_scopes(with);
-    with.progress_line.set_text("waiting for the forwarding plane");
+    const std::string body = R"({"l2fib-mac:input":{)" + scope + R"("wait":)" + std::to_string(wait) + "}}";
+    fetch(session.daemon, {resync_path, true, body}, "", reply, [&session] { session.progress_line.tick(); });
+    session.worst.add(reply.completeness);
+}
+
+void resync(query_session &session)
+{
+    const auto deadline = clock::now() + std::chrono::seconds(session.options.timeout_seconds);
+    const std::vector<std::string> scopes = resync_scopes(session);
+    session.progress_line.set_text("waiting for the forwarding plane");
     page reply;
-    for (json &input : scopes) {
-        input["wait"] = wait_seconds(deadline);
-        const std::string body = json{{"l2fib-mac:input", input}}.dump(-1, ' ', true, json::error_handler_t::replace);
-        fetch(with.daemon, {"/restconf/operations/l2fib-mac:resync", true, body}, "", reply,
-              [&with] { with.progress_line.tick(); });
-        with.worst.add(reply.completeness);
-        if (reply.problem) {
-            break;
-        }
+    for (auto scope = scopes.begin(); scope != scopes.end() && !reply.problem; scope++) {
+        send_resync(session, *scope, wait_seconds(deadline), reply);
     }
-    const bool is_missing = reply.problem && reply.problem->how == ending::nothing_found;
-    if (with.worst.state != completeness::whole && (is_missing || !reply.problem)) {
-        fail_incomplete(with.worst, is_missing ? reply.problem->message : "");
+    const bool is_missing = reply.problem && reply.problem->status == exit_status::nothing_found;
+    if (session.worst.state != completeness::whole && (is_missing || !reply.problem)) {
+        fail_incomplete(session.worst, is_missing ? base::failure(ENOENT, reply.problem->what()) : base::success());
     }
     if (reply.problem) {
         throw failure(*reply.problem);
@@ -190,13 +212,13 @@ void resync(session &with)
 
 } // namespace
 
-void run(const options &how)
+void run(const client_options &options)
 {
-    session with{how};
-    if (how.what == command::resync) {
-        resync(with);
+    query_session session{options};
+    if (options.command == command_kind::resync) {
+        resync(session);
     } else {
-        show(with);
+        show(session);
     }
 }
 

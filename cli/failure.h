@@ -1,26 +1,36 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// How the client ends. Scripts rely on these numbers, and --help lists them.
+// How the client fails: a function throws a failure, and main prints its message and exits with its status.
+//
+//      throw failure(exit_status::nothing_found, "no port \"eth9\"; \"l2fibctl show port\" lists the ports");
+//
+// A function that has to go on after a failure returns a base::result or keeps the failure instead.
 #pragma once
 
+#include <stdexcept>
 #include <string>
 
 namespace l2fibctl {
 
-enum class ending : int {
+// Scripts rely on these numbers, and --help lists them. A number never changes its meaning.
+enum class exit_status : int {
     done = 0,
     nothing_found = 1,
     wrong_usage = 2,
     unreachable = 3,
     refused = 4,    // the daemon answered with an error
-    cut = 5,        // the answer did not arrive whole, or could not be written
+    cut = 5,        // the answer arrived incomplete or damaged, or standard output rejected it
     incomplete = 6, // the daemon marked its answer as limited or degraded
 };
 
-// Thrown to end the client. The message is for the operator and safe on a terminal; an empty one is not shown.
-struct failure {
-    ending how;
-    std::string message;
+struct failure : std::runtime_error {
+    // `message` is for the operator: one or more lines, safe on a terminal. If it is empty, main prints nothing.
+    failure(exit_status exits_with, const std::string &message)
+        : std::runtime_error(message)
+        , status(exits_with)
+    {}
+
+    exit_status status;
 };
 
 } // namespace l2fibctl

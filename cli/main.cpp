@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// l2fibctl: shows what l2fibd knows. A thin client of its HTTP API (docs/api.md); docs/operations.md tells its use.
+// l2fibctl prints the tables of a running l2fibd. It is a thin client of the daemon's HTTP API (docs/api.md);
+// docs/operations.md describes its use.
 
 #include <csignal>
 #include <cstdio>
@@ -15,13 +16,14 @@
 
 namespace {
 
-void complain(std::string_view lines)
+// Prints each line of the message behind the program's name.
+void report(std::string_view message)
 {
-    while (!lines.empty()) {
-        const size_t end = lines.find('\n');
-        const std::string line(lines.substr(0, end));
+    while (!message.empty()) {
+        const size_t end = message.find('\n');
+        const std::string line(message.substr(0, end));
         std::fprintf(stderr, "l2fibctl: %s\n", line.c_str());
-        lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
+        message.remove_prefix(end == std::string_view::npos ? message.size() : end + 1);
     }
 }
 
@@ -29,21 +31,21 @@ void complain(std::string_view lines)
 
 int main(int argc, char **argv)
 {
+    using l2fibctl::exit_status;
+
     base::hold_standard_streams();
-    // A reader that has gone is noticed where its output is written.
-    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGPIPE, SIG_IGN); // class output handles EPIPE
+    exit_status status = exit_status::done;
     try {
-        l2fibctl::options how;
-        if (const auto status = l2fibctl::parse_options(argc, argv, how)) {
-            return *status;
+        if (const auto options = l2fibctl::parse_options(argc, argv)) {
+            l2fibctl::run(*options);
         }
-        l2fibctl::run(how);
-        return 0;
     } catch (const l2fibctl::failure &error) {
-        complain(error.message);
-        return static_cast<int>(error.how);
+        report(error.what());
+        status = error.status;
     } catch (const std::exception &error) {
-        complain(error.what());
-        return static_cast<int>(l2fibctl::ending::cut);
+        report(error.what());
+        status = exit_status::cut;
     }
+    return static_cast<int>(status);
 }

@@ -3,9 +3,11 @@
 #include "cli/options.h"
 
 #include <CLI/CLI.hpp>
-#include <iostream>
+#include <cerrno>
+#include <functional>
 #include <sys/un.h>
 
+#include "base/result.h"
 #include "base/standard_streams.h"
 #include "base/text.h"
 #include "cli/failure.h"
@@ -14,56 +16,88 @@ namespace l2fibctl {
 
 namespace {
 
-constexpr char statuses[] = R"(Exit status:
+constexpr char exit_status_help[] = R"(Exit status:
   0  done
   1  nothing found
   2  wrong usage
-  3  the daemon cannot be reached
+  3  no connection to the daemon, or no answer from it
   4  the daemon answered with an error
-  5  the answer was cut, or could not be written
+  5  the answer was cut or damaged, or could not be written
   6  the answer may be incomplete: the daemon marked it as limited or degraded)";
 
-constexpr char last_seen_word[] = "last-seen";
-constexpr char created_word[] = "created";
+constexpr size_t max_name_length = 255; // above every real name, and short enough for a request's URI
+constexpr size_t max_path_length = sizeof(sockaddr_un::sun_path) - 1;
+constexpr unsigned max_timeout_seconds = 24 * 60 * 60;
 
-constexpr size_t longest_name = 255; // longer than any, and short enough for a request
-constexpr size_t longest_path = sizeof(sockaddr_un::sun_path) - 1;
+// ---- Checks of values ----
 
-// Turns an address into the API's form.
-std::string to_address(std::string &text)
+// Checks the text of a value and may rewrite it.
+using value_check = std::function<base::result(std::string &text)>;
+
+// CLI11 expects an empty text for success. `name` names the check inside CLI11.
+CLI::Validator validator(const value_check &check, const char *name)
+{
+    return {[check](std::string &text) { return check(text).text; }, "", name};
+}
+
+base::result expected(const std::string &text, const std::string &expectation)
+{
+    return base::failure(EINVAL, "\"" + text + "\": expected " + expectation);
+}
+
+// Rewrites the address in the API's form.
+base::result check_address(std::string &text)
 {
     const auto address = base::parse_mac(text);
     if (!address) {
-        return "\"" + text + "\": expected an address such as 02:00:00:00:00:01 or 0200.0000.0001";
+        return expected(text, "an address such as 02:00:00:00:00:01 or 0200.0000.0001");
     }
     text = base::mac_text(*address);
-    return "";
+    return base::success();
 }
 
-std::string check_ipv4(const std::string &text)
+base::result check_ipv4(const std::string &text)
 {
-    return base::parse_ipv4(text) ? "" : "\"" + text + "\": expected an IPv4 address such as 192.0.2.1";
+    return base::parse_ipv4(text) ? base::success() : expected(text, "an IPv4 address such as 192.0.2.1");
 }
 
-// `what` names what is checked, such as "a name".
-CLI::Validator length_up_to(size_t most, const std::string &what)
+base::result check_order(const std::string &text)
 {
-    const auto check = [most, what](const std::string &text) {
-        const bool fits = !text.empty() && text.size() <= most;
-        return fits ? "" : "expected " + what + " of 1 to " + std::to_string(most) + " characters";
+    const bool fits = text == last_seen_word || text == created_word;
+    return fits ? base::success() : expected(text, std::string(last_seen_word) + " or " + created_word);
+}
+
+// `subject` names the value in the message, such as "a name".
+CLI::Validator length_up_to(size_t max_length, const std::string &subject)
+{
+    const auto check = [max_length, subject](const std::string &text) {
+        const bool fits = !text.empty() && text.size() <= max_length;
+        return fits ? base::success()
+                    : base::failure(EINVAL,
+                                    "expected " + subject + " of 1 to " + std::to_string(max_length) + " characters");
     };
-    return {check, "", "length"};
+    return validator(check, "length");
 }
 
-// CLI11 takes -1 and numbers that are too large for others.
-CLI::Validator number_up_to(uint64_t most)
+// CLI11's own conversion turns -1 and numbers that are too large into other numbers.
+CLI::Validator number_up_to(uint64_t max_number)
 {
-    const auto check = [most](const std::string &text) {
-        const auto number = base::parse_number(text, most);
+    const auto check = [max_number](const std::string &text) {
+        const auto number = base::parse_number(text, max_number);
         const bool fits = number && *number != 0;
-        return fits ? "" : "\"" + text + "\": expected a number from 1 to " + std::to_string(most);
+        return fits ? base::success() : expected(text, "a number from 1 to " + std::to_string(max_number));
     };
-    return {check, "", "number"};
+    return validator(check, "number");
+}
+
+// ---- Commands ----
+
+CLI::App *add_command(CLI::App &parent, const char *name, const char *description, command_kind command,
+                      client_options &options)
+{
+    return parent.add_subcommand(name, description)->fallthrough()->callback([command, &options] {
+        options.command = command;
+    });
 }
 
 struct scope_options {
@@ -71,160 +105,167 @@ struct scope_options {
     CLI::Option *port;
 };
 
-scope_options add_scope(CLI::App &to, options &result)
+scope_options add_scope(CLI::App &command, client_options &options)
 {
-    const CLI::Validator is_name = length_up_to(longest_name, "a name");
-    return {to.add_option("--domain", result.domain, "Only this bridge domain")->type_name("NAME")->check(is_name),
-            to.add_option("--port", result.port, "Only this port, by name or xcid")->type_name("PORT")->check(is_name)};
+    const CLI::Validator is_name = length_up_to(max_name_length, "a name");
+    return {
+        command.add_option("--domain", options.domain, "Only this bridge domain")->type_name("NAME")->check(is_name),
+        command.add_option("--port", options.port, "Only this port, by name or xcid")
+            ->type_name("PORT")
+            ->check(is_name)};
 }
 
-std::string check_order(const std::string &text)
+void add_narrow_scope(CLI::App &command, client_options &options)
 {
-    const bool fits = text == last_seen_word || text == created_word;
-    return fits ? "" : "\"" + text + "\": expected " + last_seen_word + " or " + created_word;
+    const scope_options scope = add_scope(command, options);
+    scope.domain->excludes(scope.port);
 }
 
-CLI::App *add_command(CLI::App &to, const char *name, const char *description, command what, options &result)
-{
-    return to.add_subcommand(name, description)->fallthrough()->callback([what, &result] { result.what = what; });
-}
-
-// --aging is short for --sort last-seen.
-void add_order(CLI::App &mac, CLI::Option *flagged, options &result)
+// --aging means --sort last-seen.
+void add_order(CLI::App &mac, CLI::Option *flagged, client_options &options)
 {
     mac.add_flag_callback(
-           "--aging", [&result] { result.sorted_by = order::last_seen; }, "The same as --sort last-seen")
+           "--aging", [&options] { options.sorted_by = order::last_seen; }, "The same as --sort last-seen")
         ->disable_flag_override()
         ->excludes(flagged);
-    const auto take = [&result](const std::string &word) {
+    const auto set_order = [&options](const std::string &word) {
         const order wanted = word == created_word ? order::created : order::last_seen;
-        if (result.sorted_by != order::usual && result.sorted_by != wanted) {
+        if (options.sorted_by != order::usual && options.sorted_by != wanted) {
             throw CLI::ExcludesError("--aging", std::string("--sort ") + created_word);
         }
-        result.sorted_by = wanted;
+        options.sorted_by = wanted;
     };
-    mac.add_option_function<std::string>("--sort", take, "The oldest first, by the time last seen or created")
+    mac.add_option_function<std::string>("--sort", set_order, "Oldest first: last-seen or created")
         ->type_name("ORDER")
-        ->check(CLI::Validator([](std::string &text) { return check_order(text); }, "", "order"))
+        ->check(validator(check_order, "order"))
         ->excludes(flagged);
 }
 
-void add_show_mac(CLI::App &show, options &result)
+void add_show_mac(CLI::App &show, client_options &options)
 {
-    CLI::App *mac = add_command(show, "mac", "MAC addresses, by domain, port and address", command::show_mac, result);
-    add_scope(*mac, result);
-    mac->add_option("address", result.address, "Only this address")
+    CLI::App *mac =
+        add_command(show, "mac", "MAC addresses, by domain, port and address", command_kind::show_mac, options);
+    add_scope(*mac, options);
+    mac->add_option("address", options.address, "Only this address")
         ->type_name("ADDR")
-        ->check(CLI::Validator(to_address, "", "address"));
-    mac->add_option("--vtep", result.vtep, "Only behind this tunnel end point")
+        ->check(validator(check_address, "address"));
+    mac->add_option("--vtep", options.vtep, "Only addresses behind this tunnel end point")
         ->type_name("IP")
-        ->check(CLI::Validator([](std::string &text) { return check_ipv4(text); }, "", "vtep"));
-    CLI::Option *flagged = mac->add_flag("--flagged", result.flagged,
-                                         "Only entries of the bridge domain itself, and with --port locked ones")
+        ->check(validator(check_ipv4, "vtep"));
+    CLI::Option *flagged = mac->add_flag("--flagged", options.flagged,
+                                         "Only the bridge domain's own entries and, with --port, locked entries")
                                ->disable_flag_override();
-    add_order(*mac, flagged, result);
+    add_order(*mac, flagged, options);
 }
 
-void add_show(CLI::App &app, options &result)
+void add_show(CLI::App &app, client_options &options)
 {
-    CLI::App *show = app.add_subcommand("show", "Show a table")->require_subcommand(0, 1)->fallthrough();
-    add_show_mac(*show, result);
-    CLI::App *count = add_command(*show, "count", "How many MAC addresses there are", command::show_count, result);
-    const scope_options scope = add_scope(*count, result);
-    scope.domain->excludes(scope.port);
-    add_command(*show, "vtep", "Tunnel end points", command::show_vtep, result);
-    CLI::App *tunnel = add_command(*show, "tunnel", "What VXLAN devices hold: flood lists, all kinds of destinations",
-                                   command::show_tunnel, result);
-    add_scope(*tunnel, result);
-    add_command(*show, "domain", "Bridge domains", command::show_domain, result);
-    add_command(*show, "port", "Bridge ports", command::show_port, result);
-    add_command(*show, "health", "State of the forwarding plane, memory, requests", command::show_health, result);
-    add_command(*show, "trace", "Trace points, in order of time", command::show_trace, result);
+    CLI::App *show = app.add_subcommand("show", "Print a table")->require_subcommand(0, 1)->fallthrough();
+    add_show_mac(*show, options);
+    add_narrow_scope(*add_command(*show, "count", "Number of MAC addresses", command_kind::show_count, options),
+                     options);
+    add_command(*show, "vtep", "Tunnel end points (VTEPs)", command_kind::show_vtep, options);
+    add_scope(*add_command(*show, "tunnel", "Entries of the VXLAN devices: flood lists, IPv6 destinations, next hops",
+                           command_kind::show_tunnel, options),
+              options);
+    add_command(*show, "domain", "Bridge domains", command_kind::show_domain, options);
+    add_command(*show, "port", "Bridge ports", command_kind::show_port, options);
+    add_command(*show, "health", "State of the forwarding plane, memory, requests", command_kind::show_health, options);
+    add_command(*show, "trace", "Trace points in the order of their time", command_kind::show_trace, options);
 }
 
-void add_resync(CLI::App &app, options &result)
+void add_resync(CLI::App &app, client_options &options)
 {
-    CLI::App *resync = add_command(app, "resync", "Bring the tables up to date", command::resync, result);
-    const scope_options scope = add_scope(*resync, result);
-    scope.domain->excludes(scope.port);
+    add_narrow_scope(*add_command(app, "resync", "Bring the daemon's tables up to date", command_kind::resync, options),
+                     options);
 }
 
-void add_forms(CLI::App &app, options &result)
+// ---- Options of every command ----
+
+void add_forms(CLI::App &app, client_options &options)
 {
     const auto add = [&](const char *name, const char *description, form shown_as) {
         return app
             .add_flag_callback(
-                name, [&result, shown_as] { result.shown_as = shown_as; }, description)
+                name, [&options, shown_as] { options.shown_as = shown_as; }, description)
             ->disable_flag_override();
     };
-    CLI::Option *json = add("--json", "Print JSON", form::json);
-    CLI::Option *lines = add("--json-lines", "Print a JSON object a line", form::json_lines);
-    CLI::Option *bridge = add("--bridge-json", "Print as \"bridge -j fdb show\" does (show mac)", form::bridge_json);
+    CLI::Option *json = add("--json", "Print one JSON array", form::json);
+    CLI::Option *lines = add("--json-lines", "Print one JSON object per line", form::json_lines);
+    CLI::Option *bridge =
+        add("--bridge-json", "With show mac: print entries as \"bridge -j fdb show\" does", form::bridge_json);
     lines->excludes(json);
     bridge->excludes(json)->excludes(lines);
 }
 
-void add_globals(CLI::App &app, options &result)
+void add_globals(CLI::App &app, client_options &options)
 {
-    add_forms(app, result);
-    app.add_option("--socket", result.socket, "Socket of the daemon")
+    add_forms(app, options);
+    app.add_option("--socket", options.socket, "Socket of the daemon")
         ->type_name("PATH")
         ->envname("L2FIBD_SOCKET")
-        ->check(length_up_to(longest_path, "a path"))
+        ->check(length_up_to(max_path_length, "a path"))
         ->capture_default_str();
-    app.add_option("--limit", result.limit, "Print at most this number of items")
+    app.add_option("--limit", options.limit, "Print at most this number of items")
         ->type_name("NUMBER")
         ->check(number_up_to(UINT64_MAX));
-    app.add_option("--timeout", result.timeout_seconds, "Give up when nothing arrives for this long")
+    app.add_option("--timeout", options.timeout_seconds, "Give up if nothing arrives for this long")
         ->type_name("SECONDS")
-        ->check(number_up_to(86400))
+        ->check(number_up_to(max_timeout_seconds))
         ->capture_default_str();
-    app.add_flag("--strict", result.strict, "Print nothing of an answer that may be incomplete")
-        ->disable_flag_override();
-    app.set_version_flag("--version", "l2fibctl " L2FIB_VERSION);
-    app.footer(statuses);
+    app.add_flag("--strict", options.strict, "Print nothing if the answer may be incomplete")->disable_flag_override();
+    app.set_version_flag("--version", "l2fibctl " L2FIB_VERSION, "Print the version and exit");
+    app.footer(exit_status_help);
 }
 
-int complain(const std::string &message)
+// ---- Parsing ----
+
+[[noreturn]] void fail_usage(const std::string &message)
 {
-    std::cerr << "l2fibctl: " << message << "\nl2fibctl: --help lists the commands and options\n";
-    return static_cast<int>(ending::wrong_usage);
+    throw failure(exit_status::wrong_usage, message + "\n--help lists the commands and options");
 }
 
-// Prints the text that was asked for.
-int help(const CLI::App &app, const CLI::ParseError &asked)
+// Prints the text of --help or --version, which CLI11 reports as an error.
+void print_text(const CLI::App &app, const CLI::ParseError &request)
 {
-    const int status = app.exit(asked);
+    app.exit(request);
     if (const base::result written = base::finish_standard_output(); !written.ok()) {
-        std::cerr << "l2fibctl: " << written.text << "\n";
-        return static_cast<int>(ending::cut);
+        throw failure(exit_status::cut, written.text);
     }
-    return status;
+}
+
+// Checks between options. CLI11 could require a command itself, but then it would report a misspelt one as missing.
+void check_combination(const client_options &options)
+{
+    if (options.command == command_kind::none) {
+        fail_usage("no command: expected a command such as \"show mac\"");
+    }
+    if (options.shown_as == form::bridge_json && options.command != command_kind::show_mac) {
+        fail_usage("--bridge-json: expected the command show mac");
+    }
 }
 
 } // namespace
 
-std::optional<int> parse_options(int argc, char **argv, options &to)
+std::optional<client_options> parse_options(int argc, const char *const *argv)
 {
-    CLI::App app("Shows the MAC addresses that l2fibd knows.", "l2fibctl");
+    client_options options;
+    CLI::App app("Prints the tables of a running l2fibd: MAC addresses, bridge domains, ports, tunnels.", "l2fibctl");
     app.require_subcommand(0, 1);
-    add_globals(app, to);
-    add_show(app, to);
-    add_resync(app, to);
+    add_globals(app, options);
+    add_show(app, options);
+    add_resync(app, options);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        // Success is a text that was asked for.
-        return error.get_exit_code() == 0 ? help(app, error) : complain(error.what());
+        if (error.get_exit_code() != 0) {
+            fail_usage(error.what());
+        }
+        print_text(app, error);
+        return std::nullopt;
     }
-    // Asked for here, since the parser would name a missing command before a wrong one.
-    if (to.what == command::none) {
-        return complain("expected a command, such as show mac");
-    }
-    if (to.shown_as == form::bridge_json && to.what != command::show_mac) {
-        return complain("--bridge-json is for show mac only");
-    }
-    return std::nullopt;
+    check_combination(options);
+    return options;
 }
 
 } // namespace l2fibctl

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The operator's command line.
+// The command line of l2fibctl.
 //
-// Threads: the main one.
+// Threads: the main thread only.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace l2fibctl {
 
-enum class command : uint8_t {
+enum class command_kind : uint8_t {
     none,
     show_mac,
     show_count,
@@ -33,15 +33,23 @@ enum class order : uint8_t {
     created
 };
 
-struct options {
-    command what = command::none;
-    form shown_as = form::text;
-    std::string socket = "/run/l2fibd.sock";
-    std::optional<uint64_t> limit = {};
-    unsigned timeout_seconds = 60;
-    bool strict = false; // print nothing of an answer that is not whole
+// The words of --sort and of the API's parameter `sort`.
+inline constexpr char last_seen_word[] = "last-seen";
+inline constexpr char created_word[] = "created";
 
-    // Which part of the tables. Empty means all.
+inline constexpr char default_socket[] = "/run/l2fibd.sock";
+inline constexpr unsigned default_timeout_seconds = 60; // longer than a full dump of a large bridge
+inline constexpr uint64_t no_limit = UINT64_MAX;
+
+struct client_options {
+    command_kind command = command_kind::none;
+    form shown_as = form::text;
+    std::string socket = default_socket;
+    uint64_t limit = no_limit; // of printed items
+    unsigned timeout_seconds = default_timeout_seconds;
+    bool strict = false; // print nothing if the answer may be incomplete
+
+    // The part of the tables that the command shows. An empty text selects everything.
     std::string domain = {};
     std::string port = {};    // a name or an xcid
     std::string address = {}; // lower case with colons
@@ -50,7 +58,8 @@ struct options {
     order sorted_by = order::usual;
 };
 
-// Returns the status to end with at once, after an error or a text of help, which it printed.
-std::optional<int> parse_options(int argc, char **argv, options &to);
+// Parses and checks the command line. Returns nothing after it printed the text of --help or --version. Throws a
+// failure for a wrong command line.
+std::optional<client_options> parse_options(int argc, const char *const *argv);
 
 } // namespace l2fibctl

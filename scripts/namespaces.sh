@@ -1,16 +1,21 @@
 # SPDX-License-Identifier: Apache-2.0
 
 # shellcheck shell=bash
-# A small fabric of the kernel's own, for scripts/run and the system tests: two leaves, each a namespace with a bridge,
-# joined by VXLAN over a link between them, and two hosts on each that have talked to each other. Sourced, never run;
-# needs root. Every namespace carries the name of the process that made it, and only those are removed.
+# Makes a small fabric of kernel bridges for scripts/run and the system tests. Source this file as root; do not run it.
+#
+#       host1 --+                                            +-- host3
+#               +-- leaf1 (br0) --- vxlan7 --- leaf2 (br0) --+
+#       host2 --+                                            +-- host4
+#
+# Each leaf and each host is a network namespace. The hosts have exchanged packets, so both bridges have learned all of
+# them. The names of the namespaces contain the id of the process that makes them, and only those are removed.
 
 readonly fabric="l2fib-$$"
 readonly leaf1="$fabric-leaf1"
 readonly leaf2="$fabric-leaf2"
 readonly vni=7
 
-# in_leaf NUMBER COMMAND...
+# in_leaf NUMBER COMMAND...: runs the command in the namespace of the leaf.
 in_leaf()
 {
     local -r number=$1
@@ -18,7 +23,7 @@ in_leaf()
     ip netns exec "$fabric-leaf$number" "$@"
 }
 
-# add_host LEAF NAME ADDRESS: a host in a namespace of its own on a port of the leaf's bridge.
+# add_host LEAF NAME ADDRESS: makes a host and connects it to a port of the leaf's bridge.
 add_host()
 {
     local -r leaf=$1 name=$2 address=$3
@@ -29,7 +34,7 @@ add_host()
     ip -n "$fabric-$name" link set eth0 up
 }
 
-# add_leaf NUMBER OTHER: a namespace with a bridge and a tunnel to the other leaf.
+# add_leaf NUMBER OTHER: gives the leaf a bridge and a tunnel to the leaf OTHER.
 add_leaf()
 {
     local -r number=$1 other=$2

@@ -11,9 +11,11 @@ namespace l2fibctl {
 
 namespace {
 
+constexpr std::string_view flood_address = "00:00:00:00:00:00";
+
 struct word_pair {
-    std::string_view ours;
-    std::string_view theirs;
+    std::string_view ours;   // in the daemon's API
+    std::string_view theirs; // in the output of `bridge`
 };
 
 constexpr word_pair flag_words[] = {
@@ -34,7 +36,7 @@ constexpr word_pair device_states[] = {
     {"stale", "stale"},
 };
 
-// Members of a device's entry, in the order in which they are shown.
+// Members of a device's entry, in the order in which `bridge` prints them.
 constexpr word_pair device_members[] = {
     {"destination", "dst"}, {"udp-port", "port"}, {"vni", "vni"}, {"source-vni", "src_vni"}, {"next-hop-id", "nhid"},
 };
@@ -60,11 +62,11 @@ words flags_of(const json_value &entry)
     return found;
 }
 
-// The first state that one of the words names. A learned entry has none.
-std::string_view state_of(const words &of, std::span<const word_pair> states)
+// Returns the first of `states` that `entry_words` contain. A learned entry has no state.
+std::string_view state_of(const words &entry_words, std::span<const word_pair> states)
 {
-    const auto found =
-        std::ranges::find_if(states, [&](const word_pair &row) { return std::ranges::count(of, row.ours) != 0; });
+    const auto found = std::ranges::find_if(
+        states, [&](const word_pair &row) { return std::ranges::count(entry_words, row.ours) != 0; });
     return found != states.end() ? found->theirs : std::string_view();
 }
 
@@ -80,7 +82,7 @@ void put_member(std::string &to, std::string_view name, const json_value &value)
     put_value(to, value);
 }
 
-// `first` comes before the entry's own flags unless it is empty.
+// Puts `first` before the entry's own flags unless it is empty.
 void put_flags(std::string &to, std::string_view first, const words &flags)
 {
     words shown;
@@ -105,7 +107,7 @@ void put_flags(std::string &to, std::string_view first, const words &flags)
 std::string bridge_entry_of(const json_value &mac_entry, const bridge_names &bridges)
 {
     const std::string_view mac = text_of(mac_entry, "mac-address");
-    if (mac == "00:00:00:00:00:00") {
+    if (mac == flood_address) {
         return {};
     }
     const auto found = bridges.find(number_of(mac_entry, "bridge-id"));

@@ -1,9 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Entries as `bridge -j fdb show` prints them, so that scripts written for the one read the other.
+// Entries in the form of `bridge -j fdb show`, so that a script for that command can read ours.
 //
-// The kernel keeps an address behind a VXLAN tunnel twice: in the bridge, which the MAC table is about, and in the
-// VXLAN device. Receive filters are not forwarding entries and have no counterpart.
+// The kernel keeps an address behind a VXLAN tunnel twice, and so does this form:
+//
+//      {"mac":"02:...:01","ifname":"vxlan7","flags":[],"master":"br0","state":""}            the bridge's entry
+//      {"mac":"02:...:01","ifname":"vxlan7","dst":"192.0.2.1","flags":["self"],"state":""}   the VXLAN device's entry
+//
+// The first comes from the MAC table, the second from the tunnel entries. Receive filters are not forwarding entries
+// and have no counterpart here.
 //
 // Threads: pure functions.
 #pragma once
@@ -18,11 +23,11 @@ namespace l2fibctl {
 
 using bridge_names = std::unordered_map<uint64_t, std::string>; // by bridge id
 
-// The bridge's entry as JSON, from a MAC entry. Empty when the bridge has none: a zero address is a device's flood
-// list.
+// Returns the bridge's entry as JSON. Returns an empty text for the zero address: it stands for a VXLAN device's flood
+// list, which the bridge does not have.
 std::string bridge_entry_of(const json_value &mac_entry, const bridge_names &bridges);
 
-// The VXLAN device's own entry as JSON, from a tunnel entry.
+// Returns the VXLAN device's own entry as JSON.
 std::string device_entry_of(const json_value &tunnel_entry);
 
 } // namespace l2fibctl

@@ -11,18 +11,18 @@ namespace l2fibctl {
 
 namespace {
 
-constexpr std::string_view words[] = {"whole", "limited", "degraded"}; // by completeness
+constexpr std::string_view words[] = {"whole", "limited", "degraded"}; // in the order of the enumeration
 
 } // namespace
 
-void mark::add(const mark &other)
+void completeness_mark::add(const completeness_mark &other)
 {
     if (other.state > state || (other.state == state && reason.empty())) {
         *this = other;
     }
 }
 
-std::string mark::text() const
+std::string completeness_mark::text() const
 {
     const std::string word(words[static_cast<size_t>(state)]);
     return "the answer may be incomplete (" + word + ")" + (reason.empty() ? "" : ": " + base::visible(reason));

@@ -15,21 +15,25 @@ namespace l2fibctl {
 
 namespace {
 
-constexpr size_t piece_size = size_t(64) * 1024;
-constexpr size_t held_size = size_t(4) * 1024 * 1024; // in memory, of held output
-constexpr auto quiet_time = std::chrono::seconds(1);
+constexpr size_t piece_size = size_t(64) * 1024;          // large enough to make the cost of a write small
+constexpr size_t max_held_size = size_t(4) * 1024 * 1024; // of held output in memory
+constexpr auto quiet_time = std::chrono::seconds(1);      // before the progress line appears
 constexpr auto redraw_time = std::chrono::milliseconds(250);
+constexpr char erase_line[] = "\r\033[K";
+constexpr int no_time_limit = -1; // of poll
 
-// Standard output may be shared with a process that made it non-blocking.
+// Another process that shares standard output may have made it non-blocking.
 void wait_for_room()
 {
     pollfd waits = {STDOUT_FILENO, POLLOUT, 0};
-    poll(&waits, 1, -1);
+    poll(&waits, 1, no_time_limit);
 }
 
-[[noreturn]] void fail(const std::string &what)
+// `problem` names what failed; errno has the reason.
+[[noreturn]] void fail(const std::string &problem)
 {
-    throw failure{ending::cut, what + ": " + std::strerror(errno)}; // NOLINT(concurrency-mt-unsafe): as in http.cpp
+    const std::string reason = std::strerror(errno); // NOLINT(concurrency-mt-unsafe): as in http.cpp
+    throw failure(exit_status::cut, problem + ": " + reason);
 }
 
 } // namespace
@@ -46,7 +50,7 @@ void progress::tick()
     }
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - start_).count();
     const std::string text = text_.empty() ? std::to_string(items_) + " items" : text_;
-    std::fprintf(stderr, "\r%s, %lld s\033[K", text.c_str(), static_cast<long long>(seconds));
+    std::fprintf(stderr, "%s%s, %lld s", erase_line, text.c_str(), static_cast<long long>(seconds));
     drawn_ = true;
     last_ = now;
 }
@@ -54,7 +58,7 @@ void progress::tick()
 void progress::stop()
 {
     if (drawn_) {
-        std::fputs("\r\033[K", stderr);
+        std::fputs(erase_line, stderr);
     }
     drawn_ = false;
     enabled_ = false;
@@ -70,14 +74,14 @@ output::output(progress &line, bool held)
 void output::put(std::string_view text)
 {
     pending_ += text;
-    if (held_ && pending_.size() >= held_size) {
+    if (held_ && pending_.size() >= max_held_size) {
         spill();
     } else if (!held_ && pending_.size() >= piece_size) {
         flush();
     }
 }
 
-// Moves what is pending into the temporary file, which has no name and disappears with the process.
+// Moves the pending text into a temporary file. The file has no name and disappears with the process.
 void output::spill()
 {
     if (spilled_ == nullptr) {
@@ -85,7 +89,7 @@ void output::spill()
     }
     if (spilled_ == nullptr || std::fwrite(pending_.data(), 1, pending_.size(), spilled_.get()) != pending_.size()
         || std::fflush(spilled_.get()) != 0) {
-        fail("cannot hold back the answer in a temporary file in " P_tmpdir);
+        fail("cannot keep the answer for --strict in a temporary file in " P_tmpdir);
     }
     pending_.clear();
 }
@@ -100,7 +104,7 @@ void output::release()
             write_out(std::string_view(piece).substr(0, size));
         }
         if (std::ferror(spilled_.get()) != 0) {
-            fail("cannot read the held answer from its temporary file");
+            fail("cannot read the answer for --strict from its temporary file in " P_tmpdir);
         }
         spilled_.reset();
     }
@@ -125,11 +129,11 @@ void output::write_out(std::string_view text)
         if (written >= 0) {
             text.remove_prefix(static_cast<size_t>(written));
         } else if (errno == EPIPE) {
-            throw failure{ending::done, ""};
+            throw failure(exit_status::done, "");
         } else if (errno == EAGAIN) {
             wait_for_room();
         } else if (errno != EINTR) {
-            fail("cannot write the answer");
+            fail("cannot write the answer to standard output");
         }
     }
 }

@@ -2,10 +2,10 @@
 
 // Standard output, written in large pieces, and the progress line on standard error.
 //
-// The progress line appears when an answer takes over a second and standard error is a terminal. If standard output is
-// a terminal as well, the line disappears for good before the first row, so that the two never mix.
+// The progress line appears when an answer takes longer than a second and standard error is a terminal. If standard
+// output is a terminal as well, the line is erased for good before the first row, so that the two never mix.
 //
-// Threads: the main one.
+// Threads: the main thread only.
 #pragma once
 
 #include <chrono>
@@ -26,13 +26,13 @@ public:
 
     void count_items(uint64_t more) { items_ += more; }
 
-    // Shows this text instead of the number of items.
+    // From now on the line shows this text instead of the number of items.
     void set_text(std::string_view text) { text_ = text; }
 
-    // To be called often; draws a few times a second.
+    // Draws the line if it is due. Callers that wait call this several times a second.
     void tick();
 
-    // Erases the line and draws none any more.
+    // Erases the line; later ticks draw nothing.
     void stop();
 
 private:
@@ -46,14 +46,19 @@ private:
     clock::time_point last_ = start_;
 };
 
+// Each function throws a failure if it cannot write. After the reader of a pipe closed it, the failure has the status
+// done and no message.
 class output {
 public:
-    // Held output appears only after `release`: up to some megabytes stay in memory, the rest in a temporary file.
+    // If `held` is set, nothing is written before `release`. Up to 4 MiB stay in memory, the rest in a temporary file.
     output(progress &line, bool held);
 
-    // All throw a failure; it has no message when the reader has gone, which is no fault.
     void put(std::string_view text);
+
+    // Writes what `put` collected, unless the output is held.
     void flush();
+
+    // Writes everything that was held and stops holding.
     void release();
 
 private:

@@ -11,29 +11,32 @@ namespace l2fibctl {
 
 namespace {
 
-constexpr unsigned gap = 2;
-constexpr unsigned label_width = 24; // of a record's titles
+constexpr unsigned gap = 2;          // spaces between columns, and the indentation of a record's parts
+constexpr unsigned label_width = 24; // of a record's titles with their indentation
 constexpr std::string_view no_value = "-";
 
-// The values of an item, by column.
-using members = std::array<std::optional<json_value>, most_columns>;
+// An item's values by column. A column without a value stays empty.
+using members = std::array<std::optional<json_value>, max_columns>;
 
-// The daemon sends members mostly in the order of the columns, so each search begins behind the last find.
-members members_of(const json_value &item, const resource &of)
+// Sorts an item's members into the columns. The daemon sends members mostly in the order of the columns, so each search
+// begins behind the previous match. For the columns a, b, c, d and the item {"b":1,"c":2,"a":3} it compares
+//
+//      b with a, b;  c with c;  a with d, a
+members members_of(const json_value &item, const resource &shown)
 {
     members found;
-    const size_t count = of.columns.size();
-    size_t at = 0;
+    const size_t count = shown.columns.size();
+    size_t next = 0;
     simdjson::dom::object object;
     if (item.get(object) != simdjson::SUCCESS) {
         return found;
     }
     for (const auto &[name, value] : object) {
         for (size_t tried = 0; tried < count; tried++) {
-            const size_t candidate = at + tried < count ? at + tried : at + tried - count;
-            if (of.columns[candidate].member == name) {
+            const size_t candidate = next + tried < count ? next + tried : next + tried - count;
+            if (shown.columns[candidate].member == name) {
                 found[candidate] = value;
-                at = candidate + 1 < count ? candidate + 1 : 0;
+                next = candidate + 1 < count ? candidate + 1 : 0;
                 break;
             }
         }
@@ -45,13 +48,13 @@ members members_of(const json_value &item, const resource &of)
 
 void write_json(std::string &to, const json_value &value, const resource *parts);
 
-void write_object(std::string &to, const members &item, const resource &of)
+void write_object(std::string &to, const members &item, const resource &shown)
 {
     std::string_view separator = "{\"";
-    for (size_t i = 0; i < of.columns.size(); i++) {
+    for (size_t i = 0; i < shown.columns.size(); i++) {
         if (item[i]) {
-            to.append(separator).append(of.columns[i].member).append("\":");
-            write_json(to, *item[i], of.columns[i].parts);
+            to.append(separator).append(shown.columns[i].member).append("\":");
+            write_json(to, *item[i], shown.columns[i].parts);
             separator = ",\"";
         }
     }
@@ -78,12 +81,12 @@ void write_json(std::string &to, const json_value &value, const resource *parts)
 
 // ---- Text ----
 
-// Fills up the cell whose text begins at `start`.
+// Pads the cell whose text begins at `start` to its column's width, and appends the gap.
 void end_cell(std::string &to, size_t start, const column_kind &kind)
 {
     const size_t width = base::width_of(std::string_view(to).substr(start));
     const size_t padding = width < kind.width ? kind.width - width : 0;
-    if (kind.right) {
+    if (kind.is_right_aligned) {
         to.insert(start, padding, ' ').append(gap, ' ');
     } else {
         to.append(padding + gap, ' ');
@@ -102,10 +105,10 @@ void end_line(std::string &to)
     to += '\n';
 }
 
-void write_titles(std::string &to, const resource &of, unsigned indent)
+void write_titles(std::string &to, const resource &shown, unsigned indent)
 {
     to.append(indent, ' ');
-    for (const column &one : of.columns) {
+    for (const column &one : shown.columns) {
         if (!one.title.empty()) {
             write_cell(to, one.title, *one.kind);
         }
@@ -113,11 +116,11 @@ void write_titles(std::string &to, const resource &of, unsigned indent)
     end_line(to);
 }
 
-void write_row(std::string &to, const members &item, const resource &of, unsigned indent)
+void write_row(std::string &to, const members &item, const resource &shown, unsigned indent)
 {
     to.append(indent, ' ');
-    for (size_t i = 0; i < of.columns.size(); i++) {
-        const column &one = of.columns[i];
+    for (size_t i = 0; i < shown.columns.size(); i++) {
+        const column &one = shown.columns[i];
         if (one.title.empty()) {
             continue;
         }
@@ -132,21 +135,21 @@ void write_row(std::string &to, const members &item, const resource &of, unsigne
     end_line(to);
 }
 
-void write_record(std::string &to, const members &item, const resource &of, unsigned indent);
+void write_record(std::string &to, const members &item, const resource &shown, unsigned indent);
 
-void write_parts(std::string &to, const json_value &value, const resource &of, unsigned indent)
+void write_parts(std::string &to, const json_value &value, const resource &shown, unsigned indent)
 {
-    if (of.shown_as == layout::record) {
-        write_record(to, members_of(value, of), of, indent);
+    if (shown.shown_as == layout::record) {
+        write_record(to, members_of(value, shown), shown, indent);
         return;
     }
-    write_titles(to, of, indent);
+    write_titles(to, shown, indent);
     for (const json_value element : simdjson::dom::array(value)) {
-        write_row(to, members_of(element, of), of, indent);
+        write_row(to, members_of(element, shown), shown, indent);
     }
 }
 
-// Whether the value is of the parts' type and has any.
+// Returns whether the value is an object or array as `parts` expect, and is not empty.
 bool has_parts(const json_value &value, const resource *parts)
 {
     if (parts == nullptr) {
@@ -156,10 +159,10 @@ bool has_parts(const json_value &value, const resource *parts)
                                              : value.is_array() && simdjson::dom::array(value).size() > 0;
 }
 
-void write_record(std::string &to, const members &item, const resource &of, unsigned indent)
+void write_record(std::string &to, const members &item, const resource &shown, unsigned indent)
 {
-    for (size_t i = 0; i < of.columns.size(); i++) {
-        const column &one = of.columns[i];
+    for (size_t i = 0; i < shown.columns.size(); i++) {
+        const column &one = shown.columns[i];
         if (one.title.empty() || !item[i]) {
             continue;
         }
@@ -177,47 +180,47 @@ void write_record(std::string &to, const members &item, const resource &of, unsi
 
 } // namespace
 
-bool printer::in_array() const
+bool item_printer::in_array() const
 {
-    return (shown_in_ == form::json || shown_in_ == form::bridge_json) && what_.shown_as == layout::table;
+    return (shown_as_ == form::json || shown_as_ == form::bridge_json) && resource_.shown_as == layout::table;
 }
 
-// What stands before the next item.
-std::string_view printer::separator() const
+// The text before the next item.
+std::string_view item_printer::separator() const
 {
     return !in_array() ? "" : items_ == 0 ? "[" : ",\n";
 }
 
-void printer::set_scope(std::string_view text)
+void item_printer::set_scope(std::string_view text)
 {
     std::string json;
     put_text(json, text);
     scope_ = scope_parser_.parse(json).value();
 }
 
-void printer::item(const json_value &value)
+void item_printer::item(const json_value &value)
 {
-    members found = members_of(value, what_);
+    members found = members_of(value, resource_);
     if (scope_) {
-        const auto column_of_scope = std::ranges::find(what_.columns, scope_member, &column::member);
-        found[static_cast<size_t>(column_of_scope - what_.columns.begin())] = scope_;
+        const auto scope_column = std::ranges::find(resource_.columns, scope_member, &column::member);
+        found[static_cast<size_t>(scope_column - resource_.columns.begin())] = scope_;
     }
     line_.clear();
-    if (shown_in_ != form::text) {
-        write_object(line_, found, what_);
+    if (shown_as_ != form::text) {
+        write_object(line_, found, resource_);
         ready_item(line_);
         return;
     }
-    if (what_.shown_as == layout::table && items_ == 0) {
-        write_titles(line_, what_, 0);
+    if (resource_.shown_as == layout::table && items_ == 0) {
+        write_titles(line_, resource_, 0);
     }
-    const auto write = what_.shown_as == layout::table ? write_row : write_record;
-    write(line_, found, what_, 0);
+    const auto write = resource_.shown_as == layout::table ? write_row : write_record;
+    write(line_, found, resource_, 0);
     items_++;
     out_.put(line_);
 }
 
-void printer::ready_item(std::string_view json)
+void item_printer::ready_item(std::string_view json)
 {
     out_.put(separator());
     out_.put(json);
@@ -225,7 +228,7 @@ void printer::ready_item(std::string_view json)
     items_++;
 }
 
-void printer::end()
+void item_printer::end()
 {
     if (in_array()) {
         out_.put(items_ == 0 ? "[]\n" : "]\n");

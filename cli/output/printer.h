@@ -1,8 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Prints items one at a time, as text or JSON, by the columns of their resource.
+// Prints items one at a time, as text or JSON, in the columns of their resource (cli/query/resources.h).
 //
-// Threads: the main one.
+//      item_printer printer(form::json, mac_entries, out);
+//      printer.item(value);    // once for each item
+//      printer.end();
+//
+// The room cli/output has this printer, the form of `bridge -j fdb show`, and standard output with the progress line.
+//
+// Threads: the main thread only.
 #pragma once
 
 #include <cstdint>
@@ -18,44 +24,44 @@ namespace l2fibctl {
 
 enum class form : uint8_t {
     text,
-    json,       // one array, or a record's object
-    json_lines, // an item a line
-    bridge_json // as json, of entries that bridge_form made
+    json,       // one array; of a record, its object
+    json_lines, // one item per line
+    bridge_json // one array of entries that bridge_form.h made
 };
 
-class printer {
+class item_printer {
 public:
-    // What is printed must outlive the printer.
-    printer(form in_form, const resource &of, output &to)
-        : shown_in_(in_form)
-        , what_(of)
-        , out_(to)
+    // `printed` and `out` must outlive the printer.
+    item_printer(form shown_as, const resource &printed, output &out)
+        : shown_as_(shown_as)
+        , resource_(printed)
+        , out_(out)
     {}
 
-    // Sets the member `scope_member` of the items that follow, which the client adds itself.
+    // Gives the items that follow the member `scope_member`, which the daemon does not send.
     void set_scope(std::string_view text);
 
     void item(const json_value &value);
 
-    // An item that is JSON already.
+    // Prints an item that is already JSON.
     void ready_item(std::string_view json);
 
-    // After the last item; flushes.
+    // Prints what follows the last item, and flushes.
     void end();
 
-    uint64_t printed() const { return items_; }
+    uint64_t count() const { return items_; }
 
 private:
     bool in_array() const;
     std::string_view separator() const;
 
-    form shown_in_;
-    const resource &what_;
+    form shown_as_;
+    const resource &resource_;
     output &out_;
     uint64_t items_ = 0;
     simdjson::dom::parser scope_parser_;
     std::optional<json_value> scope_;
-    std::string line_; // kept between items for its memory
+    std::string line_; // a member so that all items use the same memory
 };
 
 } // namespace l2fibctl

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <http_parser.h>
+#include <iterator>
 #include <poll.h>
 #include <strings.h>
 #include <sys/eventfd.h>
@@ -24,30 +25,45 @@ namespace {
 using clock = std::chrono::steady_clock;
 
 constexpr size_t buffer_bytes = size_t(64) * 1024;
-constexpr size_t longest_body = size_t(256) * 1024 * 1024; // ten times a page of the longest names
+constexpr size_t max_body_mib = 256; // ten times a page whose names have the maximum length
+constexpr size_t max_body = max_body_mib * 1024 * 1024;
 constexpr auto idle_period = std::chrono::milliseconds(100);
-constexpr auto backlog_period = std::chrono::milliseconds(50); // between two tries to connect
+constexpr auto backlog_period = std::chrono::milliseconds(50); // between two attempts to connect
 constexpr char completeness_header[] = "L2fib-Completeness";
-constexpr char ended_early[] = "the daemon ended the connection";
 
-std::string request_text(const request &what)
+std::string request_text(const request &asked)
 {
-    std::string text = (what.is_operation ? "POST " : "GET ") + what.path + " HTTP/1.1\r\nHost: l2fibd\r\n";
-    if (what.is_operation) {
+    std::string text = (asked.is_operation ? "POST " : "GET ") + asked.path + " HTTP/1.1\r\nHost: l2fibd\r\n";
+    if (asked.is_operation) {
         text +=
-            "Content-Type: application/yang-data+json\r\nContent-Length: " + std::to_string(what.body.size()) + "\r\n";
+            "Content-Type: application/yang-data+json\r\nContent-Length: " + std::to_string(asked.body.size()) + "\r\n";
     }
-    return text + "\r\n" + what.body;
+    return text + "\r\n" + asked.body;
 }
 
 std::string error_string(int error)
 {
-    return std::strerror(error); // NOLINT(concurrency-mt-unsafe): glibc's is safe for errors that it knows
+    return std::strerror(error); // NOLINT(concurrency-mt-unsafe): glibc returns a constant for known errors
+}
+
+base::result closed_early()
+{
+    return base::failure(ECONNRESET, "the daemon closed the connection; its log may have the reason");
+}
+
+// The reason why the parser stopped before the end of the answer.
+base::result rejected_by(const http_parser &parser)
+{
+    if (HTTP_PARSER_ERRNO(&parser) == HPE_CB_body) {
+        return base::failure(EMSGSIZE, "the body is larger than " + std::to_string(max_body_mib)
+                                           + " MiB; --limit requests fewer items");
+    }
+    return base::failure(EPROTO, "the bytes that arrived are not HTTP; expected the socket of l2fibd (--socket)");
 }
 
 } // namespace
 
-// What arrives of one answer.
+// The parser of one answer, fed piece by piece.
 struct connection::reception {
     answer &to;
     http_parser parser = {};
@@ -55,7 +71,7 @@ struct connection::reception {
     bool in_value = false;
     bool is_complete = false;
     bool has_bytes = false;
-    bool has_more = false; // bytes behind the answer, which nobody asked for
+    bool has_more = false; // bytes follow the answer although no request is open
 
     explicit reception(answer &into)
         : to(into)
@@ -88,10 +104,10 @@ struct connection::reception {
     {
         auto &self = *static_cast<reception *>(from->data);
         self.to.body.append(bytes, size);
-        return self.to.body.size() <= longest_body ? 0 : 1;
+        return self.to.body.size() <= max_body ? 0 : 1;
     }
 
-    // Stops the parser, so that bytes behind the answer are noticed.
+    // Stops the parser, so that `feed` can see the bytes that follow the answer.
     static int take_end(http_parser *from)
     {
         static_cast<reception *>(from->data)->is_complete = true;
@@ -99,7 +115,7 @@ struct connection::reception {
         return 0;
     }
 
-    // False when the bytes are no HTTP. No bytes mean the end of the connection.
+    // Returns false if the bytes are not HTTP or the body is too large. A size of 0 means the end of the connection.
     bool feed(const char *bytes, size_t size)
     {
         static const http_parser_settings callbacks = [] {
@@ -144,28 +160,29 @@ void connection::close()
     eventfd_read(cancelled_, &count);
 }
 
-void connection::fail(const std::string &why) const
+void connection::fail(const base::result &reason) const
 {
-    throw failure{ending::unreachable, "no answer from l2fibd at " + base::visible(path_) + ": " + why};
+    throw failure(exit_status::unreachable, "no answer from l2fibd at " + base::visible(path_) + ": " + reason.text);
 }
 
-std::string connection::silence() const
+base::result connection::silence() const
 {
-    return "nothing arrived for " + std::to_string(timeout_.count()) + " seconds";
+    return base::failure(ETIMEDOUT, "nothing arrived for " + std::to_string(timeout_.count())
+                                        + " seconds; --timeout sets a longer wait");
 }
 
-// False when `at_most` has passed. Without a socket this only waits.
-bool connection::wait(int socket, short events, std::chrono::milliseconds at_most)
+// Returns false after `max_wait`. A socket of -1 makes this a plain wait that `cancel` can end.
+bool connection::wait(int socket, short events, std::chrono::milliseconds max_wait)
 {
     pollfd waits[] = {{cancelled_, POLLIN, 0}, {socket, events, 0}};
-    poll(waits, 2, static_cast<int>(at_most.count()));
+    poll(waits, std::size(waits), static_cast<int>(max_wait.count()));
     if (waits[0].revents != 0) {
-        throw failure{ending::cut, "the request was cancelled"};
+        throw failure(exit_status::cut, "the request was cancelled");
     }
     return waits[1].revents != 0;
 }
 
-// False when nothing arrived for the whole time-out.
+// Returns false if nothing arrived for the whole time-out.
 bool connection::wait_or_silent(short events)
 {
     while (!wait(socket_, events, idle_period)) {
@@ -186,11 +203,11 @@ void connection::open()
     socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     last_arrival_ = clock::now();
     while (connect(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
-        // EAGAIN: the daemon has not accepted the connections before this one.
+        // EAGAIN: the backlog of the daemon's socket is full.
         if (errno != EAGAIN && errno != EINTR) {
-            const std::string why = error_string(errno);
+            const std::string reason = error_string(errno);
             close();
-            fail(why);
+            fail(base::failure(ENOTCONN, reason + "; expected a running l2fibd (--socket names another socket)"));
         }
         if (clock::now() - last_arrival_ > timeout_) {
             close();
@@ -200,7 +217,7 @@ void connection::open()
     }
 }
 
-// If the daemon hung up, `receive` finds what it sent before.
+// Returns also if the daemon closed the connection, because `receive` reads what the daemon sent before that.
 void connection::send_text(std::string_view text)
 {
     while (!text.empty()) {
@@ -217,61 +234,68 @@ void connection::send_text(std::string_view text)
     }
 }
 
-// Returns false when the connection ended before the first byte of an answer. An answer whose status has arrived, but
-// not its end, gets the reason in `cut`.
-bool connection::receive(reception &of)
+// Waits for bytes and feeds them. A failure means that no more bytes of the answer can come.
+base::result connection::receive_piece(reception &arriving)
 {
-    std::string why;
-    while (!of.is_complete && why.empty()) {
-        if (!wait_or_silent(POLLIN)) {
-            why = silence();
-            break;
-        }
-        const ssize_t got = recv(socket_, buffer_.data(), buffer_.size(), 0);
-        if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
-            continue;
-        }
-        last_arrival_ = clock::now();
-        if (!of.feed(buffer_.data(), got > 0 ? static_cast<size_t>(got) : 0)) {
-            why = got > 0 ? "what arrived is no HTTP" : ended_early;
-        } else if (got <= 0 && !of.is_complete) {
-            why = ended_early;
-        }
+    if (!wait_or_silent(POLLIN)) {
+        return silence();
     }
-    of.to.status = of.parser.status_code;
-    if (!why.empty() && of.to.status == 0 && (of.has_bytes || why != ended_early)) {
-        fail(why);
+    const ssize_t got = recv(socket_, buffer_.data(), buffer_.size(), 0);
+    if (got < 0 && (errno == EAGAIN || errno == EINTR)) {
+        return base::success();
     }
-    of.to.cut = why;
-    return why.empty() || of.has_bytes;
+    last_arrival_ = clock::now();
+    const bool is_http = arriving.feed(buffer_.data(), got > 0 ? static_cast<size_t>(got) : 0);
+    if (got > 0) {
+        return is_http ? base::success() : rejected_by(arriving.parser);
+    }
+    return arriving.is_complete ? base::success() : closed_early();
 }
 
+// Returns false if the daemon closed the connection before the first byte of an answer. Throws a failure for every
+// other error before the status arrived. After that, an error becomes the answer's `received`.
+bool connection::receive(reception &arriving)
+{
+    base::result received;
+    while (!arriving.is_complete && received.ok()) {
+        received = receive_piece(arriving);
+    }
+    const bool is_unanswered = received.code == ECONNRESET && !arriving.has_bytes;
+    arriving.to.status = arriving.parser.status_code;
+    if (!received.ok() && !is_unanswered && arriving.to.status == 0) {
+        fail(received);
+    }
+    arriving.to.received = received;
+    return !is_unanswered;
+}
+
+// Sends one request and receives its answer. Returns false as `receive` does.
 bool connection::exchange(const std::string &text, answer &to)
 {
     to.status = 0;
     to.body.clear();
     to.completeness.clear();
-    to.cut.clear();
-    reception now(to);
+    to.received = base::success();
+    reception arriving(to);
     last_arrival_ = clock::now();
     send_text(text);
-    const bool has_answer = receive(now);
-    if (!has_answer || !to.cut.empty() || now.has_more || http_should_keep_alive(&now.parser) == 0) {
+    const bool has_answer = receive(arriving);
+    if (!has_answer || !to.received.ok() || arriving.has_more || http_should_keep_alive(&arriving.parser) == 0) {
         close();
     }
     return has_answer;
 }
 
-void connection::perform(const request &what, answer &to, const idle_task &while_waiting)
+void connection::perform(const request &asked, answer &to, const idle_task &while_waiting)
 {
     while_waiting_ = &while_waiting;
-    const std::string text = request_text(what);
+    const std::string text = request_text(asked);
     if (socket_ >= 0 && exchange(text, to)) {
         return;
     }
     open();
     if (!exchange(text, to)) {
-        fail(ended_early);
+        fail(closed_early());
     }
 }
 

@@ -2,10 +2,14 @@
 
 // Requests to the daemon over its Unix socket.
 //
-// The connection is kept between requests. The daemon closes connections that are idle for some seconds, so a request
-// on a kept connection that ends without a byte of answer is sent once more, on a new one.
+//      connection daemon("/run/l2fibd.sock", std::chrono::seconds(60));
+//      answer received;
+//      daemon.perform({"/restconf/data/l2fib-mac:health"}, received, {});
 //
-// Threads: one thread at a time performs a request. `cancel` is for any thread.
+// The connection stays open between requests. The daemon closes a connection that is idle for some seconds. So if a
+// request on an open connection ends without one byte of an answer, it is sent again on a new connection.
+//
+// Threads: one thread at a time performs a request or closes. Any thread may call `cancel`.
 #pragma once
 
 #include <chrono>
@@ -14,10 +18,12 @@
 #include <string_view>
 #include <vector>
 
+#include "base/result.h"
+
 namespace l2fibctl {
 
 struct request {
-    std::string path; // of the URI, with its query, encoded
+    std::string path; // of the URI, encoded, with its query
     bool is_operation = false;
     std::string body = {}; // of an operation
 };
@@ -25,28 +31,28 @@ struct request {
 struct answer {
     unsigned status = 0;
     std::string body = {};
-    std::string completeness = {}; // the header's word; empty when there is no such header
-    std::string cut = {};          // why the body ended early; empty when all of it is here
+    std::string completeness = {}; // the header's word; empty if the answer has no such header
+    base::result received = {};    // a failure has the reason why the body is not complete
 };
 
 class connection {
 public:
-    // Called several times a second while a request waits.
+    // Runs several times a second while a request waits.
     using idle_task = std::function<void()>;
 
-    // Gives up when nothing arrives for `timeout`.
+    // Requests fail if nothing arrives for `timeout`.
     connection(std::string socket_path, std::chrono::seconds timeout);
     ~connection();
     connection(const connection &) = delete;
     connection &operator=(const connection &) = delete;
 
-    // Receives the whole answer into `to`, whose memory is used again. Throws a failure when there is no status line.
-    void perform(const request &what, answer &to, const idle_task &while_waiting);
+    // Replaces `to` by the answer and uses its memory again. Throws a failure if no status line arrives.
+    void perform(const request &asked, answer &to, const idle_task &while_waiting);
 
-    // Makes `perform` throw soon, in whichever thread it runs.
+    // Makes a `perform` in another thread throw within `idle_period` of http.cpp.
     void cancel();
 
-    // Ends the connection and takes back `cancel`. The next request opens a new one.
+    // Closes the connection and takes back a `cancel`. The next request opens a new connection.
     void close();
 
 private:
@@ -55,16 +61,17 @@ private:
     void open();
     bool exchange(const std::string &text, answer &to);
     void send_text(std::string_view text);
-    bool receive(reception &of);
-    bool wait(int socket, short events, std::chrono::milliseconds at_most);
+    bool receive(reception &arriving);
+    base::result receive_piece(reception &arriving);
+    bool wait(int socket, short events, std::chrono::milliseconds max_wait);
     bool wait_or_silent(short events);
-    [[noreturn]] void fail(const std::string &why) const;
-    std::string silence() const;
+    [[noreturn]] void fail(const base::result &reason) const;
+    base::result silence() const;
 
     std::string path_;
     std::chrono::seconds timeout_;
     int socket_ = -1;
-    int cancelled_; // an event that `cancel` raises
+    int cancelled_; // an eventfd that `cancel` raises
     std::chrono::steady_clock::time_point last_arrival_ = {};
     const idle_task *while_waiting_ = nullptr;
     std::vector<char> buffer_;

@@ -14,6 +14,10 @@ namespace {
 
 using simdjson::dom::element_type;
 
+constexpr size_t max_number_length = 32; // the longest number, a double, needs 24 characters
+constexpr int in_one_line = -1;          // nlohmann's indentation
+
+// Returns whether JSON can hold the character without an escape.
 bool is_plain(char c)
 {
     return c >= ' ' && c < '\x7f' && c != '"' && c != '\\';
@@ -22,7 +26,7 @@ bool is_plain(char c)
 template <typename Number>
 void put_number(std::string &to, Number number)
 {
-    char digits[32];
+    char digits[max_number_length];
     to.append(digits, std::to_chars(digits, digits + sizeof(digits), number).ptr);
 }
 
@@ -54,7 +58,9 @@ void put_object(std::string &to, const simdjson::dom::object &members)
 
 void fail_damaged()
 {
-    throw failure{ending::cut, "the daemon's answer is damaged: it is not the JSON that the API promises"};
+    throw failure(
+        exit_status::cut,
+        "the daemon's answer is damaged: expected the JSON of the API; compare the versions of l2fibd and l2fibctl");
 }
 
 std::optional<json_value> find(const json_value &object, std::string_view member)
@@ -90,7 +96,7 @@ void put_text(std::string &to, std::string_view text)
         to.append(1, '"').append(text).append(1, '"');
     } else {
         using nlohmann::json;
-        to += json(text).dump(-1, ' ', true, json::error_handler_t::replace);
+        to += json(text).dump(in_one_line, ' ', true, json::error_handler_t::replace);
     }
 }
 

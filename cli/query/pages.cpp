@@ -12,13 +12,16 @@ namespace l2fibctl {
 
 namespace {
 
-constexpr uint64_t first_page_items = 1'000; // soon there, so that printing begins while the next page comes
-constexpr uint64_t page_items = 10'000;
+constexpr uint64_t first_page_items = 1'000; // arrives soon, so printing begins while the next page is on its way
+constexpr uint64_t page_items = 10'000;      // few requests for a large table, and only megabytes of memory for a page
 constexpr unsigned first_error_status = 400;
-constexpr unsigned not_found = 404;
+constexpr unsigned not_found_status = 404;
 constexpr auto tick_period = std::chrono::milliseconds(100);
-constexpr char module_name[] = "l2fib-mac:";
-constexpr char cut_prefix[] = "the answer was cut: ";
+constexpr char module_prefix[] = "l2fib-mac:"; // of the names of members
+constexpr char completeness_member[] = "l2fib-mac:completeness";
+constexpr char reason_member[] = "l2fib-mac:completeness-reason";
+constexpr char cursor_member[] = "l2fib-mac:next-cursor";
+constexpr char unknown_instance_tag[] = "invalid-value";
 
 // ---- Errors of the daemon ----
 
@@ -32,7 +35,7 @@ std::vector<json_value> errors_in(const json_value &root)
     return found;
 }
 
-// The text of a member; nothing when it has none.
+// Returns the text of the member, or an empty text if there is none.
 std::string lenient_text_of(const json_value &error, std::string_view member)
 {
     const auto found = find(error, member);
@@ -40,7 +43,7 @@ std::string lenient_text_of(const json_value &error, std::string_view member)
     return found && found->get(text) == simdjson::SUCCESS ? std::string(text) : "";
 }
 
-// A line for each error; nothing when there is none.
+// Returns one line for each error that has a message.
 std::string messages_of(const std::vector<json_value> &errors)
 {
     std::string lines;
@@ -53,35 +56,44 @@ std::string messages_of(const std::vector<json_value> &errors)
     return lines;
 }
 
-// That an item of the table does not exist is an answer; that the daemon does not know a resource is not.
+// Two answers have the status 404. The tag invalid-value means that an item, such as a port, does not exist: the
+// command found nothing. Every other tag means that the daemon does not know the resource: it refused the request.
 failure failure_of(unsigned status, const std::vector<json_value> &errors)
 {
-    const bool unknown = !errors.empty() && lenient_text_of(errors.front(), "error-tag") == "invalid-value";
+    const bool is_missing = status == not_found_status && !errors.empty()
+                            && lenient_text_of(errors.front(), "error-tag") == unknown_instance_tag;
     const std::string messages = messages_of(errors);
-    return {status == not_found && unknown ? ending::nothing_found : ending::refused,
-            messages.empty() ? "the daemon answered with the HTTP status " + std::to_string(status) : messages};
+    return {is_missing ? exit_status::nothing_found : exit_status::refused,
+            messages.empty() ? "the daemon answered with HTTP status " + std::to_string(status)
+                                   + " and no message; its log may have the reason"
+                             : messages};
+}
+
+failure cut_by(const std::string &reason)
+{
+    return {exit_status::cut, "the answer was cut: " + reason};
 }
 
 // ---- Reading a page ----
 
-// Nothing when the body is no JSON.
-std::optional<json_value> parse_body(page &of)
+// Returns nothing if the body is not JSON.
+std::optional<json_value> parse_body(page &received)
 {
-    std::string &body = of.raw.body;
-    body.reserve(body.size() + simdjson::SIMDJSON_PADDING); // spares the parser a copy
+    std::string &body = received.raw.body;
+    body.reserve(body.size() + simdjson::SIMDJSON_PADDING); // without this the parser copies the body
     json_value root;
-    return of.parser.parse(body).get(root) == simdjson::SUCCESS ? std::optional(root) : std::nullopt;
+    return received.parser.parse(body).get(root) == simdjson::SUCCESS ? std::optional(root) : std::nullopt;
 }
 
 void read_mark(const json_value &root, page &to)
 {
-    to.completeness.add({completeness_of(lenient_text_of(root, "l2fib-mac:completeness")),
-                         lenient_text_of(root, "l2fib-mac:completeness-reason")});
+    to.completeness.add(
+        {completeness_of(lenient_text_of(root, completeness_member)), lenient_text_of(root, reason_member)});
 }
 
 void read_items(const json_value &root, std::string_view name, page &to)
 {
-    const auto list = find(root, module_name + std::string(name));
+    const auto list = find(root, module_prefix + std::string(name));
     if (!list) {
         fail_damaged();
     }
@@ -94,20 +106,24 @@ void read_items(const json_value &root, std::string_view name, page &to)
     if (!std::ranges::all_of(to.items, &json_value::is_object)) {
         fail_damaged();
     }
-    to.next_cursor = text_of(root, "l2fib-mac:next-cursor");
+    to.next_cursor = text_of(root, cursor_member);
 }
 
-// If the forwarding plane ended in the middle, the daemon sends the items so far and an error, but not the last brace.
+// Reads a body whose end is missing. If a list failed in the daemon, the body lacks only its last brace:
+//
+//      {"l2fib-mac:port": [ items ], "ietf-restconf:errors": {"error": [...]}
+//
+// Its items are printed, and the daemon's message is the reason. Every other incomplete body is discarded.
 void read_cut(std::string_view name, page &to)
 {
-    to.problem = {ending::cut, cut_prefix + to.raw.cut};
+    to.problem = cut_by(to.raw.received.text);
     to.raw.body += '}';
     const auto root = parse_body(to);
     const std::string messages = root ? messages_of(errors_in(*root)) : "";
     if (!messages.empty()) {
         read_mark(*root, to);
         read_items(*root, name, to);
-        to.problem = {ending::cut, cut_prefix + messages};
+        to.problem = cut_by(messages);
     }
 }
 
@@ -132,7 +148,7 @@ void read_success(std::string_view name, page &to)
 
 void read_page(std::string_view name, page &to)
 {
-    if (!to.raw.cut.empty()) {
+    if (!to.raw.received.ok()) {
         read_cut(name, to);
     } else if (to.raw.status >= first_error_status) {
         read_error(to);
@@ -143,60 +159,69 @@ void read_page(std::string_view name, page &to)
 
 } // namespace
 
-void fetch(connection &from, const request &what, std::string_view name, page &to,
+void fetch(connection &daemon, const request &asked, std::string_view name, page &to,
            const connection::idle_task &while_waiting)
 {
     to.items.clear();
     to.next_cursor.clear();
     to.problem.reset();
-    from.perform(what, to.raw, while_waiting);
+    daemon.perform(asked, to.raw, while_waiting);
     to.completeness = {completeness_of(to.raw.completeness)};
     read_page(name, to);
 }
 
-page_reader::page_reader(session &with, const list_request &what, uint64_t most_items)
-    : with_(with)
-    , what_(what)
-    , left_(most_items)
+page_reader::page_reader(query_session &session, const list_request &list, uint64_t max_items)
+    : session_(session)
+    , list_(list)
+    , left_(max_items)
 {}
 
 page_reader::~page_reader()
 {
     if (ahead_.valid()) {
-        with_.daemon.cancel();
+        session_.daemon.cancel();
         ahead_.wait();
-        with_.daemon.close();
+        session_.daemon.close();
     }
 }
 
 request page_reader::request_for(const std::string &cursor) const
 {
-    if (!what_.has_pages) {
-        return {what_.path};
+    if (!list_.has_pages) {
+        return {list_.path};
     }
     const std::string limit = std::to_string(std::min(left_, cursor.empty() ? first_page_items : page_items));
-    return {with_parameter(with_parameter(what_.path, "limit", limit), "cursor", cursor)};
+    return {with_parameter(with_parameter(list_.path, "limit", limit), "cursor", cursor)};
 }
 
 void page_reader::fetch_first()
 {
-    fetch(with_.daemon, request_for({}), what_.name, pages_[shown_], [this] { with_.progress_line.tick(); });
+    fetch(session_.daemon, request_for({}), list_.name, current(), [this] { session_.progress_line.tick(); });
 }
 
+// Starts the second thread, which fills the page that the caller does not have.
+void page_reader::fetch_ahead(const std::string &cursor)
+{
+    ahead_ = std::async(std::launch::async, [this, &ahead = pages_[1 - current_], asked = request_for(cursor)] {
+        fetch(session_.daemon, asked, list_.name, ahead, {});
+    });
+}
+
+// Waits for the second thread. Scripts may assume that nothing was printed unless the status is 0, 5 or 6. So after the
+// first page every problem becomes a cut answer.
 void page_reader::await_next()
 {
     while (ahead_.wait_for(tick_period) != std::future_status::ready) {
-        with_.progress_line.tick();
+        session_.progress_line.tick();
     }
     try {
         ahead_.get();
     } catch (const failure &error) {
-        pages_[shown_].items.clear();
-        pages_[shown_].problem = error;
+        current().items.clear();
+        current().problem = error;
     }
-    // Scripts take every other status for an answer of which nothing was printed.
-    if (auto &problem = pages_[shown_].problem; problem && problem->how != ending::cut) {
-        problem = {ending::cut, cut_prefix + problem->message};
+    if (auto &problem = current().problem; problem && problem->status != exit_status::cut) {
+        problem = cut_by(problem->what());
     }
 }
 
@@ -205,23 +230,20 @@ const page *page_reader::next()
     if (!is_first_ && !ahead_.valid()) {
         return nullptr;
     }
-    shown_ = 1 - shown_;
+    current_ = 1 - current_;
     if (std::exchange(is_first_, false)) {
         fetch_first();
     } else {
         await_next();
     }
-    page &now = pages_[shown_];
-    with_.worst.add(now.completeness);
-    with_.progress_line.count_items(now.items.size());
-    left_ -= std::min<uint64_t>(left_, now.items.size());
-    if (!now.next_cursor.empty() && !now.problem && left_ > 0) {
-        page &ahead = pages_[1 - shown_];
-        ahead_ = std::async(std::launch::async, [this, &ahead, following = request_for(now.next_cursor)] {
-            fetch(with_.daemon, following, what_.name, ahead, {});
-        });
+    const page &received = current();
+    session_.worst.add(received.completeness);
+    session_.progress_line.count_items(received.items.size());
+    left_ -= std::min<uint64_t>(left_, received.items.size());
+    if (!received.next_cursor.empty() && !received.problem && left_ > 0) {
+        fetch_ahead(received.next_cursor);
     }
-    return &now;
+    return &received;
 }
 
 std::string with_parameter(std::string path, std::string_view name, const std::string &value)

@@ -18,9 +18,10 @@ std::string data_path(std::string_view resource_path)
     return std::string("/restconf/data/l2fib-mac:").append(resource_path);
 }
 
-std::string list_path(const resource &of)
+// The path of a list in its container, such as "ports/port".
+std::string list_path(const resource &listed)
 {
-    const std::string name(of.name);
+    const std::string name(listed.name);
     return data_path(name + "s/" + name);
 }
 
@@ -34,94 +35,103 @@ std::string port_path(uint64_t xcid)
     return data_path("ports/port=" + std::to_string(xcid));
 }
 
-std::string with_flagged(std::string path, const options &how)
+std::string with_flagged(std::string path, const client_options &options)
 {
-    return with_parameter(std::move(path), "flagged", how.flagged ? "true" : "");
+    return with_parameter(std::move(path), "flagged", options.flagged ? "true" : "");
 }
 
 // ---- Plans ----
 
-plan plan_mac_of_ports(session &with)
+query_plan plan_mac_of_ports(query_session &session)
 {
-    plan made = {{}, {.address = with.how.address, .vtep = with.how.vtep}};
-    for (const named_port &port : find_ports(with)) {
-        made.parts.push_back({with_flagged(port_path(port.xcid) + "/mac-entry", with.how)});
+    query_plan made = {{}, {.address = session.options.address, .vtep = session.options.vtep}};
+    for (const named_port &port : find_ports(session)) {
+        made.queries.push_back({with_flagged(port_path(port.xcid) + "/mac-entry", session.options)});
     }
     return made;
 }
 
-// All that the operator asked for, of a resource that picks nothing itself.
-item_filter whole_filter(session &with)
+// The filter for a resource that has no parameters for domain, port, address and tunnel end point.
+item_filter whole_filter(query_session &session)
 {
-    const options &how = with.how;
-    item_filter made = {how.domain, {}, how.address, how.vtep};
-    if (!how.port.empty()) {
-        for (const named_port &port : find_ports(with)) {
+    const client_options &options = session.options;
+    item_filter made = {options.domain, {}, options.address, options.vtep};
+    if (!options.port.empty()) {
+        for (const named_port &port : find_ports(session)) {
             made.xcids.insert(port.xcid);
         }
     }
     return made;
 }
 
-plan plan_sorted(session &with)
+query_plan plan_sorted(query_session &session)
 {
-    const std::string order_word = with.how.sorted_by == order::created ? "created" : "last-seen";
-    return {{{with_parameter(data_path("mac-aging/mac-entry"), "sort", order_word)}}, whole_filter(with)};
+    const std::string order_word = session.options.sorted_by == order::created ? created_word : last_seen_word;
+    return {{{with_parameter(data_path("mac-aging/mac-entry"), "sort", order_word)}}, whole_filter(session)};
 }
 
-plan plan_mac(session &with)
+query_plan plan_mac(query_session &session)
 {
-    const options &how = with.how;
-    if (!how.port.empty()) {
-        return plan_mac_of_ports(with);
+    const client_options &options = session.options;
+    if (!options.port.empty()) {
+        return plan_mac_of_ports(session);
     }
-    if (!how.domain.empty() && !how.address.empty() && how.vtep.empty() && !how.flagged) {
-        return {{{domain_path(how.domain) + "/mac-entry=" + how.address, "", false}}};
+    if (!options.domain.empty() && !options.address.empty() && options.vtep.empty() && !options.flagged) {
+        return {{{.path = domain_path(options.domain) + "/mac-entry=" + options.address, .has_pages = false}}};
     }
-    std::string path = how.domain.empty() ? data_path("mac-table/mac-entry") : domain_path(how.domain) + "/mac-entry";
-    path = with_parameter(std::move(path), "mac", how.address);
-    path = with_parameter(std::move(path), "vtep", how.vtep);
-    return {{{with_flagged(std::move(path), how)}}};
+    std::string path =
+        options.domain.empty() ? data_path("mac-table/mac-entry") : domain_path(options.domain) + "/mac-entry";
+    path = with_parameter(std::move(path), "mac", options.address);
+    path = with_parameter(std::move(path), "vtep", options.vtep);
+    return {{{with_flagged(std::move(path), options)}}};
 }
 
-plan plan_count(session &with)
+query_plan plan_count(query_session &session)
 {
-    const options &how = with.how;
-    if (!how.domain.empty()) {
-        return {{{domain_path(how.domain) + "/mac-count", how.domain, false}}};
+    const client_options &options = session.options;
+    if (!options.domain.empty()) {
+        return {{{domain_path(options.domain) + "/mac-count", options.domain, false}}};
     }
-    if (how.port.empty()) {
+    if (options.port.empty()) {
         return {{{data_path("mac-count"), "all", false}}};
     }
-    plan made;
-    for (const named_port &port : find_ports(with)) {
-        made.parts.push_back({port_path(port.xcid) + "/mac-count", port.name + " in " + port.domain, false});
+    query_plan made;
+    for (const named_port &port : find_ports(session)) {
+        made.queries.push_back({port_path(port.xcid) + "/mac-count", port.name + " in " + port.domain, false});
     }
     return made;
 }
 
-template <const resource &what>
-plan plan_list(session & /*with*/)
+template <const resource &listed>
+query_plan plan_list(query_session & /*session*/)
 {
-    return {{{list_path(what)}}};
+    return {{{list_path(listed)}}};
 }
 
-plan plan_health(session & /*with*/)
+query_plan plan_health(query_session & /*session*/)
 {
-    return {{{data_path("health"), "", false}}};
+    return {{{.path = data_path("health"), .has_pages = false}}};
 }
 
-constexpr planner planners[] = {
-    {&mac_entries, plan_mac, command::show_mac},
-    {&aging_entries, plan_sorted, command::show_mac, order::last_seen},
-    {&mac_entries, plan_sorted, command::show_mac, order::created},
-    {&mac_counts, plan_count, command::show_count},
-    {&domains, plan_list<domains>, command::show_domain},
-    {&ports, plan_list<ports>, command::show_port},
-    {&vteps, plan_list<vteps>, command::show_vtep},
-    {&tunnel_entries, plan_tunnel, command::show_tunnel},
-    {&health, plan_health, command::show_health, order::usual, false},
-    {&traces, plan_list<traces>, command::show_trace, order::usual, false},
+[[noreturn]] void fail_no_port(const client_options &options)
+{
+    const std::string place =
+        options.domain.empty() ? "" : " in the bridge domain \"" + base::visible(options.domain) + "\"";
+    throw failure(exit_status::nothing_found, "no port \"" + base::visible(options.port) + "\"" + place
+                                                  + "; \"l2fibctl show port\" lists the ports");
+}
+
+constexpr view views[] = {
+    {&mac_entries, plan_mac, command_kind::show_mac},
+    {&aging_entries, plan_sorted, command_kind::show_mac, order::last_seen},
+    {&mac_entries, plan_sorted, command_kind::show_mac, order::created},
+    {&mac_counts, plan_count, command_kind::show_count},
+    {&domains, plan_list<domains>, command_kind::show_domain},
+    {&ports, plan_list<ports>, command_kind::show_port},
+    {&vteps, plan_list<vteps>, command_kind::show_vtep},
+    {&tunnel_entries, plan_tunnel, command_kind::show_tunnel},
+    {&health, plan_health, command_kind::show_health, order::usual, false},
+    {&traces, plan_list<traces>, command_kind::show_trace, order::usual, false},
 };
 
 } // namespace
@@ -135,64 +145,63 @@ bool item_filter::accepts(const json_value &item) const
            && (xcids.empty() || xcids.contains(number_of(item, "xcid")));
 }
 
-const planner &planner_of(const options &how)
+const view &view_of(const client_options &options)
 {
     return *std::ranges::find_if(
-        planners, [&](const planner &row) { return row.what == how.what && row.sorted_by == how.sorted_by; });
+        views, [&](const view &row) { return row.command == options.command && row.sorted_by == options.sorted_by; });
 }
 
-plan plan_tunnel(session &with)
+query_plan plan_tunnel(query_session &session)
 {
-    plan made = {{{data_path("tunnel-entries/tunnel-entry")}}, whole_filter(with)};
+    query_plan made = {{{data_path("tunnel-entries/tunnel-entry")}}, whole_filter(session)};
     made.filter.vtep_member = "destination";
     return made;
 }
 
-bool for_each_page(session &with, const list_request &what, uint64_t most_items,
-                   const std::function<bool(const page &now)> &take)
+bool for_each_page(query_session &session, const list_request &list, uint64_t max_items,
+                   const std::function<bool(const page &current)> &take)
 {
-    page_reader pages(with, what, most_items);
-    while (const page *now = pages.next()) {
-        if (!take(*now)) {
+    page_reader pages(session, list, max_items);
+    while (const page *current = pages.next()) {
+        if (!take(*current)) {
             return false;
         }
-        if (now->problem) {
-            throw failure(*now->problem);
+        if (current->problem) {
+            throw failure(*current->problem);
         }
     }
     return true;
 }
 
-void for_each_item(session &with, const resource &of, const std::function<void(const json_value &item)> &take)
+void for_each_item(query_session &session, const resource &listed,
+                   const std::function<void(const json_value &item)> &take)
 {
-    for_each_page(with, {list_path(of), of.name}, UINT64_MAX, [&](const page &now) {
-        std::ranges::for_each(now.items, take);
+    for_each_page(session, {list_path(listed), listed.name}, no_limit, [&](const page &current) {
+        std::ranges::for_each(current.items, take);
         return true;
     });
 }
 
-std::vector<named_port> find_ports(session &with)
+std::vector<named_port> find_ports(query_session &session)
 {
-    const options &how = with.how;
-    const auto number = base::parse_number(how.port, UINT32_MAX);
+    const client_options &options = session.options;
+    const auto number = base::parse_number(options.port, UINT32_MAX);
     std::vector<named_port> by_name;
     std::vector<named_port> by_number;
-    for_each_item(with, ports, [&](const json_value &item) {
+    for_each_item(session, ports, [&](const json_value &item) {
         named_port port = {number_of(item, "xcid"), std::string(text_of(item, "name")),
                            std::string(text_of(item, "domain"))};
-        if (!how.domain.empty() && port.domain != how.domain) {
+        if (!options.domain.empty() && port.domain != options.domain) {
             return;
         }
-        if (port.name == how.port) {
+        if (port.name == options.port) {
             by_name.push_back(std::move(port));
         } else if (number && port.xcid == *number) {
             by_number.push_back(std::move(port));
         }
     });
     if (by_name.empty() && by_number.empty()) {
-        throw failure{ending::nothing_found,
-                      "no port \"" + base::visible(how.port) + "\""
-                          + (how.domain.empty() ? "" : " in the bridge domain \"" + base::visible(how.domain) + "\"")};
+        fail_no_port(options);
     }
     return by_name.empty() ? by_number : by_name;
 }

@@ -1,8 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The requests of each command: which resources it asks for, and which of their items it picks.
+// The plan of each command that shows something: which queries it sends, and which items of the answers it picks.
 //
-// Threads: the main one.
+//      show mac --domain lab:br0           one query: domains/domain=lab:br0/mac-entry
+//      show mac --port eth1                one query for each port with that name: ports/port=4/mac-entry, ...
+//      show mac --aging --domain lab:br0   one query: mac-aging/mac-entry; the client picks the domain's items
+//
+// The room cli/query turns a command into items. This file decides the queries, pages.h sends them and parses the
+// answers, http.h transports them, json.h reads their JSON, and resources.h describes their items.
+//
+// Threads: the main thread only.
 #pragma once
 
 #include <functional>
@@ -16,50 +23,51 @@
 
 namespace l2fibctl {
 
-// One request of a command. `scope` tells counts apart.
-struct part {
+struct query {
     std::string path;
-    std::string scope = {};
+    std::string scope = {}; // the value of `scope_member`; empty: the items have no such member
     bool has_pages = true;
 };
 
-// What the client picks itself, where the daemon's resource takes no such parameter.
+// Picks items where the daemon's resource has no parameter for it. An empty member accepts everything.
 struct item_filter {
     std::string domain = {};
     std::set<uint64_t> xcids = {};
     std::string address = {};
     std::string vtep = {};
-    std::string_view vtep_member = "vtep";
+    std::string_view vtep_member = "vtep"; // the item's member that `vtep` is compared with
 
     bool empty() const { return domain.empty() && xcids.empty() && address.empty() && vtep.empty(); }
     bool accepts(const json_value &item) const;
 };
 
-struct plan {
-    std::vector<part> parts;
+struct query_plan {
+    std::vector<query> queries;
     item_filter filter = {};
 };
 
-// What a command shows, and how it finds out what to ask for.
-struct planner {
+// What one command shows.
+struct view {
     const resource *shown;
-    plan (*make)(session &with);
-    command what;
+    query_plan (*make_plan)(query_session &session); // throws a failure if no plan is possible
+    command_kind command;
     order sorted_by = order::usual;
-    bool takes_mark = true; // false: an answer that is not whole ends like any other
+    bool heeds_mark = true; // false: the daemon's mark changes neither output nor exit status
 };
 
-// Of a command that shows something.
-const planner &planner_of(const options &how);
+// `options` must have a command that shows something.
+const view &view_of(const client_options &options);
 
-plan plan_tunnel(session &with);
+query_plan plan_tunnel(query_session &session);
 
-// Hands over the pages of one resource until `take` returns false; false then. Throws a page's problem after `take`.
-bool for_each_page(session &with, const list_request &what, uint64_t most_items,
-                   const std::function<bool(const page &now)> &take);
+// Passes each page to `take` until that returns false; then returns false. Throws a page's problem after `take` had the
+// page.
+bool for_each_page(query_session &session, const list_request &list, uint64_t max_items,
+                   const std::function<bool(const page &current)> &take);
 
-// Hands over all items of `domains` or `ports`.
-void for_each_item(session &with, const resource &of, const std::function<void(const json_value &item)> &take);
+// Passes all items of `domains` or `ports` to `take`.
+void for_each_item(query_session &session, const resource &listed,
+                   const std::function<void(const json_value &item)> &take);
 
 struct named_port {
     uint64_t xcid;
@@ -67,8 +75,8 @@ struct named_port {
     std::string domain;
 };
 
-// The ports of --port and --domain. A name may stand for several ports, one for each VLAN of the interface. A number is
-// an xcid unless a port has it as its name. Throws a failure when there is none.
-std::vector<named_port> find_ports(session &with);
+// Returns the ports that --port and --domain name. One name means several ports if the interface is a port of several
+// VLANs. A number means the xcid unless a port has that number as its name. Throws a failure if there is no such port.
+std::vector<named_port> find_ports(query_session &session);
 
 } // namespace l2fibctl

@@ -13,6 +13,8 @@ namespace {
 
 using simdjson::dom::element_type;
 
+constexpr std::string_view unlimited_text = "18446744073709551615"; // the API's number for a pool without a limit
+
 bool is_printable(char c)
 {
     return c >= ' ' && c < '\x7f';
@@ -23,7 +25,7 @@ void add_string(std::string &to, std::string_view text)
     if (text.empty()) {
         to += '-';
     } else if (std::ranges::all_of(text, is_printable)) {
-        to += text; // the usual case, and quick
+        to += text; // fast path for nearly all texts
     } else {
         to += base::visible(text);
     }
@@ -58,7 +60,7 @@ void add_two_digits(std::string &to, uint64_t number)
     to += static_cast<char>('0' + number % 10);
 }
 
-// Hours, minutes and seconds; from a day on, days and hours.
+// 45296 seconds become "12:34:56", 93784 seconds (more than a day) become "1d02h".
 void add_age(std::string &to, const json_value &value)
 {
     constexpr uint64_t minute = 60;
@@ -83,7 +85,7 @@ void add_age(std::string &to, const json_value &value)
 void add_limit(std::string &to, const json_value &value)
 {
     const auto text = value.get_string();
-    if (text.error() == simdjson::SUCCESS && text.value_unsafe() == "18446744073709551615") {
+    if (text.error() == simdjson::SUCCESS && text.value_unsafe() == unlimited_text) {
         to += "none";
     } else {
         add_text(to, value);
@@ -91,7 +93,7 @@ void add_limit(std::string &to, const json_value &value)
 }
 
 constexpr column_kind name_kind = {22, false, add_text};
-constexpr column_kind port_kind = {15, false, add_text}; // as long as an interface's name may be
+constexpr column_kind port_kind = {15, false, add_text}; // the kernel's maximum for an interface's name
 constexpr column_kind mac_kind = {17, false, add_text};
 constexpr column_kind ipv4_kind = {15, false, add_text};
 constexpr column_kind ip_kind = {39, false, add_text};
@@ -102,7 +104,7 @@ constexpr column_kind vlan_kind = {5, true, add_text};
 constexpr column_kind vni_kind = {8, true, add_text};
 constexpr column_kind number_kind = {9, true, add_text};
 constexpr column_kind limit_kind = {9, true, add_limit};
-constexpr column_kind rest_kind = {0, false, add_text}; // of last columns
+constexpr column_kind rest_kind = {0, false, add_text}; // for the last column, which needs no padding
 constexpr const column_kind *json_only = &rest_kind;
 
 constexpr column mac_entry_columns[] = {
@@ -116,7 +118,7 @@ constexpr column mac_entry_columns[] = {
     {"flags", "Flags", &rest_kind},
 };
 
-// The columns with one more behind that of `member`.
+// Returns the columns with `more` inserted behind the column of `member`.
 template <size_t count>
 constexpr std::array<column, count + 1> insert_behind(const column (&columns)[count], std::string_view member,
                                                       const column &more)
@@ -254,7 +256,7 @@ constexpr column health_columns[] = {
     {"requests", "Requests", &rest_kind, &requests},
 };
 
-static_assert(std::size(health_columns) <= most_columns && std::size(aging_entry_columns) <= most_columns);
+static_assert(std::size(health_columns) <= max_columns && std::size(aging_entry_columns) <= max_columns);
 
 } // namespace
 

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// What the API's items consist of, and how each member is shown: the one table behind text and JSON.
+// The resources of the API: the members of each item, and how text shows each member.
 //
-// A column with a title is shown in tables of text; JSON has every column. A member that an item lacks is "-" in a
-// row, and left out of JSON and of records.
+// Text and JSON both come from these tables. JSON has every column, text only the columns with a title. If an item has
+// no such member, a row shows "-"; JSON and records leave the member out.
+//
+// To show a new member of the API, add a column to its resource in resources.cpp.
 #pragma once
 
 #include <span>
@@ -14,10 +16,10 @@
 
 namespace l2fibctl {
 
-// Widths belong to the kind and not to the values, so that rows line up although each is printed when its page arrives.
+// The width belongs to the kind and not to the values: rows are printed before the values of later pages are known.
 struct column_kind {
-    unsigned width;
-    bool right;                                               // aligned
+    unsigned width; // in characters; a longer value shifts the rest of its row
+    bool is_right_aligned;
     void (*format)(std::string &to, const json_value &value); // appends
 };
 
@@ -25,26 +27,26 @@ struct resource;
 
 struct column {
     std::string_view member;
-    std::string_view title;     // empty: JSON only
-    const column_kind *kind;    // how a value is shown
-    const resource *parts = {}; // of values that are objects, or arrays of objects
+    std::string_view title; // empty: JSON only
+    const column_kind *kind;
+    const resource *parts = {}; // the columns of a value that is an object or an array of objects
 };
 
-inline constexpr size_t most_columns = 40; // of a resource
+inline constexpr size_t max_columns = 40; // of a resource
 
 enum class layout {
-    table,  // an item is a row below titles; JSON has an array
-    record, // an item is a line per member; JSON has the object alone
+    table,  // text has a row per item below the titles; JSON has an array
+    record, // text has a line per member; JSON has the object alone
 };
 
 struct resource {
-    std::string_view name; // the last part of its path, and of the answer's member
+    std::string_view name; // the last element of its path; "l2fib-mac:" and this is the member of the answer
     layout shown_as;
     std::span<const column> columns;
 };
 
 extern const resource mac_entries;
-extern const resource aging_entries; // MAC entries in the order of their time last seen
+extern const resource aging_entries; // MAC entries by the time last seen
 extern const resource mac_counts;
 extern const resource domains;
 extern const resource ports;
@@ -53,7 +55,7 @@ extern const resource tunnel_entries;
 extern const resource health;
 extern const resource traces;
 
-// Adds a member for `mac_counts`: which part of the table a count is of.
+// The client adds this member to each of `mac_counts`. It names the part of the table that the count covers.
 inline constexpr std::string_view scope_member = "scope";
 
 } // namespace l2fibctl

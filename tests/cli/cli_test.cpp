@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The client without the daemon: how it shows items, and how it ends on each kind of answer.
+// The client without l2fibd: what it prints for each kind of item, and how it exits on each kind of answer.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -27,14 +27,14 @@ namespace {
 using nlohmann::json;
 using strings = std::vector<std::string>;
 
-// Parsed values live as long as their parser, which is kept until the process ends.
+// A parsed value lives as long as its parser, so every parser is kept until the process ends.
 json_value parsed(const std::string &text)
 {
     static std::deque<simdjson::dom::parser> parsers;
     return parsers.emplace_back().parse(text).value();
 }
 
-TEST(Visible, KeepsTextAndEscapesTheRest)
+TEST(Visible, EscapesOnlyHarmfulCharacters)
 {
     const struct {
         std::string text;
@@ -59,16 +59,16 @@ TEST(Visible, KeepsTextAndEscapesTheRest)
     EXPECT_EQ(base::width_of("a\xc3\x9f\xf0\x9f\x8c\x90"), 3u);
 }
 
-std::string print(form shown_as, const resource &what, const std::vector<json> &items)
+std::string print(form shown_as, const resource &printed, const std::vector<json> &items)
 {
     testing::internal::CaptureStdout();
     progress line;
     output out(line, false);
-    printer to(shown_as, what, out);
+    item_printer printer(shown_as, printed, out);
     for (const json &item : items) {
-        to.item(parsed(item.dump()));
+        printer.item(parsed(item.dump()));
     }
-    to.end();
+    printer.end();
     return testing::internal::GetCapturedStdout();
 }
 
@@ -77,7 +77,7 @@ const json learned = json::parse(R"({"domain":"h:br0","mac-address":"02:00:00:00
 const json own = json::parse(R"({"domain":"h:a-name-that-is-too-long","mac-address":"02:00:00:00:00:02","bridge-id":1,
     "origin":"local","flags":["local","bridge-own"],"age":12})");
 
-TEST(Printer, TextLinesUpFromTheFirstRowOn)
+TEST(Printer, AlignsTextFromTheFirstRow)
 {
     EXPECT_EQ(
         print(form::text, mac_entries, {learned, own}),
@@ -90,7 +90,7 @@ TEST(Printer, TextLinesUpFromTheFirstRowOn)
     EXPECT_EQ(print(form::text, mac_entries, {}), "");
 }
 
-TEST(Printer, JsonHasEveryMemberOfAnItem)
+TEST(Printer, PrintsEveryMemberAsJson)
 {
     const std::vector<json> items = {learned, own};
     EXPECT_EQ(json::parse(print(form::json, mac_entries, items)), json(items));
@@ -102,7 +102,7 @@ TEST(Printer, JsonHasEveryMemberOfAnItem)
               "{\"name\":\"\\u001b\\u00df\\u007f\"}\n");
 }
 
-TEST(Printer, RecordsShowTheirPartsBelow)
+TEST(Printer, PrintsPartsOfARecordBelowIt)
 {
     const json item = json::parse(R"({"plane":"kernel","overruns":"0","unmapped":[{"reason":"no bridge","count":"2"}],
         "refused":[],"notes":["br,0: shown as br_0","x"],"memory":{"bytes":"5","pool":[{"name":"MAC pool",
@@ -124,7 +124,7 @@ TEST(Printer, RecordsShowTheirPartsBelow)
     EXPECT_EQ(json::parse(print(form::json, health, {item})), item);
 }
 
-TEST(BridgeForm, GivesWhatTheKernelHolds)
+TEST(BridgeForm, EqualsTheKernelsEntries)
 {
     const bridge_names bridges = {{1, "br0"}};
     const auto of_bridge = [&](const json_value &item) { return bridge_entry_of(item, bridges); };
@@ -154,17 +154,16 @@ TEST(BridgeForm, GivesWhatTheKernelHolds)
     }
 }
 
-// Serves requests one after another on a socket of its own. Each gets the next of the answers, which are written
-// beforehand.
+// Serves one request after another on its own socket, and answers each with the next prepared answer.
 class canned_daemon {
 public:
     struct step {
-        std::string answer;   // empty: hangs up without one
-        bool hangs_up = true; // behind the answer
+        std::string answer;   // empty: no answer
+        bool hangs_up = true; // closes the connection after the answer
     };
 
-    explicit canned_daemon(std::vector<step> with)
-        : steps_(std::move(with))
+    explicit canned_daemon(std::vector<step> steps)
+        : steps_(std::move(steps))
     {
         std::snprintf(address_.sun_path, sizeof(address_.sun_path), "/tmp/cli_test.%d.sock", getpid());
         unlink(address_.sun_path);
@@ -178,7 +177,7 @@ public:
 
     std::string path() const { return address_.sun_path; }
 
-    // The first lines and bodies of all requests.
+    // Ends the server. Returns the first line and the body of each request.
     strings stop()
     {
         if (server_.joinable()) {
@@ -221,20 +220,20 @@ private:
 };
 
 struct outcome {
-    ending how = ending::done;
+    exit_status status = exit_status::done;
     std::string message = {};
     std::string shown = {};
 };
 
-outcome outcome_of(const options &how)
+outcome outcome_of(const client_options &options)
 {
     outcome result;
     testing::internal::CaptureStdout();
     try {
-        run(how);
+        run(options);
     } catch (const failure &error) {
-        result = {error.how, error.message};
-        EXPECT_FALSE(error.message.empty());
+        result = {error.status, error.what()};
+        EXPECT_FALSE(result.message.empty());
     }
     result.shown = testing::internal::GetCapturedStdout();
     return result;
@@ -243,49 +242,51 @@ outcome outcome_of(const options &how)
 #define ERROR_BODY(tag, message) \
     R"({"ietf-restconf:errors":{"error":[{"error-tag":")" tag R"(","error-message":")" message R"("}]}})"
 
-TEST(Endings, NameWhatBecameOfTheAnswer)
+TEST(ExitStatus, FollowsFromTheAnswer)
 {
     const struct {
         const char *answer;
-        ending expected;
+        exit_status expected;
         const char *message = "";
     } rows[] = {
-        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}]}", ending::done},
-        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[]}", ending::nothing_found},
-        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}", ending::cut, "damaged"},
-        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":}]}", ending::cut, "damaged"},
-        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[7]}", ending::cut, "damaged"},
-        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:port\":[]}", ending::cut, "damaged"},
-        {"HTTP/1.1 200 OK\r\n\r\n", ending::cut, "damaged"},
-        {"HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}]}", ending::cut,
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}]}", exit_status::done},
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[]}", exit_status::nothing_found},
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}", exit_status::cut, "damaged"},
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":}]}", exit_status::cut, "damaged"},
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[7]}", exit_status::cut, "damaged"},
+        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:port\":[]}", exit_status::cut, "damaged"},
+        {"HTTP/1.1 200 OK\r\n\r\n", exit_status::cut, "damaged"},
+        {"HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}]}", exit_status::cut,
          "cut: "},
         {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n22\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}]\r\n",
-         ending::cut, "cut: "},
-        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz", ending::cut, "no HTTP"},
-        {"HTTP/1.1 404 Not Found\r\n\r\n" ERROR_BODY("invalid-value", "m"), ending::nothing_found, "m"},
-        {"HTTP/1.1 404 Not Found\r\n\r\n" ERROR_BODY("unknown-element", "m"), ending::refused, "m"},
-        {"HTTP/1.1 503 Service Unavailable\r\n\r\n" ERROR_BODY("resource-denied", "\\\"a\\u001b\\\""), ending::refused,
-         "\"a\\x1b\""},
-        {"HTTP/1.1 431 Too large\r\n\r\n<html>", ending::refused, "the HTTP status 431"},
+         exit_status::cut, "cut: "},
+        {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz", exit_status::cut, "not HTTP"},
+        {"HTTP/1.1 404 Not Found\r\n\r\n" ERROR_BODY("invalid-value", "m"), exit_status::nothing_found, "m"},
+        {"HTTP/1.1 404 Not Found\r\n\r\n" ERROR_BODY("unknown-element", "m"), exit_status::refused, "m"},
+        {"HTTP/1.1 503 Service Unavailable\r\n\r\n" ERROR_BODY("resource-denied", "\\\"a\\u001b\\\""),
+         exit_status::refused, "\"a\\x1b\""},
+        {"HTTP/1.1 431 Too large\r\n\r\n<html>", exit_status::refused, "HTTP status 431 and no message"},
         {"HTTP/1.1 431 Too large\r\n\r\n{\"ietf-restconf:errors\":{\"error\":[{\"error-message\":7},3]}}",
-         ending::refused, "the HTTP status 431"},
-        {"no HTTP", ending::unreachable, "no HTTP"},
-        {"", ending::unreachable, "ended the connection"},
+         exit_status::refused, "HTTP status 431 and no message"},
+        {"no HTTP", exit_status::unreachable, "not HTTP"},
+        {"", exit_status::unreachable, "closed the connection"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.answer);
         const canned_daemon daemon({{row.answer}});
-        const outcome found = outcome_of({.what = command::show_domain, .socket = daemon.path()});
-        EXPECT_EQ(found.how, row.expected);
+        const outcome found = outcome_of({.command = command_kind::show_domain, .socket = daemon.path()});
+        EXPECT_EQ(found.status, row.expected);
         EXPECT_THAT(found.message, testing::HasSubstr(row.message));
     }
-    EXPECT_EQ(outcome_of({.what = command::show_domain, .socket = "/tmp/no/such.sock"}).how, ending::unreachable);
+    EXPECT_EQ(outcome_of({.command = command_kind::show_domain, .socket = "/tmp/no/such.sock"}).status,
+              exit_status::unreachable);
     const canned_daemon silent({{"", false}});
-    EXPECT_THAT(outcome_of({.what = command::show_domain, .socket = silent.path(), .timeout_seconds = 1}).message,
-                testing::HasSubstr("nothing arrived for 1 seconds"));
+    EXPECT_THAT(
+        outcome_of({.command = command_kind::show_domain, .socket = silent.path(), .timeout_seconds = 1}).message,
+        testing::HasSubstr("nothing arrived for 1 seconds"));
 }
 
-// An answer on a connection that stays open. `mark` is the header's word.
+// An answer on a connection that stays open. `mark` is the word of the completeness header.
 canned_daemon::step answered(const std::string &body, const std::string &mark = "whole", const char *status = "200 OK")
 {
     return {std::string("HTTP/1.1 ") + status + "\r\nl2fib-completeness: " + mark
@@ -309,88 +310,88 @@ const std::string a = R"({"name":"a"})";
 const std::string b = R"({"name":"b"})";
 const std::string long_name = '"' + std::string(size_t(5) << 20, 'x') + '"';
 
-TEST(Pages, AreAskedForOneAfterAnother)
+TEST(Pages, AreRequestedOneAfterAnother)
 {
     const struct {
         std::vector<canned_daemon::step> steps;
-        options how; // of show domain --json-lines unless it says otherwise
+        client_options options; // missing members mean: show domain --json-lines
         outcome expected;
         strings requests = {all_domains};
     } rows[] = {
         {{domains_page(a, NEXT), domains_page(b)},
          {},
-         {ending::done, "", a + "\n" + b + "\n"},
+         {exit_status::done, "", a + "\n" + b + "\n"},
          {all_domains, more_domains}},
-        // A kept connection that the daemon closed meanwhile.
+        // The daemon closed the connection between two requests.
         {{domains_page(a, NEXT), {""}, domains_page(b)},
          {},
-         {ending::done, "", a + "\n" + b + "\n"},
+         {exit_status::done, "", a + "\n" + b + "\n"},
          {all_domains, more_domains, more_domains}},
         {{domains_page(a + "," + a, NEXT), domains_page(b, NEXT)},
          {.limit = 3},
-         {ending::done, "", a + "\n" + a + "\n" + b + "\n"},
+         {exit_status::done, "", a + "\n" + a + "\n" + b + "\n"},
          {"GET /restconf/data/l2fib-mac:domains/domain?limit=3",
           "GET /restconf/data/l2fib-mac:domains/domain?limit=1&cursor=c"}},
-        // What was printed is not all, whatever the second page's failure is.
+        // Items of the first page are printed, so every error of the second page means a cut answer.
         {{domains_page(a, NEXT), answered(ERROR_BODY("resource-denied", "m"), "whole", "503 No")},
          {},
-         {ending::cut, "the answer was cut: m", a + "\n"},
+         {exit_status::cut, "the answer was cut: m", a + "\n"},
          {all_domains, more_domains}},
         {{{"HTTP/1.1 200 OK\r\nContent-Length: 999\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}],"
            R"("ietf-restconf:errors":{"error":[{"error-message":"the plane ended"}]})"}},
          {},
-         {ending::cut, "the answer was cut: the plane ended", a + "\n"}},
-        // Marks: the worst of all pages counts.
+         {exit_status::cut, "the answer was cut: the plane ended", a + "\n"}},
+        // The worst mark of all pages counts.
         {{domains_page(a, NEXT DEGRADED), domains_page(b, "", "limited")},
          {},
-         {ending::incomplete, MAY_BE "(degraded): why\\x1b", a + "\n" + b + "\n"},
+         {exit_status::incomplete, MAY_BE "(degraded): why\\x1b", a + "\n" + b + "\n"},
          {all_domains, more_domains}},
-        {{domains_page(a, "", "limited")}, {.strict = true}, {ending::incomplete, MAY_BE "(limited)", ""}},
-        {{domains_page(a, DEGRADED)}, {.strict = true}, {ending::incomplete, MAY_BE "(degraded): why\\x1b", ""}},
+        {{domains_page(a, "", "limited")}, {.strict = true}, {exit_status::incomplete, MAY_BE "(limited)", ""}},
+        {{domains_page(a, DEGRADED)}, {.strict = true}, {exit_status::incomplete, MAY_BE "(degraded): why\\x1b", ""}},
         {{domains_page("", DEGRADED)},
          {.shown_as = form::json},
-         {ending::incomplete, "nothing found; " MAY_BE "(degraded): why\\x1b", "[]\n"}},
+         {exit_status::incomplete, "nothing found: no item matches; " MAY_BE "(degraded): why\\x1b", "[]\n"}},
         {{answered(ERROR_BODY("invalid-value", "m"), "degraded", "404 No")},
          {.shown_as = form::json},
-         {ending::incomplete, "m; " MAY_BE "(degraded)", "[]\n"}},
-        {{answered(ERROR_BODY("resource-denied", "m"), "degraded", "503 No")}, {}, {ending::refused, "m", ""}},
+         {exit_status::incomplete, "m; " MAY_BE "(degraded)", "[]\n"}},
+        {{answered(ERROR_BODY("resource-denied", "m"), "degraded", "503 No")}, {}, {exit_status::refused, "m", ""}},
         {{domains_page(R"({"name":)" + long_name + "}")},
          {.strict = true},
-         {ending::done, "", "{\"name\":" + long_name + "}\n"}},
+         {exit_status::done, "", "{\"name\":" + long_name + "}\n"}},
         {{answered(R"({"l2fib-mac:health":{"status":"degraded"}})", "degraded")},
-         {.what = command::show_health, .strict = true},
-         {ending::done, "", "{\"status\":\"degraded\"}\n"},
+         {.command = command_kind::show_health, .strict = true},
+         {exit_status::done, "", "{\"status\":\"degraded\"}\n"},
          {"GET /restconf/data/l2fib-mac:health"}},
         {{answered(R"({"l2fib-mac:mac-entry":[{"age":1,"time-left":3661}]})")},
-         {.what = command::show_mac, .shown_as = form::text, .sorted_by = order::last_seen},
-         {ending::done, "",
+         {.command = command_kind::show_mac, .shown_as = form::text, .sorted_by = order::last_seen},
+         {exit_status::done, "",
           R"(Domain                  MAC Address        Port             Type            Age      Left   VLAN       VNI  VTEP             Flags
 -                       -                  -                -          00:00:01  01:01:01      -         -  -                -
 )"},
          {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=last-seen&limit=1000"}},
         {{answered(R"({"l2fib-mac:mac-entry":[{"domain":"x"},{"domain":"y"}]})")},
-         {.what = command::show_mac, .limit = 1, .domain = "y", .sorted_by = order::created},
-         {ending::done, "", "{\"domain\":\"y\"}\n"},
+         {.command = command_kind::show_mac, .limit = 1, .domain = "y", .sorted_by = order::created},
+         {exit_status::done, "", "{\"domain\":\"y\"}\n"},
          {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=created&limit=1000"}},
         {{answered(ERROR_BODY("operation-failed", "no full dump"), "degraded", "504 No")},
-         {.what = command::resync, .timeout_seconds = 9, .domain = "d"},
-         {ending::refused, "no full dump", ""},
+         {.command = command_kind::resync, .timeout_seconds = 9, .domain = "d"},
+         {exit_status::refused, "no full dump", ""},
          {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"domain":"d","wait":8}})"}},
         {{answered("", "limited", "204 No Content")},
-         {.what = command::resync},
-         {ending::incomplete, MAY_BE "(limited)", ""},
+         {.command = command_kind::resync},
+         {exit_status::incomplete, MAY_BE "(limited)", ""},
          {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"wait":59}})"}},
     };
     for (const auto &row : rows) {
         canned_daemon daemon(row.steps);
-        options how = row.how;
-        how.what = how.what == command::none ? command::show_domain : how.what;
-        how.shown_as =
-            how.shown_as == form::text && how.sorted_by != order::last_seen ? form::json_lines : how.shown_as;
-        how.socket = daemon.path();
-        const outcome found = outcome_of(how);
+        client_options options = row.options;
+        options.command = options.command == command_kind::none ? command_kind::show_domain : options.command;
+        options.shown_as = options.shown_as == form::text && options.sorted_by != order::last_seen ? form::json_lines
+                                                                                                   : options.shown_as;
+        options.socket = daemon.path();
+        const outcome found = outcome_of(options);
         EXPECT_EQ(daemon.stop(), row.requests);
-        EXPECT_EQ(found.how, row.expected.how) << row.requests.back();
+        EXPECT_EQ(found.status, row.expected.status) << row.requests.back();
         EXPECT_EQ(found.message, row.expected.message);
         EXPECT_TRUE(found.shown == row.expected.shown) << found.shown.substr(0, 1000);
     }

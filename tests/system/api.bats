@@ -1,7 +1,7 @@
 #!/usr/bin/env bats
 # SPDX-License-Identifier: Apache-2.0
 
-# The HTTP API with curl alone, on a generated fabric of 100,000 addresses. L2FIBD names the program.
+# The HTTP API with curl alone, on a generated fabric of 100,000 addresses. L2FIBD is the path of the daemon.
 
 D=/restconf/data/l2fib-mac:
 
@@ -20,14 +20,14 @@ teardown_file()
     kill "$DAEMON" 2>/dev/null || true
 }
 
-# get URI [CURL_OPTION...]: the body, then the status in a line of its own.
+# get URI [CURL_OPTION...]: prints the body, then the status on its own line.
 get()
 {
     curl --silent --show-error --max-time 120 --write-out '\n%{http_code}\n' --unix-socket "$SOCKET" "${@:2}" \
         "http://l2fibd$1"
 }
 
-# expect_status STATUS URI [CURL_OPTION...]: leaves the body in $body.
+# expect_status STATUS URI [CURL_OPTION...]: requires STATUS and puts the body into $body.
 expect_status()
 {
     local answer
@@ -46,7 +46,7 @@ memory_of()
     awk '$1 == "VmRSS:" { print $2 }' "/proc/$1/status"
 }
 
-# cursor TEXT: a continuation with this content, of the daemon that runs.
+# cursor TEXT: prints a cursor with this content and the running daemon's id.
 cursor()
 {
     local real
@@ -103,7 +103,7 @@ END
     expect_status 200 "${D}mac-table/mac-entry" --head
 }
 
-@test "wrong requests are told what was expected" {
+@test "answers to wrong requests name what was expected" {
     local -r big=$(head --bytes=5000 /dev/zero | tr '\0' ' ')
     local status uri expected
     while IFS='|' read -r status uri expected; do
@@ -151,7 +151,7 @@ END
     expect_status 413 /restconf/operations/l2fib-mac:resync --data "$big" --header 'Transfer-Encoding: chunked'
 }
 
-@test "pages add up to the whole answer, and memory does not grow with it" {
+@test "pages add up to the whole list, and memory does not grow with the list" {
     local -r whole=$BATS_TEST_TMPDIR/whole paged=$BATS_TEST_TMPDIR/paged page=$BATS_TEST_TMPDIR/page
     local list cursor before after
     for list in mac-table/mac-entry:9973 mac-aging/mac-entry:20000 vteps/vtep:100 ports/port=9/mac-entry:777; do
@@ -159,7 +159,7 @@ END
         before=$(memory_of "$DAEMON")
         get "$D${list%:*}" --output "$whole"
         after=$(memory_of "$DAEMON")
-        # A sanitizer keeps what was freed.
+        # A sanitizer does not return freed memory, so it cannot pass this check.
         [[ -n ${L2FIB_SANITIZED-} ]] || ((after - before < 4096)) || { echo "$list: $before to $after kB" && return 1; }
         : >"$paged"
         cursor=
@@ -174,7 +174,7 @@ END
     done
 }
 
-@test "what VXLAN devices hold is listed apart" {
+@test "tunnel entries list what the VXLAN devices hold" {
     local -r socket=$BATS_TEST_TMPDIR/recorded.sock
     start_daemon "$socket" --recorded "$BATS_TEST_DIRNAME/../../examples/recorded/tunnels"
     local -r pid=$!
@@ -192,7 +192,7 @@ END
     wait "$pid"
 }
 
-@test "a continuation goes on behind a place where nothing is any more" {
+@test "a cursor works although its item no longer exists" {
     local status list text filter
     while IFS='|' read -r status list text filter; do
         expect_status "$status" "$D${list}cursor=$(cursor "$text")&limit=5"
@@ -203,15 +203,15 @@ END
 200|vteps/vtep?|v 9 16909060 0|."l2fib-mac:vtep"[0].xcid == 9
 400|mac-aging/mac-entry?|t 2 70000 1 1|."ietf-restconf:errors".error[0]."error-message" | contains("of this list")
 END
-    expect_status 410 "${D}mac-table/mac-entry?cursor=$(printf '1 t 2 1 1 11' | base64)" # of a daemon that has ended
+    expect_status 410 "${D}mac-table/mac-entry?cursor=$(printf '1 t 2 1 1 11' | base64)" # from an earlier daemon
 }
 
-@test "a whole answer stays whole while entries come, move and go" {
+@test "a list has nearly all entries while others come, move and age" {
     local -r socket=$BATS_TEST_TMPDIR/churn.sock
     start_daemon "$socket" --generate bridges=2,ports=4,macs=20000,vteps=4,churn=50000/s
     local -r pid=$!
     local list shown counted rounds=16
-    [[ -z ${L2FIB_SANITIZED-} ]] || rounds=4 # each takes many times as long
+    [[ -z ${L2FIB_SANITIZED-} ]] || rounds=4 # a sanitizer makes each round many times slower
     for ((; rounds > 0; rounds--)); do
         list=$( ((rounds % 2)) && echo mac-table || echo mac-aging)
         shown=$(curl --silent --fail --unix-socket "$socket" "http://l2fibd$D$list/mac-entry" |
@@ -223,7 +223,7 @@ END
     wait "$pid"
 }
 
-@test "more requests than are served at once are answered 503, and one that does not end is cut" {
+@test "too many requests get status 503, and an endless request is cut" {
     for i in {1..25}; do printf ' ' && sleep 1; done |
         curl --silent --upload-file - --request POST --write-out '%{time_total}\n' --unix-socket "$SOCKET" \
             http://l2fibd/restconf/operations/l2fib-mac:resync >"$BATS_TEST_TMPDIR/seconds" 3>&- &
@@ -236,12 +236,12 @@ END
     done
     wait "${pids[@]}" || true
     [[ $(cat "$BATS_TEST_TMPDIR"/*.status | grep --count 503) -gt 0 ]]
-    expect_status 200 "${D}mac-count" --retry 10 --retry-delay 1 # until it has noticed that they have gone
-    ! wait "$endless"
+    expect_status 200 "${D}mac-count" --retry 10 --retry-delay 1 # the daemon notices closed connections late
+    ! wait "$endless" || false
     [[ $(cat "$BATS_TEST_TMPDIR/seconds") =~ ^1[0-4]\. ]]
 }
 
-@test "a second instance is refused by name, a socket left behind is replaced, SIGTERM ends with everything released" {
+@test "a second daemon is refused, a stale socket is replaced, and SIGTERM releases everything" {
     local -r socket=$BATS_TEST_TMPDIR/life.sock
     run timeout 20 "$L2FIBD" --socket "$SOCKET"
     [[ $status == 1 && $output == *"another l2fibd, process $DAEMON, serves this socket"* ]]
@@ -258,14 +258,14 @@ END
     start_daemon "$socket"
     pid=$!
     curl --silent --unix-socket "$socket" "http://l2fibd${D}mac-count" >/dev/null
-    # The HTTP library cuts this one off, and does not tell.
-    ! curl --silent --unix-socket "$socket" "http://l2fibd${D}mac-count?$(printf 'a=&%.0s' {1..4000})"
+    # The HTTP library closes this connection without calling the daemon's code.
+    ! curl --silent --unix-socket "$socket" "http://l2fibd${D}mac-count?$(printf 'a=&%.0s' {1..4000})" || false
     kill -TERM "$pid"
     wait "$pid"
     [[ ! -e $socket && $(cat "$socket.log") == *"released 2044 MAC entries"* ]]
 }
 
-@test "wrong options are told what was expected; --check reports" {
+@test "messages about wrong options name what was expected, and --check reports" {
     local options expected
     while IFS='|' read -r options expected; do
         read -ra arguments <<<"$options"

@@ -1,7 +1,7 @@
 #!/usr/bin/env bats
 # SPDX-License-Identifier: Apache-2.0
 
-# l2fibctl against l2fibd on a generated fabric. L2FIBD and L2FIBCTL name the programs.
+# l2fibctl with l2fibd on a generated fabric. L2FIBD and L2FIBCTL are the paths of the programs.
 
 load daemon
 
@@ -29,27 +29,27 @@ ctl()
     "$L2FIBCTL" "$@"
 }
 
-# expect STATUS TEXT ARGUMENT...: ends with this status, and says this among the rest.
+# expect STATUS TEXT ARGUMENT...: runs l2fibctl, which must exit with STATUS and print TEXT among other things.
 expect()
 {
     run ctl "${@:3}"
     [[ $status == "$1" && $output == *"$2"* ]] || { echo "${*:3}: $status: $output" && return 1; }
 }
 
-# of_api RESOURCE FILTER: the API's own answer.
+# of_api RESOURCE FILTER: prints the API's own answer through a jq filter.
 of_api()
 {
     curl --silent --unix-socket "$L2FIBD_SOCKET" "http://l2fibd/restconf/data/l2fib-mac:$1" | jq --compact-output "$2"
 }
 
-# Items a line each, in one order of members; ages go on meanwhile.
+# Prints one item per line with sorted members. Ages grow between two readings, so only their types are compared.
 comparable()
 {
     jq --compact-output --sort-keys \
         ".[] | with_entries(if .key == \"age\" or .key == \"last-seen\" then .value |= type else . end)"
 }
 
-@test "JSON has what the API has, and every row of text is an item of it" {
+@test "JSON equals the API, and text has one row per item" {
     local table path member
     while read -r table path member; do
         diff <(of_api "$path" ".\"l2fib-mac:$member\"" | comparable) <(ctl show "$table" --json | comparable) | head
@@ -66,7 +66,7 @@ END
         <(ctl show health --json | jq --compact-output '[paths | map(strings)] | unique')
 }
 
-@test "every part of the table has its own view" {
+@test "each option selects the right part of the table" {
     local -r all=$BATS_TEST_TMPDIR/all
     ctl show mac --json-lines >"$all"
     local -r port=$(jq --raw-output 'select(.vtep) | .port' "$all" | head -1)
@@ -101,12 +101,12 @@ END
     [[ $(ctl show count --port "$port" --json | jq '.[0].total') == "$total" ]]
 }
 
-@test "a recorded table comes out as it went in" {
+@test "bridge JSON equals the recorded table" {
     local -r recorded=$BATS_TEST_DIRNAME/../../examples/recorded/tunnels socket=$BATS_TEST_TMPDIR/recorded.sock
     start_daemon "$socket" --recorded "$recorded"
     recorded_daemon=$!
     ctl --socket "$socket" show mac --bridge-json | jq --sort-keys 'sort' >"$BATS_TEST_TMPDIR/shown"
-    # But for receive filters, and the times, which pass.
+    # The client leaves out receive filters and times.
     jq --sort-keys 'map(select(.master or .dst or .nhid) | del(.used, .updated)) | sort' "$recorded/fdb.json" |
         diff - "$BATS_TEST_TMPDIR/shown"
     [[ $(ctl --socket "$socket" show mac --bridge-json --port vxlan100 --vtep 10.0.0.3 |
@@ -116,19 +116,19 @@ END
     wait "$recorded_daemon"
 }
 
-@test "limits, time-outs and pipes" {
+@test "--limit, a closed pipe and an output that cannot be written" {
     [[ $(ctl show mac --limit 3 | wc --lines) == 4 ]]
     [[ $(ctl --limit 5 show mac --aging --domain lab:br1 --json | jq length) == 5 ]]
     [[ $(ctl --limit 10001 show mac --json | jq 'unique | length') == 10001 ]]
     ctl show mac 2>"$BATS_TEST_TMPDIR/errors" | head -1
     [[ ${PIPESTATUS[0]} == 0 && ! -s $BATS_TEST_TMPDIR/errors ]]
     run bash -c '"$L2FIBCTL" show mac >/dev/full'
-    [[ $status == 5 && $output == "l2fibctl: cannot write the answer: No space left on device" ]]
+    [[ $status == 5 && $output == "l2fibctl: cannot write the answer to standard output: No space left on device" ]]
     run bash -c '"$L2FIBCTL" show mac >&-'
-    [[ $status == 5 && $output == "l2fibctl: cannot write the answer: Bad file descriptor" ]]
+    [[ $status == 5 && $output == "l2fibctl: cannot write the answer to standard output: Bad file descriptor" ]]
 }
 
-@test "resync takes all, a domain, or a port" {
+@test "resync of everything, a domain or a port" {
     expect 0 "" resync
     expect 0 "" resync --domain lab:br0
     expect 0 "" resync --port br1p0
@@ -136,8 +136,8 @@ END
     expect 2 "--domain excludes --port" resync --domain lab:br0 --port br1p0
 }
 
-@test "wrong input is named" {
-    expect 2 "expected a command" show
+@test "messages name the wrong input" {
+    expect 2 "expected a command such as" show
     expect 2 "cat" show cat
     expect 2 "--limit" show mac --limit 0
     expect 2 "--limit" show mac --limit -1

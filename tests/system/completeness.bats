@@ -1,8 +1,9 @@
 #!/usr/bin/env bats
 # SPDX-License-Identifier: Apache-2.0
 
-# What an answer is worth: it is whole, or it says that it is not, on itself and in the exit status. On the kernel's own
-# tables, in a namespace that this file makes and removes. L2FIBD and L2FIBCTL name the programs.
+# The completeness of answers: an answer is whole, or both the answer and the exit status report that it may not be.
+# The tests use the kernel's tables in a namespace that this file makes and removes. L2FIBD and L2FIBCTL are the paths
+# of the programs.
 
 bats_require_minimum_version 1.5.0
 
@@ -61,7 +62,7 @@ serve()
 {
     start_daemon "$L2FIBD_SOCKET" --plane kernel --netns "$space" --group lab "$@"
     DAEMON=$!
-    "$L2FIBCTL" resync || true # waits for the first dump
+    "$L2FIBCTL" resync || true # waits for the first full dump
 }
 
 ctl()
@@ -69,7 +70,7 @@ ctl()
     "$L2FIBCTL" "$@"
 }
 
-# entries add|del|move FIRST COUNT PORT: addresses FIRST to FIRST + COUNT - 1, by one batch.
+# entries add|del|move FIRST COUNT PORT: changes the addresses FIRST to FIRST + COUNT - 1 in one batch.
 entries()
 {
     local -A verbs=([add]="add" [del]="del" [move]="replace") kinds=([add]=static [del]="" [move]=dynamic)
@@ -83,13 +84,13 @@ health()
     ctl --json show health | jq --raw-output "$1"
 }
 
-# How many addresses of the first 3000 an answer on standard input has.
+# Prints how many of the first 3000 addresses standard input contains.
 stable()
 {
     jq --raw-output '."mac-address"' | awk '/^02:aa:00:00/ && $0 <= "02:aa:00:00:0b:b8"' | sort --unique | wc --lines
 }
 
-@test "a table that is too small says so, and finds every address all the same" {
+@test "a table that is too small marks its answers limited, and still finds every address" {
     serve --mac-limit 1000
     run --separate-stderr -"$incomplete" ctl --json-lines show mac
     [ "${#lines[@]}" -eq 1000 ]
@@ -112,7 +113,7 @@ stable()
     run -"$incomplete" ctl show count
 }
 
-@test "lost notifications: answers are marked until a dump has proven the table, and nothing stable is missing" {
+@test "after an overrun, answers are marked degraded until a full dump, and no stable entry is missing" {
     serve --receive-buffer 4096
     kill -STOP "$DAEMON"
     entries add 10001 2000 p1
@@ -127,7 +128,7 @@ stable()
     [ "$(ctl --json-lines show mac --strict | wc --lines)" -eq "$(in_space bridge fdb show br br0 | grep --count master)" ]
     [ "$(health '.overruns != "0" and (."notifications-lost" | tonumber) > 0 and has("last-overrun")')" = true ]
     grep --quiet 'warning: lost [1-9][0-9]* changes' "$L2FIBD_SOCKET.log"
-    # While changes are lost all the time, no dump proves anything: a resync that waits in vain fails.
+    # While changes are lost all the time, no full dump can prove the table. So a resync with a time-out fails.
     (while :; do entries move 20001 2000 p1 && entries move 20001 2000 p0; done) 3>&- &
     local -r churn=$!
     local rounds=0 seen
@@ -171,8 +172,8 @@ stable()
         <(ctl --bridge-json show mac | jq --compact-output '.[] | select(.dst) | [.mac, .dst, .vni, .src_vni]' | sort)
 }
 
-@test "a deletion that the kernel never reports is found by the proof" {
-    [[ -z ${L2FIB_SANITIZED-} ]] || skip "a sanitizer wants to be loaded first"
+@test "the proof finds a deletion that the kernel did not report" {
+    [[ -z ${L2FIB_SANITIZED-} ]] || skip "a sanitizer has to be the first library that is loaded"
     in_space bridge fdb add 02:de:af:00:00:01 dev p0 master static
     local -r deaf=${L2FIB_DEAF:-$BATS_TEST_DIRNAME/../../build/test/lib/libdeaf.so}
     L2FIBD_PRELOAD=$deaf serve --proof-rate 4000
@@ -185,11 +186,11 @@ stable()
     [ "$(health .proof.disagreed)" = 1 ]
     grep --quiet 'disagrees about 1 sampled entry' "$L2FIBD_SOCKET.log"
     ctl resync
-    run -1 ctl show mac 02:de:af:00:00:01 # not there, and that is proven
+    run -1 ctl show mac 02:de:af:00:00:01 # status 1: a whole answer proves that the address does not exist
     grep --quiet 'a full dump has proven the table' "$L2FIBD_SOCKET.log"
 }
 
-@test "a bridge that is renamed all the time, addresses that move all the time: no answer is cut or lacks what stays" {
+@test "no answer is cut or lacks a stable entry while a bridge is renamed and addresses move" {
     serve
     awk 'BEGIN { for (i = 0; i < 60000; i++) printf "fdb replace 02:bb:00:00:%02x:%02x dev p%d master dynamic\n",
         i % 500 / 256, i % 256, i % 2 }' >"$BATS_TEST_TMPDIR/moves"
@@ -211,7 +212,7 @@ stable()
     ((rounds > 2))
 }
 
-@test "who ages out next, and how long that takes" {
+@test "--aging lists the addresses that age out next, with the time left" {
     local number
     for number in 3 1 2; do
         entries move "4000$number" 1 p0
@@ -227,7 +228,7 @@ stable()
     in_space ip link set br0 type bridge fdb_flush
 }
 
-@test "questions feed nothing, and a pager that stands still cuts nothing" {
+@test "queries feed nothing to the module, and a stopped pager does not cut an answer" {
     serve
     entries add 50001 30000 p1
     ctl resync

@@ -1,10 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 
 # shellcheck shell=bash
-# Loaded by the system tests. L2FIBD names the program.
+# Helper functions of the system tests. L2FIBD is the path of the daemon.
 
-# start_daemon SOCKET OPTION...: returns when it serves; $! is the process, SOCKET.log its log. L2FIBD_PRELOAD names a
-# library that is loaded before it.
+# start_daemon SOCKET OPTION...: starts the daemon and returns once it serves requests. Then $! is its process, and
+# SOCKET.log its log. If L2FIBD_PRELOAD is set, the daemon loads that library first.
 start_daemon()
 {
     local -r socket=$1

@@ -1,7 +1,7 @@
 #!/usr/bin/env bats
 # SPDX-License-Identifier: Apache-2.0
 
-# l2fibd under clients that hold what they get, and readers of its log that do not read. L2FIBD names the program.
+# l2fibd with clients that hold connections and requests, and with a log that nobody reads. L2FIBD is its path.
 
 D=http://l2fibd/restconf/data/l2fib-mac:
 
@@ -11,7 +11,7 @@ load daemon
 setup()
 {
     export L2FIBD=${L2FIBD:-$BATS_TEST_DIRNAME/../../build/test/bin/l2fibd}
-    directory=$(mktemp --directory /tmp/l2fibd.XXXXXX) # one that another user may enter
+    directory=$(mktemp --directory /tmp/l2fibd.XXXXXX) # not in the directory of bats, which other users may not enter
     chmod 711 "$directory"
     SOCKET=$directory/socket
     started=()
@@ -30,7 +30,7 @@ start()
     started+=("$daemon")
 }
 
-# get URI [CURL_OPTION...]: prints the body, and in front of it what the options ask for.
+# get RESOURCE [CURL_OPTION...]: prints the body of the answer.
 get()
 {
     curl --silent --max-time 30 --unix-socket "$SOCKET" "$D$1" "${@:2}"
@@ -42,7 +42,7 @@ health()
     jq --exit-status ".\"l2fib-mac:health\" | $1" <<<"$found" >/dev/null || { echo "not $1: $found" && return 1; }
 }
 
-# Asks until the filter holds, for at most ten seconds.
+# eventually FILTER: waits at most ten seconds until the daemon's health satisfies the filter.
 eventually()
 {
     local tries
@@ -53,7 +53,7 @@ eventually()
     echo "$tries times" && health "$1"
 }
 
-# hold COUNT: opens connections that send nothing, and keeps them open.
+# hold COUNT: opens COUNT connections, sends nothing on them, and keeps them open.
 hold()
 {
     perl -MIO::Socket::UNIX -e '@c = map { IO::Socket::UNIX->new(Peer => $ARGV[0]) } 1 .. $ARGV[1]; sleep 60' \
@@ -61,7 +61,8 @@ hold()
     started+=($!)
 }
 
-# Another client of root reads why it is refused, health is answered, and another user is served.
+# expect_shared TEXT FILTER: requires that the daemon refuses root's next request with TEXT, answers a request for
+# health, and serves another user.
 expect_shared()
 {
     local -r refusal=$(get mac-count)
@@ -71,7 +72,7 @@ expect_shared()
         curl --silent --fail --max-time 30 --unix-socket "$SOCKET" "${D}mac-count"
 }
 
-# Sends SIGTERM; fails if the daemon takes longer than three seconds, a sanitizer's end apart, or not all was released.
+# Sends SIGTERM. Fails if the daemon takes longer than 3 seconds (13 with a sanitizer) or does not release everything.
 end_daemon()
 {
     kill -TERM "$daemon"
@@ -79,17 +80,17 @@ end_daemon()
     wait "$daemon"
 }
 
-@test "silent connections of one user leave room for others" {
+@test "silent connections of one user leave room for other users" {
     start --socket-group nogroup
     hold 200
     eventually '.requests.connections >= 36 + 8'
     expect_shared "36 of 64 connections open" '.requests.connections > 36'
     sleep 2.5
-    health '.requests.connections == 37' # refused ones have gone, others have some seconds more
+    health '.requests.connections == 37' # the refused connections are closed, the others have some seconds left
     end_daemon
 }
 
-@test "slow readers of one user leave room for others" {
+@test "slow readers of one user leave room for other users" {
     start --socket-group nogroup
     local i
     for i in {1..30}; do
@@ -100,12 +101,12 @@ end_daemon()
     expect_shared "18 of 32 requests under way" '.requests.active == 19'
 }
 
-@test "a log that nobody reads holds up nothing, and says later what is missing" {
+@test "a log that nobody reads blocks nothing, and counts the dropped lines" {
     local -r printed=$directory/lines long=$(printf 'x%.0s' {1..4000})
     mkfifo "$SOCKET.log"
     exec 8<>"$SOCKET.log"
     start --log-level debug
-    for _ in 1 2; do # more than the pipe and the queue take
+    for _ in 1 2; do # more than the pipe and the queue can hold
         get "nothing-[1-100]$long" --output /dev/null
     done
     health '."log-lines-dropped" | tonumber > 50'
@@ -116,7 +117,7 @@ end_daemon()
     exec 8>&-
 }
 
-@test "repeated lines are counted, and the end of the log is complete" {
+@test "the log counts repeated lines, and its end is complete" {
     start --log-level debug
     get 'nothing?[1-50]' --output /dev/null
     for _ in {1..50}; do echo "url = ${D}nothing"; done | curl --silent --unix-socket "$SOCKET" --config - >/dev/null
@@ -127,7 +128,7 @@ end_daemon()
     [[ $(tail --lines=1 "$SOCKET.log") == "l2fibd: ended; released "* ]]
 }
 
-@test "lines for the journal have a priority" {
+@test "lines for the journal begin with their priority" {
     : >"$SOCKET.log"
     JOURNAL_STREAM=$(stat --format %d:%i "$SOCKET.log") start --log-level debug
     get nothing --output /dev/null
@@ -139,7 +140,7 @@ end_daemon()
     run ! grep --invert-match '^<[3-7]>[a-zG]' "$SOCKET.log"
 }
 
-@test "a start with too few descriptors is refused at once" {
+@test "the daemon refuses to start with too few file descriptors" {
     local limit
     for limit in 12 20 40; do
         run bash -c "ulimit -n $limit && exec timeout 5 '$L2FIBD' --socket '$SOCKET'"

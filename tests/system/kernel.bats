@@ -1,8 +1,8 @@
 #!/usr/bin/env bats
 # SPDX-License-Identifier: Apache-2.0
 
-# What l2fibctl shows is what the kernel's own bridges and tunnels hold, whatever happens to them meanwhile: on a fabric
-# of namespaces that this file makes and removes. L2FIBD and L2FIBCTL name the programs.
+# l2fibctl prints what the kernel's bridges and VXLAN devices hold, before and after every kind of change. The fabric
+# consists of namespaces that this file makes and removes. L2FIBD and L2FIBCTL are the paths of the programs.
 
 bats_require_minimum_version 1.5.0
 
@@ -45,24 +45,24 @@ leaf()
     ip netns exec "$leaf1" "$@"
 }
 
-# Entries as both sides tell them, without receive filters, which are no forwarding entries: what devices other than
-# VXLAN hold themselves.
+# Reduces the output of `bridge` and of l2fibctl to the members that both report. Leaves out the entries of devices
+# other than VXLAN devices: they are receive filters and not forwarding entries.
 normalised()
 {
     jq --compact-output --sort-keys \
         '[.[] | select(.master or .dst) | {mac, ifname, master, dst, vni, state: (.state // ""), flags}] | unique | .[]'
 }
 
-# Both tell the same. The hosts' own traffic may teach the bridge an address, or one may age, between the two readings:
-# what is really lost, or stays, does so at every look.
+# Requires that the kernel and l2fibctl report the same entries. Between the two readings the bridge may learn an
+# address from the hosts' traffic, or one may age. A real difference appears in each of the five rounds.
 same_as_kernel()
 {
     local -r at=$BATS_TEST_TMPDIR
-    local look
-    for look in 1 2 3 4 5; do
+    local round
+    for round in 1 2 3 4 5; do
         leaf bridge -j fdb show | normalised >"$at/kernel"
         ctl --bridge-json show mac | normalised >"$at/ours"
-        diff "$at/kernel" "$at/ours" >"$at/difference$look" && return
+        diff "$at/kernel" "$at/ours" >"$at/difference$round" && return
         sleep 0.2
     done
     echo "kernel (<) and l2fibctl (>) differ:"
@@ -70,14 +70,14 @@ same_as_kernel()
     return 1
 }
 
-# add_port NAME [BRIDGE]
+# add_port NAME [BRIDGE]: adds an interface to the bridge, br0 by default.
 add_port()
 {
     leaf ip link add "$1" type veth peer name "$1-peer"
     leaf ip link set "$1" master "${2-br0}" up
 }
 
-# entries COMMAND FIRST COUNT PORT: addresses FIRST to FIRST + COUNT - 1 of a port, by one batch.
+# entries COMMAND FIRST COUNT PORT: changes the addresses FIRST to FIRST + COUNT - 1 of a port in one batch.
 entries()
 {
     local -r command=$1 first=$2 count=$3 port=$4
@@ -97,7 +97,7 @@ bridges()
     ctl --json-lines show domain | jq --raw-output .bridge | sort | tr '\n' ' '
 }
 
-@test "learned addresses, local ones and those behind the tunnel" {
+@test "learned addresses, local addresses, and addresses behind the tunnel" {
     same_as_kernel
     [ "$(grep -c "\"vxlan$vni\"" "$BATS_TEST_TMPDIR/ours")" -ge 3 ]
     [ "$(vteps)" = "192.0.2.2 " ]
@@ -110,7 +110,7 @@ bridges()
     diff "$BATS_TEST_TMPDIR/kernel" "$BATS_TEST_TMPDIR/ours"
 }
 
-@test "static entries, added and deleted" {
+@test "static entries are added and deleted" {
     leaf bridge fdb add 02:00:00:00:00:01 dev host1 master static
     leaf bridge fdb add 02:00:00:00:00:02 dev host2 master static sticky
     same_as_kernel
@@ -120,7 +120,7 @@ bridges()
     run -1 ctl show mac 02:00:00:00:00:01
 }
 
-@test "an address that moves between ports, and into the tunnel" {
+@test "an address moves between ports and into the tunnel" {
     local port
     for port in host1 host2 "vxlan$vni" host1; do
         leaf bridge fdb replace 02:00:00:00:00:03 dev "$port" master dynamic
@@ -129,7 +129,7 @@ bridges()
     done
 }
 
-@test "flush and ageing" {
+@test "entries are flushed, and entries age" {
     leaf ip link set br0 type bridge fdb_flush
     same_as_kernel
     leaf ip link set br0 type bridge ageing_time 100
@@ -145,7 +145,7 @@ bridges()
     leaf ip link set br0 type bridge ageing_time 30000
 }
 
-@test "flood lists show every tunnel end point" {
+@test "flood lists give every tunnel end point" {
     leaf bridge fdb append 00:00:00:00:00:00 dev "vxlan$vni" dst 192.0.2.77
     leaf bridge fdb append 00:00:00:00:00:00 dev "vxlan$vni" dst 192.0.2.78 vni 8
     same_as_kernel
@@ -155,7 +155,7 @@ bridges()
     [ "$(vteps)" = "192.0.2.2 192.0.2.78 " ]
 }
 
-@test "an interface and a bridge that are renamed" {
+@test "an interface and a bridge are renamed" {
     add_port before
     entries add 1 10 before
     leaf ip link set before down
@@ -171,7 +171,7 @@ bridges()
     same_as_kernel
 }
 
-@test "a port and a bridge that go with their entries" {
+@test "a port and a bridge are deleted with their entries" {
     leaf ip link add br1 type bridge
     leaf ip link set br1 up
     add_port p1 br1
@@ -187,7 +187,7 @@ bridges()
     leaf ip link del p1
 }
 
-@test "50,000 entries at once, and 20,000 deletions while they are asked for" {
+@test "50,000 entries are added at once, and 20,000 are deleted while a client lists them" {
     add_port many
     entries add 1 50000 many
     same_as_kernel
@@ -195,7 +195,7 @@ bridges()
     local -r deleter=$!
     local rounds=0
     while kill -0 "$deleter" 2>/dev/null; do
-        # None of those that stay may ever be missing.
+        # No answer may lack one of the entries that stay.
         [ "$(ctl --json-lines show mac --port many | jq --raw-output '."mac-address"' |
             awk '/^02:aa/ && $0 > "02:aa:00:00:4e:20"' | wc -l)" -eq 30000 ]
         rounds=$((rounds + 1))
@@ -205,7 +205,7 @@ bridges()
     same_as_kernel
 }
 
-@test "an overrun of the notifications is made good" {
+@test "a full dump repairs the table after a receive buffer overrun" {
     kill -STOP "$DAEMON"
     entries del 20001 30000 many
     entries add 100001 60000 many

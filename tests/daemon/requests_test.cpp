@@ -1,0 +1,200 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// From a request to its answer without a forwarding plane: lists over a table that changes, deadlines of requests, and
+// the mapping of URIs to resources.
+
+#include <gtest/gtest.h>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <vector>
+
+#include "daemon/api/list.h"
+#include "daemon/api/resources.h"
+#include "daemon/http/request_deadlines.h"
+
+using namespace l2fibd;
+
+namespace {
+constexpr uint32_t standing_step = 3, max_number = 2100;
+
+// The multiples of three. They stay in the table; other numbers come and go.
+const std::set<uint32_t> standing = [] {
+    std::set<uint32_t> numbers;
+    for (uint32_t number = standing_step; number <= max_number; number += standing_step) {
+        numbers.insert(number);
+    }
+    return numbers;
+}();
+
+struct number_table {
+    std::set<uint32_t> numbers = standing;
+    std::function<void(number_table &table, uint32_t last)> change = [](auto &, uint32_t) {}; // after each page
+    uint32_t failing_page = UINT32_MAX, pages = 0;
+};
+
+// Lists the numbers after `start` in ascending order, with empty pages between. A key is the last number of a page.
+struct number_source : list_source {
+    number_table &table;
+    uint32_t last;
+    number_source(number_table &listed, uint64_t start)
+        : table(listed)
+        , last(static_cast<uint32_t>(start))
+    {}
+    position fetch(uint32_t max_items, json_writer &json) override
+    {
+        EXPECT_TRUE(max_items >= 1 && max_items <= max_page_items) << max_items;
+        if (++table.pages == table.failing_page) {
+            throw unavailable("numbers: gone");
+        }
+        position at;
+        max_items = table.pages % 3 == 2 ? 0 : max_items; // a source whose filter rejects all rows of a page
+        auto next = table.numbers.upper_bound(last);
+        for (; next != table.numbers.end() && at.count < max_items; next++, at.count++) {
+            json.number(*next);
+            last = *next;
+        }
+        at.more = next != table.numbers.end();
+        at.key = std::to_string(last);
+        table.change(table, last);
+        return at;
+    }
+};
+
+// Follows the cursors as a client does. Returns the numbers of all answers.
+std::vector<uint32_t> read_all(number_table &table, uint64_t limit)
+{
+    const resync_requester resyncs;
+    std::vector<uint32_t> read;
+    for (std::string key = "0"; !key.empty();) {
+        list_stream stream("number", std::make_unique<number_source>(table, std::stoul(key)), limit, resyncs);
+        std::string text;
+        while (!stream.finished()) {
+            stream.write_next(text);
+        }
+        const auto answer = nlohmann::json::parse(text);
+        EXPECT_LE(answer["l2fib-mac:number"].size(), limit);
+        std::ranges::copy(answer["l2fib-mac:number"], std::back_inserter(read));
+        key = answer.contains("l2fib-mac:next-cursor") ? key_of_cursor(answer["l2fib-mac:next-cursor"]) : "";
+    }
+    return read;
+}
+
+// Adds or erases every other number near the page's end, so also the number that the cursor names.
+void stir(number_table &table, uint32_t last)
+{
+    for (uint32_t number = std::max(last, 21u) - 20; number < std::min(last + 20, max_number); number++) {
+        if (number % standing_step != 0 && table.numbers.erase(number) == 0) {
+            table.numbers.insert(number);
+        }
+    }
+}
+
+TEST(Lists, HaveEachStandingItemOnceWhileTheTableChanges)
+{
+    for (const uint64_t limit : std::vector<uint64_t>{1, 7, 199, 200, 201, 700, list_stream::no_limit}) {
+        number_table still, stirred{.change = stir};
+        EXPECT_EQ(read_all(still, limit), std::vector(standing.begin(), standing.end())) << limit;
+        const std::vector<uint32_t> read = read_all(stirred, limit);
+        EXPECT_TRUE(std::ranges::is_sorted(read, std::less_equal())) << limit; // so no number appears twice
+        EXPECT_TRUE(std::ranges::includes(read, standing)) << limit;
+        number_table emptied{.change = [](number_table &table, uint32_t) { table.numbers.clear(); }};
+        EXPECT_EQ(read_all(emptied, limit).size(), std::min<uint64_t>(limit, max_page_items)) << limit;
+    }
+}
+
+TEST(Lists, EndWithTheErrorOfALaterPage)
+{
+    for (const bool is_stopping : {false, true}) {
+        resync_requester resyncs;
+        number_table table{.failing_page = is_stopping ? UINT32_MAX : 2};
+        list_stream stream("number", std::make_unique<number_source>(table, 0u), list_stream::no_limit, resyncs);
+        std::string text;
+        stream.write_next(text);
+        if (is_stopping) {
+            resyncs.give_up();
+        }
+        stream.write_next(text);
+        EXPECT_TRUE(stream.finished());
+        EXPECT_FALSE(nlohmann::json::accept(text)) << "a cut list must not parse";
+        const auto answer = nlohmann::json::parse(text + "}");
+        EXPECT_EQ(answer["l2fib-mac:number"].size(), max_page_items);
+        EXPECT_EQ(answer["ietf-restconf:errors"]["error"][0]["error-message"], stream.failure());
+        EXPECT_NE(stream.failure().find(is_stopping ? "stopping" : "gone"), std::string::npos) << stream.failure();
+        list_stream late("number", std::make_unique<number_source>(table, 0u), list_stream::no_limit, resyncs);
+        table.failing_page = table.pages + 1;
+        EXPECT_THROW(late.write_next(text), api_error); // no page is sent yet, so the answer gets the error's status
+    }
+}
+
+struct socket_pair {
+    int ends[2] = {-1, -1};
+    int &server = ends[0];
+    socket_pair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0); }
+    ~socket_pair() { static_cast<void>(close(ends[0]) + close(ends[1])); }
+    bool is_cut(int milliseconds) const // waits at most this long
+    {
+        pollfd client = {ends[1], POLLIN, 0};
+        return poll(&client, 1, milliseconds) == 1;
+    }
+};
+
+TEST(RequestDeadlines, CutOnlySocketsWhoseTimeHasPassed)
+{
+    constexpr std::chrono::seconds soon(1), late(3600);
+    constexpr int long_enough = 20'000, at_once = 0;
+    const socket_pair patient, urgent, forgotten, extended, last;
+    request_deadlines deadlines;
+    deadlines.start();
+    deadlines.expect_request(patient.server, late);
+    deadlines.expect_request(urgent.server, std::chrono::seconds(0)); // before the deadline that the thread waits for
+    EXPECT_TRUE(urgent.is_cut(long_enough));
+    deadlines.expect_request(forgotten.server, soon);
+    deadlines.forget(forgotten.server);
+    deadlines.expect_request(extended.server, soon);
+    deadlines.expect_request(extended.server, late);
+    deadlines.expect_request(last.server, soon); // once this one is cut, the two above would have been cut as well
+    EXPECT_TRUE(last.is_cut(long_enough));
+    deadlines.stop(); // does not wait for the late deadlines
+    deadlines.stop();
+    EXPECT_FALSE(patient.is_cut(at_once) || forgotten.is_cut(at_once) || extended.is_cut(at_once));
+}
+
+TEST(Routing, RefusesByPathThenMethodThenParameters)
+{
+    const struct {
+        std::string_view method, uri;
+        unsigned status;
+        std::string_view tag, text, allow = {};
+    } rows[] = {
+        {"POST", "data/l2fib-mac:nothing?x=y", 404, "unknown-element", "nothing"},
+        {"GET", "data/l2fib-mac:mac-count/", 404, "unknown-element", "mac-count/"},
+        {"GET", "data/l2fib-mac:domains/domain=a/b", 404, "unknown-element", "=*/b"},
+        {"GET", "data/l2fib-mac:domains/domain=a%2Fb", 404, "invalid-value", "\"a/b\""},
+        {"GET", "data/l2fib-mac:domains/domain=*", 404, "invalid-value", "\"*\""},
+        {"PUT", "data/l2fib-mac:mac-count?x=y", 405, "operation-not-supported", "PUT", "GET, HEAD"},
+        {"GET", "operations/l2fib-mac:resync", 405, "operation-not-supported", "GET", "POST"},
+        {"GET", "data/l2fib-mac:ports/port?mac=x", 400, "invalid-value", "limit, cursor"},
+        {"GET", "data/l2fib-mac:ports/port=1?limit=1", 400, "invalid-value", "none"},
+    };
+    resync_requester resyncs;
+    const api_context context{resyncs, [] { return server_health(); }};
+    for (const auto &row : rows) {
+        try {
+            answer_request({row.method, std::string("/restconf/").append(row.uri)}, context);
+            ADD_FAILURE() << row.uri << " was not refused";
+        } catch (const api_error &error) {
+            EXPECT_EQ(std::tuple(static_cast<unsigned>(error.status), error.tag, error.allow),
+                      std::tuple(row.status, row.tag, row.allow))
+                << row.uri;
+            EXPECT_NE(error.message.find(row.text), std::string::npos) << error.message;
+        }
+    }
+}
+
+} // namespace
