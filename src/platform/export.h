@@ -3,7 +3,7 @@
 /*
  * Linkage and visibility, for every header that a C program may include.
  *
- * The libraries are compiled with hidden visibility: what is not marked L2FIB_EXPORT cannot be reached from outside.
+ * The libraries are compiled with hidden visibility: they export only what is marked L2FIB_EXPORT.
  */
 #pragma once
 
@@ -13,7 +13,7 @@
 
 #define L2FIB_EXPORT __attribute__((visibility("default")))
 
-/* A service that a platform may lack: its address is null then, and the caller does without. */
+/* Marks a function that a platform may lack. Its address is then null, and the caller works without it. */
 #define L2FIB_OPTIONAL __attribute__((weak))
 
 #ifdef __cplusplus
@@ -24,5 +24,5 @@
 #define L2FIB_END_DECLS
 #endif
 
-/* Opaque handles and stored callbacks have the width of a pointer, and several fixed layouts count on it. */
+/* Opaque handles and stored callbacks are pointers, and several fixed layouts depend on their width. */
 static_assert(sizeof(void *) == 8, "the module is laid out for 64-bit pointers");
