@@ -186,14 +186,8 @@ static_assert(sizeof(l2fib_mac_edm_entry_t) == 44, "descriptor layout");
 typedef struct edm_mac_counters {
     uint32_t mac_cnt_sum;
     uint32_t mac_cnt_plain;
-    union {
-        uint32_t mac_cnt_f2;
-        uint32_t mac_cnt_static;
-    };
-    union {
-        uint32_t mac_cnt_f4;
-        uint32_t mac_cnt_local;
-    };
+    L2FIB_TWO_NAMES(uint32_t, mac_cnt_f2, mac_cnt_static);
+    L2FIB_TWO_NAMES(uint32_t, mac_cnt_f4, mac_cnt_local);
     uint32_t unused[2];
 } edm_mac_counters_t;
 

@@ -185,18 +185,9 @@ typedef struct l2fm_edm_ll_root {
 typedef struct l2fm_edm_mac_pool {
     uint32_t mac_cnt_sum;
     uint32_t mac_cnt_plain;
-    union {
-        uint32_t mac_cnt_f2;
-        uint32_t mac_cnt_static;
-    };
-    union {
-        uint32_t mac_cnt_f4;
-        uint32_t mac_cnt_local;
-    };
-    union {
-        uint32_t mac_cnt_f60;
-        uint32_t mac_cnt_bridge;
-    };
+    L2FIB_TWO_NAMES(uint32_t, mac_cnt_f2, mac_cnt_static);
+    L2FIB_TWO_NAMES(uint32_t, mac_cnt_f4, mac_cnt_local);
+    L2FIB_TWO_NAMES(uint32_t, mac_cnt_f60, mac_cnt_bridge);
     uint32_t mac_cnt_total; /* all entries: the table compares it with the limit */
     uint32_t bd_cnt;
     uint32_t bp_cnt; /* dummy ports included */

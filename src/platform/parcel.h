@@ -171,18 +171,9 @@ static_assert(sizeof(l2fib_mac_info_t) == 1912, "MAC info layout");
 typedef struct l2fib_mac_count_info {
     uint32_t mac_cnt_sum;
     uint32_t mac_cnt_plain;
-    union {
-        uint32_t mac_cnt_f2;
-        uint32_t mac_cnt_static;
-    };
-    union {
-        uint32_t mac_cnt_f4;
-        uint32_t mac_cnt_local;
-    };
-    union {
-        uint32_t mac_cnt_f60;
-        uint32_t mac_cnt_bridge;
-    };
+    L2FIB_TWO_NAMES(uint32_t, mac_cnt_f2, mac_cnt_static);
+    L2FIB_TWO_NAMES(uint32_t, mac_cnt_f4, mac_cnt_local);
+    L2FIB_TWO_NAMES(uint32_t, mac_cnt_f60, mac_cnt_bridge);
 } l2fib_mac_count_info_t;
 
 static_assert(sizeof(l2fib_mac_count_info_t) == 20, "MAC count layout");
