@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Chunk pools next to the general heap: elements of the size of a MAC entry, each written at both ends as soon as it is
-// handed out. Both start every round without memory: the pool is new and the heap is trimmed.
+// Chunk pools compared with the general heap. The elements have the size of a MAC entry. A benchmark writes both ends
+// of an element as soon as it gets it. Each round starts without memory: the pool is new and the heap is trimmed.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -17,8 +17,8 @@
 
 namespace {
 
-constexpr uint32_t element_size = 88;
-constexpr uint32_t element_count = 1000;
+constexpr uint32_t element_size = 88;    // of a MAC entry with its link, in bytes
+constexpr uint32_t element_count = 1000; // by how many elements the pool grows
 
 struct pool_source {
     chunk_pool_t *pool = chunk_create("bench", element_size, element_count, CHUNK_ZEROED_GROWABLE, 0, 0);
@@ -81,7 +81,7 @@ void hand_out(benchmark::State &state)
     state.SetItemsProcessed(state.iterations() * state.range(0));
 }
 
-// The distribution of single hand-outs, the clock included.
+// The distribution of the times of single allocations, with the time of reading the clock.
 template <typename source>
 void slowest(benchmark::State &state)
 {

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The host's ordered tree beside the containers that one would take otherwise, all on records of the same size.
+// The host's ordered tree compared with other containers, all with records of the same size.
 //
-// Records lie in one array, in the order of their arrival, with random keys over one tree or over 320. One iteration is
-// one pass over all of them; items_per_second is therefore what one operation costs. To compare, run
+// The records are in one array in the order of their insertion. They have random keys and belong to one tree or to 320
+// trees. One iteration is one pass over all records, so items_per_second gives the cost of one operation. To compare,
+// run
 //     ordtree_bench --benchmark_enable_random_interleaving=true --benchmark_repetitions=5
 //                   --benchmark_report_aggregates_only=true
 
@@ -35,32 +36,37 @@ namespace {
 using bench::measure;
 using key_type = uint64_t;
 
-constexpr size_t record_size = 88;
+constexpr size_t record_size = 88; // of a MAC entry with its link, in bytes
+constexpr size_t address_size = 6; // in bytes
+constexpr size_t padded_address_size = 8;
 
-// A record as large as a cached address, behind whatever a container wants to embed.
+// A record as large as a MAC entry. It begins with the hook that a container embeds.
 template <typename Hook>
 struct record : Hook {
-    uint8_t address[6];
+    uint8_t address[address_size];
     uint32_t tree;
-    char rest[record_size - sizeof(Hook) - 12];
+    char rest[record_size - sizeof(Hook) - padded_address_size - sizeof(uint32_t)];
 };
 
 struct no_hook {
     void *unused;
 };
 
+// A key is the address as a number, whose first byte is the most significant one.
+constexpr uint32_t unused_key_bits = 64 - 8 * address_size;
+
 template <typename Record>
 key_type key_of(const Record &of)
 {
     key_type key = 0;
     std::memcpy(&key, of.address, sizeof(of.address));
-    return __builtin_bswap64(key) >> 16;
+    return __builtin_bswap64(key) >> unused_key_bits;
 }
 
 template <typename Record>
 void set_key(Record &of, key_type key)
 {
-    key = __builtin_bswap64(key << 16);
+    key = __builtin_bswap64(key << unused_key_bits);
     std::memcpy(of.address, &key, sizeof(of.address));
 }
 
@@ -72,7 +78,7 @@ public:
     ordtree_container()
     {
         if (Described) {
-            ordtree_describe_key(compare, sizeof(ordtree_link_t), 6, ORDTREE_KEY_BYTES);
+            ordtree_describe_key(compare, sizeof(ordtree_link_t), address_size, ORDTREE_KEY_BYTES);
         }
         ordtree_init(&tree, 1, nullptr, compare);
     }
@@ -105,8 +111,8 @@ public:
 private:
     static uint32_t compare(const ordtree_link_t *first, const ordtree_link_t *second)
     {
-        const int order =
-            std::memcmp(static_cast<const element *>(first)->address, static_cast<const element *>(second)->address, 6);
+        const int order = std::memcmp(static_cast<const element *>(first)->address,
+                                      static_cast<const element *>(second)->address, address_size);
         return order < 0 ? ORDTREE_LESS : order == 0 ? ORDTREE_EQUAL : ORDTREE_GREATER;
     }
 
@@ -122,7 +128,7 @@ private:
     ordtree_t tree{};
 };
 
-// Containers of pointers or hooks that are ordered by comparing records with each other and with keys.
+// The order of containers that compare records, or pointers to them, with each other and with keys.
 struct by_key {
     using is_transparent = void;
     template <typename Record>
@@ -238,7 +244,7 @@ private:
 };
 #endif
 
-// Random even keys, so that each odd one is absent.
+// A set of records with random even keys. Each odd key is absent.
 template <typename Container>
 class population {
 public:
@@ -287,7 +293,7 @@ public:
     };
 
     std::vector<element> records;
-    std::vector<question> order; // of random access, other than the order of arrival
+    std::vector<question> order; // a random order of access, different from the order of insertion
     std::unique_ptr<Container[]> containers;
     size_t container_count;
 };

@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// A whole table asked for in pages through the operational database, as an operator's command does: by bridge domain,
-// by port, in order of creation. Figures are of one item and of one page, from the request to the item in the
-// requester's hands; `locked` is the share of the time in which the requests held the table lock, which is when a feed
-// would wait.
+// Reads a whole table in pages through the operational database, as an operator's command does: by bridge domain, by
+// port, in order of creation. A figure is the time of one item or of one page, from the request until the requester has
+// the item. `locked` is the share of the time in which the requests hold the table lock; a feed would wait then.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -21,7 +20,7 @@ using clock_type = std::chrono::steady_clock;
 
 thread_local uint32_t lock_depth;
 thread_local clock_type::time_point locked_at;
-std::chrono::nanoseconds locked; // written by whoever holds the lock
+std::chrono::nanoseconds locked; // the holder of the table lock writes it
 
 using lock_fn = void (*)();
 
@@ -32,7 +31,7 @@ lock_fn next_lock_function(const char *name)
 
 } // namespace
 
-// These win over the module's own, which it calls by its exported names.
+// The linker prefers these functions to the module's own ones, also for calls inside the module.
 
 void l2fib_mac_edm_mutex_lock()
 {
@@ -54,11 +53,14 @@ void l2fib_mac_edm_mutex_unlock()
 
 namespace {
 
-// The cache is up to date already.
+// The table needs no resync: it always holds what was fed.
 void end_resync()
 {
-    l2fib_mac_edm_resync_complete(0);
+    l2fib_mac_edm_resync_complete(EDM_RESYNC_STATUS_DONE);
 }
+
+constexpr const char *module_threads[] = {EDM_REQUEST_THREAD_PATH, EDM_CACHE_THREAD_PATH};
+constexpr uint32_t max_thread_wait = 60; // in seconds
 
 void start_module()
 {
@@ -74,12 +76,12 @@ void start_module()
         || l2fib_mac_edm_defn_init(&limit, UINT32_MAX) != 0) {
         std::abort();
     }
-    for (const char *path : {"/dev/l2fib_mac_edm", "/dev/l2fib_mac_cache"}) {
-        host::event_manager_wait(path, 60);
+    for (const char *path : module_threads) {
+        host::event_manager_wait(path, max_thread_wait);
     }
 }
 
-// Fills the table anew unless it has this size already.
+// Fills the table with `count` entries, unless it has that many already.
 void fill_table(size_t count)
 {
     static size_t filled;
@@ -121,7 +123,7 @@ std::vector<std::string> each_port()
     std::vector<std::string> paths;
     for (uint16_t bridge_id = 1; bridge_id <= bench::bridge_domains; bridge_id++) {
         for (uint32_t port = 0; port < bench::ports_of_bd; port++) {
-            paths.push_back("mac-table/port/" + std::to_string(bridge_id * 1000u + port) + "/domain/"
+            paths.push_back("mac-table/port/" + std::to_string(bench::xcid_of(bridge_id, port)) + "/domain/"
                             + bench::domain_name(bridge_id));
         }
     }
@@ -181,9 +183,9 @@ int main(int argc, char **argv)
     start_module();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
-    for (const char *path : {"/dev/l2fib_mac_edm", "/dev/l2fib_mac_cache"}) {
+    for (const char *path : module_threads) {
         event_manager_t *evm = host::event_manager_find(path);
         host::event_manager_stop(evm);
-        host::event_manager_join(evm, 60);
+        host::event_manager_join(evm, max_thread_wait);
     }
 }

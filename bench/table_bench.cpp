@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The table under the work it exists for: random unicast addresses over 10 bridge domains of 32 ports, fed one by one
-// through the exported interface, looked up, walked, marked and swept. Every figure is the time of one entry.
+// The table at its main work. The addresses are random, over 10 bridge domains with 32 ports each. The benchmarks feed
+// them one by one through the exported interface, look them up, walk over them, mark and sweep them. Each figure is the
+// time of one entry.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -26,7 +27,10 @@ using bench::make_entries;
 using bench::measure;
 using clock_type = std::chrono::steady_clock;
 
-// A started table for the life of one benchmark, filled with `count` entries unless told otherwise.
+// Of the first byte of an address. No entry of the table has it.
+constexpr uint8_t multicast_bit = 1;
+
+// A started table for the life of one benchmark. With `fill` it holds `count` entries, without it none.
 struct filled_table {
     explicit filled_table(int64_t count, bool fill = true)
         : entries(make_entries(static_cast<size_t>(count)))
@@ -34,7 +38,7 @@ struct filled_table {
         static uint32_t limit_cell;
         create_objects();
         l2fm_edm_table_init();
-        l2fib_mac_edm_defn_init(&limit_cell, 0xffffffffu);
+        l2fib_mac_edm_defn_init(&limit_cell, UINT32_MAX);
         if (fill) {
             feed();
             std::shuffle(entries.begin(), entries.end(), std::mt19937_64(2));
@@ -107,7 +111,8 @@ void feed_again(benchmark::State &state)
     report(state, table.entries.size());
 }
 
-// Looks every address up by bridge domain; `flip` makes them addresses that are not there.
+// Looks up every address by bridge domain. Each lookup flips the bits `flip` of the first byte: 0 for a cached address,
+// `multicast_bit` for an absent one.
 void look_up(benchmark::State &state, uint8_t flip)
 {
     filled_table table(state.range(0));
@@ -130,7 +135,7 @@ void look_up_hit(benchmark::State &state)
 }
 void look_up_absent(benchmark::State &state)
 {
-    look_up(state, 1);
+    look_up(state, multicast_bit);
 }
 
 void successor_of_absent(benchmark::State &state)
@@ -139,7 +144,7 @@ void successor_of_absent(benchmark::State &state)
     for (auto _ : state) {
         measure(state, [&] {
             for (l2fib_mac_edm_entry_t &entry : table.entries) {
-                entry.mac_addr[0] ^= 1;
+                entry.mac_addr[0] ^= multicast_bit;
                 const l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(entry.xcid);
                 benchmark::DoNotOptimize(l2fm_edm_table_bp_macaddr_get_next(&bp->mac_tree, entry.mac_addr));
             }
@@ -164,7 +169,7 @@ void full_resync(benchmark::State &state)
 uint32_t count_visit(l2fm_edm_mac_t *mac, void *cookie)
 {
     *static_cast<uint64_t *>(cookie) += mac->flags + 1u;
-    return 1;
+    return EDM_WALK_CONTINUE;
 }
 
 void walk_in_order(benchmark::State &state)

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Time on the processor: on a machine that others use, the time on the wall says little.
+// Time that a thread runs on a processor. On a machine with other work, wall-clock time measures that work too.
 #pragma once
 
 #include <benchmark/benchmark.h>
@@ -16,7 +16,7 @@ inline double thread_seconds()
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// Makes one pass of some work an iteration of a benchmark with manual time.
+// Runs `pass` as one iteration of a benchmark with manual time.
 template <typename Pass>
 void measure(benchmark::State &state, Pass pass)
 {

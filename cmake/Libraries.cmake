@@ -37,6 +37,8 @@ l2fib_add_library(l2fib_mac_edm
 # functions of its own.
 target_compile_options(l2fib_mac_edm PRIVATE
     -fno-exceptions -fno-rtti -fno-semantic-interposition -fno-plt)
+# The module follows the lock attributes of its own interface. Others choose that for themselves.
+target_compile_definitions(l2fib_mac_edm PRIVATE L2FIB_CHECKS_TABLE_LOCK)
 if(TARGET l2fib_host)
     target_link_libraries(l2fib_mac_edm PRIVATE l2fib_host l2fib_no_undefined)
 endif()

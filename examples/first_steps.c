@@ -1,14 +1,14 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 
 /*
- * First steps with the table: start it, feed what the hardware holds, and drop what it holds no longer.
+ * First steps with the table: start it, feed what the hardware holds, and remove what the hardware no longer holds.
  *
- * A forwarding process starts the whole module with l2fib_mac_edm_init, whose threads create the table and serve the
- * operational database. This program needs the table alone and creates it itself.
+ * A forwarding process starts the whole module with l2fib_mac_edm_init. The module's threads then create the table and
+ * serve the operational database. This program needs the table only, and creates it itself.
  *
- * The table asks the forwarding manager for the names of bridge domains and for what its ports are. Here the program
- * answers itself, for the one bridge domain and the two ports it has: a function of the platform that the program
- * defines stands in for that of the host platform, which serves everything else.
+ * The table asks the forwarding manager for the names of bridge domains and for the kinds of ports. This program has
+ * one bridge domain and two ports, and answers for them itself: the three functions that it defines replace those of
+ * the host platform. The host platform serves everything else.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -18,17 +18,19 @@
 #include "platform/l2fib.h"
 
 #define ENTRIES 10u
+#define ENTRY_LIMIT 1000u
 #define BRIDGE_ID 1u
 #define FIRST_PORT 10u
+#define PORTS 2u
 
 /* ---- The forwarding manager ---- */
 
 enum { KNOWN = 0, UNKNOWN = 1 };
 
-/* A context is what the forwarding manager likes to recognise an object by: here, its class. */
+/* A context is a handle that only the forwarding manager understands. Here it is the object's class. */
 uint32_t l2fib_get_plat_ctx_by_id(uint32_t object_class, uint32_t id, l2fib_ctx_t *ctx)
 {
-    const int is_ours = object_class == L2FIB_CLASS_BRIDGE_DOMAIN ? id == BRIDGE_ID : id - FIRST_PORT < 2;
+    const int is_ours = object_class == L2FIB_CLASS_BRIDGE_DOMAIN ? id == BRIDGE_ID : id - FIRST_PORT < PORTS;
     *ctx = (void *)(uintptr_t)object_class;
     return is_ours ? KNOWN : UNKNOWN;
 }
@@ -71,13 +73,13 @@ static void feed(unsigned number)
 {
     l2fib_mac_edm_entry_t entry = {
         .bridge_id = BRIDGE_ID,
-        .xcid = FIRST_PORT + number % 2,
+        .xcid = FIRST_PORT + number % PORTS,
         .mac_addr = {0x02, 0, 0, 0, 0, (uint8_t)number},
     };
     check(l2fib_mac_edm_add(&entry), "feed");
 }
 
-/* Called for each entry, with the table lock held: the record may be read, and is not kept. */
+/* The walk calls this for each entry and holds the table lock. The record is valid until it returns. */
 static uint32_t print(l2fm_edm_mac_t *mac, void *cookie)
 {
     unsigned *count = cookie;
@@ -85,7 +87,7 @@ static uint32_t print(l2fm_edm_mac_t *mac, void *cookie)
     printf("%02x:%02x:%02x:%02x:%02x:%02x  port %u  %s\n", a[0], a[1], a[2], a[3], a[4], a[5], mac->bp->xcid,
            mac->bp->bd->bd_name);
     (*count)++;
-    return 1; /* go on */
+    return EDM_WALK_CONTINUE;
 }
 
 static unsigned print_table(const char *title)
@@ -98,17 +100,17 @@ static unsigned print_table(const char *title)
 
 int main(void)
 {
-    /* How many entries there may be. The cell stays the platform's, which may write it again later. */
+    /* The cell with the MAC entry limit. The platform owns it and may write it again later. */
     static uint32_t limit;
     check(l2fm_edm_table_init(), "start of the table");
-    check(l2fib_mac_edm_defn_init(&limit, 1000), "definition of the limit");
+    check(l2fib_mac_edm_defn_init(&limit, ENTRY_LIMIT), "definition of the limit");
 
     for (unsigned number = 0; number < ENTRIES; number++) {
         feed(number);
     }
     print_table("After the first feed");
 
-    /* The hardware is read anew: everything is doubtful until it is fed again. */
+    /* The program reads the hardware again: it marks all entries, feeds those that are still there, and sweeps. */
     check(l2fib_mac_edm_mark_all(), "mark");
     for (unsigned number = 0; number < ENTRIES / 2; number++) {
         feed(number);

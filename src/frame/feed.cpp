@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The hardware MAC feed: files what the platform reports. One call is one critical section, so that nobody sees a
-// half-filed entry.
+// The hardware MAC feed: stores in the table what the platform reports. One call is one critical section, so no other
+// thread sees an entry half stored.
 #include "l2fm_edm_table.h"
 #include "table/address_index.h"
 #include "table/element.h"
@@ -15,59 +15,61 @@ using edm::trace_word;
 
 constexpr char operation[] = "l2fib_mac_edm_add";
 
-// Whether the last feed made an entry: feeds come in runs, of new addresses or of known ones. Under the table lock.
-constinit bool is_filling = false;
+// Whether the last feed created an entry. Feeds come in runs, of new addresses or of known ones, so it predicts the
+// next.
+constinit bool is_filling L2FIB_GUARDED_BY_TABLE_LOCK = false;
 
-// Each of the following finds or makes one thing that the entry needs, and traces why it cannot be had.
+// Each of the following functions finds or creates one record that the entry needs. On failure it traces why.
 
-l2fm_edm_bd_t *bridge_domain_of(const l2fib_mac_edm_entry_t *entry)
+l2fm_edm_bd_t *bridge_domain_of(const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
     l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_by_bridgeid(entry->bridge_id);
     if (bd == nullptr) {
         bd = l2fm_edm_table_bd_create(entry->bridge_id);
     }
     if (bd == nullptr) {
-        EDM_TRACE_AS(operation, 1915, entry->bridge_id);
+        EDM_TRACE_AS(operation, EDM_TRACE_FEED_NO_BD, entry->bridge_id);
     }
     return bd;
 }
 
-l2fm_edm_bp_t *dummy_port_of(l2fm_edm_bd_t *bd)
+l2fm_edm_bp_t *dummy_port_of(l2fm_edm_bd_t *bd) L2FIB_REQUIRES_TABLE_LOCK
 {
     l2fm_edm_bp_t *bp = l2fm_edm_table_bd_bp_get(bd, EDM_XCID_DUMMY);
     if (bp == nullptr) {
         bp = l2fm_edm_table_bp_create_dummy(bd, EDM_XCID_DUMMY);
     }
     if (bp == nullptr) {
-        EDM_TRACE_AS(operation, 1965, EDM_XCID_DUMMY);
+        EDM_TRACE_AS(operation, EDM_TRACE_FEED_NO_DUMMY_PORT, EDM_XCID_DUMMY);
     }
     return bp;
 }
 
-l2fm_edm_bp_t *ordinary_port_of(l2fm_edm_bd_t *bd, const l2fib_mac_edm_entry_t *entry)
+l2fm_edm_bp_t *ordinary_port_of(l2fm_edm_bd_t *bd, const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
     l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(entry->xcid);
     if (bp == nullptr) {
         bp = l2fm_edm_table_bp_create(bd, entry->xcid);
         if (bp == nullptr) {
-            EDM_TRACE_AS(operation, 1913, entry->xcid);
+            EDM_TRACE_AS(operation, EDM_TRACE_FEED_NO_PORT, entry->xcid);
         }
         return bp;
     }
     const uint32_t status = bp->refresh_pending != 0 ? l2fm_edm_table_bp_update(bp, entry->bridge_id) : 0;
     if (status != 0) {
-        EDM_TRACE_AS(operation, 1915, bp->xcid, status);
+        EDM_TRACE_AS(operation, EDM_TRACE_FEED_PORT_NOT_REFRESHED, bp->xcid, status);
         return nullptr;
     }
     return bp;
 }
 
-l2fm_edm_bp_t *port_of(l2fm_edm_bd_t *bd, const l2fib_mac_edm_entry_t *entry)
+l2fm_edm_bp_t *port_of(l2fm_edm_bd_t *bd, const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
     return (entry->flags & EDM_MAC_ON_DUMMY_PORT) != 0 ? dummy_port_of(bd) : ordinary_port_of(bd, entry);
 }
 
-uint32_t file_entry(const l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp, const l2fib_mac_edm_entry_t *entry)
+uint32_t file_entry(const l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp,
+                    const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (is_filling) {
         edm::expect_mac(bp, entry->mac_addr);
@@ -77,9 +79,9 @@ uint32_t file_entry(const l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp, const l2fib_mac_
     const uint32_t status =
         mac != nullptr ? l2fm_edm_table_mac_update(bp, mac, entry) : l2fm_edm_table_mac_create(bp, entry);
     if (status != 0) {
-        EDM_TRACE_AS(operation, 1916, entry->flags, entry->xcid, entry->bridge_id, trace_word(entry->mac_addr),
-                     trace_word(entry->mac_addr + 2), trace_word(entry->mac_addr + 4));
-        EDM_TRACE_AS(operation, 1960, status);
+        EDM_TRACE_AS(operation, EDM_TRACE_FEED_REFUSED, entry->flags, entry->xcid, entry->bridge_id,
+                     trace_word(entry->mac_addr), trace_word(entry->mac_addr + 2), trace_word(entry->mac_addr + 4));
+        EDM_TRACE_AS(operation, EDM_TRACE_FEED_STATUS, status);
     }
     return status;
 }
@@ -89,7 +91,7 @@ uint32_t file_entry(const l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp, const l2fib_mac_
 uint32_t l2fib_mac_edm_add(const l2fib_mac_edm_entry_t *entry)
 {
     if (entry == nullptr) {
-        EDM_TRACE(1914);
+        EDM_TRACE(EDM_TRACE_FEED_NO_ENTRY);
         return EDM_ERR_INVALID_ARGS;
     }
     const edm::scoped_lock lock;

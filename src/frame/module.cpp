@@ -53,7 +53,7 @@ uint32_t l2fib_mac_edm_defn_init(uint32_t *limit_cell, uint32_t limit)
     if (limit_cell == nullptr) {
         return EDM_ERR_INVALID_ARGS;
     }
-    // Entries may be fed meanwhile: who sees the cell has to see its limit.
+    // Other threads may feed entries meanwhile. A thread that sees the cell must also see the limit in it.
     edm::poke(*limit_cell, limit);
     edm::publish(hw_edm_pool, limit_cell);
     return 0;

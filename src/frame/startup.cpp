@@ -10,7 +10,7 @@
 namespace edm {
 namespace {
 
-// Sets the resync wait time to its default, which the platform may change.
+// Sets the resync wait time to its default, then lets the platform change it.
 uint32_t set_wait_time()
 {
     l2fib_mac_edm_capabilities = EDM_RESYNC_WAIT_TIME;
@@ -20,7 +20,7 @@ uint32_t set_wait_time()
 uint32_t traced(uint32_t status)
 {
     if (status != 0) {
-        EDM_TRACE_AS("l2fib_mac_edm_init", 1951, status);
+        EDM_TRACE_AS("l2fib_mac_edm_init", EDM_TRACE_START_FAILED, status);
     }
     return status;
 }
@@ -37,7 +37,7 @@ uint32_t l2fib_mac_edm_init(event_manager_t *evm, void *edm_handle, msg_chan_t *
     if (const uint32_t status = l2fib_debug_init(evm, edm_handle, lwm_chan, pd_cb); status != 0) {
         return edm::traced(status);
     }
-    // The one failure without a trace point.
+    // The only failure without a trace point.
     if (const uint32_t status = l2fib_mac_edm_init_pd_cb(pd_cb); status != 0) {
         return status;
     }

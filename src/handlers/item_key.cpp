@@ -17,13 +17,16 @@ namespace {
 
 constexpr unsigned mac_words = 3;
 constexpr size_t mac_words_size = sizeof("ffff,ffff,ffff");
+constexpr unsigned vtep_addr_digits = 8;
+constexpr unsigned bits_of_digit = 4;
 
-// Writes lower-case hexadecimal without leading zeros beyond `least_digits`; returns its end.
-char *put_hex(char *out, uint32_t value, unsigned least_digits = 1)
+// Writes lower-case hexadecimal of at least `min_digits` digits. Returns the end of the text.
+char *put_hex(char *out, uint32_t value, unsigned min_digits = 1)
 {
-    const unsigned digits = std::max(least_digits, (static_cast<unsigned>(std::bit_width(value)) + 3) / 4);
-    for (unsigned shift = digits * 4; shift != 0; shift -= 4) {
-        *out++ = "0123456789abcdef"[(value >> (shift - 4)) & 0xf];
+    const unsigned bits = static_cast<unsigned>(std::bit_width(value));
+    const unsigned digits = std::max(min_digits, (bits + bits_of_digit - 1) / bits_of_digit);
+    for (unsigned shift = digits * bits_of_digit; shift != 0; shift -= bits_of_digit) {
+        *out++ = "0123456789abcdef"[(value >> (shift - bits_of_digit)) & 0xf];
     }
     return out;
 }
@@ -44,7 +47,7 @@ char *put_text(char *out, std::string_view text)
     return std::copy(text.begin(), text.end(), out);
 }
 
-// Takes the next part off a name, as far as a ":".
+// Removes the next part and its ":" from the front of a name. Returns the part.
 std::string_view take_part(std::string_view &name)
 {
     name.remove_prefix(std::min(name.find_first_not_of(':'), name.size()));
@@ -55,7 +58,7 @@ std::string_view take_part(std::string_view &name)
 
 void print_tail(mac_item_names::tail &tail, const l2fm_edm_bd_t *bd, domain_part rule)
 {
-    static_assert(sizeof(tail.text) >= EDM_BD_NAME_SIZE + 2, "two commas for at least no colon");
+    static_assert(sizeof(tail.text) >= EDM_BD_NAME_SIZE + 2, "two commas, and the colon may be missing");
     static_assert(item_name_size >= mac_words_size + sizeof(tail.text), "a whole name fits");
     const name_parts parts = split_full_name(bd->bd_name, rule);
     char *out = tail.text;
@@ -81,7 +84,7 @@ const char *print_mac_item_name(mac_item_names &names, const l2fm_edm_bd_t *bd, 
         print_tail(tail, bd, names.rule);
     }
     const size_t length = l2fib_hw_mac_to_item_key(mac, names.text, sizeof(names.text));
-    // A constant size is copied without a call.
+    // Copies the whole buffer, because the compiler copies a constant size without a call.
     std::memcpy(names.text + length, tail.text, sizeof(tail.text));
     return names.text;
 }
@@ -96,7 +99,8 @@ bool read_mac_item_key(const edm_list_req_t *request, const key_limits &limits, 
     uint32_t words[mac_words];
     char group[key_text_size];
     char domain[key_text_size];
-    // A number that is too large keeps its low bits and names an entry that is not there.
+    static_assert(key_text_size == 101, "the format has the length of the texts without their final zeros");
+    // A number that is too large keeps its low bits. The key then names an entry that does not exist.
     if (request->start_key == nullptr
         || std::sscanf(request->start_key, "%x,%x,%x,%100[^,],%100[^,]", // NOLINT(cert-err34-c)
                        &words[0], &words[1], &words[2], group, domain)
@@ -132,7 +136,7 @@ void print_vtep_item_name(char (&text)[item_name_size], const l2fm_edm_bp_t *bp,
     *out++ = ',';
     out = put_hex(out, bp->seg_info2);
     *out++ = ',';
-    *put_hex(out, ntohl(address), 8) = '\0';
+    *put_hex(out, ntohl(address), vtep_addr_digits) = '\0';
 }
 
 } // namespace edm

@@ -1,16 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Names of items: what a handler prints for each item of a list, and reads back as the start key of the request that
-// continues the list.
+// Names of items. A handler prints a name for each item of a list. The request that continues the list has the last
+// name as its start key, which the handler reads back.
 //
 //     MAC entry   word,word,word,group,domain     words of the address in hexadecimal; the two parts of the full name
-//     VTEP        xcid,seg_info2,address          all in hexadecimal, the address in host order and eight digits wide
+//     VTEP        xcid,seg_info2,address          all in hexadecimal; the address in host order with eight digits
 //
-// Not obvious: a name cannot always be read back. A full name without one of its two parts prints an empty text in its
-// place, which no key may hold, and a comma inside a part ends that part early. Such a key is malformed or finds no
-// entry; a list that stops exactly there cannot be continued.
+//     200,0,a01,group,first                       02:00:00:00:0a:01 in the bridge domain "group:first"
+//     2a,1388,c0000201                            192.0.2.1 on port 42 with seg_info2 5000
 //
-// Threads: the functions touch their arguments only; records need the table lock.
+// Notes: some names cannot be read back. If a full name lacks one of its two parts, its item name has an empty text
+// there, which no key may have. A comma inside a part ends that part early. The handler then rejects the key as
+// malformed or finds no entry, so a list that stops at such an item cannot be continued.
+//
+// Threads: the functions read and write their arguments only. Records need the table lock.
 #pragma once
 
 #include <cstddef>
@@ -20,16 +23,17 @@
 #include "table/element.h"
 
 extern "C" {
-// Prints the words of an entry's address, cut to `size` bytes with the end of the text. Returns the length printed.
+// Prints the words of an entry's address into `size` bytes, final zero included, and cuts what does not fit. Returns
+// the length of the printed text.
 size_t l2fib_hw_mac_to_item_key(const l2fm_edm_mac_t *mac, char *buffer, size_t size);
 }
 
 namespace edm {
 
-constexpr size_t item_name_size = 256;
-constexpr size_t key_text_size = 101;
+constexpr size_t item_name_size = 256; // of a printed name, in bytes
+constexpr size_t key_text_size = 101;  // of a text that is read back, in bytes
 
-// How far the domain's part of a full name goes: to the next ":", or to the end of the name whatever it holds.
+// Where the domain's part of a full name ends: at the next ":", or at the end of the name.
 enum class domain_part { to_next_colon, to_end };
 
 struct name_parts {
@@ -37,8 +41,8 @@ struct name_parts {
     std::string_view domain;
 };
 
-// Splits a full name. A part begins after any number of ":", save that one that reaches to the end begins right after
-// the ":" that ended the group; a part that is missing is empty.
+// Splits a full name. A part begins after any number of ":". With to_end the domain begins right after the ":" that
+// ended the group. A missing part is empty.
 //
 //                      to_next_colon   to_end
 //     g:d              g  d            g  d
@@ -48,21 +52,21 @@ struct name_parts {
 //     g   g:           g  (empty)      g  (empty)
 name_parts split_full_name(std::string_view full_name, domain_part domain);
 
-// The names of the MAC items of one reply. A bridge domain's name is split once for all of its entries, as long as not
-// too many bridge domains take turns. Good while the table lock is held.
+// The names of the MAC items of one reply. It keeps the split names of the latest bridge domains, because consecutive
+// entries usually share one. Valid while the caller holds the table lock.
 struct mac_item_names {
     struct tail {
-        const l2fm_edm_bd_t *bd; // whose tail it is
+        const l2fm_edm_bd_t *bd; // the bridge domain that `text` names; null: none yet
         char text[64];           // ",group,domain"
     };
-    static constexpr size_t tail_count = 16; // bridge domains share them by their ids
+    static constexpr size_t tail_count = 16; // a bridge domain uses the tail with the number: its id modulo this
 
     domain_part rule = domain_part::to_next_colon;
     tail tails[tail_count] = {};
     char text[item_name_size] = {};
 };
 
-// Prints the name of an entry of `bd` into `names.text`, and returns that.
+// Prints the name of an entry of `bd` into `names.text` and returns that text.
 const char *print_mac_item_name(mac_item_names &names, const l2fm_edm_bd_t *bd, const l2fm_edm_mac_t *mac);
 
 struct mac_item_key {
@@ -70,8 +74,8 @@ struct mac_item_key {
     char full_name[key_text_size];
 };
 
-// The longest parts that a handler accepts in a key. With `cut_long_names` the parts have no limit but the buffers',
-// and the full name is cut to its own.
+// How many characters of group and domain a handler accepts in a key. `configured_names` allows what a configuration
+// may contain. `any_names` allows what the buffers hold; the full name is then cut to its own buffer.
 struct key_limits {
     size_t group;
     size_t domain;
@@ -81,8 +85,8 @@ constexpr key_limits any_names = {key_text_size - 1, key_text_size - 1};
 
 bool has_start_key(const edm_list_req_t *request);
 
-// Read the start key of a request that has one. False when it has too few fields or a part that is too long; text after
-// the last field is ignored.
+// Read the start key of a request that has one. They return false if the key has too few fields or a part that is too
+// long. They ignore text after the last field.
 bool read_mac_item_key(const edm_list_req_t *request, const key_limits &limits, mac_item_key &key);
 
 struct vtep_item_key {

@@ -2,8 +2,10 @@
 
 // MAC entries with their records in order of creation.
 //
-// Not like the other lists of MAC entries: a failure at one entry fails the request, an empty cache is an error, and
-// the domain's part of an item name is all of the full name after its first ":".
+// Three differences to the other lists of MAC entries:
+//  - A failure at one entry fails the request.
+//  - An empty cache is an error.
+//  - An item name's domain is all of the full name behind its first ":".
 
 #include <cstring>
 
@@ -18,6 +20,7 @@ namespace edm {
 
 namespace {
 
+// The debug levels, a set of bits, at which this handler prints.
 constexpr uint32_t debug_level = 0x101;
 
 bool debugging()
@@ -30,15 +33,15 @@ bool is_placed(const l2fm_edm_mac_t *mac)
     return mac->bp != nullptr && mac->bp->bd != nullptr;
 }
 
-// Where the walk starts: the list's end when nothing follows the key's entry, null when that entry is gone.
-l2fm_edm_ll_link_t *resume(const mac_item_key &key)
+// Returns the link behind the key's entry: the list's end if that entry is the last, null if it no longer exists.
+l2fm_edm_ll_link_t *resume(const mac_item_key &key) L2FIB_REQUIRES_TABLE_LOCK
 {
     const l2fm_edm_mac_t *mac = l2fm_edm_table_mac_get_by_bdname_mac(key.full_name, key.mac_addr);
     return mac != nullptr ? mac->list_link.next : nullptr;
 }
 
-// Null when the list is empty.
-l2fm_edm_ll_link_t *start()
+// Returns the first link, or null if the list is empty.
+l2fm_edm_ll_link_t *start() L2FIB_REQUIRES_TABLE_LOCK
 {
     return root.ll_root.ll_count != 0 ? root.ll_root.ll_first : nullptr;
 }
@@ -58,7 +61,8 @@ void debug_item(const list_reply &reply, const char *name, const l2fm_edm_mac_t 
                 group, domain, full_name);
 }
 
-uint32_t encode_entry(const list_reply &reply, const l2fm_edm_mac_t *mac, encoded_record &encoded)
+uint32_t encode_entry(const list_reply &reply, const l2fm_edm_mac_t *mac,
+                      encoded_record &encoded) L2FIB_REQUIRES_TABLE_LOCK
 {
     l2fib_mac_info_t record;
     const uint32_t status = l2fib_hw_edm_fill_mac_parcel(&record, mac);
@@ -69,7 +73,7 @@ uint32_t encode_entry(const list_reply &reply, const l2fm_edm_mac_t *mac, encode
     return status != 0 ? status : encode_record(&record, &l2fib_bridge_mac_info_parcel, encoded);
 }
 
-uint32_t add_entry(list_reply &reply, mac_item_names &names, const l2fm_edm_mac_t *mac)
+uint32_t add_entry(list_reply &reply, mac_item_names &names, const l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 {
     encoded_record encoded;
     uint32_t status = encode_entry(reply, mac, encoded);
@@ -88,7 +92,7 @@ uint32_t add_entry(list_reply &reply, mac_item_names &names, const l2fm_edm_mac_
     return status;
 }
 
-uint32_t report(list_reply &reply, l2fm_edm_ll_link_t *link)
+uint32_t fill_list(list_reply &reply, l2fm_edm_ll_link_t *link) L2FIB_REQUIRES_TABLE_LOCK
 {
     const uint32_t wanted = reply.request->count;
     reply.request->count = 0;
@@ -98,8 +102,8 @@ uint32_t report(list_reply &reply, l2fm_edm_ll_link_t *link)
         if (!is_placed(mac)) {
             break;
         }
-        if (reply.added == reply_batch) {
-            // Without the flag the requester takes this for the end, and has a right answer that is short.
+        if (reply.added == max_mac_items_per_reply) {
+            // A failure is ignored: the requester then takes this page for the last one, and all its items are right.
             set_more_flag(reply);
             break;
         }
@@ -129,7 +133,7 @@ uint32_t serve(list_reply &reply)
     if (link == nullptr || (link != list_end() && !is_placed(mac_of_list_link(link)))) {
         return mac_request_failed(reply.handler, reply.kind, EDM_ERR_BAD_REQUEST);
     }
-    return report(reply, link);
+    return fill_list(reply, link);
 }
 
 } // namespace

@@ -2,9 +2,12 @@
 
 // MAC entries by bridge domain: names, names with records, and the record of one entry.
 //
-// The walk goes through bridge domains by name, their ports by xcid, the dummy port included, and the entries of a port
-// by address. A position in it is a bridge domain, a port of it and an entry of that; the entry is null where the port
-// has none (any more) to consider.
+// A walk visits bridge domains by name, their ports by xcid with the dummy port, and the entries of a port by address.
+// Its position is a bridge domain, a port and an entry. The entry is null if the port has no further entry to consider.
+//
+//      bd 1    port 10       a  b
+//              dummy port    c            From (bd 1, port 10, b) find_entry tries b, then c, then d,
+//      bd 2    port 20       d            and stops at the first one that passes the filter.
 
 #include <cerrno>
 #include <cstdlib>
@@ -21,7 +24,7 @@ namespace edm {
 
 namespace {
 
-// What the datalist handler takes for flagged; the list handler takes more.
+// The flagged bits of the datalist handler. The list handler has more of them.
 constexpr uint16_t datalist_flagged_entries = EDM_MAC_ON_DUMMY_PORT;
 
 struct mac_filter {
@@ -29,7 +32,7 @@ struct mac_filter {
     const uint8_t *mac_addr; // null: all addresses
     uint32_t kind;           // EDM_FILTER_ bits
     uint32_t value;
-    uint16_t flags; // 0: all entries
+    uint16_t flags; // an entry must have one of them; 0: all entries
 };
 
 struct position {
@@ -51,7 +54,7 @@ bool passes(const mac_filter &filter, const l2fm_edm_bp_t *bp)
     return true;
 }
 
-// An entry that carries no VTEP address is behind none, whatever address is asked for.
+// An entry without a VTEP address is behind no VTEP.
 bool is_behind_vtep(const l2fm_edm_mac_t *mac, uint32_t vtep)
 {
     return (mac->flags & EDM_MAC_VNI) != 0 && std::memcmp(vtep_addr(mac), &vtep, sizeof(vtep)) == 0;
@@ -63,21 +66,21 @@ bool passes(const mac_filter &filter, const l2fm_edm_mac_t *mac)
            && has_wanted_flags(mac, filter.flags);
 }
 
-// ---- Moves of the walk ----
+// ---- Steps of the walk ----
 
-l2fm_edm_mac_t *first_entry(const mac_filter &filter, l2fm_edm_bp_t *bp)
+l2fm_edm_mac_t *first_entry(const mac_filter &filter, l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
     return filter.mac_addr != nullptr ? l2fm_edm_table_bp_mac_get(&bp->mac_tree, filter.mac_addr)
                                       : l2fm_edm_table_bp_mac_get_first(bp);
 }
 
-void next_entry(const mac_filter &filter, position &at)
+void next_entry(const mac_filter &filter, position &at) L2FIB_REQUIRES_TABLE_LOCK
 {
     at.mac = filter.mac_addr != nullptr ? nullptr : l2fm_edm_table_bp_mac_get_next(at.bp, at.mac);
 }
 
-// To the first port of the next bridge domain that has one. False at the end.
-bool next_bridge_domain(const mac_filter &filter, position &at)
+// Steps to the first port of the next bridge domain that has a port. Returns false at the end.
+bool next_bridge_domain(const mac_filter &filter, position &at) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (filter.bd_name != nullptr) {
         return false;
@@ -89,8 +92,9 @@ bool next_bridge_domain(const mac_filter &filter, position &at)
     return at.bp != nullptr;
 }
 
-// To the next port and its first entry; a port that the filter passes over has none. False at the end.
-bool next_port(const mac_filter &filter, position &at)
+// Steps to the next port and its first entry. The entry is null if the filter rejects the port. Returns false at the
+// end.
+bool next_port(const mac_filter &filter, position &at) L2FIB_REQUIRES_TABLE_LOCK
 {
     at.bp = l2fm_edm_table_bd_bp_get_next(at.bd, at.bp);
     if (at.bp == nullptr && !next_bridge_domain(filter, at)) {
@@ -100,8 +104,8 @@ bool next_port(const mac_filter &filter, position &at)
     return true;
 }
 
-// To the first entry that passes the filter, from the present one on. False at the end.
-bool find_entry(const mac_filter &filter, position &at)
+// Steps to the first entry that passes the filter, the current one included. Returns false at the end.
+bool find_entry(const mac_filter &filter, position &at) L2FIB_REQUIRES_TABLE_LOCK
 {
     for (;;) {
         while (at.mac != nullptr) {
@@ -116,19 +120,19 @@ bool find_entry(const mac_filter &filter, position &at)
     }
 }
 
-// ---- Where a walk starts ----
+// ---- Start of a walk ----
 
 void trace_start(const char *handler, const position &at)
 {
     constexpr uint8_t no_address[mac_addr_size] = {};
     const uint8_t *address = at.mac != nullptr ? at.mac->mac_addr : no_address;
-    EDM_TRACE_AS(handler, trace_walk_start, at.bd != nullptr ? at.bd->bridge_id : 0,
+    EDM_TRACE_AS(handler, EDM_TRACE_WALK_STARTED, at.bd != nullptr ? at.bd->bridge_id : 0,
                  at.bp != nullptr ? at.bp->xcid : EDM_XCID_NONE, trace_word(address), trace_word(address + 2),
                  trace_word(address + 4));
 }
 
-// At the beginning of the scope. False when there is no bridge domain.
-bool start(const mac_filter &filter, const list_reply &reply, position &at)
+// Starts at the beginning of the scope. Returns false if there is no bridge domain.
+bool start(const mac_filter &filter, const list_reply &reply, position &at) L2FIB_REQUIRES_TABLE_LOCK
 {
     at.bd = filter.bd_name != nullptr ? l2fm_edm_table_bd_get_by_name(filter.bd_name)
                                       : l2fm_edm_table_bd_get_first_by_name();
@@ -141,8 +145,9 @@ bool start(const mac_filter &filter, const list_reply &reply, position &at)
     return at.bd != nullptr;
 }
 
-// After the entry that the key names. The filter is not asked about its port again. False when the entry is gone.
-bool resume(const mac_filter &filter, const mac_item_key &key, position &at)
+// Starts behind the entry that the key names, without a second look at the filter for its port. Returns false if that
+// entry no longer exists.
+bool resume(const mac_filter &filter, const mac_item_key &key, position &at) L2FIB_REQUIRES_TABLE_LOCK
 {
     at.mac = l2fm_edm_table_mac_get_by_bdname_mac(key.full_name, key.mac_addr);
     at.bp = at.mac != nullptr ? at.mac->bp : nullptr;
@@ -168,11 +173,11 @@ uint32_t read_key(const mac_filter &filter, const list_reply &reply, mac_item_ke
 
 // ---- List and datalist ----
 
-uint32_t report(const mac_filter &filter, list_reply &reply, position at)
+uint32_t fill_list(const mac_filter &filter, list_reply &reply, position at) L2FIB_REQUIRES_TABLE_LOCK
 {
     mac_item_names names = {.rule = domain_part::to_next_colon};
     while (find_entry(filter, at)) {
-        if (reply.added == reply_batch) {
+        if (reply.added == max_mac_items_per_reply) {
             const uint32_t status = set_more_flag(reply);
             return status == 0 ? 0 : mac_request_failed(reply.handler, reply.kind, status);
         }
@@ -200,12 +205,12 @@ uint32_t serve(const mac_filter &filter, list_reply &reply)
     if (!(resumed ? resume(filter, key, at) : start(filter, reply, at))) {
         return mac_request_failed(reply.handler, reply.kind, EDM_ERR_NO_ITEM);
     }
-    return report(filter, reply, at);
+    return fill_list(filter, reply, at);
 }
 
 // ---- Get ----
 
-// Asks the hardware about an entry, with both buffers zeroed.
+// Asks the hardware about an entry. Both buffers are zeroed, or null if memory was short.
 uint32_t query_hardware(const char *bd_name, const uint8_t *mac_addr, l2fib_mac_query_request_t *request,
                         l2fib_mac_query_t *query)
 {
@@ -221,13 +226,13 @@ uint32_t query_hardware(const char *bd_name, const uint8_t *mac_addr, l2fib_mac_
     return l2fib_platform_ctl_wrapper(L2FIB_CTL_QUERY_MAC, sizeof(argument), &argument, query);
 }
 
-// Brings the entry's static flag up to date; the counters stay as they counted the entry.
+// Sets the entry's static flag if the hardware reports it. The counters keep what they counted the entry as.
 uint32_t refresh_from_hardware(const char *bd_name, l2fm_edm_mac_t *mac)
 {
     auto *request = static_cast<l2fib_mac_query_request_t *>(std::calloc(1, sizeof(l2fib_mac_query_request_t)));
     auto *query = static_cast<l2fib_mac_query_t *>(std::calloc(1, sizeof(l2fib_mac_query_t)));
     const uint32_t status = query_hardware(bd_name, mac->mac_addr, request, query);
-    if (status == 0 && (query->state & L2FIB_MAC_QUERY_F2) != 0) {
+    if (status == 0 && (query->state & L2FIB_MAC_QUERY_STATIC) != 0) {
         mac->flags = static_cast<uint16_t>(mac->flags | EDM_MAC_STATIC);
     }
     std::free(query);

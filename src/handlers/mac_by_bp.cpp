@@ -20,22 +20,23 @@ struct port_query {
     uint32_t xcid;
 };
 
-uint32_t bring_up_to_date(const port_query &query, const list_reply &reply)
+uint32_t resync_port(const port_query &query, const list_reply &reply) L2FIB_EXCLUDES_TABLE_LOCK
 {
     const bool all = (query.request_flags & EDM_REQ_RESYNC_ALL) != 0;
     return resync(reply.handler, all ? EDM_RESYNC_ALL : EDM_RESYNC_BP, all ? 0 : query.xcid, 0, reply.request->request);
 }
 
-// The port, when it is there and belongs to the bridge domain that the request names.
-l2fm_edm_bp_t *find_port(const port_query &query)
+// Returns the port, or null if it does not exist or belongs to another bridge domain than the request names.
+l2fm_edm_bp_t *find_port(const port_query &query) L2FIB_REQUIRES_TABLE_LOCK
 {
     l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(query.xcid);
     const bool found = bp != nullptr && bp->bd != nullptr && std::strcmp(bp->bd->bd_name, query.bd_name) == 0;
     return found ? bp : nullptr;
 }
 
-// Finds the entry after the one that the start key names, which need not be there any more; null at the end.
-uint32_t resume(const port_query &query, const list_reply &reply, const l2fm_edm_bp_t *bp, l2fm_edm_mac_t *&mac)
+// Finds the first entry behind the start key, or null. The key's own entry may no longer exist.
+uint32_t resume(const port_query &query, const list_reply &reply, const l2fm_edm_bp_t *bp,
+                l2fm_edm_mac_t *&mac) L2FIB_REQUIRES_TABLE_LOCK
 {
     mac_item_key key;
     if (!read_mac_item_key(reply.request, configured_names, key)) {
@@ -48,7 +49,8 @@ uint32_t resume(const port_query &query, const list_reply &reply, const l2fm_edm
     return 0;
 }
 
-uint32_t report(const port_query &query, list_reply &reply, const l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac)
+uint32_t fill_list(const port_query &query, list_reply &reply, const l2fm_edm_bp_t *bp,
+                   l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 {
     const uint16_t wanted = wanted_flags(query.request_flags, flagged_entries);
     mac_item_names names = {.rule = domain_part::to_next_colon};
@@ -58,7 +60,7 @@ uint32_t report(const port_query &query, list_reply &reply, const l2fm_edm_bp_t 
         if (!has_wanted_flags(mac, wanted)) {
             continue;
         }
-        if (reply.added == reply_batch) {
+        if (reply.added == max_mac_items_per_reply) {
             return set_more_flag(reply);
         }
         if (add_mac(reply, names, bp->bd, mac) && reply.added == reply.request->count) {
@@ -74,7 +76,7 @@ uint32_t serve(const port_query &query, list_reply &reply)
         return EDM_ERR_BAD_REQUEST;
     }
     const bool resumed = has_start_key(reply.request);
-    uint32_t status = resumed ? 0 : bring_up_to_date(query, reply);
+    uint32_t status = resumed ? 0 : resync_port(query, reply);
     if (status != 0) {
         return status;
     }
@@ -89,7 +91,7 @@ uint32_t serve(const port_query &query, list_reply &reply)
     } else {
         mac = l2fm_edm_table_bp_mac_get_first(bp);
     }
-    return status != 0 ? status : report(query, reply, bp, mac);
+    return status != 0 ? status : fill_list(query, reply, bp, mac);
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Counts of MAC entries: of everything from the table's counters, of a port by a walk, of a bridge domain by the
-// hardware or else by a walk.
+// Counts of MAC entries. The count of the whole table comes from its counters, that of a port from a walk. The hardware
+// counts a bridge domain; if it cannot, a walk does.
 
 #include "handlers/handlers.h"
 #include "handlers/reply.h"
@@ -18,8 +18,8 @@ uint32_t answer_count(const char *handler, edm_get_rsp_t *response, l2fib_mac_co
     return status == 0 ? 0 : mac_request_failed(handler, request_kind::get, status);
 }
 
-// Whether the platform could count. It may have been started without callbacks.
-bool platform_counts(uint32_t bridge_id, edm_mac_counters_t &counters)
+// Lets the platform count. Returns false if it cannot, or if the threads were started without callbacks.
+bool count_by_platform(uint32_t bridge_id, edm_mac_counters_t &counters)
 {
     const auto count = hw_edm_pd_cb.bd_mac_count_cb;
     return count != nullptr && count(static_cast<uint16_t>(bridge_id), &counters) == 0;
@@ -36,7 +36,7 @@ uint32_t answer_counters(const char *handler, edm_get_rsp_t *response, const edm
 
 } // namespace edm
 
-// Needs no lock: each counter is right by itself.
+// Needs no lock, because each counter is right by itself.
 uint32_t l2fib_hw_mac_addr_cnt_edm_get(edm_get_rsp_t *response)
 {
     const uint32_t status = l2fib_resync_bridge_domain_or_all(nullptr, response->request);
@@ -44,18 +44,18 @@ uint32_t l2fib_hw_mac_addr_cnt_edm_get(edm_get_rsp_t *response)
         return status;
     }
     const l2fm_edm_mac_pool_t &pool = *l2fm_edm_table_mac_get_pool();
-    const edm_mac_counters_t counters = {edm::peek(pool.mac_cnt_sum),
-                                         edm::peek(pool.mac_cnt_plain),
-                                         edm::peek(pool.mac_cnt_f2),
-                                         edm::peek(pool.mac_cnt_f4),
-                                         {}};
+    edm_mac_counters_t counters = {};
+    counters.mac_cnt_sum = edm::peek(pool.mac_cnt_sum);
+    counters.mac_cnt_plain = edm::peek(pool.mac_cnt_plain);
+    counters.mac_cnt_static = edm::peek(pool.mac_cnt_static);
+    counters.mac_cnt_local = edm::peek(pool.mac_cnt_local);
     l2fib_mac_count_info_t record = {};
     l2fib_hw_mac_addr_cnt_fill(&record, &counters);
-    record.mac_cnt_f60 = edm::peek(pool.mac_cnt_f60);
+    record.mac_cnt_bridge = edm::peek(pool.mac_cnt_bridge);
     return edm::answer_count(__func__, response, record);
 }
 
-// A port that is not there has no entries.
+// A port that does not exist has no entries.
 uint32_t l2fib_hw_mac_addr_bp_cnt_edm_get(uint32_t xcid, edm_get_rsp_t *response)
 {
     edm_mac_counters_t counters = {};
@@ -70,7 +70,7 @@ uint32_t l2fib_hw_mac_addr_bd_cnt_edm_get(const char *bd_name, edm_get_rsp_t *re
         return EDM_ERR_NO_ITEM;
     }
     edm_mac_counters_t counters = {};
-    if (!edm::platform_counts(bridge_id, counters)) {
+    if (!edm::count_by_platform(bridge_id, counters)) {
         counters = {};
         l2fm_edm_table_walk_all_macs_under_bd(l2fib_hw_mac_cnt_walk_cb, &counters, bridge_id);
     }

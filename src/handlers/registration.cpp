@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Hands the handlers to the sibling library.
+// Registers the handlers with the sibling library.
 
 #include "handlers/handlers.h"
 #include "l2fib_mac_edm.h"

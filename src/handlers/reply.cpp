@@ -17,40 +17,44 @@ namespace {
 
 // ---- Flags ----
 
+// Which bit of the record stands for a flag of the entry.
 template <typename Bits>
 struct flag_translation {
     uint16_t flag;
-    Bits reported;
+    Bits record_bit;
 };
 
 constexpr flag_translation<uint32_t> mac_flags_table[] = {
-    {EDM_MAC_PBB, 0x00100000},    {EDM_MAC_STATIC, 0x00004000},
-    {EDM_MAC_LOCAL, 0x00002000},  {EDM_MAC_BD_FIXED, 0x00020000},
-    {0x0010, 0x00010000},         {EDM_MAC_BD_OWN, 0x00200000},
-    {EDM_MAC_BD_40, 0x00400000},  {EDM_MAC_EXTERN_LEARNED, 0x08000000},
-    {EDM_MAC_BD_200, 0x20000000}, {EDM_MAC_BD_400, 0x40000000},
-    {0x0800, 0x80000000},
+    {EDM_MAC_PBB, EDM_INFO_PBB},
+    {EDM_MAC_STATIC, EDM_INFO_STATIC},
+    {EDM_MAC_LOCAL, EDM_INFO_LOCAL},
+    {EDM_MAC_BD_FIXED, EDM_INFO_BD_FIXED},
+    {EDM_MAC_STICKY, EDM_INFO_STICKY},
+    {EDM_MAC_BD_OWN, EDM_INFO_BD_OWN},
+    {EDM_MAC_BD_40, EDM_INFO_BD_40},
+    {EDM_MAC_EXTERN_LEARNED, EDM_INFO_EXTERN_LEARNED},
+    {EDM_MAC_BD_200, EDM_INFO_BD_200},
+    {EDM_MAC_BD_400, EDM_INFO_BD_400},
+    {EDM_MAC_OFFLOADED, EDM_INFO_OFFLOADED},
 };
 constexpr flag_translation<uint16_t> mac_flags2_table[] = {
-    {EDM_MAC_TIMESTAMP_VALID, 0x0008},
-    {0x4000, 0x0010},
-    {0x8000, 0x0020},
+    {EDM_MAC_TIMESTAMP_VALID, EDM_INFO2_TIMESTAMP_VALID},
+    {EDM_MAC_4000, EDM_INFO2_4000},
+    {EDM_MAC_LOCKED, EDM_INFO2_LOCKED},
 };
-constexpr flag_translation<uint16_t> ext_flags_table[] = {{0x0001, 0x2000}};
+constexpr flag_translation<uint16_t> ext_flags_table[] = {{EDM_MAC_EXT_INACTIVE, EDM_INFO2_INACTIVE}};
 
 template <typename Bits, size_t Count>
 Bits translate(const flag_translation<Bits> (&table)[Count], uint16_t flags)
 {
-    Bits reported = 0;
+    Bits bits = 0;
     for (const auto &row : table) {
-        reported = static_cast<Bits>(reported | ((flags & row.flag) != 0 ? row.reported : 0));
+        bits = static_cast<Bits>(bits | ((flags & row.flag) != 0 ? row.record_bit : 0));
     }
-    return reported;
+    return bits;
 }
 
 // ---- Segment values, by kind of port ----
-
-constexpr uint32_t seg_attr_kind = 2;
 
 void fill_bmac(l2fib_mac_info_t &record, const l2fm_edm_mac_t &mac)
 {
@@ -71,7 +75,7 @@ void fill_pseudowire(l2fib_mac_info_t &record, const l2fm_edm_bp_t &bp, const l2
 {
     record.seg.seg_id_wide = bp.seg_info2;
     record.seg_attr = bp.seg_info1;
-    record.seg_attr_kind = seg_attr_kind;
+    record.seg_attr_kind = EDM_SEG_ATTR_KIND_PSEUDOWIRE;
 }
 
 void fill_xcid(l2fib_mac_info_t &record, const l2fm_edm_bp_t &bp, const l2fm_edm_mac_t & /*mac*/)
@@ -90,7 +94,7 @@ void fill_vxlan(l2fib_mac_info_t &record, const l2fm_edm_bp_t &bp, const l2fm_ed
     fill_xcid(record, bp, mac);
     record.seg.narrow.sub.seg_sub_id = bp.seg_info1;
     record.vtep_seg_info = bp.seg_info2;
-    // Only these entries have room for the address.
+    // Only entries with this flag have the member.
     if ((mac.flags & EDM_MAC_VNI) != 0) {
         std::memcpy(record.vtep_addr, vtep_addr(&mac), sizeof(record.vtep_addr));
     }
@@ -101,9 +105,9 @@ struct segment_kind {
     void (*fill)(l2fib_mac_info_t &record, const l2fm_edm_bp_t &bp, const l2fm_edm_mac_t &mac);
 };
 
-// By bp_type.
+// Indexed by bp_type.
 constexpr segment_kind segment_kinds[] = {
-    {0, [](l2fib_mac_info_t &, const l2fm_edm_bp_t &, const l2fm_edm_mac_t &) {}},
+    {EDM_SEG_TYPE_NONE, [](l2fib_mac_info_t &, const l2fm_edm_bp_t &, const l2fm_edm_mac_t &) {}},
     {EDM_SEG_TYPE_INTERFACE, fill_interface},
     {EDM_SEG_TYPE_PSEUDOWIRE, fill_pseudowire},
     {EDM_SEG_TYPE_5, fill_xcid_and_bmac},
@@ -111,7 +115,7 @@ constexpr segment_kind segment_kinds[] = {
     {EDM_SEG_TYPE_20, fill_xcid},
 };
 
-// Where the entry is: the port with its segment, or no port for what belongs to the bridge domain itself.
+// Fills in where the entry is: its port and segment, or the dummy port for an entry of the bridge domain itself.
 void fill_place(l2fib_mac_info_t &record, const l2fm_edm_mac_t &mac)
 {
     if ((mac.flags & EDM_MAC_ON_DUMMY_PORT) != 0) {
@@ -127,14 +131,20 @@ void fill_place(l2fib_mac_info_t &record, const l2fm_edm_mac_t &mac)
 
 // ---- The auxiliary value ----
 
-// The first row that fits the flags counts; where none does, the kind is 0.
+// The first row that matches the entry's flags decides. If none matches, the kind is EDM_AUX_NONE.
 struct aux_row {
     uint16_t any_of;
     uint16_t all_of;
     uint32_t kind;
 };
 
-constexpr aux_row aux_table[] = {{EDM_MAC_BD_200, 0, 1}, {0x4400, 0x0800, 2}, {0x4400, 0, 3}};
+constexpr uint16_t has_wide_value = EDM_MAC_BD_400 | EDM_MAC_4000;
+
+constexpr aux_row aux_table[] = {
+    {EDM_MAC_BD_200, 0, EDM_AUX_VALUE16},
+    {has_wide_value, EDM_MAC_OFFLOADED, EDM_AUX_VALUE32},
+    {has_wide_value, 0, EDM_AUX_VALUE_ALT},
+};
 
 void fill_aux(l2fib_mac_info_t &record, const l2fm_edm_mac_t &mac)
 {
@@ -145,9 +155,9 @@ void fill_aux(l2fib_mac_info_t &record, const l2fm_edm_mac_t &mac)
         }
     }
     switch (record.aux_kind) {
-    case 1: record.aux_value.value16 = static_cast<uint16_t>(mac.aux_value); break;
-    case 2: record.aux_value.value32 = mac.aux_value; break;
-    case 3: record.aux_value_alt = mac.aux_value; break;
+    case EDM_AUX_VALUE16: record.aux_value.value16 = static_cast<uint16_t>(mac.aux_value); break;
+    case EDM_AUX_VALUE32: record.aux_value.value32 = mac.aux_value; break;
+    case EDM_AUX_VALUE_ALT: record.aux_value_alt = mac.aux_value; break;
     default: break;
     }
 }
@@ -157,7 +167,7 @@ void fill_aux(l2fib_mac_info_t &record, const l2fm_edm_mac_t &mac)
 constexpr char not_available[] = "N/A";
 constexpr size_t time_text_size = 256;
 
-// A heap copy of the day and time when the hardware says that it saw the entry.
+// Returns a heap copy of the day and local time at which the hardware saw the entry.
 char *time_text(const l2fm_edm_mac_t &mac)
 {
     if ((mac.flags & EDM_MAC_TIMESTAMP_VALID) == 0) {
@@ -172,7 +182,7 @@ char *time_text(const l2fm_edm_mac_t &mac)
     return strdup(text);
 }
 
-// A heap copy of the address of an entry's neighbour on the list of all entries.
+// Returns a heap copy of the address of an entry's neighbour in the list of all entries.
 char *neighbour_text(l2fm_edm_ll_link_t *link)
 {
     if (link == nullptr || link == list_end()) {
@@ -181,7 +191,7 @@ char *neighbour_text(l2fm_edm_ll_link_t *link)
     return strdup(macstring(mac_of_list_link(link)->mac_addr, mac_addr_size));
 }
 
-// The neighbours lie anywhere in memory: fetched while the rest of the record is filled.
+// The neighbours may be anywhere in memory. The processor fetches them while the rest of the record is filled.
 void prefetch_neighbours(const l2fm_edm_mac_t &mac)
 {
     __builtin_prefetch(mac.list_link.prev);
@@ -204,7 +214,7 @@ bool add_mac(list_reply &reply, mac_item_names &names, const l2fm_edm_bd_t *bd, 
         status = add_record(reply, name, &record, &l2fib_bridge_mac_info_parcel);
     }
     if (status != 0) {
-        // The same number for both kinds of request.
+        // Both kinds of request trace this number.
         mac_request_failed(reply.handler, request_kind::datalist, status);
     }
     return status == 0;
@@ -250,16 +260,16 @@ uint32_t l2fib_hw_vtep_fill_parcel(l2fib_vtep_info_t *record, const l2fm_edm_vte
 uint32_t l2fib_hw_mac_cnt_walk_cb(l2fm_edm_mac_t *mac, void *counters)
 {
     if (mac == nullptr || counters == nullptr) {
-        return 0;
+        return EDM_WALK_STOP;
     }
     auto *count = static_cast<edm_mac_counters_t *>(counters);
     if ((mac->flags & EDM_MAC_LOCAL) != 0) {
-        count->mac_cnt_f4++;
-        return 1;
+        count->mac_cnt_local++;
+        return EDM_WALK_CONTINUE;
     }
-    ++((mac->flags & EDM_MAC_STATIC) != 0 ? count->mac_cnt_f2 : count->mac_cnt_plain);
+    ((mac->flags & EDM_MAC_STATIC) != 0 ? count->mac_cnt_static : count->mac_cnt_plain)++;
     count->mac_cnt_sum++;
-    return 1;
+    return EDM_WALK_CONTINUE;
 }
 
 void l2fib_hw_mac_addr_cnt_fill(l2fib_mac_count_info_t *record, const edm_mac_counters_t *counters)
@@ -270,8 +280,8 @@ void l2fib_hw_mac_addr_cnt_fill(l2fib_mac_count_info_t *record, const edm_mac_co
     } pairs[] = {
         {&l2fib_mac_count_info_t::mac_cnt_sum, &edm_mac_counters_t::mac_cnt_sum},
         {&l2fib_mac_count_info_t::mac_cnt_plain, &edm_mac_counters_t::mac_cnt_plain},
-        {&l2fib_mac_count_info_t::mac_cnt_f2, &edm_mac_counters_t::mac_cnt_f2},
-        {&l2fib_mac_count_info_t::mac_cnt_f4, &edm_mac_counters_t::mac_cnt_f4},
+        {&l2fib_mac_count_info_t::mac_cnt_static, &edm_mac_counters_t::mac_cnt_static},
+        {&l2fib_mac_count_info_t::mac_cnt_local, &edm_mac_counters_t::mac_cnt_local},
     };
     if (record == nullptr || counters == nullptr) {
         return;

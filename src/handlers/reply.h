@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The records that requests are answered with (platform/parcel.h), filled from the cache.
+// Reply records (platform/parcel.h), filled from the cache.
 //
-// Texts of a filled MAC info record are heap copies; whoever filled the record encodes it (request.h), which releases
-// them. A text for which there is no memory is left out.
+// Texts of a filled MAC info record are heap copies. The caller encodes the record (request.h), which releases them. If
+// memory is short, a text stays null and the reply lacks it.
 //
-// Threads: fillers read cache records and need the table lock, save l2fib_hw_mac_addr_cnt_fill.
+// Threads: Mac-Edm-Thread.
 #pragma once
 
 #include "handlers/item_key.h"
@@ -14,24 +14,25 @@
 #include "platform/l2fib.h"
 
 extern "C" {
-// Clears and fills a MAC info record. EDM_ERR_BAD_REQUEST, the record untouched, for an entry that is null, is on no
-// port, or on a port of no bridge domain.
-uint32_t l2fib_hw_edm_fill_mac_parcel(l2fib_mac_info_t *record, const l2fm_edm_mac_t *mac);
+// Clears and fills a MAC info record. If the entry is null, has no port, or its port has no bridge domain, it leaves
+// the record untouched and returns EDM_ERR_BAD_REQUEST.
+uint32_t l2fib_hw_edm_fill_mac_parcel(l2fib_mac_info_t *record, const l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK;
 
-// Fills a VTEP info record. EDM_ERR_BAD_REQUEST for a null argument, or a port that is not of kind 4.
-uint32_t l2fib_hw_vtep_fill_parcel(l2fib_vtep_info_t *record, const l2fm_edm_vtep_t *vtep, const l2fm_edm_bp_t *bp);
+// Fills a VTEP info record. Returns EDM_ERR_BAD_REQUEST for a null argument, or if the port is not EDM_BP_TYPE_VXLAN.
+uint32_t l2fib_hw_vtep_fill_parcel(l2fib_vtep_info_t *record, const l2fm_edm_vtep_t *vtep,
+                                   const l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK;
 
-// Counts an entry into the edm_mac_counters_t at `counters`; the callback of counting walks. One that is both static
-// and local counts as local alone. Stops the walk for a null argument.
+// Callback of counting walks: counts an entry into the edm_mac_counters_t at `counters`. It counts an entry that is
+// both static and local as local only. It stops the walk if an argument is null.
 uint32_t l2fib_hw_mac_cnt_walk_cb(l2fm_edm_mac_t *mac, void *counters);
 }
 
 namespace edm {
 
-// Entries that EDM_REQ_ONLY_FLAGGED asks for, except in one handler.
-constexpr uint16_t flagged_entries = 0xc668;
+// The flagged bits of all handlers but one: EDM_REQ_ONLY_FLAGGED asks for entries with one of them.
+constexpr uint16_t flagged_entries = EDM_MAC_ON_DUMMY_PORT | EDM_MAC_4000 | EDM_MAC_LOCKED;
 
-// The flags of which an entry has to have one; 0 when all entries are asked for.
+// Returns the flags of which an entry must have one, or 0 if the request asks for all entries.
 inline uint16_t wanted_flags(uint32_t request_flags, uint16_t flagged)
 {
     return (request_flags & EDM_REQ_ONLY_FLAGGED) != 0 ? flagged : uint16_t{0};
@@ -42,8 +43,9 @@ inline bool has_wanted_flags(const l2fm_edm_mac_t *mac, uint16_t wanted)
     return wanted == 0 || (mac->flags & wanted) != 0;
 }
 
-// Adds an entry of `bd` to a list, with its record to a datalist. One that cannot be added is left out, and false is
-// returned; that it was encoding or adding that failed is traced.
-bool add_mac(list_reply &reply, mac_item_names &names, const l2fm_edm_bd_t *bd, const l2fm_edm_mac_t *mac);
+// Adds an entry of `bd` to a list, or with its record to a datalist. On failure it leaves the entry out and returns
+// false. It traces a failure to encode or to add, but not an entry that fills no record.
+bool add_mac(list_reply &reply, mac_item_names &names, const l2fm_edm_bd_t *bd,
+             const l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK;
 
 } // namespace edm

@@ -11,7 +11,7 @@ namespace edm {
 
 namespace {
 
-// The database has a family of calls for lists and one for lists with data.
+// The database has one set of functions for lists and one for datalists.
 struct list_calls {
     uint32_t (*set_more_flag)(optree_list_t *list);
     uint32_t (*free)(optree_list_t *list);
@@ -100,14 +100,14 @@ uint32_t resync(const char *handler, uint32_t type, uint32_t arg, uint32_t trace
 {
     const uint32_t status = l2fib_mac_edm_thread_send_resync(type, arg, request);
     if (status != 0) {
-        EDM_TRACE_AS(handler, trace_resync_failed, traced_id, status);
+        EDM_TRACE_AS(handler, EDM_TRACE_REQUEST_RESYNC_FAILED, traced_id, status);
     }
     return status;
 }
 
 uint32_t mac_request_failed(const char *handler, request_kind kind, uint32_t status)
 {
-    EDM_TRACE_AS(handler, trace_mac_request, kind, status);
+    EDM_TRACE_AS(handler, EDM_TRACE_MAC_REQUEST_FAILED, kind, status);
     return status;
 }
 

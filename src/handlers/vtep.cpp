@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// VTEPs: names, names with records, and the record of one. Ports by xcid, the VTEPs of a port by address.
+// VTEPs: names, names with records, and the record of one VTEP. Ports by xcid, the VTEPs of a port by address.
 //
-// Not like the handlers of MAC entries: a reply has no limit but the count that is asked for, a failure at one VTEP
-// fails the request, and a list whose last port is gone ends there.
+// Three differences to the handlers of MAC entries:
+//  - Only the requested count limits a reply.
+//  - A failure at one VTEP fails the request.
+//  - If the port of the start key no longer exists, the list ends there.
 
 #include <cstring>
 
@@ -18,16 +20,16 @@ namespace edm {
 
 namespace {
 
-// What a port's attributes have to be; 0 for any.
+// The attributes that a port must have; 0 matches all ports.
 struct port_filter {
     uint32_t seg_info2;
     uint32_t seg_info1;
 };
 
-// Where a walk starts: a port, null when there is none, and its VTEP after which to go on, null for all of them.
+// Where a walk starts.
 struct vtep_start {
-    l2fm_edm_bp_t *bp;
-    l2fm_edm_vtep_t *after;
+    l2fm_edm_bp_t *bp;      // null: there is no port
+    l2fm_edm_vtep_t *after; // a VTEP of the port, behind which the walk starts; null: at the first one
 };
 
 bool passes(const port_filter &filter, const l2fm_edm_bp_t *bp)
@@ -38,12 +40,12 @@ bool passes(const port_filter &filter, const l2fm_edm_bp_t *bp)
 
 uint32_t request_failed(const list_reply &reply, request_kind traced, uint32_t status)
 {
-    EDM_TRACE_AS(reply.handler, trace_vtep_request, traced, status);
+    EDM_TRACE_AS(reply.handler, EDM_TRACE_VTEP_REQUEST_FAILED, traced, status);
     return status;
 }
 
-// After the VTEP that the key names, or at the next port when only that VTEP is gone.
-vtep_start resume(const vtep_item_key &key)
+// Starts behind the VTEP that the key names. If its port exists and the VTEP does not, starts at the next port.
+vtep_start resume(const vtep_item_key &key) L2FIB_REQUIRES_TABLE_LOCK
 {
     l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(key.xcid);
     if (bp == nullptr) {
@@ -53,7 +55,7 @@ vtep_start resume(const vtep_item_key &key)
     return {vtep != nullptr ? bp : l2fm_edm_table_bp_get_next(bp), vtep};
 }
 
-uint32_t add_vtep(list_reply &reply, const l2fm_edm_bp_t *bp, const l2fm_edm_vtep_t *vtep)
+uint32_t add_vtep(list_reply &reply, const l2fm_edm_bp_t *bp, const l2fm_edm_vtep_t *vtep) L2FIB_REQUIRES_TABLE_LOCK
 {
     char name[item_name_size];
     print_vtep_item_name(name, bp, vtep);
@@ -65,8 +67,8 @@ uint32_t add_vtep(list_reply &reply, const l2fm_edm_bp_t *bp, const l2fm_edm_vte
     return status != 0 ? status : add_record(reply, name, &record, &l2fib_vtep_info_parcel);
 }
 
-// Adds a port's VTEPs after `after` until the count is reached.
-uint32_t add_port(list_reply &reply, const l2fm_edm_bp_t *bp, const l2fm_edm_vtep_t *after)
+// Adds the VTEPs of a port behind `after` until the list has the requested count.
+uint32_t add_port(list_reply &reply, const l2fm_edm_bp_t *bp, const l2fm_edm_vtep_t *after) L2FIB_REQUIRES_TABLE_LOCK
 {
     const l2fm_edm_vtep_t *vtep =
         after != nullptr ? l2fm_edm_table_bp_vtep_get_next(bp, after) : l2fm_edm_table_bp_vtep_get_first(bp);
@@ -79,14 +81,14 @@ uint32_t add_port(list_reply &reply, const l2fm_edm_bp_t *bp, const l2fm_edm_vte
     return 0;
 }
 
-uint32_t report(const port_filter &filter, list_reply &reply, vtep_start at)
+uint32_t fill_list(const port_filter &filter, list_reply &reply, vtep_start at) L2FIB_REQUIRES_TABLE_LOCK
 {
     for (; at.bp != nullptr && reply.added < reply.request->count; at = {l2fm_edm_table_bp_get_next(at.bp), nullptr}) {
         if (!passes(filter, at.bp)) {
             continue;
         }
         const uint32_t status = add_port(reply, at.bp, at.after);
-        // The second attribute names one port.
+        // seg_info2 is unique: no other port matches.
         if (status != 0 || filter.seg_info2 != 0) {
             return status;
         }
@@ -99,7 +101,7 @@ uint32_t serve(const port_filter &filter, list_reply &reply)
     vtep_item_key key;
     const bool resumed = has_start_key(reply.request);
     if (resumed && !read_vtep_item_key(reply.request, key)) {
-        // The same number for both kinds of request.
+        // Both kinds of request trace this number.
         return request_failed(reply, request_kind::datalist, EDM_ERR_BAD_REQUEST);
     }
     const uint32_t status = resumed ? 0 : resync(reply.handler, EDM_RESYNC_ALL, 0, 0, reply.request->request);
@@ -107,7 +109,7 @@ uint32_t serve(const port_filter &filter, list_reply &reply)
         return status;
     }
     const scoped_lock lock;
-    return report(filter, reply, resumed ? resume(key) : vtep_start{l2fm_edm_table_bp_get_first(), nullptr});
+    return fill_list(filter, reply, resumed ? resume(key) : vtep_start{l2fm_edm_table_bp_get_first(), nullptr});
 }
 
 uint32_t find_and_answer(uint32_t xcid, uint32_t seg_info2, uint32_t vtep_addr, edm_get_rsp_t *response)

@@ -1,13 +1,24 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 
 /*
- * Chunk allocator: pools of elements of one size. Every record of the cache lives in one of six.
+ * Chunk allocator: pools of elements of one size. Each record of the cache lives in one of six pools.
  *
- * Not obvious: an element never moves, and it reads as zero whenever it is handed out, also when it was used before.
- * The allocator must be able to tell its elements from all other pointers: a pointer that is not a live element of the
- * pool is refused, whether it is foreign, points into the middle of an element, or was released before.
+ * Guarantees:
+ *  - An element never moves.
+ *  - An element reads as zero each time the pool hands it out, also after an earlier use.
+ *  - chunk_free refuses every pointer that is not a live element of the pool. Such a pointer may come from elsewhere,
+ *    point into the middle of an element, or name an element that was released before.
  *
- * Threads: the module calls the operations of one pool under its table lock only. Different pools are independent.
+ * Example:
+ *
+ *      chunk_pool_t *pool = chunk_create("example", 88, 1000, CHUNK_ZEROED_GROWABLE, 0, 0);
+ *      void *element = chunk_malloc(pool);
+ *      ...
+ *      chunk_free(pool, element);
+ *      chunk_destroy(pool);
+ *
+ * Locking: the caller serialises the operations of one pool. The module does so by its table lock. Different pools are
+ * independent.
  */
 #pragma once
 
@@ -17,24 +28,27 @@ L2FIB_BEGIN_DECLS
 
 typedef struct chunk_pool chunk_pool_t;
 
-/* Elements are handed out zero-filled, and the pool grows when its elements are used up. */
+/* The pool hands out zero-filled elements, and grows when none is free. */
 #define CHUNK_ZEROED_GROWABLE 0x101u
 
 /*
- * Creates a pool named `name` (copied) of elements of `element_size` bytes, aligned to 8. `element_count` is the number
- * of elements by which the pool grows, `flags` is CHUNK_ZEROED_GROWABLE; the last two arguments are 0.
- * Returns the pool, or null when there is no memory or an argument is not one of these.
+ * Creates a pool named `name`, which is copied. Elements have `element_size` bytes and are aligned to 8 bytes. The pool
+ * grows by `element_count` elements at a time. `flags` is CHUNK_ZEROED_GROWABLE; the last two arguments are 0.
+ *
+ * Returns the pool, which the caller releases with chunk_destroy. Returns null if memory is short or an argument
+ * differs from these.
  */
 L2FIB_EXPORT chunk_pool_t *chunk_create(const char *name, uint32_t element_size, uint32_t element_count, uint32_t flags,
                                         uint32_t reserved1, uint32_t reserved2);
 
-/* A zero-filled element, or null when the pool cannot grow. It is the caller's until chunk_free. */
+/* Returns a zero-filled element, or null if the pool cannot grow. The caller owns the element until chunk_free. */
 L2FIB_EXPORT void *chunk_malloc(chunk_pool_t *pool);
 
-/* Releases an element. Nonzero on success; 0, with nothing changed, when it is not a live element of this pool. */
+/* Releases an element. Returns nonzero on success. Returns 0 and changes nothing if `element` is not a live element of
+ * this pool. */
 L2FIB_EXPORT uint32_t chunk_free(chunk_pool_t *pool, void *element);
 
-/* Destroys a pool with whatever elements are still out. Null is ignored. */
+/* Destroys a pool with all its elements, also those that nobody released. Ignores null. */
 L2FIB_EXPORT void chunk_destroy(chunk_pool_t *pool);
 
 L2FIB_END_DECLS

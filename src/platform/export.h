@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 
 /*
- * Linkage and visibility, for every header that a C program may include.
+ * Linkage, visibility and layout, for every header that a C program may include.
  *
- * The libraries are compiled with hidden visibility: what is not marked L2FIB_EXPORT cannot be reached from outside.
+ * The libraries are compiled with hidden visibility: they export only what is marked L2FIB_EXPORT.
  */
 #pragma once
 
@@ -13,7 +13,7 @@
 
 #define L2FIB_EXPORT __attribute__((visibility("default")))
 
-/* A service that a platform may lack: its address is null then, and the caller does without. */
+/* Marks a function that a platform may lack. Its address is then null, and the caller works without it. */
 #define L2FIB_OPTIONAL __attribute__((weak))
 
 #ifdef __cplusplus
@@ -24,5 +24,12 @@
 #define L2FIB_END_DECLS
 #endif
 
-/* Opaque handles and stored callbacks have the width of a pointer, and several fixed layouts count on it. */
+/* Declares one member of a record under two names: the one of the interface, and one that says what it means. */
+#define L2FIB_TWO_NAMES(type, name, meaning) \
+    union {                                  \
+        type name;                           \
+        type meaning;                        \
+    }
+
+/* Opaque handles and stored callbacks are pointers, and several fixed layouts depend on their width. */
 static_assert(sizeof(void *) == 8, "the module is laid out for 64-bit pointers");

@@ -1,12 +1,21 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 
 /*
- * Record encoder: turns a reply record into the bytes that the operational database stores, as a schema describes it.
+ * Record encoder: turns a reply record into the bytes that the operational database stores. A schema describes each
+ * kind of record.
  *
- * The records are laid out byte for byte as the schemas want them. All are zeroed before they are filled, and whatever
- * is not named here stays zero. Texts are heap copies that the filler makes; parcel_free_indirections releases them.
+ * The layouts below match the schemas byte for byte. The module zeroes a record before it fills it, so bytes without a
+ * name are zero. Numbers are in host byte order. Texts are heap copies that the filler makes and
+ * parcel_free_indirections releases.
  *
- * Threads: any; a record belongs to its caller. Statuses are 0 for success.
+ *      l2fib_vtep_info_t record = {0};
+ *      ...                                                                  fill it
+ *      status = parcel_encode(&data, &length, &record, &l2fib_vtep_info_parcel);
+ *      parcel_free_indirections(&record, &l2fib_vtep_info_parcel);          in any case
+ *
+ * Threads: any. A record belongs to its caller.
+ *
+ * Errors: statuses are 0 for success.
  */
 #pragma once
 
@@ -16,15 +25,44 @@ L2FIB_BEGIN_DECLS
 
 typedef struct parcel_schema parcel_schema_t;
 
-/* Which of the port's attributes a MAC info record carries; 0 when it carries none. */
+/* seg_type: which attributes of the port a MAC info record carries. */
+#define EDM_SEG_TYPE_NONE 0u
 #define EDM_SEG_TYPE_INTERFACE 2u
 #define EDM_SEG_TYPE_PSEUDOWIRE 4u
 #define EDM_SEG_TYPE_5 5u
 #define EDM_SEG_TYPE_VXLAN 6u
 #define EDM_SEG_TYPE_20 20u
 
+/* seg_attr_kind of a pseudowire. */
+#define EDM_SEG_ATTR_KIND_PSEUDOWIRE 2u
+
+/* Bits of mac_flags: each stands for the entry's flag of the same name (l2fib_mac_edm.h). */
+#define EDM_INFO_LOCAL 0x00002000u
+#define EDM_INFO_STATIC 0x00004000u
+#define EDM_INFO_STICKY 0x00010000u
+#define EDM_INFO_BD_FIXED 0x00020000u
+#define EDM_INFO_PBB 0x00100000u
+#define EDM_INFO_BD_OWN 0x00200000u
+#define EDM_INFO_BD_40 0x00400000u
+#define EDM_INFO_EXTERN_LEARNED 0x08000000u
+#define EDM_INFO_BD_200 0x20000000u
+#define EDM_INFO_BD_400 0x40000000u
+#define EDM_INFO_OFFLOADED 0x80000000u
+
+/* Bits of mac_flags2: three for flags, one for an extended flag. */
+#define EDM_INFO2_TIMESTAMP_VALID 0x0008u
+#define EDM_INFO2_4000 0x0010u
+#define EDM_INFO2_LOCKED 0x0020u
+#define EDM_INFO2_INACTIVE 0x2000u
+
+/* aux_kind: which member carries the entry's auxiliary value. */
+#define EDM_AUX_NONE 0u
+#define EDM_AUX_VALUE16 1u   /* aux_value.value16 */
+#define EDM_AUX_VALUE32 2u   /* aux_value.value32 */
+#define EDM_AUX_VALUE_ALT 3u /* aux_value_alt */
+
 /*
- * MAC info record, 1912 bytes.
+ * MAC info record, 1912 bytes. Offsets of its members:
  *
  *      4  mac_flags         32  seg_type          64  time_str         104  prev_mac       928  aux_kind
  *     24  hw_valid          40  seg_id            72  age              112  next_mac       936  aux_value
@@ -34,16 +72,23 @@ typedef struct parcel_schema parcel_schema_t;
  *                           56  node_id                                                   1902  mac_flags2
  *                                                                                         1904  vtep_seg_info
  *
- * `seg_id` is 64 bits wide for EDM_SEG_TYPE_PSEUDOWIRE and 32 bits for the others, and so runs into `seg_sub_id`,
- * which is 16 bits wide for EDM_SEG_TYPE_INTERFACE and 32 for EDM_SEG_TYPE_VXLAN.
+ * The segment type decides how the eight bytes at 40 are used:
+ *
+ *      40                    44                    48
+ *      +---------------------+---------------------+
+ *      | seg_id, 32 bits     | sub_id16 |          |    EDM_SEG_TYPE_INTERFACE
+ *      | seg_id, 32 bits     | seg_sub_id, 32 bits |    EDM_SEG_TYPE_VXLAN
+ *      | seg_id_wide, 64 bits                      |    EDM_SEG_TYPE_PSEUDOWIRE
+ *      | seg_id, 32 bits     |                     |    all others
+ *      +---------------------+---------------------+
  */
 typedef struct l2fib_mac_info {
     uint8_t reserved0[4];
-    uint32_t mac_flags;
+    uint32_t mac_flags; /* EDM_INFO_ bits */
     uint8_t reserved1[16];
-    uint8_t hw_valid;
+    uint8_t hw_valid; /* 1: the record describes an entry */
     uint8_t reserved2[7];
-    uint32_t seg_type;
+    uint32_t seg_type; /* EDM_SEG_TYPE_ */
     uint8_t reserved3[4];
     union {
         uint64_t seg_id_wide;
@@ -59,21 +104,21 @@ typedef struct l2fib_mac_info {
     uint32_t seg_attr_kind;
     uint32_t node_id;
     uint8_t reserved4[4];
-    char *time_str;
-    uint64_t age; /* nanoseconds since the entry's last update */
+    char *time_str; /* when the hardware saw the entry: day, month and local time */
+    uint64_t age;   /* nanoseconds since the entry's last update */
     uint8_t reserved5[8];
-    char *bd_name;
+    char *bd_name; /* full name */
     uint32_t bridge_id;
     uint32_t xcid;
-    char *prev_mac;
+    char *prev_mac; /* texts of the addresses before and after the entry in order of creation */
     char *next_mac;
     uint8_t reserved6[772];
-    uint32_t bmac_valid;
+    uint32_t bmac_valid; /* 1: `bmac` counts */
     uint8_t reserved7[4];
-    uint8_t bmac[6];
+    uint8_t bmac[6]; /* backbone address, wire order */
     uint16_t ext_attr;
     uint8_t reserved8[20];
-    uint32_t aux_kind;
+    uint32_t aux_kind; /* EDM_AUX_ */
     uint8_t reserved9[4];
     union {
         uint16_t value16;
@@ -87,7 +132,7 @@ typedef struct l2fib_mac_info {
     uint8_t reserved12[892];
     uint8_t vtep_addr[4]; /* network byte order */
     uint8_t reserved13[2];
-    uint16_t mac_flags2;
+    uint16_t mac_flags2; /* EDM_INFO2_ bits */
     uint32_t vtep_seg_info;
     uint8_t reserved14[4];
 } l2fib_mac_info_t;
@@ -122,18 +167,25 @@ static_assert(offsetof(l2fib_mac_info_t, mac_flags2) == 1902, "MAC info layout")
 static_assert(offsetof(l2fib_mac_info_t, vtep_seg_info) == 1904, "MAC info layout");
 static_assert(sizeof(l2fib_mac_info_t) == 1912, "MAC info layout");
 
-/* MAC count record, 20 bytes: the counters of the same names. */
+/* MAC count record, 20 bytes: the counters of the same names (l2fm_edm_table.h). */
 typedef struct l2fib_mac_count_info {
     uint32_t mac_cnt_sum;
     uint32_t mac_cnt_plain;
-    uint32_t mac_cnt_f2;
-    uint32_t mac_cnt_f4;
-    uint32_t mac_cnt_f60;
+    L2FIB_TWO_NAMES(uint32_t, mac_cnt_f2, mac_cnt_static);
+    L2FIB_TWO_NAMES(uint32_t, mac_cnt_f4, mac_cnt_local);
+    L2FIB_TWO_NAMES(uint32_t, mac_cnt_f60, mac_cnt_bridge);
 } l2fib_mac_count_info_t;
 
 static_assert(sizeof(l2fib_mac_count_info_t) == 20, "MAC count layout");
 
-/* VTEP info record, 12 bytes: the port's two attributes and the address in network byte order. */
+/*
+ * VTEP info record, 12 bytes: two attributes of the port and the address in network byte order.
+ *
+ *      0            4            8            12
+ *      +------------+------------+------------+
+ *      | seg_info1  | seg_info2  | vtep_addr  |
+ *      +------------+------------+------------+
+ */
 typedef struct l2fib_vtep_info {
     uint32_t seg_info1;
     uint32_t seg_info2;
@@ -148,12 +200,12 @@ L2FIB_EXPORT extern const parcel_schema_t l2fib_bridge_hw_mac_count_info_parcel;
 L2FIB_EXPORT extern const parcel_schema_t l2fib_vtep_info_parcel;
 
 /*
- * Encodes `record` as `schema` describes it into a buffer that the caller releases with free, and stores the buffer and
- * its length in bytes. On failure nothing is stored.
+ * Encodes `record` by `schema` into a new buffer. Stores the buffer, which the caller releases with free, and its
+ * length in bytes. Stores nothing on failure.
  */
 L2FIB_EXPORT uint32_t parcel_encode(void **data, uint32_t *length, const void *record, const parcel_schema_t *schema);
 
-/* Releases the texts of a record and clears their pointers. */
+/* Releases the texts of a record and sets their pointers to null. */
 L2FIB_EXPORT uint32_t parcel_free_indirections(void *record, const parcel_schema_t *schema);
 
 L2FIB_END_DECLS

@@ -1,16 +1,20 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 
 /*
- * Attributes for clang's thread-safety analysis: which lock guards a datum, and which lock a function needs, takes or
- * must not hold. `scripts/check` builds with the analysis on, so a wrong attribute or a forgotten lock stops the build.
- * Other compilers see nothing.
+ * Attributes for clang's thread-safety analysis. They state which lock guards a datum, and which lock a function needs,
+ * takes or must not hold. `scripts/check` builds with the analysis on, so a wrong attribute or a forgotten lock stops
+ * the build. Other compilers ignore the attributes.
  *
  *      struct L2FIB_CAPABILITY("mutex") some_lock { ... };
  *      uint32_t entries L2FIB_GUARDED_BY(lock);
  *      void recount(void) L2FIB_REQUIRES(lock);         the caller holds the lock
  *      void refresh(void) L2FIB_EXCLUDES(lock);         the caller does not hold it: this function takes it
+ *
+ * The table lock has attributes of its own (l2fib_mac_edm.h).
  */
 #pragma once
+
+#include "platform/export.h"
 
 #if defined(__clang__)
 #define L2FIB_THREAD_ATTRIBUTE(attribute) __attribute__((attribute))

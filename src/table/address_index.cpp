@@ -25,17 +25,20 @@ struct by_address {
     static uint64_t key_of(const l2fm_edm_mac_t &mac) { return key(mac.mac_addr); }
 };
 
-// The place of each address holds the head of its chain.
-constinit edm::growing_index<by_address> heads{};
-constinit uint64_t missing = 0;
+// The head of the chain of each address.
+constinit edm::growing_index<by_address> heads L2FIB_GUARDED_BY_TABLE_LOCK{};
+// How many entries are not in the index.
+constinit uint64_t missing L2FIB_GUARDED_BY_TABLE_LOCK = 0;
 
-// The address that was last looked for in vain, until the next entry is linked: whoever creates an entry has looked for
-// its address just before, and need not look again. Addresses are 48 bits wide, so `no_address` is none.
+// The address that the latest unsuccessful search was for, until the next entry is linked. A feed searches an address
+// just before it creates the entry, so address_index_link need not search it again. An address has 48 bits, so none
+// equals `no_address`.
 constexpr uint64_t no_address = UINT64_MAX;
-constinit uint64_t known_absent = no_address;
+constinit uint64_t known_absent L2FIB_GUARDED_BY_TABLE_LOCK = no_address;
 
-// One address on very many ports: a search in the ports of one bridge domain is cheaper from here on.
-constexpr uint32_t longest_chain_followed = 64;
+// How many entries of a chain a search visits. In a longer chain, a search in the ports of one bridge domain is
+// cheaper.
+constexpr uint32_t max_chain_followed = 64;
 
 l2fm_edm_mac_t *chain_prev(const l2fm_edm_mac_t *mac)
 {
@@ -57,13 +60,13 @@ void set_chain_next(l2fm_edm_mac_t *mac, l2fm_edm_mac_t *next)
     mac->same_addr_next = reinterpret_cast<uintptr_t>(next) | (mac->same_addr_next & edm::counted_mask);
 }
 
-// A missing entry is its own predecessor, which no entry in a chain is.
+// A missing entry is its own predecessor. No entry in a chain is.
 bool is_missing(const l2fm_edm_mac_t *mac)
 {
     return chain_prev(mac) == mac;
 }
 
-// Puts an entry behind the head of its chain.
+// Inserts an entry behind the head of its chain, which needs no search for the chain's end.
 void join_chain(l2fm_edm_mac_t *head, l2fm_edm_mac_t *mac)
 {
     l2fm_edm_mac_t *next = chain_next(head);
@@ -75,12 +78,12 @@ void join_chain(l2fm_edm_mac_t *head, l2fm_edm_mac_t *mac)
     set_chain_next(head, mac);
 }
 
-// Takes the head of a chain out; its place goes to the next entry, or away.
-void remove_head(l2fm_edm_mac_t *mac)
+// Removes the head of a chain. The next entry becomes the head; without a next entry the address leaves the index.
+void remove_head(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 {
     const edm::index_place place = edm::index_find(heads, by_address::key_of(*mac));
     if (edm::index_record(heads, place) != mac) {
-        return; // was never linked
+        return; // the entry was never linked
     }
     l2fm_edm_mac_t *next = chain_next(mac);
     if (next == nullptr) {
@@ -91,6 +94,7 @@ void remove_head(l2fm_edm_mac_t *mac)
     edm::index_replace(place, next);
 }
 
+// Removes an entry behind `prev` from its chain.
 void remove_behind(l2fm_edm_mac_t *prev, l2fm_edm_mac_t *mac)
 {
     l2fm_edm_mac_t *next = chain_next(mac);
@@ -162,7 +166,7 @@ address_answer address_index_find(const uint8_t *mac_addr, const l2fm_edm_bp_t *
     l2fm_edm_mac_t *lowest = nullptr;
     for (uint32_t followed = 0; mac != nullptr; mac = chain_next(mac), followed++) {
         const l2fm_edm_bp_t *bp = mac->bp;
-        if (bp == nullptr || followed == longest_chain_followed) {
+        if (bp == nullptr || followed == max_chain_followed) {
             return {false, nullptr};
         }
         if (bp == preferred) {

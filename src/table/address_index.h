@@ -1,42 +1,50 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The index of all MAC entries by address: one access answers whether an address is cached, and where.
+// The index of all MAC entries by address. One access answers whether an address is cached, and where.
 //
-// Without it, finding out whether an address has moved to another port of its bridge domain means a search in every
-// port of it, for every new entry. Entries of one address, on whatever ports, form a chain. Nothing in it depends on
-// bridge domains, so a port that moves to another one needs no attention here.
+// Without it each new entry would need a search in all ports of its bridge domain, to find out whether its address has
+// moved. Entries with the same address, on all ports, form a chain, and the index names the head of the chain:
 //
-// If there is no memory for an entry, it stays out of the index and is remembered as missing. While any entry is
-// missing, or if a chain is long, the answer is "unknown" and the caller searches the trees.
+//      index                    port 10               port 11               port 20
+//      02:00:00:00:0a:01  --->  entry  <----------->  entry  <----------->  entry
 //
-// The creation and the destruction of an entry update the index. It may be asked while edm::indexes_trusted(); after
-// that nothing updates it, and it may name entries that are gone. The caller holds the table lock.
+// The chain does not depend on bridge domains. A port that moves to another bridge domain needs no change here.
+//
+// If memory is short, an entry stays out of the index and counts as missing. While an entry is missing, or if a chain
+// is long, the answer is "unknown" and the caller searches the trees.
+//
+// The creation and the destruction of an entry update the index. Callers use its answers only while
+// edm::indexes_trusted(): afterwards nobody updates it, and it may name entries that no longer exist.
 #pragma once
 
 #include "l2fm_edm_table.h"
 
 namespace edm {
 
-void address_index_link(l2fm_edm_mac_t *mac);
-void address_index_unlink(l2fm_edm_mac_t *mac);
+void address_index_link(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK;
+void address_index_unlink(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK;
 
-// Gives all memory back; no entry is linked any more.
-void address_index_release();
+// Empties the index and releases its memory.
+void address_index_release() L2FIB_REQUIRES_TABLE_LOCK;
 
-// An address is about to be looked for: memory may answer while something else is done.
-void address_index_expect(const uint8_t *mac_addr);
+// Hints that the caller will soon look for an address. The processor fetches memory meanwhile.
+void address_index_expect(const uint8_t *mac_addr) L2FIB_REQUIRES_TABLE_LOCK;
 
 struct address_answer {
     bool known;          // false: search the trees
-    l2fm_edm_mac_t *mac; // null: there is none
+    l2fm_edm_mac_t *mac; // null: no entry has the address
 };
 
-// The entry with this address on the port `preferred` (which may be null), else on the port of the lowest xcid of the
-// bridge domain `bd` (which may be null: then on no other port).
-address_answer address_index_find(const uint8_t *mac_addr, const l2fm_edm_bp_t *preferred, const l2fm_edm_bd_t *bd);
+// Returns the entry with this address on the port `preferred`, else the one on the port with the lowest xcid of the
+// bridge domain `bd`. With a null `preferred` it looks at the bridge domain only, with a null `bd` at `preferred` only.
+address_answer address_index_find(const uint8_t *mac_addr, const l2fm_edm_bp_t *preferred,
+                                  const l2fm_edm_bd_t *bd) L2FIB_REQUIRES_TABLE_LOCK;
 
-// How an entry was counted last, see mac_entry.cpp. The low bits of the chain's two pointers hold it: three bits beside
-// the predecessor say as what, one bit beside the successor says whether it was counted at all.
+// How an entry was counted last (mac_entry.cpp). Entries are aligned to 8 bytes, so the low bits of the chain's
+// pointers are free for it:
+//
+//      same_addr_prev    | predecessor                      | 3 bits: kind |
+//      same_addr_next    | successor                        | 0  0 | 1 bit: counted |
 constexpr uintptr_t kind_mask = 7;
 constexpr uintptr_t counted_mask = 1;
 static_assert(alignof(l2fm_edm_mac_t) > kind_mask);

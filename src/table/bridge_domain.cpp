@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Bridge-domain records. The caller holds the table lock, but for l2fm_edm_table_bd_destroy, which takes it.
+// Bridge-domain records. They are in the global tree, by name and by bridge id.
 #include "platform/bounded_copy.h"
 #include "platform/l2fib.h"
 #include "table/element.h"
@@ -29,22 +29,22 @@ uint32_t read_name(uint32_t bridge_id, char *name)
     return status;
 }
 
-uint32_t l2fm_edm_table_bd_bp_cache_init(l2fm_edm_bd_t *bd)
+uint32_t l2fm_edm_table_bd_bp_cache_init(l2fm_edm_bd_t *bd) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (ordtree_running(&bd->bp_tree) != 0) {
         return EDM_ERR_INVALID_ARGS;
     }
     const uint32_t status = ordtree_init(&bd->bp_tree, 1, l2fm_edm_table_node_identity, l2fm_edm_table_bd_bp_xcid_cmp);
     if (status != 0) {
-        EDM_TRACE(1938);
+        EDM_TRACE(EDM_TRACE_TREE_NOT_RUNNING);
         return status;
     }
     edm::watch_tree(&bd->bp_tree);
     return 0;
 }
 
-// Destroys every port of a bridge domain and finishes its tree.
-void destroy_ports(l2fm_edm_bd_t *bd)
+// Destroys all ports of a bridge domain and finishes its tree.
+void destroy_ports(l2fm_edm_bd_t *bd) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (bd == nullptr || ordtree_running(&bd->bp_tree) == 0) {
         return;
@@ -64,19 +64,19 @@ l2fm_edm_bd_t *l2fm_edm_table_bd_alloc_and_fill(uint32_t bridge_id)
 {
     char name[L2FIB_NAME_BUFFER_SIZE] = {};
     if (const uint32_t status = read_name(bridge_id, name); status != 0) {
-        EDM_TRACE(1941, bridge_id, status);
+        EDM_TRACE(EDM_TRACE_BD_NAME_NOT_READ, bridge_id, status);
         return nullptr;
     }
     auto *bd = edm::to_record<l2fm_edm_bd_t>(l2fm_edm_table_malloc(EDM_POOL_BD));
     if (bd == nullptr) {
-        EDM_TRACE(1942);
+        EDM_TRACE(EDM_TRACE_NO_ROOM);
         return nullptr;
     }
     bd->bridge_id = bridge_id;
-    strcpy_s(bd->bd_name, sizeof(bd->bd_name), name); // a name that is too long leaves it empty
+    strcpy_s(bd->bd_name, sizeof(bd->bd_name), name); // a name that is too long stays empty
     if (l2fm_edm_table_bd_bp_cache_init(bd) != 0) {
         l2fm_edm_table_bd_free(bd);
-        EDM_TRACE(1938);
+        EDM_TRACE(EDM_TRACE_TREE_NOT_RUNNING);
         return nullptr;
     }
     return bd;
@@ -85,10 +85,10 @@ l2fm_edm_bd_t *l2fm_edm_table_bd_alloc_and_fill(uint32_t bridge_id)
 l2fm_edm_bd_t *l2fm_edm_table_bd_create(uint32_t bridge_id)
 {
     if (ordtree_running(&root.bd_root) == 0) {
-        EDM_TRACE(1938);
+        EDM_TRACE(EDM_TRACE_TREE_NOT_RUNNING);
         return nullptr;
     }
-    l2fm_edm_bd_t *bd = l2fm_edm_table_bd_alloc_and_fill(bridge_id & 0xffffu);
+    l2fm_edm_bd_t *bd = l2fm_edm_table_bd_alloc_and_fill(bridge_id & EDM_BRIDGE_ID_MASK);
     if (bd == nullptr) {
         return nullptr;
     }
@@ -111,7 +111,7 @@ uint32_t l2fm_edm_table_bd_destroy(uint32_t bridge_id)
     }
     const uint32_t status = l2fm_edm_table_bd_destroy_internal(bd);
     if (status != 0) {
-        EDM_TRACE(1936, bridge_id, status);
+        EDM_TRACE(EDM_TRACE_BD_NOT_DESTROYED, bridge_id, status);
     }
     l2fm_edm_table_cnt_dec(EDM_COUNT_BD);
     return status;
@@ -131,6 +131,6 @@ uint32_t l2fm_edm_table_bd_destroy_internal(l2fm_edm_bd_t *bd)
 
 void l2fm_edm_table_bd_bp_table_destroy(l2fm_edm_bd_t *bd)
 {
-    edm::distrust_indexes(); // the hosting process may start another tree in the record
+    edm::distrust_indexes(); // because the hosting process may start another tree in the record
     destroy_ports(bd);
 }

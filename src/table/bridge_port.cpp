@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Bridge-port records. The caller holds the table lock, but for l2fm_edm_table_bp_destroy, which takes it.
+// Bridge-port records.
 //
-// An ordinary port is on the global tree and on its bridge domain's; a dummy port on the latter only. A port is counted
-// from the moment it is on its trees until it is destroyed, by whatever way.
+// An ordinary port is in the global tree and in its bridge domain's tree. A dummy port is in its bridge domain's tree
+// only. A port counts as soon as it is in its trees, until it is destroyed.
 #include "table/element.h"
 #include "table/index_trust.h"
 #include "table/object_index.h"
@@ -30,25 +30,26 @@ uint32_t start_tree(ordtree_t *tree, ordtree_compare_fn compare, uint32_t trace_
     return status;
 }
 
-uint32_t l2fm_edm_table_bp_mac_init(l2fm_edm_bp_t *bp)
+uint32_t l2fm_edm_table_bp_mac_init(l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
-    const uint32_t status = start_tree(&bp->mac_tree, l2fm_edm_table_mac_addr_cmp, 1938, __func__);
+    const uint32_t status =
+        start_tree(&bp->mac_tree, l2fm_edm_table_mac_addr_cmp, EDM_TRACE_TREE_NOT_RUNNING, __func__);
     edm::watch_tree(&bp->mac_tree);
     return status;
 }
 
 uint32_t l2fm_edm_table_bp_vtep_init(l2fm_edm_bp_t *bp)
 {
-    return start_tree(&bp->vtep_tree, l2fm_edm_table_vtep_addr_cmp, 1968, __func__);
+    return start_tree(&bp->vtep_tree, l2fm_edm_table_vtep_addr_cmp, EDM_TRACE_VTEP_TREE_NOT_RUNNING, __func__);
 }
 
-uint32_t free_bp(l2fm_edm_bp_t *bp)
+uint32_t free_bp(l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
     return l2fm_edm_table_free(EDM_POOL_BP, to_element(bp));
 }
 
-// Destroys every entry of a port and finishes its tree.
-void destroy_macs(l2fm_edm_bp_t *bp)
+// Destroys all entries of a port and finishes its tree.
+void destroy_macs(l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (bp == nullptr || ordtree_running(&bp->mac_tree) == 0) {
         return;
@@ -62,7 +63,7 @@ void destroy_macs(l2fm_edm_bp_t *bp)
     edm::finish_tree(&bp->mac_tree);
 }
 
-void destroy_vteps(l2fm_edm_bp_t *bp)
+void destroy_vteps(l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (ordtree_running(&bp->vtep_tree) == 0) {
         return;
@@ -77,7 +78,7 @@ void destroy_vteps(l2fm_edm_bp_t *bp)
 }
 
 // Undoes make_bp.
-void discard_bp(l2fm_edm_bp_t *bp)
+void discard_bp(l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
     destroy_macs(bp);
     destroy_vteps(bp);
@@ -89,18 +90,18 @@ bool can_hold_ports(const l2fm_edm_bd_t *bd)
     return ordtree_running(&root.bp_root) != 0 && bd != nullptr && ordtree_running(&bd->bp_tree) != 0;
 }
 
-bool insert_into_bd(l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp)
+bool insert_into_bd(l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
     return edm::insert_node(&bd->bp_tree, &to_element(bp)->bd_bp_link) != nullptr;
 }
 
-bool delete_from_bd(l2fm_edm_bp_t *bp)
+bool delete_from_bd(l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
     return bp->bd != nullptr && ordtree_running(&bp->bd->bp_tree) != 0
            && edm::delete_node(&bp->bd->bp_tree, &to_element(bp)->bd_bp_link) != nullptr;
 }
 
-bool delete_from_root(l2fm_edm_bp_t *bp)
+bool delete_from_root(l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
     return ordtree_running(&root.bp_root) != 0 && edm::delete_node(&root.bp_root, &to_element(bp)->bp_link) != nullptr;
 }
@@ -111,13 +112,13 @@ bool is_on_a_tree(const l2fm_edm_bp_t *bp)
     return element->bd_bp_link.place != nullptr || element->bp_link.place != nullptr;
 }
 
-// A new port with its trees, in no tree.
-l2fm_edm_bp_t *make_bp(l2fm_edm_bd_t *bd, uint32_t xcid, uint32_t fill)
+// Returns a new port with its own trees, in no tree, or null.
+l2fm_edm_bp_t *make_bp(l2fm_edm_bd_t *bd, uint32_t xcid, uint32_t fill) L2FIB_REQUIRES_TABLE_LOCK
 {
     static constexpr char operation[] = "l2fm_edm_table_bp_alloc_and_fill";
     auto *bp = edm::to_record<l2fm_edm_bp_t>(l2fm_edm_table_malloc(EDM_POOL_BP));
     if (bp == nullptr) {
-        EDM_TRACE_AS(operation, 1942);
+        EDM_TRACE_AS(operation, EDM_TRACE_NO_ROOM);
         return nullptr;
     }
     if (fill != 0 && l2fm_edm_table_bp_fill(bp, xcid) != 0) {
@@ -127,19 +128,19 @@ l2fm_edm_bp_t *make_bp(l2fm_edm_bd_t *bd, uint32_t xcid, uint32_t fill)
     bp->bd = bd;
     if (l2fm_edm_table_bp_mac_init(bp) != 0) {
         free_bp(bp);
-        EDM_TRACE_AS(operation, 1938);
+        EDM_TRACE_AS(operation, EDM_TRACE_TREE_NOT_RUNNING);
         return nullptr;
     }
     if (bp->bp_type == EDM_BP_TYPE_VXLAN && l2fm_edm_table_bp_vtep_init(bp) != 0) {
         discard_bp(bp);
-        EDM_TRACE_AS(operation, 1968);
+        EDM_TRACE_AS(operation, EDM_TRACE_VTEP_TREE_NOT_RUNNING);
         return nullptr;
     }
     return bp;
 }
 
-// A port that is complete and on its trees enters the table.
-l2fm_edm_bp_t *enter(l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp)
+// Completes the creation of a port that is in its trees: from here on it belongs to the table. Returns the port.
+l2fm_edm_bp_t *enter(l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
     bp->bd = bd;
     bp->refresh_pending = 0;
@@ -147,9 +148,9 @@ l2fm_edm_bp_t *enter(l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp)
     return bp;
 }
 
-// Gives a port the VTEP tree that its kind needs, since readers reach VTEPs on ports of the VXLAN kind only. False if
-// the tree cannot be started.
-bool follow_kind(l2fm_edm_bp_t *bp)
+// Adapts the VTEP tree to the port's kind: readers look for VTEPs on ports of the VXLAN kind only. Returns false if the
+// tree does not start.
+bool follow_kind(l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (bp->bp_type != EDM_BP_TYPE_VXLAN) {
         destroy_vteps(bp);
@@ -158,8 +159,9 @@ bool follow_kind(l2fm_edm_bp_t *bp)
     return ordtree_running(&bp->vtep_tree) != 0 || l2fm_edm_table_bp_vtep_init(bp) == 0;
 }
 
-// A port that lacks only its VTEP tree takes entries, so that is no failure; but the next feed refreshes it again.
-uint32_t refresh(l2fm_edm_bp_t *bp)
+// Reads a port's kind and attributes again. A port that lacks only its VTEP tree can hold entries, so that is no
+// failure, but the next feed refreshes it again.
+uint32_t refresh(l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
     const uint32_t status = l2fm_edm_table_bp_fill(bp, bp->xcid);
     const bool is_complete = follow_kind(bp);
@@ -169,11 +171,11 @@ uint32_t refresh(l2fm_edm_bp_t *bp)
     return status;
 }
 
-// Moves a port with its entries. If the new bridge domain cannot take it, the port is left without one.
-uint32_t move(l2fm_edm_bp_t *bp, uint32_t bridge_id)
+// Moves a port with its entries to another bridge domain. If the new one cannot take it, the port stays without one.
+uint32_t move(l2fm_edm_bp_t *bp, uint32_t bridge_id) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (!delete_from_bd(bp)) {
-        EDM_TRACE_AS("l2fm_edm_table_bp_update", 1953, bp->xcid, EDM_ERR_INVALID_ARGS);
+        EDM_TRACE_AS("l2fm_edm_table_bp_update", EDM_TRACE_BP_NOT_MOVED, bp->xcid, EDM_ERR_INVALID_ARGS);
         return EDM_ERR_INVALID_ARGS;
     }
     bp->bd = nullptr;
@@ -194,19 +196,19 @@ uint32_t l2fm_edm_table_bp_fill(l2fm_edm_bp_t *bp, uint32_t xcid)
         return EDM_ERR_INVALID_ARGS;
     }
     if (bp->xcid != xcid && is_on_a_tree(bp)) {
-        edm::distrust_indexes(); // they could not find the port again
+        edm::distrust_indexes(); // because they cannot find the port by its old key
     }
     bp->xcid = xcid;
     const uint32_t status = edm::read_segment(bp, xcid);
     if (status != 0) {
-        EDM_TRACE(1940, xcid, status);
+        EDM_TRACE(EDM_TRACE_BP_NOT_READ, xcid, status);
     }
     return status;
 }
 
 l2fm_edm_bp_t *l2fm_edm_table_bp_alloc_and_fill(l2fm_edm_bd_t *bd, uint32_t xcid, uint32_t fill)
 {
-    edm::distrust_indexes(); // its back-pointer names a bridge domain whose tree does not hold it
+    edm::distrust_indexes(); // because its back-pointer names a bridge domain whose tree does not hold it
     return make_bp(bd, xcid, fill);
 }
 
@@ -225,7 +227,7 @@ l2fm_edm_bp_t *l2fm_edm_table_bp_create(l2fm_edm_bd_t *bd, uint32_t xcid)
     }
     if (!insert_into_bd(bd, bp)) {
         if (!delete_from_root(bp)) {
-            EDM_TRACE(1954, xcid, EDM_ERR_INVALID_ARGS);
+            EDM_TRACE(EDM_TRACE_BP_NOT_IN_TREE, xcid, EDM_ERR_INVALID_ARGS);
         }
         discard_bp(bp);
         return nullptr;
@@ -274,7 +276,7 @@ uint32_t l2fm_edm_table_bp_destroy(uint32_t xcid)
     }
     const uint32_t status = l2fm_edm_table_bp_destroy_internal(bp);
     if (status != 0) {
-        EDM_TRACE(1954, xcid, status);
+        EDM_TRACE(EDM_TRACE_BP_NOT_IN_TREE, xcid, status);
     }
     return status;
 }
@@ -290,10 +292,10 @@ uint32_t l2fm_edm_table_bp_destroy_internal(l2fm_edm_bp_t *bp)
     destroy_vteps(bp);
     edm::bp_index_unlink(bp);
     if (!delete_from_root(bp)) {
-        EDM_TRACE(1954, xcid, EDM_ERR_NOT_FOUND);
+        EDM_TRACE(EDM_TRACE_BP_NOT_IN_TREE, xcid, EDM_ERR_NOT_FOUND);
     }
     if (!delete_from_bd(bp)) {
-        EDM_TRACE(1954, xcid, EDM_ERR_NOT_FOUND);
+        EDM_TRACE(EDM_TRACE_BP_NOT_IN_TREE, xcid, EDM_ERR_NOT_FOUND);
     }
     bp->bd = nullptr;
     free_bp(bp);
@@ -305,6 +307,6 @@ uint32_t l2fm_edm_table_bp_destroy_internal(l2fm_edm_bp_t *bp)
 
 void l2fm_edm_table_bp_mac_table_destroy(l2fm_edm_bp_t *bp)
 {
-    edm::distrust_indexes(); // the tree stops while the port stays where it is
+    edm::distrust_indexes(); // because the tree stops while the port stays in the table
     destroy_macs(bp);
 }

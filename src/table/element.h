@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Element layouts: how each record lies in its pool element, and the steps between the two.
+// Element layouts: how each record lies in its pool element, and the conversions between the two.
 //
-// An element holds the record's tree links first and the record after them. Functions of the table hand out and take
-// records; trees and pools know elements. Elements begin like this (8 bytes a link):
+// An element holds the tree links of its record first and the record behind them. The table's functions take and return
+// records; trees and pools know elements. A link has 8 bytes. The word beside a link is the key of that link's tree:
 //
 //       bd_element            bp_element            mac_element           vtep_element
 //       +--------------+      +--------------+      +--------------+      +--------------+
@@ -12,8 +12,10 @@
 //       | record       |      | record       |      | [extension]  |      +--------------+
 //       +--------------+      +--------------+      +--------------+
 //
-// Not obvious: a bridge port is one element on two trees of one index each, so the node that the global tree knows is
-// not its element's start; every other node is.
+// Notes: a bridge port is in two trees of one index each. The node that the global tree knows is bp_link, and so not
+// the start of the element. Every other node is the start of its element.
+//
+// Locking: the conversions do not read the records and need no lock.
 #pragma once
 
 #include <cstddef>
@@ -53,13 +55,13 @@ struct vtep_element {
     l2fm_edm_vtep_t record;
 };
 
-static_assert(sizeof(mac_element) == 88, "a million base entries are held in elements of eleven words");
+static_assert(sizeof(mac_element) == 88, "a base entry uses eleven words, as there may be a million");
 static_assert(offsetof(mac_pbb_element, record) == offsetof(mac_element, record), "variants begin alike");
 static_assert(offsetof(mac_vni_element, record) == offsetof(mac_element, record), "variants begin alike");
 
 namespace edm {
 
-// The element that holds a record of each kind.
+// The element type of each record type.
 template <typename Record>
 struct element_of_record;
 template <>
@@ -82,7 +84,7 @@ struct element_of_record<l2fm_edm_vtep_t> {
 template <typename Record>
 using element_t = typename element_of_record<Record>::type;
 
-// Steps back from a record over its links. Not for null.
+// Returns the element that holds a record, which is not null.
 template <typename Record>
 element_t<Record> *to_element(Record *record)
 {
@@ -96,20 +98,20 @@ const element_t<Record> *to_element(const Record *record)
     return to_element(const_cast<Record *>(record));
 }
 
-// Steps from an element that a tree handed out to its record; null stays null.
+// Returns the record of an element that a tree returned, and null for null.
 template <typename Record>
 Record *to_record(void *element)
 {
     return element == nullptr ? nullptr : &static_cast<element_t<Record> *>(element)->record;
 }
 
-// The entry that a link of the list of all entries belongs to. Not for the root.
+// Returns the entry of a link of the list of all entries. The link is not the root's.
 inline l2fm_edm_mac_t *mac_of_list_link(l2fm_edm_ll_link_t *link)
 {
     return reinterpret_cast<l2fm_edm_mac_t *>(reinterpret_cast<char *>(link) - offsetof(l2fm_edm_mac_t, list_link));
 }
 
-// The extension of a variant; meaningful for entries whose flags say that they have it.
+// Return the extension of a variant. The entry's flags say whether it has one: EDM_MAC_PBB, EDM_MAC_VNI.
 inline uint8_t *bmac_addr(l2fm_edm_mac_t *mac)
 {
     return reinterpret_cast<l2fm_edm_mac_pbb_t *>(mac)->bmac_addr;
@@ -127,10 +129,10 @@ inline const uint8_t *vtep_addr(const l2fm_edm_mac_t *mac)
     return vtep_addr(const_cast<l2fm_edm_mac_t *>(mac));
 }
 
-constexpr uint32_t mac_addr_size = 6;
-constexpr uint32_t vtep_addr_size = 4;
+constexpr uint32_t mac_addr_size = 6;  // in bytes
+constexpr uint32_t vtep_addr_size = 4; // in bytes
 
-// A pair of bytes of an address as trace points show it.
+// Returns two bytes of an address as one value of a trace point. The first byte is the low half.
 constexpr uint16_t trace_word(const uint8_t *pair)
 {
     return static_cast<uint16_t>(pair[0] | pair[1] << 8);

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// An exact index from keys to records that never stops the table to grow.
+// An exact index from keys to records that grows without a pause.
 //
-// A table of buckets, each one cache line with six slots. A slot is a tag of 16 bits and a pointer; the key stays in
-// the record. A record that finds its bucket full goes to the next one, and every bucket that it passed counts that:
+// The index is a hash table of buckets. A bucket is one cache line with six slots. A slot has a tag of 16 bits and a
+// pointer to a record; the key is in the record:
 //
 //        0                        12       14        16                                        64
 //       +----+----+----+----+----+----+---------+---------+------+------+------+------+------+------+
@@ -11,23 +11,44 @@
 //       +----+----+----+----+----+----+---------+---------+------+------+------+------+------+------+
 //         0: no record
 //
-// Not obvious:
-//  - All tags of a bucket are compared at once: which slot it is cannot be predicted, and a table that is fed in random
-//    order waits for memory, so that every instruction less lets more accesses wait side by side.
-//  - A search ends at the first bucket that nothing has passed. Removing leaves nothing behind.
-//  - Growing is spread over the insertions that follow: the old buckets are retired a few at a time, and a key is
-//    looked for in the new ones first and then in those not retired yet. No insertion pays for a whole table, and an
-//    index that comes to rest half-way, where each search looks twice, is rare.
-//  - The memory is mapped apart from the heap and given back likewise. Without memory an insertion is refused, nothing
-//    is lost, and the caller has to find that record in another way.
-//  - Keys are hashed with a secret of the index, so that nobody outside can choose keys that collide.
+// Overflow: a record whose bucket is full goes to the next bucket with a free slot. Each full bucket that it passes
+// counts it in `passed`. A search starts at the key's bucket and ends at the first bucket that no record has passed. An
+// example with seven records that all belong to bucket 4, and one (h) that belongs to bucket 5:
 //
-// The caller holds the table lock. Traits name the record and its key:
-//     struct traits {
-//         using record_t = ...;
-//         using key_t = ...;                        // a number
-//         static key_t key_of(const record_t &);
+//       bucket 4    a b c d e f    passed 1      search for g: bucket 4, passed by one record, bucket 5: found
+//       bucket 5    g h            passed 0      search for x of bucket 4: buckets 4 and 5; bucket 5 ends it
+//       bucket 6                   passed 0      removal of g: `passed` of bucket 4 becomes 0 again
+//
+// Removal therefore leaves no trace that a later search would pay for.
+//
+// Growth: a table that is two thirds full is replaced by one of twice the size. The insertions that follow move the old
+// buckets, a few each, so no insertion pays for a whole table. Meanwhile a key is searched in the new table first, then
+// in the old one. Here three of the four buckets of the old table have moved:
+//
+//       retiring    [ - ][ - ][ - ][ 3 ]                                  retired: 3
+//       current     [ 0 ][ 1 ][ 2 ][   ][ 0 ][ 1 ][ 2 ][   ]              a record of bucket 1 moves to bucket 1 or 5
+//
+// When the last bucket has moved, the old table becomes `emptied`. Later insertions unmap its memory piece by piece.
+//
+// Notes:
+//  - All tags of a bucket are compared at once. A loop over the slots would branch in a way that no processor predicts,
+//    and in a table that is fed in random order each instruction less lets more memory accesses overlap.
+//  - The memory comes from mmap, apart from the heap. If memory is short, an insertion fails and changes nothing. The
+//    caller must then find that record in another way.
+//  - The hash has a secret, so that nobody outside can choose keys that collide.
+//
+// Locking: an index has no lock of its own. The table lock guards the indexes of the table.
+//
+// Traits name the record and its key:
+//
+//     struct by_xcid {
+//         using record_t = l2fm_edm_bp_t;
+//         using key_t = uint32_t; // a number
+//         static uint32_t key_of(const l2fm_edm_bp_t &bp) { return bp.xcid; }
 //     };
+//     growing_index<by_xcid> ports{};
+//     index_insert(ports, bp);
+//     bp = index_record(ports, index_find(ports, 42));
 #pragma once
 
 #include <sys/mman.h>
@@ -43,19 +64,20 @@
 namespace edm {
 
 constexpr uint32_t bucket_slots = 6;
+constexpr size_t cache_line_size = 64; // in bytes
 
-struct alignas(64) index_bucket {
-    uint16_t tag[bucket_slots];
+struct alignas(cache_line_size) index_bucket {
+    uint16_t tag[bucket_slots]; // 0: the slot is free
     uint16_t unused;
-    uint16_t passed; // records that are behind this bucket because it was full; at the most this many are counted
+    uint16_t passed; // how many records passed this full bucket, up to max_passed
     void *record[bucket_slots];
 };
 
-static_assert(sizeof(index_bucket) == 64, "a bucket is one cache line");
+static_assert(sizeof(index_bucket) == cache_line_size, "a bucket is one cache line");
 
-// Where a record is in an index; no bucket for nowhere. Good until the index is changed.
+// Where a record is in an index. Valid until the index changes.
 struct index_place {
-    index_bucket *bucket;
+    index_bucket *bucket; // null: the index does not hold the record
     uint32_t slot;
 
     explicit operator bool() const { return bucket != nullptr; }
@@ -67,39 +89,51 @@ struct bucket_table {
     uint64_t used;         // slots that hold a record
 };
 
+// Zero-filled: empty.
 template <typename Traits>
 struct growing_index {
     bucket_table current;
-    bucket_table retiring; // while growing: what is not yet in `current`
-    uint64_t retired;      // how many buckets of `retiring` have been emptied
-    bucket_table leaving;  // emptied, and given back piece by piece
-    uint64_t left;         // how many buckets of `leaving` have been given back
+    bucket_table retiring; // the old table while its records move to `current`
+    uint64_t retired;      // how many buckets of `retiring` have moved
+    bucket_table emptied;  // an older table whose memory is being unmapped
+    uint64_t unmapped;     // how many buckets of `emptied` are unmapped
     uint64_t live;         // records in the index
     uint64_t secret;       // an odd number, chosen with the first table
 };
 
 namespace growing {
 
-constexpr uint64_t first_bucket_count = 512;
+constexpr uint64_t first_bucket_count = 512; // one table of 32 KiB
 constexpr uint64_t buckets_retired_at_once = 4;
-constexpr uint64_t buckets_given_back_at_once = 4096;
+constexpr uint64_t buckets_unmapped_at_once = 4096; // 256 KiB
 constexpr uint64_t buckets_of_huge_page = (uint64_t{2} << 20) / sizeof(index_bucket);
-constexpr uint16_t most_passed = 0xffff;
+constexpr uint16_t max_passed = UINT16_MAX;
 
-static_assert(first_bucket_count % buckets_retired_at_once == 0, "the last few buckets of a table are a full number");
+// A table is full at two thirds of its slots. Above that, removals make the search for an absent key long: it visits
+// three buckets at two thirds, eight at three quarters, and all buckets of a table without a free slot.
+constexpr uint64_t full_parts = 2;
+constexpr uint64_t parts = 3;
 
-// An odd number that nobody outside can guess: the load address differs from process to process, the time from start to
-// start.
+static_assert(first_bucket_count % buckets_retired_at_once == 0,
+              "a table has a whole number of such groups of buckets");
+
+// Returns an odd number that nobody outside can guess. The load address differs between processes, the time between
+// starts. The multiplications spread each of their bits over the whole number.
 inline uint64_t make_secret(const void *address)
 {
+    constexpr uint64_t spread_address = 0x9e3779b97f4a7c15u;
+    constexpr uint64_t spread_first = 0xff51afd7ed558ccdu;
+    constexpr uint64_t spread_second = 0xc4ceb9fe1a85ec53u;
+    constexpr uint32_t half = 33; // just over half of the bits
     const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
-    uint64_t mixed = reinterpret_cast<uintptr_t>(address) * 0x9e3779b97f4a7c15u ^ static_cast<uint64_t>(now);
-    mixed = (mixed ^ (mixed >> 33)) * 0xff51afd7ed558ccdu;
-    mixed = (mixed ^ (mixed >> 33)) * 0xc4ceb9fe1a85ec53u;
-    return (mixed ^ (mixed >> 33)) | 1;
+    uint64_t mixed = reinterpret_cast<uintptr_t>(address) * spread_address ^ static_cast<uint64_t>(now);
+    mixed = (mixed ^ (mixed >> half)) * spread_first;
+    mixed = (mixed ^ (mixed >> half)) * spread_second;
+    return (mixed ^ (mixed >> half)) | 1;
 }
 
-// The halves of one long product, folded so that low and high bits of the key reach all of the hash.
+// Returns both halves of a 128-bit product, folded into one. So low and high bits of the key reach all bits of the
+// hash.
 inline uint64_t hash(uint64_t key, uint64_t secret)
 {
     __extension__ using uint128 = unsigned __int128;
@@ -107,16 +141,17 @@ inline uint64_t hash(uint64_t key, uint64_t secret)
     return static_cast<uint64_t>(product >> 64) ^ static_cast<uint64_t>(product);
 }
 
-// From bits that do not choose the bucket; never 0.
+// Returns the tag of a hash, which is never 0. It uses the highest bits; the lowest ones choose the bucket.
 inline uint16_t tag_of(uint64_t hash)
 {
     return static_cast<uint16_t>(hash >> 48 | 1);
 }
 
-// The slots of a bucket that have a tag, as a set of bits: slot `i` is the bit 2 * i.
+// Returns the slots of a bucket that have a tag, as a set of bits: slot i is bit 2 * i. The comparison of 16-bit tags
+// gives two bits for each; `slot_bits` keeps the lower one, and none of the two members behind the tags.
 inline uint32_t slots_with_tag(const index_bucket &bucket, uint16_t tag)
 {
-    constexpr uint32_t slot_bits = 0x555;
+    constexpr uint32_t slot_bits = 0b0101'0101'0101;
 #ifdef __SSE2__
     const __m128i tags = _mm_load_si128(reinterpret_cast<const __m128i *>(bucket.tag));
     const __m128i equal = _mm_cmpeq_epi16(tags, _mm_set1_epi16(static_cast<int16_t>(tag)));
@@ -130,6 +165,7 @@ inline uint32_t slots_with_tag(const index_bucket &bucket, uint16_t tag)
 #endif
 }
 
+// Returns the first slot of a set that is not empty.
 inline uint32_t first_slot(uint32_t slots)
 {
     return static_cast<uint32_t>(__builtin_ctz(slots)) / 2;
@@ -145,20 +181,20 @@ inline bool holds(const bucket_table &table, const index_bucket *bucket)
     return bucket >= table.buckets && bucket < table.buckets + bucket_count(table);
 }
 
-// How to map a table that is too small for huge pages: touched at once, since it is going to be touched all over, and a
-// page that is read before it is written costs two faults.
+// How to map a table that is too small for huge pages: with all pages present. The index will use all of them, and a
+// page that it reads before it writes would cost two faults.
 #ifdef MAP_POPULATE
-constexpr int touched = MAP_POPULATE;
+constexpr int all_pages_present = MAP_POPULATE;
 #else
-constexpr int touched = 0;
+constexpr int all_pages_present = 0;
 #endif
 
-// Maps an empty table; one without buckets when there is no memory.
+// Maps an empty table. Returns a table without buckets if memory is short.
 inline bucket_table map_table(uint64_t bucket_count)
 {
     const size_t bytes = bucket_count * sizeof(index_bucket);
     const bool is_large = bucket_count >= 2 * buckets_of_huge_page;
-    const int flags = MAP_PRIVATE | MAP_ANONYMOUS | (is_large ? 0 : touched);
+    const int flags = MAP_PRIVATE | MAP_ANONYMOUS | (is_large ? 0 : all_pages_present);
     void *memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, flags, -1, 0);
     if (memory == MAP_FAILED) {
         return {};
@@ -171,6 +207,7 @@ inline bucket_table map_table(uint64_t bucket_count)
     return {static_cast<index_bucket *>(memory), bucket_count - 1, 0};
 }
 
+// Unmaps a table from a bucket on; the caller has unmapped those before.
 inline void unmap_from(bucket_table &table, uint64_t first_bucket)
 {
     if (table.buckets != nullptr) {
@@ -179,8 +216,8 @@ inline void unmap_from(bucket_table &table, uint64_t first_bucket)
     }
 }
 
-// Once around at the most: nothing forbids that every bucket has been passed. Inlined by force: every feed makes two of
-// these searches.
+// Returns the place of a key in one table. Visits each bucket at most once, because records may have passed all of
+// them. Always inlined, because each feed makes two of these searches.
 template <typename Traits>
 [[gnu::always_inline]] inline index_place find_in(const bucket_table &table, typename Traits::key_t key, uint64_t hash)
 {
@@ -203,7 +240,7 @@ template <typename Traits>
     return {};
 }
 
-// Kept out of the searches that find the index at rest.
+// Not inlined, because a search rarely runs while the index grows.
 template <typename Traits>
 [[gnu::noinline]] index_place find_in_retiring(const growing_index<Traits> &index, typename Traits::key_t key,
                                                uint64_t hash)
@@ -211,7 +248,7 @@ template <typename Traits>
     return find_in<Traits>(index.retiring, key, hash);
 }
 
-// Puts a record into the first free slot from its bucket on. The caller has seen to it that there is one.
+// Stores a record in the first free slot from its bucket on. The table has a free slot.
 inline void put(bucket_table &table, uint64_t hash, void *record)
 {
     for (uint64_t at = hash & table.mask;; at = (at + 1) & table.mask) {
@@ -223,26 +260,27 @@ inline void put(bucket_table &table, uint64_t hash, void *record)
             table.used++;
             return;
         }
-        bucket.passed = static_cast<uint16_t>(bucket.passed + (bucket.passed < most_passed));
+        bucket.passed = static_cast<uint16_t>(bucket.passed + (bucket.passed < max_passed));
     }
 }
 
-// Empties a slot whose record has this hash. A bucket that has been passed too often to count stays passed for good.
+// Empties a slot whose record has this hash. A bucket whose counter has reached max_passed keeps it: the counter no
+// longer knows how many records passed.
 inline void take(bucket_table &table, uint64_t hash, index_place place)
 {
     for (uint64_t at = hash & table.mask; &table.buckets[at] != place.bucket; at = (at + 1) & table.mask) {
         uint16_t &passed = table.buckets[at].passed;
-        passed = static_cast<uint16_t>(passed - (passed < most_passed));
+        passed = static_cast<uint16_t>(passed - (passed < max_passed));
     }
     place.bucket->tag[place.slot] = 0;
     place.bucket->record[place.slot] = nullptr;
     table.used--;
 }
 
-// Asks for what the buckets that are soon to be retired will need, in two steps, each two insertions ahead so that
-// memory has answered by the next: a bucket; then its records, whose keys are hashed again, and the two buckets that
-// most of them go to. Inlined by force: a function that does nothing but prefetch counts as one without effect, and its
-// calls vanish.
+// Prefetches what the next buckets to retire need, in two steps of two insertions each, so that memory has answered by
+// the next step. The first step fetches a bucket. The second one fetches its records, whose keys are hashed again, and
+// the two buckets to which most of them move. Always inlined, because the compiler takes a function that only
+// prefetches for one without effect and drops its calls.
 template <typename Traits>
 [[gnu::always_inline]] inline void fetch_for_retiring(const growing_index<Traits> &index)
 {
@@ -272,22 +310,23 @@ void retire_one(growing_index<Traits> &index)
     }
     index.retired++;
     if (index.retired == bucket_count(index.retiring)) {
-        unmap_from(index.leaving, index.left);
-        index.leaving = index.retiring;
-        index.left = 0;
+        unmap_from(index.emptied, index.unmapped);
+        index.emptied = index.retiring;
+        index.unmapped = 0;
         index.retiring = {};
     }
 }
 
+// Unmaps the next piece of the emptied table.
 template <typename Traits>
-void give_back_some(growing_index<Traits> &index)
+void unmap_some(growing_index<Traits> &index)
 {
-    if (bucket_count(index.leaving) - index.left <= buckets_given_back_at_once) {
-        unmap_from(index.leaving, index.left);
+    if (bucket_count(index.emptied) - index.unmapped <= buckets_unmapped_at_once) {
+        unmap_from(index.emptied, index.unmapped);
         return;
     }
-    munmap(index.leaving.buckets + index.left, buckets_given_back_at_once * sizeof(index_bucket));
-    index.left += buckets_given_back_at_once;
+    munmap(index.emptied.buckets + index.unmapped, buckets_unmapped_at_once * sizeof(index_bucket));
+    index.unmapped += buckets_unmapped_at_once;
 }
 
 template <typename Traits>
@@ -298,10 +337,9 @@ void retire_some(growing_index<Traits> &index)
     }
 }
 
-// Sees to it that the current table has a free slot; false when it would need a larger table and there is no memory. A
-// fuller one than two thirds would not do instead: the more removals it has seen, the further it is searched for what
-// is not there, three buckets at two thirds, eight at three quarters, all of them when it is full. A table is retired
-// long before the next one, twice as large, is full.
+// Ensures that the current table has a free slot, and moves some buckets if the index grows. Returns false if the index
+// needs a larger table and memory is short. The old table has moved completely long before the new one, of twice its
+// size, is full.
 template <typename Traits>
 bool make_room(growing_index<Traits> &index)
 {
@@ -309,14 +347,14 @@ bool make_room(growing_index<Traits> &index)
         retire_some(index);
         return true;
     }
-    if (index.leaving.buckets != nullptr) {
-        give_back_some(index);
+    if (index.emptied.buckets != nullptr) {
+        unmap_some(index);
     }
     if (index.secret == 0) {
         index.secret = make_secret(&index);
     }
     const uint64_t slots = bucket_count(index.current) * bucket_slots;
-    if (index.current.used < slots / 3 * 2) {
+    if (index.current.used < slots / parts * full_parts) {
         return true;
     }
     const bucket_table next = map_table(slots == 0 ? first_bucket_count : bucket_count(index.current) * 2);
@@ -337,6 +375,7 @@ uint64_t index_hash(const growing_index<Traits> &index, typename Traits::key_t k
     return growing::hash(key, index.secret);
 }
 
+// Returns the place of a key. The place has no bucket if the index does not hold the key.
 template <typename Traits>
 [[gnu::always_inline]] inline index_place index_find(const growing_index<Traits> &index, typename Traits::key_t key)
 {
@@ -345,31 +384,31 @@ template <typename Traits>
     return place || index.retiring.buckets == nullptr ? place : growing::find_in_retiring<Traits>(index, key, hash);
 }
 
-// Asks for the bucket of a key that is about to be looked for. Inlined by force, as above.
+// Prefetches the bucket of a key that the caller will soon look for. Always inlined, like fetch_for_retiring.
 template <typename Traits>
 [[gnu::always_inline]] inline void index_expect(const growing_index<Traits> &index, typename Traits::key_t key)
 {
     __builtin_prefetch(index.current.buckets + (index_hash(index, key) & index.current.mask));
 }
 
-// The record at a place; null for nowhere.
+// Returns the record at a place, or null if the place has no bucket.
 template <typename Traits>
 typename Traits::record_t *index_record(const growing_index<Traits> & /*index*/, index_place place)
 {
     return place ? static_cast<typename Traits::record_t *>(place.bucket->record[place.slot]) : nullptr;
 }
 
-// Gives the whole memory back and forgets every record.
+// Empties the index and releases all its memory.
 template <typename Traits>
 void index_release(growing_index<Traits> &index)
 {
     growing::unmap_from(index.current, 0);
     growing::unmap_from(index.retiring, 0);
-    growing::unmap_from(index.leaving, index.left);
+    growing::unmap_from(index.emptied, index.unmapped);
     index = {};
 }
 
-// Adds a record whose key the index does not hold; false when there is no memory for it.
+// Adds a record whose key the index does not hold yet. Returns false and changes nothing if memory is short.
 template <typename Traits>
 bool index_insert(growing_index<Traits> &index, typename Traits::record_t *record)
 {
@@ -381,13 +420,13 @@ bool index_insert(growing_index<Traits> &index, typename Traits::record_t *recor
     return true;
 }
 
-// Lets a place hold another record of the same key.
+// Replaces the record at a place by another one with the same key.
 inline void index_replace(index_place place, void *record)
 {
     place.bucket->record[place.slot] = record;
 }
 
-// Removes the record at a place. An index that has become empty keeps no more than its first table.
+// Removes the record at a place. An empty index releases its memory, unless it still has its first table.
 template <typename Traits>
 void index_erase(growing_index<Traits> &index, index_place place)
 {

@@ -6,12 +6,12 @@ namespace {
 
 using edm::tree_changes;
 
-// No number of changes reaches it.
+// As `accounted`: the indexes are not trusted, because no number of changes reaches this one.
 constexpr uint64_t never = UINT64_MAX;
 
-// A tree that counts elsewhere, or not at all, could be changed later without notice: the module's own change of it
-// ends the trust.
-void account_for_change(uint64_t changes_before)
+// Counts one change of the module as accounted. Ends the trust if the tree counts elsewhere or not at all: the hosting
+// process started such a tree, and its later changes would not be counted.
+void account_for_change(uint64_t changes_before) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (changes_before == tree_changes.accounted && tree_changes.all == changes_before + 1) {
         tree_changes.accounted++;
@@ -23,7 +23,7 @@ void account_for_change(uint64_t changes_before)
 using node_operation = ordtree_link_t *(*)(ordtree_t *tree, ordtree_link_t *node);
 
 template <node_operation Operation>
-ordtree_link_t *change(ordtree_t *tree, ordtree_link_t *node)
+ordtree_link_t *change(ordtree_t *tree, ordtree_link_t *node) L2FIB_REQUIRES_TABLE_LOCK
 {
     const uint64_t before = tree_changes.all;
     ordtree_link_t *changed = Operation(tree, node);

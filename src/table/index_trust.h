@@ -1,66 +1,69 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Whether the indexes beside the trees may be asked.
+// Whether the indexes beside the trees agree with them.
 //
-// The indexes (address_index.h, object_index.h) repeat what the trees hold, and the module updates them with each
-// change that it makes. The hosting process can change the same trees without the module: by ordtree_insert and
-// ordtree_delete, by the exported accessors, by records that it makes itself. So the trees count all their changes in
-// one cell (ordtree_watch), and the module counts those that it has accounted for. The indexes are trusted while both
-// numbers are equal. If they differ, lookups search the trees, and nobody updates the indexes any more.
+// The indexes (address_index.h, object_index.h) repeat what the trees hold, and the module updates both. The hosting
+// process can change the same trees without the module: by ordtree_insert and ordtree_delete, by the exported
+// accessors, or by records that it allocates itself. The trees therefore count all their changes in one cell
+// (ordtree_watch), and the module counts its own. While both counts are equal, the indexes are trusted:
 //
-// Trust begins when a new table starts, and once lost it stays lost until the table is torn down. It never begins on a
-// platform without ordtree_watch.
+//                                              all   accounted
+//      start of a new table                      0           0    trusted
+//      the module inserts a node                 1           1    trusted
+//      the hosting process deletes a node        2           1    not trusted, until the teardown
 //
-// What holds while the indexes are trusted: both global trees run; every node in a watched tree was put there by this
-// module; every back-pointer names the record whose tree holds the node.
+// While the indexes are not trusted, lookups search the trees and nobody updates the indexes. On a platform without
+// ordtree_watch they are never trusted.
 //
-// The caller holds the table lock.
+// While the indexes are trusted, three things hold: both global trees run; this module inserted every node of a watched
+// tree; every back-pointer names the record whose tree holds the node.
 #pragma once
 
 #include <cstdint>
 
+#include "l2fib_mac_edm.h"
 #include "platform/ordtree.h"
 
 namespace edm {
 
 struct change_counts {
-    uint64_t all;       // of the watched trees; a change of another kind that the indexes do not follow counts as well
-    uint64_t accounted; // those that the indexes follow
+    uint64_t all;       // changes of the watched trees, and other changes that the indexes do not follow
+    uint64_t accounted; // changes that the indexes follow
 };
 
-extern change_counts tree_changes;
+extern change_counts tree_changes L2FIB_GUARDED_BY_TABLE_LOCK;
 
-inline bool indexes_trusted()
+inline bool indexes_trusted() L2FIB_REQUIRES_TABLE_LOCK
 {
     return tree_changes.all == tree_changes.accounted;
 }
 
-// Whether the indexes answer for the records of this tree: not for a tree that the hosting process started.
-inline bool indexes_cover(const ordtree_t *tree)
+// Whether the indexes know the records of this tree. They do not if the hosting process started the tree itself.
+inline bool indexes_cover(const ordtree_t *tree) L2FIB_REQUIRES_TABLE_LOCK
 {
     return indexes_trusted() && tree->changes == &tree_changes.all;
 }
 
-// The hosting process gets a way to change the table that no tree counts.
-inline void distrust_indexes()
+// Ends the trust. For calls that let the hosting process change the table in a way that no tree counts.
+inline void distrust_indexes() L2FIB_REQUIRES_TABLE_LOCK
 {
     tree_changes.all++;
 }
 
-// Trusts the indexes if no watched tree has changed since the process started or the last table was torn down. The
-// caller has started both global trees, watches them, and knows that they are empty.
-void trust_indexes_of_new_table();
+// Begins the trust, unless a watched tree has changed since the process started or since the last teardown. The caller
+// has started both global trees, watches them, and knows that they are empty.
+void trust_indexes_of_new_table() L2FIB_REQUIRES_TABLE_LOCK;
 
-// At the end of a teardown: no record is left.
-void forget_tree_changes();
+// Ends the trust at the end of a teardown, when no record is left. The next table may begin it.
+void forget_tree_changes() L2FIB_REQUIRES_TABLE_LOCK;
 
-// Counts the changes of a tree that has just started.
-void watch_tree(ordtree_t *tree);
+// Watches a tree that has just started.
+void watch_tree(ordtree_t *tree) L2FIB_REQUIRES_TABLE_LOCK;
 
-// Change a tree on behalf of the module, which updates the indexes itself; the results are those of ordtree_insert and
-// ordtree_delete.
-ordtree_link_t *insert_node(ordtree_t *tree, ordtree_link_t *node);
-ordtree_link_t *delete_node(ordtree_t *tree, ordtree_link_t *node);
-void finish_tree(ordtree_t *tree);
+// Change a tree and count the change as one that the indexes follow: the caller updates them. Return the result of
+// ordtree_insert and ordtree_delete.
+ordtree_link_t *insert_node(ordtree_t *tree, ordtree_link_t *node) L2FIB_REQUIRES_TABLE_LOCK;
+ordtree_link_t *delete_node(ordtree_t *tree, ordtree_link_t *node) L2FIB_REQUIRES_TABLE_LOCK;
+void finish_tree(ordtree_t *tree) L2FIB_REQUIRES_TABLE_LOCK;
 
 } // namespace edm

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Start-up and teardown of the whole table.
+// Start and teardown of the whole table.
 #include "table/address_index.h"
 #include "table/element.h"
 #include "table/index_trust.h"
@@ -22,8 +22,8 @@ void zero_counters()
 {
     l2fm_edm_mac_pool_t &counters = root.counters;
     for (uint32_t *counter :
-         {&counters.mac_cnt_sum, &counters.mac_cnt_plain, &counters.mac_cnt_f2, &counters.mac_cnt_f4,
-          &counters.mac_cnt_f60, &counters.mac_cnt_total, &counters.bd_cnt, &counters.bp_cnt, &counters.vtep_cnt}) {
+         {&counters.mac_cnt_sum, &counters.mac_cnt_plain, &counters.mac_cnt_static, &counters.mac_cnt_local,
+          &counters.mac_cnt_bridge, &counters.mac_cnt_total, &counters.bd_cnt, &counters.bp_cnt, &counters.vtep_cnt}) {
         edm::poke(*counter, 0u);
     }
 }
@@ -33,8 +33,9 @@ bool runs_empty(const ordtree_t *tree)
     return ordtree_running(tree) != 0 && ordtree_get_first(tree, 0) == nullptr;
 }
 
-// Lets the indexes answer if the table is new. The table may have been started before, step by step or as a whole.
-void start_indexes()
+// Lets the indexes answer if the table is new. It need not be: the hosting process may have started it before, step by
+// step or as a whole.
+void start_indexes() L2FIB_REQUIRES_TABLE_LOCK
 {
     edm::watch_tree(&root.bd_root);
     edm::watch_tree(&root.bp_root);
@@ -43,10 +44,10 @@ void start_indexes()
     }
 }
 
-// Each of the following destroys what is left of one kind and answers the status of the last destruction, or `status`
-// when there was none.
+// Each of the following functions destroys all records of one kind. It returns the status of its last destruction, or
+// `status` if there was none.
 
-uint32_t destroy_bridge_domains(uint32_t status)
+uint32_t destroy_bridge_domains(uint32_t status) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (ordtree_running(&root.bd_root) == 0) {
         return status;
@@ -57,7 +58,7 @@ uint32_t destroy_bridge_domains(uint32_t status)
         const uint32_t bridge_id = bd->bridge_id;
         status = l2fm_edm_table_bd_destroy_internal(bd);
         if (status != 0) {
-            EDM_TRACE_AS("l2fm_edm_table_deinit", 1936, bridge_id, status);
+            EDM_TRACE_AS("l2fm_edm_table_deinit", EDM_TRACE_BD_NOT_DESTROYED, bridge_id, status);
         }
         bd = next;
     }
@@ -65,7 +66,7 @@ uint32_t destroy_bridge_domains(uint32_t status)
     return status;
 }
 
-uint32_t destroy_bridge_ports(uint32_t status)
+uint32_t destroy_bridge_ports(uint32_t status) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (ordtree_running(&root.bp_root) == 0) {
         return status;
@@ -76,7 +77,7 @@ uint32_t destroy_bridge_ports(uint32_t status)
         const uint32_t xcid = bp->xcid;
         status = l2fm_edm_table_bp_destroy_internal(bp);
         if (status != 0) {
-            EDM_TRACE_AS("l2fm_edm_table_deinit", 1954, xcid, status);
+            EDM_TRACE_AS("l2fm_edm_table_deinit", EDM_TRACE_BP_NOT_IN_TREE, xcid, status);
         }
         bp = next;
     }
@@ -84,7 +85,7 @@ uint32_t destroy_bridge_ports(uint32_t status)
     return status;
 }
 
-uint32_t destroy_listed_macs(uint32_t status)
+uint32_t destroy_listed_macs(uint32_t status) L2FIB_REQUIRES_TABLE_LOCK
 {
     while (root.ll_root.ll_count != 0) {
         status = l2fm_edm_table_mac_destroy(edm::mac_of_list_link(root.ll_root.ll_first));
@@ -117,7 +118,7 @@ uint32_t l2fm_edm_table_init(void)
     for (const init_step step : init_steps) {
         status = step();
         if (status != 0) {
-            EDM_TRACE(1938);
+            EDM_TRACE(EDM_TRACE_TREE_NOT_RUNNING);
         }
     }
     start_indexes();

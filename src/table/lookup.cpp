@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Lookups and ordered iteration. A lookup fills a probe on the stack, of which only the links and the key are looked
-// at; iteration hands the record's own links to the tree.
+// Lookups and ordered iteration. A lookup fills a probe on the stack; the tree reads only its links and its key.
+// Iteration passes the record's own links to the tree.
 #include <cstring>
 
 #include "platform/bounded_copy.h"
@@ -20,11 +20,12 @@ using edm::next;
 using edm::root;
 using edm::to_element;
 
+// The indexes of the global tree of bridge domains.
 constexpr uint32_t by_name = 0;
 constexpr uint32_t by_bridge_id = 1;
 
-// Trusted indexes mean that both global trees run.
-bool bd_root_runs()
+// If the indexes are trusted, both global trees run.
+bool bd_root_runs() L2FIB_REQUIRES_TABLE_LOCK
 {
     return edm::indexes_trusted() || ordtree_running(&root.bd_root) != 0;
 }
@@ -39,30 +40,31 @@ bool runs(const ordtree_t *tree)
     return tree != nullptr && ordtree_running(tree) != 0;
 }
 
-// If an index does not know, or is not trusted, the trees are searched. These searches are kept out of the functions
-// that ask an index, because those would have to save registers and clear probes for them.
+// Searches in the trees, for the case that an index is not trusted or does not know the answer. They are not inlined,
+// because the functions that ask an index would have to save registers and clear probes for them.
 
-[[gnu::noinline]] l2fm_edm_bd_t *search_bd(uint32_t bridge_id)
+[[gnu::noinline]] l2fm_edm_bd_t *search_bd(uint32_t bridge_id) L2FIB_REQUIRES_TABLE_LOCK
 {
     bd_element probe{};
     probe.record.bridge_id = bridge_id;
     return edm::find<l2fm_edm_bd_t>(&root.bd_root, probe.bd_links, by_bridge_id);
 }
 
-l2fm_edm_bd_t *find_bd(uint32_t bridge_id)
+l2fm_edm_bd_t *find_bd(uint32_t bridge_id) L2FIB_REQUIRES_TABLE_LOCK
 {
     l2fm_edm_bd_t *bd = edm::indexes_trusted() ? edm::bd_index_find(bridge_id) : nullptr;
     return bd != nullptr ? bd : search_bd(bridge_id);
 }
 
-[[gnu::noinline]] l2fm_edm_bp_t *search_bp(uint32_t xcid)
+[[gnu::noinline]] l2fm_edm_bp_t *search_bp(uint32_t xcid) L2FIB_REQUIRES_TABLE_LOCK
 {
     bp_element probe{};
     probe.record.xcid = xcid;
     return edm::find<l2fm_edm_bp_t>(&root.bp_root, &probe.bp_link);
 }
 
-[[gnu::noinline]] l2fm_edm_mac_t *search_ports_of_bd(const l2fm_edm_bd_t *bd, const uint8_t *mac_addr)
+[[gnu::noinline]] l2fm_edm_mac_t *search_ports_of_bd(const l2fm_edm_bd_t *bd,
+                                                     const uint8_t *mac_addr) L2FIB_REQUIRES_TABLE_LOCK
 {
     l2fm_edm_bp_t *bp = l2fm_edm_table_bd_bp_get_first(bd);
     for (; bp != nullptr; bp = l2fm_edm_table_bd_bp_get_next(bd, bp)) {
@@ -73,13 +75,14 @@ l2fm_edm_bd_t *find_bd(uint32_t bridge_id)
     return nullptr;
 }
 
-[[gnu::noinline]] l2fm_edm_mac_t *search_port_then_bd(const l2fib_mac_edm_entry_t *entry, const l2fm_edm_bp_t *bp)
+[[gnu::noinline]] l2fm_edm_mac_t *search_port_then_bd(const l2fib_mac_edm_entry_t *entry,
+                                                      const l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
     l2fm_edm_mac_t *mac = l2fm_edm_table_bp_mac_get(&bp->mac_tree, entry->mac_addr);
     return mac != nullptr ? mac : l2fm_edm_table_mac_get_by_bridgeid_mac(entry->bridge_id, entry->mac_addr);
 }
 
-// The entry of the two that has the smaller address; of equal ones the first.
+// Returns the entry with the smaller address; of equal ones the first, and of one null the other.
 l2fm_edm_mac_t *smaller_of(l2fm_edm_mac_t *kept, l2fm_edm_mac_t *candidate)
 {
     if (kept == nullptr || candidate == nullptr) {
@@ -96,7 +99,7 @@ void *l2fm_edm_table_get(const ordtree_t *tree, const ordtree_link_t *probe, uin
         return nullptr;
     }
     if (!runs(tree)) {
-        EDM_TRACE(1938);
+        EDM_TRACE(EDM_TRACE_TREE_NOT_RUNNING);
         return nullptr;
     }
     return entry_of(tree, ordtree_search(tree, probe, index));
@@ -108,7 +111,7 @@ void *l2fm_edm_table_get_next(const ordtree_t *tree, const ordtree_link_t *probe
         return nullptr;
     }
     if (!runs(tree)) {
-        EDM_TRACE(1938);
+        EDM_TRACE(EDM_TRACE_TREE_NOT_RUNNING);
         return nullptr;
     }
     return entry_of(tree, ordtree_get_next(tree, probe, index));
@@ -117,7 +120,7 @@ void *l2fm_edm_table_get_next(const ordtree_t *tree, const ordtree_link_t *probe
 void *l2fm_edm_table_get_first(const ordtree_t *tree, uint32_t index)
 {
     if (!runs(tree)) {
-        EDM_TRACE(1938);
+        EDM_TRACE(EDM_TRACE_TREE_NOT_RUNNING);
         return nullptr;
     }
     return entry_of(tree, ordtree_get_first(tree, index));
@@ -290,7 +293,7 @@ l2fm_edm_mac_t *l2fm_edm_table_mac_get_by_bridgeid_mac(uint32_t bridge_id, const
         return nullptr;
     }
     if (!bd_root_runs()) {
-        EDM_TRACE(1938);
+        EDM_TRACE(EDM_TRACE_TREE_NOT_RUNNING);
         return nullptr;
     }
     return l2fm_edm_table_bd_mac_get(find_bd(bridge_id), mac_addr);
@@ -302,7 +305,7 @@ l2fm_edm_mac_t *l2fm_edm_table_mac_get_by_bdname_mac(const char *name, const uin
         return nullptr;
     }
     if (!bd_root_runs()) {
-        EDM_TRACE(1938);
+        EDM_TRACE(EDM_TRACE_TREE_NOT_RUNNING);
         return nullptr;
     }
     return l2fm_edm_table_bd_mac_get(l2fm_edm_table_bd_get_by_name(name), mac_addr);
@@ -314,7 +317,7 @@ l2fm_edm_mac_t *l2fm_edm_table_mac_get_next_by_bdname_mac(const char *name, cons
         return nullptr;
     }
     if (!bd_root_runs()) {
-        EDM_TRACE(1938);
+        EDM_TRACE(EDM_TRACE_TREE_NOT_RUNNING);
         return nullptr;
     }
     const l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_by_name(name);
@@ -332,7 +335,7 @@ l2fm_edm_vtep_t *l2fm_edm_table_vtep_get_by_bridgeid_vtep(uint32_t bridge_id, co
         return nullptr;
     }
     if (!bd_root_runs()) {
-        EDM_TRACE(1968);
+        EDM_TRACE(EDM_TRACE_VTEP_TREE_NOT_RUNNING);
         return nullptr;
     }
     const l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_by_bridgeid(bridge_id);

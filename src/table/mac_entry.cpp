@@ -1,19 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// MAC entries: creation, update in place or by replacement, eviction, destruction. The caller holds the table lock.
+// MAC entries: creation, update in place or by replacement, eviction, destruction.
 //
-// What an update does, in this order (first match; "replace" destroys the cached entry and creates a new one):
+// What an update does. The first matching row decides. "Replace" destroys the cached entry and creates a new one, which
+// becomes the newest.
 //
 //      EDM_MAC_PBB or EDM_MAC_VNI differs               replace: the variant never changes in place
-//      reported as a bridge-domain kind:
+//      reported with one of EDM_MAC_BD_KINDS:
 //          either port is not a dummy port              refuse
-//          other bridge id                              create beside the cached entry
-//          reported as fixed                            replace
-//          cached as fixed                              leave as it is
-//          else                                         in place, without stamp and node
-//      ordinary:
+//          other bridge id                              create a second entry
+//          reported with EDM_MAC_BD_FIXED               replace
+//          cached with EDM_MAC_BD_FIXED                 leave unchanged
+//          else                                         in place; time stamp and node stay
+//      else:
 //          bridge id or port differs, not both          replace: the address has moved
 //          else                                         in place
+//
+// Example: the cache has 02:00:00:00:0a:01 in bridge domain 7 on port 10. A feed for bridge domain 7 and port 11
+// replaces the entry. A feed for port 10 updates it in place.
 #include <cstring>
 
 #include "platform/utility.h"
@@ -34,7 +38,7 @@ using edm::trace_word;
 
 // ---- Counting ----
 
-// Which flags an entry is counted by, as a number of three bits that the entry remembers.
+// The kind of an entry: by which flags it is counted. The entry remembers it as a number of three bits.
 constexpr uint32_t kind_static = 1;
 constexpr uint32_t kind_local = 2;
 constexpr uint32_t kind_bridge = 4;
@@ -46,9 +50,9 @@ constexpr uint32_t kind_of_flags(uint32_t flags)
            | ((flags & (EDM_MAC_BD_OWN | EDM_MAC_BD_40)) != 0 ? kind_bridge : 0);
 }
 
-// How much an entry of a kind adds to each counter; every entry adds one to mac_cnt_total besides.
+// Which counters an entry of a kind adds one to, besides mac_cnt_total.
 struct contribution {
-    bool sum, plain, f2, f4, f60;
+    bool to_sum, to_plain, to_static, to_local, to_bridge;
 };
 
 constexpr contribution contribution_of(uint32_t kind)
@@ -57,11 +61,11 @@ constexpr contribution contribution_of(uint32_t kind)
     const bool is_local = (kind & kind_local) != 0;
     const bool is_plain = !is_static && !is_local;
     return {
-        .sum = is_static || is_plain,
-        .plain = is_plain,
-        .f2 = is_static,
-        .f4 = is_local,
-        .f60 = (kind & kind_bridge) != 0,
+        .to_sum = is_static || is_plain,
+        .to_plain = is_plain,
+        .to_static = is_static,
+        .to_local = is_local,
+        .to_bridge = (kind & kind_bridge) != 0,
     };
 }
 
@@ -70,49 +74,49 @@ constexpr contribution contributions[kinds] = {
     contribution_of(4), contribution_of(5), contribution_of(6), contribution_of(7),
 };
 
-void raise(uint32_t &counter, bool by_one)
+void raise(uint32_t &counter, bool by_one) L2FIB_REQUIRES_TABLE_LOCK
 {
     edm::add(counter, by_one ? 1 : 0);
 }
-void lower(uint32_t &counter, bool by_one)
+void lower(uint32_t &counter, bool by_one) L2FIB_REQUIRES_TABLE_LOCK
 {
     edm::add(counter, by_one ? static_cast<uint32_t>(-1) : 0);
 }
-void lower_to_zero(uint32_t &counter, bool by_one)
+void lower_to_zero(uint32_t &counter, bool by_one) L2FIB_REQUIRES_TABLE_LOCK
 {
     lower(counter, by_one && counter != 0);
 }
 
-void count_kind(l2fm_edm_mac_t *mac, uint32_t kind)
+void count_kind(l2fm_edm_mac_t *mac, uint32_t kind) L2FIB_REQUIRES_TABLE_LOCK
 {
     const contribution &adds = contributions[kind];
-    raise(root.counters.mac_cnt_sum, adds.sum);
-    raise(root.counters.mac_cnt_plain, adds.plain);
-    raise(root.counters.mac_cnt_f2, adds.f2);
-    raise(root.counters.mac_cnt_f4, adds.f4);
-    raise(root.counters.mac_cnt_f60, adds.f60);
+    raise(root.counters.mac_cnt_sum, adds.to_sum);
+    raise(root.counters.mac_cnt_plain, adds.to_plain);
+    raise(root.counters.mac_cnt_static, adds.to_static);
+    raise(root.counters.mac_cnt_local, adds.to_local);
+    raise(root.counters.mac_cnt_bridge, adds.to_bridge);
     edm::set_counted_as(mac, kind);
 }
 
-void uncount_kind(const l2fm_edm_mac_t *mac)
+void uncount_kind(const l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 {
     const contribution &added = contributions[edm::counted_as(mac)];
-    lower_to_zero(root.counters.mac_cnt_sum, added.sum);
-    lower_to_zero(root.counters.mac_cnt_plain, added.plain);
-    lower_to_zero(root.counters.mac_cnt_f2, added.f2);
-    lower_to_zero(root.counters.mac_cnt_f4, added.f4);
-    lower(root.counters.mac_cnt_f60, added.f60);
+    lower_to_zero(root.counters.mac_cnt_sum, added.to_sum);
+    lower_to_zero(root.counters.mac_cnt_plain, added.to_plain);
+    lower_to_zero(root.counters.mac_cnt_static, added.to_static);
+    lower_to_zero(root.counters.mac_cnt_local, added.to_local);
+    lower(root.counters.mac_cnt_bridge, added.to_bridge);
 }
 
-void count(l2fm_edm_mac_t *mac)
+void count(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 {
     count_kind(mac, kind_of_flags(mac->flags));
     edm::add(root.counters.mac_cnt_total, 1);
 }
 
-// Takes back what the entry was counted as, which its flags need not show any more. An entry that the hosting process
-// has put into the table by itself was never counted.
-void uncount(const l2fm_edm_mac_t *mac)
+// Uncounts an entry by the kind as which it was counted, because its flags may have changed since. An entry that the
+// hosting process has put into the table itself was never counted.
+void uncount(const l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (edm::is_counted(mac) && root.counters.mac_cnt_total != 0) {
         uncount_kind(mac);
@@ -120,7 +124,7 @@ void uncount(const l2fm_edm_mac_t *mac)
     }
 }
 
-void recount(l2fm_edm_mac_t *mac)
+void recount(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 {
     const uint32_t kind = kind_of_flags(mac->flags);
     if (edm::is_counted(mac) && kind != edm::counted_as(mac)) {
@@ -131,7 +135,7 @@ void recount(l2fm_edm_mac_t *mac)
 
 // ---- Steps of the operations ----
 
-// Traces which entry a point is about, behind one value of its own.
+// Traces a point about an entry: one value of the point's own, then the bridge id and the address.
 void trace_entry(const char *operation, uint32_t id, uint32_t value, const l2fib_mac_edm_entry_t *entry)
 {
     EDM_TRACE_AS(operation, id, value, entry->bridge_id, trace_word(entry->mac_addr), trace_word(entry->mac_addr + 2),
@@ -148,33 +152,35 @@ uint32_t node_of(const char *operation, const l2fm_edm_bp_t *bp, const l2fib_mac
         status = platform_ifhandle_parse_ifhandle(bp->seg_info1, &node_id);
     }
     if (status != 0) {
-        trace_entry(operation, 1958, entry->xcid, entry);
+        trace_entry(operation, EDM_TRACE_NODE_UNKNOWN, entry->xcid, entry);
     }
     return node_id;
 }
 
-uint32_t make_room(uint32_t limit)
+uint32_t make_room(uint32_t limit) L2FIB_REQUIRES_TABLE_LOCK
 {
     return root.counters.mac_cnt_total >= limit ? l2fm_edm_table_mac_destroy_old_mac() : 0;
 }
 
-void register_vtep(const char *operation, const l2fib_mac_edm_entry_t *entry, l2fm_edm_bp_t *bp)
+void register_vtep(const char *operation, const l2fib_mac_edm_entry_t *entry,
+                   l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (l2fm_edm_table_vtep_create_modify(entry, bp) != 0) {
-        EDM_TRACE_AS(operation, 1970, bp->xcid);
+        EDM_TRACE_AS(operation, EDM_TRACE_VTEP_NOT_REGISTERED, bp->xcid);
     }
 }
 
-// Destroys the cached entry and creates one from the descriptor; the result is the creation's.
-uint32_t replace(const char *operation, l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *entry)
+// Destroys the cached entry and creates one from the descriptor. Returns the status of the creation.
+uint32_t replace(const char *operation, l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac,
+                 const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
     const uint32_t xcid = mac->xcid;
     if (const uint32_t status = l2fm_edm_table_mac_destroy(mac); status != 0) {
-        EDM_TRACE_AS(operation, 1912, xcid, status);
+        EDM_TRACE_AS(operation, EDM_TRACE_MAC_NOT_REPLACED, xcid, status);
     }
     const uint32_t status = l2fm_edm_table_mac_create(bp, entry);
     if (status != 0) {
-        EDM_TRACE_AS(operation, 1912, xcid, status);
+        EDM_TRACE_AS(operation, EDM_TRACE_MAC_NOT_REPLACED, xcid, status);
     }
     return status;
 }
@@ -189,7 +195,7 @@ void copy_bmac(l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *entry)
     std::memcpy(edm::bmac_addr(mac), entry->bmac_addr, edm::mac_addr_size);
 }
 
-void update_bd_mac_in_place(l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *entry)
+void update_bd_mac_in_place(l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
     if ((mac->flags & entry->flags & EDM_MAC_PBB) != 0) {
         copy_bmac(mac, entry);
@@ -200,16 +206,17 @@ void update_bd_mac_in_place(l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *en
     recount(mac);
 }
 
-uint32_t l2fm_edm_table_mac_update_bdmac(l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *entry)
+uint32_t l2fm_edm_table_mac_update_bdmac(l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac,
+                                         const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (!is_on_dummy_port(mac->bp) || !is_on_dummy_port(bp)) {
-        trace_entry(__func__, 1966, entry->flags, entry);
+        trace_entry(__func__, EDM_TRACE_BD_MAC_NOT_UPDATED, entry->flags, entry);
         return EDM_ERR_STOPPED;
     }
     if (mac->bridge_id != entry->bridge_id) {
         const uint32_t status = l2fm_edm_table_mac_create(bp, entry);
         if (status != 0) {
-            EDM_TRACE(1912, entry->xcid, status);
+            EDM_TRACE(EDM_TRACE_MAC_NOT_REPLACED, entry->xcid, status);
         }
         return status;
     }
@@ -222,7 +229,8 @@ uint32_t l2fm_edm_table_mac_update_bdmac(l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac,
     return 0;
 }
 
-void update_in_place(const char *operation, l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *entry)
+void update_in_place(const char *operation, l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac,
+                     const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
     const uint32_t node_id = node_of(operation, bp, entry);
     if ((entry->flags & EDM_MAC_VNI) != 0) {
@@ -243,15 +251,15 @@ void update_in_place(const char *operation, l2fm_edm_bp_t *bp, l2fm_edm_mac_t *m
     recount(mac);
 }
 
-// Takes an entry off its port's tree. An entry whose port is not known any more is on none.
-uint32_t delete_from_port(l2fm_edm_mac_t *mac)
+// Removes an entry from its port's tree. An entry whose port is unknown is in no tree.
+uint32_t delete_from_port(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 {
     l2fm_edm_bp_t *bp = mac->bp != nullptr ? mac->bp : l2fm_edm_table_bp_get_by_xcid(mac->xcid);
     if (bp == nullptr || ordtree_running(&bp->mac_tree) == 0
         || edm::delete_node(&bp->mac_tree, &to_element(mac)->mac_link) != nullptr) {
         return 0;
     }
-    EDM_TRACE_AS("l2fm_edm_table_mac_destroy", 1955, EDM_ERR_INVALID_ARGS);
+    EDM_TRACE_AS("l2fm_edm_table_mac_destroy", EDM_TRACE_MAC_NOT_IN_TREE, EDM_ERR_INVALID_ARGS);
     return EDM_ERR_INVALID_ARGS;
 }
 
@@ -288,26 +296,26 @@ l2fm_edm_mac_t *l2fm_edm_table_mac_alloc_and_fill(const l2fib_mac_edm_entry_t *e
 uint32_t l2fm_edm_table_mac_create(l2fm_edm_bp_t *bp, const l2fib_mac_edm_entry_t *entry)
 {
     if (bp == nullptr || ordtree_running(&bp->mac_tree) == 0) {
-        EDM_TRACE(1938);
+        EDM_TRACE(EDM_TRACE_TREE_NOT_RUNNING);
         return EDM_ERR_INVALID_ARGS;
     }
     const std::optional<uint32_t> limit = edm::mac_limit();
     if (entry == nullptr || !limit) {
-        EDM_TRACE(1942);
+        EDM_TRACE(EDM_TRACE_NO_ROOM);
         return EDM_ERR_NO_RESOURCE;
     }
     const uint32_t node_id = node_of(__func__, bp, entry);
     l2fm_edm_mac_t *mac = make_room(*limit) == 0 ? l2fm_edm_table_mac_alloc_and_fill(entry) : nullptr;
     if (mac == nullptr) {
-        EDM_TRACE(1942);
+        EDM_TRACE(EDM_TRACE_NO_ROOM);
         return EDM_ERR_NO_RESOURCE;
     }
     mac->node_id = node_id;
     const bool inserted = edm::insert_node(&bp->mac_tree, &to_element(mac)->mac_link) != nullptr;
     mac->bp = bp;
     if (!inserted) {
-        EDM_TRACE(1911, bp->xcid);
-        EDM_TRACE(1911, EDM_ERR_NO_RESOURCE);
+        EDM_TRACE(EDM_TRACE_MAC_NOT_INSERTED, bp->xcid);
+        EDM_TRACE(EDM_TRACE_MAC_NOT_INSERTED, EDM_ERR_NO_RESOURCE);
         l2fib_mac_edm_mac_free(mac);
         return EDM_ERR_NO_RESOURCE;
     }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The MAC entry limit, which lies in a cell of the platform's: read for every entry created, on any thread.
+// The MAC entry limit. It is in a cell that the platform owns and may write at any time.
+//
+// Threads: any, without a lock.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +13,7 @@
 
 namespace edm {
 
-// The limit as it is now; nothing while the platform has not defined it.
+// Returns the current limit as a number of entries, or nothing before the platform has defined it.
 inline std::optional<uint32_t> mac_limit()
 {
     const uint32_t *cell = acquire(hw_edm_pool);

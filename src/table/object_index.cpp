@@ -13,13 +13,13 @@ struct by_xcid {
     static uint32_t key_of(const l2fm_edm_bp_t &bp) { return bp.xcid; }
 };
 
-constinit edm::growing_index<by_xcid> bp_by_xcid{};
+constinit edm::growing_index<by_xcid> bp_by_xcid L2FIB_GUARDED_BY_TABLE_LOCK{};
 
 } // namespace
 
 namespace edm {
 
-constinit std::array<l2fm_edm_bd_t *, 65536> bd_by_id{};
+constinit std::array<l2fm_edm_bd_t *, EDM_BRIDGE_ID_MASK + 1> bd_by_id{};
 
 void bd_index_link(l2fm_edm_bd_t *bd)
 {

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Short cuts to bridge domains by id and to ports by xcid, for the feed: one access instead of a search.
+// Indexes of bridge domains by id and of ports by xcid. They save the feed a search in a tree.
 //
-// They are hints beside the trees: a record that is not here may still be in its tree, so null means "search". A record
-// is taken out here before it leaves its tree. They may be asked while edm::indexes_trusted(); after that they may name
-// records that are gone. The caller holds the table lock.
+// They are hints beside the trees: a record may be in its tree and not here, so null means "search the tree". The
+// module removes a record here before it removes it from its tree. Callers use the answers only while
+// edm::indexes_trusted(): afterwards an index may name records that no longer exist.
 #pragma once
 
 #include <array>
@@ -13,22 +13,22 @@
 
 namespace edm {
 
-// Bridge ids are 16 bits wide, so a plain array holds them all; untouched pages of it cost nothing.
-extern std::array<l2fm_edm_bd_t *, 65536> bd_by_id;
+// One slot per bridge id. The pages of the array that nobody touches use no memory.
+extern std::array<l2fm_edm_bd_t *, EDM_BRIDGE_ID_MASK + 1> bd_by_id L2FIB_GUARDED_BY_TABLE_LOCK;
 
-void bd_index_link(l2fm_edm_bd_t *bd);
-void bd_index_unlink(const l2fm_edm_bd_t *bd);
+void bd_index_link(l2fm_edm_bd_t *bd) L2FIB_REQUIRES_TABLE_LOCK;
+void bd_index_unlink(const l2fm_edm_bd_t *bd) L2FIB_REQUIRES_TABLE_LOCK;
 
-inline l2fm_edm_bd_t *bd_index_find(uint32_t bridge_id)
+inline l2fm_edm_bd_t *bd_index_find(uint32_t bridge_id) L2FIB_REQUIRES_TABLE_LOCK
 {
     return bridge_id < bd_by_id.size() ? bd_by_id[bridge_id] : nullptr;
 }
 
-void bp_index_link(l2fm_edm_bp_t *bp);
-void bp_index_unlink(const l2fm_edm_bp_t *bp);
-l2fm_edm_bp_t *bp_index_find(uint32_t xcid);
+void bp_index_link(l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK;
+void bp_index_unlink(const l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK;
+l2fm_edm_bp_t *bp_index_find(uint32_t xcid) L2FIB_REQUIRES_TABLE_LOCK;
 
-// Gives all memory back and forgets every record.
-void object_index_release();
+// Empties both indexes and releases their memory.
+void object_index_release() L2FIB_REQUIRES_TABLE_LOCK;
 
 } // namespace edm

@@ -18,7 +18,7 @@ constexpr int difference_of(uint32_t first, uint32_t second)
     return first < second ? -1 : first > second;
 }
 
-// Steps from a link that lies `LinkOffset` bytes into its element to the record.
+// Returns the record of a link that is `LinkOffset` bytes behind the start of its element.
 template <typename Element, size_t LinkOffset>
 const auto &record_of(const ordtree_link_t *link)
 {
@@ -26,7 +26,7 @@ const auto &record_of(const ordtree_link_t *link)
     return reinterpret_cast<const Element *>(element)->record;
 }
 
-// The shape of every comparator: nulls first, then the difference of the two records' keys.
+// The frame of every comparator: null is less than any link; then the difference of the two records' keys decides.
 template <typename Element, size_t LinkOffset, typename Difference>
 uint32_t compare(const ordtree_link_t *first, const ordtree_link_t *second, Difference difference)
 {
@@ -43,18 +43,20 @@ int xcid_difference(const l2fm_edm_bp_t &first, const l2fm_edm_bp_t &second)
 
 constexpr size_t second_bd_link = offsetof(bd_element, bd_links) + sizeof(ordtree_link_t);
 
-// Where the key of each comparator lies, from the link that the comparator is handed. Names are compared as texts.
+// Where the key of each comparator is. The comparator of names is not here: it compares texts.
 struct key_place {
     ordtree_compare_fn compare;
-    uint32_t offset;
-    uint32_t width;
+    uint32_t offset; // from the link that the comparator gets, in bytes
+    uint32_t width;  // in bytes
     ordtree_key_kind_t kind;
 };
 
 constexpr key_place key_places[] = {
-    {l2fm_edm_table_bd_bridgeid_cmp, offsetof(bd_element, record.bridge_id) - second_bd_link, 4, ORDTREE_KEY_U32},
-    {l2fm_edm_table_bp_xcid_cmp, offsetof(bp_element, record.xcid) - offsetof(bp_element, bp_link), 4, ORDTREE_KEY_U32},
-    {l2fm_edm_table_bd_bp_xcid_cmp, offsetof(bp_element, record.xcid), 4, ORDTREE_KEY_U32},
+    {l2fm_edm_table_bd_bridgeid_cmp, offsetof(bd_element, record.bridge_id) - second_bd_link, sizeof(uint32_t),
+     ORDTREE_KEY_U32},
+    {l2fm_edm_table_bp_xcid_cmp, offsetof(bp_element, record.xcid) - offsetof(bp_element, bp_link), sizeof(uint32_t),
+     ORDTREE_KEY_U32},
+    {l2fm_edm_table_bd_bp_xcid_cmp, offsetof(bp_element, record.xcid), sizeof(uint32_t), ORDTREE_KEY_U32},
     {l2fm_edm_table_mac_addr_cmp, offsetof(mac_element, record.mac_addr), edm::mac_addr_size, ORDTREE_KEY_BYTES},
     {l2fm_edm_table_vtep_addr_cmp, offsetof(vtep_element, record.vtep_addr), edm::vtep_addr_size, ORDTREE_KEY_BYTES},
 };

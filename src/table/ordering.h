@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The orders of the table's trees: comparators, the conversion of nodes, and what the trees may know of the keys.
+// The orders of the table's trees: comparators, the conversion of nodes, and the description of the keys.
 //
-// Comparators take links and answer ORDTREE_LESS, ORDTREE_EQUAL or ORDTREE_GREATER for the first; null is less than any
-// link. They compare keys and touch nothing else, so a probe needs only its key set.
+// A comparator takes two links and returns ORDTREE_LESS, ORDTREE_EQUAL or ORDTREE_GREATER for the first one. Null is
+// less than any link. It reads the keys only, so a probe needs no other value.
+//
+// Threads: any, for the keys of records that do not change meanwhile.
 #pragma once
 
 #include "platform/ordtree.h"
@@ -17,7 +19,8 @@ uint32_t l2fm_edm_table_bd_bp_xcid_cmp(const ordtree_link_t *first, const ordtre
 uint32_t l2fm_edm_table_mac_addr_cmp(const ordtree_link_t *first, const ordtree_link_t *second);
 uint32_t l2fm_edm_table_vtep_addr_cmp(const ordtree_link_t *first, const ordtree_link_t *second);
 
-// The global port tree's node is the second link of an element; a bridge domain's port tree's node is the first.
+// Convert a node into the start of its element. A node of the global port tree is the second link of its element, a node
+// of a bridge domain's port tree is the first one.
 void *l2fm_edm_table_bp_node_to_entry(ordtree_link_t *node);
 void *l2fm_edm_table_node_identity(ordtree_link_t *node);
 
@@ -25,7 +28,8 @@ void *l2fm_edm_table_node_identity(ordtree_link_t *node);
 
 namespace edm {
 
-// Tells the platform's trees where the keys lie, where it can make use of that. Before the trees are started.
+// Describes the keys to the platform's trees (ordtree_describe_key), if the platform can use that. The start of the
+// table calls it before it starts the trees.
 void describe_keys();
 
 } // namespace edm

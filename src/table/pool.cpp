@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The six pools that every record comes from, and which pool a MAC entry's flags choose.
+// The six pools from which the table allocates its records.
 #include "table/pool.h"
 
 #include <cerrno>
@@ -16,11 +16,11 @@ using edm::root;
 
 struct pool_configuration {
     const char *name;
-    uint32_t element_size;
-    uint32_t element_count; // by which the pool grows
+    uint32_t element_size;  // in bytes
+    uint32_t element_count; // by how many elements the pool grows
 };
 
-// By pool type code, which is also the order of creation.
+// Indexed by EDM_POOL_, which is also the order of creation.
 constexpr pool_configuration configuration[EDM_POOL_COUNT] = {
     {"EDM-MAC Chunk", sizeof(mac_element), 1000},
     {"EDM-MAC-PBB Chunk", sizeof(mac_pbb_element), 100},
@@ -30,7 +30,7 @@ constexpr pool_configuration configuration[EDM_POOL_COUNT] = {
     {"EDM-MAC Vtep DB Chunk", sizeof(vtep_element), 100},
 };
 
-void destroy_pools(uint32_t count)
+void destroy_pools(uint32_t count) L2FIB_REQUIRES_TABLE_LOCK
 {
     for (uint32_t pool = 0; pool < count; pool++) {
         chunk_destroy(root.chunk[pool]);
@@ -47,7 +47,7 @@ uint32_t l2fm_edm_table_chunk_init(void)
             chunk_create(wanted.name, wanted.element_size, wanted.element_count, CHUNK_ZEROED_GROWABLE, 0, 0);
         if (root.chunk[pool] == nullptr) {
             destroy_pools(pool);
-            EDM_TRACE(1948, ENOMEM);
+            EDM_TRACE(EDM_TRACE_POOL_NOT_CREATED, ENOMEM);
             return EDM_ERR_NO_RESOURCE;
         }
     }
@@ -66,7 +66,7 @@ void *l2fm_edm_table_malloc(uint32_t pool)
     }
     void *element = chunk_malloc(root.chunk[pool]);
     if (element == nullptr) {
-        EDM_TRACE(1949);
+        EDM_TRACE(EDM_TRACE_POOL_REFUSED);
     }
     return element;
 }
@@ -77,7 +77,7 @@ uint32_t l2fm_edm_table_free(uint32_t pool, void *element)
         return EDM_ERR_INVALID_ARGS;
     }
     if (chunk_free(root.chunk[pool], element) == 0) {
-        EDM_TRACE(1949);
+        EDM_TRACE(EDM_TRACE_POOL_REFUSED);
         return EDM_ERR_NO_RESOURCE;
     }
     return 0;

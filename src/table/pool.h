@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Which pool a MAC entry comes from and goes back to. The caller holds the table lock.
+// Which pool a MAC entry belongs to.
 #pragma once
 
 #include "l2fm_edm_table.h"
@@ -8,11 +8,11 @@
 namespace edm {
 
 struct mac_variant {
-    uint16_t flag; // chooses the variant
-    uint32_t pool;
+    uint16_t flag; // an entry with this flag
+    uint32_t pool; // is in this pool
 };
 
-// In order of preference: an entry with both flags is a PBB entry.
+// The first match decides: an entry with both flags is in the PBB pool.
 constexpr mac_variant mac_variants[] = {{EDM_MAC_PBB, EDM_POOL_MAC_PBB}, {EDM_MAC_VNI, EDM_POOL_MAC_VNI}};
 
 constexpr uint32_t pool_of_flags(uint32_t flags)

@@ -27,14 +27,16 @@ uint32_t *counter_of_kind(uint32_t kind)
     }
 }
 
-void count(uint32_t kind, uint32_t difference)
+void count(uint32_t kind, uint32_t difference) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (uint32_t *counter = counter_of_kind(kind)) {
         edm::add(*counter, difference);
     }
 }
 
-// The ends of the list live in the root under names of their own.
+// The root has other names for its links than an entry has: an empty list is root -> root, one entry is
+//
+//      root.ll_first -> mac.next -> root        root.ll_last -> mac.prev -> root
 l2fm_edm_ll_link_t *&next_of(l2fm_edm_ll_link_t *link)
 {
     return link == list_end() ? root.ll_root.ll_first : link->next;
@@ -47,7 +49,7 @@ l2fm_edm_ll_link_t *&prev_of(l2fm_edm_ll_link_t *link)
 
 } // namespace
 
-// The module sets the back-pointers of its own records without these four.
+// The module does not call these four. After such a call the trees and the records may disagree.
 
 void l2fm_edm_table_mac_set_bp(l2fm_edm_mac_t *mac, l2fm_edm_bp_t *bp)
 {

@@ -6,7 +6,11 @@
 
 namespace {
 
-// The two objects that attributes are read from.
+// The words of VXLAN field 54 that a port keeps.
+constexpr uint32_t vxlan_word_of_seg_info2 = 0;
+constexpr uint32_t vxlan_word_of_seg_info1 = 3;
+
+// The two objects that hold a port's attributes.
 struct port_objects {
     l2fib_ctx_t cross_connect;
     l2fib_ctx_t segment;
@@ -46,8 +50,8 @@ uint32_t read_vxlan(const port_objects &from, l2fm_edm_bp_t *bp)
     uint32_t words[L2FIB_VXLAN_54_WORDS] = {};
     const uint32_t status = l2fib_access_field(L2FIB_SEGMENT_VXLAN, &from.segment, L2FIB_FIELD_VXLAN_54, words);
     if (status == 0) {
-        bp->seg_info2 = words[0];
-        bp->seg_info1 = words[3];
+        bp->seg_info2 = words[vxlan_word_of_seg_info2];
+        bp->seg_info1 = words[vxlan_word_of_seg_info1];
     }
     return status;
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// What a bridge port is, read from the forwarding manager: the kind and attributes of its cross-connect's first
+// Reads what a bridge port is from the forwarding manager: the kind and attributes of its cross-connect's first
 // segment.
 #pragma once
 
@@ -8,8 +8,9 @@
 
 namespace edm {
 
-// Reads the kind and attributes of the cross-connect `xcid` into a port, under the forwarding manager's lock. What was
-// read before a failure stays. A segment of unknown kind leaves the port as it is and is no failure.
-uint32_t read_segment(l2fm_edm_bp_t *bp, uint32_t xcid);
+// Reads the kind and attributes of the cross-connect `xcid` into a port. Takes the forwarding manager's lock meanwhile.
+// On failure it returns a status and keeps what it has read so far. A segment of unknown kind leaves the port unchanged
+// and is no failure.
+uint32_t read_segment(l2fm_edm_bp_t *bp, uint32_t xcid) L2FIB_REQUIRES_TABLE_LOCK;
 
 } // namespace edm

@@ -1,18 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Cells of the module that are read without the table lock by a thread other than their writer: counters that a count
-// or a trace reports, handles that a thread publishes, the limit that the platform may change.
+// Cells that one thread writes and others read without the table lock: the table's counters, handles that a thread
+// publishes, the limit that the platform may change.
 //
-// They are plain objects of a C interface, so they are accessed as atomics where they are shared. On x86 none of these
-// costs more than a plain access.
+// The cells are plain objects of a C interface. Code that shares them accesses them as atomics, by these functions. On
+// x86 none of them costs more than a plain access.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
+#include "l2fib_mac_edm.h"
+
 namespace edm {
 
-// A value that stands for itself: nothing else is read because of it.
+// For a value that stands for itself: its reader concludes nothing about other objects from it.
 template <typename T>
 T peek(const T &cell)
 {
@@ -25,7 +27,7 @@ void poke(T &cell, T value)
     std::atomic_ref<T>(cell).store(value, std::memory_order_relaxed);
 }
 
-// A value that announces what was written before it.
+// For a value that announces others: a thread that acquires it sees everything written before it was published.
 template <typename T>
 T acquire(const T &cell)
 {
@@ -38,8 +40,8 @@ void publish(T &cell, T value)
     std::atomic_ref<T>(cell).store(value, std::memory_order_release);
 }
 
-// Counters have one writer at a time, the holder of the table lock: no read-modify-write is needed.
-inline void add(uint32_t &counter, uint32_t difference)
+// Adds to a counter. Only the holder of the table lock writes counters, so an atomic addition is not needed.
+inline void add(uint32_t &counter, uint32_t difference) L2FIB_REQUIRES_TABLE_LOCK
 {
     poke(counter, peek(counter) + difference);
 }

@@ -2,15 +2,17 @@
 
 // Trace points of the module, under any lock and on any thread.
 //
-// EDM_TRACE takes the function's name by itself; EDM_TRACE_AS names a step of a function that operators know by a name
-// of its own. Values are numbers of any width, at most EDM_TRACE_MAX_VALUES.
+//      EDM_TRACE(EDM_TRACE_BD_NOT_DESTROYED, bridge_id, status);
+//
+// EDM_TRACE uses the name of the function around it. EDM_TRACE_AS takes a name, for a step of a function that operators
+// know. platform/trace.h lists the ids and their values, which are numbers of any width.
 #pragma once
 
 #include <cstdint>
 
 #include "platform/trace.h"
 
-// Failure paths are the only users: kept out of line and out of the way of the paths that succeed.
+// Cold and not inlined, because almost only failures reach a trace point. It must not slow the paths that succeed.
 template <typename... Values>
 [[gnu::cold, gnu::noinline]] void edm_trace(uint32_t id, const char *name, Values... values)
 {

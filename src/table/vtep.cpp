@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// VXLAN tunnel end points of a port. The caller holds the table lock.
+// VXLAN tunnel end points of a port.
 #include <cstring>
 
 #include "table/element.h"
@@ -24,7 +24,7 @@ l2fm_edm_vtep_t *l2fm_edm_table_vtep_alloc_and_fill(const uint8_t *vtep_addr)
 uint32_t l2fm_edm_table_vtep_create_modify(const l2fib_mac_edm_entry_t *entry, l2fm_edm_bp_t *bp)
 {
     if (entry == nullptr || bp == nullptr || ordtree_running(&bp->vtep_tree) == 0) {
-        EDM_TRACE(1968);
+        EDM_TRACE(EDM_TRACE_VTEP_TREE_NOT_RUNNING);
         return EDM_ERR_INVALID_ARGS;
     }
     if ((entry->flags & EDM_MAC_VNI) == 0) {
@@ -55,7 +55,7 @@ uint32_t l2fm_edm_table_vtep_destroy(l2fm_edm_vtep_t *vtep, l2fm_edm_bp_t *bp)
     if (ordtree_running(&bp->vtep_tree) != 0
         && ordtree_delete(&bp->vtep_tree, &edm::to_element(vtep)->vtep_link) == nullptr) {
         status = EDM_ERR_INVALID_ARGS;
-        EDM_TRACE(1969, status);
+        EDM_TRACE(EDM_TRACE_VTEP_NOT_IN_TREE, status);
     }
     uint32_t &vtep_cnt = edm::root.counters.vtep_cnt;
     if (vtep_cnt != 0) {

@@ -1,20 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The table lock beyond what is exported (l2fib_mac_edm_mutex_lock and _unlock): its creation, and the check that
-// nobody waits with it held.
+// The part of the table lock that l2fib_mac_edm.h does not export: its creation, and the check that no thread waits while
+// it holds the lock.
 #pragma once
 
 #include <cstdint>
 
 namespace edm {
 
-// Creates the lock anew; the start calls it before the module's threads exist, while nobody holds or awaits the lock.
-// Returns 0 or an error number. The lock also works before: who uses the table without starting the threads needs no
-// creation.
+// Replaces the lock by a new one. The start calls it before the module's threads exist, while no thread holds the lock
+// or waits for it. Returns 0 or an error number. The lock also works before: a process that uses the table without the
+// threads needs no creation.
 uint32_t table_lock_create();
 
 #ifndef NDEBUG
-// How many takes of the lock the calling thread has not released. For assertions: counted in debug builds only.
+// Returns how many takes of the lock the calling thread has not released yet. For assertions in debug builds.
 uint32_t table_lock_depth();
 #endif
 

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The removal of bridge domains and ports, as the notification service tells it: what it names is destroyed in the
-// cache with everything under it. Both streams are subscribed to before the table exists and delivered by the cache
-// thread's loop, which begins afterwards. That something is not cached is no error.
+// Removal of bridge domains and ports. When the notification service reports that one is removed, the cache destroys it
+// with everything below it. An object that is not cached is no error.
+//
+// The cache thread subscribes to both streams before it creates the table. Its event loop delivers the notifications
+// and starts afterwards, so the table always exists when a callback runs.
 #include <cstdint>
 
 #include "l2fib_mac_edm.h"
@@ -14,35 +16,35 @@
 namespace edm {
 namespace {
 
-// Kept for the life of the process; the cache thread's alone.
+// Used by the cache thread only. Lives as long as the process.
 bdxc_connection_t *bdxc_handle;
 
 void l2fib_mac_edm_notif_noop(void *, void *, const void *) {}
 
 void l2fib_mac_edm_bdxc_notif_hdlr(void *, void *, const void *notification)
 {
-    const auto *told = static_cast<const bdxc_notification_t *>(notification);
-    if (told == nullptr || told->event_code != BDXC_EVENT_REMOVED) {
+    const auto *notice = static_cast<const bdxc_notification_t *>(notification);
+    if (notice == nullptr || notice->event_code != BDXC_EVENT_REMOVED) {
         return;
     }
-    switch (told->object_kind) {
-    case BDXC_KIND_BRIDGE_DOMAIN: l2fm_edm_table_bd_destroy(told->object_id); break;
-    case BDXC_KIND_CROSS_CONNECT: l2fm_edm_table_bp_destroy(told->object_id); break;
+    switch (notice->object_kind) {
+    case BDXC_KIND_BRIDGE_DOMAIN: l2fm_edm_table_bd_destroy(notice->object_id); break;
+    case BDXC_KIND_CROSS_CONNECT: l2fm_edm_table_bp_destroy(notice->object_id); break;
     default: break;
     }
 }
 
 void l2fib_mac_edm_efp_notif_hdlr(void *, void *, const void *notification)
 {
-    const auto *told = static_cast<const efp_notification_t *>(notification);
-    if (told == nullptr || told->validity != 1 || told->event_code != BDXC_EVENT_REMOVED) {
+    const auto *notice = static_cast<const efp_notification_t *>(notification);
+    if (notice == nullptr || notice->validity != EFP_NOTIFICATION_VALID || notice->event_code != BDXC_EVENT_REMOVED) {
         return;
     }
-    switch (told->object_kind) {
-    case BDXC_KIND_BRIDGE_DOMAIN: l2fm_edm_table_bd_destroy(told->bridge_id); break;
+    switch (notice->object_kind) {
+    case BDXC_KIND_BRIDGE_DOMAIN: l2fm_edm_table_bd_destroy(notice->bridge_id); break;
     case BDXC_KIND_CROSS_CONNECT:
     case EFP_KIND_BRIDGE_PORT_3:
-    case EFP_KIND_BRIDGE_PORT_6: l2fm_edm_table_bp_destroy(told->port_id); break;
+    case EFP_KIND_BRIDGE_PORT_6: l2fm_edm_table_bp_destroy(notice->port_id); break;
     default: break;
     }
 }
@@ -50,7 +52,7 @@ void l2fib_mac_edm_efp_notif_hdlr(void *, void *, const void *notification)
 constexpr bdxc_subscription_t bdxc_callbacks = {{l2fib_mac_edm_bdxc_notif_hdlr, l2fib_mac_edm_notif_noop,
                                                  l2fib_mac_edm_notif_noop, l2fib_mac_edm_notif_noop,
                                                  l2fib_mac_edm_notif_noop, l2fib_mac_edm_notif_noop}};
-// The second stream has its handler twice.
+// In the second stream the first two slots have the same handler.
 constexpr bdxc_subscription_t efp_callbacks = {{l2fib_mac_edm_efp_notif_hdlr, l2fib_mac_edm_efp_notif_hdlr,
                                                 l2fib_mac_edm_notif_noop, l2fib_mac_edm_notif_noop,
                                                 l2fib_mac_edm_notif_noop, l2fib_mac_edm_notif_noop}};
@@ -68,12 +70,12 @@ uint32_t l2fib_mac_edm_bdxc_register(void)
 {
     if (const uint32_t status = bdxc_process_connect(edm::acquire(l2fib_mac_cache_evm), 0, &edm::bdxc_handle);
         status != 0) {
-        EDM_TRACE(1924, status);
+        EDM_TRACE(EDM_TRACE_NOT_CONNECTED, status);
         return status;
     }
-    // Disconnecting withdraws a subscription that was made.
+    // If only the second subscription fails, the disconnection ends the first one too.
     if (const uint32_t status = edm::subscribe_to_both(); status != 0) {
-        EDM_TRACE(1923, status);
+        EDM_TRACE(EDM_TRACE_NOT_SUBSCRIBED, status);
         bdxc_process_disconnect(edm::bdxc_handle);
         return status;
     }

@@ -19,14 +19,14 @@
 namespace edm {
 namespace {
 
-// The database waits this many seconds longer than the send, so that the handler can still answer for itself.
+// The database waits this many seconds longer than the send, so that the handler has time to answer after a time-out.
 constexpr uint32_t request_timeout_margin = 5;
 
-// What the cache thread itself completes a request with.
-constexpr uint32_t status_action_done = 3;
-constexpr uint32_t status_unknown_request = 4;
+// The statuses with which the cache thread itself completes a request.
+constexpr uint32_t status_action_done = EDM_RESYNC_STATUS_FAILED + 1;
+constexpr uint32_t status_unknown_request = status_action_done + 1;
 
-// By the status that a resync is completed with.
+// Indexed by the status with which a resync is completed.
 constexpr uint32_t reply_codes[] = {EDM_REPLY_DONE, EDM_REPLY_DONE_1, EDM_REPLY_FAILED, EDM_REPLY_ACTION_DONE};
 
 constexpr uint32_t reply_code_of(uint32_t status)
@@ -34,7 +34,7 @@ constexpr uint32_t reply_code_of(uint32_t status)
     return status < std::size(reply_codes) ? reply_codes[status] : EDM_REPLY_UNKNOWN;
 }
 
-// A request of a type, or a reply of a code.
+// Makes a request of a type, or a reply with a code.
 l2fib_mac_edm_resync_msg_t make_message(uint32_t type_or_code, uint32_t arg)
 {
     l2fib_mac_edm_resync_msg_t message{};
@@ -48,7 +48,7 @@ l2fib_mac_edm_resync_msg_t make_message(uint32_t type_or_code, uint32_t arg)
 
 constexpr const char *requester = "l2fib_mac_edm_thread_send_resync";
 
-// Sends and waits. 0, or the error number of the send ORed with EDM_RESYNC_SEND_ERROR.
+// Sends a request and waits for the reply. Returns 0, or the error number of the send ORed with EDM_RESYNC_SEND_ERROR.
 uint32_t exchange(uint32_t connection, const l2fib_mac_edm_resync_msg_t &message, l2fib_mac_edm_resync_msg_t &reply,
                   optree_request_t *request)
 {
@@ -66,28 +66,29 @@ uint32_t exchange(uint32_t connection, const l2fib_mac_edm_resync_msg_t &message
     return 0;
 }
 
-// The counters may be changing meanwhile: each is read by itself, and the six need not belong together.
+// Reads each counter by itself and without the lock. The six values may be of different moments.
 void trace_counters(uint32_t id)
 {
     l2fm_edm_mac_pool_t *counters = l2fm_edm_table_mac_get_pool();
-    EDM_TRACE_AS(requester, id, peek(counters->mac_cnt_sum), peek(counters->mac_cnt_plain), peek(counters->mac_cnt_f2),
-                 peek(counters->mac_cnt_f4), peek(counters->bd_cnt), peek(counters->bp_cnt));
+    EDM_TRACE_AS(requester, id, peek(counters->mac_cnt_sum), peek(counters->mac_cnt_plain),
+                 peek(counters->mac_cnt_static), peek(counters->mac_cnt_local), peek(counters->bd_cnt),
+                 peek(counters->bp_cnt));
 }
 
 uint32_t result_of_reply(uint32_t code)
 {
     switch (code) {
-    case EDM_REPLY_DONE: trace_counters(1957); return 0;
-    case EDM_REPLY_DONE_1: trace_counters(1956); return 0;
-    case EDM_REPLY_FAILED: EDM_TRACE_AS(requester, 1973); return EDM_ERR_RESYNC;
+    case EDM_REPLY_DONE: trace_counters(EDM_TRACE_RESYNC_DONE); return 0;
+    case EDM_REPLY_DONE_1: trace_counters(EDM_TRACE_RESYNC_DONE_1); return 0;
+    case EDM_REPLY_FAILED: EDM_TRACE_AS(requester, EDM_TRACE_RESYNC_FAILED); return EDM_ERR_RESYNC;
     case EDM_REPLY_ACTION_DONE: return 0;
-    default: EDM_TRACE_AS(requester, 1929, EDM_ERR_INVALID_ARGS); return EDM_ERR_INVALID_ARGS;
+    default: EDM_TRACE_AS(requester, EDM_TRACE_RESYNC_UNKNOWN_REPLY, EDM_ERR_INVALID_ARGS); return EDM_ERR_INVALID_ARGS;
     }
 }
 
 // ---- The cache thread ----
 
-// Stores how many bytes of the client's message were received; a message that did not arrive whole is refused.
+// Stores how many bytes of the client's message were received. Refuses a message that did not arrive complete.
 uint32_t received_length(uint32_t client, uint64_t &length)
 {
     uint64_t sent = 0;
@@ -100,7 +101,7 @@ uint32_t received_length(uint32_t client, uint64_t &length)
     return length == sent ? 0 : EDM_ERR_INVALID_ARGS;
 }
 
-// Anybody may send to the channel: a message shorter than a request is completed with zeros.
+// Copies a message. Other programs may send to the channel, so a message shorter than a request is filled with zeros.
 l2fib_mac_edm_resync_msg_t request_of(const void *bytes, uint64_t length)
 {
     l2fib_mac_edm_resync_msg_t request{};
@@ -108,8 +109,8 @@ l2fib_mac_edm_resync_msg_t request_of(const void *bytes, uint64_t length)
     return request;
 }
 
-// Hands a request to the platform; false when it is none that the platform could be called for. The threads may have
-// been started without callbacks, and then nothing is.
+// Calls the platform for a request. Returns false for an unknown request, and if the threads were started without
+// callbacks.
 bool call_platform(const l2fib_mac_edm_resync_msg_t &request)
 {
     const l2fib_mac_edm_pd_cb_t &platform = hw_edm_pd_cb;
@@ -128,12 +129,12 @@ bool call_platform(const l2fib_mac_edm_resync_msg_t &request)
     }
 }
 
-// Lets a held requester go. `function` is whom to name when that fails.
+// Releases a held requester. Traces a failure in the name of `function`.
 uint32_t release_requester(uint32_t client, const char *function)
 {
     const uint32_t status = msg_clinfo_unhold(client);
     if (status != 0) {
-        EDM_TRACE_AS(function, 1935, status);
+        EDM_TRACE_AS(function, EDM_TRACE_REQUESTER_NOT_RELEASED, status);
     }
     return status;
 }
@@ -148,17 +149,17 @@ void l2fib_mac_cache_thread_hdlr(const event_message_t *event)
     const uint32_t hold_status = msg_clinfo_hold(event->client);
     publish(current_lwm_clinfo, event->client);
     if (hold_status != 0) {
-        EDM_TRACE(1930, hold_status);
+        EDM_TRACE(EDM_TRACE_RESYNC_NOT_SERVED, hold_status);
     }
     uint64_t length = 0;
     if (const uint32_t status = received_length(event->client, length); status != 0) {
-        EDM_TRACE(1930, status);
+        EDM_TRACE(EDM_TRACE_RESYNC_NOT_SERVED, status);
         release_requester(event->client, __func__);
         return;
     }
     if (!call_platform(request_of(event->bytes, length))) {
         l2fib_mac_edm_resync_complete(status_unknown_request);
-        EDM_TRACE(1930, EDM_ERR_INVALID_ARGS);
+        EDM_TRACE(EDM_TRACE_RESYNC_NOT_SERVED, EDM_ERR_INVALID_ARGS);
     }
 }
 
@@ -171,21 +172,21 @@ uint32_t l2fib_mac_edm_action_cb(optree_request_t *request)
 
 uint32_t l2fib_mac_edm_thread_send_resync(uint32_t type, uint32_t arg, optree_request_t *request)
 {
-    // The platform's resync feeds the table, which needs the lock.
+    // The platform's resync feeds the table and takes the lock: a caller that holds it would wait for itself.
     assert(edm::table_lock_depth() == 0);
     const uint32_t connection = edm::acquire(conn);
     if (edm::acquire(edm::resync_ready) == nullptr || connection == 0) {
         return EDM_ERR_INVALID_ARGS;
     }
     if (type < EDM_RESYNC_ALL || type > EDM_RESYNC_ACTION) {
-        EDM_TRACE(1928, EDM_ERR_INVALID_ARGS);
+        EDM_TRACE(EDM_TRACE_RESYNC_NOT_SENT, EDM_ERR_INVALID_ARGS);
         return EDM_ERR_INVALID_ARGS;
     }
     const bool has_scope = type == EDM_RESYNC_BD || type == EDM_RESYNC_BP;
     const l2fib_mac_edm_resync_msg_t message = edm::make_message(type, has_scope ? arg : 0);
     l2fib_mac_edm_resync_msg_t reply{};
     if (const uint32_t status = edm::exchange(connection, message, reply, request); status != 0) {
-        EDM_TRACE(1928, status);
+        EDM_TRACE(EDM_TRACE_RESYNC_NOT_SENT, status);
         return status;
     }
     return edm::result_of_reply(reply.msg_type & EDM_MSG_TYPE_MASK);
@@ -194,11 +195,11 @@ uint32_t l2fib_mac_edm_thread_send_resync(uint32_t type, uint32_t arg, optree_re
 uint32_t l2fib_mac_edm_resync_complete(uint32_t status)
 {
     const l2fib_mac_edm_resync_msg_t reply = edm::make_message(edm::reply_code_of(status), 0);
-    // Looked at once: as soon as it is answered, the requester may ask again, and the next client be held.
+    // Read before the reply: once the requester has its answer, it may ask again and replace the held client.
     const uint32_t client = edm::acquire(current_lwm_clinfo);
     const uint32_t reply_status = msg_reply(client, 0, &reply, sizeof(reply));
     if (reply_status != 0) {
-        EDM_TRACE(1930, reply_status);
+        EDM_TRACE(EDM_TRACE_RESYNC_NOT_SERVED, reply_status);
     }
     return edm::release_requester(client, __func__);
 }

@@ -2,13 +2,13 @@
 
 // The module's two threads: what each sets up, and the event loop that both run.
 //
-//   Mac-Edm-Cache-Thread  creates the table, tells the platform so, and then serves removals, resync requests and
-//                         whatever the platform attaches to `l2fib_mac_cache_evm`.
-//   Mac-Edm-Thread        registers the handlers with the operational database and then serves its requests.
+//   Mac-Edm-Cache-Thread  creates the table and calls the platform's slot 7. Then it serves removals, resync requests,
+//                         and the events that the platform attaches to `l2fib_mac_cache_evm`.
+//   Mac-Edm-Thread        registers the handlers with the operational database, then serves its requests.
 //
-// They start independently of each other. A thread whose set-up fails ends there and leaves what it has done; the other
-// is not told. The module reports nothing beyond the trace point: `conn` and `resync_ready` stay unset, and with either
-// unset every resync is refused.
+// The threads start independently. If the set-up of one fails, it writes a trace point, keeps what it has set up so far
+// and ends. The other one gets no sign of it, but `conn` or `resync_ready` stays unset. While either is unset, the
+// module refuses every resync.
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -30,9 +30,20 @@
 namespace edm {
 namespace {
 
-constexpr uint32_t receive_buffer_size = 128;
+constexpr const char *cache_thread_name = "Mac-Edm-Cache-Thread";
+constexpr const char *request_thread_name = "Mac-Edm-Thread";
 
-// Names the calling thread and serves its manager until that serves no more.
+// Room for a received message, in bytes. The longest message of the module is a resync request.
+constexpr uint32_t receive_buffer_size = 128;
+static_assert(receive_buffer_size >= sizeof(l2fib_mac_edm_resync_msg_t));
+
+// Requests with this prefix are for the module.
+constexpr const char *database_path_prefix = "mac-";
+
+// Signals that the module's threads must not receive, as offsets from SIGRTMIN.
+constexpr int blocked_signals[] = {6, 10};
+
+// Names the calling thread and serves its manager until the manager serves no more events.
 void serve_events(event_manager_t *evm, const char *thread_name)
 {
     set_thread_name(thread_name, pthread_self());
@@ -50,7 +61,7 @@ void serve_events(event_manager_t *evm, const char *thread_name)
     }
 }
 
-// Makes the calling thread's manager and stores it in `cell`, where others may look.
+// Creates the calling thread's manager and publishes it in `cell`.
 event_manager_t *create_event_manager(const char *path, event_manager_t *&cell)
 {
     event_manager_t *evm = event_manager_create(0, path, EVENT_MANAGER_DEPTH, 0);
@@ -62,10 +73,10 @@ event_manager_t *create_event_manager(const char *path, event_manager_t *&cell)
 
 uint32_t l2fib_mac_cache_evt_cb(void *, void *)
 {
-    return 1;
+    return EVENT_CALLBACK_DONE;
 }
 
-// Under the lock, since Mac-Edm-Thread may be serving requests already.
+// Mac-Edm-Thread may already serve requests, so this takes the lock.
 uint32_t create_table()
 {
     const scoped_lock lock;
@@ -74,7 +85,7 @@ uint32_t create_table()
 
 uint32_t attach_to_cache_thread(event_manager_t *evm)
 {
-    // The library keeps the record.
+    // Static, because the event library keeps the record's address.
     static event_callback_record_t callbacks;
     callbacks = {};
     callbacks.tag = EVENT_CALLBACK_TAG;
@@ -100,7 +111,7 @@ uint32_t set_up_cache_thread(event_manager_t *evm)
     return attach_to_cache_thread(evm);
 }
 
-// `conn` is set at once and whole, since the other thread looks at it.
+// Publishes `conn` after the connection is open, because the other thread reads it at any time.
 uint32_t connect_to_cache_thread(event_manager_t *evm)
 {
     uint32_t connection = 0;
@@ -113,20 +124,20 @@ uint32_t connect_to_cache_thread(event_manager_t *evm)
 
 void *l2fib_mac_cache_thread_init(void *)
 {
-    event_manager_t *evm = create_event_manager("/dev/l2fib_mac_cache", l2fib_mac_cache_evm);
+    event_manager_t *evm = create_event_manager(EDM_CACHE_THREAD_PATH, l2fib_mac_cache_evm);
     if (evm == nullptr || hw_edm_evm == nullptr) {
         return nullptr;
     }
     if (const uint32_t status = set_up_cache_thread(evm); status != 0) {
-        EDM_TRACE(1931, status);
+        EDM_TRACE(EDM_TRACE_CACHE_THREAD_ENDED, status);
         return nullptr;
     }
     if (const uint32_t status = connect_to_cache_thread(evm); status != 0) {
-        EDM_TRACE(1932, status);
+        EDM_TRACE(EDM_TRACE_CACHE_CHANNEL_FAILED, status);
         return nullptr;
     }
-    EDM_TRACE(1945, 0);
-    serve_events(evm, "Mac-Edm-Cache-Thread");
+    EDM_TRACE(EDM_TRACE_CACHE_THREAD_READY, 0);
+    serve_events(evm, cache_thread_name);
     return nullptr;
 }
 
@@ -143,10 +154,10 @@ constexpr l2fib_action_table_t l2fib_mac_edm_action_fns = make_action_table();
 
 uint32_t register_services(event_manager_t *evm)
 {
-    // Without them requests find no handler, which the database answers for itself.
+    // The two results are ignored: if a registration fails, the database itself answers that there is no handler.
     l2fib_hw_mac_addr_edm_fn_init();
     l2fib_action_mac_edm_fn_init(&l2fib_mac_edm_action_fns);
-    if (const uint32_t status = l2fib_show_mac_edm_optree_init(evm, "mac-"); status != 0) {
+    if (const uint32_t status = l2fib_show_mac_edm_optree_init(evm, database_path_prefix); status != 0) {
         return status;
     }
     return l2fib_action_mac_edm_init(evm);
@@ -154,33 +165,36 @@ uint32_t register_services(event_manager_t *evm)
 
 void *l2fib_mac_edm_thread_init(void *)
 {
-    event_manager_t *evm = create_event_manager("/dev/l2fib_mac_edm", l2fib_mac_edm_evm);
+    event_manager_t *evm = create_event_manager(EDM_REQUEST_THREAD_PATH, l2fib_mac_edm_evm);
     if (evm == nullptr || hw_edm_evm == nullptr || edm_handle == nullptr) {
         return nullptr;
     }
     if (const uint32_t status = register_services(evm); status != 0) {
-        EDM_TRACE(1925, status);
+        EDM_TRACE(EDM_TRACE_REQUEST_THREAD_ENDED, status);
         return nullptr;
     }
     publish(resync_ready, edm_handle);
-    EDM_TRACE(1944, 0);
-    serve_events(evm, "Mac-Edm-Thread");
+    EDM_TRACE(EDM_TRACE_REQUEST_THREAD_READY, 0);
+    serve_events(evm, request_thread_name);
     return nullptr;
 }
 
 // ---- Creation of both ----
 
-// Blocks, in the calling thread and those it creates, the signals that are not for the module's threads.
+// Blocks the signals in the calling thread. The threads that it creates inherit that.
 void block_signals()
 {
     sigset_t signals;
-    if (sigemptyset(&signals) != 0 || sigaddset(&signals, SIGRTMIN + 6) != 0 || sigaddset(&signals, SIGRTMIN + 10) != 0
-        || pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) {
+    bool is_done = sigemptyset(&signals) == 0;
+    for (const int offset : blocked_signals) {
+        is_done = is_done && sigaddset(&signals, SIGRTMIN + offset) == 0;
+    }
+    if (!is_done || pthread_sigmask(SIG_BLOCK, &signals, nullptr) != 0) {
         std::abort();
     }
 }
 
-// Nobody waits for the thread to end.
+// Starts a thread that lives as long as the process: no other thread waits for its end.
 uint32_t start_thread(void *(*body)(void *))
 {
     block_signals();
@@ -212,7 +226,7 @@ uint32_t l2fib_mac_edm_lwm_init(event_manager_t *evm, msg_chan_t *lwm_chan, void
     hw_edm_lwm_chan = lwm_chan;
     const uint32_t status = edm::create_lock_and_threads();
     if (status != 0) {
-        EDM_TRACE(1951, status);
+        EDM_TRACE(EDM_TRACE_START_FAILED, status);
     }
     return status;
 }
