@@ -1,16 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// How a function reports that it failed, in every part but the module and the host platform, whose interfaces return
-// status numbers.
+// The one way in which a function reports a failure. The module and the host platform are exceptions: their interfaces
+// return status numbers.
 //
 //      base::result open_log(const std::string &path);
 //      ...
 //      if (const base::result opened = open_log(path); !opened.ok()) {
-//          report(opened.text);
+//          print(opened.text);
 //      }
+//
+// Threads: a result is a value; its functions are pure and any thread may call them.
 #pragma once
 
 #include <string>
+#include <system_error>
 #include <utility>
 
 namespace base {
@@ -31,6 +34,12 @@ inline result success()
 inline result failure(int code, std::string text)
 {
     return {code, std::move(text)};
+}
+
+// A failed system call. `code` is its errno; `subject` names what it worked on: "socket /run/a: Permission denied".
+inline result system_failure(int code, const std::string &subject)
+{
+    return {code, subject + ": " + std::generic_category().message(code)};
 }
 
 } // namespace base

@@ -76,9 +76,8 @@ constexpr std::pair<const char *, log_level> levels[] = {{"error", log_level::er
 void set_fabric(settings &into, const std::string &text)
 {
     forwarding::fabric_options ignored;
-    const std::string error = forwarding::parse_fabric(text, ignored);
-    if (!error.empty()) {
-        refuse("--generate", text, error);
+    if (const base::result parsed = forwarding::parse_fabric(text, ignored); !parsed.ok()) {
+        refuse("--generate", text, parsed.text);
     }
     into.forwarding.fabric = text;
 }
