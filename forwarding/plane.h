@@ -22,8 +22,8 @@
 // clean. A clean plane may also run a full dump, to prove the shadow table. The plane stays clean meanwhile, even if
 // the proof ends unclean: an incomplete full dump does not contradict the shadow table.
 //
-// Order. The latest report about a key holds. A plane that receives dumps and changes on different ways reports the
-// changes of a dump's time after the dump. A link is reported before the entries on it.
+// Order. The latest report about a key holds. So a plane does not report the record of a dump after a newer change of
+// the same key. It reports a link before the entries on it.
 //
 // Threads. A plane and its sink run on the thread of the event manager that start was given. Any thread may call query,
 // health and lacks.

@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -16,81 +14,6 @@
 namespace forwarding {
 namespace {
 
-// ---- Options ----
-
-struct fabric_item {
-    std::string_view name;
-    uint32_t fabric_options::*value;
-    uint32_t min;
-    uint32_t max;
-    std::string_view unit; // may follow the number
-};
-
-constexpr fabric_item fabric_items[] = {
-    {"bridges", &fabric_options::bridges, 1, 60'000, ""},  {"ports", &fabric_options::ports, 1, 1'000, ""},
-    {"macs", &fabric_options::macs, 0, 16'000'000, ""},    {"vteps", &fabric_options::vteps, 0, 60'000, ""},
-    {"churn", &fabric_options::churn, 0, 1'000'000, "/s"}, {"seed", &fabric_options::seed, 0, UINT32_MAX, ""},
-};
-
-std::string known_items()
-{
-    std::string names;
-    for (const fabric_item &item : fabric_items) {
-        names.append(names.empty() ? "" : ", ").append(item.name);
-    }
-    return names;
-}
-
-base::result parse_value(const fabric_item &item, std::string_view text, fabric_options &options)
-{
-    std::string_view digits = text;
-    if (digits.ends_with(item.unit)) {
-        digits.remove_suffix(item.unit.size());
-    }
-    uint32_t value = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    if (error != std::errc() || end != digits.data() + digits.size() || value < item.min || value > item.max) {
-        return base::failure(EINVAL, std::string(item.name) + " is \"" + std::string(text)
-                                         + "\", expected a number from " + std::to_string(item.min) + " to "
-                                         + std::to_string(item.max));
-    }
-    options.*item.value = value;
-    return base::success();
-}
-
-base::result parse_item(std::string_view text, fabric_options &options)
-{
-    const size_t equals = text.find('=');
-    for (const fabric_item &item : fabric_items) {
-        if (equals != std::string_view::npos && item.name == text.substr(0, equals)) {
-            return parse_value(item, text.substr(equals + 1), options);
-        }
-    }
-    return base::failure(EINVAL, "\"" + std::string(text) + "\" is none of the items NAME=NUMBER with the names "
-                                     + known_items());
-}
-
-// Limits that hold for each bridge can still exceed the totals.
-constexpr struct {
-    std::string_view name;
-    uint32_t fabric_options::*of_each;
-    uint64_t max;
-} totals[] = {{"ports", &fabric_options::ports, 1'000'000}, {"vteps", &fabric_options::vteps, 16'000'000}};
-
-base::result check_totals(const fabric_options &options)
-{
-    for (const auto &each : totals) {
-        const uint64_t total = uint64_t{options.bridges} * (options.*each.of_each);
-        if (total > each.max) {
-            return base::failure(EINVAL, "bridges times " + std::string(each.name) + " is " + std::to_string(total)
-                                             + ", expected at most " + std::to_string(each.max));
-        }
-    }
-    return base::success();
-}
-
-// ---- The fabric ----
-
 constexpr uint32_t on_vxlan = UINT32_MAX; // host_state::port of an address behind a VTEP
 constexpr uint32_t first_vni = 10'000;
 constexpr uint32_t remote_share = 4;  // every fourth address is behind a VTEP
@@ -98,7 +21,7 @@ constexpr uint32_t static_share = 64; // every 64th address is static
 constexpr uint32_t ageing_time_ms = 300'000;
 constexpr uint32_t other_devices = 2; // of a bridge besides its ports: the bridge itself and its VXLAN device
 
-// What a change does, drawn from `choices`: below `remove_choices` it removes the address, below `move_choices` it
+// The effect of a change, drawn from `choices`: below `remove_choices` it removes the address, below `move_choices` it
 // moves it, otherwise it only refreshes the address. A change of a removed address always brings it back.
 constexpr uint32_t choices = 10;
 constexpr uint32_t remove_choices = 2;
@@ -179,17 +102,16 @@ struct host_state {
     bool present = true;
 };
 
-class fabric : public generated_plane {
+class fabric final : public plane {
 public:
     explicit fabric(const fabric_options &options);
 
     const char *kind() const override { return "generated"; }
     base::result start(event_manager_t *evm, sink &to) override;
     void drain() override {}
-    void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) override;
+    void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) override L2FIB_EXCLUDES(mutex_);
     plane_health health() const override;
     void stop() override;
-    void churn(uint32_t changes) override;
 
 private:
     // Interface indexes: a bridge, its VXLAN device, its ports, the next bridge. With two ports for each bridge:
@@ -219,7 +141,7 @@ private:
     base::result start_churn();
     const host_state &host_on_manager_thread(uint32_t at) const;
     host_state change(host_state host, uint32_t choice);
-    void change_one();
+    void change_one() L2FIB_EXCLUDES(mutex_);
     void churn_due();
 
     bool holds(const fdb_key &key, fdb_record &record) const L2FIB_REQUIRES(mutex_);
@@ -336,7 +258,7 @@ void fabric::report_bridge(uint32_t bridge)
     }
 }
 
-// `link` has what all devices of the bridge have in common, and the bridge's name.
+// `link` holds the members that all devices of the bridge share, and the bridge's name.
 void fabric::report_ports(uint32_t bridge, link_record link)
 {
     const std::string prefix = link.name + "p";
@@ -439,12 +361,7 @@ void fabric::churn_due()
     // After a long delay of the event loop, at most one second's changes are made up for.
     const uint64_t changes = std::min<uint64_t>(due - std::min(due, churned_), options_.churn);
     churned_ = due;
-    churn(static_cast<uint32_t>(changes));
-}
-
-void fabric::churn(uint32_t changes)
-{
-    for (uint32_t done = 0; done < changes && options_.macs != 0; done++) {
+    for (uint64_t done = 0; done < changes && options_.macs != 0; done++) {
         change_one();
     }
 }
@@ -565,19 +482,7 @@ plane_health fabric::health() const
 
 } // namespace
 
-base::result parse_fabric(std::string_view text, fabric_options &options)
-{
-    while (!text.empty()) {
-        const size_t comma = text.find(',');
-        if (base::result parsed = parse_item(text.substr(0, comma), options); !parsed.ok()) {
-            return parsed;
-        }
-        text.remove_prefix(comma == std::string_view::npos ? text.size() : comma + 1);
-    }
-    return check_totals(options);
-}
-
-std::unique_ptr<generated_plane> make_generated_plane(const fabric_options &options)
+std::unique_ptr<plane> make_generated_plane(const fabric_options &options)
 {
     return std::make_unique<fabric>(options);
 }

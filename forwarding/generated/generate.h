@@ -36,12 +36,6 @@ struct fabric_options {
 // each item that is left out. A failure names the item and what was expected.
 base::result parse_fabric(std::string_view text, fabric_options &options);
 
-class generated_plane : public plane {
-public:
-    // Makes `changes` changes now, on the plane's thread. fabric_options::churn makes them by itself.
-    virtual void churn(uint32_t changes) = 0;
-};
-
-std::unique_ptr<generated_plane> make_generated_plane(const fabric_options &options);
+std::unique_ptr<plane> make_generated_plane(const fabric_options &options);
 
 } // namespace forwarding

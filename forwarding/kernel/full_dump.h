@@ -34,8 +34,8 @@
 //
 // Window. Notifications and dumps come on two sockets. Bytes of a dump may be older than a notification that was read
 // before them. The window of a dump begins with its request, and ends when everything that was notified before its end
-// has been read. If the kernel notified a change of a key in the window, the notification holds, and what the dump
-// reports of that key is not believed.
+// has been read. If the kernel notified a change of a key in the window, the notification holds, and the dump's
+// record of that key is not believed.
 //
 // No input or output is done here. Threads: the plane's thread.
 //
@@ -70,7 +70,7 @@ struct dump_request {
     uint32_t bridge = 0;
 };
 
-// What the dumps of one scope have proven so far.
+// Progress of the proof of one scope.
 struct dump_proof {
     bool first_ended = false;                 // the first dump has ended, so its gaps and anchors are known
     std::vector<bool> gaps = {};              // of the first dump, in its order: true until a later dump closes it

@@ -23,7 +23,7 @@ using std::chrono::milliseconds;
 constexpr size_t parts_per_turn = 8;
 constexpr auto turn_time = milliseconds(10); // one part of a large bridge may take as long
 constexpr uint32_t max_doublings = 4;        // of the pause after unclean full dumps: up to 16 intervals
-constexpr int proof_share = 100;             // of the time, at most one part in so many is spent on proofs
+constexpr int proof_share = 100;             // proofs take at most 1/100 of the time
 
 } // namespace
 

@@ -38,7 +38,7 @@ public:
     const char *kind() const override { return "kernel"; }
     base::result start(event_manager_t *evm, sink &to) override;
     void drain() override;
-    void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) override;
+    void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) override L2FIB_EXCLUDES(query_mutex_);
     bool ages_silently() const override { return true; }
     void request_full_dump() override;
     plane_health health() const override;
@@ -73,9 +73,9 @@ private:
 
     // ---- kernel_plane.cpp ----
 
-    base::result open(uint32_t receive_buffer);
+    base::result open(uint32_t receive_buffer) L2FIB_EXCLUDES(query_mutex_);
     base::result attach();
-    void allow_queries(bool allowed);
+    void allow_queries(bool allowed) L2FIB_EXCLUDES(query_mutex_);
     void run(void (kernel_plane::*work)());
 
     // ---- kernel_changes.cpp ----
