@@ -30,11 +30,12 @@
 //
 // Example:
 //
-//      shadow_table table;                                     a sink
 //      const auto plane = make_kernel_plane({});
-//      if (const base::result started = plane->start(evm, table); !started.ok()) {
+//      if (const base::result started = plane->start(evm, some_sink); !started.ok()) {
 //          print(started.text);
 //      }
+//      ...
+//      plane->stop();
 #pragma once
 
 #include <array>

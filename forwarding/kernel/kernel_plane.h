@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// This room is the forwarding plane of this machine's kernel: bridges and VXLAN devices, by its routing messages. This
-// header is its only entrance for other rooms, with kernel_privileges.h.
+// This room is the forwarding plane of this machine's kernel: bridges and VXLAN devices, by its routing messages. Other
+// rooms include this header and kernel_privileges.h. The recorded room also includes kernel_decode.h, for the kernel's
+// names of link kinds and its unit of ageing times.
 //
 //      kernel_plane.cpp     start and stop, health, questions
 //      kernel_changes.cpp   notifications, overruns; which function takes which change
