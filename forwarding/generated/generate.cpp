@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cassert>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -122,7 +123,11 @@ private:
     uint32_t vxlan_index(uint32_t bridge) const { return bridge_index(bridge) + 1; }
     uint32_t port_index(uint32_t bridge, uint32_t port) const { return bridge_index(bridge) + other_devices + port; }
     uint32_t bridge_with_index(uint32_t ifindex) const { return (ifindex - 1) / devices_of_bridge(); }
-    uint32_t bridge_of(uint32_t host) const { return host % options_.bridges; }
+    uint32_t bridge_of(uint32_t host) const
+    {
+        assert(options_.bridges != 0);
+        return host % options_.bridges;
+    }
     bool is_static(uint32_t host) const { return host % static_share == static_share - 1; }
 
     fdb_record bridge_entry(uint32_t at, const host_state &host) const;

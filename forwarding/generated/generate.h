@@ -36,6 +36,7 @@ struct fabric_options {
 // each item that is left out. A failure names the item and what was expected.
 base::result parse_fabric(std::string_view text, fabric_options &options);
 
+// `options` are within the limits that parse_fabric checks.
 std::unique_ptr<plane> make_generated_plane(const fabric_options &options);
 
 } // namespace forwarding
