@@ -82,9 +82,8 @@ constexpr std::pair<const char *, log_level> levels[] = {{"error", log_level::er
 void set_fabric(options &to, const std::string &text)
 {
     forwarding::fabric_options ignored;
-    const std::string error = forwarding::parse_fabric(text, ignored);
-    if (!error.empty()) {
-        refuse("--generate", text, error);
+    if (const base::result parsed = forwarding::parse_fabric(text, ignored); !parsed.ok()) {
+        refuse("--generate", text, parsed.text);
     }
     to.forwarding.fabric = text;
 }

@@ -14,7 +14,7 @@
 #include "forwarding/feeder/feeder.h"
 #include "forwarding/generated/generate.h"
 #include "forwarding/kernel/kernel_plane.h"
-#include "forwarding/kernel/kernel_socket.h"
+#include "forwarding/kernel/kernel_privileges.h"
 #include "forwarding/recorded/replay.h"
 #include "forwarding/running.h"
 #include "host/database/operational_db_host.h"
@@ -111,9 +111,8 @@ uint32_t answer_query(void *cookie, uint32_t bridge_id, const uint8_t *mac_addr,
 std::unique_ptr<plane> generated(const options &options, std::string &error)
 {
     fabric_options fabric;
-    error = parse_fabric(options.fabric, fabric);
-    if (!error.empty()) {
-        error = "the fabric: " + error;
+    if (const base::result parsed = parse_fabric(options.fabric, fabric); !parsed.ok()) {
+        error = "the fabric: " + parsed.text;
         return nullptr;
     }
     return make_generated_plane(fabric);
@@ -122,15 +121,22 @@ std::unique_ptr<plane> generated(const options &options, std::string &error)
 std::unique_ptr<plane> kernel(const options &options, std::string &error)
 {
     auto made = make_kernel_plane({.receive_buffer = options.receive_buffer, .netns = options.netns});
-    error = kernel_give_up_capabilities();
+    error = kernel_give_up_capabilities().text;
     return error.empty() ? std::move(made) : nullptr;
+}
+
+std::unique_ptr<plane> recorded(const options &options, std::string &error)
+{
+    std::unique_ptr<plane> loaded;
+    error = load_recorded_plane(options.recorded_directory, loaded).text;
+    return loaded;
 }
 
 std::unique_ptr<plane> make_plane(const options &options, std::string &error)
 {
     switch (options.plane) {
     case plane_choice::kernel: return kernel(options, error);
-    case plane_choice::recorded: return load_recorded_plane(options.recorded_directory, error);
+    case plane_choice::recorded: return recorded(options, error);
     default: return generated(options, error);
     }
 }

@@ -29,14 +29,22 @@ std::string bridge_domain_part(std::string_view bridge, uint16_t vlan)
 
 // ---- Ports ----
 
+namespace {
+
+// Places in a VXLAN segment's field.
+constexpr size_t vxlan_vni = 0;
+constexpr size_t vxlan_device = 3;
+
+} // namespace
+
 host::cross_connect cross_connect_of(const copy_port &port)
 {
     host::cross_connect values;
     switch (port.key.kind) {
     case link_kind::vxlan:
         values.first.type = L2FIB_SEGMENT_VXLAN;
-        values.first.vxlan_54[0] = port.key.vni;
-        values.first.vxlan_54[3] = port.key.ifindex;
+        values.first.vxlan_54[vxlan_vni] = port.key.vni;
+        values.first.vxlan_54[vxlan_device] = port.key.ifindex;
         break;
     case link_kind::tunnel: values.first.type = L2FIB_SEGMENT_4; break;
     default:
@@ -54,16 +62,24 @@ host::cross_connect cross_connect_of(const copy_port &port)
 
 namespace {
 
-// Whose entry a rule is for.
+// Bits without a name in l2fib_mac_edm.h: the module only stores and reports them.
+constexpr uint16_t sticky_bit = 0x0010;
+constexpr uint16_t offloaded_bit = 0x0800;
+constexpr uint16_t recorded_bit = 0x4000; // recorded tables only
+constexpr uint16_t locked_bit = 0x8000;
+
+constexpr uint16_t inactive_bit = 0x0001; // of ext_flags
+
+// The entries to which a rule applies.
 constexpr unsigned of_bridge = 1; // the bridge's own address
 constexpr unsigned of_port = 2;   // the bridge's entry on a port
 constexpr unsigned of_device = 4; // a device's own entry
 constexpr unsigned of_any = of_bridge | of_port | of_device;
 
 struct flag_rule {
-    unsigned whose;
-    uint8_t state; // any of these bits; 0: whatever the state
-    uint8_t flags; // any of these bits; 0: whatever the flags
+    unsigned applies_to;
+    uint8_t state; // the record has one of these bits; 0: any state
+    uint8_t flags; // the record has one of these bits; 0: any flags
     uint16_t gives;
 };
 
@@ -72,17 +88,15 @@ constexpr flag_rule flag_rules[] = {
     {of_port, fdb_permanent, 0, EDM_MAC_LOCAL},
     {of_port, fdb_noarp, 0, EDM_MAC_STATIC},
     {of_device, fdb_permanent | fdb_noarp, 0, EDM_MAC_STATIC},
-    {of_any, 0, fdb_sticky, 0x0010},
+    {of_any, 0, fdb_sticky, sticky_bit},
     {of_any, 0, fdb_extern_learn, EDM_MAC_EXTERN_LEARNED},
-    {of_any, 0, fdb_offloaded, 0x0800},
-    {of_any, 0, fdb_locked, 0x8000},
+    {of_any, 0, fdb_offloaded, offloaded_bit},
+    {of_any, 0, fdb_locked, locked_bit},
 };
 
-// What a recorded table may add.
+// Bits that a recorded table may add.
 constexpr uint16_t addable_flags =
-    EDM_MAC_PBB | EDM_MAC_BD_FIXED | EDM_MAC_BD_40 | EDM_MAC_BD_200 | EDM_MAC_BD_400 | 0x4000;
-
-constexpr uint16_t inactive_bit = 0x0001; // of ext_flags
+    EDM_MAC_PBB | EDM_MAC_BD_FIXED | EDM_MAC_BD_40 | EDM_MAC_BD_200 | EDM_MAC_BD_400 | recorded_bit;
 
 bool matches(uint8_t bits, uint8_t wanted)
 {
@@ -93,10 +107,10 @@ bool matches(uint8_t bits, uint8_t wanted)
 
 uint16_t flags_of(const fdb_record &record)
 {
-    const unsigned whose = record.self ? of_device : record.ifindex == record.master ? of_bridge : of_port;
+    const unsigned kind = record.self ? of_device : record.ifindex == record.master ? of_bridge : of_port;
     uint32_t flags = record.edm_flags & addable_flags;
     for (const flag_rule &rule : flag_rules) {
-        if ((rule.whose & whose) != 0 && matches(record.state, rule.state) && matches(record.flags, rule.flags)) {
+        if ((rule.applies_to & kind) != 0 && matches(record.state, rule.state) && matches(record.flags, rule.flags)) {
             flags |= rule.gives;
         }
     }
@@ -108,10 +122,10 @@ uint16_t flags_of(const fdb_record &record)
 namespace {
 
 constexpr const char *standing_texts[] = {
-    nullptr,
-    nullptr,
-    nullptr,
-    nullptr,
+    nullptr, // none
+    nullptr, // fed
+    nullptr, // joined
+    nullptr, // of_flood_list
     "VXLAN device's own entry for an address that its bridge does not hold there",
     "receive filter",
     "VXLAN device without a bridge",
@@ -121,8 +135,9 @@ constexpr const char *standing_texts[] = {
 static_assert(std::size(standing_texts) == static_cast<size_t>(standing::count));
 
 constexpr mac_address zero_mac = {};
+constexpr int64_t ms_per_second = 1000;
 
-// The device's own entry that is told with a bridge's entry on a VXLAN device.
+// Returns the device's own entry that is joined with a bridge's entry on a VXLAN device, or no_slot.
 uint32_t joined_entry(const table_copy &copy, const copy_entry &entry)
 {
     if (entry.group == no_slot || entry.record.self || (entry.record.state & fdb_permanent) != 0) {
@@ -132,7 +147,8 @@ uint32_t joined_entry(const table_copy &copy, const copy_entry &entry)
     return copy.entries[first].record.self ? first : no_slot;
 }
 
-// The bridge decides what it forwards where; the device's own entry only adds the tunnel's end.
+// The bridge decides where it forwards an address. The device's own entry only adds the tunnel end point, so it is not
+// fed without the bridge's entry. The flood list is fed by its first entry.
 standing standing_of_own(const table_copy &copy, uint32_t entry)
 {
     const copy_entry &own = copy.entries[entry];
@@ -147,7 +163,7 @@ void set_timestamp(const fdb_record &record, int64_t epoch_offset_ms, l2fib_mac_
 {
     if ((to.flags & (EDM_MAC_STATIC | EDM_MAC_LOCAL)) == 0 && record.updated_ms != 0) {
         to.flags |= EDM_MAC_TIMESTAMP_VALID;
-        to.hw_timestamp = static_cast<uint32_t>((record.updated_ms + epoch_offset_ms) / 1000);
+        to.hw_timestamp = static_cast<uint32_t>((record.updated_ms + epoch_offset_ms) / ms_per_second);
     }
 }
 

@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// How the kernel's terms become the module's: flags, descriptors and names. Ids: ids.h.
+// Conversion of the kernel's terms to the module's: flags, descriptors and names. Ids are handed out by feeder/ids.h.
 //
-//      bridge interface, VLAN      bridge id, full name
-//      port interface, VLAN, VNI   xcid, cross-connect with its first segment
-//      entry                       descriptor, or the reason why there is none
+//      kernel                      module
+//      bridge, VLAN                bridge id, full name
+//      port, VLAN, VNI             xcid, cross-connect with its first segment
+//      entry                       descriptor, or the reason why the entry is not fed
 //
-// Pure: what is stored where is the feeder's.
+// Nothing is stored here; the feeder stores ids and names in the shadow table.
+//
+// Threads: the functions only read their arguments. The caller keeps the shadow table unchanged meanwhile, which the
+// feeder's thread does by itself.
 #pragma once
 
 #include <string>
@@ -20,50 +24,54 @@ namespace forwarding {
 
 // ---- Names ----
 
-inline constexpr size_t max_group_name = 32;
-inline constexpr size_t max_bridge_name = 27; // the second part of a full name
+inline constexpr size_t max_group_name = 32;  // characters of a full name's first part
+inline constexpr size_t max_bridge_name = 27; // characters of its second part
 
-// What the keys of items can carry.
+// Returns false for characters that would break an item key: separators, white space and control characters.
 bool name_can_carry(char character);
 
-// The second part of a full name; what cannot be carried becomes "_", and the part is cut to max_bridge_name.
-// `vlan` is 0 or the VLAN of a VLAN-aware bridge.
+// Returns the second part of a full name. Characters that a name cannot carry become "_". The bridge's name is cut so
+// that the part has at most max_bridge_name characters. `vlan` is the VLAN of a VLAN-aware bridge, or 0.
+//
+//      "br 0", 12 -> "br_0.12"
 std::string bridge_domain_part(std::string_view bridge, uint16_t vlan);
 
 // ---- Ports ----
 
+// Returns the cross-connect of a port, with its first segment: a VXLAN segment, a tunnel, or an interface.
 host::cross_connect cross_connect_of(const copy_port &port);
 
 // ---- Entries ----
 
-// What an entry of the copy is to the cache.
+// Whether an entry of the shadow table is fed, joined with another one, or left out, and why.
 enum class standing : uint8_t {
-    none, // it has gone
+    none, // no longer an entry
     fed,
-    joined,         // a VXLAN device's own entry that is told with the bridge's
-    of_flood_list,  // another destination of an address that is told already
+    joined,         // a VXLAN device's own entry, fed together with the bridge's entry for the same address
+    of_flood_list,  // another destination of an address that is fed already
     unpaired,       // a VXLAN device's own entry for an address that its bridge does not hold there
-    receive_filter, // a device's own entry, and the device is not VXLAN
-    without_bridge, // of a VXLAN device that is in no bridge
-    without_name,   // its bridge has not been told, or could not be named
-    without_id,     // of a bridge domain or port that has no id, or could not be stored
+    receive_filter, // the own entry of a device that is not VXLAN
+    without_bridge, // its VXLAN device is in no bridge
+    without_name,   // its bridge is not reported yet, or could not be named
+    without_id,     // its bridge domain or port has no id, or could not be stored
     count,
 };
 
-// For the health report; null for those that are nothing to report.
+// Returns the text for the health report; null for standings that need no report.
 const char *text_of(standing standing);
 
-// Builds the descriptor of an entry. It is built for `fed` and `of_flood_list`, which is fed, too, for its destination.
-// `epoch_offset_ms` is what the steady clock lacks to the time since the epoch.
+// Returns the standing of an entry. Builds its descriptor if it is `fed` or `of_flood_list`: the feeder also feeds the
+// latter, for its destination. `epoch_offset_ms` is the time since the epoch minus the steady clock.
 standing describe(const table_copy &copy, uint32_t entry, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &descriptor);
 
-// As describe, without building.
+// As describe, without a descriptor.
 standing standing_of(const table_copy &copy, uint32_t entry);
 
-// What an entry on a VXLAN device sends by: the device's own record, or null when only the bridge knows the address.
+// Returns the device's own record by which an entry on a VXLAN device is sent; null if only the bridge holds the
+// address.
 const fdb_record *tunnel_record_of(const table_copy &copy, uint32_t entry);
 
-// The EDM_MAC_ bits that an entry has for itself.
+// Returns the EDM_MAC_ bits of an entry, without those of its destination and time.
 uint16_t flags_of(const fdb_record &record);
 
 } // namespace forwarding

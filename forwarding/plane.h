@@ -1,28 +1,41 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The seam to a forwarding plane: plain records of links and forwarding entries, the interface of whoever holds them
-// (plane), and the interface of whoever wants them (sink).
+// The seam to a forwarding plane: plain records of links and forwarding entries, the interface of a plane, and the
+// interface of the sink to which it reports.
 //
-// A plane tells what it holds as it changes and answers questions about single entries; it keeps no table. What it has
-// told is kept once, for all planes, by the sink (table_copy.h).
+// A plane reports what it holds, then every change, and answers questions about single entries. It keeps no table. The
+// sink keeps the one shadow table for all planes (table_copy.h).
 //
-// Generations. A listing of everything is a generation: generation_begun, then every link and every entry by
-// link_changed and fdb_listed, live changes among them, then generation_complete. When it was clean, nothing that the
-// plane holds can have been missed, and the sink drops what was not reported since its beginning. When it was not
-// clean, the sink drops nothing. A generation that begins while another is under way replaces it. The first one begins
-// with start.
+// Full dumps. A full dump is one pass over everything that the plane holds:
 //
-// Degraded. A plane is degraded (plane_health::clean is false) until its first clean generation has ended, after it
-// lost a change, and after list_again. It begins another generation by itself, not more often than once in a few
-// seconds, until one ends clean. A plane that is clean may also begin a generation, as a proof that the sink's copy is
-// right. It stays clean meanwhile, and also if the proof ends unclean: an incomplete listing says nothing against the
-// copy.
+//      full_dump_begun
+//      link_changed, fdb_dumped        every link and every entry
+//      fdb_changed, fdb_gone, ...      changes that happen meanwhile, in between
+//      full_dump_ended(clean)
 //
-// Order. What is told last about a key holds. A plane whose listing and whose changes come by different ways delivers
-// the changes of a listing's time after the listing. Links come before the entries on them.
+// If it ends clean, the plane reported everything that it holds, and the sink drops what was not reported since
+// full_dump_begun. If it ends unclean, the sink drops nothing. A full dump that begins while another one is running
+// replaces it. start begins the first one.
 //
-// Threads: everything of a plane and of its sink runs on the thread of the event manager that start was given, but for
-// query and health, which any thread may call.
+// Degraded. A plane is degraded (plane_health::clean is false) until its first clean full dump has ended, after it
+// lost a change, and after request_full_dump. It then repeats full dumps by itself, a few seconds apart, until one ends
+// clean. A clean plane may also run a full dump, to prove the shadow table. The plane stays clean meanwhile, even if
+// the proof ends unclean: an incomplete full dump does not contradict the shadow table.
+//
+// Order. The latest report about a key holds. So a plane does not report the record of a dump after a newer change of
+// the same key. It reports a link before the entries on it.
+//
+// Threads. A plane and its sink run on the thread of the event manager that start was given. Any thread may call query,
+// health and lacks.
+//
+// Example:
+//
+//      const auto plane = make_kernel_plane({});
+//      if (const base::result started = plane->start(evm, some_sink); !started.ok()) {
+//          print(started.text);
+//      }
+//      ...
+//      plane->stop();
 #pragma once
 
 #include <array>
@@ -34,18 +47,18 @@
 #include <string_view>
 #include <vector>
 
+#include "base/result.h"
 #include "platform/event.h"
 
 namespace forwarding {
 
-// In wire order.
-using mac_address = std::array<uint8_t, 6>;
+using mac_address = std::array<uint8_t, 6>; // in wire order
 
 enum class link_kind : uint8_t {
-    other, // a device of any other kind: a port when it has a master that is a bridge
+    other, // any other device; a port if its master is a bridge
     bridge,
     vxlan,
-    tunnel, // a layer-2 tunnel that is not VXLAN, such as a GRE tap
+    tunnel, // a layer-2 tunnel other than VXLAN, such as a GRE tap
 };
 
 struct link_record {
@@ -53,18 +66,18 @@ struct link_record {
     uint32_t master = 0; // interface index; 0: none
     std::string name;
     link_kind kind = link_kind::other;
-    bool vlan_aware = false; // a bridge: entries are kept per VLAN
-    bool external = false;   // a VXLAN device: its entries carry their own VNI
-    uint32_t vni = 0;        // a VXLAN device that is not external
+    bool vlan_aware = false; // bridges: keeps its entries for each VLAN apart
+    bool external = false;   // VXLAN devices: each entry carries its own VNI
+    uint32_t vni = 0;        // VXLAN devices that are not external
     bool up = false;
     mac_address address = {};
-    uint32_t ageing_ms = 0;        // a bridge: how long a learned entry stays without being seen; 0: not known
-    bool can_filter_vlans = false; // a bridge: its kernel has VLAN filtering, whether or not it is switched on
+    uint32_t ageing_ms = 0;        // bridges: the ageing time; 0: unknown
+    bool can_filter_vlans = false; // bridges: the kernel has VLAN filtering, whether or not it is switched on
 
     bool operator==(const link_record &) const = default;
 };
 
-// What a port of a VLAN-aware bridge sends the frames of a VLAN with, by VLAN id: for a VXLAN device of many VNIs.
+// For each VLAN id of a VLAN-aware bridge, the VNI with which an external VXLAN device sends its frames.
 using vni_by_vlan = std::map<uint16_t, uint32_t>;
 
 // Bits of fdb_record::state.
@@ -85,50 +98,49 @@ enum class destination_kind : uint8_t {
     ipv4,     // the first 4 bytes of `address`
     ipv6,     // all 16
     next_hop, // `next_hop`
-    backbone, // the first 6: a backbone MAC address, of recorded tables only
+    backbone, // the first 6 bytes: a backbone MAC address; recorded tables only
 };
 
-// Where a tunnel delivers; unused parts are zero, so that destinations compare as a whole.
+// Where a tunnel delivers. Unused members are zero, so that whole destinations can be compared.
 struct fdb_destination {
     destination_kind kind = destination_kind::none;
     std::array<uint8_t, 16> address = {}; // network byte order
     uint32_t next_hop = 0;                // the id of a next-hop object
-    uint32_t vni = 0;                     // what the tunnel sends with, when that is not the device's own
-    uint16_t port = 0;                    // the UDP port, likewise; host byte order
+    uint32_t vni = 0;                     // the VNI to send with; 0: the device's own
+    uint16_t port = 0;                    // the UDP port, in host byte order; 0: the device's own
 
     auto operator<=>(const fdb_destination &) const = default;
 };
 
-// What identifies an entry. A bridge holds an address once per VLAN, on whatever port; a device by address and source
-// VNI, and a zero address once per destination.
+// Identifies an entry. A bridge holds an address at most once for each VLAN, on any port. A device holds an address at
+// most once for each source VNI, and the zero address (its flood list) once for each destination.
 struct fdb_key {
-    uint32_t holder = 0;     // interface index of the bridge, or of the device for its own (self) entries
+    uint32_t holder = 0;     // interface index of the bridge, or of the device for its own entries
     bool self = false;       // the device's own entry
     uint16_t vlan = 0;       // 0: none
-    uint32_t source_vni = 0; // of an external device
+    uint32_t source_vni = 0; // external devices
     mac_address mac = {};
-    fdb_destination destination = {}; // of self entries with a zero address; otherwise none
+    fdb_destination destination = {}; // own entries with a zero address; otherwise none
 
     auto operator<=>(const fdb_key &) const = default;
 };
 
 struct fdb_record {
-    uint32_t ifindex = 0; // the port; the VXLAN or other device; the bridge itself for its own address
-    uint32_t master = 0;  // the bridge that holds the entry; 0 for self entries
+    uint32_t ifindex = 0; // the port or the device; the bridge for the bridge's own address
+    uint32_t master = 0;  // the bridge that holds the entry; 0 for a device's own entry
     bool self = false;    // the device's own entry
     uint8_t state = 0;
     uint8_t flags = 0;
     uint16_t vlan = 0; // 0: none
     mac_address mac = {};
-    uint16_t edm_flags = 0;  // EDM_MAC_ bits to be added, of recorded tables only
-    uint32_t source_vni = 0; // of an external device
+    uint16_t edm_flags = 0;  // EDM_MAC_ bits to add; recorded tables only
+    uint32_t source_vni = 0; // external devices
     fdb_destination destination = {};
-    int64_t updated_ms = 0; // when last seen as a source, std::chrono::steady_clock in milliseconds; 0: not known
+    int64_t updated_ms = 0; // when the address was last seen, std::chrono::steady_clock in ms; 0: unknown
 
     bool operator==(const fdb_record &) const = default;
 };
 
-// The key of an entry: of the bridge when `self` is false.
 inline fdb_key key_of(const fdb_record &record)
 {
     fdb_key key{
@@ -139,7 +151,7 @@ inline fdb_key key_of(const fdb_record &record)
     return key;
 }
 
-// Takes what a plane tells. Records are read during the call only. Nothing is thrown, and nothing here waits.
+// Takes the reports of a plane. It reads records during the call only, throws nothing and does not wait.
 class sink {
 public:
     sink() = default;
@@ -147,56 +159,58 @@ public:
     sink &operator=(const sink &) = delete;
     virtual ~sink() = default;
 
-    // New or changed, or told again.
+    // The link is new, changed, or reported again.
     virtual void link_changed(const link_record &record) = 0;
-    // Also when the link was not known. Its entries are gone with it, told or not.
+    // The link is gone, and all its entries with it: the plane may report no fdb_gone for them. The sink may not know
+    // the link.
     virtual void link_gone(uint32_t ifindex) = 0;
 
-    // The whole map of a device, empty when it has none any more. May come before the device.
+    // The whole map of a device; empty if it has none any more. The device may be reported later.
     virtual void vlan_vnis_changed(uint32_t /*ifindex*/, const vni_by_vlan & /*vnis*/) {}
 
-    // New, changed, moved to another port, or told again.
+    // The entry is new, changed, moved to another port, or reported again.
     virtual void fdb_changed(const fdb_record &record) = 0;
-    // As fdb_changed, for an entry that a listing found. If the plane is clean and the sink does not know the entry
-    // like this, a change was missed, or is not reported at all: ages, and what the kernel changes silently.
-    virtual void fdb_listed(const fdb_record &record) { fdb_changed(record); }
-    // The key and the port count: an entry that is known on another port has moved there and stays.
+    // As fdb_changed, for an entry that a full dump found. If the plane is clean and the shadow table differs, the
+    // plane missed a change, or it is one of those that no plane reports: ages, and what the kernel changes silently.
+    virtual void fdb_dumped(const fdb_record &record) { fdb_changed(record); }
+    // The entry is gone if the sink knows it on this port. If the sink knows it on another port, it moved there and
+    // stays.
     virtual void fdb_gone(const fdb_record &record) = 0;
-    // A next-hop object was deleted. The entries that deliver to it may have gone with it, without a fdb_gone.
+    // A next-hop object is gone. The plane may report no fdb_gone for the entries that delivered to it.
     virtual void next_hop_gone(uint32_t /*id*/) {}
 
-    // The plane lost `count` more changes and is degraded until a generation has ended clean. One overrun gives one
-    // call or more: the first as soon as the plane notices it, before any change that happened after the loss, with the
-    // number lost so far (0: unknown); later ones with what was lost in the meantime, the last one when the plane has
-    // read everything that was waiting. The counts add up to plane_health::lost. During a storm of changes these calls
-    // can come thousands of times a second.
+    // The plane lost `count` more changes (0: unknown) and is degraded until a full dump has ended clean. One overrun
+    // gives one call or more. The first comes as soon as the plane notices it, before any change that happened after
+    // the loss. The last one comes when the plane has read everything that was waiting. The counts add up to
+    // plane_health::lost. During a storm of changes these calls can come thousands of times a second.
     virtual void changes_lost(uint64_t /*count*/) {}
 
-    virtual void generation_begun() = 0;
-    virtual void generation_complete(bool clean) = 0;
+    virtual void full_dump_begun() = 0;
+    virtual void full_dump_ended(bool clean) = 0;
 };
 
 enum class fdb_presence : uint8_t {
-    cannot_tell, // it could not be asked, or the answer was no answer
-    absent,      // the plane holds no such entry
+    unknown, // the plane could not be asked, or its answer does not decide
+    absent,  // the plane holds no such entry
     present,
 };
 
 struct fdb_answer {
-    fdb_presence presence = fdb_presence::cannot_tell;
-    fdb_record record = {}; // when present
+    fdb_presence presence = fdb_presence::unknown;
+    fdb_record record = {}; // if present
 };
 
+// Lifetime counters and current gauges.
 struct plane_health {
     bool clean = false;            // false: degraded, see above
-    uint64_t generation = 0;       // how many have begun
+    uint64_t full_dumps = 0;       // begun
     uint64_t overruns = 0;         // each lasts until the plane has read everything that was waiting
-    uint64_t lost = 0;             // changes that were lost, as far as the plane knows their number
+    uint64_t lost = 0;             // changes lost, as far as the plane knows their number
     int64_t last_overrun_time = 0; // seconds since the epoch; 0: there was none
-    uint64_t events = 0;           // changes received, those of listings included
-    uint64_t refused = 0;          // messages that were malformed, or not the plane's
-    uint64_t dumps_clean = 0;      // parts of listings that were read undisturbed
-    uint64_t dumps_unclean = 0;    // parts that were not, each repetition counted
+    uint64_t events = 0;           // changes received, and records of full dumps
+    uint64_t refused = 0;          // messages that were malformed, or that another sender sent
+    uint64_t dumps_clean = 0;      // dumps (of one bridge or device) that were complete, each repetition counted
+    uint64_t dumps_unclean = 0;    // dumps that may have missed something, each repetition counted
 };
 
 class plane {
@@ -206,43 +220,43 @@ public:
     plane &operator=(const plane &) = delete;
     virtual ~plane() = default;
 
-    // What it is called in health reports: a literal.
+    // The plane's name in health reports, a literal.
     virtual const char *kind() const = 0;
 
-    // Attaches itself to `evm` and begins the first generation, which may be told within the call or afterwards, in
-    // slices. `sink` stays until stop has returned. False with a text for the operator when the plane cannot work at
-    // all; nothing is attached then.
-    virtual bool start(event_manager_t *evm, sink &to, std::string &error) = 0;
+    // Attaches the plane to `evm` and begins the first full dump, which it reports within the call or later, in slices.
+    // `to` must stay until stop has returned. If it fails, nothing is attached.
+    virtual base::result start(event_manager_t *evm, sink &to) = 0;
 
-    // Tells every change that has already happened. What happens meanwhile may be left for later, so that it ends.
+    // Reports every change that has already happened. It may leave changes that happen meanwhile for later, so that it
+    // ends.
     virtual void drain() = 0;
 
-    // Answers each key at the same place of `answers`, which is as long. The sink is not told. Any thread, with or
-    // without the table lock; a plane that is not started, or was stopped, cannot tell. Callers ask for at most
-    // `query_batch` keys at a time, for the question may hold a lock of the plane.
+    // Answers each key at the same place of `answers`, which has the same length. The sink gets no report. Any thread
+    // may call it, with or without the table lock. Callers pass at most `query_batch` keys, because the plane may hold
+    // a lock of its own meanwhile. A plane that is not started, or was stopped, answers `unknown`.
     virtual void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) = 0;
 
-    // Whether entries are seen as a source without a change being told, so that ages have to be asked for.
+    // True if the plane reports no change when it sees an entry's address again. The sink must query for ages then.
     virtual bool ages_silently() const { return false; }
 
-    // Asks for a new listing, because the sink found its copy to be wrong, or because a requester waits for a degraded
-    // plane. The plane is degraded from now on. It begins a generation as soon as its interval allows, without the
-    // longer pauses after failures. If the plane was clean, only a generation that begins after this call counts. If it
-    // was degraded and a generation is running, that one counts: otherwise repeated requesters could keep a plane
-    // degraded for ever. On the manager's thread.
-    virtual void list_again() {}
+    // Degrades the plane and begins a full dump as soon as the plane's interval allows, without the longer pauses after
+    // unclean ones. The sink calls it when it finds its shadow table wrong, or while a requester waits for a degraded
+    // plane. If the plane was clean, only a full dump that begins after this call makes it clean again. If it was
+    // degraded, a running full dump counts: otherwise repeated requesters could keep a plane degraded for ever.
+    virtual void request_full_dump() {}
 
-    // Any thread.
     virtual plane_health health() const = 0;
 
-    // What this system cannot do that others can, for the health report: found at the start or by the first answer. It
-    // costs a feature and never makes an answer wrong. Any thread.
+    // Features that this system lacks, for the health report. The plane finds them at its start or by the first answer.
+    // A missing feature never makes an answer wrong.
     virtual std::vector<std::string> lacks() const { return {}; }
 
-    // Detaches everything; on the manager's thread, or on any once that has ended. Harmless when repeated.
+    // Detaches the plane. Call it on the manager's thread, or on any thread after that one has ended. It may be
+    // repeated.
     virtual void stop() = 0;
 };
 
+// The most keys of one query, so that the plane holds its lock for a short time.
 inline constexpr size_t query_batch = 512;
 
 } // namespace forwarding

@@ -445,14 +445,14 @@ void table_copy::fdb_changed(const fdb_record &record)
     entries[file(record)].listed_only = false;
 }
 
-void table_copy::fdb_listed(const fdb_record &record)
+void table_copy::fdb_dumped(const fdb_record &record)
 {
     const uint32_t known = find(key_of(record));
     const bool differs = known == no_slot || !entries[known].alive || !equal_but_sight(entries[known].record, record);
     const uint32_t entry = file(record);
     if (differs) {
         entries[entry].listed_only = true;
-        listener_.listing_differs(entry);
+        listener_.full_dump_differs(entry);
     }
 }
 
@@ -624,13 +624,13 @@ void table_copy::affect_group(uint32_t group, uint32_t except)
 
 // ---- Generations ----
 
-void table_copy::generation_begun()
+void table_copy::full_dump_begun()
 {
     generation_++;
-    listener_.generation_begun();
+    listener_.full_dump_begun();
 }
 
-void table_copy::generation_complete(bool clean)
+void table_copy::full_dump_ended(bool clean)
 {
     if (clean) {
         drop_untold_links();
@@ -640,7 +640,7 @@ void table_copy::generation_complete(bool clean)
             }
         });
     }
-    listener_.generation_ended(clean);
+    listener_.full_dump_ended(clean);
 }
 
 void table_copy::drop_untold_links()

@@ -142,7 +142,7 @@ public:
     // A clean generation did not report it. The listener decides whether it has gone.
     virtual void entry_untold(uint32_t /*entry*/) {}
     // A listing reported it, and the copy did not hold it so.
-    virtual void listing_differs(uint32_t /*entry*/) {}
+    virtual void full_dump_differs(uint32_t /*entry*/) {}
     virtual void next_hop_gone(uint32_t /*id*/) {}
     virtual void changes_lost(uint64_t /*count*/) {}
     // Ports that have a domain only. A port or domain that goes is told while it is still there, without entries.
@@ -152,8 +152,8 @@ public:
     virtual void domain_added(uint32_t domain) = 0;
     virtual void domain_changed(uint32_t domain) = 0; // its bridge's name or VLAN awareness, or it has been told now
     virtual void domain_going(uint32_t domain) = 0;
-    virtual void generation_begun() {}
-    virtual void generation_ended(bool clean) = 0;
+    virtual void full_dump_begun() {}
+    virtual void full_dump_ended(bool clean) = 0;
 };
 
 // Whether records differ at most in the time when the entry was last seen.
@@ -167,12 +167,12 @@ public:
     void link_gone(uint32_t ifindex) override;
     void vlan_vnis_changed(uint32_t ifindex, const vni_by_vlan &vnis) override;
     void fdb_changed(const fdb_record &record) override;
-    void fdb_listed(const fdb_record &record) override;
+    void fdb_dumped(const fdb_record &record) override;
     void fdb_gone(const fdb_record &record) override;
     void next_hop_gone(uint32_t id) override { listener_.next_hop_gone(id); }
     void changes_lost(uint64_t count) override { listener_.changes_lost(count); }
-    void generation_begun() override;
-    void generation_complete(bool clean) override;
+    void full_dump_begun() override;
+    void full_dump_ended(bool clean) override;
 
     // The generation that runs or ended last.
     uint32_t generation() const { return static_cast<uint32_t>(generation_); }

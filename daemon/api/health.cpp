@@ -90,7 +90,7 @@ void write_proof(json_writer &json, const forwarding::proof_view &proof)
 void write_plane(json_writer &json, const forwarding::health_view &view)
 {
     const counter counters[] = {
-        {"generation", view.of_plane.generation},
+        {"generation", view.of_plane.full_dumps},
         {"overruns", view.of_plane.overruns},
         {"events", view.of_plane.events},
         {"events-merged", view.events_merged},
@@ -203,7 +203,7 @@ std::string health_text()
 {
     const forwarding::health_view view = forwarding::health();
     std::string text = "plane " + view.plane + ", " + status_of(view) + ", full dump "
-                       + std::to_string(view.of_plane.generation) + ", " + std::to_string(view.links) + " links, "
+                       + std::to_string(view.of_plane.full_dumps) + ", " + std::to_string(view.links) + " links, "
                        + std::to_string(view.entries) + " entries";
     text += lines_of("not fed", view.unmapped) + lines_of("refused", view.refused);
     for (const std::string &note : view.notes) {

@@ -127,9 +127,8 @@ std::string feeder::start(event_manager_t *evm)
     constexpr uint64_t second_ns = 1'000'000'000;
     evm_ = evm;
     follow_clock();
-    std::string error;
-    if (!plane_.start(evm, copy_, error)) {
-        return error;
+    if (base::result started = plane_.start(evm, copy_); !started.ok()) {
+        return std::move(started.text);
     }
     if (plane_.ages_silently()) {
         uint32_t timer = 0;

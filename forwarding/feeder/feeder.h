@@ -205,7 +205,7 @@ private:
     void entry_affected(uint32_t at) override;
     void entry_confirmed(uint32_t at, bool has_aged) override;
     void entry_untold(uint32_t at) override;
-    void listing_differs(uint32_t at) override;
+    void full_dump_differs(uint32_t at) override;
     void next_hop_gone(uint32_t id) override;
     void changes_lost(uint64_t count) override;
     void port_added(uint32_t at) override;
@@ -214,8 +214,8 @@ private:
     void domain_added(uint32_t domain) override;
     void domain_changed(uint32_t at) override;
     void domain_going(uint32_t at) override;
-    void generation_begun() override;
-    void generation_ended(bool clean) override;
+    void full_dump_begun() override;
+    void full_dump_ended(bool clean) override;
 
     // Objects, counters and views.
     void recount(uint32_t at);

@@ -176,7 +176,7 @@ void feeder::resolve_doubts()
     if (doubtful_.empty()) {
         end_proof();
     } else if (!has_learned && !is_proving_) {
-        plane_.list_again();
+        plane_.request_full_dump();
     }
 }
 
@@ -185,20 +185,20 @@ void feeder::resolve_doubts()
 void feeder::resolve(uint32_t at, const fdb_answer &answer)
 {
     const copy_entry &entry = copy_.entries[at];
-    const bool cannot_tell = answer.presence == fdb_presence::cannot_tell;
-    const bool is_decided = cannot_tell && is_proving_ && is_of_flood_list(entry.record);
+    const bool is_unknown = answer.presence == fdb_presence::unknown;
+    const bool is_decided = is_unknown && is_proving_ && is_of_flood_list(entry.record);
     const bool is_unlisted = static_cast<int32_t>(entry.generation - proof_generation_) < 0;
     if (answer.presence == fdb_presence::absent || (is_decided && is_unlisted)) {
         listed_stale_ += is_proving_ ? 1 : 0;
         stale_in_proof_ += is_proving_ ? 1 : 0;
         remove_surely(at);
-    } else if (cannot_tell && !is_decided) {
+    } else if (is_unknown && !is_decided) {
         begin_doubt();
         copy_.entries[at].doubtful = true;
         doubtful_.push_back(at);
     } else {
         kept_++;
-        if (!cannot_tell && copy_.find_link(answer.record.ifindex) != nullptr) {
+        if (!is_unknown && copy_.find_link(answer.record.ifindex) != nullptr) {
             copy_.fdb_changed(answer.record);
         }
     }
@@ -218,7 +218,7 @@ void feeder::changes_lost(uint64_t count)
     follow_state();
 }
 
-void feeder::generation_begun()
+void feeder::full_dump_begun()
 {
     listed_only_.clear();
     was_clean_ = state() != completeness::degraded;
@@ -229,7 +229,7 @@ void feeder::generation_begun()
     missing_in_proof_ = 0;
 }
 
-void feeder::listing_differs(uint32_t at)
+void feeder::full_dump_differs(uint32_t at)
 {
     if (listed_) {
         listed_only_.push_back(at);
@@ -237,7 +237,7 @@ void feeder::listing_differs(uint32_t at)
 }
 
 // Changes that were still on their way while the listing read their entries have been reported by now.
-void feeder::generation_ended(bool clean)
+void feeder::full_dump_ended(bool clean)
 {
     for (const uint32_t at : std::exchange(listed_only_, {})) {
         missing_in_proof_ += copy_.entries[at].alive && copy_.entries[at].listed_only ? 1U : 0U;
@@ -264,7 +264,7 @@ void feeder::end_proof()
 {
     if (!std::exchange(is_proving_, false)) {
         if (is_unproven_ && plane_.health().clean) {
-            plane_.list_again();
+            plane_.request_full_dump();
         }
         return;
     }
@@ -283,7 +283,7 @@ void feeder::end_proof()
 void feeder::hasten_proof()
 {
     if (state() == completeness::degraded) {
-        plane_.list_again();
+        plane_.request_full_dump();
     }
 }
 
@@ -371,7 +371,7 @@ void feeder::compare_sample(bool confirms)
         report(severity::warning, "the plane disagrees about " + plural(confirmed, "sampled entr")
                                       + ", and no change had reported it: a full dump begins");
         begin_doubt();
-        plane_.list_again();
+        plane_.request_full_dump();
     }
 }
 

@@ -4,96 +4,38 @@
 
 #include <algorithm>
 #include <atomic>
-#include <charconv>
+#include <cassert>
 #include <chrono>
-#include <mutex>
+#include <string>
 #include <vector>
 
+#include "base/mutex.h"
 #include "host/event/event_host.h"
 
 namespace forwarding {
 namespace {
 
-// ---- Options ----
-
-struct fabric_item {
-    std::string_view name;
-    uint32_t fabric_options::*value;
-    uint32_t least;
-    uint32_t most;
-    std::string_view unit; // may stand behind the number
-};
-
-constexpr fabric_item fabric_items[] = {
-    {"bridges", &fabric_options::bridges, 1, 60'000, ""},  {"ports", &fabric_options::ports, 1, 1'000, ""},
-    {"macs", &fabric_options::macs, 0, 16'000'000, ""},    {"vteps", &fabric_options::vteps, 0, 60'000, ""},
-    {"churn", &fabric_options::churn, 0, 1'000'000, "/s"}, {"seed", &fabric_options::seed, 0, UINT32_MAX, ""},
-};
-
-std::string known_items()
-{
-    std::string names;
-    for (const fabric_item &item : fabric_items) {
-        names.append(names.empty() ? "" : ", ").append(item.name);
-    }
-    return names;
-}
-
-std::string parse_value(const fabric_item &item, std::string_view text, fabric_options &options)
-{
-    std::string_view digits = text;
-    if (digits.ends_with(item.unit)) {
-        digits.remove_suffix(item.unit.size());
-    }
-    uint32_t value = 0;
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
-    if (error != std::errc() || end != digits.data() + digits.size() || value < item.least || value > item.most) {
-        return std::string(item.name) + " is \"" + std::string(text) + "\", expected a number from "
-               + std::to_string(item.least) + " to " + std::to_string(item.most);
-    }
-    options.*item.value = value;
-    return {};
-}
-
-std::string parse_item(std::string_view text, fabric_options &options)
-{
-    const size_t equals = text.find('=');
-    for (const fabric_item &item : fabric_items) {
-        if (equals != std::string_view::npos && item.name == text.substr(0, equals)) {
-            return parse_value(item, text.substr(equals + 1), options);
-        }
-    }
-    return "\"" + std::string(text) + "\" is none of the items NAME=NUMBER with the names " + known_items();
-}
-
-// What each bridge has may be too much for all of them.
-constexpr struct {
-    std::string_view name;
-    uint32_t fabric_options::*of_each;
-    uint64_t most;
-} totals[] = {{"ports", &fabric_options::ports, 1'000'000}, {"vteps", &fabric_options::vteps, 16'000'000}};
-
-std::string check_totals(const fabric_options &options)
-{
-    for (const auto &each : totals) {
-        const uint64_t total = uint64_t{options.bridges} * (options.*each.of_each);
-        if (total > each.most) {
-            return "bridges times " + std::string(each.name) + " is " + std::to_string(total) + ", expected at most "
-                   + std::to_string(each.most);
-        }
-    }
-    return {};
-}
-
-// ---- The fabric ----
-
-constexpr uint32_t on_vxlan = UINT32_MAX;
+constexpr uint32_t on_vxlan = UINT32_MAX; // host_state::port of an address behind a VTEP
 constexpr uint32_t first_vni = 10'000;
-constexpr uint32_t remote_share = 4; // every so many-th address is behind a VTEP
-constexpr uint32_t static_share = 64;
-constexpr uint32_t aging_time_ms = 300'000;
+constexpr uint32_t remote_share = 4;  // every fourth address is behind a VTEP
+constexpr uint32_t static_share = 64; // every 64th address is static
+constexpr uint32_t ageing_time_ms = 300'000;
+constexpr uint32_t other_devices = 2; // of a bridge besides its ports: the bridge itself and its VXLAN device
 
-// The first two bytes of an address; the other four are a number.
+// The effect of a change, drawn from `choices`: below `remove_choices` it removes the address, below `move_choices` it
+// moves it, otherwise it only refreshes the address. A change of a removed address always brings it back.
+constexpr uint32_t choices = 10;
+constexpr uint32_t remove_choices = 2;
+constexpr uint32_t move_choices = 7;
+
+constexpr uint64_t ms_per_second = 1000;
+constexpr uint64_t ns_per_second = 1'000'000'000;
+constexpr uint64_t min_churn_period_ns = 50'000'000; // 20 times a second, however many changes are due
+
+// Destinations are 10.254.0.1 and up.
+constexpr uint8_t vtep_network[] = {10, 254};
+
+// The first two bytes of a MAC address. The other four are a number: of the host, or the interface index of the port.
 constexpr uint16_t learned_block = 0x0210;
 constexpr uint16_t port_block = 0x0220;
 
@@ -117,7 +59,8 @@ fdb_destination vtep_destination(uint32_t vtep)
 {
     const uint32_t number = vtep + 1;
     fdb_destination destination{destination_kind::ipv4, {}, 0};
-    destination.address = {10, 254, static_cast<uint8_t>(number >> 8), static_cast<uint8_t>(number)};
+    destination.address = {vtep_network[0], vtep_network[1], static_cast<uint8_t>(number >> 8),
+                           static_cast<uint8_t>(number)};
     return destination;
 }
 
@@ -127,51 +70,64 @@ int64_t now_ms()
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-// A small generator of well-mixed numbers (a Weyl sequence, finalised).
+// A generator of pseudo-random numbers: a counter with a fixed odd step, whose value is mixed. The numbers depend on
+// the seed only, on every system. The constants are those of SplitMix64.
 class random_numbers {
 public:
     explicit random_numbers(uint64_t seed)
-        : state_(seed * 0x9e3779b97f4a7c15u)
+        : state_(seed * step)
     {}
 
+    // 0 to bound - 1; 0 if `bound` is 0.
     uint32_t below(uint32_t bound)
     {
-        state_ += 0x9e3779b97f4a7c15u;
-        uint64_t mixed = (state_ ^ (state_ >> 30)) * 0xbf58476d1ce4e5b9u;
-        mixed = (mixed ^ (mixed >> 27)) * 0x94d049bb133111ebu;
+        state_ += step;
+        uint64_t mixed = (state_ ^ (state_ >> 30)) * first_factor;
+        mixed = (mixed ^ (mixed >> 27)) * second_factor;
         return static_cast<uint32_t>(((mixed >> 32) * bound) >> 32);
     }
 
 private:
+    static constexpr uint64_t step = 0x9e3779b97f4a7c15;
+    static constexpr uint64_t first_factor = 0xbf58476d1ce4e5b9;
+    static constexpr uint64_t second_factor = 0x94d049bb133111eb;
+
     uint64_t state_;
 };
 
 // One learned or static address.
 struct host_state {
     int64_t updated_ms = 0;
-    uint32_t port = 0; // number on the bridge, or on_vxlan
+    uint32_t port = 0; // its number on the bridge, or on_vxlan
     uint32_t vtep = 0;
     bool present = true;
 };
 
-class fabric : public generated_plane {
+class fabric final : public plane {
 public:
     explicit fabric(const fabric_options &options);
 
     const char *kind() const override { return "generated"; }
-    bool start(event_manager_t *evm, sink &to, std::string &error) override;
+    base::result start(event_manager_t *evm, sink &to) override;
     void drain() override {}
-    void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) override;
+    void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) override L2FIB_EXCLUDES(mutex_);
     plane_health health() const override;
     void stop() override;
-    void churn(uint32_t changes) override;
 
 private:
-    // Interface indexes: a bridge, its VXLAN device, its ports, the next bridge.
-    uint32_t bridge_index(uint32_t bridge) const { return 1 + bridge * (options_.ports + 2); }
+    // Interface indexes: a bridge, its VXLAN device, its ports, the next bridge. With two ports for each bridge:
+    //
+    //      br0 1   vx0 2   br0p0 3   br0p1 4   br1 5   vx1 6   br1p0 7   br1p1 8
+    uint32_t devices_of_bridge() const { return other_devices + options_.ports; }
+    uint32_t bridge_index(uint32_t bridge) const { return 1 + bridge * devices_of_bridge(); }
     uint32_t vxlan_index(uint32_t bridge) const { return bridge_index(bridge) + 1; }
-    uint32_t port_index(uint32_t bridge, uint32_t port) const { return bridge_index(bridge) + 2 + port; }
-    uint32_t bridge_of(uint32_t host) const { return host % options_.bridges; }
+    uint32_t port_index(uint32_t bridge, uint32_t port) const { return bridge_index(bridge) + other_devices + port; }
+    uint32_t bridge_with_index(uint32_t ifindex) const { return (ifindex - 1) / devices_of_bridge(); }
+    uint32_t bridge_of(uint32_t host) const
+    {
+        assert(options_.bridges != 0);
+        return host % options_.bridges;
+    }
     bool is_static(uint32_t host) const { return host % static_share == static_share - 1; }
 
     fdb_record bridge_entry(uint32_t at, const host_state &host) const;
@@ -180,22 +136,28 @@ private:
     fdb_record local_entry(uint32_t ifindex) const;
 
     void settle_somewhere(host_state &host, bool may_be_remote);
-    void tell_bridge(uint32_t bridge);
-    void tell_link(const link_record &link);
-    void tell_host(uint32_t host);
-    void tell_gone(uint32_t host, const host_state &was);
-    void tell(const fdb_record &record);
-    void change_one();
+    void report_bridge(uint32_t bridge);
+    void report_ports(uint32_t bridge, link_record link);
+    void report_vxlan(uint32_t bridge, link_record link);
+    void report_link(const link_record &link);
+    void report_host(uint32_t at, const host_state &host);
+    void report_gone(uint32_t at, const host_state &was, const host_state &is);
+    void report(const fdb_record &record);
+    base::result start_churn();
+    const host_state &host_on_manager_thread(uint32_t at) const;
+    host_state change(host_state host, uint32_t choice);
+    void change_one() L2FIB_EXCLUDES(mutex_);
     void churn_due();
 
-    bool holds(const fdb_key &key, fdb_record &record) const;
-    bool holds_own(const fdb_key &key, uint32_t bridge, fdb_record &record) const;
+    bool holds(const fdb_key &key, fdb_record &record) const L2FIB_REQUIRES(mutex_);
+    bool holds_own(const fdb_key &key, uint32_t bridge, fdb_record &record) const L2FIB_REQUIRES(mutex_);
+    const host_state *find_host(const mac_address &mac, uint32_t bridge) const L2FIB_REQUIRES(mutex_);
     bool is_local(uint32_t bridge, uint32_t ifindex) const;
 
     const fabric_options options_;
     random_numbers random_;
-    std::vector<host_state> hosts_; // changed under the mutex, by the manager's thread only
-    std::mutex mutex_;
+    base::mutex mutex_;
+    std::vector<host_state> hosts_ L2FIB_GUARDED_BY(mutex_); // changed by the manager's thread only
     sink *sink_ = nullptr;
     event_manager_t *evm_ = nullptr;
     uint32_t timer_ = 0;
@@ -213,7 +175,7 @@ fabric::fabric(const fabric_options &options)
     const int64_t now = now_ms();
     for (uint32_t at = 0; at < options_.macs; at++) {
         settle_somewhere(hosts_[at], (at / options_.bridges) % remote_share == 0 && !is_static(at));
-        hosts_[at].updated_ms = now - random_.below(aging_time_ms);
+        hosts_[at].updated_ms = now - random_.below(ageing_time_ms);
     }
 }
 
@@ -261,27 +223,29 @@ fdb_record fabric::local_entry(uint32_t ifindex) const
 {
     fdb_record record;
     record.ifindex = ifindex;
-    record.master = bridge_index((ifindex - 1) / (options_.ports + 2));
+    record.master = bridge_index(bridge_with_index(ifindex));
     record.state = fdb_permanent;
     record.mac = address(port_block, ifindex);
     return record;
 }
 
-// ---- Telling ----
+// ---- Reports ----
 
-void fabric::tell(const fdb_record &record)
+void fabric::report(const fdb_record &record)
 {
     events_++;
     sink_->fdb_changed(record);
 }
 
-void fabric::tell_link(const link_record &link)
+// Reports a device with the entry for its own address.
+void fabric::report_link(const link_record &link)
 {
     events_++;
     sink_->link_changed(link);
+    report(local_entry(link.ifindex));
 }
 
-void fabric::tell_bridge(uint32_t bridge)
+void fabric::report_bridge(uint32_t bridge)
 {
     link_record link;
     link.up = true;
@@ -289,84 +253,101 @@ void fabric::tell_bridge(uint32_t bridge)
     link.ifindex = bridge_index(bridge);
     link.name = "br" + std::to_string(bridge);
     link.address = address(port_block, link.ifindex);
-    link.ageing_ms = aging_time_ms;
-    tell_link(link);
-    tell(local_entry(link.ifindex));
-    const std::string prefix = link.name + "p";
+    link.ageing_ms = ageing_time_ms;
+    report_link(link);
     link.master = link.ifindex;
-    link.kind = link_kind::other;
     link.ageing_ms = 0;
+    report_ports(bridge, link);
+    if (options_.vteps != 0) {
+        report_vxlan(bridge, link);
+    }
+}
+
+// `link` holds the members that all devices of the bridge share, and the bridge's name.
+void fabric::report_ports(uint32_t bridge, link_record link)
+{
+    const std::string prefix = link.name + "p";
+    link.kind = link_kind::other;
     for (uint32_t port = 0; port < options_.ports; port++) {
         link.ifindex = port_index(bridge, port);
         link.name = prefix + std::to_string(port);
         link.address = address(port_block, link.ifindex);
-        tell_link(link);
-        tell(local_entry(link.ifindex));
+        report_link(link);
     }
-    if (options_.vteps == 0) {
-        return;
-    }
+}
+
+void fabric::report_vxlan(uint32_t bridge, link_record link)
+{
     link.kind = link_kind::vxlan;
     link.ifindex = vxlan_index(bridge);
     link.name = "vx" + std::to_string(bridge);
     link.vni = first_vni + bridge;
     link.address = address(port_block, link.ifindex);
-    tell_link(link);
-    tell(local_entry(link.ifindex));
+    report_link(link);
     for (uint32_t vtep = 0; vtep < options_.vteps; vtep++) {
-        tell(flood_entry(bridge, vtep));
+        report(flood_entry(bridge, vtep));
     }
 }
 
-void fabric::tell_host(uint32_t host)
+void fabric::report_host(uint32_t at, const host_state &host)
 {
-    if (hosts_[host].port == on_vxlan) {
-        tell(device_entry(host, hosts_[host]));
+    if (host.port == on_vxlan) {
+        report(device_entry(at, host));
     }
-    tell(bridge_entry(host, hosts_[host]));
+    report(bridge_entry(at, host));
 }
 
-// What is left of the state that a host was in.
-void fabric::tell_gone(uint32_t host, const host_state &was)
+// Reports the entries that a host had and no longer has.
+void fabric::report_gone(uint32_t at, const host_state &was, const host_state &is)
 {
-    const host_state &is = hosts_[host];
     if (!is.present) {
         events_++;
-        sink_->fdb_gone(bridge_entry(host, was));
+        sink_->fdb_gone(bridge_entry(at, was));
     }
     if (was.port == on_vxlan && (!is.present || is.port != on_vxlan)) {
         events_++;
-        sink_->fdb_gone(device_entry(host, was));
+        sink_->fdb_gone(device_entry(at, was));
     }
 }
 
-bool fabric::start(event_manager_t *evm, sink &to, std::string &error)
+// ---- Start and stop ----
+
+// The analysis is off because only the manager's thread changes the hosts. So it may read them without the lock, and
+// must not hold it during a report.
+const host_state &fabric::host_on_manager_thread(uint32_t at) const L2FIB_NO_THREAD_SAFETY_ANALYSIS
+{
+    return hosts_[at];
+}
+
+base::result fabric::start(event_manager_t *evm, sink &to)
 {
     sink_ = &to;
     evm_ = evm;
-    sink_->generation_begun();
+    sink_->full_dump_begun();
     for (uint32_t bridge = 0; bridge < options_.bridges; bridge++) {
-        tell_bridge(bridge);
+        report_bridge(bridge);
     }
-    for (uint32_t host = 0; host < options_.macs; host++) {
-        if (hosts_[host].present) {
-            tell_host(host);
+    for (uint32_t at = 0; at < options_.macs; at++) {
+        if (const host_state &host = host_on_manager_thread(at); host.present) {
+            report_host(at, host);
         }
     }
     started_ = true;
-    sink_->generation_complete(true);
-    churn_began_ms_ = now_ms();
-    if (options_.churn == 0) {
-        return true;
-    }
+    sink_->full_dump_ended(true);
+    return options_.churn != 0 ? start_churn() : base::success();
+}
+
+base::result fabric::start_churn()
+{
     const auto due = [](void *cookie) { static_cast<fabric *>(cookie)->churn_due(); };
-    const uint64_t period_ns = std::max<uint64_t>(50'000'000, 1'000'000'000 / options_.churn);
-    if (host::event_timer_attach(evm_, period_ns, period_ns, due, this, &timer_) != 0) {
-        error = "the timer for the churn cannot be had";
-        started_ = false;
-        return false;
+    const uint64_t period_ns = std::max(min_churn_period_ns, ns_per_second / options_.churn);
+    churn_began_ms_ = now_ms();
+    const uint32_t status = host::event_timer_attach(evm_, period_ns, period_ns, due, this, &timer_);
+    if (status == 0) {
+        return base::success();
     }
-    return true;
+    started_ = false;
+    return base::system_failure(static_cast<int>(status), "cannot attach the timer for the churn to the event loop");
 }
 
 void fabric::stop()
@@ -381,43 +362,44 @@ void fabric::stop()
 void fabric::churn_due()
 {
     const auto elapsed_ms = static_cast<uint64_t>(now_ms() - churn_began_ms_);
-    const uint64_t due = elapsed_ms * options_.churn / 1000;
-    // A loop that was held up does not make up for all of it at once.
+    const uint64_t due = elapsed_ms * options_.churn / ms_per_second;
+    // After a long delay of the event loop, at most one second's changes are made up for.
     const uint64_t changes = std::min<uint64_t>(due - std::min(due, churned_), options_.churn);
     churned_ = due;
-    churn(static_cast<uint32_t>(changes));
-}
-
-void fabric::churn(uint32_t changes)
-{
-    for (uint32_t done = 0; done < changes && options_.macs != 0; done++) {
+    for (uint64_t done = 0; done < changes && options_.macs != 0; done++) {
         change_one();
     }
 }
 
+host_state fabric::change(host_state host, uint32_t choice)
+{
+    if (host.present && choice < remove_choices) {
+        host.present = false;
+    } else if (!host.present || choice < move_choices) {
+        settle_somewhere(host, random_.below(remote_share) == 0);
+    }
+    host.updated_ms = host.present ? now_ms() : host.updated_ms;
+    return host;
+}
+
 void fabric::change_one()
 {
-    const uint32_t host = random_.below(options_.macs);
-    const uint32_t choice = random_.below(10);
-    if (is_static(host)) {
+    const uint32_t at = random_.below(options_.macs);
+    const uint32_t choice = random_.below(choices);
+    if (is_static(at)) {
         return;
     }
-    const host_state was = hosts_[host];
+    const host_state was = host_on_manager_thread(at);
+    const host_state is = change(was, choice);
     {
-        const std::lock_guard hold(mutex_);
-        host_state &is = hosts_[host];
-        if (is.present && choice < 2) {
-            is.present = false;
-        } else if (!is.present || choice < 7) {
-            settle_somewhere(is, random_.below(remote_share) == 0);
-        }
-        is.updated_ms = is.present ? now_ms() : is.updated_ms;
+        const base::scoped_lock hold(mutex_);
+        hosts_[at] = is;
     }
     if (was.present) {
-        tell_gone(host, was);
+        report_gone(at, was, is);
     }
-    if (hosts_[host].present) {
-        tell_host(host);
+    if (is.present) {
+        report_host(at, is);
     }
 }
 
@@ -428,6 +410,14 @@ bool fabric::is_local(uint32_t bridge, uint32_t ifindex) const
     const uint32_t first = bridge_index(bridge);
     return ifindex >= first && ifindex < bridge_index(bridge + 1)
            && (ifindex != vxlan_index(bridge) || options_.vteps != 0);
+}
+
+// Returns the host that has this address on this bridge now, or null.
+const host_state *fabric::find_host(const mac_address &mac, uint32_t bridge) const
+{
+    const uint32_t at = number_of(mac);
+    const bool exists = block_of(mac) == learned_block && at < options_.macs && bridge_of(at) == bridge;
+    return exists && hosts_[at].present ? &hosts_[at] : nullptr;
 }
 
 bool fabric::holds_own(const fdb_key &key, uint32_t bridge, fdb_record &record) const
@@ -441,47 +431,48 @@ bool fabric::holds_own(const fdb_key &key, uint32_t bridge, fdb_record &record) 
         }
         return false;
     }
-    const uint32_t host = number_of(key.mac);
-    if (block_of(key.mac) != learned_block || host >= options_.macs || bridge_of(host) != bridge
-        || !hosts_[host].present || hosts_[host].port != on_vxlan) {
+    const host_state *const host = find_host(key.mac, bridge);
+    if (host == nullptr || host->port != on_vxlan) {
         return false;
     }
-    record = device_entry(host, hosts_[host]);
+    record = device_entry(number_of(key.mac), *host);
     return true;
 }
 
 bool fabric::holds(const fdb_key &key, fdb_record &record) const
 {
-    const uint32_t bridge = key.holder == 0 ? options_.bridges : (key.holder - 1) / (options_.ports + 2);
+    const uint32_t bridge = key.holder == 0 ? options_.bridges : bridge_with_index(key.holder);
     if (bridge >= options_.bridges || key.vlan != 0) {
         return false;
     }
     if (key.self) {
         return key.holder == vxlan_index(bridge) && holds_own(key, bridge, record);
     }
-    const uint32_t number = number_of(key.mac);
     if (key.holder != bridge_index(bridge)) {
         return false;
     }
+    const uint32_t number = number_of(key.mac);
     if (block_of(key.mac) == port_block && is_local(bridge, number)) {
         record = local_entry(number);
         return true;
     }
-    if (block_of(key.mac) != learned_block || number >= options_.macs || bridge_of(number) != bridge
-        || !hosts_[number].present) {
+    const host_state *const host = find_host(key.mac, bridge);
+    if (host == nullptr) {
         return false;
     }
-    record = bridge_entry(number, hosts_[number]);
+    record = bridge_entry(number, *host);
     return true;
 }
 
 void fabric::query(std::span<const fdb_key> keys, std::span<fdb_answer> answers)
 {
-    const std::lock_guard hold(mutex_);
+    const base::scoped_lock hold(mutex_);
     for (size_t at = 0; at < keys.size(); at++) {
-        answers[at].presence = !started_                             ? fdb_presence::cannot_tell
-                               : holds(keys[at], answers[at].record) ? fdb_presence::present
-                                                                     : fdb_presence::absent;
+        if (!started_) {
+            answers[at].presence = fdb_presence::unknown;
+        } else {
+            answers[at].presence = holds(keys[at], answers[at].record) ? fdb_presence::present : fdb_presence::absent;
+        }
     }
 }
 
@@ -489,26 +480,14 @@ plane_health fabric::health() const
 {
     plane_health health;
     health.clean = started_;
-    health.generation = 1;
+    health.full_dumps = 1;
     health.events = events_;
     return health;
 }
 
 } // namespace
 
-std::string parse_fabric(std::string_view text, fabric_options &options)
-{
-    while (!text.empty()) {
-        const size_t comma = text.find(',');
-        if (std::string error = parse_item(text.substr(0, comma), options); !error.empty()) {
-            return error;
-        }
-        text.remove_prefix(comma == std::string_view::npos ? text.size() : comma + 1);
-    }
-    return check_totals(options);
-}
-
-std::unique_ptr<generated_plane> make_generated_plane(const fabric_options &options)
+std::unique_ptr<plane> make_generated_plane(const fabric_options &options)
 {
     return std::make_unique<fabric>(options);
 }

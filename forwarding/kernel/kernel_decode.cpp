@@ -21,20 +21,22 @@ namespace forwarding {
 
 namespace {
 
-// Newer than the headers of the systems that this is built on.
-constexpr uint32_t ntf_ext_locked = 1U << 1;
-constexpr uint8_t activity_notify_inactive = 1U << 1;
+// Bits that the headers of the oldest supported systems lack.
+constexpr uint32_t ntf_ext_locked = 1U << 1;          // NTF_EXT_LOCKED
+constexpr uint8_t activity_notify_inactive = 1U << 1; // FDB_NOTIFY_INACTIVE_BIT
 
 constexpr int64_t ms_per_second = 1000;
-constexpr uint32_t ms_per_ageing_tick = 10; // whatever the ticks of ages are
+constexpr uint32_t ms_per_ageing_tick = 10; // ageing times are in hundredths of a second on every kernel
+constexpr size_t ipv4_size = 4;             // bytes of an address
+constexpr int max_error_number = 4095;      // the kernel's MAX_ERRNO
 
-// An attribute in place: its type and its payload.
+// An attribute where it lies in the message.
 struct attribute {
     uint16_t type;
     std::span<const std::byte> payload;
 };
 
-// Exactly the bytes of `value`.
+// Returns false if the payload is not exactly as long as `value`.
 template <typename Value>
 bool read(std::span<const std::byte> payload, Value &value)
 {
@@ -45,7 +47,7 @@ bool read(std::span<const std::byte> payload, Value &value)
     return true;
 }
 
-// A text that ends with its only zero byte. Nothing when it is not one.
+// Returns the text before the first zero byte; nothing if that is empty or no zero byte follows.
 std::optional<std::string_view> read_text(std::span<const std::byte> payload)
 {
     const std::string_view text(reinterpret_cast<const char *>(payload.data()), payload.size());
@@ -56,7 +58,8 @@ std::optional<std::string_view> read_text(std::span<const std::byte> payload)
     return text.substr(0, end);
 }
 
-// Calls handle(attribute) for each; false when one was refused, or when what is left is no attribute.
+// Calls handle(attribute) for each attribute, until it returns false. Returns false then, and also if the rest of the
+// level is no whole attribute.
 template <typename Handle>
 bool each_attribute(std::span<const std::byte> level, Handle handle)
 {
@@ -74,7 +77,7 @@ bool each_attribute(std::span<const std::byte> level, Handle handle)
     return left <= 0;
 }
 
-// ---- links
+// ---- Links ----
 
 constexpr struct {
     std::string_view name;
@@ -122,7 +125,7 @@ bool read_vxlan_attribute(const attribute &found, link_record &link)
     }
 }
 
-// What only its kind tells about a link. The kind comes before the data that it gives a meaning.
+// Reads the attributes that depend on the kind of a link. The kernel puts the kind before the data.
 bool read_link_info(std::span<const std::byte> info, link_record &link)
 {
     return each_attribute(info, [&link](const attribute &found) {
@@ -156,14 +159,14 @@ bool read_link_attribute(const attribute &found, link_record &link)
     case IFLA_IFNAME: return read_link_name(found.payload, link);
     case IFLA_MASTER: return read(found.payload, link.master);
     case IFLA_LINKINFO: return read_link_info(found.payload, link);
-    case IFLA_ADDRESS: // tunnels of layer 3 have addresses of other lengths, and are no ports
+    case IFLA_ADDRESS: // layer-3 tunnels have addresses of other lengths; they cannot be ports, so theirs are skipped
         read(found.payload, link.address);
         return true;
     default: return true;
     }
 }
 
-// ---- maps from VLANs to VNIs
+// ---- Bridge ports: VLANs, and maps from VLANs to VNIs ----
 
 struct vlan_vni {
     uint32_t vni = 0;
@@ -183,7 +186,9 @@ bool read_vlan_vni(std::span<const std::byte> payload, vlan_vni &row)
     });
 }
 
-// Two rows may stand for a range: VLANs and VNIs both count up from the first to the last.
+// Adds a row to the map. Two rows may stand for a range, in which VLANs and VNIs both count up:
+//
+//      vlan 10 vni 1010 RANGE_BEGIN, vlan 12 vni 1012 RANGE_END    10 -> 1010, 11 -> 1011, 12 -> 1012
 bool add_vlan_vnis(const vlan_vni &row, vlan_vni &range_begin, vni_by_vlan &vnis)
 {
     if ((row.flags & BRIDGE_VLAN_INFO_RANGE_BEGIN) != 0) {
@@ -192,7 +197,7 @@ bool add_vlan_vnis(const vlan_vni &row, vlan_vni &range_begin, vni_by_vlan &vnis
     }
     const bool ends_range = (row.flags & BRIDGE_VLAN_INFO_RANGE_END) != 0;
     const vlan_vni first = ends_range ? range_begin : row;
-    if (row.vlan >= most_vlans || first.vlan > row.vlan) {
+    if (row.vlan >= max_vlans || first.vlan > row.vlan) {
         return false;
     }
     for (uint16_t vlan = first.vlan; vlan <= row.vlan; vlan++) {
@@ -201,10 +206,11 @@ bool add_vlan_vnis(const vlan_vni &row, vlan_vni &range_begin, vni_by_vlan &vnis
     return true;
 }
 
-bool add_vlans(std::span<const std::byte> payload, uint16_t &range_begin, std::bitset<most_vlans> &vlans)
+// Adds a row to the set. Two rows may stand for a range, as above.
+bool add_vlans(std::span<const std::byte> payload, uint16_t &range_begin, std::bitset<max_vlans> &vlans)
 {
     bridge_vlan_info row{};
-    if (!read(payload, row) || row.vid >= most_vlans) {
+    if (!read(payload, row) || row.vid >= max_vlans) {
         return false;
     }
     if ((row.flags & BRIDGE_VLAN_INFO_RANGE_BEGIN) != 0) {
@@ -233,7 +239,8 @@ bool read_vlans(std::span<const std::byte> rows, kernel_message &message)
     });
 }
 
-// The state of a bridge port. Each message has the whole map; one of a port that leaves has none.
+// Decodes the state of a bridge port. Each message has the port's whole map and all its VLANs. One that reports that
+// the port left its bridge (`gone`) has neither.
 kernel_message_kind decode_bridge_port(const ifinfomsg &head, std::span<const std::byte> attributes, bool gone,
                                        kernel_message &message)
 {
@@ -272,11 +279,11 @@ kernel_message_kind decode_link(std::span<const std::byte> payload, bool gone, k
     if (gone) {
         return kernel_message_kind::link_gone;
     }
-    // Without a name it is the report of one event of the device, such as a wireless one.
+    // A message without a name reports an event of the device, such as a wireless one, and not its state.
     return link.name.empty() ? kernel_message_kind::unrelated : kernel_message_kind::link_changed;
 }
 
-// ---- forwarding entries
+// ---- Forwarding entries ----
 
 struct bit_translation {
     uint32_t from;
@@ -300,7 +307,7 @@ uint8_t translate(uint32_t bits, const bit_translation (&table)[Size])
     return result;
 }
 
-// What the attributes of an entry say that its record has no field for.
+// Attributes of an entry that its record does not hold.
 struct fdb_extra {
     bool has_address = false;
     bool has_cacheinfo = false;
@@ -309,10 +316,10 @@ struct fdb_extra {
 
 bool read_destination(std::span<const std::byte> payload, fdb_destination &destination)
 {
-    if (payload.size() != 4 && payload.size() != destination.address.size()) {
+    if (payload.size() != ipv4_size && payload.size() != destination.address.size()) {
         return false;
     }
-    destination.kind = payload.size() == 4 ? destination_kind::ipv4 : destination_kind::ipv6;
+    destination.kind = payload.size() == ipv4_size ? destination_kind::ipv4 : destination_kind::ipv6;
     std::memcpy(destination.address.data(), payload.data(), payload.size());
     return true;
 }
@@ -334,9 +341,9 @@ bool read_port(std::span<const std::byte> payload, fdb_destination &destination)
 bool read_extended_flags(std::span<const std::byte> payload, fdb_record &fdb)
 {
     uint32_t bits = 0;
-    const bool right = read(payload, bits);
+    const bool fits = read(payload, bits);
     fdb.flags |= translate(bits, extended_flags);
-    return right;
+    return fits;
 }
 
 bool read_activity(std::span<const std::byte> payload, fdb_record &fdb)
@@ -374,15 +381,16 @@ int64_t time_of(const nda_cacheinfo &cacheinfo, const kernel_clock &clock)
     return clock.now_ms - int64_t{cacheinfo.ndm_updated} * ms_per_second / clock.ticks_per_second;
 }
 
-// One entry is of a bridge or of a device by its own: replies leave the flag of a bridge's entry out.
+// An entry belongs to a bridge (it has a master) or to a device itself, never to both. NTF_MASTER is not checked,
+// because the kernel's replies leave it out.
 bool is_consistent(const ndmsg &head, const fdb_record &fdb, const fdb_extra &extra)
 {
     return head.ndm_ifindex > 0 && extra.has_address && fdb.self == (fdb.master == 0);
 }
 
-// Linux before 6.13 sends two notifications when a user changes a device's own entry: the device's, and a general one
-// that lacks the destination. Believed, the second would overwrite the first. It gives no age, which VXLAN devices
-// always do. Receive filters give none either, and no forwarding plane uses them.
+// Linux before 6.13 sends two notifications when a user changes a device's own entry: one by the device, and a general
+// one without the destination. The general one would overwrite the device's one, so it is skipped. It is known by its
+// lack of an age, which VXLAN devices always send. Receive filters have no age either, and no plane reports them.
 bool is_general_notification(const fdb_record &fdb, const fdb_extra &extra)
 {
     return fdb.self && !extra.has_cacheinfo;
@@ -418,14 +426,14 @@ kernel_message_kind decode_fdb(std::span<const std::byte> payload, bool gone, co
     return gone ? kernel_message_kind::fdb_gone : kernel_message_kind::fdb_changed;
 }
 
-// ---- next hops
+// ---- Next hops ----
 
 kernel_message_kind decode_next_hop_gone(std::span<const std::byte> payload, kernel_message &message)
 {
     if (payload.size() < sizeof(nhmsg)) {
         return kernel_message_kind::malformed;
     }
-    message.next_hop = 0; // no next hop has it
+    message.next_hop = 0; // no next hop has this id
     message.for_entries = false;
     const bool read_all = each_attribute(payload.subspan(sizeof(nhmsg)), [&message](const attribute &found) {
         message.for_entries |= found.type == NHA_FDB;
@@ -434,9 +442,9 @@ kernel_message_kind decode_next_hop_gone(std::span<const std::byte> payload, ker
     return read_all && message.next_hop != 0 ? kernel_message_kind::next_hop_gone : kernel_message_kind::malformed;
 }
 
-// ---- messages
+// ---- Messages ----
 
-// The error of a reply or of a dump's end, which the kernel gives as a negative number.
+// Reads the error of a reply or of a dump's end. The kernel sends 0 or a negative error number.
 bool read_error(std::span<const std::byte> payload, int &error)
 {
     int32_t value = 0;
@@ -444,8 +452,9 @@ bool read_error(std::span<const std::byte> payload, int &error)
         return false;
     }
     std::memcpy(&value, payload.data(), sizeof(value));
-    error = value < 0 && value > -4096 ? -value : 0;
-    return value <= 0 && value > -4096;
+    const bool is_valid = value <= 0 && value >= -max_error_number;
+    error = is_valid ? -value : 0;
+    return is_valid;
 }
 
 kernel_message_kind decode_payload(uint16_t type, std::span<const std::byte> payload, const kernel_clock &clock,
@@ -457,7 +466,7 @@ kernel_message_kind decode_payload(uint16_t type, std::span<const std::byte> pay
     case RTM_NEWNEIGH: return decode_fdb(payload, false, clock, message.fdb);
     case RTM_DELNEIGH: return decode_fdb(payload, true, clock, message.fdb);
     case RTM_DELNEXTHOP: return decode_next_hop_gone(payload, message);
-    case NLMSG_DONE: // kernels of old gave no error with it
+    case NLMSG_DONE: // old kernels send no error with it
         return payload.empty() || read_error(payload, message.error) ? kernel_message_kind::done
                                                                      : kernel_message_kind::malformed;
     case NLMSG_ERROR:
@@ -496,7 +505,7 @@ bool kernel_decode(std::span<const std::byte> &datagram, const kernel_clock &clo
     message.sequence = 0;
     message.interrupted = false;
     message.error = 0;
-    nlmsghdr head{}; // mnl_nlmsg_ok would take a length over 2 GiB for a negative number
+    nlmsghdr head{}; // checked here, because mnl_nlmsg_ok reads a length over 2 GiB as a negative number
     if (datagram.size() >= sizeof(head)) {
         std::memcpy(&head, datagram.data(), sizeof(head));
     }

@@ -1,33 +1,46 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The forwarding tables of this machine's kernel: bridges and VXLAN devices, by its routing messages.
+// This room is the forwarding plane of this machine's kernel: bridges and VXLAN devices, by its routing messages. Other
+// rooms include this header and kernel_privileges.h. The recorded room also includes kernel_decode.h, for the kernel's
+// names of link kinds and its unit of ageing times.
 //
-// Three sockets. One is subscribed to changes before anything else is asked; one is for dumps, which the event loop
-// reads in slices as they come; one is for questions about single entries, so that an answer never stands behind a
-// dump. Reading takes no privilege.
+//      kernel_plane.cpp     start and stop, health, questions
+//      kernel_changes.cpp   notifications, overruns; which function takes which change
+//      kernel_links.cpp     changes of links, VLANs and local addresses
+//      kernel_entries.cpp   changes of entries and next hops
+//      kernel_dumps.cpp     full dumps: when they begin, what they request and read
+//      full_dump.h          which dump proves that nothing was missed
+//      kernel_query.h       questions about single entries
+//      kernel_decode.h      bytes to records; kernel_request.h: requests to bytes; kernel_socket.h: sockets
 //
-// A generation dumps the links, then bridge by bridge (kernel_listing.h), then the VXLAN devices without a bridge. It
-// is clean when each dump was. While the plane is degraded, the next generation begins by itself: at least
-// `generation_interval_ms` after the end of the last one, twice as long after each that fails again, up to 16 times as
-// long, and no sooner than the last one took. list_again ends the doubling. While the plane is clean, a generation
-// begins as a proof every `proof_interval_ms`, or less often if dumps would take more than 1 % of the time. Between
-// generations the own entries of a VXLAN device that appears are dumped: from another network namespace it brings
-// entries that the kernel does not report.
+// Sockets. The plane has three. One is subscribed to changes before the plane asks for anything. One is for dumps,
+// which the event loop reads in slices as they arrive. One is for questions about single entries, so that no answer
+// queues behind a dump. Reading needs no privilege.
 //
-// Losses. An overrun of the receive buffer, a notification that is cut off or malformed, and lack of memory each lose
-// changes. The kernel counts what it drops in an overrun, and that number is passed on.
+// Full dumps. A full dump requests the links, then the VLANs of all ports, then each bridge, then each VXLAN device
+// without a bridge. It is clean if each dump was (full_dump.h).
+//  - While the plane is degraded, the next one begins by itself: `full_dump_interval_ms` or more after the end of the
+//    last one. Each unclean one doubles that pause, up to 16 times the interval. No pause is shorter than the last full
+//    dump took. request_full_dump ends the doubling.
+//  - While the plane is clean, one begins as a proof every `proof_interval_ms`, or less often if dumps would take more
+//    than 1 % of the time.
+//  - Between full dumps, the plane dumps the own entries of a VXLAN device that appears. A device from another network
+//    namespace brings entries that the kernel does not notify.
 //
-// Next hops. The kernel deletes the entries of a next hop together with it, and reports the next hop only.
-// sink::next_hop_gone is called for next hops that were made for entries, and for those that an entry was reported
-// with. A next hop that goes because its device goes down is not reported by the kernel. Only a group whose members
-// were replaced by those of routes can have entries then; the next proof finds these.
+// Losses. The plane loses changes by a receive buffer overrun, by a notification that is cut off or malformed, and by
+// lack of memory. The kernel counts what it drops in an overrun, and the plane reports that number.
 //
-// Told are the entries of bridges and the own entries of VXLAN devices; the own entries of other devices are receive
-// filters and not told.
+// Next hops. The kernel deletes the entries of a next hop together with it, and notifies the next hop only. The plane
+// reports next_hop_gone for a next hop that was made for entries, or with which it reported an entry. The kernel does
+// not notify a next hop that goes because its device goes down. Only a group whose members were replaced by those of
+// routes can have entries then; the next proof finds them.
 //
-// Further limits of the kernel: the presence of one destination of several (of a zero address on a VXLAN device) can be
-// told only for the first of them, for the others query cannot tell; ages are as old as what was told last, and query
-// is what refreshes them.
+// Entries. The plane reports bridge entries and the VXLAN devices' own entries. Other devices' entries are receive
+// filters and are skipped.
+//
+// Limits of the kernel. A question about one of several destinations of an address is answered for the first one only;
+// for the others query answers `unknown`. The kernel notifies no ages: an age is as old as the last report, and only
+// query refreshes it.
 #pragma once
 
 #include <cstdint>
@@ -39,22 +52,22 @@
 namespace forwarding {
 
 struct kernel_options {
-    // Wanted size of the buffer that holds notifications, in bytes; more than the system's limit takes CAP_NET_ADMIN,
-    // without which it gets what it can. 0: 128 MiB, which hold 50,000 notifications and more.
+    // Receive buffer for notifications, in bytes. Granted in full with CAP_NET_ADMIN; otherwise capped at
+    // net.core.rmem_max. 0: 128 MiB, enough for 50,000 notifications and more.
     uint32_t receive_buffer = 0;
 
-    // The network namespace to look at, a path or a name; entering it takes CAP_SYS_ADMIN. Empty: the caller's.
+    // The network namespace of the tables: a path or a name. Entering it needs CAP_SYS_ADMIN. Empty: the caller's.
     std::string netns = {};
 
-    uint32_t generation_interval_ms = 3000;
+    uint32_t full_dump_interval_ms = 3000;
 
-    // How long a clean plane goes without a full dump. What the kernel changes without a notification is wrong for at
-    // most this long, unless dumps take too long.
+    // Time between two full dumps of a clean plane. A change that the kernel does not notify stays wrong for at most
+    // this long, unless dumps take too long.
     uint32_t proof_interval_ms = 600'000;
 };
 
-// Opens the sockets, in the calling thread; when that fails, start tells why. Once it has returned, the thread may give
-// up the capabilities (kernel_socket.h) before it starts others.
+// Opens the sockets on the calling thread. If that fails, start returns the failure. Afterwards the thread may give up
+// its capabilities (kernel_privileges.h) before it starts others.
 std::unique_ptr<plane> make_kernel_plane(const kernel_options &options);
 
 } // namespace forwarding

@@ -6,17 +6,22 @@
 #include <cerrno>
 
 #include "forwarding/kernel/kernel_decode.h"
+#include "forwarding/kernel/kernel_request.h"
 
 namespace forwarding {
 
 namespace {
 
-// What the kernel accounts for one answer, at most: it allocates a page for each, and its own record beside it.
+// The most that the kernel accounts for one answer, in bytes: a page of 4096, and its own record beside it.
 constexpr size_t answer_cost = 8192;
-constexpr size_t most_reads = 2 * query_batch;                    // a failing socket is not read for ever
-constexpr uint32_t wanted_buffer = query_batch * answer_cost / 2; // it accounts against twice that
 
-// An entry of another destination than the one that was asked for proves nothing: the kernel tells only the first.
+// Reads for one batch. Each answer takes one; more are answers of an earlier batch, or a socket that fails each time.
+constexpr size_t max_reads = 2 * query_batch;
+
+constexpr uint32_t wanted_buffer = query_batch * answer_cost / 2; // the kernel accounts against twice the size granted
+
+// An answer with another destination than the key's decides nothing, because the kernel answers with the first
+// destination only.
 fdb_answer answer_of(const fdb_key &key, const kernel_message &message)
 {
     switch (message.kind) {
@@ -50,7 +55,7 @@ void take_answers(kernel_querier &querier, std::span<const std::byte> datagram, 
     const kernel_clock clock = kernel_clock_now();
     kernel_message message;
     while (kernel_decode(datagram, clock, message)) {
-        const uint32_t place = message.sequence - first; // of an earlier question: beyond the end
+        const uint32_t place = message.sequence - first; // an answer to an earlier question: beyond the end
         querier.refused += message.kind == kernel_message_kind::malformed ? 1 : 0;
         querier.is_unsupported |= message.kind == kernel_message_kind::error && message.error == EOPNOTSUPP;
         if (place < keys.size()) {
@@ -65,7 +70,7 @@ void ask(kernel_querier &querier, std::span<const fdb_key> keys, std::span<fdb_a
     if (!kernel_socket_send(querier.socket, std::span(querier.buffer).first(length))) {
         return;
     }
-    for (size_t count = 0; count < most_reads; count++) {
+    for (size_t count = 0; count < max_reads; count++) {
         std::span<const std::byte> datagram;
         const kernel_read result = kernel_socket_read(querier.socket, querier.buffer, datagram);
         if (result == kernel_read::empty) {
@@ -80,22 +85,22 @@ void ask(kernel_querier &querier, std::span<const fdb_key> keys, std::span<fdb_a
 
 } // namespace
 
-std::string kernel_querier_open(kernel_querier &querier)
+base::result kernel_querier_open(kernel_querier &querier)
 {
-    std::string error = kernel_socket_open(querier.socket);
-    if (error.empty()) {
-        const size_t fit = kernel_socket_resize(querier.socket, wanted_buffer) / answer_cost;
-        querier.at_once = std::clamp(fit, size_t{1}, std::min(query_batch, kernel_buffer_size / kernel_request_size));
-        querier.buffer.resize(kernel_buffer_size);
+    if (base::result opened = kernel_socket_open(querier.socket); !opened.ok()) {
+        return opened;
     }
-    return error;
+    const size_t fitting = kernel_socket_resize(querier.socket, wanted_buffer) / answer_cost;
+    querier.batch = std::clamp(fitting, size_t{1}, std::min(query_batch, kernel_buffer_size / kernel_request_size));
+    querier.buffer.resize(kernel_buffer_size);
+    return base::success();
 }
 
 void kernel_query(kernel_querier &querier, std::span<const fdb_key> keys, std::span<fdb_answer> answers)
 {
     std::fill(answers.begin(), answers.end(), fdb_answer{});
     while (!keys.empty()) {
-        const size_t count = std::min(querier.at_once, keys.size());
+        const size_t count = std::min(querier.batch, keys.size());
         ask(querier, keys.first(count), answers.first(count));
         keys = keys.subspan(count);
         answers = answers.subspan(count);

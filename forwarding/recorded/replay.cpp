@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <fstream>
 #include <net/if.h>
 #include <stdexcept>
@@ -24,14 +24,15 @@ namespace {
 
 using nlohmann::json;
 
-// What is wrong with an element; the reader of the file adds which one it is.
+// A file or an element that breaks the rules of its form. Readers of values name the member; read_elements adds the
+// file and the element. It does not leave this source.
 struct malformed : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-[[noreturn]] void expected(const char *key, const char *what)
+[[noreturn]] void refuse(const char *key, const std::string &expected)
 {
-    throw malformed(std::string("\"") + key + "\" is not " + what);
+    throw malformed(std::string("\"") + key + "\" is not " + expected);
 }
 
 // ---- Values of an element ----
@@ -42,6 +43,7 @@ const json *member(const json &element, const char *key)
     return found != element.end() ? &*found : nullptr;
 }
 
+// Returns an empty text if the member is missing.
 std::string text(const json &element, const char *key)
 {
     const json *value = member(element, key);
@@ -49,7 +51,7 @@ std::string text(const json &element, const char *key)
         return {};
     }
     if (!value->is_string()) {
-        expected(key, "a text");
+        refuse(key, "a text");
     }
     return value->get<std::string>();
 }
@@ -58,24 +60,25 @@ std::string required_text(const json &element, const char *key)
 {
     std::string value = text(element, key);
     if (value.empty()) {
-        expected(key, "there; a text was expected");
+        refuse(key, "there; a text was expected");
     }
     return value;
 }
 
-uint32_t number(const json &element, const char *key, uint32_t most)
+// Returns 0 if the member is missing.
+uint32_t number(const json &element, const char *key, uint32_t max)
 {
     const json *value = member(element, key);
     if (value == nullptr) {
         return 0;
     }
-    if (!value->is_number_unsigned() || value->get<uint64_t>() > most) {
-        throw malformed(std::string("\"") + key + "\" is not a number from 0 to " + std::to_string(most));
+    if (!value->is_number_unsigned() || value->get<uint64_t>() > max) {
+        refuse(key, "a number from 0 to " + std::to_string(max));
     }
     return value->get<uint32_t>();
 }
 
-// True for true and for a number that is not 0.
+// Returns true for true and for a number other than 0; false if the member is missing.
 bool truth(const json &element, const char *key)
 {
     const json *value = member(element, key);
@@ -83,7 +86,7 @@ bool truth(const json &element, const char *key)
         return false;
     }
     if (!value->is_boolean() && !value->is_number_unsigned()) {
-        expected(key, "true, false, 0 or 1");
+        refuse(key, "true, false, 0 or 1");
     }
     return value->is_boolean() ? value->get<bool>() : value->get<uint64_t>() != 0;
 }
@@ -96,11 +99,11 @@ std::vector<std::string> words(const json &element, const char *key)
         return found;
     }
     if (!value->is_array()) {
-        expected(key, "a list of texts");
+        refuse(key, "a list of texts");
     }
     for (const json &each : *value) {
         if (!each.is_string()) {
-            expected(key, "a list of texts");
+            refuse(key, "a list of texts");
         }
         found.push_back(each.get<std::string>());
     }
@@ -111,42 +114,30 @@ mac_address to_mac(const std::string &value, const char *key)
 {
     const auto mac = base::parse_mac(value);
     if (!mac) {
-        expected(key, "an address of six bytes such as 02:00:00:00:00:01");
+        refuse(key, "an address of six bytes such as 02:00:00:00:00:01");
     }
     return *mac;
 }
 
 // ---- Links ----
 
-constexpr uint32_t vni_limit = 0xffffff;
-constexpr uint32_t vlan_limit = 4094;
+constexpr uint32_t max_vni = 0xffffff; // 24 bits
+constexpr uint32_t max_vlan = 4094;    // 4095 is reserved
+constexpr size_t mac_text_length = std::string_view("00:00:00:00:00:00").size();
 
+// Returns an empty object if the member is missing.
 const json &object_of(const json &element, const char *key)
 {
     static const json nothing = json::object();
     const json *value = member(element, key);
     if (value != nullptr && !value->is_object()) {
-        expected(key, "an object");
+        refuse(key, "an object");
     }
     return value != nullptr ? *value : nothing;
 }
 
-link_record read_link(const json &element)
+void read_kind(const json &element, link_record &link)
 {
-    link_record link;
-    link.ifindex = number(element, "ifindex", INT32_MAX);
-    if (link.ifindex == 0) {
-        expected("ifindex", "there; a number from 1 was expected");
-    }
-    link.name = required_text(element, "ifname");
-    if (link.name.size() >= IFNAMSIZ || link.name.find('\0') != link.name.npos) {
-        expected("ifname", "a name of at most 15 characters");
-    }
-    const auto flags = words(element, "flags");
-    link.up = std::find(flags.begin(), flags.end(), "UP") != flags.end();
-    if (const std::string address = text(element, "address"); address.size() == 17) {
-        link.address = to_mac(address, "address");
-    }
     const json &info = object_of(element, "linkinfo");
     link.kind = link_kind_named(text(info, "info_kind"));
     const json &data = object_of(info, "info_data");
@@ -155,8 +146,28 @@ link_record read_link(const json &element)
         link.ageing_ms = ageing_ms_of(number(data, "ageing_time", UINT32_MAX));
     } else if (link.kind == link_kind::vxlan) {
         link.external = truth(data, "external");
-        link.vni = link.external ? 0 : number(data, "id", vni_limit);
+        link.vni = link.external ? 0 : number(data, "id", max_vni);
     }
+}
+
+link_record read_link(const json &element)
+{
+    link_record link;
+    link.ifindex = number(element, "ifindex", INT32_MAX);
+    if (link.ifindex == 0) {
+        refuse("ifindex", "there; a number from 1 was expected");
+    }
+    link.name = required_text(element, "ifname");
+    if (link.name.size() >= IFNAMSIZ || link.name.find('\0') != link.name.npos) {
+        refuse("ifname", "a name of at most 15 characters");
+    }
+    const auto flags = words(element, "flags");
+    link.up = std::find(flags.begin(), flags.end(), "UP") != flags.end();
+    // Layer-3 tunnels have addresses of other lengths; they cannot be ports, so theirs are skipped.
+    if (const std::string address = text(element, "address"); address.size() == mac_text_length) {
+        link.address = to_mac(address, "address");
+    }
+    read_kind(element, link);
     return link;
 }
 
@@ -185,7 +196,7 @@ uint8_t state_of(const json &element)
             return each.bit;
         }
     }
-    expected("state", "one of permanent, static, stale, reachable or nothing");
+    refuse("state", "one of permanent, static, stale, reachable or nothing");
 }
 
 uint8_t flags_of_words(const std::vector<std::string> &found)
@@ -206,7 +217,7 @@ fdb_destination destination_of(const json &element)
         } else if (inet_pton(AF_INET6, address.c_str(), destination.address.data()) == 1) {
             destination.kind = destination_kind::ipv6;
         } else {
-            expected("dst", "an IPv4 or IPv6 address");
+            refuse("dst", "an IPv4 or IPv6 address");
         }
     } else if (member(element, "nhid") != nullptr) {
         destination.kind = destination_kind::next_hop;
@@ -219,13 +230,15 @@ fdb_destination destination_of(const json &element)
     return destination;
 }
 
+constexpr int64_t ms_per_second = 1000;
+
 using link_numbers = std::unordered_map<std::string, uint32_t>;
 
 uint32_t link_named(const json &element, const char *key, const link_numbers &links)
 {
     const auto found = links.find(required_text(element, key));
     if (found == links.end()) {
-        expected(key, "the name of a link in links.json");
+        refuse(key, "the name of a link in links.json");
     }
     return found->second;
 }
@@ -242,36 +255,40 @@ fdb_record read_entry(const json &element, const link_numbers &links, int64_t no
     }
     record.flags = flags_of_words(flags);
     record.state = state_of(element);
-    record.vlan = static_cast<uint16_t>(number(element, "vlan", vlan_limit));
-    record.source_vni = number(element, "src_vni", vni_limit);
+    record.vlan = static_cast<uint16_t>(number(element, "vlan", max_vlan));
+    record.source_vni = number(element, "src_vni", max_vni);
     record.destination = destination_of(element);
-    record.destination.vni = number(element, "vni", vni_limit);
+    record.destination.vni = number(element, "vni", max_vni);
     record.destination.port = static_cast<uint16_t>(number(element, "port", UINT16_MAX));
     record.edm_flags = static_cast<uint16_t>(number(element, "edm_flags", UINT16_MAX));
     if (member(element, "updated") != nullptr) {
-        record.updated_ms = now_ms - int64_t{1000} * number(element, "updated", INT32_MAX);
+        record.updated_ms = now_ms - ms_per_second * number(element, "updated", INT32_MAX);
     }
     return record;
 }
 
 // ---- Files ----
 
-// Calls `read(element)` for each element of the list in a file.
-template <typename Read>
-void read_elements(const std::string &path, Read read)
+json parse_file(const std::string &path)
 {
     std::ifstream file(path);
     if (!file) {
-        throw malformed(path + ": cannot be read: " + std::strerror(errno));
+        throw malformed(base::system_failure(errno, path + ": cannot be read").text);
     }
-    json list;
     try {
-        list = json::parse(file);
+        return json::parse(file);
     } catch (const json::exception &error) {
         throw malformed(path + ": is not JSON: " + error.what());
     } catch (const std::ios_base::failure &error) { // of a directory, or of a failing disk
         throw malformed(path + ": cannot be read: " + error.what());
     }
+}
+
+// Calls `read(element)` for each element of the list in a file.
+template <typename Read>
+void read_elements(const std::string &path, Read read)
+{
+    const json list = parse_file(path);
     if (!list.is_array()) {
         throw malformed(path + ": is not a list of objects");
     }
@@ -289,7 +306,7 @@ void read_elements(const std::string &path, Read read)
 
 struct recorded_tables {
     std::vector<link_record> links;
-    std::vector<fdb_record> entries; // by key
+    std::vector<fdb_record> entries; // sorted by key
 };
 
 bool before(const fdb_record &left, const fdb_record &right)
@@ -305,13 +322,13 @@ void read_links(const std::string &path, recorded_tables &tables, link_numbers &
         tables.links.push_back(read_link(element));
         masters.push_back(text(element, "master"));
         if (!numbers.insert(tables.links.back().ifindex).second) {
-            expected("ifindex", "unique in the file");
+            refuse("ifindex", "unique in the file");
         }
         if (!by_name.emplace(tables.links.back().name, tables.links.back().ifindex).second) {
-            expected("ifname", "unique in the file");
+            refuse("ifname", "unique in the file");
         }
     });
-    // A master may come after its ports, or be in another network namespace.
+    // The file may list a master after its ports. A master in another network namespace is not listed and stays 0.
     for (size_t at = 0; at < masters.size(); at++) {
         const auto master = by_name.find(masters[at]);
         tables.links[at].master = master != by_name.end() ? master->second : 0;
@@ -341,9 +358,9 @@ public:
 
     const char *kind() const override { return "recorded"; }
 
-    bool start(event_manager_t *, sink &to, std::string &) override
+    base::result start(event_manager_t *, sink &to) override
     {
-        to.generation_begun();
+        to.full_dump_begun();
         for (const link_record &link : tables_.links) {
             to.link_changed(link);
         }
@@ -351,8 +368,8 @@ public:
             to.fdb_changed(entry);
         }
         started_ = true;
-        to.generation_complete(true);
-        return true;
+        to.full_dump_ended(true);
+        return base::success();
     }
 
     void drain() override {}
@@ -364,7 +381,7 @@ public:
                 std::lower_bound(tables_.entries.begin(), tables_.entries.end(), keys[at],
                                  [](const fdb_record &entry, const fdb_key &key) { return key_of(entry) < key; });
             const bool present = found != tables_.entries.end() && key_of(*found) == keys[at];
-            answers[at].presence = !started_ ? fdb_presence::cannot_tell
+            answers[at].presence = !started_ ? fdb_presence::unknown
                                    : present ? fdb_presence::present
                                              : fdb_presence::absent;
             answers[at].record = present ? *found : fdb_record{};
@@ -375,7 +392,7 @@ public:
     {
         plane_health health;
         health.clean = started_;
-        health.generation = 1;
+        health.full_dumps = 1;
         health.events = tables_.links.size() + tables_.entries.size();
         return health;
     }
@@ -389,16 +406,16 @@ private:
 
 } // namespace
 
-std::unique_ptr<plane> load_recorded_plane(const std::string &directory, std::string &error)
+base::result load_recorded_plane(const std::string &directory, std::unique_ptr<plane> &loaded)
 {
     try {
-        return std::make_unique<recorded>(read_tables(directory));
+        loaded = std::make_unique<recorded>(read_tables(directory));
+        return base::success();
     } catch (const malformed &wrong) {
-        error = wrong.what();
+        return base::failure(EINVAL, wrong.what());
     } catch (const std::bad_alloc &) {
-        error = directory + ": out of memory";
+        return base::failure(ENOMEM, directory + ": out of memory");
     }
-    return nullptr;
 }
 
 } // namespace forwarding

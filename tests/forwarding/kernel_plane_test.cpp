@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The kernel's plane on real bridges and VXLAN devices, in network namespaces of the test's own. What it told is
-// compared with what the system's own tool lists.
+// The kernel's plane on real bridges and VXLAN devices, in network namespaces of the test's own. Its reports are
+// compared with the output of the system's own tool.
 
 #include <atomic>
 #include <chrono>
@@ -23,6 +23,8 @@
 #include <vector>
 
 #include "forwarding/kernel/kernel_plane.h"
+#include "forwarding/kernel/kernel_privileges.h"
+#include "forwarding/kernel/kernel_request.h"
 #include "forwarding/kernel/kernel_socket.h"
 #include "tests/support/event_loop.h"
 
@@ -31,19 +33,19 @@ namespace {
 using namespace forwarding;
 using std::chrono::steady_clock;
 
-// Keeps what it is told, in the plainest way.
+// Keeps the reports in the plainest way.
 struct naive_copy final : sink {
     std::map<uint32_t, link_record> links;
     std::map<fdb_key, fdb_record> entries;
-    std::set<uint32_t> links_told;
-    std::set<fdb_key> entries_told;
+    std::set<uint32_t> links_reported;
+    std::set<fdb_key> entries_reported;
     std::vector<bool> completions;
     uint64_t lost = 0;
 
     void link_changed(const link_record &record) override
     {
         links[record.ifindex] = record;
-        links_told.insert(record.ifindex);
+        links_reported.insert(record.ifindex);
     }
     void link_gone(uint32_t ifindex) override
     {
@@ -56,7 +58,7 @@ struct naive_copy final : sink {
     {
         EXPECT_TRUE(links.contains(record.ifindex)) << "an entry before its link";
         entries[key_of(record)] = record;
-        entries_told.insert(key_of(record));
+        entries_reported.insert(key_of(record));
     }
     void fdb_gone(const fdb_record &record) override
     {
@@ -70,17 +72,17 @@ struct naive_copy final : sink {
         std::erase_if(entries, [id](const auto &entry) { return entry.second.destination.next_hop == id; });
     }
     void changes_lost(uint64_t count) override { lost += count; }
-    void generation_begun() override
+    void full_dump_begun() override
     {
-        links_told.clear();
-        entries_told.clear();
+        links_reported.clear();
+        entries_reported.clear();
     }
-    void generation_complete(bool clean) override
+    void full_dump_ended(bool clean) override
     {
         completions.push_back(clean);
         if (clean) {
-            std::erase_if(links, [this](const auto &link) { return !links_told.contains(link.first); });
-            std::erase_if(entries, [this](const auto &entry) { return !entries_told.contains(entry.first); });
+            std::erase_if(links, [this](const auto &link) { return !links_reported.contains(link.first); });
+            std::erase_if(entries, [this](const auto &entry) { return !entries_reported.contains(entry.first); });
         }
     }
 };
@@ -161,7 +163,7 @@ words words_of(const naive_copy &copy, const fdb_record &record)
     return result;
 }
 
-std::multiset<words> told(const naive_copy &copy)
+std::multiset<words> reported(const naive_copy &copy)
 {
     std::multiset<words> result;
     for (const auto &[key, record] : copy.entries) {
@@ -186,7 +188,7 @@ std::multiset<words> truth(const naive_copy &copy)
         words all;
         for (std::string word; split >> word;) {
             if (word == "link-netnsid") {
-                split >> word; // of another namespace; not told
+                split >> word; // of another namespace; not reported
             } else {
                 all.insert(word);
             }
@@ -208,7 +210,7 @@ struct running_plane {
     std::unique_ptr<plane> kernel;
     std::string error;
 
-    explicit running_plane(const kernel_options &options = {.generation_interval_ms = 20})
+    explicit running_plane(const kernel_options &options = {.full_dump_interval_ms = 20})
         : kernel(make_kernel_plane(options))
     {
         host::event_manager_forget_ended();
@@ -216,7 +218,7 @@ struct running_plane {
         evm = test::create_manager(("/test/kernel/" + std::to_string(++count)).c_str());
         host::event_timer_attach(
             evm, 0, 20'000'000, [](void *) {}, nullptr, &tick); // so that a wait can end
-        kernel->start(evm, copy, error);
+        error = kernel->start(evm, copy).text;
     }
     running_plane(const running_plane &) = delete;
     running_plane &operator=(const running_plane &) = delete;
@@ -343,14 +345,14 @@ TEST_F(KernelPlane, TellsWhatTheSystemLists)
         SCOPED_TRACE(step);
         run(step);
         live.kernel->drain();
-        EXPECT_EQ(told(live.copy), truth(live.copy));
+        EXPECT_EQ(reported(live.copy), truth(live.copy));
         std::thread([] {
             const running_plane cold;
             ASSERT_TRUE(cold.serve_until_clean());
-            EXPECT_EQ(told(cold.copy), truth(cold.copy));
+            EXPECT_EQ(reported(cold.copy), truth(cold.copy));
         }).join();
     }
-    EXPECT_EQ(live.kernel->health().generation, 1U);
+    EXPECT_EQ(live.kernel->health().full_dumps, 1U);
     EXPECT_EQ(live.kernel->health().refused, 0U);
 }
 
@@ -392,14 +394,14 @@ TEST_F(KernelPlane, RepeatsADumpThatDeletionsDisturbed)
     ASSERT_TRUE(live.serve_until([&live] { return !live.copy.completions.empty(); }));
     EXPECT_TRUE(live.copy.completions[0]);
     EXPECT_GE(live.kernel->health().dumps_unclean, 1U);
-    EXPECT_EQ(told(live.copy), truth(live.copy));
+    EXPECT_EQ(reported(live.copy), truth(live.copy));
 }
 
 TEST_F(KernelPlane, AnOverrunBeginsANewGeneration)
 {
     run_fdb("add", 0, 500);
     run("link add br5 type bridge");
-    running_plane live({.receive_buffer = 4096, .generation_interval_ms = 20});
+    running_plane live({.receive_buffer = 4096, .full_dump_interval_ms = 20});
     ASSERT_TRUE(live.serve_until_clean());
     run_fdb("add", 500, 5500);
     run_fdb("del", 0, 300);
@@ -413,8 +415,8 @@ TEST_F(KernelPlane, AnOverrunBeginsANewGeneration)
     EXPECT_EQ(degraded.lost, live.copy.lost);
     EXPECT_NEAR(static_cast<double>(degraded.last_overrun_time), static_cast<double>(std::time(nullptr)), 60);
     ASSERT_TRUE(live.serve_until_clean());
-    EXPECT_GE(live.kernel->health().generation, 2U);
-    EXPECT_EQ(told(live.copy), truth(live.copy));
+    EXPECT_GE(live.kernel->health().full_dumps, 2U);
+    EXPECT_EQ(reported(live.copy), truth(live.copy));
 }
 
 // Of this thread.
@@ -428,7 +430,7 @@ double processor_seconds()
 TEST_F(KernelPlane, OverrunsDuringChurnTakeLittleTimeAndEndWithIt)
 {
     run_fdb("add", 0, 500);
-    running_plane live({.receive_buffer = 4096, .generation_interval_ms = 20});
+    running_plane live({.receive_buffer = 4096, .full_dump_interval_ms = 20});
     std::atomic<bool> ends = false;
     std::thread churn([&ends] {
         while (!ends) {
@@ -446,7 +448,7 @@ TEST_F(KernelPlane, OverrunsDuringChurnTakeLittleTimeAndEndWithIt)
     live.kernel->drain();
     ASSERT_TRUE(live.serve_until_clean());
     EXPECT_EQ(live.kernel->health().lost, live.copy.lost);
-    EXPECT_EQ(told(live.copy), truth(live.copy));
+    EXPECT_EQ(reported(live.copy), truth(live.copy));
 }
 
 // Also when it fails, because links come and go during each dump of all links.
@@ -455,12 +457,12 @@ TEST_F(KernelPlane, AProofListsEverythingAndLeavesThePlaneClean)
     for (int pair = 0; pair < 200; pair++) {
         run("link add type veth");
     }
-    running_plane live({.generation_interval_ms = 20, .proof_interval_ms = 20});
+    running_plane live({.full_dump_interval_ms = 20, .proof_interval_ms = 20});
     ASSERT_TRUE(live.serve_until_clean());
     live.copy.entries.clear();
     const auto seen_degraded = [&live] { return !live.kernel->health().clean; };
     ASSERT_TRUE(live.serve_until([&] { return seen_degraded() || live.copy.completions.size() == 2; }));
-    EXPECT_EQ(told(live.copy), truth(live.copy));
+    EXPECT_EQ(reported(live.copy), truth(live.copy));
     ASSERT_TRUE(live.serve_until([&] {
         run("link add x0 type veth\nlink del x0");
         return seen_degraded() || !live.copy.completions.back();
@@ -471,13 +473,13 @@ TEST_F(KernelPlane, AProofListsEverythingAndLeavesThePlaneClean)
 TEST_F(KernelPlane, AListingOnDemandBeginsAfterTheDemand)
 {
     run_fdb("add", 0, 8000);
-    running_plane live({.generation_interval_ms = 200, .proof_interval_ms = 20});
-    live.kernel->list_again(); // the first one is on its way and counts
+    running_plane live({.full_dump_interval_ms = 200, .proof_interval_ms = 20});
+    live.kernel->request_full_dump(); // the first one is on its way and counts
     ASSERT_TRUE(live.serve_until_clean());
-    EXPECT_EQ(live.kernel->health().generation, 1U);
-    const auto lists = [&live] { return live.kernel->health().generation > live.copy.completions.size(); };
+    EXPECT_EQ(live.kernel->health().full_dumps, 1U);
+    const auto lists = [&live] { return live.kernel->health().full_dumps > live.copy.completions.size(); };
     ASSERT_TRUE(live.serve_until(lists));
-    live.kernel->list_again(); // a proof is on its way and does not count
+    live.kernel->request_full_dump(); // a proof is on its way and does not count
     EXPECT_FALSE(live.kernel->health().clean);
     ASSERT_TRUE(live.serve_until([&lists] { return !lists(); }));
     EXPECT_FALSE(live.kernel->health().clean);
@@ -485,7 +487,7 @@ TEST_F(KernelPlane, AListingOnDemandBeginsAfterTheDemand)
     ASSERT_TRUE(live.serve_until(lists));
     EXPECT_GT(steady_clock::now() - ended, std::chrono::milliseconds(150));
     ASSERT_TRUE(live.serve_until_clean());
-    EXPECT_EQ(live.kernel->health().generation, 3U);
+    EXPECT_EQ(live.kernel->health().full_dumps, 3U);
 }
 
 TEST_F(KernelPlane, AnswersForSingleEntries)
@@ -505,7 +507,7 @@ TEST_F(KernelPlane, AnswersForSingleEntries)
     for (const auto &[key, record] : live.copy.entries) {
         const bool second = key.destination.address[3] == 2; // of the flood list
         keys.push_back(key);
-        expected.push_back(second ? fdb_presence::cannot_tell : fdb_presence::present);
+        expected.push_back(second ? fdb_presence::unknown : fdb_presence::present);
         keys.push_back(key);
         keys.back().mac[5] = 0xfe;
         keys.back().mac[1] = 1;
@@ -527,7 +529,7 @@ TEST_F(KernelPlane, AnswersForSingleEntries)
     }
     live.kernel->stop();
     live.kernel->query({keys.data(), 1}, {answers.data(), 1});
-    EXPECT_EQ(answers[0].presence, fdb_presence::cannot_tell);
+    EXPECT_EQ(answers[0].presence, fdb_presence::unknown);
 }
 
 TEST_F(KernelPlane, LooksIntoTheNamespaceItIsGiven)
@@ -547,11 +549,11 @@ TEST_F(KernelPlane, LooksIntoTheNamespaceItIsGiven)
 TEST_F(KernelPlane, ReadsWithoutCapabilities)
 {
     std::thread([] {
-        EXPECT_EQ(kernel_give_up_capabilities(), "");
+        EXPECT_TRUE(kernel_give_up_capabilities().ok());
         EXPECT_FALSE(new_namespace());
         running_plane live;
         ASSERT_TRUE(live.serve_until_clean()) << live.error;
-        EXPECT_EQ(told(live.copy), truth(live.copy));
+        EXPECT_EQ(reported(live.copy), truth(live.copy));
     }).join();
 }
 
@@ -559,8 +561,8 @@ TEST_F(KernelPlane, SocketsRefuseStrangersAndWhatIsCutOff)
 {
     kernel_socket receiver;
     kernel_socket sender;
-    ASSERT_EQ(kernel_socket_open(receiver), "");
-    ASSERT_EQ(kernel_socket_open(sender), "");
+    ASSERT_TRUE(kernel_socket_open(receiver).ok());
+    ASSERT_TRUE(kernel_socket_open(sender).ok());
     alignas(4) std::byte request[kernel_request_size];
     const size_t length = kernel_put_dump(request, 1, kernel_scope::links, 0);
     sockaddr_nl to{AF_NETLINK, 0, mnl_socket_get_portid(receiver.handle), 0};
@@ -580,10 +582,10 @@ TEST_F(KernelPlane, WhatWasNotifiedBeforeItsLinkDoesNotComeBack)
     run("fdb add 02:00:00:00:00:01 dev p0 master static");
     live.kernel->drain(); // before the links are read
     ASSERT_TRUE(live.serve_until_clean());
-    EXPECT_EQ(told(live.copy), truth(live.copy));
+    EXPECT_EQ(reported(live.copy), truth(live.copy));
     run("fdb del 02:00:00:00:00:01 dev p0 master\nlink set p0 down\nlink set p0 up");
     live.kernel->drain();
-    EXPECT_EQ(told(live.copy), truth(live.copy));
+    EXPECT_EQ(reported(live.copy), truth(live.copy));
 }
 
 void add_bridge_that_floods(const std::string &number)
@@ -607,7 +609,7 @@ TEST_F(KernelPlane, ABridgeThatGoesBeforeItsDumpTakesNothingAlong)
     ASSERT_TRUE(live.serve_until([&live] { return !live.copy.completions.empty(); }));
     EXPECT_TRUE(live.copy.completions[0]);
     EXPECT_EQ(live.kernel->health().dumps_unclean, 0U); // they were no ports of br9
-    EXPECT_EQ(told(live.copy), truth(live.copy));
+    EXPECT_EQ(reported(live.copy), truth(live.copy));
 }
 
 TEST_F(KernelPlane, ADeviceFromAnotherNamespaceBringsItsEntriesAlong)
@@ -624,8 +626,8 @@ TEST_F(KernelPlane, ADeviceFromAnotherNamespaceBringsItsEntriesAlong)
     const auto counted = live.kernel->health().dumps_clean;
     live.kernel->drain();
     ASSERT_TRUE(live.serve_until([&] { return live.kernel->health().dumps_clean > counted; }));
-    EXPECT_EQ(told(live.copy), truth(live.copy));
-    EXPECT_EQ(live.kernel->health().generation, 1U);
+    EXPECT_EQ(reported(live.copy), truth(live.copy));
+    EXPECT_EQ(live.kernel->health().full_dumps, 1U);
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Whether a listing takes a dump for whole, against a kernel in small: entries in their order, a dump that comes in
-// parts and goes on by position, and changes between the parts.
+// Which dumps a full dump takes as proof, against a small model of the kernel: entries in their order, a dump that is
+// sent in parts and continues by position, and changes between the parts.
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -9,7 +9,7 @@
 #include <set>
 #include <vector>
 
-#include "forwarding/kernel/kernel_listing.h"
+#include "forwarding/kernel/full_dump.h"
 
 namespace {
 
@@ -22,8 +22,8 @@ constexpr size_t full_length = 32'000;
 struct small_kernel {
     std::mt19937 random;
     std::vector<fdb_record> entries = {}; // new ones in front
-    std::set<fdb_key> told = {};          // what a listener knows: by dumps and notifications
-    kernel_listing listing = {};
+    std::set<fdb_key> reported = {};      // by dumps and notifications
+    full_dump state = {};
     uint32_t next = 0;
 
     uint32_t below(size_t bound) { return static_cast<uint32_t>(random() % bound); }
@@ -43,22 +43,22 @@ struct small_kernel {
         switch (below(3)) {
         case 0:
             add();
-            told.insert(key_of(entries.front()));
-            listing_note_changed(listing, key_of(entries.front()));
+            reported.insert(key_of(entries.front()));
+            full_dump_note_changed(state, key_of(entries.front()));
             break;
         case 1: // moves
             at->ifindex = 2 + below(2);
-            told.insert(key_of(*at));
-            listing_note_changed(listing, key_of(*at));
+            reported.insert(key_of(*at));
+            full_dump_note_changed(state, key_of(*at));
             break;
         default:
-            told.erase(key_of(*at));
-            listing_note_gone(listing, *at, bridge);
+            reported.erase(key_of(*at));
+            full_dump_note_gone(state, *at, bridge);
             entries.erase(at);
         }
     }
 
-    // The next part of a dump, port by port, from `port` and `position` on. False at the end.
+    // Reads the next part of a dump, port by port, from `port` and `position`. Returns false at the end.
     bool next_part(uint32_t &port, size_t &position, std::vector<fdb_record> &part) const
     {
         part.clear();
@@ -82,25 +82,25 @@ struct small_kernel {
         size_t position = 0;
         std::vector<fdb_record> part;
         std::vector<fdb_record> following;
-        listing_open_window(listing);
+        full_dump_open_window(state);
         for (bool more = next_part(port, position, part); more; part.swap(following)) {
             more = next_part(port, position, following);
             for (const fdb_record &record : part) {
-                if (listing_believes(listing, record)) {
-                    told.insert(key_of(record));
-                    listing_note_told(listing, record);
+                if (full_dump_believes(state, record)) {
+                    reported.insert(key_of(record));
+                    full_dump_note_reported(state, record);
                 }
             }
             for (uint32_t count = below(4) == 0 ? below(changes) : 0; count != 0; count--) {
                 change();
             }
-            listing_end_part(listing, full_length);
+            full_dump_end_part(state, full_length);
         }
-        return listing_close_window(listing);
+        return full_dump_close_window(state);
     }
 };
 
-TEST(KernelListing, TakesADumpForWholeOnlyWhenItIs)
+TEST(FullDump, ProvesOnlyWhatIsComplete)
 {
     uint32_t incomplete = 0;
     uint32_t proven = 0;
@@ -109,34 +109,34 @@ TEST(KernelListing, TakesADumpForWholeOnlyWhenItIs)
         for (int count = 0; count < 300; count++) {
             kernel.add();
         }
-        listing_begin(kernel.listing, {kernel_scope::bridge, bridge, bridge});
-        ASSERT_TRUE(listing_next(kernel.listing));
-        bool counts = false;
-        while (!counts && (kernel.listing.attempts == 0 || listing_may_repeat(kernel.listing))) {
-            counts = kernel.dump(1 + seed % 40);
+        full_dump_begin(kernel.state, {kernel_scope::bridge, bridge, bridge});
+        ASSERT_TRUE(full_dump_next(kernel.state));
+        bool is_proven = false;
+        while (!is_proven && (kernel.state.attempts == 0 || full_dump_may_repeat(kernel.state))) {
+            is_proven = kernel.dump(1 + seed % 40);
             const bool whole = std::all_of(kernel.entries.begin(), kernel.entries.end(), [&kernel](const auto &entry) {
-                return kernel.told.contains(key_of(entry));
+                return kernel.reported.contains(key_of(entry));
             });
             incomplete += whole ? 0 : 1;
-            ASSERT_TRUE(whole || !counts) << "seed " << seed;
+            ASSERT_TRUE(whole || !is_proven) << "seed " << seed;
         }
-        proven += counts ? 1 : 0;
+        proven += is_proven ? 1 : 0;
     }
-    EXPECT_GT(incomplete, 500U); // so that there was something to find
+    EXPECT_GT(incomplete, 500U); // otherwise the model skipped too little
     EXPECT_GT(proven, 1900U);
 }
 
 // Deletions that the dumped bridge or device does not report as its own.
-TEST(KernelListing, KnowsWhatTearsADump)
+TEST(FullDump, KnowsWhatTearsADump)
 {
     constexpr uint32_t device = 9;
     const fdb_record own{
         .ifindex = device, .self = true, .mac = {2, 1}, .destination = {destination_kind::next_hop, {}, 12}};
     const fdb_record on_another_port{.ifindex = 2, .master = bridge, .mac = {2, 2}};
     const struct {
-        kernel_dump dump;
-        uint32_t next_hop; // goes; 0: an entry of the bridge goes
-        bool counts;
+        dump_request dump;
+        uint32_t next_hop; // the one that is gone; 0: an entry of the bridge is gone
+        bool is_proven;
         bool believed;
     } cases[] = {
         {{kernel_scope::device, device, bridge}, 0, false, true},
@@ -145,15 +145,15 @@ TEST(KernelListing, KnowsWhatTearsADump)
         {{kernel_scope::device, device}, 13, false, true},
     };
     for (const auto &each : cases) {
-        kernel_listing listing;
-        listing_begin(listing, each.dump);
-        ASSERT_TRUE(listing_next(listing));
-        listing_open_window(listing);
-        each.next_hop != 0 ? listing_note_next_hop_gone(listing, each.next_hop)
-                           : listing_note_gone(listing, on_another_port, bridge);
-        listing_end_part(listing, full_length);
-        EXPECT_EQ(listing_believes(listing, own), each.believed) << &each - cases;
-        EXPECT_EQ(listing_close_window(listing), each.counts) << &each - cases;
+        full_dump state;
+        full_dump_begin(state, each.dump);
+        ASSERT_TRUE(full_dump_next(state));
+        full_dump_open_window(state);
+        each.next_hop != 0 ? full_dump_note_next_hop_gone(state, each.next_hop)
+                           : full_dump_note_gone(state, on_another_port, bridge);
+        full_dump_end_part(state, full_length);
+        EXPECT_EQ(full_dump_believes(state, own), each.believed) << &each - cases;
+        EXPECT_EQ(full_dump_close_window(state), each.is_proven) << &each - cases;
     }
 }
 
