@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// A whole table asked for in pages through the operational database, as an operator's command does: by bridge domain,
-// by port, in order of creation. Figures are of one item and of one page, from the request to the item in the
-// requester's hands; `locked` is the share of the time in which the requests held the table lock, which is when a feed
-// would wait.
+// Reads a whole table in pages through the operational database: by bridge domain, by port, in order of creation.
+// Figures are of one item and of one page, from the request until the requester has the item. `locked` is the share of
+// the time in which the requests held the table lock. A feed waits for that long.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -14,6 +13,7 @@
 #include "host/database/operational_db_host.h"
 #include "host/event/event_host.h"
 #include "l2fm_edm_table.h"
+#include "tests/support/requests.h"
 
 namespace {
 
@@ -143,7 +143,7 @@ void page_through(benchmark::State &state, host::request_kind kind, std::vector<
     const auto begin = clock_type::now();
     for ([[maybe_unused]] auto _ : state) {
         for (const std::string &path : paths) {
-            if (host::operational_read({.path = path, .kind = kind}, visit).status != 0) {
+            if (test::read_pages({.path = path, .kind = kind}, visit) != 0) {
                 state.SkipWithError("a request failed");
             }
         }

@@ -8,7 +8,6 @@
 #include <mutex>
 #include <set>
 
-#include "base/text.h"
 #include "daemon/api/api_error.h"
 #include "host/database/operational_db_host.h"
 #include "l2fib_mac_edm.h"
@@ -72,9 +71,7 @@ host::operational_page ask(const host::operational_request &request)
 {
     const host::operational_session_ptr session = host::operational_open(request);
     const live_place place(session.get());
-    host::operational_page page;
-    host::operational_next(*session, page);
-    return page;
+    return host::operational_wait(*session);
 }
 
 // An answer that says that nothing is there comes after the resync, too.
@@ -86,10 +83,11 @@ void resync_by(const host::operational_request &request)
     }
 }
 
-// A list is asked for after its scope was brought up to date: one name of it is enough.
-void resync_by_list(const std::string &path)
+// The module brings the scope of a list up to date before it answers, so one name of the list is enough.
+void resync_by_list(const host::operational_keys &keys)
 {
-    resync_by({.path = path, .kind = host::request_kind::list, .count = 1});
+    resync_by(
+        {.object = host::operational_object::mac_table, .kind = host::request_kind::list, .keys = keys, .count = 1});
 }
 
 } // namespace
@@ -111,17 +109,17 @@ bool requests_given_up()
 
 void resync_all()
 {
-    resync_by({.path = "mac-count", .kind = host::request_kind::get});
+    resync_by({.object = host::operational_object::mac_count, .kind = host::request_kind::get});
 }
 
 void resync_domain(std::string_view domain)
 {
-    resync_by_list("mac-table/domain/" + base::percent_encode(domain));
+    resync_by_list({.domain = std::string(domain)});
 }
 
 void resync_port(uint32_t xcid, std::string_view domain)
 {
-    resync_by_list("mac-table/port/" + std::to_string(xcid) + "/domain/" + base::percent_encode(domain));
+    resync_by_list({.domain = std::string(domain), .port = xcid});
 }
 
 } // namespace l2fibd

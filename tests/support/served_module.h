@@ -13,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include "host/database/operational_db_host.h"
-#include "host/database/parcel_host.h"
 #include "host/event/event_host.h"
 #include "host/objects/l2fib_host.h"
 #include "host/objects/l2fib_objects.h"
@@ -21,6 +20,8 @@
 #include "host/trace/trace_reader.h"
 #include "l2fm_edm_table.h"
 #include "platform/event.h"
+#include "tests/support/decoded_record.h"
+#include "tests/support/requests.h"
 #include "tests/support/table_audit.h"
 
 namespace served {
@@ -167,7 +168,7 @@ struct decoded : Record {
         : Record{}
         , schema(of)
     {
-        EXPECT_EQ(host::parcel_decode(data, static_cast<Record *>(this), of), 0u);
+        EXPECT_TRUE(test::decode_record(data, static_cast<Record *>(this), of));
     }
     ~decoded() { parcel_free_indirections(static_cast<Record *>(this), schema); }
     decoded(const decoded &) = delete;
