@@ -34,6 +34,10 @@ std::optional<uint64_t> parse_number(std::string_view text, uint64_t most = UINT
 // aa:bb:cc:dd:ee:ff
 std::string mac_text(std::span<const uint8_t> address);
 
+// The same into a buffer, without a memory allocation. `text` has room for three characters for each byte, and for the
+// zero byte that ends the text. The text ends with the last whole byte of the address.
+void write_mac_text(char *text, std::span<const uint8_t> address);
+
 // From aa:bb:cc:dd:ee:ff or aabb.ccdd.eeff, in either case.
 std::optional<std::array<uint8_t, 6>> parse_mac(std::string_view text);
 

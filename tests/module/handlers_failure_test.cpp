@@ -154,7 +154,7 @@ struct outcome {
 outcome request(const char *path, request_kind kind, interpose::operation &failing, uint64_t nth)
 {
     failing.refuse(nth);
-    host::trace_reset();
+    test::skip_traces();
     const auto before = host::operational_get_statistics();
     outcome result = {};
     {

@@ -273,7 +273,7 @@ TEST_F(served_module, start_keys_are_read_with_care)
     for (const auto &c : cases) {
         for (const auto kind : list_kinds(c.path)) {
             SCOPED_TRACE(testing::Message() << c.path << " " << c.key.substr(0, 80));
-            host::trace_reset();
+            test::skip_traces();
             const auto page = test::query({.path = c.path, .kind = kind, .start_key = c.key});
             EXPECT_EQ(page.status, c.status);
             EXPECT_EQ(names_of(page), c.items);
@@ -367,7 +367,7 @@ TEST_F(served_module, each_request_asks_for_its_resync_and_reports_its_failure)
             SCOPED_TRACE(testing::Message() << c.path << " " << status);
             the.status = status;
             the.asked.clear();
-            host::trace_reset();
+            test::skip_traces();
             const auto before = host::operational_get_statistics();
             const bool asks = c.asked.type != 0;
             const bool fails = status != 0 && asks;
@@ -385,7 +385,7 @@ TEST_F(served_module, a_walk_tells_where_it_starts)
 {
     domain(2, "empty");
     const auto starts = [](const char *path, uint32_t status) {
-        host::trace_reset();
+        test::skip_traces();
         EXPECT_EQ(test::query({.path = path, .kind = names}).status, status) << path;
         const auto points = traced(1967);
         return points.size() == 1 ? points[0] : trace{};
@@ -530,7 +530,7 @@ TEST_F(served_module, one_entry_is_not_answered_without_the_hardware)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.path);
-        host::trace_reset();
+        test::skip_traces();
         EXPECT_EQ(test::query({.path = c.path, .kind = get}).status, c.status);
         EXPECT_EQ(traced(1918), c.points);
     }
