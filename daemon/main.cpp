@@ -8,6 +8,7 @@
 // capabilities that it needed. The module serves before the first request can come. The end is the reverse.
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <exception>
@@ -23,6 +24,7 @@
 #include "daemon/log.h"
 #include "daemon/options.h"
 #include "forwarding/forwarding.h"
+#include "host/objects/l2fib_host.h"
 
 namespace {
 
@@ -57,6 +59,20 @@ int end_forwarding()
     l2fibd::log_report_held_back();
     log(report.orderly ? log_level::info : log_level::error, report.text);
     return report.orderly ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+// Logs the debug messages of the module, at the level of the daemon's own.
+void log_module_messages()
+{
+    constexpr uint32_t all_messages = UINT32_MAX;
+    host::debug_bits_set(all_messages);
+    host::debug_sink_set(
+        [](void *, uint32_t, const char *function, const char *text) {
+            char line[2 * host::max_debug_message_bytes];
+            snprintf(line, sizeof(line), "%s: %s", function, text);
+            log(log_level::debug, line);
+        },
+        nullptr);
 }
 
 // Takes no socket, so that it may run beside a daemon, and leaves signals alone: nothing outlives the process.
@@ -142,6 +158,9 @@ int main(int argc, char **argv)
             return *status;
         }
         l2fibd::log_threshold(settings.finest);
+        if (settings.finest == log_level::debug) {
+            log_module_messages();
+        }
         settings.forwarding.report = log_report;
         std::signal(SIGPIPE, SIG_IGN); // a client that has gone is an error of its connection
         // The table tells times of day as this process sees them; the API promises UTC.

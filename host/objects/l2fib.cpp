@@ -54,7 +54,6 @@ void print_line(void *, uint32_t, const char *function, const char *text)
 }
 
 constexpr debug_sink standard_error{print_line, nullptr};
-constexpr size_t max_message_bytes = 1024; // a longer debug message is cut
 
 // The functions and settings that the two sides of the library have exchanged. The C interface has no handle for them,
 // so there is one for the process.
@@ -168,7 +167,7 @@ void l2vpn_vdbgf(l2fib_debug_ctx_t *ctx, uint32_t level, const char *function, c
     if (ctx == nullptr || function == nullptr || format == nullptr) {
         return;
     }
-    char text[max_message_bytes];
+    char text[host::max_debug_message_bytes];
     va_list arguments;
     va_start(arguments, format);
     vsnprintf(text, sizeof(text), format, arguments);

@@ -9,6 +9,7 @@
 // Threads: any.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "platform/l2fib.h"
@@ -22,6 +23,8 @@ L2FIB_EXPORT l2fib_action_table_t edm_actions();
 // Sets the bits that l2fib_debug_get_enabled_bitset returns, 0 at first. They select the messages that the module
 // makes.
 L2FIB_EXPORT void debug_bits_set(uint32_t bits);
+
+inline constexpr size_t max_debug_message_bytes = 1024; // a longer message is cut
 
 // Receives each debug message, without a line end, on the thread that made it. Throws nothing.
 using debug_sink_fn = void (*)(void *cookie, uint32_t level, const char *function, const char *text);
