@@ -65,7 +65,7 @@ struct operational_keys {
     std::optional<uint32_t> seg_info2 = std::nullopt;
     std::optional<uint32_t> seg_info1 = std::nullopt;
     bool only_flagged = false;
-    bool resync_all = false; // resynchronise the whole table first, not only the port
+    bool resync_all = false; // resync the whole table first, not only the port
 };
 
 inline constexpr uint32_t all_items = UINT32_MAX;
