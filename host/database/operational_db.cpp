@@ -18,6 +18,7 @@
 
 #include "platform/operational_db.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
