@@ -30,11 +30,7 @@ private:
 
 class L2FIB_SCOPED_CAPABILITY scoped_lock {
 public:
-    explicit scoped_lock(mutex &held) L2FIB_ACQUIRE(held)
-        : mutex_(held)
-    {
-        mutex_.lock();
-    }
+    explicit scoped_lock(mutex &held) L2FIB_ACQUIRE(held) : mutex_(held) { mutex_.lock(); }
     ~scoped_lock() L2FIB_RELEASE() { mutex_.unlock(); }
     scoped_lock(const scoped_lock &) = delete;
     scoped_lock &operator=(const scoped_lock &) = delete;
