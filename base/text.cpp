@@ -148,15 +148,25 @@ std::optional<uint64_t> parse_number(std::string_view text, uint64_t max, int ba
     return number;
 }
 
-std::string mac_text(std::span<const uint8_t> address)
+void write_mac_text(char *text, std::span<const uint8_t> address)
 {
     constexpr char digits[] = "0123456789abcdef";
-    std::string text;
+    char *end = text;
     for (const uint8_t byte : address) {
-        text += text.empty() ? "" : ":";
-        text += digits[byte >> 4];
-        text += digits[byte & 0xf];
+        if (end != text) {
+            *end++ = ':';
+        }
+        *end++ = digits[byte >> 4];
+        *end++ = digits[byte & 0xf];
     }
+    *end = '\0';
+}
+
+std::string mac_text(std::span<const uint8_t> address)
+{
+    std::string text(3 * address.size() + 1, '\0');
+    write_mac_text(text.data(), address);
+    text.resize(address.empty() ? 0 : 3 * address.size() - 1);
     return text;
 }
 

@@ -49,6 +49,10 @@ std::optional<uint64_t> parse_number(std::string_view text, uint64_t max = UINT6
 // Formats bytes as "aa:bb:cc:dd:ee:ff".
 std::string mac_text(std::span<const uint8_t> address);
 
+// The same into a buffer, without a memory allocation. `text` has room for three characters for each byte, and for the
+// zero byte that ends the text. The text ends with the last whole byte of the address.
+void write_mac_text(char *text, std::span<const uint8_t> address);
+
 // Parses "aa:bb:cc:dd:ee:ff" or "aabb.ccdd.eeff", in upper or lower case.
 std::optional<std::array<uint8_t, mac_bytes>> parse_mac(std::string_view text);
 

@@ -13,6 +13,7 @@
 #include "host/database/operational_db_host.h"
 #include "host/event/event_host.h"
 #include "l2fm_edm_table.h"
+#include "tests/support/requests.h"
 
 namespace {
 
@@ -145,7 +146,7 @@ void page_through(benchmark::State &state, host::request_kind kind, std::vector<
     const auto begin = clock_type::now();
     for ([[maybe_unused]] auto _ : state) {
         for (const std::string &path : paths) {
-            if (host::operational_read({.path = path, .kind = kind}, visit).status != 0) {
+            if (test::read_pages({.path = path, .kind = kind}, visit) != 0) {
                 state.SkipWithError("a request failed");
             }
         }

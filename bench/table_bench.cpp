@@ -15,7 +15,7 @@
 #include "bench/random_table.h"
 #include "bench/thread_time.h"
 #include "host/pool/chunk_statistics.h"
-#include "host/tree/ordtree_audit.h"
+#include "host/tree/ordtree_memory.h"
 #include "l2fm_edm_table.h"
 #include "platform/l2fib.h"
 
@@ -68,7 +68,7 @@ void report(benchmark::State &state, uint64_t items)
 
 uint64_t bytes_in_use()
 {
-    uint64_t bytes = ordtree_memory().node_bytes;
+    uint64_t bytes = host::ordtree_memory().node_bytes;
     host::chunk_statistics pool;
     for (chunk_pool_t *at = host::chunk_next(nullptr); at != nullptr; at = host::chunk_next(at)) {
         if (host::chunk_read_statistics(at, &pool)) {

@@ -14,6 +14,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <exception>
@@ -29,6 +30,7 @@
 #include "daemon/log.h"
 #include "daemon/options.h"
 #include "forwarding/forwarding.h"
+#include "host/objects/l2fib_host.h"
 
 namespace {
 
@@ -64,6 +66,20 @@ int end_forwarding()
     l2fibd::log_report_held_back();
     log(report.orderly ? log_level::info : log_level::error, report.text);
     return report.orderly ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+// Logs the debug messages of the module, when the daemon logs its own.
+void log_module_messages()
+{
+    constexpr uint32_t all_messages = UINT32_MAX;
+    host::debug_bits_set(all_messages);
+    host::debug_sink_set(
+        [](void *, uint32_t, const char *function, const char *text) {
+            char line[2 * host::max_debug_message_bytes];
+            snprintf(line, sizeof(line), "%s: %s", function, text);
+            log(log_level::debug, line);
+        },
+        nullptr);
 }
 
 // Brings the table up to date once and prints its health.
@@ -152,6 +168,9 @@ int main(int argc, char **argv)
             return *status;
         }
         l2fibd::log_threshold(options.finest_level);
+        if (options.finest_level == log_level::debug) {
+            log_module_messages();
+        }
         options.forwarding.report = log_report;
         std::signal(SIGPIPE, SIG_IGN); // a client that closed its connection is an error of that connection only
         // The table shows local times, and the API promises UTC.

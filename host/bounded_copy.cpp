@@ -7,7 +7,8 @@
 
 namespace {
 
-// A size above this is a negative number gone unsigned: nothing is written then, not even the empty result.
+// A larger size is a negative number that was converted to unsigned. Then nothing is written, not even the empty
+// result.
 constexpr size_t max_size = SIZE_MAX / 2;
 
 bool is_writable(const void *destination, size_t size)

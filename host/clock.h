@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The system's clocks, in nanoseconds.
+// Reads the system's clocks in nanoseconds.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 
 namespace host {
 
-constexpr uint64_t ns_per_second = 1'000'000'000;
+inline constexpr uint64_t ns_per_second = 1'000'000'000;
 
 inline uint64_t clock_ns(clockid_t clock)
 {

@@ -1,9 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Records known outside by a number: never 0, and not given out again before four thousand million others were, so
-// that a number kept for too long is unknown instead of somebody else's.
+// Records that other code knows by a number, the handle.
 //
-// Threads: the owner's lock guards a table. Insertion throws std::bad_alloc and changes nothing then.
+// Handles count up and skip 0. The table reuses a handle only after 2^32 insertions. So a handle that was kept for too
+// long is unknown, and does not name another record:
+//
+//      insert(a)   1      erase(1)       insert(c)   3
+//      insert(b)   2      find(1)  null  find(2)     b
+//
+// Threads: the owner's lock guards a table. An insertion that throws std::bad_alloc has changed nothing.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +31,7 @@ struct handle_table {
         return last;
     }
 
-    // Null for an unknown handle; the pointer is good until the record is erased.
+    // Returns null for an unknown handle. The pointer is valid until the record is erased.
     Record *find(uint32_t handle)
     {
         const auto found = records.find(handle);
@@ -36,13 +41,14 @@ struct handle_table {
     bool erase(uint32_t handle) { return records.erase(handle) != 0; }
 };
 
-// A handle in the shape of a pointer, which is never followed, and back: 0 for what is none.
+// Carries a handle in a pointer type of the C interface. Nobody dereferences such a pointer.
 template <typename Opaque>
 Opaque *pointer_of(uint32_t handle)
 {
     return reinterpret_cast<Opaque *>(uintptr_t{handle});
 }
 
+// The way back; 0 if the pointer does not carry a handle.
 inline uint32_t handle_of(const void *pointer)
 {
     const auto number = reinterpret_cast<uintptr_t>(pointer);

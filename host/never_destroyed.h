@@ -1,6 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Static objects that outlive everything: threads may run on when main has returned.
+// Static objects without a destruction. Threads can still use them after main has returned.
+//
+//      registry &the_registry()
+//      {
+//          static host::never_destroyed<registry> only;
+//          return only.object;
+//      }
 #pragma once
 
 #include <cstddef>
@@ -8,7 +14,8 @@
 
 namespace host {
 
-// As the type of a static variable: `object` is there from the first use on, in memory that nobody could refuse.
+// Use it as the type of a static variable. The object is created at the first use, inside the variable: its creation
+// needs no heap memory.
 template <typename Object>
 struct never_destroyed {
     alignas(Object) std::byte memory[sizeof(Object)];

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Keeps exceptions inside: a function of the C interface that allocates runs its body through here.
+// Turns std::bad_alloc into ENOMEM. Every function of the C interface that allocates runs its body in or_out_of_memory,
+// because no exception may leave the C interface.
 #pragma once
 
 #include <cerrno>
@@ -9,7 +10,7 @@
 
 namespace host {
 
-// The body's status, or ENOMEM when it ran out of memory; the body has undone what it did by then.
+// Returns the status of `body`, or ENOMEM if it threw std::bad_alloc. The body undoes its own changes before it throws.
 template <typename Body>
 uint32_t or_out_of_memory(Body body) noexcept
 {

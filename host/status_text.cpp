@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr uint64_t error_numbers = 0xfff; // more than there are
+constexpr uint64_t error_number_mask = 0xfff; // Linux error numbers are below 4096
 
 struct status_text {
     uint32_t status;
@@ -37,17 +37,17 @@ const char *status_meaning(uint64_t status)
     if (known != std::end(module_statuses)) {
         return known->text;
     }
-    return status <= error_numbers ? strerrordesc_np(static_cast<int>(status)) : nullptr;
+    return status <= error_number_mask ? strerrordesc_np(static_cast<int>(status)) : nullptr;
 }
 
 bool is_send_error(uint64_t status)
 {
-    return (status & ~error_numbers) == EDM_RESYNC_SEND_ERROR;
+    return (status & ~error_number_mask) == EDM_RESYNC_SEND_ERROR;
 }
 
 uint32_t send_error_number(uint64_t status)
 {
-    return static_cast<uint32_t>(status & error_numbers);
+    return static_cast<uint32_t>(status & error_number_mask);
 }
 
 } // namespace host

@@ -1,19 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// What statuses mean, in words for an operator.
+// Describes statuses for an operator.
+//
+// Threads: pure functions, for any thread.
 #pragma once
 
 #include <cstdint>
 
 namespace host {
 
-// The meaning of one of the module's statuses or of an error number; null for any other. Never to be released.
+// Describes one of the module's statuses or an error number. Returns null for any other number. The text is static.
 const char *status_meaning(uint64_t status);
 
-// Whether a status is the error number of a resync request that could not be sent, or was not answered.
+// Whether a status says that a resync request was not sent or not answered. Such a status holds an error number.
 bool is_send_error(uint64_t status);
 
-// That error number.
+// The error number in such a status.
 uint32_t send_error_number(uint64_t status);
 
 } // namespace host

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The hosting process's side of the platform utilities: which node it runs on, which nodes its interfaces belong to,
-// and which threads wait for a lock right now.
+// The hosting process's side of the platform utilities (platform/utility.h): it sets which node the process runs on and
+// which nodes its interfaces belong to, and it reads which threads wait for a lock.
 //
-// Threads: any.
+// Threads: any. Statuses are 0 for success or an error number.
 #pragma once
 
 #include <cstdint>
@@ -14,12 +14,14 @@
 
 namespace host {
 
-// The node that this process runs on; 0 until it is set.
+// Sets the node that this process runs on; 0 until then.
 L2FIB_EXPORT void node_id_set(uint32_t node_id);
 
-// The node of an interface of another node. An interface that was never told of belongs to this node; the handle 0 is
-// no interface. `interface_node_clear` forgets what was told.
+// Sets the node of an interface of another node. All other interfaces belong to this node. EINVAL: the handle is 0,
+// which is no interface; ENOMEM.
 L2FIB_EXPORT uint32_t interface_node_set(uint32_t ifhandle, uint32_t node_id);
+
+// Gives all interfaces back to this node.
 L2FIB_EXPORT void interface_node_clear();
 
 // A thread that waits for a lock.
@@ -27,12 +29,12 @@ struct lock_wait {
     uint32_t thread_id; // as the kernel numbers threads
     std::string thread_name;
     const void *lock;
-    const char *function; // where it waits
+    const char *function; // where the thread waits
     uint32_t line;
     uint64_t waited_ns;
 };
 
-// The threads that wait now, the one that waits longest first.
+// Returns the threads that wait now, the longest wait first.
 L2FIB_EXPORT std::vector<lock_wait> lock_waits();
 
 } // namespace host

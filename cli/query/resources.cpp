@@ -184,8 +184,25 @@ constexpr column pool_columns[] = {
 };
 constexpr resource pools = {"pool", layout::table, pool_columns};
 
+constexpr column tree_columns[] = {
+    {"nodes", "Nodes", &rest_kind},
+    {"bytes", "Bytes", &rest_kind},
+    {"mapped-bytes", "Mapped bytes", &rest_kind},
+};
+constexpr resource trees = {"trees", layout::record, tree_columns};
+
+constexpr column slab_columns[] = {
+    {"taken", "Taken", &rest_kind},
+    {"peak", "Peak", &rest_kind},
+    {"limit", "Limit", &limit_kind},
+    {"refused", "Refused", &rest_kind},
+};
+constexpr resource slabs = {"slabs", layout::record, slab_columns};
+
 constexpr column memory_columns[] = {
     {"bytes", "Bytes", &rest_kind},
+    {"trees", "Trees", &rest_kind, &trees},
+    {"slabs", "Slabs", &rest_kind, &slabs},
     {"pool", "Pools", &rest_kind, &pools},
 };
 constexpr resource memory = {"memory", layout::record, memory_columns};
@@ -194,6 +211,12 @@ constexpr column request_columns[] = {
     {"active", "Active", &rest_kind},
     {"refused", "Refused", &rest_kind},
     {"lists-live", "Lists under way", &rest_kind},
+    {"lists-created", "Lists created", &rest_kind},
+    {"lists-answered", "Lists answered", &rest_kind},
+    {"lists-freed", "Lists freed", &rest_kind},
+    {"lists-abandoned", "Lists abandoned", &rest_kind},
+    {"list-refusals", "List uses refused", &rest_kind},
+    {"answers-dropped", "Answers dropped", &rest_kind},
     {"connections", "Connections", &rest_kind},
     {"connections-refused", "Connections refused", &rest_kind},
 };
@@ -215,6 +238,13 @@ constexpr column proof_columns[] = {
     {"last", "Last", &rest_kind},
 };
 constexpr resource proof = {"proof", layout::record, proof_columns};
+
+constexpr column lock_wait_columns[] = {
+    {"thread", "Thread", &name_kind},         {"thread-id", "Thread Id", &number_kind},
+    {"waited-ms", "Waited ms", &number_kind}, {"line", "Line", &number_kind},
+    {"function", "Function", &rest_kind},
+};
+constexpr resource lock_waits = {"lock-waits", layout::table, lock_wait_columns};
 
 constexpr column health_columns[] = {
     {"plane", "Forwarding plane", &rest_kind},
@@ -254,6 +284,7 @@ constexpr column health_columns[] = {
     {"log-lines-dropped", "Log lines dropped", &rest_kind},
     {"memory", "Memory", &rest_kind, &memory},
     {"requests", "Requests", &rest_kind, &requests},
+    {"lock-waits", "Lock waits", &rest_kind, &lock_waits},
 };
 
 static_assert(std::size(health_columns) <= max_columns && std::size(aging_entry_columns) <= max_columns);

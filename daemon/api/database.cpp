@@ -7,7 +7,6 @@
 #include <iterator>
 #include <string>
 
-#include "base/text.h"
 #include "daemon/api/api_error.h"
 #include "l2fib_mac_edm.h"
 
@@ -45,9 +44,12 @@ http_status http_status_of(uint32_t status)
 }
 
 // The module brings the scope of a list up to date before it answers, so a list of one name is enough.
-host::operational_request list_of(std::string path)
+host::operational_request list_of(host::operational_keys keys)
 {
-    return {.path = std::move(path), .kind = host::request_kind::list, .count = 1};
+    return {.object = host::operational_object::mac_table,
+            .kind = host::request_kind::list,
+            .keys = std::move(keys),
+            .count = 1};
 }
 
 } // namespace
@@ -90,8 +92,7 @@ void resync_requester::request(const host::operational_request &wanted)
 {
     const host::operational_session_ptr session = host::operational_open(wanted);
     const registration registered(*this, session.get());
-    host::operational_page page;
-    host::operational_next(*session, page);
+    const host::operational_page page = host::operational_wait(*session);
     if (page.status != 0 && page.status != EDM_ERR_NO_ITEM) {
         throw api_error{http_status_of(page.status), error_tag::operation_failed, page.text};
     }
@@ -99,17 +100,17 @@ void resync_requester::request(const host::operational_request &wanted)
 
 void resync_requester::resync_all()
 {
-    request({.path = "mac-count", .kind = host::request_kind::get});
+    request({.object = host::operational_object::mac_count, .kind = host::request_kind::get});
 }
 
 void resync_requester::resync_domain(std::string_view domain)
 {
-    request(list_of("mac-table/domain/" + base::percent_encode(domain)));
+    request(list_of({.domain = std::string(domain)}));
 }
 
 void resync_requester::resync_port(uint32_t xcid, std::string_view domain)
 {
-    request(list_of("mac-table/port/" + std::to_string(xcid) + "/domain/" + base::percent_encode(domain)));
+    request(list_of({.domain = std::string(domain), .port = xcid}));
 }
 
 void resync_requester::give_up()

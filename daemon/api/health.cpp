@@ -8,7 +8,10 @@
 #include "base/visible.h"
 #include "forwarding/forwarding.h"
 #include "host/database/operational_db_host.h"
+#include "host/pool/arena.h"
 #include "host/pool/chunk_statistics.h"
+#include "host/tree/ordtree_memory.h"
+#include "host/utility_host.h"
 
 namespace l2fibd {
 
@@ -152,6 +155,45 @@ void visit_pools(Visit visit)
     }
 }
 
+void write_trees(json_writer &json)
+{
+    const host::ordtree_memory_figures figures = host::ordtree_memory();
+    const counter counters[] = {
+        {"nodes", figures.nodes}, {"bytes", figures.node_bytes}, {"mapped-bytes", figures.mapped_bytes}};
+    json.begin_object("trees");
+    write_counters(json, counters);
+    json.end_object();
+}
+
+void write_slabs(json_writer &json)
+{
+    host::arena_statistics statistics{};
+    host::arena_read_statistics(&statistics);
+    const counter counters[] = {{"taken", statistics.taken},
+                                {"peak", statistics.peak},
+                                {"limit", statistics.limit},
+                                {"refused", statistics.refused}};
+    json.begin_object("slabs");
+    write_counters(json, counters);
+    json.end_object();
+}
+
+void write_lock_waits(json_writer &json)
+{
+    constexpr uint64_t ns_per_ms = 1'000'000;
+    json.begin_array("lock-waits");
+    for (const host::lock_wait &wait : host::lock_waits()) {
+        json.begin_object();
+        json.member("thread", wait.thread_name);
+        json.member("thread-id", wait.thread_id);
+        json.member("function", wait.function);
+        json.member("line", wait.line);
+        json.member64("waited-ms", wait.waited_ns / ns_per_ms);
+        json.end_object();
+    }
+    json.end_array();
+}
+
 void write_memory(json_writer &json)
 {
     uint64_t bytes = 0;
@@ -163,18 +205,31 @@ void write_memory(json_writer &json)
     });
     json.end_array();
     json.member64("bytes", bytes);
+    write_trees(json);
+    write_slabs(json);
     json.end_object();
+}
+
+void write_lists(json_writer &json)
+{
+    const host::operational_statistics statistics = host::operational_get_statistics();
+    const counter counters[] = {
+        {"lists-created", statistics.lists_created}, {"lists-answered", statistics.lists_answered},
+        {"lists-freed", statistics.lists_freed},     {"lists-abandoned", statistics.lists_abandoned},
+        {"list-refusals", statistics.list_refusals}, {"answers-dropped", statistics.answers_dropped},
+        {"lists-live", statistics.live_lists},
+    };
+    write_counters(json, counters);
 }
 
 void write_requests(json_writer &json, const server_health &server)
 {
-    const host::operational_statistics statistics = host::operational_get_statistics();
     json.begin_object("requests");
     json.member("active", server.active_requests);
     json.member64("refused", server.refused_requests);
     json.member("connections", server.open_connections);
     json.member64("connections-refused", server.refused_connections);
-    json.member64("lists-live", statistics.live_lists);
+    write_lists(json);
     json.end_object();
 }
 
@@ -195,6 +250,7 @@ void write_health(json_writer &json, const server_health &server)
     write_plane(json, forwarding::health());
     write_memory(json);
     write_requests(json, server);
+    write_lock_waits(json);
     json.member64("log-lines-dropped", server.dropped_log_lines);
     json.end_object();
 }

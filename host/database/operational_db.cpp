@@ -1,31 +1,36 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Requests of the operational database, from the requester to the handler and back.
+// Carries requests of the operational database from the requester to the handler and the answers back.
 //
-//   operational_next            thread of the data manager
+//   operational_open            thread of the data manager
 //   ----------------            --------------------------
-//   parse the path
+//   find the route
 //   waiting ----- posted -----> call the handler with the list or the response
 //      |                          |
 //      |  time-out, cancel        v
-//      '--> given up   <------  answered: the page goes to the requester, or is dropped
+//      '--> given up   <------  answered: the requester gets the page, or the database drops it
 //
-// A request that finds no data manager lies in its registration until one registers or the requester gives up.
+// If no data manager has registered, the request waits in its registration until one registers or the requester gives
+// up.
+//
+// Locking. The database's lock guards the registrations, the requests in service and the state of every request. No
+// thread calls a handler or posts an event while it holds the lock.
 
 #include "platform/operational_db.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 #include <utility>
+#include <vector>
 
+#include "base/mutex.h"
 #include "host/database/operational_db_host.h"
-#include "host/database/operational_paths.h"
+#include "host/database/operational_routes.h"
 #include "host/database/reply_list.h"
-#include "host/database/round_watch.h"
 #include "host/event/event_manager.h"
 #include "host/handle_table.h"
 #include "host/never_destroyed.h"
@@ -36,7 +41,6 @@
 namespace {
 
 using host::operational_page;
-using host::operational_path;
 using host::operational_request;
 using host::operational_session;
 using host::request_kind;
@@ -45,39 +49,23 @@ using steady_clock = std::chrono::steady_clock;
 
 // ---- Records ----
 
-enum class progress : uint8_t { waiting, answered, given_up };
+struct query;
 
-// One request for one page. The first group is written before it is shared; the database's lock guards the second.
-struct query {
-    operational_request request;
-    operational_path path;
-
-    progress state = progress::waiting;
-    bool is_posted = false; // to the data manager's thread
-    steady_clock::time_point deadline;
-    operational_page page = {};
-    std::condition_variable changed;
-
-    query(operational_request wanted, const operational_path &parsed);
-    ~query();
-    query(const query &) = delete;
-    query &operator=(const query &) = delete;
-};
-
+// The requester and the thread of the data manager share a query.
 using query_ptr = std::shared_ptr<query>;
 
-// A data manager. Its null event manager means that none has registered.
+// A data manager. A null event manager means that none has registered.
 struct registration {
     event_manager_t *evm = nullptr;
     std::string prefix;
-    std::vector<query_ptr> waiting; // for a data manager to register
+    std::vector<query_ptr> waiting; // queries that no registered data manager serves yet
 };
 
 struct database {
-    std::mutex lock; // guards what follows and the queries; nobody is called with it held
-    registration data_manager;
-    registration action_manager;
-    host::handle_table<query_ptr> in_service; // the queries that a handler has in hand
+    base::mutex lock;
+    registration data_manager L2FIB_GUARDED_BY(lock);
+    registration action_manager L2FIB_GUARDED_BY(lock);
+    host::handle_table<query_ptr> in_service L2FIB_GUARDED_BY(lock); // queries that a handler is answering
 };
 
 database &the_database()
@@ -91,10 +79,29 @@ steady_clock::time_point seconds_from_now(uint32_t seconds)
     return steady_clock::now() + std::chrono::seconds(seconds);
 }
 
-query::query(operational_request wanted, const operational_path &parsed)
-    : request(std::move(wanted))
-    , path(parsed)
-    , deadline(seconds_from_now(request.timeout_seconds))
+// given_up: the requester wants no answer any more, because it timed out, cancelled, or has taken its page.
+enum class progress : uint8_t { waiting, answered, given_up };
+
+// One request and its page. The lock guards what is written after the query became shared.
+struct query {
+    const operational_request request;
+    const host::operational_route *route = nullptr; // null: the request is wrong, and the query is never posted
+
+    progress state L2FIB_GUARDED_BY(the_database().lock) = progress::waiting;
+    bool is_posted L2FIB_GUARDED_BY(the_database().lock) = false; // to the data manager's thread
+    steady_clock::time_point deadline L2FIB_GUARDED_BY(the_database().lock);
+    operational_page page L2FIB_GUARDED_BY(the_database().lock) = {};
+    std::condition_variable_any changed;
+
+    explicit query(const operational_request &wanted);
+    ~query();
+    query(const query &) = delete;
+    query &operator=(const query &) = delete;
+};
+
+query::query(const operational_request &wanted)
+    : request(wanted)
+    , deadline(seconds_from_now(wanted.timeout_seconds))
 {
     host::counters.live_requests++;
 }
@@ -106,16 +113,17 @@ query::~query()
 
 // ---- Failures ----
 
-constexpr size_t max_shown_path = 256;
+constexpr size_t max_shown_request = 256; // characters: a wrong request may hold a text of any length
 
-// A page that says what is wrong; without memory it says it by its status alone.
-operational_page failure(uint32_t status, std::string_view path, std::string_view text) noexcept
+// Makes a page that says what failed. Without memory for the text, the status alone says it.
+operational_page failure(uint32_t status, const query &asked, std::string_view text) noexcept
 {
     operational_page page;
     page.status = status;
     try {
-        page.text.append(path.substr(0, max_shown_path)).append(path.size() > max_shown_path ? "..." : "");
-        page.text.append(path.empty() ? "" : ": ").append(text);
+        page.text = host::operational_request_text(asked.request);
+        page.text.resize(std::min(page.text.size(), max_shown_request));
+        page.text.append(": ").append(text);
     } catch (const std::bad_alloc &) {
         page.text.clear();
     }
@@ -125,15 +133,20 @@ operational_page failure(uint32_t status, std::string_view path, std::string_vie
 operational_page handler_failure(const query &asked, uint32_t status) noexcept
 {
     try {
-        return failure(status, asked.request.path, host::operational_status_text(status));
+        return failure(status, asked, host::operational_status_text(status));
     } catch (const std::bad_alloc &) {
-        return failure(status, {}, {});
+        return failure(status, asked, {});
     }
 }
 
 operational_page broken_contract(const query &asked)
 {
-    return failure(EPROTO, asked.request.path, "the handler has not handed back what it was asked for");
+    return failure(EPROTO, asked, "the handler did not hand back what the request asks for");
+}
+
+operational_page cancelled(const query &asked)
+{
+    return failure(ECANCELED, asked, "cancelled");
 }
 
 // ---- Serving, on the data manager's thread ----
@@ -161,7 +174,8 @@ operational_page serve_list(const query &asked, optree_request_t *handle)
     context.count = asked.request.count;
     context.request = handle;
     host::reply_list_offer(*list);
-    const uint32_t status = host::operational_path_list(asked.path, host::edm_handlers(), context, list.get());
+    const uint32_t status =
+        host::operational_route_list(*asked.route, asked.request.keys, host::edm_handlers(), context, list.get());
     const bool is_kept = host::reply_list_withdraw();
     const bool can_continue = !list->more || !list->items.empty();
     if (status == 0 && is_kept && context.reply_list == list.get() && can_continue) {
@@ -174,7 +188,7 @@ operational_page serve_list(const query &asked, optree_request_t *handle)
     return status == 0 ? broken_contract(asked) : handler_failure(asked, status);
 }
 
-// What a get has answered: the encoded record, which the handler has allocated.
+// The answer to a get: the encoded record, which the handler allocated.
 struct got_record {
     struct release {
         void operator()(void *bytes) const { free(bytes); }
@@ -188,7 +202,8 @@ operational_page serve_get(const query &asked, optree_request_t *handle)
     const auto record = std::make_shared<got_record>();
     edm_get_rsp_t context{};
     context.request = handle;
-    const uint32_t status = host::operational_path_get(asked.path, host::edm_handlers(), context);
+    const uint32_t status =
+        host::operational_route_get(*asked.route, asked.request.keys, host::edm_handlers(), context);
     if (status != 0) {
         return handler_failure(asked, status);
     }
@@ -206,7 +221,7 @@ operational_page serve_get(const query &asked, optree_request_t *handle)
 
 operational_page serve_action(const query &asked, optree_request_t *handle)
 {
-    const uint32_t status = host::operational_path_act(asked.path, host::edm_actions(), handle);
+    const uint32_t status = host::operational_route_act(*asked.route, host::edm_actions(), handle);
     return status == 0 ? operational_page() : handler_failure(asked, status);
 }
 
@@ -219,27 +234,27 @@ operational_page answer_of(const query &asked, optree_request_t *handle)
     }
 }
 
-// A query's place among those in service, unless its requester has given it up.
+// A query's place among the queries in service. The handle is 0 if the requester gave up before.
 struct service {
     uint32_t handle = 0;
 
     explicit service(const query_ptr &asked)
     {
-        const std::lock_guard guard(the_database().lock);
+        const base::scoped_lock hold(the_database().lock);
         if (asked->state == progress::waiting) {
             handle = the_database().in_service.insert(asked);
         }
     }
     ~service()
     {
-        const std::lock_guard guard(the_database().lock);
+        const base::scoped_lock hold(the_database().lock);
         the_database().in_service.erase(handle);
     }
     service(const service &) = delete;
     service &operator=(const service &) = delete;
 };
 
-// Nothing when the requester has given up before.
+// Answers a query. Returns nothing if the requester gave up before.
 std::optional<operational_page> serve(const query_ptr &asked) noexcept
 {
     try {
@@ -253,10 +268,10 @@ std::optional<operational_page> serve(const query_ptr &asked) noexcept
     }
 }
 
-// Gives the requester its page. It has given up: the page is dropped here, without the lock.
-void complete(query &asked, operational_page page)
+// Gives the requester its page. If the requester gave up, the page is destroyed after the lock is released.
+void complete(query &asked, operational_page page) L2FIB_EXCLUDES(the_database().lock)
 {
-    const std::lock_guard guard(the_database().lock);
+    const base::scoped_lock hold(the_database().lock);
     if (asked.state != progress::waiting) {
         host::counters.answers_dropped++;
         return;
@@ -268,10 +283,10 @@ void complete(query &asked, operational_page page)
 
 void manager_has_ended(query &asked)
 {
-    complete(asked, failure(ESHUTDOWN, asked.request.path, "the data manager's thread has ended"));
+    complete(asked, failure(ESHUTDOWN, asked, "the data manager's thread has ended"));
 }
 
-// The two ends of a post: its cookie is a query_ptr of its own.
+// The event manager calls one of these two for a post. The cookie is a query_ptr that belongs to the post.
 void run_post(void *cookie)
 {
     const std::unique_ptr<query_ptr> asked(static_cast<query_ptr *>(cookie));
@@ -289,7 +304,7 @@ void drop_post(void *cookie)
 
 // ---- On the way to the data manager ----
 
-// A query that cannot be posted is answered with the reason.
+// Posts a query to the data manager. If that fails, the query is answered with the reason.
 void post(event_manager_t *evm, const query_ptr &asked)
 {
     const uint32_t status = host::or_out_of_memory([&] {
@@ -307,20 +322,20 @@ void post(event_manager_t *evm, const query_ptr &asked)
     }
 }
 
-registration &registration_for(database &db, request_kind kind)
+registration &registration_for(request_kind kind) L2FIB_REQUIRES(the_database().lock)
 {
-    return kind == request_kind::action ? db.action_manager : db.data_manager;
+    return kind == request_kind::action ? the_database().action_manager : the_database().data_manager;
 }
 
 bool serves(const registration &manager, const query &asked)
 {
-    return manager.evm != nullptr && asked.request.path.starts_with(manager.prefix);
+    return manager.evm != nullptr && host::operational_object_name(asked.request.object).starts_with(manager.prefix);
 }
 
-// Whom to post a query to; null when it is left in the registration until there is somebody. The lock is held.
-event_manager_t *find_manager(database &db, const query_ptr &asked)
+// Returns the data manager to post a query to. Returns null if there is none yet: the query then waits for one.
+event_manager_t *find_manager(const query_ptr &asked) L2FIB_REQUIRES(the_database().lock)
 {
-    registration &manager = registration_for(db, asked->request.kind);
+    registration &manager = registration_for(asked->request.kind);
     asked->is_posted = serves(manager, *asked);
     if (!asked->is_posted) {
         manager.waiting.push_back(asked);
@@ -329,204 +344,130 @@ event_manager_t *find_manager(database &db, const query_ptr &asked)
     return manager.evm;
 }
 
-// Lets a data manager take over from any before, and posts what has been waiting for it.
-void register_manager(registration &manager, event_manager_t *evm, std::string prefix)
+// Moves the waiting queries that a data manager serves to `served`, which has room for them, and marks them as posted.
+void take_served(registration &manager, std::vector<query_ptr> &served) L2FIB_REQUIRES(the_database().lock)
 {
-    std::vector<query_ptr> found;
+    for (const query_ptr &asked : manager.waiting) {
+        if (serves(manager, *asked)) {
+            asked->is_posted = true;
+            served.push_back(asked);
+        }
+    }
+    std::erase_if(manager.waiting, [&manager](const query_ptr &asked) { return serves(manager, *asked); });
+}
+
+// Registers a data manager in place of any earlier one, and posts the queries that waited for it.
+void register_manager(request_kind kind, event_manager_t *evm, std::string prefix)
+{
+    std::vector<query_ptr> served;
     {
-        const std::lock_guard guard(the_database().lock);
-        found.reserve(manager.waiting.size());
+        const base::scoped_lock hold(the_database().lock);
+        registration &manager = registration_for(kind);
+        served.reserve(manager.waiting.size());
         manager.evm = evm;
         manager.prefix = std::move(prefix);
-        std::erase_if(manager.waiting, [&](const query_ptr &asked) {
-            asked->is_posted = serves(manager, *asked);
-            if (asked->is_posted) {
-                found.push_back(asked);
-            }
-            return asked->is_posted;
-        });
+        take_served(manager, served);
     }
-    for (const query_ptr &asked : found) {
+    for (const query_ptr &asked : served) {
         post(evm, asked);
     }
 }
 
-// ---- The requester's end of a query; the lock is held ----
+// ---- The requester's end of a query ----
 
-void give_up(database &db, query &asked)
+void give_up(query &asked) L2FIB_REQUIRES(the_database().lock)
 {
     asked.state = progress::given_up;
     if (!asked.is_posted) {
-        std::erase_if(registration_for(db, asked.request.kind).waiting,
+        std::erase_if(registration_for(asked.request.kind).waiting,
                       [&asked](const query_ptr &other) { return other.get() == &asked; });
     }
     asked.changed.notify_all();
 }
 
-operational_page timed_out(const query &asked)
+// Waits until the query is no longer waiting, or until its deadline, which a handler may move meanwhile.
+void wait_for_change(query &asked) L2FIB_REQUIRES(the_database().lock)
 {
-    return failure(ETIMEDOUT, asked.request.path,
-                   asked.is_posted ? "not answered in time" : "no data manager has registered in time");
-}
-
-operational_page cancelled(const std::string &path)
-{
-    return failure(ECANCELED, path, "cancelled");
-}
-
-// Waits until the query has been answered or given up, by its deadline at the latest, which may move meanwhile.
-operational_page wait(query &asked)
-{
-    database &db = the_database();
-    std::unique_lock guard(db.lock);
-    while (asked.state == progress::waiting) {
+    while (asked.state == progress::waiting && steady_clock::now() < asked.deadline) {
         const steady_clock::time_point deadline = asked.deadline;
-        if (asked.changed.wait_until(guard, deadline) == std::cv_status::timeout && asked.state == progress::waiting
-            && steady_clock::now() >= asked.deadline) {
-            give_up(db, asked);
-            return timed_out(asked);
-        }
+        asked.changed.wait_until(the_database().lock, deadline);
     }
-    return asked.state == progress::answered ? std::move(asked.page) : cancelled(asked.request.path);
 }
 
-} // namespace
-
-// ---- Sessions ----
-
-// The requester's thread alone uses the first group; the database's lock guards the second.
-struct host::operational_session {
-    operational_request rest; // what is still to be asked for
-    operational_path path = {};
-    operational_page refusal = {}; // of a request that cannot be made, or of going on with one that goes round
-    host::round_watch rounds = {};
-    bool is_finished = false;
-
-    query_ptr current = nullptr;
-    bool is_cancelled = false;
-};
-
-namespace {
-
-// Fills the session's path. Returns what is wrong with the request, or an empty text.
-std::string check(operational_session &session)
+operational_page take_page(query &asked) L2FIB_REQUIRES(the_database().lock)
 {
-    const operational_request &request = session.rest;
-    std::string error;
-    if (request.kind > request_kind::action) {
-        error = "there is no such kind of request";
-    } else if (request.start_key && !is_list(request.kind)) {
-        error = "only a list or datalist has a start key";
-    } else if (request.start_key && request.start_key->find('\0') != std::string::npos) {
-        error = "a start key holds no zero byte";
-    } else {
-        host::operational_path_parse(request.path, request.kind, session.path, error);
+    switch (std::exchange(asked.state, progress::given_up)) {
+    case progress::answered: return std::exchange(asked.page, {});
+    case progress::given_up: return cancelled(asked);
+    case progress::waiting: break;
     }
+    give_up(asked);
+    return failure(ETIMEDOUT, asked, asked.is_posted ? "no answer in time" : "no data manager registered in time");
+}
+
+// Returns what is wrong with a request, or an empty text.
+std::string check(query &asked)
+{
+    const operational_request &request = asked.request;
+    if (request.start_key && !is_list(request.kind)) {
+        return "only a list or datalist has a start key";
+    }
+    if (request.start_key && request.start_key->find('\0') != std::string::npos) {
+        return "the start key holds a zero byte";
+    }
+    std::string error;
+    asked.route = host::operational_route_find(request, error);
     return error;
 }
 
-// Asks for the session's next page, unless the session has been cancelled.
-query_ptr ask(operational_session &session)
+void start(const query_ptr &asked)
 {
-    database &db = the_database();
-    auto asked = std::make_shared<query>(session.rest, session.path);
     event_manager_t *evm = nullptr;
     {
-        const std::lock_guard guard(db.lock);
-        if (session.is_cancelled) {
-            asked->state = progress::given_up;
-        } else {
-            evm = find_manager(db, asked);
-        }
-        session.current = asked;
+        const base::scoped_lock hold(the_database().lock);
+        evm = find_manager(asked);
     }
     if (evm != nullptr) {
         post(evm, asked);
     }
-    return asked;
-}
-
-// Whether the calling thread is the one that would have to answer a request of this kind.
-bool is_own_request(request_kind kind)
-{
-    database &db = the_database();
-    const std::lock_guard guard(db.lock);
-    return host::is_own_manager(registration_for(db, kind).evm);
-}
-
-operational_page gone_round(const operational_request &rest)
-{
-    return failure(ELOOP, rest.path,
-                   "the answer is not whole: the list comes back to \"" + *rest.start_key
-                       + "\" again and again, because an address stands on several ports of a bridge domain; ask for "
-                         "each port's own list, mac-table/port/P/domain/D");
-}
-
-// Turns the session to what follows `page`. If nothing does, it is over.
-void move_on(operational_session &session, const operational_page &page)
-{
-    operational_request &rest = session.rest;
-    const bool is_limited = rest.count != 0 && rest.count != host::all_items;
-    const bool is_complete = is_limited && page.items.size() >= rest.count;
-    session.is_finished = page.status != 0 || !page.more || is_complete;
-    if (session.is_finished) {
-        return;
-    }
-    if (is_limited) {
-        rest.count -= static_cast<uint32_t>(page.items.size());
-    }
-    rest.start_key = page.items.back().name;
-    if (session.rounds.goes_round(*rest.start_key, page.items.size())) {
-        session.refusal = gone_round(rest);
-    }
-}
-
-operational_page take_page(operational_session &session)
-{
-    if (session.refusal.status != 0) {
-        return std::move(session.refusal);
-    }
-    if (is_own_request(session.rest.kind)) {
-        return failure(EDEADLK, session.rest.path, "the data manager's thread cannot wait for itself");
-    }
-    const query_ptr asked = session.current == nullptr ? ask(session) : session.current;
-    operational_page page = wait(*asked);
-    const std::lock_guard guard(the_database().lock);
-    session.current = nullptr;
-    return session.is_cancelled ? cancelled(session.rest.path) : std::move(page);
 }
 
 } // namespace
 
+struct host::operational_session {
+    query_ptr asked;
+};
+
 host::operational_session_ptr host::operational_open(const operational_request &request)
 {
-    operational_session_ptr session(new operational_session{request});
-    const std::string error = check(*session);
-    if (!error.empty()) {
-        session->refusal = failure(EINVAL, request.path, error);
+    operational_session_ptr session(new operational_session{std::make_shared<query>(request)});
+    const query_ptr &asked = session->asked;
+    const std::string error = check(*asked);
+    if (error.empty()) {
+        start(asked);
     } else {
-        ask(*session);
+        complete(*asked, failure(EINVAL, *asked, error));
     }
     return session;
 }
 
-bool host::operational_next(operational_session &session, operational_page &page)
+host::operational_page host::operational_wait(operational_session &session)
 {
-    if (session.is_finished) {
-        return false;
+    query &asked = *session.asked;
+    const base::scoped_lock hold(the_database().lock);
+    if (asked.state == progress::waiting && is_own_manager(registration_for(asked.request.kind).evm)) {
+        give_up(asked);
+        return failure(EDEADLK, asked, "the data manager's thread cannot wait for itself");
     }
-    page = take_page(session);
-    move_on(session, page);
-    return true;
+    wait_for_change(asked);
+    return take_page(asked);
 }
 
 void host::operational_cancel(operational_session &session)
 {
-    database &db = the_database();
-    const std::lock_guard guard(db.lock);
-    session.is_cancelled = true;
-    if (session.current != nullptr && session.current->state == progress::waiting) {
-        give_up(db, *session.current);
+    const base::scoped_lock hold(the_database().lock);
+    if (session.asked->state == progress::waiting) {
+        give_up(*session.asked);
     }
 }
 
@@ -536,38 +477,15 @@ void host::operational_session_closer::operator()(operational_session *session) 
     delete session;
 }
 
-host::operational_page host::operational_query(const operational_request &request)
-{
-    operational_page page;
-    operational_next(*operational_open(request), page);
-    return page;
-}
-
-host::operational_outcome host::operational_read(const operational_request &request, const operational_visitor &visit)
-{
-    const operational_session_ptr session = operational_open(request);
-    operational_outcome outcome{};
-    operational_page page;
-    while (operational_next(*session, page)) {
-        outcome.status = page.status;
-        outcome.text = page.text;
-        outcome.item_count += page.items.size();
-        if (page.status != 0 || !visit(page)) {
-            break;
-        }
-    }
-    return outcome;
-}
-
 std::string host::operational_status_text(uint32_t status)
 {
     if (is_send_error(status)) {
         return "the table was not brought up to date: " + operational_status_text(send_error_number(status));
     }
     const char *text = status_meaning(status);
-    char number[32];
+    char number[sizeof(" (0x01234567)")];
     snprintf(number, sizeof(number), " (0x%08x)", status);
-    return text == nullptr ? std::string("failed").append(number) : std::string(text).append(number);
+    return std::string(text == nullptr ? "failed" : text).append(number);
 }
 
 host::operational_statistics host::operational_get_statistics()
@@ -592,7 +510,7 @@ uint32_t l2fib_show_mac_edm_optree_init(event_manager_t *evm, const char *prefix
         return EINVAL;
     }
     return host::or_out_of_memory([&]() -> uint32_t {
-        register_manager(the_database().data_manager, evm, prefix);
+        register_manager(request_kind::list, evm, prefix);
         return 0;
     });
 }
@@ -603,7 +521,7 @@ uint32_t l2fib_action_mac_edm_init(event_manager_t *evm)
         return EINVAL;
     }
     return host::or_out_of_memory([&]() -> uint32_t {
-        register_manager(the_database().action_manager, evm, {});
+        register_manager(request_kind::action, evm, {});
         return 0;
     });
 }
@@ -614,13 +532,13 @@ uint32_t optree_restart_timeout_edm(optree_request_t *request, uint32_t seconds)
     if (handle == 0) {
         return EINVAL;
     }
-    database &db = the_database();
-    const std::lock_guard guard(db.lock);
-    const query_ptr *const asked = db.in_service.find(handle);
-    if (asked == nullptr || (*asked)->state != progress::waiting) {
+    const base::scoped_lock hold(the_database().lock);
+    const query_ptr *const found = the_database().in_service.find(handle);
+    if (found == nullptr || (*found)->state != progress::waiting) {
         return ESRCH;
     }
-    (*asked)->deadline = seconds_from_now(seconds != 0 ? seconds : (*asked)->request.timeout_seconds);
-    (*asked)->changed.notify_all();
+    query &asked = **found;
+    asked.deadline = seconds_from_now(seconds != 0 ? seconds : asked.request.timeout_seconds);
+    asked.changed.notify_all();
     return 0;
 }

@@ -10,7 +10,7 @@
 
 namespace {
 
-// The list that the handler running on this thread may use.
+// The list that the handler on this thread may use.
 thread_local optree_list *offered = nullptr;
 
 uint32_t refuse()
@@ -46,7 +46,7 @@ uint32_t set_more(optree_list *list, bool has_data)
     return 0;
 }
 
-// The list is let go of here; its memory goes with the request.
+// Only ends the offer. The database still owns the list, and destroys it with the request.
 uint32_t free_list(const optree_list *list, bool has_data)
 {
     if (!is_usable(list, has_data)) {

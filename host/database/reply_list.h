@@ -2,12 +2,16 @@
 
 // A reply list: the items of one answer, as a handler adds them.
 //
-// The database offers a list to the handler of a request on the thread that serves it. Only this thread can use it, and
-// only until the handler has freed it or returned; any other list, and a list of the other kind, is refused with
-// EINVAL. All memory of a list lies in one growing piece that is released at once.
+// The database offers a list to the handler of a request, on the thread that serves the request. Only this thread can
+// use the list, and only until the handler frees it or returns. The functions refuse any other list, and a list of the
+// other kind, with EINVAL.
 //
-//   offered --- handler fills it, hands it back ---> answer
-//      '------- handler fails, frees it -----------> gone
+//   offered --- handler fills the list, hands it back ---> answer
+//      '------- handler fails, frees the list -----------> gone
+//
+// A list keeps its items, names and data in one growing piece of memory, which its destruction releases.
+//
+// Threads: the database offers and withdraws a list on the thread that serves the request. Any thread may destroy it.
 #pragma once
 
 #include <atomic>
@@ -20,7 +24,7 @@
 #include "platform/operational_db.h"
 
 struct optree_list {
-    static constexpr size_t first_bytes = size_t{24} * 1024;
+    static constexpr size_t first_bytes = size_t{24} * 1024; // of the first piece of memory
 
     std::pmr::monotonic_buffer_resource memory{first_bytes};
     std::pmr::vector<host::operational_item> items{&memory};
@@ -35,7 +39,7 @@ struct optree_list {
 
 namespace host {
 
-// What operational_get_statistics tells of the same names, counted where it happens.
+// The counters behind operational_get_statistics.
 struct operational_counters {
     std::atomic<uint64_t> lists_created;
     std::atomic<uint64_t> lists_answered;
@@ -52,10 +56,10 @@ inline constinit operational_counters counters{};
 // Copies an item into a list. On std::bad_alloc the list is unchanged.
 void reply_list_append(optree_list &list, std::string_view name, std::span<const uint8_t> data);
 
-// Lets the handler that runs on this thread use the list, instead of any before.
+// Lets the handler that runs on this thread use the list, in place of any list before.
 void reply_list_offer(optree_list &list);
 
-// Ends the offer. False when the handler freed the list.
+// Ends the offer. False if the handler freed the list.
 bool reply_list_withdraw();
 
 } // namespace host

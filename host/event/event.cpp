@@ -2,17 +2,21 @@
 
 // The loop of an event manager, on epoll.
 //
-// Threads. A manager's thread blocks and dispatches. Everybody else reaches it through three doors: the queue, with an
-// eventfd that ends the thread's sleep; the epoll set, to which descriptors are added and from which they are taken
-// while the thread may be waiting on it; and one timerfd, set to the earliest of all timers. The manager's mutex guards
-// all three and is never held while a callback runs.
+// Threads. The manager's thread waits and dispatches. Other threads reach it in three ways, all under the manager's
+// mutex, which no thread holds while a callback runs:
 //
-// Fairness. Before each event of the queue, what else is ready gets its turn, and the other way round: event_block
-// alternates between the queue and the epoll set, which serves ready descriptors in rotation. So neither a flood of
-// posts nor a descriptor that is always ready holds up the other.
+//      queue          an eventfd wakes the manager's thread
+//      descriptors    added to and removed from the epoll set, also while the manager's thread waits on it
+//      timers         one timerfd, set to the earliest due time
 //
-// Sleep and wake-up. The thread tells under the mutex that it is going to sleep on an empty queue; who queues then
-// writes to the eventfd. The eventfd is edge-triggered, so its counter is never read.
+// Fairness. event_block alternates between the queue and the epoll set, and epoll serves ready descriptors in rotation.
+// So neither a flood of posts nor a descriptor that is always ready blocks the others:
+//
+//      queue   A B C         epoll set   x (always ready)         dispatched   A x B x C x x
+//
+// Sleep and wake-up. Before the thread sleeps on an empty queue it sets `waiting` under the mutex. A thread that queues
+// work while `waiting` is set writes to the eventfd. The eventfd is edge-triggered, so nobody needs to read its
+// counter.
 #include "host/event/event_manager.h"
 
 #include <algorithm>
@@ -31,7 +35,7 @@ namespace {
 
 using host::event_source;
 
-// What epoll tells of a ready descriptor: an attachment's handle, or one of the manager's own two.
+// The data of a descriptor in the epoll set: the handle of an attachment, which has 32 bits, or one of these two.
 constexpr uint64_t wake_source = uint64_t{1} << 32;
 constexpr uint64_t timer_source = uint64_t{2} << 32;
 
@@ -50,14 +54,14 @@ uint64_t now_ns()
     return host::clock_ns(CLOCK_MONOTONIC);
 }
 
-// Both at most never_ns.
+// Adds two times without exceeding never_ns. Neither argument exceeds it.
 uint64_t later(uint64_t time_ns, uint64_t delay_ns)
 {
     return delay_ns < never_ns - time_ns ? time_ns + delay_ns : never_ns;
 }
 
-// The caller holds the manager's mutex. A time that has passed makes the timerfd ready at once.
-void set_to_earliest(event_manager &evm)
+// Sets the timerfd to the earliest timer. A time in the past makes the timerfd ready at once.
+void set_to_earliest(event_manager &evm) L2FIB_REQUIRES(evm.mutex)
 {
     itimerspec when{};
     if (!evm.due.empty()) {
@@ -68,8 +72,9 @@ void set_to_earliest(event_manager &evm)
     timerfd_settime(evm.timer_fd.fd, TFD_TIMER_ABSTIME, &when, nullptr);
 }
 
-// The caller holds the manager's mutex. Puts a periodic timer in its next place without allocating.
-void take_turn(event_manager &evm, uint64_t now)
+// Moves the earliest timer to its next due time, or removes it if it is a one-shot timer. Allocates no memory. Example:
+// due at 10 with a period of 5, at the time 22, is next due at 25; the due times 15 and 20 are skipped.
+void advance_earliest(event_manager &evm, uint64_t now) L2FIB_REQUIRES(evm.mutex)
 {
     auto place = evm.due.extract(evm.due.begin());
     const uint32_t handle = place.value().second;
@@ -88,13 +93,13 @@ void dispatch_timer(event_manager &evm)
 {
     host::timer timer{};
     {
-        const std::lock_guard lock(evm.mutex);
+        const base::scoped_lock hold(evm.mutex);
         const uint64_t now = now_ns();
         if (evm.due.empty() || evm.due.begin()->first > now) {
-            return; // it was cancelled
+            return; // the timer was cancelled
         }
         timer = *evm.timers.find(evm.due.begin()->second);
-        take_turn(evm, now);
+        advance_earliest(evm, now);
         set_to_earliest(evm);
     }
     timer.handler(timer.cookie);
@@ -104,10 +109,10 @@ void dispatch_descriptor(event_manager &evm, uint32_t attachment, uint32_t readi
 {
     host::descriptor descriptor{};
     {
-        const std::lock_guard lock(evm.mutex);
+        const base::scoped_lock hold(evm.mutex);
         const host::descriptor *const found = evm.descriptors.find(attachment);
         if (found == nullptr) {
-            return; // it was detached
+            return; // the descriptor was detached
         }
         descriptor = *found;
     }
@@ -124,10 +129,10 @@ void dispatch(event_manager &evm, const host::received_event &event)
     }
 }
 
-// Takes the next event of the queue when it is the queue's turn, and tells whether the thread may sleep otherwise.
+// Receives the next event of the queue if it is the queue's turn. Sets `may_sleep` if the queue is empty.
 uint32_t receive_queued(event_manager &evm, bool &may_sleep)
 {
-    const std::lock_guard lock(evm.mutex);
+    const base::scoped_lock hold(evm.mutex);
     if (evm.closed) {
         return ESHUTDOWN;
     }
@@ -186,8 +191,7 @@ uint32_t block(event_manager &evm)
     return status;
 }
 
-// The caller holds the manager's mutex.
-bool is_attached(const event_manager &evm, int fd)
+bool is_attached(const event_manager &evm, int fd) L2FIB_REQUIRES(evm.mutex)
 {
     const auto &records = evm.descriptors.records;
     return std::any_of(records.begin(), records.end(), [fd](const auto &entry) { return entry.second.fd == fd; });
@@ -196,7 +200,7 @@ bool is_attached(const event_manager &evm, int fd)
 uint32_t attach_descriptor(event_manager &evm, const host::descriptor &descriptor, uint32_t events,
                            uint32_t &attachment)
 {
-    const std::lock_guard lock(evm.mutex);
+    const base::scoped_lock hold(evm.mutex);
     if (evm.closed) {
         return ESHUTDOWN;
     }
@@ -214,7 +218,7 @@ uint32_t attach_descriptor(event_manager &evm, const host::descriptor &descripto
 
 uint32_t attach_timer(event_manager &evm, const host::timer &timer, uint32_t &handle)
 {
-    const std::lock_guard lock(evm.mutex);
+    const base::scoped_lock hold(evm.mutex);
     if (evm.closed) {
         return ESHUTDOWN;
     }
@@ -265,7 +269,7 @@ bool open_descriptors(event_manager &evm)
 
 void close_descriptors(event_manager &evm)
 {
-    const std::lock_guard lock(evm.mutex);
+    const base::scoped_lock hold(evm.mutex);
     evm.epoll_fd.reset();
     evm.wake_fd.reset();
     evm.timer_fd.reset();
@@ -289,13 +293,13 @@ void discard_received(event_manager &evm)
 
 bool is_closed(event_manager_t *evm)
 {
-    const std::lock_guard lock(evm->mutex);
+    const base::scoped_lock hold(evm->mutex);
     return evm->closed;
 }
 
 void event_withdraw(event_manager_t *evm, event_work_fn run, const void *cookie)
 {
-    const std::lock_guard lock(evm->mutex);
+    const base::scoped_lock hold(evm->mutex);
     const auto found = std::find_if(evm->queue.begin(), evm->queue.end(),
                                     [&](const queued_work &work) { return work.run == run && work.cookie == cookie; });
     if (found != evm->queue.end()) {
@@ -309,7 +313,7 @@ uint32_t event_post(event_manager_t *evm, event_work_fn run, event_work_fn drop,
         return EINVAL;
     }
     return or_out_of_memory([&]() -> uint32_t {
-        const std::lock_guard lock(evm->mutex);
+        const base::scoped_lock hold(evm->mutex);
         if (evm->closed) {
             return ESHUTDOWN;
         }
@@ -333,7 +337,7 @@ uint32_t event_fd_detach(event_manager_t *evm, uint32_t attachment)
     if (evm == nullptr) {
         return EINVAL;
     }
-    const std::lock_guard lock(evm->mutex);
+    const base::scoped_lock hold(evm->mutex);
     const descriptor *const found = evm->descriptors.find(attachment);
     if (found == nullptr) {
         return EINVAL;
@@ -358,7 +362,7 @@ uint32_t event_timer_cancel(event_manager_t *evm, uint32_t timer)
     if (evm == nullptr) {
         return EINVAL;
     }
-    const std::lock_guard lock(evm->mutex);
+    const base::scoped_lock hold(evm->mutex);
     const host::timer *const found = evm->timers.find(timer);
     if (found == nullptr) {
         return EINVAL;
@@ -376,7 +380,7 @@ uint32_t event_callback_attach(event_manager_t *evm, const event_callback_record
     if (evm == nullptr || record == nullptr || !is_well_formed(*record)) {
         return EINVAL;
     }
-    const std::lock_guard lock(evm->mutex);
+    const base::scoped_lock hold(evm->mutex);
     if (evm->closed) {
         return ESHUTDOWN;
     }
@@ -394,7 +398,7 @@ uint32_t event_message_attach(event_manager_t *evm, const event_message_filter_t
         return EINVAL;
     }
     return host::or_out_of_memory([&]() -> uint32_t {
-        const std::lock_guard lock(evm->mutex);
+        const base::scoped_lock hold(evm->mutex);
         if (evm->closed) {
             return ESHUTDOWN;
         }

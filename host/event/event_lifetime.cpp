@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The life of event managers: the directory that finds them by path, and their end.
+// The life of event managers: the directory that finds a manager by its path, and the end of a manager.
 //
-// A manager is closed under its mutex, by event_manager_stop on any thread or by the end of its own (a thread-local
-// object notices that); from then on nothing enters. What was queued is dropped by the thread that closed it. The
-// manager has ended when that is done, and is left when its thread is gone too; the directory announces both, and its
-// mutex guards what it announces. Records are kept for the life of the process, since handles may be used for as long.
+//      created ---> serving ---> closed ---> ended ---> left
+//
+// event_manager_stop closes a manager, on any thread; so does the end of the manager's thread, which a thread-local
+// object notices. A closed manager accepts nothing. The thread that closed it drops what was queued, and then announces
+// `ended`. The manager's thread announces `left` when it ends. Manager records live as long as the process, because
+// other threads may use their handles for as long.
 #include "host/event/event_manager.h"
 
 #include <cerrno>
@@ -20,10 +22,9 @@
 namespace {
 
 struct directory {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::map<std::string, event_manager *, std::less<>> by_path;
-    std::vector<std::unique_ptr<event_manager>> all;
+    std::condition_variable_any changed;
+    std::map<std::string, event_manager *, std::less<>> by_path L2FIB_GUARDED_BY(host::directory_lock);
+    std::vector<std::unique_ptr<event_manager>> all L2FIB_GUARDED_BY(host::directory_lock);
 };
 
 directory &managers()
@@ -32,26 +33,29 @@ directory &managers()
     return the_directory.object;
 }
 
-void announce(bool event_manager::*fact, event_manager &evm)
+void announce(bool event_manager::*fact, event_manager &evm) L2FIB_EXCLUDES(host::directory_lock)
 {
-    const std::lock_guard lock(managers().mutex);
+    const base::scoped_lock hold(host::directory_lock);
     evm.*fact = true;
     managers().changed.notify_all();
 }
 
-// Waits until `condition`, which reads what the directory guards, holds; false when it did not within `seconds`.
+// Waits at most `seconds` until an announcement makes `condition` true. Returns whether it is true.
 template <typename Condition>
-bool wait_for_announcement(uint32_t seconds, Condition condition)
+bool wait_for_announcement(uint32_t seconds, Condition condition) L2FIB_REQUIRES(host::directory_lock)
 {
-    std::unique_lock lock(managers().mutex);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-    return managers().changed.wait_until(lock, deadline, condition);
+    bool is_late = false;
+    while (!condition() && !is_late) {
+        is_late = managers().changed.wait_until(host::directory_lock, deadline) == std::cv_status::timeout;
+    }
+    return condition();
 }
 
-// Takes the oldest work off the queue; false when there is none.
+// Takes the oldest work off the queue. False if the queue is empty.
 bool take_queued(event_manager &evm, host::queued_work &work)
 {
-    const std::lock_guard lock(evm.mutex);
+    const base::scoped_lock hold(evm.mutex);
     if (evm.queue.empty()) {
         return false;
     }
@@ -60,11 +64,11 @@ bool take_queued(event_manager &evm, host::queued_work &work)
     return true;
 }
 
-// Needs no memory: a thread ends whether there is any or not.
+// Closes a manager. Allocates no memory, because a thread must be able to end without any.
 void close_manager(event_manager &evm)
 {
     {
-        const std::lock_guard lock(evm.mutex);
+        const base::scoped_lock hold(evm.mutex);
         if (std::exchange(evm.closed, true)) {
             return;
         }
@@ -87,15 +91,18 @@ void leave(event_manager &evm)
     close_manager(evm);
     host::discard_received(evm);
     host::close_descriptors(evm);
-    std::unique_lock lock(managers().mutex);
-    // Somebody else may have closed it and be at work on the rest.
-    managers().changed.wait(lock, [&evm] { return evm.ended; });
+    const base::scoped_lock hold(host::directory_lock);
+    // Another thread may have closed the manager and still be dropping what was queued.
+    while (!evm.ended) {
+        managers().changed.wait(host::directory_lock);
+    }
     evm.left = true;
     managers().changed.notify_all();
 }
 
-// The managers that a thread has created, the newest first, all others closed; its end is their end. Other objects of
-// the thread may end later and still ask whose a manager is.
+// The managers that a thread created, the newest first. All but the newest are closed. The destructor runs at the end
+// of the thread. It leaves the list as it is, because other thread-local objects may be destroyed later and still call
+// is_own_manager.
 struct thread_managers {
     event_manager *newest = nullptr;
 
@@ -123,7 +130,7 @@ uint32_t create_manager(const char *path, event_manager_t *&created)
         return static_cast<uint32_t>(errno);
     }
     directory &all = managers();
-    const std::lock_guard lock(all.mutex);
+    const base::scoped_lock hold(host::directory_lock);
     all.all.reserve(all.all.size() + 1);
     event_manager *&known = all.by_path[evm->path];
     if (known != nullptr && !known->ended) {
@@ -135,28 +142,8 @@ uint32_t create_manager(const char *path, event_manager_t *&created)
     return 0;
 }
 
-// Waits for the end of the manager's thread and then, under the directory's mutex, runs `then` for a status.
-template <typename Then>
-uint32_t wait_left(event_manager_t *evm, uint32_t seconds, Then then)
-{
-    if (evm == nullptr) {
-        return EINVAL;
-    }
-    if (host::is_own_manager(evm)) {
-        return EDEADLK;
-    }
-    uint32_t status = ETIMEDOUT;
-    wait_for_announcement(seconds, [&] {
-        if (evm->left) {
-            status = then();
-        }
-        return evm->left;
-    });
-    return status;
-}
-
-// The directory's mutex is held. The thread of a manager, which may have had others before, is joined once.
-uint32_t take_thread(const event_manager &evm)
+// Marks a thread as joined, in all managers that it has had. ESRCH: it is marked already.
+uint32_t mark_joined(const event_manager &evm) L2FIB_REQUIRES(host::directory_lock)
 {
     if (evm.joined) {
         return ESRCH;
@@ -165,6 +152,15 @@ uint32_t take_thread(const event_manager &evm)
         other->joined = other->joined || pthread_equal(other->thread, evm.thread) != 0;
     }
     return 0;
+}
+
+// Waits until the manager's thread has left it, and marks the thread as joined.
+uint32_t wait_left(const event_manager &evm, uint32_t seconds) L2FIB_EXCLUDES(host::directory_lock)
+{
+    const base::scoped_lock hold(host::directory_lock);
+    const bool has_left =
+        wait_for_announcement(seconds, [&evm]() L2FIB_REQUIRES(host::directory_lock) { return evm.left; });
+    return has_left ? mark_joined(evm) : ETIMEDOUT;
 }
 
 } // namespace
@@ -188,7 +184,7 @@ void announce_serving(event_manager_t &evm)
 event_manager_t *event_manager_find(const char *path)
 {
     directory &all = managers();
-    const std::lock_guard lock(all.mutex);
+    const base::scoped_lock hold(directory_lock);
     const auto found = path == nullptr ? all.by_path.end() : all.by_path.find(path);
     return found == all.by_path.end() ? nullptr : found->second;
 }
@@ -199,7 +195,8 @@ event_manager_state event_manager_wait(const char *path, uint32_t seconds)
     if (path == nullptr) {
         return state;
     }
-    wait_for_announcement(seconds, [&] {
+    const base::scoped_lock hold(directory_lock);
+    wait_for_announcement(seconds, [&]() L2FIB_REQUIRES(directory_lock) {
         const auto found = managers().by_path.find(path);
         if (found != managers().by_path.end() && (found->second->serving || found->second->ended)) {
             state = found->second->ended ? event_manager_state::ended : event_manager_state::serving;
@@ -221,22 +218,23 @@ uint32_t event_manager_stop(event_manager_t *evm)
     return 0;
 }
 
-uint32_t event_manager_wait_left(event_manager_t *evm, uint32_t seconds)
-{
-    return wait_left(evm, seconds, [] { return uint32_t{0}; });
-}
-
 uint32_t event_manager_join(event_manager_t *evm, uint32_t seconds)
 {
-    const uint32_t status = wait_left(evm, seconds, [evm] { return take_thread(*evm); });
+    if (evm == nullptr) {
+        return EINVAL;
+    }
+    if (is_own_manager(evm)) {
+        return EDEADLK;
+    }
+    const uint32_t status = wait_left(*evm, seconds);
     return status != 0 ? status : static_cast<uint32_t>(pthread_join(evm->thread, nullptr));
 }
 
 void event_manager_forget_ended()
 {
-    directory &all = managers();
-    const std::lock_guard lock(all.mutex);
-    std::erase_if(all.by_path, [](const auto &entry) { return entry.second->ended; });
+    const base::scoped_lock hold(directory_lock);
+    std::erase_if(managers().by_path,
+                  [](const auto &entry) L2FIB_REQUIRES(directory_lock) { return entry.second->ended; });
 }
 
 } // namespace host

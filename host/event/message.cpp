@@ -2,25 +2,26 @@
 
 // Messaging between threads of one process.
 //
-// A message is a record in the table of clients, under the handle by which its receiver knows the sender; what travels
-// through the receiver's event queue is the handle only. Its life, with who takes it out of the table:
+// The table of clients holds each message under the handle by which the receiver knows the sender. Only this handle
+// travels through the receiver's event queue. The life of a message, with what removes it from the table:
 //
 //     queued ---> in its handler ---> held ---> released
 //       |               |               |
-//       |               |               `-- msg_clinfo_unhold, from any thread
-//       |               `-- the handler's return, if it was not held; msg_clinfo_unhold
-//       `-- its sender's time-out, the only one to take back a queued message
+//       |               |               `-- msg_clinfo_unhold, on any thread
+//       |               `-- the return of the handler, if it did not hold the message; msg_clinfo_unhold
+//       `-- the sender's time-out
 //
-// and, from everywhere, the end of the receiving event manager. Whoever takes out a message that its sender still waits
-// for wakes the sender with ECONNRESET. A sender that gives up on a delivered message leaves it to its receiver,
-// marked, so that a release succeeds and a reply fails.
+// The end of the receiving event manager removes a message in any of these states. If the sender still waits, the
+// removal wakes it with ECONNRESET. If the sender times out after the delivery, the message stays in the table, marked,
+// until the receiver releases it; a reply then fails.
 //
 // Statuses: EINVAL for an unknown handle or connection, EALREADY for a second reply or hold, ETIMEDOUT for a reply to a
-// sender that has given up.
+// sender that gave up.
 //
-// Threads. One mutex guards connections and clients; it comes before an event manager's. Handlers run without it. A
-// sender sleeps on its own message's condition variable; the message is shared, so that it lives until both its sender
-// and the table have let go. The sender's reply buffer is written under the mutex, and only while the sender waits.
+// Threads. One mutex guards connections and clients; it comes before the mutex of an event manager. Handlers run
+// without it. A sender sleeps on the condition variable of its own message. The sender and the table share the message,
+// so it lives until both have released it. A receiver writes the sender's reply buffer under the mutex, and only while
+// the sender waits.
 #include "platform/message.h"
 
 #include <algorithm>
@@ -29,7 +30,6 @@
 #include <condition_variable>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "host/event/event_manager.h"
@@ -41,27 +41,41 @@ namespace {
 
 using deadline = std::chrono::steady_clock::time_point;
 
-constexpr uint64_t longest_message = 65536;
-constexpr uint32_t first_timeout_seconds = 30; // of a connection, until it is set
+constexpr uint64_t max_message_bytes = 65536;
+constexpr uint32_t default_timeout_seconds = 30; // until msg_set_send_timeout
 
 struct connection {
     msg_chan_t *channel;
-    uint32_t timeout_seconds = first_timeout_seconds;
+    uint32_t timeout_seconds = default_timeout_seconds;
 };
+
+struct message;
+
+struct message_service {
+    base::mutex mutex;
+    host::handle_table<connection> connections L2FIB_GUARDED_BY(mutex);
+    host::handle_table<std::shared_ptr<message>> clients L2FIB_GUARDED_BY(mutex);
+};
+
+message_service &service()
+{
+    static host::never_destroyed<message_service> the_service;
+    return the_service.object;
+}
 
 enum class sender_state { waiting, answered, reset, gave_up };
 
 struct message {
-    msg_chan_t *channel = nullptr;
-    std::vector<std::byte> request; // empty once delivered
-    uint64_t sent_length;
-    uint64_t received_length = 0;
-    void *reply; // the sender's
-    uint64_t reply_length;
-    sender_state sender = sender_state::waiting;
-    bool delivered = false;
-    bool held = false;
-    std::condition_variable woken;
+    msg_chan_t *channel = nullptr;  // set before the message is in the table
+    std::vector<std::byte> request; // empty after the delivery
+    const uint64_t sent_length;
+    uint64_t received_length L2FIB_GUARDED_BY(service().mutex) = 0;
+    void *const reply; // the sender's buffer
+    const uint64_t reply_length;
+    sender_state sender L2FIB_GUARDED_BY(service().mutex) = sender_state::waiting;
+    bool delivered L2FIB_GUARDED_BY(service().mutex) = false;
+    bool held L2FIB_GUARDED_BY(service().mutex) = false;
+    std::condition_variable_any woken;
 
     message(const void *bytes, uint64_t length, void *reply_to, uint64_t reply_room)
         : request(static_cast<const std::byte *>(bytes), static_cast<const std::byte *>(bytes) + length)
@@ -71,27 +85,14 @@ struct message {
     {}
 };
 
-struct message_service {
-    std::mutex mutex;
-    host::handle_table<connection> connections;
-    host::handle_table<std::shared_ptr<message>> clients;
-};
-
-message_service &service()
-{
-    static host::never_destroyed<message_service> the_service;
-    return the_service.object;
-}
-
-// The service's mutex is held. Null for an unknown client, also for one whose message is still queued.
-message *find_client(uint32_t client)
+// Returns null for an unknown client, and for a client whose message is still queued.
+message *find_client(uint32_t client) L2FIB_REQUIRES(service().mutex)
 {
     const std::shared_ptr<message> *const found = service().clients.find(client);
     return found != nullptr && (*found)->delivered ? found->get() : nullptr;
 }
 
-// The service's mutex is held.
-void wake_sender(message &sent, sender_state why)
+void wake_sender(message &sent, sender_state why) L2FIB_REQUIRES(service().mutex)
 {
     if (sent.sender == sender_state::waiting) {
         sent.sender = why;
@@ -99,8 +100,8 @@ void wake_sender(message &sent, sender_state why)
     }
 }
 
-// The service's mutex is held.
-bool take_out(uint32_t client)
+// Removes a message from the table, and wakes its sender. False for an unknown client.
+bool remove_client(uint32_t client) L2FIB_REQUIRES(service().mutex)
 {
     const std::shared_ptr<message> *const found = service().clients.find(client);
     if (found == nullptr) {
@@ -110,28 +111,28 @@ bool take_out(uint32_t client)
     return service().clients.erase(client);
 }
 
-// The end of a message that is queued or in its handler, unless its receiver has taken it over.
+// Removes a message after its handler has returned, or when the queue drops it. A held message stays.
 void finish(void *cookie)
 {
     const uint32_t client = host::handle_of(cookie);
-    const std::lock_guard lock(service().mutex);
+    const base::scoped_lock hold(service().mutex);
     const message *const delivered = find_client(client);
     if (delivered == nullptr || !delivered->held) {
-        take_out(client);
+        remove_client(client);
     }
 }
 
 struct delivery {
     event_manager_t *evm;
-    event_message_filter_t start; // type and class
+    event_message_filter_t start; // type and class of the message
     const void *bytes;
 };
 
-// Puts the message, as much of it as there is room for, into the buffer of the waiting record. False when its sender
-// has given up or was woken otherwise.
+// Copies the message into the buffer of the waiting record, as far as there is room. False if the message is no longer
+// in the table.
 bool receive(uint32_t client, delivery &received)
 {
-    const std::lock_guard lock(service().mutex);
+    const base::scoped_lock hold(service().mutex);
     const std::shared_ptr<message> *const found = service().clients.find(client);
     if (found == nullptr) {
         return false;
@@ -156,7 +157,7 @@ bool selects(const event_message_filter_t &filter, const event_message_filter_t 
 
 event_message_fn find_handler(event_manager_t &evm, const event_message_filter_t &start)
 {
-    const std::lock_guard lock(evm.mutex);
+    const base::scoped_lock hold(evm.mutex);
     const auto found =
         std::find_if(evm.handlers.begin(), evm.handlers.end(),
                      [&start](const host::message_handler &attached) { return selects(attached.filter, start); });
@@ -165,12 +166,12 @@ event_message_fn find_handler(event_manager_t &evm, const event_message_filter_t
 
 event_callback_fn find_callback(event_manager_t &evm)
 {
-    const std::lock_guard lock(evm.mutex);
+    const base::scoped_lock hold(evm.mutex);
     return evm.callback;
 }
 
-// A message that no handler takes is shown to the manager's callback. The dispatch fails unless that answers 1.
-void hand_over_unselected(event_manager_t &evm, event_message_t &event)
+// Passes a message that no filter selects to the manager's callback. The dispatch fails unless the callback returns 1.
+void call_callback(event_manager_t &evm, event_message_t &event)
 {
     const event_callback_fn callback = find_callback(evm);
     if (callback == nullptr || callback(&evm, &event) != 1) {
@@ -190,15 +191,15 @@ void deliver(void *cookie)
     if (handler != nullptr) {
         handler(&event);
     } else {
-        hand_over_unselected(*received.evm, event);
+        call_callback(*received.evm, event);
     }
     finish(cookie);
 }
 
-// Makes a message known, for the channel of a connection.
+// Puts a message for the channel of a connection into the table.
 uint32_t enter(uint32_t conn, const std::shared_ptr<message> &sent, uint32_t &client, deadline &until)
 {
-    const std::lock_guard lock(service().mutex);
+    const base::scoped_lock hold(service().mutex);
     const connection *const over = service().connections.find(conn);
     if (over == nullptr) {
         return EINVAL;
@@ -216,14 +217,14 @@ uint32_t enqueue(const message &sent, uint32_t client)
 {
     const uint32_t status = host::event_post(sent.channel->evm, deliver, finish, host::pointer_of<void>(client));
     if (status != 0) {
-        const std::lock_guard lock(service().mutex);
-        take_out(client);
+        const base::scoped_lock hold(service().mutex);
+        remove_client(client);
     }
     return status == ESHUTDOWN ? ECONNRESET : status;
 }
 
-// The sender's last word, with the service's mutex held: a message that is queued no longer counts.
-void give_up(message &sent, uint32_t client)
+// Marks that the sender gave up. Removes the message if its receiver has not seen it.
+void give_up(message &sent, uint32_t client) L2FIB_REQUIRES(service().mutex)
 {
     sent.sender = sender_state::gave_up;
     if (!sent.delivered) {
@@ -234,8 +235,11 @@ void give_up(message &sent, uint32_t client)
 uint32_t wait_for_reply(message &sent, uint32_t client, deadline until)
 {
     {
-        std::unique_lock lock(service().mutex);
-        sent.woken.wait_until(lock, until, [&sent] { return sent.sender != sender_state::waiting; });
+        const base::scoped_lock hold(service().mutex);
+        bool is_late = false;
+        while (sent.sender == sender_state::waiting && !is_late) {
+            is_late = sent.woken.wait_until(service().mutex, until) == std::cv_status::timeout;
+        }
         if (sent.sender != sender_state::waiting) {
             return sent.sender == sender_state::answered ? 0 : ECONNRESET;
         }
@@ -258,13 +262,13 @@ uint32_t send(uint32_t conn, const std::shared_ptr<message> &sent)
 
 bool may_send(const void *request, uint64_t request_length, const void *reply, uint64_t reply_length)
 {
-    return request != nullptr && request_length >= sizeof(event_message_filter_t) && request_length <= longest_message
+    return request != nullptr && request_length >= sizeof(event_message_filter_t) && request_length <= max_message_bytes
            && (reply != nullptr || reply_length == 0);
 }
 
-uint32_t get_length(uint32_t client, uint64_t message::*which, uint64_t *length)
+uint32_t get_length(uint32_t client, const uint64_t message::*which, uint64_t *length)
 {
-    const std::lock_guard lock(service().mutex);
+    const base::scoped_lock hold(service().mutex);
     const message *const delivered = find_client(client);
     if (delivered == nullptr || length == nullptr) {
         return EINVAL;
@@ -273,7 +277,7 @@ uint32_t get_length(uint32_t client, uint64_t message::*which, uint64_t *length)
     return 0;
 }
 
-uint32_t answer(message &delivered, const void *reply, uint64_t reply_length)
+uint32_t answer(message &delivered, const void *reply, uint64_t reply_length) L2FIB_REQUIRES(service().mutex)
 {
     if (delivered.sender == sender_state::gave_up) {
         return ETIMEDOUT;
@@ -295,8 +299,8 @@ namespace host {
 
 void reset_clients(const msg_chan_t *channel)
 {
-    const std::lock_guard lock(service().mutex);
-    std::erase_if(service().clients.records, [channel](const auto &entry) {
+    const base::scoped_lock hold(service().mutex);
+    std::erase_if(service().clients.records, [channel](const auto &entry) L2FIB_REQUIRES(service().mutex) {
         if (entry.second->channel != channel) {
             return false;
         }
@@ -313,7 +317,7 @@ uint32_t msg_chan_attach(msg_chan_t *chan, uint32_t reserved, uint32_t *conn)
         return EINVAL;
     }
     return host::or_out_of_memory([&]() -> uint32_t {
-        const std::lock_guard lock(service().mutex);
+        const base::scoped_lock hold(service().mutex);
         *conn = service().connections.insert({chan});
         return 0;
     });
@@ -321,7 +325,7 @@ uint32_t msg_chan_attach(msg_chan_t *chan, uint32_t reserved, uint32_t *conn)
 
 uint32_t msg_set_send_timeout(uint32_t conn, uint32_t seconds)
 {
-    const std::lock_guard lock(service().mutex);
+    const base::scoped_lock hold(service().mutex);
     connection *const found = service().connections.find(conn);
     if (found == nullptr) {
         return EINVAL;
@@ -346,7 +350,7 @@ int msg_send(uint32_t conn, const void *request, uint64_t request_length, void *
 
 uint32_t msg_clinfo_hold(uint32_t client)
 {
-    const std::lock_guard lock(service().mutex);
+    const base::scoped_lock hold(service().mutex);
     message *const delivered = find_client(client);
     if (delivered == nullptr) {
         return EINVAL;
@@ -356,9 +360,9 @@ uint32_t msg_clinfo_hold(uint32_t client)
 
 uint32_t msg_clinfo_unhold(uint32_t client)
 {
-    const std::lock_guard lock(service().mutex);
+    const base::scoped_lock hold(service().mutex);
     const message *const delivered = find_client(client);
-    return delivered != nullptr && delivered->held && take_out(client) ? 0 : EINVAL;
+    return delivered != nullptr && delivered->held && remove_client(client) ? 0 : EINVAL;
 }
 
 uint32_t msg_get_clinfo_m_msglen(uint32_t client, uint64_t *length)
@@ -376,7 +380,7 @@ uint32_t msg_reply(uint32_t client, uint32_t reserved, const void *reply, uint64
     if (reserved != 0 || (reply == nullptr && reply_length != 0)) {
         return EINVAL;
     }
-    const std::lock_guard lock(service().mutex);
+    const base::scoped_lock hold(service().mutex);
     message *const delivered = find_client(client);
     return delivered == nullptr ? EINVAL : answer(*delivered, reply, reply_length);
 }

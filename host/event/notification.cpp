@@ -3,19 +3,18 @@
 // The notification service: connections with their subscriptions, and publications that travel through the subscribers'
 // event queues.
 //
-// Threads. One mutex guards the connections and comes before an event manager's. A publication is queued for all its
-// subscribers under it, so that every subscriber gets the publications in one order. Callbacks run without it, on the
-// subscriber's thread. A disconnection makes what is queued go nowhere; one that is called from another thread may find
-// the last callback still running.
+// Threads. One mutex guards the connections; it comes before the mutex of an event manager. A publisher queues a
+// publication for all subscribers under the mutex, so every subscriber gets the publications in the same order. A
+// callback runs on the subscriber's thread, without the mutex. A disconnection discards what is queued. On another
+// thread than the subscriber's, it may return while the last callback still runs.
 //
-// A connection's handle is a number in the shape of a pointer, never followed: a stale one is merely unknown.
+// The handle of a connection is a number in a pointer type, which nobody dereferences. A stale handle is unknown.
 #include "host/event/notification_host.h"
 
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
@@ -34,8 +33,8 @@ struct subscriber {
 };
 
 struct notification_service {
-    std::mutex mutex;
-    host::handle_table<subscriber> connections;
+    base::mutex mutex;
+    host::handle_table<subscriber> connections L2FIB_GUARDED_BY(mutex);
 };
 
 // A publication on its way to one subscriber.
@@ -52,7 +51,7 @@ notification_service &service()
     return the_service.object;
 }
 
-// The service's mutex is held. Null when the subscriber does not want the publication.
+// Returns null if the subscriber has no callback for the publication.
 bdxc_notification_fn find_callback(const subscriber &to, stream on, uint32_t slot)
 {
     return to.subscriptions[on] ? to.subscriptions[on]->callback[slot] : nullptr;
@@ -60,7 +59,7 @@ bdxc_notification_fn find_callback(const subscriber &to, stream on, uint32_t slo
 
 bdxc_notification_fn find_callback(const publication &arrived)
 {
-    const std::lock_guard lock(service().mutex);
+    const base::scoped_lock hold(service().mutex);
     const subscriber *const to = service().connections.find(arrived.connection);
     return to == nullptr ? nullptr : find_callback(*to, arrived.on, arrived.slot);
 }
@@ -79,12 +78,12 @@ void discard(void *cookie)
     delete static_cast<publication *>(cookie);
 }
 
-// A subscriber that has ended gets nothing, which is no error.
+// Queues a publication for one subscriber. A subscriber that has ended gets nothing, and that is not an error.
 uint32_t post(event_manager_t *evm, std::unique_ptr<publication> sent)
 {
     const uint32_t status = host::event_post(evm, deliver, discard, sent.get());
     if (status == 0) {
-        static_cast<void>(sent.release()); // the queue's now
+        static_cast<void>(sent.release()); // the queue owns it now
     }
     return status == ESHUTDOWN ? 0 : status;
 }
@@ -109,7 +108,7 @@ uint32_t publish(stream on, const Record *record, uint32_t slot)
     }
     const auto *const bytes = reinterpret_cast<const std::byte *>(record);
     uint32_t status = 0;
-    const std::lock_guard lock(service().mutex);
+    const base::scoped_lock hold(service().mutex);
     for (const auto &[connection, to] : service().connections.records) {
         const uint32_t posted = publish_to(connection, to, on, slot, bytes, sizeof(*record));
         status = status != 0 ? status : posted;
@@ -132,7 +131,7 @@ uint32_t subscribe(stream to, const bdxc_connection_t *connection, uint32_t rese
     if (reserved != 0 || subscription == nullptr) {
         return EINVAL;
     }
-    const std::lock_guard lock(service().mutex);
+    const base::scoped_lock hold(service().mutex);
     subscriber *const found = service().connections.find(host::handle_of(connection));
     if (found == nullptr) {
         return EINVAL;
@@ -146,9 +145,9 @@ uint32_t subscribe(stream to, const bdxc_connection_t *connection, uint32_t rese
 
 uint32_t connect(event_manager_t *evm, bdxc_connection_t *&connection)
 {
-    const std::lock_guard lock(service().mutex);
+    const base::scoped_lock hold(service().mutex);
     if (host::is_closed(evm)) {
-        return ESHUTDOWN; // later it would close the connection itself
+        return ESHUTDOWN; // the end of the manager has closed its connections already, and would miss this one
     }
     connection = host::pointer_of<bdxc_connection_t>(service().connections.insert({evm, {}}));
     return 0;
@@ -160,7 +159,7 @@ namespace host {
 
 void close_connections(const event_manager_t *evm)
 {
-    const std::lock_guard lock(service().mutex);
+    const base::scoped_lock hold(service().mutex);
     std::erase_if(service().connections.records, [evm](const auto &entry) { return entry.second.evm == evm; });
 }
 
@@ -196,7 +195,7 @@ uint32_t bdxc_process_connect(event_manager_t *evm, uint32_t reserved, bdxc_conn
 
 uint32_t bdxc_process_disconnect(bdxc_connection_t *connection)
 {
-    const std::lock_guard lock(service().mutex);
+    const base::scoped_lock hold(service().mutex);
     return service().connections.erase(host::handle_of(connection)) ? 0 : EINVAL;
 }
 

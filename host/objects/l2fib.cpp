@@ -7,13 +7,13 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 
+#include "base/mutex.h"
 #include "host/objects/l2fib_host.h"
 
 namespace {
 
-// A value that is set and read as a whole.
+// A value that any thread sets or reads as a whole.
 template <typename Value>
 class shared_value {
 public:
@@ -21,21 +21,21 @@ public:
         : value_(initial)
     {}
 
-    void set(const Value &changed)
+    void set(const Value &changed) L2FIB_EXCLUDES(lock_)
     {
-        const std::scoped_lock hold(lock_);
+        const base::scoped_lock hold(lock_);
         value_ = changed;
     }
 
-    Value get()
+    Value get() L2FIB_EXCLUDES(lock_)
     {
-        const std::scoped_lock hold(lock_);
+        const base::scoped_lock hold(lock_);
         return value_;
     }
 
 private:
-    std::mutex lock_;
-    Value value_;
+    base::mutex lock_;
+    Value value_ L2FIB_GUARDED_BY(lock_);
 };
 
 struct debug_sink {
@@ -54,21 +54,29 @@ void print_line(void *, uint32_t, const char *function, const char *text)
 }
 
 constexpr debug_sink standard_error{print_line, nullptr};
-constexpr size_t max_message = 1024;
 
-std::atomic<uint32_t> debug_bits{0};
-constinit shared_value<debug_sink> message_sink{standard_error};
-constinit shared_value<mac_query> hardware{mac_query{}};
-constinit shared_value<l2fib_hw_edm_handler_table_t> handlers{l2fib_hw_edm_handler_table_t{}};
-constinit shared_value<l2fib_action_table_t> actions{l2fib_action_table_t{}};
+// The functions and settings that the two sides of the library have exchanged. The C interface has no handle for them,
+// so there is one for the process.
+struct exchange {
+    std::atomic<uint32_t> debug_bits{0};
+    shared_value<debug_sink> message_sink{standard_error};
+    shared_value<mac_query> hardware{mac_query{}};
+    shared_value<l2fib_hw_edm_handler_table_t> handlers{l2fib_hw_edm_handler_table_t{}};
+    shared_value<l2fib_action_table_t> actions{l2fib_action_table_t{}};
+};
+
+constinit exchange exchanged;
 
 constexpr size_t handler_slots = sizeof(l2fib_hw_edm_handler_table_t) / sizeof(void *);
 using handler_slot_array = std::array<void *, handler_slots>;
 
 constexpr bool is_empty_slot(size_t slot)
 {
-    return slot == 6 || slot == 10;
+    return slot * sizeof(void *) == offsetof(l2fib_hw_edm_handler_table_t, empty6)
+           || slot * sizeof(void *) == offsetof(l2fib_hw_edm_handler_table_t, empty10);
 }
+
+constexpr size_t words_of_address = 3; // of 16 bits each
 
 bool is_complete(const l2fib_hw_edm_handler_table_t &table)
 {
@@ -84,7 +92,7 @@ bool is_complete(const l2fib_hw_edm_handler_table_t &table)
 uint32_t query_mac(const l2fib_mac_query_request_t &request, l2fib_mac_query_t &query)
 {
     query.state = 0;
-    const mac_query asked = hardware.get();
+    const mac_query asked = exchanged.hardware.get();
     if (asked.answer == nullptr) {
         return 0;
     }
@@ -95,14 +103,14 @@ uint32_t query_mac(const l2fib_mac_query_request_t &request, l2fib_mac_query_t &
 
 void l2fib_macaddr_to_swords(const uint8_t *mac_addr, uint16_t *words)
 {
-    for (size_t i = 0; i < 3; i++) {
+    for (size_t i = 0; i < words_of_address; i++) {
         words[i] = static_cast<uint16_t>(mac_addr[2 * i] << 8 | mac_addr[2 * i + 1]);
     }
 }
 
 void macaddr_lwordston(const uint32_t *words, uint8_t *mac_addr)
 {
-    for (size_t i = 0; i < 3; i++) {
+    for (size_t i = 0; i < words_of_address; i++) {
         mac_addr[2 * i] = static_cast<uint8_t>(words[i] >> 8);
         mac_addr[2 * i + 1] = static_cast<uint8_t>(words[i]);
     }
@@ -113,7 +121,7 @@ uint32_t l2fib_show_mac_edm_fn_init(const l2fib_hw_edm_handler_table_t *table)
     if (table == nullptr || !is_complete(*table)) {
         return EINVAL;
     }
-    handlers.set(*table);
+    exchanged.handlers.set(*table);
     return 0;
 }
 
@@ -122,7 +130,7 @@ uint32_t l2fib_action_mac_edm_fn_init(const l2fib_action_table_t *table)
     if (table == nullptr || table->action[L2FIB_ACTION_SLOT_MAC_EDM] == nullptr) {
         return EINVAL;
     }
-    actions.set(*table);
+    exchanged.actions.set(*table);
     return 0;
 }
 
@@ -142,7 +150,7 @@ uint32_t l2fib_platform_ctl_wrapper(uint32_t operation, uint32_t argument_size, 
     return query_mac(*request, *static_cast<l2fib_mac_query_t *>(query));
 }
 
-// The context is there already (trace_reader.h): nothing is left to set up.
+// The debug context exists already (trace_reader.h), so there is nothing to set up.
 uint32_t l2fib_debug_init(void *evm, void *edm_handle, void *lwm_chan, const void *pd_cb)
 {
     const bool complete = evm != nullptr && edm_handle != nullptr && lwm_chan != nullptr && pd_cb != nullptr;
@@ -151,7 +159,7 @@ uint32_t l2fib_debug_init(void *evm, void *edm_handle, void *lwm_chan, const voi
 
 uint32_t l2fib_debug_get_enabled_bitset(void)
 {
-    return debug_bits.load(std::memory_order_relaxed);
+    return exchanged.debug_bits.load(std::memory_order_relaxed);
 }
 
 void l2vpn_vdbgf(l2fib_debug_ctx_t *ctx, uint32_t level, const char *function, const char *format, ...)
@@ -159,12 +167,12 @@ void l2vpn_vdbgf(l2fib_debug_ctx_t *ctx, uint32_t level, const char *function, c
     if (ctx == nullptr || function == nullptr || format == nullptr) {
         return;
     }
-    char text[max_message];
+    char text[host::max_debug_message_bytes];
     va_list arguments;
     va_start(arguments, format);
     vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
-    const debug_sink sink = message_sink.get();
+    const debug_sink sink = exchanged.message_sink.get();
     sink.print(sink.cookie, level, function, text);
 }
 
@@ -172,27 +180,27 @@ namespace host {
 
 l2fib_hw_edm_handler_table_t edm_handlers()
 {
-    return handlers.get();
+    return exchanged.handlers.get();
 }
 
 l2fib_action_table_t edm_actions()
 {
-    return actions.get();
+    return exchanged.actions.get();
 }
 
 void debug_bits_set(uint32_t bits)
 {
-    debug_bits.store(bits, std::memory_order_relaxed);
+    exchanged.debug_bits.store(bits, std::memory_order_relaxed);
 }
 
 void debug_sink_set(debug_sink_fn sink, void *cookie)
 {
-    message_sink.set(sink == nullptr ? standard_error : debug_sink{sink, cookie});
+    exchanged.message_sink.set(sink == nullptr ? standard_error : debug_sink{sink, cookie});
 }
 
 void mac_query_set(mac_query_fn query, void *cookie)
 {
-    hardware.set({query, cookie});
+    exchanged.hardware.set({query, cookie});
 }
 
 } // namespace host

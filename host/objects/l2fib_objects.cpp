@@ -11,23 +11,27 @@
 
 #include "host/never_destroyed.h"
 #include "host/out_of_memory.h"
+#include "platform/thread_safety.h"
 
 namespace {
 
-// A context is not a pointer but a number that fits one:
+// A context is a number in a pointer type:
 //
 //   63     60 59              32 31           0
 //   [ kind   | life             | id           ]
 //
-// The kind is never 0, so no context is null. Lives are counted over all objects and wrap after 2^28 creations.
+// The kind is never 0, so no context is null. One counter numbers the lives of all objects. Example: bridge domain 5 is
+// created (life 1), removed, and created again (life 2). A context with life 1 is then stale.
 enum class object_kind : uint32_t { none, bridge_domain, cross_connect, segment };
 
-constexpr uint32_t life_mask = (1u << 28) - 1;
+constexpr unsigned kind_shift = 60;
+constexpr unsigned life_shift = 32;
+constexpr uint32_t life_mask = (1u << (kind_shift - life_shift)) - 1; // lives wrap after 2^28 creations
 
 struct bridge_domain {
     uint32_t life;
     uint32_t bridge_id;
-    char name[L2FIB_NAME_BUFFER_SIZE]; // filled up with zeros
+    char name[L2FIB_NAME_BUFFER_SIZE]; // zeros follow the name
 };
 
 struct connected {
@@ -40,14 +44,24 @@ struct text_hash {
     size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
 };
 
-struct object_store {
-    std::recursive_mutex lock; // guards everything here
-    std::unordered_map<uint32_t, bridge_domain> bridge_domains;
-    std::unordered_map<std::string, uint32_t, text_hash, std::equal_to<>> bridge_ids; // by name
-    std::unordered_map<uint32_t, connected> cross_connects;
-    uint32_t lives = 0;
+// A recursive mutex, because the module may call a function here while it holds l2fib_lock.
+class L2FIB_CAPABILITY("mutex") object_lock {
+public:
+    void lock() L2FIB_ACQUIRE() { mutex_.lock(); }
+    void unlock() L2FIB_RELEASE() { mutex_.unlock(); }
 
-    uint32_t new_life() { return ++lives & life_mask; }
+private:
+    std::recursive_mutex mutex_;
+};
+
+struct object_store {
+    object_lock lock;
+    std::unordered_map<uint32_t, bridge_domain> bridge_domains L2FIB_GUARDED_BY(lock);
+    std::unordered_map<std::string, uint32_t, text_hash, std::equal_to<>> bridge_ids L2FIB_GUARDED_BY(lock); // by name
+    std::unordered_map<uint32_t, connected> cross_connects L2FIB_GUARDED_BY(lock);
+    uint32_t lives L2FIB_GUARDED_BY(lock) = 0;
+
+    uint32_t new_life() L2FIB_REQUIRES(lock) { return ++lives & life_mask; }
 };
 
 object_store &objects()
@@ -56,12 +70,33 @@ object_store &objects()
     return store.object;
 }
 
+class L2FIB_SCOPED_CAPABILITY scoped_object_lock {
+public:
+    explicit scoped_object_lock(object_lock &held) L2FIB_ACQUIRE(held)
+        : held_(held)
+    {
+        held_.lock();
+    }
+    ~scoped_object_lock() L2FIB_RELEASE() { held_.unlock(); }
+    scoped_object_lock(const scoped_object_lock &) = delete;
+    scoped_object_lock &operator=(const scoped_object_lock &) = delete;
+
+private:
+    object_lock &held_;
+};
+
 l2fib_ctx_t context_of(object_kind kind, uint32_t life, uint32_t id)
 {
-    return reinterpret_cast<l2fib_ctx_t>(static_cast<uintptr_t>(kind) << 60 | uintptr_t{life} << 32 | id);
+    return reinterpret_cast<l2fib_ctx_t>(static_cast<uintptr_t>(kind) << kind_shift | uintptr_t{life} << life_shift
+                                         | id);
 }
 
-// The record that a table holds under `id`, or null.
+uint32_t life_of(uintptr_t context)
+{
+    return static_cast<uint32_t>(context >> life_shift) & life_mask;
+}
+
+// Returns the record of an id, or null.
 template <typename Record>
 const Record *find(const std::unordered_map<uint32_t, Record> &table, uint32_t id)
 {
@@ -69,24 +104,25 @@ const Record *find(const std::unordered_map<uint32_t, Record> &table, uint32_t i
     return found == table.end() ? nullptr : &found->second;
 }
 
+// Returns the record that a context names, or null if the context is stale.
 template <typename Record>
 const Record *find_alive(const std::unordered_map<uint32_t, Record> &table, uintptr_t context)
 {
     const Record *record = find(table, static_cast<uint32_t>(context));
-    return record != nullptr && record->life == (context >> 32 & life_mask) ? record : nullptr;
+    return record != nullptr && record->life == life_of(context) ? record : nullptr;
 }
 
-// An object as a reader finds it: what it is, and the record that its fields lie in.
+// What a context names: a kind of object, its class, and the record with its fields.
 struct found_object {
     object_kind kind = object_kind::none;
     uint32_t object_class = 0;
-    const void *record = nullptr; // null: there is no such object
+    const void *record = nullptr; // null if the context is stale
 };
 
-found_object resolve(l2fib_ctx_t handle)
+found_object resolve(l2fib_ctx_t handle) L2FIB_REQUIRES(objects().lock)
 {
     const auto context = reinterpret_cast<uintptr_t>(handle);
-    const auto kind = static_cast<object_kind>(context >> 60);
+    const auto kind = static_cast<object_kind>(context >> kind_shift);
     if (kind == object_kind::bridge_domain) {
         return {kind, L2FIB_CLASS_BRIDGE_DOMAIN, find_alive(objects().bridge_domains, context)};
     }
@@ -106,7 +142,7 @@ struct field {
     uint32_t number;
     uint32_t offset; // in the record
     uint32_t size;
-    uint32_t sub_kind = 0; // the interface sub-kind that has this value; 0: it is always there
+    uint32_t sub_kind = 0; // only an interface of this sub-kind has the field; 0: all have it
 };
 
 #define FIELD_OF(record, member) offsetof(record, member), sizeof(record::member)
@@ -145,7 +181,7 @@ bool has_value(const found_object &object, const field &read)
     return read.sub_kind == 0 || static_cast<const host::segment *>(object.record)->interface_sub_kind == read.sub_kind;
 }
 
-// Stores the context of the object that a table holds under `id`.
+// Stores the context of the object with an id.
 template <typename Record>
 uint32_t store_context(const std::unordered_map<uint32_t, Record> &table, object_kind kind, uint32_t id,
                        l2fib_ctx_t *ctx)
@@ -166,7 +202,7 @@ uint32_t name_refusal(std::string_view name)
     return name.size() > host::max_bridge_domain_name ? ENAMETOOLONG : 0;
 }
 
-void forget_name(object_store &store, std::string_view name)
+void forget_name(object_store &store, std::string_view name) L2FIB_REQUIRES(store.lock)
 {
     const auto named = store.bridge_ids.find(name);
     if (named != store.bridge_ids.end()) {
@@ -174,8 +210,8 @@ void forget_name(object_store &store, std::string_view name)
     }
 }
 
-// Makes or renames the record of a bridge domain whose new name nobody has.
-void give_name(object_store &store, uint32_t bridge_id, std::string_view name)
+// Creates or renames a bridge domain. No other bridge domain has the name.
+void give_name(object_store &store, uint32_t bridge_id, std::string_view name) L2FIB_REQUIRES(store.lock)
 {
     store.bridge_ids.try_emplace(std::string(name), bridge_id);
     const auto [found, fresh] = store.bridge_domains.try_emplace(bridge_id);
@@ -192,12 +228,13 @@ void give_name(object_store &store, uint32_t bridge_id, std::string_view name)
 
 } // namespace
 
-void l2fib_lock(void)
+// The caller unlocks, so the analysis cannot pair the two calls.
+void l2fib_lock(void) L2FIB_NO_THREAD_SAFETY_ANALYSIS
 {
     objects().lock.lock();
 }
 
-void l2fib_unlock(void)
+void l2fib_unlock(void) L2FIB_NO_THREAD_SAFETY_ANALYSIS
 {
     objects().lock.unlock();
 }
@@ -208,7 +245,7 @@ uint32_t l2fib_get_plat_ctx_by_id(uint32_t object_class, uint32_t id, l2fib_ctx_
         return EINVAL;
     }
     object_store &store = objects();
-    const std::scoped_lock hold(store.lock);
+    const scoped_object_lock hold(store.lock);
     switch (object_class) {
     case L2FIB_CLASS_BRIDGE_DOMAIN: return store_context(store.bridge_domains, object_kind::bridge_domain, id, ctx);
     case L2FIB_CLASS_CROSS_CONNECT: return store_context(store.cross_connects, object_kind::cross_connect, id, ctx);
@@ -225,9 +262,11 @@ uint32_t l2fib_get_plat_ctx_by_name(uint32_t object_class, const char *name, l2f
         return EOPNOTSUPP;
     }
     object_store &store = objects();
-    const std::scoped_lock hold(store.lock);
+    const scoped_object_lock hold(store.lock);
     const auto named = store.bridge_ids.find(std::string_view(name));
-    return named == store.bridge_ids.end() ? ENOENT : l2fib_get_plat_ctx_by_id(object_class, named->second, ctx);
+    return named == store.bridge_ids.end()
+               ? ENOENT
+               : store_context(store.bridge_domains, object_kind::bridge_domain, named->second, ctx);
 }
 
 uint32_t l2fib_access_field(uint32_t object_class, const l2fib_ctx_t *ctx, uint32_t number, void *value)
@@ -235,7 +274,7 @@ uint32_t l2fib_access_field(uint32_t object_class, const l2fib_ctx_t *ctx, uint3
     if (ctx == nullptr || value == nullptr) {
         return EINVAL;
     }
-    const std::scoped_lock hold(objects().lock);
+    const scoped_object_lock hold(objects().lock);
     const found_object object = resolve(*ctx);
     if (object.record == nullptr || object.object_class != object_class) {
         return ESTALE;
@@ -257,15 +296,15 @@ uint32_t l2fib_get_seg1_by_seg2(uint32_t object_class, const l2fib_ctx_t *ctx, u
     if (ctx == nullptr || segment_type == nullptr || segment == nullptr || object_class != L2FIB_CLASS_CROSS_CONNECT) {
         return EINVAL;
     }
-    const std::scoped_lock hold(objects().lock);
+    const scoped_object_lock hold(objects().lock);
     const found_object owner = resolve(*ctx);
     if (owner.record == nullptr || owner.kind != object_kind::cross_connect) {
         return ESTALE;
     }
     *segment_type = static_cast<const host::cross_connect *>(owner.record)->first.type;
-    // The segment lives and ends with its cross-connect: only the kind differs.
+    // A segment has the life and the id of its cross-connect. Only the kind differs.
     const auto context = reinterpret_cast<uintptr_t>(*ctx);
-    *segment = context_of(object_kind::segment, context >> 32 & life_mask, static_cast<uint32_t>(context));
+    *segment = context_of(object_kind::segment, life_of(context), static_cast<uint32_t>(context));
     return 0;
 }
 
@@ -277,7 +316,7 @@ uint32_t bridge_domain_set(uint32_t bridge_id, std::string_view name)
         return status;
     }
     object_store &store = objects();
-    const std::scoped_lock hold(store.lock);
+    const scoped_object_lock hold(store.lock);
     const auto named = store.bridge_ids.find(name);
     if (named != store.bridge_ids.end()) {
         return named->second == bridge_id ? 0 : EEXIST;
@@ -294,7 +333,7 @@ uint32_t bridge_domain_set(uint32_t bridge_id, std::string_view name)
 uint32_t bridge_domain_remove(uint32_t bridge_id)
 {
     object_store &store = objects();
-    const std::scoped_lock hold(store.lock);
+    const scoped_object_lock hold(store.lock);
     const bridge_domain *record = find(store.bridge_domains, bridge_id);
     if (record == nullptr) {
         return ENOENT;
@@ -308,7 +347,7 @@ uint32_t cross_connect_set(uint32_t xcid, const cross_connect &values)
 {
     return or_out_of_memory([&] {
         object_store &store = objects();
-        const std::scoped_lock hold(store.lock);
+        const scoped_object_lock hold(store.lock);
         const auto [found, fresh] = store.cross_connects.try_emplace(xcid);
         if (fresh) {
             found->second.life = store.new_life();
@@ -321,21 +360,14 @@ uint32_t cross_connect_set(uint32_t xcid, const cross_connect &values)
 uint32_t cross_connect_remove(uint32_t xcid)
 {
     object_store &store = objects();
-    const std::scoped_lock hold(store.lock);
+    const scoped_object_lock hold(store.lock);
     return store.cross_connects.erase(xcid) == 0 ? ENOENT : 0;
-}
-
-object_counts objects_count()
-{
-    object_store &store = objects();
-    const std::scoped_lock hold(store.lock);
-    return {store.bridge_domains.size(), store.cross_connects.size()};
 }
 
 void objects_clear()
 {
     object_store &store = objects();
-    const std::scoped_lock hold(store.lock);
+    const scoped_object_lock hold(store.lock);
     store.bridge_domains.clear();
     store.bridge_ids.clear();
     store.cross_connects.clear();

@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The forwarding manager's objects: bridge domains, cross-connects and the first segment of each. The hosting process
-// creates, changes and removes them; the module reads them through platform/l2fib.h.
+// The objects of the forwarding manager, and the main header of this room: bridge domains, cross-connects and the first
+// segment of each cross-connect. The hosting process creates, changes and removes them here. The module reads them
+// through platform/l2fib.h.
 //
-// A context that the module holds is checked at every use: it names the object and which of its lives is meant, so that
-// the context of an object that was removed, even if it has come back since, is refused and not followed.
+//      host::bridge_domain_set(1, "campus:br0");
+//      host::cross_connect_set(7, {.first = {.type = L2FIB_SEGMENT_INTERFACE, .interface_handle = 3}});
 //
-// Removing an object here tells nobody: publish the notification as well (notification_host.h).
+// A context that the module holds names the object and one of its lives. Each use checks both. So the context of an
+// object that was removed is refused, even if an object with the same id has been created since.
 //
-// Threads: any, with or without l2fib_lock; hold it to make several changes one step for the readers.
-// Statuses are 0 for success or an error number, and nothing has changed then.
+// The removal of an object here notifies nobody: publish the notification as well (notification_host.h).
+//
+// Threads: any, with or without l2fib_lock. Hold l2fib_lock to make several changes appear as one to the readers.
+// Statuses are 0 for success or an error number; after an error nothing has changed.
 #pragma once
 
 #include <array>
@@ -21,19 +25,19 @@
 
 namespace host {
 
-// The longest name that the field's buffer holds with its end.
+// The field's buffer holds a name of this length, and the zero byte that ends it.
 inline constexpr size_t max_bridge_domain_name = L2FIB_NAME_BUFFER_SIZE - 1;
 
-// Creates a bridge domain or renames it. Names are unique. EINVAL: the name is empty or holds a zero byte;
-// ENAMETOOLONG: it is longer than max_bridge_domain_name, and is refused because names that were cut could meet;
-// EEXIST: another bridge domain has it; ENOMEM.
+// Creates or renames a bridge domain. Names are unique. EINVAL: the name is empty or holds a zero byte; ENAMETOOLONG:
+// it is longer than max_bridge_domain_name (two names that were cut could become equal); EEXIST: another bridge domain
+// has the name; ENOMEM.
 L2FIB_EXPORT uint32_t bridge_domain_set(uint32_t bridge_id, std::string_view name);
 
-// ENOENT: there is none.
+// ENOENT: there is no such bridge domain.
 L2FIB_EXPORT uint32_t bridge_domain_remove(uint32_t bridge_id);
 
-// The first segment of a cross-connect. `type` is its class and decides which values can be read; any number may stand
-// there, and a class without fields has no values.
+// The first segment of a cross-connect. `type` is its class: it decides which values the module can read. A class that
+// is not listed here has no values.
 struct segment {
     uint32_t type = 0;
     uint32_t interface_handle = 0;    // L2FIB_SEGMENT_INTERFACE
@@ -49,18 +53,11 @@ struct cross_connect {
     segment first;
 };
 
-// Creates a cross-connect or changes it. Contexts of its segment stay good unless its type changes. ENOMEM.
+// Creates or changes a cross-connect. Contexts of its segment stay valid unless the type changes. ENOMEM.
 L2FIB_EXPORT uint32_t cross_connect_set(uint32_t xcid, const cross_connect &values);
 
-// ENOENT: there is none.
+// ENOENT: there is no such cross-connect.
 L2FIB_EXPORT uint32_t cross_connect_remove(uint32_t xcid);
-
-struct object_counts {
-    size_t bridge_domains;
-    size_t cross_connects;
-};
-
-L2FIB_EXPORT object_counts objects_count();
 
 // Removes every object.
 L2FIB_EXPORT void objects_clear();

@@ -11,35 +11,47 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
-#include <mutex>
+
+#include "base/mutex.h"
 
 namespace host {
 namespace {
 
-constexpr size_t most_slabs = (size_t{64} << 30) / arena_slab_size;
+constexpr size_t max_reserved_bytes = size_t{64} << 30;
+constexpr size_t max_slabs = max_reserved_bytes / arena_slab_size;
 
-// `base` and `count` are written once, `base` first, by whoever takes the first slab. An owner is stored after its slab
-// has become accessible and cleared before it ceases to be.
+// Not the index of any slab.
+constexpr size_t no_slab = max_slabs;
+
+// arena_owner reads this table without a lock. The first arena_take writes `base` and then `count`, once. An owner is
+// stored after its slab became accessible, and cleared before the slab becomes inaccessible.
 struct slab_table {
     std::atomic<uintptr_t> base;
     std::atomic<size_t> count;
-    std::array<std::atomic<const void *>, most_slabs> owners;
+    std::array<std::atomic<const void *>, max_slabs> owners;
 };
 
-// The slabs below `used` that are not out are on the stack `free`; from `used` on, none has ever been out.
+// Which slabs are taken. Slabs from `used` on have never been taken. Below `used`, the stack `free` holds those that
+// were given back:
+//
+//      slab       0       1       2       3       4 ...
+//                 taken   free    taken   free    never taken
+//      used = 4   free = [3, 1]        the next arena_take returns slab 1
 struct slab_account {
-    std::mutex mutex; // protects all below
-    size_t taken = 0;
-    size_t peak = 0;
-    size_t refused = 0;
-    size_t used = 0;
-    size_t free_count = 0;
-    std::array<uint32_t, most_slabs> free = {};
+    base::mutex mutex;
+    size_t taken L2FIB_GUARDED_BY(mutex) = 0;
+    size_t peak L2FIB_GUARDED_BY(mutex) = 0;
+    size_t refused L2FIB_GUARDED_BY(mutex) = 0;
+    size_t used L2FIB_GUARDED_BY(mutex) = 0;
+    size_t free_count L2FIB_GUARDED_BY(mutex) = 0;
+    std::array<uint32_t, max_slabs> free L2FIB_GUARDED_BY(mutex) = {};
 };
 
 constinit slab_table table;
 constinit slab_account account;
-constinit size_t limit = most_slabs; // apart, so that the rest is zero at start; under account.mutex too
+
+// Apart from the account, so that the account is all zero and takes no space in the library's file.
+constinit size_t limit L2FIB_GUARDED_BY(account.mutex) = max_slabs;
 
 void *map_inaccessible(void *at, size_t size, int flags) noexcept
 {
@@ -51,14 +63,15 @@ std::byte *slab_at(size_t index) noexcept
     return reinterpret_cast<std::byte *>(table.base.load(std::memory_order_relaxed) + index * arena_slab_size);
 }
 
-// Address space limits of the process may allow less than we would like: half of it then, down to a single slab.
-bool reserve() noexcept
+// Reserves the address space, unless it is reserved. If the process may not have that much, tries half of it, and so on
+// down to a single slab.
+bool reserve() noexcept L2FIB_REQUIRES(account.mutex)
 {
     if (table.count.load(std::memory_order_relaxed) != 0) {
         return true;
     }
-    for (size_t count = most_slabs; count != 0; count /= 2) {
-        // One slab more than asked for, since the mapping is aligned to small pages only.
+    for (size_t count = max_slabs; count != 0; count /= 2) {
+        // One slab more than needed, because the mapping is aligned to small pages only.
         void *start = map_inaccessible(nullptr, (count + 1) * arena_slab_size, 0);
         if (start != MAP_FAILED) {
             const auto address = reinterpret_cast<uintptr_t>(start) + arena_slab_size - 1;
@@ -70,33 +83,33 @@ bool reserve() noexcept
     return false;
 }
 
-// The index of the slab that `address` lies in; not below the count when it lies in none.
+// Returns the index of the slab that `address` lies in, or no_slab.
 size_t index_of(const void *address) noexcept
 {
     const size_t count = table.count.load(std::memory_order_acquire);
     const uintptr_t base = table.base.load(std::memory_order_relaxed);
     const size_t index = (reinterpret_cast<uintptr_t>(address) - base) / arena_slab_size;
-    return index < count ? index : most_slabs;
+    return index < count ? index : no_slab;
 }
 
-// A slab that is not out, `most_slabs` when there is none to be had.
-size_t pick() noexcept
+// Returns the index of a slab that is not taken, or no_slab.
+size_t pick() noexcept L2FIB_REQUIRES(account.mutex)
 {
     if (!reserve() || account.taken >= limit) {
-        return most_slabs;
+        return no_slab;
     }
     if (account.free_count != 0) {
         return account.free[--account.free_count];
     }
-    return account.used < table.count.load(std::memory_order_relaxed) ? account.used++ : most_slabs;
+    return account.used < table.count.load(std::memory_order_relaxed) ? account.used++ : no_slab;
 }
 
-void put_back(size_t index) noexcept
+void put_back(size_t index) noexcept L2FIB_REQUIRES(account.mutex)
 {
     account.free[account.free_count++] = static_cast<uint32_t>(index);
 }
 
-// Without the advice the slab still works, in small pages.
+// Makes a slab accessible. If the system refuses huge pages, the slab has small ones.
 bool open(std::byte *slab, arena_pages pages) noexcept
 {
     if (mprotect(slab, arena_slab_size, PROT_READ | PROT_WRITE) != 0) {
@@ -108,8 +121,9 @@ bool open(std::byte *slab, arena_pages pages) noexcept
     return true;
 }
 
-// A new mapping in place of the old drops its pages, its advice and its share of the system's commitment in one call.
-// The system refuses it only when the process has too many mappings; then the pages at least are dropped.
+// Maps new inaccessible memory over a slab. One call so drops the slab's pages, its advice and its share of the
+// system's committed memory. The system refuses only if the process has too many mappings. Then at least the pages are
+// dropped.
 void close(std::byte *slab) noexcept
 {
     ASAN_UNPOISON_MEMORY_REGION(slab, arena_slab_size);
@@ -118,8 +132,8 @@ void close(std::byte *slab) noexcept
     }
 }
 
-// For kernels that cannot be told to populate: a write to each page that leaves it as it was, and that the owner may
-// have poisoned.
+// For kernels without MADV_POPULATE_WRITE: writes to each page without changing it. The owner may have poisoned the
+// page for the address sanitizer.
 [[gnu::no_sanitize_address]] void touch_each_page(std::byte *start, size_t size) noexcept
 {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
@@ -132,9 +146,9 @@ void close(std::byte *slab) noexcept
 
 void *arena_take(const void *owner, arena_pages pages) noexcept
 {
-    const std::lock_guard guard(account.mutex);
-    const size_t index = owner == nullptr ? most_slabs : pick();
-    if (index == most_slabs) {
+    const base::scoped_lock hold(account.mutex);
+    const size_t index = owner == nullptr ? no_slab : pick();
+    if (index == no_slab) {
         account.refused++;
         return nullptr;
     }
@@ -150,10 +164,9 @@ void *arena_take(const void *owner, arena_pages pages) noexcept
 
 void arena_give(void *slab) noexcept
 {
-    const std::lock_guard guard(account.mutex);
+    const base::scoped_lock hold(account.mutex);
     const size_t index = index_of(slab);
-    if (index == most_slabs || slab != slab_at(index)
-        || table.owners[index].load(std::memory_order_relaxed) == nullptr) {
+    if (index == no_slab || slab != slab_at(index) || table.owners[index].load(std::memory_order_relaxed) == nullptr) {
         return;
     }
     table.owners[index].store(nullptr, std::memory_order_release);
@@ -165,7 +178,7 @@ void arena_give(void *slab) noexcept
 const void *arena_owner(const void *address) noexcept
 {
     const size_t index = index_of(address);
-    return index == most_slabs ? nullptr : table.owners[index].load(std::memory_order_acquire);
+    return index == no_slab ? nullptr : table.owners[index].load(std::memory_order_acquire);
 }
 
 bool arena_touch(void *start, size_t size) noexcept
@@ -184,13 +197,13 @@ bool arena_touch(void *start, size_t size) noexcept
 
 void arena_set_limit(size_t slabs) noexcept
 {
-    const std::lock_guard guard(account.mutex);
+    const base::scoped_lock hold(account.mutex);
     limit = slabs;
 }
 
 void arena_read_statistics(arena_statistics *statistics) noexcept
 {
-    const std::lock_guard guard(account.mutex);
+    const base::scoped_lock hold(account.mutex);
     *statistics = {table.count.load(std::memory_order_relaxed), limit, account.taken, account.peak, account.refused};
 }
 

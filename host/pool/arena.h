@@ -1,18 +1,23 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Page arena: the memory below the host's trees and pools, in slabs of 2 MiB that are aligned to their size.
+// The page arena, and the main header of this room: it gives the host's pools and trees their memory, in slabs of 2 MiB
+// that are aligned to their size. chunk.cpp cuts slabs into elements of one size, the trees cut them into nodes.
 //
-// One stretch of address space is reserved for the process at first use and cut into slabs. A slab has an owner from
-// arena_take to arena_give, noted in a table outside the slabs. Therefore any pointer value at all can be asked for its
-// owner, in constant time and without touching what it points at: this is how a pool or a tree tells its own memory
-// from everything else.
+// At first use the arena reserves one stretch of address space for the process and cuts it into slabs. A slab has an
+// owner from arena_take to arena_give. A table outside the slabs holds the owners:
 //
 //      reservation  | slab 0 | slab 1 | slab 2 | slab 3 | ...     inaccessible unless taken
 //      owners       |  pool  |  tree  |  null  |  pool  | ...
 //
-// A taken slab reads as zero and costs no memory until it is touched; a slab that is given back costs none at once.
+// So arena_owner finds the owner of any pointer value in constant time, without reading the memory that it points at:
 //
-// Threads: any. arena_owner takes no lock; the others share a mutex of their own and call nothing that takes another.
+//      index = (address - start of the reservation) / 2 MiB        an index beyond the last slab has no owner
+//
+// This is how a pool or a tree recognises its own memory.
+//
+// A taken slab reads as zero and costs no memory until it is touched. A slab that is given back costs none.
+//
+// Threads: any. arena_owner takes no lock. The others share one mutex, and take no other lock while they hold it.
 #pragma once
 
 #include <cstddef>
@@ -24,40 +29,40 @@ namespace host {
 
 inline constexpr size_t arena_slab_size = size_t{2} << 20;
 
-// The page size to ask the system for. It is asked only: it may have no huge pages to give.
+// The page size that the arena requests. The system may have no huge pages.
 enum class arena_pages {
-    small, // memory is spent by pages of 4 KiB, as they are touched
-    huge,  // the first touch of a slab may make all of it real: for owners that are going to fill it
+    small, // the slab takes memory in pages of 4 KiB as they are touched
+    huge,  // the first touch may take memory for the whole slab: for owners that are going to fill it
 };
 
 struct arena_statistics {
-    size_t reserved; // slabs that the reserved address space holds; 0 before the first use
-    size_t limit;    // slabs that may be out at once
-    size_t taken;    // slabs that are out
-    size_t peak;     // most slabs that ever were out
-    size_t refused;  // calls of arena_take that got none
+    size_t reserved; // slabs in the reserved address space; 0 before the first use
+    size_t limit;    // maximum number of slabs taken at once
+    size_t taken;    // slabs with an owner
+    size_t peak;     // maximum of `taken` so far
+    size_t refused;  // calls of arena_take that returned null
 };
 
-// A zeroed slab for `owner`, any address that is not null and that stays unique while the slab is out; it is only
-// compared. Null when the limit is reached, the address space is used up or the system refuses.
+// Takes a zeroed slab for `owner`: an address that is not null and that no other owner has. The arena only compares it.
+// Returns null at the limit, without address space, and if the system refuses the memory.
 L2FIB_EXPORT void *arena_take(const void *owner, arena_pages pages = arena_pages::small) noexcept;
 
-// Gives back a slab by its start. What is not the start of a slab that is out is ignored.
+// Gives a slab back. Ignores an address that is not the start of a taken slab.
 L2FIB_EXPORT void arena_give(void *slab) noexcept;
 
-// The owner of the slab that `address` lies in, null when it lies in none; `address` may be any value.
+// Returns the owner of the slab that `address` lies in, or null. `address` may be any value.
 L2FIB_EXPORT const void *arena_owner(const void *address) noexcept;
 
-// Makes `size` bytes from `start` real memory, so that their later use costs no page fault; whole pages of a slab that
-// is out, and contents stay. False when the system has no memory for them.
+// Makes the system provide memory for `size` bytes from `start`, so that their later use causes no page fault. Both are
+// multiples of the page size, inside a taken slab. Contents stay. False if the system has no memory.
 L2FIB_EXPORT bool arena_touch(void *start, size_t size) noexcept;
 
-// At most `slabs` may be out from now on. Those that are stay with their owners.
+// Sets the maximum number of slabs taken at once. Slabs that are taken already stay with their owners.
 L2FIB_EXPORT void arena_set_limit(size_t slabs) noexcept;
 
 L2FIB_EXPORT void arena_read_statistics(arena_statistics *statistics) noexcept;
 
-// The start of the slab that `address` lies in, provided that it lies in one.
+// Returns the start of the slab that `address` lies in. The address lies in a slab.
 template <typename record>
 record *arena_slab_of(const void *address) noexcept
 {

@@ -2,21 +2,31 @@
 
 // Chunk pools on slabs of the page arena.
 //
-// A slab holds its own map of live elements: a bit each, a summary bit for every 64 of them that are all live, and one
-// word that sums up the summary. So the lowest free element is three bit scans away however full the slab is, and a
-// new slab, being zero, is a valid empty one.
+// A slab begins with a map of its live elements, in three levels: `map` has a bit for each element, `summary` a bit for
+// each word of the map that is all ones, `top` a bit for each word of the summary that is all ones. So three bit scans
+// find the lowest free element, however full the slab is. Example with words of 4 bits, elements 0 to 8 and 10 live:
+//
+//      map       1111 1111 1010 0000      (bit 0 is on the left)
+//      summary   1100                     words 0 and 1 of the map are all ones
+//      top       0000
+//      search    first 0 of top: summary word 0; first 0 of it: map word 2; first 0 of it: bit 1; element 2 * 4 + 1 = 9
+//
+// A new slab is all zero, which is the map of an empty slab.
 //
 //      | slab | summary of the map | map: a bit per element | element 0 | element 1 | ... | unused |
 //      0      sizeof(slab)         map_offset               elements_offset                        arena_slab_size
 //
-//      element:   live or free below `fresh`; never handed out, hence zero, from `fresh` on; not even touched from
-//                 `ready` on
+// Two indexes divide the elements of a slab:
 //
-// The slabs of a pool form a ring. `first` is the one that elements come from; those with room precede those without,
-// so there is room anywhere only if `first` has some. At most one slab is kept empty.
+//      0 ... fresh         live or free; a free element must be cleared before it is handed out
+//      fresh ... ready     never handed out, so still zero; the memory was touched
+//      ready ... capacity  the memory was not touched yet
 //
-// Memory is touched ahead of use, a stretch at a time: the pages of a pool then cost their faults once per stretch
-// instead of once per few dozen hand-outs, and the slowest hundredth of the hand-outs is not slower than the rest.
+// The slabs of a pool form a ring. Slabs with room stand before those without, from `first` on. Elements come from
+// `first`, so if `first` is full, all are. The pool keeps at most one empty slab.
+//
+// The pool touches memory ahead of use, a stretch at a time. The page faults of a stretch then delay one chunk_malloc
+// instead of one in every few dozen.
 #include "platform/chunk.h"
 
 #include <sanitizer/asan_interface.h>
@@ -27,41 +37,43 @@
 #include <bit>
 #include <cstddef>
 #include <cstring>
-#include <mutex>
 
+#include "base/mutex.h"
 #include "host/pool/arena.h"
 #include "host/pool/chunk_statistics.h"
 
 namespace host {
 namespace {
 
-constexpr size_t most_pools = 256;
+constexpr size_t max_pools = 256; // the low byte of a handle is a place in the table
 constexpr size_t page_size = 4096;
 constexpr size_t cache_line = 64;
-constexpr uint64_t longest_stretch = uint64_t{64} << 10;
+constexpr uint64_t max_stretch = uint64_t{64} << 10; // bytes: 16 small pages, which bounds the time of one call
+constexpr uint32_t alignment = 8;
 constexpr uint64_t no_limit = UINT64_MAX;
-constexpr uint32_t bits = 64; // of a word of the map
+constexpr unsigned reciprocal_shift = 42; // see index_of
+constexpr uint32_t bits = 64;             // in a word of the map
 
 struct slab {
     slab *next;
     slab *previous;
-    uint32_t live;
-    uint32_t fresh;
-    uint32_t ready;
+    uint32_t live;    // elements
+    uint32_t fresh;   // see above
+    uint32_t ready;   // see above
     uint32_t touched; // bytes from the start of the slab
-    uint64_t top;     // a bit for every word of the summary that is all ones
+    uint64_t top;
 };
 
 static_assert(arena_slab_size / sizeof(uint64_t) <= size_t{bits} * bits * bits, "three levels are enough");
 
-// Only the pool's users write the counters, one at a time; they are atomic for those who read the statistics. A pool
-// exists from the moment its handle is stored until that is cleared.
+// A pool exists while `handle` is not null. The caller of the pool's operations excludes all others, so the counters
+// have one writer at a time. They are atomic for the readers of the statistics.
 struct alignas(cache_line) pool {
     std::atomic<chunk_pool_t *> handle;
     slab *first;
     uint32_t element_size;
     uint32_t element_count;
-    uint32_t stride; // the element size rounded up to 8
+    uint32_t stride; // the element size rounded up to `alignment`
     uint32_t capacity;
     uint32_t map_offset;
     uint32_t elements_offset;
@@ -77,30 +89,31 @@ struct alignas(cache_line) pool {
     char name[sizeof(chunk_statistics::name)];
 };
 
-// The mutex keeps creation, destruction and readers of statistics apart; it is taken before the arena's.
+// The mutex excludes creations, destructions and readers of statistics from each other. It comes before the arena's.
 struct pool_table {
-    std::mutex mutex;
-    uint64_t created = 0;
-    std::array<pool, most_pools> pools = {};
+    base::mutex mutex;
+    uint64_t created L2FIB_GUARDED_BY(mutex) = 0;
+    std::array<pool, max_pools> pools = {};
 };
 
 constinit pool_table table;
 
-// A handle is not an address: it counts the pools ever created and tells, in its low byte, the place in the table. A
-// handle of a destroyed pool therefore never becomes valid again, and no address passes for one.
+// A handle is a number, not an address. It holds the place of the pool in the table, and the count of pools created so
+// far. So the handle of a destroyed pool never becomes valid again. The mark differs from the upper bits of all
+// addresses.
 //
 //      63         48 47                 8 7     0
-//      |  0xc4a7    |  pools created     | place |
+//      |  0xc4a7    |  pools created     | place |      the third pool, in place 1: 0xc4a7000000000301
 constexpr uint64_t handle_mark = uint64_t{0xc4a7} << 48;
 
 chunk_pool_t *make_handle(uint64_t number, size_t place) noexcept
 {
-    return reinterpret_cast<chunk_pool_t *>(handle_mark | number * most_pools | place);
+    return reinterpret_cast<chunk_pool_t *>(handle_mark | number * max_pools | place);
 }
 
 size_t place_of(const chunk_pool_t *handle) noexcept
 {
-    return reinterpret_cast<uintptr_t>(handle) % most_pools;
+    return reinterpret_cast<uintptr_t>(handle) % max_pools;
 }
 
 pool *pool_of(const chunk_pool_t *handle) noexcept
@@ -114,7 +127,7 @@ uint64_t value(const std::atomic<uint64_t> &counter) noexcept
     return counter.load(std::memory_order_relaxed);
 }
 
-// Cheaper than an atomic addition: there is one writer at a time.
+// Cheaper than an atomic addition. There is one writer at a time.
 uint64_t add(std::atomic<uint64_t> &counter, uint64_t amount) noexcept
 {
     const uint64_t sum = value(counter) + amount;
@@ -157,7 +170,7 @@ constexpr uint64_t bit(uint32_t index) noexcept
     return uint64_t{1} << index % bits;
 }
 
-// Of a slab that is not full.
+// Returns the lowest free element of a slab that is not full.
 uint32_t lowest_free(const pool &p, slab *s) noexcept
 {
     uint32_t index = static_cast<uint32_t>(std::countr_one(s->top));
@@ -210,14 +223,14 @@ void unlink(pool &p, slab *s) noexcept
     }
 }
 
-// Bytes to touch at once: a growth step, and more of it the larger the pool is, up to a stretch of bounded cost.
+// Bytes to touch at once: a growth step, or half of the pool up to max_stretch if that is more.
 uint64_t stretch_of(const pool &p) noexcept
 {
     const uint64_t step = uint64_t{p.element_count} * p.stride;
-    return std::max(step, std::min(value(p.bytes) / 2, longest_stretch));
+    return std::max(step, std::min(value(p.bytes) / 2, max_stretch));
 }
 
-// Touches another stretch of a slab of which `touched` bytes are; its header counts for nothing if that is 0.
+// Touches another stretch of a slab behind its first `touched` bytes. A new slab has none, whatever its header says.
 bool extend(pool &p, slab *s, uint64_t touched) noexcept
 {
     const uint64_t wanted = std::max<uint64_t>(touched, p.elements_offset) + stretch_of(p);
@@ -231,7 +244,7 @@ bool extend(pool &p, slab *s, uint64_t touched) noexcept
     return true;
 }
 
-// The first slab of a pool may remain nearly empty; a pool that needs a second is worth huge pages.
+// Adds a slab to the pool. The first slab may stay nearly empty, so only further slabs ask for huge pages.
 bool grow(pool &p) noexcept
 {
     const arena_pages pages = value(p.slabs) == 0 ? arena_pages::small : arena_pages::huge;
@@ -250,7 +263,8 @@ bool grow(pool &p) noexcept
     return true;
 }
 
-// Gives an empty slab back, unless it is the only one that is empty: a pool at a boundary must not thrash.
+// Gives an empty slab back, unless it is the only empty one. Otherwise a pool whose use goes up and down by one element
+// could map and unmap memory with each call.
 void release_empty(pool &p, slab *s) noexcept
 {
     if (++p.empty_slabs == 1) {
@@ -263,7 +277,7 @@ void release_empty(pool &p, slab *s) noexcept
     arena_give(s);
 }
 
-// Makes an element live and zero; it is zero already if it was never handed out.
+// Makes an element live and zero. An element that was never handed out is zero already.
 std::byte *hand_out(pool &p, slab *s, uint32_t index) noexcept
 {
     std::byte *element = element_at(p, s, index);
@@ -283,7 +297,7 @@ std::byte *hand_out(pool &p, slab *s, uint32_t index) noexcept
     return element;
 }
 
-// The next element to hand out, its memory touched; null when the pool cannot grow.
+// Returns the next element, live and zero. Null at the limit, or if the pool cannot grow.
 std::byte *next_element(pool &p) noexcept
 {
     if (value(p.in_use) >= value(p.limit)) {
@@ -300,13 +314,15 @@ std::byte *next_element(pool &p) noexcept
     return hand_out(p, s, index);
 }
 
-// The index of the element that starts `offset` bytes into the element area, the capacity when none does. The quotient
-// is a multiplication by 2^42 / stride, rounded up: exact, since offset and stride are below 2^21 and so the rounding
-// adds less than 1 / stride.
+// Returns the index of the element that starts `offset` bytes into the element area, or the capacity if none does.
+//
+// The division by the stride is a multiplication by the reciprocal 2^42 / stride, rounded up. The result is exact
+// because offset and stride are below 2^21, so the rounding adds less than 1 / stride. Example with a stride of 24: the
+// reciprocal is 183251937963; offset 48 gives 48 * 183251937963 >> 42 = 2, offset 47 gives 1, and 1 * 24 != 47.
 uint32_t index_of(const pool &p, size_t offset) noexcept
 {
     static_assert(arena_slab_size == size_t{1} << 21);
-    const auto index = static_cast<uint32_t>(offset * p.reciprocal >> 42);
+    const auto index = static_cast<uint32_t>(offset * p.reciprocal >> reciprocal_shift);
     return index < p.capacity && size_t{index} * p.stride == offset ? index : p.capacity;
 }
 
@@ -316,7 +332,7 @@ bool release(pool &p, void *element) noexcept
         return false;
     }
     slab *s = arena_slab_of<slab>(element);
-    // An address before the elements wraps to an offset that is none of an element.
+    // For an address before the elements the subtraction wraps to an offset without an element.
     const auto offset = static_cast<size_t>(static_cast<std::byte *>(element) - element_at(p, s, 0));
     const uint32_t index = index_of(p, offset);
     if (index == p.capacity || !is_live(p, s, index)) {
@@ -334,21 +350,21 @@ bool release(pool &p, void *element) noexcept
     return true;
 }
 
-// Places map and elements; false when not even one element fits into a slab.
+// Computes where the map and the elements of a slab lie. False if not even one element fits into a slab.
 bool lay_out(pool &p) noexcept
 {
     constexpr size_t room = arena_slab_size - sizeof(slab);
     if (p.element_size == 0 || p.element_size > room) {
         return false;
     }
-    p.stride = (p.element_size + 7) & ~7u;
+    p.stride = (p.element_size + alignment - 1) & ~(alignment - 1);
     const size_t words = room / p.stride / bits + 1;
     const size_t map_offset = sizeof(slab) + (words / bits + 1) * sizeof(uint64_t);
     const size_t end = map_offset + words * sizeof(uint64_t);
     p.map_offset = static_cast<uint32_t>(map_offset);
     p.elements_offset = static_cast<uint32_t>((end + cache_line - 1) / cache_line * cache_line);
     p.capacity = static_cast<uint32_t>((arena_slab_size - p.elements_offset) / p.stride);
-    p.reciprocal = ((uint64_t{1} << 42) + p.stride - 1) / p.stride;
+    p.reciprocal = ((uint64_t{1} << reciprocal_shift) + p.stride - 1) / p.stride;
     return p.capacity != 0;
 }
 
@@ -367,7 +383,7 @@ void reset_counters(pool &p) noexcept
     p.limit.store(no_limit, std::memory_order_relaxed);
 }
 
-// Fills a free place of the table and makes the first step real, so that a pool that exists can hand out.
+// Fills a free place of the table and adds the first slab, so that a pool that exists can hand out an element.
 bool set_up(pool &p, const char *name, uint32_t element_size, uint32_t element_count) noexcept
 {
     p.element_size = element_size;
@@ -400,7 +416,7 @@ pool *free_place() noexcept
 chunk_pool_t *chunk_next(const chunk_pool_t *previous) noexcept
 {
     const size_t start = previous == nullptr ? 0 : place_of(previous) + 1;
-    for (size_t place = start; place < most_pools; place++) {
+    for (size_t place = start; place < max_pools; place++) {
         if (chunk_pool_t *handle = table.pools[place].handle.load(std::memory_order_relaxed); handle != nullptr) {
             return handle;
         }
@@ -408,19 +424,9 @@ chunk_pool_t *chunk_next(const chunk_pool_t *previous) noexcept
     return nullptr;
 }
 
-chunk_pool_t *chunk_find(const char *name) noexcept
-{
-    const std::lock_guard guard(table.mutex);
-    chunk_pool_t *handle = chunk_next(nullptr);
-    while (handle != nullptr && std::strncmp(table.pools[place_of(handle)].name, name, sizeof(pool::name) - 1) != 0) {
-        handle = chunk_next(handle);
-    }
-    return handle;
-}
-
 bool chunk_read_statistics(const chunk_pool_t *pool, chunk_statistics *statistics) noexcept
 {
-    const std::lock_guard guard(table.mutex);
+    const base::scoped_lock hold(table.mutex);
     const auto *p = pool_of(pool);
     if (p == nullptr) {
         return false;
@@ -440,7 +446,7 @@ bool chunk_read_statistics(const chunk_pool_t *pool, chunk_statistics *statistic
 
 bool chunk_set_limit(chunk_pool_t *pool, uint64_t elements) noexcept
 {
-    const std::lock_guard guard(table.mutex);
+    const base::scoped_lock hold(table.mutex);
     auto *p = pool_of(pool);
     if (p != nullptr) {
         p->limit.store(elements, std::memory_order_relaxed);
@@ -457,7 +463,7 @@ chunk_pool_t *chunk_create(const char *name, uint32_t element_size, uint32_t ele
     if (name == nullptr || element_count == 0 || flags != CHUNK_ZEROED_GROWABLE || reserved1 != 0 || reserved2 != 0) {
         return nullptr;
     }
-    const std::lock_guard guard(table.mutex);
+    const base::scoped_lock hold(table.mutex);
     pool *p = free_place();
     if (p == nullptr || !set_up(*p, name, element_size, element_count)) {
         return nullptr;
@@ -502,7 +508,7 @@ uint32_t chunk_free(chunk_pool_t *pool, void *element)
 void chunk_destroy(chunk_pool_t *pool)
 {
     using namespace host;
-    const std::lock_guard guard(table.mutex);
+    const base::scoped_lock hold(table.mutex);
     if (auto *p = pool_of(pool); p != nullptr) {
         p->handle.store(nullptr, std::memory_order_relaxed);
         give_all(*p);

@@ -1,10 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// What operators and audits may ask of the chunk pools beyond the allocator's contract: what is in use, what it costs,
-// and what went wrong. Pools are found by name or visited one by one, so that nobody has to publish a handle for this.
+// The figures of the chunk pools (platform/chunk.h), and a limit for each: memory in use, what it costs, and failures.
+// Pools are found one after the other, so nobody has to publish a handle for this:
 //
-// Threads: any, at any time; no lock of the pools' users is needed. Figures of a pool at work are each exact for some
-// moment, not all for the same.
+//      for (chunk_pool_t *pool = host::chunk_next(nullptr); pool != nullptr; pool = host::chunk_next(pool)) {
+//          host::chunk_statistics of{};
+//          if (host::chunk_read_statistics(pool, &of)) {
+//              show(of.name, of.in_use);
+//          }
+//      }
+//
+// Threads: any, at any time, without a lock of the pools' users. While a pool is in use, its figures can be of
+// different moments.
 #pragma once
 
 #include "platform/chunk.h"
@@ -12,28 +19,25 @@
 namespace host {
 
 struct chunk_statistics {
-    char name[48];          // what the pool was created with, cut to 47 characters
-    uint32_t element_size;  // bytes, as asked for
+    char name[48];          // the name of chunk_create, cut to 47 characters
+    uint32_t element_size;  // bytes, as in chunk_create
     uint32_t element_count; // elements by which the pool grows
-    uint64_t in_use;        // elements that are out
-    uint64_t peak;          // most elements that ever were out
-    uint64_t limit;         // elements that may be out
+    uint64_t in_use;        // live elements
+    uint64_t peak;          // maximum of `in_use` so far
+    uint64_t limit;         // maximum number of live elements
     uint64_t bytes;         // memory touched; with huge pages, the system may hold all of `slabs`
     uint64_t slabs;         // of arena_slab_size bytes each
-    uint64_t failures;      // hand-outs that found no memory or met the limit
-    uint64_t refused_frees; // pointers given to chunk_free that were no live elements of the pool
+    uint64_t failures;      // calls of chunk_malloc without memory or at the limit
+    uint64_t refused_frees; // calls of chunk_free with a pointer that is not a live element of the pool
 };
 
-// The first pool for null, otherwise the one after `previous`, also when that was destroyed; null after the last.
+// Returns the pool after `previous`, even if `previous` was destroyed; the first pool for null. Null after the last.
 L2FIB_EXPORT chunk_pool_t *chunk_next(const chunk_pool_t *previous) noexcept;
 
-// The pool of this name, null when there is none; of several, the first that a visit meets.
-L2FIB_EXPORT chunk_pool_t *chunk_find(const char *name) noexcept;
-
-// False, with nothing stored, when `pool` is no pool (any more).
+// False, with nothing stored, if `pool` does not exist (any more).
 L2FIB_EXPORT bool chunk_read_statistics(const chunk_pool_t *pool, chunk_statistics *statistics) noexcept;
 
-// Hands out nothing more while `elements` or more are out. False when `pool` is no pool.
+// Sets the maximum number of live elements. False if `pool` does not exist (any more).
 L2FIB_EXPORT bool chunk_set_limit(chunk_pool_t *pool, uint64_t elements) noexcept;
 
 } // namespace host

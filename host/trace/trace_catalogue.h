@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// What every trace id means: the ring that receives it, a text for the operator, and the meaning of its values.
+// The meaning of every trace id: which ring receives it, a text for the operator, and what its values are.
 //
-// An id may have several rows, told apart by the number of values that a point carries. Rows are ordered by id.
+// An id can have several rows. The number of values in a point then decides which row describes the point. Rows are
+// ordered by id.
+//
+// Threads: any. The catalogue is a constant.
 #pragma once
 
 #include <algorithm>
@@ -17,12 +20,14 @@ namespace host {
 enum class trace_unit : uint8_t {
     number,
     hex,
-    status,  // shown with its meaning where it has one
-    address, // three values of 16 bits, the first byte of each pair in the low half
+    status,  // shown with its meaning if it has one
+    address, // three values, two bytes of the address in each: 0x1b00, 0x04ff, 0x09a0 is 00:1b:ff:04:a0:09
 };
 
+inline constexpr uint32_t trace_address_values = 3;
+
 struct trace_value {
-    const char *name; // null ends a row's values
+    const char *name; // null ends the values of a row
     trace_unit unit;
 };
 
@@ -59,7 +64,7 @@ inline constexpr auto trace_catalogue = [] {
          error,
          "MAC entry not created: its port already holds the address",
          {{"xcid, then status", trace_unit::status}}},
-        {1912, error, "MAC entry not replaced as it should be", {xcid, status}},
+        {1912, error, "MAC entry not replaced", {xcid, status}},
         {1913, error, "feed: bridge port cannot be created", {xcid}},
         {1914, error, "feed: called without an entry", {}},
         {1915, error, "feed: bridge domain cannot be created", {bridge_id}},
@@ -76,7 +81,7 @@ inline constexpr auto trace_catalogue = [] {
         {1931, error, "cache thread ends: set-up failed", {status}},
         {1932, error, "cache thread ends: its channel cannot be opened", {status}},
         {1935, error, "resync: waiting requester cannot be released", {status}},
-        {1936, error, "bridge domain not destroyed as it should be", {bridge_id, status}},
+        {1936, error, "bridge domain not destroyed", {bridge_id, status}},
         {1938, error, "table: a tree or the list of entries is not running, or cannot be started", {}},
         {1940, error, "bridge port: its cross-connect cannot be read", {xcid, status}},
         {1941, error, "bridge domain: its name cannot be read", {bridge_id, status}},
@@ -99,7 +104,7 @@ inline constexpr auto trace_catalogue = [] {
         {1957, normal, "resync done", {entries, plain, fixed, local, bridge_domains, ports}},
         {1958, error, "MAC entry: its node is unknown", {xcid, bridge_id, address}},
         {1959, error, "table lock: not taken or not released", {status}},
-        {1960, error, "feed: why the entry was not taken", {status}},
+        {1960, error, "feed: entry not taken, with this status", {status}},
         {1964,
          error,
          "request not answered: resync failed",
@@ -119,14 +124,31 @@ inline constexpr auto trace_catalogue = [] {
 static_assert(std::ranges::is_sorted(trace_catalogue, {}, &trace_entry::id));
 static_assert(trace_catalogue.front().id >= EDM_TRACE_ID_FIRST && trace_catalogue.back().id <= EDM_TRACE_ID_LAST);
 
-// How many values of a point a row tells the meaning of.
+// The number of values that a row describes.
 constexpr uint32_t trace_value_count(const trace_entry &entry)
 {
     uint32_t count = 0;
     for (const trace_value &value : entry.values) {
-        count += value.name == nullptr ? 0 : value.unit == trace_unit::address ? 3 : 1;
+        count += value.name == nullptr ? 0 : value.unit == trace_unit::address ? trace_address_values : 1;
     }
     return count;
+}
+
+// The ring of each id in range, and in the last place the ring of all other ids.
+inline constexpr auto trace_ring_by_place = [] {
+    std::array<trace_ring, EDM_TRACE_ID_LAST - EDM_TRACE_ID_FIRST + 2> rings{};
+    rings.fill(trace_ring::error);
+    for (const trace_entry &entry : trace_catalogue) {
+        rings[entry.id - EDM_TRACE_ID_FIRST] = entry.ring;
+    }
+    return rings;
+}();
+
+// The ring that receives an id. An id without a row is an error.
+constexpr trace_ring trace_ring_of(uint32_t id)
+{
+    const bool is_in_range = id >= EDM_TRACE_ID_FIRST && id <= EDM_TRACE_ID_LAST;
+    return is_in_range ? trace_ring_by_place[id - EDM_TRACE_ID_FIRST] : trace_ring_by_place.back();
 }
 
 } // namespace host

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
+#include <array>
 #include <cstdarg>
 #include <cstdio>
-#include <ctime>
 
+#include "base/text.h"
 #include "host/clock.h"
 #include "host/status_text.h"
 #include "host/trace/trace_catalogue.h"
@@ -23,7 +24,8 @@ namespace {
 
 void append_status(std::string &text, uint64_t status)
 {
-    append(text, status > 0xffff ? "0x%lx" : "%lu", status);
+    constexpr uint64_t max_decimal = 0xffff; // error numbers are small, the module's own statuses are bit patterns
+    append(text, status > max_decimal ? "0x%lx" : "%lu", status);
     const char *meaning = host::status_meaning(host::is_send_error(status) ? host::send_error_number(status) : status);
     if (status != 0 && meaning != nullptr) {
         append(text, " %s", meaning);
@@ -32,9 +34,12 @@ void append_status(std::string &text, uint64_t status)
 
 void append_address(std::string &text, const uint64_t *words)
 {
-    for (int i = 0; i < 3; i++) {
-        append(text, i == 0 ? "%02lx:%02lx" : ":%02lx:%02lx", words[i] & 0xff, words[i] >> 8 & 0xff);
+    std::array<uint8_t, 2 * host::trace_address_values> address;
+    for (size_t i = 0; i < host::trace_address_values; i++) {
+        address[2 * i] = static_cast<uint8_t>(words[i]);
+        address[2 * i + 1] = static_cast<uint8_t>(words[i] >> 8);
     }
+    text += base::mac_text(address);
 }
 
 void append_value(std::string &text, host::trace_unit unit, const uint64_t *values)
@@ -47,7 +52,7 @@ void append_value(std::string &text, host::trace_unit unit, const uint64_t *valu
     }
 }
 
-// The row that fits the number of values, else the id's first, else one that explains nothing.
+// The row of a point: the one with its number of values, else the first of its id, else a row without names.
 const host::trace_entry &entry_of(const host::trace_point &point)
 {
     static constexpr host::trace_entry unknown{0, host::trace_ring::error, "no text for this id", {}};
@@ -70,21 +75,20 @@ void append_values(std::string &text, const host::trace_point &point)
     const host::trace_value *value = entry.values;
     for (uint32_t i = 0; i < count; value++) {
         const bool explained = i < host::trace_value_count(entry) && value->name != nullptr;
-        const bool whole = explained && (value->unit != host::trace_unit::address || i + 3 <= count);
+        const bool whole =
+            explained && (value->unit != host::trace_unit::address || i + host::trace_address_values <= count);
         append(text, "%s%s ", i == 0 ? ": " : ", ", explained ? value->name : "value");
         append_value(text, whole ? value->unit : host::trace_unit::hex, point.values + i);
-        i += whole && value->unit == host::trace_unit::address ? 3 : 1;
+        i += whole && value->unit == host::trace_unit::address ? host::trace_address_values : 1;
     }
 }
 
 void append_time(std::string &text, uint64_t time_ns)
 {
-    const auto seconds = static_cast<time_t>(time_ns / host::ns_per_second);
-    tm parts{};
-    gmtime_r(&seconds, &parts);
-    char date[32];
-    strftime(date, sizeof(date), "%Y-%m-%dT%H:%M:%S", &parts);
-    append(text, "%s.%06luZ", date, time_ns % host::ns_per_second / 1000);
+    constexpr uint64_t ns_per_microsecond = 1000;
+    std::string date = base::utc_text(static_cast<int64_t>(time_ns / host::ns_per_second));
+    date.pop_back(); // the Z
+    append(text, "%s.%06luZ", date.c_str(), time_ns % host::ns_per_second / ns_per_microsecond);
 }
 
 } // namespace

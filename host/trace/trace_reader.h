@@ -1,19 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The reading side of the trace facility: for the hosting process, which shows trace points to an operator, and for
-// tests, which wait for them.
+// The reading side of the trace facility, and the main header of this room. The module records trace points
+// (platform/trace.h); the hosting process reads them here and shows them to an operator.
 //
-// Points go to one of two rings, by their id: milestones to the normal ring, everything else to the error ring, so that
-// a storm of errors never pushes out what the process did before. Each ring numbers its points from 1 without a gap and
-// keeps the newest `trace_ring_size`; a reader learns how many it has missed.
+//      std::vector<host::trace_point> points(100);
+//      const host::trace_batch batch = host::trace_read(host::trace_ring::error, next, points);
+//      for (size_t i = 0; i < batch.count; i++) {
+//          show(host::trace_format(points[i]));
+//      }
+//      next = batch.next;
 //
-// The debug context exists from the moment the library is loaded, because the module's table may be used without its
-// start-up. `trace_enable(false)` takes it away: points are dropped until it is given back.
+// The id of a point decides which of two rings receives it: the normal ring receives milestones, the error ring
+// everything else. So a storm of errors does not overwrite the milestones. Each ring numbers its points from 1 without
+// a gap, and keeps the newest `trace_ring_size` points. Example with a size of 4, after six points:
 //
-// Threads: any. A writer waits for a reader while that copies at most 64 points.
+//      place             0   1   2   3
+//      sequence number   4   5   6   3      trace_read from 1: 2 points overwritten, then 3, 4, 5, 6
+//
+// The debug context exists from the moment the library is loaded, because a process may use the module's table without
+// starting the module.
+//
+// Threads: any. A writer waits for a reader while the reader copies at most 64 points.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -25,7 +34,8 @@ namespace host {
 
 enum class trace_ring : uint8_t { normal, error };
 
-inline constexpr size_t trace_ring_size = 8192;
+inline constexpr size_t trace_ring_count = 2;
+inline constexpr size_t trace_ring_size = 8192; // points
 
 struct trace_point {
     uint64_t sequence;    // in its ring
@@ -37,36 +47,20 @@ struct trace_point {
     uint64_t values[EDM_TRACE_MAX_VALUES];
 };
 
-// What a read gave: `count` points, after having missed `overwritten`; `next` is where to read on.
+// The result of a read.
 struct trace_batch {
-    size_t count;
-    uint64_t overwritten;
-    uint64_t next;
+    size_t count;         // points copied
+    uint64_t overwritten; // points that the reader missed before these
+    uint64_t next;        // where to read on
 };
 
-L2FIB_EXPORT void trace_enable(bool on);
-
-// The ring that receives an id; ids that nobody uses count as errors.
-L2FIB_EXPORT trace_ring trace_ring_of(uint32_t id);
-
-// Copies the points of a ring from the sequence number `from` on, oldest first, as many as `points` has room for.
+// Copies the points of a ring from the sequence number `from` on, oldest first, until `points` is full.
 L2FIB_EXPORT trace_batch trace_read(trace_ring ring, uint64_t from, std::span<trace_point> points);
 
-// The sequence number of a ring's newest point; 0 when it has none.
+// Returns the sequence number of a ring's newest point; 0 if the ring is empty.
 L2FIB_EXPORT uint64_t trace_newest(trace_ring ring);
 
-// How many points of an id there were since the start or the last reset, overwritten ones included; ids out of range
-// are counted together.
-L2FIB_EXPORT uint64_t trace_count(uint32_t id);
-
-// Waits until there is, or was, a point of this id with a sequence number above `after`. Returns the newest one's
-// number, or 0 at the time-out.
-L2FIB_EXPORT uint64_t trace_wait(uint32_t id, uint64_t after, std::chrono::milliseconds timeout);
-
-// The point in one line: time, thread, id, function, what happened, the values with their meaning.
+// Formats a point as one line: time, thread, id, function, what happened, the values with their meaning.
 L2FIB_EXPORT std::string trace_format(const trace_point &point);
-
-// Empties both rings and starts numbers and counts anew: for tests between two cases.
-L2FIB_EXPORT void trace_reset();
 
 } // namespace host

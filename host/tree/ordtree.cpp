@@ -13,12 +13,12 @@ namespace {
 
 using namespace host::btree;
 
-// How many records ahead of the one returned a walk asks memory for.
+// A walk prefetches the record this many steps ahead of the one that it returns.
 constexpr unsigned prefetch_distance = 8;
 
 constexpr unsigned entries_per_line = cache_line_size / sizeof(entry);
 
-// Entries that are found sooner than the whole of a node could be asked for.
+// Up to this many entries, a search is faster than a prefetch of the whole node.
 constexpr unsigned small_count = 2 * entries_per_line;
 
 bool runs(const ordtree_t *tree)
@@ -26,7 +26,7 @@ bool runs(const ordtree_t *tree)
     return tree != nullptr && tree->index_count != 0;
 }
 
-// Counts a change of the tree for the user who watches it.
+// Counts a change of the tree for ordtree_watch.
 void note_change(const ordtree_t *tree)
 {
     if (tree->changes != nullptr) {
@@ -56,7 +56,8 @@ unsigned scan_for(const node *leaf, const ordtree_link_t *record)
     return not_in_leaf;
 }
 
-// The slot of `record` in a leaf of this index. A record whose key was changed under the tree is found all the same.
+// Returns the slot of `record` in a leaf of this index, or not_in_leaf. Finds a record even if its key was changed
+// while it was in the tree.
 unsigned slot_in(const ordtree_index_t &index, const node *leaf, const ordtree_link_t *record)
 {
     if (has_inline_keys(index)) {
@@ -69,7 +70,7 @@ unsigned slot_in(const ordtree_index_t &index, const node *leaf, const ordtree_l
     return scan_for(leaf, record);
 }
 
-// Where `record` is in an index of this very tree; no leaf when it is not, whatever its link holds.
+// Returns where `record` is in an index of this tree. No leaf if it is not there, whatever its link holds.
 leaf_place locate(const ordtree_t *tree, unsigned number, const ordtree_link_t *record)
 {
     node *const leaf = node_at(record[number].place);
@@ -83,7 +84,8 @@ leaf_place locate(const ordtree_t *tree, unsigned number, const ordtree_link_t *
     return {slot != not_in_leaf ? leaf : nullptr, slot};
 }
 
-// The same for a record to be taken out: a walk has asked for its successor just before.
+// The same for a record that is about to be removed. A sweep has asked for its successor just before, so the record
+// usually stands one slot before the cursor.
 leaf_place locate_behind_walk(const ordtree_t *tree, unsigned number, const ordtree_link_t *record)
 {
     const leaf_place cursor = cursor_of(tree->index[number]);
@@ -96,7 +98,7 @@ leaf_place locate_behind_walk(const ordtree_t *tree, unsigned number, const ordt
     return locate(tree, number, record);
 }
 
-// Whether one of the node's links leads to a leaf, of any tree, that holds it.
+// Whether one of the record's links leads to a leaf, of any tree, that holds the record.
 bool is_in_a_tree(const ordtree_link_t *record, unsigned link_count)
 {
     for (unsigned number = 0; number < link_count; number++) {
@@ -109,8 +111,8 @@ bool is_in_a_tree(const ordtree_link_t *record, unsigned link_count)
     return false;
 }
 
-// A walk touches one record after the other, wherever they lie: ask for the one that is due in a few steps, and for
-// the next leaf in time. Inlined by force, like prefetch_node.
+// Prefetches for a walk the record that is due in a few steps, and parts of the next leaf. Records of neighbouring keys
+// lie anywhere in memory. Always inlined, like prefetch_node.
 [[gnu::always_inline]] inline void prefetch_ahead(leaf_place at)
 {
     const node *leaf = at.leaf;
@@ -131,13 +133,13 @@ bool is_in_a_tree(const ordtree_link_t *record, unsigned link_count)
     }
 }
 
-// A place that may lie behind a leaf's last entry becomes the first place of the next leaf.
+// Turns a place behind the last entry of a leaf into the first place of the next leaf.
 inline leaf_place in_range(leaf_place at)
 {
     return at.slot < at.leaf->count ? at : leaf_place{at.leaf->next, 0};
 }
 
-// The record that a successor was looked for to find, or null at the end.
+// Returns the record at a place and sets the cursor. Null behind the last record.
 inline ordtree_link_t *visit(const ordtree_index_t &index, leaf_place at)
 {
     if (at.leaf == nullptr) {
@@ -147,7 +149,7 @@ inline ordtree_link_t *visit(const ordtree_index_t &index, leaf_place at)
     return record_at(at.leaf, at.slot);
 }
 
-// The same for the next step of a walk.
+// The same for a step of a walk, which also prefetches.
 inline ordtree_link_t *visit_on_walk(const ordtree_index_t &index, leaf_place at)
 {
     if (at.leaf != nullptr) {
@@ -170,7 +172,7 @@ inline ordtree_link_t *visit_on_walk(const ordtree_index_t &index, leaf_place at
     return visit(index, in_range({found.leaf, found.slot + (found.equal ? 1 : 0)}));
 }
 
-// What an insertion finds out about each index before it changes any.
+// Where an insertion puts the record in one index. It finds all places before it changes an index.
 struct insertion {
     leaf_place at;
     uint64_t key;
@@ -178,7 +180,7 @@ struct insertion {
 
 using insertions = std::array<insertion, ORDTREE_MAX_INDEXES>;
 
-// Where a record would go in each index, and how many nodes that takes; false when an index holds an equal key.
+// Finds where a record goes in each index, and how many new nodes that needs. False if an index holds an equal key.
 inline bool find_room(const ordtree_t *tree, const ordtree_link_t *record, insertions &into, unsigned &needed)
 {
     for (unsigned number = 0; number < tree->index_count; number++) {
@@ -274,7 +276,8 @@ ordtree_link_t *ordtree_search(const ordtree_t *tree, const ordtree_link_t *prob
     return found.equal ? record_at(found.leaf, found.slot) : nullptr;
 }
 
-// A search that stops above the leaf. Where comparators are called there is none: it would wait for records.
+// Searches down to the leaf and prefetches it. Does nothing if the search would call a comparator, because that would
+// wait for the memory of records.
 void ordtree_expect(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index)
 {
     if (!has_index(tree, index) || probe == nullptr || !has_inline_keys(tree->index[index])) {

@@ -3,22 +3,25 @@
 #include "host/tree/ordtree_key.h"
 
 #include <array>
-#include <mutex>
+
+#include "base/mutex.h"
 
 namespace host::btree {
 namespace {
 
 struct description {
-    ordtree_compare_fn compare; // null: unused, and so are all that follow
+    ordtree_compare_fn compare; // null: this place and all behind it are unused
     uint32_t offset;
     uint16_t width;
     uint16_t kind;
 };
 
-// A process has a handful of comparators, each described once.
+constexpr size_t max_descriptions = 32; // a process has a handful of comparators
+
+// Any thread may describe a key at any time. An index copies its description when its tree starts.
 struct description_registry {
-    std::mutex mutex;
-    std::array<description, 32> of;
+    base::mutex mutex;
+    std::array<description, max_descriptions> of L2FIB_GUARDED_BY(mutex);
 };
 
 constinit description_registry descriptions{};
@@ -32,8 +35,8 @@ bool makes_sense(ordtree_compare_fn compare, uint32_t width, ordtree_key_kind_t 
     return false;
 }
 
-// The description of `compare`, else the first unused one; null when there is neither.
-description *find_description(ordtree_compare_fn compare)
+// Returns the description of `compare`, else the first unused place. Null if there is neither.
+description *find_description(ordtree_compare_fn compare) L2FIB_REQUIRES(descriptions.mutex)
 {
     for (description &each : descriptions.of) {
         if (each.compare == compare || each.compare == nullptr) {
@@ -44,10 +47,11 @@ description *find_description(ordtree_compare_fn compare)
 }
 
 struct node_position {
-    unsigned slot; // of the first entry that is not less
+    unsigned slot; // the first entry that is not less
     bool equal;
 };
 
+// Searches the entries of a node from `first` on.
 node_position find_among(const ordtree_index_t &index, const node *in, unsigned first, uint64_t key)
 {
     unsigned end = in->count;
@@ -66,7 +70,7 @@ node_position find_among(const ordtree_index_t &index, const node *in, unsigned 
 
 void adopt_key_description(ordtree_index_t &index) noexcept
 {
-    const std::lock_guard hold(descriptions.mutex);
+    const base::scoped_lock hold(descriptions.mutex);
     const description *const found = find_description(index.compare);
     if (found != nullptr && found->compare != nullptr) {
         index.key_offset = found->offset;
@@ -97,7 +101,7 @@ void ordtree_describe_key(ordtree_compare_fn compare, uint32_t offset, uint32_t 
     if (!makes_sense(compare, width, kind)) {
         return;
     }
-    const std::lock_guard hold(descriptions.mutex);
+    const base::scoped_lock hold(descriptions.mutex);
     description *const entry = find_description(compare);
     if (entry != nullptr) {
         *entry = {compare, offset, static_cast<uint16_t>(width), static_cast<uint16_t>(kind)};

@@ -2,11 +2,16 @@
 
 // Keys of the ordered trees, and the search for one inside a node.
 //
-// Nodes hold a key word beside each slot. Where it has been told how an index's comparator finds its key, the word is
-// the key itself as a number, and a search touches nothing but nodes. Otherwise the word is the address of the record's
-// link, and a search calls the comparator. Whatever only moves key words about need not know which of the two they are.
+// A node holds a key word beside each slot. There are two kinds of key words:
 //
-// For the files host/ordtree*.cpp only.
+//      described     ordtree_describe_key has described the keys of the comparator. The key word is the key itself as a
+//                    number, and a search reads nothing but nodes. The address 02:00:00:00:00:07 has the key word
+//                    0x020000000007.
+//      otherwise     The key word is the address of the record's link, and a search calls the comparator.
+//
+// Code that only moves key words does not need to know their kind.
+//
+// Only the files host/tree/ordtree*.cpp use this header. The caller of the tree's operation holds the lock of the tree.
 #pragma once
 
 #include "host/tree/ordtree_node.h"
@@ -16,7 +21,7 @@
 
 namespace host::btree {
 
-// The description that ordtree_describe_key gave for `index.compare`, if any, becomes part of the index.
+// Copies the description of `index.compare` into the index, if there is one. Any thread.
 void adopt_key_description(ordtree_index_t &index) noexcept;
 
 inline bool has_inline_keys(const ordtree_index_t &index)
@@ -38,7 +43,11 @@ inline uint64_t load_big_endian_32(const char *from)
     return std::endian::native == std::endian::little ? __builtin_bswap32(word) : word;
 }
 
-// Bytes as a number that orders like memcmp. Two loads that may overlap read no byte beyond the key.
+// Converts bytes to a number that orders as memcmp orders the bytes. From four bytes on, two loads of four bytes cover
+// the key; they may overlap, and read nothing beyond the key. Example with the six bytes 02 00 00 00 00 07:
+//
+//      first load 02000000, shifted by 16 bits   0x020000000000
+//      last load  00000007                       0x000000000007      together 0x020000000007
 inline uint64_t number_of_bytes(const char *from, unsigned width)
 {
     if (width >= 4) {
@@ -51,7 +60,7 @@ inline uint64_t number_of_bytes(const char *from, unsigned width)
     return number;
 }
 
-// The key word of a record or probe, by its link of this index.
+// Returns the key word of a record or probe, from its link of this index.
 inline uint64_t key_word(const ordtree_index_t &index, const ordtree_link_t *link)
 {
     if (!has_inline_keys(index)) {
@@ -73,7 +82,13 @@ inline uint32_t compare_words(const ordtree_index_t &index, uint64_t first, uint
                          reinterpret_cast<const ordtree_link_t *>(second));
 }
 
-// How many of `count` ascending entries have keys less than `bound`.
+// Returns how many of `count` ascending entries have keys less than `bound`. A binary search without a branch in the
+// loop. Example with the keys 10 20 30 40 50 and the bound 35:
+//
+//      base = 0, left = 5    half = 2, entry 1 is 20 < 35, so base = 2, left = 3
+//      base = 2, left = 3    half = 1, entry 2 is 30 < 35, so base = 3, left = 2
+//      base = 3, left = 2    half = 1, entry 3 is 40, so base stays, left = 1
+//      the last entry is 40, not less than 35: the result is 3
 inline unsigned count_below(const entry *entries, size_t count, uint64_t bound)
 {
     const entry *base = entries;
@@ -81,20 +96,20 @@ inline unsigned count_below(const entry *entries, size_t count, uint64_t bound)
     while (left > 1) {
         const size_t half = left / 2;
         const size_t is_below = base[half - 1].key < bound ? 1 : 0;
-        base += half & (0 - is_below); // by a mask, since a branch would be the toss of a coin
+        base += half & (0 - is_below); // a mask, because the processor would mispredict every second branch
         left -= half;
     }
     const size_t is_last_below = left == 1 && base->key < bound ? 1 : 0;
     return static_cast<unsigned>(static_cast<size_t>(base - entries) + is_last_below);
 }
 
-// How many have keys not greater than `bound`.
+// Returns how many have keys not greater than `bound`.
 inline unsigned count_up_to(const entry *entries, size_t count, uint64_t bound)
 {
     return bound != UINT64_MAX ? count_below(entries, count, bound + 1) : static_cast<unsigned>(count);
 }
 
-// Which child of an inner node leads to a key: the first one takes whatever is less than the key of the second.
+// Returns which child of an inner node leads to a key. The first child holds all keys less than that of the second.
 inline unsigned slot_below(const node *inner, uint64_t key)
 {
     return count_up_to(inner->entries + 1, inner->count - 1, key);
@@ -102,12 +117,12 @@ inline unsigned slot_below(const node *inner, uint64_t key)
 
 // Where a key is, or would be, in an index.
 struct key_position {
-    node *leaf;    // null: the index is empty
-    unsigned slot; // of the first entry in the leaf that is not less; may lie behind the leaf's last one
-    bool equal;    // that entry is the same
+    node *leaf;    // null if the index is empty
+    unsigned slot; // the first entry of the leaf that is not less; may lie behind the last entry
+    bool equal;    // that entry has the key
 };
 
-// The same search by calling the comparator.
+// The search that calls the comparator.
 key_position find_by_comparator(const ordtree_index_t &index, uint64_t key) noexcept;
 
 inline key_position find_inline_key(const ordtree_index_t &index, uint64_t key)

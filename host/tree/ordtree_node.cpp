@@ -2,33 +2,33 @@
 
 #include "host/tree/ordtree_node.h"
 
+#include "base/mutex.h"
 #include "host/pool/arena.h"
-#include "host/tree/ordtree_audit.h"
-
-#include <mutex>
+#include "host/tree/ordtree_memory.h"
 
 namespace host::btree {
 namespace {
 
 struct slab {
-    slab *prev; // neighbours among the slabs that have free nodes
+    slab *prev; // neighbours in the list of slabs with free nodes
     slab *next;
-    node *free;    // nodes that were in use before
-    size_t fresh;  // of the nodes that have never been used, the first
-    size_t in_use; // nodes
+    node *free;    // list of nodes that were in use before
+    size_t fresh;  // the first node that was never in use; all behind it were not either
+    size_t in_use; // number of nodes
 };
 
 static_assert(sizeof(slab) <= node_size, "a slab's header takes the place of its first node");
 
-constexpr size_t slab_end = arena_slab_size / node_size;
+constexpr size_t slab_end = arena_slab_size / node_size; // node 0 is the header
 
+// The mutex also guards the headers of all slabs.
 struct node_memory {
-    std::mutex mutex; // guards what follows and the headers of all slabs
-    slab *open;       // slabs that have free nodes
-    size_t slabs;
-    size_t empty_slabs;
-    size_t nodes;
-    size_t node_limit; // 0: none
+    base::mutex mutex;
+    slab *open L2FIB_GUARDED_BY(mutex); // list of slabs with free nodes
+    size_t slabs L2FIB_GUARDED_BY(mutex);
+    size_t empty_slabs L2FIB_GUARDED_BY(mutex);
+    size_t nodes L2FIB_GUARDED_BY(mutex);
+    size_t node_limit L2FIB_GUARDED_BY(mutex); // 0: no limit
 };
 
 constinit node_memory memory{};
@@ -38,7 +38,7 @@ bool is_full(const slab *of)
     return of->free == nullptr && of->fresh == slab_end;
 }
 
-void open_slab(slab *with_room)
+void open_slab(slab *with_room) L2FIB_REQUIRES(memory.mutex)
 {
     with_room->prev = nullptr;
     with_room->next = memory.open;
@@ -48,7 +48,7 @@ void open_slab(slab *with_room)
     memory.open = with_room;
 }
 
-void close_slab(slab *without_room)
+void close_slab(slab *without_room) L2FIB_REQUIRES(memory.mutex)
 {
     slab *const prev = without_room->prev;
     slab *const next = without_room->next;
@@ -58,7 +58,7 @@ void close_slab(slab *without_room)
     }
 }
 
-slab *map_slab()
+slab *map_slab() L2FIB_REQUIRES(memory.mutex)
 {
     auto *const mapped = static_cast<slab *>(arena_take(&memory, arena_pages::huge));
     if (mapped != nullptr) {
@@ -70,7 +70,7 @@ slab *map_slab()
     return mapped;
 }
 
-node *take_from(slab *from)
+node *take_from(slab *from) L2FIB_REQUIRES(memory.mutex)
 {
     node *taken = from->free;
     if (taken != nullptr) {
@@ -88,14 +88,14 @@ node *take_from(slab *from)
     return taken;
 }
 
-void unmap_slab(slab *empty)
+void unmap_slab(slab *empty) L2FIB_REQUIRES(memory.mutex)
 {
     close_slab(empty);
     memory.slabs--;
     arena_give(empty);
 }
 
-void give_to(slab *to, node *unused)
+void give_to(slab *to, node *unused) L2FIB_REQUIRES(memory.mutex)
 {
     if (is_full(to)) {
         open_slab(to);
@@ -113,7 +113,7 @@ void give_to(slab *to, node *unused)
     }
 }
 
-bool within_limit(unsigned more)
+bool within_limit(unsigned more) L2FIB_REQUIRES(memory.mutex)
 {
     return memory.node_limit == 0 || memory.nodes + more <= memory.node_limit;
 }
@@ -143,7 +143,7 @@ node *node_at(const void *address) noexcept
 
 bool nodes_take(unsigned count, node *&list) noexcept
 {
-    const std::lock_guard hold(memory.mutex);
+    const base::scoped_lock hold(memory.mutex);
     if (!within_limit(count)) {
         return false;
     }
@@ -171,22 +171,26 @@ bool nodes_take(unsigned count, node *&list) noexcept
 void node_give(node *unused) noexcept
 {
     clear_header(unused);
-    const std::lock_guard hold(memory.mutex);
+    const base::scoped_lock hold(memory.mutex);
     give_to(arena_slab_of<slab>(unused), unused);
 }
 
 } // namespace host::btree
 
-ordtree_memory_t ordtree_memory(void)
+namespace host {
+
+using btree::memory;
+
+ordtree_memory_figures ordtree_memory()
 {
-    using host::btree::memory;
-    const std::lock_guard hold(memory.mutex);
-    return {memory.nodes, memory.nodes * host::btree::node_size, memory.slabs * host::arena_slab_size};
+    const base::scoped_lock hold(memory.mutex);
+    return {memory.nodes, memory.nodes * btree::node_size, memory.slabs * arena_slab_size};
 }
 
 void ordtree_set_node_limit(size_t nodes)
 {
-    using host::btree::memory;
-    const std::lock_guard hold(memory.mutex);
+    const base::scoped_lock hold(memory.mutex);
     memory.node_limit = nodes;
 }
+
+} // namespace host

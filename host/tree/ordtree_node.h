@@ -1,9 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The nodes of the ordered trees: how they are laid out and where their memory comes from.
+// The nodes of the ordered trees, and the main header of this room: how nodes are laid out and where their memory comes
+// from. This room implements platform/ordtree.h in four layers:
 //
-// Each index of a tree is a B+tree of nodes of one size, aligned to it, so that an address tells whether it can be a
-// node and which slab it was cut from:
+//      ordtree.cpp          the operations of a tree over all its indexes
+//      ordtree_shape.*      one index: nodes are split, merged and released
+//      ordtree_key.*        keys beside the slots, and the search for one
+//      ordtree_node.*       nodes and their memory
+//
+// Each index of a tree is a B+tree. The leaves are linked in order and hold the records; the nodes above lead to them.
+// Example, with four entries per node instead of 61:
+//
+//                           inner | -  30 |
+//                                   |   |
+//                   .---------------'   '---.
+//            leaf | 10 15 20 | <-----> leaf | 30 40 |
+//                   |  |  |                   |  |
+//                   records                   records
+//
+//      search 15     in the inner node 15 < 30, so the first child; in the leaf, slot 1
+//      after 20      the record of 20 knows its leaf; 20 is in the last slot, so the next leaf, slot 0: 30
+//
+// All nodes have one size and are aligned to it. So an address shows whether it can be a node, and in which slab it
+// lies:
 //
 //        slab  +--------+--------+--------+-----     node  +-------------------------------------------+
 //              | header | node   | node   | ...            | tree parent prev next count level index   |
@@ -13,11 +32,12 @@
 //                                                          |   inner: targets are the nodes below      |
 //                                                          +-------------------------------------------+
 //
-// Slabs come from the arena and go back to it when their last node is free; one empty slab is kept, so that a tree
-// which comes and goes does not map and unmap memory. A free node says that it belongs to no tree: a link that has
-// outlived its tree may still be examined.
+// Slabs come from the arena. A slab goes back to it when its last node is free, except for one empty slab. Without that
+// exception, a tree that is created and finished again and again would map and unmap memory each time. A free node
+// belongs to no tree, so a link that outlived its tree can still be examined.
 //
-// For the files host/ordtree*.cpp only. Any thread may take and give nodes; a taken node belongs to its tree.
+// Only the files host/tree/ordtree*.cpp use this header. Any thread may take and give nodes. A taken node belongs to
+// its tree, and the caller of the tree's operation holds the lock of the tree.
 #pragma once
 
 #include "platform/ordtree.h"
@@ -28,7 +48,7 @@
 namespace host::btree {
 
 struct entry {
-    uint64_t key; // the key itself or a link, see ordtree_key.h
+    uint64_t key; // the key itself or the address of a link, see ordtree_key.h
     void *target;
 };
 
@@ -41,11 +61,11 @@ struct alignas(node_size) node {
     const ordtree_t *tree; // null while the node is free
     node *parent;          // null for the root
     node *prev;            // neighbours on the same level, in the order of the index
-    node *next;            // also links lists of nodes that are in no tree
-    uint32_t count;        // of entries in use
+    node *next;            // also links the nodes of a list outside of any tree
+    uint32_t count;        // entries in use
     uint16_t level;        // 0 for a leaf
     uint16_t index;
-    alignas(sizeof(entry)) entry entries[node_capacity]; // none lies across cache lines
+    alignas(sizeof(entry)) entry entries[node_capacity]; // no entry crosses a cache line
 };
 
 static_assert(sizeof(node) == node_size);
@@ -61,8 +81,8 @@ inline node *child_at(const node *inner, unsigned slot)
     return static_cast<node *>(inner->entries[slot].target);
 }
 
-// Asks for the whole of a node at once: a search inside it would wait for one cache line after the other. Inlined by
-// force: a function that does nothing but prefetch counts as one without effect, and its calls vanish.
+// Prefetches a whole node at once, because a search inside it would wait for one cache line after the other. Always
+// inlined: the compiler treats a function that only prefetches as one without effect, and removes its calls.
 [[gnu::always_inline]] inline void prefetch_node(const node *wanted)
 {
     const auto *const start = reinterpret_cast<const char *>(wanted);
@@ -72,16 +92,16 @@ inline node *child_at(const node *inner, unsigned slot)
     }
 }
 
-// The tree that `place` belongs to. A place that has outlived its tree may meanwhile serve a tree of another thread.
+// Returns the tree of a node. A node whose tree ended may belong to a tree of another thread by now, hence the atomic.
 inline const ordtree_t *tree_of(const node *place)
 {
     return __atomic_load_n(&place->tree, __ATOMIC_RELAXED);
 }
 
-// The node at `address` when node memory lies there, in use or free; null for any other address.
+// Returns the node at `address`, in use or free. Null if the address is not that of a node.
 node *node_at(const void *address) noexcept;
 
-// Takes `count` nodes, linked by `next`, or none at all. Their headers are clear but for that link.
+// Takes `count` nodes as a list linked by `next`, or takes none and returns false. All else in their headers is zero.
 bool nodes_take(unsigned count, node *&list) noexcept;
 
 void node_give(node *unused) noexcept;

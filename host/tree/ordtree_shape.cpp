@@ -5,7 +5,8 @@
 namespace host::btree {
 namespace {
 
-constexpr unsigned merged_count = node_capacity * 3 / 4; // leaves room, or the next insertion would split again
+constexpr unsigned max_merged_count =
+    node_capacity * 3 / 4; // a merged node has room, so the next insertion does not split it
 
 unsigned slot_of(const node *parent, const node *child)
 {
@@ -16,7 +17,7 @@ unsigned slot_of(const node *parent, const node *child)
     return slot;
 }
 
-// Makes the slots of `in` from `first` on point back at it.
+// Makes the targets of `count` slots of `in`, from `first` on, point back at it.
 void adopt(node *in, unsigned first, unsigned count)
 {
     for (unsigned slot = first; slot < first + count; slot++) {
@@ -73,7 +74,9 @@ void release(ordtree_index_t &index, node *unused)
     node_give(unused);
 }
 
-// How many slots a full node keeps when it is split to make room at `slot`: runs at either end leave full nodes.
+// Returns how many entries a full node keeps when it is split to insert at `slot`. Usually half. An insertion behind
+// the last entry of the index, or before the first, moves nothing: ascending or descending keys so leave full nodes
+// behind.
 unsigned kept_by_split(const node *full, unsigned slot)
 {
     if (slot == node_capacity && full->next == nullptr) {
@@ -82,7 +85,7 @@ unsigned kept_by_split(const node *full, unsigned slot)
     return slot == 0 && full->prev == nullptr ? 0 : node_capacity / 2;
 }
 
-// Splits a full node and inserts at `slot` of what it was. Returns its new neighbour to the right.
+// Splits a full node and inserts at `slot`, counted before the split. Returns the new neighbour to the right.
 node *split_and_insert(node *full, unsigned slot, entry added, node *&spare)
 {
     const unsigned kept = kept_by_split(full, slot);
@@ -109,7 +112,7 @@ node *grow(ordtree_index_t &index, node *root, node *&spare)
     return above;
 }
 
-// Where key words are links: after the least link below `at` has changed, its separator has to follow.
+// Updates the separator of `at` after the least link below it has changed. Needed only where key words are links.
 void renew_separator(const ordtree_index_t &index, const node *at)
 {
     if (has_inline_keys(index)) {
@@ -129,10 +132,10 @@ void renew_separator(const ordtree_index_t &index, const node *at)
 bool can_merge(const node *left, const node *right)
 {
     return left != nullptr && right != nullptr && left->parent == right->parent
-           && left->count + right->count <= merged_count;
+           && left->count + right->count <= max_merged_count;
 }
 
-// Merges two neighbours under one parent into the larger of them, so that fewer records are touched.
+// Merges two neighbours under one parent into the larger one, because that updates the links of fewer records.
 void merge(ordtree_index_t &index, node *left, node *right)
 {
     node *const parent = left->parent;
@@ -156,7 +159,7 @@ void merge(ordtree_index_t &index, node *left, node *right)
     release(index, smaller);
 }
 
-// A root with one child gives way to it.
+// Replaces a root that has one child by that child.
 void lower(ordtree_index_t &index)
 {
     auto *root = static_cast<node *>(index.root);
@@ -185,7 +188,7 @@ void merge_if_sparse(ordtree_index_t &index, node *at)
     lower(index);
 }
 
-// Takes a node without slots out of its index, and what becomes empty by that.
+// Removes an empty node from its index, and each parent that becomes empty by that.
 void drop_empty(ordtree_index_t &index, node *at)
 {
     while (at->count == 0) {

@@ -1,18 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The shape of an index: where records are put into leaves and taken out, full nodes are split and sparse ones merged.
+// The shape of one index: puts records into leaves, takes them out, splits full nodes and merges sparse ones.
 //
-// What holds between two operations:
-//  - All leaves are on level 0, and the nodes of each level are linked in order.
-//  - No node is empty; the root has two children at least unless it is a leaf. An index without records has no node.
-//  - The key beside an inner node's slot is greater than all keys before it and not greater than those below it; the
-//    key beside its first slot means nothing. Where key words are links, it is the least link below it, so that it
-//    never outlives its record.
+// Between two operations:
+//  - All leaves are on level 0. The nodes of each level are linked in order.
+//  - No node is empty. A root that is not a leaf has at least two children. An index without records has no node.
+//  - The key beside a slot of an inner node is a separator: it is greater than all keys before it, and not greater than
+//    the keys below it. The key beside the first slot has no meaning. Where key words are links, a separator is the
+//    least link below it, so that it never outlives its record.
 //
-// A node that falls below a third is merged with a sibling if the result leaves room; otherwise it may run empty. So
-// nothing is moved to fill up a node that a sweep is about to empty, and taking a record out never needs memory.
+// Splitting, with four entries per node and 25 inserted into a full leaf:
 //
-// For the files host/ordtree*.cpp only, under the lock of whoever changes the tree.
+//      inner   | - 50 |                   | - 30 50 |
+//      leaves  | 10 20 30 40 |  | 50 |    | 10 20 25 |  | 30 40 |  | 50 |
+//
+// Merging. If a node falls below a third of its entries, it is merged with a sibling, provided that the result leaves
+// room. Otherwise it stays, until it is empty. So removals move no entries to fill a node that a sweep is about to
+// empty, and a removal needs no memory.
+//
+// Only the files host/tree/ordtree*.cpp use this header, under the lock of the caller who changes the tree.
 #pragma once
 
 #include "host/tree/ordtree_key.h"
@@ -21,14 +27,15 @@ namespace host::btree {
 
 constexpr unsigned sparse_count = node_capacity / 3;
 
-// Where a record is, or would be, in an index. `leaf` is null for a record that is not there, or without any leaf.
+// Where a record is, or would be, in an index. `leaf` is null if the record is not there, or the index has no leaf.
 struct leaf_place {
     node *leaf;
     unsigned slot;
 };
 
-// An index remembers where its last successor was found: walks ask for the successor of that record next, or take the
-// record before it out. It is a hint, checked before use. Readers may write it at the same time.
+// The cursor of an index is the place where it last found a successor. A walk next asks for the successor of that
+// record, or removes the record before it. The cursor is a hint that is checked before use, because readers write it at
+// the same time. A leaf is aligned to its size, so the low bits of one word hold the slot.
 inline leaf_place cursor_of(const ordtree_index_t &index)
 {
     const auto cursor = reinterpret_cast<uintptr_t>(__atomic_load_n(&index.cursor, __ATOMIC_RELAXED));
@@ -41,7 +48,7 @@ inline void set_cursor(const ordtree_index_t &index, leaf_place at)
     __atomic_store_n(&const_cast<ordtree_index_t &>(index).cursor, cursor, __ATOMIC_RELAXED);
 }
 
-// Moves entries within a node or to another one. Counts, and what the targets know of it, are left to the caller.
+// Moves entries within a node or to another one. The caller updates the counts, and the links of the targets.
 inline void move_entries(node *to, unsigned to_slot, const node *from, unsigned from_slot, unsigned count)
 {
     std::memmove(to->entries + to_slot, from->entries + from_slot, count * sizeof(entry));
@@ -60,7 +67,7 @@ inline void remove_entry(node *from, unsigned slot)
     move_entries(from, slot, from, slot + 1, from->count - slot);
 }
 
-// Whether, and how many, nodes it takes to put a record into `leaf`; null for an index without any.
+// Whether putting a record into `leaf` needs new nodes, and how many. `leaf` is null for an empty index.
 inline bool needs_nodes(const node *leaf)
 {
     return leaf == nullptr || leaf->count == node_capacity;
@@ -68,13 +75,13 @@ inline bool needs_nodes(const node *leaf)
 
 unsigned nodes_needed(const node *leaf) noexcept;
 
-// Puts a record to a place where nodes are needed: `spare` is a list of as many, or more.
+// Puts a record to a place that needs new nodes. `spare` is a list of at least as many.
 void put_with_nodes(ordtree_t *tree, unsigned number, leaf_place at, entry added, node *&spare) noexcept;
 
-// Restores what has to hold for a leaf, and above it, after the entry at `slot` was removed.
+// Restores the shape of a leaf, and above it, after the entry at `slot` was removed.
 void reshape_after_removal(ordtree_index_t &index, node *leaf, unsigned slot) noexcept;
 
-// Gives all nodes of an index back, whatever they hold.
+// Gives all nodes of an index back. Does not touch the records.
 void free_nodes(ordtree_index_t &index) noexcept;
 
 // Puts the entry of a record to its place in an index.

@@ -14,6 +14,7 @@
 
 #include "host/pool/arena.h"
 #include "host/pool/chunk_statistics.h"
+#include "tests/support/pools.h"
 
 namespace {
 
@@ -280,9 +281,9 @@ TEST_F(chunk, VisitsPoolsAndFindsThemByName)
     EXPECT_EQ(host::chunk_next(nullptr), small);
     EXPECT_EQ(host::chunk_next(small), large);
     EXPECT_EQ(host::chunk_next(large), nullptr);
-    EXPECT_EQ(host::chunk_find(name.c_str()), small);
-    EXPECT_EQ(host::chunk_find("large"), large);
-    EXPECT_EQ(host::chunk_find("larg"), nullptr);
+    EXPECT_EQ(test::find_pool(name.c_str()), small);
+    EXPECT_EQ(test::find_pool("large"), large);
+    EXPECT_EQ(test::find_pool("larg"), nullptr);
     EXPECT_EQ(statistics_of(small).name, name.substr(0, 47));
     EXPECT_LE(statistics_of(small).bytes, 16u << 10) << "a small pool costs little";
     chunk_destroy(small);

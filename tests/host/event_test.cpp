@@ -99,10 +99,9 @@ TEST(EventManager, WaitsTellServingFromEnded)
         event_loop loop("/test/life");
         first = loop.evm;
         EXPECT_EQ(early.get(), event_manager_state::serving);
-        EXPECT_EQ(host::event_manager_wait_left(loop.evm, 0), ETIMEDOUT);
+        EXPECT_EQ(host::event_manager_join(loop.evm, 0), ETIMEDOUT);
         loop.stop();
         EXPECT_EQ(host::event_manager_wait("/test/life", 60), event_manager_state::ended);
-        EXPECT_EQ(host::event_manager_wait_left(loop.evm, 60), 0u);
     }
     host::event_manager_forget_ended();
     EXPECT_EQ(host::event_manager_find("/test/life"), nullptr);
@@ -121,7 +120,7 @@ TEST(EventManager, ThreadThatEndsByItselfIsJoinedOnce)
                   [](void *) -> void * {
                       host::event_manager_stop(create_manager("/test/had-before"));
                       event_manager_t *const evm = create_manager("/test/failed-set-up");
-                      EXPECT_EQ(host::event_manager_wait_left(evm, 60), EDEADLK);
+                      EXPECT_EQ(host::event_manager_join(evm, 60), EDEADLK);
                       pthread_exit(nullptr);
                   },
                   nullptr),

@@ -3,11 +3,12 @@
 // The host's ordered tree against a plain reference, with the tree's own audit after every few steps.
 
 #include "host/pool/arena.h"
-#include "host/tree/ordtree_audit.h"
+#include "host/tree/ordtree_memory.h"
 #include "platform/ordtree.h"
 
 #include <gtest/gtest.h>
 
+#include "tests/support/tree_audit.h"
 #include <algorithm>
 #include <array>
 #include <cstdlib>
@@ -99,7 +100,7 @@ uint32_t seed()
 }
 
 #define TRACE_SEED() SCOPED_TRACE("ORDTREE_SEED=" + std::to_string(seed()))
-#define ASSERT_SOUND(tree) ASSERT_STREQ(ordtree_audit(&(tree)), nullptr)
+#define ASSERT_SOUND(tree) ASSERT_STREQ(test::tree_fault(&(tree)), nullptr)
 
 std::vector<record> numbered_records(uint32_t count)
 {
@@ -150,7 +151,7 @@ protected:
     {
         ordtree_finish(&tree);
         ordtree_finish(&other);
-        EXPECT_EQ(ordtree_memory().nodes, 0U);
+        EXPECT_EQ(host::ordtree_memory().nodes, 0U);
     }
 
     void change(record &of)
@@ -258,7 +259,7 @@ TEST(ordtree, survives_every_order_of_insertion_and_deletion)
         for (const sequence &insertion : orders) {
             for (const sequence &deletion : orders) {
                 grow_and_shrink(of, insertion, deletion, 499);
-                EXPECT_EQ(ordtree_memory().nodes, 0U);
+                EXPECT_EQ(host::ordtree_memory().nodes, 0U);
             }
         }
     }
@@ -326,21 +327,21 @@ TEST(ordtree, inserts_into_all_indexes_or_none)
         ASSERT_EQ(init(tree, of), 0U);
         unsigned refusals = 0;
         for (const uint32_t i : shuffled(static_cast<uint32_t>(records.size()))) {
-            const auto before = ordtree_memory().nodes;
+            const auto before = host::ordtree_memory().nodes;
             for (size_t limit = std::max<size_t>(before, 1);; limit++) {
-                ordtree_set_node_limit(limit);
+                host::ordtree_set_node_limit(limit);
                 if (ordtree_insert(&tree, records[i].links) != nullptr) {
                     break;
                 }
                 refusals++;
                 ASSERT_TRUE(is_out(records[i]));
-                ASSERT_EQ(ordtree_memory().nodes, before);
+                ASSERT_EQ(host::ordtree_memory().nodes, before);
                 ASSERT_EQ(ordtree_search(&tree, records[i].links, of.index_count - 1), nullptr);
                 ASSERT_SOUND(tree);
                 ASSERT_LE(limit, before + 8);
             }
         }
-        ordtree_set_node_limit(0);
+        host::ordtree_set_node_limit(0);
         EXPECT_GT(refusals, 100U);
         ASSERT_SOUND(tree);
 
@@ -352,7 +353,7 @@ TEST(ordtree, inserts_into_all_indexes_or_none)
         EXPECT_EQ(is_out(half), of.index_count == 2);
         ASSERT_SOUND(tree);
         ordtree_finish(&tree);
-        EXPECT_EQ(ordtree_memory().nodes, 0U);
+        EXPECT_EQ(host::ordtree_memory().nodes, 0U);
     }
 }
 
@@ -402,7 +403,7 @@ TEST(ordtree, examines_any_link_without_harm)
     EXPECT_EQ(ordtree_delete(&tree, copy.links), nullptr);
     ASSERT_SOUND(tree);
     set_keys(records[7], 1000000);
-    EXPECT_STREQ(ordtree_audit(&tree), "a key word is not that of its record");
+    EXPECT_STREQ(test::tree_fault(&tree), "a key word is not that of its record");
     EXPECT_NE(ordtree_delete(&tree, records[7].links), nullptr);
     ASSERT_SOUND(tree);
 
@@ -507,18 +508,18 @@ TEST(ordtree, shares_slabs_between_trees_and_gives_them_back)
         while (ordtree_insert(&trees[filled], records[filled].links) != nullptr) {
             filled++;
         }
-        EXPECT_EQ(ordtree_memory().nodes, filled * 2) << "a node that was of no use alone has to be free again";
+        EXPECT_EQ(host::ordtree_memory().nodes, filled * 2) << "a node that was of no use alone has to be free again";
         EXPECT_TRUE(is_out(records[filled]));
         host::arena_set_limit(arena.limit);
         for (size_t i = filled; i < trees.size(); i++) {
             ASSERT_NE(ordtree_insert(&trees[i], records[i].links), nullptr);
         }
-        EXPECT_EQ(ordtree_memory().mapped_bytes, 2 * host::arena_slab_size);
+        EXPECT_EQ(host::ordtree_memory().mapped_bytes, 2 * host::arena_slab_size);
         for (size_t i = 0; i < trees.size(); i++) {
             ASSERT_NE(ordtree_delete(&trees[i], records[i].links), nullptr);
         }
-        EXPECT_EQ(ordtree_memory().nodes, 0U);
-        EXPECT_EQ(ordtree_memory().mapped_bytes, host::arena_slab_size) << "one is kept";
+        EXPECT_EQ(host::ordtree_memory().nodes, 0U);
+        EXPECT_EQ(host::ordtree_memory().mapped_bytes, host::arena_slab_size) << "one is kept";
     }
 }
 
@@ -532,8 +533,8 @@ TEST(ordtree, lets_trees_of_different_threads_grow_at_once)
     std::thread other(work, shuffled(4000));
     work(sawtooth(4000, 500));
     other.join();
-    EXPECT_EQ(ordtree_memory().nodes, 0U);
-    EXPECT_LE(ordtree_memory().mapped_bytes, host::arena_slab_size);
+    EXPECT_EQ(host::ordtree_memory().nodes, 0U);
+    EXPECT_LE(host::ordtree_memory().mapped_bytes, host::arena_slab_size);
 }
 
 TEST(ordtree_watch, counts_what_changes_the_tree)

@@ -1,17 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Records to bytes and back.
+// Records to bytes.
 
-#include "host/database/parcel_host.h"
+#include "platform/parcel.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <random>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
+
+#include "tests/support/decoded_record.h"
+#include "tests/support/words.h"
 
 namespace {
 
@@ -34,22 +37,14 @@ bytes encode(const void *record, const parcel_schema_t *described_by)
 // The fields of an encoded record, each as "name=value", numbers in decimal, bytes in hexadecimal.
 std::string listed(const bytes &data)
 {
-    std::vector<host::parcel_value> values;
-    EXPECT_EQ(host::parcel_read(data, values), 0u);
+    const test::cbor_ptr map = test::load_cbor(data);
     std::string text;
-    for (const host::parcel_value &value : values) {
-        text += std::string(text.empty() ? "" : " ") + std::string(value.name) + "=";
-        if (value.kind == host::parcel_kind::number) {
-            text += std::to_string(value.number);
-        } else if (value.kind == host::parcel_kind::text) {
-            text += "'" + std::string(value.text) + "'";
-        } else {
-            for (const char byte : value.text) {
-                char hex[3];
-                snprintf(hex, sizeof(hex), "%02x", static_cast<uint8_t>(byte));
-                text += hex;
-            }
-        }
+    for (const cbor_pair &pair : std::span(cbor_map_handle(map.get()), cbor_map_size(map.get()))) {
+        const cbor_item_t *const value = pair.value;
+        text += std::string(text.empty() ? "" : " ") + std::string(test::text_of(pair.key)) + "=";
+        text += cbor_isa_uint(value)     ? std::to_string(cbor_get_int(value))
+                : cbor_isa_string(value) ? "'" + std::string(test::text_of(value)) + "'"
+                                         : test::hex(cbor_bytestring_handle(value), cbor_bytestring_length(value));
     }
     return text;
 }
@@ -110,18 +105,12 @@ TEST(parcel, a_mac_record_carries_the_fields_of_its_kinds)
         {0xffffffff, 2, 0, "seg_type=4294967295 bmac_valid=2", "aux_kind=0"},
     };
     for (const auto &[seg_type, bmac_valid, aux_kind, segment, aux] : cases) {
-        const mac_record record(seg_type, bmac_valid, aux_kind);
-        const bytes data = encode(&record.info, schema);
-        EXPECT_EQ(listed(data), std::string(common).append(segment).append(rest).append(aux));
-        l2fib_mac_info_t decoded;
-        ASSERT_EQ(host::parcel_decode(data, &decoded, schema), 0u);
-        EXPECT_STREQ(decoded.bd_name, "g:b");
-        EXPECT_STREQ(decoded.time_str, "");
-        EXPECT_EQ(decoded.prev_mac, nullptr);
-        EXPECT_EQ(encode(&decoded, schema), data);
-        EXPECT_EQ(parcel_free_indirections(&decoded, schema), 0u);
-        EXPECT_EQ(decoded.bd_name, nullptr);
-        EXPECT_EQ(parcel_free_indirections(&decoded, schema), 0u);
+        mac_record record(seg_type, bmac_valid, aux_kind);
+        EXPECT_EQ(listed(encode(&record.info, schema)), std::string(common).append(segment).append(rest).append(aux));
+        for (uint32_t time = 0; time < 2; time++) {
+            EXPECT_EQ(parcel_free_indirections(&record.info, schema), 0u);
+            EXPECT_EQ(record.info.bd_name, nullptr);
+        }
     }
 }
 
@@ -134,9 +123,6 @@ TEST(parcel, the_other_records_have_a_compact_known_form)
     const l2fib_mac_count_info_t count{1, 24, 256, 65536, UINT32_MAX};
     const bytes data = encode(&count, &l2fib_bridge_hw_mac_count_info_parcel);
     EXPECT_EQ(listed(data), "mac_cnt_sum=1 mac_cnt_plain=24 mac_cnt_f2=256 mac_cnt_f4=65536 mac_cnt_f60=4294967295");
-    l2fib_mac_count_info_t decoded;
-    ASSERT_EQ(host::parcel_decode(data, &decoded, &l2fib_bridge_hw_mac_count_info_parcel), 0u);
-    EXPECT_EQ(memcmp(&decoded, &count, sizeof(count)), 0);
 }
 
 TEST(parcel, texts_of_any_length_are_carried)
@@ -144,83 +130,9 @@ TEST(parcel, texts_of_any_length_are_carried)
     for (const uint32_t length : {0u, 23u, 24u, 255u, 256u, 500u, 700u, 70000u}) {
         mac_record record(2, 0, 0);
         record.info.prev_mac = strdup(std::string(length, 'x').c_str());
-        l2fib_mac_info_t decoded;
-        ASSERT_EQ(host::parcel_decode(encode(&record.info, schema), &decoded, schema), 0u) << length;
-        EXPECT_STREQ(decoded.prev_mac, record.info.prev_mac);
-        parcel_free_indirections(&decoded, schema);
+        const std::string all = listed(encode(&record.info, schema));
+        EXPECT_NE(all.find("prev_mac='" + std::string(record.info.prev_mac) + "' "), std::string::npos) << length;
     }
-}
-
-TEST(parcel, what_is_not_one_whole_record_is_refused)
-{
-    const std::string good = "\xa3\x69seg_info1\x01\x69seg_info2\x02\x69vtep_addr\x44\x0a\x01\x01\x01";
-    const auto with = [&good](std::string_view part, std::string_view instead) {
-        std::string changed = good;
-        return changed.replace(changed.find(part), part.size(), instead);
-    };
-    const struct {
-        const char *what;
-        std::string data;
-        bool is_readable; // as a list of fields, without a schema
-    } cases[] = {
-        {"nothing", "", false},
-        {"no map", "\x01", false},
-        {"a map without end", "\xbf\x69seg_info1\x01\xff", false},
-        {"an empty map", "\xa0", true},
-        {"a byte behind", good + "\x01", false},
-        {"a field too few", with("\xa3", "\xa2"), false},
-        {"a field too many", with("\xa3", "\xa4"), false},
-        {"more fields than bytes", "\xbb\xff\xff\xff\xff\xff\xff\xff\xff" + good.substr(1), false},
-        {"an unknown name", with("seg_info2", "seg_info3"), true},
-        {"a name twice", with("seg_info2", "seg_info1"), true},
-        {"a name that is a number", with("\x69seg_info2", "\x02"), false},
-        {"a name too long for the bytes", with("\x69vtep_addr", "\x79\xff\xffvtep_addr"), false},
-        {"a number too large", with("\x02", "\x1b\x01\x01\x01\x01\x01\x01\x01\x01"), true},
-        {"a negative number", with("\x02", "\x21"), false},
-        {"a text for a number", with("\x02", "\x61\x41"), true},
-        {"an address too short", with("\x44\x0a\x01\x01\x01", "\x43\x01\x01\x01"), true},
-        {"a text for an address", with("\x44\x0a", "\x64\x0a"), true},
-        {"an array for an address", with("\x44\x0a", "\x84\x0a"), false},
-    };
-    const auto status_of = [](const std::string &data, l2fib_vtep_info_t &record) {
-        return host::parcel_decode(bytes(data.begin(), data.end()), &record, &l2fib_vtep_info_parcel);
-    };
-    l2fib_vtep_info_t record;
-    ASSERT_EQ(status_of(good, record), 0u);
-    EXPECT_EQ(record.seg_info2, 2u);
-    for (const auto &[what, data, is_readable] : cases) {
-        EXPECT_EQ(status_of(data, record), uint32_t{EBADMSG}) << what;
-        EXPECT_EQ(record.seg_info1, 0u) << what;
-        std::vector<host::parcel_value> values(1);
-        const uint32_t status = host::parcel_read(bytes(data.begin(), data.end()), values);
-        EXPECT_EQ(status, is_readable ? 0u : uint32_t{EBADMSG}) << what;
-        EXPECT_TRUE(is_readable || values.empty()) << what;
-    }
-}
-
-// Whatever arrives, a decoder refuses it or takes exactly what encodes to the same fields, and leaks nothing.
-TEST(parcel, changed_bytes_never_do_harm)
-{
-    std::mt19937 random(1);
-    const mac_record record(6, 1, 1);
-    const bytes whole = encode(&record.info, schema);
-    uint32_t accepted = 0;
-    for (uint32_t round = 0; round < 50000; round++) {
-        bytes data = whole;
-        if (round % 4 == 0) {
-            data.resize(random() % data.size());
-        }
-        for (uint32_t changes = random() % 4; changes > 0 && !data.empty(); changes--) {
-            data[random() % data.size()] = static_cast<uint8_t>(random());
-        }
-        l2fib_mac_info_t decoded;
-        if (host::parcel_decode(data, &decoded, schema) == 0) {
-            accepted++;
-            EXPECT_EQ(listed(encode(&decoded, schema)), listed(data));
-        }
-        EXPECT_EQ(parcel_free_indirections(&decoded, schema), 0u);
-    }
-    EXPECT_GT(accepted, 5000u);
 }
 
 TEST(parcel, wrong_arguments_are_refused)
@@ -235,7 +147,6 @@ TEST(parcel, wrong_arguments_are_refused)
         parcel_encode(&data, &length, nullptr, known),   parcel_encode(&data, &length, &record, nullptr),
         parcel_encode(&data, &length, &record, unknown), parcel_free_indirections(nullptr, known),
         parcel_free_indirections(&record, nullptr),      parcel_free_indirections(&record, unknown),
-        host::parcel_decode({}, nullptr, known),         host::parcel_decode({}, &record, unknown),
     };
     for (const uint32_t status : statuses) {
         EXPECT_EQ(status, uint32_t{EINVAL});

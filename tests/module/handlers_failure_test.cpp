@@ -154,11 +154,11 @@ struct outcome {
 outcome request(const char *path, request_kind kind, interpose::operation &failing, uint64_t nth)
 {
     failing.refuse(nth);
-    host::trace_reset();
+    test::skip_traces();
     const auto before = host::operational_get_statistics();
     outcome result = {};
     {
-        const auto page = host::operational_query({.path = path, .kind = kind});
+        const auto page = test::query({.path = path, .kind = kind});
         const uint32_t id = std::string_view(path).starts_with("mac-vtep") ? 1972 : 1918;
         result = {page.status, page.items.size(), page.more, traced(id)};
     }
@@ -269,7 +269,7 @@ TEST_F(served_module, a_time_that_cannot_be_told_is_unknown)
     hold(1);
     the.entries[0].flags = EDM_MAC_VNI | EDM_MAC_TIMESTAMP_VALID;
     the.entries[0].hw_timestamp = inconvertible;
-    const auto page = host::operational_query({.path = "mac-aging"});
+    const auto page = test::query({.path = "mac-aging"});
     ASSERT_EQ(page.items.size(), 1u);
     decoded<l2fib_mac_info_t> got(page.items[0].data, &l2fib_bridge_mac_info_parcel);
     EXPECT_STREQ(got.time_str, "unknown_time");

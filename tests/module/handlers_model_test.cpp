@@ -8,6 +8,7 @@
 #include <set>
 #include <sstream>
 
+#include "tests/support/pools.h"
 #include "tests/support/reference_table.h"
 #include "tests/support/served_module.h"
 #include "tests/support/words.h"
@@ -65,7 +66,7 @@ std::string text(const std::string &path, std::span<const uint8_t> data)
 void expect_answer(const std::string &path, request_kind kind, const answer &expected)
 {
     strings got;
-    const auto outcome = host::operational_read({.path = path, .kind = kind}, [&](const host::operational_page &page) {
+    const uint32_t status = test::read_pages({.path = path, .kind = kind}, [&](const host::operational_page &page) {
         for (const auto &item : page.items) {
             got.push_back(std::string(item.name) + (item.data.empty() ? "" : " " + text(path, item.data)));
         }
@@ -77,7 +78,7 @@ void expect_answer(const std::string &path, request_kind kind, const answer &exp
     const auto [left, right] = std::mismatch(got.begin(), got.end(), expected.items.begin(), expected.items.end());
     EXPECT_EQ(left == got.end() ? "the end" : *left, right == expected.items.end() ? "the end" : *right)
         << "item " << left - got.begin() << " of " << path << ", kind " << static_cast<uint32_t>(kind);
-    EXPECT_EQ(outcome.status, expected.status) << path << ", kind " << static_cast<uint32_t>(kind);
+    EXPECT_EQ(status, expected.status) << path << ", kind " << static_cast<uint32_t>(kind);
 }
 
 // ---- What the reference has ----
@@ -251,7 +252,7 @@ public:
     ~asked_tables()
     {
         for (const char *name : pool_names) {
-            host::chunk_set_limit(host::chunk_find(name), UINT64_MAX);
+            host::chunk_set_limit(test::find_pool(name), UINT64_MAX);
         }
         for (const uint32_t xcid : xcids) {
             l2fm_edm_table_bp_destroy(xcid);

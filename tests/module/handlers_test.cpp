@@ -122,13 +122,13 @@ TEST_F(served_module, long_answers_come_in_pages_of_one_resync)
                 seen.insert(got.begin(), got.end());
                 return true;
             };
-            EXPECT_EQ(host::operational_read({.path = c.path, .kind = kind, .count = c.count}, visit).status, 0u);
+            EXPECT_EQ(test::read_pages({.path = c.path, .kind = kind, .count = c.count}, visit), 0u);
             EXPECT_EQ(pages, c.pages);
             EXPECT_EQ(seen.size(), std::accumulate(pages.begin(), pages.end(), size_t{0}));
             EXPECT_EQ(the.asked.size(), 1u) << "only the first page asks for a resync";
         }
     }
-    EXPECT_FALSE(host::operational_query({.path = "mac-table", .count = 200}).more);
+    EXPECT_FALSE(test::query({.path = "mac-table", .count = 200}).more);
 }
 
 // The same address ends the pages on port 10 and on port 20, which has moved to the bridge domain with it.
@@ -150,8 +150,8 @@ TEST_F(served_module, an_address_on_two_ports_does_not_keep_a_reader_for_ever)
     for (const auto kind : {names, data}) {
         uint32_t pages = 0;
         const auto visit = [&pages](const host::operational_page &) { return ++pages < 100; };
-        EXPECT_EQ(host::operational_read({.path = "mac-table/domain/g:a", .kind = kind}, visit).status, ELOOP);
-        EXPECT_EQ(host::operational_read({.path = "mac-table/port/20/domain/g:a", .kind = kind}, visit).status, 0u);
+        EXPECT_EQ(test::read_pages({.path = "mac-table/domain/g:a", .kind = kind}, visit), ELOOP);
+        EXPECT_EQ(test::read_pages({.path = "mac-table/port/20/domain/g:a", .kind = kind}, visit), 0u);
     }
 }
 
@@ -217,11 +217,11 @@ TEST_F(served_module, lists_continue_after_what_was_removed_between_pages)
             SCOPED_TRACE(testing::Message() << c.path << " after " << c.first << ", row " << &c - cases);
             SetUp();
             hold_8();
-            const auto first = host::operational_query({.path = c.path, .count = c.first});
+            const auto first = test::query({.path = c.path, .count = c.first});
             ASSERT_EQ(first.items.size(), c.first);
             c.remove();
-            const auto rest = host::operational_query(
-                {.path = c.path, .kind = kind, .start_key = std::string(first.items.back().name)});
+            const auto rest =
+                test::query({.path = c.path, .kind = kind, .start_key = std::string(first.items.back().name)});
             EXPECT_EQ(rest.status, c.status);
             EXPECT_EQ(names_of(rest), c.rest);
             EXPECT_EQ(the.asked.size(), 1u);
@@ -232,7 +232,7 @@ TEST_F(served_module, lists_continue_after_what_was_removed_between_pages)
 TEST_F(served_module, start_keys_are_read_with_care)
 {
     hold_8();
-    host::operational_query({.path = "mac-table"});
+    test::query({.path = "mac-table"});
     const std::string long_part(100, 'x');
     const struct {
         const char *path;
@@ -273,8 +273,8 @@ TEST_F(served_module, start_keys_are_read_with_care)
     for (const auto &c : cases) {
         for (const auto kind : list_kinds(c.path)) {
             SCOPED_TRACE(testing::Message() << c.path << " " << c.key.substr(0, 80));
-            host::trace_reset();
-            const auto page = host::operational_query({.path = c.path, .kind = kind, .start_key = c.key});
+            test::skip_traces();
+            const auto page = test::query({.path = c.path, .kind = kind, .start_key = c.key});
             EXPECT_EQ(page.status, c.status);
             EXPECT_EQ(names_of(page), c.items);
             // A key that has nothing to do with the request is refused silently.
@@ -322,11 +322,10 @@ TEST_F(served_module, item_names_take_their_parts_from_the_full_name)
         for (const std::string path : {"mac-table/domain/", "mac-table/port/10/domain/", "mac-aging"}) {
             const bool aging = path == "mac-aging";
             const auto continued = [&](const std::string &tail) {
-                return host::operational_query(
-                    {.path = aging ? path : path + c.full_name, .start_key = mac_name(1, tail)});
+                return test::query({.path = aging ? path : path + c.full_name, .start_key = mac_name(1, tail)});
             };
             const std::string &tail = aging ? c.aging_tail : c.tail;
-            const auto first = host::operational_query({.path = aging ? path : path + c.full_name});
+            const auto first = test::query({.path = aging ? path : path + c.full_name});
             EXPECT_THAT(names_of(first), ElementsAre(mac_name(1, tail), mac_name(2, tail)));
             EXPECT_EQ(continued(tail).status, aging ? c.aging_status : c.status);
         }
@@ -368,11 +367,11 @@ TEST_F(served_module, each_request_asks_for_its_resync_and_reports_its_failure)
             SCOPED_TRACE(testing::Message() << c.path << " " << status);
             the.status = status;
             the.asked.clear();
-            host::trace_reset();
+            test::skip_traces();
             const auto before = host::operational_get_statistics();
             const bool asks = c.asked.type != 0;
             const bool fails = status != 0 && asks;
-            EXPECT_EQ(host::operational_query({.path = c.path, .kind = c.kind}).status, fails ? EDM_ERR_RESYNC : 0);
+            EXPECT_EQ(test::query({.path = c.path, .kind = c.kind}).status, fails ? EDM_ERR_RESYNC : 0);
             EXPECT_EQ(the.asked, std::vector(asks ? 1 : 0, c.asked));
             EXPECT_EQ(traced(1964), std::vector(fails ? 1 : 0, trace{c.traced_as, {c.traced_id, EDM_ERR_RESYNC}}));
             const auto after = host::operational_get_statistics();
@@ -386,13 +385,13 @@ TEST_F(served_module, a_walk_tells_where_it_starts)
 {
     domain(2, "empty");
     const auto starts = [](const char *path, uint32_t status) {
-        host::trace_reset();
-        EXPECT_EQ(host::operational_query({.path = path, .kind = names}).status, status) << path;
+        test::skip_traces();
+        EXPECT_EQ(test::query({.path = path, .kind = names}).status, status) << path;
         const auto points = traced(1967);
         return points.size() == 1 ? points[0] : trace{};
     };
     const std::string name = "l2fib_hw_mac_addr_edm_list";
-    EXPECT_EQ(host::operational_query({.path = "mac-aging"}).status, bad) << "of an empty cache";
+    EXPECT_EQ(test::query({.path = "mac-aging"}).status, bad) << "of an empty cache";
     EXPECT_EQ(starts("mac-table", none), (trace{name, {0, 0, 0, 0, 0}}));
     EXPECT_EQ(traced(1918), (std::vector<trace>{{name, {87, none}}}));
     EXPECT_EQ(starts("mac-table/domain/empty", none), (trace{name, {0, 0, 0, 0, 0}}));
@@ -446,7 +445,7 @@ TEST_F(served_module, records_tell_what_the_port_and_the_flags_say)
         entry.ext_flags = static_cast<uint16_t>(c.xcid == 6 ? 3 : 2);
         entry.hw_timestamp = 24 * 60 * 60 + 62;
     }
-    const auto page = host::operational_query({.path = "mac-aging"});
+    const auto page = test::query({.path = "mac-aging"});
     ASSERT_EQ(page.items.size(), std::size(cases));
     for (size_t i = 0; i < page.items.size(); i++) {
         SCOPED_TRACE(testing::Message() << "row " << i);
@@ -505,13 +504,13 @@ TEST_F(served_module, counts_come_from_the_counters_the_cache_or_the_hardware)
         SCOPED_TRACE(testing::Message() << c.path << " " << c.count_status);
         the.count_status = c.count_status;
         the.counts = c.counts;
-        const auto page = host::operational_query({.path = c.path, .kind = get});
+        const auto page = test::query({.path = c.path, .kind = get});
         ASSERT_EQ(page.items.size(), 1u);
         decoded<l2fib_mac_count_info_t> got(page.items[0].data, &l2fib_bridge_hw_mac_count_info_parcel);
         EXPECT_EQ(bytes_of<l2fib_mac_count_info_t>(got), bytes_of(c.expected));
     }
     EXPECT_THAT(traced(1918), IsEmpty());
-    EXPECT_EQ(host::operational_query({.path = "mac-count/domain/unknown", .kind = get}).status, none);
+    EXPECT_EQ(test::query({.path = "mac-count/domain/unknown", .kind = get}).status, none);
 }
 
 TEST_F(served_module, one_entry_is_not_answered_without_the_hardware)
@@ -531,8 +530,8 @@ TEST_F(served_module, one_entry_is_not_answered_without_the_hardware)
     };
     for (const auto &c : cases) {
         SCOPED_TRACE(c.path);
-        host::trace_reset();
-        EXPECT_EQ(host::operational_query({.path = c.path, .kind = get}).status, c.status);
+        test::skip_traces();
+        EXPECT_EQ(test::query({.path = c.path, .kind = get}).status, c.status);
         EXPECT_EQ(traced(1918), c.points);
     }
 }

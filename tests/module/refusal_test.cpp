@@ -11,7 +11,7 @@
 
 #include "host/objects/l2fib_objects.h"
 #include "host/pool/chunk_statistics.h"
-#include "host/tree/ordtree_audit.h"
+#include "host/tree/ordtree_memory.h"
 #include "platform/chunk.h"
 #include "platform/l2fib.h"
 #include "platform/utility.h"
@@ -121,7 +121,7 @@ std::string run_refusing(interpose::operation &operation, uint64_t nth)
         outcome = "teardown " + outcome_of(0);
     }
     operation.refuse(0);
-    EXPECT_EQ(ordtree_memory().nodes, 0u);
+    EXPECT_EQ(host::ordtree_memory().nodes, 0u);
     EXPECT_EQ(host::chunk_next(nullptr), nullptr) << "a pool is left";
     return outcome;
 }

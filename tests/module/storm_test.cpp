@@ -130,11 +130,11 @@ void ask()
     const uint32_t type = EDM_RESYNC_ALL + below(4);
     EXPECT_EQ(l2fib_mac_edm_thread_send_resync(type, 1 + below(domains), nullptr), 0u);
     const char *path = lists[below(std::size(lists))];
-    const uint32_t listed = host::operational_query({.path = path}).status;
+    const uint32_t listed = test::query({.path = path}).status;
     const bool empty = listed == EDM_ERR_NO_ITEM || listed == EDM_ERR_BAD_REQUEST; // the scope, at that moment
     EXPECT_TRUE(listed == 0 || empty) << path << ' ' << std::hex << listed;
-    EXPECT_EQ(host::operational_query({.path = "mac-count", .kind = host::request_kind::get}).status, 0u);
-    EXPECT_EQ(host::operational_query({.path = "mac-action", .kind = host::request_kind::action}).status, 0u);
+    EXPECT_EQ(test::query({.path = "mac-count", .kind = host::request_kind::get}).status, 0u);
+    EXPECT_EQ(test::query({.path = "mac-action", .kind = host::request_kind::action}).status, 0u);
 }
 
 // ---- The platform: resyncs inside the callback or on a thread of its own ----

@@ -9,7 +9,7 @@
 
 #include "host/objects/l2fib_objects.h"
 #include "host/pool/chunk_statistics.h"
-#include "host/tree/ordtree_audit.h"
+#include "host/tree/ordtree_memory.h"
 #include "table/element.h"
 #include "tests/support/small_table.h"
 #include "tests/support/table_audit.h"
@@ -386,7 +386,7 @@ TEST(table_life, ends_with_nothing_left)
     EXPECT_EQ(l2fm_edm_table_ll_get_root()->ll_count, 0u);
     EXPECT_EQ(ordtree_running(l2fm_edm_table_bd_get_root()), 0u);
     EXPECT_EQ(ordtree_running(l2fm_edm_table_bp_get_root()), 0u);
-    EXPECT_EQ(ordtree_memory().nodes, 0u);
+    EXPECT_EQ(host::ordtree_memory().nodes, 0u);
     EXPECT_EQ(host::chunk_next(nullptr), nullptr) << "a pool is left";
 }
 

@@ -20,6 +20,7 @@
 
 #include "host/objects/l2fib_objects.h"
 #include "host/pool/chunk_statistics.h"
+#include "tests/support/pools.h"
 #include "tests/support/small_table.h"
 
 namespace reference_table {
@@ -394,7 +395,7 @@ private:
     void fill_or_empty_pool(uint32_t pool)
     {
         ref.full[pool] = below(4) == 0;
-        EXPECT_TRUE(host::chunk_set_limit(host::chunk_find(pool_names[pool]), ref.full[pool] ? 0 : UINT64_MAX));
+        EXPECT_TRUE(host::chunk_set_limit(test::find_pool(pool_names[pool]), ref.full[pool] ? 0 : UINT64_MAX));
     }
 
     void change_surroundings()

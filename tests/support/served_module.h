@@ -13,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include "host/database/operational_db_host.h"
-#include "host/database/parcel_host.h"
 #include "host/event/event_host.h"
 #include "host/objects/l2fib_host.h"
 #include "host/objects/l2fib_objects.h"
@@ -21,6 +20,9 @@
 #include "host/trace/trace_reader.h"
 #include "l2fm_edm_table.h"
 #include "platform/event.h"
+#include "tests/support/decoded_record.h"
+#include "tests/support/new_traces.h"
+#include "tests/support/requests.h"
 #include "tests/support/table_audit.h"
 
 namespace served {
@@ -167,7 +169,7 @@ struct decoded : Record {
         : Record{}
         , schema(of)
     {
-        EXPECT_EQ(host::parcel_decode(data, static_cast<Record *>(this), of), 0u);
+        EXPECT_TRUE(test::decode_record(data, static_cast<Record *>(this), of));
     }
     ~decoded() { parcel_free_indirections(static_cast<Record *>(this), schema); }
     decoded(const decoded &) = delete;
@@ -185,12 +187,12 @@ struct trace {
 // The trace points of one id, oldest first.
 inline std::vector<trace> traced(uint32_t id)
 {
-    std::vector<host::trace_point> points(host::trace_ring_size);
-    const host::trace_batch batch = host::trace_read(host::trace_ring_of(id), 1, points);
     std::vector<trace> found;
-    for (size_t i = 0; i < batch.count; i++) {
-        if (points[i].id == id) {
-            found.push_back({points[i].function, {points[i].values, points[i].values + points[i].value_count}});
+    for (const auto ring : {host::trace_ring::normal, host::trace_ring::error}) {
+        for (const host::trace_point &point : test::new_traces(ring)) {
+            if (point.id == id) {
+                found.push_back({point.function, {point.values, point.values + point.value_count}});
+            }
         }
     }
     return found;
@@ -208,7 +210,7 @@ struct served_module : testing::Test {
         l2fib_mac_edm_mutex_unlock();
         host::objects_clear();
         host::mac_query_set(nullptr, nullptr);
-        host::trace_reset();
+        test::skip_traces();
     }
 };
 

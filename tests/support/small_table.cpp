@@ -10,9 +10,11 @@
 #include "host/objects/l2fib_objects.h"
 #include "host/pool/chunk_statistics.h"
 #include "host/trace/trace_reader.h"
-#include "host/tree/ordtree_audit.h"
+#include "host/tree/ordtree_memory.h"
 #include "host/utility_host.h"
 #include "table/element.h"
+#include "tests/support/new_traces.h"
+#include "tests/support/pools.h"
 #include "tests/support/table_audit.h"
 
 namespace small_table {
@@ -97,7 +99,7 @@ std::string value_text(uint64_t value)
 
 uint32_t empty_pool(const char *name)
 {
-    return host::chunk_set_limit(host::chunk_find(name), 0) ? 0 : EDM_ERR_NOT_FOUND;
+    return host::chunk_set_limit(test::find_pool(name), 0) ? 0 : EDM_ERR_NOT_FOUND;
 }
 
 // The numbers of a step; those that are not given are 0.
@@ -125,7 +127,9 @@ const std::map<std::string, verb> verbs = {
     {"full BD", [](const numbers &) { return empty_pool("EDM-BD Chunk"); }},
     {"full VTEP", [](const numbers &) { return empty_pool("EDM-MAC Vtep DB Chunk"); }},
     {"full trees",
-     [](const numbers &) { return ordtree_set_node_limit(std::max<size_t>(ordtree_memory().nodes, 1)), 0u; }},
+     [](const numbers &) {
+         return host::ordtree_set_node_limit(std::max<size_t>(host::ordtree_memory().nodes, 1)), 0u;
+     }},
     {"kind", [](const numbers &n) { return set_port(n[0], n[1]), 0u; }},
     {"remove", [](const numbers &n) { return host::cross_connect_remove(n[0]); }},
 };
@@ -187,10 +191,10 @@ void make_objects()
 void start()
 {
     make_objects();
-    ordtree_set_node_limit(0);
+    host::ordtree_set_node_limit(0);
     ASSERT_EQ(l2fm_edm_table_init(), 0u);
     ASSERT_EQ(l2fib_mac_edm_defn_init(&limit, 1000), 0u);
-    host::trace_reset();
+    test::skip_traces();
 }
 
 void stop()
@@ -252,16 +256,14 @@ std::string table_text()
 
 std::string take_traces()
 {
-    std::vector<host::trace_point> points(64);
-    points.resize(host::trace_read(host::trace_ring::error, 1, points).count);
     std::string texts;
-    for (const host::trace_point &point : points) {
+    for (const host::trace_point &point : test::new_traces(host::trace_ring::error)) {
         texts += (texts.empty() ? "" : "; ") + std::to_string(point.id) + " " + point.function;
         for (uint32_t i = 0; i < point.value_count; i++) {
             texts += " " + value_text(point.values[i]);
         }
     }
-    host::trace_reset();
+    test::skip_traces();
     return texts;
 }
 

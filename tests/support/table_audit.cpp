@@ -9,9 +9,10 @@
 #include <vector>
 
 #include "host/pool/chunk_statistics.h"
-#include "host/tree/ordtree_audit.h"
 #include "l2fm_edm_table.h"
 #include "table/element.h"
+#include "tests/support/pools.h"
+#include "tests/support/tree_audit.h"
 
 namespace {
 
@@ -58,7 +59,7 @@ std::string address_text(const l2fm_edm_mac_t *mac)
 
 void check_tree(const ordtree_t *tree, const char *of, uint64_t id)
 {
-    const char *fault = ordtree_audit(tree);
+    const char *fault = test::tree_fault(tree);
     require(fault == nullptr, of, " tree of ", id, ": ", fault == nullptr ? "" : fault);
 }
 
@@ -221,7 +222,7 @@ void check_pools(const found &all)
     }
     for (const auto &[name, elements] : expected) {
         host::chunk_statistics pool{};
-        const bool exists = host::chunk_read_statistics(host::chunk_find(name.c_str()), &pool);
+        const bool exists = host::chunk_read_statistics(test::find_pool(name.c_str()), &pool);
         require(exists || elements == 0, name, " does not exist");
         require(pool.in_use == elements, pool.in_use, " elements of ", name, " are out, ", elements, " records");
     }

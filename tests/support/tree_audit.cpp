@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "host/tree/ordtree_audit.h"
+#include "tests/support/tree_audit.h"
 
+#include "host/pool/arena.h"
 #include "host/tree/ordtree_key.h"
 
 namespace {
@@ -18,6 +19,11 @@ struct audit {
     const node *last_leaf;
 };
 
+bool is_node_memory(const void *address)
+{
+    return reinterpret_cast<uintptr_t>(address) % node_size == 0 && host::arena_owner(address) != nullptr;
+}
+
 const char *check_fill(const node *at)
 {
     if (at->count == 0) {
@@ -31,7 +37,7 @@ const char *check_fill(const node *at)
 
 const char *check_header(const audit &of, const node *at)
 {
-    if (node_at(at) != at || at->tree != of.tree || at->index != of.number) {
+    if (!is_node_memory(at) || at->tree != of.tree || at->index != of.number) {
         return "a node belongs to another index";
     }
     const bool beside = at->next == nullptr || at->next->prev == at;
@@ -49,8 +55,8 @@ const char *check_record(audit &of, const node *leaf, unsigned slot)
         return "a key word is not that of its record";
     }
     for (unsigned number = 0; number < of.tree->index_count; number++) {
-        const node *const place = node_at(record[number].place);
-        if (place == nullptr || place->tree != of.tree || place->index != number) {
+        const auto *const place = static_cast<const node *>(record[number].place);
+        if (!is_node_memory(place) || place->tree != of.tree || place->index != number) {
             return "a record's link leads out of its tree";
         }
     }
@@ -156,7 +162,9 @@ const char *check_index(const ordtree_t *tree, unsigned number)
 
 } // namespace
 
-const char *ordtree_audit(const ordtree_t *tree)
+namespace test {
+
+const char *tree_fault(const ordtree_t *tree)
 {
     const char *fault = nullptr;
     for (unsigned number = 0; fault == nullptr && tree != nullptr && number < tree->index_count; number++) {
@@ -164,3 +172,5 @@ const char *ordtree_audit(const ordtree_t *tree)
     }
     return fault;
 }
+
+} // namespace test
