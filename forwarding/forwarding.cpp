@@ -27,8 +27,6 @@ namespace forwarding {
 namespace {
 
 constexpr const char *process_path = "/dev/l2fibd";
-constexpr const char *cache_path = "/dev/l2fib_mac_cache";
-constexpr const char *edm_path = "/dev/l2fib_mac_edm";
 constexpr uint32_t thread_wait_seconds = 60;
 
 // What runs. The module calls back without a cookie, so that there is one in a process.
@@ -53,7 +51,7 @@ void resync(uint32_t type, uint32_t arg)
     try {
         running->feed->resync({type, arg});
     } catch (const std::bad_alloc &) {
-        l2fib_mac_edm_resync_complete(2);
+        l2fib_mac_edm_resync_complete(EDM_RESYNC_STATUS_FAILED);
     }
 }
 
@@ -177,7 +175,7 @@ std::string start_module(const options &options)
 
 std::string wait_until_served()
 {
-    for (const char *path : {cache_path, edm_path}) {
+    for (const char *path : {EDM_CACHE_THREAD_PATH, EDM_REQUEST_THREAD_PATH}) {
         if (host::event_manager_wait(path, thread_wait_seconds) != host::event_manager_state::serving) {
             return std::string("the module's thread of ") + path + " does not serve";
         }
@@ -230,8 +228,8 @@ std::string text_of(const release_report &report)
 release_report end_module()
 {
     release_report report;
-    const bool cache_ended = end_thread(cache_path);
-    const bool edm_ended = end_thread(edm_path);
+    const bool cache_ended = end_thread(EDM_CACHE_THREAD_PATH);
+    const bool edm_ended = end_thread(EDM_REQUEST_THREAD_PATH);
     running->source->stop();
     host::event_manager_stop(running->process_evm);
     host::mac_query_set(nullptr, nullptr);
@@ -367,7 +365,7 @@ bool on_cache_thread(const std::function<void(feeder &feed)> &work)
     with_feeder([&](feeder &feed) {
         question asked{work, feed, {}};
         auto done = asked.is_done.get_future();
-        event_manager_t *evm = host::event_manager_find(cache_path);
+        event_manager_t *evm = host::event_manager_find(EDM_CACHE_THREAD_PATH);
         is_done = host::event_post(evm, answer_question, drop_question, &asked) == 0 && done.get();
     });
     return is_done;

@@ -25,8 +25,8 @@ namespace forwarding {
 enum class severity : uint8_t { warning, info };
 using reporter = void (*)(severity how_bad, const std::string &text);
 
-inline constexpr uint16_t most_domains = 65'535;    // bridge ids have 16 bits, and 0 is none
-inline constexpr uint32_t most_ports = 0xffff'fffe; // xcids have 32 bits; 0 is none, and the last is the dummy port's
+inline constexpr uint16_t max_domains = 65'535;      // bridge ids have 16 bits, and 0 is none
+inline constexpr uint32_t max_ports = EDM_XCID_LAST; // all xcids
 
 enum class plane_choice : uint8_t { generated, recorded, kernel };
 
@@ -52,8 +52,8 @@ struct options {
 
     // How many bridge domains and ports get an id, at least 1 of each. The defaults are all the ids that exist; a test
     // lowers them.
-    uint16_t domain_limit = most_domains;
-    uint32_t port_limit = most_ports;
+    uint16_t domain_limit = max_domains;
+    uint32_t port_limit = max_ports;
 
     // How many entries a second are compared with what the plane holds, to find what no change reported; 0: none.
     uint32_t proof_rate = 256;

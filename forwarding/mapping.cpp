@@ -62,12 +62,6 @@ host::cross_connect cross_connect_of(const copy_port &port)
 
 namespace {
 
-// Bits without a name in l2fib_mac_edm.h: the module only stores and reports them.
-constexpr uint16_t sticky_bit = 0x0010;
-constexpr uint16_t offloaded_bit = 0x0800;
-constexpr uint16_t recorded_bit = 0x4000; // recorded tables only
-constexpr uint16_t locked_bit = 0x8000;
-
 constexpr uint16_t inactive_bit = 0x0001; // of ext_flags
 
 // The entries to which a rule applies.
@@ -84,19 +78,15 @@ struct flag_rule {
 };
 
 constexpr flag_rule flag_rules[] = {
-    {of_bridge, 0, 0, EDM_MAC_BD_OWN | EDM_MAC_LOCAL},
-    {of_port, fdb_permanent, 0, EDM_MAC_LOCAL},
-    {of_port, fdb_noarp, 0, EDM_MAC_STATIC},
-    {of_device, fdb_permanent | fdb_noarp, 0, EDM_MAC_STATIC},
-    {of_any, 0, fdb_sticky, sticky_bit},
-    {of_any, 0, fdb_extern_learn, EDM_MAC_EXTERN_LEARNED},
-    {of_any, 0, fdb_offloaded, offloaded_bit},
-    {of_any, 0, fdb_locked, locked_bit},
+    {of_bridge, 0, 0, EDM_MAC_BD_OWN | EDM_MAC_LOCAL}, {of_port, fdb_permanent, 0, EDM_MAC_LOCAL},
+    {of_port, fdb_noarp, 0, EDM_MAC_STATIC},           {of_device, fdb_permanent | fdb_noarp, 0, EDM_MAC_STATIC},
+    {of_any, 0, fdb_sticky, EDM_MAC_STICKY},           {of_any, 0, fdb_extern_learn, EDM_MAC_EXTERN_LEARNED},
+    {of_any, 0, fdb_offloaded, EDM_MAC_OFFLOADED},     {of_any, 0, fdb_locked, EDM_MAC_LOCKED},
 };
 
 // Bits that a recorded table may add.
 constexpr uint16_t addable_flags =
-    EDM_MAC_PBB | EDM_MAC_BD_FIXED | EDM_MAC_BD_40 | EDM_MAC_BD_200 | EDM_MAC_BD_400 | recorded_bit;
+    EDM_MAC_PBB | EDM_MAC_BD_FIXED | EDM_MAC_BD_40 | EDM_MAC_BD_200 | EDM_MAC_BD_400 | EDM_MAC_4000;
 
 bool matches(uint8_t bits, uint8_t wanted)
 {

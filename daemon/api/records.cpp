@@ -36,14 +36,14 @@ struct flag_name {
 };
 
 constexpr flag_name flag_names[] = {
-    {EDM_MAC_PBB, 0, "backbone"},       {EDM_MAC_STATIC, 0, "static"},
-    {EDM_MAC_LOCAL, 0, "local"},        {EDM_MAC_BD_FIXED, 0, "domain-fixed"},
-    {flag_sticky, 0, "sticky"},         {EDM_MAC_BD_OWN, 0, "bridge-own"},
-    {EDM_MAC_BD_40, 0, "flag-0040"},    {EDM_MAC_EXTERN_LEARNED, 0, "extern-learned"},
-    {EDM_MAC_BD_200, 0, "flag-0200"},   {EDM_MAC_BD_400, 0, "flag-0400"},
-    {flag_offloaded, 0, "offloaded"},   {EDM_MAC_TIMESTAMP_VALID, 0, "timestamped"},
-    {flag_4000, 0, "flag-4000"},        {flag_locked, 0, "locked"},
-    {0, ext_flag_inactive, "inactive"},
+    {EDM_MAC_PBB, 0, "backbone"},          {EDM_MAC_STATIC, 0, "static"},
+    {EDM_MAC_LOCAL, 0, "local"},           {EDM_MAC_BD_FIXED, 0, "domain-fixed"},
+    {EDM_MAC_STICKY, 0, "sticky"},         {EDM_MAC_BD_OWN, 0, "bridge-own"},
+    {EDM_MAC_BD_40, 0, "flag-0040"},       {EDM_MAC_EXTERN_LEARNED, 0, "extern-learned"},
+    {EDM_MAC_BD_200, 0, "flag-0200"},      {EDM_MAC_BD_400, 0, "flag-0400"},
+    {EDM_MAC_OFFLOADED, 0, "offloaded"},   {EDM_MAC_TIMESTAMP_VALID, 0, "timestamped"},
+    {EDM_MAC_4000, 0, "flag-4000"},        {EDM_MAC_LOCKED, 0, "locked"},
+    {0, EDM_MAC_EXT_INACTIVE, "inactive"},
 };
 
 void write_flags(json_writer &json, const forwarding::mac_row &row)

@@ -13,15 +13,6 @@
 
 namespace l2fibd {
 
-// Bits of a row's flags that the module carries and that have no name of its own.
-inline constexpr uint16_t flag_sticky = 0x0010;
-inline constexpr uint16_t flag_offloaded = 0x0800;
-inline constexpr uint16_t flag_4000 = 0x4000;
-inline constexpr uint16_t flag_locked = 0x8000;
-
-// Bits of a row's extended flags.
-inline constexpr uint16_t ext_flag_inactive = 0x0001;
-
 // Shows the time that is left with `is_ordered`, in the lists of mac-aging.
 void write_row(json_writer &json, const forwarding::mac_row &row, bool is_ordered);
 

@@ -151,7 +151,7 @@ bool is_flagged(const call &asked)
 
 // An entry with one of these flags passes `flagged=true`, in the list of a bridge domain or the table, and of a port.
 constexpr uint16_t flagged_in_domain = EDM_MAC_ON_DUMMY_PORT;
-constexpr uint16_t flagged_on_port = EDM_MAC_ON_DUMMY_PORT | flag_4000 | flag_locked;
+constexpr uint16_t flagged_on_port = EDM_MAC_ON_DUMMY_PORT | EDM_MAC_4000 | EDM_MAC_LOCKED;
 
 std::optional<std::array<uint8_t, base::ipv4_bytes>> vtep_of(const call &asked)
 {

@@ -64,8 +64,8 @@ struct feeder_settings {
     uint16_t wait_seconds = 0;
     uint32_t mac_limit = 0;
     uint32_t proof_rate = 0;
-    uint16_t domain_limit = most_domains;
-    uint32_t port_limit = most_ports;
+    uint16_t domain_limit = max_domains;
+    uint32_t port_limit = max_ports;
     reporter report = nullptr;
 };
 

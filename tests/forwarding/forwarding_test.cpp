@@ -391,8 +391,6 @@ TEST_F(recording, MalformedTablesAreNamed)
 
 // ---- Through the module ----
 
-constexpr const char *cache_path = "/dev/l2fib_mac_cache";
-
 // Runs `work` on the cache thread and waits for it.
 template <typename Work>
 void on_cache(Work work)
@@ -406,7 +404,7 @@ void on_cache(Work work)
         posted_work->work();
         posted_work->done.set_value();
     };
-    ASSERT_EQ(host::event_post(host::event_manager_find(cache_path), run, nullptr, &what), 0u);
+    ASSERT_EQ(host::event_post(host::event_manager_find(EDM_CACHE_THREAD_PATH), run, nullptr, &what), 0u);
     what.done.get_future().wait();
 }
 
@@ -867,7 +865,8 @@ struct churn : fed_module {
         std::promise<void> settled;
         const auto wait = [](void *cookie) { static_cast<std::promise<void> *>(cookie)->set_value(); };
         uint32_t timer = 0;
-        host::event_timer_attach(host::event_manager_find(cache_path), 60'000'000, 0, wait, &settled, &timer);
+        host::event_timer_attach(host::event_manager_find(EDM_CACHE_THREAD_PATH), 60'000'000, 0, wait, &settled,
+                                 &timer);
         settled.get_future().wait();
     }
 

@@ -84,7 +84,7 @@ void start(l2fib_mac_edm_pd_cb_t callbacks = silent_callbacks())
     callbacks.resync_bp_cb = [](uint32_t xcid) { resync(words("resync_bp_cb", xcid)); };
     callbacks.action_cb = [] { note("action_cb"); };
     ASSERT_EQ(start_module(callbacks), 0u);
-    for (const char *path : {cache_path, edm_path}) {
+    for (const char *path : {EDM_CACHE_THREAD_PATH, EDM_REQUEST_THREAD_PATH}) {
         ASSERT_EQ(host::event_manager_wait(path, 30), host::event_manager_state::serving);
     }
     the.journals.clear();

@@ -39,9 +39,6 @@ using test::hex;
 using test::words;
 using journal = std::vector<std::string>;
 
-constexpr const char *cache_path = "/dev/l2fib_mac_cache";
-constexpr const char *edm_path = "/dev/l2fib_mac_edm";
-
 // Who makes a call: the module's threads in the order in which they are created, a thread that says so, everybody else.
 enum role { cache, edm, platform, caller };
 
@@ -200,7 +197,7 @@ inline uint32_t start_module(const l2fib_mac_edm_pd_cb_t &callbacks)
 // Ends whatever threads were started.
 inline void stop_module()
 {
-    for (const char *path : {cache_path, edm_path}) {
+    for (const char *path : {EDM_CACHE_THREAD_PATH, EDM_REQUEST_THREAD_PATH}) {
         host::event_manager_stop(host::event_manager_find(path));
     }
     for (const pthread_t thread : std::exchange(the.threads, {})) {
