@@ -138,6 +138,7 @@ void show(query_session &session)
     const base::result by_name = print_view(to, selected);
     const base::result found = found_of(printer.count(), by_name);
     printer.end();
+    mark_changed_ports(session);
     const bool is_whole = session.worst.state == completeness::whole || !selected.heeds_mark;
     if (is_whole || !session.options.strict) {
         out.release();

@@ -34,7 +34,8 @@ struct query_session {
     const client_options &options;
     progress progress_line = {};
     connection daemon{options.socket, std::chrono::seconds(options.timeout_seconds)};
-    completeness_mark worst = {}; // of all answers so far
+    completeness_mark worst = {};           // of all answers so far
+    std::vector<uint64_t> named_ports = {}; // xcids that --port meant when the command asked for the ports
 };
 
 struct page {

@@ -182,6 +182,19 @@ void for_each_item(query_session &session, const resource &listed,
     });
 }
 
+namespace {
+
+std::vector<uint64_t> xcids_of(const std::vector<named_port> &found)
+{
+    std::vector<uint64_t> xcids;
+    for (const named_port &port : found) {
+        xcids.push_back(port.xcid);
+    }
+    return xcids;
+}
+
+} // namespace
+
 std::vector<named_port> find_ports(query_session &session)
 {
     const client_options &options = session.options;
@@ -203,7 +216,29 @@ std::vector<named_port> find_ports(query_session &session)
     if (by_name.empty() && by_number.empty()) {
         fail_no_port(options);
     }
-    return by_name.empty() ? by_number : by_name;
+    const std::vector<named_port> &found = by_name.empty() ? by_number : by_name;
+    session.named_ports = xcids_of(found);
+    return found;
+}
+
+void mark_changed_ports(query_session &session)
+{
+    const std::vector<uint64_t> before = session.named_ports;
+    if (before.empty()) {
+        return;
+    }
+    std::vector<uint64_t> now;
+    try {
+        now = xcids_of(find_ports(session));
+    } catch (const failure &error) {
+        if (error.status != exit_status::nothing_found) {
+            throw;
+        }
+    }
+    if (now != before) {
+        session.worst.add({completeness::degraded,
+                           "the ports named \"" + session.options.port + "\" changed while the answer was made"});
+    }
 }
 
 } // namespace l2fibctl

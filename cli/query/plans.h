@@ -79,4 +79,8 @@ struct named_port {
 // VLANs. A number means the xcid unless a port has that number as its name. Throws a failure if there is no such port.
 std::vector<named_port> find_ports(query_session &session);
 
+// Marks the answer as degraded if --port means other ports now than when the command asked for them. A port that
+// changes its VNI gets another xcid, so the entries of the new one would be missing without a word.
+void mark_changed_ports(query_session &session);
+
 } // namespace l2fibctl
