@@ -187,6 +187,27 @@ bridges()
     leaf ip link del p1
 }
 
+@test "a port that leaves and returns while it is listed marks the answer" {
+    local -r end=$((SECONDS + 60))
+    local status=0
+    (while :; do
+        leaf ip link set host1 nomaster
+        leaf ip link set host1 master br0
+    done) 3>&- &
+    until ((status == 6 || SECONDS >= end)); do
+        status=0
+        ctl show mac --port host1 >"$BATS_TEST_TMPDIR/rows" 2>"$BATS_TEST_TMPDIR/why" || status=$?
+        # Without the port there is nothing to list; with it, its own address is there.
+        ((status != 1)) || grep --quiet 'no port "host1"' "$BATS_TEST_TMPDIR/why" || break
+    done
+    kill $!
+    wait $! || true
+    leaf ip link set host1 master br0
+    ((status == 6))
+    grep --quiet 'the ports named "host1" changed' "$BATS_TEST_TMPDIR/why"
+    same_as_kernel
+}
+
 @test "50,000 entries are added at once, and 20,000 are deleted while a client lists them" {
     add_port many
     entries add 1 50000 many
