@@ -142,10 +142,10 @@ struct id_view {
 
 struct proof_view {
     uint64_t asked = 0;          // entries compared with the plane
-    uint64_t disagreed = 0;      // of these, those that the copy held otherwise and no change explained
+    uint64_t disagreed = 0;      // of these, those that the shadow table held otherwise and no change explained
     uint64_t listed_stale = 0;   // entries that a clean listing and a question found gone
     uint64_t listed_missing = 0; // entries that a listing found and no change had reported
-    int64_t last = 0;            // when a listing proved the copy last, in seconds since the epoch; 0: never
+    int64_t last = 0;            // when a listing proved the shadow table last, in seconds since the epoch; 0: never
 };
 
 struct counted_reason {

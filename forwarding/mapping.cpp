@@ -37,7 +37,7 @@ constexpr size_t vxlan_device = 3;
 
 } // namespace
 
-host::cross_connect cross_connect_of(const copy_port &port)
+host::cross_connect cross_connect_of(const shadow_port &port)
 {
     host::cross_connect values;
     switch (port.key.kind) {
@@ -128,21 +128,21 @@ constexpr mac_address zero_mac = {};
 constexpr int64_t ms_per_second = 1000;
 
 // Returns the device's own entry that is joined with a bridge's entry on a VXLAN device, or no_slot.
-uint32_t joined_entry(const table_copy &copy, const copy_entry &entry)
+uint32_t joined_entry(const shadow_table &shadow, const shadow_entry &entry)
 {
     if (entry.group == no_slot || entry.record.self || (entry.record.state & fdb_permanent) != 0) {
         return no_slot;
     }
-    const uint32_t first = copy.groups[entry.group].first;
-    return copy.entries[first].record.self ? first : no_slot;
+    const uint32_t first = shadow.groups[entry.group].first;
+    return shadow.entries[first].record.self ? first : no_slot;
 }
 
 // The bridge decides where it forwards an address. The device's own entry only adds the tunnel end point, so it is not
 // fed without the bridge's entry. The flood list is fed by its first entry.
-standing standing_of_own(const table_copy &copy, uint32_t entry)
+standing standing_of_own(const shadow_table &shadow, uint32_t entry)
 {
-    const copy_entry &own = copy.entries[entry];
-    const copy_group &group = copy.groups[own.group];
+    const shadow_entry &own = shadow.entries[entry];
+    const shadow_group &group = shadow.groups[own.group];
     if (own.record.mac == zero_mac) {
         return group.first == entry ? standing::fed : standing::of_flood_list;
     }
@@ -172,34 +172,34 @@ void set_destination(const fdb_destination &destination, l2fib_mac_edm_entry_t &
     }
 }
 
-void build(const table_copy &copy, const copy_entry &entry, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &to)
+void build(const shadow_table &shadow, const shadow_entry &entry, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &to)
 {
     const fdb_record &record = entry.record;
-    const copy_port &port = copy.ports[entry.port];
+    const shadow_port &port = shadow.ports[entry.port];
     to = {};
     to.flags = flags_of(record);
     to.ext_flags = (record.flags & fdb_inactive) != 0 ? inactive_bit : 0;
     to.ext_attr = record.vlan;
     to.xcid = port.xcid;
-    to.bridge_id = copy.domains[port.domain].bridge_id;
+    to.bridge_id = shadow.domains[port.domain].bridge_id;
     std::memcpy(to.mac_addr, record.mac.data(), sizeof(to.mac_addr));
     set_timestamp(record, epoch_offset_ms, to);
     set_destination(record.destination, to);
-    if (const uint32_t joined = joined_entry(copy, entry); joined != no_slot) {
-        set_destination(copy.entries[joined].record.destination, to);
+    if (const uint32_t joined = joined_entry(shadow, entry); joined != no_slot) {
+        set_destination(shadow.entries[joined].record.destination, to);
     }
 }
 
 } // namespace
 
-const fdb_record *tunnel_record_of(const table_copy &copy, uint32_t entry)
+const fdb_record *tunnel_record_of(const shadow_table &shadow, uint32_t entry)
 {
-    const copy_entry &of = copy.entries[entry];
+    const shadow_entry &of = shadow.entries[entry];
     if (of.record.self) {
         return &of.record;
     }
-    const uint32_t joined = joined_entry(copy, of);
-    return joined != no_slot ? &copy.entries[joined].record : nullptr;
+    const uint32_t joined = joined_entry(shadow, of);
+    return joined != no_slot ? &shadow.entries[joined].record : nullptr;
 }
 
 const char *text_of(standing standing)
@@ -207,27 +207,28 @@ const char *text_of(standing standing)
     return standing_texts[static_cast<size_t>(standing)];
 }
 
-standing standing_of(const table_copy &copy, uint32_t entry)
+standing standing_of(const shadow_table &shadow, uint32_t entry)
 {
-    const copy_entry &of = copy.entries[entry];
+    const shadow_entry &of = shadow.entries[entry];
     if (!of.alive) {
         return standing::none;
     }
-    const copy_port &port = copy.ports[of.port];
+    const shadow_port &port = shadow.ports[of.port];
     if (port.domain == no_slot) {
         return port.key.kind == link_kind::vxlan ? standing::without_bridge : standing::receive_filter;
     }
-    if (copy.domains[port.domain].bridge_id == 0 || port.xcid == 0) {
-        return copy.find_link(port.key.master) == nullptr ? standing::without_name : standing::without_id;
+    if (shadow.domains[port.domain].bridge_id == 0 || port.xcid == 0) {
+        return shadow.find_link(port.key.master) == nullptr ? standing::without_name : standing::without_id;
     }
-    return of.record.self ? standing_of_own(copy, entry) : standing::fed;
+    return of.record.self ? standing_of_own(shadow, entry) : standing::fed;
 }
 
-standing describe(const table_copy &copy, uint32_t entry, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &descriptor)
+standing describe(const shadow_table &shadow, uint32_t entry, int64_t epoch_offset_ms,
+                  l2fib_mac_edm_entry_t &descriptor)
 {
-    const standing found = standing_of(copy, entry);
+    const standing found = standing_of(shadow, entry);
     if (found == standing::fed || found == standing::of_flood_list) {
-        build(copy, copy.entries[entry], epoch_offset_ms, descriptor);
+        build(shadow, shadow.entries[entry], epoch_offset_ms, descriptor);
     }
     return found;
 }

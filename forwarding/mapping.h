@@ -16,7 +16,7 @@
 #include <string>
 #include <string_view>
 
-#include "forwarding/table_copy.h"
+#include "forwarding/shadow_table.h"
 #include "host/objects/l2fib_objects.h"
 #include "l2fib_mac_edm.h"
 
@@ -39,7 +39,7 @@ std::string bridge_domain_part(std::string_view bridge, uint16_t vlan);
 // ---- Ports ----
 
 // Returns the cross-connect of a port, with its first segment: a VXLAN segment, a tunnel, or an interface.
-host::cross_connect cross_connect_of(const copy_port &port);
+host::cross_connect cross_connect_of(const shadow_port &port);
 
 // ---- Entries ----
 
@@ -62,14 +62,15 @@ const char *text_of(standing standing);
 
 // Returns the standing of an entry. Builds its descriptor if it is `fed` or `of_flood_list`: the feeder also feeds the
 // latter, for its destination. `epoch_offset_ms` is the time since the epoch minus the steady clock.
-standing describe(const table_copy &copy, uint32_t entry, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &descriptor);
+standing describe(const shadow_table &shadow, uint32_t entry, int64_t epoch_offset_ms,
+                  l2fib_mac_edm_entry_t &descriptor);
 
 // As describe, without a descriptor.
-standing standing_of(const table_copy &copy, uint32_t entry);
+standing standing_of(const shadow_table &shadow, uint32_t entry);
 
 // Returns the device's own record by which an entry on a VXLAN device is sent; null if only the bridge holds the
 // address.
-const fdb_record *tunnel_record_of(const table_copy &copy, uint32_t entry);
+const fdb_record *tunnel_record_of(const shadow_table &shadow, uint32_t entry);
 
 // Returns the EDM_MAC_ bits of an entry, without those of its destination and time.
 uint16_t flags_of(const fdb_record &record);

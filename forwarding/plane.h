@@ -4,7 +4,7 @@
 // interface of the sink to which it reports.
 //
 // A plane reports what it holds, then every change, and answers questions about single entries. It keeps no table. The
-// sink keeps the one shadow table for all planes (table_copy.h).
+// sink keeps the one shadow table for all planes (shadow_table.h).
 //
 // Full dumps. A full dump is one pass over everything that the plane holds:
 //

@@ -105,7 +105,7 @@ uint8_t variant_of(const l2fib_mac_edm_entry_t &descriptor)
 } // namespace
 
 feeder::feeder(plane &source, feeder_settings settings)
-    : copy_(*this)
+    : shadow_(*this)
     , plane_(source)
     , settings_(std::move(settings))
     , bridge_counters_(65'536)
@@ -127,12 +127,12 @@ std::string feeder::start(event_manager_t *evm)
     constexpr uint64_t second_ns = 1'000'000'000;
     evm_ = evm;
     follow_clock();
-    if (base::result started = plane_.start(evm, copy_); !started.ok()) {
+    if (base::result started = plane_.start(evm, shadow_); !started.ok()) {
         return std::move(started.text);
     }
     if (plane_.ages_silently()) {
         uint32_t timer = 0;
-        host::event_timer_attach(evm_, second_ns, second_ns, call<&feeder::look_after_copy>, this, &timer);
+        host::event_timer_attach(evm_, second_ns, second_ns, call<&feeder::look_after_shadow_table>, this, &timer);
     }
     return {};
 }
@@ -169,7 +169,7 @@ uint32_t feeder::coarse_ms()
 
 void feeder::entry_touched(uint32_t at)
 {
-    copy_entry &entry = copy_.entries[at];
+    shadow_entry &entry = shadow_.entries[at];
     const uint32_t now = coarse_ms();
     const bool has_flipped = entry.touched_ms != 0 && entry.touched_alive != entry.alive;
     entry.contested |= has_flipped && plane_.ages_silently() && now - entry.touched_ms <= contest_time_ms;
@@ -183,7 +183,7 @@ void feeder::entry_touched(uint32_t at)
 void feeder::entry_affected(uint32_t at)
 {
     recount(at);
-    copy_entry &entry = copy_.entries[at];
+    shadow_entry &entry = shadow_.entries[at];
     if (!entry.dirty) {
         dirty_.push_back(at);
         entry.dirty = true;
@@ -195,7 +195,7 @@ void feeder::entry_affected(uint32_t at)
 // ages silently are asked for where they are shown.
 void feeder::entry_confirmed(uint32_t at, bool has_aged)
 {
-    copy_.entries[at].touched_ms = coarse_ms();
+    shadow_.entries[at].touched_ms = coarse_ms();
     if (has_aged && !plane_.ages_silently()) {
         entry_affected(at);
     }
@@ -240,9 +240,9 @@ void feeder::settle_everything()
         settle_queue();
     }
     end_id_shortage();
-    entries_ = copy_.living;
-    links_ = copy_.known_links;
-    unchanged_ = copy_.unchanged;
+    entries_ = shadow_.living;
+    links_ = shadow_.known_links;
+    unchanged_ = shadow_.unchanged;
     follow_state();
 }
 
@@ -277,9 +277,9 @@ size_t feeder::settle_slice()
 // Under the table lock.
 void feeder::settle(uint32_t at)
 {
-    copy_entry &entry = copy_.entries[at];
+    shadow_entry &entry = shadow_.entries[at];
     l2fib_mac_edm_entry_t descriptor;
-    const standing now = describe(copy_, at, epoch_offset_ms_, descriptor);
+    const standing now = describe(shadow_, at, epoch_offset_ms_, descriptor);
     if (now == standing::fed || now == standing::of_flood_list) {
         feed(at, descriptor);
         entry.dirty = false;
@@ -290,7 +290,7 @@ void feeder::settle(uint32_t at)
     note_present(entry);
     entry.dirty = false;
     if (now == standing::none) {
-        copy_.release(at);
+        shadow_.release(at);
     }
 }
 
@@ -298,7 +298,7 @@ void feeder::settle(uint32_t at)
 
 void feeder::feed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
 {
-    copy_entry &entry = copy_.entries[at];
+    shadow_entry &entry = shadow_.entries[at];
     const bool on_dummy = (descriptor.flags & EDM_MAC_ON_DUMMY_PORT) != 0;
     const uint32_t xcid = on_dummy ? EDM_XCID_DUMMY : descriptor.xcid;
     if (entry.fed_xcid != 0 && (entry.fed_xcid != xcid || entry.fed_bridge != descriptor.bridge_id)) {
@@ -321,7 +321,7 @@ void feeder::feed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
     note_fed(at, descriptor, xcid);
 }
 
-uint32_t feeder::file(const copy_entry &entry, const l2fib_mac_edm_entry_t &descriptor, bool on_dummy)
+uint32_t feeder::file(const shadow_entry &entry, const l2fib_mac_edm_entry_t &descriptor, bool on_dummy)
 {
     if (on_dummy) {
         return file_own(descriptor);
@@ -331,7 +331,7 @@ uint32_t feeder::file(const copy_entry &entry, const l2fib_mac_edm_entry_t &desc
 
 void feeder::note_fed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor, uint32_t xcid)
 {
-    copy_entry &entry = copy_.entries[at];
+    shadow_entry &entry = shadow_.entries[at];
     const uint8_t variant = variant_of(descriptor);
     if (entry.fed_xcid == 0 || entry.fed_variant != variant) {
         entry.created = ++last_created_;
@@ -348,19 +348,19 @@ void feeder::note_fed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor, uint
     }
 }
 
-// Another entry of the copy that stands at the same place in the cache, as the destinations of a flood list do.
+// Another entry of the shadow table that stands at the same place in the cache, as the destinations of a flood list do.
 uint32_t feeder::sharing_entry(uint32_t at) const
 {
-    const copy_entry &entry = copy_.entries[at];
+    const shadow_entry &entry = shadow_.entries[at];
     const auto port = ports_by_xcid_.find(entry.fed_xcid);
-    if (port == ports_by_xcid_.end() || copy_.ports[port->second].key.kind != link_kind::vxlan) {
+    if (port == ports_by_xcid_.end() || shadow_.ports[port->second].key.kind != link_kind::vxlan) {
         return no_slot;
     }
-    const uint32_t group = copy_.find_group(copy_.ports[port->second].key, entry.record.mac);
-    uint32_t other = group != no_slot ? copy_.groups[group].first : no_slot;
-    for (; other != no_slot; other = copy_.entries[other].group_next) {
-        if (other != at && copy_.entries[other].fed_xcid == entry.fed_xcid
-            && copy_.entries[other].fed_bridge == entry.fed_bridge) {
+    const uint32_t group = shadow_.find_group(shadow_.ports[port->second].key, entry.record.mac);
+    uint32_t other = group != no_slot ? shadow_.groups[group].first : no_slot;
+    for (; other != no_slot; other = shadow_.entries[other].group_next) {
+        if (other != at && shadow_.entries[other].fed_xcid == entry.fed_xcid
+            && shadow_.entries[other].fed_bridge == entry.fed_bridge) {
             return other;
         }
     }
@@ -369,7 +369,7 @@ uint32_t feeder::sharing_entry(uint32_t at) const
 
 void feeder::withdraw(uint32_t at)
 {
-    copy_entry &entry = copy_.entries[at];
+    shadow_entry &entry = shadow_.entries[at];
     if (entry.fed_xcid == 0) {
         return;
     }
@@ -388,8 +388,8 @@ void feeder::withdraw(uint32_t at)
 // The table keeps a tunnel end point until a sweep. The feeder counts who uses it, and removes it with the last one.
 void feeder::use_vtep(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
 {
-    copy_entry &entry = copy_.entries[at];
-    const port_key &on = copy_.ports[entry.port].key;
+    shadow_entry &entry = shadow_.entries[at];
+    const port_key &on = shadow_.ports[entry.port].key;
     if (on.kind != link_kind::vxlan) {
         return;
     }
@@ -401,7 +401,7 @@ void feeder::use_vtep(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
     if (entry.fed_tunnel && entry.fed_vtep == use.address && entry.fed_vni == vni && entry.fed_own_vni == has_own_vni) {
         return;
     }
-    const copy_entry before = entry;
+    const shadow_entry before = entry;
     entry.fed_tunnel = true;
     entry.fed_own_vni = has_own_vni;
     entry.fed_vtep = use.address;
@@ -417,10 +417,10 @@ void feeder::use_vtep(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
 
 feeder::own_vni feeder::vnis_of(uint32_t at) const
 {
-    const fdb_record *tunnel = tunnel_record_of(copy_, at);
+    const fdb_record *tunnel = tunnel_record_of(shadow_, at);
     const uint32_t source_vni = tunnel != nullptr ? tunnel->source_vni : 0;
     const uint32_t sent_with = tunnel != nullptr && tunnel->destination.vni != 0 ? tunnel->destination.vni : source_vni;
-    return {sent_with != 0 ? sent_with : copy_.ports[copy_.entries[at].port].key.vni, source_vni};
+    return {sent_with != 0 ? sent_with : shadow_.ports[shadow_.entries[at].port].key.vni, source_vni};
 }
 
 // The table's row shows the destination that was fed last. Destinations of one flood list may share the tunnel's end
@@ -435,7 +435,7 @@ void feeder::show_own_vni(const row_place &row, const std::optional<own_vni> &vn
     }
 }
 
-void feeder::leave_vtep(copy_entry &entry)
+void feeder::leave_vtep(shadow_entry &entry)
 {
     leave_vtep_of(entry, false);
     entry.fed_tunnel = entry.fed_own_vni = false;
@@ -443,7 +443,7 @@ void feeder::leave_vtep(copy_entry &entry)
 }
 
 // Takes back what an entry has used; `keeps_row`: but for the VNI of its row, which is another's now.
-void feeder::leave_vtep_of(const copy_entry &entry, bool keeps_row)
+void feeder::leave_vtep_of(const shadow_entry &entry, bool keeps_row)
 {
     if (!entry.fed_tunnel) {
         return;

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Between the copy and the module: keeps the cache at what the copy holds, and answers questions about both.
+// Between the shadow table and the module: keeps the cache at what the shadow table holds, and answers questions about
+// both.
 //
-//      plane --> table_copy --> feeder --> l2fib_mac_edm_add, l2fm_edm_table_mac_destroy
+//      plane --> shadow_table --> feeder --> l2fib_mac_edm_add, l2fm_edm_table_mac_destroy
 //        ^                      |  |  \--> objects and removal notifications (host/)
 //        |     questions        |  |
 //        +----------------------+  +-----> views for other threads
@@ -49,7 +50,7 @@
 #include "forwarding/forwarding.h"
 #include "forwarding/mapping.h"
 #include "forwarding/plane.h"
-#include "forwarding/table_copy.h"
+#include "forwarding/shadow_table.h"
 
 namespace forwarding {
 
@@ -80,7 +81,7 @@ struct ordered_entry {
     fdb_key key;
 };
 
-class feeder : private copy_listener {
+class feeder : private shadow_listener {
 public:
     feeder(plane &source, feeder_settings settings);
 
@@ -101,7 +102,7 @@ public:
     std::vector<tunnel_entry> tunnel_entries(uint32_t &cursor, size_t limit);
     std::optional<edm_mac_counters_t> count_of_port(uint32_t xcid);
 
-    // Where an address may be: where the copy holds it, or everywhere.
+    // Where an address may be: where the shadow table holds it, or everywhere.
     std::vector<fdb_key> places_of(const mac_address &mac, uint16_t bridge_id);
     // Takes the plane's answers for these places, and adds a row for each entry that is there.
     void confirm_places(std::span<const fdb_key> keys, std::span<const fdb_answer> answers, std::vector<mac_row> &rows);
@@ -200,7 +201,7 @@ private:
     // The steady clock, cut to 32 bits, a few milliseconds late.
     static uint32_t coarse_ms();
 
-    // What the copy reports.
+    // What the shadow table reports.
     void entry_touched(uint32_t at) override;
     void entry_affected(uint32_t at) override;
     void entry_confirmed(uint32_t at, bool has_aged) override;
@@ -220,11 +221,11 @@ private:
     // Objects, counters and views.
     void recount(uint32_t at);
     void count_entry(uint32_t at);
-    void change_counters(const copy_entry &entry, uint32_t by);
+    void change_counters(const shadow_entry &entry, uint32_t by);
     std::atomic<uint32_t> &bridge_counter(uint16_t bridge_id, uint8_t counted_as);
     bool name_domain(uint32_t at, uint32_t id);
     bool connect_port(uint32_t at, uint32_t xcid);
-    std::string full_name(const copy_domain &domain) const;
+    std::string full_name(const shadow_domain &domain) const;
     void rename_domain(uint32_t at, const std::string &wanted);
     void feed_renamed(uint32_t domain);
     bool set_domain_object(uint16_t bridge_id, std::string &name);
@@ -247,25 +248,25 @@ private:
     size_t settle_slice();
     void settle(uint32_t at);
     void feed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor);
-    uint32_t file(const copy_entry &entry, const l2fib_mac_edm_entry_t &descriptor, bool on_dummy);
+    uint32_t file(const shadow_entry &entry, const l2fib_mac_edm_entry_t &descriptor, bool on_dummy);
     void note_fed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor, uint32_t xcid);
     void withdraw(uint32_t at);
     uint32_t sharing_entry(uint32_t at) const;
     void use_vtep(uint32_t at, const l2fib_mac_edm_entry_t &descriptor);
     own_vni vnis_of(uint32_t at) const;
     void show_own_vni(const row_place &row, const std::optional<own_vni> &vnis);
-    void leave_vtep(copy_entry &entry);
-    void leave_vtep_of(const copy_entry &entry, bool keeps_row);
+    void leave_vtep(shadow_entry &entry);
+    void leave_vtep_of(const shadow_entry &entry, bool keeps_row);
     static void destroy_vtep(const vtep_use &use);
 
     // Limit.
     bool cache_is_full() const;
     std::optional<newest_entry> newest_of_full_cache() const;
-    void note_eviction(const newest_entry &before, const copy_entry &fed, uint16_t bridge_id, uint32_t xcid);
+    void note_eviction(const newest_entry &before, const shadow_entry &fed, uint16_t bridge_id, uint32_t xcid);
     void lose_evicted(const newest_entry &victim);
     void lose(uint32_t at, uint16_t bridge_id, uint32_t xcid, uint64_t losses::*why);
-    void note_present(copy_entry &entry);
-    void feed_rest_of_flood_list(const copy_entry &entry);
+    void note_present(shadow_entry &entry);
+    void feed_rest_of_flood_list(const shadow_entry &entry);
     void refill();
     void collect_unfed();
 
@@ -299,7 +300,7 @@ private:
     void resolve(uint32_t at, const fdb_answer &answer);
     void doubt_next_hops();
     void end_proof();
-    void look_after_copy();
+    void look_after_shadow_table();
     void sample();
     void compare_sample(bool confirms);
     bool agrees(uint32_t at, const fdb_answer &answer) const;
@@ -319,12 +320,12 @@ private:
     void for_each_entry(const resync_scope &scope, Visit visit);
 
     // Answers.
-    uint64_t order_value(row_order order, const copy_entry &entry) const;
-    bool entry_ages(const copy_entry &entry) const;
+    uint64_t order_value(row_order order, const shadow_entry &entry) const;
+    bool entry_ages(const shadow_entry &entry) const;
     void correct(std::span<const fdb_key> keys);
     void add_row(uint32_t at, std::vector<mac_row> &rows);
 
-    table_copy copy_;
+    shadow_table shadow_;
     plane &plane_;
     const feeder_settings settings_;
     event_manager_t *evm_ = nullptr;
@@ -397,15 +398,15 @@ template <typename Visit>
 void feeder::for_each_entry(const resync_scope &scope, Visit visit)
 {
     if (scope.type == EDM_RESYNC_ALL) {
-        copy_.for_each_entry(visit);
+        shadow_.for_each_entry(visit);
     } else if (scope.type == EDM_RESYNC_BP) {
         if (const auto port = ports_by_xcid_.find(scope.arg); port != ports_by_xcid_.end()) {
-            copy_.for_each_entry_of_port(port->second, visit);
+            shadow_.for_each_entry_of_port(port->second, visit);
         }
     } else if (const auto domain = domains_by_id_.find(static_cast<uint16_t>(scope.arg));
                domain != domains_by_id_.end()) {
-        for (const uint32_t port : copy_.domains[domain->second].ports) {
-            copy_.for_each_entry_of_port(port, visit);
+        for (const uint32_t port : shadow_.domains[domain->second].ports) {
+            shadow_.for_each_entry_of_port(port, visit);
         }
     }
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Questions that the feeder answers from the copy, on the cache thread.
+// Questions that the feeder answers from the shadow table, on the cache thread.
 #include <algorithm>
 #include <chrono>
 #include <limits>
@@ -49,9 +49,9 @@ std::vector<fdb_key> feeder::places_of(const mac_address &mac, uint16_t bridge_i
     std::vector<fdb_key> everywhere;
     std::vector<fdb_key> known;
     const auto look_in = [&](uint32_t domain) {
-        const fdb_key key{copy_.domains[domain].bridge, false, copy_.domains[domain].vlan, 0, mac, {}};
+        const fdb_key key{shadow_.domains[domain].bridge, false, shadow_.domains[domain].vlan, 0, mac, {}};
         everywhere.push_back(key);
-        if (const uint32_t at = copy_.find(key); at != no_slot && copy_.entries[at].alive) {
+        if (const uint32_t at = shadow_.find(key); at != no_slot && shadow_.entries[at].alive) {
             known.push_back(key);
         }
     };
@@ -73,7 +73,7 @@ void feeder::confirm_places(std::span<const fdb_key> keys, std::span<const fdb_a
         settle_everything();
     }
     for (const fdb_key &key : keys) {
-        if (const uint32_t at = copy_.find(key); at != no_slot && copy_.entries[at].alive) {
+        if (const uint32_t at = shadow_.find(key); at != no_slot && shadow_.entries[at].alive) {
             add_row(at, rows);
         }
     }
@@ -82,11 +82,11 @@ void feeder::confirm_places(std::span<const fdb_key> keys, std::span<const fdb_a
 void feeder::add_row(uint32_t at, std::vector<mac_row> &rows)
 {
     l2fib_mac_edm_entry_t descriptor;
-    if (describe(copy_, at, epoch_offset_ms_, descriptor) != standing::fed) {
+    if (describe(shadow_, at, epoch_offset_ms_, descriptor) != standing::fed) {
         return;
     }
     rows.push_back(row_of(descriptor));
-    if (copy_.ports[copy_.entries[at].port].key.kind == link_kind::vxlan) {
+    if (shadow_.ports[shadow_.entries[at].port].key.kind == link_kind::vxlan) {
         const own_vni vnis = vnis_of(at); // the table may have no room for it, and the views know none then
         rows.back().vni = vnis.vni;
         rows.back().source_vni = vnis.source_vni;
@@ -96,13 +96,13 @@ void feeder::add_row(uint32_t at, std::vector<mac_row> &rows)
 // ---- Orders ----
 
 // Whether it goes by itself when it is not seen for long.
-bool feeder::entry_ages(const copy_entry &entry) const
+bool feeder::entry_ages(const shadow_entry &entry) const
 {
     return !entry.record.self && (entry.record.state & (fdb_permanent | fdb_noarp)) == 0
            && (entry.record.flags & fdb_extern_learn) == 0 && entry.record.updated_ms > 0;
 }
 
-uint64_t feeder::order_value(row_order order, const copy_entry &entry) const
+uint64_t feeder::order_value(row_order order, const shadow_entry &entry) const
 {
     if (order == row_order::created) {
         return entry.created;
@@ -126,8 +126,8 @@ std::vector<ordered_entry> feeder::select(row_order order, const order_position 
     std::vector<order_key> keys;
     keys.reserve(2 * size_t{most});
     order_key last{std::numeric_limits<uint64_t>::max(), no_slot}; // what comes behind it cannot be among the first
-    copy_.for_each_entry([&](uint32_t at) {
-        const copy_entry &entry = copy_.entries[at];
+    shadow_.for_each_entry([&](uint32_t at) {
+        const shadow_entry &entry = shadow_.entries[at];
         const uint64_t value = order_value(order, entry);
         const order_key key{value != does_not_age ? std::min(value, from.began + 1) : value, at};
         if (entry.fed_xcid == 0 || static_cast<standing>(entry.standing) != standing::fed
@@ -145,7 +145,7 @@ std::vector<ordered_entry> feeder::select(row_order order, const order_position 
     std::vector<ordered_entry> first;
     first.reserve(keys.size());
     for (const order_key &key : keys) {
-        const copy_entry &entry = copy_.entries[key.slot];
+        const shadow_entry &entry = shadow_.entries[key.slot];
         first.push_back({key.value, key.slot, entry.fed_xcid, entry.fed_bridge, entry_ages(entry),
                          entry.record.updated_ms, key_of(entry.record)});
     }
@@ -154,20 +154,20 @@ std::vector<ordered_entry> feeder::select(row_order order, const order_position 
 
 // ---- Ages ----
 
-// Takes ages. An answer that contradicts the copy is not taken, because what has changed since the question may have
-// been reported already; the plane is asked again.
+// Takes ages. An answer that contradicts the shadow table is not taken, because what has changed since the question may
+// have been reported already; the plane is asked again.
 size_t feeder::take_ages(std::span<const fdb_key> keys, std::span<const fdb_answer> answers)
 {
     size_t changed = 0;
     std::vector<fdb_key> contradicted;
     for (size_t at = 0; at < keys.size(); at++) {
         const fdb_answer &answer = answers[at];
-        const uint32_t slot = copy_.find(keys[at]);
-        const bool is_known = slot != no_slot && copy_.entries[slot].alive;
+        const uint32_t slot = shadow_.find(keys[at]);
+        const bool is_known = slot != no_slot && shadow_.entries[slot].alive;
         if (answer.presence == fdb_presence::present && is_known
-            && equal_but_age(copy_.entries[slot].record, answer.record)) {
-            changed += copy_.entries[slot].record.updated_ms != answer.record.updated_ms ? 1U : 0U;
-            copy_.fdb_changed(answer.record);
+            && equal_but_age(shadow_.entries[slot].record, answer.record)) {
+            changed += shadow_.entries[slot].record.updated_ms != answer.record.updated_ms ? 1U : 0U;
+            shadow_.fdb_changed(answer.record);
         } else if (answer.presence == fdb_presence::present || (answer.presence == fdb_presence::absent && is_known)) {
             contradicted.push_back(keys[at]);
         }
@@ -180,18 +180,18 @@ size_t feeder::take_ages(std::span<const fdb_key> keys, std::span<const fdb_answ
     return changed + contradicted.size();
 }
 
-// Asks the plane and corrects the copy at once: nothing has been reported since these answers.
+// Asks the plane and corrects the shadow table at once: nothing has been reported since these answers.
 void feeder::correct(std::span<const fdb_key> keys)
 {
     std::vector<fdb_answer> answers(keys.size());
     plane_.query(keys, answers);
     for (size_t at = 0; at < keys.size(); at++) {
-        const uint32_t slot = copy_.find(keys[at]);
-        if (answers[at].presence == fdb_presence::absent && slot != no_slot && copy_.entries[slot].alive) {
+        const uint32_t slot = shadow_.find(keys[at]);
+        if (answers[at].presence == fdb_presence::absent && slot != no_slot && shadow_.entries[slot].alive) {
             remove_surely(slot);
         } else if (answers[at].presence == fdb_presence::present
-                   && copy_.find_link(answers[at].record.ifindex) != nullptr) {
-            copy_.fdb_changed(answers[at].record);
+                   && shadow_.find_link(answers[at].record.ifindex) != nullptr) {
+            shadow_.fdb_changed(answers[at].record);
         }
     }
 }
@@ -205,7 +205,7 @@ std::optional<edm_mac_counters_t> feeder::count_of_port(uint32_t xcid)
         settle_everything();
     }
     const auto port = ports_by_xcid_.find(xcid);
-    return port != ports_by_xcid_.end() ? std::optional(copy_.ports[port->second].counters) : std::nullopt;
+    return port != ports_by_xcid_.end() ? std::optional(shadow_.ports[port->second].counters) : std::nullopt;
 }
 
 } // namespace forwarding

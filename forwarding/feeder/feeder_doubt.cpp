@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Questions to the plane about entries whose life is in doubt, the proof of the copy, and what answers are worth.
+// Questions to the plane about entries whose life is in doubt, the proof of the shadow table, and what answers are
+// worth.
 #include <algorithm>
 #include <ctime>
 #include <utility>
@@ -31,7 +32,7 @@ std::string plural(uint64_t count, const char *what)
 
 bool feeder::is_questionable(uint32_t at) const
 {
-    const copy_entry &entry = copy_.entries[at];
+    const shadow_entry &entry = shadow_.entries[at];
     const bool may_be_back =
         !entry.alive && !entry.surely_gone && entry.fed_xcid != 0 && state() == completeness::degraded;
     return entry.contested || may_be_back;
@@ -45,7 +46,7 @@ void feeder::ask_about_slice(size_t end)
     for (size_t at = settled_; at < end; at++) {
         if (is_questionable(dirty_[at])) {
             asked.push_back(dirty_[at]);
-            keys.push_back(key_of(copy_.entries[dirty_[at]].record));
+            keys.push_back(key_of(shadow_.entries[dirty_[at]].record));
         }
     }
     if (keys.empty()) {
@@ -55,7 +56,7 @@ void feeder::ask_about_slice(size_t end)
     plane_.query(keys, answers);
     asked_ += keys.size();
     for (size_t at = 0; at < keys.size(); at++) {
-        copy_.entries[asked[at]].contested = false;
+        shadow_.entries[asked[at]].contested = false;
         take_answer(asked[at], answers[at]);
     }
 }
@@ -63,7 +64,7 @@ void feeder::ask_about_slice(size_t end)
 // Whether the links of an entry are where it was, so that its return makes no port.
 bool feeder::may_stand(const fdb_record &record) const
 {
-    const copy_link *on = copy_.find_link(record.ifindex);
+    const shadow_link *on = shadow_.find_link(record.ifindex);
     const bool is_own = record.self || record.ifindex == record.master;
     return on != nullptr && (is_own || on->record.master == record.master);
 }
@@ -72,20 +73,20 @@ bool feeder::may_stand(const fdb_record &record) const
 // decides.
 void feeder::take_answer(uint32_t at, const fdb_answer &answer)
 {
-    copy_entry &entry = copy_.entries[at];
+    shadow_entry &entry = shadow_.entries[at];
     if (answer.presence == fdb_presence::absent) {
         if (entry.alive) {
             remove_surely(at);
         }
         return;
     }
-    if (answer.presence == fdb_presence::present && copy_.find_link(answer.record.ifindex) != nullptr) {
+    if (answer.presence == fdb_presence::present && shadow_.find_link(answer.record.ifindex) != nullptr) {
         kept_ += entry.alive ? 0 : 1;
-        copy_.fdb_changed(answer.record);
+        shadow_.fdb_changed(answer.record);
     } else if (!entry.alive && state() == completeness::degraded && may_stand(entry.record)) {
         kept_++;
         const uint32_t generation = entry.generation;
-        copy_.fdb_changed(fdb_record(entry.record));
+        shadow_.fdb_changed(fdb_record(entry.record));
         entry.generation = generation;
     }
     entry.contested = false;
@@ -94,9 +95,9 @@ void feeder::take_answer(uint32_t at, const fdb_answer &answer)
 // Nobody asks about it again before it is settled.
 void feeder::remove_surely(uint32_t at)
 {
-    copy_.remove(at);
-    copy_.entries[at].surely_gone = true;
-    copy_.entries[at].contested = false;
+    shadow_.remove(at);
+    shadow_.entries[at].surely_gone = true;
+    shadow_.entries[at].contested = false;
 }
 
 // ---- The queue of doubtful entries ----
@@ -117,8 +118,8 @@ void feeder::next_hop_gone(uint32_t id)
 
 void feeder::doubt(uint32_t at)
 {
-    if (!copy_.entries[at].doubtful) {
-        copy_.entries[at].doubtful = true;
+    if (!shadow_.entries[at].doubtful) {
+        shadow_.entries[at].doubtful = true;
         doubtful_.push_back(at);
         doubt_later();
     }
@@ -137,8 +138,8 @@ void feeder::doubt_next_hops()
         return;
     }
     const std::set<uint32_t> gone = std::exchange(gone_next_hops_, {});
-    copy_.for_each_entry([&](uint32_t at) {
-        const fdb_destination &to = copy_.entries[at].record.destination;
+    shadow_.for_each_entry([&](uint32_t at) {
+        const fdb_destination &to = shadow_.entries[at].record.destination;
         if (to.kind == destination_kind::next_hop && gone.contains(to.next_hop)) {
             doubt(at);
         }
@@ -153,11 +154,11 @@ void feeder::resolve_doubts()
     while (keys.size() < query_batch && !doubtful_.empty()) {
         const uint32_t at = doubtful_.front();
         doubtful_.pop_front();
-        if (copy_.entries[at].doubtful && copy_.entries[at].alive) {
+        if (shadow_.entries[at].doubtful && shadow_.entries[at].alive) {
             slots.push_back(at);
-            keys.push_back(key_of(copy_.entries[at].record));
+            keys.push_back(key_of(shadow_.entries[at].record));
         }
-        copy_.entries[at].doubtful = false;
+        shadow_.entries[at].doubtful = false;
     }
     std::vector<fdb_answer> answers(keys.size());
     plane_.query(keys, answers);
@@ -184,7 +185,7 @@ void feeder::resolve_doubts()
 // a change since has reported has gone, and any other lives.
 void feeder::resolve(uint32_t at, const fdb_answer &answer)
 {
-    const copy_entry &entry = copy_.entries[at];
+    const shadow_entry &entry = shadow_.entries[at];
     const bool is_unknown = answer.presence == fdb_presence::unknown;
     const bool is_decided = is_unknown && is_proving_ && is_of_flood_list(entry.record);
     const bool is_unlisted = static_cast<int32_t>(entry.generation - proof_generation_) < 0;
@@ -194,12 +195,12 @@ void feeder::resolve(uint32_t at, const fdb_answer &answer)
         remove_surely(at);
     } else if (is_unknown && !is_decided) {
         begin_doubt();
-        copy_.entries[at].doubtful = true;
+        shadow_.entries[at].doubtful = true;
         doubtful_.push_back(at);
     } else {
         kept_++;
-        if (!is_unknown && copy_.find_link(answer.record.ifindex) != nullptr) {
-            copy_.fdb_changed(answer.record);
+        if (!is_unknown && shadow_.find_link(answer.record.ifindex) != nullptr) {
+            shadow_.fdb_changed(answer.record);
         }
     }
 }
@@ -240,15 +241,15 @@ void feeder::full_dump_differs(uint32_t at)
 void feeder::full_dump_ended(bool clean)
 {
     for (const uint32_t at : std::exchange(listed_only_, {})) {
-        missing_in_proof_ += copy_.entries[at].alive && copy_.entries[at].listed_only ? 1U : 0U;
+        missing_in_proof_ += shadow_.entries[at].alive && shadow_.entries[at].listed_only ? 1U : 0U;
     }
     listed_missing_ += missing_in_proof_;
     listed_ = true;
-    links_ = copy_.known_links;
-    entries_ = copy_.living;
+    links_ = shadow_.known_links;
+    entries_ = shadow_.living;
     is_proving_ = clean;
-    proof_generation_ = copy_.generation();
-    if (!plane_.health().clean) { // a proof that fails leaves the plane clean, and the copy as good as it was
+    proof_generation_ = shadow_.generation();
+    if (!plane_.health().clean) { // a proof that fails leaves the plane clean, and the shadow table as good as it was
         begin_doubt();
     }
     if (doubtful_.empty()) {
@@ -292,19 +293,19 @@ void feeder::hasten_proof()
 bool feeder::agrees(uint32_t at, const fdb_answer &answer) const
 {
     constexpr unsigned kinds = fdb_permanent | fdb_noarp;
-    const fdb_record &known = copy_.entries[at].record;
+    const fdb_record &known = shadow_.entries[at].record;
     switch (answer.presence) {
-    case fdb_presence::absent: return !copy_.entries[at].alive;
+    case fdb_presence::absent: return !shadow_.entries[at].alive;
     case fdb_presence::present:
-        return copy_.entries[at].alive && known.ifindex == answer.record.ifindex
+        return shadow_.entries[at].alive && known.ifindex == answer.record.ifindex
                && (!known.self || known.destination == answer.record.destination)
                && ((known.state ^ answer.record.state) & kinds) == 0;
     default: return true;
     }
 }
 
-// Each second. While the copy is in doubt anyway, a full listing is on its way.
-void feeder::look_after_copy()
+// Each second. While the shadow table is in doubt anyway, a full listing is on its way.
+void feeder::look_after_shadow_table()
 {
     if (!listed_ || removals_in_flight_ != 0 || state() == completeness::degraded) {
         disagreeing_.clear();
@@ -313,7 +314,7 @@ void feeder::look_after_copy()
     plane_.drain();
     settle_everything();
     sample();
-    copy_.end_empty_domains();
+    shadow_.end_empty_domains();
 }
 
 void feeder::sample()
@@ -321,10 +322,10 @@ void feeder::sample()
     sampled_ = std::exchange(disagreeing_, {});
     compare_sample(true);
     sampled_.clear();
-    const uint32_t bound = copy_.entries.bound();
+    const uint32_t bound = shadow_.entries.bound();
     for (uint32_t steps = 0; steps < bound && sampled_.size() < settings_.proof_rate; steps++) {
         sample_cursor_ = sample_cursor_ + 1 < bound ? sample_cursor_ + 1 : 0;
-        const copy_entry &entry = copy_.entries[sample_cursor_];
+        const shadow_entry &entry = shadow_.entries[sample_cursor_];
         if (entry.alive && !is_of_flood_list(entry.record)) {
             sampled_.push_back(sample_cursor_);
         }
@@ -336,16 +337,16 @@ void feeder::sample()
 // which `confirms` it unless a change was reported since: an entry that keeps moving disagrees each time.
 void feeder::compare_sample(bool confirms)
 {
-    const auto has_gone = [this](uint32_t at) { return !copy_.entries[at].alive; };
+    const auto has_gone = [this](uint32_t at) { return !shadow_.entries[at].alive; };
     std::erase_if(sampled_, has_gone);
     disagreed_ms_ = confirms ? disagreed_ms_ : coarse_ms();
     const auto has_changed = [this](uint32_t at) {
         const uint32_t now = coarse_ms();
-        return now - copy_.entries[at].touched_ms <= now - disagreed_ms_;
+        return now - shadow_.entries[at].touched_ms <= now - disagreed_ms_;
     };
     std::vector<fdb_key> keys;
     for (const uint32_t at : sampled_) {
-        keys.push_back(key_of(copy_.entries[at].record));
+        keys.push_back(key_of(shadow_.entries[at].record));
     }
     std::vector<fdb_answer> answers(keys.size());
     for (size_t done = 0; done < keys.size(); done += query_batch) {
@@ -455,7 +456,7 @@ std::string feeder::text_of_recovery(completeness before) const
                + " evictions so far)";
     }
     if (degradations_ == 0 && !has_reported_loss_) {
-        return "the forwarding plane has been read: " + plural(copy_.living, "entr");
+        return "the forwarding plane has been read: " + plural(shadow_.living, "entr");
     }
     return "a full dump has proven the table; answers are whole (" + std::to_string(lost_since_whole_)
            + " changes were lost; " + plural(stale_in_proof_, "stale entr") + " and "

@@ -32,8 +32,8 @@ void feeder::number_domain(uint32_t at)
         name_domain(at, id);
         return;
     }
-    copy_.domains[at].waits = bridge_ids_.join(at);
-    begin_id_shortage(refusal::bridge_id, "bridge domain " + full_name(copy_.domains[at]));
+    shadow_.domains[at].waits = bridge_ids_.join(at);
+    begin_id_shortage(refusal::bridge_id, "bridge domain " + full_name(shadow_.domains[at]));
 }
 
 void feeder::number_port(uint32_t at)
@@ -42,8 +42,8 @@ void feeder::number_port(uint32_t at)
         connect_port(at, xcid);
         return;
     }
-    copy_.ports[at].waits = xcids_.join(at);
-    begin_id_shortage(refusal::xcid, "port with interface index " + std::to_string(copy_.ports[at].key.ifindex));
+    shadow_.ports[at].waits = xcids_.join(at);
+    begin_id_shortage(refusal::xcid, "port with interface index " + std::to_string(shadow_.ports[at].key.ifindex));
 }
 
 void feeder::begin_id_shortage(refusal reason, const std::string &object)
@@ -118,11 +118,11 @@ void feeder::serve_line(id_line &line, void (feeder::*give)(const served_object 
 
 void feeder::serve_domain(const served_object &served)
 {
-    copy_.domains[served.slot].waits = 0;
+    shadow_.domains[served.slot].waits = 0;
     if (!name_domain(served.slot, served.id)) {
         return;
     }
-    for (const uint32_t port : copy_.domains[served.slot].ports) {
+    for (const uint32_t port : shadow_.domains[served.slot].ports) {
         view_port(port);
         feed_port_later(port);
     }
@@ -130,7 +130,7 @@ void feeder::serve_domain(const served_object &served)
 
 void feeder::serve_port(const served_object &served)
 {
-    copy_.ports[served.slot].waits = 0;
+    shadow_.ports[served.slot].waits = 0;
     if (connect_port(served.slot, served.id)) {
         feed_port_later(served.slot);
     }
@@ -139,8 +139,8 @@ void feeder::serve_port(const served_object &served)
 // Entries of a port that lacks one of both ids wait for the other one, too.
 void feeder::feed_port_later(uint32_t at)
 {
-    copy_port &port = copy_.ports[at];
-    if (port.xcid != 0 && copy_.domains[port.domain].bridge_id != 0) {
+    shadow_port &port = shadow_.ports[at];
+    if (port.xcid != 0 && shadow_.domains[port.domain].bridge_id != 0) {
         port.resume = port.first;
         served_ports_.push_back(at);
     }
@@ -150,13 +150,13 @@ void feeder::feed_port_later(uint32_t at)
 void feeder::feed_served()
 {
     for (size_t visited = 0; visited < entries_per_round && !served_ports_.empty(); ++visited) {
-        copy_port &port = copy_.ports[served_ports_.front()];
+        shadow_port &port = shadow_.ports[served_ports_.front()];
         if (port.resume == no_slot) {
             served_ports_.pop_front();
             continue;
         }
-        const uint32_t at = std::exchange(port.resume, copy_.entries[port.resume].next);
-        if (static_cast<standing>(copy_.entries[at].standing) == standing::without_id) {
+        const uint32_t at = std::exchange(port.resume, shadow_.entries[port.resume].next);
+        if (static_cast<standing>(shadow_.entries[at].standing) == standing::without_id) {
             entry_affected(at);
         }
     }

@@ -43,7 +43,7 @@ std::optional<feeder::newest_entry> feeder::newest_of_full_cache() const
 }
 
 // `fed` was filed at the place that the last two name, where the cache held nothing before.
-void feeder::note_eviction(const newest_entry &before, const copy_entry &fed, uint16_t bridge_id, uint32_t xcid)
+void feeder::note_eviction(const newest_entry &before, const shadow_entry &fed, uint16_t bridge_id, uint32_t xcid)
 {
     const std::optional<newest_entry> now = newest_of_full_cache();
     const bool was_created = now && now->xcid == xcid && now->bridge_id == bridge_id && now->mac == fed.record.mac
@@ -61,10 +61,10 @@ void feeder::lose_evicted(const newest_entry &victim)
     const auto port = ports_by_xcid_.find(victim.xcid);
     const bool is_flood_list = victim.mac == mac_address{} && port != ports_by_xcid_.end();
     if (is_flood_list) {
-        const uint32_t group = copy_.find_group(copy_.ports[port->second].key, victim.mac);
-        uint32_t at = group != no_slot ? copy_.groups[group].first : no_slot;
-        for (; at != no_slot; at = copy_.entries[at].group_next) {
-            if (copy_.entries[at].fed_xcid == victim.xcid) {
+        const uint32_t group = shadow_.find_group(shadow_.ports[port->second].key, victim.mac);
+        uint32_t at = group != no_slot ? shadow_.groups[group].first : no_slot;
+        for (; at != no_slot; at = shadow_.entries[at].group_next) {
+            if (shadow_.entries[at].fed_xcid == victim.xcid) {
                 lose(at, victim.bridge_id, victim.xcid, &losses::evicted);
             }
         }
@@ -74,17 +74,17 @@ void feeder::lose_evicted(const newest_entry &victim)
     if (domain == domains_by_id_.end()) {
         return;
     }
-    const copy_domain &in = copy_.domains[domain->second];
-    const uint32_t at = copy_.find({in.bridge, false, in.vlan, 0, victim.mac, {}});
-    if (at != no_slot && copy_.entries[at].fed_xcid == victim.xcid) {
+    const shadow_domain &in = shadow_.domains[domain->second];
+    const uint32_t at = shadow_.find({in.bridge, false, in.vlan, 0, victim.mac, {}});
+    if (at != no_slot && shadow_.entries[at].fed_xcid == victim.xcid) {
         lose(at, victim.bridge_id, victim.xcid, &losses::evicted);
     }
 }
 
-// The cache does not hold an entry of the copy that it should.
+// The cache does not hold an entry of the shadow table that it should.
 void feeder::lose(uint32_t at, uint16_t bridge_id, uint32_t xcid, uint64_t losses::*why)
 {
-    copy_entry &entry = copy_.entries[at];
+    shadow_entry &entry = shadow_.entries[at];
     if (why == &losses::evicted) {
         leave_vtep(entry);
         entry.fed_xcid = 0;
@@ -104,7 +104,7 @@ void feeder::lose(uint32_t at, uint16_t bridge_id, uint32_t xcid, uint64_t losse
     ++(losses_[{bridge_id, xcid}].*why);
 }
 
-void feeder::note_present(copy_entry &entry)
+void feeder::note_present(shadow_entry &entry)
 {
     if (entry.missing) {
         entry.missing = false;
@@ -113,12 +113,12 @@ void feeder::note_present(copy_entry &entry)
 }
 
 // The other destinations of a flood list need no room beside the one that has found it.
-void feeder::feed_rest_of_flood_list(const copy_entry &entry)
+void feeder::feed_rest_of_flood_list(const shadow_entry &entry)
 {
     const bool is_of_list = entry.group != no_slot && entry.record.mac == mac_address{};
-    for (uint32_t at = is_of_list ? copy_.groups[entry.group].first : no_slot; at != no_slot;
-         at = copy_.entries[at].group_next) {
-        if (copy_.entries[at].missing) {
+    for (uint32_t at = is_of_list ? shadow_.groups[entry.group].first : no_slot; at != no_slot;
+         at = shadow_.entries[at].group_next) {
+        if (shadow_.entries[at].missing) {
             entry_affected(at);
         }
     }
@@ -128,8 +128,8 @@ void feeder::feed_rest_of_flood_list(const copy_entry &entry)
 void feeder::collect_unfed()
 {
     unfed_.clear();
-    copy_.for_each_entry([&](uint32_t at) {
-        if (copy_.entries[at].missing) {
+    shadow_.for_each_entry([&](uint32_t at) {
+        if (shadow_.entries[at].missing) {
             unfed_.push_back(at);
         }
     });
@@ -147,7 +147,7 @@ void feeder::refill()
     for (size_t tries = 0; tries < refill_size && !unfed_.empty() && !cache_is_full(); tries++) {
         const uint32_t at = unfed_.front();
         unfed_.pop_front();
-        const copy_entry &entry = copy_.entries[at];
+        const shadow_entry &entry = shadow_.entries[at];
         if (entry.alive && entry.missing && !entry.dirty) {
             settle(at);
         }

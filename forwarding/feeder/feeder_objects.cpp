@@ -20,7 +20,7 @@ namespace {
 constexpr size_t kept_notes = 20;
 constexpr size_t most_shown_losses = 100;
 
-// copy_entry::counted_as.
+// shadow_entry::counted_as.
 constexpr uint8_t counted_plain = 1;
 constexpr uint8_t counted_static = 2;
 constexpr uint8_t counted_local = 3;
@@ -54,7 +54,7 @@ std::atomic<uint32_t> &feeder::bridge_counter(uint16_t bridge_id, uint8_t counte
 }
 
 // The counters that an entry of a kind adds to, those of a port.
-void feeder::change_counters(const copy_entry &entry, uint32_t by)
+void feeder::change_counters(const shadow_entry &entry, uint32_t by)
 {
     const bool is_static = entry.counted_as == counted_static || entry.counted_as == counted_static_local;
     const bool is_local = entry.counted_as == counted_local || entry.counted_as == counted_static_local;
@@ -64,7 +64,7 @@ void feeder::change_counters(const copy_entry &entry, uint32_t by)
     if (port == ports_by_xcid_.end()) {
         return;
     }
-    edm_mac_counters_t &counters = copy_.ports[port->second].counters;
+    edm_mac_counters_t &counters = shadow_.ports[port->second].counters;
     counters.mac_cnt_f4 += is_local ? by : 0;
     counters.mac_cnt_f2 += is_static && !is_local ? by : 0;
     counters.mac_cnt_plain += !is_static && !is_local ? by : 0;
@@ -74,7 +74,7 @@ void feeder::change_counters(const copy_entry &entry, uint32_t by)
 // Counts an entry as what it is in the cache now; once for all that share a place.
 void feeder::count_entry(uint32_t at)
 {
-    copy_entry &entry = copy_.entries[at];
+    shadow_entry &entry = shadow_.entries[at];
     const bool counts = entry.fed_xcid != 0 && static_cast<standing>(entry.standing) == standing::fed;
     const uint8_t kind = counts ? counted_as(flags_of(entry.record)) : uint8_t{0};
     if (entry.counted_as == kind
@@ -94,8 +94,8 @@ void feeder::count_entry(uint32_t at)
 
 void feeder::recount(uint32_t at)
 {
-    copy_entry &entry = copy_.entries[at];
-    const standing now = standing_of(copy_, at);
+    shadow_entry &entry = shadow_.entries[at];
+    const standing now = standing_of(shadow_, at);
     standings_[entry.standing]--;
     standings_[static_cast<size_t>(now)]++;
     entry.standing = static_cast<uint8_t>(now);
@@ -157,9 +157,9 @@ const char *feeder::text_of(refusal reason)
     return texts[static_cast<size_t>(reason)];
 }
 
-std::string feeder::full_name(const copy_domain &domain) const
+std::string feeder::full_name(const shadow_domain &domain) const
 {
-    const copy_link *bridge = copy_.find_link(domain.bridge);
+    const shadow_link *bridge = shadow_.find_link(domain.bridge);
     return settings_.group + ":" + bridge_domain_part(bridge != nullptr ? bridge->record.name : "", domain.vlan);
 }
 
@@ -184,7 +184,7 @@ bool feeder::set_domain_object(uint16_t bridge_id, std::string &name)
 // Makes the object of a bridge domain under a new id. False: it could not be stored, and the id is free again.
 bool feeder::name_domain(uint32_t at, uint32_t id)
 {
-    copy_domain &domain = copy_.domains[at];
+    shadow_domain &domain = shadow_.domains[at];
     const auto bridge_id = static_cast<uint16_t>(id);
     std::string name = full_name(domain);
     if (!set_domain_object(bridge_id, name)) {
@@ -199,8 +199,8 @@ bool feeder::name_domain(uint32_t at, uint32_t id)
 
 void feeder::view_domain(uint32_t at, const std::string &name)
 {
-    const copy_domain &domain = copy_.domains[at];
-    const copy_link *bridge = copy_.find_link(domain.bridge);
+    const shadow_domain &domain = shadow_.domains[at];
+    const shadow_link *bridge = shadow_.find_link(domain.bridge);
     if (bridge == nullptr) {
         return;
     }
@@ -217,20 +217,20 @@ void feeder::view_domain(uint32_t at, const std::string &name)
 
 void feeder::domain_added(uint32_t domain)
 {
-    if (copy_.find_link(copy_.domains[domain].bridge) != nullptr) {
+    if (shadow_.find_link(shadow_.domains[domain].bridge) != nullptr) {
         number_domain(domain);
     }
 }
 
 void feeder::domain_changed(uint32_t at)
 {
-    const copy_domain &domain = copy_.domains[at];
+    const shadow_domain &domain = shadow_.domains[at];
     if (domain.bridge_id != 0) {
         rename_domain(at, full_name(domain));
     } else if (domain.waits == 0) {
         number_domain(at);
         for (const uint32_t port : domain.ports) {
-            copy_.for_each_entry_of_port(port, [&](uint32_t entry) { entry_touched(entry); });
+            shadow_.for_each_entry_of_port(port, [&](uint32_t entry) { entry_touched(entry); });
         }
     }
     for (const uint32_t port : domain.ports) {
@@ -242,7 +242,7 @@ void feeder::domain_changed(uint32_t at)
 // with all its entries in one hold of the table lock, so that no reader finds an entry missing.
 void feeder::rename_domain(uint32_t at, const std::string &wanted)
 {
-    const uint16_t id = copy_.domains[at].bridge_id;
+    const uint16_t id = shadow_.domains[at].bridge_id;
     std::string name;
     {
         const std::lock_guard hold(views_mutex_);
@@ -264,15 +264,15 @@ void feeder::rename_domain(uint32_t at, const std::string &wanted)
 // Under the table lock, after the bridge domain was destroyed in the cache.
 void feeder::feed_renamed(uint32_t domain)
 {
-    for_each_entry({EDM_RESYNC_BD, copy_.domains[domain].bridge_id}, [&](uint32_t at) {
-        copy_entry &entry = copy_.entries[at];
+    for_each_entry({EDM_RESYNC_BD, shadow_.domains[domain].bridge_id}, [&](uint32_t at) {
+        shadow_entry &entry = shadow_.entries[at];
         if (entry.fed_xcid == 0) {
             return;
         }
         leave_vtep(entry);
         entry.fed_xcid = 0;
         l2fib_mac_edm_entry_t descriptor;
-        const standing now = describe(copy_, at, epoch_offset_ms_, descriptor);
+        const standing now = describe(shadow_, at, epoch_offset_ms_, descriptor);
         if (now == standing::fed || now == standing::of_flood_list) {
             feed(at, descriptor);
         } else {
@@ -283,9 +283,9 @@ void feeder::feed_renamed(uint32_t domain)
 
 void feeder::domain_going(uint32_t at)
 {
-    const uint16_t id = copy_.domains[at].bridge_id;
+    const uint16_t id = shadow_.domains[at].bridge_id;
     if (id == 0) {
-        leave_line(bridge_ids_, copy_.domains[at].waits);
+        leave_line(bridge_ids_, shadow_.domains[at].waits);
         return;
     }
     host::bridge_domain_remove(id);
@@ -300,7 +300,7 @@ void feeder::domain_going(uint32_t at)
 
 void feeder::port_added(uint32_t at)
 {
-    copy_port &port = copy_.ports[at];
+    shadow_port &port = shadow_.ports[at];
     if (port.key.ifindex == port.key.master) {
         port.xcid = EDM_XCID_DUMMY;
         return;
@@ -311,7 +311,7 @@ void feeder::port_added(uint32_t at)
 // As name_domain, for a port.
 bool feeder::connect_port(uint32_t at, uint32_t xcid)
 {
-    copy_port &port = copy_.ports[at];
+    shadow_port &port = shadow_.ports[at];
     if (host::cross_connect_set(xcid, cross_connect_of(port)) != 0) {
         refuse(refusal::object, "port with interface index " + std::to_string(port.key.ifindex) + ": out of memory");
         xcids_.put_back(xcid);
@@ -330,11 +330,11 @@ void feeder::port_changed(uint32_t port)
 
 void feeder::view_port(uint32_t at)
 {
-    const copy_port &port = copy_.ports[at];
+    const shadow_port &port = shadow_.ports[at];
     if (port.xcid == 0 || port.xcid == EDM_XCID_DUMMY) {
         return;
     }
-    const copy_link *link = copy_.find_link(port.key.ifindex);
+    const shadow_link *link = shadow_.find_link(port.key.ifindex);
     port_view view;
     view.xcid = port.xcid;
     view.name = link != nullptr ? link->record.name : "";
@@ -345,7 +345,7 @@ void feeder::view_port(uint32_t at)
     view.vlan = port.key.vlan;
     view.vni = port.key.vni;
     view.up = link != nullptr && link->record.up;
-    view.bridge_id = copy_.domains[port.domain].bridge_id;
+    view.bridge_id = shadow_.domains[port.domain].bridge_id;
     const std::lock_guard hold(views_mutex_);
     port_views_.erase({uint16_t{0}, port.xcid}); // while its bridge domain had no id
     const std::pair place(view.bridge_id, port.xcid);
@@ -355,12 +355,12 @@ void feeder::view_port(uint32_t at)
 
 void feeder::port_going(uint32_t at)
 {
-    const uint32_t xcid = copy_.ports[at].xcid;
+    const uint32_t xcid = shadow_.ports[at].xcid;
     if (xcid == 0 || xcid == EDM_XCID_DUMMY) {
-        leave_line(xcids_, copy_.ports[at].waits);
+        leave_line(xcids_, shadow_.ports[at].waits);
         return;
     }
-    const uint16_t bridge_id = copy_.domains[copy_.ports[at].domain].bridge_id;
+    const uint16_t bridge_id = shadow_.domains[shadow_.ports[at].domain].bridge_id;
     host::cross_connect_remove(xcid);
     expect_removal(host::bdxc_publish_cross_connect_removed(xcid));
     ports_by_xcid_.erase(xcid);
@@ -502,14 +502,14 @@ std::vector<tunnel_entry> feeder::tunnel_entries(uint32_t &cursor, size_t limit)
     plane_.drain();
     const std::lock_guard hold(views_mutex_);
     std::vector<tunnel_entry> found;
-    for (; cursor < copy_.entries.bound() && found.size() < limit; cursor++) {
-        const copy_entry &entry = copy_.entries[cursor];
-        if (!entry.alive || copy_.ports[entry.port].key.kind != link_kind::vxlan || !entry.record.self) {
+    for (; cursor < shadow_.entries.bound() && found.size() < limit; cursor++) {
+        const shadow_entry &entry = shadow_.entries[cursor];
+        if (!entry.alive || shadow_.ports[entry.port].key.kind != link_kind::vxlan || !entry.record.self) {
             continue;
         }
-        const copy_port &port = copy_.ports[entry.port];
-        const copy_link *device = copy_.find_link(port.key.ifindex);
-        const uint16_t bridge_id = port.domain != no_slot ? copy_.domains[port.domain].bridge_id : uint16_t{0};
+        const shadow_port &port = shadow_.ports[entry.port];
+        const shadow_link *device = shadow_.find_link(port.key.ifindex);
+        const uint16_t bridge_id = port.domain != no_slot ? shadow_.domains[port.domain].bridge_id : uint16_t{0};
         const auto domain = domain_views_.find(bridge_id);
         found.push_back({bridge_id, port.xcid, domain != domain_views_.end() ? domain->second.name : "",
                          device != nullptr ? device->record.name : "", entry.record});

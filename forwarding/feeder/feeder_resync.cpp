@@ -114,8 +114,8 @@ void feeder::feed_again(const resync_scope &scope)
     for_each_entry(scope, [&](uint32_t at) {
         const table_hold hold;
         l2fib_mac_edm_entry_t descriptor;
-        const standing now = describe(copy_, at, epoch_offset_ms_, descriptor);
-        if (copy_.entries[at].fed_xcid != 0 && (now == standing::fed || now == standing::of_flood_list)) {
+        const standing now = describe(shadow_, at, epoch_offset_ms_, descriptor);
+        if (shadow_.entries[at].fed_xcid != 0 && (now == standing::fed || now == standing::of_flood_list)) {
             feed(at, descriptor);
         }
     });

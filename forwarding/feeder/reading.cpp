@@ -27,7 +27,7 @@ constexpr uint32_t most_asked = 65'536;
 
 constexpr uint16_t ageless = EDM_MAC_STATIC | EDM_MAC_LOCAL | EDM_MAC_EXTERN_LEARNED | EDM_MAC_ON_DUMMY_PORT;
 
-void copy_address(mac_address &to, const uint8_t *from)
+void shadow_address(mac_address &to, const uint8_t *from)
 {
     std::memcpy(to.data(), from, to.size());
 }
@@ -109,7 +109,7 @@ bool read_port(const row_filter &filter, const place &at, row_page &page, uint32
     end.xcid = at.second;
     end.holds_row = continues;
     for (; mac != nullptr && looks != 0 && page.rows.size() < most; looks--) {
-        copy_address(end.mac, mac->mac_addr);
+        shadow_address(end.mac, mac->mac_addr);
         end.holds_row = true;
         const l2fm_edm_mac_t *next = l2fm_edm_table_bp_mac_get_next(bp, mac);
         __builtin_prefetch(next);
@@ -234,8 +234,8 @@ mac_row row_of(const l2fib_mac_edm_entry_t &descriptor)
     row.xcid = (descriptor.flags & EDM_MAC_ON_DUMMY_PORT) != 0 ? EDM_XCID_DUMMY : descriptor.xcid;
     row.node_id = EDM_NODE_UNKNOWN;
     row.last_seen = (descriptor.flags & EDM_MAC_TIMESTAMP_VALID) != 0 ? descriptor.hw_timestamp : 0;
-    copy_address(row.mac, descriptor.mac_addr);
-    copy_address(row.backbone, descriptor.bmac_addr);
+    shadow_address(row.mac, descriptor.mac_addr);
+    shadow_address(row.backbone, descriptor.bmac_addr);
     std::memcpy(row.vtep.data(), descriptor.vtep_addr, row.vtep.size());
     return row;
 }
@@ -251,9 +251,9 @@ mac_row row_of(const l2fm_edm_mac_t &entry)
     row.node_id = entry.node_id;
     row.last_seen = (entry.flags & EDM_MAC_TIMESTAMP_VALID) != 0 ? entry.hw_timestamp : 0;
     row.age = static_cast<uint32_t>((fts_get_stamp_fast() - entry.update_stamp) / nanoseconds);
-    copy_address(row.mac, entry.mac_addr);
+    shadow_address(row.mac, entry.mac_addr);
     if ((entry.flags & EDM_MAC_PBB) != 0) {
-        copy_address(row.backbone, reinterpret_cast<const l2fm_edm_mac_pbb_t *>(&entry)->bmac_addr);
+        shadow_address(row.backbone, reinterpret_cast<const l2fm_edm_mac_pbb_t *>(&entry)->bmac_addr);
     } else if ((entry.flags & EDM_MAC_VNI) != 0) {
         const auto *remote = reinterpret_cast<const l2fm_edm_mac_vni_t *>(&entry);
         std::memcpy(row.vtep.data(), remote->vtep_addr, row.vtep.size());
@@ -295,7 +295,7 @@ row_page read_rows(const row_filter &filter, const row_position &from, uint32_t 
 
 namespace {
 
-// The copy does not know when the table updated an entry.
+// The shadow table does not know when the table updated an entry.
 void add_table_ages(row_page &page)
 {
     const table_hold hold;
@@ -388,8 +388,8 @@ std::vector<ordered_entry> select(row_order order, const order_position &from, u
     return entries;
 }
 
-// The copy knows since when at least an entry has not been seen: an entry that was seen since belongs farther back. So
-// the first ones are asked for, and the next ones, until the first ones stay the first.
+// The shadow table knows since when at least an entry has not been seen: an entry that was seen since belongs farther
+// back. So the first ones are asked for, and the next ones, until the first ones stay the first.
 std::vector<ordered_entry> select_last_seen(const order_position &from, uint32_t most)
 {
     std::vector<bool> was_asked;

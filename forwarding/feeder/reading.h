@@ -32,10 +32,10 @@
 
 namespace forwarding {
 
-// Behind which entries follow in an order: the number that decides, and the slot in the copy. `began` is the number
-// that a new entry would have had when the reading began. What has come, or was seen again, since then has one place,
-// by its slot alone. So each entry that stays is read once or, if it was seen again behind its back, twice, and a
-// reading ends.
+// Behind which entries follow in an order: the number that decides, and the slot in the shadow table. `began` is the
+// number that a new entry would have had when the reading began. What has come, or was seen again, since then has one
+// place, by its slot alone. So each entry that stays is read once or, if it was seen again behind its back, twice, and
+// a reading ends.
 struct order_position {
     uint64_t value = 0;
     uint32_t slot = 0;
@@ -92,8 +92,8 @@ struct row_page {
 row_page read_rows(const row_filter &filter, const row_position &from, uint32_t most);
 
 // All rows of one address, in all bridge domains or in one: those that the plane holds, whether or not the table has
-// room for them. The copy says where to look and the plane is asked for each. When the copy knows none, or is degraded,
-// the plane is asked in every bridge domain. `bridge_id` 0: all.
+// room for them. The shadow table says where to look and the plane is asked for each. When the shadow table knows none,
+// or is degraded, the plane is asked in every bridge domain. `bridge_id` 0: all.
 row_page find_rows(const mac_address &mac, uint16_t bridge_id);
 
 // ---- In another order ----
@@ -108,7 +108,7 @@ struct ordered_page {
     order_position end = {};
 };
 
-// The next `most` rows. Memory is bounded by `most`; each page looks at all entries of the copy.
+// The next `most` rows. Memory is bounded by `most`; each page looks at all entries of the shadow table.
 ordered_page read_ordered(row_order order, const order_position &from, uint32_t most);
 
 // ---- Counts ----

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/table_copy.h"
+#include "forwarding/shadow_table.h"
 
 #include <algorithm>
 #include <cstring>
@@ -84,7 +84,7 @@ uint32_t device_vni(const link_record &link)
 }
 
 // What a device's port for a VLAN sends with, by the device alone.
-uint32_t port_vni(const copy_link &device, uint16_t vlan)
+uint32_t port_vni(const shadow_link &device, uint16_t vlan)
 {
     if (!device.maps_vlans) {
         return device_vni(device.record);
@@ -111,24 +111,24 @@ bool equal_but_age(const fdb_record &left, const fdb_record &right)
     return aged == right;
 }
 
-table_copy::table_copy(copy_listener &listener)
+shadow_table::shadow_table(shadow_listener &listener)
     : listener_(listener)
 {}
 
 // ---- Finding ----
 
-uint32_t table_copy::find(const fdb_key &key) const
+uint32_t shadow_table::find(const fdb_key &key) const
 {
     return entries_by_key_.find(hash_of(key), [&](uint32_t entry) { return key_of(entries[entry].record) == key; });
 }
 
-const copy_link *table_copy::find_link(uint32_t ifindex) const
+const shadow_link *shadow_table::find_link(uint32_t ifindex) const
 {
     const auto found = links_.find(ifindex);
     return found != links_.end() && found->second.known ? &found->second : nullptr;
 }
 
-uint32_t table_copy::find_domain(uint32_t bridge, uint16_t vlan) const
+uint32_t shadow_table::find_domain(uint32_t bridge, uint16_t vlan) const
 {
     const auto found = domains_by_key_.find(domain_key(bridge, vlan));
     return found != domains_by_key_.end() ? found->second : no_slot;
@@ -136,13 +136,13 @@ uint32_t table_copy::find_domain(uint32_t bridge, uint16_t vlan) const
 
 // Entries for one address belong together on a device, and on one that maps VLANs only those of one VNI do. The
 // destinations of a flood list are told apart by VNI everywhere.
-uint32_t table_copy::group_vni(const port_key &on, const mac_address &mac) const
+uint32_t shadow_table::group_vni(const port_key &on, const mac_address &mac) const
 {
-    const copy_link *device = find_link(on.ifindex);
+    const shadow_link *device = find_link(on.ifindex);
     return mac == zero_mac || (device != nullptr && device->maps_vlans) ? on.vni : 0;
 }
 
-uint32_t table_copy::find_group(const port_key &on, const mac_address &mac) const
+uint32_t shadow_table::find_group(const port_key &on, const mac_address &mac) const
 {
     const uint32_t vni = group_vni(on, mac);
     return groups_by_key_.find(hash_of(on.ifindex, vni, mac), [&](uint32_t group) {
@@ -150,18 +150,18 @@ uint32_t table_copy::find_group(const port_key &on, const mac_address &mac) cons
     });
 }
 
-copy_link &table_copy::link(uint32_t ifindex)
+shadow_link &shadow_table::link(uint32_t ifindex)
 {
-    copy_link &found = links_[ifindex];
+    shadow_link &found = links_[ifindex];
     found.record.ifindex = ifindex;
     return found;
 }
 
 // ---- Links ----
 
-void table_copy::link_changed(const link_record &record)
+void shadow_table::link_changed(const link_record &record)
 {
-    copy_link &changed = link(record.ifindex);
+    shadow_link &changed = link(record.ifindex);
     const link_record before = std::exchange(changed.record, record);
     const bool first = !std::exchange(changed.known, true);
     changed.generation = generation_;
@@ -174,13 +174,13 @@ void table_copy::link_changed(const link_record &record)
     tell_link_change(changed, before, first);
 }
 
-void table_copy::reshape_link(copy_link &changed, const link_record &before)
+void shadow_table::reshape_link(shadow_link &changed, const link_record &before)
 {
     follow_master(changed, before);
     if (before.kind == link_kind::bridge && changed.record.kind != link_kind::bridge) {
         end_bridge(changed);
     }
-    end_ports(changed, [](const copy_link &of, const copy_port &port) {
+    end_ports(changed, [](const shadow_link &of, const shadow_port &port) {
         return port.key.master != 0 && port.key.master != of.record.master && !is_bridge_own(port.key);
     });
     const bool regroups = follow_vlan_use(changed);
@@ -191,27 +191,27 @@ void table_copy::reshape_link(copy_link &changed, const link_record &before)
 }
 
 // Ports that are no longer what the link and its map say.
-void table_copy::end_empty_ports(const copy_link &of)
+void shadow_table::end_empty_ports(const shadow_link &of)
 {
-    end_ports(of, [](const copy_link &link, const copy_port &port) {
+    end_ports(of, [](const shadow_link &link, const shadow_port &port) {
         return port.entries == 0 && !is_bridge_own(port.key)
                && (port.key.kind != link.record.kind || port.key.vni != port_vni(link, port.key.vlan));
     });
 }
 
 // Whether a device maps VLANs depends on its bridge, too. True: that has changed.
-bool table_copy::follow_vlan_use(copy_link &device)
+bool shadow_table::follow_vlan_use(shadow_link &device)
 {
-    const copy_link *bridge = find_link(device.record.master);
+    const shadow_link *bridge = find_link(device.record.master);
     const bool maps = device.record.kind == link_kind::vxlan && device.record.external && bridge != nullptr
                       && bridge->record.vlan_aware;
     return std::exchange(device.maps_vlans, maps) != maps;
 }
 
-void table_copy::follow_bridge(const copy_link &bridge)
+void shadow_table::follow_bridge(const shadow_link &bridge)
 {
     for (const uint32_t member : bridge.members) {
-        copy_link &device = link(member);
+        shadow_link &device = link(member);
         if (device.known && follow_vlan_use(device)) {
             replace_entries(device, true);
             end_empty_ports(device);
@@ -219,9 +219,9 @@ void table_copy::follow_bridge(const copy_link &bridge)
     }
 }
 
-void table_copy::vlan_vnis_changed(uint32_t ifindex, const vni_by_vlan &vnis)
+void shadow_table::vlan_vnis_changed(uint32_t ifindex, const vni_by_vlan &vnis)
 {
-    copy_link &device = link(ifindex);
+    shadow_link &device = link(ifindex);
     device.vnis = vnis;
     device.vlans.clear();
     for (const auto &[vlan, vni] : vnis) {
@@ -235,7 +235,7 @@ void table_copy::vlan_vnis_changed(uint32_t ifindex, const vni_by_vlan &vnis)
     }
 }
 
-void table_copy::follow_master(const copy_link &changed, const link_record &before)
+void shadow_table::follow_master(const shadow_link &changed, const link_record &before)
 {
     if (before.master != 0) {
         drop(link(before.master).members, changed.record.ifindex);
@@ -246,7 +246,7 @@ void table_copy::follow_master(const copy_link &changed, const link_record &befo
 }
 
 // Puts each entry where it belongs now that its link has changed.
-void table_copy::replace_entries(const copy_link &changed, bool regroups)
+void shadow_table::replace_entries(const shadow_link &changed, bool regroups)
 {
     std::vector<uint32_t> misplaced;
     for (const uint32_t port : changed.ports) {
@@ -264,7 +264,7 @@ void table_copy::replace_entries(const copy_link &changed, bool regroups)
     }
 }
 
-void table_copy::end_ports(const copy_link &of, bool (*ends)(const copy_link &of, const copy_port &port))
+void shadow_table::end_ports(const shadow_link &of, bool (*ends)(const shadow_link &of, const shadow_port &port))
 {
     const std::vector<uint32_t> candidates = of.ports;
     for (const uint32_t port : candidates) {
@@ -275,7 +275,7 @@ void table_copy::end_ports(const copy_link &of, bool (*ends)(const copy_link &of
 }
 
 // A bridge and its ports are shown before there is an entry on them.
-void table_copy::add_base_objects(const copy_link &of)
+void shadow_table::add_base_objects(const shadow_link &of)
 {
     const link_record &record = of.record;
     if (record.kind == link_kind::bridge) {
@@ -287,15 +287,15 @@ void table_copy::add_base_objects(const copy_link &of)
     add_base_port(record);
 }
 
-void table_copy::add_base_port(const link_record &record)
+void shadow_table::add_base_port(const link_record &record)
 {
-    const copy_link *master = find_link(record.master);
+    const shadow_link *master = find_link(record.master);
     if (master != nullptr && master->record.kind == link_kind::bridge) {
         port_at({record.master, record.ifindex, record.kind, 0, device_vni(record)});
     }
 }
 
-void table_copy::tell_link_change(const copy_link &changed, const link_record &before, bool first)
+void shadow_table::tell_link_change(const shadow_link &changed, const link_record &before, bool first)
 {
     const bool renamed = first || before.name != changed.record.name;
     if (renamed || before.vlan_aware != changed.record.vlan_aware || before.ageing_ms != changed.record.ageing_ms) {
@@ -312,13 +312,13 @@ void table_copy::tell_link_change(const copy_link &changed, const link_record &b
     }
 }
 
-void table_copy::link_gone(uint32_t ifindex)
+void shadow_table::link_gone(uint32_t ifindex)
 {
     const auto found = links_.find(ifindex);
     if (found == links_.end()) {
         return;
     }
-    copy_link &gone = found->second;
+    shadow_link &gone = found->second;
     const link_record before = gone.record;
     known_links -= gone.known ? 1 : 0;
     gone.known = false;
@@ -329,13 +329,13 @@ void table_copy::link_gone(uint32_t ifindex)
     gone.maps_vlans = false;
     follow_master(gone, before);
     end_bridge(gone);
-    end_ports(gone, [](const copy_link &, const copy_port &) { return true; });
+    end_ports(gone, [](const shadow_link &, const shadow_port &) { return true; });
     if (gone.members.empty()) {
         links_.erase(ifindex);
     }
 }
 
-void table_copy::end_bridge(copy_link &bridge)
+void shadow_table::end_bridge(shadow_link &bridge)
 {
     for (const uint32_t domain : std::vector<uint32_t>(bridge.domains)) {
         end_domain(domain);
@@ -345,9 +345,9 @@ void table_copy::end_bridge(copy_link &bridge)
 // ---- Ports and domains ----
 
 // Where an entry stands. Only VXLAN devices' own entries have to do with a bridge.
-port_key table_copy::place_of(const fdb_record &record) const
+port_key shadow_table::place_of(const fdb_record &record) const
 {
-    const copy_link *on = find_link(record.ifindex);
+    const shadow_link *on = find_link(record.ifindex);
     const link_kind kind = on != nullptr ? on->record.kind : link_kind::other;
     port_key key{record.master, record.ifindex, kind, record.vlan, 0};
     if (record.self) {
@@ -366,7 +366,7 @@ port_key table_copy::place_of(const fdb_record &record) const
     return key;
 }
 
-uint32_t table_copy::port_at(const port_key &key)
+uint32_t shadow_table::port_at(const port_key &key)
 {
     const uint32_t found = ports_by_key_.find(hash_of(key), [&](uint32_t port) { return ports[port].key == key; });
     if (found != no_slot) {
@@ -384,7 +384,7 @@ uint32_t table_copy::port_at(const port_key &key)
     return port;
 }
 
-uint32_t table_copy::domain_at(uint32_t bridge, uint16_t vlan)
+uint32_t shadow_table::domain_at(uint32_t bridge, uint16_t vlan)
 {
     const auto [place, added] = domains_by_key_.try_emplace(domain_key(bridge, vlan), no_slot);
     if (added) {
@@ -399,7 +399,7 @@ uint32_t table_copy::domain_at(uint32_t bridge, uint16_t vlan)
     return place->second;
 }
 
-void table_copy::end_port(uint32_t port)
+void shadow_table::end_port(uint32_t port)
 {
     for_each_entry_of_port(port, [&](uint32_t entry) { remove(entry); });
     if (ports[port].domain != no_slot) {
@@ -411,19 +411,19 @@ void table_copy::end_port(uint32_t port)
     ports.give_back(port);
 }
 
-void table_copy::end_domain(uint32_t domain)
+void shadow_table::end_domain(uint32_t domain)
 {
     for (const uint32_t port : std::vector<uint32_t>(domains[domain].ports)) {
         end_port(port);
     }
     listener_.domain_going(domain);
-    const copy_domain &going = domains[domain];
+    const shadow_domain &going = domains[domain];
     drop(link(going.bridge).domains, domain);
     domains_by_key_.erase(domain_key(going.bridge, going.vlan));
     domains.give_back(domain);
 }
 
-void table_copy::end_empty_domains()
+void shadow_table::end_empty_domains()
 {
     std::vector<uint32_t> empty;
     for (const auto &[key, domain] : domains_by_key_) {
@@ -440,12 +440,12 @@ void table_copy::end_empty_domains()
 
 // ---- Entries ----
 
-void table_copy::fdb_changed(const fdb_record &record)
+void shadow_table::fdb_changed(const fdb_record &record)
 {
     entries[file(record)].listed_only = false;
 }
 
-void table_copy::fdb_dumped(const fdb_record &record)
+void shadow_table::fdb_dumped(const fdb_record &record)
 {
     const uint32_t known = find(key_of(record));
     const bool differs = known == no_slot || !entries[known].alive || !equal_but_sight(entries[known].record, record);
@@ -457,7 +457,7 @@ void table_copy::fdb_dumped(const fdb_record &record)
 }
 
 // Returns the entry's slot.
-uint32_t table_copy::file(const fdb_record &record)
+uint32_t shadow_table::file(const fdb_record &record)
 {
     const fdb_key key = key_of(record);
     const uint32_t found = find(key);
@@ -471,7 +471,7 @@ uint32_t table_copy::file(const fdb_record &record)
     return entry;
 }
 
-void table_copy::fdb_gone(const fdb_record &record)
+void shadow_table::fdb_gone(const fdb_record &record)
 {
     const uint32_t entry = find(key_of(record));
     if (entry == no_slot || !entries[entry].alive || entries[entry].record.ifindex != record.ifindex) {
@@ -481,14 +481,14 @@ void table_copy::fdb_gone(const fdb_record &record)
     remove(entry);
 }
 
-uint32_t table_copy::add(const fdb_key &key)
+uint32_t shadow_table::add(const fdb_key &key)
 {
     const uint32_t entry = entries.take();
     entries_by_key_.insert(hash_of(key), entry);
     return entry;
 }
 
-void table_copy::enter(uint32_t entry, const fdb_record &record)
+void shadow_table::enter(uint32_t entry, const fdb_record &record)
 {
     entries[entry].record = record;
     entries[entry].alive = true;
@@ -498,9 +498,9 @@ void table_copy::enter(uint32_t entry, const fdb_record &record)
     affect_group(entries[entry].group, entry);
 }
 
-void table_copy::update(uint32_t entry, const fdb_record &record)
+void shadow_table::update(uint32_t entry, const fdb_record &record)
 {
-    copy_entry &known = entries[entry];
+    shadow_entry &known = entries[entry];
     if (equal_but_age(known.record, record)) {
         unchanged++;
         const bool has_aged = record.updated_ms != 0 && record.updated_ms != known.record.updated_ms;
@@ -520,9 +520,9 @@ void table_copy::update(uint32_t entry, const fdb_record &record)
     affect_group(known.group, entry);
 }
 
-void table_copy::remove(uint32_t entry)
+void shadow_table::remove(uint32_t entry)
 {
-    copy_entry &gone = entries[entry];
+    shadow_entry &gone = entries[entry];
     const uint32_t group = gone.group;
     unlink_from_port(entry);
     gone.alive = false;
@@ -532,16 +532,16 @@ void table_copy::remove(uint32_t entry)
     affect_group(group, entry);
 }
 
-void table_copy::release(uint32_t entry)
+void shadow_table::release(uint32_t entry)
 {
     entries_by_key_.erase(hash_of(key_of(entries[entry].record)), entry);
     entries.give_back(entry);
 }
 
-void table_copy::link_to_port(uint32_t entry, uint32_t port)
+void shadow_table::link_to_port(uint32_t entry, uint32_t port)
 {
-    copy_entry &added = entries[entry];
-    copy_port &to = ports[port];
+    shadow_entry &added = entries[entry];
+    shadow_port &to = ports[port];
     added.port = port;
     added.prev = to.last;
     added.next = no_slot;
@@ -553,10 +553,10 @@ void table_copy::link_to_port(uint32_t entry, uint32_t port)
     }
 }
 
-void table_copy::unlink_from_port(uint32_t entry)
+void shadow_table::unlink_from_port(uint32_t entry)
 {
-    copy_entry &removed = entries[entry];
-    copy_port &from = ports[removed.port];
+    shadow_entry &removed = entries[entry];
+    shadow_port &from = ports[removed.port];
     leave_group(entry);
     (removed.prev != no_slot ? entries[removed.prev].next : from.first) = removed.next;
     (removed.next != no_slot ? entries[removed.next].prev : from.last) = removed.prev;
@@ -567,13 +567,13 @@ void table_copy::unlink_from_port(uint32_t entry)
 
 // ---- Groups ----
 
-void table_copy::join_group(uint32_t entry)
+void shadow_table::join_group(uint32_t entry)
 {
-    copy_entry &joining = entries[entry];
+    shadow_entry &joining = entries[entry];
     const port_key &on = ports[joining.port].key;
     const uint32_t found = find_group(on, joining.record.mac);
     const uint32_t group = found != no_slot ? found : groups.take();
-    copy_group &to = groups[group];
+    shadow_group &to = groups[group];
     if (found == no_slot) {
         to.ifindex = on.ifindex;
         to.vni = group_vni(on, joining.record.mac);
@@ -589,13 +589,13 @@ void table_copy::join_group(uint32_t entry)
     to.of_bridge += joining.record.self ? 0 : 1;
 }
 
-void table_copy::leave_group(uint32_t entry)
+void shadow_table::leave_group(uint32_t entry)
 {
-    copy_entry &leaving = entries[entry];
+    shadow_entry &leaving = entries[entry];
     if (leaving.group == no_slot) {
         return;
     }
-    copy_group &from = groups[leaving.group];
+    shadow_group &from = groups[leaving.group];
     (leaving.group_prev != no_slot ? entries[leaving.group_prev].group_next : from.first) = leaving.group_next;
     (leaving.group_next != no_slot ? entries[leaving.group_next].group_prev : from.last) = leaving.group_prev;
     from.of_bridge -= leaving.record.self ? 0 : 1;
@@ -608,7 +608,7 @@ void table_copy::leave_group(uint32_t entry)
 
 // One entry of a group decides how the others are seen. Of a flood list, which may be long, the first one stands for
 // all: what matters is which one that is, and which one was.
-void table_copy::affect_group(uint32_t group, uint32_t except)
+void shadow_table::affect_group(uint32_t group, uint32_t except)
 {
     if (group == no_slot) {
         return;
@@ -624,13 +624,13 @@ void table_copy::affect_group(uint32_t group, uint32_t except)
 
 // ---- Generations ----
 
-void table_copy::full_dump_begun()
+void shadow_table::full_dump_begun()
 {
     generation_++;
     listener_.full_dump_begun();
 }
 
-void table_copy::full_dump_ended(bool clean)
+void shadow_table::full_dump_ended(bool clean)
 {
     if (clean) {
         drop_untold_links();
@@ -643,7 +643,7 @@ void table_copy::full_dump_ended(bool clean)
     listener_.full_dump_ended(clean);
 }
 
-void table_copy::drop_untold_links()
+void shadow_table::drop_untold_links()
 {
     std::vector<uint32_t> gone;
     for (const auto &[ifindex, link] : links_) {

@@ -31,7 +31,7 @@
 
 namespace forwarding {
 
-struct copy_entry {
+struct shadow_entry {
     fdb_record record;
     bool alive = false;
     uint32_t generation = 0; // in which it was told last
@@ -77,7 +77,7 @@ struct port_key {
     bool operator==(const port_key &) const = default;
 };
 
-struct copy_port {
+struct shadow_port {
     port_key key;
     uint32_t domain = no_slot;
     uint32_t first = no_slot;
@@ -85,23 +85,24 @@ struct copy_port {
     uint32_t entries = 0;
 
     // The listener's.
-    uint32_t resume = no_slot; // the entry at which it continues a walk; the copy moves it on when that entry leaves
+    uint32_t resume =
+        no_slot; // the entry at which it continues a walk; the shadow table moves it on when that entry leaves
     uint32_t xcid = 0;
     uint64_t waits = 0; // its place in the line for an id; 0: it does not wait
     edm_mac_counters_t counters = {};
 };
 
-struct copy_domain {
+struct shadow_domain {
     uint32_t bridge = 0; // interface index
     uint16_t vlan = 0;
     std::vector<uint32_t> ports;
 
     // The listener's.
     uint16_t bridge_id = 0;
-    uint64_t waits = 0; // as copy_port::waits
+    uint64_t waits = 0; // as shadow_port::waits
 };
 
-struct copy_link {
+struct shadow_link {
     link_record record;
     bool known = false; // told, and not only named by something else
     uint64_t generation = 0;
@@ -116,7 +117,7 @@ struct copy_link {
 // The entries for one address on one VXLAN device. A device with many VNIs has a flood list for each of them, on a port
 // of its own: `vni` keeps them apart. Other entries of such a device form one group for all VNIs, since the bridge's
 // entry does not say which VNI it belongs to.
-struct copy_group {
+struct shadow_group {
     uint32_t ifindex = 0;
     uint32_t vni = 0; // of a flood list, its port's; otherwise 0
     mac_address mac = {};
@@ -125,13 +126,13 @@ struct copy_group {
     uint32_t of_bridge = 0;
 };
 
-// Is told about changes, after they were made. It calls nothing that changes the copy.
-class copy_listener {
+// Is told about changes, after they were made. It calls nothing that changes the shadow table.
+class shadow_listener {
 public:
-    copy_listener() = default;
-    copy_listener(const copy_listener &) = delete;
-    copy_listener &operator=(const copy_listener &) = delete;
-    virtual ~copy_listener() = default;
+    shadow_listener() = default;
+    shadow_listener(const shadow_listener &) = delete;
+    shadow_listener &operator=(const shadow_listener &) = delete;
+    virtual ~shadow_listener() = default;
 
     // New, changed or gone; not for a mere change of age.
     virtual void entry_touched(uint32_t entry) = 0;
@@ -141,7 +142,7 @@ public:
     virtual void entry_confirmed(uint32_t /*entry*/, bool /*has_aged*/) {}
     // A clean generation did not report it. The listener decides whether it has gone.
     virtual void entry_untold(uint32_t /*entry*/) {}
-    // A listing reported it, and the copy did not hold it so.
+    // A listing reported it, and the shadow table did not hold it so.
     virtual void full_dump_differs(uint32_t /*entry*/) {}
     virtual void next_hop_gone(uint32_t /*id*/) {}
     virtual void changes_lost(uint64_t /*count*/) {}
@@ -159,9 +160,9 @@ public:
 // Whether records differ at most in the time when the entry was last seen.
 bool equal_but_age(const fdb_record &left, const fdb_record &right);
 
-class table_copy : public sink {
+class shadow_table : public sink {
 public:
-    explicit table_copy(copy_listener &listener);
+    explicit shadow_table(shadow_listener &listener);
 
     void link_changed(const link_record &record) override;
     void link_gone(uint32_t ifindex) override;
@@ -179,7 +180,7 @@ public:
 
     // The slot of an entry, gone ones included.
     uint32_t find(const fdb_key &key) const;
-    const copy_link *find_link(uint32_t ifindex) const;
+    const shadow_link *find_link(uint32_t ifindex) const;
     uint32_t find_domain(uint32_t bridge, uint16_t vlan) const;
     // The group of an address on a port.
     uint32_t find_group(const port_key &on, const mac_address &mac) const;
@@ -215,29 +216,29 @@ public:
         }
     }
 
-    slot_pool<copy_entry> entries;
-    slot_pool<copy_port> ports;
-    slot_pool<copy_domain> domains;
-    slot_pool<copy_group> groups;
+    slot_pool<shadow_entry> entries;
+    slot_pool<shadow_port> ports;
+    slot_pool<shadow_domain> domains;
+    slot_pool<shadow_group> groups;
 
     uint64_t living = 0;
     uint64_t unchanged = 0; // changes that were told and changed nothing but an age
     size_t known_links = 0;
 
 private:
-    copy_link &link(uint32_t ifindex);
-    void reshape_link(copy_link &changed, const link_record &before);
-    void follow_master(const copy_link &changed, const link_record &before);
-    bool follow_vlan_use(copy_link &device);
-    void follow_bridge(const copy_link &bridge);
-    void replace_entries(const copy_link &changed, bool regroups);
-    void end_empty_ports(const copy_link &of);
+    shadow_link &link(uint32_t ifindex);
+    void reshape_link(shadow_link &changed, const link_record &before);
+    void follow_master(const shadow_link &changed, const link_record &before);
+    bool follow_vlan_use(shadow_link &device);
+    void follow_bridge(const shadow_link &bridge);
+    void replace_entries(const shadow_link &changed, bool regroups);
+    void end_empty_ports(const shadow_link &of);
     uint32_t group_vni(const port_key &on, const mac_address &mac) const;
-    void end_ports(const copy_link &of, bool (*ends)(const copy_link &of, const copy_port &port));
-    void add_base_objects(const copy_link &of);
+    void end_ports(const shadow_link &of, bool (*ends)(const shadow_link &of, const shadow_port &port));
+    void add_base_objects(const shadow_link &of);
     void add_base_port(const link_record &record);
-    void tell_link_change(const copy_link &changed, const link_record &before, bool first);
-    void end_bridge(copy_link &bridge);
+    void tell_link_change(const shadow_link &changed, const link_record &before, bool first);
+    void end_bridge(shadow_link &bridge);
 
     port_key place_of(const fdb_record &record) const;
     uint32_t port_at(const port_key &key);
@@ -256,8 +257,8 @@ private:
     void affect_group(uint32_t group, uint32_t except);
     void drop_untold_links();
 
-    copy_listener &listener_;
-    std::unordered_map<uint32_t, copy_link> links_;
+    shadow_listener &listener_;
+    std::unordered_map<uint32_t, shadow_link> links_;
     std::unordered_map<uint64_t, uint32_t> domains_by_key_;
     slot_index entries_by_key_;
     slot_index ports_by_key_;
