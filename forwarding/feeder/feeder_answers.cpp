@@ -134,7 +134,7 @@ uint64_t feeder::order_now(row_order order) const
 //      3 5       8 is behind last and skipped
 //      3 5 1     end: keep 1 3
 //
-// Values above `from.began` count as `from.began + 1`; see order_position.
+// Values above `from.began` count as `from.began + 1`, except does_not_age; see order_position.
 std::vector<ordered_entry> feeder::select(row_order order, const order_position &from, uint32_t most)
 {
     plane_.drain();

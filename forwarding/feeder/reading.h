@@ -50,8 +50,8 @@ namespace forwarding {
 //      began = 100      values now:  20  40  100  130  170
 //                       order:       20  40  100  101  101     the last two by slot
 //
-// So new values cannot prolong a read without end. An entry that stays is read once, or twice if it was seen again
-// after its page.
+// Entries that do not age come behind these. So new values cannot prolong a read without end. An entry that stays is
+// read once, or twice if it was seen again after its page.
 struct order_position {
     uint64_t value = 0;     // number of creation, or milliseconds of the steady clock; by row_order
     uint32_t slot = 0;      // in the shadow table
