@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Questions that the feeder answers from the shadow table, on the cache thread.
+// The part of the feeder that answers questions of other threads from the shadow table: where an address is, the
+// entries in an order, ages, and counts of a port.
+//
+// Threads: the cache thread, without the table lock. Other threads call it through on_cache_thread (asking.h).
 #include <algorithm>
 #include <chrono>
 #include <limits>
@@ -13,6 +16,7 @@
 namespace forwarding {
 namespace {
 
+// Value of an entry that does not age, in the order by last sight: such entries come last.
 constexpr uint64_t does_not_age = std::numeric_limits<uint64_t>::max();
 
 bool is_behind(const order_position &from, uint64_t value, uint32_t slot)
@@ -20,14 +24,15 @@ bool is_behind(const order_position &from, uint64_t value, uint32_t slot)
     return !from.holds_row || value > from.value || (value == from.value && slot > from.slot);
 }
 
-// What an order is decided by; small, since there is one for each entry that may come first.
+// Sort key of an entry in an order. It is small because a selection holds up to twice as many keys as the page has
+// rows.
 struct order_key {
     uint64_t value;
     uint32_t slot;
     auto operator<=>(const order_key &) const = default;
 };
 
-// Keeps the first `most` in front, in no order, and drops the others.
+// Keeps the `most` smallest keys, unsorted, and drops the others.
 void keep_first(std::vector<order_key> &keys, size_t most)
 {
     if (keys.size() > most) {
@@ -40,6 +45,8 @@ void keep_first(std::vector<order_key> &keys, size_t most)
 
 // ---- One address ----
 
+// Returns the keys by which to ask the plane about an address, in one bridge domain or in all (0). If the shadow table
+// holds the address somewhere and is not degraded, only those places are returned; otherwise every bridge domain is.
 std::vector<fdb_key> feeder::places_of(const mac_address &mac, uint16_t bridge_id)
 {
     plane_.drain();
@@ -65,6 +72,7 @@ std::vector<fdb_key> feeder::places_of(const mac_address &mac, uint16_t bridge_i
     return known.empty() || state() == completeness::degraded ? everywhere : known;
 }
 
+// Takes the plane's answers, then adds a row for each place at which the shadow table holds the entry.
 void feeder::confirm_places(std::span<const fdb_key> keys, std::span<const fdb_answer> answers,
                             std::vector<mac_row> &rows)
 {
@@ -79,6 +87,7 @@ void feeder::confirm_places(std::span<const fdb_key> keys, std::span<const fdb_a
     }
 }
 
+// Adds a row if the entry is one that the feeder feeds.
 void feeder::add_row(uint32_t at, std::vector<mac_row> &rows)
 {
     l2fib_mac_edm_entry_t descriptor;
@@ -87,7 +96,7 @@ void feeder::add_row(uint32_t at, std::vector<mac_row> &rows)
     }
     rows.push_back(row_of(descriptor));
     if (shadow_.ports[shadow_.entries[at].port].key.kind == link_kind::vxlan) {
-        const own_vni vnis = vnis_of(at); // the table may have no room for it, and the views know none then
+        const own_vni vnis = vnis_of(at); // not from the views: they lack the entry if the table has no room for it
         rows.back().vni = vnis.vni;
         rows.back().source_vni = vnis.source_vni;
     }
@@ -95,7 +104,7 @@ void feeder::add_row(uint32_t at, std::vector<mac_row> &rows)
 
 // ---- Orders ----
 
-// Whether it goes by itself when it is not seen for long.
+// True if the entry ages out when its address is not seen for the bridge's ageing time.
 bool feeder::entry_ages(const shadow_entry &entry) const
 {
     return !entry.record.self && (entry.record.state & (fdb_permanent | fdb_noarp)) == 0
@@ -117,6 +126,15 @@ uint64_t feeder::order_now(row_order order) const
     return order == row_order::created ? last_created_ : static_cast<uint64_t>(now.count());
 }
 
+// Selects the first `most` fed entries behind `from` in one pass over the shadow table, with memory for 2 * `most`
+// keys. Whenever the memory is full, the larger half goes. From then on `last`, the largest key kept, rules out entries
+// behind it. With `most` = 2 and the values 5 9 3 7 8 1:
+//
+//      5 9 3 7   full: keep 3 5, last = 5
+//      3 5       8 is behind last and skipped
+//      3 5 1     end: keep 1 3
+//
+// Values above `from.began` count as `from.began + 1`, except does_not_age; see order_position.
 std::vector<ordered_entry> feeder::select(row_order order, const order_position &from, uint32_t most)
 {
     plane_.drain();
@@ -125,7 +143,7 @@ std::vector<ordered_entry> feeder::select(row_order order, const order_position 
     }
     std::vector<order_key> keys;
     keys.reserve(2 * size_t{most});
-    order_key last{std::numeric_limits<uint64_t>::max(), no_slot}; // what comes behind it cannot be among the first
+    order_key last{std::numeric_limits<uint64_t>::max(), no_slot}; // entries behind it are not among the first
     shadow_.for_each_entry([&](uint32_t at) {
         const shadow_entry &entry = shadow_.entries[at];
         const uint64_t value = order_value(order, entry);
@@ -154,8 +172,9 @@ std::vector<ordered_entry> feeder::select(row_order order, const order_position 
 
 // ---- Ages ----
 
-// Takes ages. An answer that contradicts the shadow table is not taken, because what has changed since the question may
-// have been reported already; the plane is asked again.
+// Takes the times of last sight from answers that another thread got from the plane. An answer that contradicts the
+// shadow table is not taken, because the plane may have reported a newer change since. Instead the plane is asked
+// again. Returns how many entries got another time or were asked about again.
 size_t feeder::take_ages(std::span<const fdb_key> keys, std::span<const fdb_answer> answers)
 {
     size_t changed = 0;
@@ -180,7 +199,8 @@ size_t feeder::take_ages(std::span<const fdb_key> keys, std::span<const fdb_answ
     return changed + contradicted.size();
 }
 
-// Asks the plane and corrects the shadow table at once: nothing has been reported since these answers.
+// Asks the plane about at most query_batch keys and corrects the shadow table by the answers. No report can come in
+// between, because the plane reports on this thread.
 void feeder::correct(std::span<const fdb_key> keys)
 {
     std::vector<fdb_answer> answers(keys.size());
@@ -198,6 +218,7 @@ void feeder::correct(std::span<const fdb_key> keys)
 
 // ---- Counts ----
 
+// Returns no value if there is no such port.
 std::optional<edm_mac_counters_t> feeder::count_of_port(uint32_t xcid)
 {
     plane_.drain();

@@ -1,7 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Questions to the plane about entries whose life is in doubt, the proof of the shadow table, and what answers are
-// worth.
+// The part of the feeder that asks the plane about doubtful entries, proves the shadow table, and says how complete
+// answers are.
+//
+//      full dump ended clean without the entry --+
+//      next hop of the entry deleted ------------+--> doubtful_ --> query --> absent:  the entry is removed
+//                      +-------------------------+                   |        present: the entry is kept and updated
+//                      |                                             |
+//                      +------------- unknown: asked again ----------+
+//
+// If the plane does not know about one of many destinations, a clean full dump decides instead (see resolve). When
+// doubtful_ is empty after a clean full dump, the shadow table is proven.
+//
+// Threads: the cache thread, without the table lock. Any thread may call `state` and `reason`.
 #include <algorithm>
 #include <ctime>
 #include <utility>
@@ -12,10 +23,11 @@
 namespace forwarding {
 namespace {
 
-// What the plane could not answer is asked again after this.
+// Pause after a round in which the plane answered no question, so that the feeder does not ask without a break.
 constexpr uint64_t ask_again_ns = 1'000'000'000;
 
-// Of a destination list the plane answers for the first destination only.
+// True for a device's own entry with the zero or a group address, which may have many destinations. The plane's answer
+// names only the first destination, so it does not decide about the others.
 bool is_of_flood_list(const fdb_record &record)
 {
     return record.self && (record.mac[0] & 1U || record.mac == mac_address{});
@@ -30,6 +42,8 @@ std::string plural(uint64_t count, const char *what)
 
 // ---- Before an entry is settled ----
 
+// True if the feeder asks the plane before it settles the entry: its reports may be in the wrong order, or its return
+// may be among the lost changes.
 bool feeder::is_questionable(uint32_t at) const
 {
     const shadow_entry &entry = shadow_.entries[at];
@@ -38,7 +52,7 @@ bool feeder::is_questionable(uint32_t at) const
     return entry.contested || may_be_back;
 }
 
-// Asks about the dirty entries from the first unsettled one to `end`.
+// Asks the plane about the questionable ones among the dirty entries from the first unsettled one up to `end`.
 void feeder::ask_about_slice(size_t end)
 {
     std::vector<uint32_t> asked;
@@ -61,7 +75,7 @@ void feeder::ask_about_slice(size_t end)
     }
 }
 
-// Whether the links of an entry are where it was, so that its return makes no port.
+// True if the entry's device still exists and has the same master. The entry can then return without a new port.
 bool feeder::may_stand(const fdb_record &record) const
 {
     const shadow_link *on = shadow_.find_link(record.ifindex);
@@ -69,8 +83,9 @@ bool feeder::may_stand(const fdb_record &record) const
     return on != nullptr && (is_own || on->record.master == record.master);
 }
 
-// An entry that has gone comes back when the plane holds it, and also when it cannot tell: then the next clean listing
-// decides.
+// Corrects the shadow table by the plane's answer. An entry that was reported gone returns if the plane holds it. While
+// answers are degraded it also returns if the plane does not know: the next clean full dump decides. That return is no
+// report, so the entry keeps the number of the full dump that reported it last.
 void feeder::take_answer(uint32_t at, const fdb_answer &answer)
 {
     shadow_entry &entry = shadow_.entries[at];
@@ -92,7 +107,8 @@ void feeder::take_answer(uint32_t at, const fdb_answer &answer)
     entry.contested = false;
 }
 
-// Nobody asks about it again before it is settled.
+// Removes an entry that the plane does not hold. `surely_gone` keeps the feeder from asking again before it settles the
+// entry.
 void feeder::remove_surely(uint32_t at)
 {
     shadow_.remove(at);
@@ -102,6 +118,7 @@ void feeder::remove_surely(uint32_t at)
 
 // ---- The queue of doubtful entries ----
 
+// A clean full dump did not report the entry.
 void feeder::entry_untold(uint32_t at)
 {
     begin_doubt();
@@ -125,6 +142,7 @@ void feeder::doubt(uint32_t at)
     }
 }
 
+// Schedules the next round of questions, unless one is already scheduled.
 void feeder::doubt_later()
 {
     if (!doubt_expected_) {
@@ -132,6 +150,7 @@ void feeder::doubt_later()
     }
 }
 
+// Queues the entries that deliver to a deleted next hop, because the plane may report none of them gone.
 void feeder::doubt_next_hops()
 {
     if (gone_next_hops_.empty()) {
@@ -146,6 +165,9 @@ void feeder::doubt_next_hops()
     });
 }
 
+// One round of questions about queued entries. While entries remain, another round follows: at once if this one learned
+// something or left queued entries unasked, otherwise after ask_again_ns. In the second case a full dump is requested
+// too, unless one is being proven.
 void feeder::resolve_doubts()
 {
     doubt_next_hops();
@@ -181,8 +203,9 @@ void feeder::resolve_doubts()
     }
 }
 
-// The plane cannot tell about each destination of several. A clean listing decides about them: one that neither it nor
-// a change since has reported has gone, and any other lives.
+// Removes, keeps or queues an entry again, by the plane's answer. The plane does not know about each of many
+// destinations. While a clean full dump is being proven, that dump decides about them. Such an entry lives if the dump
+// or a later change reported it, and is gone otherwise.
 void feeder::resolve(uint32_t at, const fdb_answer &answer)
 {
     const shadow_entry &entry = shadow_.entries[at];
@@ -205,7 +228,7 @@ void feeder::resolve(uint32_t at, const fdb_answer &answer)
     }
 }
 
-// ---- Proof by a full listing ----
+// ---- Proof by a full dump ----
 
 void feeder::changes_lost(uint64_t count)
 {
@@ -230,6 +253,7 @@ void feeder::full_dump_begun()
     missing_in_proof_ = 0;
 }
 
+// A full dump reported an entry that the shadow table did not hold so. In the first full dump this is normal.
 void feeder::full_dump_differs(uint32_t at)
 {
     if (listed_) {
@@ -237,7 +261,8 @@ void feeder::full_dump_differs(uint32_t at)
     }
 }
 
-// Changes that were still on their way while the listing read their entries have been reported by now.
+// Counts the entries that only the full dump reported. A change that was in flight when the dump read its entry has
+// cleared listed_only by now, so it does not count.
 void feeder::full_dump_ended(bool clean)
 {
     for (const uint32_t at : std::exchange(listed_only_, {})) {
@@ -249,7 +274,7 @@ void feeder::full_dump_ended(bool clean)
     entries_ = shadow_.living;
     is_proving_ = clean;
     proof_generation_ = shadow_.generation();
-    if (!plane_.health().clean) { // a proof that fails leaves the plane clean, and the shadow table as good as it was
+    if (!plane_.health().clean) { // an unclean proof leaves the plane clean: the shadow table is as good as before
         begin_doubt();
     }
     if (doubtful_.empty()) {
@@ -260,7 +285,8 @@ void feeder::full_dump_ended(bool clean)
     }
 }
 
-// Nothing is in doubt any more. If no clean listing has led here, only another one can take the mark away.
+// No entry is in doubt any more. If a clean full dump led here, the table is proven. Otherwise answers stay degraded,
+// and a full dump is requested if the plane is clean.
 void feeder::end_proof()
 {
     if (!std::exchange(is_proving_, false)) {
@@ -281,6 +307,7 @@ void feeder::end_proof()
     follow_state();
 }
 
+// If answers are degraded, requests the next full dump without the plane's longer pauses.
 void feeder::hasten_proof()
 {
     if (state() == completeness::degraded) {
@@ -290,6 +317,8 @@ void feeder::hasten_proof()
 
 // ---- Proof by a sample ----
 
+// True if the answer does not contradict the shadow table. Compared are presence, device, the permanent and noarp bits,
+// and the destination of a device's own entry. An unknown answer contradicts nothing.
 bool feeder::agrees(uint32_t at, const fdb_answer &answer) const
 {
     constexpr unsigned kinds = fdb_permanent | fdb_noarp;
@@ -304,7 +333,7 @@ bool feeder::agrees(uint32_t at, const fdb_answer &answer) const
     }
 }
 
-// Each second. While the shadow table is in doubt anyway, a full listing is on its way.
+// Runs once a second. It takes no sample while answers are degraded, because a full dump is due anyway.
 void feeder::look_after_shadow_table()
 {
     if (!listed_ || removals_in_flight_ != 0 || state() == completeness::degraded) {
@@ -317,6 +346,11 @@ void feeder::look_after_shadow_table()
     shadow_.end_empty_domains();
 }
 
+// Asks again about the entries that disagreed in the last sample, then takes a new sample of up to proof_rate entries.
+// The new one begins behind the entry at which the last one ended, so samples cover the whole table in turn:
+//
+//      second 1:                              ask about sample A --> disagreeing_
+//      second 2: ask about disagreeing_;      ask about sample B --> disagreeing_
 void feeder::sample()
 {
     sampled_ = std::exchange(disagreeing_, {});
@@ -333,8 +367,12 @@ void feeder::sample()
     compare_sample(false);
 }
 
-// A change may be on its way while the plane is asked. So what disagrees once is asked again with the next sample,
-// which `confirms` it unless a change was reported since: an entry that keeps moving disagrees each time.
+// Compares the entries of sampled_ with the plane. One disagreement proves nothing, because a change may be in flight
+// while the plane answers. So the entry is asked about again a second later, in a call with `confirms`. A disagreement
+// in that call is a fault of the shadow table, and a full dump begins.
+//
+// An entry that a change touched since it first disagreed does not count, because an entry that keeps moving would
+// disagree each time.
 void feeder::compare_sample(bool confirms)
 {
     const auto has_gone = [this](uint32_t at) { return !shadow_.entries[at].alive; };
@@ -376,8 +414,9 @@ void feeder::compare_sample(bool confirms)
     }
 }
 
-// ---- What answers are worth ----
+// ---- Completeness of answers ----
 
+// Marks answers degraded and counts the change from proven to unproven.
 void feeder::begin_doubt()
 {
     if (!is_unproven_.exchange(true)) {
@@ -424,7 +463,7 @@ std::string feeder::text_of_limit() const
     return text;
 }
 
-// Logs once when the state or the cause of a limited one changes.
+// Logs a change of the state, or of the causes of a limited state, once. Logs nothing before the first full dump ends.
 void feeder::follow_state()
 {
     const completeness now = state();

@@ -1,7 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// What the cache has no room for: which entries it gives up or refuses, and their return. Under the table lock unless
-// said otherwise.
+// The part of the feeder that follows the entries for which the cache has no room. It notes which entries the cache
+// evicts or refuses, and feeds them again when there is room:
+//
+//      note_eviction --> lose_evicted --+
+//      the cache refuses a feed --------+--> lose --> unfed_ --> refill --> settle --> note_present
+//
+// Threads: the cache thread. The caller holds the table lock, except for refill.
 #include <cstring>
 
 #include "forwarding/feeder/feeder.h"
@@ -12,9 +17,10 @@
 namespace forwarding {
 namespace {
 
-// Entries that found no place before are tried again, at most so many at a time.
+// Entries that one refill tries at most, because it holds the table lock meanwhile.
 constexpr size_t refill_size = 512;
-// The queue of missing entries may hold so many slots more than entries are missing.
+// unfed_ is rebuilt when its length exceeds twice the number of missing entries by more than this. The spare keeps
+// rebuilds rare, because each one visits every entry of the shadow table.
 constexpr size_t spare_slots = 4096;
 
 } // namespace
@@ -24,7 +30,8 @@ bool feeder::cache_is_full() const
     return l2fm_edm_table_mac_get_pool()->mac_cnt_total >= settings_.mac_limit;
 }
 
-// The cache's list ends with the newest entry. A list that is empty gives nothing up.
+// Returns the last entry of the cache's list, which is the newest and the one that a full cache evicts next. Returns no
+// value if the cache is not full or its list is empty.
 std::optional<feeder::newest_entry> feeder::newest_of_full_cache() const
 {
     const l2fm_edm_ll_root_t &list = *l2fm_edm_table_ll_get_root();
@@ -42,7 +49,10 @@ std::optional<feeder::newest_entry> feeder::newest_of_full_cache() const
     return newest;
 }
 
-// `fed` was filed at the place that the last two name, where the cache held nothing before.
+// Finds out whether the cache evicted `before`, its newest entry, when `fed` was filed. The caller filed `fed` at
+// `bridge_id` and `xcid`, where the cache held no such address. `before` was evicted in two cases:
+//  - `fed` is the newest entry now, and the total is the same as before;
+//  - the total has fallen: the cache evicted `before`, but did not create an entry for `fed`.
 void feeder::note_eviction(const newest_entry &before, const shadow_entry &fed, uint16_t bridge_id, uint32_t xcid)
 {
     const std::optional<newest_entry> now = newest_of_full_cache();
@@ -54,7 +64,8 @@ void feeder::note_eviction(const newest_entry &before, const shadow_entry &fed, 
     }
 }
 
-// An evicted flood list was the place of several entries.
+// Finds the entries of the shadow table that the cache evicted with `victim`, and notes each as lost. The cache holds a
+// flood list as one entry, so evicting it loses all its destinations.
 void feeder::lose_evicted(const newest_entry &victim)
 {
     evictions_++;
@@ -81,7 +92,8 @@ void feeder::lose_evicted(const newest_entry &victim)
     }
 }
 
-// The cache does not hold an entry of the shadow table that it should.
+// Notes that the cache lacks an entry of the shadow table, counts the loss for its port, and queues a living entry for
+// refill. `why` is losses::evicted or losses::refused.
 void feeder::lose(uint32_t at, uint16_t bridge_id, uint32_t xcid, uint64_t losses::*why)
 {
     shadow_entry &entry = shadow_.entries[at];
@@ -104,6 +116,7 @@ void feeder::lose(uint32_t at, uint16_t bridge_id, uint32_t xcid, uint64_t losse
     ++(losses_[{bridge_id, xcid}].*why);
 }
 
+// The cache holds the entry, or should not hold it any more.
 void feeder::note_present(shadow_entry &entry)
 {
     if (entry.missing) {
@@ -112,7 +125,8 @@ void feeder::note_present(shadow_entry &entry)
     }
 }
 
-// The other destinations of a flood list need no room beside the one that has found it.
+// If `entry` belongs to a flood list, queues the list's missing destinations to be settled. They need no room, because
+// the cache now holds the list as one entry.
 void feeder::feed_rest_of_flood_list(const shadow_entry &entry)
 {
     const bool is_of_list = entry.group != no_slot && entry.record.mac == mac_address{};
@@ -124,7 +138,8 @@ void feeder::feed_rest_of_flood_list(const shadow_entry &entry)
     }
 }
 
-// Entries that went or found their place otherwise leave their slots in the queue.
+// Rebuilds unfed_ from the missing entries. It drops the slots of entries that went, or that were fed, after they were
+// queued.
 void feeder::collect_unfed()
 {
     unfed_.clear();
@@ -135,7 +150,8 @@ void feeder::collect_unfed()
     });
 }
 
-// Without the table lock.
+// Feeds entries that found no room before, the one that waits longest first. It stops when the cache is full or refuses
+// one. If more entries could be fed, the next flush continues. Takes the table lock itself.
 void feeder::refill()
 {
     if (missing_ == 0) {

@@ -1,5 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 
+// Makes a page of read_rows in three steps:
+//  1. Under the table lock, copies entries into rows.
+//  2. Without the lock, asks the plane about rows that age.
+//  3. Adds names, VNIs and times.
+//
+// find_rows and read_ordered look into the shadow table first, on the cache thread.
 #include "forwarding/feeder/reading.h"
 
 #include <algorithm>
@@ -18,13 +24,15 @@ namespace {
 
 constexpr uint64_t nanoseconds = 1'000'000'000;
 
-// Entries that are looked at during one hold of the table lock.
+// Entries and ports visited in one hold of the table lock, so that other threads wait for a short time only.
 constexpr uint32_t looks_per_hold = 1024;
 
-// An order by the last sight asks about more entries at a time, the more of them turn out to have been seen since.
+// While answers change the order by last sight, each round selects ask_growth times as many entries, up to most_asked.
+// A larger round asks about more entries that may turn out to be first. See select_last_seen.
 constexpr uint32_t ask_growth = 4;
 constexpr uint32_t most_asked = 65'536;
 
+// An entry with any of these flags does not age.
 constexpr uint16_t ageless = EDM_MAC_STATIC | EDM_MAC_LOCAL | EDM_MAC_EXTERN_LEARNED | EDM_MAC_ON_DUMMY_PORT;
 
 void shadow_address(mac_address &to, const uint8_t *from)
@@ -32,8 +40,9 @@ void shadow_address(mac_address &to, const uint8_t *from)
     std::memcpy(to.data(), from, to.size());
 }
 
-// ---- Places: a port of a bridge domain, the domain itself behind them all ----
+// ---- Places ----
 
+// A bridge id and an xcid. The place of the bridge domain's own entries has EDM_XCID_DUMMY, which is behind all ports.
 using place = std::pair<uint16_t, uint32_t>;
 
 place place_of(const port_view &port)
@@ -41,7 +50,7 @@ place place_of(const port_view &port)
     return {port.bridge_id, port.xcid};
 }
 
-// The first place of the objects that is not before `from`. False at the end.
+// Finds the first place at or behind `from`. Returns false if there is none.
 bool find_place(const object_views &objects, const place &from, place &found)
 {
     const auto domain = std::ranges::lower_bound(objects.domains, from.first, {}, &domain_view::bridge_id);
@@ -55,6 +64,7 @@ bool find_place(const object_views &objects, const place &from, place &found)
     return true;
 }
 
+// Moves `at` to the next place. Returns false if there is none.
 bool next_place(const object_views &objects, place &at)
 {
     return at.second != EDM_XCID_DUMMY ? find_place(objects, {at.first, at.second + 1}, at)
@@ -67,7 +77,8 @@ bool is_wanted(const row_filter &filter, const place &at)
     return (filter.bridge_id == 0 || filter.bridge_id == at.first) && (filter.xcid == 0 || filter.xcid == at.second);
 }
 
-// Where a filter begins, and whether it ends before a place.
+// Returns the place at which a read begins: the position's if it has one, otherwise the first one that may pass the
+// filter. If no port has the filter's xcid, that is the last possible place.
 place first_place(const row_filter &filter, const row_position &from, const object_views &objects)
 {
     if (from.holds_row || from.bridge_id != 0) {
@@ -80,6 +91,8 @@ place first_place(const row_filter &filter, const row_position &from, const obje
     return {filter.bridge_id, filter.xcid};
 }
 
+// True if neither `at` nor any place behind it passes the filter. For a filter by xcid this holds for each place but
+// its own, because the read begins there.
 bool ends_before(const row_filter &filter, const place &at)
 {
     return (filter.bridge_id != 0 && at.first > filter.bridge_id) || (filter.xcid != 0 && at.second != filter.xcid);
@@ -87,6 +100,7 @@ bool ends_before(const row_filter &filter, const place &at)
 
 // ---- The table ----
 
+// Under the table lock. Null if the table has no such port.
 l2fm_edm_bp_t *port_at(const place &at)
 {
     if (at.second != EDM_XCID_DUMMY) {
@@ -95,8 +109,9 @@ l2fm_edm_bp_t *port_at(const place &at)
     return l2fm_edm_table_bd_bp_get(l2fm_edm_table_bd_get_by_bridgeid(at.first), EDM_XCID_DUMMY);
 }
 
-// Reads on at a place until the page is full, the port ends or `looks` are used up. Under the table lock. True: the
-// port has ended.
+// Reads rows of one port until the page is full, the port ends or `looks` entries were visited. It continues behind
+// `page.end` if that is on this port, and moves `page.end` with each entry. Returns true if the port has ended or does
+// not exist. Under the table lock.
 bool read_port(const row_filter &filter, const place &at, row_page &page, uint32_t most, uint32_t &looks)
 {
     row_position &end = page.end;
@@ -123,7 +138,8 @@ bool read_port(const row_filter &filter, const place &at, row_page &page, uint32
     return mac == nullptr;
 }
 
-// Several ports, for as long as a hold of the table lock may last. False at the end of all.
+// Reads rows from the port `at` on, in one hold of the table lock, until the page is full or looks_per_hold are used
+// up. Moves `at` with each port that ends. Returns false after the last port that passes the filter.
 bool read_ports(const row_filter &filter, place &at, row_page &page, uint32_t most)
 {
     uint32_t looks = looks_per_hold;
@@ -143,8 +159,9 @@ bool read_ports(const row_filter &filter, place &at, row_page &page, uint32_t mo
     return true;
 }
 
-// ---- What a row has beside the table's ----
+// ---- Names, VNIs and times ----
 
+// Rows of one port are neighbours, so the last domain and port found usually serve the next row.
 void add_names(row_page &page)
 {
     const domain_view *domain = nullptr;
@@ -161,6 +178,7 @@ void add_names(row_page &page)
     }
 }
 
+// Sets the age of rows whose last sight is known, and the time left of those that age.
 void add_times(row_page &page)
 {
     const int64_t now = std::time(nullptr);
@@ -193,8 +211,9 @@ std::vector<fdb_answer> ask_in_batches(feeder &feed, std::span<const fdb_key> ke
     return answers;
 }
 
-// Asks a plane that ages silently about the rows that age. Drops a row that it does not hold any more. Flood lists,
-// under the zero address, do not age and are in no bridge.
+// For a plane that ages silently: asks it about the rows that age, sets their times of last sight, and drops the rows
+// that it no longer holds. Flood lists, under the zero address, are left out: they do not age, and no bridge holds
+// them.
 void refresh_rows(feeder &feed, row_page &page)
 {
     std::vector<fdb_key> keys;
@@ -295,7 +314,8 @@ row_page read_rows(const row_filter &filter, const row_position &from, uint32_t 
 
 namespace {
 
-// The shadow table does not know when the table updated an entry.
+// Adds what only the table knows: the seconds since it updated the entry, and the node id. Rows that the table does not
+// hold stay as they are.
 void add_table_ages(row_page &page)
 {
     const table_hold hold;
@@ -311,7 +331,8 @@ void add_table_ages(row_page &page)
     }
 }
 
-// A zero address stands in no bridge: the flood lists of the devices are in the table alone.
+// Reads the rows of the zero address. They are the flood lists of the VXLAN devices. No bridge holds that address, so
+// the plane cannot be asked by bridge and the rows come from the table alone.
 bool read_flood_lists(feeder &feed, uint16_t bridge_id, row_page &page)
 {
     const table_hold hold;
@@ -365,7 +386,8 @@ row_page find_rows(const mac_address &mac, uint16_t bridge_id)
 
 namespace {
 
-// The keys of those that age and have not been asked for in this call.
+// Returns the keys of the entries that age and are not marked in `was_asked`, which has a bit for each slot of the
+// shadow table. Marks them.
 std::vector<fdb_key> unasked_keys(const std::vector<ordered_entry> &entries, std::vector<bool> &was_asked)
 {
     std::vector<fdb_key> keys;
@@ -381,6 +403,7 @@ std::vector<fdb_key> unasked_keys(const std::vector<ordered_entry> &entries, std
     return keys;
 }
 
+// Runs feeder::select on the cache thread. Empty if nothing runs.
 std::vector<ordered_entry> select(row_order order, const order_position &from, uint32_t most)
 {
     std::vector<ordered_entry> entries;
@@ -388,8 +411,15 @@ std::vector<ordered_entry> select(row_order order, const order_position &from, u
     return entries;
 }
 
-// The shadow table knows since when at least an entry has not been seen: an entry that was seen since belongs farther
-// back. So the first ones are asked for, and the next ones, until the first ones stay the first.
+// Selects by last sight, with times from the plane. The shadow table's times may be too early if the plane ages
+// silently, and an entry that was seen later belongs farther back. So each round asks the plane about the first entries
+// that it has not asked about yet. The first round whose answers change nothing is right. With `most` = 2:
+//
+//      shadow table   A 10:00   B 10:01   C 10:02
+//      round 1        asks about A and B; A was seen at 10:05
+//      round 2        B 10:01   C 10:02   A 10:05; asks about C; nothing changes: B, C
+//
+// Each entry is asked about at most once, so the rounds end.
 std::vector<ordered_entry> select_last_seen(const order_position &from, uint32_t most)
 {
     std::vector<bool> was_asked;
@@ -413,7 +443,7 @@ std::vector<ordered_entry> select_last_seen(const order_position &from, uint32_t
     }
 }
 
-// Those that have left their place meanwhile have no row.
+// Reads the rows of selected entries from the table, in their order. An entry that left its port meanwhile gets no row.
 void read_places(feeder &feed, const std::vector<ordered_entry> &entries, uint64_t began, row_page &page)
 {
     for (size_t first = 0; first < entries.size(); first += looks_per_hold) {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Rows of the MAC table for answers, read page by page.
+// Reads the rows, counts and tunnel end points that answers show. Rows come page by page.
 //
 //     forwarding::row_filter filter;
 //     forwarding::row_position at;
@@ -10,16 +10,26 @@
 //         at = page.end;
 //     } while (page.more);
 //
-// The order is that of numbers that never change while an object lives: bridge id, port (xcid; the bridge domain's own
-// entries come last), address. A page holds the table lock in short pieces and keeps no pointer. It begins behind a
-// position, whether or not what stood there still exists. So no walk ends because entries went, and renaming a bridge
-// moves nothing. An entry that stays on its port is read exactly once; one that moves meanwhile may be read twice or
-// not at all.
+// Order. Rows come by bridge id, then by xcid, then by address. The bridge domain's own entries come last, because
+// their xcid is the largest number:
 //
-// Ages. A plane that ages silently is asked about the rows of the page and nothing else. An entry that it no longer
-// holds is left out.
+//      bridge id   xcid         address
+//      1           7            02:00:00:00:00:01
+//      1           7            02:00:00:00:00:05
+//      1           9            02:00:00:00:00:02
+//      1           0xffffffff   02:00:00:00:00:09    bridge-own entry
+//      2           3            ...
 //
-// Threads: any but the cache thread, without the table lock. While nothing runs, pages are empty.
+// These numbers stay the same while an object lives, so renaming a bridge moves no row. A page begins behind a
+// position, even if the entry at that position is gone. A read therefore continues when entries go. An entry that stays
+// on its port is read exactly once. An entry that moves meanwhile may be read twice or not at all.
+//
+// Ages. If the plane ages silently, read_rows asks it about the rows of the page that age. It leaves out a row that the
+// plane no longer holds.
+//
+// Threads. Call these functions on any thread but the cache thread, without the table lock. They take the lock in short
+// holds, and their results point to nothing in the table. If nothing runs, they return empty pages and no counts;
+// count_all then reads what the table holds.
 #pragma once
 
 #include <array>
@@ -32,83 +42,95 @@
 
 namespace forwarding {
 
-// Behind which entries follow in an order: the number that decides, and the slot in the shadow table. `began` is the
-// number that a new entry would have had when the reading began. What has come, or was seen again, since then has one
-// place, by its slot alone. So each entry that stays is read once or, if it was seen again behind its back, twice, and
-// a reading ends.
+// A position in an order (row_order). The next page holds the entries behind it. Entries are ordered by their value,
+// and by slot if the values are equal.
+//
+// An entry that came, or was seen again, since the read began counts as `began + 1`, whatever its own value is:
+//
+//      began = 100      values now:  20  40  100  130  170
+//                       order:       20  40  100  101  101     the last two by slot
+//
+// Entries that do not age come behind these. So new values cannot prolong a read without end. An entry that stays is
+// read once, or twice if it was seen again after its page.
 struct order_position {
-    uint64_t value = 0;
-    uint32_t slot = 0;
-    bool holds_row = false;
-    uint64_t began = 0; // 0: the reading begins here
+    uint64_t value = 0;     // number of creation, or milliseconds of the steady clock; by row_order
+    uint32_t slot = 0;      // in the shadow table
+    bool holds_row = false; // false: before all entries
+    uint64_t began = 0;     // the latest value (creation number or time) when the read began; 0: the read begins now
 };
 
 struct mac_row {
     uint16_t bridge_id = 0;
-    uint32_t xcid = 0; // EDM_XCID_DUMMY: of the bridge domain itself
+    uint32_t xcid = 0; // EDM_XCID_DUMMY: an entry of the bridge domain itself
     mac_address mac = {};
     uint16_t flags = 0; // EDM_MAC_ bits
     uint16_t ext_flags = 0;
     uint16_t vlan = 0;
     uint32_t node_id = 0;
-    mac_address backbone = {};         // with EDM_MAC_PBB
-    std::array<uint8_t, 4> vtep = {};  // with EDM_MAC_VNI; network byte order
-    uint32_t vni = 0;                  // what the entry's frames are sent with; 0: none
-    uint32_t source_vni = 0;           // of an external VXLAN device
-    int64_t last_seen = 0;             // seconds since the epoch; 0: the plane does not say
-    uint32_t age = 0;                  // seconds since it was last seen, or since the table updated it
-    std::optional<uint32_t> time_left; // seconds until it ages out, when it ages and the bridge's ageing time is known
-    const domain_view *domain = nullptr; // of the page's objects
-    const port_view *port = nullptr;     // null for the bridge domain's own
-    order_position place = {};           // in an order, when it was read in one
+    mac_address backbone = {};           // with EDM_MAC_PBB
+    std::array<uint8_t, 4> vtep = {};    // with EDM_MAC_VNI; network byte order
+    uint32_t vni = 0;                    // VNI with which frames to the address are sent; 0: none
+    uint32_t source_vni = 0;             // external VXLAN devices only
+    int64_t last_seen = 0;               // seconds since the epoch; 0: unknown
+    uint32_t age = 0;                    // seconds since it was last seen; if unknown, since the table updated it
+    std::optional<uint32_t> time_left;   // seconds until it ages out; none if it does not age or the time is unknown
+    const domain_view *domain = nullptr; // points into row_page::objects
+    const port_view *port = nullptr;     // likewise; null for entries of the bridge domain itself
+    order_position place = {};           // set by read_ordered only
 };
 
-// What a row has to be. Empty members let every row pass.
+// Conditions that a row must all meet. A member that is 0 or empty lets every row pass.
 struct row_filter {
     uint16_t bridge_id = 0;
     uint32_t xcid = 0;
-    uint16_t flags = 0; // any of these EDM_MAC_ bits
+    uint16_t flags = 0; // EDM_MAC_ bits, of which the row must have at least one
     std::optional<std::array<uint8_t, 4>> vtep = std::nullopt;
 };
 
 bool passes(const row_filter &filter, const mac_row &row);
 
-// Behind which rows follow; as it is made, before all.
+// A position in the order by bridge id, xcid and address. The next page holds the rows behind it. A default-constructed
+// position lies before all rows.
 struct row_position {
     uint16_t bridge_id = 0;
     uint32_t xcid = 0;
     mac_address mac = {};
-    bool holds_row = false; // the row at this place was read
+    bool holds_row = false; // true: rows up to `mac` were read; false: none of this port were, and `mac` is unused
 };
 
 struct row_page {
-    std::shared_ptr<const object_views> objects = nullptr; // what the rows point into
+    std::shared_ptr<const object_views> objects = nullptr; // the rows point into it
     std::vector<mac_row> rows = {};
     row_position end = {};
-    bool more = false; // rows may follow
+    bool more = false; // true: rows may follow behind `end`
 };
 
-// At most `most` rows, which is at least 1. A page may have none although more follow.
+// Reads up to `most` rows behind `from`; `most` is at least 1. A page may be empty although `more` is true, because the
+// plane may no longer hold any of its rows.
 row_page read_rows(const row_filter &filter, const row_position &from, uint32_t most);
 
-// All rows of one address, in all bridge domains or in one: those that the plane holds, whether or not the table has
-// room for them. The shadow table says where to look and the plane is asked for each. When the shadow table knows none,
-// or is degraded, the plane is asked in every bridge domain. `bridge_id` 0: all.
+// Finds all rows of one address in one bridge domain, or in all if `bridge_id` is 0. The plane decides which entries
+// exist, so the page also has entries for which the table has no room.
+//
+// The plane is asked in each bridge domain in which the shadow table holds the address. If the shadow table holds it
+// nowhere, or is degraded, the plane is asked in every bridge domain. The rows of the zero address (flood lists) come
+// from the table alone.
 row_page find_rows(const mac_address &mac, uint16_t bridge_id);
 
 // ---- In another order ----
 
 enum class row_order : uint8_t {
-    created,   // in the table: the order in which the table's own list has them
-    last_seen, // who ages out next comes first; entries that do not age come last
+    created,   // by creation in the table, the oldest first: the order of the table's own list
+    last_seen, // by the time when an entry was last seen, the earliest first; entries that do not age come last
 };
 
 struct ordered_page {
-    row_page page = {}; // its `end` is not used
+    row_page page = {}; // `page.end` is unused
     order_position end = {};
 };
 
-// The next `most` rows. Memory is bounded by `most`; each page looks at all entries of the shadow table.
+// Reads up to `most` rows behind `from`. `end` of the result is where the next page begins. Each page looks at all
+// entries of the shadow table.
 ordered_page read_ordered(row_order order, const order_position &from, uint32_t most);
 
 // ---- Counts ----
@@ -118,9 +140,11 @@ struct entry_counts {
     uint32_t learned = 0;
     uint32_t fixed = 0;
     uint32_t local = 0;
-    uint32_t bridge_own = 0; // of the whole table only
+    uint32_t bridge_own = 0; // count_all only; otherwise 0
 };
 
+// Counts the entries of the whole table, of a bridge domain or of a port. The last two return no value if there is no
+// such object.
 entry_counts count_all();
 std::optional<entry_counts> count_domain(uint16_t bridge_id);
 std::optional<entry_counts> count_port(uint32_t xcid);
@@ -134,7 +158,8 @@ struct vtep_view {
     uint32_t vni = 0;
 };
 
-// Behind `after`, at most `most`: by xcid, address and VNI, once for each VNI that an entry sends with.
+// Reads up to `most` tunnel end points behind `after`, by xcid, address and VNI. An address appears once for each VNI
+// with which an entry sends to it.
 std::vector<vtep_view> read_vteps(const vtep_view &after, uint32_t most);
 
 } // namespace forwarding

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// How an entry of the table or a descriptor of the feed becomes a row.
+// Makes the row that an answer shows from a descriptor of the feed or from an entry of the table. For the readers in
+// this directory (reading.cpp, feeder_answers.cpp).
+//
+// The row has no names (`domain` and `port` are null), no VNIs and no time left. The caller adds them.
 #pragma once
 
 #include "forwarding/feeder/reading.h"
@@ -8,8 +11,9 @@
 
 namespace forwarding {
 
-// Without names and VNIs. Of an entry in the table: under the table lock.
+// Any thread.
 mac_row row_of(const l2fib_mac_edm_entry_t &descriptor);
+// Under the table lock, because the entry belongs to the table. The row is a copy and outlives the lock.
 mac_row row_of(const l2fm_edm_mac_t &entry);
 
 } // namespace forwarding

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Holds the table lock while it lives. Nothing may be waited for meanwhile.
+// Takes the table lock in its constructor and releases it in its destructor. Any thread may use it. The lock is
+// recursive. A thread that holds it must not wait for the cache thread or for a resync, because both need the lock.
 #pragma once
 
 #include "l2fib_mac_edm.h"
