@@ -17,8 +17,8 @@
 // of the resync wait time, so that the feeder answers before the requester gives up.
 //
 // Resyncs. A resync costs only what changed: the plane reports its pending changes, and the feeder settles the queue.
-// If the number of entries in the cache is then not the expected one, the feeder marks the scope, feeds it again and
-// sweeps it.
+// Then it compares the number of entries in the cache with its own count. If they differ, it marks the scope, feeds it
+// again and sweeps it.
 //
 // Doubt. The feeder asks the plane by address before it decides about these entries:
 //  - an entry that a clean full dump did not report;
@@ -86,7 +86,7 @@ struct feeder_settings {
     reporter report = nullptr;           // takes messages for operators; null: none
 };
 
-// An entry at its place in an order, with all that a caller needs to read its row and to query the plane for it.
+// An entry at its place in an order. It has all that a caller needs to read the row and to query the plane.
 struct ordered_entry {
     uint64_t value; // decides the order; equal values are ordered by slot
     uint32_t slot;

@@ -104,8 +104,8 @@ void feeder::bring_up_to_date(const resync_scope &scope)
     }
 }
 
-// Returns whether the cache holds as many entries as the feeder has counted. Only the feeder feeds the cache, so the
-// numbers differ only if a step failed because memory ran out, or if somebody else changed the cache.
+// Returns whether the cache holds as many entries as the feeder has counted. The numbers differ if a step failed
+// because memory ran out, or if another caller changed the cache.
 bool feeder::cache_is_in_step() const
 {
     const table_hold hold;
