@@ -1,6 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The feeder's start, its queue of changes, and how an entry gets into the cache and out of it.
+// The feeder's start, its queue of changes, and the way of an entry into the cache and out of it:
+//
+//      entry_touched --> dirty_ --(20 ms later)--> flush --> settle_slice --> settle --> feed or withdraw
+//
+// Threads: the cache thread. Sections and functions say when they need the table lock; the others run without it.
 #include "forwarding/feeder/feeder.h"
 
 #include <algorithm>
@@ -19,19 +23,22 @@
 namespace forwarding {
 namespace {
 
-// How long a change waits for others of its kind.
+// How long a change waits, so that one flush settles it together with the changes that follow.
 constexpr uint64_t batch_time_ns = 20'000'000;
-// How far the system's clock may be from where it was when times were last reported. Two readings are never at the same
-// moment, and the time of an entry that nobody has touched should not waver by a second.
+// How far the offset between the system's clock and the steady clock may drift before the feeder adopts the new value.
+// The two clocks are read one after the other, so each reading gives a slightly different offset. Without a tolerance
+// the displayed time of an untouched entry would jump back and forth by a second.
 constexpr int64_t clock_tolerance_ms = 500;
-// Entries that are settled before the thread looks at other events, and during one hold of the table lock.
+// Entries that the thread settles before it looks at other events, and entries that it settles during one hold of the
+// table lock.
 constexpr size_t slice_size = 2048;
 constexpr size_t hold_size = 64;
 static_assert(slice_size % query_batch == 0);
-// Two processors report two changes of one entry at most so far apart in the wrong order.
+// Two processors may report two changes of one entry in the wrong order. If the reports are further apart than this,
+// their order is right.
 constexpr uint32_t contest_time_ms = 50;
 
-// ---- The cache, under the table lock ----
+// ---- The cache; call with the table lock held ----
 
 l2fm_edm_bp_t *cached_port(uint32_t bridge_id, uint32_t xcid)
 {
@@ -60,8 +67,9 @@ l2fm_edm_bp_t *port_for(const l2fib_mac_edm_entry_t &entry)
     return l2fm_edm_table_bp_create(bd, entry.xcid);
 }
 
-// The feed takes an address that is new on its port for one that has moved there. That is wrong of flood lists: each
-// tunnel of a bridge domain may have one, under the same zero address. This files one beside the others.
+// Files a VXLAN device's own entry. The module treats an address that is new on its port as one that moved there. For
+// flood lists that is wrong: each tunnel of a bridge domain may have one, under the same zero address. So an entry that
+// is new on its port is created directly, and entries on other ports stay.
 uint32_t file_beside(const l2fib_mac_edm_entry_t &entry)
 {
     l2fm_edm_bp_t *bp = port_for(entry);
@@ -74,7 +82,8 @@ uint32_t file_beside(const l2fib_mac_edm_entry_t &entry)
     return l2fib_mac_edm_add(&entry);
 }
 
-// An entry of a port stands in the way of a bridge domain's own for the same address.
+// Files a bridge-own entry. The module refuses it with EDM_ERR_STOPPED while a port holds the same address. In that
+// case this function destroys the port's entry and tries again.
 uint32_t file_own(const l2fib_mac_edm_entry_t &entry)
 {
     const uint32_t status = l2fib_mac_edm_add(&entry);
@@ -94,7 +103,8 @@ uint32_t vtep_of(const l2fib_mac_edm_entry_t &descriptor)
     return ntohl(address);
 }
 
-// The flags that choose the variant of a record. The table replaces an entry whose variant changes.
+// Returns a number for the variant of a record: bit 0 for PBB, bit 1 for VNI. A variant never changes in place: the
+// table replaces the entry.
 uint8_t variant_of(const l2fib_mac_edm_entry_t &descriptor)
 {
     const bool pbb = (descriptor.flags & EDM_MAC_PBB) != 0;
@@ -137,9 +147,10 @@ std::string feeder::start(event_manager_t *evm)
     return {};
 }
 
-// ---- Removals on their way ----
+// ---- Removals in flight ----
 
-// Posts behind a publication: both travel by the same queue.
+// Call it right after the publication of a removal, with its status. The notification and the event that this function
+// posts travel through the same queue. So removal_arrived runs after the cache has handled the removal.
 void feeder::expect_removal(uint32_t publication_status)
 {
     if (publication_status != 0) {
@@ -191,8 +202,9 @@ void feeder::entry_affected(uint32_t at)
     }
 }
 
-// A report that changes nothing may belong before a removal that comes next, or behind it. The ages of a plane that
-// ages silently are asked for where they are shown.
+// Records the time even though nothing changed. If a removal is reported within contest_time_ms, the two reports may be
+// in the wrong order, and entry_touched marks the entry as contested. Ages are fed only if the plane reports them all;
+// the others are asked for when an answer shows them.
 void feeder::entry_confirmed(uint32_t at, bool has_aged)
 {
     shadow_.entries[at].touched_ms = coarse_ms();
@@ -209,7 +221,7 @@ void feeder::flush_later()
     }
 }
 
-// Continues a round's work after other events have had their turn.
+// Schedules the next flush behind the events that are already queued, so that they have their turn.
 void feeder::flush_again()
 {
     flush_expected_ = flush_expected_ || host::event_post(evm_, call<&feeder::flush>, nullptr, this) == 0;
@@ -228,7 +240,7 @@ void feeder::flush()
     if (settled_ < dirty_.size()) {
         flush_again();
     } else {
-        settle_everything(); // ends the queue
+        settle_everything(); // the queue is settled: refill, serve ids, publish counters
     }
 }
 
@@ -255,10 +267,11 @@ void feeder::settle_queue()
         dirty_.clear();
         settled_ = 0;
         refill();
-    } while (!dirty_.empty()); // a flood list that has found room brings its other destinations
+    } while (!dirty_.empty()); // refill queues the other destinations of a flood list that found room
 }
 
-// Returns how many entries it has settled.
+// Asks the plane about questionable entries of the next query_batch, then settles them all. Returns how many it
+// settled.
 size_t feeder::settle_slice()
 {
     const size_t first = settled_;
@@ -267,14 +280,15 @@ size_t feeder::settle_slice()
     while (settled_ < end) {
         const table_hold hold;
         for (size_t held = 0; held < hold_size && settled_ < end; held++) {
-            settle(dirty_[settled_]); // throws without memory: then it stays in the queue
+            settle(dirty_[settled_]); // throws if memory runs out; the entry then stays in the queue
             settled_++;
         }
     }
     return end - first;
 }
 
-// Under the table lock.
+// Brings the cache to what the shadow table holds for one entry. Call it with the table lock held. It releases the slot
+// of an entry that has gone.
 void feeder::settle(uint32_t at)
 {
     shadow_entry &entry = shadow_.entries[at];
@@ -294,7 +308,7 @@ void feeder::settle(uint32_t at)
     }
 }
 
-// ---- Into the cache and out of it, under the table lock ----
+// ---- Into the cache and out of it; call with the table lock held ----
 
 void feeder::feed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
 {
@@ -306,7 +320,7 @@ void feeder::feed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
     }
     std::optional<newest_entry> newest = newest_of_full_cache();
     if (newest && cached_entry(descriptor.bridge_id, xcid, entry.record.mac.data()) != nullptr) {
-        newest.reset(); // an entry that takes the place of another, or its own, needs no room
+        newest.reset(); // the place is taken already, so the entry needs no room and evicts nothing
     }
     feeds_++;
     const uint32_t status = file(entry, descriptor, on_dummy);
@@ -348,7 +362,8 @@ void feeder::note_fed(uint32_t at, const l2fib_mac_edm_entry_t &descriptor, uint
     }
 }
 
-// Another entry of the shadow table that stands at the same place in the cache, as the destinations of a flood list do.
+// Returns another entry of the shadow table that has the same place in the cache, or no_slot. The destinations of a
+// flood list share a place.
 uint32_t feeder::sharing_entry(uint32_t at) const
 {
     const shadow_entry &entry = shadow_.entries[at];
@@ -377,15 +392,16 @@ void feeder::withdraw(uint32_t at)
     if (sharing == no_slot) {
         l2fm_edm_table_mac_destroy(cached_entry(entry.fed_bridge, entry.fed_xcid, entry.record.mac.data()));
     } else {
-        entry_affected(sharing); // the place may still show the destination of this one
+        entry_affected(sharing); // the place may show this entry's destination; feeding the other one replaces it
     }
     leave_vtep(entry);
     entry.fed_xcid = 0;
 }
 
-// ---- Tunnel end points ----
+// ---- Tunnel end points; call with the table lock held, except for vnis_of ----
 
-// The table keeps a tunnel end point until a sweep. The feeder counts who uses it, and removes it with the last one.
+// Records the tunnel end point that a fed entry uses, and leaves the one that it used before. By itself the table keeps
+// a tunnel end point until a sweep. So the feeder counts the entries that use one, and destroys it with the last.
 void feeder::use_vtep(uint32_t at, const l2fib_mac_edm_entry_t &descriptor)
 {
     shadow_entry &entry = shadow_.entries[at];
@@ -423,8 +439,9 @@ feeder::own_vni feeder::vnis_of(uint32_t at) const
     return {sent_with != 0 ? sent_with : shadow_.ports[shadow_.entries[at].port].key.vni, source_vni};
 }
 
-// The table's row shows the destination that was fed last. Destinations of one flood list may share the tunnel's end
-// and differ in the VNI, so each feed says which one the row has.
+// Sets the VNIs that a row shows instead of its port's, or clears them. The row shows the destination that was fed
+// last. Destinations of one flood list may share a tunnel end point and differ in the VNI, so each feed sets the VNIs
+// again.
 void feeder::show_own_vni(const row_place &row, const std::optional<own_vni> &vnis)
 {
     const std::lock_guard hold(views_mutex_);
@@ -442,7 +459,8 @@ void feeder::leave_vtep(shadow_entry &entry)
     entry.fed_vtep = entry.fed_vni = 0;
 }
 
-// Takes back what an entry has used; `keeps_row`: but for the VNI of its row, which is another's now.
+// Ends an entry's use of its tunnel end point and destroys the end point if it was the last use. If `keeps_row`, the
+// VNIs of the row stay, because a newer feed has just set them.
 void feeder::leave_vtep_of(const shadow_entry &entry, bool keeps_row)
 {
     if (!entry.fed_tunnel) {

@@ -1,36 +1,52 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Between the shadow table and the module: keeps the cache at what the shadow table holds, and answers questions about
-// both.
+// Keeps the cache equal to the shadow table, and answers questions about both.
 //
 //      plane --> shadow_table --> feeder --> l2fib_mac_edm_add, l2fm_edm_table_mac_destroy
 //        ^                      |  |  \--> objects and removal notifications (host/)
-//        |     questions        |  |
+//        |      queries         |  |
 //        +----------------------+  +-----> views for other threads
 //
-// Changes. An entry that changes enters a queue once, however often it changes, and is settled with all others a moment
-// later: fed, or withdrawn from the cache. The feed has no removal, so an entry that has gone is looked up and
-// destroyed under the table lock. Ports and bridge domains go by notification, which travels through the cache thread's
-// queue. Until it has arrived nothing is fed and no resync is served, so that it cannot destroy what was fed after it.
+// Changes. A changed entry enters a queue once, however often it changes. 20 ms later the feeder settles the whole
+// queue: it feeds each entry or withdraws it. The module's feed cannot remove, so the feeder looks up an entry that has
+// gone and destroys it under the table lock.
 //
-// Resyncs cost what changed. The plane delivers its pending changes, the queue is settled, and the cache is in step. A
-// scope is marked, fed again and swept only when the number of entries in the cache says that it is not.
+// Removals. Bridge domains and ports end by a notification, which travels through the cache thread's queue. Until the
+// notification has arrived, the feeder feeds nothing and serves no resync. Otherwise the late notification would
+// destroy what was fed after it. A resync also waits for the end of the first full dump. It waits no longer than half
+// of the resync wait time, so that the feeder answers before the requester gives up.
 //
-// Doubt. These entries are asked for by address before anything is concluded:
-//  - one that a clean full listing did not report;
-//  - one that is reported gone while the plane is degraded, since its return may be among what was lost;
-//  - one that comes and goes within a moment, since two processors may have reported in the wrong order;
-//  - one that delivers to a next hop that was deleted;
-//  - a sample each second (the proof). When the plane disagrees twice, a full listing begins.
-// Only the answer "no such entry" removes an entry. What the plane cannot tell stays, and answers are marked.
+// Resyncs. A resync costs only what changed: the plane reports its pending changes, and the feeder settles the queue.
+// Then it compares the number of entries in the cache with its own count. If they differ, it marks the scope, feeds it
+// again and sweeps it.
 //
-// Limit. A full cache gives up its newest entry for each new one. The feeder sees which one that is, counts it, and
-// feeds it again once there is room.
+// Doubt. The feeder asks the plane by address before it decides about these entries:
+//  - an entry that a clean full dump did not report;
+//  - an entry that is reported gone while answers are degraded, because the report of its return may be lost;
+//  - a contested entry, because two processors may have reported its changes in the wrong order;
+//  - an entry that delivers to a next hop that was deleted;
+//  - a sample of entries each second. If the plane disagrees twice about one, a full dump begins.
+// If the plane answers that it holds no such entry, the entry is removed. If it cannot answer for an entry of a flood
+// list, the next clean full dump decides. Other entries stay, and answers are marked degraded. Two cases differ:
+//  - For a contested entry, the latest report holds if answers are not degraded.
+//  - In the sample, a missing answer counts as agreement.
 //
-// Ids. A bridge domain or port that finds no id free waits for one, and its entries with it (feeder_ids.cpp).
+// Limit. A full cache evicts its newest entry for each new one. The feeder finds out which entry that was, counts it,
+// and feeds it again once there is room.
 //
-// Threads: the cache thread, but for what is marked "any thread". views_mutex_ may be taken with the table lock held,
-// and nothing is called with it.
+// Ids. If no id is free, a new bridge domain or port waits for one, and its entries wait with it (feeder_ids.cpp).
+//
+// Example, on the cache thread:
+//
+//      feeder feed(plane, settings);
+//      if (const std::string error = feed.start(evm); !error.empty()) {
+//          print(error);
+//      }
+//      feed.resync({EDM_RESYNC_BD, 7});      // completes by l2fib_mac_edm_resync_complete
+//
+// Threads. Only the cache thread calls the feeder, without the table lock, except for the functions under "Any thread".
+//
+// Locking. views_mutex_ may be taken while the table lock is held. Never take another lock while holding views_mutex_.
 #pragma once
 
 #include <atomic>
@@ -54,29 +70,29 @@
 
 namespace forwarding {
 
-// What a resync is for: EDM_RESYNC_ALL, _BD with a bridge id, _BP with an xcid.
+// What a resync covers: EDM_RESYNC_ALL, EDM_RESYNC_BD with a bridge id, or EDM_RESYNC_BP with an xcid.
 struct resync_scope {
     uint32_t type = 0;
     uint32_t arg = 0;
 };
 
 struct feeder_settings {
-    std::string group;
-    uint16_t wait_seconds = 0;
-    uint32_t mac_limit = 0;
-    uint32_t proof_rate = 0;
-    uint16_t domain_limit = max_domains;
-    uint32_t port_limit = max_ports;
-    reporter report = nullptr;
+    std::string group;                   // first part of the full names
+    uint16_t wait_seconds = 0;           // resync wait time
+    uint32_t mac_limit = 0;              // MAC entries that the cache may hold
+    uint32_t proof_rate = 0;             // entries compared with the plane each second
+    uint16_t domain_limit = max_domains; // ids for bridge domains
+    uint32_t port_limit = max_ports;     // ids for ports
+    reporter report = nullptr;           // takes messages for operators; null: none
 };
 
-// A place in an order of all entries, with what is needed to read its row and to ask the plane about it.
+// An entry at its place in an order. It has all that a caller needs to read the row and to query the plane.
 struct ordered_entry {
-    uint64_t value;
+    uint64_t value; // decides the order; equal values are ordered by slot
     uint32_t slot;
     uint32_t xcid;
     uint16_t bridge_id;
-    bool ages;
+    bool ages; // whether it disappears by itself when it is not seen for the ageing time
     int64_t updated_ms;
     fdb_key key;
 };
@@ -85,68 +101,81 @@ class feeder : private shadow_listener {
 public:
     feeder(plane &source, feeder_settings settings);
 
-    // On the cache thread, once. A text tells why the plane does not work.
+    // Starts the plane. Call it once. Returns an empty string, or an error message if the plane did not start.
     std::string start(event_manager_t *evm);
 
-    // Each is completed once, in the call or later.
+    // Brings a scope up to date. Calls l2fib_mac_edm_resync_complete exactly once, during the call or later.
     void resync(const resync_scope &scope);
 
-    // Brings everything up to date, without completing anything.
+    // Brings everything up to date, as a resync does, but completes no resync. While a removal is in flight, it only
+    // takes the plane's pending changes.
     void refresh_everything();
 
-    // Has a degraded plane list again soon.
+    // Requests a full dump if answers are degraded.
     void hasten_proof();
 
     // ---- Questions, on the cache thread ----
 
+    // Returns up to `limit` own entries of VXLAN devices. `cursor` is 0 at first; the call moves it behind the last
+    // slot that it looked at. Fewer than `limit` entries mean the end.
     std::vector<tunnel_entry> tunnel_entries(uint32_t &cursor, size_t limit);
+    // Returns the counters of a port, or nothing if there is no such port.
     std::optional<edm_mac_counters_t> count_of_port(uint32_t xcid);
 
-    // Where an address may be: where the shadow table holds it, or everywhere.
+    // Returns the keys under which the plane may hold an address, in one bridge domain or in all (`bridge_id` 0). If
+    // the shadow table holds the address and is not degraded, these are its keys only. Otherwise there is one key for
+    // each bridge domain.
     std::vector<fdb_key> places_of(const mac_address &mac, uint16_t bridge_id);
-    // Takes the plane's answers for these places, and adds a row for each entry that is there.
+    // Brings the shadow table up to date with the plane's answers for these keys. Adds a row for each entry that
+    // exists.
     void confirm_places(std::span<const fdb_key> keys, std::span<const fdb_answer> answers, std::vector<mac_row> &rows);
 
-    // The number of an order that a new entry would get.
+    // Returns the value that a new entry would have in an order.
     uint64_t order_now(row_order order) const;
-    // The first `most` entries behind `from`, whose `began` is set.
+    // Returns the first `most` entries that come after `from`. The caller has set `from.began`.
     std::vector<ordered_entry> select(row_order order, const order_position &from, uint32_t most);
-    // Takes the plane's answers to questions of another thread. The result counts those whose place in the order has
-    // changed.
+    // Brings the shadow table up to date with the plane's answers to another thread's query. Returns how many keys had
+    // an answer that changed the entry's age or contradicted the shadow table.
     size_t take_ages(std::span<const fdb_key> keys, std::span<const fdb_answer> answers);
 
     // ---- Any thread ----
 
-    // Nonzero when there is no such bridge domain.
+    // Counts the entries of a bridge domain. Returns 0, or ENOENT if there is no such bridge domain.
     uint32_t count(uint16_t bridge_id, edm_mac_counters_t &counters) const;
-    // Asks the plane for an address of a bridge domain. False when it holds none, or cannot tell.
+    // Asks the plane for an address of a bridge domain. Returns false if the plane holds no such entry or cannot
+    // answer.
     bool ask(uint32_t bridge_id, const mac_address &mac, fdb_record &record);
-    // Asks the plane.
+    // As plane::query.
     void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) { plane_.query(keys, answers); }
     bool ages_silently() const { return plane_.ages_silently(); }
-    // The steady clock's milliseconds as seconds since the epoch.
+    // Converts a time of the steady clock in ms to seconds since the epoch.
     int64_t epoch_seconds(int64_t steady_ms) const { return (steady_ms + epoch_offset_ms_) / 1000; }
 
+    // What answers are worth now, and why they are not whole; the reason is empty if they are.
     completeness state() const;
     std::string reason() const;
+    // How many times answers have become degraded, or limited.
     uint64_t degradations() const { return degradations_; }
     uint64_t limitations() const { return limitations_; }
     health_view health() const;
+    // Returns all bridge domains and ports as they are now. The views never change; a later change makes new ones.
     std::shared_ptr<const object_views> objects() const;
+    // Returns up to `most` tunnel end points that come after `after`.
     std::vector<vtep_view> vteps(const vtep_view &after, uint32_t most) const;
-    // Adds the entries' own VNIs to rows of VXLAN ports.
+    // Sets the VNIs of rows of VXLAN ports: the entry's own, or its port's. Rows that have a VNI keep it.
     void add_vnis(std::vector<mac_row> &rows) const;
 
 private:
-    // Why something could not be done.
+    // Kinds of failures, counted for the health report.
     enum class refusal : uint8_t { feed, bridge_id, xcid, name, object, notification, count };
     static const char *text_of(refusal reason);
 
+    // Entries of a bridge domain in the cache, by kind; an entry counts in one of them.
     struct bridge_counters {
-        std::atomic<uint32_t> plain, fixed, local, both;
+        std::atomic<uint32_t> plain, fixed, local, both; // fixed: static; both: static and local
     };
 
-    // A tunnel's end as an entry uses it.
+    // A tunnel end point with the VNI with which an entry sends to it.
     struct vtep_use {
         uint32_t xcid;
         uint32_t address; // host byte order
@@ -155,14 +184,14 @@ private:
     };
 
     struct vtep_users {
-        uint32_t count = 0; // of entries
+        uint32_t count = 0; // entries that use it
         uint16_t bridge_id = 0;
     };
 
-    // A row whose VNI is not its port's.
+    // Place of a row that shows VNIs of its own instead of its port's.
     struct row_place {
         uint32_t xcid;
-        uint32_t vtep;
+        uint32_t vtep; // host byte order; 0: none
         mac_address mac;
         auto operator<=>(const row_place &) const = default;
     };
@@ -171,14 +200,15 @@ private:
         uint32_t source_vni;
     };
 
-    // The entry that a full cache gives up next.
+    // The entry that a full cache evicts next.
     struct newest_entry {
         uint32_t xcid;
         uint16_t bridge_id;
         mac_address mac;
-        uint32_t total; // entries of the cache
+        uint32_t total; // entries in the cache
     };
 
+    // Entries that a port has lost, over its lifetime.
     struct losses {
         uint64_t evicted = 0;
         uint64_t refused = 0;
@@ -186,22 +216,22 @@ private:
 
     // Why answers are limited.
     struct limit_causes {
-        bool room = false;
-        bool ids = false;
+        bool room = false; // the cache lacks entries that the shadow table holds
+        bool ids = false;  // objects or entries wait for an id
         bool operator==(const limit_causes &) const = default;
     };
 
-    // For the event library's callbacks.
+    // Makes a member function a callback of the event library; `cookie` is the feeder.
     template <auto Member>
     static void call(void *cookie)
     {
         (static_cast<feeder *>(cookie)->*Member)();
     }
 
-    // The steady clock, cut to 32 bits, a few milliseconds late.
+    // Returns the steady clock in ms, cut to 32 bits. It lags a few ms behind, and is cheap enough for every report.
     static uint32_t coarse_ms();
 
-    // What the shadow table reports.
+    // Reports of the shadow table (shadow_table.h).
     void entry_touched(uint32_t at) override;
     void entry_affected(uint32_t at) override;
     void entry_confirmed(uint32_t at, bool has_aged) override;
@@ -329,65 +359,66 @@ private:
     plane &plane_;
     const feeder_settings settings_;
     event_manager_t *evm_ = nullptr;
-    std::atomic<int64_t> epoch_offset_ms_{0}; // milliseconds since the epoch, less those of the steady clock
+    std::atomic<int64_t> epoch_offset_ms_{0}; // time since the epoch minus the steady clock
 
     id_line bridge_ids_{settings_.domain_limit};
     id_line xcids_{settings_.port_limit};
-    std::deque<uint32_t> served_ports_; // their entries wait to be fed since they got an id
-    bool must_follow_ids_ = false;      // an object has begun or ceased to wait, or an id has come back
-    bool rest_expected_ = false;
+    std::deque<uint32_t> served_ports_; // ports that got an id and whose entries are not all queued yet
+    bool must_follow_ids_ = false;      // the next flush runs follow_ids: the line changed, or an id came back
+    bool rest_expected_ = false;        // a timer will run end_rest
     std::unordered_map<uint16_t, uint32_t> domains_by_id_;
     std::unordered_map<uint32_t, uint32_t> ports_by_xcid_;
 
-    std::vector<uint32_t> dirty_; // in the order in which they were touched
-    size_t settled_ = 0;          // of dirty_
-    bool flush_expected_ = false;
-    uint32_t removals_in_flight_ = 0;
-    bool waiting_timer_ = false;
-    std::vector<resync_scope> waiting_;
-    uint64_t last_created_ = 0;
+    std::vector<uint32_t> dirty_;       // queue of changes, in the order in which entries were touched
+    size_t settled_ = 0;                // number of entries at the front of dirty_ that are settled
+    bool flush_expected_ = false;       // a timer or an event will run flush
+    uint32_t removals_in_flight_ = 0;   // published, and not handled by the cache thread yet
+    bool waiting_timer_ = false;        // a timer will serve waiting_ in any case
+    std::vector<resync_scope> waiting_; // resyncs that are not served yet
+    uint64_t last_created_ = 0;         // latest shadow_entry::created
 
-    std::deque<uint32_t> unfed_; // entries that are missing, the first that the cache lost in front
+    std::deque<uint32_t> unfed_; // missing entries, in the order in which the cache lost them; others may be among them
 
-    std::deque<uint32_t> doubtful_;
-    std::set<uint32_t> gone_next_hops_;
-    std::vector<uint32_t> listed_only_; // since the generation began
-    bool doubt_expected_ = false;
-    bool was_clean_ = false;        // when the generation began
-    bool is_proving_ = false;       // a clean listing has ended, and what it did not report is asked for
-    uint32_t proof_generation_ = 0; // of that listing
-    uint64_t stale_in_proof_ = 0;   // found by this listing
-    uint64_t missing_in_proof_ = 0; // likewise
-    uint32_t sample_cursor_ = 0;
-    std::vector<uint32_t> sampled_;
-    std::vector<uint32_t> disagreeing_; // in the last sample
-    uint32_t disagreed_ms_ = 0;         // when the plane was asked for it, as touched_ms
-    completeness reported_state_ = completeness::degraded;
-    limit_causes reported_causes_;
-    uint64_t lost_since_whole_ = 0;
-    bool has_reported_loss_ = false; // since answers were whole
+    std::deque<uint32_t> doubtful_;     // entries to ask the plane about
+    std::set<uint32_t> gone_next_hops_; // deleted next hops whose entries are not in doubtful_ yet
+    std::vector<uint32_t> listed_only_; // entries that the latest full dump found and the shadow table did not hold so
+    bool doubt_expected_ = false;       // a timer or an event will run resolve_doubts
+    bool was_clean_ = false;            // answers were not degraded when the latest full dump began
+    bool is_proving_ = false;           // a full dump ended clean; the feeder asks about what it did not report
+    uint32_t proof_generation_ = 0;     // generation of that full dump
+    uint64_t stale_in_proof_ = 0;       // stale entries that the latest full dump revealed
+    uint64_t missing_in_proof_ = 0;     // entries that it found and no change had reported
+    uint32_t sample_cursor_ = 0;        // slot of the latest entry that the sample looked at
+    std::vector<uint32_t> sampled_;     // entries of the running comparison
+    std::vector<uint32_t> disagreeing_; // entries of the latest sample about which the plane disagreed
+    uint32_t disagreed_ms_ = 0;         // when the plane was asked for that sample, by coarse_ms
+    completeness reported_state_ = completeness::degraded; // as logged last
+    limit_causes reported_causes_;                         // as logged last
+    uint64_t lost_since_whole_ = 0;                        // changes lost since answers were last not degraded
+    bool has_reported_loss_ = false;                       // a loss was logged since then
 
-    // Any thread.
+    // Any thread reads these.
     std::vector<bridge_counters> bridge_counters_; // by bridge id
     std::atomic<uint64_t> standings_[static_cast<size_t>(standing::count)] = {};
     std::atomic<uint64_t> foreign_[static_cast<size_t>(destination_kind::backbone) + 1] = {};
     std::atomic<uint64_t> refusals_[static_cast<size_t>(refusal::count)] = {};
     std::atomic<uint64_t> links_{0}, entries_{0}, merged_{0}, unchanged_{0};
     std::atomic<uint64_t> resyncs_{0}, resyncs_degraded_{0}, asked_{0}, kept_{0}, feeds_{0}, full_feeds_{0};
-    std::atomic<uint64_t> counted_{0}; // entries of the cache, as the feeder fed them
+    std::atomic<uint64_t> counted_{0}; // entries that the cache should hold by the feeder's own count
     std::atomic<uint64_t> missing_{0}, evictions_{0}, entries_refused_{0};
     std::atomic<uint64_t> proof_asked_{0}, proof_disagreed_{0}, listed_stale_{0}, listed_missing_{0};
     std::atomic<int64_t> proven_time_{0};
-    std::atomic<bool> listed_{false};     // a generation has ended
-    std::atomic<bool> is_unproven_{true}; // the plane may be clean, and what it has left open is not decided yet
+    std::atomic<bool> listed_{false}; // the first full dump has ended
+    // Nothing has proven the shadow table since the latest doubt. The plane may be clean nevertheless.
+    std::atomic<bool> is_unproven_{true};
     std::atomic<uint64_t> degradations_{0}, limitations_{0};
-    // An object waits for an id, or some of its entries have waited and are not in the cache yet.
+    // An object waits for an id, or has got one and its entries are not all in the cache yet.
     std::atomic<bool> is_short_of_ids_{false};
 
-    mutable std::mutex views_mutex_; // guards what follows; held for a moment
+    mutable std::mutex views_mutex_; // guards the members below; held for short copies and updates only
     std::map<uint16_t, domain_view> domain_views_;
     std::map<std::pair<uint16_t, uint32_t>, port_view> port_views_; // by bridge id and xcid
-    mutable std::shared_ptr<const object_views> shared_views_;      // null when they have changed
+    mutable std::shared_ptr<const object_views> shared_views_; // null after a change, until objects() builds them again
     std::map<vtep_use, vtep_users> vteps_;
     std::map<row_place, own_vni> own_vnis_;
     std::map<std::pair<uint16_t, uint32_t>, losses> losses_; // by bridge id and xcid

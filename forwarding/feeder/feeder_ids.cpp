@@ -1,12 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Bridge domains and ports get their ids here, or wait for one while all are in use.
+// Gives ids to bridge domains and ports. While all ids are in use, new objects wait in line.
 //
-// An id is handed out again when three things hold: the removal of its last owner has arrived, the queue of changes is
-// empty, and the id has rested (ids.h). So nothing that still belongs to the last owner can touch the next one.
+// The feeder hands out an id again only if three conditions hold:
+//  - the cache thread has handled the removal of the old owner;
+//  - the queue of changes is empty;
+//  - the id has rested (ids.h).
+// So no change of the old owner can reach the new one.
 //
-// A domain may hold a million entries. Each round of the event loop numbers some objects and puts some of their entries
-// into the queue of changes. Answers stay marked until the last entry is in the cache.
+// A bridge domain may hold a million entries, so the work is done in rounds of the event loop. Each round gives ids to
+// some objects and puts some of their entries into the queue of changes. Answers stay marked limited until the cache
+// holds the last of these entries.
+//
+// Threads: the cache thread, without the table lock. The last section is for any thread.
 #include "forwarding/feeder/feeder.h"
 #include "host/event/event_host.h"
 
@@ -14,7 +20,7 @@ namespace forwarding {
 namespace {
 
 constexpr size_t objects_per_round = 512;
-constexpr size_t entries_per_round = 2048; // visited
+constexpr size_t entries_per_round = 2048; // visited, whether or not they are queued
 constexpr uint64_t rest_ns = uint64_t{id_line::rest_ms} * 1'000'000;
 
 std::string amount(uint64_t count, const char *what)
@@ -79,7 +85,9 @@ void feeder::follow_ids_later()
 
 // ---- Ids that come back ----
 
-// While the queue of changes is empty. Fills the queue. The arrival of a removal calls again.
+// Frees ids that have rested and gives ids to objects that wait. It puts the entries of these objects into the queue
+// of changes, which is empty when it is called. While a removal is in flight it does nothing: removal_arrived schedules
+// the next call.
 void feeder::follow_ids()
 {
     if (removals_in_flight_ != 0) {
@@ -94,7 +102,7 @@ void feeder::follow_ids()
     serve_line(bridge_ids_, &feeder::serve_domain);
     serve_line(xcids_, &feeder::serve_port);
     if (bridge_ids_.can_serve() || xcids_.can_serve() || !served_ports_.empty()) {
-        flush_again(); // before the entries are touched, which only asks for a flush after batch_time_ns
+        flush_again(); // first, because entries queued below would schedule a flush after batch_time_ns only
         feed_served();
     } else if ((bridge_ids_.waits_for_rest() || xcids_.waits_for_rest()) && !rest_expected_) {
         uint32_t timer = 0;
@@ -136,7 +144,8 @@ void feeder::serve_port(const served_object &served)
     }
 }
 
-// Entries of a port that lacks one of both ids wait for the other one, too.
+// Schedules the feed of a port's entries if the port and its bridge domain have ids. Otherwise the entries keep
+// waiting.
 void feeder::feed_port_later(uint32_t at)
 {
     shadow_port &port = shadow_.ports[at];
@@ -146,7 +155,8 @@ void feeder::feed_port_later(uint32_t at)
     }
 }
 
-// A port that has ended meanwhile leaves nothing to resume.
+// Puts some entries of served ports into the queue of changes. If a port ended meanwhile, its `resume` is no_slot and
+// the port is skipped.
 void feeder::feed_served()
 {
     for (size_t visited = 0; visited < entries_per_round && !served_ports_.empty(); ++visited) {
@@ -162,7 +172,8 @@ void feeder::feed_served()
     }
 }
 
-// With an empty queue of changes.
+// Ends the shortage when no object waits for an id and no served port waits for its feed. Call it with an empty queue
+// of changes, because queued entries may have waited for an id.
 void feeder::end_id_shortage()
 {
     if (bridge_ids_.waiting() == 0 && xcids_.waiting() == 0 && served_ports_.empty()) {
@@ -170,7 +181,7 @@ void feeder::end_id_shortage()
     }
 }
 
-// ---- What is left out, any thread ----
+// ---- The shortage in reports, any thread ----
 
 bool feeder::lacks_ids() const
 {

@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// What the feeder keeps beside the entries: the forwarding manager's objects, the counters of the bridge domains, and
-// what other threads see.
+// What the feeder maintains beside the entries:
+//  - the counters of bridge domains and ports;
+//  - the forwarding manager's objects: a bridge domain's name, a port's cross-connect;
+//  - the views that other threads read, and the health report.
+//
+// Threads: the cache thread, except for the functions that feeder.h lists under "Any thread".
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -20,7 +24,7 @@ namespace {
 constexpr size_t kept_notes = 20;
 constexpr size_t most_shown_losses = 100;
 
-// shadow_entry::counted_as.
+// Values of shadow_entry::counted_as; 0: not counted.
 constexpr uint8_t counted_plain = 1;
 constexpr uint8_t counted_static = 2;
 constexpr uint8_t counted_local = 3;
@@ -53,7 +57,8 @@ std::atomic<uint32_t> &feeder::bridge_counter(uint16_t bridge_id, uint8_t counte
     }
 }
 
-// The counters that an entry of a kind adds to, those of a port.
+// Adds `by` (1 or minus_one) to all counters that count the entry: those of its bridge domain and its port, and the
+// total of the cache. Unsigned arithmetic wraps, so adding minus_one subtracts 1.
 void feeder::change_counters(const shadow_entry &entry, uint32_t by)
 {
     const bool is_static = entry.counted_as == counted_static || entry.counted_as == counted_static_local;
@@ -71,7 +76,8 @@ void feeder::change_counters(const shadow_entry &entry, uint32_t by)
     counters.mac_cnt_sum = counters.mac_cnt_plain + counters.mac_cnt_f2;
 }
 
-// Counts an entry as what it is in the cache now; once for all that share a place.
+// Moves an entry to the counters of the kind that it has in the cache now. The destinations of a flood list share one
+// place in the cache and count once: only the one whose standing is `fed` counts.
 void feeder::count_entry(uint32_t at)
 {
     shadow_entry &entry = shadow_.entries[at];
@@ -163,7 +169,8 @@ std::string feeder::full_name(const shadow_domain &domain) const
     return settings_.group + ":" + bridge_domain_part(bridge != nullptr ? bridge->record.name : "", domain.vlan);
 }
 
-// A name that another bridge domain has gets the id appended.
+// Sets the name of a bridge domain's object. If another bridge domain has the name, `name` gets the bridge id as a
+// suffix, and is cut first to make room for it: "g:br0" becomes "g:br0~7". Returns false if the name was refused.
 bool feeder::set_domain_object(uint16_t bridge_id, std::string &name)
 {
     uint32_t status = host::bridge_domain_set(bridge_id, name);
@@ -181,7 +188,7 @@ bool feeder::set_domain_object(uint16_t bridge_id, std::string &name)
     return status == 0;
 }
 
-// Makes the object of a bridge domain under a new id. False: it could not be stored, and the id is free again.
+// Creates the object of a bridge domain under a new id. Returns false if the object was refused; the id is free again.
 bool feeder::name_domain(uint32_t at, uint32_t id)
 {
     shadow_domain &domain = shadow_.domains[at];
@@ -238,8 +245,8 @@ void feeder::domain_changed(uint32_t at)
     }
 }
 
-// The cache reads a bridge domain's name once, when it creates its record. A renamed one is destroyed and created again
-// with all its entries in one hold of the table lock, so that no reader finds an entry missing.
+// The cache reads a bridge domain's name only when it creates the record. So a rename destroys the record and feeds all
+// its entries again. One hold of the table lock covers both, so that no reader misses an entry.
 void feeder::rename_domain(uint32_t at, const std::string &wanted)
 {
     const uint16_t id = shadow_.domains[at].bridge_id;
@@ -261,7 +268,8 @@ void feeder::rename_domain(uint32_t at, const std::string &wanted)
     }
 }
 
-// Under the table lock, after the bridge domain was destroyed in the cache.
+// Feeds the entries of a bridge domain again after its record in the cache was destroyed. Call it with the table lock
+// held, in the same hold as the destruction.
 void feeder::feed_renamed(uint32_t domain)
 {
     for_each_entry({EDM_RESYNC_BD, shadow_.domains[domain].bridge_id}, [&](uint32_t at) {
@@ -308,7 +316,7 @@ void feeder::port_added(uint32_t at)
     number_port(at);
 }
 
-// As name_domain, for a port.
+// Creates the cross-connect of a port under a new xcid. Returns false if memory ran out; the xcid is free again.
 bool feeder::connect_port(uint32_t at, uint32_t xcid)
 {
     shadow_port &port = shadow_.ports[at];
@@ -347,7 +355,7 @@ void feeder::view_port(uint32_t at)
     view.up = link != nullptr && link->record.up;
     view.bridge_id = shadow_.domains[port.domain].bridge_id;
     const std::lock_guard hold(views_mutex_);
-    port_views_.erase({uint16_t{0}, port.xcid}); // while its bridge domain had no id
+    port_views_.erase({uint16_t{0}, port.xcid}); // from the time when its bridge domain had no id
     const std::pair place(view.bridge_id, port.xcid);
     port_views_[place] = std::move(view);
     shared_views_.reset();
@@ -433,7 +441,7 @@ health_view feeder::health() const
     return view;
 }
 
-// Of very many ports the first ones.
+// Adds the losses of the first `most_shown_losses` ports, so that the report stays short.
 void feeder::add_losses(health_view &view) const
 {
     const std::shared_ptr<const object_views> names = objects();

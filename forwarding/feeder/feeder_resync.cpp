@@ -1,6 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// How the feeder serves resyncs: what has changed is settled; a scope is fed again only when the cache is not in step.
+// Serves resyncs. The feeder settles the queue of changes first. It feeds a scope again only if the cache is not in
+// step with the shadow table afterwards:
+//
+//      resync --> plane drains --> queue is settled --> in step? -- yes --> complete
+//                                                           \-- no --> mark, feed, sweep --> complete
+//
+// Threads: the cache thread, without the table lock.
 #include <utility>
 
 #include "forwarding/feeder/feeder.h"
@@ -11,7 +17,7 @@
 namespace forwarding {
 namespace {
 
-// What a resync is completed with.
+// Status with which a resync completes.
 constexpr uint32_t complete_clean = 0;
 constexpr uint32_t complete_degraded = 1;
 
@@ -46,7 +52,7 @@ void feeder::resync(const resync_scope &scope)
     }
     waiting_.push_back(scope);
     if (!waiting_timer_) {
-        // What the requester would give up waiting for is better answered with what there is.
+        // Before a requester gives up waiting, the feeder answers it from the cache as it is.
         const auto give_up = [](void *cookie) {
             auto *self = static_cast<feeder *>(cookie);
             self->waiting_timer_ = false;
@@ -90,7 +96,7 @@ void feeder::bring_up_to_date(const resync_scope &scope)
 {
     follow_clock();
     if (removals_in_flight_ != 0) {
-        return; // a requester that gives up waiting gets what there is
+        return; // the removal would destroy what is fed now; the requester gets the cache as it is
     }
     settle_everything();
     if (!cache_is_in_step()) {
@@ -98,15 +104,16 @@ void feeder::bring_up_to_date(const resync_scope &scope)
     }
 }
 
-// Nobody else feeds the cache. Were it otherwise, or had a step been left undone for want of memory, the numbers would
-// differ.
+// Returns whether the cache holds as many entries as the feeder has counted. The numbers differ if a step failed
+// because memory ran out, or if another caller changed the cache.
 bool feeder::cache_is_in_step() const
 {
     const table_hold hold;
     return l2fm_edm_table_mac_get_pool()->mac_cnt_total == counted_;
 }
 
-// Entries that the cache has no room for stay out.
+// Marks the scope, feeds its entries again and sweeps it. Entries that are not in the cache because it is full stay
+// out.
 void feeder::feed_again(const resync_scope &scope)
 {
     full_feeds_++;
