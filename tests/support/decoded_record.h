@@ -44,7 +44,7 @@ inline void store_field(void *record, const host::parcel_field &field, const cbo
     } else if (field.kind == host::parcel_kind::bytes) {
         std::memcpy(place, cbor_bytestring_handle(value), field.width);
     } else {
-        const char *copy = strndup(text_of(value).data(), text_of(value).size());
+        const char *copy = strdup(std::string(text_of(value)).c_str());
         std::memcpy(place, &copy, sizeof(copy));
     }
 }
