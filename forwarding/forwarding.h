@@ -181,7 +181,7 @@ struct health_view {
     uint64_t doubtful_asked = 0;   // questions to the plane about entries in doubt
     uint64_t doubtful_kept = 0;    // of these, those whose entry the plane held, or could not decide on
     uint64_t feeds = 0;            // entries given to the table
-    uint64_t feeds_full = 0;       // resyncs that marked, fed and swept their whole scope
+    uint64_t feeds_full = 0;       // times that a whole scope was marked, fed again and swept
 
     completeness state = completeness::whole;
     uint32_t limit = 0;
