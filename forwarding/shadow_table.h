@@ -159,10 +159,12 @@ public:
     // Only ports that have a domain are reported. port_going and domain_going come while the record still exists; its
     // entries have left already.
     virtual void port_added(uint32_t port) = 0;
-    virtual void port_changed(uint32_t port) = 0; // the name or the up state of its link
+    // The link of the port has a new name or up state, or is reported for the first time.
+    virtual void port_changed(uint32_t port) = 0;
     virtual void port_going(uint32_t port) = 0;
     virtual void domain_added(uint32_t domain) = 0;
-    virtual void domain_changed(uint32_t domain) = 0; // the name, VLAN awareness or ageing time of its bridge
+    // The bridge of the domain has a new name, VLAN awareness or ageing time, or is reported for the first time.
+    virtual void domain_changed(uint32_t domain) = 0;
     virtual void domain_going(uint32_t domain) = 0;
     virtual void full_dump_begun() {}
     virtual void full_dump_ended(bool clean) = 0;
