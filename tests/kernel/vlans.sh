@@ -174,6 +174,7 @@ case_domains_come_and_go_with_entries()
     expect_same "without the VLAN on any port"
     expect_entries "without the VLAN on any port" 2 '"mac":"02:aa.*"vlan":10'
     [ "$(id_of_vlan 10)" = "$id" ]
+    # The kernel refuses to delete single entries of a VLAN that the port left, so this flushes the VLAN.
     bridge fdb flush dev br0 vlan 10
     wait_until has_ended 10
 }

@@ -48,7 +48,7 @@ flood()
 }
 
 # Prints the answers that follow from the kernel's tables, in two kinds of lines:
-#  - "address": an address with its port, VLAN, VNI and tunnel end point. If the VLAN has no VNI, both of these are null.
+#  - "address": an address with its port, VLAN, VNI and tunnel end point. If the VLAN has no VNI, the last two are null.
 #  - "end": a tunnel end point with a port, domain and VNI that use it.
 # The lines show IPv4 tunnel end points only. expect_same compares the others, and the next hops.
 kernel_tunnels()
