@@ -29,7 +29,8 @@ namespace {
 constexpr const char *process_path = "/dev/l2fibd";
 constexpr uint32_t thread_wait_seconds = 60;
 
-// What runs. The module calls back without a cookie, so that there is one in a process.
+// The running module with its plane and feeder. The module passes no cookie to its callbacks, so a process can run only
+// one.
 struct running_module {
     std::unique_ptr<plane> source;
     std::unique_ptr<feeder> feed;
@@ -39,9 +40,9 @@ struct running_module {
 };
 
 std::unique_ptr<running_module> running;
-std::shared_mutex running_mutex; // views hold it shared; start and stop change `running` with it
+std::shared_mutex running_mutex; // guards `running`: views hold it shared, start and stop hold it alone
 
-// The platform keeps the cell for as long as the module may look at it, which is for ever.
+// The MAC limit. Static, because the module reads this cell for each entry that it creates, until the process ends.
 uint32_t mac_limit_cell;
 
 // ---- Callbacks of the module ----
@@ -69,7 +70,7 @@ void act()
     try {
         running->feed->refresh_everything();
     } catch (const std::bad_alloc &) {
-        // The next resync does it.
+        // Out of memory: the next resync brings the cache up to date.
     }
 }
 
@@ -92,7 +93,8 @@ l2fib_mac_edm_pd_cb_t callbacks()
     return table;
 }
 
-// Whether the plane holds an address as static; what it cannot tell is left as it is cached.
+// Answers the module's question about the state of one address: sets L2FIB_MAC_QUERY_F2 if the plane holds it as
+// static. If the plane cannot answer, the cached state stays.
 uint32_t answer_query(void *cookie, uint32_t bridge_id, const uint8_t *mac_addr, uint8_t *state)
 {
     mac_address mac;
@@ -224,7 +226,7 @@ std::string text_of(const release_report &report)
            + amount(report.bridge_ports, "ports, ") + amount(report.vteps, "VTEPs");
 }
 
-// The cache thread goes first: who waits for its answer is woken.
+// Ends the cache thread first, because its end wakes the requesters that wait for it.
 release_report end_module()
 {
     release_report report;
@@ -315,7 +317,7 @@ release_report stop()
     if (report.orderly) {
         running.reset();
     } else {
-        // A thread that did not end may still use it.
+        // Leaked on purpose, because a thread that did not end may still use it.
         static_cast<void>(running.release());
     }
     return report;
@@ -376,7 +378,7 @@ bool on_cache_thread(const std::function<void(feeder &feed)> &work)
 namespace {
 
 struct worth {
-    completeness state = completeness::degraded; // while nothing runs, nothing is proven
+    completeness state = completeness::degraded; // holds while nothing runs, because nothing proves the table then
     uint64_t degradations = 0;
     uint64_t limitations = 0;
 };

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// forwarding.h for a plane of one's own: tests, and who embeds another plane.
+// Starts the module on a plane that the caller made. Tests and programs with a plane of their own use it; the daemon
+// uses start (forwarding.h). The threads are those of forwarding.h: only one thread calls start_on and stop.
 #pragma once
 
 #include <memory>
@@ -10,7 +11,8 @@
 
 namespace forwarding {
 
-// As start, whatever `options` says about the plane.
+// As start (forwarding.h), but takes over `source` and ignores the plane that `options` names. On error, `source` is
+// destroyed, too.
 std::string start_on(std::unique_ptr<plane> source, const options &options);
 
 } // namespace forwarding

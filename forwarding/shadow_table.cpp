@@ -57,8 +57,8 @@ uint64_t domain_key(uint32_t bridge, uint16_t vlan)
     return (uint64_t{bridge} << 16) | vlan;
 }
 
-// Whether records differ at most in what a plane changes without a report: when the entry was last seen, and whether
-// that was long ago.
+// True if the records are equal, or differ only in what a plane may change without a report: when the entry was last
+// seen, and the state bits (reachable, stale) that follow from it.
 bool equal_but_sight(const fdb_record &left, const fdb_record &right)
 {
     constexpr unsigned by_sight = fdb_reachable | fdb_stale;
@@ -83,7 +83,7 @@ uint32_t device_vni(const link_record &link)
     return link.kind == link_kind::vxlan && !link.external ? link.vni : 0;
 }
 
-// What a device's port for a VLAN sends with, by the device alone.
+// The VNI with which a device's port for a VLAN sends, as far as the device alone decides it. 0: each entry decides.
 uint32_t port_vni(const shadow_link &device, uint16_t vlan)
 {
     if (!device.maps_vlans) {
@@ -115,7 +115,7 @@ shadow_table::shadow_table(shadow_listener &listener)
     : listener_(listener)
 {}
 
-// ---- Finding ----
+// ---- Look-ups ----
 
 uint32_t shadow_table::find(const fdb_key &key) const
 {
@@ -134,8 +134,8 @@ uint32_t shadow_table::find_domain(uint32_t bridge, uint16_t vlan) const
     return found != domains_by_key_.end() ? found->second : no_slot;
 }
 
-// Entries for one address belong together on a device, and on one that maps VLANs only those of one VNI do. The
-// destinations of a flood list are told apart by VNI everywhere.
+// The VNI by which an address is grouped on a port; 0: one group for all VNIs of the device. See shadow_group for the
+// rule.
 uint32_t shadow_table::group_vni(const port_key &on, const mac_address &mac) const
 {
     const shadow_link *device = find_link(on.ifindex);
@@ -190,7 +190,7 @@ void shadow_table::reshape_link(shadow_link &changed, const link_record &before)
     add_base_objects(changed);
 }
 
-// Ports that are no longer what the link and its map say.
+// Ends the ports without entries whose kind or VNI no longer agrees with the link and its VLAN map.
 void shadow_table::end_empty_ports(const shadow_link &of)
 {
     end_ports(of, [](const shadow_link &link, const shadow_port &port) {
@@ -199,7 +199,7 @@ void shadow_table::end_empty_ports(const shadow_link &of)
     });
 }
 
-// Whether a device maps VLANs depends on its bridge, too. True: that has changed.
+// Updates whether a device maps VLANs, which also depends on its bridge. Returns true if that changed.
 bool shadow_table::follow_vlan_use(shadow_link &device)
 {
     const shadow_link *bridge = find_link(device.record.master);
@@ -225,7 +225,7 @@ void shadow_table::vlan_vnis_changed(uint32_t ifindex, const vni_by_vlan &vnis)
     device.vnis = vnis;
     device.vlans.clear();
     for (const auto &[vlan, vni] : vnis) {
-        device.vlans.emplace(vni, vlan); // of several VLANs with one VNI the lowest
+        device.vlans.emplace(vni, vlan); // emplace keeps the lowest of several VLANs with one VNI
     }
     if (device.known) {
         replace_entries(device, false);
@@ -245,7 +245,8 @@ void shadow_table::follow_master(const shadow_link &changed, const link_record &
     }
 }
 
-// Puts each entry where it belongs now that its link has changed.
+// Moves each entry of a changed link to the port where it belongs now. If `regroups`, every entry also leaves its group
+// and joins the one that the rule of shadow_group now gives it.
 void shadow_table::replace_entries(const shadow_link &changed, bool regroups)
 {
     std::vector<uint32_t> misplaced;
@@ -274,7 +275,7 @@ void shadow_table::end_ports(const shadow_link &of, bool (*ends)(const shadow_li
     }
 }
 
-// A bridge and its ports are shown before there is an entry on them.
+// Creates the domain and ports of VLAN 0, so that answers show a bridge and its ports before they have entries.
 void shadow_table::add_base_objects(const shadow_link &of)
 {
     const link_record &record = of.record;
@@ -344,7 +345,7 @@ void shadow_table::end_bridge(shadow_link &bridge)
 
 // ---- Ports and domains ----
 
-// Where an entry stands. Only VXLAN devices' own entries have to do with a bridge.
+// The port to which an entry belongs. Of devices' own entries, only those of a VXLAN device belong to a bridge.
 port_key shadow_table::place_of(const fdb_record &record) const
 {
     const shadow_link *on = find_link(record.ifindex);
@@ -456,7 +457,7 @@ void shadow_table::fdb_dumped(const fdb_record &record)
     }
 }
 
-// Returns the entry's slot.
+// Stores a reported entry, new or known. Returns its slot.
 uint32_t shadow_table::file(const fdb_record &record)
 {
     const fdb_key key = key_of(record);
@@ -606,8 +607,9 @@ void shadow_table::leave_group(uint32_t entry)
     leaving.group = leaving.group_next = leaving.group_prev = no_slot;
 }
 
-// One entry of a group decides how the others are seen. Of a flood list, which may be long, the first one stands for
-// all: what matters is which one that is, and which one was.
+// Reports that the entries of a group, except one, may have changed their standing: each depends on the others. A flood
+// list may be long, but its standings depend only on which entry is first. So two reports suffice: the entry that is
+// first now, and the one behind it, which was first if a new entry joined in front.
 void shadow_table::affect_group(uint32_t group, uint32_t except)
 {
     if (group == no_slot) {
@@ -622,7 +624,7 @@ void shadow_table::affect_group(uint32_t group, uint32_t except)
     }
 }
 
-// ---- Generations ----
+// ---- Full dumps ----
 
 void shadow_table::full_dump_begun()
 {

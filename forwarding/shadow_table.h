@@ -1,24 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The plain copy of what a forwarding plane holds: links, entries, and what they hang together by. Written once for all
-// planes; it knows neither the module nor the host.
+// The shadow table: links and entries as a forwarding plane reports them, and the ports, bridge domains and groups that
+// follow from them. It is the sink of every plane. It reports each change to one listener, the feeder. It knows
+// neither the module nor the host.
 //
-//      link ---- ports ----+                     a link's port in a bridge, once per VLAN and VNI
+//      link ---- ports ----+                     a link has one port for each bridge domain and VNI
 //        |                 v
-//      domains ------->  port ---- entries       entries in the order in which they came
+//      domains ------->  port ---- entries       in the order in which they joined the port
 //      (of a bridge)       ^          |
-//                          |          +-- group  on VXLAN devices: the bridge's and the device's entries for one
-//                        domain                  address; the device's come first
+//                          |          +-- group  on VXLAN devices: the bridge's and the device's own entries for one
+//                        domain                  address; the device's own entries come first
 //
-// Not obvious:
-//  - An entry whose bridge does not matter (a receive filter, a VXLAN device without a bridge) stands on a port without
-//    a domain, whose master is 0.
-//  - The bridge's own addresses stand on a port whose interface is the bridge.
-//  - An entry that has gone stays as a slot, on no port, until the listener releases it: who told the cache about it
-//    has to take that back, and an entry that returns meanwhile is the same one.
-//  - A port ends with its link, and when the link changes its bridge, kind or VNI; it is a new port then.
+// Example: eth1 is a port of the VLAN-aware bridge br0 and has entries in the VLANs 10 and 20. The link br0 then has
+// the domains (br0, 0), (br0, 10) and (br0, 20). The link eth1 has one port in each of them.
 //
-// Threads: the plane's (plane.h).
+// Notes:
+//  - Some entries belong to no bridge: receive filters, and the own entries of a VXLAN device without a bridge. They
+//    are on a port that has no domain and whose master is 0.
+//  - The bridge's own addresses are on a port whose interface is the bridge.
+//  - An entry that has gone leaves its port but keeps its slot until the listener releases it. The listener must first
+//    withdraw it from the cache. If the entry returns before that, it gets the same slot.
+//  - A port ends with its link. It also ends when the link changes its bridge, kind or VNI; the link then gets a new
+//    port.
+//
+// Threads: only the plane's thread (plane.h) may call this module. It takes no lock.
 #pragma once
 
 #include <unordered_map>
@@ -34,41 +39,41 @@ namespace forwarding {
 struct shadow_entry {
     fdb_record record;
     bool alive = false;
-    uint32_t generation = 0; // in which it was told last
-    uint32_t port = no_slot; // while it is alive
-    uint32_t next = no_slot; // on the port
+    uint32_t generation = 0; // number of the latest full dump when this entry was last reported
+    uint32_t port = no_slot; // set while it is alive
+    uint32_t next = no_slot; // neighbours on the port
     uint32_t prev = no_slot;
-    uint32_t group = no_slot; // on a VXLAN device
+    uint32_t group = no_slot; // set on a VXLAN device's port with a domain
     uint32_t group_next = no_slot;
     uint32_t group_prev = no_slot;
 
-    bool listed_only = false; // a listing reported it first, and no change has since
+    bool listed_only = false; // a full dump found it, and no change has reported it since
 
-    // The listener's.
-    bool dirty = false;
-    bool contested = false; // it came and went within a moment: the reports may be in the wrong order
-    bool touched_alive = false;
-    bool surely_gone = false; // the plane has said so
-    bool doubtful = false;    // waits in the queue of questions to the plane
-    bool missing = false;     // the cache should hold it and does not
-    bool fed_tunnel = false;  // the two below count
-    bool fed_own_vni = false; // it sends with another VNI than its port, or is kept by source VNI
+    // Only the listener uses the members below.
+    bool dirty = false;         // waits in the queue of changes
+    bool contested = false;     // came and went within 50 ms, so that two reports may be in the wrong order
+    bool touched_alive = false; // whether it was alive at the last entry_touched
+    bool surely_gone = false;   // it is certain that the plane no longer holds it
+    bool doubtful = false;      // waits in the queue of questions to the plane
+    bool missing = false;       // the cache should hold it and does not
+    bool fed_tunnel = false;    // fed on a VXLAN port: fed_vtep, fed_vni and fed_own_vni are valid
+    bool fed_own_vni = false;   // it sends with another VNI than its port, or has a source VNI
     uint8_t standing = 0;
-    uint8_t foreign = 0;     // the kind of a destination that the cache cannot carry
-    uint8_t counted_as = 0;  // what it adds to the counters of a bridge domain
-    uint8_t fed_variant = 0; // the flags that choose the variant of its record in the cache
-    uint16_t counted_bridge = 0;
-    uint16_t fed_bridge = 0; // where the cache holds it
-    uint32_t fed_xcid = 0;   // 0: nowhere
-    uint32_t counted_xcid = 0;
-    uint32_t fed_vtep = 0; // in host byte order, so that numbers sort as addresses do; 0: none
+    uint8_t foreign = 0;         // destination kind under which the health report counts it
+    uint8_t counted_as = 0;      // counter of its bridge domain to which it adds; 0: none
+    uint8_t fed_variant = 0;     // the flags that choose the variant of its record in the cache
+    uint16_t counted_bridge = 0; // bridge id of that counter
+    uint16_t fed_bridge = 0;     // bridge id under which the cache holds it
+    uint32_t fed_xcid = 0;       // port on which the cache holds it; 0: the cache does not hold it
+    uint32_t counted_xcid = 0;   // port whose counters include it
+    uint32_t fed_vtep = 0;       // in host byte order, so that numbers sort as addresses do; 0: none
     uint32_t fed_vni = 0;
-    uint32_t touched_ms = 0; // of the steady clock, cut to 32 bits
-    uint64_t created = 0;    // in the order of creation in the cache
+    uint32_t touched_ms = 0; // time of the last report, steady clock in ms, low 32 bits
+    uint64_t created = 0;    // its number in the order in which the cache created entries
 };
 
 struct port_key {
-    uint32_t master = 0; // the bridge; 0: none
+    uint32_t master = 0; // interface index of the bridge; 0: none
     uint32_t ifindex = 0;
     link_kind kind = link_kind::other;
     uint16_t vlan = 0;
@@ -84,9 +89,10 @@ struct shadow_port {
     uint32_t last = no_slot;
     uint32_t entries = 0;
 
-    // The listener's.
-    uint32_t resume =
-        no_slot; // the entry at which it continues a walk; the shadow table moves it on when that entry leaves
+    // Only the listener uses the members below, except that the shadow table keeps `resume` valid. `resume` is the
+    // entry at which the listener continues its pass over this port. If that entry leaves the port, the shadow table
+    // sets `resume` to the next one.
+    uint32_t resume = no_slot;
     uint32_t xcid = 0;
     uint64_t waits = 0; // its place in the line for an id; 0: it does not wait
     edm_mac_counters_t counters = {};
@@ -97,36 +103,39 @@ struct shadow_domain {
     uint16_t vlan = 0;
     std::vector<uint32_t> ports;
 
-    // The listener's.
+    // Only the listener uses the members below.
     uint16_t bridge_id = 0;
-    uint64_t waits = 0; // as shadow_port::waits
+    uint64_t waits = 0; // see shadow_port::waits
 };
 
 struct shadow_link {
     link_record record;
-    bool known = false; // told, and not only named by something else
-    uint64_t generation = 0;
+    bool known = false;      // the plane reported it; false: only another record names it so far
+    uint64_t generation = 0; // number of the latest full dump when this link was last reported
     std::vector<uint32_t> ports;
-    std::vector<uint32_t> domains; // of a bridge
+    std::vector<uint32_t> domains; // bridges only
     std::vector<uint32_t> members; // interface indexes of the links whose master it is
     vni_by_vlan vnis;
-    std::unordered_map<uint32_t, uint16_t> vlans; // by VNI, the other way round
-    bool maps_vlans = false; // a VXLAN device of many VNIs on a VLAN-aware bridge: the map says which VNI a VLAN has
+    std::unordered_map<uint32_t, uint16_t> vlans; // the inverse of `vnis`: the lowest VLAN of each VNI
+    bool maps_vlans = false; // an external VXLAN device on a VLAN-aware bridge: `vnis` gives the VNI of each VLAN
 };
 
-// The entries for one address on one VXLAN device. A device with many VNIs has a flood list for each of them, on a port
-// of its own: `vni` keeps them apart. Other entries of such a device form one group for all VNIs, since the bridge's
-// entry does not say which VNI it belongs to.
+// The entries for one address on one VXLAN device. `vni` decides which entries share a group:
+//  - Flood lists: one group for each VNI, because each VNI has a port and a flood list of its own.
+//  - Other addresses on a device that maps VLANs: one group for each VNI, because the VLAN of a bridge's entry decides
+//    its VNI.
+//  - Other addresses on any other device: one group for all VNIs, because nothing shows the VNI of a bridge's entry.
 struct shadow_group {
     uint32_t ifindex = 0;
-    uint32_t vni = 0; // of a flood list, its port's; otherwise 0
+    uint32_t vni = 0; // the port's VNI if the group is for one VNI, otherwise 0
     mac_address mac = {};
-    uint32_t first = no_slot; // the device's own before the bridge's
+    uint32_t first = no_slot; // the device's own entries come before the bridge's
     uint32_t last = no_slot;
-    uint32_t of_bridge = 0;
+    uint32_t of_bridge = 0; // number of the bridge's entries
 };
 
-// Is told about changes, after they were made. It calls nothing that changes the shadow table.
+// Takes the shadow table's reports. Each report comes after the change is made, on the plane's thread. The listener
+// must not change the shadow table within a call.
 class shadow_listener {
 public:
     shadow_listener() = default;
@@ -134,32 +143,38 @@ public:
     shadow_listener &operator=(const shadow_listener &) = delete;
     virtual ~shadow_listener() = default;
 
-    // New, changed or gone; not for a mere change of age.
+    // The entry is new, changed, moved or gone. A change of its age alone is reported by entry_confirmed.
     virtual void entry_touched(uint32_t entry) = 0;
-    // Seen differently, maybe, because another entry was touched.
+    // Another entry of its group was touched, so that the standing of this one may have changed.
     virtual void entry_affected(uint32_t entry) = 0;
-    // Reported as it was known. `has_aged`: but for the time when it was last seen.
+    // The plane reported the entry again without a change. `has_aged` is true if only its time of last sight changed.
     virtual void entry_confirmed(uint32_t /*entry*/, bool /*has_aged*/) {}
-    // A clean generation did not report it. The listener decides whether it has gone.
+    // A clean full dump did not report this living entry. The listener decides whether it has gone.
     virtual void entry_untold(uint32_t /*entry*/) {}
-    // A listing reported it, and the shadow table did not hold it so.
+    // A full dump reported the entry, and the shadow table did not hold it or held it differently.
     virtual void full_dump_differs(uint32_t /*entry*/) {}
+    // These two pass on the plane's reports (plane.h).
     virtual void next_hop_gone(uint32_t /*id*/) {}
     virtual void changes_lost(uint64_t /*count*/) {}
-    // Ports that have a domain only. A port or domain that goes is told while it is still there, without entries.
+    // Only ports that have a domain are reported. port_going and domain_going come while the record still exists; its
+    // entries have left already.
     virtual void port_added(uint32_t port) = 0;
-    virtual void port_changed(uint32_t port) = 0; // its link's name or state
+    // The link of the port has a new name or up state, or is reported for the first time.
+    virtual void port_changed(uint32_t port) = 0;
     virtual void port_going(uint32_t port) = 0;
     virtual void domain_added(uint32_t domain) = 0;
-    virtual void domain_changed(uint32_t domain) = 0; // its bridge's name or VLAN awareness, or it has been told now
+    // The bridge of the domain has a new name, VLAN awareness or ageing time, or is reported for the first time.
+    virtual void domain_changed(uint32_t domain) = 0;
     virtual void domain_going(uint32_t domain) = 0;
     virtual void full_dump_begun() {}
     virtual void full_dump_ended(bool clean) = 0;
 };
 
-// Whether records differ at most in the time when the entry was last seen.
+// True if the records are equal, or differ only in the time when the entry was last seen.
 bool equal_but_age(const fdb_record &left, const fdb_record &right);
 
+// The sink of a plane. `listener` must outlive it. Parameters and results called `entry`, `port`, `domain` or `group`,
+// here and in the listener, are slot numbers (slots.h).
 class shadow_table : public sink {
 public:
     explicit shadow_table(shadow_listener &listener);
@@ -175,27 +190,28 @@ public:
     void full_dump_begun() override;
     void full_dump_ended(bool clean) override;
 
-    // The generation that runs or ended last.
+    // The number of full dumps begun: the number of the running or latest one. Low 32 bits.
     uint32_t generation() const { return static_cast<uint32_t>(generation_); }
 
-    // The slot of an entry, gone ones included.
+    // Returns the slot of an entry, whether it is alive or has gone; no_slot if there is none.
     uint32_t find(const fdb_key &key) const;
+    // Returns null if the plane has not reported the link. The next report may make the pointer invalid.
     const shadow_link *find_link(uint32_t ifindex) const;
     uint32_t find_domain(uint32_t bridge, uint16_t vlan) const;
-    // The group of an address on a port.
+    // Returns the group of an address on a port, or no_slot.
     uint32_t find_group(const port_key &on, const mac_address &mac) const;
 
-    // As fdb_gone, for an entry that is alive, whatever its port.
+    // Removes a living entry, whatever port it is on. The listener calls it when it is sure that the entry has gone.
     void remove(uint32_t entry);
 
-    // Ends the bridge domains of VLANs in which no port has an entry. A port of a VLAN-aware bridge has its own address
-    // in each VLAN that it is a member of, so a bridge domain lives as long as its VLAN is configured or used.
+    // Ends the bridge domain of each VLAN in which no port has an entry. The kernel enters a port's own address in each
+    // VLAN that the port is a member of. So a bridge domain lives as long as its VLAN is configured or used.
     void end_empty_domains();
 
-    // Gives up the slot of an entry that has gone.
+    // Frees the slot of an entry that has gone. The listener calls it after it withdrew the entry from the cache.
     void release(uint32_t entry);
 
-    // Every living entry, in no order.
+    // Visits every living entry, in no defined order.
     template <typename Visit>
     void for_each_entry(Visit visit)
     {
@@ -206,6 +222,7 @@ public:
         }
     }
 
+    // Visits the entries of a port in list order. Within `visit`, only the visited entry may leave the port.
     template <typename Visit>
     void for_each_entry_of_port(uint32_t port, Visit visit)
     {
@@ -221,8 +238,8 @@ public:
     slot_pool<shadow_domain> domains;
     slot_pool<shadow_group> groups;
 
-    uint64_t living = 0;
-    uint64_t unchanged = 0; // changes that were told and changed nothing but an age
+    uint64_t living = 0;    // entries that are alive
+    uint64_t unchanged = 0; // reports that changed an age at most, or removed an entry that was not there
     size_t known_links = 0;
 
 private:

@@ -1,7 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Two containers of numbered slots: records that never move, and an index that finds them by a hash of their key. Both
-// grow in large steps, so that telling and feeding an entry allocates nothing by itself.
+// Two containers for the records of the shadow table: slot_pool holds records by slot number, and slot_index finds the
+// slot number by a hash of the record's key. Both grow in large steps, so that most reports allocate no memory.
+//
+//      slot_pool<port> pool;
+//      slot_index by_name;
+//      const uint32_t slot = pool.take();
+//      pool[slot].name = "eth1";
+//      by_name.insert(hash_of("eth1"), slot);
+//      ...
+//      by_name.find(hash_of("eth1"), [&](uint32_t at) { return pool[at].name == "eth1"; })     // slot, or no_slot
+//
+// Threads: neither container takes a lock. Its owner, the shadow table, uses it on the plane's thread only. Running out
+// of memory throws std::bad_alloc.
 #pragma once
 
 #include <array>
@@ -14,10 +25,12 @@ namespace forwarding {
 
 inline constexpr uint32_t no_slot = UINT32_MAX;
 
-// Records by slot number; a freed number is used again. A reference stays good until its slot is freed.
+// Records by slot number. Records never move, so a reference stays valid until its slot is given back. The pool reuses
+// the numbers of slots that were given back, and never shrinks.
 template <typename Record>
 class slot_pool {
 public:
+    // Returns a free slot with a default record.
     uint32_t take()
     {
         if (free_.empty()) {
@@ -29,7 +42,7 @@ public:
         return slot;
     }
 
-    // The record is emptied, so that what it holds is given back.
+    // Frees a slot. Resets its record at once, so that the record releases the memory that it owns.
     void give_back(uint32_t slot)
     {
         (*this)[slot] = Record{};
@@ -39,7 +52,7 @@ public:
     Record &operator[](uint32_t slot) { return (*pages_[slot / page_size])[slot % page_size]; }
     const Record &operator[](uint32_t slot) const { return (*pages_[slot / page_size])[slot % page_size]; }
 
-    // All slots, free ones among them, are below this.
+    // All slot numbers are below this, free slots included.
     uint32_t bound() const { return static_cast<uint32_t>(pages_.size() * page_size); }
 
 private:
@@ -59,10 +72,17 @@ private:
     std::vector<uint32_t> free_;
 };
 
-// Slot numbers by hash: open addressing, with the hash beside the number so that a probe rarely looks at a record.
+// Slot numbers by hash, with open addressing. A hash names a home cell. An entry whose home is taken uses the next free
+// cell behind it, and a probe ends at the first free cell:
+//
+//      cell     3     4     5     6
+//            [  a  |  b  |  c  |     ]       the home of a and b is 3, the home of c is 4
+//
+// Each cell keeps the hash beside the slot number, so that a probe rarely reads a record. At most 5/8 of the cells are
+// used, because probes get long in a fuller table.
 class slot_index {
 public:
-    // The slot with this hash that `same(slot)` accepts, or no_slot.
+    // Returns the slot with this hash that `same(slot)` accepts, or no_slot.
     template <typename Same>
     uint32_t find(uint32_t hash, Same same) const
     {
@@ -77,7 +97,7 @@ public:
         return no_slot;
     }
 
-    // The slot must not be there.
+    // Adds a slot that the index does not hold yet.
     void insert(uint32_t hash, uint32_t slot)
     {
         if ((used_ + 1) * 8 > cells_.size() * 5) {
@@ -87,6 +107,7 @@ public:
         put(hash, slot);
     }
 
+    // Removes a slot that the index holds under this hash.
     void erase(uint32_t hash, uint32_t slot)
     {
         size_t at = hash & mask();
@@ -125,7 +146,9 @@ private:
         }
     }
 
-    // Moves back what had to step over the cell, so that every probe still meets what it looks for.
+    // Empties a cell. An entry behind it that is not at home may have its home at the gap or before it. A probe for
+    // that entry would now end at the gap. So the entry moves into the gap, and leaves a new one. After a leaves cell 3
+    // in the picture above, b moves to 3 and c moves to 4.
     void close_gap(size_t gap)
     {
         for (size_t at = (gap + 1) & mask(); cells_[at].slot != no_slot; at = (at + 1) & mask()) {

@@ -4,8 +4,8 @@
 # shellcheck source=vxlan.sh
 source /cases/vxlan.sh
 
-# The leaf of docs/operations.md: two VLANs of hosts, one VXLAN device for all VNIs, one more with a VNI of its own, and
-# the entries that a control plane makes.
+# The leaf of docs/operations.md. It has two VLANs of hosts, one external VXLAN device and one VXLAN device with its own
+# VNI. It also has the entries that a control plane makes.
 
 make_leaf()
 {
@@ -55,7 +55,7 @@ case_evpn_leaf()
     [[ $(ctl --json-lines show vtep | jq --compact-output '[.address, .domain, .vni]' | LC_ALL=C sort | tr '\n' ' ') == \
         '["192.0.2.2","guest:br0.10",100] ["192.0.2.3","guest:br0.20",200] ' ]] || { ctl show vtep && return 1; }
     [[ $(domains) == "guest:br0 guest:br0.10 guest:br0.20 " ]] || { domains && return 1; }
-    # A device with a VNI of its own beside it, and a VLAN that nobody uses any more.
+    # Adds a VXLAN device with its own VNI, then removes the last use of VLAN 20.
     ip link add vx300 type vxlan id 300 local 192.0.2.1 dstport 4790 nolearning
     ip link set vx300 master br0 up
     bridge vlan add dev vx300 vid 10

@@ -1,8 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
 
 # shellcheck shell=bash
-# What the cases of this directory share. scripts/test-kernel packs them into a guest; init.sh sources this file there
-# and runs one case. Each case starts in a fresh guest, without any link but lo, and ends with the daemon's clean end.
+# Functions that the cases of this directory share. scripts/test-kernel packs the files into a guest. There init.sh
+# sources this file and runs one case. Each case starts in a fresh guest whose only link is lo. After it, init.sh calls
+# end_daemon.
 
 # shellcheck source=lacks.sh
 source /cases/lacks.sh
@@ -11,17 +12,17 @@ export L2FIBD_SOCKET=/run/l2fibd.sock
 readonly log=/run/l2fibd.log
 readonly patience_s=240 # the guest's instructions are emulated, and other work shares the host's cores
 readonly looks=20
-readonly nothing_found=1 # l2fibctl's status, and the one of an answer that may be incomplete
-readonly incomplete=6
+readonly nothing_found=1 # status of l2fibctl if the answer is empty
+readonly incomplete=6    # status of l2fibctl if the answer may be incomplete
 readonly shown_differences=20
-readonly speaker_ip=198.51.100.1 # in documentation's own range
+readonly speaker_ip=198.51.100.1 # in an address range reserved for documentation
 
 ctl()
 {
     l2fibctl --timeout "$patience_s" "$@"
 }
 
-# wait_until COMMAND...: looks again until it succeeds.
+# wait_until COMMAND...: repeats a command until it succeeds. Fails after patience_s seconds.
 wait_until()
 {
     local -r end=$((SECONDS + patience_s))
@@ -34,7 +35,7 @@ wait_until()
     done
 }
 
-# start_daemon OPTION...: returns when the first full dump is complete.
+# start_daemon OPTION...: starts the daemon and returns when its first full dump has ended.
 start_daemon()
 {
     l2fibd --plane kernel --group guest "$@" 2>"$log" &
@@ -48,7 +49,7 @@ daemon_serves()
     kill -0 "$daemon" && ctl show health >/dev/null 2>&1
 }
 
-# The daemon released everything and found nothing wrong with itself.
+# Ends the daemon. Fails if its exit status or its log does not show that it released everything.
 end_daemon()
 {
     kill -TERM "$daemon"
@@ -56,16 +57,17 @@ end_daemon()
     grep --quiet 'ended; released' "$log"
 }
 
-# as_lines FILE: the entries of either side's JSON, one a line, with all members. It leaves out receive filters: what
-# devices other than VXLAN hold themselves. A bridge's entry is stale for the moment before the kernel drops it.
+# as_lines FILE: prints the entries of a JSON list, the kernel's or ours, one on each line, with all members. It leaves
+# out receive filters: own entries of devices that are not VXLAN. It hides the state "stale" of a bridge's entry,
+# because the kernel shows it only for the moment before it drops the entry.
 as_lines()
 {
     sed 's/^\[//; s/[],]$//; s/},{/}\n{/g' "$1" |
         sed --quiet '/"master":/{s/"stale"/""/;p;b}; /"dst":/{p;b}; /"nhid":/p' | LC_ALL=C sort --unique
 }
 
-# expect_same STEP: l2fibctl shows what the kernel holds. An answer that is marked as incomplete, or a kernel's table
-# that changed meanwhile, is no verdict: then both are read once more. A difference is.
+# expect_same STEP: compares the answer of l2fibctl with the kernel's table, and fails if they differ. If the answer is
+# marked as incomplete, or the kernel's table changed meanwhile, they cannot be compared. It then reads both again.
 expect_same()
 {
     local look status
@@ -84,13 +86,13 @@ expect_same()
             expect_equal "$1" /tmp/kernel /tmp/ours
             return
         fi
-        ctl resync || true # fails while changes are lost; the next look says so
+        ctl resync || true # a failure needs no check here: the next look finds the answer incomplete
     done
     echo "no complete answer in $looks looks $1"
     return 1
 }
 
-# expect_equal STEP KERNEL OURS: two files are the same.
+# expect_equal STEP KERNEL OURS: fails if two files differ, and prints the differences.
 expect_equal()
 {
     if ! diff "$2" "$3" >/tmp/difference; then
@@ -100,8 +102,8 @@ expect_equal()
     fi
 }
 
-# expect_entries STEP COUNT PATTERN: how many lines of the last comparison match. A comparison of empty tables proves
-# nothing, so each case says what it put in.
+# expect_entries STEP COUNT PATTERN: fails unless COUNT lines of the last compared kernel table match. Each case states
+# what it entered, because comparing two empty tables proves nothing.
 expect_entries()
 {
     local found
@@ -112,7 +114,7 @@ expect_entries()
     fi
 }
 
-# `show health` names what this kernel lacks, and nothing else.
+# Fails unless `show health` names exactly the features that this kernel lacks.
 expect_lacks()
 {
     missing_operations | LC_ALL=C sort >/tmp/kernel
@@ -120,7 +122,7 @@ expect_lacks()
     expect_equal "in what the kernel lacks" /tmp/kernel /tmp/ours
 }
 
-# add_bridge NAME OPTION...
+# add_bridge NAME OPTION...: adds a bridge with the options of `ip link add type bridge`.
 add_bridge()
 {
     local -r name=$1
@@ -129,7 +131,7 @@ add_bridge()
     ip link set "$name" up
 }
 
-# add_ports BRIDGE PORT...: dummy devices.
+# add_ports BRIDGE PORT...: adds dummy devices as ports of a bridge.
 add_ports()
 {
     local -r bridge=$1
@@ -141,7 +143,8 @@ add_ports()
     done
 }
 
-# entries VERB PORT KIND VLAN FIRST COUNT: addresses FIRST to FIRST + COUNT - 1 by one batch; VLAN 0: none.
+# entries VERB PORT KIND VLAN FIRST COUNT: runs one batch that adds or deletes (VERB) the entries of the addresses FIRST
+# to FIRST + COUNT - 1. VLAN 0: none.
 entries()
 {
     seq "$5" $(($5 + $6 - 1)) | awk -v verb="$1" -v port="$2" -v kind="$3" -v vlan="$4" '{
@@ -150,7 +153,7 @@ entries()
     }' | bridge -batch -
 }
 
-# add_cabled_port BRIDGE PORT: a port whose cable ends at the interface PORT-end, from where `speak` sends.
+# add_cabled_port BRIDGE PORT: adds one end of a veth pair as a port. `speak` sends from the other end, PORT-end.
 add_cabled_port()
 {
     ip link add "$2" type veth peer name "$2-end"
@@ -158,7 +161,7 @@ add_cabled_port()
     ip link set "$2" master "$1" up
 }
 
-# speak PORT MAC [VLAN]: a frame from MAC comes in at the port, tagged with VLAN.
+# speak PORT MAC [VLAN]: sends a frame with the source address MAC into a cabled port, tagged if VLAN is given.
 speak()
 {
     local -r port=$1 mac=$2 vlan=${3-}

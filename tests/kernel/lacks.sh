@@ -1,7 +1,8 @@
 # shellcheck shell=bash
 # SPDX-License-Identifier: Apache-2.0
 
-# For the guest and for tests/system: what this kernel refuses to iproute2, in the words with which health names it.
+# Prints the features that this kernel lacks, in the words of the health report. It tries each one with iproute2. The
+# guest and tests/system use it.
 
 missing_operations()
 {

@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 
 # shellcheck shell=bash
-# Ports of other kinds, and entries with other flags.
+# Cases about kinds of ports, and about entries with special flags.
 
 case_bond_as_port()
 {
@@ -59,8 +59,8 @@ case_macvlan_devices()
     expect_same "without macvlan devices"
 }
 
-# lock_with_bypass STATE: a port with bypass by address (MAB) enters unknown addresses as locked. Linux before 6.2 has
-# no bypass, and a locked port there learns nothing.
+# lock_with_bypass STATE: locks or unlocks p0, with MAC authentication bypass (MAB) if the kernel has it. With MAB the
+# port enters unknown addresses as locked entries. Linux before 6.2 lacks MAB; a locked port there learns nothing.
 lock_with_bypass()
 {
     bridge link set dev p0 locked "$1" learning on mab "$1" 2>/dev/null ||

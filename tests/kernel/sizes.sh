@@ -1,9 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
 
 # shellcheck shell=bash
-# Many bridges, and many entries.
+# Cases with many bridges, many entries and many bridge domains.
 
-# `show count`, whose total leaves local addresses out, agrees with the kernel's table that was compared last.
+# expect_count STEP: fails unless `show count` agrees with the last compared kernel table. Its total does not include
+# local entries, so they are added.
 expect_count()
 {
     local -r ours=$(ctl --json show count | jq '.[0] | .total + .local') kernel=$(grep --count '"master"' /tmp/kernel)
@@ -27,7 +28,8 @@ case_bridges_by_the_hundred()
     for ((number = 1; number <= 200; number++)); do
         echo "fdb add 02:aa:00:00:00:01 dev p$number master static"
     done | bridge -batch -
-    # Without VLAN filtering a user's entry is also entered in VLAN 1, to which new ports belong.
+    # Without VLAN filtering the kernel enters a user's entry twice: without a VLAN, and in VLAN 1, the default of new
+    # ports. So 200 commands make 400 entries.
     expect_same "with the same address on each"
     expect_entries "with the same address on each" 400 '"mac":"02:aa.*"static"'
     seq 1 2 200 | sed 's/.*/link set p& nomaster/' | ip -batch -
@@ -40,7 +42,7 @@ case_bridges_by_the_hundred()
     expect_count "at the end"
 }
 
-# The addresses that stay are in every answer, whatever goes meanwhile.
+# Fails unless an answer holds all entries of VLAN 10, which stay while other VLANs are removed.
 expect_stayers()
 {
     local found
@@ -57,7 +59,8 @@ case_vlans_removed_from_200000_entries()
     add_bridge br0 vlan_filtering 1 ageing_time 1000000
     add_ports br0 p0
     bridge vlan add dev p0 vid 10-19
-    # The daemon dumps most entries and follows the rest, which costs the guest three times as much.
+    # The daemon starts after seven VLANs. It reads their entries in its first full dump, and the rest as changes. A
+    # change costs the guest three times as much.
     for vlan in {10..19}; do
         ((vlan != 17)) || start_daemon
         entries add p0 dynamic "$vlan" 1 20000
@@ -79,7 +82,8 @@ case_vlans_removed_from_200000_entries()
     expect_count "at the end"
 }
 
-# add_vlan_domains NUMBER: a bridge with one port in every VLAN, which is 4,095 bridge domains.
+# add_vlan_domains NUMBER: adds a bridge with one port in every VLAN. It has 4,095 bridge domains: one for each of the
+# 4,094 VLANs, and the bridge's own.
 add_vlan_domains()
 {
     add_bridge "br$1" vlan_filtering 1 vlan_default_pvid 0

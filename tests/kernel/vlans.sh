@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 
 # shellcheck shell=bash
-# VLAN-aware bridges.
+# Cases about VLAN-aware bridges.
 
 case_vlan_filtering_switched()
 {
@@ -140,7 +140,7 @@ case_frames_with_tags()
     expect_same "with a VLAN interface on the bridge"
 }
 
-# id_of_vlan VLAN: of its bridge domain on br0, or nothing.
+# id_of_vlan VLAN: prints the bridge id of the VLAN's bridge domain on br0, or nothing if it has none.
 id_of_vlan()
 {
     ctl --json-lines show domain | jq "select(.vlan == $1) | .\"bridge-id\""
@@ -151,7 +151,7 @@ has_ended()
     [[ -z $(id_of_vlan "$1") ]]
 }
 
-# A bridge domain lives while a port has an entry in its VLAN.
+# A VLAN's bridge domain lives as long as a port has an entry in the VLAN.
 case_domains_come_and_go_with_entries()
 {
     local id
@@ -167,13 +167,14 @@ case_domains_come_and_go_with_entries()
     entries add p1 static 10 1 2
     bridge vlan del dev p0 vid 10
     ip link set p0 nomaster
-    sleep 3 # empty domains end within two seconds
+    sleep 3 # s; a domain without entries ends within two
     [ "$(id_of_vlan 10)" = "$id" ]
     bridge vlan del dev p1 vid 10
     sleep 3
     expect_same "without the VLAN on any port"
     expect_entries "without the VLAN on any port" 2 '"mac":"02:aa.*"vlan":10'
     [ "$(id_of_vlan 10)" = "$id" ]
-    bridge fdb flush dev br0 vlan 10 # the kernel deletes no single entry of a VLAN that the port has left
+    # The kernel refuses to delete single entries of a VLAN that the port left, so this flushes the VLAN.
+    bridge fdb flush dev br0 vlan 10
     wait_until has_ended 10
 }

@@ -1,12 +1,13 @@
 # SPDX-License-Identifier: Apache-2.0
 
 # shellcheck shell=bash
-# VXLAN devices for all VNIs of a VLAN-aware bridge. The bridge maps VLANs to VNIs on such a port. Of the device's own
-# entries for an address, the one whose source VNI is the VLAN's says behind which tunnel end the address is.
+# Cases about external VXLAN devices on a VLAN-aware bridge. The bridge maps VLANs to VNIs on such a port. A device may
+# have several own entries for one address, with different source VNIs. The entry whose source VNI is the VNI of the
+# VLAN gives the tunnel end point of the address.
 
-device=vx0 # on which the functions below work
+device=vx0 # the device that the functions below change
 
-# add_device OPTION...
+# add_device OPTION...: adds $device as an external VXLAN device to br0, in the VLANs 10 to 20.
 add_device()
 {
     ip link add "$device" type vxlan external nolearning "$@"
@@ -15,14 +16,14 @@ add_device()
     bridge vlan add dev "$device" vid 10-20
 }
 
-# add_single_device OPTION...
+# add_single_device OPTION...: adds br0 and one external VXLAN device.
 add_single_device()
 {
     add_bridge br0 vlan_filtering 1
     add_device local 127.0.0.1 dstport 4789 "$@"
 }
 
-# map_vlans VLANS VNIS: one of each, or ranges of one length.
+# map_vlans VLANS VNIS: maps one VLAN to one VNI, or a range to a range of the same length.
 map_vlans()
 {
     bridge vlan add dev "$device" vid "$1" tunnel_info id "$2"
@@ -33,22 +34,23 @@ unmap_vlans()
     bridge vlan del dev "$device" vid "$1" tunnel_info id "$2"
 }
 
-# add_remote MAC VLAN VNI TUNNEL_END: what a control plane enters for an address.
+# add_remote MAC VLAN VNI TUNNEL_END: adds the two entries that a control plane makes for an address.
 add_remote()
 {
     bridge fdb add "$1" dev "$device" dst "$4" src_vni "$3" self extern_learn
     bridge fdb add "$1" dev "$device" vlan "$2" master extern_learn
 }
 
-# flood VNI TUNNEL_END
+# flood VNI TUNNEL_END: adds a destination to the flood list of a VNI.
 flood()
 {
     bridge fdb append 00:00:00:00:00:00 dev "$device" dst "$2" src_vni "$1" self
 }
 
-# What the kernel's tables come to, as two lists of lines: addresses with port, VLAN, VNI and tunnel end, and tunnel
-# ends with the ports, domains and VNIs that use them. An address whose VLAN has no VNI has neither. These lists show
-# tunnel ends of IPv4 only; expect_same compares the others, and the next hops.
+# Prints the answers that follow from the kernel's tables, in two kinds of lines:
+#  - "address": an address with its port, VLAN, VNI and tunnel end point. If the VLAN has no VNI, the last two are null.
+#  - "end": a tunnel end point with a port, domain and VNI that use it.
+# The lines show IPv4 tunnel end points only. expect_same compares the others, and the next hops.
 kernel_tunnels()
 {
     bridge -j vlan tunnelshow >/tmp/map
@@ -74,7 +76,8 @@ kernel_tunnels()
         LC_ALL=C sort --unique
 }
 
-# Tunnel ends without a VLAN are those of VNIs that no VLAN has.
+# Prints the same lines from the answers of l2fibctl. It leaves out tunnel end points whose domain has no VLAN: they
+# belong to VNIs that no VLAN uses.
 our_tunnels()
 {
     {
@@ -85,12 +88,13 @@ our_tunnels()
     } 2>/dev/null | LC_ALL=C sort --unique
 }
 
-# expect_tunnels STEP ADDRESSES ENDS: both sides agree, and the kernel has that many of each.
+# expect_tunnels STEP ADDRESSES ENDS: fails unless both sides agree and the kernel has that many lines of each kind.
+# ADDRESSES counts only addresses with a tunnel end point.
 expect_tunnels()
 {
     expect_same "$1"
     kernel_tunnels >/tmp/kernel
-    our_tunnels >/tmp/ours || true # an empty list has a status of its own
+    our_tunnels >/tmp/ours || true # l2fibctl has a status of its own for an empty list
     expect_equal "$1" /tmp/kernel /tmp/ours
     expect_entries "$1" "$2" '^\["address".*"[0-9.]+"\]$'
     expect_entries "$1" "$3" '^\["end"'
@@ -160,7 +164,7 @@ case_one_vxlan_device_remapped()
     expect_tunnels "after the device has left and returned" 0 0
 }
 
-# Devices that have the same VNI, the same addresses, or tunnel ends of the other family.
+# Several devices share a VNI or addresses, and one of them has IPv6 tunnel end points.
 case_vxlan_devices_beside_each_other()
 {
     add_single_device vnifilter
