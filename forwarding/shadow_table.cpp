@@ -171,7 +171,7 @@ void shadow_table::link_changed(const link_record &record)
     } else if (before.vlan_aware != record.vlan_aware) {
         follow_bridge(changed);
     }
-    tell_link_change(changed, before, first);
+    report_link_change(changed, before, first);
 }
 
 void shadow_table::reshape_link(shadow_link &changed, const link_record &before)
@@ -296,7 +296,7 @@ void shadow_table::add_base_port(const link_record &record)
     }
 }
 
-void shadow_table::tell_link_change(const shadow_link &changed, const link_record &before, bool first)
+void shadow_table::report_link_change(const shadow_link &changed, const link_record &before, bool first)
 {
     const bool renamed = first || before.name != changed.record.name;
     if (renamed || before.vlan_aware != changed.record.vlan_aware || before.ageing_ms != changed.record.ageing_ms) {
@@ -635,17 +635,17 @@ void shadow_table::full_dump_begun()
 void shadow_table::full_dump_ended(bool clean)
 {
     if (clean) {
-        drop_untold_links();
+        drop_unreported_links();
         for_each_entry([&](uint32_t entry) {
             if (entries[entry].generation != static_cast<uint32_t>(generation_)) {
-                listener_.entry_untold(entry);
+                listener_.entry_unreported(entry);
             }
         });
     }
     listener_.full_dump_ended(clean);
 }
 
-void shadow_table::drop_untold_links()
+void shadow_table::drop_unreported_links()
 {
     std::vector<uint32_t> gone;
     for (const auto &[ifindex, link] : links_) {

@@ -150,7 +150,7 @@ public:
     // The plane reported the entry again without a change. `has_aged` is true if only its time of last sight changed.
     virtual void entry_confirmed(uint32_t /*entry*/, bool /*has_aged*/) {}
     // A clean full dump did not report this living entry. The listener decides whether it has gone.
-    virtual void entry_untold(uint32_t /*entry*/) {}
+    virtual void entry_unreported(uint32_t /*entry*/) {}
     // A full dump reported the entry, and the shadow table did not hold it or held it differently.
     virtual void full_dump_differs(uint32_t /*entry*/) {}
     // These two pass on the plane's reports (plane.h).
@@ -254,7 +254,7 @@ private:
     void end_ports(const shadow_link &of, bool (*ends)(const shadow_link &of, const shadow_port &port));
     void add_base_objects(const shadow_link &of);
     void add_base_port(const link_record &record);
-    void tell_link_change(const shadow_link &changed, const link_record &before, bool first);
+    void report_link_change(const shadow_link &changed, const link_record &before, bool first);
     void end_bridge(shadow_link &bridge);
 
     port_key place_of(const fdb_record &record) const;
@@ -272,7 +272,7 @@ private:
     void join_group(uint32_t entry);
     void leave_group(uint32_t entry);
     void affect_group(uint32_t group, uint32_t except);
-    void drop_untold_links();
+    void drop_unreported_links();
 
     shadow_listener &listener_;
     std::unordered_map<uint32_t, shadow_link> links_;

@@ -235,7 +235,7 @@ private:
     void entry_touched(uint32_t at) override;
     void entry_affected(uint32_t at) override;
     void entry_confirmed(uint32_t at, bool has_aged) override;
-    void entry_untold(uint32_t at) override;
+    void entry_unreported(uint32_t at) override;
     void full_dump_differs(uint32_t at) override;
     void next_hop_gone(uint32_t id) override;
     void changes_lost(uint64_t count) override;

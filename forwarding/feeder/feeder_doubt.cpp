@@ -119,7 +119,7 @@ void feeder::remove_surely(uint32_t at)
 // ---- The queue of doubtful entries ----
 
 // A clean full dump did not report the entry.
-void feeder::entry_untold(uint32_t at)
+void feeder::entry_unreported(uint32_t at)
 {
     begin_doubt();
     doubt(at);
