@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "host/database/parcel_schema.h"
