@@ -70,31 +70,6 @@ TEST(feed, fails_without_a_table)
 
 #define FULL "1 10 1; 2 30 1 0x1000 5; 3 30 1 0x1000 6; 4 9 1 0x20; 5 40 2 0x1000 5"
 
-TEST(mark_and_sweep, drops_what_was_not_fed_again)
-{
-    check({
-        {"mark all", FULL, "mark", 0, "", "1: 10*(1!) 30*(2! 3!){5! 6!} dummy*(4!) | 2: 40*(5!){5!} | list 1 2 3 4 5"},
-        {"the dummy port is none to mark", FULL, "mark bp 0xffffffff", 0, "",
-         "1: 10(1) 30(2 3){5 6} dummy(4) | 2: 40(5){5} | list 1 2 3 4 5"},
-        {"sweep all", FULL "; mark; 2 30 1 0x1000 5", "sweep", 0, "", "1: 10*() 30(2){5} dummy*() | 2: 40*() | list 2"},
-        {"sweep a bridge domain by its low 16 bits", FULL "; mark", "sweep bd 0x10001", 0, "",
-         "1: 10*() 30*() dummy*() | 2: 40*(5!){5!} | list 5"},
-    });
-}
-
-TEST(records, are_destroyed_with_what_they_hold)
-{
-    check({
-        {"bridge domain", FULL, "destroy bd 1", 0, "1954 l2fm_edm_table_bp_destroy_internal DUMMY NOT_FOUND",
-         "2: 40(5){5} | list 5"},
-        {"dummy port", FULL, "destroy bp 0xffffffff", 0, "",
-         "1: 10(1) 30(2 3){5 6} dummy(4) | 2: 40(5){5} | list 1 2 3 4 5"},
-        {"newest entry of none", "", "evict", EDM_ERR_NOT_FOUND, "", "list"},
-        {"bridge domain is there", FULL, "create bd 0x10002", no_resource, "",
-         "1: 10(1) 30(2 3){5 6} dummy(4) | 2: 40(5){5} | list 1 2 3 4 5"},
-    });
-}
-
 struct records_of : fixture {};
 
 TEST_F(records_of, the_table_are_asked_for_with_care)
