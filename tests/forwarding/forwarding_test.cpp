@@ -141,7 +141,7 @@ TEST(Fabric, NamesWhatIsWrong)
 }
 
 // Gives ids as the feeder does, and looks at nothing else.
-struct numbering : copy_listener {
+struct numbering : shadow_listener {
     void entry_touched(uint32_t) override {}
     void entry_affected(uint32_t) override {}
     void port_added(uint32_t port) override { copy.ports[port].xcid = ++last_xcid; }
@@ -152,7 +152,7 @@ struct numbering : copy_listener {
     void domain_going(uint32_t) override {}
     void full_dump_ended(bool) override {}
 
-    table_copy copy{*this};
+    shadow_table copy{*this};
     uint32_t last_xcid = 0;
     uint16_t last_id = 0;
 };
@@ -216,7 +216,7 @@ TEST(Mapping, FollowsTheTable)
     for (const mapping_case &each : cases) {
         SCOPED_TRACE(each.name);
         numbering with_ids;
-        table_copy &copy = with_ids.copy;
+        shadow_table &copy = with_ids.copy;
         copy.link_changed(link(port, "p", link_kind::other, bridge));
         copy.link_changed(link(bridge, "br", link_kind::bridge));
         copy.link_changed(link(vxlan, "vx", link_kind::vxlan, bridge, 100));
@@ -237,7 +237,7 @@ TEST(Mapping, FollowsTheTable)
 TEST(Copy, KeepsPortsPerVlanAndVni)
 {
     numbering with_ids;
-    table_copy &copy = with_ids.copy;
+    shadow_table &copy = with_ids.copy;
     copy.fdb_changed(on_bridge(1, 2, mac(1), fdb_reachable, 10)); // before its links
     const uint32_t entry = copy.find(key_of(on_bridge(1, 2, mac(1), fdb_reachable, 10)));
     EXPECT_EQ(copy.domains[copy.ports[copy.entries[entry].port].domain].vlan, 10);
@@ -249,7 +249,7 @@ TEST(Copy, KeepsPortsPerVlanAndVni)
     copy.link_changed(device);
     EXPECT_EQ(copy.ports[copy.entries[entry].port].key.vni, 200u);
     copy.fdb_changed(on_bridge(1, 2, mac(2), fdb_reachable, 10));
-    copy_port &walked = copy.ports[copy.entries[entry].port];
+    shadow_port &walked = copy.ports[copy.entries[entry].port];
     walked.resume = walked.first;
     copy.fdb_gone(on_bridge(1, 2, mac(1), fdb_reachable, 10));
     EXPECT_EQ(walked.resume, walked.last) << "a walk stands at an entry that has gone";
@@ -274,7 +274,7 @@ TEST(Copy, JoinsByTheMapFromVlansToVnis)
     };
     const vni_by_vlan map{{10, 100}, {20, 200}};
     numbering with_ids;
-    table_copy &copy = with_ids.copy;
+    shadow_table &copy = with_ids.copy;
     const auto fill = [&] {
         for (const uint16_t vlan : {uint16_t{10}, uint16_t{20}, uint16_t{30}}) {
             copy.fdb_changed(on_bridge(bridge, vxlan, mac(1), fdb_reachable, vlan));
@@ -411,9 +411,9 @@ void on_cache(Work work)
 // What a kernel would hold. Tells each change unless it is told to lose it.
 struct scripted : plane {
     const char *kind() const override { return "scripted"; }
-    base::result start(event_manager_t *, sink &sink_of_copy) override
+    base::result start(event_manager_t *, sink &sink_of_shadow_table) override
     {
-        to = &sink_of_copy;
+        to = &sink_of_shadow_table;
         list(true);
         return base::success();
     }
@@ -1217,9 +1217,9 @@ TEST_F(fed_module, RequestsWaitForTheFirstListing)
 {
     stop();
     struct slow : scripted {
-        base::result start(event_manager_t *evm, sink &sink_of_copy) override
+        base::result start(event_manager_t *evm, sink &sink_of_shadow_table) override
         {
-            to = &sink_of_copy;
+            to = &sink_of_shadow_table;
             to->full_dump_begun();
             const auto complete = [](void *cookie) { static_cast<slow *>(cookie)->list(true); };
             uint32_t timer = 0;
@@ -1243,7 +1243,7 @@ TEST_F(fed_module, RequestsWaitForTheFirstListing)
 // ---- The planes without a kernel ----
 
 // Keeps what is told, as a naive copy, and every event as a number.
-struct naive_copy : sink {
+struct naive_shadow_table : sink {
     void link_changed(const link_record &) override {}
     void link_gone(uint32_t) override {}
     void fdb_changed(const fdb_record &record) override
@@ -1270,8 +1270,8 @@ TEST(GeneratedPlane, ChurnsTheSameForASeedAndAnswersAsItReported)
 {
     fabric_options options;
     options.churn = 1'000'000; // a second: one round of the loop makes 50,000 changes or more
-    naive_copy copies[2];
-    for (naive_copy &copy : copies) {
+    naive_shadow_table copies[2];
+    for (naive_shadow_table &copy : copies) {
         host::event_manager_forget_ended();
         event_manager_t *const evm = test::create_manager("/test/generated");
         const auto plane = make_generated_plane(options);

@@ -34,7 +34,7 @@ using namespace forwarding;
 using std::chrono::steady_clock;
 
 // Keeps the reports in the plainest way.
-struct naive_copy final : sink {
+struct naive_shadow_table final : sink {
     std::map<uint32_t, link_record> links;
     std::map<fdb_key, fdb_record> entries;
     std::set<uint32_t> links_reported;
@@ -138,7 +138,7 @@ std::string text_of(const mac_address &mac)
 
 using words = std::multiset<std::string>;
 
-words words_of(const naive_copy &copy, const fdb_record &record)
+words words_of(const naive_shadow_table &copy, const fdb_record &record)
 {
     words result{text_of(record.mac), "dev", copy.links.at(record.ifindex).name};
     const auto add = [&result](bool present, std::initializer_list<std::string> more) {
@@ -163,7 +163,7 @@ words words_of(const naive_copy &copy, const fdb_record &record)
     return result;
 }
 
-std::multiset<words> reported(const naive_copy &copy)
+std::multiset<words> reported(const naive_shadow_table &copy)
 {
     std::multiset<words> result;
     for (const auto &[key, record] : copy.entries) {
@@ -173,7 +173,7 @@ std::multiset<words> reported(const naive_copy &copy)
 }
 
 // What `bridge fdb show` prints, but for receive filters.
-std::multiset<words> truth(const naive_copy &copy)
+std::multiset<words> truth(const naive_shadow_table &copy)
 {
     std::set<std::string> devices;
     for (const auto &[ifindex, link] : copy.links) {
@@ -204,7 +204,7 @@ std::multiset<words> truth(const naive_copy &copy)
 
 // A plane on this thread's event manager, which the test serves by hand.
 struct running_plane {
-    naive_copy copy;
+    naive_shadow_table copy;
     event_manager_t *evm = nullptr;
     uint32_t tick = 0;
     std::unique_ptr<plane> kernel;
