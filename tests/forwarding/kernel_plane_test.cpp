@@ -277,68 +277,70 @@ protected:
     }
 };
 
+// Changes of every kind that the kernel reports. Each step is a list of lines for run().
+constexpr const char *steps[] = {
+    "fdb add 02:00:00:00:00:01 dev p0 master static\n"
+    "fdb add 02:00:00:00:00:02 dev p0 master dynamic\n"
+    "fdb add 02:00:00:00:00:03 dev p0 master static sticky\n"
+    "fdb add 02:00:00:00:00:04 dev p0 master dynamic extern_learn\n"
+    "fdb add 02:00:00:00:00:05 dev br0 self local",
+    "link add br1 address 02:00:00:00:01:00 type bridge\n" // its own entry is notified before it
+    "link add p1 up master br0 type veth peer name q1\n"
+    "link set q1 up\n"
+    "fdb replace 02:00:00:00:00:02 dev p1 master dynamic", // moves
+    "link add vx0 up master br0 type vxlan id 10 dstport 4789\n"
+    "fdb add 02:00:00:00:00:06 dev vx0 master dynamic\n"
+    "fdb add 02:00:00:00:00:06 dev vx0 self dst 10.0.0.1 dynamic\n"
+    "fdb append 00:00:00:00:00:00 dev vx0 dst 10.0.0.1\n"
+    "fdb append 00:00:00:00:00:00 dev vx0 dst 10.0.0.2 vni 11\n"
+    "fdb append 00:00:00:00:00:00 dev vx0 dst 10.0.0.2 port 4000\n"
+    "fdb append 00:00:00:00:00:00 dev vx0 dst 10.0.0.3",
+    "link add vxe type vxlan dstport 4790 external vnifilter\n"
+    "link set vxe up\n"
+    "vni add vni 500 dev vxe\n"
+    "vni add vni 501 dev vxe\n"
+    "fdb add 02:00:00:00:00:07 dev vxe dst 10.0.0.4 src_vni 500 vni 600\n"
+    "fdb add 02:00:00:00:00:07 dev vxe dst 10.0.0.5 src_vni 501",
+    "fdb del 00:00:00:00:00:00 dev vx0 dst 10.0.0.2 vni 11\n"
+    "fdb replace 02:00:00:00:00:06 dev vx0 self dst 10.0.0.9 dynamic\n"
+    "fdb append 01:00:5e:00:00:01 dev vx0 dst 10.0.0.1\n"
+    "fdb append 01:00:5e:00:00:01 dev vx0 dst 10.0.0.2\n"
+    "fdb del 01:00:5e:00:00:01 dev vx0 dst 10.0.0.2\n" // the other one stays
+    "fdb del 02:00:00:00:00:01 dev p0 master",
+    "nexthop add id 1 via 10.0.0.1 fdb\n"
+    "nexthop add id 2 via 10.0.0.2 fdb\n"
+    "nexthop add id 3 dev q0\n"
+    "nexthop add id 10 group 1/2 fdb\n"
+    "nexthop add id 11 group 2 fdb\n"
+    "nexthop add id 12 group 1 fdb\n"
+    "nexthop add id 13 group 1 fdb\n"
+    "fdb add 02:00:00:00:00:0a dev vx0 nhid 10 self\n"
+    "fdb add 02:00:00:00:00:0b dev vx0 nhid 11 self\n"
+    "fdb add 02:00:00:00:00:0c dev vx0 nhid 12 self\n"
+    "fdb add 02:00:00:00:00:0d dev vx0 nhid 13 self",
+    "nexthop replace id 10 group 1 fdb\nnexthop del id 2", // empties 11
+    "nexthop replace id 12 group 3\nnexthop del id 12",    // had become one of routes
+    "nexthop del id 13\nnexthop add id 13 group 1 fdb\nfdb add 02:00:00:00:00:0e dev vx0 nhid 13 self",
+    "nexthop flush",
+    "link set vxe master br1",
+    "fdb flush dev br0\nfdb add 02:00:00:00:00:02 dev p1 master dynamic",
+    "link set p1 name p9\nlink set br0 name br9",
+    "link set br9 address 02:00:00:00:00:aa\nlink set p9 address 02:00:00:00:00:bb", // the bridge had a port's
+    "link set p0 address 02:00:00:00:00:bb",
+    "link set p9 address 02:00:00:00:00:cc", // the entry passes to p0
+    "link set p0 address 02:00:00:00:00:aa\nlink set br9 address 02:00:00:00:00:dd",
+    "link set br9 address 02:00:00:00:00:aa",
+    "link set p0 nomaster\nlink del vx0", // the entry passes to the bridge
+    "link set p0 master br1\nlink del p9",
+    "link del br9",
+    "link del vxe\nlink del br1",
+    "link add br2 up type bridge\nlink set p0 master br2", // takes its port's address
+    "link set p0 nomaster",
+};
+
 // Each step is seen both as it happens and by a plane that starts after it.
 TEST_F(KernelPlane, TellsWhatTheSystemLists)
 {
-    const char *const steps[] = {
-        "fdb add 02:00:00:00:00:01 dev p0 master static\n"
-        "fdb add 02:00:00:00:00:02 dev p0 master dynamic\n"
-        "fdb add 02:00:00:00:00:03 dev p0 master static sticky\n"
-        "fdb add 02:00:00:00:00:04 dev p0 master dynamic extern_learn\n"
-        "fdb add 02:00:00:00:00:05 dev br0 self local",
-        "link add br1 address 02:00:00:00:01:00 type bridge\n" // its own entry is notified before it
-        "link add p1 up master br0 type veth peer name q1\n"
-        "link set q1 up\n"
-        "fdb replace 02:00:00:00:00:02 dev p1 master dynamic", // moves
-        "link add vx0 up master br0 type vxlan id 10 dstport 4789\n"
-        "fdb add 02:00:00:00:00:06 dev vx0 master dynamic\n"
-        "fdb add 02:00:00:00:00:06 dev vx0 self dst 10.0.0.1 dynamic\n"
-        "fdb append 00:00:00:00:00:00 dev vx0 dst 10.0.0.1\n"
-        "fdb append 00:00:00:00:00:00 dev vx0 dst 10.0.0.2 vni 11\n"
-        "fdb append 00:00:00:00:00:00 dev vx0 dst 10.0.0.2 port 4000\n"
-        "fdb append 00:00:00:00:00:00 dev vx0 dst 10.0.0.3",
-        "link add vxe type vxlan dstport 4790 external vnifilter\n"
-        "link set vxe up\n"
-        "vni add vni 500 dev vxe\n"
-        "vni add vni 501 dev vxe\n"
-        "fdb add 02:00:00:00:00:07 dev vxe dst 10.0.0.4 src_vni 500 vni 600\n"
-        "fdb add 02:00:00:00:00:07 dev vxe dst 10.0.0.5 src_vni 501",
-        "fdb del 00:00:00:00:00:00 dev vx0 dst 10.0.0.2 vni 11\n"
-        "fdb replace 02:00:00:00:00:06 dev vx0 self dst 10.0.0.9 dynamic\n"
-        "fdb append 01:00:5e:00:00:01 dev vx0 dst 10.0.0.1\n"
-        "fdb append 01:00:5e:00:00:01 dev vx0 dst 10.0.0.2\n"
-        "fdb del 01:00:5e:00:00:01 dev vx0 dst 10.0.0.2\n" // the other one stays
-        "fdb del 02:00:00:00:00:01 dev p0 master",
-        "nexthop add id 1 via 10.0.0.1 fdb\n"
-        "nexthop add id 2 via 10.0.0.2 fdb\n"
-        "nexthop add id 3 dev q0\n"
-        "nexthop add id 10 group 1/2 fdb\n"
-        "nexthop add id 11 group 2 fdb\n"
-        "nexthop add id 12 group 1 fdb\n"
-        "nexthop add id 13 group 1 fdb\n"
-        "fdb add 02:00:00:00:00:0a dev vx0 nhid 10 self\n"
-        "fdb add 02:00:00:00:00:0b dev vx0 nhid 11 self\n"
-        "fdb add 02:00:00:00:00:0c dev vx0 nhid 12 self\n"
-        "fdb add 02:00:00:00:00:0d dev vx0 nhid 13 self",
-        "nexthop replace id 10 group 1 fdb\nnexthop del id 2", // empties 11
-        "nexthop replace id 12 group 3\nnexthop del id 12",    // had become one of routes
-        "nexthop del id 13\nnexthop add id 13 group 1 fdb\nfdb add 02:00:00:00:00:0e dev vx0 nhid 13 self",
-        "nexthop flush",
-        "link set vxe master br1",
-        "fdb flush dev br0\nfdb add 02:00:00:00:00:02 dev p1 master dynamic",
-        "link set p1 name p9\nlink set br0 name br9",
-        "link set br9 address 02:00:00:00:00:aa\nlink set p9 address 02:00:00:00:00:bb", // the bridge had a port's
-        "link set p0 address 02:00:00:00:00:bb",
-        "link set p9 address 02:00:00:00:00:cc", // the entry passes to p0
-        "link set p0 address 02:00:00:00:00:aa\nlink set br9 address 02:00:00:00:00:dd",
-        "link set br9 address 02:00:00:00:00:aa",
-        "link set p0 nomaster\nlink del vx0", // the entry passes to the bridge
-        "link set p0 master br1\nlink del p9",
-        "link del br9",
-        "link del vxe\nlink del br1",
-        "link add br2 up type bridge\nlink set p0 master br2", // takes its port's address
-        "link set p0 nomaster",
-    };
     running_plane live;
     ASSERT_TRUE(live.serve_until_clean()) << live.error;
     for (const char *step : steps) {

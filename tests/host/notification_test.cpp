@@ -98,31 +98,6 @@ TEST_F(notification, ArrivesInOrderInTheSlotThatItIsFor)
     EXPECT_EQ(arrived, (std::vector<arrival>{{'b', 0, 1}, {'e', 5, 2}, {'b', 1, 4}, {'e', 0, 5}}));
 }
 
-TEST_F(notification, RemovalsSayWhatWasRemoved)
-{
-    static std::vector<bdxc_notification_t> removed;
-    removed.clear();
-    bdxc_connection_t *other = nullptr;
-    ASSERT_EQ(bdxc_process_connect(evm, 0, &other), 0u);
-    const bdxc_subscription_t subscription{{[](void *, void *, const void *record) {
-        removed.push_back(*static_cast<const bdxc_notification_t *>(record));
-    }}};
-    ASSERT_EQ(bdxc_register_bdxc_notifications(other, 0, &subscription), 0u);
-    EXPECT_EQ(host::bdxc_publish_bridge_domain_removed(7), 0u);
-    EXPECT_EQ(host::bdxc_publish_cross_connect_removed(0x2001), 0u);
-    drain();
-
-    bdxc_notification_t expected[2] = {};
-    expected[0].object_id = 7;
-    expected[0].object_kind = BDXC_KIND_BRIDGE_DOMAIN;
-    expected[1].object_id = 0x2001;
-    expected[1].object_kind = BDXC_KIND_CROSS_CONNECT;
-    expected[0].event_code = expected[1].event_code = BDXC_EVENT_REMOVED;
-    ASSERT_EQ(removed.size(), 2u);
-    EXPECT_EQ(std::memcmp(removed.data(), expected, sizeof(expected)), 0);
-    EXPECT_EQ(arrived, (std::vector<arrival>{{'b', 0, 7}, {'b', 0, 0x2001}})); // both connections have them
-}
-
 TEST_F(notification, DisconnectionDropsWhatIsQueued)
 {
     const bdxc_subscription_t subscription{};

@@ -464,22 +464,6 @@ TEST_F(operational_db, the_data_managers_thread_cannot_wait_for_itself)
     test::serve_queued(manager.evm);
 }
 
-TEST(operational_status, says_what_it_means)
-{
-    const struct {
-        uint32_t status;
-        const char *text;
-    } cases[] = {
-        {EDM_ERR_RESYNC, "the forwarding plane could not bring the table up to date (0x8513ac00)"},
-        {EDM_RESYNC_SEND_ERROR | ETIMEDOUT, "the table was not brought up to date: Connection timed out (0x0000006e)"},
-        {ENOMEM, "Cannot allocate memory (0x0000000c)"},
-        {0x40000000, "failed (0x40000000)"},
-    };
-    for (const auto &[status, text] : cases) {
-        EXPECT_EQ(host::operational_status_text(status), text);
-    }
-}
-
 // ---- Time-outs, cancelling and ends ----
 
 TEST_F(operational_db, a_request_that_is_not_answered_in_time_ends_and_its_answer_is_dropped)

@@ -265,19 +265,6 @@ TEST(ordtree, survives_every_order_of_insertion_and_deletion)
     }
 }
 
-// Seven keys: each order of insertion, each time with another order of deletion, so that every one comes up for both.
-TEST(ordtree, holds_seven_keys_in_each_of_their_orders)
-{
-    for (const kind &of : kinds) {
-        sequence insertion = sawtooth(7, 1);
-        sequence deletion = sawtooth(7, 7);
-        do {
-            grow_and_shrink(of, insertion, deletion, 1);
-            std::prev_permutation(deletion.begin(), deletion.end());
-        } while (std::next_permutation(insertion.begin(), insertion.end()));
-    }
-}
-
 TEST(ordtree, walks_without_a_search_and_while_its_records_leave)
 {
     constexpr uint32_t count = 5000;

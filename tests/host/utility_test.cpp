@@ -93,16 +93,6 @@ TEST(macstring, is_bounded)
     EXPECT_EQ(strlen(macstring(address, UINT32_MAX)), 32u * 3 - 1);
 }
 
-TEST(stamp, runs_forward_in_nanoseconds)
-{
-    timespec before{};
-    clock_gettime(CLOCK_MONOTONIC, &before);
-    const uint64_t first = fts_get_stamp_fast();
-    const uint64_t second = fts_get_stamp_fast();
-    EXPECT_LE(first, second);
-    EXPECT_NEAR(static_cast<double>(first) / 1e9, static_cast<double>(before.tv_sec), 2.0);
-}
-
 TEST(thread_name, is_cut_to_what_the_system_has_room_for)
 {
     std::thread([] {

@@ -225,36 +225,14 @@ TEST(refusal, half_way_through_a_refresh_keeps_what_was_read)
     stop();
 }
 
-TEST(refusal, of_single_calls_leaves_what_was_done_before)
+TEST(refusal, of_an_insertion_and_its_undo_is_traced)
 {
-    const struct {
-        std::vector<std::pair<interpose::operation &, uint64_t>> refused;
-        row step;
-    } rows[] = {
-        {{{interpose::ordtree_delete, 1}},
-         {"a sweep stops, but not that of the VTEPs", "1 10 1; 2 10 1; 3 30 1 0x1000 5; mark", "sweep", EDM_ERR_STOPPED,
-          "1955 l2fm_edm_table_mac_destroy INVALID_ARGS; 1917 l2fib_mac_edm_sweep 10 INVALID_ARGS",
-          "1: 10*(2!) 30*(3!) | list 2 3"}},
-        {{{interpose::ordtree_insert, 2},
-          {interpose::ordtree_delete, 1}}, // into the bridge domain's tree, and the undo
-         {"an undo is traced", "1 10 1", "2 20 1", EDM_ERR_NO_RESOURCE,
-          "1954 l2fm_edm_table_bp_create 20 INVALID_ARGS; 1913 l2fib_mac_edm_add 20", "1: 10(1) | list 1"}},
-        {{{interpose::ordtree_init, 1}},
-         {"a port without its VTEP tree", "1 10 1; kind 10 5; mark", "1 10 1 0x1000 5", 0,
-          "1968 l2fm_edm_table_bp_vtep_init; 1968 l2fm_edm_table_vtep_create_modify; 1970 l2fm_edm_table_mac_create 10",
-          "1: 10*(1) | list 1"}},
-        {{{interpose::ordtree_init, 1}},
-         {"gets it with the next feed", "1 10 1; kind 10 5; mark", "1 10 1 0x1000 5; 1 10 1 0x1000 5", 0,
-          "1968 l2fm_edm_table_bp_vtep_init; 1968 l2fm_edm_table_vtep_create_modify; 1970 l2fm_edm_table_mac_create 10",
-          "1: 10(1){5} | list 1"}},
-    };
-    for (const auto &[refused, step] : rows) {
-        check({step}, [&refused = refused] {
-            for (const auto &[operation, nth] : refused) {
-                operation.refuse(nth);
-            }
-        });
-    }
+    check({{"into the bridge domain's tree", "1 10 1", "2 20 1", EDM_ERR_NO_RESOURCE,
+            "1954 l2fm_edm_table_bp_create 20 INVALID_ARGS; 1913 l2fib_mac_edm_add 20", "1: 10(1) | list 1"}},
+          [] {
+              interpose::ordtree_insert.refuse(2);
+              interpose::ordtree_delete.refuse(1);
+          });
 }
 
 } // namespace
