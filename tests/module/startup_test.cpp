@@ -49,14 +49,12 @@ const std::map<role, journal> undisturbed = {
     {cache,
      {"begin 1 1", "event_manager_create 0 /dev/l2fib_mac_cache 12 0", "bdxc_process_connect",
       "bdxc_register_bdxc_notifications", "bdxc_register_efp_notifications", "l2fm_edm_table_init locked",
-      "cache_evm_cb 1", "event_callback_attach", "event_message_attach",
-      "msg_chan_attach 1", "trace 1945 l2fib_mac_cache_thread_init 0", "set_thread_name Mac-Edm-Cache-Thread 1",
-      "event_block"}},
+      "cache_evm_cb 1", "event_callback_attach", "event_message_attach", "msg_chan_attach 1",
+      "trace 1945 l2fib_mac_cache_thread_init 0", "set_thread_name Mac-Edm-Cache-Thread 1", "event_block"}},
     {edm,
      {"begin 1 1", "event_manager_create 0 /dev/l2fib_mac_edm 12 0", "l2fib_hw_mac_addr_edm_fn_init",
-      "l2fib_action_mac_edm_fn_init", "l2fib_show_mac_edm_optree_init mac-",
-      "l2fib_action_mac_edm_init", "trace 1944 l2fib_mac_edm_thread_init 0", "set_thread_name Mac-Edm-Thread 1",
-      "event_block"}}};
+      "l2fib_action_mac_edm_fn_init", "l2fib_show_mac_edm_optree_init mac-", "l2fib_action_mac_edm_init",
+      "trace 1944 l2fib_mac_edm_thread_init 0", "set_thread_name Mac-Edm-Thread 1", "event_block"}}};
 
 struct failing_step {
     fault step;
