@@ -19,8 +19,8 @@ uint32_t l2fm_edm_table_bd_bp_xcid_cmp(const ordtree_link_t *first, const ordtre
 uint32_t l2fm_edm_table_mac_addr_cmp(const ordtree_link_t *first, const ordtree_link_t *second);
 uint32_t l2fm_edm_table_vtep_addr_cmp(const ordtree_link_t *first, const ordtree_link_t *second);
 
-// Convert a node into the start of its element. A node of the global port tree is the second link of its element, a node
-// of a bridge domain's port tree is the first one.
+// Convert a node into the start of its element. A node of the global port tree is the second link of its element, a
+// node of a bridge domain's port tree is the first one.
 void *l2fm_edm_table_bp_node_to_entry(ordtree_link_t *node);
 void *l2fm_edm_table_node_identity(ordtree_link_t *node);
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The part of the table lock that l2fib_mac_edm.h does not export: its creation, and the check that no thread waits while
-// it holds the lock.
+// The part of the table lock that l2fib_mac_edm.h does not export: its creation, and the check that no thread waits
+// while it holds the lock.
 #pragma once
 
 #include <cstdint>
