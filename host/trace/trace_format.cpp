@@ -34,7 +34,7 @@ void append_status(std::string &text, uint64_t status)
 
 void append_address(std::string &text, const uint64_t *words)
 {
-    std::array<uint8_t, 2 * host::trace_address_values> address;
+    std::array<uint8_t, size_t{2} * host::trace_address_values> address;
     for (size_t i = 0; i < host::trace_address_values; i++) {
         address[2 * i] = static_cast<uint8_t>(words[i]);
         address[2 * i + 1] = static_cast<uint8_t>(words[i] >> 8);
