@@ -3,11 +3,11 @@
 // The hardware MAC feed: stores in the table what the platform reports. One call is one critical section, so no other
 // thread sees an entry half stored.
 #include "l2fm_edm_table.h"
-#include "table/address_index.h"
 #include "table/element.h"
+#include "table/index/address_index.h"
 #include "table/scoped_lock.h"
+#include "table/search/tree_access.h"
 #include "table/trace_point.h"
-#include "table/tree_access.h"
 
 namespace {
 

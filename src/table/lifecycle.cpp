@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // Start and teardown of the whole table.
-#include "table/address_index.h"
 #include "table/element.h"
-#include "table/index_trust.h"
-#include "table/object_index.h"
-#include "table/ordering.h"
+#include "table/index/address_index.h"
+#include "table/index/index_trust.h"
+#include "table/index/object_index.h"
 #include "table/root.h"
+#include "table/search/ordering.h"
 #include "table/shared_cell.h"
 #include "table/trace_point.h"
 

@@ -4,7 +4,7 @@
 #include "table/root.h"
 
 #include "table/element.h"
-#include "table/index_trust.h"
+#include "table/index/index_trust.h"
 #include "table/shared_cell.h"
 
 namespace edm {

@@ -21,11 +21,11 @@
 #include <cstring>
 
 #include "platform/utility.h"
-#include "table/address_index.h"
 #include "table/element.h"
-#include "table/index_trust.h"
-#include "table/mac_limit.h"
+#include "table/index/address_index.h"
+#include "table/index/index_trust.h"
 #include "table/pool.h"
+#include "table/records/mac_limit.h"
 #include "table/root.h"
 #include "table/shared_cell.h"
 #include "table/trace_point.h"

@@ -40,8 +40,8 @@ struct address_answer {
 address_answer address_index_find(const uint8_t *mac_addr, const l2fm_edm_bp_t *preferred,
                                   const l2fm_edm_bd_t *bd) L2FIB_REQUIRES_TABLE_LOCK;
 
-// How an entry was counted last (mac_entry.cpp). Entries are aligned to 8 bytes, so the low bits of the chain's
-// pointers are free for it:
+// How an entry was counted last (table/records/mac_entry.cpp). Entries are aligned to 8 bytes, so the low bits of the
+// chain's pointers are free for it:
 //
 //      same_addr_prev    | predecessor                      | 3 bits: kind |
 //      same_addr_next    | successor                        | 0  0 | 1 bit: counted |

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "table/index_trust.h"
+#include "table/index/index_trust.h"
 
 namespace {
 

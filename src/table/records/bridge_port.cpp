@@ -5,12 +5,12 @@
 // An ordinary port is in the global tree and in its bridge domain's tree. A dummy port is in its bridge domain's tree
 // only. A port counts as soon as it is in its trees, until it is destroyed.
 #include "table/element.h"
-#include "table/index_trust.h"
-#include "table/object_index.h"
-#include "table/ordering.h"
+#include "table/index/index_trust.h"
+#include "table/index/object_index.h"
+#include "table/records/segment.h"
 #include "table/root.h"
 #include "table/scoped_lock.h"
-#include "table/segment.h"
+#include "table/search/ordering.h"
 #include "table/trace_point.h"
 
 namespace {

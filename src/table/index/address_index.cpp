@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "table/address_index.h"
+#include "table/index/address_index.h"
 
 #include <cstring>
 
-#include "table/growing_index.h"
-#include "table/index_trust.h"
+#include "table/index/growing_index.h"
+#include "table/index/index_trust.h"
 
 namespace {
 

@@ -4,11 +4,11 @@
 #include "platform/bounded_copy.h"
 #include "platform/l2fib.h"
 #include "table/element.h"
-#include "table/index_trust.h"
-#include "table/object_index.h"
-#include "table/ordering.h"
+#include "table/index/index_trust.h"
+#include "table/index/object_index.h"
 #include "table/root.h"
 #include "table/scoped_lock.h"
+#include "table/search/ordering.h"
 #include "table/trace_point.h"
 
 namespace {

@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "table/object_index.h"
+#include "table/index/object_index.h"
 
-#include "table/growing_index.h"
-#include "table/index_trust.h"
+#include "table/index/growing_index.h"
+#include "table/index/index_trust.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "table/ordering.h"
+#include "table/search/ordering.h"
 
 #include <cstring>
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "table/segment.h"
+#include "table/records/segment.h"
 
 #include "platform/l2fib.h"
 

@@ -6,12 +6,12 @@
 
 #include "platform/bounded_copy.h"
 #include "platform/l2fib.h"
-#include "table/address_index.h"
-#include "table/index_trust.h"
-#include "table/object_index.h"
+#include "table/index/address_index.h"
+#include "table/index/index_trust.h"
+#include "table/index/object_index.h"
 #include "table/root.h"
+#include "table/search/tree_access.h"
 #include "table/trace_point.h"
-#include "table/tree_access.h"
 
 namespace {
 
