@@ -4,8 +4,8 @@
 // thread sees an entry half stored.
 #include "l2fm_edm_table.h"
 #include "table/element.h"
-#include "table/index/address_index.h"
 #include "table/scoped_lock.h"
+#include "table/search/indexed.h"
 #include "table/search/tree_access.h"
 #include "table/trace_point.h"
 
@@ -23,7 +23,7 @@ constinit bool is_filling L2FIB_GUARDED_BY_TABLE_LOCK = false;
 
 l2fm_edm_bd_t *bridge_domain_of(const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
-    l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_by_bridgeid(entry->bridge_id);
+    l2fm_edm_bd_t *bd = edm::find_bd(entry->bridge_id);
     if (bd == nullptr) {
         bd = l2fm_edm_table_bd_create(entry->bridge_id);
     }
@@ -47,7 +47,7 @@ l2fm_edm_bp_t *dummy_port_of(l2fm_edm_bd_t *bd) L2FIB_REQUIRES_TABLE_LOCK
 
 l2fm_edm_bp_t *ordinary_port_of(l2fm_edm_bd_t *bd, const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
-    l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(entry->xcid);
+    l2fm_edm_bp_t *bp = edm::find_bp(entry->xcid);
     if (bp == nullptr) {
         bp = l2fm_edm_table_bp_create(bd, entry->xcid);
         if (bp == nullptr) {
@@ -68,13 +68,13 @@ l2fm_edm_bp_t *port_of(l2fm_edm_bd_t *bd, const l2fib_mac_edm_entry_t *entry) L2
     return (entry->flags & EDM_MAC_ON_DUMMY_PORT) != 0 ? dummy_port_of(bd) : ordinary_port_of(bd, entry);
 }
 
-uint32_t file_entry(const l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp,
+uint32_t file_entry(const edm::address_probe &probe, const l2fm_edm_bd_t *bd, l2fm_edm_bp_t *bp,
                     const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (is_filling) {
         edm::expect_mac(bp, entry->mac_addr);
     }
-    l2fm_edm_mac_t *mac = l2fm_edm_table_mac_lookup(entry, bd, bp);
+    l2fm_edm_mac_t *mac = edm::find_fed_mac(probe, entry, bd, bp);
     is_filling = mac == nullptr;
     const uint32_t status =
         mac != nullptr ? l2fm_edm_table_mac_update(bp, mac, entry) : l2fm_edm_table_mac_create(bp, entry);
@@ -95,8 +95,9 @@ uint32_t l2fib_mac_edm_add(const l2fib_mac_edm_entry_t *entry)
         return EDM_ERR_INVALID_ARGS;
     }
     const edm::scoped_lock lock;
-    edm::address_index_expect(entry->mac_addr);
+    const edm::address_probe probe = edm::probe_of(entry->mac_addr);
+    edm::address_index_expect(probe);
     l2fm_edm_bd_t *bd = bridge_domain_of(entry);
     l2fm_edm_bp_t *bp = bd != nullptr ? port_of(bd, entry) : nullptr;
-    return bp != nullptr ? file_entry(bd, bp, entry) : EDM_ERR_NO_RESOURCE;
+    return bp != nullptr ? file_entry(probe, bd, bp, entry) : EDM_ERR_NO_RESOURCE;
 }

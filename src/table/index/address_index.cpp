@@ -2,39 +2,15 @@
 
 #include "table/index/address_index.h"
 
-#include <cstring>
-
-#include "table/index/growing_index.h"
 #include "table/index/index_trust.h"
 
 namespace {
 
-struct by_address {
-    using record_t = l2fm_edm_mac_t;
-    using key_t = uint64_t;
+using edm::addresses;
+using edm::by_address;
 
-    static uint64_t key(const uint8_t *mac_addr)
-    {
-        uint32_t high = 0;
-        uint16_t low = 0;
-        std::memcpy(&high, mac_addr, sizeof(high));
-        std::memcpy(&low, mac_addr + sizeof(high), sizeof(low));
-        return uint64_t{high} << 16 | low;
-    }
-
-    static uint64_t key_of(const l2fm_edm_mac_t &mac) { return key(mac.mac_addr); }
-};
-
-// The head of the chain of each address.
-constinit edm::growing_index<by_address> heads L2FIB_GUARDED_BY_TABLE_LOCK{};
-// How many entries are not in the index.
-constinit uint64_t missing L2FIB_GUARDED_BY_TABLE_LOCK = 0;
-
-// The address that the latest unsuccessful search was for, until the next entry is linked. A feed searches an address
-// just before it creates the entry, so address_index_link need not search it again. An address has 48 bits, so none
-// equals `no_address`.
+// An address has 48 bits, so none equals `no_address`.
 constexpr uint64_t no_address = UINT64_MAX;
-constinit uint64_t known_absent L2FIB_GUARDED_BY_TABLE_LOCK = no_address;
 
 // How many entries of a chain a search visits. In a longer chain, a search in the ports of one bridge domain is
 // cheaper.
@@ -60,6 +36,11 @@ void set_chain_next(l2fm_edm_mac_t *mac, l2fm_edm_mac_t *next)
     mac->same_addr_next = reinterpret_cast<uintptr_t>(next) | (mac->same_addr_next & edm::counted_mask);
 }
 
+bool is_head(const l2fm_edm_mac_t *mac)
+{
+    return chain_prev(mac) == nullptr;
+}
+
 // A missing entry is its own predecessor. No entry in a chain is.
 bool is_missing(const l2fm_edm_mac_t *mac)
 {
@@ -67,8 +48,9 @@ bool is_missing(const l2fm_edm_mac_t *mac)
 }
 
 // Inserts an entry behind the head of its chain, which needs no search for the chain's end.
-void join_chain(l2fm_edm_mac_t *head, l2fm_edm_mac_t *mac)
+void join_chain(edm::index_place place, l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 {
+    l2fm_edm_mac_t *head = edm::index_record(addresses.heads, place);
     l2fm_edm_mac_t *next = chain_next(head);
     set_chain_next(mac, next);
     set_chain_prev(mac, head);
@@ -76,31 +58,35 @@ void join_chain(l2fm_edm_mac_t *head, l2fm_edm_mac_t *mac)
         set_chain_prev(next, mac);
     }
     set_chain_next(head, mac);
+    edm::index_set_mark(place, true);
 }
 
 // Removes the head of a chain. The next entry becomes the head; without a next entry the address leaves the index.
 void remove_head(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 {
-    const edm::index_place place = edm::index_find(heads, by_address::key_of(*mac));
-    if (edm::index_record(heads, place) != mac) {
+    const edm::index_place place = edm::index_find(addresses.heads, by_address::key_of(*mac));
+    if (edm::index_record(addresses.heads, place) != mac) {
         return; // the entry was never linked
     }
     l2fm_edm_mac_t *next = chain_next(mac);
     if (next == nullptr) {
-        edm::index_erase(heads, place);
+        edm::index_erase(addresses.heads, place);
         return;
     }
     set_chain_prev(next, nullptr);
     edm::index_replace(place, next);
+    edm::index_set_mark(place, chain_next(next) != nullptr);
 }
 
 // Removes an entry behind `prev` from its chain.
-void remove_behind(l2fm_edm_mac_t *prev, l2fm_edm_mac_t *mac)
+void remove_behind(l2fm_edm_mac_t *prev, l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 {
     l2fm_edm_mac_t *next = chain_next(mac);
     set_chain_next(prev, next);
     if (next != nullptr) {
         set_chain_prev(next, prev);
+    } else if (is_head(prev)) {
+        edm::index_set_mark(edm::index_find(addresses.heads, by_address::key_of(*prev)), false);
     }
 }
 
@@ -108,19 +94,23 @@ void remove_behind(l2fm_edm_mac_t *prev, l2fm_edm_mac_t *mac)
 
 namespace edm {
 
+// `known_absent` is the address that the latest unsuccessful search was for, until the next entry is linked. A feed
+// searches an address just before it creates the entry, so address_index_link need not search it again.
+constinit address_index addresses = {.heads = {}, .missing = 0, .known_absent = no_address};
+
 void address_index_link(l2fm_edm_mac_t *mac)
 {
     if (!indexes_trusted()) {
         return;
     }
     const uint64_t address = by_address::key_of(*mac);
-    const index_place place = address != known_absent ? index_find(heads, address) : index_place{};
-    known_absent = no_address;
+    const index_place place = address != addresses.known_absent ? index_find(addresses.heads, address) : index_place{};
+    addresses.known_absent = no_address;
     if (place) {
-        join_chain(index_record(heads, place), mac);
-    } else if (!index_insert(heads, mac)) {
+        join_chain(place, mac);
+    } else if (!index_insert(addresses.heads, mac)) {
         set_chain_prev(mac, mac);
-        missing++;
+        addresses.missing++;
     }
 }
 
@@ -131,7 +121,7 @@ void address_index_unlink(l2fm_edm_mac_t *mac)
     }
     l2fm_edm_mac_t *prev = chain_prev(mac);
     if (is_missing(mac)) {
-        missing--;
+        addresses.missing--;
     } else if (prev != nullptr) {
         remove_behind(prev, mac);
     } else {
@@ -143,25 +133,19 @@ void address_index_unlink(l2fm_edm_mac_t *mac)
 
 void address_index_release()
 {
-    index_release(heads);
-    missing = 0;
-    known_absent = no_address;
+    index_release(addresses.heads);
+    addresses.missing = 0;
+    addresses.known_absent = no_address;
 }
 
-void address_index_expect(const uint8_t *mac_addr)
+address_answer address_index_find(const address_probe &probe, const l2fm_edm_bp_t *preferred, const l2fm_edm_bd_t *bd)
 {
-    index_expect(heads, by_address::key(mac_addr));
-}
-
-address_answer address_index_find(const uint8_t *mac_addr, const l2fm_edm_bp_t *preferred, const l2fm_edm_bd_t *bd)
-{
-    if (missing != 0) {
+    if (addresses.missing != 0) {
         return {false, nullptr};
     }
-    const uint64_t address = by_address::key(mac_addr);
-    l2fm_edm_mac_t *mac = index_record(heads, index_find(heads, address));
+    l2fm_edm_mac_t *mac = index_record(addresses.heads, index_find(addresses.heads, probe.address, probe.hash));
     if (mac == nullptr) {
-        known_absent = address;
+        addresses.known_absent = probe.address;
     }
     l2fm_edm_mac_t *lowest = nullptr;
     for (uint32_t followed = 0; mac != nullptr; mac = chain_next(mac), followed++) {

@@ -8,18 +8,48 @@
 //      index                    port 10               port 11               port 20
 //      02:00:00:00:0a:01  --->  entry  <----------->  entry  <----------->  entry
 //
-// The chain does not depend on bridge domains. A port that moves to another bridge domain needs no change here.
+// The chain does not depend on bridge domains. A port that moves to another bridge domain needs no change here. A head
+// with a successor is marked in the index, so a search for any other address reads one line of the index and one of the
+// entry.
 //
 // If memory is short, an entry stays out of the index and counts as missing. While an entry is missing, or if a chain
 // is long, the answer is "unknown" and the caller searches the trees.
 //
-// The creation and the destruction of an entry update the index. Callers use its answers only while
-// edm::indexes_trusted(): afterwards nobody updates it, and it may name entries that no longer exist.
+// The creation and the destruction of an entry update the index. Callers search it only while edm::indexes_trusted():
+// afterwards nobody updates it, and it may name entries that no longer exist or have no port.
 #pragma once
 
+#include <cstring>
+
 #include "l2fm_edm_table.h"
+#include "table/index/growing_index.h"
 
 namespace edm {
+
+struct by_address {
+    using record_t = l2fm_edm_mac_t;
+    using key_t = uint64_t;
+
+    static uint64_t key(const uint8_t *mac_addr)
+    {
+        uint32_t high = 0;
+        uint16_t low = 0;
+        std::memcpy(&high, mac_addr, sizeof(high));
+        std::memcpy(&low, mac_addr + sizeof(high), sizeof(low));
+        return uint64_t{low} << 32 | high;
+    }
+
+    static uint64_t key_of(const l2fm_edm_mac_t &mac) { return key(mac.mac_addr); }
+};
+
+// The index itself, for the functions below. Only they and address_index.cpp use it.
+struct address_index {
+    growing_index<by_address> heads; // the head of the chain of each address
+    uint64_t missing;                // how many entries are not in the index
+    uint64_t known_absent;           // see address_index.cpp
+};
+
+extern address_index addresses L2FIB_GUARDED_BY_TABLE_LOCK;
 
 void address_index_link(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK;
 void address_index_unlink(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK;
@@ -27,8 +57,36 @@ void address_index_unlink(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK;
 // Empties the index and releases its memory.
 void address_index_release() L2FIB_REQUIRES_TABLE_LOCK;
 
+// An address with its hash, so that the steps of a search compute them once. Valid until the index changes.
+struct address_probe {
+    uint64_t address;
+    uint64_t hash;
+};
+
+[[gnu::always_inline]] inline address_probe probe_of(const uint8_t *mac_addr) L2FIB_REQUIRES_TABLE_LOCK
+{
+    const uint64_t address = by_address::key(mac_addr);
+    return {address, index_hash(addresses.heads, address)};
+}
+
 // Hints that the caller will soon look for an address. The processor fetches memory meanwhile.
-void address_index_expect(const uint8_t *mac_addr) L2FIB_REQUIRES_TABLE_LOCK;
+[[gnu::always_inline]] inline void address_index_expect(const address_probe &probe) L2FIB_REQUIRES_TABLE_LOCK
+{
+    index_expect(addresses.heads, probe.hash);
+}
+
+// Prefetches the entry that probably has the address. False if there is probably none. The bucket is in the cache.
+[[gnu::always_inline]] inline bool address_index_expect_entry(const address_probe &probe) L2FIB_REQUIRES_TABLE_LOCK
+{
+    const index_place place = index_guess(addresses.heads, probe.hash);
+    if (!place) {
+        return false;
+    }
+    const auto *entry = reinterpret_cast<const char *>(index_record(addresses.heads, place));
+    __builtin_prefetch(entry, 1);
+    __builtin_prefetch(entry + sizeof(l2fm_edm_mac_t) - 1, 1);
+    return true;
+}
 
 struct address_answer {
     bool known;          // false: search the trees
@@ -37,8 +95,29 @@ struct address_answer {
 
 // Returns the entry with this address on the port `preferred`, else the one on the port with the lowest xcid of the
 // bridge domain `bd`. With a null `preferred` it looks at the bridge domain only, with a null `bd` at `preferred` only.
-address_answer address_index_find(const uint8_t *mac_addr, const l2fm_edm_bp_t *preferred,
+address_answer address_index_find(const address_probe &probe, const l2fm_edm_bp_t *preferred,
                                   const l2fm_edm_bd_t *bd) L2FIB_REQUIRES_TABLE_LOCK;
+
+// The same for an address with at most one entry, without a call. Otherwise it does not know the answer, and the caller
+// asks address_index_find. Always inlined: most callers pass a null that removes a part of it, and a caller that calls
+// nothing saves no registers.
+[[gnu::always_inline]] inline address_answer address_index_look(const address_probe &probe,
+                                                                const l2fm_edm_bp_t *preferred,
+                                                                const l2fm_edm_bd_t *bd) L2FIB_REQUIRES_TABLE_LOCK
+{
+    const uintptr_t record = index_look(addresses.heads, probe.address, probe.hash);
+    // An undecided answer looks like a marked one.
+    if (!index_is_unmarked(record) || addresses.missing != 0) {
+        return {false, nullptr};
+    }
+    if (record == index_absent) {
+        addresses.known_absent = probe.address;
+        return {true, nullptr};
+    }
+    auto *mac = reinterpret_cast<l2fm_edm_mac_t *>(record);
+    const bool is_wanted = (preferred != nullptr && mac->bp == preferred) || (bd != nullptr && mac->bp->bd == bd);
+    return {true, is_wanted ? mac : nullptr};
+}
 
 // How an entry was counted last (table/records/mac_entry.cpp). Entries are aligned to 8 bytes, so the low bits of the
 // chain's pointers are free for it:

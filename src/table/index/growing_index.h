@@ -9,7 +9,9 @@
 //       +----+----+----+----+----+----+---------+---------+------+------+------+------+------+------+
 //       | tag 0 ... tag 5             | unused  | passed  | record 0 ... record 5                   |
 //       +----+----+----+----+----+----+---------+---------+------+------+------+------+------+------+
-//         0: no record
+//         0: no record                                       lowest bit: the mark of the record
+//
+// The mark is one bit for the index's user. It answers a question about the record without an access to it.
 //
 // Overflow: a record whose bucket is full goes to the next bucket with a free slot. Each full bucket that it passes
 // counts it in `passed`. A search starts at the key's bucket and ends at the first bucket that no record has passed. An
@@ -69,8 +71,8 @@ constexpr size_t cache_line_size = 64; // in bytes
 struct alignas(cache_line_size) index_bucket {
     uint16_t tag[bucket_slots]; // 0: the slot is free
     uint16_t unused;
-    uint16_t passed; // how many records passed this full bucket, up to max_passed
-    void *record[bucket_slots];
+    uint16_t passed;                // how many records passed this full bucket, up to max_passed
+    uintptr_t record[bucket_slots]; // address and mark
 };
 
 static_assert(sizeof(index_bucket) == cache_line_size, "a bucket is one cache line");
@@ -108,6 +110,7 @@ constexpr uint64_t buckets_retired_at_once = 4;
 constexpr uint64_t buckets_unmapped_at_once = 4096; // 256 KiB
 constexpr uint64_t buckets_of_huge_page = (uint64_t{2} << 20) / sizeof(index_bucket);
 constexpr uint16_t max_passed = UINT16_MAX;
+constexpr uintptr_t mark_bit = 1;
 
 // A table is full at two thirds of its slots. Above that, removals make the search for an absent key long: it visits
 // three buckets at two thirds, eight at three quarters, and all buckets of a table without a free slot.
@@ -171,6 +174,14 @@ inline uint32_t first_slot(uint32_t slots)
     return static_cast<uint32_t>(__builtin_ctz(slots)) / 2;
 }
 
+// Returns the record in a slot.
+template <typename Traits>
+typename Traits::record_t *record_in(const index_bucket &bucket, uint32_t slot)
+{
+    static_assert(alignof(typename Traits::record_t) > mark_bit);
+    return reinterpret_cast<typename Traits::record_t *>(bucket.record[slot] & ~mark_bit);
+}
+
 inline uint64_t bucket_count(const bucket_table &table)
 {
     return table.buckets == nullptr ? 0 : table.mask + 1;
@@ -216,28 +227,44 @@ inline void unmap_from(bucket_table &table, uint64_t first_bucket)
     }
 }
 
-// Returns the place of a key in one table. Visits each bucket at most once, because records may have passed all of
-// them. Always inlined, because each feed makes two of these searches.
+// Returns the place of a key in one bucket. The place has no bucket if this bucket does not hold the key.
+template <typename Traits>
+[[gnu::always_inline]] inline index_place find_in_bucket(index_bucket &bucket, typename Traits::key_t key, uint16_t tag)
+{
+    for (uint32_t slots = slots_with_tag(bucket, tag); slots != 0; slots &= slots - 1) {
+        const uint32_t slot = first_slot(slots);
+        if (Traits::key_of(*record_in<Traits>(bucket, slot)) == key) {
+            return {&bucket, slot};
+        }
+    }
+    return {};
+}
+
+// The rest of find_in, for a key that may have passed its own bucket. Visits each bucket at most once, because records
+// may have passed all of them.
+template <typename Traits>
+[[gnu::noinline]] index_place find_behind(const bucket_table &table, typename Traits::key_t key, uint64_t hash)
+{
+    for (uint64_t step = 1; step <= table.mask; step++) {
+        index_bucket &bucket = table.buckets[(hash + step) & table.mask];
+        const index_place place = find_in_bucket<Traits>(bucket, key, tag_of(hash));
+        if (place || bucket.passed == 0) {
+            return place;
+        }
+    }
+    return {};
+}
+
+// Returns the place of a key in one table. Always inlined, because each feed makes two of these searches.
 template <typename Traits>
 [[gnu::always_inline]] inline index_place find_in(const bucket_table &table, typename Traits::key_t key, uint64_t hash)
 {
     if (table.buckets == nullptr) {
         return {};
     }
-    const uint16_t tag = tag_of(hash);
-    for (uint64_t step = 0; step <= table.mask; step++) {
-        index_bucket &bucket = table.buckets[(hash + step) & table.mask];
-        for (uint32_t slots = slots_with_tag(bucket, tag); slots != 0; slots &= slots - 1) {
-            const uint32_t slot = first_slot(slots);
-            if (Traits::key_of(*static_cast<typename Traits::record_t *>(bucket.record[slot])) == key) {
-                return {&bucket, slot};
-            }
-        }
-        if (bucket.passed == 0) {
-            break;
-        }
-    }
-    return {};
+    index_bucket &bucket = table.buckets[hash & table.mask];
+    const index_place place = find_in_bucket<Traits>(bucket, key, tag_of(hash));
+    return place || bucket.passed == 0 ? place : find_behind<Traits>(table, key, hash);
 }
 
 // Not inlined, because a search rarely runs while the index grows.
@@ -248,8 +275,8 @@ template <typename Traits>
     return find_in<Traits>(index.retiring, key, hash);
 }
 
-// Stores a record in the first free slot from its bucket on. The table has a free slot.
-inline void put(bucket_table &table, uint64_t hash, void *record)
+// Stores a record with its mark in the first free slot from its bucket on. The table has a free slot.
+inline void put(bucket_table &table, uint64_t hash, uintptr_t record)
 {
     for (uint64_t at = hash & table.mask;; at = (at + 1) & table.mask) {
         index_bucket &bucket = table.buckets[at];
@@ -273,7 +300,7 @@ inline void take(bucket_table &table, uint64_t hash, index_place place)
         passed = static_cast<uint16_t>(passed - (passed < max_passed));
     }
     place.bucket->tag[place.slot] = 0;
-    place.bucket->record[place.slot] = nullptr;
+    place.bucket->record[place.slot] = 0;
     table.used--;
 }
 
@@ -287,8 +314,8 @@ template <typename Traits>
     constexpr uint64_t ahead = 2 * buckets_retired_at_once;
     __builtin_prefetch(&index.retiring.buckets[(index.retired + 2 * ahead) & index.retiring.mask]);
     const uint64_t number = (index.retired + ahead) & index.retiring.mask;
-    for (const void *record : index.retiring.buckets[number].record) {
-        __builtin_prefetch(record);
+    for (const uintptr_t record : index.retiring.buckets[number].record) {
+        __builtin_prefetch(reinterpret_cast<const void *>(record));
     }
     __builtin_prefetch(&index.current.buckets[number], 1);
     __builtin_prefetch(&index.current.buckets[number + bucket_count(index.retiring)], 1);
@@ -302,10 +329,10 @@ void retire_one(growing_index<Traits> &index)
     index_bucket &bucket = index.retiring.buckets[index.retired];
     for (uint32_t slot = 0; slot < bucket_slots; slot++) {
         if (bucket.tag[slot] != 0) {
-            auto *record = static_cast<typename Traits::record_t *>(bucket.record[slot]);
-            put(index.current, hash(Traits::key_of(*record), index.secret), record);
+            const uint64_t key_hash = hash(Traits::key_of(*record_in<Traits>(bucket, slot)), index.secret);
+            put(index.current, key_hash, bucket.record[slot]);
             bucket.tag[slot] = 0;
-            bucket.record[slot] = nullptr;
+            bucket.record[slot] = 0;
         }
     }
     index.retired++;
@@ -375,27 +402,80 @@ uint64_t index_hash(const growing_index<Traits> &index, typename Traits::key_t k
     return growing::hash(key, index.secret);
 }
 
-// Returns the place of a key. The place has no bucket if the index does not hold the key.
+// Returns the place of a key with this hash. The place has no bucket if the index does not hold the key.
 template <typename Traits>
-[[gnu::always_inline]] inline index_place index_find(const growing_index<Traits> &index, typename Traits::key_t key)
+[[gnu::always_inline]] inline index_place index_find(const growing_index<Traits> &index, typename Traits::key_t key,
+                                                     uint64_t hash)
 {
-    const uint64_t hash = index_hash(index, key);
     const index_place place = growing::find_in<Traits>(index.current, key, hash);
     return place || index.retiring.buckets == nullptr ? place : growing::find_in_retiring<Traits>(index, key, hash);
 }
 
-// Prefetches the bucket of a key that the caller will soon look for. Always inlined, like fetch_for_retiring.
 template <typename Traits>
-[[gnu::always_inline]] inline void index_expect(const growing_index<Traits> &index, typename Traits::key_t key)
+[[gnu::always_inline]] inline index_place index_find(const growing_index<Traits> &index, typename Traits::key_t key)
 {
-    __builtin_prefetch(index.current.buckets + (index_hash(index, key) & index.current.mask));
+    return index_find(index, key, index_hash(index, key));
+}
+
+// The beginning of a search: the key's own bucket, without a call. That decides nearly all searches. Returns the
+// address of the key's record with its mark, index_absent, or index_undecided: only index_find knows.
+constexpr uintptr_t index_absent = 0;
+constexpr uintptr_t index_undecided = UINTPTR_MAX;
+
+template <typename Traits>
+[[gnu::always_inline]] inline uintptr_t index_look(const growing_index<Traits> &index, typename Traits::key_t key,
+                                                   uint64_t hash)
+{
+    if (index.current.buckets == nullptr) {
+        return index_undecided;
+    }
+    const index_bucket &bucket = index.current.buckets[hash & index.current.mask];
+    const uint32_t slots = growing::slots_with_tag(bucket, growing::tag_of(hash));
+    if (slots == 0) {
+        return bucket.passed == 0 && index.retiring.buckets == nullptr ? index_absent : index_undecided;
+    }
+    const uint32_t slot = growing::first_slot(slots);
+    const bool is_found = Traits::key_of(*growing::record_in<Traits>(bucket, slot)) == key;
+    return is_found ? bucket.record[slot] : index_undecided;
+}
+
+// Prefetches the bucket of a hash that the caller will soon look for. Always inlined, like fetch_for_retiring.
+template <typename Traits>
+[[gnu::always_inline]] inline void index_expect(const growing_index<Traits> &index, uint64_t hash)
+{
+    __builtin_prefetch(index.current.buckets + (hash & index.current.mask));
+}
+
+// Returns a place that may be that of a key with this hash. Reads its bucket only, and no record.
+template <typename Traits>
+[[gnu::always_inline]] inline index_place index_guess(const growing_index<Traits> &index, uint64_t hash)
+{
+    if (index.current.buckets == nullptr) {
+        return {};
+    }
+    index_bucket &bucket = index.current.buckets[hash & index.current.mask];
+    const uint32_t slots = growing::slots_with_tag(bucket, growing::tag_of(hash));
+    return slots != 0 ? index_place{&bucket, growing::first_slot(slots)} : index_place{};
 }
 
 // Returns the record at a place, or null if the place has no bucket.
 template <typename Traits>
 typename Traits::record_t *index_record(const growing_index<Traits> & /*index*/, index_place place)
 {
-    return place ? static_cast<typename Traits::record_t *>(place.bucket->record[place.slot]) : nullptr;
+    return place ? growing::record_in<Traits>(*place.bucket, place.slot) : nullptr;
+}
+
+// Whether a result of index_look is index_absent or the address of a record that is not marked.
+[[gnu::always_inline]] inline bool index_is_unmarked(uintptr_t record)
+{
+    return (record & growing::mark_bit) == 0;
+}
+
+// Sets the mark of the record at a place. The mark of a new record is clear.
+inline void index_set_mark(index_place place, bool mark)
+{
+    uintptr_t &record = place.bucket->record[place.slot];
+    record = (record & ~growing::mark_bit) | (mark ? growing::mark_bit : 0);
 }
 
 // Empties the index and releases all its memory.
@@ -415,15 +495,15 @@ bool index_insert(growing_index<Traits> &index, typename Traits::record_t *recor
     if (!growing::make_room(index)) {
         return false;
     }
-    growing::put(index.current, index_hash(index, Traits::key_of(*record)), record);
+    growing::put(index.current, index_hash(index, Traits::key_of(*record)), reinterpret_cast<uintptr_t>(record));
     index.live++;
     return true;
 }
 
-// Replaces the record at a place by another one with the same key.
+// Replaces the record at a place by another one with the same key. Its mark is clear.
 inline void index_replace(index_place place, void *record)
 {
-    place.bucket->record[place.slot] = record;
+    place.bucket->record[place.slot] = reinterpret_cast<uintptr_t>(record);
 }
 
 // Removes the record at a place. An empty index releases its memory, unless it still has its first table.

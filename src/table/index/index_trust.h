@@ -38,10 +38,17 @@ inline bool indexes_trusted() L2FIB_REQUIRES_TABLE_LOCK
     return tree_changes.all == tree_changes.accounted;
 }
 
+// Whether this module watches a tree. A watched tree runs, because its end clears `changes`. That makes this an inline
+// ordtree_running for nearly all trees.
+inline bool is_watched(const ordtree_t *tree) L2FIB_REQUIRES_TABLE_LOCK
+{
+    return tree->changes == &tree_changes.all;
+}
+
 // Whether the indexes know the records of this tree. They do not if the hosting process started the tree itself.
 inline bool indexes_cover(const ordtree_t *tree) L2FIB_REQUIRES_TABLE_LOCK
 {
-    return indexes_trusted() && tree->changes == &tree_changes.all;
+    return indexes_trusted() && is_watched(tree);
 }
 
 // Ends the trust. For calls that let the hosting process change the table in a way that no tree counts.

@@ -20,6 +20,7 @@ constinit edm::growing_index<by_xcid> bp_by_xcid L2FIB_GUARDED_BY_TABLE_LOCK{};
 namespace edm {
 
 constinit std::array<l2fm_edm_bd_t *, EDM_BRIDGE_ID_MASK + 1> bd_by_id{};
+constinit std::array<l2fm_edm_bp_t *, recent_bps> recent_bp{};
 
 void bd_index_link(l2fm_edm_bd_t *bd)
 {
@@ -37,8 +38,8 @@ void bd_index_unlink(const l2fm_edm_bd_t *bd)
 
 void bp_index_link(l2fm_edm_bp_t *bp)
 {
-    if (indexes_trusted() && bp_index_find(bp->xcid) == nullptr) {
-        index_insert(bp_by_xcid, bp);
+    if (indexes_trusted() && bp_index_find(bp->xcid) == nullptr && index_insert(bp_by_xcid, bp)) {
+        recent_bp[bp->xcid % recent_bps] = bp;
     }
 }
 
@@ -47,13 +48,15 @@ void bp_index_unlink(const l2fm_edm_bp_t *bp)
     if (!indexes_trusted()) {
         return;
     }
+    l2fm_edm_bp_t *&recent = recent_bp[bp->xcid % recent_bps];
+    recent = recent == bp ? nullptr : recent;
     const index_place place = index_find(bp_by_xcid, bp->xcid);
     if (index_record(bp_by_xcid, place) == bp) {
         index_erase(bp_by_xcid, place);
     }
 }
 
-l2fm_edm_bp_t *bp_index_find(uint32_t xcid)
+l2fm_edm_bp_t *bp_index_search(uint32_t xcid)
 {
     return index_record(bp_by_xcid, index_find(bp_by_xcid, xcid));
 }
@@ -61,6 +64,7 @@ l2fm_edm_bp_t *bp_index_find(uint32_t xcid)
 void object_index_release()
 {
     bd_by_id.fill(nullptr);
+    recent_bp.fill(nullptr);
     index_release(bp_by_xcid);
 }
 

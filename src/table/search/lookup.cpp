@@ -35,9 +35,9 @@ void *entry_of(const ordtree_t *tree, ordtree_link_t *node)
     return node == nullptr || tree->node_to_entry == nullptr ? node : tree->node_to_entry(node);
 }
 
-bool runs(const ordtree_t *tree)
+bool runs(const ordtree_t *tree) L2FIB_REQUIRES_TABLE_LOCK
 {
-    return tree != nullptr && ordtree_running(tree) != 0;
+    return tree != nullptr && (edm::is_watched(tree) || ordtree_running(tree) != 0);
 }
 
 // Searches in the trees, for the case that an index is not trusted or does not know the answer. They are not inlined,
@@ -50,14 +50,32 @@ bool runs(const ordtree_t *tree)
     return edm::find<l2fm_edm_bd_t>(&root.bd_root, probe.bd_links, by_bridge_id);
 }
 
+// The bridge domain if an index knows it, else null.
+l2fm_edm_bd_t *indexed_bd(uint32_t bridge_id) L2FIB_REQUIRES_TABLE_LOCK
+{
+    return edm::indexes_trusted() ? edm::bd_index_find(bridge_id) : nullptr;
+}
+
 l2fm_edm_bd_t *find_bd(uint32_t bridge_id) L2FIB_REQUIRES_TABLE_LOCK
 {
-    l2fm_edm_bd_t *bd = edm::indexes_trusted() ? edm::bd_index_find(bridge_id) : nullptr;
+    l2fm_edm_bd_t *bd = indexed_bd(bridge_id);
     return bd != nullptr ? bd : search_bd(bridge_id);
+}
+
+// The port if its place among the newest ones knows it, else null. No index holds EDM_XCID_NONE or EDM_XCID_DUMMY.
+l2fm_edm_bp_t *indexed_bp(uint32_t xcid) L2FIB_REQUIRES_TABLE_LOCK
+{
+    return edm::indexes_trusted() ? edm::recent_bp_of(xcid) : nullptr;
 }
 
 [[gnu::noinline]] l2fm_edm_bp_t *search_bp(uint32_t xcid) L2FIB_REQUIRES_TABLE_LOCK
 {
+    if (xcid == EDM_XCID_NONE || xcid == EDM_XCID_DUMMY) {
+        return nullptr;
+    }
+    if (l2fm_edm_bp_t *bp = edm::indexes_trusted() ? edm::bp_index_search(xcid) : nullptr) {
+        return bp;
+    }
     bp_element probe{};
     probe.record.xcid = xcid;
     return edm::find<l2fm_edm_bp_t>(&root.bp_root, &probe.bp_link);
@@ -73,6 +91,47 @@ l2fm_edm_bd_t *find_bd(uint32_t bridge_id) L2FIB_REQUIRES_TABLE_LOCK
         }
     }
     return nullptr;
+}
+
+// Ask the index for the entry of an address on the port `bp`, else for the one in the bridge domain `bd`.
+
+[[gnu::always_inline]] inline edm::address_answer look_into_index(const uint8_t *mac_addr, const l2fm_edm_bp_t *bp,
+                                                                  const l2fm_edm_bd_t *bd) L2FIB_REQUIRES_TABLE_LOCK
+{
+    return edm::address_index_look(edm::probe_of(mac_addr), bp, bd);
+}
+
+edm::address_answer ask_index(const uint8_t *mac_addr, const l2fm_edm_bp_t *bp,
+                              const l2fm_edm_bd_t *bd) L2FIB_REQUIRES_TABLE_LOCK
+{
+    return edm::address_index_find(edm::probe_of(mac_addr), bp, bd);
+}
+
+[[gnu::noinline]] l2fm_edm_mac_t *search_bd_by_id(uint32_t bridge_id, const uint8_t *mac_addr) L2FIB_REQUIRES_TABLE_LOCK
+{
+    if (mac_addr == nullptr) {
+        return nullptr;
+    }
+    if (!bd_root_runs()) {
+        EDM_TRACE_AS("l2fm_edm_table_mac_get_by_bridgeid_mac", EDM_TRACE_TREE_NOT_RUNNING);
+        return nullptr;
+    }
+    return l2fm_edm_table_bd_mac_get(find_bd(bridge_id), mac_addr);
+}
+
+[[gnu::noinline]] l2fm_edm_mac_t *search_port_by_xcid(uint32_t xcid, const uint8_t *mac_addr) L2FIB_REQUIRES_TABLE_LOCK
+{
+    const l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(xcid);
+    if (bp == nullptr || mac_addr == nullptr) {
+        return nullptr;
+    }
+    if (edm::indexes_cover(&bp->mac_tree)) {
+        const edm::address_answer answer = ask_index(mac_addr, bp, nullptr);
+        if (answer.known) {
+            return answer.mac;
+        }
+    }
+    return l2fm_edm_table_bp_mac_get(&bp->mac_tree, mac_addr);
 }
 
 [[gnu::noinline]] l2fm_edm_mac_t *search_port_then_bd(const l2fib_mac_edm_entry_t *entry,
@@ -176,11 +235,10 @@ uint32_t l2fm_edm_table_bd_name_to_id(const char *name, uint32_t *bridge_id)
 
 l2fm_edm_bp_t *l2fm_edm_table_bp_get_by_xcid(uint32_t xcid)
 {
-    if (xcid == EDM_XCID_NONE || xcid == EDM_XCID_DUMMY) {
-        return nullptr;
+    if (l2fm_edm_bp_t *recent = indexed_bp(xcid)) {
+        return recent;
     }
-    l2fm_edm_bp_t *bp = edm::indexes_trusted() ? edm::bp_index_find(xcid) : nullptr;
-    return bp != nullptr ? bp : search_bp(xcid);
+    return search_bp(xcid);
 }
 
 l2fm_edm_bp_t *l2fm_edm_table_bp_get_first(void)
@@ -269,8 +327,14 @@ l2fm_edm_vtep_t *l2fm_edm_table_vtep_lookup(const uint8_t *vtep_addr, const l2fm
 
 l2fm_edm_mac_t *l2fm_edm_table_mac_get_by_xcid_mac(uint32_t xcid, const uint8_t *mac_addr)
 {
-    const l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(xcid);
-    return bp == nullptr ? nullptr : l2fm_edm_table_bp_mac_get(&bp->mac_tree, mac_addr);
+    const l2fm_edm_bp_t *bp = indexed_bp(xcid);
+    if (bp != nullptr && mac_addr != nullptr && edm::is_watched(&bp->mac_tree)) {
+        const edm::address_answer answer = look_into_index(mac_addr, bp, nullptr);
+        if (answer.known) {
+            return answer.mac;
+        }
+    }
+    return search_port_by_xcid(xcid, mac_addr);
 }
 
 l2fm_edm_mac_t *l2fm_edm_table_bd_mac_get(const l2fm_edm_bd_t *bd, const uint8_t *mac_addr)
@@ -279,7 +343,7 @@ l2fm_edm_mac_t *l2fm_edm_table_bd_mac_get(const l2fm_edm_bd_t *bd, const uint8_t
         return nullptr;
     }
     if (edm::indexes_cover(&bd->bp_tree)) {
-        const edm::address_answer answer = edm::address_index_find(mac_addr, nullptr, bd);
+        const edm::address_answer answer = ask_index(mac_addr, nullptr, bd);
         if (answer.known) {
             return answer.mac;
         }
@@ -289,14 +353,14 @@ l2fm_edm_mac_t *l2fm_edm_table_bd_mac_get(const l2fm_edm_bd_t *bd, const uint8_t
 
 l2fm_edm_mac_t *l2fm_edm_table_mac_get_by_bridgeid_mac(uint32_t bridge_id, const uint8_t *mac_addr)
 {
-    if (mac_addr == nullptr) {
-        return nullptr;
+    const l2fm_edm_bd_t *bd = indexed_bd(bridge_id);
+    if (bd != nullptr && mac_addr != nullptr && edm::is_watched(&bd->bp_tree)) {
+        const edm::address_answer answer = look_into_index(mac_addr, nullptr, bd);
+        if (answer.known) {
+            return answer.mac;
+        }
     }
-    if (!bd_root_runs()) {
-        EDM_TRACE(EDM_TRACE_TREE_NOT_RUNNING);
-        return nullptr;
-    }
-    return l2fm_edm_table_bd_mac_get(find_bd(bridge_id), mac_addr);
+    return search_bd_by_id(bridge_id, mac_addr);
 }
 
 l2fm_edm_mac_t *l2fm_edm_table_mac_get_by_bdname_mac(const char *name, const uint8_t *mac_addr)
@@ -357,7 +421,7 @@ l2fm_edm_mac_t *l2fm_edm_table_mac_lookup(const l2fib_mac_edm_entry_t *entry, co
     }
     if (edm::indexes_cover(&bp->mac_tree)) {
         const l2fm_edm_bd_t *of_entry = find_bd(entry->bridge_id);
-        const edm::address_answer answer = edm::address_index_find(entry->mac_addr, bp, of_entry);
+        const edm::address_answer answer = ask_index(entry->mac_addr, bp, of_entry);
         if (answer.known) {
             return answer.mac;
         }
