@@ -25,32 +25,42 @@ constexpr size_t thread_name_size = 16; // what Linux has room for, with the end
 
 // ---- Nodes ----
 
-struct node_table {
-    std::atomic<uint32_t> own_node{0};
-    // Usually 0. Then a feed takes no lock.
-    std::atomic<size_t> foreign_interfaces{0};
+// What nearly all questions are answered from, without a lock.
+struct node_numbers {
+    std::atomic<uint32_t> own_node;
+    std::atomic<size_t> foreign_interfaces; // usually 0
+};
 
+constinit node_numbers numbers{};
+
+struct foreign_nodes {
     base::mutex lock;
     std::unordered_map<uint32_t, uint32_t> node_by_handle L2FIB_GUARDED_BY(lock);
 };
 
-node_table &nodes()
+foreign_nodes &foreign()
 {
-    static host::never_destroyed<node_table> table;
+    static host::never_destroyed<foreign_nodes> table;
     return table.object;
+}
+
+uint32_t own_node()
+{
+    return numbers.own_node.load(std::memory_order_relaxed);
+}
+
+[[gnu::noinline]] uint32_t foreign_node_of(uint32_t ifhandle)
+{
+    foreign_nodes &table = foreign();
+    const base::scoped_lock hold(table.lock);
+    const auto found = table.node_by_handle.find(ifhandle);
+    return found != table.node_by_handle.end() ? found->second : own_node();
 }
 
 uint32_t node_of(uint32_t ifhandle)
 {
-    node_table &table = nodes();
-    if (table.foreign_interfaces.load(std::memory_order_acquire) != 0) {
-        const base::scoped_lock hold(table.lock);
-        const auto found = table.node_by_handle.find(ifhandle);
-        if (found != table.node_by_handle.end()) {
-            return found->second;
-        }
-    }
-    return table.own_node.load(std::memory_order_relaxed);
+    const bool is_all_own = numbers.foreign_interfaces.load(std::memory_order_acquire) == 0;
+    return is_all_own ? own_node() : foreign_node_of(ifhandle);
 }
 
 // ---- Lock waits ----
@@ -128,7 +138,7 @@ uint32_t platform_get_my_nodeid(uint32_t *node_id)
     if (node_id == nullptr) {
         return EINVAL;
     }
-    *node_id = nodes().own_node.load(std::memory_order_relaxed);
+    *node_id = own_node();
     return 0;
 }
 
@@ -188,7 +198,7 @@ namespace host {
 
 void node_id_set(uint32_t node_id)
 {
-    nodes().own_node.store(node_id, std::memory_order_relaxed);
+    numbers.own_node.store(node_id, std::memory_order_relaxed);
 }
 
 uint32_t interface_node_set(uint32_t ifhandle, uint32_t node_id)
@@ -197,20 +207,20 @@ uint32_t interface_node_set(uint32_t ifhandle, uint32_t node_id)
         return EINVAL;
     }
     return or_out_of_memory([&] {
-        node_table &table = nodes();
+        foreign_nodes &table = foreign();
         const base::scoped_lock hold(table.lock);
         table.node_by_handle.insert_or_assign(ifhandle, node_id);
-        table.foreign_interfaces.store(table.node_by_handle.size(), std::memory_order_release);
+        numbers.foreign_interfaces.store(table.node_by_handle.size(), std::memory_order_release);
         return 0u;
     });
 }
 
 void interface_node_clear()
 {
-    node_table &table = nodes();
+    foreign_nodes &table = foreign();
     const base::scoped_lock hold(table.lock);
     table.node_by_handle.clear();
-    table.foreign_interfaces.store(0, std::memory_order_release);
+    numbers.foreign_interfaces.store(0, std::memory_order_release);
 }
 
 std::vector<lock_wait> lock_waits()

@@ -288,6 +288,25 @@ L2FIB_EXPORT uint32_t l2fib_hw_mac_addr_edm_fn_init(void);
 L2FIB_EXPORT uint32_t l2fib_mac_edm_add(const l2fib_mac_edm_entry_t *entry);
 
 /*
+ * Feeds `count` entries in their order, with the effect and the trace points of as many calls of l2fib_mac_edm_add. It
+ * takes the lock once for some dozens of entries, and prefetches the memory of all of them before it stores the first.
+ * Other users of the table see each entry as a whole or not at all, and may see the first entries without the last.
+ *
+ *      l2fib_mac_edm_entry_t entries[2] = {first, second};
+ *      uint32_t statuses[2];
+ *      if (l2fib_mac_edm_add_batch(entries, 2, statuses) != 0) {
+ *          ...                             statuses[i] is what l2fib_mac_edm_add(&entries[i]) would have returned
+ *      }
+ *
+ * An entry that fails does not keep those behind it from being fed. `statuses` has room for `count` of them, or is
+ * null. Returns 0 if all are 0, else the first that is not. If `entries` is null and `count` is not 0, it returns
+ * EDM_ERR_INVALID_ARGS, feeds nothing and leaves `statuses` as it is.
+ *
+ * Threads: any, like l2fib_mac_edm_add.
+ */
+L2FIB_EXPORT uint32_t l2fib_mac_edm_add_batch(const l2fib_mac_edm_entry_t *entries, size_t count, uint32_t *statuses);
+
+/*
  * Mark and sweep a scope: everything, a bridge domain or a port. Mark sets the mark of each entry and VTEP of the
  * scope. Feeding an entry clears its mark and that of its VTEP. Sweep destroys what is still marked. Bridge domains and
  * ports stay.

@@ -78,7 +78,7 @@ typedef struct ordtree {
     uint32_t reserved;
     uint64_t record_count;
     ordtree_index_t index[ORDTREE_MAX_INDEXES];
-    uint64_t *changes; /* set by ordtree_watch; null: nobody watches the tree */
+    uint64_t *changes; /* set by ordtree_watch, cleared by ordtree_finish; null: nobody watches the tree */
 } ordtree_t;
 
 /*

@@ -37,6 +37,8 @@ bool runs_empty(const ordtree_t *tree)
 // step or as a whole.
 void start_indexes() L2FIB_REQUIRES_TABLE_LOCK
 {
+    edm::address_index_prepare();
+    edm::object_index_prepare();
     edm::watch_tree(&root.bd_root);
     edm::watch_tree(&root.bp_root);
     if (runs_empty(&root.bd_root) && runs_empty(&root.bp_root)) {

@@ -28,7 +28,18 @@ l2fm_edm_bp_t *port(uint32_t xcid)
 // The comparison with the reference table checks the status and the table after every kind of step. The refusals of
 // single calls check which trace points appear. Here each trace point appears once with its values.
 
-TEST(feed, traces_what_it_cannot_do)
+// A batch traces the same as single feeds.
+class feed_or_batch : public testing::TestWithParam<bool> {
+protected:
+    feed_or_batch() { feeds_batches = GetParam(); }
+    ~feed_or_batch() override { feeds_batches = false; }
+    feed_or_batch(const feed_or_batch &) = delete;
+    feed_or_batch &operator=(const feed_or_batch &) = delete;
+};
+
+INSTANTIATE_TEST_SUITE_P(feed, feed_or_batch, testing::Bool());
+
+TEST_P(feed_or_batch, traces_what_it_cannot_do)
 {
     check({
         {"no such bridge domain", "", "1 10 9", no_resource,
@@ -66,11 +77,29 @@ TEST(feed, fails_without_a_table)
     EXPECT_EQ(take_traces(), "1938 l2fm_edm_table_get; 1938 l2fm_edm_table_bd_create; 1915 l2fib_mac_edm_add 1");
     EXPECT_EQ(l2fib_mac_edm_add(nullptr), EDM_ERR_INVALID_ARGS);
     EXPECT_EQ(take_traces(), "1914 l2fib_mac_edm_add");
+    uint32_t status = 7;
+    EXPECT_EQ(l2fib_mac_edm_add_batch(nullptr, 1, &status), EDM_ERR_INVALID_ARGS);
+    EXPECT_EQ(take_traces(), "1914 l2fib_mac_edm_add_batch");
+    EXPECT_EQ(status, 7u);
+    EXPECT_EQ(l2fib_mac_edm_add_batch(nullptr, 0, nullptr), 0u);
 }
 
 #define FULL "1 10 1; 2 30 1 0x1000 5; 3 30 1 0x1000 6; 4 9 1 0x20; 5 40 2 0x1000 5"
 
 struct records_of : fixture {};
+
+// The index gives its memory back in the middle of the batch.
+TEST_F(records_of, a_batch_survive_an_index_that_becomes_empty)
+{
+    small_table::limit = UINT32_MAX;
+    for (uint32_t number = 1; number <= 4000; number++) {
+        ASSERT_EQ(small_table::feed(number, 10, 1), 0u);
+    }
+    run("mark; 1 10 1; sweep");
+    const l2fib_mac_edm_entry_t batch[] = {entry(1, 20, 1), entry(1, 20, 1), entry(2, 20, 1)};
+    EXPECT_EQ(l2fib_mac_edm_add_batch(batch, std::size(batch), nullptr), 0u);
+    EXPECT_EQ(table_text(), "1: 10() 20(1 2) | list 1 2");
+}
 
 TEST_F(records_of, the_table_are_asked_for_with_care)
 {

@@ -337,11 +337,39 @@ private:
 
     static void expect(uint32_t status, const std::string &step) { EXPECT_EQ(small_table::run(step), status) << step; }
 
-    void feed_both()
+    report any_report()
     {
         constexpr uint32_t flags[] = {0,      0,   0x2,  0x4,  0x6,   0x1,   0x1000, 0x1000, 0x1001, 0x100,  0x2080,
                                       0x1004, 0x8, 0x20, 0x40, 0x200, 0x400, 0x21,   0xa0,   0x1020, 0x4000, 0x9000};
-        const report r = {1 + below(addresses), any_xcid(), 1 + below(4), one_of(flags), 1 + below(3)};
+        return {1 + below(addresses), any_xcid(), 1 + below(4), one_of(flags), 1 + below(3)};
+    }
+
+    // Half of the batches do not ask for the statuses.
+    void feed_batch_to_both()
+    {
+        std::vector<l2fib_mac_edm_entry_t> entries;
+        std::vector<uint32_t> expected;
+        uint32_t first_failure = 0;
+        for (uint32_t count = below(100); count > 0; count--) {
+            const report r = any_report();
+            entries.push_back(small_table::entry(r.number, r.xcid, r.bd, r.flags, r.vtep));
+            expected.push_back(ref.feed(r));
+            first_failure = first_failure != 0 ? first_failure : expected.back();
+        }
+        std::vector<uint32_t> statuses(entries.size());
+        const bool asks = below(2) == 0;
+        EXPECT_EQ(l2fib_mac_edm_add_batch(entries.data(), entries.size(), asks ? statuses.data() : nullptr),
+                  first_failure);
+        EXPECT_EQ(statuses, asks ? expected : std::vector<uint32_t>(entries.size()));
+    }
+
+    void feed_both()
+    {
+        if (below(60) == 0) {
+            feed_batch_to_both();
+            return;
+        }
+        const report r = any_report();
         expect(ref.feed(r), number(r.number) + " " + number(r.xcid) + " " + number(r.bd) + " " + number(r.flags) + " "
                                 + number(r.vtep));
     }

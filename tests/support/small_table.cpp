@@ -226,10 +226,12 @@ l2fib_mac_edm_entry_t entry(uint32_t number, uint32_t xcid, uint32_t bridge_id, 
     return made;
 }
 
+bool feeds_batches = false;
+
 uint32_t feed(uint32_t number, uint32_t xcid, uint32_t bridge_id, uint32_t flags, uint32_t vtep)
 {
     const l2fib_mac_edm_entry_t fed = entry(number, xcid, bridge_id, flags, vtep);
-    return l2fib_mac_edm_add(&fed);
+    return feeds_batches ? l2fib_mac_edm_add_batch(&fed, 1, nullptr) : l2fib_mac_edm_add(&fed);
 }
 
 l2fm_edm_mac_t *cached(uint32_t number, uint32_t bridge_id)

@@ -54,6 +54,8 @@ address mac_address(uint32_t number);
 std::array<uint8_t, 4> vtep_address(uint32_t number);
 
 l2fib_mac_edm_entry_t entry(uint32_t number, uint32_t xcid, uint32_t bridge_id, uint32_t flags = 0, uint32_t vtep = 0);
+// Feeds one entry, as a batch if `feeds_batches`.
+extern bool feeds_batches;
 uint32_t feed(uint32_t number, uint32_t xcid, uint32_t bridge_id, uint32_t flags = 0, uint32_t vtep = 0);
 
 // The first entry with an address under a bridge domain.

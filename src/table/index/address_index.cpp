@@ -98,6 +98,11 @@ namespace edm {
 // searches an address just before it creates the entry, so address_index_link need not search it again.
 constinit address_index addresses = {.heads = {}, .missing = 0, .known_absent = no_address};
 
+void address_index_prepare()
+{
+    index_prepare(addresses.heads);
+}
+
 void address_index_link(l2fm_edm_mac_t *mac)
 {
     if (!indexes_trusted()) {

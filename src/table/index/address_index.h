@@ -51,13 +51,16 @@ struct address_index {
 
 extern address_index addresses L2FIB_GUARDED_BY_TABLE_LOCK;
 
+// Comes before all other uses, once.
+void address_index_prepare() L2FIB_REQUIRES_TABLE_LOCK;
+
 void address_index_link(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK;
 void address_index_unlink(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK;
 
 // Empties the index and releases its memory.
 void address_index_release() L2FIB_REQUIRES_TABLE_LOCK;
 
-// An address with its hash, so that the steps of a search compute them once. Valid until the index changes.
+// An address with its hash, so that the steps of a search compute them once. Stays valid.
 struct address_probe {
     uint64_t address;
     uint64_t hash;

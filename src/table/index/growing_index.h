@@ -49,6 +49,7 @@
 //         static uint32_t key_of(const l2fm_edm_bp_t &bp) { return bp.xcid; }
 //     };
 //     growing_index<by_xcid> ports{};
+//     index_prepare(ports);
 //     index_insert(ports, bp);
 //     bp = index_record(ports, index_find(ports, 42));
 #pragma once
@@ -100,7 +101,7 @@ struct growing_index {
     bucket_table emptied;  // an older table whose memory is being unmapped
     uint64_t unmapped;     // how many buckets of `emptied` are unmapped
     uint64_t live;         // records in the index
-    uint64_t secret;       // an odd number, chosen with the first table
+    uint64_t secret;       // an odd number, once chosen by index_prepare
 };
 
 namespace growing {
@@ -377,9 +378,6 @@ bool make_room(growing_index<Traits> &index)
     if (index.emptied.buckets != nullptr) {
         unmap_some(index);
     }
-    if (index.secret == 0) {
-        index.secret = make_secret(&index);
-    }
     const uint64_t slots = bucket_count(index.current) * bucket_slots;
     if (index.current.used < slots / parts * full_parts) {
         return true;
@@ -395,6 +393,15 @@ bool make_room(growing_index<Traits> &index)
 }
 
 } // namespace growing
+
+// Chooses the secret of the hash, if there is none. Comes before all other uses of the index.
+template <typename Traits>
+void index_prepare(growing_index<Traits> &index)
+{
+    if (index.secret == 0) {
+        index.secret = growing::make_secret(&index);
+    }
+}
 
 template <typename Traits>
 uint64_t index_hash(const growing_index<Traits> &index, typename Traits::key_t key)
@@ -478,14 +485,16 @@ inline void index_set_mark(index_place place, bool mark)
     record = (record & ~growing::mark_bit) | (mark ? growing::mark_bit : 0);
 }
 
-// Empties the index and releases all its memory.
+// Empties the index and releases all its memory. Hashes stay valid.
 template <typename Traits>
 void index_release(growing_index<Traits> &index)
 {
     growing::unmap_from(index.current, 0);
     growing::unmap_from(index.retiring, 0);
     growing::unmap_from(index.emptied, index.unmapped);
+    const uint64_t secret = index.secret;
     index = {};
+    index.secret = secret;
 }
 
 // Adds a record whose key the index does not hold yet. Returns false and changes nothing if memory is short.

@@ -22,6 +22,11 @@ namespace edm {
 constinit std::array<l2fm_edm_bd_t *, EDM_BRIDGE_ID_MASK + 1> bd_by_id{};
 constinit std::array<l2fm_edm_bp_t *, recent_bps> recent_bp{};
 
+void object_index_prepare()
+{
+    index_prepare(bp_by_xcid);
+}
+
 void bd_index_link(l2fm_edm_bd_t *bd)
 {
     if (bd->bridge_id < bd_by_id.size()) {

@@ -22,6 +22,9 @@ namespace edm {
 // One slot per bridge id. The pages of the array that nobody touches use no memory.
 extern std::array<l2fm_edm_bd_t *, EDM_BRIDGE_ID_MASK + 1> bd_by_id L2FIB_GUARDED_BY_TABLE_LOCK;
 
+// Comes before all other uses, once.
+void object_index_prepare() L2FIB_REQUIRES_TABLE_LOCK;
+
 void bd_index_link(l2fm_edm_bd_t *bd) L2FIB_REQUIRES_TABLE_LOCK;
 void bd_index_unlink(const l2fm_edm_bd_t *bd) L2FIB_REQUIRES_TABLE_LOCK;
 

@@ -18,6 +18,8 @@
 //
 // Example: the cache has 02:00:00:00:0a:01 in bridge domain 7 on port 10. A feed for bridge domain 7 and port 11
 // replaces the entry. A feed for port 10 updates it in place.
+#include "table/records/mac_entry.h"
+
 #include <cstring>
 
 #include "platform/utility.h"
@@ -35,6 +37,8 @@ namespace {
 using edm::root;
 using edm::to_element;
 using edm::trace_word;
+
+constexpr char update_operation[] = "l2fm_edm_table_mac_update";
 
 // ---- Counting ----
 
@@ -124,25 +128,36 @@ void uncount(const l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
     }
 }
 
-void recount(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
+[[gnu::noinline]] void recount_as(l2fm_edm_mac_t *mac, uint32_t kind) L2FIB_REQUIRES_TABLE_LOCK
 {
-    const uint32_t kind = kind_of_flags(mac->flags);
-    if (edm::is_counted(mac) && kind != edm::counted_as(mac)) {
+    if (edm::is_counted(mac)) {
         uncount_kind(mac);
         count_kind(mac, kind);
     }
 }
 
+void recount(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
+{
+    const uint32_t kind = kind_of_flags(mac->flags);
+    if (kind != edm::counted_as(mac)) {
+        recount_as(mac, kind);
+    }
+}
+
 // ---- Steps of the operations ----
 
-// Traces a point about an entry: one value of the point's own, then the bridge id and the address.
-void trace_entry(const char *operation, uint32_t id, uint32_t value, const l2fib_mac_edm_entry_t *entry)
+// Traces a point about an entry: one value of the point's own, then the bridge id and the address. Not inlined, because
+// it is called only on failure.
+[[gnu::cold, gnu::noinline]] void trace_entry(const char *operation, uint32_t id, uint32_t value,
+                                              const l2fib_mac_edm_entry_t *entry)
 {
     EDM_TRACE_AS(operation, id, value, entry->bridge_id, trace_word(entry->mac_addr), trace_word(entry->mac_addr + 2),
                  trace_word(entry->mac_addr + 4));
 }
 
-uint32_t node_of(const char *operation, const l2fm_edm_bp_t *bp, const l2fib_mac_edm_entry_t *entry)
+// Always inlined, because each feed calls it.
+[[gnu::always_inline]] inline uint32_t node_of(const char *operation, const l2fm_edm_bp_t *bp,
+                                               const l2fib_mac_edm_entry_t *entry)
 {
     uint32_t node_id = EDM_NODE_UNKNOWN;
     uint32_t status = 0;
@@ -229,26 +244,34 @@ uint32_t l2fm_edm_table_mac_update_bdmac(l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac,
     return 0;
 }
 
-void update_in_place(const char *operation, l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac,
-                     const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
+[[gnu::noinline]] void update_vtep(l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac,
+                                   const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
-    const uint32_t node_id = node_of(operation, bp, entry);
-    if ((entry->flags & EDM_MAC_VNI) != 0) {
-        if (std::memcmp(edm::vtep_addr(mac), entry->vtep_addr, edm::vtep_addr_size) != 0) {
-            std::memcpy(edm::vtep_addr(mac), entry->vtep_addr, edm::vtep_addr_size);
-        }
-        register_vtep(operation, entry, bp);
+    if (std::memcmp(edm::vtep_addr(mac), entry->vtep_addr, edm::vtep_addr_size) != 0) {
+        std::memcpy(edm::vtep_addr(mac), entry->vtep_addr, edm::vtep_addr_size);
+    }
+    register_vtep(update_operation, entry, bp);
+}
+
+uint32_t update_in_place(l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac,
+                         const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
+{
+    const uint32_t node_id = node_of(update_operation, bp, entry);
+    const uint16_t flags = entry->flags;
+    if ((flags & EDM_MAC_VNI) != 0) {
+        update_vtep(bp, mac, entry);
     }
     mac->node_id = node_id;
-    if ((entry->flags & EDM_MAC_PBB) != 0) {
+    if ((flags & EDM_MAC_PBB) != 0) {
         copy_bmac(mac, entry);
     }
     mac->ext_attr = entry->ext_attr;
-    mac->flags = static_cast<uint16_t>(entry->flags & ~EDM_MAC_STALE);
+    mac->flags = static_cast<uint16_t>(flags & ~EDM_MAC_STALE);
     mac->ext_flags = entry->ext_flags;
-    mac->update_stamp = fts_get_stamp_fast();
     mac->hw_timestamp = entry->hw_timestamp;
     recount(mac);
+    mac->update_stamp = fts_get_stamp_fast();
+    return 0;
 }
 
 // Removes an entry from its port's tree. An entry whose port is unknown is in no tree.
@@ -329,13 +352,13 @@ uint32_t l2fm_edm_table_mac_create(l2fm_edm_bp_t *bp, const l2fib_mac_edm_entry_
     return 0;
 }
 
-uint32_t l2fm_edm_table_mac_update(l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *entry)
+uint32_t edm::update_mac(l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *entry)
 {
-    if (mac == nullptr || entry == nullptr || bp == nullptr || mac->bp == nullptr) {
+    if (mac->bp == nullptr) {
         return EDM_ERR_INVALID_ARGS;
     }
     if (((mac->flags ^ entry->flags) & (EDM_MAC_PBB | EDM_MAC_VNI)) != 0) {
-        return replace(__func__, bp, mac, entry);
+        return replace(update_operation, bp, mac, entry);
     }
     if ((entry->flags & EDM_MAC_BD_KINDS) != 0) {
         return l2fm_edm_table_mac_update_bdmac(bp, mac, entry);
@@ -343,10 +366,17 @@ uint32_t l2fm_edm_table_mac_update(l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac, const
     const bool other_bd = mac->bridge_id != entry->bridge_id;
     const bool other_port = mac->bp->xcid != entry->xcid;
     if (other_bd != other_port) {
-        return replace(__func__, bp, mac, entry);
+        return replace(update_operation, bp, mac, entry);
     }
-    update_in_place(__func__, bp, mac, entry);
-    return 0;
+    return update_in_place(bp, mac, entry);
+}
+
+uint32_t l2fm_edm_table_mac_update(l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac, const l2fib_mac_edm_entry_t *entry)
+{
+    if (mac == nullptr || entry == nullptr || bp == nullptr) {
+        return EDM_ERR_INVALID_ARGS;
+    }
+    return edm::update_mac(bp, mac, entry);
 }
 
 uint32_t l2fm_edm_table_mac_destroy(l2fm_edm_mac_t *mac)

@@ -9,30 +9,37 @@
 
 namespace edm {
 
-[[gnu::always_inline]] inline l2fm_edm_bd_t *find_bd(uint32_t bridge_id) L2FIB_REQUIRES_TABLE_LOCK
-{
-    l2fm_edm_bd_t *bd = indexes_trusted() ? bd_index_find(bridge_id) : nullptr;
-    return bd != nullptr ? bd : l2fm_edm_table_bd_get_by_bridgeid(bridge_id);
-}
+// What a feed finds in one look at the indexes.
+struct fed_place {
+    l2fm_edm_bp_t *bp;   // the port, up to date; null: not decided
+    l2fm_edm_mac_t *mac; // the entry to update; null if the address is new to the bridge domain
+};
 
-[[gnu::always_inline]] inline l2fm_edm_bp_t *find_bp(uint32_t xcid) L2FIB_REQUIRES_TABLE_LOCK
+// The port of a descriptor if an index knows it and it needs no refresh, else null. The caller has checked that the
+// indexes are trusted.
+[[gnu::always_inline]] inline l2fm_edm_bp_t *look_for_bp(const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
-    l2fm_edm_bp_t *bp = indexes_trusted() ? recent_bp_of(xcid) : nullptr;
-    return bp != nullptr ? bp : l2fm_edm_table_bp_get_by_xcid(xcid);
-}
-
-// The same as l2fm_edm_table_mac_lookup of a descriptor with this address, for the bridge domain that it names.
-[[gnu::always_inline]] inline l2fm_edm_mac_t *find_fed_mac(const address_probe &probe,
-                                                           const l2fib_mac_edm_entry_t *entry, const l2fm_edm_bd_t *bd,
-                                                           l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
-{
-    if (indexes_cover(&bp->mac_tree)) {
-        const address_answer answer = address_index_look(probe, bp, bd);
-        if (answer.known) {
-            return answer.mac;
-        }
+    if ((entry->flags & EDM_MAC_ON_DUMMY_PORT) != 0) {
+        return nullptr;
     }
-    return l2fm_edm_table_mac_lookup(entry, bd, bp);
+    l2fm_edm_bp_t *bp = recent_bp_of(entry->xcid);
+    return bp != nullptr && bp->refresh_pending == 0 ? bp : nullptr;
+}
+
+// The port and the entry of a descriptor whose bridge domain, port and address the indexes know.
+[[gnu::always_inline]] inline fed_place look_for_fed(const address_probe &probe,
+                                                     const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
+{
+    if (!indexes_trusted()) {
+        return {};
+    }
+    const l2fm_edm_bd_t *bd = bd_index_find(entry->bridge_id);
+    l2fm_edm_bp_t *bp = bd != nullptr ? look_for_bp(entry) : nullptr;
+    if (bp == nullptr) {
+        return {};
+    }
+    const address_answer answer = address_index_look(probe, bp, bd);
+    return answer.known ? fed_place{bp, answer.mac} : fed_place{};
 }
 
 } // namespace edm
