@@ -6,6 +6,7 @@
 #include "table/index/index_trust.h"
 #include "table/index/object_index.h"
 #include "table/root.h"
+#include "table/search/domain_order.h"
 #include "table/search/ordering.h"
 #include "table/shared_cell.h"
 #include "table/trace_point.h"
@@ -135,6 +136,7 @@ uint32_t l2fm_edm_table_deinit(void)
     status = destroy_listed_macs(status);
     edm::address_index_release();
     edm::object_index_release();
+    edm::domain_order_forget();
     edm::forget_tree_changes();
     l2fm_edm_table_chunk_deinit();
     return status;

@@ -38,11 +38,16 @@ inline bool indexes_trusted() L2FIB_REQUIRES_TABLE_LOCK
     return tree_changes.all == tree_changes.accounted;
 }
 
-// Whether this module watches a tree. A watched tree runs, because its end clears `changes`. That makes this an inline
-// ordtree_running for nearly all trees.
+// Whether this module watches a tree. A watched tree runs, because its end clears `changes`.
 inline bool is_watched(const ordtree_t *tree) L2FIB_REQUIRES_TABLE_LOCK
 {
     return tree->changes == &tree_changes.all;
+}
+
+// ordtree_running, without a call for nearly all trees.
+inline bool runs(const ordtree_t *tree) L2FIB_REQUIRES_TABLE_LOCK
+{
+    return is_watched(tree) || ordtree_running(tree) != 0;
 }
 
 // Whether the indexes know the records of this tree. They do not if the hosting process started the tree itself.

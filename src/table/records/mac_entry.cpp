@@ -29,6 +29,7 @@
 #include "table/pool.h"
 #include "table/records/mac_limit.h"
 #include "table/root.h"
+#include "table/search/domain_order.h"
 #include "table/shared_cell.h"
 #include "table/trace_point.h"
 
@@ -278,8 +279,11 @@ uint32_t update_in_place(l2fm_edm_bp_t *bp, l2fm_edm_mac_t *mac,
 uint32_t delete_from_port(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 {
     l2fm_edm_bp_t *bp = mac->bp != nullptr ? mac->bp : l2fm_edm_table_bp_get_by_xcid(mac->xcid);
-    if (bp == nullptr || ordtree_running(&bp->mac_tree) == 0
-        || edm::delete_node(&bp->mac_tree, &to_element(mac)->mac_link) != nullptr) {
+    if (bp == nullptr || !edm::runs(&bp->mac_tree)) {
+        return 0;
+    }
+    if (edm::delete_node(&bp->mac_tree, &to_element(mac)->mac_link) != nullptr) {
+        edm::domain_order_report(bp);
         return 0;
     }
     EDM_TRACE_AS("l2fm_edm_table_mac_destroy", EDM_TRACE_MAC_NOT_IN_TREE, EDM_ERR_INVALID_ARGS);
@@ -318,7 +322,7 @@ l2fm_edm_mac_t *l2fm_edm_table_mac_alloc_and_fill(const l2fib_mac_edm_entry_t *e
 
 uint32_t l2fm_edm_table_mac_create(l2fm_edm_bp_t *bp, const l2fib_mac_edm_entry_t *entry)
 {
-    if (bp == nullptr || ordtree_running(&bp->mac_tree) == 0) {
+    if (bp == nullptr || !edm::runs(&bp->mac_tree)) {
         EDM_TRACE(EDM_TRACE_TREE_NOT_RUNNING);
         return EDM_ERR_INVALID_ARGS;
     }
@@ -342,6 +346,7 @@ uint32_t l2fm_edm_table_mac_create(l2fm_edm_bp_t *bp, const l2fib_mac_edm_entry_
         l2fib_mac_edm_mac_free(mac);
         return EDM_ERR_NO_RESOURCE;
     }
+    edm::domain_order_report(bp);
     edm::address_index_link(mac);
     l2fm_edm_table_ll_insert(mac);
     mac->flags = static_cast<uint16_t>(mac->flags & ~EDM_MAC_STALE);

@@ -10,6 +10,7 @@
 #include "table/index/index_trust.h"
 #include "table/index/object_index.h"
 #include "table/root.h"
+#include "table/search/domain_order.h"
 #include "table/search/tree_access.h"
 #include "table/trace_point.h"
 
@@ -37,7 +38,7 @@ void *entry_of(const ordtree_t *tree, ordtree_link_t *node)
 
 bool runs(const ordtree_t *tree) L2FIB_REQUIRES_TABLE_LOCK
 {
-    return tree != nullptr && (edm::is_watched(tree) || ordtree_running(tree) != 0);
+    return tree != nullptr && edm::runs(tree);
 }
 
 // Searches in the trees, for the case that an index is not trusted or does not know the answer. They are not inlined,
@@ -148,6 +149,16 @@ l2fm_edm_mac_t *smaller_of(l2fm_edm_mac_t *kept, l2fm_edm_mac_t *candidate)
         return kept == nullptr ? candidate : kept;
     }
     return std::memcmp(candidate->mac_addr, kept->mac_addr, edm::mac_addr_size) < 0 ? candidate : kept;
+}
+
+l2fm_edm_mac_t *search_next_of_ports(const l2fm_edm_bd_t *bd, const uint8_t *mac_addr) L2FIB_REQUIRES_TABLE_LOCK
+{
+    l2fm_edm_mac_t *kept = nullptr;
+    l2fm_edm_bp_t *bp = l2fm_edm_table_bd_bp_get_first(bd);
+    for (; bp != nullptr; bp = l2fm_edm_table_bd_bp_get_next(bd, bp)) {
+        kept = smaller_of(kept, l2fm_edm_table_bp_macaddr_get_next(&bp->mac_tree, mac_addr));
+    }
+    return kept;
 }
 
 } // namespace
@@ -385,12 +396,8 @@ l2fm_edm_mac_t *l2fm_edm_table_mac_get_next_by_bdname_mac(const char *name, cons
         return nullptr;
     }
     const l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_by_name(name);
-    l2fm_edm_mac_t *kept = nullptr;
-    l2fm_edm_bp_t *bp = l2fm_edm_table_bd_bp_get_first(bd);
-    for (; bp != nullptr; bp = l2fm_edm_table_bd_bp_get_next(bd, bp)) {
-        kept = smaller_of(kept, l2fm_edm_table_bp_macaddr_get_next(&bp->mac_tree, mac_addr));
-    }
-    return kept;
+    const edm::domain_answer answer = edm::next_in_domain(bd, mac_addr);
+    return answer.known ? answer.mac : search_next_of_ports(bd, mac_addr);
 }
 
 l2fm_edm_vtep_t *l2fm_edm_table_vtep_get_by_bridgeid_vtep(uint32_t bridge_id, const uint8_t *vtep_addr)
