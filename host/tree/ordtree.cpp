@@ -5,6 +5,7 @@
 #include "host/tree/ordtree_key.h"
 #include "host/tree/ordtree_shape.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdarg>
@@ -172,6 +173,32 @@ inline ordtree_link_t *visit_on_walk(const ordtree_index_t &index, leaf_place at
     return visit(index, in_range({found.leaf, found.slot + (found.equal ? 1 : 0)}));
 }
 
+// Prefetches the records from a place on, at most `count`. Always inlined, like prefetch_node.
+[[gnu::always_inline]] inline void prefetch_records(leaf_place from, unsigned count)
+{
+    for (; from.leaf != nullptr && count > 0; from = {from.leaf->next, 0}) {
+        const unsigned end = std::min(from.leaf->count, from.slot + count);
+        count -= end - from.slot;
+        for (unsigned slot = from.slot; slot < end; slot++) {
+            const auto *const record = static_cast<const char *>(from.leaf->entries[slot].target);
+            __builtin_prefetch(record);
+            __builtin_prefetch(record + cache_line_size);
+        }
+    }
+}
+
+// Copies the records of a leaf from a place on, up to slot `end`. Returns how many.
+inline uint32_t copy_records(leaf_place from, unsigned end, ordtree_link_t **records)
+{
+    const unsigned count = end > from.slot ? end - from.slot : 0;
+    const entry *const entries = from.leaf->entries + from.slot;
+#pragma GCC unroll 4
+    for (unsigned number = 0; number < count; number++) {
+        records[number] = static_cast<ordtree_link_t *>(entries[number].target);
+    }
+    return count;
+}
+
 // Where an insertion puts the record in one index. It finds all places before it changes an index.
 struct insertion {
     leaf_place at;
@@ -318,6 +345,29 @@ ordtree_link_t *ordtree_get_next(const ordtree_t *tree, const ordtree_link_t *pr
         return visit_on_walk(tree->index[index], in_range({cursor.leaf, cursor.slot + 1}));
     }
     return next_of_any(tree, probe, index);
+}
+
+uint32_t ordtree_gather(const ordtree_t *tree, const ordtree_link_t *node, uint32_t index, ordtree_link_t **nodes,
+                        uint32_t count)
+{
+    if (!has_index(tree, index) || node == nullptr || count == 0) {
+        return 0;
+    }
+    const leaf_place cursor = cursor_of(tree->index[index]);
+    const bool is_at_cursor = cursor.leaf != nullptr && node[index].place == cursor.leaf && holds(cursor, node);
+    leaf_place at = is_at_cursor ? cursor : locate(tree, index, node);
+    uint32_t stored = 0;
+    for (at.slot++; at.leaf != nullptr && stored < count; at = {at.leaf->next, 0}) {
+        const unsigned end = std::min(at.leaf->count, at.slot + (count - stored));
+        stored += copy_records(at, end, nodes + stored);
+        at.slot = std::max(at.slot, end);
+        if (stored == count) {
+            set_cursor(tree->index[index], {at.leaf, at.slot - 1});
+            prefetch_records(at, count);
+            break;
+        }
+    }
+    return stored;
 }
 
 void ordtree_finish(ordtree_t *tree)

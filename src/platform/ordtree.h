@@ -136,6 +136,14 @@ L2FIB_EXPORT L2FIB_OPTIONAL void ordtree_describe_key(ordtree_compare_fn compare
 L2FIB_EXPORT L2FIB_OPTIONAL void ordtree_expect(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index);
 
 /*
+ * Stores the nodes behind `node`, which is in the tree, in the order of `index`: at most `count` of them, to `nodes`.
+ * Returns how many it stored, 0 behind the last node. A walk that changes nothing saves a call for each node so. The
+ * tree also prefetches memory of the nodes behind those. A platform may lack this operation.
+ */
+L2FIB_EXPORT L2FIB_OPTIONAL uint32_t ordtree_gather(const ordtree_t *tree, const ordtree_link_t *node, uint32_t index,
+                                                    ordtree_link_t **nodes, uint32_t count);
+
+/*
  * Makes the tree count its changes in `*changes`. From now on each successful insertion and deletion, and the tree's
  * end, adds one, for every caller. The caller owns the cell and keeps it longer than the tree. Several trees under
  * one lock may share a cell. A tree that does not run stays unwatched. A platform may lack this operation.

@@ -287,6 +287,14 @@ TEST(ordtree, walks_without_a_search_and_while_its_records_leave)
                 const record *const neighbour = index == 0 ? &each + 1 : &each - 1;
                 const bool last = &each == (index == 0 ? &records.back() : &records.front());
                 ASSERT_EQ(entry(ordtree_get_next(&tree, each.links, index)), last ? nullptr : neighbour);
+                ordtree_link_t *gathered[100];
+                const auto place = static_cast<uint32_t>(&each - records.data());
+                const uint32_t behind = index == 0 ? count - 1 - place : place;
+                const uint32_t wanted = place % 101;
+                ASSERT_EQ(ordtree_gather(&tree, each.links, index, gathered, wanted), std::min(wanted, behind));
+                for (uint32_t i = 0; i < std::min(wanted, behind); i++) {
+                    ASSERT_EQ(entry(gathered[i]), &records[index == 0 ? place + 1 + i : place - 1 - i]);
+                }
             }
             EXPECT_EQ(comparator_calls, 0U);
         }

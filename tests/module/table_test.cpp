@@ -5,6 +5,8 @@
 
 #include <cstring>
 #include <functional>
+#include <random>
+#include <set>
 #include <thread>
 
 #include "host/objects/l2fib_objects.h"
@@ -250,6 +252,47 @@ TEST_F(walks, visit_in_order_and_stop)
         }
     }
     EXPECT_EQ(take_traces(), "");
+}
+
+// What a walk has to visit next, whatever its callback changes.
+struct expected_walk {
+    std::set<uint32_t> present;
+    uint32_t next;
+    std::minstd_rand random{1};
+};
+
+uint32_t visit_and_change(l2fm_edm_mac_t *mac, void *cookie)
+{
+    auto &expected = *static_cast<expected_walk *>(cookie);
+    const uint32_t number = mac->mac_addr[4] << 8 | mac->mac_addr[5];
+    EXPECT_EQ(number, expected.next);
+    const auto behind = expected.present.upper_bound(number);
+    expected.next = behind == expected.present.end() ? 0 : *behind;
+    const auto change = static_cast<uint32_t>(expected.random() % 100);
+    if (change < 10) {
+        expected.present.erase(number);
+        EXPECT_EQ(l2fm_edm_table_mac_destroy(mac), 0u);
+    } else if (change < 13) {
+        const auto added = static_cast<uint32_t>(number + 1 + expected.random() % 100);
+        expected.present.insert(added);
+        feed(added, 10, 1);
+    }
+    return 1;
+}
+
+TEST_F(walks, visit_what_is_there_when_they_reach_it)
+{
+    small_table::limit = UINT32_MAX;
+    expected_walk expected;
+    for (uint32_t number = 1; number < 2000; number += 2) {
+        feed(number, 10, 1);
+        expected.present.insert(number);
+    }
+    for (int round = 0; round < 5; round++) {
+        expected.next = *expected.present.begin();
+        EXPECT_EQ(l2fm_edm_table_walk_all_macs_under_bp(visit_and_change, &expected, 10), 0u);
+        EXPECT_EQ(expected.next, 0u);
+    }
 }
 
 TEST_F(walks, need_a_callback)

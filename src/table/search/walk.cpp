@@ -3,23 +3,87 @@
 // The six walks. Each is one critical section. A walk finds the successor of an item before it calls the callback, so
 // the callback may destroy the item.
 #include "table/element.h"
+#include "table/index/index_trust.h"
 #include "table/root.h"
 #include "table/scoped_lock.h"
 
 namespace {
 
+using edm::to_element;
+
+// A piece of a port's entries: those that a walk visits next, and the one behind them.
+constexpr uint32_t piece_size = 32;
+
+struct walk_piece {
+    ordtree_link_t *node[piece_size + 1];
+    uint32_t count; // entries to visit
+    bool is_last;   // no entry is behind them; otherwise node[count] is
+};
+
+bool can_gather(const l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
+{
+    return &ordtree_gather != nullptr && edm::is_watched(&bp->mac_tree);
+}
+
+// Makes the piece of a single entry.
+void take_one(const l2fm_edm_bp_t *bp, const l2fm_edm_mac_t *mac, walk_piece &piece) L2FIB_REQUIRES_TABLE_LOCK
+{
+    l2fm_edm_mac_t *next = l2fm_edm_table_bp_mac_get_next(bp, mac);
+    piece.is_last = next == nullptr;
+    piece.node[1] = piece.is_last ? nullptr : &to_element(next)->mac_link;
+    piece.count = 1;
+}
+
+// Makes a piece of as many entries as it has room for.
+void take_many(const l2fm_edm_bp_t *bp, walk_piece &piece) L2FIB_REQUIRES_TABLE_LOCK
+{
+    const uint32_t behind = ordtree_gather(&bp->mac_tree, piece.node[0], 0, piece.node + 1, piece_size);
+    piece.is_last = behind < piece_size;
+    piece.count = piece.is_last ? behind + 1 : behind;
+}
+
+// Visits the entries of a piece until a tree changes. Returns how many it visited, 0 if the callback stops the walk.
+uint32_t visit_piece(const walk_piece &piece, l2fm_edm_mac_walk_fn callback, void *cookie) L2FIB_REQUIRES_TABLE_LOCK
+{
+    const uint64_t changes = edm::tree_changes.all;
+    ordtree_link_t *const *const end = piece.node + piece.count;
+    ordtree_link_t *const *at = piece.node;
+    do {
+        auto *element = reinterpret_cast<mac_element *>(*at);
+        if (callback(&element->record, cookie) == EDM_WALK_STOP) {
+            return 0;
+        }
+        at++;
+    } while (at != end && edm::tree_changes.all == changes);
+    return static_cast<uint32_t>(at - piece.node);
+}
+
 // Calls the callback for each entry of a port, by address. Returns false if the callback stops the walk.
+//
+// The walk gathers entries, but it visits those that it would find one by one. When a callback changes a tree, it
+// gathers again from the next entry on, which it knew before the callback, and then a single one.
 bool visit_macs(const l2fm_edm_bp_t *bp, l2fm_edm_mac_walk_fn callback, void *cookie) L2FIB_REQUIRES_TABLE_LOCK
 {
     l2fm_edm_mac_t *mac = l2fm_edm_table_bp_mac_get_first(bp);
-    while (mac != nullptr) {
-        l2fm_edm_mac_t *next = l2fm_edm_table_bp_mac_get_next(bp, mac);
-        if (callback(mac, cookie) == EDM_WALK_STOP) {
+    if (mac == nullptr) {
+        return true;
+    }
+    walk_piece piece; // NOLINT(cppcoreguidelines-pro-type-member-init)
+    piece.node[0] = &to_element(mac)->mac_link;
+    bool gathers = can_gather(bp);
+    for (;;) {
+        gathers ? take_many(bp, piece) : take_one(bp, edm::to_record<l2fm_edm_mac_t>(piece.node[0]), piece);
+        const uint64_t changes = edm::tree_changes.all;
+        const uint32_t visited = visit_piece(piece, callback, cookie);
+        if (visited == 0) {
             return false;
         }
-        mac = next;
+        if (visited == piece.count && piece.is_last) {
+            return true;
+        }
+        gathers = edm::tree_changes.all == changes && can_gather(bp);
+        piece.node[0] = piece.node[visited];
     }
-    return true;
 }
 
 // The same for the VTEPs of a port. A port of another kind has none.
