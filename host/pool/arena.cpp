@@ -2,7 +2,10 @@
 
 #include "host/pool/arena.h"
 
+#include <pthread.h>
 #include <sanitizer/asan_interface.h>
+#include <semaphore.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -11,6 +14,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <utility>
 
 #include "base/mutex.h"
 
@@ -53,6 +57,23 @@ constinit slab_account account;
 // Apart from the account, so that the account is all zero and takes no space in the library's file.
 constinit size_t limit L2FIB_GUARDED_BY(account.mutex) = max_slabs;
 
+// The slab that the keeper has prepared: open, without an owner, and touched.
+//
+// The first touch of a huge page clears 2 MiB, which takes hundreds of microseconds. The keeper is a thread that does
+// this ahead of use, so that no user of a slab waits for it. Whoever takes the prepared slab wakes the keeper, which
+// prepares another one. While it is not ready, slabs have small pages: they cost more in all, but never much at once.
+struct keeper_state {
+    size_t prepared = no_slab;
+    bool is_busy = false; // from the request until the slab is prepared
+    bool is_started = false;
+};
+
+constinit keeper_state keeper L2FIB_GUARDED_BY(account.mutex);
+sem_t keeper_wanted; // start_keeper initialises it
+
+// Starts the keeper's thread. Returns whether there is one.
+bool start_keeper() noexcept;
+
 void *map_inaccessible(void *at, size_t size, int flags) noexcept
 {
     return mmap(at, size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | flags, -1, 0);
@@ -63,8 +84,8 @@ std::byte *slab_at(size_t index) noexcept
     return reinterpret_cast<std::byte *>(table.base.load(std::memory_order_relaxed) + index * arena_slab_size);
 }
 
-// Reserves the address space, unless it is reserved. If the process may not have that much, tries half of it, and so on
-// down to a single slab.
+// Reserves the address space, unless it is reserved, and starts the keeper, so that no later use pays for that. If the
+// process may not have that much, tries half of it, and so on down to a single slab.
 bool reserve() noexcept L2FIB_REQUIRES(account.mutex)
 {
     if (table.count.load(std::memory_order_relaxed) != 0) {
@@ -77,6 +98,7 @@ bool reserve() noexcept L2FIB_REQUIRES(account.mutex)
             const auto address = reinterpret_cast<uintptr_t>(start) + arena_slab_size - 1;
             table.base.store(address & ~(arena_slab_size - 1), std::memory_order_relaxed);
             table.count.store(count, std::memory_order_release);
+            keeper.is_started = start_keeper();
             return true;
         }
     }
@@ -92,7 +114,7 @@ size_t index_of(const void *address) noexcept
     return index < count ? index : no_slab;
 }
 
-// Returns the index of a slab that is not taken, or no_slab.
+// Returns the index of a slab that is neither taken nor prepared, or no_slab.
 size_t pick() noexcept L2FIB_REQUIRES(account.mutex)
 {
     if (!reserve() || account.taken >= limit) {
@@ -109,16 +131,14 @@ void put_back(size_t index) noexcept L2FIB_REQUIRES(account.mutex)
     account.free[account.free_count++] = static_cast<uint32_t>(index);
 }
 
-// Makes a slab accessible. If the system refuses huge pages, the slab has small ones.
-bool open(std::byte *slab, arena_pages pages) noexcept
+bool open(std::byte *slab) noexcept
 {
-    if (mprotect(slab, arena_slab_size, PROT_READ | PROT_WRITE) != 0) {
-        return false;
-    }
-    if (pages == arena_pages::huge) {
-        madvise(slab, arena_slab_size, MADV_HUGEPAGE);
-    }
-    return true;
+    return mprotect(slab, arena_slab_size, PROT_READ | PROT_WRITE) == 0;
+}
+
+void request_huge_pages(std::byte *slab) noexcept
+{
+    madvise(slab, arena_slab_size, MADV_HUGEPAGE);
 }
 
 // Maps new inaccessible memory over a slab. One call so drops the slab's pages, its advice and its share of the
@@ -142,20 +162,131 @@ void close(std::byte *slab) noexcept
     }
 }
 
+// Opens a slab with small pages. The system replaces them by a huge one later, if that was requested. A huge page at
+// once would have to be cleared at once, therefore the first small one comes before the request.
+bool open_now(size_t index, arena_pages pages) noexcept
+{
+    std::byte *slab = slab_at(index);
+    if (!open(slab)) {
+        return false;
+    }
+    if (pages == arena_pages::huge) {
+        touch_each_page(slab, 1);
+        request_huge_pages(slab);
+    }
+    return true;
+}
+
+// ---- The keeper ----
+
+// Opens and touches a slab. False if the system has no memory; the slab is then closed.
+bool prepare(std::byte *slab) noexcept
+{
+    if (!open(slab)) {
+        return false;
+    }
+    request_huge_pages(slab);
+    if (!arena_touch(slab, arena_slab_size)) {
+        close(slab);
+        return false;
+    }
+    return true;
+}
+
+size_t pick_for_keeper() noexcept
+{
+    const base::scoped_lock hold(account.mutex);
+    return pick();
+}
+
+void finish_request(size_t index, bool is_prepared) noexcept
+{
+    const base::scoped_lock hold(account.mutex);
+    keeper.is_busy = false;
+    if (is_prepared) {
+        keeper.prepared = index;
+    } else if (index != no_slab) {
+        put_back(index);
+    }
+}
+
+void *run_keeper(void *)
+{
+    pthread_setname_np(pthread_self(), "arena-keeper");
+    for (;;) {
+        if (sem_wait(&keeper_wanted) != 0) {
+            continue;
+        }
+        const size_t index = pick_for_keeper();
+        finish_request(index, index != no_slab && prepare(slab_at(index)));
+    }
+}
+
+// All signals are blocked in it, because it serves none. It never ends.
+bool start_keeper() noexcept
+{
+    pthread_attr_t attributes;
+    if (sem_init(&keeper_wanted, 0, 0) != 0 || pthread_attr_init(&attributes) != 0) {
+        return false;
+    }
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &before);
+    pthread_t thread;
+    const int status = pthread_create(&thread, &attributes, run_keeper, nullptr);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    pthread_attr_destroy(&attributes);
+    return status == 0;
+}
+
+// Without the keeper's thread all slabs have small pages at first.
+void request_slab() noexcept L2FIB_REQUIRES(account.mutex)
+{
+    if (keeper.is_started && !keeper.is_busy && keeper.prepared == no_slab) {
+        keeper.is_busy = true;
+        sem_post(&keeper_wanted);
+    }
+}
+
+// Returns the prepared slab, which is open, or no_slab.
+size_t take_prepared() noexcept L2FIB_REQUIRES(account.mutex)
+{
+    return account.taken < limit ? std::exchange(keeper.prepared, no_slab) : no_slab;
+}
+
+// Returns the index of an open slab, or no_slab. The prepared slab also serves if no other one is left.
+size_t take_open(arena_pages pages) noexcept L2FIB_REQUIRES(account.mutex)
+{
+    if (pages == arena_pages::huge) {
+        if (const size_t prepared = take_prepared(); prepared != no_slab) {
+            return prepared;
+        }
+    }
+    const size_t index = pick();
+    if (index == no_slab) {
+        return take_prepared();
+    }
+    if (!open_now(index, pages)) {
+        put_back(index);
+        return no_slab;
+    }
+    return index;
+}
+
 } // namespace
 
 void *arena_take(const void *owner, arena_pages pages) noexcept
 {
     const base::scoped_lock hold(account.mutex);
-    const size_t index = owner == nullptr ? no_slab : pick();
+    const size_t index = owner == nullptr ? no_slab : take_open(pages);
     if (index == no_slab) {
         account.refused++;
         return nullptr;
     }
-    if (!open(slab_at(index), pages)) {
-        put_back(index);
-        account.refused++;
-        return nullptr;
+    if (pages == arena_pages::huge) {
+        request_slab();
     }
     account.peak = std::max(account.peak, ++account.taken);
     table.owners[index].store(owner, std::memory_order_release);

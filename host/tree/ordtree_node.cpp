@@ -60,7 +60,9 @@ void close_slab(slab *without_room) L2FIB_REQUIRES(memory.mutex)
 
 slab *map_slab() L2FIB_REQUIRES(memory.mutex)
 {
-    auto *const mapped = static_cast<slab *>(arena_take(&memory, arena_pages::huge));
+    // The first slab may stay nearly empty.
+    const arena_pages pages = memory.slabs == 0 ? arena_pages::small : arena_pages::huge;
+    auto *const mapped = static_cast<slab *>(arena_take(&memory, pages));
     if (mapped != nullptr) {
         mapped->fresh = 1;
         open_slab(mapped);

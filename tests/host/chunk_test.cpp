@@ -4,10 +4,13 @@
 
 #include <gtest/gtest.h>
 #include <sanitizer/asan_interface.h>
+#include <sys/mman.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -126,6 +129,35 @@ TEST_F(chunk, InsertionOrderIsMemoryOrder)
         EXPECT_EQ(chunk_malloc(pool), out[hole]);
     }
     chunk_destroy(pool);
+}
+
+bool is_resident(const char *slab)
+{
+    constexpr size_t page_size = 4096;
+    unsigned char flags = 0;
+    return mincore(const_cast<char *>(slab + arena_slab_size - page_size), page_size, &flags) == 0 && (flags & 1) != 0;
+}
+
+TEST_F(chunk, SlabsOfHugePagesAreTouchedAhead)
+{
+    const std::string zeroes(arena_slab_size, '\0');
+    const int owner = 0;
+    std::set<char *> taken;
+    bool was_touched = false;
+    for (int attempt = 0; attempt < 500 && !was_touched; attempt++) {
+        auto *slab = static_cast<char *>(host::arena_take(&owner, host::arena_pages::huge));
+        ASSERT_NE(slab, nullptr);
+        EXPECT_TRUE(taken.insert(slab).second);
+        EXPECT_EQ(host::arena_owner(slab), &owner);
+        was_touched = is_resident(slab);
+        EXPECT_EQ(memcmp(slab, zeroes.data(), arena_slab_size), 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_TRUE(was_touched);
+    for (char *slab : taken) {
+        memset(slab, 1, arena_slab_size);
+        host::arena_give(slab);
+    }
 }
 
 TEST_F(chunk, RefusesWhatIsNoLiveElement)

@@ -108,7 +108,8 @@ namespace growing {
 
 constexpr uint64_t first_bucket_count = 512; // one table of 32 KiB
 constexpr uint64_t buckets_retired_at_once = 4;
-constexpr uint64_t buckets_unmapped_at_once = 4096; // 256 KiB
+constexpr uint64_t buckets_unmapped_at_once = 1024; // 64 KiB
+constexpr uint64_t buckets_touched_at_once = 256;   // 16 KiB, four small pages
 constexpr uint64_t buckets_of_huge_page = (uint64_t{2} << 20) / sizeof(index_bucket);
 constexpr uint16_t max_passed = UINT16_MAX;
 constexpr uintptr_t mark_bit = 1;
@@ -118,7 +119,7 @@ constexpr uintptr_t mark_bit = 1;
 constexpr uint64_t full_parts = 2;
 constexpr uint64_t parts = 3;
 
-static_assert(first_bucket_count % buckets_retired_at_once == 0,
+static_assert(first_bucket_count % buckets_retired_at_once == 0 && first_bucket_count % buckets_touched_at_once == 0,
               "a table has a whole number of such groups of buckets");
 
 // Returns an odd number that nobody outside can guess. The load address differs between processes, the time between
@@ -193,30 +194,41 @@ inline bool holds(const bucket_table &table, const index_bucket *bucket)
     return bucket >= table.buckets && bucket < table.buckets + bucket_count(table);
 }
 
-// How to map a table that is too small for huge pages: with all pages present. The index will use all of them, and a
-// page that it reads before it writes would cost two faults.
-#ifdef MAP_POPULATE
-constexpr int all_pages_present = MAP_POPULATE;
-#else
-constexpr int all_pages_present = 0;
-#endif
-
-// Maps an empty table. Returns a table without buckets if memory is short.
+// Maps an empty table, in small pages: a huge one would be cleared at its first touch, which takes hundreds of
+// microseconds. Returns a table without buckets if memory is short.
 inline bucket_table map_table(uint64_t bucket_count)
 {
     const size_t bytes = bucket_count * sizeof(index_bucket);
-    const bool is_large = bucket_count >= 2 * buckets_of_huge_page;
-    const int flags = MAP_PRIVATE | MAP_ANONYMOUS | (is_large ? 0 : all_pages_present);
-    void *memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, flags, -1, 0);
+    void *memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
         return {};
     }
-#ifdef MADV_HUGEPAGE
-    if (is_large) {
-        madvise(memory, bytes, MADV_HUGEPAGE);
-    }
+#ifdef MADV_NOHUGEPAGE
+    madvise(memory, bytes, MADV_NOHUGEPAGE);
 #endif
     return {static_cast<index_bucket *>(memory), bucket_count - 1, 0};
+}
+
+// Lets the system replace the small pages of a table by huge ones, behind the back of its users. All pages of the table
+// are present.
+inline void request_huge_pages(const bucket_table &table)
+{
+#ifdef MADV_HUGEPAGE
+    if (bucket_count(table) >= buckets_of_huge_page) {
+        madvise(table.buckets, bucket_count(table) * sizeof(index_bucket), MADV_HUGEPAGE);
+    }
+#endif
+}
+
+// Makes pages of a table present ahead of use. A page that is read before it is written would cost two faults.
+inline void touch(index_bucket *buckets, uint64_t count)
+{
+#ifdef MADV_POPULATE_WRITE
+    madvise(buckets, count * sizeof(index_bucket), MADV_POPULATE_WRITE);
+#else
+    (void)buckets;
+    (void)count;
+#endif
 }
 
 // Unmaps a table from a bucket on; the caller has unmapped those before.
@@ -342,6 +354,7 @@ void retire_one(growing_index<Traits> &index)
         index.emptied = index.retiring;
         index.unmapped = 0;
         index.retiring = {};
+        request_huge_pages(index.current);
     }
 }
 
@@ -360,6 +373,10 @@ void unmap_some(growing_index<Traits> &index)
 template <typename Traits>
 void retire_some(growing_index<Traits> &index)
 {
+    if (index.retired % buckets_touched_at_once == 0) {
+        touch(index.current.buckets + index.retired, buckets_touched_at_once);
+        touch(index.current.buckets + bucket_count(index.retiring) + index.retired, buckets_touched_at_once);
+    }
     for (uint64_t count = 0; count < buckets_retired_at_once; count++) {
         retire_one(index);
     }
