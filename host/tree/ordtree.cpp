@@ -199,6 +199,14 @@ inline uint32_t copy_records(leaf_place from, unsigned end, ordtree_link_t **rec
     return count;
 }
 
+const node *leaf_below(const node *at, uint64_t key)
+{
+    for (unsigned level = at->level; level > 0; level--) {
+        at = child_at(at, slot_below(at, key));
+    }
+    return at;
+}
+
 // Where an insertion puts the record in one index. It finds all places before it changes an index.
 struct insertion {
     leaf_place at;
@@ -303,17 +311,19 @@ ordtree_link_t *ordtree_search(const ordtree_t *tree, const ordtree_link_t *prob
     return found.equal ? record_at(found.leaf, found.slot) : nullptr;
 }
 
-// Searches down to the leaf and prefetches it. Does nothing if the search would call a comparator, because that would
-// wait for the memory of records.
+// Prefetches the leaf of a record, or searches down to that of a probe and prefetches it. Does nothing if the search
+// would call a comparator, because that would wait for the memory of records.
 void ordtree_expect(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index)
 {
     if (!has_index(tree, index) || probe == nullptr || !has_inline_keys(tree->index[index])) {
         return;
     }
-    const uint64_t key = key_word(tree->index[index], probe + index);
-    const auto *at = static_cast<const node *>(tree->index[index].root);
-    for (unsigned level = at != nullptr ? at->level : 0; level > 0; level--) {
-        at = child_at(at, slot_below(at, key));
+    const auto *at = static_cast<const host::btree::node *>(probe[index].place);
+    if (at == nullptr) {
+        at = static_cast<const host::btree::node *>(tree->index[index].root);
+        if (at != nullptr && at->level > 0) {
+            at = leaf_below(at, key_word(tree->index[index], probe + index));
+        }
     }
     if (at != nullptr) {
         prefetch_node(at);

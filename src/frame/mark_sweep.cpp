@@ -5,6 +5,7 @@
 // over VTEPs first: such a feed can then leave a VTEP without an entry, but no entry without its VTEP. Sweep walks over
 // MAC entries first.
 #include "l2fm_edm_table.h"
+#include "table/search/walk.h"
 #include "table/trace_point.h"
 
 namespace {
@@ -81,7 +82,7 @@ uint32_t l2fib_mac_edm_mark_bp(uint32_t xcid)
 
 uint32_t l2fib_mac_edm_sweep_all(void)
 {
-    const uint32_t status = l2fm_edm_table_walk_all_macs(l2fib_mac_edm_sweep, nullptr);
+    const uint32_t status = edm::walk_all_macs_to_destroy(l2fib_mac_edm_sweep);
     l2fm_edm_table_walk_all_vteps(l2fib_vtep_edm_sweep);
     return status;
 }

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 
+#include "table/search/walk.h"
+
 // The six walks. Each is one critical section. A walk finds the successor of an item before it calls the callback, so
 // the callback may destroy the item.
 #include "table/element.h"
+#include "table/index/address_index.h"
 #include "table/index/index_trust.h"
 #include "table/root.h"
 #include "table/scoped_lock.h"
@@ -130,8 +133,43 @@ bool visit_vteps_of_bd(const l2fm_edm_bd_t *bd, l2fm_edm_vtep_walk_fn callback) 
     return visit_ports(bd, [=](l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK { return visit_vteps(bp, callback); });
 }
 
+// A sweep of more entries than the caches hold waits for memory at each destruction. It prefetches this many entries
+// ahead what a destruction needs.
+constexpr uint32_t sweep_distance = 6;
+constexpr uint32_t least_worth_fetching = 1U << 16; // entries; below, the caches hold nearly everything
+
+// Runs some entries ahead of a sweep. Stays at the end of the list.
+struct sweep_scout {
+    l2fm_edm_ll_link_t *at;
+};
+
+void run_ahead(sweep_scout &scout) L2FIB_REQUIRES_TABLE_LOCK
+{
+    if (scout.at == edm::list_end()) {
+        return;
+    }
+    const l2fm_edm_mac_t *mac = edm::mac_of_list_link(scout.at);
+    edm::address_index_expect(edm::probe_of(mac->mac_addr));
+    if (&ordtree_expect != nullptr) {
+        ordtree_expect(&mac->bp->mac_tree, &to_element(mac)->mac_link, 0);
+    }
+    scout.at = scout.at->next;
+    __builtin_prefetch(scout.at);
+}
+
+sweep_scout start_scout() L2FIB_REQUIRES_TABLE_LOCK
+{
+    const l2fm_edm_ll_root_t &list = edm::root.ll_root;
+    sweep_scout scout = {list.ll_count < least_worth_fetching || !edm::indexes_trusted() ? edm::list_end()
+                                                                                         : list.ll_first};
+    for (uint32_t ahead = 0; ahead < sweep_distance; ahead++) {
+        run_ahead(scout);
+    }
+    return scout;
+}
+
 // Calls the callback for each entry, from the oldest one to the newest one at the start of the walk.
-bool visit_list(l2fm_edm_mac_walk_fn callback, void *cookie) L2FIB_REQUIRES_TABLE_LOCK
+bool visit_list(l2fm_edm_mac_walk_fn callback, void *cookie, sweep_scout scout) L2FIB_REQUIRES_TABLE_LOCK
 {
     const l2fm_edm_ll_root_t &list = edm::root.ll_root;
     if (list.ll_count == 0) {
@@ -142,6 +180,7 @@ bool visit_list(l2fm_edm_mac_walk_fn callback, void *cookie) L2FIB_REQUIRES_TABL
     for (;;) {
         l2fm_edm_ll_link_t *next = link->next;
         __builtin_prefetch(next);
+        run_ahead(scout);
         const bool is_tail = link == tail;
         if (callback(edm::mac_of_list_link(link), cookie) == EDM_WALK_STOP) {
             return false;
@@ -169,7 +208,12 @@ uint32_t walk(Callback callback, Visit visit)
 
 uint32_t l2fm_edm_table_walk_all_macs(l2fm_edm_mac_walk_fn callback, void *cookie)
 {
-    return walk(callback, [=]() L2FIB_REQUIRES_TABLE_LOCK { return visit_list(callback, cookie); });
+    return walk(callback, [=]() L2FIB_REQUIRES_TABLE_LOCK { return visit_list(callback, cookie, {edm::list_end()}); });
+}
+
+uint32_t edm::walk_all_macs_to_destroy(l2fm_edm_mac_walk_fn callback)
+{
+    return walk(callback, [=]() L2FIB_REQUIRES_TABLE_LOCK { return visit_list(callback, nullptr, start_scout()); });
 }
 
 uint32_t l2fm_edm_table_walk_all_macs_under_bd(l2fm_edm_mac_walk_fn callback, void *cookie, uint32_t bridge_id)
