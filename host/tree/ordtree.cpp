@@ -216,9 +216,10 @@ struct insertion {
 using insertions = std::array<insertion, ORDTREE_MAX_INDEXES>;
 
 // Finds where a record goes in each index, and how many new nodes that needs. False if an index holds an equal key.
-inline bool find_room(const ordtree_t *tree, const ordtree_link_t *record, insertions &into, unsigned &needed)
+[[gnu::always_inline]] inline bool find_room(const ordtree_t *tree, const ordtree_link_t *record, unsigned index_count,
+                                             insertions &into, unsigned &needed)
 {
-    for (unsigned number = 0; number < tree->index_count; number++) {
+    for (unsigned number = 0; number < index_count; number++) {
         const ordtree_index_t &index = tree->index[number];
         const uint64_t key = key_word(index, record + number);
         const key_position found = find_key(index, key);
@@ -229,6 +230,45 @@ inline bool find_room(const ordtree_t *tree, const ordtree_link_t *record, inser
         needed += needs_nodes(found.leaf) ? nodes_needed(found.leaf) : 0;
     }
     return true;
+}
+
+// The operations below take the number of indexes apart from the tree and are always inlined. Nearly all trees have one
+// index, and with a constant the compiler drops the loops.
+
+[[gnu::always_inline]] inline ordtree_link_t *insert_into(ordtree_t *tree, ordtree_link_t *record, unsigned index_count)
+{
+    if (is_in_a_tree(record, index_count)) {
+        return nullptr;
+    }
+    insertions into;
+    unsigned needed = 0;
+    host::btree::node *spare = nullptr;
+    if (!find_room(tree, record, index_count, into, needed) || (needed > 0 && !nodes_take(needed, spare))) {
+        return nullptr;
+    }
+    for (unsigned number = 0; number < index_count; number++) {
+        put_record(tree, number, into[number].at, {into[number].key, record}, spare);
+    }
+    tree->record_count++;
+    note_change(tree);
+    return record;
+}
+
+[[gnu::always_inline]] inline ordtree_link_t *delete_from(ordtree_t *tree, ordtree_link_t *record, unsigned index_count)
+{
+    std::array<leaf_place, ORDTREE_MAX_INDEXES> at;
+    for (unsigned number = 0; number < index_count; number++) {
+        at[number] = locate_behind_walk(tree, number, record);
+        if (at[number].leaf == nullptr) {
+            return nullptr;
+        }
+    }
+    for (unsigned number = 0; number < index_count; number++) {
+        take_record(tree, number, at[number]);
+    }
+    tree->record_count--;
+    note_change(tree);
+    return record;
 }
 
 } // namespace
@@ -265,21 +305,10 @@ uint32_t ordtree_running(const ordtree_t *tree)
 
 ordtree_link_t *ordtree_insert(ordtree_t *tree, ordtree_link_t *node)
 {
-    if (!runs(tree) || node == nullptr || is_in_a_tree(node, tree->index_count)) {
+    if (!runs(tree) || node == nullptr) {
         return nullptr;
     }
-    insertions into;
-    unsigned needed = 0;
-    host::btree::node *spare = nullptr;
-    if (!find_room(tree, node, into, needed) || (needed > 0 && !nodes_take(needed, spare))) {
-        return nullptr;
-    }
-    for (unsigned number = 0; number < tree->index_count; number++) {
-        put_record(tree, number, into[number].at, {into[number].key, node}, spare);
-    }
-    tree->record_count++;
-    note_change(tree);
-    return node;
+    return tree->index_count == 1 ? insert_into(tree, node, 1) : insert_into(tree, node, tree->index_count);
 }
 
 ordtree_link_t *ordtree_delete(ordtree_t *tree, ordtree_link_t *node)
@@ -287,19 +316,7 @@ ordtree_link_t *ordtree_delete(ordtree_t *tree, ordtree_link_t *node)
     if (!runs(tree) || node == nullptr) {
         return nullptr;
     }
-    std::array<leaf_place, ORDTREE_MAX_INDEXES> at;
-    for (unsigned number = 0; number < tree->index_count; number++) {
-        at[number] = locate_behind_walk(tree, number, node);
-        if (at[number].leaf == nullptr) {
-            return nullptr;
-        }
-    }
-    for (unsigned number = 0; number < tree->index_count; number++) {
-        take_record(tree, number, at[number]);
-    }
-    tree->record_count--;
-    note_change(tree);
-    return node;
+    return tree->index_count == 1 ? delete_from(tree, node, 1) : delete_from(tree, node, tree->index_count);
 }
 
 ordtree_link_t *ordtree_search(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index)

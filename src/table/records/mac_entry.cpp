@@ -81,11 +81,15 @@ constexpr contribution contributions[kinds] = {
 
 void raise(uint32_t &counter, bool by_one) L2FIB_REQUIRES_TABLE_LOCK
 {
-    edm::add(counter, by_one ? 1 : 0);
+    if (by_one) {
+        edm::add(counter, 1);
+    }
 }
 void lower(uint32_t &counter, bool by_one) L2FIB_REQUIRES_TABLE_LOCK
 {
-    edm::add(counter, by_one ? static_cast<uint32_t>(-1) : 0);
+    if (by_one) {
+        edm::add(counter, static_cast<uint32_t>(-1));
+    }
 }
 void lower_to_zero(uint32_t &counter, bool by_one) L2FIB_REQUIRES_TABLE_LOCK
 {
