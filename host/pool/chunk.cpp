@@ -170,9 +170,12 @@ constexpr uint64_t bit(uint32_t index) noexcept
     return uint64_t{1} << index % bits;
 }
 
-// Returns the lowest free element of a slab that is not full.
+// Returns the lowest free element of a slab that is not full. Without a hole it is the first that was never handed out.
 uint32_t lowest_free(const pool &p, slab *s) noexcept
 {
+    if (s->live == s->fresh) {
+        return s->fresh;
+    }
     uint32_t index = static_cast<uint32_t>(std::countr_one(s->top));
     index = index * bits + static_cast<uint32_t>(std::countr_one(summary_of(s)[index]));
     return index * bits + static_cast<uint32_t>(std::countr_one(map_of(p, s)[index]));

@@ -64,13 +64,14 @@ void join_chain(edm::index_place place, l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABL
 // Removes the head of a chain. The next entry becomes the head; without a next entry the address leaves the index.
 void remove_head(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 {
-    const edm::index_place place = edm::index_find(addresses.heads, by_address::key_of(*mac));
+    const edm::address_probe probe = edm::probe_of(mac->mac_addr);
+    const edm::index_place place = edm::index_find(addresses.heads, probe.address, probe.hash);
     if (edm::index_record(addresses.heads, place) != mac) {
         return; // the entry was never linked
     }
     l2fm_edm_mac_t *next = chain_next(mac);
     if (next == nullptr) {
-        edm::index_erase(addresses.heads, place);
+        edm::index_erase(addresses.heads, place, probe.hash);
         return;
     }
     set_chain_prev(next, nullptr);

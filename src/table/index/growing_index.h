@@ -90,6 +90,7 @@ struct bucket_table {
     index_bucket *buckets; // null: no table
     uint64_t mask;         // number of buckets, a power of two, less one
     uint64_t used;         // slots that hold a record
+    uint64_t full;         // the index grows when it uses this many
 };
 
 // Zero-filled: empty.
@@ -206,7 +207,7 @@ inline bucket_table map_table(uint64_t bucket_count)
 #ifdef MADV_NOHUGEPAGE
     madvise(memory, bytes, MADV_NOHUGEPAGE);
 #endif
-    return {static_cast<index_bucket *>(memory), bucket_count - 1, 0};
+    return {static_cast<index_bucket *>(memory), bucket_count - 1, 0, bucket_count * bucket_slots / parts * full_parts};
 }
 
 // Lets the system replace the small pages of a table by huge ones, behind the back of its users. All pages of the table
@@ -382,6 +383,21 @@ void retire_some(growing_index<Traits> &index)
     }
 }
 
+// Begins to replace the current table by a larger one. Returns false if memory is short.
+template <typename Traits>
+[[gnu::noinline]] bool grow(growing_index<Traits> &index)
+{
+    const bool is_first = index.current.buckets == nullptr;
+    const bucket_table next = map_table(is_first ? first_bucket_count : bucket_count(index.current) * 2);
+    if (next.buckets == nullptr) {
+        return false;
+    }
+    index.retiring = index.current;
+    index.retired = 0;
+    index.current = next;
+    return true;
+}
+
 // Ensures that the current table has a free slot, and moves some buckets if the index grows. Returns false if the index
 // needs a larger table and memory is short. The old table has moved completely long before the new one, of twice its
 // size, is full.
@@ -395,18 +411,7 @@ bool make_room(growing_index<Traits> &index)
     if (index.emptied.buckets != nullptr) {
         unmap_some(index);
     }
-    const uint64_t slots = bucket_count(index.current) * bucket_slots;
-    if (index.current.used < slots / parts * full_parts) {
-        return true;
-    }
-    const bucket_table next = map_table(slots == 0 ? first_bucket_count : bucket_count(index.current) * 2);
-    if (next.buckets == nullptr) {
-        return false;
-    }
-    index.retiring = index.current;
-    index.retired = 0;
-    index.current = next;
-    return true;
+    return index.current.used < index.current.full || grow(index);
 }
 
 } // namespace growing
@@ -532,11 +537,11 @@ inline void index_replace(index_place place, void *record)
     place.bucket->record[place.slot] = reinterpret_cast<uintptr_t>(record);
 }
 
-// Removes the record at a place. An empty index releases its memory, unless it still has its first table.
+// Removes the record at a place, whose key has this hash. An empty index releases its memory, unless it still has its
+// first table.
 template <typename Traits>
-void index_erase(growing_index<Traits> &index, index_place place)
+void index_erase(growing_index<Traits> &index, index_place place, uint64_t hash)
 {
-    const uint64_t hash = index_hash(index, Traits::key_of(*index_record(index, place)));
     growing::take(growing::holds(index.current, place.bucket) ? index.current : index.retiring, hash, place);
     index.live--;
     if (index.live == 0 && growing::bucket_count(index.current) > growing::first_bucket_count) {

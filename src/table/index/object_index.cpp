@@ -57,7 +57,7 @@ void bp_index_unlink(const l2fm_edm_bp_t *bp)
     recent = recent == bp ? nullptr : recent;
     const index_place place = index_find(bp_by_xcid, bp->xcid);
     if (index_record(bp_by_xcid, place) == bp) {
-        index_erase(bp_by_xcid, place);
+        index_erase(bp_by_xcid, place, index_hash(bp_by_xcid, bp->xcid));
     }
 }
 

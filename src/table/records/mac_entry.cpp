@@ -294,13 +294,9 @@ uint32_t delete_from_port(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
     return EDM_ERR_INVALID_ARGS;
 }
 
-} // namespace
-
-l2fm_edm_mac_t *l2fm_edm_table_mac_alloc_and_fill(const l2fib_mac_edm_entry_t *entry)
+// Returns a new entry that is linked nowhere, or null.
+l2fm_edm_mac_t *make_mac(const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
-    if (entry == nullptr) {
-        return nullptr;
-    }
     auto *mac = edm::to_record<l2fm_edm_mac_t>(l2fm_edm_table_malloc(edm::pool_of_flags(entry->flags)));
     if (mac == nullptr) {
         return nullptr;
@@ -324,6 +320,13 @@ l2fm_edm_mac_t *l2fm_edm_table_mac_alloc_and_fill(const l2fib_mac_edm_entry_t *e
     return mac;
 }
 
+} // namespace
+
+l2fm_edm_mac_t *l2fm_edm_table_mac_alloc_and_fill(const l2fib_mac_edm_entry_t *entry)
+{
+    return entry == nullptr ? nullptr : make_mac(entry);
+}
+
 uint32_t l2fm_edm_table_mac_create(l2fm_edm_bp_t *bp, const l2fib_mac_edm_entry_t *entry)
 {
     if (bp == nullptr || !edm::runs(&bp->mac_tree)) {
@@ -336,7 +339,7 @@ uint32_t l2fm_edm_table_mac_create(l2fm_edm_bp_t *bp, const l2fib_mac_edm_entry_
         return EDM_ERR_NO_RESOURCE;
     }
     const uint32_t node_id = node_of(__func__, bp, entry);
-    l2fm_edm_mac_t *mac = make_room(*limit) == 0 ? l2fm_edm_table_mac_alloc_and_fill(entry) : nullptr;
+    l2fm_edm_mac_t *mac = make_room(*limit) == 0 ? make_mac(entry) : nullptr;
     if (mac == nullptr) {
         EDM_TRACE(EDM_TRACE_NO_ROOM);
         return EDM_ERR_NO_RESOURCE;
