@@ -58,7 +58,7 @@ TEST(Lock, IsFreeAgainAfterAsManyReleasesAsTakes)
 
 TEST(Lock, TracesWhatFails)
 {
-    the.faults = {{caller, "pthread_mutex_trylock", EINVAL}};
+    the.failing = {caller, "pthread_mutex_trylock", EINVAL};
     l2fib_mac_edm_mutex_lock();
     EXPECT_EQ(take_journal(caller), journal{"trace 1959 l2fib_mac_edm_mutex_lock 22"});
 #ifdef __SANITIZE_THREAD__

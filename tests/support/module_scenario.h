@@ -39,10 +39,10 @@ using test::hex;
 using test::words;
 using journal = std::vector<std::string>;
 
-// Who makes a call: the module's threads in the order in which they are created, a thread that says so, everybody else.
+// Who makes a call: the module's threads in the order of their creation, a thread that sets `self`, every other one.
 enum role { cache, edm, platform, caller };
 
-// One call that fails: the nth one of a function by a thread, with this result and errno.
+// The nth call of a function by a thread does not happen and returns this result and errno.
 struct fault {
     role who = caller;
     const char *function = "";
@@ -55,24 +55,24 @@ struct recorder {
     std::mutex mutex;
     std::condition_variable changed;
     std::map<role, journal> journals;
-    std::vector<fault> faults;
+    fault failing;
     std::vector<pthread_t> threads;
     pthread_mutex_t *table_lock = nullptr;
-    event_message_fn handler = nullptr;
 };
 
 inline recorder the;
 inline thread_local role self = caller;
 inline thread_local bool starting = false;
 
+// Adds an entry to the thread's journal; an empty one is left out.
 inline void note(const std::string &entry)
 {
     const std::lock_guard lock(the.mutex);
-    the.journals[self].push_back(entry);
+    the.journals[self].insert(the.journals[self].end(), entry.empty() ? 0 : 1, entry);
     the.changed.notify_all();
 }
 
-// The entries of a thread since the last call, once there are as many as expected.
+// The entries of a thread since the last call. Waits until there are as many as expected.
 inline journal take_journal(role who, size_t expected = 0)
 {
     std::unique_lock lock(the.mutex);
@@ -80,16 +80,16 @@ inline journal take_journal(role who, size_t expected = 0)
     return std::exchange(the.journals[who], {});
 }
 
-inline bool take_fault(const char *function, fault &found)
+inline void expect(role who, const journal &expected)
+{
+    EXPECT_EQ(take_journal(who, expected.size()), expected);
+}
+
+// Whether this call of the function is the one that fails.
+inline bool meets_fault(const char *function)
 {
     const std::lock_guard lock(the.mutex);
-    for (fault &each : the.faults) {
-        if (each.who == self && std::string(each.function) == function && --each.nth == 0) {
-            found = each;
-            return true;
-        }
-    }
-    return false;
+    return the.failing.who == self && std::string(the.failing.function) == function && --the.failing.nth == 0;
 }
 
 // The function that this program's definition hides.
@@ -99,14 +99,14 @@ Function *hidden(Function *, const char *name)
     return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
 }
 
-// Calls it, unless the call is to fail.
+// A function that calls the hidden one, unless the call fails.
 template <typename Function>
 auto pass_on(Function *function, const char *name)
 {
     return [=](auto... arguments) {
-        if (fault hit; take_fault(name, hit)) {
-            errno = hit.error;
-            return (std::invoke_result_t<Function *, decltype(arguments)...>)hit.result;
+        if (meets_fault(name)) {
+            errno = the.failing.error;
+            return (std::invoke_result_t<Function *, decltype(arguments)...>)the.failing.result;
         }
         return hidden(function, name)(arguments...);
     };
@@ -140,7 +140,7 @@ inline void *run_thread(void *cookie)
 {
     const auto *start = static_cast<thread_start *>(cookie);
     self = start->who;
-    note(words("begin", is_blocked(SIGRTMIN + 6), is_blocked(SIGRTMIN + 10)));
+    EXPECT_TRUE(is_blocked(SIGRTMIN + 6) && is_blocked(SIGRTMIN + 10));
     void *result = start->body(start->argument);
     note("end");
     return result;
@@ -165,17 +165,15 @@ void in_own_process(Body body)
     EXPECT_EQ(status, 0);
 }
 
-inline l2fib_mac_edm_pd_cb_t silent_callbacks()
+// Callbacks that write their calls down.
+inline l2fib_mac_edm_pd_cb_t noted_callbacks()
 {
-    const auto nothing = [] { note("callback"); };
     l2fib_mac_edm_pd_cb_t callbacks{};
-    callbacks.resync_all_cb = callbacks.action_cb = callbacks.cb4 = callbacks.cb6 = nothing;
-    callbacks.resync_bd_cb = [](uint16_t bridge_id) { note(words("resync_bd_cb", bridge_id)); };
-    callbacks.resync_bp_cb = [](uint32_t xcid) { note(words("resync_bp_cb", xcid)); };
+    callbacks.resync_all_cb = callbacks.action_cb = callbacks.cb4 = callbacks.cb6 = [] { note("callback"); };
+    callbacks.resync_bd_cb = [](uint16_t) { note("callback"); };
+    callbacks.resync_bp_cb = [](uint32_t) { note("callback"); };
     callbacks.bd_mac_count_cb = [](uint16_t, edm_mac_counters_t *) { return 1u; };
-    callbacks.cache_evm_cb = [](event_manager_t *evm) {
-        note(words("cache_evm_cb", evm != nullptr && evm == l2fib_mac_cache_evm));
-    };
+    callbacks.cache_evm_cb = [](event_manager_t *evm) { EXPECT_TRUE(evm != nullptr && evm == l2fib_mac_cache_evm); };
     return callbacks;
 }
 
@@ -194,7 +192,7 @@ inline uint32_t start_module(const l2fib_mac_edm_pd_cb_t &callbacks)
     return status;
 }
 
-// Ends whatever threads were started.
+// Ends all threads that were started.
 inline void stop_module()
 {
     for (const char *path : {EDM_CACHE_THREAD_PATH, EDM_REQUEST_THREAD_PATH}) {
@@ -208,22 +206,19 @@ inline void stop_module()
 } // namespace scenario
 
 // NOLINTBEGIN(misc-definitions-in-headers)
-#define SCENARIO_FORWARD(result, name, parameters, arguments, entry)                  \
-    extern "C" result name parameters                                                 \
-    {                                                                                 \
-        scenario::note(entry);                                                        \
-        return std::apply(scenario::pass_on(name, #name), std::make_tuple arguments); \
+#define SCENARIO_FORWARD(result, name, parameters, arguments, entry) \
+    extern "C" result name parameters                                \
+    {                                                                \
+        scenario::note(entry);                                       \
+        return scenario::pass_on(name, #name) arguments;             \
     }
 
-// Functions that others call, too, are looked at while the module is being started only.
+// Other code calls these functions as well: they are watched only while the module starts.
 extern "C" int pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attributes) noexcept
 {
     if (!scenario::starting) {
         return scenario::hidden(pthread_mutex_init, "pthread_mutex_init")(mutex, attributes);
     }
-    int kind = -1;
-    pthread_mutexattr_gettype(attributes, &kind);
-    scenario::note(kind == PTHREAD_MUTEX_RECURSIVE ? "pthread_mutex_init recursive" : "pthread_mutex_init");
     scenario::the.table_lock = mutex;
     return scenario::pass_on(pthread_mutex_init, "pthread_mutex_init")(mutex, attributes);
 }
@@ -237,7 +232,6 @@ extern "C" int pthread_create(pthread_t *thread, const pthread_attr_t *attribute
     }
     static thread_start starts[] = {{nullptr, nullptr, cache}, {nullptr, nullptr, edm}};
     static thread_start *next = starts;
-    note(words("pthread_create", attributes == nullptr ? "default" : "with attributes"));
     next->body = body;
     next->argument = argument;
     const int status = pass_on(pthread_create, "pthread_create")(thread, attributes, run_thread, next++);
