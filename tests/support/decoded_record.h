@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "host/database/parcel_schema.h"
+#include "tests/support/words.h"
 
 namespace test {
 
@@ -34,6 +35,21 @@ inline cbor_ptr load_cbor(std::span<const uint8_t> data)
 inline std::string_view text_of(const cbor_item_t *item)
 {
     return {reinterpret_cast<const char *>(cbor_string_handle(item)), cbor_string_length(item)};
+}
+
+// The fields of an encoded record, each as NAME=VALUE: numbers in decimal, texts in quotes, bytes in hexadecimal.
+inline std::string record_text(std::span<const uint8_t> data)
+{
+    const cbor_ptr map = load_cbor(data);
+    std::string text;
+    for (const cbor_pair &pair : std::span(cbor_map_handle(map.get()), cbor_map_size(map.get()))) {
+        const cbor_item_t *const value = pair.value;
+        text += (text.empty() ? "" : " ") + std::string(text_of(pair.key)) + "=";
+        text += cbor_isa_uint(value)     ? std::to_string(cbor_get_int(value))
+                : cbor_isa_string(value) ? "'" + std::string(text_of(value)) + "'"
+                                         : hex(cbor_bytestring_handle(value), cbor_bytestring_length(value));
+    }
+    return text;
 }
 
 inline void store_field(void *record, const host::parcel_field &field, const cbor_item_t *value)
