@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Notifications: who gets which publication, in which order, and what becomes of those on their way.
+// Notifications: the slots that a publication reaches, its order, and the end of publications in the queue.
 
 #include <atomic>
 #include <cerrno>
@@ -84,7 +84,7 @@ protected:
     bdxc_connection_t *connection = nullptr;
 };
 
-TEST_F(notification, ArrivesInOrderInTheSlotThatItIsFor)
+TEST_F(notification, ReachesItsSlotInOrder)
 {
     EXPECT_EQ(publish_bdxc(1), 0u);
     EXPECT_EQ(publish_efp(2, 5), 0u);
@@ -98,7 +98,7 @@ TEST_F(notification, ArrivesInOrderInTheSlotThatItIsFor)
     EXPECT_EQ(arrived, (std::vector<arrival>{{'b', 0, 1}, {'e', 5, 2}, {'b', 1, 4}, {'e', 0, 5}}));
 }
 
-TEST_F(notification, DisconnectionDropsWhatIsQueued)
+TEST_F(notification, IsDroppedFromTheQueueByADisconnect)
 {
     const bdxc_subscription_t subscription{};
     EXPECT_EQ(bdxc_register_bdxc_notifications(connection, 0, &subscription), EEXIST);
@@ -114,7 +114,7 @@ TEST_F(notification, DisconnectionDropsWhatIsQueued)
     EXPECT_TRUE(arrived.empty());
 }
 
-TEST_F(notification, EndedSubscriberIsForgotten)
+TEST_F(notification, DoesNotReachAnEndedSubscriber)
 {
     EXPECT_EQ(publish_bdxc(1), 0u); // freed with the manager
     host::event_manager_stop(evm);
@@ -124,8 +124,8 @@ TEST_F(notification, EndedSubscriberIsForgotten)
     EXPECT_EQ(bdxc_process_connect(nullptr, 0, &connection), EINVAL);
 }
 
-// One subscriber stays, others come and go, and so do their threads: who stays gets all, in each publisher's order.
-TEST(NotificationStress, WhoStaysMissesNothing)
+// The subscriber that stays receives all, in each publisher's order.
+TEST(NotificationStress, ReachesASubscriberWhileOthersComeAndGo)
 {
     constexpr uint32_t publishers = 3;
     constexpr uint32_t publications = 3000;
