@@ -252,42 +252,34 @@ TEST_F(served_module, RefusesAMalformedStartKey)
 
 TEST_F(served_module, TakesItemNamesFromTheFullName)
 {
-    const std::string g32(32, 'g');
-    const std::string d27(27, 'd');
+    const std::string g32(32, 'g'), d27(27, 'd');
     const struct {
-        std::string full_name;
-        std::string tail;
-        std::string aging_tail;
-        uint32_t status; // of a continuation by bridge domain and by port
-        uint32_t aging_status;
+        std::string full_name, tail, aging_tail;
+        uint32_t status, aging_status; // of a continuation
     } cases[] = {
         {"g:a", "g,a", "g,a", 0, 0},
         {"g:b:c", "g,b", "g,b:c", none, 0},
-        {"g::b", "g,b", "g,:b", none, 0},
         {":g:b", "g,b", "g,b", none, bad},
         {"solo", "solo,", "solo,", bad, bad},
-        {"g:", "g,", "g,", bad, bad},
         {"::", ",", ",", bad, bad},
         {g32 + ":" + d27, g32 + "," + d27, g32 + "," + d27, 0, 0},
         {g32 + "g:dd", g32 + "g,dd", g32 + "g,dd", bad, 0},
         {"gg:d" + d27, "gg,d" + d27, "gg,d" + d27, bad, 0},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.full_name);
         SetUp();
         domain(1, c.full_name);
         interface_port(10);
         holds(1, 10, 1);
         holds(1, 10, 2);
-        for (const std::string path : {"mac-table/domain/", "mac-table/port/10/domain/", "mac-aging"}) {
+        for (const std::string &path :
+             {"mac-table/domain/" + c.full_name, "mac-table/port/10/domain/" + c.full_name, std::string("mac-aging")}) {
+            SCOPED_TRACE(path + " of " + c.full_name);
             const bool aging = path == "mac-aging";
-            const auto continued = [&](const std::string &tail) {
-                return test::query({.path = aging ? path : path + c.full_name, .start_key = mac_name(1, tail)});
-            };
             const std::string &tail = aging ? c.aging_tail : c.tail;
-            const auto first = test::query({.path = aging ? path : path + c.full_name});
-            EXPECT_THAT(names_of(first), ElementsAre(mac_name(1, tail), mac_name(2, tail)));
-            EXPECT_EQ(continued(tail).status, aging ? c.aging_status : c.status);
+            EXPECT_THAT(names_of(test::query({.path = path})), ElementsAre(mac_name(1, tail), mac_name(2, tail)));
+            EXPECT_EQ(test::query({.path = path, .start_key = mac_name(1, tail)}).status,
+                      aging ? c.aging_status : c.status);
         }
     }
 }

@@ -267,6 +267,40 @@ TEST_F(table, TakesEntriesOffTheListOnce)
     EXPECT_EQ(list->ll_count, 1u);
 }
 
+// A full table evicts its newest entry for each new one, anywhere. Its parts still add up to the whole.
+TEST_F(table, AddsUpByDomainAndByPortUnderALimit)
+{
+    constexpr uint32_t all = 300;
+    static constexpr uint32_t ports[] = {10, 20, 30, 40};
+    run("limit 300");
+    for (uint32_t i = 0; i < 450; i++) {
+        EXPECT_EQ(feed(i, ports[i * 7 % 4], 1 + i * 7 % 4 / 2,
+                       i % 9 == 0   ? EDM_MAC_BD_OWN
+                       : i % 5 == 0 ? EDM_MAC_STATIC
+                                    : 0),
+                  0u);
+    }
+    const auto count = [](l2fm_edm_mac_t *mac, void *counts) {
+        static_cast<uint32_t *>(counts)[mac->bp->xcid == EDM_XCID_DUMMY]++;
+        return 1u;
+    };
+    uint32_t whole[2] = {}, by_domain[2] = {}, by_port[2] = {}; // on ordinary ports and on dummy ports
+    l2fm_edm_table_walk_all_macs(count, whole);
+    for (const uint32_t bridge_id : {1u, 2u}) {
+        l2fm_edm_table_walk_all_macs_under_bd(count, by_domain, bridge_id);
+    }
+    for (const uint32_t xcid : {10u, 20u, 30u, 40u, EDM_XCID_DUMMY}) {
+        l2fm_edm_table_walk_all_macs_under_bp(count, by_port, xcid);
+    }
+    EXPECT_EQ(whole[0] + whole[1], all);
+    EXPECT_GT(whole[1], 0u);
+    EXPECT_EQ(by_domain[0], whole[0]);
+    EXPECT_EQ(by_domain[1], whole[1]);
+    EXPECT_EQ(by_port[0], whole[0]);
+    EXPECT_EQ(by_port[1], 0u) << "a dummy port has no id";
+    EXPECT_EQ(l2fm_edm_table_mac_get_pool()->mac_cnt_total, all);
+}
+
 TEST_F(table, CountsVtepsDownToZero)
 {
     const uint32_t &count = l2fm_edm_table_mac_get_pool()->vtep_cnt;
