@@ -432,12 +432,12 @@ private:
     }
 };
 
-TEST(handlers_model, agree_with_small_tables)
+TEST(HandlersModel, AgreesOnSmallTables)
 {
     run_seeds<asked_tables<24, 150, 20>>(2, 10000);
 }
 
-TEST(handlers_model, agree_over_pages)
+TEST(HandlersModel, AgreesOverPages)
 {
     run_seeds<asked_tables<1500, 15000, 700>>(2, 20000);
 }
