@@ -162,22 +162,6 @@ inline std::vector<std::string> names_of(const host::operational_page &page)
     return names;
 }
 
-// One record, whose texts live as long as it does.
-template <typename Record>
-struct decoded : Record {
-    decoded(std::span<const uint8_t> data, const parcel_schema_t *of)
-        : Record{}
-        , schema(of)
-    {
-        EXPECT_TRUE(test::decode_record(data, static_cast<Record *>(this), of));
-    }
-    ~decoded() { parcel_free_indirections(static_cast<Record *>(this), schema); }
-    decoded(const decoded &) = delete;
-    decoded &operator=(const decoded &) = delete;
-
-    const parcel_schema_t *schema;
-};
-
 struct trace {
     std::string function;
     std::vector<uint64_t> values;
