@@ -31,7 +31,7 @@ constexpr size_t page_size = 200;
 // Items as texts: a name, and what is compared of the record.
 struct answer {
     uint32_t status = 0;
-    strings items = {}; // of a list that goes round, up to there
+    strings items = {}; // of an endless list, up to its first repetition
 };
 
 std::string hex(uint64_t value, int digits = 1)

@@ -150,18 +150,18 @@ TEST(StoppedTrees, AnswerNull)
 // ---- Walks ----
 
 std::string visited; // by the walks of a test
-bool walks_go_on;
+bool walks_continue;
 
 uint32_t visit_mac(l2fm_edm_mac_t *mac, void *)
 {
     visited += std::to_string(mac->mac_addr[5]) + " ";
-    return walks_go_on ? 5 : 0; // anything but 0 goes on
+    return walks_continue ? 5 : 0; // every value but 0 continues the walk
 }
 
 uint32_t visit_vtep(l2fm_edm_vtep_t *vtep, l2fm_edm_bp_t *bp)
 {
     visited += std::to_string(bp->xcid) + "/" + std::to_string(vtep->vtep_addr[3]) + " ";
-    return walks_go_on ? 5 : 0;
+    return walks_continue ? 5 : 0;
 }
 
 // Another thread takes the lock. If it never gets it, the time-out of the test ends the wait.
@@ -192,7 +192,7 @@ TEST_F(walks, VisitInOrderAndStop)
     for (const auto &[walk, visits] : rows) {
         for (const bool to_the_end : {true, false}) {
             visited.clear();
-            walks_go_on = to_the_end;
+            walks_continue = to_the_end;
             EXPECT_EQ(walk(), to_the_end || visits.empty() ? 0 : EDM_ERR_STOPPED) << visits;
             EXPECT_EQ(visited, to_the_end ? visits : visits.substr(0, visits.find(' ') + 1));
             take_lock_elsewhere();
@@ -229,7 +229,7 @@ TEST_F(walks, PassOverPortsWithoutABridgeDomain)
 {
     run("1 30 1 0x1000 5; mark; try update 30 9");
     visited.clear();
-    walks_go_on = true;
+    walks_continue = true;
     EXPECT_EQ(l2fm_edm_table_walk_all_vteps(visit_vtep), 0u);
     EXPECT_EQ(visited, "");
     EXPECT_EQ(l2fm_edm_table_walk_all_vteps_under_bp(visit_vtep, nullptr, 30), 0u);
