@@ -130,27 +130,21 @@ TEST(EventManager, JoinsAnEndedThreadOnce)
 
 TEST_F(own_manager, DropsQueuedEventsAtItsEnd)
 {
-    const event_message_filter_t filter{0x8fff, 1};
-    event_callback_record_t callbacks{};
-    callbacks.tag = EVENT_CALLBACK_TAG;
-    callbacks.callback = [](void *, void *) -> uint32_t { return 1; };
     std::atomic<int> run = 0;
     std::atomic<int> dropped = 0;
     uint32_t handle = 0;
-
     event_record_t record{evm, nullptr, 0, nullptr, {}};
     for (int i = 0; i < 3; i++) {
         EXPECT_EQ(host::event_post(evm, count, count, &dropped), 0u);
     }
     EXPECT_EQ(host::event_post(evm, count, nullptr, &run), 0u);
-    ASSERT_EQ(event_block(&record), 0); // received, not dispatched
-    ASSERT_EQ(event_block(&record), 0); // which drops the one before
+    ASSERT_EQ(event_block(&record), 0); // receives one event and does not dispatch it
+    ASSERT_EQ(event_block(&record), 0); // drops it and receives the next one
     EXPECT_EQ(dropped, 1);
     EXPECT_EQ(host::event_manager_stop(evm), 0u);
     EXPECT_EQ(dropped, 2);
-    EXPECT_EQ(nos_event_dispatch(&record, 0), 0u); // was received in time
+    EXPECT_EQ(nos_event_dispatch(&record, 0), 0u) << "it was received in time";
     EXPECT_EQ(dropped, 3);
-    EXPECT_EQ(run, 0);
     EXPECT_EQ(nos_event_dispatch(&record, 0), EINVAL);
 
     EXPECT_EQ(event_block(&record), -1);
@@ -158,10 +152,6 @@ TEST_F(own_manager, DropsQueuedEventsAtItsEnd)
     EXPECT_EQ(host::event_post(evm, count, count, &run), ESHUTDOWN);
     EXPECT_EQ(host::event_fd_attach(evm, ready, EPOLLIN, read_counter, nullptr, &handle), ESHUTDOWN);
     EXPECT_EQ(host::event_timer_attach(evm, 0, 0, nothing, nullptr, &handle), ESHUTDOWN);
-    EXPECT_EQ(event_message_attach(
-                  evm, &filter, [](const event_message_t *) {}, 0),
-              ESHUTDOWN);
-    EXPECT_EQ(event_callback_attach(evm, &callbacks), ESHUTDOWN);
     EXPECT_NE(evm_get_chan(evm), nullptr);
     EXPECT_EQ(host::event_manager_stop(evm), 0u);
     EXPECT_EQ(run, 0);

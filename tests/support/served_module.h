@@ -29,6 +29,10 @@ namespace served {
 
 using host::request_kind;
 
+constexpr auto names = request_kind::list;
+constexpr auto data = request_kind::datalist;
+constexpr auto get = request_kind::get;
+
 struct resync {
     uint32_t type;
     uint32_t arg;
@@ -155,11 +159,11 @@ inline l2fib_mac_edm_entry_t &holds(uint16_t bridge_id, uint32_t xcid, uint32_t 
 
 inline std::vector<std::string> names_of(const host::operational_page &page)
 {
-    std::vector<std::string> names;
+    std::vector<std::string> found;
     for (const auto &item : page.items) {
-        names.emplace_back(item.name);
+        found.emplace_back(item.name);
     }
-    return names;
+    return found;
 }
 
 struct trace {
