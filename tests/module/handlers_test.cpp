@@ -379,24 +379,21 @@ TEST_F(served_module, FillsRecordsFromThePortAndTheFlags)
     }
 }
 
-TEST_F(served_module, CountsByCountersWalkOrHardware)
+// Counts of the cache are compared with the reference table in handlers_model_test.cpp.
+TEST_F(served_module, CountsByTheHardwareOrTheCache)
 {
     hold_8();
-    the.entries.clear();
-    for (const uint32_t flags : {0u, 2u, 4u, 6u, 0x20u, 0x42u}) {
-        holds(1, 10, flags, flags);
-    }
     the.counts = {9, EDM_COUNTER_UNKNOWN, 7, 0, {}};
     const struct {
         const char *path;
         uint32_t count_status;
         const char *expected;
     } cases[] = {
-        {"mac-count", 0, "mac_cnt_sum=5 mac_cnt_plain=2 mac_cnt_f2=3 mac_cnt_f4=2 mac_cnt_f60=2"},
         {"mac-count/port/0xffffffff", 0, "mac_cnt_sum=0 mac_cnt_plain=0 mac_cnt_f2=0 mac_cnt_f4=0 mac_cnt_f60=0"},
         {"mac-count/domain/g:a", 0, "mac_cnt_sum=9 mac_cnt_plain=0 mac_cnt_f2=7 mac_cnt_f4=0 mac_cnt_f60=0"},
-        {"mac-count/domain/g:a", 1, "mac_cnt_sum=4 mac_cnt_plain=2 mac_cnt_f2=2 mac_cnt_f4=2 mac_cnt_f60=0"},
+        {"mac-count/domain/g:a", 1, "mac_cnt_sum=8 mac_cnt_plain=8 mac_cnt_f2=0 mac_cnt_f4=0 mac_cnt_f60=0"},
     };
+    EXPECT_EQ(test::query({.path = "mac-table"}).items.size(), 8u);
     for (const auto &[path, count_status, expected] : cases) {
         the.count_status = count_status;
         const auto page = test::query({.path = path, .kind = get});
