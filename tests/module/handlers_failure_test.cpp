@@ -28,16 +28,6 @@ constexpr time_t inconvertible = 4'000'000'000;
 l2fib_hw_edm_handler_table_t handlers;
 edm_list_req_t last_request; // of the aging handler, as it left it
 
-bool is_request_thread()
-{
-    thread_local const bool known = [] {
-        char name[16] = {};
-        pthread_getname_np(pthread_self(), name, sizeof(name));
-        return std::string_view(name) == "Mac-Edm-Thread";
-    }();
-    return known;
-}
-
 } // namespace
 
 INTERPOSE_OPERATION(calloc)
@@ -74,6 +64,16 @@ tm *localtime_r(const time_t *time, tm *result) noexcept
 }
 
 #ifdef REFUSES_MEMORY
+static bool is_request_thread()
+{
+    thread_local const bool known = [] {
+        char name[16] = {};
+        pthread_getname_np(pthread_self(), name, sizeof(name));
+        return std::string_view(name) == "Mac-Edm-Thread";
+    }();
+    return known;
+}
+
 void *__libc_calloc(size_t count, size_t bytes);
 
 void *calloc(size_t count, size_t bytes)
