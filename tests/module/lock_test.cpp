@@ -1,53 +1,61 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The table lock: recursion, what is told of a take that waits, misuse, and the rule that nobody waits with it held.
+// The table lock: recursion, the record of a take that waits, misuse, and no wait for a resync while it is held.
 #include "tests/support/module_scenario.h"
+
+#include <atomic>
 
 using namespace scenario;
 
+static std::atomic<int> waits, ended_waits;
+static bool trylock_fails = false;
+
 extern "C" void ptd_set_mutex_block(const pthread_mutex_t *lock, const char *function, uint32_t line)
 {
-    the.table_lock = const_cast<pthread_mutex_t *>(lock);
-    note(words("waits in", function, line != 0));
+    table_lock = const_cast<pthread_mutex_t *>(lock);
+    EXPECT_STREQ(function, "l2fib_mac_edm_mutex_lock");
+    EXPECT_NE(line, 0u);
+    waits++;
+    waits.notify_one();
 }
 
 extern "C" void ptd_unset_mutex_block()
 {
-    note("waits no more");
+    ended_waits++;
 }
 
 extern "C" int pthread_mutex_trylock(pthread_mutex_t *lock) noexcept
 {
-    return pass_on(pthread_mutex_trylock, "pthread_mutex_trylock")(lock);
+    return trylock_fails ? EINVAL : INTERPOSE_HIDDEN(pthread_mutex_trylock)(lock);
 }
 
 namespace {
 
-// A take by another thread while `hold` takes are out, which has to wait for the last release.
+// Another thread takes the lock while this one holds it `hold` times. It has to wait for the last release.
 void take_behind(uint32_t hold)
 {
     for (uint32_t take = 0; take < hold; take++) {
         l2fib_mac_edm_mutex_lock();
     }
-    bool released = false; // guarded by the lock
-    std::thread waiter([&released] {
-        self = platform;
+    EXPECT_EQ(waits, ended_waits) << "a take that does not wait leaves no record";
+    const int before = waits;
+    bool is_released = false; // guarded by the lock
+    std::thread waiter([&is_released] {
         l2fib_mac_edm_mutex_lock();
-        EXPECT_TRUE(released);
+        EXPECT_TRUE(is_released);
         l2fib_mac_edm_mutex_unlock();
     });
-    const journal waiting = take_journal(platform, 1);
+    waits.wait(before);
     for (uint32_t take = 1; take < hold; take++) {
         l2fib_mac_edm_mutex_unlock();
-        EXPECT_STREQ(lock_state(), "locked");
+        EXPECT_TRUE(is_table_locked());
     }
-    released = true;
+    is_released = true;
     l2fib_mac_edm_mutex_unlock();
     waiter.join();
-    EXPECT_EQ(waiting, journal{"waits in l2fib_mac_edm_mutex_lock 1"});
-    EXPECT_EQ(take_journal(platform), journal{"waits no more"});
-    EXPECT_EQ(take_journal(caller), journal()) << "a take that does not wait tells nothing";
-    EXPECT_STREQ(lock_state(), "free");
+    EXPECT_EQ(waits, before + 1);
+    EXPECT_EQ(ended_waits, waits);
+    EXPECT_FALSE(is_table_locked());
 }
 
 TEST(Lock, IsFreeAgainAfterAsManyReleasesAsTakes)
@@ -56,27 +64,29 @@ TEST(Lock, IsFreeAgainAfterAsManyReleasesAsTakes)
     take_behind(3);
 }
 
-TEST(Lock, TracesWhatFails)
+TEST(Lock, TracesFailures)
 {
-    the.faults = {{caller, "pthread_mutex_trylock", EINVAL}};
+    trylock_fails = true;
+    take_all_traces();
     l2fib_mac_edm_mutex_lock();
-    EXPECT_EQ(take_journal(caller), journal{"trace 1959 l2fib_mac_edm_mutex_lock 22"});
+    trylock_fails = false;
+    EXPECT_EQ(take_all_traces(), "1959 l2fib_mac_edm_mutex_lock 22");
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "the sanitizer itself stops a release by the wrong thread";
 #endif
-    take_behind(1);
     l2fib_mac_edm_mutex_unlock();
-    EXPECT_EQ(take_journal(caller), journal{"trace 1959 l2fib_mac_edm_mutex_unlock 1"});
+    EXPECT_EQ(take_all_traces(), "1959 l2fib_mac_edm_mutex_unlock 1");
+    take_behind(1);
     l2fib_mac_edm_mutex_lock();
     std::thread(l2fib_mac_edm_mutex_unlock).join();
-    EXPECT_EQ(take_journal(caller), journal{"trace 1959 l2fib_mac_edm_mutex_unlock 1"});
-    EXPECT_STREQ(lock_state(), "locked");
+    EXPECT_EQ(take_all_traces(), "1959 l2fib_mac_edm_mutex_unlock 1");
+    EXPECT_TRUE(is_table_locked());
     l2fib_mac_edm_mutex_unlock();
-    EXPECT_STREQ(lock_state(), "free");
+    EXPECT_FALSE(is_table_locked());
 }
 
 #ifndef NDEBUG
-TEST(LockDeathTest, ForbidsToWaitForAResyncWithItHeld)
+TEST(LockDeathTest, ForbidsAResyncWhileItIsHeld)
 {
     l2fib_mac_edm_mutex_lock();
     l2fib_mac_edm_mutex_lock();

@@ -290,23 +290,23 @@ struct tables_changed_by_host {
     }
 };
 
-TEST(model, answers_what_the_trees_hold_after_changes_by_the_hosting_process)
+TEST(Model, FollowsChangesByTheHostingProcess)
 {
     run_seeds<tables_changed_by_host>(1, 1000);
 }
 
-TEST(model, agrees_with_small_tables)
+TEST(Model, AgreesOnSmallTables)
 {
     run_seeds<pair_of_tables<small>>(5, 200000);
 }
 
-TEST(model, agrees_with_large_tables)
+TEST(Model, AgreesOnLargeTables)
 {
     run_seeds<pair_of_tables<large>>(2, 200000);
 }
 
 // The indexes then lack records, and trees are searched.
-TEST(model, agrees_where_memory_for_the_indexes_is_scarce)
+TEST(Model, AgreesWithoutMemoryForIndexes)
 {
 #ifdef __SANITIZE_THREAD__
     GTEST_SKIP() << "nothing refuses memory here";

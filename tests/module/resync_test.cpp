@@ -3,43 +3,56 @@
 // The resync exchange and the removal notifications, with the module running on the host's services.
 #include "tests/support/module_scenario.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "host/event/notification_host.h"
 #include "host/objects/l2fib_host.h"
 #include "host/objects/l2fib_objects.h"
-#include "tests/support/small_table.h"
 
 using namespace scenario;
 
-SCENARIO_FORWARD(uint32_t, event_message_attach,
-                 (event_manager_t * evm, const event_message_filter_t *filter, event_message_fn handler, uint32_t zero),
-                 (evm, filter, handler, zero), (the.handler = handler, "event_message_attach"))
-SCENARIO_FORWARD(uint32_t, msg_set_send_timeout, (uint32_t connection, uint32_t seconds), (connection, seconds),
-                 words("msg_set_send_timeout", connection == conn, seconds))
-SCENARIO_FORWARD(int, msg_send, (uint32_t connection, const void *request, uint64_t length, void *reply, uint64_t room),
-                 (connection, request, length, reply, room), words("msg_send", hex(request, length), room))
-SCENARIO_FORWARD(uint32_t, msg_clinfo_hold, (uint32_t client), (client), "msg_clinfo_hold")
-SCENARIO_FORWARD(uint32_t, msg_clinfo_unhold, (uint32_t client), (client), "msg_clinfo_unhold")
-SCENARIO_FORWARD(uint32_t, msg_get_clinfo_m_msglen, (uint32_t client, uint64_t *length), (client, length),
-                 "msg_get_clinfo_m_msglen")
-SCENARIO_FORWARD(uint32_t, msg_get_clinfo_m_srcmsglen, (uint32_t client, uint64_t *length), (client, length),
-                 "msg_get_clinfo_m_srcmsglen")
-SCENARIO_FORWARD(uint32_t, msg_reply, (uint32_t client, uint32_t zero, const void *reply, uint64_t length),
-                 (client, zero, reply, length), words("msg_reply", zero, hex(reply, length)))
+static event_message_fn handler; // of the cache thread's messages
+static std::string deadlines;    // what the requester does to its time-outs
 
-extern "C" uint32_t optree_restart_timeout_edm(optree_request_t *, uint32_t seconds)
+INTERPOSE(int, msg_send, (uint32_t connection, const void *request, uint64_t length, void *reply, uint64_t room),
+          (connection, request, length, reply, room), (errno = EPIPE, -1))
+INTERPOSE(uint32_t, msg_clinfo_hold, (uint32_t client), (client), refusal)
+INTERPOSE(uint32_t, msg_clinfo_unhold, (uint32_t client), (client), refusal)
+INTERPOSE(uint32_t, msg_get_clinfo_m_msglen, (uint32_t client, uint64_t *length), (client, length), refusal)
+INTERPOSE(uint32_t, msg_get_clinfo_m_srcmsglen, (uint32_t client, uint64_t *length), (client, length), refusal)
+INTERPOSE(uint32_t, msg_reply, (uint32_t client, uint32_t zero, const void *reply, uint64_t length),
+          (client, zero, reply, length), refusal)
+
+extern "C" {
+
+uint32_t event_message_attach(event_manager_t *evm, const event_message_filter_t *filter, event_message_fn attached,
+                              uint32_t zero)
 {
-    note(words("optree_restart_timeout_edm", seconds));
+    handler = attached;
+    return INTERPOSE_HIDDEN(event_message_attach)(evm, filter, attached, zero);
+}
+
+uint32_t msg_set_send_timeout(uint32_t connection, uint32_t seconds)
+{
+    deadlines += words("send", seconds, "");
+    return INTERPOSE_HIDDEN(msg_set_send_timeout)(connection, seconds);
+}
+
+uint32_t optree_restart_timeout_edm(optree_request_t *, uint32_t seconds)
+{
+    deadlines += words("request", seconds, "");
     return 0;
 }
+
+} // extern "C"
 
 namespace {
 
 constexpr uint32_t reset_status = EDM_RESYNC_SEND_ERROR | ECONNRESET;
 auto *const some_request = handle_of<optree_request_t>(0x40);
 
-// ---- A platform that completes as it is told ----
+// ---- A platform that completes each resync as planned ----
 
 enum completion { inside, posted, other_thread, never };
 
@@ -47,50 +60,45 @@ struct plan {
     completion how;
     uint32_t status;
     std::thread completer;
+    std::string called; // the callback
+    uint32_t completed; // what the completion returned
 };
 
 plan the_plan{};
 
 void complete()
 {
-    const uint32_t status = the_plan.status;
-    note(words("completed", l2fib_mac_edm_resync_complete(status)));
+    the_plan.completed = l2fib_mac_edm_resync_complete(the_plan.status);
 }
 
 void resync(const std::string &callback)
 {
-    note(callback);
-    switch (the_plan.how) {
-    case inside: complete(); break;
-    case posted:
+    the_plan.called += callback;
+    if (the_plan.how == inside) {
+        complete();
+    } else if (the_plan.how == posted) {
         host::event_post(
             l2fib_mac_cache_evm, [](void *) { complete(); }, nullptr, nullptr);
-        break;
-    case other_thread:
-        the_plan.completer = std::thread([] {
-            self = platform;
-            complete();
-        });
-        break;
-    case never: break;
+    } else if (the_plan.how == other_thread) {
+        the_plan.completer = std::thread(complete);
     }
 }
 
 // Starts the module and waits until both threads serve.
 void start(l2fib_mac_edm_pd_cb_t callbacks = silent_callbacks())
 {
-    callbacks.resync_all_cb = [] { resync("resync_all_cb"); };
-    callbacks.resync_bd_cb = [](uint16_t bridge_id) { resync(words("resync_bd_cb", bridge_id)); };
-    callbacks.resync_bp_cb = [](uint32_t xcid) { resync(words("resync_bp_cb", xcid)); };
-    callbacks.action_cb = [] { note("action_cb"); };
+    callbacks.resync_all_cb = [] { resync("all"); };
+    callbacks.resync_bd_cb = [](uint16_t bridge_id) { resync(words("domain", bridge_id)); };
+    callbacks.resync_bp_cb = [](uint32_t xcid) { resync(words("port", xcid)); };
+    callbacks.action_cb = [] { the_plan.called += "action"; };
     ASSERT_EQ(start_module(callbacks), 0u);
     for (const char *path : {EDM_CACHE_THREAD_PATH, EDM_REQUEST_THREAD_PATH}) {
         ASSERT_EQ(host::event_manager_wait(path, 30), host::event_manager_state::serving);
     }
-    the.journals.clear();
+    take_all_traces();
 }
 
-// Waits until the cache thread has done what it was asked before.
+// Waits until the cache thread has done all that was requested before.
 void settle()
 {
     test::serve_queued(l2fib_mac_cache_evm);
@@ -99,35 +107,18 @@ void settle()
     }
 }
 
-journal operator+(journal first, const journal &second)
+// Makes a request and waits until it is settled. Expects that the cache thread released all that it held.
+uint32_t request(uint32_t type, uint32_t arg, optree_request_t *handle)
 {
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
-
-std::string message(uint32_t low_type, const char *arg = "00000000")
-{
-    return words("0" + std::to_string(low_type) + "80270a" + std::string(32, '0') + arg);
-}
-
-const journal delivered = {"msg_clinfo_hold", "msg_get_clinfo_m_msglen", "msg_get_clinfo_m_srcmsglen"};
-
-journal answered(uint32_t code)
-{
-    return {"msg_reply 0 " + message(code), "msg_clinfo_unhold"};
-}
-
-// The requester's entries; the trace point is the last one, when there is any.
-journal asked(const std::string &request, const std::string &trace = "")
-{
-    journal entries = {"msg_set_send_timeout 1 120", "optree_restart_timeout_edm 125", words("msg_send", request, 24),
-                       "optree_restart_timeout_edm 0"};
-    return trace.empty() ? entries : entries + journal{"trace " + trace};
-}
-
-void expect(role who, const journal &expected)
-{
-    EXPECT_EQ(take_journal(who, expected.size()), expected);
+    deadlines.clear();
+    the_plan.called.clear();
+    interpose::msg_clinfo_hold.calls = interpose::msg_clinfo_unhold.calls = 0;
+    const uint32_t result = l2fib_mac_edm_thread_send_resync(type, arg, handle);
+    if (the_plan.how != never) {
+        settle();
+        EXPECT_EQ(interpose::msg_clinfo_unhold.calls, interpose::msg_clinfo_hold.calls) << "a hold stays";
+    }
+    return result;
 }
 
 // ---- Requests that go through ----
@@ -138,31 +129,27 @@ TEST(Resync, GivesTheRequesterWhatThePlatformCompletesWith)
         start();
         const uint32_t counters[] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
         std::memcpy(l2fm_edm_table_mac_get_pool(), counters, sizeof(counters));
-        const std::string by = "l2fib_mac_edm_thread_send_resync";
+        const std::string by = " l2fib_mac_edm_thread_send_resync";
         const struct {
-            uint32_t status;
-            uint32_t code;
-            uint32_t result;
-            std::string trace;
+            uint32_t status, result;
+            std::string traces;
         } rows[] = {
-            {0, 5, 0, "1957 " + by + " 1 2 3 4 7 8"},
-            {1, 6, 0, "1956 " + by + " 1 2 3 4 7 8"},
-            {2, 7, EDM_ERR_RESYNC, "1973 " + by},
-            {3, 8, 0, ""},
-            {9, 9, EDM_ERR_INVALID_ARGS, words("1929", by, EDM_ERR_INVALID_ARGS)},
+            {0, 0, "1957" + by + " 1 2 3 4 7 8; "},
+            {1, 0, "1956" + by + " 1 2 3 4 7 8; "},
+            {2, EDM_ERR_RESYNC, "1973" + by},
+            {3, 0, ""},
+            {9, EDM_ERR_INVALID_ARGS, "1929" + by + " INVALID_ARGS"},
         };
         for (const auto &row : rows) {
             for (const completion how : {inside, posted, other_thread}) {
                 SCOPED_TRACE(words(row.status, how));
                 the_plan.how = how;
                 the_plan.status = row.status;
-                EXPECT_EQ(l2fib_mac_edm_thread_send_resync(EDM_RESYNC_BD, 7, some_request), row.result);
-                settle();
-                expect(caller, asked(message(2, "07000000"), row.trace));
-                const journal called = delivered + journal{"resync_bd_cb 7"};
-                const journal completed = answered(row.code) + journal{"completed 0"};
-                expect(cache, how == other_thread ? called : called + completed);
-                expect(platform, how == other_thread ? completed : journal());
+                EXPECT_EQ(request(EDM_RESYNC_BD, 7, some_request), row.result);
+                EXPECT_EQ(the_plan.called, "domain 7");
+                EXPECT_EQ(the_plan.completed, 0u);
+                EXPECT_EQ(deadlines, "send 120 request 125 request 0 ");
+                EXPECT_EQ(take_all_traces(), row.traces);
             }
         }
         stop_module();
@@ -173,69 +160,55 @@ TEST(Resync, CallsTheSlotOfEachType)
 {
     in_own_process([] {
         EXPECT_EQ(l2fib_mac_edm_thread_send_resync(EDM_RESYNC_ALL, 0, some_request), EDM_ERR_INVALID_ARGS);
-        expect(caller, {});
         start();
         the_plan.status = 3;
-        const struct {
-            uint32_t type;
-            uint32_t arg;
-            const char *sent_arg;
-            const char *callback;
-        } rows[] = {
-            {EDM_RESYNC_ALL, 0x12345, "00000000", "resync_all_cb"},
-            {EDM_RESYNC_BD, 0x12345, "45230100", "resync_bd_cb 9029"},
-            {EDM_RESYNC_BP, 0x12345, "45230100", "resync_bp_cb 74565"},
-        };
-        for (const auto &row : rows) {
-            EXPECT_EQ(l2fib_mac_edm_thread_send_resync(row.type, row.arg, nullptr), 0u);
-            expect(caller, {"msg_set_send_timeout 1 120", words("msg_send", message(row.type, row.sent_arg), 24)});
-            expect(cache, delivered + journal{row.callback} + answered(8) + journal{"completed 0"});
+        const std::pair<uint32_t, const char *> rows[] = {
+            {EDM_RESYNC_ALL, "all"}, {EDM_RESYNC_BD, "domain 9029"}, {EDM_RESYNC_BP, "port 74565"}};
+        for (const auto &[type, callback] : rows) {
+            EXPECT_EQ(request(type, 0x12345, nullptr), 0u);
+            EXPECT_EQ(the_plan.called, callback);
+            EXPECT_EQ(deadlines, "send 120 ");
         }
+        the_plan.called.clear();
         EXPECT_EQ(host::edm_actions().action[L2FIB_ACTION_SLOT_MAC_EDM](some_request), 0u);
-        expect(caller, asked(message(4)));
         settle();
-        expect(cache, delivered + journal{"action_cb"} + answered(8));
+        EXPECT_EQ(the_plan.called, "action");
+        EXPECT_EQ(take_all_traces(), "");
         for (const uint32_t unknown : {0u, 5u}) {
-            EXPECT_EQ(l2fib_mac_edm_thread_send_resync(unknown, 0, some_request), EDM_ERR_INVALID_ARGS);
-            expect(caller, {words("trace 1928 l2fib_mac_edm_thread_send_resync", EDM_ERR_INVALID_ARGS)});
+            EXPECT_EQ(request(unknown, 0, some_request), EDM_ERR_INVALID_ARGS);
+            EXPECT_EQ(deadlines, "") << "it sends nothing";
+            EXPECT_EQ(take_all_traces(), "1928 l2fib_mac_edm_thread_send_resync INVALID_ARGS");
         }
         stop_module();
     });
 }
 
-// ---- Requests that something happens to ----
+// ---- Requests that fail ----
 
 TEST(Resync, ReportsEachFailureAndContinues)
 {
     in_own_process([] {
         start();
         the_plan.status = 3;
-        const std::string refused = words("trace 1930 l2fib_mac_cache_thread_hdlr", EDM_ERR_INVALID_ARGS);
-        const char *const invalid_message = refused.c_str();
-        const struct {
-            fault step;
-            uint32_t result;
-            const char *trace; // of the cache thread
-        } rows[] = {
-            {{cache, "msg_clinfo_hold", 5}, 0, "trace 1930 l2fib_mac_cache_thread_hdlr 5"},
-            {{cache, "msg_get_clinfo_m_msglen", 6}, reset_status, invalid_message},
-            {{cache, "msg_get_clinfo_m_srcmsglen", 7}, reset_status, "trace 1930 l2fib_mac_cache_thread_hdlr 7"},
-            {{cache, "msg_reply", 8}, reset_status, "trace 1930 l2fib_mac_edm_resync_complete 8"},
-            {{cache, "msg_clinfo_unhold", 9}, 0, "trace 1935 l2fib_mac_edm_resync_complete 9"},
+        const std::string not_sent = words("; 1928 l2fib_mac_edm_thread_send_resync", reset_status);
+        const std::pair<interpose::operation &, std::string> rows[] = {
+            {interpose::msg_clinfo_hold, "1930 l2fib_mac_cache_thread_hdlr 5; 1935 l2fib_mac_edm_resync_complete 22"},
+            {interpose::msg_get_clinfo_m_msglen, "1930 l2fib_mac_cache_thread_hdlr INVALID_ARGS" + not_sent},
+            {interpose::msg_get_clinfo_m_srcmsglen, "1930 l2fib_mac_cache_thread_hdlr 5" + not_sent},
+            {interpose::msg_reply, "1930 l2fib_mac_edm_resync_complete 5" + not_sent},
+            {interpose::msg_clinfo_unhold, "1935 l2fib_mac_edm_resync_complete 5"},
+            {interpose::msg_send, words("1928 l2fib_mac_edm_thread_send_resync", EDM_RESYNC_SEND_ERROR | EPIPE)},
         };
-        for (const auto &row : rows) {
-            SCOPED_TRACE(row.step.function);
-            the.faults = {row.step};
-            EXPECT_EQ(l2fib_mac_edm_thread_send_resync(EDM_RESYNC_ALL, 0, some_request), row.result);
-            settle();
-            const journal entries = take_journal(cache);
-            EXPECT_THAT(entries, testing::Contains(row.trace));
-            EXPECT_THAT(entries, testing::Contains("msg_clinfo_unhold")) << "a hold stays";
-            const std::string sent = words("trace 1928 l2fib_mac_edm_thread_send_resync", row.result);
-            EXPECT_EQ(take_journal(caller).back() == sent, row.result != 0);
+        for (const auto &[operation, traces] : rows) {
+            SCOPED_TRACE(traces);
+            operation.refuse(1);
+            const uint32_t result = request(EDM_RESYNC_ALL, 0, some_request);
+            operation.refuse(0);
+            EXPECT_EQ(result, traces.ends_with(not_sent)           ? reset_status
+                              : &operation == &interpose::msg_send ? EDM_RESYNC_SEND_ERROR | EPIPE
+                                                                   : 0);
+            EXPECT_EQ(take_all_traces(), traces);
         }
-        the.faults = {{caller, "msg_send", UINT64_MAX, EPIPE}};
-        EXPECT_EQ(l2fib_mac_edm_thread_send_resync(EDM_RESYNC_ALL, 0, some_request), EDM_RESYNC_SEND_ERROR | EPIPE);
         stop_module();
     });
 }
@@ -246,72 +219,59 @@ TEST(Resync, SurvivesCompletionsThatNobodyWaitsFor)
         l2fib_mac_edm_pd_cb_t callbacks = silent_callbacks();
         callbacks.capabilities_cb = [](uint16_t *wait_time) { return *wait_time = 1, 0u; };
         start(callbacks);
-        const auto traces = [](const journal &entries) {
-            journal found;
-            for (const std::string &entry : entries) {
-                if (entry.starts_with("trace")) {
-                    found.push_back(entry.substr(0, entry.rfind(' ')));
-                }
+        // Returns the ids of the trace points that a completion leaves.
+        const auto ids_of_completion = [](bool succeeds) {
+            take_all_traces();
+            EXPECT_EQ(l2fib_mac_edm_resync_complete(0) == 0, succeeds);
+            std::vector<uint32_t> ids;
+            for (const host::trace_point &point : test::new_traces(host::trace_ring::error)) {
+                ids.push_back(point.id);
             }
-            return found;
+            return ids;
         };
-        const std::string reply_failed = "trace 1930 l2fib_mac_edm_resync_complete";
-        const std::string release_failed = "trace 1935 l2fib_mac_edm_resync_complete";
-        EXPECT_NE(l2fib_mac_edm_resync_complete(0), 0u) << "nothing was ever asked for";
-        EXPECT_EQ(traces(take_journal(caller)), (journal{reply_failed, release_failed}));
+        const std::vector<uint32_t> unanswered = {1930}, unanswered_and_unreleased = {1930, 1935};
+        EXPECT_EQ(ids_of_completion(false), unanswered_and_unreleased) << "no resync was ever requested";
 
         the_plan.how = never;
-        EXPECT_EQ(l2fib_mac_edm_thread_send_resync(EDM_RESYNC_ALL, 0, some_request), EDM_RESYNC_SEND_ERROR | ETIMEDOUT);
-        const journal entries = take_journal(caller);
-        EXPECT_EQ(entries[1], "optree_restart_timeout_edm 6");
-        EXPECT_EQ(entries.size(), 4u) << "the request keeps its longer time-out";
-        EXPECT_EQ(l2fib_mac_edm_resync_complete(0), 0u) << "late: the requester has gone, its hold has not";
-        EXPECT_EQ(traces(take_journal(caller)), journal{reply_failed});
+        EXPECT_EQ(request(EDM_RESYNC_ALL, 0, some_request), EDM_RESYNC_SEND_ERROR | ETIMEDOUT);
+        EXPECT_EQ(deadlines, "send 1 request 6 ") << "the request keeps its longer time-out";
+        EXPECT_EQ(ids_of_completion(true), unanswered) << "late: the requester gave up, its hold stays";
 
         // A late completion answers the request that is held then; the completion of that one finds nobody.
-        EXPECT_EQ(l2fib_mac_edm_thread_send_resync(EDM_RESYNC_ALL, 0, nullptr), EDM_RESYNC_SEND_ERROR | ETIMEDOUT);
+        EXPECT_EQ(request(EDM_RESYNC_ALL, 0, nullptr), EDM_RESYNC_SEND_ERROR | ETIMEDOUT);
         l2fib_mac_edm_capabilities = 60;
         the_plan.how = other_thread;
         the_plan.status = 2;
-        EXPECT_EQ(l2fib_mac_edm_thread_send_resync(EDM_RESYNC_BD, 7, nullptr), EDM_ERR_RESYNC);
-        settle();
-        take_journal(caller);
-        EXPECT_NE(l2fib_mac_edm_resync_complete(0), 0u);
-        EXPECT_EQ(traces(take_journal(caller)), (journal{reply_failed, release_failed}));
-        the_plan.how = inside;
-        EXPECT_EQ(l2fib_mac_edm_thread_send_resync(EDM_RESYNC_BD, 7, nullptr), EDM_ERR_RESYNC);
+        EXPECT_EQ(request(EDM_RESYNC_BD, 7, nullptr), EDM_ERR_RESYNC);
+        EXPECT_EQ(ids_of_completion(false), unanswered_and_unreleased);
         stop_module();
     });
 }
 
-TEST(Resync, TakesWhateverIsSentToTheChannel)
+TEST(Resync, TakesEveryMessageOfTheChannel)
 {
     in_own_process([] {
         start();
         the_plan.status = 3;
-        the.handler(nullptr);
-        expect(caller, {});
-        struct {
-            uint16_t start[2];
-            uint8_t rest[196];
-        } request{};
+        handler(nullptr);
         const struct {
             uint64_t length;
-            journal entries;
             uint16_t type;
+            const char *called, *traces;
         } rows[] = {
-            {24, answered(9) + journal{words("trace 1930 l2fib_mac_cache_thread_hdlr", EDM_ERR_INVALID_ARGS)}, 0x8007},
-            {4, journal{"resync_bd_cb 0"} + answered(8) + journal{"completed 0"}, 0x8002},
-            {128, journal{"resync_bd_cb 0"} + answered(8) + journal{"completed 0"}, 0x8002},
-            {129, {words("trace 1930 l2fib_mac_cache_thread_hdlr", EDM_ERR_INVALID_ARGS), "msg_clinfo_unhold"}, 0x8002},
+            {24, 0x8007, "", "1930 l2fib_mac_cache_thread_hdlr INVALID_ARGS"},
+            {4, 0x8002, "domain 0", ""},
+            {128, 0x8002, "domain 0", ""},
+            {129, 0x8002, "", "1930 l2fib_mac_cache_thread_hdlr INVALID_ARGS"},
         };
         for (const auto &row : rows) {
-            request.start[0] = row.type;
-            request.start[1] = EDM_MSG_CLASS;
+            the_plan.called.clear();
+            const uint16_t message[100] = {row.type, EDM_MSG_CLASS};
             uint8_t reply[24];
-            EXPECT_EQ(msg_send(conn, &request, row.length, reply, sizeof(reply)), row.length > 128 ? -1 : 0);
+            EXPECT_EQ(msg_send(conn, message, row.length, reply, sizeof(reply)), row.length > 128 ? -1 : 0);
             settle();
-            expect(cache, delivered + row.entries);
+            EXPECT_EQ(the_plan.called, row.called);
+            EXPECT_EQ(take_all_traces(), row.traces);
         }
         stop_module();
     });
@@ -328,12 +288,13 @@ uint32_t publish_bdxc(uint32_t slot, uint32_t kind, uint32_t id, uint32_t event)
     return host::bdxc_publish(&notification, slot);
 }
 
-uint32_t publish_efp(uint32_t slot, uint32_t kind, uint32_t port, uint32_t bridge_id, uint32_t validity, uint32_t event)
+// About port 10 and bridge domain 1.
+uint32_t publish_efp(uint32_t slot, uint32_t kind, uint32_t validity = 1, uint32_t event = BDXC_EVENT_REMOVED)
 {
     efp_notification_t notification{};
     notification.object_kind = kind;
-    notification.port_id = port;
-    notification.bridge_id = bridge_id;
+    notification.port_id = 10;
+    notification.bridge_id = 1;
     notification.validity = validity;
     notification.event_code = event;
     return host::efp_publish(&notification, slot);
@@ -349,27 +310,26 @@ TEST(Removal, DestroysWhatTheNotificationNames)
         const std::string all = "1: 10(1) 8193(2) | 2: 20(3) | list 1 2 3";
         const std::string without_domain = "2: 20(3) | list 3";
         const std::string without_port = "1: 8193(2) | 2: 20(3) | list 2 3";
-        const std::pair<uint32_t (*)(), std::string> rows[] = {
+        const std::pair<std::function<uint32_t()>, std::string> rows[] = {
             {[] { return host::bdxc_publish_bridge_domain_removed(1); }, without_domain},
             {[] { return publish_bdxc(0, 1, 1, 1); }, all},
             {[] { return publish_bdxc(1, 1, 1, 2); }, all},
             {[] { return host::bdxc_publish_cross_connect_removed(0x2001); }, "1: 10(1) | 2: 20(3) | list 1 3"},
             {[] { return publish_bdxc(0, 3, 1, 2); }, all},
             {[] { return publish_bdxc(0, 1, 99, 2); }, all},
-            {[] { return publish_efp(0, 1, 20, 1, 1, 2); }, without_domain},
-            {[] { return publish_efp(0, 2, 10, 2, 1, 2); }, without_port},
-            {[] { return publish_efp(0, 3, 10, 2, 1, 2); }, without_port},
-            {[] { return publish_efp(0, 6, 10, 2, 1, 2); }, without_port},
-            {[] { return publish_efp(1, 3, 10, 2, 1, 2); }, without_port},
-            {[] { return publish_efp(2, 3, 10, 2, 1, 2); }, all},
-            {[] { return publish_efp(0, 4, 10, 1, 1, 2); }, all},
-            {[] { return publish_efp(0, 5, 10, 1, 1, 2); }, all},
-            {[] { return publish_efp(0, 3, 10, 1, 0, 2); }, all},
-            {[] { return publish_efp(0, 3, 10, 1, 1, 1); }, all},
+            {[] { return publish_efp(0, 1); }, without_domain},
+            {[] { return publish_efp(0, 2); }, without_port},
+            {[] { return publish_efp(0, 3); }, without_port},
+            {[] { return publish_efp(0, 6); }, without_port},
+            {[] { return publish_efp(1, 3); }, without_port},
+            {[] { return publish_efp(2, 3); }, all},
+            {[] { return publish_efp(0, 4); }, all},
+            {[] { return publish_efp(0, 5); }, all},
+            {[] { return publish_efp(0, 3, 0); }, all},
+            {[] { return publish_efp(0, 3, 1, 1); }, all},
         };
-        int row = 0;
         for (const auto &[publish, left] : rows) {
-            SCOPED_TRACE(++row);
+            SCOPED_TRACE(words("row", &left - &rows[0].second));
             l2fm_edm_table_bd_destroy(1);
             l2fm_edm_table_bd_destroy(2);
             ASSERT_EQ(small_table::run("1 10 1; 2 0x2001 1; 3 20 2"), 0u);

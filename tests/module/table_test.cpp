@@ -20,33 +20,13 @@ using namespace small_table;
 
 namespace {
 
-std::string text(const l2fm_edm_bd_t *bd)
-{
-    return bd == nullptr ? "-" : std::to_string(bd->bridge_id);
-}
-
-std::string text(const l2fm_edm_bp_t *bp)
-{
-    return bp == nullptr ? "-" : bp->xcid == EDM_XCID_DUMMY ? "dummy of " + text(bp->bd) : std::to_string(bp->xcid);
-}
-
-std::string text(const l2fm_edm_mac_t *mac)
-{
-    return mac == nullptr ? "-" : std::to_string(mac->mac_addr[4] << 8 | mac->mac_addr[5]) + " on " + text(mac->bp);
-}
-
-std::string text(const l2fm_edm_vtep_t *vtep)
-{
-    return vtep == nullptr ? "-" : std::to_string(vtep->vtep_addr[3]);
-}
-
-// Everything from a first record on.
-template <typename Record, typename Next>
-std::string chain(Record *record, Next next)
+// The ids of a chain of bridge domains.
+template <typename Next>
+std::string chain(l2fm_edm_bd_t *record, Next next)
 {
     std::string all;
     for (; record != nullptr; record = next(record)) {
-        all += (all.empty() ? "" : ", ") + text(record);
+        all += (all.empty() ? "" : ", ") + std::to_string(record->bridge_id);
     }
     return all;
 }
@@ -73,7 +53,7 @@ struct lookups : fixture {
     }
 };
 
-TEST_F(lookups, find_an_entry_that_the_hosting_process_put_into_a_tree)
+TEST_F(lookups, FindAnEntryThatTheHostingProcessInserted)
 {
     const auto fed = entry(2, 10, 1); // address 2 is on port 20
     l2fm_edm_mac_t *twin = l2fm_edm_table_mac_alloc_and_fill(&fed);
@@ -83,10 +63,10 @@ TEST_F(lookups, find_an_entry_that_the_hosting_process_put_into_a_tree)
     twin->bp = l2fm_edm_table_bp_get_by_xcid(10);
     EXPECT_EQ(feed(2, 10, 1, EDM_MAC_STATIC), 0u);
     EXPECT_EQ(l2fm_edm_table_mac_destroy(twin), 0u); // the audit sees that it was never counted
-    EXPECT_EQ(text(cached(2, 1)), "2 on 20");
+    EXPECT_EQ(cached(2, 1)->bp->xcid, 20u);
 }
 
-TEST_F(lookups, do_not_find_entries_of_a_port_that_is_in_no_tree)
+TEST_F(lookups, PassOverAPortThatIsInNoTree)
 {
     const auto fed = entry(9, 50, 1);
     l2fm_edm_bp_t *bp = l2fm_edm_table_bp_alloc_and_fill(l2fm_edm_table_bd_get_by_bridgeid(1), 50, 1);
@@ -96,29 +76,19 @@ TEST_F(lookups, do_not_find_entries_of_a_port_that_is_in_no_tree)
 }
 
 // What the comparison with the reference table does not ask for.
-TEST_F(lookups, find_what_is_there)
+// What the comparison with the reference table leaves out.
+TEST_F(lookups, FindDummyPortsByTheirBridgeDomainOnly)
 {
     const l2fm_edm_bd_t *one = l2fm_edm_table_bd_get_by_bridgeid(1);
-    const l2fm_edm_bp_t *ten = l2fm_edm_table_bp_get_by_xcid(10);
-    const l2fm_edm_bp_t *forty = l2fm_edm_table_bp_get_by_xcid(40);
+    l2fm_edm_bp_t *dummy = l2fm_edm_table_bd_bp_get(one, EDM_XCID_DUMMY);
     const auto six = mac_address(6);
-    const std::pair<std::string, const char *> answers[] = {
-        {text(l2fm_edm_table_bd_get_by_name("g:d")), "-"},
-        {text(l2fm_edm_table_bd_get_by_bridgeid(0x10001)), "-"},
-        {chain(l2fm_edm_table_bd_get_first_by_name(), l2fm_edm_table_bd_get_next_by_name), "3, 2, 1"},
-        {text(l2fm_edm_table_bp_get_by_xcid(0)), "-"},
-        {text(l2fm_edm_table_bp_get_by_xcid(EDM_XCID_DUMMY)), "-"},
-        {text(l2fm_edm_table_bd_bp_get(one, EDM_XCID_DUMMY)), "dummy of 1"},
-        {text(l2fm_edm_table_bd_bp_get(one, 30)), "-"},
-        {text(l2fm_edm_table_bp_mac_get(&ten->mac_tree, mac_address(2).data())), "-"},
-        {text(l2fm_edm_table_bp_vtep_get(&forty->vtep_tree, vtep_address(5).data())), "5"},
-        {text(l2fm_edm_table_vtep_lookup(vtep_address(6).data(), forty)), "-"},
-        {text(l2fm_edm_table_mac_get_by_xcid_mac(EDM_XCID_DUMMY, six.data())), "-"},
-        {text(l2fm_edm_table_mac_get_by_bdname_mac("g:d", six.data())), "-"},
-    };
-    for (const auto &answer : answers) {
-        EXPECT_EQ(answer.first, answer.second) << "answer " << &answer - answers;
-    }
+    ASSERT_NE(dummy, nullptr);
+    EXPECT_EQ(l2fm_edm_table_bp_mac_get(&dummy->mac_tree, six.data()), cached(6, 1));
+    EXPECT_EQ(l2fm_edm_table_bp_get_by_xcid(EDM_XCID_DUMMY), nullptr);
+    EXPECT_EQ(l2fm_edm_table_bp_get_by_xcid(0), nullptr);
+    EXPECT_EQ(l2fm_edm_table_mac_get_by_xcid_mac(EDM_XCID_DUMMY, six.data()), nullptr);
+    EXPECT_EQ(l2fm_edm_table_bd_bp_get(one, 30), nullptr) << "a port of another bridge domain";
+    EXPECT_EQ(l2fm_edm_table_bd_get_by_bridgeid(0x10001), nullptr);
     EXPECT_EQ(l2fm_edm_table_vtep_get_by_bridgeid_vtep(2, vtep_address(5).data()),
               l2fm_edm_table_bp_vtep_get_first(l2fm_edm_table_bp_get_by_xcid(30)));
     EXPECT_EQ(own_lookup(5, 1), 10u);
@@ -128,7 +98,7 @@ TEST_F(lookups, find_what_is_there)
     EXPECT_EQ(take_traces(), "");
 }
 
-TEST_F(lookups, resolve_names_without_the_table)
+TEST_F(lookups, ResolveNamesWithoutTheTable)
 {
     uint32_t id = 0;
     ASSERT_EQ(host::bridge_domain_set(1000, "BD9") + host::bridge_domain_set(999, "BD10"), 0u);
@@ -141,83 +111,62 @@ TEST_F(lookups, resolve_names_without_the_table)
     EXPECT_EQ(chain(l2fm_edm_table_bd_get_first_by_name(), l2fm_edm_table_bd_get_next_by_name), "999, 1000, 3, 2, 1");
 }
 
-TEST_F(lookups, answer_null_to_null_silently)
+// Lookups of each kind without a place to look in, and without a key.
+void expect_null(const l2fm_edm_bp_t *port, const l2fm_edm_bd_t *domain)
 {
-    const uint8_t *no_address = nullptr;
-    const auto address = mac_address(5);
-    const l2fm_edm_bp_t *ten = l2fm_edm_table_bp_get_by_xcid(10);
-    const l2fm_edm_bd_t *one = l2fm_edm_table_bd_get_by_bridgeid(1);
-    const l2fm_edm_mac_t *five = cached(5, 1);
+    const uint8_t *const no_address = nullptr;
+    const auto five = mac_address(5);
     const auto of = entry(5, 10, 1);
-    const void *const found[] = {l2fm_edm_table_bd_get_by_name(nullptr),
-                                 l2fm_edm_table_bd_get_next_by_name(nullptr),
-                                 l2fm_edm_table_bd_get_next_by_bridgeid(nullptr),
-                                 l2fm_edm_table_bp_get_next(nullptr),
-                                 l2fm_edm_table_bd_bp_get(nullptr, 10),
-                                 l2fm_edm_table_bd_bp_get_first(nullptr),
-                                 l2fm_edm_table_bd_bp_get_next(nullptr, ten),
-                                 l2fm_edm_table_bd_bp_get_next(one, nullptr),
-                                 l2fm_edm_table_bp_mac_get(nullptr, address.data()),
-                                 l2fm_edm_table_bp_mac_get(&ten->mac_tree, no_address),
-                                 l2fm_edm_table_bp_macaddr_get_next(nullptr, address.data()),
-                                 l2fm_edm_table_bp_macaddr_get_next(&ten->mac_tree, no_address),
-                                 l2fm_edm_table_bp_mac_get_first(nullptr),
-                                 l2fm_edm_table_bp_mac_get_next(nullptr, five),
-                                 l2fm_edm_table_bp_mac_get_next(ten, nullptr),
-                                 l2fm_edm_table_bp_vtep_get(nullptr, address.data()),
-                                 l2fm_edm_table_bp_vtep_get_first(nullptr),
-                                 l2fm_edm_table_bp_vtep_get_next(ten, nullptr),
-                                 l2fm_edm_table_vtep_lookup(address.data(), nullptr),
-                                 l2fm_edm_table_mac_get_by_xcid_mac(10, no_address),
-                                 l2fm_edm_table_bd_mac_get(nullptr, address.data()),
-                                 l2fm_edm_table_mac_get_by_bridgeid_mac(1, no_address),
-                                 l2fm_edm_table_mac_get_by_bdname_mac(nullptr, address.data()),
-                                 l2fm_edm_table_mac_get_by_bdname_mac("g:c", no_address),
-                                 l2fm_edm_table_mac_get_next_by_bdname_mac(nullptr, address.data()),
-                                 l2fm_edm_table_mac_get_next_by_bdname_mac("g:c", no_address),
-                                 l2fm_edm_table_vtep_get_by_bridgeid_vtep(2, no_address),
-                                 l2fm_edm_table_mac_lookup(nullptr, one, nullptr),
-                                 l2fm_edm_table_mac_lookup(&of, nullptr, nullptr),
-                                 l2fm_edm_table_get(&ten->mac_tree, nullptr, 0),
-                                 l2fm_edm_table_get_next(&ten->mac_tree, nullptr, 0)};
-    for (size_t i = 0; i < std::size(found); i++) {
-        EXPECT_EQ(found[i], nullptr) << "lookup " << i;
-    }
+    EXPECT_EQ(l2fm_edm_table_bd_get_by_name(nullptr), nullptr);
+    EXPECT_EQ(l2fm_edm_table_bd_get_next_by_bridgeid(nullptr), nullptr);
+    EXPECT_EQ(l2fm_edm_table_bd_bp_get(nullptr, 10), nullptr);
+    EXPECT_EQ(l2fm_edm_table_bd_bp_get_next(domain, nullptr), nullptr);
+    EXPECT_EQ(l2fm_edm_table_bp_get_next(nullptr), nullptr);
+    EXPECT_EQ(l2fm_edm_table_bp_mac_get(port == nullptr ? nullptr : &port->mac_tree, no_address), nullptr);
+    EXPECT_EQ(l2fm_edm_table_bp_mac_get_first(nullptr), nullptr);
+    EXPECT_EQ(l2fm_edm_table_bp_mac_get_next(port, nullptr), nullptr);
+    EXPECT_EQ(l2fm_edm_table_bp_vtep_get_next(port, nullptr), nullptr);
+    EXPECT_EQ(l2fm_edm_table_vtep_lookup(five.data(), nullptr), nullptr);
+    EXPECT_EQ(l2fm_edm_table_bd_mac_get(nullptr, five.data()), nullptr);
+    EXPECT_EQ(l2fm_edm_table_mac_get_by_xcid_mac(10, no_address), nullptr);
+    EXPECT_EQ(l2fm_edm_table_mac_get_by_bdname_mac(nullptr, five.data()), nullptr);
+    EXPECT_EQ(l2fm_edm_table_mac_get_next_by_bdname_mac("g:c", no_address), nullptr);
+    EXPECT_EQ(l2fm_edm_table_vtep_get_by_bridgeid_vtep(2, no_address), nullptr);
+    EXPECT_EQ(l2fm_edm_table_mac_lookup(nullptr, domain, nullptr), nullptr);
+    EXPECT_EQ(l2fm_edm_table_mac_lookup(&of, nullptr, nullptr), nullptr);
+}
+
+TEST_F(lookups, AnswerNullToNull)
+{
+    expect_null(l2fm_edm_table_bp_get_by_xcid(10), l2fm_edm_table_bd_get_by_bridgeid(1));
     EXPECT_EQ(take_traces(), "");
 }
 
-TEST(stopped_trees, answer_null)
+TEST(StoppedTrees, AnswerNull)
 {
-    const auto mac = mac_address(1);
-    const uint8_t *address = mac.data();
-    ordtree_link_t probe{};
-    EXPECT_EQ(l2fm_edm_table_get(nullptr, &probe, 0), nullptr);
-    EXPECT_EQ(l2fm_edm_table_get_next(nullptr, &probe, 0), nullptr);
-    EXPECT_EQ(l2fm_edm_table_get_first(nullptr, 0), nullptr);
-    EXPECT_EQ(l2fm_edm_table_mac_get_by_bridgeid_mac(1, address), nullptr);
-    EXPECT_EQ(l2fm_edm_table_mac_get_next_by_bdname_mac("g:c", address), nullptr);
-    EXPECT_EQ(l2fm_edm_table_vtep_get_by_bridgeid_vtep(1, address), nullptr);
-    EXPECT_EQ(run("mark; sweep; mark bd 1; sweep bp 1"), 0u) << "walks of what is not there";
+    expect_null(nullptr, nullptr);
+    EXPECT_EQ(l2fm_edm_table_mac_get_by_bridgeid_mac(1, mac_address(1).data()), nullptr);
+    EXPECT_EQ(run("mark; sweep; mark bd 1; sweep bp 1"), 0u) << "walks of a table without records";
 }
 
 // ---- Walks ----
 
 std::string visited; // by the walks of a test
-bool walks_go_on;
+bool walks_continue;
 
 uint32_t visit_mac(l2fm_edm_mac_t *mac, void *)
 {
     visited += std::to_string(mac->mac_addr[5]) + " ";
-    return walks_go_on ? 5 : 0; // anything but 0 goes on
+    return walks_continue ? 5 : 0; // every value but 0 continues the walk
 }
 
 uint32_t visit_vtep(l2fm_edm_vtep_t *vtep, l2fm_edm_bp_t *bp)
 {
-    visited += text(bp) + "/" + text(vtep) + " ";
-    return walks_go_on ? 5 : 0;
+    visited += std::to_string(bp->xcid) + "/" + std::to_string(vtep->vtep_addr[3]) + " ";
+    return walks_continue ? 5 : 0;
 }
 
-// Whether another thread gets the lock; a test that waits for ever is ended by its time-out.
+// Another thread takes the lock. If it never gets it, the time-out of the test ends the wait.
 void take_lock_elsewhere()
 {
     std::thread([] {
@@ -228,7 +177,7 @@ void take_lock_elsewhere()
 
 struct walks : fixture {};
 
-TEST_F(walks, visit_in_order_and_stop)
+TEST_F(walks, VisitInOrderAndStop)
 {
     run("3 30 2 0x1000 6; 2 20 1; 1 10 1; 4 20 1; 5 9 1 0x20; 6 40 2 0x1000 5; 7 30 2 0x1000 4");
     const std::pair<uint32_t (*)(), std::string> rows[] = {
@@ -245,7 +194,7 @@ TEST_F(walks, visit_in_order_and_stop)
     for (const auto &[walk, visits] : rows) {
         for (const bool to_the_end : {true, false}) {
             visited.clear();
-            walks_go_on = to_the_end;
+            walks_continue = to_the_end;
             EXPECT_EQ(walk(), to_the_end || visits.empty() ? 0 : EDM_ERR_STOPPED) << visits;
             EXPECT_EQ(visited, to_the_end ? visits : visits.substr(0, visits.find(' ') + 1));
             take_lock_elsewhere();
@@ -280,7 +229,7 @@ uint32_t visit_and_change(l2fm_edm_mac_t *mac, void *cookie)
     return 1;
 }
 
-TEST_F(walks, visit_what_is_there_when_they_reach_it)
+TEST_F(walks, VisitWhatIsThereWhenTheyReachIt)
 {
     small_table::limit = UINT32_MAX;
     expected_walk expected;
@@ -295,24 +244,35 @@ TEST_F(walks, visit_what_is_there_when_they_reach_it)
     }
 }
 
-TEST_F(walks, need_a_callback)
+TEST_F(walks, NeedACallback)
 {
-    EXPECT_EQ(l2fm_edm_table_walk_all_macs(nullptr, nullptr), EDM_ERR_INVALID_ARGS);
-    EXPECT_EQ(l2fm_edm_table_walk_all_macs_under_bd(nullptr, nullptr, 1), EDM_ERR_INVALID_ARGS);
-    EXPECT_EQ(l2fm_edm_table_walk_all_macs_under_bp(nullptr, nullptr, 1), EDM_ERR_INVALID_ARGS);
-    EXPECT_EQ(l2fm_edm_table_walk_all_vteps(nullptr), EDM_ERR_INVALID_ARGS);
-    EXPECT_EQ(l2fm_edm_table_walk_all_vteps_under_bd(nullptr, nullptr, 1), EDM_ERR_INVALID_ARGS);
-    EXPECT_EQ(l2fm_edm_table_walk_all_vteps_under_bp(nullptr, nullptr, 1), EDM_ERR_INVALID_ARGS);
+    for (const uint32_t status :
+         {l2fm_edm_table_walk_all_macs(nullptr, nullptr), l2fm_edm_table_walk_all_macs_under_bd(nullptr, nullptr, 1),
+          l2fm_edm_table_walk_all_macs_under_bp(nullptr, nullptr, 1), l2fm_edm_table_walk_all_vteps(nullptr),
+          l2fm_edm_table_walk_all_vteps_under_bd(nullptr, nullptr, 1),
+          l2fm_edm_table_walk_all_vteps_under_bp(nullptr, nullptr, 1)}) {
+        EXPECT_EQ(status, EDM_ERR_INVALID_ARGS);
+    }
     take_lock_elsewhere();
+}
+
+// A walk frees each record before it looks for the next one.
+TEST_F(walks, EmptyTheTableByTheirCallback)
+{
+    run("1 10 1; 2 20 1; 3 9 2 0x20");
+    EXPECT_EQ(l2fm_edm_table_walk_all_macs(
+                  [](l2fm_edm_mac_t *mac, void *) { return l2fm_edm_table_mac_destroy(mac) + 1; }, nullptr),
+              0u);
+    EXPECT_EQ(table_text(), "1: 10() 20() | 2: dummy() | list");
 }
 
 struct table : fixture {};
 
-TEST_F(walks, pass_over_ports_without_a_bridge_domain_and_entries_that_come_meanwhile)
+TEST_F(walks, PassOverPortsWithoutABridgeDomain)
 {
     run("1 30 1 0x1000 5; mark; try update 30 9");
     visited.clear();
-    walks_go_on = true;
+    walks_continue = true;
     EXPECT_EQ(l2fm_edm_table_walk_all_vteps(visit_vtep), 0u);
     EXPECT_EQ(visited, "");
     EXPECT_EQ(l2fm_edm_table_walk_all_vteps_under_bp(visit_vtep, nullptr, 30), 0u);
@@ -326,7 +286,7 @@ TEST_F(walks, pass_over_ports_without_a_bridge_domain_and_entries_that_come_mean
     EXPECT_EQ(newest, 2u);
 }
 
-TEST_F(table, takes_entries_off_the_list_once)
+TEST_F(table, TakesEntriesOffTheListOnce)
 {
     run("1 10 1");
     l2fm_edm_mac_t *mac = cached(1, 1);
@@ -342,7 +302,57 @@ TEST_F(table, takes_entries_off_the_list_once)
     EXPECT_EQ(list->ll_count, 1u);
 }
 
-TEST_F(table, gives_and_takes_elements_of_its_pools)
+// A full table evicts its newest entry for each new one, anywhere. Its parts still add up to the whole.
+TEST_F(table, AddsUpByDomainAndByPortUnderALimit)
+{
+    constexpr uint32_t all = 300;
+    static constexpr uint32_t ports[] = {10, 20, 30, 40};
+    run("limit 300");
+    for (uint32_t i = 0; i < 450; i++) {
+        EXPECT_EQ(feed(i, ports[i * 7 % 4], 1 + i * 7 % 4 / 2,
+                       i % 9 == 0   ? EDM_MAC_BD_OWN
+                       : i % 5 == 0 ? EDM_MAC_STATIC
+                                    : 0),
+                  0u);
+    }
+    const auto count = [](l2fm_edm_mac_t *mac, void *counts) {
+        static_cast<uint32_t *>(counts)[mac->bp->xcid == EDM_XCID_DUMMY]++;
+        return 1u;
+    };
+    uint32_t whole[2] = {}, by_domain[2] = {}, by_port[2] = {}; // on ordinary ports and on dummy ports
+    l2fm_edm_table_walk_all_macs(count, whole);
+    for (const uint32_t bridge_id : {1u, 2u}) {
+        l2fm_edm_table_walk_all_macs_under_bd(count, by_domain, bridge_id);
+    }
+    for (const uint32_t xcid : {10u, 20u, 30u, 40u, EDM_XCID_DUMMY}) {
+        l2fm_edm_table_walk_all_macs_under_bp(count, by_port, xcid);
+    }
+    EXPECT_EQ(whole[0] + whole[1], all);
+    EXPECT_GT(whole[1], 0u);
+    EXPECT_EQ(by_domain[0], whole[0]);
+    EXPECT_EQ(by_domain[1], whole[1]);
+    EXPECT_EQ(by_port[0], whole[0]);
+    EXPECT_EQ(by_port[1], 0u) << "a dummy port has no id";
+    EXPECT_EQ(l2fm_edm_table_mac_get_pool()->mac_cnt_total, all);
+}
+
+TEST_F(table, CountsVtepsDownToZero)
+{
+    const uint32_t &count = l2fm_edm_table_mac_get_pool()->vtep_cnt;
+    for (const char *removal : {"mark; sweep", "mark bd 1; sweep bd 1", "destroy bp 30", "destroy bd 1"}) {
+        SCOPED_TRACE(removal);
+        run("1 30 1 0x1000 5; 2 30 1 0x1000 5; 3 30 1 0x1000 6");
+        EXPECT_EQ(count, 2u);
+        for (const uint32_t address : {1u, 2u, 3u}) {
+            EXPECT_EQ(l2fm_edm_table_mac_destroy(cached(address, 1)), 0u);
+        }
+        EXPECT_EQ(count, 2u) << "VTEPs outlive their entries until a sweep";
+        run(removal);
+        EXPECT_EQ(count, 0u);
+    }
+}
+
+TEST_F(table, GivesAndTakesElementsOfItsPools)
 {
     EXPECT_EQ(l2fm_edm_table_malloc(EDM_POOL_COUNT), nullptr);
     uint64_t foreign = 0;
@@ -363,10 +373,11 @@ TEST_F(table, gives_and_takes_elements_of_its_pools)
     EXPECT_EQ(l2fm_edm_table_free(EDM_POOL_BP, fresh), 0u);
 }
 
-TEST(table_life, starts_empty_and_again_after_a_teardown)
+TEST(TableLife, StartsEmptyAgainAfterATeardown)
 {
     for (int again = 0; again < 3; again++) {
         const bool has_list = l2fm_edm_table_ll_get_root()->ll_initialised != 0; // made once in a process
+        std::memset(l2fm_edm_table_mac_get_pool(), 0xff, sizeof(l2fm_edm_mac_pool_t)); // counters of a former table
         take_traces();
         EXPECT_EQ(l2fm_edm_table_init(), 0u);
         EXPECT_EQ(take_traces(), has_list ? "1938 l2fm_edm_table_init" : "");
@@ -380,7 +391,7 @@ TEST(table_life, starts_empty_and_again_after_a_teardown)
     }
 }
 
-TEST(table_life, ends_with_nothing_left)
+TEST(TableLife, LeavesNothingAtItsEnd)
 {
     start();
     run("1 10 1; 2 30 1 0x1000 5; 3 30 1 0x1001 6; 4 9 1 0x20; 5 40 2 0x1000 5; 6 20 1; mark bp 20; try update 20 9");

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: Apache-2.0 */
 
-/* Preloaded by system tests: a kernel whose notifications of one deletion never arrive. What is dropped is every
- * datagram of a netlink socket that holds a deleted neighbour with the address 02:de:af:00:00:01. */
+/* Preloaded by system tests: a kernel whose notifications of one deletion never arrive. Drops every datagram of a
+ * netlink socket that reports the deletion of the neighbour 02:de:af:00:00:01. */
 #include <dlfcn.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>

@@ -1,19 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The way back from an encoded record to the record, for tests that look at what a handler filled in.
+// Encoded records as text, for tests that look at what a handler filled in.
 #pragma once
 
 #include <cbor.h>
 
 #include <cstdint>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <span>
 #include <string>
 #include <string_view>
 
-#include "host/database/parcel_schema.h"
+#include "tests/support/words.h"
 
 namespace test {
 
@@ -36,39 +34,27 @@ inline std::string_view text_of(const cbor_item_t *item)
     return {reinterpret_cast<const char *>(cbor_string_handle(item)), cbor_string_length(item)};
 }
 
-inline void store_field(void *record, const host::parcel_field &field, const cbor_item_t *value)
-{
-    uint8_t *place = static_cast<uint8_t *>(record) + field.offset;
-    if (field.kind == host::parcel_kind::number) {
-        const uint64_t number = cbor_get_int(value);
-        std::memcpy(place, &number, field.width);
-    } else if (field.kind == host::parcel_kind::bytes) {
-        std::memcpy(place, cbor_bytestring_handle(value), field.width);
-    } else {
-        const char *copy = strdup(std::string(text_of(value)).c_str());
-        std::memcpy(place, &copy, sizeof(copy));
-    }
-}
-
-// Fills the zeroed record. False if the bytes are not a map of fields that the record has.
-inline bool decode_record(std::span<const uint8_t> data, void *record, const parcel_schema_t *schema)
+// The fields of an encoded record, each as NAME=VALUE: numbers in decimal, texts in quotes, bytes in hexadecimal.
+inline std::string record_text(std::span<const uint8_t> data)
 {
     const cbor_ptr map = load_cbor(data);
-    if (map == nullptr || !cbor_isa_map(map.get())) {
-        return false;
-    }
-    const host::parcel_field *field = schema->fields;
-    const host::parcel_field *const end = field + schema->field_count;
+    std::string text;
     for (const cbor_pair &pair : std::span(cbor_map_handle(map.get()), cbor_map_size(map.get()))) {
-        while (field != end && (text_of(pair.key) != field->name || !host::parcel_expects(record, *field))) {
-            field++;
-        }
-        if (field == end) {
-            return false;
-        }
-        store_field(record, *field, pair.value);
+        const cbor_item_t *const value = pair.value;
+        text += (text.empty() ? "" : " ") + std::string(text_of(pair.key)) + "=";
+        text += cbor_isa_uint(value)     ? std::to_string(cbor_get_int(value))
+                : cbor_isa_string(value) ? "'" + std::string(text_of(value)) + "'"
+                                         : hex(cbor_bytestring_handle(value), cbor_bytestring_length(value));
     }
-    return true;
+    return text;
+}
+
+// The value of a field in such a text; empty if the record does not have the field.
+inline std::string value_of(const std::string &record, const std::string &name)
+{
+    const size_t before = (" " + record).find(" " + name + "=");
+    const size_t value = before + name.size() + 1;
+    return before == std::string::npos ? "" : record.substr(value, record.find(' ', value) - value);
 }
 
 } // namespace test

@@ -40,26 +40,26 @@ inline event_manager_t *create_manager(const char *path)
 inline void serve_queued(event_manager_t *evm)
 {
     std::promise<void> served;
-    const auto tell = [](void *cookie) { static_cast<std::promise<void> *>(cookie)->set_value(); };
-    if (host::event_post(evm, tell, tell, &served) == 0) {
+    const auto set = [](void *cookie) { static_cast<std::promise<void> *>(cookie)->set_value(); };
+    if (host::event_post(evm, set, set, &served) == 0) {
         served.get_future().wait();
     }
 }
 
-// Serves from construction, when `set_up` has run on the thread and the thread waits for events, to stop().
+// Serves from its construction to stop(). It is constructed when `set_up` has run on the thread and the thread waits.
 class event_loop {
 public:
     explicit event_loop(
         const char *path, std::function<void(event_manager_t *)> set_up = [](event_manager_t *) {})
     {
-        host::event_manager_forget_ended(); // the path's last one
+        host::event_manager_forget_ended(); // frees the path
         thread_ = std::thread([path, run = std::move(set_up)] { serve(create_manager(path), run); });
         host::event_manager_wait(path, 60);
         evm = host::event_manager_find(path);
     }
     event_loop(const event_loop &) = delete;
     event_loop &operator=(const event_loop &) = delete;
-    // What a handler still does after it has woken its sender is done before the end.
+    // Waits for handlers that still run after they woke their sender.
     ~event_loop()
     {
         if (thread_.joinable()) {

@@ -3,7 +3,7 @@
 // Makes the n-th call of a platform operation fail.
 //
 // A test program that defines a function of the platform wins over the library that does, for the module's calls as
-// well. INTERPOSE defines such a function: it passes calls on, counts them, and refuses one that it has been told to.
+// well. INTERPOSE defines such a function: it passes calls on, counts them, and refuses the one that a test chose.
 // Use it once for an operation, at global scope of one source of the program:
 //
 //     INTERPOSE(void *, chunk_malloc, (chunk_pool_t * pool), (pool), nullptr)

@@ -13,7 +13,7 @@ namespace test {
 // By ring: the sequence number of the first point that counts.
 inline std::array<uint64_t, 2> first_trace = {1, 1};
 
-// Points that there are by now count no more.
+// Leaves out all points until now.
 inline void skip_traces()
 {
     for (const auto ring : {host::trace_ring::normal, host::trace_ring::error}) {

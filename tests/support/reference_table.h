@@ -2,9 +2,8 @@
 
 // A naive reference for the table, and random operations on both.
 //
-// The reference is told what the table is told, says which status each operation has to have, and holds what the table
-// has to hold. A seed that failed is repeated by L2FIB_SEED=<seed>; L2FIB_OPERATIONS=<number> sets how many operations
-// are made with each seed.
+// The reference gets each operation that the table gets, returns the status that is right, and holds what the table has
+// to hold. L2FIB_SEED=<seed> repeats a seed that failed. L2FIB_OPERATIONS=<number> sets the operations for each seed.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Requests of the operational database in a compact notation, and answers of several pages.
+// Requests of the operational database as paths, and answers of several pages.
 //
 //     test::query({.path = "mac-table/domain/g:a/flagged", .kind = host::request_kind::list})
 //
-// A path is an object and then its keys: domain, port, mac, vtep, seg-info2 and seg-info1 with a value, flagged and
-// resync-all without.
+//     PATH   = OBJECT {"/" KEY}
+//     OBJECT = "mac-table" | "mac-aging" | "mac-count" | "mac-vtep" | "mac-action"
+//     KEY    = ("domain" | "port" | "mac" | "vtep" | "seg-info2" | "seg-info1") "/" VALUE | "flagged" | "resync-all"
 #pragma once
 
 #include <arpa/inet.h>
@@ -30,14 +31,6 @@ struct asked {
     uint32_t timeout_seconds = host::default_request_timeout_seconds;
 };
 
-inline std::array<uint8_t, 6> mac_of(const std::string &text)
-{
-    std::array<uint8_t, 6> mac{};
-    auto &[a, b, c, d, e, f] = mac;
-    std::sscanf(text.c_str(), "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &a, &b, &c, &d, &e, &f);
-    return mac;
-}
-
 inline void set_key(host::operational_keys &keys, const std::string &name, std::istringstream &rest)
 {
     if (name == "flagged" || name == "resync-all") {
@@ -50,7 +43,8 @@ inline void set_key(host::operational_keys &keys, const std::string &name, std::
     if (name == "domain") {
         keys.domain = value;
     } else if (name == "mac") {
-        keys.mac_addr = mac_of(value);
+        auto &[a, b, c, d, e, f] = keys.mac_addr.emplace();
+        std::sscanf(value.c_str(), "%hhx:%hhx:%hhx:%hhx:%hhx:%hhx", &a, &b, &c, &d, &e, &f);
     } else if (name == "vtep") {
         keys.vtep_addr = inet_addr(value.c_str());
     } else if (name == "port") {

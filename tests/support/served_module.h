@@ -29,6 +29,10 @@ namespace served {
 
 using host::request_kind;
 
+constexpr auto names = request_kind::list;
+constexpr auto data = request_kind::datalist;
+constexpr auto get = request_kind::get;
+
 struct resync {
     uint32_t type;
     uint32_t arg;
@@ -155,28 +159,12 @@ inline l2fib_mac_edm_entry_t &holds(uint16_t bridge_id, uint32_t xcid, uint32_t 
 
 inline std::vector<std::string> names_of(const host::operational_page &page)
 {
-    std::vector<std::string> names;
+    std::vector<std::string> found;
     for (const auto &item : page.items) {
-        names.emplace_back(item.name);
+        found.emplace_back(item.name);
     }
-    return names;
+    return found;
 }
-
-// One record, whose texts live as long as it does.
-template <typename Record>
-struct decoded : Record {
-    decoded(std::span<const uint8_t> data, const parcel_schema_t *of)
-        : Record{}
-        , schema(of)
-    {
-        EXPECT_TRUE(test::decode_record(data, static_cast<Record *>(this), of));
-    }
-    ~decoded() { parcel_free_indirections(static_cast<Record *>(this), schema); }
-    decoded(const decoded &) = delete;
-    decoded &operator=(const decoded &) = delete;
-
-    const parcel_schema_t *schema;
-};
 
 struct trace {
     std::string function;

@@ -61,24 +61,36 @@ uint32_t feed(uint32_t number, uint32_t xcid, uint32_t bridge_id, uint32_t flags
 // The first entry with an address under a bridge domain.
 l2fm_edm_mac_t *cached(uint32_t number, uint32_t bridge_id);
 
-// The table as text, such as "1: 10*(1 2!@3) 30(){5!} dummy(4) | -: 20() | list 4 1 2". Bridge domains by id, "-" for
-// ports without one; "*" for a port that is to be refreshed, "!" for what is marked, "@" before a bridge id that is not
-// that of the entry's port, VTEPs in braces.
+// The table as text, such as "1: 10*(1 2!@3) 30(){5!} dummy(4) | -: 20() | list 4 1 2":
+//
+//     TABLE  = {DOMAIN " | "} "list" {" " ADDRESS}   domains by id; then the list of all entries, in its order
+//     DOMAIN = (BRIDGE_ID | "-") ":" {" " PORT}      "-" holds the ports without a bridge domain
+//     PORT   = (XCID | "dummy") ["*"] "(" {ENTRY} ")" ["{" {VTEP} "}"]        "*": to be refreshed
+//     ENTRY  = ADDRESS ["!"] ["@" BRIDGE_ID]         "!": marked; "@": its bridge id is not that of its port
+//     VTEP   = ADDRESS ["!"]
 std::string table_text();
 
-// Trace points since the last call, such as "1913 l2fib_mac_edm_add 10; 1915 l2fib_mac_edm_add 10 INVALID_ARGS".
+// Trace points since the last call, such as "1913 l2fib_mac_edm_add 10; 1915 l2fib_mac_edm_add 10 INVALID_ARGS":
+//
+//     TRACES = [POINT {"; " POINT}]
+//     POINT  = ID " " FUNCTION {" " VALUE}           a known status by its name
 std::string take_traces();
 
-// Runs steps such as "1 10 1 0x1000 5; mark bp 10; limit 2" and answers the status of the last one; the others have to
-// succeed, but for those after "try". The steps:
-//     NUMBER XCID BRIDGE_ID [FLAGS [VTEP]]                     feed
-//     mark, mark bd ID, mark bp XCID, and so for sweep
+// Runs steps such as "1 10 1 0x1000 5; mark bp 10; limit 2". Returns the status of the last one. Each other step has to
+// succeed, unless it begins with "try".
+//
+//     STEPS = STEP {";" STEP}
+//     STEP  = ["try "] (FEED | VERB {" " NUMBER})
+//     FEED  = ADDRESS " " XCID " " BRIDGE_ID [" " FLAGS [" " VTEP]]
+//
+// The verbs:
+//     mark, mark bd ID, mark bp XCID; sweep, sweep bd ID, sweep bp XCID
 //     create bd ID, destroy bd ID, destroy bp XCID, evict
-//     update XCID BRIDGE_ID                                    the port
-//     limit NUMBER, undefine                                   the MAC entry limit
-//     full MAC|BP|BD|VTEP                                      the pool hands out nothing more
-//     full trees                                               they get no more nodes
-//     kind XCID SEGMENT_TYPE, remove XCID                      in the forwarding manager
+//     update XCID BRIDGE_ID                     updates the port
+//     limit NUMBER, undefine                    the MAC entry limit
+//     full MAC, full BP, full BD, full VTEP     the pool hands out no more elements
+//     full trees                                trees get no more nodes
+//     kind XCID SEGMENT_TYPE, remove XCID       in the forwarding manager
 uint32_t run(const std::string &steps);
 
 // What a step does, from a fresh table that the steps before it have filled.
