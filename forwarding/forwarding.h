@@ -4,7 +4,7 @@
 // and gives views of its state.
 //
 //     forwarding::options options;
-//     if (const std::string error = forwarding::start(options); !error.empty()) { ... }
+//     if (const base::result started = forwarding::start(options); !started.ok()) { ... }
 //     ... requests to the operational database (host/database/operational_db_host.h) ...
 //     const forwarding::release_report report = forwarding::stop();
 //
@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "base/result.h"
 #include "forwarding/plane.h"
 #include "l2fib_mac_edm.h"
 
@@ -70,15 +71,15 @@ struct options {
 // Returns the host's name, cut to 32 characters. "_" replaces characters that a group name must not hold.
 std::string default_group();
 
-// Returns an error message if `group` is no valid group name, otherwise an empty string. A group name has 1 to 32
-// characters and holds no comma, colon, white space or control character.
-std::string group_error(std::string_view group);
+// Fails if `group` is no valid group name. A group name has 1 to 32 characters and holds no comma, colon, white space
+// or control character.
+base::result check_group(std::string_view group);
 
-// Creates the plane, starts the module on it and waits until both of the module's threads serve. Returns an empty
-// string, or an error message for the operator. On error it ends everything that it started.
+// Creates the plane, starts the module on it and waits until both of the module's threads serve. If it fails, it ends
+// everything that it started.
 //
 // The first full dump may still be running when this returns. Requests wait for its end, up to the resync wait time.
-std::string start(const options &options);
+base::result start(const options &options);
 
 struct release_report {
     bool orderly = false; // both threads ended in time, and the table released everything
