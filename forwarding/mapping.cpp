@@ -93,19 +93,20 @@ bool matches(uint8_t bits, uint8_t wanted)
     return wanted == 0 || (bits & wanted) != 0;
 }
 
-} // namespace
-
-uint16_t flags_of(const fdb_record &record)
+// Returns the EDM_MAC_ bits of an entry, without those of its destination and time.
+uint16_t flags_of(const shadow_entry &entry, const entry_terms &terms)
 {
-    const unsigned kind = record.self ? of_device : record.ifindex == record.master ? of_bridge : of_port;
-    uint32_t flags = record.edm_flags & addable_flags;
+    const unsigned kind = terms.self ? of_device : terms.ifindex == terms.master ? of_bridge : of_port;
+    uint32_t flags = terms.edm_flags & addable_flags;
     for (const flag_rule &rule : flag_rules) {
-        if ((rule.applies_to & kind) != 0 && matches(record.state, rule.state) && matches(record.flags, rule.flags)) {
+        if ((rule.applies_to & kind) != 0 && matches(entry.state, rule.state) && matches(entry.flags, rule.flags)) {
             flags |= rule.gives;
         }
     }
     return static_cast<uint16_t>(flags);
 }
+
+} // namespace
 
 // ---- Entries ----
 
@@ -147,11 +148,11 @@ standing standing_of_own(const shadow_table &shadow, uint32_t entry)
     return group.of_bridge != 0 ? standing::joined : standing::unpaired;
 }
 
-void set_timestamp(const fdb_record &record, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &to)
+void set_timestamp(const shadow_entry &entry, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &to)
 {
-    if ((to.flags & (EDM_MAC_STATIC | EDM_MAC_LOCAL)) == 0 && record.updated_ms != 0) {
+    if ((to.flags & (EDM_MAC_STATIC | EDM_MAC_LOCAL)) == 0 && entry.updated_ms != 0) {
         to.flags |= EDM_MAC_TIMESTAMP_VALID;
-        to.hw_timestamp = static_cast<uint32_t>((record.updated_ms + epoch_offset_ms) / ms_per_second);
+        to.hw_timestamp = static_cast<uint32_t>((entry.updated_ms + epoch_offset_ms) / ms_per_second);
     }
 }
 
@@ -170,20 +171,21 @@ void set_destination(const fdb_destination &destination, l2fib_mac_edm_entry_t &
     }
 }
 
-void build(const shadow_table &shadow, uint32_t entry, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &to)
+void build(const shadow_table &shadow, uint32_t at, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &to)
 {
-    const fdb_record record = shadow.record_of(entry);
-    const shadow_port &port = shadow.ports[shadow.entries[entry].port];
+    const shadow_entry &entry = shadow.entries[at];
+    const entry_terms &terms = shadow.terms_of(at);
+    const shadow_port &port = shadow.ports[entry.port];
     to = {};
-    to.flags = flags_of(record);
-    to.ext_flags = (record.flags & fdb_inactive) != 0 ? inactive_bit : 0;
-    to.ext_attr = record.vlan;
+    to.flags = flags_of(entry, terms);
+    to.ext_flags = (entry.flags & fdb_inactive) != 0 ? inactive_bit : 0;
+    to.ext_attr = terms.vlan;
     to.xcid = port.xcid;
     to.bridge_id = shadow.domains[port.domain].bridge_id;
-    std::memcpy(to.mac_addr, record.mac.data(), sizeof(to.mac_addr));
-    set_timestamp(record, epoch_offset_ms, to);
-    set_destination(record.destination, to);
-    if (const uint32_t joined = joined_entry(shadow, entry); joined != no_slot) {
+    std::memcpy(to.mac_addr, entry.mac.data(), sizeof(to.mac_addr));
+    set_timestamp(entry, epoch_offset_ms, to);
+    set_destination(terms.destination, to);
+    if (const uint32_t joined = joined_entry(shadow, at); joined != no_slot) {
         set_destination(shadow.terms_of(joined).destination, to);
     }
 }

@@ -72,7 +72,4 @@ standing standing_of(const shadow_table &shadow, uint32_t entry);
 // holds the address.
 const entry_terms *tunnel_terms_of(const shadow_table &shadow, uint32_t entry);
 
-// Returns the EDM_MAC_ bits of an entry, without those of its destination and time.
-uint16_t flags_of(const fdb_record &record);
-
 } // namespace forwarding

@@ -98,7 +98,10 @@ uint32_t hash_of(const entry_terms &terms)
 {
     uint64_t hash = mix(0, terms.ifindex | (uint64_t{terms.master} << 32));
     hash = mix(hash, terms.vlan | (uint64_t{terms.edm_flags} << 16) | (uint64_t{terms.source_vni} << 32));
-    return fold(mix_destination(hash, terms.destination) ^ (terms.self ? 1u : 0u));
+    if (terms.destination.kind != destination_kind::none) {
+        hash = mix_destination(hash, terms.destination);
+    }
+    return fold(hash ^ (terms.self ? 1u : 0u));
 }
 
 shadow_table::shadow_table(shadow_listener &listener)
@@ -493,14 +496,18 @@ void shadow_table::fdb_dumped(const fdb_record &record)
 // Stores a reported entry, new or known. Returns its slot.
 uint32_t shadow_table::file(const fdb_record &record)
 {
-    const uint32_t found = find(forwarding::key_of(record));
-    const uint32_t entry = found != no_slot ? found : add(record);
+    const fdb_key key = forwarding::key_of(record);
+    const uint32_t found = find(key);
+    const uint32_t entry = found != no_slot ? found : add(key, record);
     entries[entry].full_dump = full_dump() & max_full_dump;
     if (entries[entry].alive) {
         update(entry, record);
-    } else {
-        enter(entry, record);
+        return entry;
     }
+    if (found != no_slot) {
+        set_record(entry, record);
+    }
+    enter(entry, record);
     return entry;
 }
 
@@ -514,20 +521,24 @@ void shadow_table::fdb_gone(const fdb_record &record)
     remove(entry);
 }
 
-uint32_t shadow_table::add(const fdb_record &record)
+// Stores a new entry, which is not alive yet.
+uint32_t shadow_table::add(const fdb_key &key, const fdb_record &record)
 {
     const uint32_t entry = entries.take();
     set_record(entry, record);
-    entries_by_key_.insert(hash_of(forwarding::key_of(record)), entry);
+    entries_by_key_.insert(hash_of(key), entry);
     return entry;
 }
 
 void shadow_table::set_record(uint32_t entry, const fdb_record &record)
 {
     shadow_entry &to = entries[entry];
-    const uint32_t before = std::exchange(to.terms, terms_.join(terms_in(record)));
-    if (before != no_slot) {
-        terms_.leave(before);
+    const entry_terms terms = terms_in(record);
+    if (to.terms == no_slot || terms_[to.terms] != terms) {
+        const uint32_t before = std::exchange(to.terms, terms_.join(terms));
+        if (before != no_slot) {
+            terms_.leave(before);
+        }
     }
     to.mac = record.mac;
     to.state = record.state;
@@ -537,7 +548,6 @@ void shadow_table::set_record(uint32_t entry, const fdb_record &record)
 
 void shadow_table::enter(uint32_t entry, const fdb_record &record)
 {
-    set_record(entry, record);
     entries[entry].alive = true;
     living++;
     link_to_port(entry, port_at(place_of(record)));

@@ -281,7 +281,7 @@ private:
     bool equals_but_sight(uint32_t entry, const fdb_record &record) const;
     bool has_key(uint32_t entry, const fdb_key &key) const;
     void set_record(uint32_t entry, const fdb_record &record);
-    uint32_t add(const fdb_record &record);
+    uint32_t add(const fdb_key &key, const fdb_record &record);
     void update(uint32_t entry, const fdb_record &record);
     void enter(uint32_t entry, const fdb_record &record);
     uint32_t file(const fdb_record &record);

@@ -19,7 +19,7 @@
 // std::bad_alloc.
 #pragma once
 
-#include <array>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -48,9 +48,17 @@ inline uint32_t fold(uint64_t hash)
 template <typename Record>
 class record_pages {
 public:
-    void add_page() { pages_.push_back(std::make_unique<std::array<Record, page_size>>()); }
-    Record &operator[](uint32_t slot) { return (*pages_[slot / page_size])[slot % page_size]; }
-    const Record &operator[](uint32_t slot) const { return (*pages_[slot / page_size])[slot % page_size]; }
+    void add_page() { pages_.push_back(std::make_unique<Record[]>(page_size)); }
+    Record &operator[](uint32_t slot)
+    {
+        assert(slot < bound());
+        return pages_.data()[slot / page_size].get()[slot % page_size];
+    }
+    const Record &operator[](uint32_t slot) const
+    {
+        assert(slot < bound());
+        return pages_.data()[slot / page_size].get()[slot % page_size];
+    }
 
     // All slot numbers are below this.
     uint32_t bound() const { return static_cast<uint32_t>(pages_.size() * page_size); }
@@ -58,7 +66,7 @@ public:
 private:
     static constexpr size_t page_size = 1024;
 
-    std::vector<std::unique_ptr<std::array<Record, page_size>>> pages_;
+    std::vector<std::unique_ptr<Record[]>> pages_;
 };
 
 // Records by slot number. Records never move, so a reference stays valid until its slot is given back. The pool reuses

@@ -56,7 +56,7 @@ void cache_feed::settle(uint32_t entry)
         return;
     }
     withdraw(entry);
-    counters_.count(entry);
+    counters_.count(entry, 0);
     limit_.note_present(entry);
     context_.records[entry].is_dirty = false;
     if (now == standing::none) {
@@ -87,7 +87,7 @@ void cache_feed::feed_renamed(uint32_t domain)
             if (is_fed_by(describe(context_.shadow, entry, context_.epoch_offset_ms, descriptor))) {
                 feed(entry, descriptor);
             } else {
-                counters_.count(entry);
+                counters_.count(entry, 0);
             }
         });
     }
@@ -112,7 +112,7 @@ void cache_feed::feed(uint32_t entry, const l2fib_mac_edm_entry_t &descriptor)
         limit_.note_eviction(*newest, entry, place);
     }
     if (status != 0) {
-        limit_.note_refusal(entry, place);
+        limit_.note_refusal(entry, place, descriptor.flags);
         return;
     }
     note_fed(entry, descriptor, place);
@@ -143,7 +143,7 @@ void cache_feed::note_fed(uint32_t entry, const l2fib_mac_edm_entry_t &descripto
     }
     record.fed_variant = variant & 3U;
     places_.set(entry, place, place.has_own_vni ? vnis_of(entry) : entry_vnis{});
-    counters_.count(entry);
+    counters_.count(entry, descriptor.flags);
     limit_.note_present(entry);
     if (is_new) {
         limit_.feed_rest_of_flood_list(entry);

@@ -71,11 +71,11 @@ void entry_counters::change(uint32_t entry, uint32_t by)
     counters.mac_cnt_sum = counters.mac_cnt_plain + counters.mac_cnt_f2;
 }
 
-void entry_counters::count(uint32_t entry)
+void entry_counters::count(uint32_t entry, uint16_t flags)
 {
     feed_record &record = context_.records[entry];
     const bool counts = record.is_fed && record.now() == standing::fed;
-    const uint8_t kind = counts ? counted_as(flags_of(context_.shadow.record_of(entry))) : uint8_t{0};
+    const uint8_t kind = counts ? counted_as(flags) : uint8_t{0};
     if (record.counted_as == kind) {
         return;
     }

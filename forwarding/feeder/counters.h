@@ -27,8 +27,9 @@ public:
 
     // Brings the standing and the kind of destination of an entry up to date.
     void follow_standing(uint32_t entry);
-    // Moves an entry to the counters of the kind that it has in the cache now.
-    void count(uint32_t entry);
+    // Moves an entry to the counters of the kind that it has in the cache now. `flags` are the EDM_MAC_ bits of its
+    // descriptor. They do not matter if the entry is not fed.
+    void count(uint32_t entry, uint16_t flags);
     // Sets the place at which the cache holds the entry now. It does not count at its former place any more.
     void move(uint32_t entry, const fed_place &to);
 

@@ -19,13 +19,6 @@ void feed_records::clear(uint32_t entry)
     records_[entry] = {};
 }
 
-const fed_place &feed_records::place(uint32_t entry) const
-{
-    static constexpr fed_place none;
-    const uint32_t place = records_[entry].place;
-    return place != no_slot ? places_[place] : none;
-}
-
 void feed_records::set_place(uint32_t entry, const fed_place &place)
 {
     feed_record &record = records_[entry];

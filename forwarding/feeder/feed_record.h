@@ -75,7 +75,12 @@ public:
 
     // The place at which the cache holds the entry or held it last; an empty place if it never did. The reference is
     // valid until the next set_place or clear.
-    const fed_place &place(uint32_t entry) const;
+    const fed_place &place(uint32_t entry) const
+    {
+        static constexpr fed_place none;
+        const uint32_t place = records_[entry].place;
+        return place != no_slot ? places_[place] : none;
+    }
     void set_place(uint32_t entry, const fed_place &place);
 
 private:

@@ -75,22 +75,22 @@ void cache_limit::evict(uint32_t entry, const newest_entry &victim)
         return;
     }
     places_.end(entry);
-    lose(entry);
+    lose(entry, 0);
     objects_.lose(victim.bridge_id, victim.xcid, loss::evicted);
 }
 
-void cache_limit::note_refusal(uint32_t entry, const fed_place &place)
+void cache_limit::note_refusal(uint32_t entry, const fed_place &place, uint16_t flags)
 {
     objects_.refuse(refusal::feed);
     refused_++;
-    lose(entry);
+    lose(entry, flags);
     objects_.lose(place.bridge_id, place.xcid, loss::refused);
 }
 
 // Notes that the cache lacks an entry of the shadow table, and lists a living one to be fed again.
-void cache_limit::lose(uint32_t entry)
+void cache_limit::lose(uint32_t entry, uint16_t flags)
 {
-    counters_.count(entry);
+    counters_.count(entry, flags);
     feed_record &record = context_.records[entry];
     if (context_.shadow.entries[entry].alive && !record.is_missing) {
         record.is_missing = true;

@@ -33,8 +33,8 @@ public:
     // Finds out whether the cache evicted `before`, its newest entry, when `fed` was filed at `place`, where the cache
     // held no such address.
     void note_eviction(const newest_entry &before, uint32_t fed, const fed_place &place) L2FIB_REQUIRES_TABLE_LOCK;
-    // The cache refused an entry at `place`.
-    void note_refusal(uint32_t entry, const fed_place &place) L2FIB_REQUIRES_TABLE_LOCK;
+    // The cache refused an entry at `place`. `flags` are those of its descriptor.
+    void note_refusal(uint32_t entry, const fed_place &place, uint16_t flags) L2FIB_REQUIRES_TABLE_LOCK;
     // The cache holds the entry, or should not hold it any more.
     void note_present(uint32_t entry);
     // If the entry belongs to a flood list, queues the list's missing destinations to be settled. They need no room,
@@ -60,7 +60,7 @@ public:
 private:
     void lose_evicted(const newest_entry &victim) L2FIB_REQUIRES_TABLE_LOCK;
     void evict(uint32_t entry, const newest_entry &victim) L2FIB_REQUIRES_TABLE_LOCK;
-    void lose(uint32_t entry);
+    void lose(uint32_t entry, uint16_t flags);
     void collect_unfed();
 
     feed_context &context_;
