@@ -446,19 +446,6 @@ void hasten_proof()
 
 // ---- Views ----
 
-const domain_view *object_views::find_domain(uint16_t bridge_id) const
-{
-    const auto found = std::ranges::lower_bound(domains, bridge_id, {}, &domain_view::bridge_id);
-    return found != domains.end() && found->bridge_id == bridge_id ? &*found : nullptr;
-}
-
-const port_view *object_views::find_port(uint16_t bridge_id, uint32_t xcid) const
-{
-    const auto place_of = [](const port_view &port) { return std::pair(port.bridge_id, port.xcid); };
-    const auto found = std::ranges::lower_bound(ports, std::pair(bridge_id, xcid), {}, place_of);
-    return found != ports.end() && place_of(*found) == std::pair(bridge_id, xcid) ? &*found : nullptr;
-}
-
 std::shared_ptr<const object_views> objects()
 {
     std::shared_ptr<const object_views> found;
@@ -476,13 +463,17 @@ health_view health()
 std::vector<domain_view> domains()
 {
     const auto found = objects();
-    return found != nullptr ? found->domains : std::vector<domain_view>();
+    return found != nullptr ? std::vector<domain_view>(found->domains.begin(), found->domains.end())
+                            : std::vector<domain_view>();
 }
 
 std::vector<port_view> ports()
 {
     const auto found = objects();
-    std::vector<port_view> by_xcid = found != nullptr ? found->ports : std::vector<port_view>();
+    std::vector<port_view> by_xcid;
+    if (found != nullptr) {
+        by_xcid.assign(found->ports.begin(), found->ports.end());
+    }
     std::ranges::sort(by_xcid, {}, &port_view::xcid);
     return by_xcid;
 }

@@ -16,10 +16,12 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/result.h"
 #include "forwarding/plane.h"
+#include "forwarding/shared_list.h"
 #include "l2fib_mac_edm.h"
 
 namespace forwarding {
@@ -232,14 +234,27 @@ struct port_view {
 // Sorted by xcid.
 std::vector<port_view> ports();
 
-// Domains and ports of one moment. All callers share one copy, until a domain or port changes.
+// The order of a list of views: domains by bridge id, ports by bridge id and xcid.
+inline uint16_t key_of(const domain_view &view)
+{
+    return view.bridge_id;
+}
+inline std::pair<uint16_t, uint32_t> key_of(const port_view &view)
+{
+    return {view.bridge_id, view.xcid};
+}
+
+// Domains and ports of one moment. It shares with later ones what did not change.
 struct object_views {
-    std::vector<domain_view> domains; // sorted by bridge id
-    std::vector<port_view> ports;     // sorted by bridge id and xcid
+    shared_list<domain_view> domains; // sorted by bridge id
+    shared_list<port_view> ports;     // sorted by bridge id and xcid
 
     // Both return null if there is none. The result lives as long as this object.
-    const domain_view *find_domain(uint16_t bridge_id) const;
-    const port_view *find_port(uint16_t bridge_id, uint32_t xcid) const;
+    const domain_view *find_domain(uint16_t bridge_id) const { return domains.find(bridge_id); }
+    const port_view *find_port(uint16_t bridge_id, uint32_t xcid) const
+    {
+        return ports.find(std::pair(bridge_id, xcid));
+    }
 };
 
 // Null while nothing runs.

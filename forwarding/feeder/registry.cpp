@@ -82,7 +82,7 @@ void registry::remove_domain(uint16_t bridge_id)
     host::bridge_domain_remove(bridge_id);
     domains_by_id_.erase(bridge_id);
     const base::scoped_lock hold(mutex_);
-    domain_views_.erase(bridge_id);
+    views_.domains.erase(bridge_id);
     losses_.erase({bridge_id, EDM_XCID_DUMMY});
     shared_views_.reset();
 }
@@ -122,9 +122,8 @@ void registry::view_domain(uint32_t at, const std::string &name)
         note("bridge " + bridge->record.name + " is shown as " + name);
     }
     const base::scoped_lock hold(mutex_);
-    domain_views_[domain.bridge_id] = {domain.bridge_id,        name,        bridge->record.name,
-                                       domain.bridge,           domain.vlan, bridge->record.vlan_aware,
-                                       bridge->record.ageing_ms};
+    views_.domains.put({domain.bridge_id, name, bridge->record.name, domain.bridge, domain.vlan,
+                        bridge->record.vlan_aware, bridge->record.ageing_ms});
     shared_views_.reset();
 }
 
@@ -154,7 +153,7 @@ void registry::remove_port(uint16_t bridge_id, uint32_t xcid)
     host::cross_connect_remove(xcid);
     ports_by_xcid_.erase(xcid);
     const base::scoped_lock hold(mutex_);
-    port_views_.erase({bridge_id, xcid});
+    views_.ports.erase(port_place(bridge_id, xcid));
     losses_.erase({bridge_id, xcid});
     shared_views_.reset();
 }
@@ -175,10 +174,11 @@ void registry::update_port(uint32_t at)
     view.vni = port.key.vni;
     view.up = link != nullptr && link->record.up;
     view.bridge_id = context_.shadow.domains[port.domain].bridge_id;
-    const port_place place(view.bridge_id, port.xcid);
     const base::scoped_lock hold(mutex_);
-    port_views_.erase({uint16_t{0}, port.xcid}); // from the time when its bridge domain had no id
-    port_views_[place] = std::move(view);
+    const domain_view *domain = views_.find_domain(view.bridge_id);
+    view.domain = domain != nullptr ? domain->name : "";
+    views_.ports.erase(port_place(0, port.xcid)); // from the time when its bridge domain had no id
+    views_.ports.put(std::move(view));
     shared_views_.reset();
 }
 
@@ -217,41 +217,32 @@ void registry::note(const std::string &text)
 bool registry::has_domain(uint16_t bridge_id) const
 {
     const base::scoped_lock hold(mutex_);
-    return domain_views_.contains(bridge_id);
+    return views_.find_domain(bridge_id) != nullptr;
 }
 
 bool registry::find_key(uint16_t bridge_id, const mac_address &mac, fdb_key &key) const
 {
     const base::scoped_lock hold(mutex_);
-    const auto found = domain_views_.find(bridge_id);
-    if (found == domain_views_.end()) {
+    const domain_view *found = views_.find_domain(bridge_id);
+    if (found == nullptr) {
         return false;
     }
-    key = {found->second.bridge_ifindex, false, found->second.vlan, 0, mac, {}};
+    key = {found->bridge_ifindex, false, found->vlan, 0, mac, {}};
     return true;
 }
 
 std::string registry::domain_name(uint16_t bridge_id) const
 {
     const base::scoped_lock hold(mutex_);
-    const auto found = domain_views_.find(bridge_id);
-    return found != domain_views_.end() ? found->second.name : std::string();
+    const domain_view *found = views_.find_domain(bridge_id);
+    return found != nullptr ? found->name : std::string();
 }
 
 std::shared_ptr<const object_views> registry::views() const
 {
     const base::scoped_lock hold(mutex_);
     if (shared_views_ == nullptr) {
-        auto views = std::make_shared<object_views>();
-        for (const auto &[id, view] : domain_views_) {
-            views->domains.push_back(view);
-        }
-        for (const auto &[place, view] : port_views_) {
-            views->ports.push_back(view);
-            const auto domain = domain_views_.find(view.bridge_id);
-            views->ports.back().domain = domain != domain_views_.end() ? domain->second.name : "";
-        }
-        shared_views_ = std::move(views);
+        shared_views_ = std::make_shared<object_views>(object_views{views_.domains.share(), views_.ports.share()});
     }
     return shared_views_;
 }
@@ -269,10 +260,10 @@ void registry::add_to(health_view &view) const
         if (view.limited.size() == max_shown_losses) {
             break;
         }
-        const auto domain = domain_views_.find(place.first);
-        const auto port = port_views_.find(place);
-        view.limited.push_back({domain != domain_views_.end() ? domain->second.name : "",
-                                port != port_views_.end() ? port->second.name : "", lost.evicted, lost.refused});
+        const domain_view *domain = views_.find_domain(place.first);
+        const port_view *port = views_.find_port(place.first, place.second);
+        view.limited.push_back(
+            {domain != nullptr ? domain->name : "", port != nullptr ? port->name : "", lost.evicted, lost.refused});
     }
     view.notes = notes_;
 }

@@ -77,7 +77,7 @@ public:
     bool find_key(uint16_t bridge_id, const mac_address &mac, fdb_key &key) const;
     // Empty if there is none.
     std::string domain_name(uint16_t bridge_id) const;
-    // Returns all bridge domains and ports as they are now. The views never change; a later change makes new ones.
+    // Returns all bridge domains and ports as they are now. What is returned never changes.
     std::shared_ptr<const object_views> views() const;
     // Adds failures, losses and notes.
     void add_to(health_view &view) const;
@@ -101,9 +101,8 @@ private:
     std::array<std::atomic<uint64_t>, static_cast<size_t>(refusal::count)> refusals_ = {};
 
     mutable base::mutex mutex_;
-    std::map<uint16_t, domain_view> domain_views_ L2FIB_GUARDED_BY(mutex_);
-    std::map<port_place, port_view> port_views_ L2FIB_GUARDED_BY(mutex_);
-    // Null after a change, until views() builds them again.
+    mutable object_views views_ L2FIB_GUARDED_BY(mutex_); // share() notes that a copy exists
+    // A copy for readers. Null after a change, until views() copies again.
     mutable std::shared_ptr<const object_views> shared_views_ L2FIB_GUARDED_BY(mutex_);
     std::map<port_place, losses> losses_ L2FIB_GUARDED_BY(mutex_);
     std::vector<std::string> notes_ L2FIB_GUARDED_BY(mutex_);
