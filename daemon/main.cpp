@@ -99,8 +99,8 @@ int check(const l2fibd::options &options)
     if (const base::result checked = l2fibd::check_descriptors(l2fibd::start_descriptors); !checked.ok()) {
         return failed(checked.text);
     }
-    if (const std::string error = forwarding::start(options.forwarding); !error.empty()) {
-        return failed(error);
+    if (const base::result started = forwarding::start(options.forwarding); !started.ok()) {
+        return failed(started.text);
     }
     const base::result printed = print_check();
     const int status = printed.ok() ? EXIT_SUCCESS : failed(printed.text);
@@ -146,8 +146,8 @@ int serve(const l2fibd::options &options, const sigset_t &signals)
     if (const base::result opened = socket.open(options.socket_path, options.socket_group); !opened.ok()) {
         return failed(opened.text);
     }
-    if (const std::string error = forwarding::start(options.forwarding); !error.empty()) {
-        return failed(error);
+    if (const base::result started = forwarding::start(options.forwarding); !started.ok()) {
+        return failed(started.text);
     }
     const base::result served = serve_http(socket, options, signals);
     if (!served.ok()) {

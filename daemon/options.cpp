@@ -107,9 +107,8 @@ void set_netns(options &to, const std::string &name)
 
 void set_group(options &to, const std::string &name)
 {
-    const std::string error = forwarding::group_error(name);
-    if (!error.empty()) {
-        refuse("--group", name, error);
+    if (const base::result checked = forwarding::check_group(name); !checked.ok()) {
+        refuse("--group", name, checked.text);
     }
     to.forwarding.group = name;
 }

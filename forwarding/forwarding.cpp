@@ -7,11 +7,12 @@
 #include <cstring>
 #include <future>
 #include <memory>
-#include <shared_mutex>
 #include <unistd.h>
 
+#include "base/mutex.h"
 #include "forwarding/feeder/asking.h"
 #include "forwarding/feeder/feeder.h"
+#include "forwarding/feeder/table_hold.h"
 #include "forwarding/generated/generate.h"
 #include "forwarding/kernel/kernel_plane.h"
 #include "forwarding/kernel/kernel_privileges.h"
@@ -29,18 +30,22 @@ namespace {
 constexpr const char *process_path = "/dev/l2fibd";
 constexpr uint32_t thread_wait_seconds = 60;
 
-// The running module with its plane and feeder. The module passes no cookie to its callbacks, so a process can run only
-// one.
+// A started module with its plane and feeder.
 struct running_module {
     std::unique_ptr<plane> source;
     std::unique_ptr<feeder> feed;
     event_manager_t *process_evm = nullptr;
     uint16_t wait_seconds = 0;
-    std::string plane_error; // written by the cache thread before it serves
+    base::result plane_started; // written by the cache thread before it serves
 };
 
-std::unique_ptr<running_module> running;
-std::shared_mutex running_mutex; // guards `running`: views hold it shared, start and stop hold it alone
+// What runs, for other threads: they hold the mutex shared while they use it. Start and stop hold it alone.
+base::shared_mutex running_mutex;
+std::unique_ptr<running_module> running L2FIB_GUARDED_BY(running_mutex);
+
+// What the module calls back. The module passes no cookie to its callbacks, so a process can run only one. Start sets
+// it before the module's threads exist, and stop clears it after they have ended, so they need no lock.
+running_module *called_back = nullptr;
 
 // The MAC limit. Static, because the module reads this cell for each entry that it creates, until the process ends.
 uint32_t mac_limit_cell;
@@ -50,7 +55,7 @@ uint32_t mac_limit_cell;
 void resync(uint32_t type, uint32_t arg)
 {
     try {
-        running->feed->resync({type, arg});
+        called_back->feed->resync({type, arg});
     } catch (const std::bad_alloc &) {
         l2fib_mac_edm_resync_complete(EDM_RESYNC_STATUS_FAILED);
     }
@@ -59,16 +64,16 @@ void resync(uint32_t type, uint32_t arg)
 void attach_plane(event_manager_t *evm)
 {
     try {
-        running->plane_error = running->feed->start(evm);
+        called_back->plane_started = called_back->feed->start(evm);
     } catch (const std::bad_alloc &) {
-        running->plane_error = "out of memory";
+        called_back->plane_started = base::system_failure(ENOMEM, "the forwarding plane");
     }
 }
 
 void act()
 {
     try {
-        running->feed->refresh_everything();
+        called_back->feed->refresh_everything();
     } catch (const std::bad_alloc &) {
         // Out of memory: the next resync brings the cache up to date.
     }
@@ -83,11 +88,11 @@ l2fib_mac_edm_pd_cb_t callbacks()
     table.action_cb = act;
     table.cb4 = table.cb6 = [] {};
     table.bd_mac_count_cb = [](uint16_t bridge_id, edm_mac_counters_t *counters) {
-        return running->feed->count(bridge_id, *counters);
+        return called_back->feed->count(bridge_id, *counters);
     };
     table.cache_evm_cb = attach_plane;
     table.capabilities_cb = [](uint16_t *wait_time) {
-        *wait_time = running->wait_seconds;
+        *wait_time = called_back->wait_seconds;
         return uint32_t{0};
     };
     return table;
@@ -108,81 +113,82 @@ uint32_t answer_query(void *cookie, uint32_t bridge_id, const uint8_t *mac_addr,
 
 // ---- Start ----
 
-std::unique_ptr<plane> generated(const options &options, std::string &error)
+base::result make_generated(const options &options, std::unique_ptr<plane> &made)
 {
     fabric_options fabric;
     if (const base::result parsed = parse_fabric(options.fabric, fabric); !parsed.ok()) {
-        error = "the fabric: " + parsed.text;
-        return nullptr;
+        return base::failure(parsed.code, "the fabric: " + parsed.text);
     }
-    return make_generated_plane(fabric);
+    made = make_generated_plane(fabric);
+    return base::success();
 }
 
-std::unique_ptr<plane> kernel(const options &options, std::string &error)
+base::result make_kernel(const options &options, std::unique_ptr<plane> &made)
 {
-    auto made = make_kernel_plane({.receive_buffer = options.receive_buffer, .netns = options.netns});
-    error = kernel_give_up_capabilities().text;
-    return error.empty() ? std::move(made) : nullptr;
+    made = make_kernel_plane({.receive_buffer = options.receive_buffer, .netns = options.netns});
+    return kernel_give_up_capabilities();
 }
 
-std::unique_ptr<plane> recorded(const options &options, std::string &error)
-{
-    std::unique_ptr<plane> loaded;
-    error = load_recorded_plane(options.recorded_directory, loaded).text;
-    return loaded;
-}
-
-std::unique_ptr<plane> make_plane(const options &options, std::string &error)
+base::result make_plane(const options &options, std::unique_ptr<plane> &made)
 {
     switch (options.plane) {
-    case plane_choice::kernel: return kernel(options, error);
-    case plane_choice::recorded: return recorded(options, error);
-    default: return generated(options, error);
+    case plane_choice::kernel: return make_kernel(options, made);
+    case plane_choice::recorded: return load_recorded_plane(options.recorded_directory, made);
+    default: return make_generated(options, made);
     }
 }
 
-std::string options_error(const options &options)
+base::result check_options(const options &options)
 {
     if (options.mac_limit == 0) {
-        return "the MAC limit is 0, expected at least 1";
+        return base::failure(EINVAL, "the MAC limit is 0, expected at least 1");
     }
     if (options.domain_limit == 0 || options.port_limit == 0) {
-        return "the limit of bridge domains or ports is 0, expected at least 1";
+        return base::failure(EINVAL, "the limit of bridge domains or ports is 0, expected at least 1");
     }
     if (options.resync_wait_seconds == 0) {
-        return "the resync wait time is 0, expected at least 1 second";
+        return base::failure(EINVAL, "the resync wait time is 0, expected at least 1 second");
     }
-    return options.group.empty() ? std::string() : group_error(options.group);
+    return options.group.empty() ? base::success() : check_group(options.group);
 }
 
-std::string status_text(const char *what, uint32_t status)
+std::unique_ptr<running_module> make_module(std::unique_ptr<plane> source, const options &options)
 {
-    return std::string(what) + ": " + host::operational_status_text(status);
+    auto made = std::make_unique<running_module>();
+    const std::string group = options.group.empty() ? default_group() : options.group;
+    made->feed = std::make_unique<feeder>(
+        *source, feeder_settings{group, options.resync_wait_seconds, options.mac_limit, options.proof_rate,
+                                 options.domain_limit, options.port_limit, options.report});
+    made->source = std::move(source);
+    made->wait_seconds = options.resync_wait_seconds;
+    return made;
 }
 
-std::string start_module(const options &options)
+base::result start_module(running_module &starting, uint32_t mac_limit)
 {
     host::event_manager_forget_ended();
-    running->process_evm = event_manager_create(0, process_path, EVENT_MANAGER_DEPTH, 0);
-    if (running->process_evm == nullptr) {
-        return "the process's event manager cannot be created";
+    starting.process_evm = event_manager_create(0, process_path, EVENT_MANAGER_DEPTH, 0);
+    if (starting.process_evm == nullptr) {
+        return base::failure(ENOMEM, "the process's event manager cannot be created");
     }
-    host::mac_query_set(answer_query, running->feed.get());
-    l2fib_mac_edm_defn_init(&mac_limit_cell, options.mac_limit);
+    host::mac_query_set(answer_query, starting.feed.get());
+    l2fib_mac_edm_defn_init(&mac_limit_cell, mac_limit);
     const l2fib_mac_edm_pd_cb_t table = callbacks();
     const uint32_t status =
-        l2fib_mac_edm_init(running->process_evm, running.get(), evm_get_chan(running->process_evm), &table);
-    return status == 0 ? std::string() : status_text("the module does not start", status);
+        l2fib_mac_edm_init(starting.process_evm, &starting, evm_get_chan(starting.process_evm), &table);
+    return status == 0
+               ? base::success()
+               : base::failure(EIO, std::string("the module does not start: ") + host::operational_status_text(status));
 }
 
-std::string wait_until_served()
+base::result wait_until_served(const running_module &started)
 {
     for (const char *path : {EDM_CACHE_THREAD_PATH, EDM_REQUEST_THREAD_PATH}) {
         if (host::event_manager_wait(path, thread_wait_seconds) != host::event_manager_state::serving) {
-            return std::string("the module's thread of ") + path + " does not serve";
+            return base::failure(ETIMEDOUT, std::string("the module's thread of ") + path + " does not serve");
         }
     }
-    return running->plane_error;
+    return started.plane_started;
 }
 
 // ---- Stop ----
@@ -195,6 +201,7 @@ bool end_thread(const char *path)
 
 void count_released(release_report &report)
 {
+    const table_hold hold;
     const l2fm_edm_mac_pool_t &pool = *l2fm_edm_table_mac_get_pool();
     report.mac_entries = pool.mac_cnt_total;
     report.bridge_domains = pool.bd_cnt;
@@ -204,6 +211,7 @@ void count_released(release_report &report)
 
 void release_table()
 {
+    const table_hold hold;
     for (const l2fm_edm_bd_t *bd = l2fm_edm_table_bd_get_first_by_bridgeid(); bd != nullptr;
          bd = l2fm_edm_table_bd_get_first_by_bridgeid()) {
         l2fm_edm_table_bd_destroy(bd->bridge_id);
@@ -213,6 +221,7 @@ void release_table()
 
 bool table_is_empty()
 {
+    const table_hold hold;
     const l2fm_edm_mac_pool_t &pool = *l2fm_edm_table_mac_get_pool();
     return pool.mac_cnt_total == 0 && pool.bd_cnt == 0 && pool.bp_cnt == 0 && pool.vtep_cnt == 0
            && host::operational_get_statistics().live_lists == 0;
@@ -227,13 +236,13 @@ std::string text_of(const release_report &report)
 }
 
 // Ends the cache thread first, because its end wakes the requesters that wait for it.
-release_report end_module()
+release_report end_module(running_module &ending)
 {
     release_report report;
     const bool cache_ended = end_thread(EDM_CACHE_THREAD_PATH);
     const bool edm_ended = end_thread(EDM_REQUEST_THREAD_PATH);
-    running->source->stop();
-    host::event_manager_stop(running->process_evm);
+    ending.source->stop();
+    host::event_manager_stop(ending.process_evm);
     host::mac_query_set(nullptr, nullptr);
     if (cache_ended && edm_ended) {
         count_released(report);
@@ -259,61 +268,58 @@ std::string default_group()
     return group;
 }
 
-std::string group_error(std::string_view group)
+base::result check_group(std::string_view group)
 {
     const std::string quoted = "the group name \"" + std::string(group) + "\" ";
     if (group.empty() || group.size() > max_group_name) {
-        return quoted + "has " + std::to_string(group.size()) + " characters, expected 1 to "
-               + std::to_string(max_group_name);
+        return base::failure(EINVAL, quoted + "has " + std::to_string(group.size()) + " characters, expected 1 to "
+                                         + std::to_string(max_group_name));
     }
     return std::all_of(group.begin(), group.end(), name_can_carry)
-               ? std::string()
-               : quoted + "holds a comma, colon, white space or control character, expected none of them";
+               ? base::success()
+               : base::failure(
+                   EINVAL, quoted + "holds a comma, colon, white space or control character, expected none of them");
 }
 
-std::string start(const options &options)
+base::result start(const options &options)
 {
-    std::string error = options_error(options);
-    if (!error.empty()) {
-        return error;
+    if (base::result checked = check_options(options); !checked.ok()) {
+        return checked;
     }
-    std::unique_ptr<plane> source = make_plane(options, error);
-    return source != nullptr ? start_on(std::move(source), options) : error;
+    std::unique_ptr<plane> source;
+    base::result made = make_plane(options, source);
+    return made.ok() ? start_on(std::move(source), options) : made;
 }
 
-std::string start_on(std::unique_ptr<plane> source, const options &options)
+base::result start_on(std::unique_ptr<plane> source, const options &options)
 {
-    if (running != nullptr) {
-        return "the module runs already";
+    if (called_back != nullptr) {
+        return base::failure(EBUSY, "the module runs already");
     }
-    auto started = std::make_unique<running_module>();
-    const std::string group = options.group.empty() ? default_group() : options.group;
-    started->feed = std::make_unique<feeder>(
-        *source, feeder_settings{group, options.resync_wait_seconds, options.mac_limit, options.proof_rate,
-                                 options.domain_limit, options.port_limit, options.report});
-    started->source = std::move(source);
-    started->wait_seconds = options.resync_wait_seconds;
+    std::unique_ptr<running_module> made = make_module(std::move(source), options);
+    called_back = made.get();
     {
-        const std::unique_lock hold(running_mutex);
-        running = std::move(started);
+        const base::exclusive_lock hold(running_mutex);
+        running = std::move(made);
     }
-    std::string error = start_module(options);
-    if (error.empty()) {
-        error = wait_until_served();
+    base::result started = start_module(*called_back, options.mac_limit);
+    if (started.ok()) {
+        started = wait_until_served(*called_back);
     }
-    if (!error.empty()) {
+    if (!started.ok()) {
         stop();
     }
-    return error;
+    return started;
 }
 
 release_report stop()
 {
-    if (running == nullptr) {
+    if (called_back == nullptr) {
         return {};
     }
-    release_report report = end_module();
-    const std::unique_lock hold(running_mutex);
+    release_report report = end_module(*called_back);
+    const base::exclusive_lock hold(running_mutex);
+    called_back = nullptr;
     if (report.orderly) {
         running.reset();
     } else {
@@ -327,7 +333,7 @@ release_report stop()
 
 bool with_feeder(const std::function<void(feeder &feed)> &work)
 {
-    const std::shared_lock hold(running_mutex);
+    const base::shared_lock hold(running_mutex);
     if (running == nullptr) {
         return false;
     }
@@ -429,7 +435,7 @@ std::string completeness_watch::reason() const
 
 uint16_t wait_seconds()
 {
-    const std::shared_lock hold(running_mutex);
+    const base::shared_lock hold(running_mutex);
     return running != nullptr ? running->wait_seconds : uint16_t{0};
 }
 
@@ -439,19 +445,6 @@ void hasten_proof()
 }
 
 // ---- Views ----
-
-const domain_view *object_views::find_domain(uint16_t bridge_id) const
-{
-    const auto found = std::ranges::lower_bound(domains, bridge_id, {}, &domain_view::bridge_id);
-    return found != domains.end() && found->bridge_id == bridge_id ? &*found : nullptr;
-}
-
-const port_view *object_views::find_port(uint16_t bridge_id, uint32_t xcid) const
-{
-    const auto place_of = [](const port_view &port) { return std::pair(port.bridge_id, port.xcid); };
-    const auto found = std::ranges::lower_bound(ports, std::pair(bridge_id, xcid), {}, place_of);
-    return found != ports.end() && place_of(*found) == std::pair(bridge_id, xcid) ? &*found : nullptr;
-}
 
 std::shared_ptr<const object_views> objects()
 {
@@ -470,13 +463,17 @@ health_view health()
 std::vector<domain_view> domains()
 {
     const auto found = objects();
-    return found != nullptr ? found->domains : std::vector<domain_view>();
+    return found != nullptr ? std::vector<domain_view>(found->domains.begin(), found->domains.end())
+                            : std::vector<domain_view>();
 }
 
 std::vector<port_view> ports()
 {
     const auto found = objects();
-    std::vector<port_view> by_xcid = found != nullptr ? found->ports : std::vector<port_view>();
+    std::vector<port_view> by_xcid;
+    if (found != nullptr) {
+        by_xcid.assign(found->ports.begin(), found->ports.end());
+    }
     std::ranges::sort(by_xcid, {}, &port_view::xcid);
     return by_xcid;
 }

@@ -4,7 +4,7 @@
 // and gives views of its state.
 //
 //     forwarding::options options;
-//     if (const std::string error = forwarding::start(options); !error.empty()) { ... }
+//     if (const base::result started = forwarding::start(options); !started.ok()) { ... }
 //     ... requests to the operational database (host/database/operational_db_host.h) ...
 //     const forwarding::release_report report = forwarding::stop();
 //
@@ -16,9 +16,12 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "base/result.h"
 #include "forwarding/plane.h"
+#include "forwarding/shared_list.h"
 #include "l2fib_mac_edm.h"
 
 namespace forwarding {
@@ -70,15 +73,15 @@ struct options {
 // Returns the host's name, cut to 32 characters. "_" replaces characters that a group name must not hold.
 std::string default_group();
 
-// Returns an error message if `group` is no valid group name, otherwise an empty string. A group name has 1 to 32
-// characters and holds no comma, colon, white space or control character.
-std::string group_error(std::string_view group);
+// Fails if `group` is no valid group name. A group name has 1 to 32 characters and holds no comma, colon, white space
+// or control character.
+base::result check_group(std::string_view group);
 
-// Creates the plane, starts the module on it and waits until both of the module's threads serve. Returns an empty
-// string, or an error message for the operator. On error it ends everything that it started.
+// Creates the plane, starts the module on it and waits until both of the module's threads serve. If it fails, it ends
+// everything that it started.
 //
 // The first full dump may still be running when this returns. Requests wait for its end, up to the resync wait time.
-std::string start(const options &options);
+base::result start(const options &options);
 
 struct release_report {
     bool orderly = false; // both threads ended in time, and the table released everything
@@ -231,14 +234,27 @@ struct port_view {
 // Sorted by xcid.
 std::vector<port_view> ports();
 
-// Domains and ports of one moment. All callers share one copy, until a domain or port changes.
+// The order of a list of views: domains by bridge id, ports by bridge id and xcid.
+inline uint16_t key_of(const domain_view &view)
+{
+    return view.bridge_id;
+}
+inline std::pair<uint16_t, uint32_t> key_of(const port_view &view)
+{
+    return {view.bridge_id, view.xcid};
+}
+
+// Domains and ports of one moment. It shares with later ones what did not change.
 struct object_views {
-    std::vector<domain_view> domains; // sorted by bridge id
-    std::vector<port_view> ports;     // sorted by bridge id and xcid
+    shared_list<domain_view> domains; // sorted by bridge id
+    shared_list<port_view> ports;     // sorted by bridge id and xcid
 
     // Both return null if there is none. The result lives as long as this object.
-    const domain_view *find_domain(uint16_t bridge_id) const;
-    const port_view *find_port(uint16_t bridge_id, uint32_t xcid) const;
+    const domain_view *find_domain(uint16_t bridge_id) const { return domains.find(bridge_id); }
+    const port_view *find_port(uint16_t bridge_id, uint32_t xcid) const
+    {
+        return ports.find(std::pair(bridge_id, xcid));
+    }
 };
 
 // Null while nothing runs.

@@ -93,19 +93,20 @@ bool matches(uint8_t bits, uint8_t wanted)
     return wanted == 0 || (bits & wanted) != 0;
 }
 
-} // namespace
-
-uint16_t flags_of(const fdb_record &record)
+// Returns the EDM_MAC_ bits of an entry, without those of its destination and time.
+uint16_t flags_of(const shadow_entry &entry, const entry_terms &terms)
 {
-    const unsigned kind = record.self ? of_device : record.ifindex == record.master ? of_bridge : of_port;
-    uint32_t flags = record.edm_flags & addable_flags;
+    const unsigned kind = terms.self ? of_device : terms.ifindex == terms.master ? of_bridge : of_port;
+    uint32_t flags = terms.edm_flags & addable_flags;
     for (const flag_rule &rule : flag_rules) {
-        if ((rule.applies_to & kind) != 0 && matches(record.state, rule.state) && matches(record.flags, rule.flags)) {
+        if ((rule.applies_to & kind) != 0 && matches(entry.state, rule.state) && matches(entry.flags, rule.flags)) {
             flags |= rule.gives;
         }
     }
     return static_cast<uint16_t>(flags);
 }
+
+} // namespace
 
 // ---- Entries ----
 
@@ -128,32 +129,30 @@ constexpr mac_address zero_mac = {};
 constexpr int64_t ms_per_second = 1000;
 
 // Returns the device's own entry that is joined with a bridge's entry on a VXLAN device, or no_slot.
-uint32_t joined_entry(const shadow_table &shadow, const shadow_entry &entry)
+uint32_t joined_entry(const shadow_table &shadow, uint32_t entry)
 {
-    if (entry.group == no_slot || entry.record.self || (entry.record.state & fdb_permanent) != 0) {
-        return no_slot;
-    }
-    const uint32_t first = shadow.groups[entry.group].first;
-    return shadow.entries[first].record.self ? first : no_slot;
+    const uint32_t first = shadow.first_of_group(shadow.group_of(entry));
+    const bool may_join =
+        first != no_slot && !shadow.terms_of(entry).self && (shadow.entries[entry].state & fdb_permanent) == 0;
+    return may_join && shadow.terms_of(first).self ? first : no_slot;
 }
 
 // The bridge decides where it forwards an address. The device's own entry only adds the tunnel end point, so it is not
 // fed without the bridge's entry. The flood list is fed by its first entry.
 standing standing_of_own(const shadow_table &shadow, uint32_t entry)
 {
-    const shadow_entry &own = shadow.entries[entry];
-    const shadow_group &group = shadow.groups[own.group];
-    if (own.record.mac == zero_mac) {
+    const shadow_group &group = shadow.groups[shadow.group_of(entry)];
+    if (shadow.entries[entry].mac == zero_mac) {
         return group.first == entry ? standing::fed : standing::of_flood_list;
     }
     return group.of_bridge != 0 ? standing::joined : standing::unpaired;
 }
 
-void set_timestamp(const fdb_record &record, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &to)
+void set_timestamp(const shadow_entry &entry, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &to)
 {
-    if ((to.flags & (EDM_MAC_STATIC | EDM_MAC_LOCAL)) == 0 && record.updated_ms != 0) {
+    if ((to.flags & (EDM_MAC_STATIC | EDM_MAC_LOCAL)) == 0 && entry.updated_ms != 0) {
         to.flags |= EDM_MAC_TIMESTAMP_VALID;
-        to.hw_timestamp = static_cast<uint32_t>((record.updated_ms + epoch_offset_ms) / ms_per_second);
+        to.hw_timestamp = static_cast<uint32_t>((entry.updated_ms + epoch_offset_ms) / ms_per_second);
     }
 }
 
@@ -172,34 +171,35 @@ void set_destination(const fdb_destination &destination, l2fib_mac_edm_entry_t &
     }
 }
 
-void build(const shadow_table &shadow, const shadow_entry &entry, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &to)
+void build(const shadow_table &shadow, uint32_t at, int64_t epoch_offset_ms, l2fib_mac_edm_entry_t &to)
 {
-    const fdb_record &record = entry.record;
+    const shadow_entry &entry = shadow.entries[at];
+    const entry_terms &terms = shadow.terms_of(at);
     const shadow_port &port = shadow.ports[entry.port];
     to = {};
-    to.flags = flags_of(record);
-    to.ext_flags = (record.flags & fdb_inactive) != 0 ? inactive_bit : 0;
-    to.ext_attr = record.vlan;
+    to.flags = flags_of(entry, terms);
+    to.ext_flags = (entry.flags & fdb_inactive) != 0 ? inactive_bit : 0;
+    to.ext_attr = terms.vlan;
     to.xcid = port.xcid;
     to.bridge_id = shadow.domains[port.domain].bridge_id;
-    std::memcpy(to.mac_addr, record.mac.data(), sizeof(to.mac_addr));
-    set_timestamp(record, epoch_offset_ms, to);
-    set_destination(record.destination, to);
-    if (const uint32_t joined = joined_entry(shadow, entry); joined != no_slot) {
-        set_destination(shadow.entries[joined].record.destination, to);
+    std::memcpy(to.mac_addr, entry.mac.data(), sizeof(to.mac_addr));
+    set_timestamp(entry, epoch_offset_ms, to);
+    set_destination(terms.destination, to);
+    if (const uint32_t joined = joined_entry(shadow, at); joined != no_slot) {
+        set_destination(shadow.terms_of(joined).destination, to);
     }
 }
 
 } // namespace
 
-const fdb_record *tunnel_record_of(const shadow_table &shadow, uint32_t entry)
+const entry_terms *tunnel_terms_of(const shadow_table &shadow, uint32_t entry)
 {
-    const shadow_entry &of = shadow.entries[entry];
-    if (of.record.self) {
-        return &of.record;
+    const entry_terms &terms = shadow.terms_of(entry);
+    if (terms.self) {
+        return &terms;
     }
-    const uint32_t joined = joined_entry(shadow, of);
-    return joined != no_slot ? &shadow.entries[joined].record : nullptr;
+    const uint32_t joined = joined_entry(shadow, entry);
+    return joined != no_slot ? &shadow.terms_of(joined) : nullptr;
 }
 
 const char *text_of(standing standing)
@@ -220,7 +220,7 @@ standing standing_of(const shadow_table &shadow, uint32_t entry)
     if (shadow.domains[port.domain].bridge_id == 0 || port.xcid == 0) {
         return shadow.find_link(port.key.master) == nullptr ? standing::without_name : standing::without_id;
     }
-    return of.record.self ? standing_of_own(shadow, entry) : standing::fed;
+    return shadow.terms_of(entry).self ? standing_of_own(shadow, entry) : standing::fed;
 }
 
 standing describe(const shadow_table &shadow, uint32_t entry, int64_t epoch_offset_ms,
@@ -228,7 +228,7 @@ standing describe(const shadow_table &shadow, uint32_t entry, int64_t epoch_offs
 {
     const standing found = standing_of(shadow, entry);
     if (found == standing::fed || found == standing::of_flood_list) {
-        build(shadow, shadow.entries[entry], epoch_offset_ms, descriptor);
+        build(shadow, entry, epoch_offset_ms, descriptor);
     }
     return found;
 }

@@ -68,11 +68,8 @@ standing describe(const shadow_table &shadow, uint32_t entry, int64_t epoch_offs
 // As describe, without a descriptor.
 standing standing_of(const shadow_table &shadow, uint32_t entry);
 
-// Returns the device's own record by which an entry on a VXLAN device is sent; null if only the bridge holds the
-// address.
-const fdb_record *tunnel_record_of(const shadow_table &shadow, uint32_t entry);
-
-// Returns the EDM_MAC_ bits of an entry, without those of its destination and time.
-uint16_t flags_of(const fdb_record &record);
+// Returns the terms of the device's own entry by which an entry on a VXLAN device is sent; null if only the bridge
+// holds the address.
+const entry_terms *tunnel_terms_of(const shadow_table &shadow, uint32_t entry);
 
 } // namespace forwarding

@@ -5,14 +5,13 @@
 #pragma once
 
 #include <memory>
-#include <string>
 
 #include "forwarding/forwarding.h"
 
 namespace forwarding {
 
-// As start (forwarding.h), but takes over `source` and ignores the plane that `options` names. On error, `source` is
+// As start (forwarding.h), but takes over `source` and ignores the plane that `options` names. If it fails, `source` is
 // destroyed, too.
-std::string start_on(std::unique_ptr<plane> source, const options &options);
+base::result start_on(std::unique_ptr<plane> source, const options &options);
 
 } // namespace forwarding

@@ -10,12 +10,6 @@ namespace {
 
 constexpr mac_address zero_mac = {};
 
-uint64_t mix(uint64_t hash, uint64_t value)
-{
-    hash = (hash ^ value) * 0x9e3779b97f4a7c15u;
-    return hash ^ (hash >> 29);
-}
-
 uint64_t number_of(const mac_address &mac)
 {
     uint64_t number = 0;
@@ -23,14 +17,17 @@ uint64_t number_of(const mac_address &mac)
     return number;
 }
 
-uint32_t fold(uint64_t hash)
-{
-    return static_cast<uint32_t>(hash ^ (hash >> 32));
-}
-
 uint32_t hash_of(uint32_t ifindex, uint32_t vni, const mac_address &mac)
 {
     return fold(mix(mix(0, number_of(mac)), ifindex | (uint64_t{vni} << 32)));
+}
+
+uint64_t mix_destination(uint64_t hash, const fdb_destination &destination)
+{
+    uint64_t halves[2];
+    std::memcpy(halves, destination.address.data(), sizeof(halves));
+    hash = mix(mix(mix(hash, halves[0]), halves[1]), destination.next_hop);
+    return mix(hash, destination.vni | (uint64_t{destination.port} << 32) | (uint64_t(destination.kind) << 48));
 }
 
 uint32_t hash_of(const fdb_key &key)
@@ -38,10 +35,7 @@ uint32_t hash_of(const fdb_key &key)
     uint64_t hash = mix(0, number_of(key.mac) | (uint64_t{key.vlan} << 48));
     hash = mix(hash, key.holder | (uint64_t{key.source_vni} << 32));
     if (key.destination.kind != destination_kind::none) {
-        uint64_t halves[2];
-        std::memcpy(halves, key.destination.address.data(), sizeof(halves));
-        hash = mix(mix(mix(hash, halves[0]), halves[1]), key.destination.next_hop);
-        hash = mix(hash, key.destination.vni | (uint64_t{key.destination.port} << 32));
+        hash = mix_destination(hash, key.destination);
     }
     return fold(hash ^ (key.self ? 1u : 0u));
 }
@@ -55,16 +49,6 @@ uint32_t hash_of(const port_key &key)
 uint64_t domain_key(uint32_t bridge, uint16_t vlan)
 {
     return (uint64_t{bridge} << 16) | vlan;
-}
-
-// True if the records are equal, or differ only in what a plane may change without a report: when the entry was last
-// seen, and the state bits (reachable, stale) that follow from it.
-bool equal_but_sight(const fdb_record &left, const fdb_record &right)
-{
-    constexpr unsigned by_sight = fdb_reachable | fdb_stale;
-    fdb_record seen = left;
-    seen.state = static_cast<uint8_t>((left.state & ~by_sight) | (right.state & by_sight));
-    return equal_but_age(seen, right);
 }
 
 bool same_shape(const link_record &left, const link_record &right)
@@ -93,6 +77,12 @@ uint32_t port_vni(const shadow_link &device, uint16_t vlan)
     return found != device.vnis.end() ? found->second : 0;
 }
 
+entry_terms terms_in(const fdb_record &record)
+{
+    return {record.ifindex,   record.master,     record.self,       record.vlan,
+            record.edm_flags, record.source_vni, record.destination};
+}
+
 void drop(std::vector<uint32_t> &from, uint32_t value)
 {
     const auto found = std::find(from.begin(), from.end(), value);
@@ -104,11 +94,14 @@ void drop(std::vector<uint32_t> &from, uint32_t value)
 
 } // namespace
 
-bool equal_but_age(const fdb_record &left, const fdb_record &right)
+uint32_t hash_of(const entry_terms &terms)
 {
-    fdb_record aged = left;
-    aged.updated_ms = right.updated_ms;
-    return aged == right;
+    uint64_t hash = mix(0, terms.ifindex | (uint64_t{terms.master} << 32));
+    hash = mix(hash, terms.vlan | (uint64_t{terms.edm_flags} << 16) | (uint64_t{terms.source_vni} << 32));
+    if (terms.destination.kind != destination_kind::none) {
+        hash = mix_destination(hash, terms.destination);
+    }
+    return fold(hash ^ (terms.self ? 1u : 0u));
 }
 
 shadow_table::shadow_table(shadow_listener &listener)
@@ -119,7 +112,49 @@ shadow_table::shadow_table(shadow_listener &listener)
 
 uint32_t shadow_table::find(const fdb_key &key) const
 {
-    return entries_by_key_.find(hash_of(key), [&](uint32_t entry) { return key_of(entries[entry].record) == key; });
+    return entries_by_key_.find(hash_of(key), [&](uint32_t entry) { return has_key(entry, key); });
+}
+
+bool shadow_table::has_key(uint32_t entry, const fdb_key &key) const
+{
+    if (entries[entry].mac != key.mac) {
+        return false;
+    }
+    const entry_terms &terms = terms_of(entry);
+    const bool is_flood_list = terms.self && key.mac == zero_mac;
+    return terms.self == key.self && terms.vlan == key.vlan && terms.source_vni == key.source_vni
+           && (terms.self ? terms.ifindex : terms.master) == key.holder
+           && (is_flood_list ? terms.destination : fdb_destination{}) == key.destination;
+}
+
+fdb_record shadow_table::record_of(uint32_t entry) const
+{
+    const shadow_entry &of = entries[entry];
+    const entry_terms &terms = terms_of(entry);
+    return {terms.ifindex, terms.master,    terms.self,       of.state,          of.flags,     terms.vlan,
+            of.mac,        terms.edm_flags, terms.source_vni, terms.destination, of.updated_ms};
+}
+
+fdb_key shadow_table::key_of(uint32_t entry) const
+{
+    return forwarding::key_of(record_of(entry));
+}
+
+bool shadow_table::equals_but_age(uint32_t entry, const fdb_record &record) const
+{
+    const shadow_entry &known = entries[entry];
+    return known.mac == record.mac && known.state == record.state && known.flags == record.flags
+           && terms_of(entry) == terms_in(record);
+}
+
+// True if the record equals the entry's, or differs only in what a plane may change without a report: when the entry
+// was last seen, and the state bits (reachable, stale) that follow from it.
+bool shadow_table::equals_but_sight(uint32_t entry, const fdb_record &record) const
+{
+    constexpr unsigned by_sight = fdb_reachable | fdb_stale;
+    fdb_record seen = record;
+    seen.state = static_cast<uint8_t>((record.state & ~by_sight) | (entries[entry].state & by_sight));
+    return equals_but_age(entry, seen);
 }
 
 const shadow_link *shadow_table::find_link(uint32_t ifindex) const
@@ -146,7 +181,8 @@ uint32_t shadow_table::find_group(const port_key &on, const mac_address &mac) co
 {
     const uint32_t vni = group_vni(on, mac);
     return groups_by_key_.find(hash_of(on.ifindex, vni, mac), [&](uint32_t group) {
-        return groups[group].ifindex == on.ifindex && groups[group].vni == vni && groups[group].mac == mac;
+        const shadow_entry &first = entries[groups[group].first];
+        return groups[group].vni == vni && first.mac == mac && ports[first.port].key.ifindex == on.ifindex;
     });
 }
 
@@ -164,7 +200,7 @@ void shadow_table::link_changed(const link_record &record)
     shadow_link &changed = link(record.ifindex);
     const link_record before = std::exchange(changed.record, record);
     const bool first = !std::exchange(changed.known, true);
-    changed.generation = generation_;
+    changed.full_dump = full_dump_;
     known_links += first ? 1 : 0;
     if (first || !same_shape(before, record)) {
         reshape_link(changed, before);
@@ -252,16 +288,16 @@ void shadow_table::replace_entries(const shadow_link &changed, bool regroups)
     std::vector<uint32_t> misplaced;
     for (const uint32_t port : changed.ports) {
         for_each_entry_of_port(port, [&](uint32_t entry) {
-            if (regroups || place_of(entries[entry].record) != ports[port].key) {
+            if (regroups || place_of(record_of(entry)) != ports[port].key) {
                 misplaced.push_back(entry);
             }
         });
     }
     for (const uint32_t entry : misplaced) {
         unlink_from_port(entry);
-        link_to_port(entry, port_at(place_of(entries[entry].record)));
+        link_to_port(entry, port_at(place_of(record_of(entry))));
         listener_.entry_touched(entry);
-        affect_group(entries[entry].group, entry);
+        affect_group(group_of(entry), entry);
     }
 }
 
@@ -443,16 +479,16 @@ void shadow_table::end_empty_domains()
 
 void shadow_table::fdb_changed(const fdb_record &record)
 {
-    entries[file(record)].listed_only = false;
+    entries[file(record)].dump_only = false;
 }
 
 void shadow_table::fdb_dumped(const fdb_record &record)
 {
-    const uint32_t known = find(key_of(record));
-    const bool differs = known == no_slot || !entries[known].alive || !equal_but_sight(entries[known].record, record);
+    const uint32_t known = find(forwarding::key_of(record));
+    const bool differs = known == no_slot || !entries[known].alive || !equals_but_sight(known, record);
     const uint32_t entry = file(record);
     if (differs) {
-        entries[entry].listed_only = true;
+        entries[entry].dump_only = true;
         listener_.full_dump_differs(entry);
     }
 }
@@ -460,57 +496,77 @@ void shadow_table::fdb_dumped(const fdb_record &record)
 // Stores a reported entry, new or known. Returns its slot.
 uint32_t shadow_table::file(const fdb_record &record)
 {
-    const fdb_key key = key_of(record);
+    const fdb_key key = forwarding::key_of(record);
     const uint32_t found = find(key);
-    const uint32_t entry = found != no_slot ? found : add(key);
-    entries[entry].generation = static_cast<uint32_t>(generation_);
+    const uint32_t entry = found != no_slot ? found : add(key, record);
+    entries[entry].full_dump = full_dump() & max_full_dump;
     if (entries[entry].alive) {
         update(entry, record);
-    } else {
-        enter(entry, record);
+        return entry;
     }
+    if (found != no_slot) {
+        set_record(entry, record);
+    }
+    enter(entry, record);
     return entry;
 }
 
 void shadow_table::fdb_gone(const fdb_record &record)
 {
-    const uint32_t entry = find(key_of(record));
-    if (entry == no_slot || !entries[entry].alive || entries[entry].record.ifindex != record.ifindex) {
+    const uint32_t entry = find(forwarding::key_of(record));
+    if (entry == no_slot || !entries[entry].alive || terms_of(entry).ifindex != record.ifindex) {
         unchanged++;
         return;
     }
     remove(entry);
 }
 
-uint32_t shadow_table::add(const fdb_key &key)
+// Stores a new entry, which is not alive yet.
+uint32_t shadow_table::add(const fdb_key &key, const fdb_record &record)
 {
     const uint32_t entry = entries.take();
+    set_record(entry, record);
     entries_by_key_.insert(hash_of(key), entry);
     return entry;
 }
 
+void shadow_table::set_record(uint32_t entry, const fdb_record &record)
+{
+    shadow_entry &to = entries[entry];
+    const entry_terms terms = terms_in(record);
+    if (to.terms == no_slot || terms_[to.terms] != terms) {
+        const uint32_t before = std::exchange(to.terms, terms_.join(terms));
+        if (before != no_slot) {
+            terms_.leave(before);
+        }
+    }
+    to.mac = record.mac;
+    to.state = record.state;
+    to.flags = record.flags;
+    to.updated_ms = record.updated_ms;
+}
+
 void shadow_table::enter(uint32_t entry, const fdb_record &record)
 {
-    entries[entry].record = record;
     entries[entry].alive = true;
     living++;
     link_to_port(entry, port_at(place_of(record)));
     listener_.entry_touched(entry);
-    affect_group(entries[entry].group, entry);
+    affect_group(group_of(entry), entry);
 }
 
 void shadow_table::update(uint32_t entry, const fdb_record &record)
 {
     shadow_entry &known = entries[entry];
-    if (equal_but_age(known.record, record)) {
+    if (equals_but_age(entry, record)) {
         unchanged++;
-        const bool has_aged = record.updated_ms != 0 && record.updated_ms != known.record.updated_ms;
-        known.record.updated_ms = has_aged ? record.updated_ms : known.record.updated_ms;
+        const bool has_aged = record.updated_ms != 0 && record.updated_ms != known.updated_ms;
+        known.updated_ms = has_aged ? record.updated_ms : known.updated_ms;
         listener_.entry_confirmed(entry, has_aged);
         return;
     }
-    known.record = record;
-    const uint32_t group_before = known.group;
+    set_record(entry, record);
+    const uint32_t group_before = group_of(entry);
     const uint32_t port = port_at(place_of(record));
     if (port != known.port) {
         unlink_from_port(entry);
@@ -518,16 +574,16 @@ void shadow_table::update(uint32_t entry, const fdb_record &record)
         affect_group(group_before, entry);
     }
     listener_.entry_touched(entry);
-    affect_group(known.group, entry);
+    affect_group(group_of(entry), entry);
 }
 
 void shadow_table::remove(uint32_t entry)
 {
     shadow_entry &gone = entries[entry];
-    const uint32_t group = gone.group;
+    const uint32_t group = group_of(entry);
     unlink_from_port(entry);
     gone.alive = false;
-    gone.listed_only = false;
+    gone.dump_only = false;
     living--;
     listener_.entry_touched(entry);
     affect_group(group, entry);
@@ -535,7 +591,8 @@ void shadow_table::remove(uint32_t entry)
 
 void shadow_table::release(uint32_t entry)
 {
-    entries_by_key_.erase(hash_of(key_of(entries[entry].record)), entry);
+    entries_by_key_.erase(hash_of(key_of(entry)), entry);
+    terms_.leave(entries[entry].terms);
     entries.give_back(entry);
 }
 
@@ -568,43 +625,59 @@ void shadow_table::unlink_from_port(uint32_t entry)
 
 // ---- Groups ----
 
+// Returns the group that an entry joins on a port. A new one has no entries yet.
+uint32_t shadow_table::group_for(const port_key &on, uint32_t entry)
+{
+    const mac_address &mac = entries[entry].mac;
+    const uint32_t found = find_group(on, mac);
+    if (found != no_slot) {
+        return found;
+    }
+    const uint32_t group = groups.take();
+    groups[group].vni = group_vni(on, mac);
+    groups_by_key_.insert(hash_of(on.ifindex, groups[group].vni, mac), group);
+    return group;
+}
+
 void shadow_table::join_group(uint32_t entry)
 {
-    shadow_entry &joining = entries[entry];
-    const port_key &on = ports[joining.port].key;
-    const uint32_t found = find_group(on, joining.record.mac);
-    const uint32_t group = found != no_slot ? found : groups.take();
+    const uint32_t group = group_for(ports[entries[entry].port].key, entry);
+    entries[entry].member = members_.take();
+    link_to_group(entry, group);
+}
+
+void shadow_table::link_to_group(uint32_t entry, uint32_t group)
+{
+    const auto member_of = [this](uint32_t of) -> group_member & { return members_[entries[of].member]; };
     shadow_group &to = groups[group];
-    if (found == no_slot) {
-        to.ifindex = on.ifindex;
-        to.vni = group_vni(on, joining.record.mac);
-        to.mac = joining.record.mac;
-        groups_by_key_.insert(hash_of(to.ifindex, to.vni, to.mac), group);
-    }
-    const bool in_front = joining.record.self;
+    const bool in_front = terms_of(entry).self;
+    group_member &joining = member_of(entry);
     joining.group = group;
-    joining.group_next = in_front ? to.first : no_slot;
-    joining.group_prev = in_front ? no_slot : to.last;
-    (joining.group_next != no_slot ? entries[joining.group_next].group_prev : to.last) = entry;
-    (joining.group_prev != no_slot ? entries[joining.group_prev].group_next : to.first) = entry;
-    to.of_bridge += joining.record.self ? 0 : 1;
+    joining.next = in_front ? to.first : no_slot;
+    joining.prev = in_front ? no_slot : to.last;
+    (joining.next != no_slot ? member_of(joining.next).prev : to.last) = entry;
+    (joining.prev != no_slot ? member_of(joining.prev).next : to.first) = entry;
+    to.of_bridge += in_front ? 0U : 1U;
 }
 
 void shadow_table::leave_group(uint32_t entry)
 {
-    shadow_entry &leaving = entries[entry];
-    if (leaving.group == no_slot) {
+    const uint32_t member = std::exchange(entries[entry].member, no_slot);
+    if (member == no_slot) {
         return;
     }
+    const auto member_of = [this](uint32_t of) -> group_member & { return members_[entries[of].member]; };
+    const group_member leaving = members_[member];
     shadow_group &from = groups[leaving.group];
-    (leaving.group_prev != no_slot ? entries[leaving.group_prev].group_next : from.first) = leaving.group_next;
-    (leaving.group_next != no_slot ? entries[leaving.group_next].group_prev : from.last) = leaving.group_prev;
-    from.of_bridge -= leaving.record.self ? 0 : 1;
+    (leaving.prev != no_slot ? member_of(leaving.prev).next : from.first) = leaving.next;
+    (leaving.next != no_slot ? member_of(leaving.next).prev : from.last) = leaving.prev;
+    from.of_bridge -= terms_of(entry).self ? 0U : 1U;
     if (from.first == no_slot) {
-        groups_by_key_.erase(hash_of(from.ifindex, from.vni, from.mac), leaving.group);
+        const uint32_t ifindex = ports[entries[entry].port].key.ifindex;
+        groups_by_key_.erase(hash_of(ifindex, from.vni, entries[entry].mac), leaving.group);
         groups.give_back(leaving.group);
     }
-    leaving.group = leaving.group_next = leaving.group_prev = no_slot;
+    members_.give_back(member);
 }
 
 // Reports that the entries of a group, except one, may have changed their standing: each depends on the others. A flood
@@ -612,15 +685,13 @@ void shadow_table::leave_group(uint32_t entry)
 // first now, and the one behind it, which was first if a new entry joined in front.
 void shadow_table::affect_group(uint32_t group, uint32_t except)
 {
-    if (group == no_slot) {
-        return;
-    }
-    uint32_t most = groups[group].mac == zero_mac ? 2 : UINT32_MAX;
-    for (uint32_t entry = groups[group].first; entry != no_slot && most != 0; entry = entries[entry].group_next) {
+    const uint32_t first = first_of_group(group);
+    uint32_t left = first != no_slot && entries[first].mac == zero_mac ? 2 : UINT32_MAX;
+    for (uint32_t entry = first; entry != no_slot && left != 0; entry = next_of_group(entry)) {
         if (entry != except) {
             listener_.entry_affected(entry);
         }
-        most--;
+        left--;
     }
 }
 
@@ -628,7 +699,7 @@ void shadow_table::affect_group(uint32_t group, uint32_t except)
 
 void shadow_table::full_dump_begun()
 {
-    generation_++;
+    full_dump_++;
     listener_.full_dump_begun();
 }
 
@@ -637,7 +708,7 @@ void shadow_table::full_dump_ended(bool clean)
     if (clean) {
         drop_unreported_links();
         for_each_entry([&](uint32_t entry) {
-            if (entries[entry].generation != static_cast<uint32_t>(generation_)) {
+            if (entries[entry].full_dump != full_dump()) {
                 listener_.entry_unreported(entry);
             }
         });
@@ -649,7 +720,7 @@ void shadow_table::drop_unreported_links()
 {
     std::vector<uint32_t> gone;
     for (const auto &[ifindex, link] : links_) {
-        if (link.known && link.generation != generation_) {
+        if (link.known && link.full_dump != full_dump_) {
             gone.push_back(ifindex);
         }
     }

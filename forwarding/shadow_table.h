@@ -20,6 +20,8 @@
 //  - The bridge's own addresses are on a port whose interface is the bridge.
 //  - An entry that has gone leaves its port but keeps its slot until the listener releases it. The listener must first
 //    withdraw it from the cache. If the entry returns before that, it gets the same slot.
+//  - An entry is small, because a million of them exist. What many entries have in common is held once (entry_terms),
+//    and record_of puts an entry's record together.
 //  - A port ends with its link. It also ends when the link changes its bridge, kind or VNI; the link then gets a new
 //    port.
 //
@@ -32,45 +34,45 @@
 
 #include "forwarding/plane.h"
 #include "forwarding/slots.h"
-#include "l2fib_mac_edm.h"
 
 namespace forwarding {
 
-struct shadow_entry {
-    fdb_record record;
-    bool alive = false;
-    uint32_t generation = 0; // number of the latest full dump when this entry was last reported
-    uint32_t port = no_slot; // set while it is alive
-    uint32_t next = no_slot; // neighbours on the port
-    uint32_t prev = no_slot;
-    uint32_t group = no_slot; // set on a VXLAN device's port with a domain
-    uint32_t group_next = no_slot;
-    uint32_t group_prev = no_slot;
+// What an entry has in common with many others: all of its record but the address, the state, the flags and the age.
+struct entry_terms {
+    uint32_t ifindex = 0;
+    uint32_t master = 0;
+    bool self = false;
+    uint16_t vlan = 0;
+    uint16_t edm_flags = 0;
+    uint32_t source_vni = 0;
+    fdb_destination destination = {};
 
-    bool listed_only = false; // a full dump found it, and no change has reported it since
-
-    // Only the listener uses the members below.
-    bool dirty = false;         // waits in the queue of changes
-    bool contested = false;     // came and went within 50 ms, so that two reports may be in the wrong order
-    bool touched_alive = false; // whether it was alive at the last entry_touched
-    bool surely_gone = false;   // it is certain that the plane no longer holds it
-    bool doubtful = false;      // waits in the queue of questions to the plane
-    bool missing = false;       // the cache should hold it and does not
-    bool fed_tunnel = false;    // fed on a VXLAN port: fed_vtep, fed_vni and fed_own_vni are valid
-    bool fed_own_vni = false;   // it sends with another VNI than its port, or has a source VNI
-    uint8_t standing = 0;
-    uint8_t foreign = 0;         // destination kind under which the health report counts it
-    uint8_t counted_as = 0;      // counter of its bridge domain to which it adds; 0: none
-    uint8_t fed_variant = 0;     // the flags that choose the variant of its record in the cache
-    uint16_t counted_bridge = 0; // bridge id of that counter
-    uint16_t fed_bridge = 0;     // bridge id under which the cache holds it
-    uint32_t fed_xcid = 0;       // port on which the cache holds it; 0: the cache does not hold it
-    uint32_t counted_xcid = 0;   // port whose counters include it
-    uint32_t fed_vtep = 0;       // in host byte order, so that numbers sort as addresses do; 0: none
-    uint32_t fed_vni = 0;
-    uint32_t touched_ms = 0; // time of the last report, steady clock in ms, low 32 bits
-    uint64_t created = 0;    // its number in the order in which the cache created entries
+    bool operator==(const entry_terms &) const = default;
 };
+
+uint32_t hash_of(const entry_terms &terms);
+
+// The number of a full dump, for entries. Full dumps are a second apart or more, so 30 bits last for 30 years.
+inline constexpr unsigned full_dump_bits = 30;
+inline constexpr uint32_t max_full_dump = (uint32_t{1} << full_dump_bits) - 1;
+
+// shadow_table::record_of and key_of return the parts of an entry as the plane reports them.
+struct shadow_entry {
+    mac_address mac = {};
+    uint8_t state = 0;      // bits of fdb_record::state
+    uint8_t flags = 0;      // bits of fdb_record::flags
+    int64_t updated_ms = 0; // as fdb_record::updated_ms
+    uint32_t terms = no_slot;
+    uint32_t full_dump : full_dump_bits = 0; // number of the latest full dump when this entry was last reported
+    uint32_t alive : 1 = 0;
+    uint32_t dump_only : 1 = 0; // a full dump found it, and no change has reported it since
+    uint32_t port = no_slot;    // set while it is alive
+    uint32_t next = no_slot;    // neighbours on the port
+    uint32_t prev = no_slot;
+    uint32_t member = no_slot; // its place in a group; set on a VXLAN device's port with a domain
+};
+
+static_assert(sizeof(shadow_entry) == 40, "a million of these exist");
 
 struct port_key {
     uint32_t master = 0; // interface index of the bridge; 0: none
@@ -89,29 +91,23 @@ struct shadow_port {
     uint32_t last = no_slot;
     uint32_t entries = 0;
 
-    // Only the listener uses the members below, except that the shadow table keeps `resume` valid. `resume` is the
-    // entry at which the listener continues its pass over this port. If that entry leaves the port, the shadow table
-    // sets `resume` to the next one.
+    // The listener sets the members below. `resume` is the entry at which the listener continues its pass over this
+    // port. If that entry leaves the port, the shadow table sets `resume` to the next one.
     uint32_t resume = no_slot;
     uint32_t xcid = 0;
-    uint64_t waits = 0; // its place in the line for an id; 0: it does not wait
-    edm_mac_counters_t counters = {};
 };
 
 struct shadow_domain {
     uint32_t bridge = 0; // interface index
     uint16_t vlan = 0;
     std::vector<uint32_t> ports;
-
-    // Only the listener uses the members below.
-    uint16_t bridge_id = 0;
-    uint64_t waits = 0; // see shadow_port::waits
+    uint16_t bridge_id = 0; // the listener sets it
 };
 
 struct shadow_link {
     link_record record;
-    bool known = false;      // the plane reported it; false: only another record names it so far
-    uint64_t generation = 0; // number of the latest full dump when this link was last reported
+    bool known = false;     // the plane reported it; false: only another record names it so far
+    uint64_t full_dump = 0; // number of the latest full dump when this link was last reported
     std::vector<uint32_t> ports;
     std::vector<uint32_t> domains; // bridges only
     std::vector<uint32_t> members; // interface indexes of the links whose master it is
@@ -126,12 +122,17 @@ struct shadow_link {
 //    its VNI.
 //  - Other addresses on any other device: one group for all VNIs, because nothing shows the VNI of a bridge's entry.
 struct shadow_group {
-    uint32_t ifindex = 0;
-    uint32_t vni = 0; // the port's VNI if the group is for one VNI, otherwise 0
-    mac_address mac = {};
+    uint32_t vni = 0;         // the port's VNI if the group is for one VNI, otherwise 0
     uint32_t first = no_slot; // the device's own entries come before the bridge's
     uint32_t last = no_slot;
     uint32_t of_bridge = 0; // number of the bridge's entries
+};
+
+// The place of an entry in a group.
+struct group_member {
+    uint32_t group = no_slot;
+    uint32_t next = no_slot; // neighbours in the group: entries
+    uint32_t prev = no_slot;
 };
 
 // Takes the shadow table's reports. Each report comes after the change is made, on the plane's thread. The listener
@@ -170,9 +171,6 @@ public:
     virtual void full_dump_ended(bool clean) = 0;
 };
 
-// True if the records are equal, or differ only in the time when the entry was last seen.
-bool equal_but_age(const fdb_record &left, const fdb_record &right);
-
 // The sink of a plane. `listener` must outlive it. Parameters and results called `entry`, `port`, `domain` or `group`,
 // here and in the listener, are slot numbers (slots.h).
 class shadow_table : public sink {
@@ -190,8 +188,8 @@ public:
     void full_dump_begun() override;
     void full_dump_ended(bool clean) override;
 
-    // The number of full dumps begun: the number of the running or latest one. Low 32 bits.
-    uint32_t generation() const { return static_cast<uint32_t>(generation_); }
+    // The number of the running or latest full dump, as entries hold it.
+    uint32_t full_dump() const { return static_cast<uint32_t>(full_dump_ & max_full_dump); }
 
     // Returns the slot of an entry, whether it is alive or has gone; no_slot if there is none.
     uint32_t find(const fdb_key &key) const;
@@ -200,6 +198,23 @@ public:
     uint32_t find_domain(uint32_t bridge, uint16_t vlan) const;
     // Returns the group of an address on a port, or no_slot.
     uint32_t find_group(const port_key &on, const mac_address &mac) const;
+
+    // Return what the plane reported of an entry, alive or gone.
+    fdb_record record_of(uint32_t entry) const;
+    fdb_key key_of(uint32_t entry) const;
+    const entry_terms &terms_of(uint32_t entry) const { return terms_[entries[entry].terms]; }
+    // True if the record equals the entry's, or differs from it only in the time when the entry was last seen.
+    bool equals_but_age(uint32_t entry, const fdb_record &record) const;
+
+    // Walk the entries of a group: the first one, and the one behind another. no_slot: there is none.
+    uint32_t first_of_group(uint32_t group) const { return group != no_slot ? groups[group].first : no_slot; }
+    uint32_t next_of_group(uint32_t entry) const { return members_[entries[entry].member].next; }
+    // The group of an entry, or no_slot.
+    uint32_t group_of(uint32_t entry) const
+    {
+        const uint32_t member = entries[entry].member;
+        return member != no_slot ? members_[member].group : no_slot;
+    }
 
     // Removes a living entry, whatever port it is on. The listener calls it when it is sure that the entry has gone.
     void remove(uint32_t entry);
@@ -263,13 +278,18 @@ private:
     void end_port(uint32_t port);
     void end_domain(uint32_t domain);
 
-    uint32_t add(const fdb_key &key);
+    bool equals_but_sight(uint32_t entry, const fdb_record &record) const;
+    bool has_key(uint32_t entry, const fdb_key &key) const;
+    void set_record(uint32_t entry, const fdb_record &record);
+    uint32_t add(const fdb_key &key, const fdb_record &record);
     void update(uint32_t entry, const fdb_record &record);
     void enter(uint32_t entry, const fdb_record &record);
     uint32_t file(const fdb_record &record);
     void link_to_port(uint32_t entry, uint32_t port);
     void unlink_from_port(uint32_t entry);
+    uint32_t group_for(const port_key &on, uint32_t entry);
     void join_group(uint32_t entry);
+    void link_to_group(uint32_t entry, uint32_t group);
     void leave_group(uint32_t entry);
     void affect_group(uint32_t group, uint32_t except);
     void drop_unreported_links();
@@ -277,10 +297,12 @@ private:
     shadow_listener &listener_;
     std::unordered_map<uint32_t, shadow_link> links_;
     std::unordered_map<uint64_t, uint32_t> domains_by_key_;
+    shared_values<entry_terms> terms_;
+    slot_pool<group_member> members_;
     slot_index entries_by_key_;
     slot_index ports_by_key_;
     slot_index groups_by_key_;
-    uint64_t generation_ = 0;
+    uint64_t full_dump_ = 0; // number of the running or latest full dump
 };
 
 } // namespace forwarding

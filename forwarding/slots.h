@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Two containers for the records of the shadow table: slot_pool holds records by slot number, and slot_index finds the
-// slot number by a hash of the record's key. Both grow in large steps, so that most reports allocate no memory.
+// Containers for the records of the shadow table and of the feeder. They grow in large steps, so that most reports
+// allocate no memory.
+//  - slot_pool holds records by slot number.
+//  - slot_index finds a slot number by a hash of the record's key.
+//  - slot_records holds further records under the slot numbers of a pool.
+//  - shared_values holds each of its values once, however many records refer to it.
 //
 //      slot_pool<port> pool;
 //      slot_index by_name;
@@ -11,11 +15,11 @@
 //      ...
 //      by_name.find(hash_of("eth1"), [&](uint32_t at) { return pool[at].name == "eth1"; })     // slot, or no_slot
 //
-// Threads: neither container takes a lock. Its owner, the shadow table, uses it on the plane's thread only. Running out
-// of memory throws std::bad_alloc.
+// Threads: no container takes a lock. Its owner uses it on the plane's thread only. Running out of memory throws
+// std::bad_alloc.
 #pragma once
 
-#include <array>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -25,6 +29,46 @@ namespace forwarding {
 
 inline constexpr uint32_t no_slot = UINT32_MAX;
 
+// ---- Hashes ----
+
+inline uint64_t mix(uint64_t hash, uint64_t value)
+{
+    hash = (hash ^ value) * 0x9e3779b97f4a7c15u;
+    return hash ^ (hash >> 29);
+}
+
+inline uint32_t fold(uint64_t hash)
+{
+    return static_cast<uint32_t>(hash ^ (hash >> 32));
+}
+
+// ---- Records by slot number ----
+
+// Pages of records that never move.
+template <typename Record>
+class record_pages {
+public:
+    void add_page() { pages_.push_back(std::make_unique<Record[]>(page_size)); }
+    Record &operator[](uint32_t slot)
+    {
+        assert(slot < bound());
+        return pages_.data()[slot / page_size].get()[slot % page_size];
+    }
+    const Record &operator[](uint32_t slot) const
+    {
+        assert(slot < bound());
+        return pages_.data()[slot / page_size].get()[slot % page_size];
+    }
+
+    // All slot numbers are below this.
+    uint32_t bound() const { return static_cast<uint32_t>(pages_.size() * page_size); }
+
+private:
+    static constexpr size_t page_size = 1024;
+
+    std::vector<std::unique_ptr<Record[]>> pages_;
+};
+
 // Records by slot number. Records never move, so a reference stays valid until its slot is given back. The pool reuses
 // the numbers of slots that were given back, and never shrinks.
 template <typename Record>
@@ -33,44 +77,61 @@ public:
     // Returns a free slot with a default record.
     uint32_t take()
     {
-        if (free_.empty()) {
-            add_page();
+        if (!free_.empty()) {
+            const uint32_t slot = free_.back();
+            free_.pop_back();
+            return slot;
         }
-        const uint32_t slot = free_.back();
-        free_.pop_back();
-        (*this)[slot] = Record{};
-        return slot;
+        if (used_ == pages_.bound()) {
+            // give_back must not fail, so the list of free slots has room for all of them.
+            if (free_.capacity() <= used_) {
+                free_.reserve(2 * size_t{used_} + 1);
+            }
+            pages_.add_page();
+        }
+        return used_++;
     }
 
     // Frees a slot. Resets its record at once, so that the record releases the memory that it owns.
     void give_back(uint32_t slot)
     {
-        (*this)[slot] = Record{};
+        pages_[slot] = Record{};
         free_.push_back(slot);
     }
 
-    Record &operator[](uint32_t slot) { return (*pages_[slot / page_size])[slot % page_size]; }
-    const Record &operator[](uint32_t slot) const { return (*pages_[slot / page_size])[slot % page_size]; }
+    Record &operator[](uint32_t slot) { return pages_[slot]; }
+    const Record &operator[](uint32_t slot) const { return pages_[slot]; }
 
-    // All slot numbers are below this, free slots included.
-    uint32_t bound() const { return static_cast<uint32_t>(pages_.size() * page_size); }
+    // All slot numbers that were ever taken are below this.
+    uint32_t bound() const { return used_; }
 
 private:
-    static constexpr size_t page_size = 1024;
+    record_pages<Record> pages_;
+    std::vector<uint32_t> free_; // slots below used_
+    uint32_t used_ = 0;
+};
 
-    void add_page()
+// Records beside those of a pool, under the same slot numbers.
+template <typename Record>
+class slot_records {
+public:
+    // Makes the record of a slot reachable. A new record is default-constructed.
+    void reach(uint32_t slot)
     {
-        const uint32_t first = bound();
-        free_.reserve(first + page_size);
-        pages_.push_back(std::make_unique<std::array<Record, page_size>>());
-        for (uint32_t slot = bound(); slot-- > first;) {
-            free_.push_back(slot);
+        while (slot >= pages_.bound()) {
+            pages_.add_page();
         }
     }
 
-    std::vector<std::unique_ptr<std::array<Record, page_size>>> pages_;
-    std::vector<uint32_t> free_;
+    // Only for a slot that was reached.
+    Record &operator[](uint32_t slot) { return pages_[slot]; }
+    const Record &operator[](uint32_t slot) const { return pages_[slot]; }
+
+private:
+    record_pages<Record> pages_;
 };
+
+// ---- Slot numbers by key ----
 
 // Slot numbers by hash, with open addressing. A hash names a home cell. An entry whose home is taken uses the next free
 // cell behind it, and a probe ends at the first free cell:
@@ -163,6 +224,51 @@ private:
 
     std::vector<cell> cells_;
     size_t used_ = 0;
+};
+
+// ---- Shared values ----
+
+// Values by slot number, each of them once. A value lives as long as it has users. `hash_of(value)` is found by its
+// argument.
+//
+//      shared_values<fdb_destination> destinations;
+//      const uint32_t slot = destinations.join(to);      // one more user of `to`
+//      destinations[slot] == to
+//      destinations.leave(slot);                         // one user less
+template <typename Value>
+class shared_values {
+public:
+    uint32_t join(const Value &value)
+    {
+        const uint32_t hash = hash_of(value);
+        uint32_t slot = by_value_.find(hash, [&](uint32_t at) { return values_[at].value == value; });
+        if (slot == no_slot) {
+            slot = values_.take();
+            values_[slot].value = value;
+            by_value_.insert(hash, slot);
+        }
+        values_[slot].users++;
+        return slot;
+    }
+
+    void leave(uint32_t slot)
+    {
+        if (--values_[slot].users == 0) {
+            by_value_.erase(hash_of(values_[slot].value), slot);
+            values_.give_back(slot);
+        }
+    }
+
+    const Value &operator[](uint32_t slot) const { return values_[slot].value; }
+
+private:
+    struct counted {
+        Value value;
+        uint32_t users = 0;
+    };
+
+    slot_pool<counted> values_;
+    slot_index by_value_;
 };
 
 } // namespace forwarding

@@ -101,7 +101,7 @@ bool ends_before(const row_filter &filter, const place &at)
 // ---- The table ----
 
 // Under the table lock. Null if the table has no such port.
-l2fm_edm_bp_t *port_at(const place &at)
+l2fm_edm_bp_t *port_at(const place &at) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (at.second != EDM_XCID_DUMMY) {
         return l2fm_edm_table_bp_get_by_xcid(at.second);
@@ -112,7 +112,8 @@ l2fm_edm_bp_t *port_at(const place &at)
 // Reads rows of one port until the page is full, the port ends or `looks` entries were visited. It continues behind
 // `page.end` if that is on this port, and moves `page.end` with each entry. Returns true if the port has ended or does
 // not exist. Under the table lock.
-bool read_port(const row_filter &filter, const place &at, row_page &page, uint32_t most, uint32_t &looks)
+bool read_port(const row_filter &filter, const place &at, row_page &page, uint32_t most,
+               uint32_t &looks) L2FIB_REQUIRES_TABLE_LOCK
 {
     row_position &end = page.end;
     const bool continues = end.holds_row && end.bridge_id == at.first && end.xcid == at.second;

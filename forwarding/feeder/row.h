@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // Makes the row that an answer shows from a descriptor of the feed or from an entry of the table. For the readers in
-// this directory (reading.cpp, feeder_answers.cpp).
+// this directory (reading.cpp, answers.cpp).
 //
 // The row has no names (`domain` and `port` are null), no VNIs and no time left. The caller adds them.
 #pragma once

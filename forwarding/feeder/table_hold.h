@@ -8,9 +8,9 @@
 
 namespace forwarding {
 
-struct table_hold {
-    table_hold() { l2fib_mac_edm_mutex_lock(); }
-    ~table_hold() { l2fib_mac_edm_mutex_unlock(); }
+struct L2FIB_SCOPED_CAPABILITY table_hold {
+    table_hold() L2FIB_ACQUIRES_TABLE_LOCK { l2fib_mac_edm_mutex_lock(); }
+    ~table_hold() L2FIB_RELEASES_TABLE_LOCK { l2fib_mac_edm_mutex_unlock(); }
     table_hold(const table_hold &) = delete;
     table_hold &operator=(const table_hold &) = delete;
 };

@@ -113,17 +113,52 @@ TEST(Ids, RestAndGoToTheObjectThatWaitsLongest)
     EXPECT_EQ(line.waiting(), 1u);
 }
 
+// Random changes against a map. Copies of earlier moments keep what they held.
+TEST(SharedList, HoldsWhatAMapHoldsAndKeepsEarlierMoments)
+{
+    std::mt19937 random{3};
+    shared_list<domain_view> list;
+    std::map<uint16_t, uint32_t> model;
+    std::vector<std::pair<shared_list<domain_view>, std::map<uint16_t, uint32_t>>> moments;
+    for (uint32_t turn = 1; turn <= 8000; turn++) {
+        const auto id = static_cast<uint16_t>(random() % 1000);
+        if (random() % 3 != 0) {
+            domain_view view;
+            view.bridge_id = id;
+            view.bridge_ifindex = turn;
+            list.put(view);
+            model[id] = turn;
+        } else {
+            list.erase(id);
+            model.erase(id);
+        }
+        if (turn % 500 == 0) {
+            moments.emplace_back(list.share(), model);
+        }
+    }
+    for (const auto &[then, expected_then] : moments) {
+        ASSERT_EQ(then.size(), expected_then.size());
+        EXPECT_TRUE(std::ranges::equal(then, expected_then, {}, &domain_view::bridge_ifindex,
+                                       &std::pair<const uint16_t, uint32_t>::second));
+        for (uint16_t id = 0; id < 1001; id++) {
+            const domain_view *found = then.find(id);
+            const auto known = expected_then.find(id);
+            ASSERT_EQ(found != nullptr ? found->bridge_ifindex : 0, known != expected_then.end() ? known->second : 0);
+        }
+    }
+}
+
 TEST(Names, CarryWhatItemKeysCan)
 {
     EXPECT_EQ(bridge_domain_part("br0", 0), "br0");
     EXPECT_EQ(bridge_domain_part("br0", 12), "br0.12");
     EXPECT_EQ(bridge_domain_part("a,b:c d\te", 0), "a_b_c_d_e");
     EXPECT_EQ(bridge_domain_part(std::string(40, 'x'), 4094), std::string(22, 'x') + ".4094");
-    EXPECT_EQ(group_error(std::string(32, 'g')), "");
+    EXPECT_TRUE(check_group(std::string(32, 'g')).ok());
     for (const char *wrong : {"", "a:b", "a,b", "a b", "a\nb", "123456789012345678901234567890123"}) {
-        EXPECT_THAT(group_error(wrong), HasSubstr("expected")) << wrong;
+        EXPECT_THAT(check_group(wrong).text, HasSubstr("expected")) << wrong;
     }
-    EXPECT_EQ(group_error(default_group()), "");
+    EXPECT_TRUE(check_group(default_group()).ok());
 }
 
 TEST(Fabric, NamesWhatIsWrong)
@@ -141,7 +176,7 @@ TEST(Fabric, NamesWhatIsWrong)
 }
 
 // Gives ids as the feeder does, and looks at nothing else.
-struct numbering : shadow_listener {
+struct numbering_listener : shadow_listener {
     void entry_touched(uint32_t) override {}
     void entry_affected(uint32_t) override {}
     void port_added(uint32_t port) override { copy.ports[port].xcid = ++last_xcid; }
@@ -215,7 +250,7 @@ TEST(Mapping, FollowsTheTable)
     };
     for (const mapping_case &each : cases) {
         SCOPED_TRACE(each.name);
-        numbering with_ids;
+        numbering_listener with_ids;
         shadow_table &copy = with_ids.copy;
         copy.link_changed(link(port, "p", link_kind::other, bridge));
         copy.link_changed(link(bridge, "br", link_kind::bridge));
@@ -236,7 +271,7 @@ TEST(Mapping, FollowsTheTable)
 
 TEST(Copy, KeepsPortsPerVlanAndVni)
 {
-    numbering with_ids;
+    numbering_listener with_ids;
     shadow_table &copy = with_ids.copy;
     copy.fdb_changed(on_bridge(1, 2, mac(1), fdb_reachable, 10)); // before its links
     const uint32_t entry = copy.find(key_of(on_bridge(1, 2, mac(1), fdb_reachable, 10)));
@@ -263,19 +298,26 @@ TEST(Copy, KeepsPortsPerVlanAndVni)
     EXPECT_EQ(copy.known_links, 0u);
 }
 
-// One address in two VLANs behind different tunnel ends, on one device for all VNIs. Whatever comes first.
-TEST(Copy, JoinsByTheMapFromVlansToVnis)
-{
-    constexpr uint32_t bridge = 1, vxlan = 2;
-    const auto remote = [](uint32_t vni, uint8_t end, mac_address address) {
+// One address in three VLANs of a bridge, on one device for all VNIs, behind a tunnel end for each of two VNIs.
+struct vlan_map : testing::Test {
+    static constexpr uint32_t bridge = 1, vxlan = 2;
+
+    vlan_map()
+    {
+        of_bridge.vlan_aware = true;
+        of_vxlan.external = true;
+    }
+
+    static fdb_record remote(uint32_t vni, uint8_t end, mac_address address)
+    {
         fdb_record record = of_device(vxlan, address, vtep(end), fdb_permanent);
         record.source_vni = vni;
         return record;
-    };
-    const vni_by_vlan map{{10, 100}, {20, 200}};
-    numbering with_ids;
-    shadow_table &copy = with_ids.copy;
-    const auto fill = [&] {
+    }
+    void fill()
+    {
+        copy.link_changed(of_vxlan);
+        copy.link_changed(of_bridge);
         for (const uint16_t vlan : {uint16_t{10}, uint16_t{20}, uint16_t{30}}) {
             copy.fdb_changed(on_bridge(bridge, vxlan, mac(1), fdb_reachable, vlan));
         }
@@ -283,29 +325,40 @@ TEST(Copy, JoinsByTheMapFromVlansToVnis)
             copy.fdb_changed(remote(100, 1, address));
             copy.fdb_changed(remote(200, 2, address));
         }
-    };
+    }
     // What an entry of a VLAN shows: the last byte of the tunnel's end, and the VNI.
-    const auto shown = [&](uint16_t vlan) {
+    std::pair<uint32_t, uint32_t> shown(uint16_t vlan)
+    {
         const uint32_t entry = copy.find(key_of(on_bridge(bridge, vxlan, mac(1), fdb_reachable, vlan)));
         l2fib_mac_edm_entry_t descriptor{};
         EXPECT_EQ(describe(copy, entry, 0, descriptor), standing::fed);
-        return std::pair(uint32_t{descriptor.vtep_addr[3]}, copy.ports[copy.entries[entry].port].key.vni);
-    };
-    const auto flood_vlan = [&](uint32_t vni, uint8_t end) {
+        return {descriptor.vtep_addr[3], copy.ports[copy.entries[entry].port].key.vni};
+    }
+    uint16_t flood_vlan(uint32_t vni, uint8_t end)
+    {
         const uint32_t entry = copy.find(key_of(remote(vni, end, {})));
         return copy.domains[copy.ports[copy.entries[entry].port].domain].vlan;
-    };
+    }
+    void set_vlan_aware(bool is_aware)
+    {
+        of_bridge.vlan_aware = is_aware;
+        copy.link_changed(of_bridge);
+    }
+
+    numbering_listener with_ids;
+    shadow_table &copy = with_ids.copy;
     link_record of_bridge = link(bridge, "br", link_kind::bridge);
-    of_bridge.vlan_aware = true;
     link_record of_vxlan = link(vxlan, "vx", link_kind::vxlan, bridge);
-    of_vxlan.external = true;
+};
+
+TEST_F(vlan_map, JoinsEntriesWhateverComesFirst)
+{
+    const vni_by_vlan map{{10, 100}, {20, 200}};
     for (const bool map_first : {true, false}) {
         SCOPED_TRACE(map_first);
         if (map_first) {
             copy.vlan_vnis_changed(vxlan, map);
         }
-        copy.link_changed(of_vxlan);
-        copy.link_changed(of_bridge);
         fill();
         copy.vlan_vnis_changed(vxlan, map);
         EXPECT_EQ(shown(10), std::pair(1u, 100u));
@@ -319,11 +372,9 @@ TEST(Copy, JoinsByTheMapFromVlansToVnis)
         copy.vlan_vnis_changed(vxlan, {}); // and goes
         EXPECT_EQ(shown(10), std::pair(0u, 0u));
         EXPECT_EQ(flood_vlan(200, 2), 0);
-        of_bridge.vlan_aware = false;
-        copy.link_changed(of_bridge);
+        set_vlan_aware(false);
         EXPECT_NE(shown(10).first, 0u); // without VLANs any tunnel end is as good
-        of_bridge.vlan_aware = true;
-        copy.link_changed(of_bridge);
+        set_vlan_aware(true);
         EXPECT_EQ(shown(10), std::pair(0u, 0u));
         copy.link_gone(vxlan);
         copy.link_gone(bridge);
@@ -625,7 +676,7 @@ struct fed_module : testing::Test {
         }
         options.group = "lab";
         options.resync_wait_seconds = 20;
-        EXPECT_EQ(start_on(std::move(owned), options), "");
+        EXPECT_EQ(start_on(std::move(owned), options).text, "");
     }
     void restart(const forwarding::options &options, bool is_silent)
     {
@@ -709,6 +760,30 @@ TEST_F(fed_module, NamesThatCannotStandAreChanged)
     const std::vector<domain_view> views = domains();
     EXPECT_EQ(views.back().name, "lab:a_b~" + std::to_string(views.back().bridge_id));
     EXPECT_GE(health().notes.size(), 2u);
+}
+
+TEST_F(fed_module, AMovedPortGetsANewXcidAndARenamedBridgeKeepsItsId)
+{
+    const uint32_t xcid = xcid_of("p0");
+    const uint32_t id = id_of("lab:br0");
+    const uint32_t ends = id_of("lab:br1");
+    on_cache([&] {
+        it->set(link(p0, "p0", link_kind::other, br1));
+        it->set(on_bridge(br1, p0, mac(1)));
+        it->set(link(br0, "core", link_kind::bridge));
+    });
+    EXPECT_NE(xcid_of("p0"), xcid);
+    const auto before = objects();
+    EXPECT_EQ(before->find_port(static_cast<uint16_t>(ends), xcid_of("p0"))->domain, "lab:br1");
+    EXPECT_EQ(before->find_port(static_cast<uint16_t>(id), xcid_of("p1"))->domain, "lab:core");
+    EXPECT_EQ(id_of("lab:br0"), 0u);
+    EXPECT_EQ(id_of("lab:core"), id);
+    resync();
+    expect_equal();
+    on_cache([&] { it->to->link_gone(br1); });
+    EXPECT_EQ(id_of("lab:br1"), 0u);
+    EXPECT_EQ(objects()->find_domain(static_cast<uint16_t>(ends)), nullptr);
+    EXPECT_EQ(before->find_domain(static_cast<uint16_t>(ends))->name, "lab:br1") << "a reader's views changed";
 }
 
 TEST_F(fed_module, AStormCostsTheCacheOneUpdate)
@@ -1121,6 +1196,34 @@ TEST_F(fed_module, ASampleFindsWhatNoChangeReported)
     expect_equal();
 }
 
+// The look that runs once a second takes the plane's changes, and one of them may be the end of a port.
+TEST_F(fed_module, NothingIsFedWhileARemovalIsOnItsWay)
+{
+    restart({}, true);
+    on_cache([&] { it->set(on_bridge(br0, p1, mac(1))); });
+    resync();
+    bool has_arrived = false;
+    std::promise<bool> had_arrived; // when the plane was asked
+    on_cache([&] {
+        it->before_drain = [&, has_ended = false]() mutable {
+            if (std::exchange(has_ended, true)) {
+                return;
+            }
+            it->holds.clear();
+            it->links.erase(p1);
+            it->to->link_gone(p1);
+            const auto arrive = [](void *cookie) { *static_cast<bool *>(cookie) = true; };
+            host::event_post(host::event_manager_find(EDM_CACHE_THREAD_PATH), arrive, nullptr, &has_arrived);
+            it->set(on_bridge(br0, p0, mac(2)));
+            it->after_query = [&] { had_arrived.set_value(has_arrived); };
+        };
+    });
+    EXPECT_TRUE(had_arrived.get_future().get());
+    on_cache([&] { it->before_drain = nullptr; });
+    resync();
+    expect_equal();
+}
+
 TEST_F(fed_module, AFullTableSaysWhatItLacksAndTakesItBack)
 {
     restart({.mac_limit = 600}, false);
@@ -1234,7 +1337,7 @@ TEST_F(fed_module, RequestsWaitForTheFirstListing)
     it->holds[key_of(on_bridge(br0, p0, mac(1)))] = on_bridge(br0, p0, mac(1));
     forwarding::options options;
     options.group = "lab";
-    ASSERT_EQ(start_on(std::move(owned), options), "");
+    ASSERT_EQ(start_on(std::move(owned), options).text, "");
     resync();
     EXPECT_THAT(difference(cached(), expected(*it)), IsEmpty());
     EXPECT_EQ(health().resyncs_degraded, 0u);
@@ -1317,8 +1420,8 @@ TEST_F(recording, IsShownAsItWas)
     options.plane = plane_choice::recorded;
     options.recorded_directory = directory;
     options.group = "lab";
-    ASSERT_EQ(start(options), "");
-    EXPECT_EQ(start(options), "the module runs already");
+    ASSERT_EQ(start(options).text, "");
+    EXPECT_EQ(start(options).text, "the module runs already");
     ASSERT_EQ(l2fib_mac_edm_thread_send_resync(EDM_RESYNC_ALL, 0, nullptr), 0u);
     EXPECT_THAT(cached(), ElementsAre("lab:br0 own 020000000004 0000 0", "lab:br0 v/9 020000000002 0000 0",
                                       "lab:br0.7 p1 020000000001 0002 0"));

@@ -1,0 +1,285 @@
+// SPDX-License-Identifier: Apache-2.0
+
+#include "forwarding/feeder/answers.h"
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+
+#include "forwarding/feeder/row.h"
+
+namespace forwarding {
+namespace {
+
+// Value of an entry that does not age, in the order by last sight: such entries come last.
+constexpr uint64_t does_not_age = std::numeric_limits<uint64_t>::max();
+
+bool is_behind(const order_position &from, uint64_t value, uint32_t slot)
+{
+    return !from.holds_row || value > from.value || (value == from.value && slot > from.slot);
+}
+
+// Sort key of an entry in an order.
+struct order_key {
+    uint64_t value;
+    uint32_t slot;
+    auto operator<=>(const order_key &) const = default;
+};
+
+// Selects the first `max_keys` of the keys that it takes, with memory for twice as many. Whenever the memory is full,
+// the larger half goes. From then on `last`, the largest key kept, rules out keys behind it. With `max_keys` = 2 and
+// the values 5 9 3 7 8 1:
+//
+//      5 9 3 7   full: keep 3 5, last = 5
+//      3 5       8 is behind last and skipped
+//      3 5 1     end: keep 1 3
+class first_keys {
+public:
+    explicit first_keys(size_t max_keys)
+        : max_keys_(max_keys)
+    {
+        keys_.reserve(2 * max_keys);
+    }
+
+    void take(const order_key &key)
+    {
+        if (last_ < key) {
+            return;
+        }
+        keys_.push_back(key);
+        if (keys_.size() == 2 * max_keys_) {
+            keep_first();
+            last_ = std::ranges::max(keys_);
+        }
+    }
+
+    // The first keys, sorted.
+    std::vector<order_key> end()
+    {
+        keep_first();
+        std::ranges::sort(keys_);
+        return std::move(keys_);
+    }
+
+private:
+    void keep_first()
+    {
+        if (keys_.size() > max_keys_) {
+            std::ranges::nth_element(keys_, keys_.begin() + static_cast<ptrdiff_t>(max_keys_));
+            keys_.resize(max_keys_);
+        }
+    }
+
+    const size_t max_keys_;
+    std::vector<order_key> keys_;
+    order_key last_{std::numeric_limits<uint64_t>::max(), no_slot};
+};
+
+} // namespace
+
+table_answers::table_answers(feed_context &context, const registry &objects, const entry_counters &counters,
+                             changes &live, const cache_feed &cache, doubt &questions)
+    : context_(context)
+    , objects_(objects)
+    , counters_(counters)
+    , changes_(live)
+    , cache_(cache)
+    , doubt_(questions)
+{}
+
+// Returns the slot of a living entry, or no_slot.
+uint32_t table_answers::find_living(const fdb_key &key) const
+{
+    const uint32_t entry = context_.shadow.find(key);
+    return entry != no_slot && context_.shadow.entries[entry].alive ? entry : no_slot;
+}
+
+// ---- One address ----
+
+std::vector<fdb_key> table_answers::places_of(const mac_address &mac, uint16_t bridge_id)
+{
+    context_.source.drain();
+    changes_.settle_everything();
+    std::vector<fdb_key> everywhere;
+    std::vector<fdb_key> known;
+    const auto look_in = [&](uint32_t at) {
+        const shadow_domain &domain = context_.shadow.domains[at];
+        everywhere.push_back({domain.bridge, false, domain.vlan, 0, mac, {}});
+        if (find_living(everywhere.back()) != no_slot) {
+            known.push_back(everywhere.back());
+        }
+    };
+    if (const uint32_t one = objects_.find_domain(bridge_id); one != no_slot) {
+        look_in(one);
+    } else if (bridge_id == 0) {
+        for (const auto &[id, domain] : objects_.domains_by_id()) {
+            look_in(domain);
+        }
+    }
+    return known.empty() || doubt_.is_degraded() ? everywhere : known;
+}
+
+void table_answers::confirm_places(std::span<const fdb_key> keys, std::span<const fdb_answer> answers,
+                                   std::vector<mac_row> &rows)
+{
+    take_ages(keys, answers);
+    changes_.settle_everything();
+    for (const fdb_key &key : keys) {
+        if (const uint32_t entry = find_living(key); entry != no_slot) {
+            add_row(entry, rows);
+        }
+    }
+}
+
+// Adds a row if the entry is one that the feeder feeds.
+void table_answers::add_row(uint32_t entry, std::vector<mac_row> &rows)
+{
+    l2fib_mac_edm_entry_t descriptor;
+    if (describe(context_.shadow, entry, context_.epoch_offset_ms, descriptor) != standing::fed) {
+        return;
+    }
+    rows.push_back(row_of(descriptor));
+    if (context_.shadow.ports[context_.shadow.entries[entry].port].key.kind == link_kind::vxlan) {
+        const entry_vnis vnis = cache_.vnis_of(entry); // tunnel_ends lacks the entry if the table has no room for it
+        rows.back().vni = vnis.vni;
+        rows.back().source_vni = vnis.source_vni;
+    }
+}
+
+// ---- Orders ----
+
+// True if the entry ages out when its address is not seen for the bridge's ageing time.
+bool table_answers::entry_ages(uint32_t at) const
+{
+    const shadow_entry &entry = context_.shadow.entries[at];
+    return (entry.state & (fdb_permanent | fdb_noarp)) == 0 && (entry.flags & fdb_extern_learn) == 0
+           && entry.updated_ms > 0 && !context_.shadow.terms_of(at).self;
+}
+
+uint64_t table_answers::order_value(row_order order, uint32_t entry) const
+{
+    if (order == row_order::created) {
+        return context_.records[entry].created;
+    }
+    return entry_ages(entry) ? static_cast<uint64_t>(context_.shadow.entries[entry].updated_ms) : does_not_age;
+}
+
+uint64_t table_answers::order_now(row_order order) const
+{
+    using namespace std::chrono;
+    const auto now = duration_cast<milliseconds>(steady_clock::now().time_since_epoch());
+    return order == row_order::created ? cache_.last_created() : static_cast<uint64_t>(now.count());
+}
+
+// Selects in one pass over the shadow table. Values above `from.began` count as `from.began + 1`, except does_not_age;
+// see order_position.
+std::vector<ordered_entry> table_answers::select(row_order order, const order_position &from, uint32_t max_entries)
+{
+    context_.source.drain();
+    changes_.settle_everything();
+    first_keys keys(max_entries);
+    context_.shadow.for_each_entry([&](uint32_t entry) {
+        const feed_record &record = context_.records[entry];
+        if (!record.is_fed || record.now() != standing::fed) {
+            return;
+        }
+        const uint64_t value = order_value(order, entry);
+        const uint64_t capped = value != does_not_age ? std::min(value, from.began + 1) : value;
+        if (is_behind(from, capped, entry)) {
+            keys.take({capped, entry});
+        }
+    });
+    std::vector<ordered_entry> first;
+    for (const order_key &key : keys.end()) {
+        first.push_back(ordered(key.value, key.slot));
+    }
+    return first;
+}
+
+ordered_entry table_answers::ordered(uint64_t value, uint32_t entry) const
+{
+    const fed_place &place = context_.records.place(entry);
+    return {value,
+            entry,
+            place.xcid,
+            place.bridge_id,
+            entry_ages(entry),
+            context_.shadow.entries[entry].updated_ms,
+            context_.shadow.key_of(entry)};
+}
+
+// ---- Ages ----
+
+// Takes the times of last sight from answers that another thread got from the plane. An answer that contradicts the
+// shadow table is not taken, because the plane may have reported a newer change since. Instead the plane is asked
+// again.
+size_t table_answers::take_ages(std::span<const fdb_key> keys, std::span<const fdb_answer> answers)
+{
+    size_t changed = 0;
+    std::vector<fdb_key> contradicted;
+    for (size_t at = 0; at < keys.size(); at++) {
+        if (!take_age(keys[at], answers[at], changed)) {
+            contradicted.push_back(keys[at]);
+        }
+    }
+    for (std::span<const fdb_key> left = contradicted; !left.empty();) {
+        const auto batch = left.first(std::min(query_batch, left.size()));
+        doubt_.correct(batch);
+        left = left.subspan(batch.size());
+    }
+    return changed + contradicted.size();
+}
+
+// Returns false if the answer contradicts the shadow table.
+bool table_answers::take_age(const fdb_key &key, const fdb_answer &answer, size_t &changed)
+{
+    const uint32_t entry = find_living(key);
+    const bool is_known = entry != no_slot;
+    if (answer.presence != fdb_presence::present) {
+        return answer.presence == fdb_presence::unknown || !is_known;
+    }
+    if (!is_known || !context_.shadow.equals_but_age(entry, answer.record)) {
+        return false;
+    }
+    changed += context_.shadow.entries[entry].updated_ms != answer.record.updated_ms ? 1U : 0U;
+    context_.shadow.fdb_changed(answer.record);
+    return true;
+}
+
+// ---- Counts ----
+
+std::optional<edm_mac_counters_t> table_answers::count_of_port(uint32_t xcid)
+{
+    context_.source.drain();
+    changes_.settle_everything();
+    const uint32_t port = objects_.find_port(xcid);
+    return port != no_slot ? std::optional(counters_.of_port(port)) : std::nullopt;
+}
+
+// ---- Tunnel entries ----
+
+std::vector<tunnel_entry> table_answers::tunnel_entries(uint32_t &cursor, size_t max_entries)
+{
+    context_.source.drain();
+    const shadow_table &shadow = context_.shadow;
+    std::vector<tunnel_entry> found;
+    for (; cursor < shadow.entries.bound() && found.size() < max_entries; cursor++) {
+        const shadow_entry &entry = shadow.entries[cursor];
+        if (entry.alive && shadow.ports[entry.port].key.kind == link_kind::vxlan && shadow.terms_of(cursor).self) {
+            found.push_back(tunnel_entry_of(cursor));
+        }
+    }
+    return found;
+}
+
+tunnel_entry table_answers::tunnel_entry_of(uint32_t entry) const
+{
+    const shadow_table &shadow = context_.shadow;
+    const shadow_port &port = shadow.ports[shadow.entries[entry].port];
+    const shadow_link *device = shadow.find_link(port.key.ifindex);
+    const uint16_t bridge_id = port.domain != no_slot ? shadow.domains[port.domain].bridge_id : uint16_t{0};
+    return {bridge_id, port.xcid, objects_.domain_name(bridge_id), device != nullptr ? device->record.name : "",
+            shadow.record_of(entry)};
+}
+
+} // namespace forwarding

@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// Answers questions of other threads from the shadow table: where an address is, the entries in an order, ages, counts
+// of a port, and tunnel entries. Each question takes the plane's pending changes first.
+//
+// Threads: the cache thread, without the table lock. Other threads call it through on_cache_thread (asking.h).
+#pragma once
+
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "forwarding/feeder/changes.h"
+#include "forwarding/feeder/reading.h"
+
+namespace forwarding {
+
+// An entry at its place in an order. It has all that a caller needs to read the row and to query the plane.
+struct ordered_entry {
+    uint64_t value; // decides the order; equal values are ordered by slot
+    uint32_t slot;
+    uint32_t xcid;
+    uint16_t bridge_id;
+    bool ages; // whether it disappears by itself when it is not seen for the ageing time
+    int64_t updated_ms;
+    fdb_key key;
+};
+
+class table_answers {
+public:
+    table_answers(feed_context &context, const registry &objects, const entry_counters &counters, changes &live,
+                  const cache_feed &cache, doubt &questions);
+
+    // Returns the keys under which the plane may hold an address, in one bridge domain or in all (`bridge_id` 0). If
+    // the shadow table holds the address and is not degraded, these are its keys only. Otherwise there is one key for
+    // each bridge domain.
+    std::vector<fdb_key> places_of(const mac_address &mac, uint16_t bridge_id);
+    // Brings the shadow table up to date with the plane's answers for these keys. Adds a row for each entry that
+    // exists.
+    void confirm_places(std::span<const fdb_key> keys, std::span<const fdb_answer> answers, std::vector<mac_row> &rows);
+
+    // Returns the value that a new entry would have in an order.
+    uint64_t order_now(row_order order) const;
+    // Returns the first `max_entries` entries that come after `from`. The caller has set `from.began`.
+    std::vector<ordered_entry> select(row_order order, const order_position &from, uint32_t max_entries);
+    // Brings the shadow table up to date with the plane's answers to another thread's query. Returns how many keys had
+    // an answer that changed the entry's age or contradicted the shadow table.
+    size_t take_ages(std::span<const fdb_key> keys, std::span<const fdb_answer> answers);
+
+    // Returns the counters of a port, or nothing if there is no such port.
+    std::optional<edm_mac_counters_t> count_of_port(uint32_t xcid);
+
+    // Returns up to `max_entries` own entries of VXLAN devices. `cursor` is 0 at first; the call moves it behind the
+    // last slot that it looked at. Fewer than `max_entries` entries mean the end.
+    std::vector<tunnel_entry> tunnel_entries(uint32_t &cursor, size_t max_entries);
+
+private:
+    uint32_t find_living(const fdb_key &key) const;
+    bool take_age(const fdb_key &key, const fdb_answer &answer, size_t &changed);
+    void add_row(uint32_t entry, std::vector<mac_row> &rows);
+    uint64_t order_value(row_order order, uint32_t entry) const;
+    bool entry_ages(uint32_t entry) const;
+    ordered_entry ordered(uint64_t value, uint32_t entry) const;
+    tunnel_entry tunnel_entry_of(uint32_t entry) const;
+
+    feed_context &context_;
+    const registry &objects_;
+    const entry_counters &counters_;
+    changes &changes_;
+    const cache_feed &cache_;
+    doubt &doubt_;
+};
+
+} // namespace forwarding
