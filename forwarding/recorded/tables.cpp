@@ -20,9 +20,9 @@
 namespace forwarding {
 namespace {
 
-[[noreturn]] void refuse(const char *key, const std::string &expected)
+[[noreturn]] void refuse(std::string_view key, const std::string &expected)
 {
-    throw malformed(std::string("\"") + key + "\" is not " + expected);
+    throw malformed("\"" + std::string(key) + "\" is not " + expected);
 }
 
 // ---- Values of an element ----
@@ -38,13 +38,13 @@ struct object {
     const value *at;
 };
 
-const value *member(const object &of, const char *key)
+const value *member(const object &of, std::string_view key)
 {
     return of.at != nullptr ? of.in.member(*of.at, key) : nullptr;
 }
 
 // Returns an empty text if the member is missing.
-std::string_view text(const object &of, const char *key)
+std::string_view text(const object &of, std::string_view key)
 {
     const value *found = member(of, key);
     if (found == nullptr) {
@@ -56,7 +56,7 @@ std::string_view text(const object &of, const char *key)
     return of.in.text(*found);
 }
 
-std::string_view required_text(const object &of, const char *key)
+std::string_view required_text(const object &of, std::string_view key)
 {
     const std::string_view found = text(of, key);
     if (found.empty()) {
@@ -66,7 +66,7 @@ std::string_view required_text(const object &of, const char *key)
 }
 
 // Returns 0 if the member is missing.
-uint32_t number(const object &of, const char *key, uint32_t max)
+uint32_t number(const object &of, std::string_view key, uint32_t max)
 {
     const value *found = member(of, key);
     if (found == nullptr) {
@@ -79,7 +79,7 @@ uint32_t number(const object &of, const char *key, uint32_t max)
 }
 
 // Returns true for true and for a number other than 0; false if the member is missing.
-bool truth(const object &of, const char *key)
+bool truth(const object &of, std::string_view key)
 {
     const value *found = member(of, key);
     if (found != nullptr && found->kind != value_kind::truth && found->kind != value_kind::number) {
@@ -89,7 +89,7 @@ bool truth(const object &of, const char *key)
 }
 
 // Returns the bits of the words in a list of texts; other words have none. Returns 0 if the member is missing.
-uint8_t bits_of_words(const object &of, const char *key, std::span<const bit_name> names)
+uint8_t bits_of_words(const object &of, std::string_view key, std::span<const bit_name> names)
 {
     const value *list = member(of, key);
     if (list == nullptr) {
@@ -109,7 +109,7 @@ uint8_t bits_of_words(const object &of, const char *key, std::span<const bit_nam
     return bits;
 }
 
-mac_address to_mac(std::string_view value, const char *key)
+mac_address to_mac(std::string_view value, std::string_view key)
 {
     const auto mac = base::parse_mac(value);
     if (!mac) {
@@ -128,7 +128,7 @@ constexpr uint8_t link_up = 0x01;
 constexpr bit_name link_flag_names[] = {{"UP", link_up}};
 
 // The result has no members if the member is missing.
-object object_of(const object &of, const char *key)
+object object_of(const object &of, std::string_view key)
 {
     const value *found = member(of, key);
     if (found != nullptr && found->kind != value_kind::object) {
@@ -245,7 +245,7 @@ fdb_destination destination_of(const object &from)
     return destination;
 }
 
-uint32_t link_named(const object &from, const char *key, const link_numbers &links)
+uint32_t link_named(const object &from, std::string_view key, const link_numbers &links)
 {
     const auto found = links.find(required_text(from, key));
     if (found == links.end()) {
