@@ -147,6 +147,9 @@ public:
     bool ask(uint32_t bridge_id, const mac_address &mac, fdb_record &record);
     // As plane::query.
     void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) { plane_.query(keys, answers); }
+    // As the plane's functions of the same names.
+    void query_ages(std::span<const fdb_key> keys, std::span<fdb_answer> answers) { plane_.query_ages(keys, answers); }
+    void begin_ages() { plane_.begin_ages(); }
     bool ages_silently() const { return plane_.ages_silently(); }
     // Converts a time of the steady clock in ms to seconds since the epoch.
     int64_t epoch_seconds(int64_t steady_ms) const { return (steady_ms + epoch_offset_ms_) / 1000; }
