@@ -237,7 +237,8 @@ public:
     virtual void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) = 0;
 
     // As query, for readers of many ages. Only the presence, the key and the time of an answer's record count. They may
-    // be a second old, but not older than the latest begin_ages. Readers call begin_ages before their first question.
+    // be two seconds old, but not older than the latest begin_ages. Readers call begin_ages before their first
+    // question.
     virtual void query_ages(std::span<const fdb_key> keys, std::span<fdb_answer> answers) { query(keys, answers); }
     virtual void begin_ages() {}
 

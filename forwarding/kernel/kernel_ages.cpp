@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "forwarding/kernel/kernel_request.h"
 #include "forwarding/kernel/thread_time.h"
 
 namespace forwarding {
@@ -17,11 +16,17 @@ namespace {
 constexpr size_t dump_share = 16;
 constexpr size_t least_demand = 16; // entries
 
-// How far the cost of a dump may exceed the cost of questions about the entries that it has brought so far, in
-// nanoseconds: a few parts of a dump, which differ.
-constexpr int64_t allowed_loss_ns = 2'000'000;
+// A dump ends early when it has cost this many times the questions about all entries that it should bring: a bridge of
+// very many ports. The kernel walks over all entries of a bridge for each port.
+constexpr int64_t most_cost = 4;
+constexpr int64_t least_cost_ns = 2'000'000; // that a dump may have
 
 constexpr size_t least_slots = 64;
+
+bool is_worth_a_dump(size_t demand, size_t entries, size_t most)
+{
+    return entries <= most && demand >= std::max(least_demand, entries / dump_share);
+}
 
 constexpr uint64_t key_of_entry(const mac_address &mac, uint16_t vlan)
 {
@@ -97,8 +102,32 @@ void kernel_ages::note_size(uint32_t bridge, size_t entries)
     const base::scoped_lock hold(sizes_mutex_);
     if (sizes_.size() >= most_sizes) {
         sizes_.clear();
+        sizes_sum_ = 0;
     }
-    sizes_[bridge] = entries;
+    size_t &size = sizes_[bridge];
+    sizes_sum_ += entries - size;
+    size = entries;
+}
+
+void kernel_ages::forget_size(uint32_t bridge)
+{
+    const base::scoped_lock hold(sizes_mutex_);
+    if (const auto known = sizes_.extract(bridge); !known.empty()) {
+        sizes_sum_ -= known.mapped();
+    }
+}
+
+size_t kernel_ages::size_of(uint32_t bridge)
+{
+    const base::scoped_lock hold(sizes_mutex_);
+    const auto known = sizes_.find(bridge);
+    return known != sizes_.end() ? known->second : 0;
+}
+
+size_t kernel_ages::sizes_sum()
+{
+    const base::scoped_lock hold(sizes_mutex_);
+    return sizes_sum_;
 }
 
 void kernel_ages::note_questions(size_t count, int64_t ns)
@@ -114,15 +143,7 @@ bool kernel_ages::is_valid(const bridge_ages &of) const
     return of.taken.time_since_epoch().count() >= valid_from_ && clock::now() - of.taken < lifetime;
 }
 
-bool kernel_ages::is_worth_a_dump(uint32_t bridge, const bridge_ages &of)
-{
-    const base::scoped_lock hold(sizes_mutex_);
-    const auto known = sizes_.find(bridge);
-    const size_t size = known != sizes_.end() ? known->second : 0;
-    return size <= most_dumped && of.demand >= std::max(least_demand, size / dump_share);
-}
-
-// Makes room for the table of one more bridge.
+// Makes room for the tables of one more dump.
 void kernel_ages::make_room()
 {
     const auto now = clock::now();
@@ -132,7 +153,8 @@ void kernel_ages::make_room()
     swept_ = now;
     held_ = 0;
     std::erase_if(bridges_, [this, now](const auto &each) {
-        return !is_valid(each.second) && now - each.second.asked >= lifetime;
+        return !is_valid(each.second) && now - each.second.asked.asked >= lifetime
+               && now - each.second.gave_up >= pause;
     });
     for (auto &[bridge, ages] : bridges_) {
         if (!is_valid(ages) || held_ + ages.table.size() > most_held - most_dumped) {
@@ -166,16 +188,9 @@ void kernel_ages::answer(std::span<const fdb_key> keys, std::span<fdb_answer> an
 void kernel_ages::answer_bridge(std::span<const fdb_key> keys, std::span<fdb_answer> answers)
 {
     const uint32_t bridge = keys.front().holder;
-    const auto now = clock::now();
     bridge_ages &ages = bridges_[bridge];
-    if (!is_valid(ages)) {
-        ages.demand = keys.size() + (now - ages.asked < lifetime ? ages.demand : 0);
-        ages.asked = now;
-        if (!is_worth_a_dump(bridge, ages)) {
-            return;
-        }
-        make_room();
-        dump(bridge, ages);
+    if (!refresh(bridge, ages, keys.size())) {
+        return;
     }
     for (size_t at = 0; at < keys.size(); at++) {
         if (const int64_t *updated_ms = ages.table.find(keys[at].mac, keys[at].vlan)) {
@@ -189,38 +204,65 @@ void kernel_ages::answer_bridge(std::span<const fdb_key> keys, std::span<fdb_ans
     }
 }
 
-// ---- Dumps ----
-
+// Notes that a reader asks about `count` entries of a bridge, and dumps the bridge or all of them if that pays. Returns
+// false if the bridge's ages are not valid.
+//
 // A dump that ended early is read to its end before the next one, one part for each call: the kernel runs only one dump
 // at a time on a socket, and the socket cannot be made again, because the process may have left its network namespace.
-void kernel_ages::dump(uint32_t bridge, bridge_ages &to)
+bool kernel_ages::refresh(uint32_t bridge, bridge_ages &ages, size_t count)
 {
-    to.demand = 0;
-    to.table = {};
+    const auto now = clock::now();
+    for (demand *each : {&all_, &ages.asked}) {
+        each->entries = count + (now - each->asked < lifetime ? each->entries : 0);
+        each->asked = now;
+    }
+    if (is_valid(ages)) {
+        return true;
+    }
     if (is_dumping_) {
-        read_part(0, to.table);
-        return;
+        read_part();
+        return false;
     }
-    alignas(uint32_t) std::byte request[kernel_request_size];
-    to.taken = clock::now();
-    const size_t length = kernel_put_dump(request, ++sequence_, kernel_scope::bridge, bridge);
-    is_dumping_ = kernel_socket_send(socket_, std::span(request).first(length));
-    int64_t saved_ns = allowed_loss_ns; // by not asking about the entries
-    while (is_dumping_ && saved_ns >= 0 && to.table.size() < most_dumped) {
-        const int64_t began_ns = thread_time_ns();
-        const size_t before = to.table.size();
-        read_part(bridge, to.table);
-        saved_ns += static_cast<int64_t>(to.table.size() - before) * question_ns_ - (thread_time_ns() - began_ns);
+    const size_t size = size_of(bridge);
+    const size_t size_of_all = sizes_sum();
+    if (now - gave_up_ >= pause && is_worth_a_dump(all_.entries, size_of_all, most_dumped)) {
+        all_.entries = 0;
+        gave_up_ = ages.gave_up = dump(kernel_scope::entries, 0, size_of_all) ? clock::time_point() : now;
+    } else if (now - ages.gave_up >= pause && is_worth_a_dump(ages.asked.entries, size, most_dumped)) {
+        ages.asked.entries = 0;
+        ages.gave_up = dump(kernel_scope::bridge, bridge, size) ? clock::time_point() : now;
+        note_size(bridge, ages.table.size());
     }
-    held_ += to.table.size();
-    note_size(bridge, is_dumping_ ? SIZE_MAX : to.table.size());
+    return is_valid(ages);
 }
 
-void kernel_ages::read_part(uint32_t bridge, age_table &to)
+// ---- Dumps ----
+
+// `size` is the number of entries that the dump should bring. Returns false if questions about the entries that it
+// brought would have been cheaper.
+bool kernel_ages::dump(kernel_scope scope, uint32_t bridge, size_t size)
+{
+    make_room();
+    alignas(uint32_t) std::byte request[kernel_request_size];
+    began_ = clock::now();
+    added_ = 0;
+    const size_t length = kernel_put_dump(request, ++sequence_, scope, bridge);
+    const int64_t most_ns = std::max(least_cost_ns, most_cost * question_ns_ * static_cast<int64_t>(size));
+    const int64_t began_ns = thread_time_ns();
+    int64_t took_ns = 0;
+    is_dumping_ = kernel_socket_send(socket_, std::span(request).first(length));
+    while (is_dumping_ && took_ns < most_ns && added_ < most_dumped) {
+        read_part();
+        took_ns = thread_time_ns() - began_ns;
+    }
+    return took_ns < std::max(least_cost_ns, question_ns_ * static_cast<int64_t>(added_));
+}
+
+void kernel_ages::read_part()
 {
     std::span<const std::byte> datagram;
     switch (kernel_socket_read(socket_, buffer_, datagram)) {
-    case kernel_read::datagram: take_part(datagram, bridge, to); break;
+    case kernel_read::datagram: take_part(datagram); break;
     // The kernel makes the next part while one is read. If none is there, or one was lost, the end may never come.
     case kernel_read::empty:
     case kernel_read::overrun:
@@ -230,7 +272,7 @@ void kernel_ages::read_part(uint32_t bridge, age_table &to)
 }
 
 // Entries of an interrupted dump are as true as those of any other. Entries that it skipped are asked about.
-void kernel_ages::take_part(std::span<const std::byte> part, uint32_t bridge, age_table &to)
+void kernel_ages::take_part(std::span<const std::byte> part)
 {
     for (const kernel_clock now = kernel_clock_now(); kernel_decode(part, now, message_);) {
         if (message_.sequence != sequence_) {
@@ -238,10 +280,25 @@ void kernel_ages::take_part(std::span<const std::byte> part, uint32_t bridge, ag
         }
         const bool is_end = message_.kind == kernel_message_kind::done || message_.kind == kernel_message_kind::error;
         is_dumping_ = is_dumping_ && !is_end;
-        if (message_.kind == kernel_message_kind::fdb_changed && message_.fdb.master == bridge && !message_.fdb.self) {
-            to.put(message_.fdb.mac, message_.fdb.vlan, message_.fdb.updated_ms);
+        if (message_.kind == kernel_message_kind::fdb_changed && message_.fdb.master != 0 && !message_.fdb.self) {
+            take(message_.fdb);
         }
     }
+}
+
+// The first entry of a bridge in a dump replaces the bridge's table.
+void kernel_ages::take(const fdb_record &record)
+{
+    bridge_ages &ages = bridges_[record.master];
+    if (ages.taken != began_) {
+        held_ -= ages.table.size();
+        ages.table = {};
+        ages.taken = began_;
+    }
+    const size_t before = ages.table.size();
+    ages.table.put(record.mac, record.vlan, record.updated_ms);
+    held_ += ages.table.size() - before;
+    added_ += ages.table.size() - before;
 }
 
 } // namespace forwarding

@@ -11,14 +11,15 @@
 //      question, µs                    1.6        1.6        1.7       Linux 6.18, processor time of both sides
 //
 // A reader asks page by page and may stop after any page. So a bridge is dumped once readers have asked about a share
-// of its entries, and its ages then serve the following pages for `lifetime`. A dump ends early if its parts become
-// more expensive than questions, as in a bridge of many ports. Nothing depends on a dump being complete: the caller
-// asks about each entry that has no age here.
+// of its entries, and its ages then serve the following pages for `lifetime`. The kernel looks at all devices for each
+// dump. So once readers have asked about the same share of all entries, one dump takes the ages of all bridges.
+//
+// If a dump cost more than questions would have, the next one waits for a minute. Nothing depends on a dump being
+// complete: the caller asks about each entry that has no age here.
 //
 // Threads: any.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <span>
@@ -28,6 +29,7 @@
 #include "base/mutex.h"
 #include "base/result.h"
 #include "forwarding/kernel/kernel_decode.h"
+#include "forwarding/kernel/kernel_request.h"
 #include "forwarding/kernel/kernel_socket.h"
 #include "forwarding/plane.h"
 
@@ -59,8 +61,9 @@ public:
     // Call it in the plane's network namespace, before any other function. On error nothing can be asked.
     base::result open() L2FIB_EXCLUDES(mutex_);
 
-    // Notes how many entries a bridge holds, after a full dump of it.
+    // Notes how many entries a bridge holds, after a full dump of it, and that it is gone.
     void note_size(uint32_t bridge, size_t entries) L2FIB_EXCLUDES(sizes_mutex_);
+    void forget_size(uint32_t bridge) L2FIB_EXCLUDES(sizes_mutex_);
 
     // Notes the processor time that questions about `count` entries took, in nanoseconds.
     void note_questions(size_t count, int64_t ns);
@@ -75,28 +78,39 @@ public:
 private:
     using clock = std::chrono::steady_clock;
 
-    // How long ages serve. Answers show ages in seconds.
-    static constexpr auto lifetime = std::chrono::seconds(1);
+    // How long ages serve: a reader of 100,000 entries takes about a second on a busy machine.
+    static constexpr auto lifetime = std::chrono::seconds(2);
     // Larger bridges are not dumped.
     static constexpr size_t most_dumped = 131'072;
     // Entries of all tables together, in 32 to 64 bytes each. A part of a dump may add some hundred more.
     static constexpr size_t most_held = 2 * most_dumped;
-    // Bridges with a known size. As many as there are bridge ids; numbers of bridges that are gone stay until then.
+    // After a dump cost more than questions. Its cost depends on what else the machine does.
+    static constexpr auto pause = std::chrono::minutes(1);
+    // Bridges with a known size: as many as there are bridge ids.
     static constexpr size_t most_sizes = 65'536;
+
+    // Entries that readers asked about since the last dump, without a pause of `lifetime`.
+    struct demand {
+        size_t entries = 0;
+        clock::time_point asked = {}; // the last time
+    };
 
     struct bridge_ages {
         age_table table = {};
         clock::time_point taken = {}; // when the dump began
-        clock::time_point asked = {}; // when a reader asked last
-        size_t demand = 0;            // entries asked about since the last dump, without a pause of `lifetime`
+        demand asked = {};
+        clock::time_point gave_up = {}; // when a dump cost more than questions
     };
 
     bool is_valid(const bridge_ages &of) const;
     void answer_bridge(std::span<const fdb_key> keys, std::span<fdb_answer> answers) L2FIB_REQUIRES(mutex_);
-    bool is_worth_a_dump(uint32_t bridge, const bridge_ages &of) L2FIB_REQUIRES(mutex_) L2FIB_EXCLUDES(sizes_mutex_);
-    void dump(uint32_t bridge, bridge_ages &to) L2FIB_REQUIRES(mutex_) L2FIB_EXCLUDES(sizes_mutex_);
-    void read_part(uint32_t bridge, age_table &to) L2FIB_REQUIRES(mutex_);
-    void take_part(std::span<const std::byte> part, uint32_t bridge, age_table &to) L2FIB_REQUIRES(mutex_);
+    bool refresh(uint32_t bridge, bridge_ages &ages, size_t count) L2FIB_REQUIRES(mutex_);
+    size_t size_of(uint32_t bridge) L2FIB_EXCLUDES(sizes_mutex_);
+    size_t sizes_sum() L2FIB_EXCLUDES(sizes_mutex_);
+    bool dump(kernel_scope scope, uint32_t bridge, size_t size) L2FIB_REQUIRES(mutex_);
+    void read_part() L2FIB_REQUIRES(mutex_);
+    void take_part(std::span<const std::byte> part) L2FIB_REQUIRES(mutex_);
+    void take(const fdb_record &record) L2FIB_REQUIRES(mutex_);
     void make_room() L2FIB_REQUIRES(mutex_);
 
     std::atomic<int64_t> question_ns_ = 1600; // until the first one is measured
@@ -104,14 +118,19 @@ private:
 
     base::mutex sizes_mutex_; // held for a moment
     std::unordered_map<uint32_t, size_t> sizes_ L2FIB_GUARDED_BY(sizes_mutex_);
+    size_t sizes_sum_ L2FIB_GUARDED_BY(sizes_mutex_) = 0;
 
     base::mutex mutex_; // held during a dump, so never by the event manager's thread
     std::unordered_map<uint32_t, bridge_ages> bridges_ L2FIB_GUARDED_BY(mutex_);
-    size_t held_ L2FIB_GUARDED_BY(mutex_) = 0;              // entries of all tables, at most
-    clock::time_point swept_ L2FIB_GUARDED_BY(mutex_) = {}; // when invalid tables were last dropped
+    demand all_ L2FIB_GUARDED_BY(mutex_);
+    clock::time_point gave_up_ L2FIB_GUARDED_BY(mutex_) = {}; // when a dump of all bridges cost more than questions
+    size_t held_ L2FIB_GUARDED_BY(mutex_) = 0;                // entries of all tables
+    clock::time_point swept_ L2FIB_GUARDED_BY(mutex_) = {};   // when invalid tables were last dropped
     kernel_socket socket_ L2FIB_GUARDED_BY(mutex_);
-    uint32_t sequence_ L2FIB_GUARDED_BY(mutex_) = 0;   // of the latest dump
-    bool is_dumping_ L2FIB_GUARDED_BY(mutex_) = false; // the kernel has more parts of the latest dump
+    uint32_t sequence_ L2FIB_GUARDED_BY(mutex_) = 0;        // of the latest dump
+    clock::time_point began_ L2FIB_GUARDED_BY(mutex_) = {}; // likewise
+    size_t added_ L2FIB_GUARDED_BY(mutex_) = 0;             // entries that it brought
+    bool is_dumping_ L2FIB_GUARDED_BY(mutex_) = false;      // the kernel has more parts of the latest dump
     std::vector<std::byte> buffer_ L2FIB_GUARDED_BY(mutex_);
     kernel_message message_ L2FIB_GUARDED_BY(mutex_);
 };
