@@ -150,6 +150,9 @@ public:
     // As the plane's functions of the same names.
     void query_ages(std::span<const fdb_key> keys, std::span<fdb_answer> answers) { plane_.query_ages(keys, answers); }
     void begin_ages() { plane_.begin_ages(); }
+    // Counts answers with ages that the plane did not confirm. Any thread.
+    void note_old_ages() { old_ages_++; }
+    uint64_t old_ages() const { return old_ages_; }
     bool ages_silently() const { return plane_.ages_silently(); }
     // Converts a time of the steady clock in ms to seconds since the epoch.
     int64_t epoch_seconds(int64_t steady_ms) const { return (steady_ms + epoch_offset_ms_) / 1000; }
@@ -415,6 +418,7 @@ private:
     // Nothing has proven the shadow table since the latest doubt. The plane may be clean nevertheless.
     std::atomic<bool> is_unproven_{true};
     std::atomic<uint64_t> degradations_{0}, limitations_{0};
+    std::atomic<uint64_t> old_ages_{0};
     // An object waits for an id, or has got one and its entries are not all in the cache yet.
     std::atomic<bool> is_short_of_ids_{false};
 

@@ -239,10 +239,14 @@ ageing_rows ageing_rows_of(const row_page &page)
     return found;
 }
 
-// Sets the times of last sight of the rows at `places`, and drops the rows that the plane no longer holds.
+// Sets the times of last sight of the rows at `places`, and drops the rows that the plane no longer holds. A row about
+// which the plane does not answer keeps the time of the latest full dump or notification, and the answer is marked.
 void take_answers(feeder &feed, const std::vector<size_t> &places, const std::vector<fdb_answer> &answers,
                   row_page &page)
 {
+    if (std::ranges::find(answers, fdb_presence::unknown, &fdb_answer::presence) != answers.end()) {
+        feed.note_old_ages();
+    }
     std::vector<bool> has_gone(page.rows.size());
     for (size_t at = 0; at < places.size(); at++) {
         const fdb_answer &answer = answers[at];
