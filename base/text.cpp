@@ -172,17 +172,17 @@ std::string mac_text(std::span<const uint8_t> address)
 
 std::optional<std::array<uint8_t, mac_bytes>> parse_mac(std::string_view text)
 {
-    const bool has_dots = text.find('.') != std::string_view::npos;
-    const size_t digits = has_dots ? word_digits : byte_digits;
-    const auto parts = split(text, has_dots ? '.' : ':');
-    std::array<uint8_t, mac_bytes> address{};
-    if (parts.size() * digits != byte_digits * address.size()) {
+    const char separator = text.find('.') != std::string_view::npos ? '.' : ':';
+    const size_t digits = separator == '.' ? word_digits : byte_digits;
+    constexpr size_t all_digits = mac_bytes * byte_digits;
+    if (text.size() != all_digits + all_digits / digits - 1) {
         return std::nullopt;
     }
+    std::array<uint8_t, mac_bytes> address{};
     size_t at = 0;
-    for (const std::string_view part : parts) {
-        const auto number = parse_number(part, UINT16_MAX, hexadecimal);
-        if (part.size() != digits || !number) {
+    for (size_t from = 0; from < text.size(); from += digits + 1) {
+        const auto number = parse_number(text.substr(from, digits), UINT16_MAX, hexadecimal);
+        if (!number || (from != 0 && text[from - 1] != separator)) {
             return std::nullopt;
         }
         for (size_t left = digits / byte_digits; left-- > 0;) {

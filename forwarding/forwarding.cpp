@@ -387,12 +387,13 @@ struct worth {
     completeness state = completeness::degraded; // holds while nothing runs, because nothing proves the table then
     uint64_t degradations = 0;
     uint64_t limitations = 0;
+    uint64_t old_ages = 0;
 };
 
 worth worth_now()
 {
     worth now;
-    with_feeder([&](feeder &feed) { now = {feed.state(), feed.degradations(), feed.limitations()}; });
+    with_feeder([&](feeder &feed) { now = {feed.state(), feed.degradations(), feed.limitations(), feed.old_ages()}; });
     return now;
 }
 
@@ -410,12 +411,13 @@ completeness_watch::completeness_watch()
     at_first_ = now.state;
     degradations_ = now.degradations;
     limitations_ = now.limitations;
+    old_ages_ = now.old_ages;
 }
 
 completeness completeness_watch::worst() const
 {
     const worth now = worth_now();
-    if (now.degradations != degradations_) {
+    if (now.degradations != degradations_ || now.old_ages != old_ages_) {
         return completeness::degraded;
     }
     const completeness meanwhile = now.limitations != limitations_ ? completeness::limited : completeness::whole;
@@ -426,11 +428,16 @@ std::string completeness_watch::reason() const
 {
     std::string now = "the forwarding plane has ended";
     with_feeder([&](feeder &feed) { now = feed.reason(); });
-    if (now.empty() && worst() == completeness::degraded) {
-        return "changes of the forwarding plane were lost while the answer was made; a full dump has proven the table "
-               "since";
+    if (!now.empty() || worst() != completeness::degraded) {
+        return now.empty() && worst() == completeness::limited ? "the table lacked entries while the answer was made"
+                                                               : now;
     }
-    return now.empty() && worst() == completeness::limited ? "the table lacked entries while the answer was made" : now;
+    if (at_first_ != completeness::degraded && worth_now().degradations == degradations_) {
+        return "the forwarding plane did not confirm all ages: some addresses may have been seen later than shown; ask "
+               "again";
+    }
+    return "changes of the forwarding plane were lost while the answer was made; a full dump has proven the table "
+           "since";
 }
 
 uint16_t wait_seconds()

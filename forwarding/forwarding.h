@@ -103,7 +103,8 @@ release_report stop();
 enum class completeness : uint8_t {
     whole,
     limited,  // the plane holds entries that the table lacks: the table is full or refused them, or no id was left
-    degraded, // changes were lost and no full dump has proven the table since, or the first full dump is still running
+    degraded, // changes were lost and no full dump has proven the table since, the first full dump is still running, or
+              // the plane did not confirm an age that the answer shows
 };
 
 const char *text_of(completeness state);
@@ -128,6 +129,7 @@ private:
     completeness at_first_;
     uint64_t degradations_; // begun before the watch was created
     uint64_t limitations_;  // likewise
+    uint64_t old_ages_;     // answers with ages that the plane did not confirm, likewise
 };
 
 // How many seconds a request waits for the plane; 0 while nothing runs. Any thread.

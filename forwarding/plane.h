@@ -26,7 +26,7 @@
 // the same key. It reports a link before the entries on it.
 //
 // Threads. A plane and its sink run on the thread of the event manager that start was given. Any thread may call query,
-// health and lacks.
+// query_ages, begin_ages, health and lacks.
 //
 // Example:
 //
@@ -235,6 +235,12 @@ public:
     // may call it, with or without the table lock. Callers pass at most `query_batch` keys, because the plane may hold
     // a lock of its own meanwhile. A plane that is not started, or was stopped, answers `unknown`.
     virtual void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) = 0;
+
+    // As query, for readers of many ages. Only the presence, the key and the time of an answer's record count. They may
+    // be two seconds old, but not older than the latest begin_ages. Readers call begin_ages before their first
+    // question.
+    virtual void query_ages(std::span<const fdb_key> keys, std::span<fdb_answer> answers) { query(keys, answers); }
+    virtual void begin_ages() {}
 
     // True if the plane reports no change when it sees an entry's address again. The sink must query for ages then.
     virtual bool ages_silently() const { return false; }

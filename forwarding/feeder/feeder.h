@@ -28,6 +28,7 @@
 // Threads. Only the cache thread calls the feeder, without the table lock, except for the functions under "Any thread".
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <span>
@@ -88,6 +89,15 @@ public:
     bool ask(uint32_t bridge_id, const mac_address &mac, fdb_record &record);
     // As plane::query.
     void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) { context_.source.query(keys, answers); }
+    // As the plane's functions of the same names.
+    void query_ages(std::span<const fdb_key> keys, std::span<fdb_answer> answers)
+    {
+        context_.source.query_ages(keys, answers);
+    }
+    void begin_ages() { context_.source.begin_ages(); }
+    // Counts answers with ages that the plane did not confirm.
+    void note_old_ages() { old_ages_++; }
+    uint64_t old_ages() const { return old_ages_; }
     bool ages_silently() const { return context_.source.ages_silently(); }
     // Converts a time of the steady clock in ms to seconds since the epoch.
     int64_t epoch_seconds(int64_t steady_ms) const { return (steady_ms + context_.epoch_offset_ms) / 1000; }
@@ -147,6 +157,7 @@ private:
     sample sample_;
     resync_server resyncs_;
     table_answers answers_;
+    std::atomic<uint64_t> old_ages_{0};
 };
 
 } // namespace forwarding

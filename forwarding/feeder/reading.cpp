@@ -202,42 +202,83 @@ void complete_rows(feeder &feed, row_page &page)
     add_times(page);
 }
 
-std::vector<fdb_answer> ask_in_batches(feeder &feed, std::span<const fdb_key> keys)
+// Calls `ask(keys, answers)` for batches of the size that a plane takes.
+template <typename Ask>
+std::vector<fdb_answer> answers_in_batches(std::span<const fdb_key> keys, Ask ask)
 {
     std::vector<fdb_answer> answers(keys.size());
     for (size_t done = 0; done < keys.size(); done += query_batch) {
         const size_t count = std::min(query_batch, keys.size() - done);
-        feed.query(keys.subspan(done, count), std::span(answers).subspan(done, count));
+        ask(keys.subspan(done, count), std::span(answers).subspan(done, count));
     }
     return answers;
 }
 
-// For a plane that ages silently: asks it about the rows that age, sets their times of last sight, and drops the rows
-// that it no longer holds. Flood lists, under the zero address, are left out: they do not age, and no bridge holds
-// them.
-void refresh_rows(feeder &feed, row_page &page)
+std::vector<fdb_answer> ask_in_batches(feeder &feed, std::span<const fdb_key> keys)
 {
+    return answers_in_batches(keys, [&feed](auto some, auto answers) { feed.query(some, answers); });
+}
+
+// The rows that age, and the keys by which to ask the plane about them.
+struct ageing_rows {
+    std::vector<size_t> places;
     std::vector<fdb_key> keys;
-    std::vector<size_t> asked;
+};
+
+// Flood lists, under the zero address, are left out: they do not age, and no bridge holds them.
+ageing_rows ageing_rows_of(const row_page &page)
+{
+    ageing_rows found;
     for (size_t at = 0; at < page.rows.size(); at++) {
         const mac_row &row = page.rows[at];
         const domain_view *domain = page.objects->find_domain(row.bridge_id);
         if ((row.flags & ageless) == 0 && row.mac != mac_address{} && domain != nullptr) {
-            keys.push_back({domain->bridge_ifindex, false, domain->vlan, 0, row.mac, {}});
-            asked.push_back(at);
+            found.keys.push_back({domain->bridge_ifindex, false, domain->vlan, 0, row.mac, {}});
+            found.places.push_back(at);
         }
     }
-    const std::vector<fdb_answer> answers = ask_in_batches(feed, keys);
+    return found;
+}
+
+// Sets the times of last sight of the rows at `places`, and drops the rows that the plane no longer holds. A row about
+// which the plane does not answer keeps the time of the latest full dump or notification, and the answer is marked.
+void take_answers(feeder &feed, const std::vector<size_t> &places, const std::vector<fdb_answer> &answers,
+                  row_page &page)
+{
+    if (std::ranges::find(answers, fdb_presence::unknown, &fdb_answer::presence) != answers.end()) {
+        feed.note_old_ages();
+    }
     std::vector<bool> has_gone(page.rows.size());
-    for (size_t at = 0; at < asked.size(); at++) {
+    for (size_t at = 0; at < places.size(); at++) {
         const fdb_answer &answer = answers[at];
-        has_gone[asked[at]] = answer.presence == fdb_presence::absent;
+        has_gone[places[at]] = answer.presence == fdb_presence::absent;
         if (answer.presence == fdb_presence::present && answer.record.updated_ms != 0) {
-            page.rows[asked[at]].last_seen = feed.epoch_seconds(answer.record.updated_ms);
+            page.rows[places[at]].last_seen = feed.epoch_seconds(answer.record.updated_ms);
         }
     }
     size_t at = 0;
     std::erase_if(page.rows, [&](const mac_row &) { return has_gone[at++]; });
+}
+
+// For a plane that ages silently: asks it about the rows that age.
+void refresh_rows(feeder &feed, row_page &page)
+{
+    const ageing_rows ageing = ageing_rows_of(page);
+    take_answers(feed, ageing.places, ask_in_batches(feed, ageing.keys), page);
+}
+
+// As refresh_rows, for one page of many.
+void refresh_page(feeder &feed, row_page &page)
+{
+    const ageing_rows ageing = ageing_rows_of(page);
+    const auto ask = [&feed](auto keys, auto answers) { feed.query_ages(keys, answers); };
+    take_answers(feed, ageing.places, answers_in_batches(std::span(ageing.keys), ask), page);
+}
+
+// True for the position of a read that begins: ahead of all rows.
+bool is_begin(const row_position &from)
+{
+    return !from.holds_row && from.bridge_id == 0 && from.xcid == 0;
 }
 
 } // namespace
@@ -303,8 +344,11 @@ row_page read_rows(const row_filter &filter, const row_position &from, uint32_t 
             follows = read_ports(filter, at, page, most);
         }
         page.more = follows;
+        if (is_begin(from)) {
+            feed.begin_ages();
+        }
         if (feed.ages_silently()) {
-            refresh_rows(feed, page);
+            refresh_page(feed, page);
         }
         complete_rows(feed, page);
     });

@@ -139,6 +139,7 @@ bool kernel_plane::request_current()
 {
     alignas(uint32_t) std::byte request[kernel_request_size];
     full_dump_open_window(dump_);
+    dumped_ = 0;
     const size_t length = kernel_put_dump(request, ++sequence_, dump_.current.scope, dump_.current.ifindex);
     return kernel_socket_send(dumps_, std::span(request).first(length));
 }
@@ -251,6 +252,7 @@ void kernel_plane::take_dumped_port(const kernel_message &message)
 
 void kernel_plane::take_dumped_entry(const fdb_record &record)
 {
+    dumped_++;
     if (is_reported(record) && full_dump_believes(dump_, record)) {
         counters_.events++;
         note_next_hop(record);
@@ -274,6 +276,9 @@ void kernel_plane::end_dump(int error)
     // A kernel that cannot dump the VLANs of its bridges has no map.
     const bool is_without_map = current.scope == kernel_scope::vlan_vnis && error == EOPNOTSUPP;
     dump_.disturbed |= error != 0 && !is_without_map;
+    if (current.scope == kernel_scope::bridge && error == 0) {
+        ages_.note_size(current.ifindex, dumped_);
+    }
     const bool is_proven = is_gone(current) || full_dump_close_window(dump_);
     (is_proven ? counters_.dumps_clean : counters_.dumps_unclean)++;
     if (!is_proven && !needs_full_dump_ && full_dump_may_repeat(dump_) && request_current()) {

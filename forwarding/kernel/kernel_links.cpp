@@ -61,6 +61,7 @@ void kernel_plane::take_link_gone(uint32_t ifindex)
     const auto known = links_.extract(ifindex);
     full_dump_note_link(dump_, ifindex);
     forget_early(ifindex);
+    ages_.forget_size(ifindex);
     sink_->link_gone(ifindex);
     if (!known.empty()) {
         full_dump_note_port_left(dump_, known.mapped().record.master);

@@ -11,6 +11,7 @@
 
 #include "forwarding/kernel/kernel_plane_internal.h"
 #include "forwarding/kernel/kernel_privileges.h"
+#include "forwarding/kernel/thread_time.h"
 #include "host/event/event_host.h"
 
 namespace forwarding {
@@ -38,6 +39,9 @@ base::result kernel_plane::open(uint32_t receive_buffer)
         }
     }
     kernel_socket_resize(notifications_, receive_buffer);
+    if (base::result opened = ages_.open(); !opened.ok()) {
+        return opened;
+    }
     const base::scoped_lock hold(query_mutex_);
     return kernel_querier_open(querier_);
 }
@@ -169,6 +173,39 @@ void kernel_plane::query(std::span<const fdb_key> keys, std::span<fdb_answer> an
     kernel_query(querier_, keys, answers);
     counters_.refused += std::exchange(querier_.refused, 0);
     lacks_questions_ = querier_.is_unsupported;
+}
+
+bool kernel_plane::query_allowed()
+{
+    const base::scoped_lock hold(query_mutex_);
+    return may_query_;
+}
+
+void kernel_plane::query_ages(std::span<const fdb_key> keys, std::span<fdb_answer> answers)
+{
+    std::ranges::fill(answers, fdb_answer{});
+    if (!query_allowed()) {
+        return;
+    }
+    ages_.answer(keys, answers);
+    std::vector<fdb_key> rest;
+    for (size_t at = 0; at < keys.size(); at++) {
+        if (answers[at].presence == fdb_presence::unknown) {
+            rest.push_back(keys[at]);
+        }
+    }
+    if (rest.empty()) {
+        return;
+    }
+    std::vector<fdb_answer> found(rest.size());
+    const int64_t began = thread_time_ns();
+    query(rest, found);
+    ages_.note_questions(rest.size(), thread_time_ns() - began);
+    for (size_t at = 0, next = 0; next < found.size(); at++) {
+        if (answers[at].presence == fdb_presence::unknown) {
+            answers[at] = found[next++];
+        }
+    }
 }
 
 std::unique_ptr<plane> make_kernel_plane(const kernel_options &options)

@@ -3,8 +3,8 @@
 // The class behind make_kernel_plane. Only the sources of this room include this header; kernel_plane.h lists what each
 // of them implements.
 //
-// Threads. Everything runs on the event manager's thread, except for query, health and lacks, which any thread may
-// call.
+// Threads. Everything runs on the event manager's thread, except for query, query_ages, begin_ages, health and lacks,
+// which any thread may call.
 #pragma once
 
 #include <atomic>
@@ -19,6 +19,7 @@
 
 #include "base/mutex.h"
 #include "forwarding/kernel/full_dump.h"
+#include "forwarding/kernel/kernel_ages.h"
 #include "forwarding/kernel/kernel_decode.h"
 #include "forwarding/kernel/kernel_plane.h"
 #include "forwarding/kernel/kernel_query.h"
@@ -39,6 +40,8 @@ public:
     base::result start(event_manager_t *evm, sink &to) override;
     void drain() override;
     void query(std::span<const fdb_key> keys, std::span<fdb_answer> answers) override L2FIB_EXCLUDES(query_mutex_);
+    void query_ages(std::span<const fdb_key> keys, std::span<fdb_answer> answers) override L2FIB_EXCLUDES(query_mutex_);
+    void begin_ages() override { ages_.expire(); }
     bool ages_silently() const override { return true; }
     void request_full_dump() override;
     plane_health health() const override;
@@ -76,6 +79,7 @@ private:
     base::result open(uint32_t receive_buffer) L2FIB_EXCLUDES(query_mutex_);
     base::result attach();
     void allow_queries(bool allowed) L2FIB_EXCLUDES(query_mutex_);
+    bool query_allowed() L2FIB_EXCLUDES(query_mutex_);
     void run(void (kernel_plane::*work)());
 
     // ---- kernel_changes.cpp ----
@@ -164,6 +168,7 @@ private:
 
     full_dump dump_;
     uint32_t sequence_ = 0;        // of the latest dump
+    size_t dumped_ = 0;            // entries of the latest dump
     bool needs_full_dump_ = false; // a full dump that began before now cannot make the plane clean
     bool was_requested_ = false;   // request_full_dump was called since the last full dump began
     uint32_t doublings_ = 0;       // of the pause before the next full dump
@@ -172,6 +177,8 @@ private:
     steady_clock::time_point began_;
     steady_clock::time_point ended_;
     steady_clock::duration took_{}; // the last full dump
+
+    kernel_ages ages_; // has locks of its own
 
     base::mutex query_mutex_;
     kernel_querier querier_ L2FIB_GUARDED_BY(query_mutex_);

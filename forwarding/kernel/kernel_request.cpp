@@ -39,11 +39,14 @@ size_t put_link_dump(std::span<std::byte> buffer, uint32_t sequence, unsigned ch
     return head->nlmsg_len;
 }
 
+// A filter of NDA_UNSPEC lets all entries pass.
 size_t put_entry_dump(std::span<std::byte> buffer, uint32_t sequence, uint16_t filter, uint32_t ifindex)
 {
     nlmsghdr *const head = put_header(buffer, RTM_GETNEIGH, NLM_F_DUMP, sequence);
     put_extra_header<ndmsg>(head).ndm_family = AF_BRIDGE;
-    mnl_attr_put_u32(head, filter, ifindex);
+    if (filter != NDA_UNSPEC) {
+        mnl_attr_put_u32(head, filter, ifindex);
+    }
     return head->nlmsg_len;
 }
 
@@ -55,6 +58,7 @@ size_t kernel_put_dump(std::span<std::byte> buffer, uint32_t sequence, kernel_sc
     case kernel_scope::links: return put_link_dump(buffer, sequence, AF_UNSPEC, skip_statistics);
     case kernel_scope::vlan_vnis: return put_link_dump(buffer, sequence, AF_BRIDGE, RTEXT_FILTER_BRVLAN_COMPRESSED);
     case kernel_scope::bridge: return put_entry_dump(buffer, sequence, NDA_MASTER, ifindex);
+    case kernel_scope::entries: return put_entry_dump(buffer, sequence, NDA_UNSPEC, 0);
     default: return put_entry_dump(buffer, sequence, NDA_IFINDEX, ifindex);
     }
 }

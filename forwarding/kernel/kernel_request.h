@@ -24,6 +24,7 @@ enum class kernel_scope : uint8_t {
     vlan_vnis, // the VLANs and VLAN-to-VNI maps of all bridge ports
     bridge,    // the bridge's entries, and the own entries of its ports
     device,    // the device's own entries, and its bridge's entries on it
+    entries,   // of all bridges and devices
 };
 
 // `sequence` comes back in every message of the reply. `ifindex` is the bridge or device, ignored for other scopes.

@@ -418,6 +418,12 @@ TEST_F(recording, MalformedTablesAreNamed)
         {"links.json", R"([{"ifindex":1,"ifname":"a"},{"ifindex":1,"ifname":"b"}])", "\"ifindex\" is not unique"},
         {"links.json", R"([{"ifindex":1,"ifname":"a","linkinfo":7}])", "\"linkinfo\" is not an object"},
         {"fdb.json", "[7]", "fdb.json: element 0: is not an object"},
+        {"fdb.json", "[[{}]]", "fdb.json: element 0: is not an object"},
+        {"fdb.json", "7", "fdb.json: is not a list"},
+        {"fdb.json", "", "fdb.json: is not JSON"},
+        {"fdb.json", "[\n  {\"mac\" 7}]", "line 2, column 10"},
+        {"fdb.json", "[\"a\xff\"]", "invalid string: ill-formed UTF-8"},
+        {"fdb.json", "[]\n[]", "line 2, column 1"},
         {"fdb.json", R"([{"ifname":"p1"}])", "\"mac\" is not there"},
         {"fdb.json", R"([{"mac":"02:00:00:00:00:0g"}])", "address of six bytes"},
         {"fdb.json", R"([{"mac":"02:00:00:00:00:01","ifname":"x"}])", "\"ifname\" is not the name of a link"},
@@ -436,6 +442,11 @@ TEST_F(recording, MalformedTablesAreNamed)
         EXPECT_THAT(result.text, HasSubstr(each.expected));
         EXPECT_THAT(result.text, HasSubstr(directory));
     }
+    const std::string entry = R"({"mac":"02:00:00:00:00:01","ifname":"p1","master":"br0"})";
+    write("fdb.json", "[" + entry + "," + entry.substr(0, 30));
+    EXPECT_THAT(load_recorded_plane(directory, loaded).text, HasSubstr("is not JSON")); // cut off
+    write("fdb.json", R"([{"x":")" + std::string(17 << 20, 'x') + "\"}]");
+    EXPECT_THAT(load_recorded_plane(directory, loaded).text, HasSubstr("element 0: its texts are longer"));
     EXPECT_THAT(load_recorded_plane("/nowhere", loaded).text, HasSubstr("/nowhere/links.json: cannot be read"));
     EXPECT_EQ(loaded, nullptr);
 }
@@ -1368,6 +1379,50 @@ struct naive_shadow_table : sink {
     std::map<fdb_key, uint32_t> holds;
     std::vector<fdb_key> events;
 };
+
+TEST_F(recording, AnswersByKeyWhateverTheOrderOfTheFile)
+{
+    write("links.json", R"([{"ifindex":1,"ifname":"br0"},{"ifindex":2,"ifname":"p1"},{"ifindex":3,"ifname":"v"}])");
+    const char *const entries[] = {
+        R"({"mac":"00:00:00:00:00:00","ifname":"v","flags":["self"],"dst":"10.0.0.2"})",
+        R"({"mac":"02:00:00:00:00:02","ifname":"v","flags":["sticky","unknown"],"master":"br0","x":[{"y":[]},1.5,null]})",
+        R"({"mac":"02:00:00:00:00:01","ifname":"p1","master":"br0","vlan":9,"vlan":7,"updated":60})",
+        R"({"mac":"00:00:00:00:00:00","ifname":"v","flags":["self"],"dst":"10.0.0.1"})",
+        R"({"mac":"02:00:00:00:00:01","ifname":"p1","master":"br0"})",
+    };
+    std::string list;
+    for (const char *each : entries) {
+        list += (list.empty() ? "[" : ",") + std::string(each);
+    }
+    write("fdb.json", list + "]");
+    std::unique_ptr<plane> loaded;
+    ASSERT_EQ(load_recorded_plane(directory, loaded).text, "");
+    struct : naive_shadow_table {
+        void fdb_changed(const fdb_record &record) override { records[key_of(record)] = record; }
+        std::map<fdb_key, fdb_record> records;
+    } copy;
+    ASSERT_TRUE(loaded->start(nullptr, copy).ok());
+    std::vector<fdb_key> keys;
+    for (const auto &[key, record] : copy.records) {
+        keys.push_back(key);
+    }
+    ASSERT_EQ(keys.size(), std::size(entries));
+    EXPECT_EQ(keys[2].vlan, 7); // of two members with one name the last one counts
+    EXPECT_EQ(copy.records[keys[1]].flags, fdb_sticky);
+    keys.push_back({.holder = 1, .mac = mac(3)});
+    std::vector<fdb_answer> answers(keys.size());
+    loaded->query(keys, answers);
+    for (size_t at = 0; at + 1 < keys.size(); at++) {
+        ASSERT_EQ(answers[at].presence, fdb_presence::present);
+        EXPECT_EQ(answers[at].record, copy.records[keys[at]]);
+    }
+    EXPECT_EQ(answers.back().presence, fdb_presence::absent);
+    const int64_t now =
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+            .count();
+    EXPECT_NEAR(static_cast<double>(now - answers[2].record.updated_ms), 60'000, 10'000);
+    EXPECT_EQ(answers[0].record.updated_ms, 0);
+}
 
 TEST(GeneratedPlane, ChurnsTheSameForASeedAndAnswersAsItReported)
 {

@@ -3,6 +3,7 @@
 // The kernel's plane on real bridges and VXLAN devices, in network namespaces of the test's own. Its reports are
 // compared with the output of the system's own tool.
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -536,6 +537,62 @@ TEST_F(KernelPlane, AnswersForSingleEntries)
     live.kernel->stop();
     live.kernel->query({keys.data(), 1}, {answers.data(), 1});
     EXPECT_EQ(answers[0].presence, fdb_presence::unknown);
+}
+
+TEST_F(KernelPlane, AgesOfAWholeBridgeAreNeverOlderThanTheirReader)
+{
+    run("link add br1 type bridge\nlink add p1 type veth peer name q1\nlink set p1 master br1\n"
+        "fdb add 02:00:02:00:00:01 dev p1 master static");
+    run_fdb("add", 0, 2000);
+    running_plane live;
+    ASSERT_TRUE(live.serve_until_clean());
+    std::vector<fdb_key> keys;
+    for (const auto &[key, record] : live.copy.entries) {
+        keys.push_back(key);
+    }
+    ASSERT_GT(keys.size(), 2000U);
+    std::vector<fdb_answer> ages(keys.size());
+    const auto ask = [&] { live.kernel->query_ages(keys, ages); };
+    const auto count = [&ages](fdb_presence presence) {
+        return std::ranges::count(ages, presence, &fdb_answer::presence);
+    };
+    for (int round = 0; round < 2;
+         round++) { // the first round asks about the entries or dumps them, the second one has the ages
+        live.kernel->begin_ages();
+        ask();
+        ask();
+        ASSERT_EQ(count(fdb_presence::present), std::ssize(keys));
+    }
+    std::vector<fdb_answer> single(keys.size());
+    live.kernel->query(keys, single);
+    for (size_t at = 0; at < keys.size(); at++) {
+        const bool is_permanent = (single[at].record.state & fdb_permanent) != 0;
+        EXPECT_TRUE(is_permanent || std::abs(ages[at].record.updated_ms - single[at].record.updated_ms) <= 20)
+            << text_of(keys[at].mac);
+    }
+
+    const auto changed = steady_clock::now();
+    run_fdb("del", 0, 500);
+    run_fdb("replace", 500, 600); // seen again
+    run("link del br1");
+    live.kernel->begin_ages();
+    ask();
+    for (size_t at = 0; at < keys.size(); at++) {
+        const int number = keys[at].mac[2] == 1 ? keys[at].mac[4] * 256 + keys[at].mac[5] : -1;
+        if (keys[at].holder == live.index("br1")) { // gone, so the kernel may refuse the question
+            EXPECT_NE(ages[at].presence, fdb_presence::present) << text_of(keys[at].mac);
+            continue;
+        }
+        const bool is_gone = number >= 0 && number < 500;
+        EXPECT_EQ(ages[at].presence, is_gone ? fdb_presence::absent : fdb_presence::present) << text_of(keys[at].mac);
+        if (number >= 500 && number < 600) {
+            const auto seen = steady_clock::time_point(std::chrono::milliseconds(ages[at].record.updated_ms));
+            EXPECT_GT(seen, changed - std::chrono::milliseconds(20)) << text_of(keys[at].mac);
+        }
+    }
+    live.kernel->stop();
+    ask();
+    EXPECT_EQ(count(fdb_presence::unknown), std::ssize(keys));
 }
 
 TEST_F(KernelPlane, LooksIntoTheNamespaceItIsGiven)

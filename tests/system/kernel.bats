@@ -240,3 +240,38 @@ bridges()
     leaf ip link del many
     same_as_kernel
 }
+
+# The seconds since each address of a port was last seen, from the kernel or from l2fibctl.
+ages()
+{
+    case $1 in
+        kernel) leaf bridge -j -s fdb show brport "$2" | jq --raw-output '.[] | select(.master) | "\(.mac) \(.updated)"' ;;
+        ours) ctl --json-lines show mac --port "$2" | jq --raw-output '"\(."mac-address") \(.age)"' ;;
+    esac | grep '^02:aa' | sort
+}
+
+@test "all ages of a large bridge are the kernel's, also while addresses are seen again" {
+    local -r at=$BATS_TEST_TMPDIR
+    add_port aged
+    leaf ip link set aged-peer up
+    local tries
+    for ((tries = 0; tries < 100; tries++)); do
+        leaf bridge fdb replace 02:aa:ff:00:00:00 dev aged master dynamic && break
+        sleep 0.1
+    done
+    seq 1 70000 | awk '{ printf "fdb add 02:aa:%02x:%02x:%02x:00 dev aged master dynamic\n", $1 / 65536, $1 / 256 % 256, $1 % 256 }' |
+        leaf bridge -batch -
+    sleep 3
+    local round
+    for round in 1 2; do
+        seq "$round" 2 70000 | awk '{ printf "fdb replace 02:aa:%02x:%02x:%02x:00 dev aged master dynamic\n", $1 / 65536, $1 / 256 % 256, $1 % 256 }' |
+            leaf bridge -batch -
+        ages kernel aged >"$at/kernel"
+        ages ours aged >"$at/ours"
+        [ "$(wc -l <"$at/kernel")" -eq 70001 ]
+        # Between the two readings up to two seconds pass.
+        join "$at/kernel" "$at/ours" | awk '$3 < $2 || $3 > $2 + 2 { print; wrong++ } END { exit NR != 70001 || wrong != 0 }' |
+            head -n 5
+    done
+    leaf ip link del aged
+}
