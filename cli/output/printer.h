@@ -16,18 +16,12 @@
 #include <string>
 #include <string_view>
 
+#include "cli/options.h"
 #include "cli/output/output.h"
 #include "cli/query/json.h"
 #include "cli/query/resources.h"
 
 namespace l2fibctl {
-
-enum class form : uint8_t {
-    text,
-    json,       // one array; of a record, its object
-    json_lines, // one item per line
-    bridge_json // one array of entries that bridge_form.h made
-};
 
 class item_printer {
 public:

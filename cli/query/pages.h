@@ -22,8 +22,8 @@
 
 #include "cli/failure.h"
 #include "cli/options.h"
-#include "cli/output/completeness.h"
-#include "cli/output/output.h"
+#include "cli/progress.h"
+#include "cli/query/completeness.h"
 #include "cli/query/http.h"
 #include "cli/query/json.h"
 
