@@ -12,8 +12,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
-#include <string>
 #include <string_view>
 
 #include "cli/options.h"
@@ -35,7 +33,7 @@ public:
     // Gives the items that follow the member `scope_member`, which the daemon does not send.
     void set_scope(std::string_view text);
 
-    void item(const json_value &value);
+    void item(json_value value);
 
     // Prints an item that is already JSON.
     void ready_item(std::string_view json);
@@ -48,14 +46,16 @@ public:
 private:
     bool in_array() const;
     std::string_view separator() const;
+    std::string_view terminator() const;
+    void end_item();
 
     form shown_as_;
     const resource &resource_;
     output &out_;
     uint64_t items_ = 0;
-    simdjson::dom::parser scope_parser_;
-    std::optional<json_value> scope_;
-    std::string line_; // a member so that all items use the same memory
+    text_buffer scope_text_; // JSON
+    json_document scope_document_;
+    json_value scope_;
 };
 
 } // namespace l2fibctl

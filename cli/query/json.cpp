@@ -2,8 +2,9 @@
 
 #include "cli/query/json.h"
 
-#include <algorithm>
+#include <boost/json/basic_parser_impl.hpp>
 #include <charconv>
+#include <cmath>
 #include <nlohmann/json.hpp>
 
 #include "cli/failure.h"
@@ -12,9 +13,10 @@ namespace l2fibctl {
 
 namespace {
 
-using simdjson::dom::element_type;
+namespace parsing = boost::json;
 
 constexpr size_t max_number_length = 32; // the longest number, a double, needs 24 characters
+constexpr size_t max_depth = 1023;       // of arrays and objects inside each other
 constexpr int in_one_line = -1;          // nlohmann's indentation
 
 // Returns whether JSON can hold the character without an escape.
@@ -24,37 +26,156 @@ bool is_plain(char c)
 }
 
 template <typename Number>
-void put_number(std::string &to, Number number)
+void put_number(text_buffer &to, Number number)
 {
-    char digits[max_number_length];
-    to.append(digits, std::to_chars(digits, digits + sizeof(digits), number).ptr);
+    char *digits = to.room_for(max_number_length);
+    to.end_at(std::to_chars(digits, digits + max_number_length, number).ptr);
 }
 
-void put_array(std::string &to, const simdjson::dom::array &values)
+void put_array(text_buffer &to, json_value array)
 {
-    std::string_view separator = "[";
-    for (const json_value value : values) {
-        to += separator;
-        put_value(to, value);
-        separator = ",";
+    char separator = '[';
+    for (json_value element = array.first(); element != array.end(); element = element.next()) {
+        to.put(separator);
+        put_value(to, element);
+        separator = ',';
     }
-    to += separator == "[" ? "[]" : "]";
+    to.put(array.is_empty() ? "[]" : "]");
 }
 
-void put_object(std::string &to, const simdjson::dom::object &members)
+void put_object(text_buffer &to, json_value object)
 {
-    std::string_view separator = "{";
-    for (const auto &[name, value] : members) {
-        to += separator;
-        put_text(to, name);
-        to += ':';
-        put_value(to, value);
-        separator = ",";
+    char separator = '{';
+    for (json_value name = object.first(); name != object.end(); name = name.next().next()) {
+        to.put(separator);
+        put_text(to, name.text());
+        to.put(':');
+        put_value(to, name.next());
+        separator = ',';
     }
-    to += separator == "{" ? "{}" : "}";
+    to.put(object.is_empty() ? "{}" : "}");
 }
 
 } // namespace
+
+// The functions that the parser calls for each element, in the order of the text. A function that returns false sets
+// the error with which the parser stops.
+struct json_document::builder {
+    using text_part = parsing::string_view;
+    using parse_error = parsing::error_code;
+
+    // The sizes are limited by the size of a body.
+    static constexpr size_t max_object_size = SIZE_MAX;
+    static constexpr size_t max_array_size = SIZE_MAX;
+    static constexpr size_t max_key_size = SIZE_MAX;
+    static constexpr size_t max_string_size = SIZE_MAX;
+
+    json_document &to;
+    std::string_view source;
+    std::string parts = {}; // of the text or number that has not ended
+
+    bool add(json_kind kind, json_node::content value, size_t size = 1)
+    {
+        to.nodes_.push_back({value, static_cast<uint32_t>(size), kind});
+        return true;
+    }
+
+    bool open(json_kind kind)
+    {
+        to.open_.push_back(to.nodes_.size());
+        return add(kind, {.natural = 0});
+    }
+
+    bool close()
+    {
+        const size_t start = to.open_.back();
+        to.open_.pop_back();
+        to.nodes_[start].size = static_cast<uint32_t>(to.nodes_.size() - start);
+        return true;
+    }
+
+    bool add_part(text_part part)
+    {
+        parts += part;
+        return true;
+    }
+
+    // Whether the parser found the text as it is, without escapes.
+    bool is_in_source(text_part text) const
+    {
+        const std::less_equal<> is_before;
+        return is_before(source.data(), text.data())
+               && is_before(text.data() + text.size(), source.data() + source.size());
+    }
+
+    bool add_text(text_part last_part)
+    {
+        std::string_view text = last_part;
+        if (!parts.empty() || !is_in_source(last_part)) {
+            parts += last_part;
+            text = to.unescaped_.emplace_back(std::exchange(parts, {}));
+        }
+        return add(json_kind::text, {.text = text.data()}, text.size());
+    }
+
+    bool on_document_begin(parse_error & /*error*/) { return true; }
+    bool on_document_end(parse_error & /*error*/) { return true; }
+    bool on_object_begin(parse_error & /*error*/) { return open(json_kind::object); }
+    bool on_object_end(size_t /*count*/, parse_error & /*error*/) { return close(); }
+    bool on_array_begin(parse_error & /*error*/) { return open(json_kind::array); }
+    bool on_array_end(size_t /*count*/, parse_error & /*error*/) { return close(); }
+    bool on_key_part(text_part part, size_t /*size*/, parse_error & /*error*/) { return add_part(part); }
+    bool on_key(text_part part, size_t /*size*/, parse_error & /*error*/) { return add_text(part); }
+    bool on_string_part(text_part part, size_t /*size*/, parse_error & /*error*/) { return add_part(part); }
+    bool on_string(text_part part, size_t /*size*/, parse_error & /*error*/) { return add_text(part); }
+    bool on_number_part(text_part part, parse_error & /*error*/) { return add_part(part); }
+    bool on_bool(bool value, parse_error & /*error*/) { return add(json_kind::boolean, {.boolean = value}); }
+    bool on_null(parse_error & /*error*/) { return add(json_kind::null, {.natural = 0}); }
+    bool on_comment_part(text_part /*part*/, parse_error & /*error*/) { return true; }
+    bool on_comment(text_part /*part*/, parse_error & /*error*/) { return true; }
+
+    bool on_uint64(uint64_t value, text_part /*part*/, parse_error & /*error*/)
+    {
+        parts.clear();
+        return add(json_kind::natural, {.natural = value});
+    }
+
+    bool on_int64(int64_t value, text_part /*part*/, parse_error & /*error*/)
+    {
+        parts.clear();
+        return value < 0 ? add(json_kind::negative, {.negative = value})
+                         : add(json_kind::natural, {.natural = static_cast<uint64_t>(value)});
+    }
+
+    // The parser rounds doubles less exactly than the standard library, and it turns whole numbers beyond 64 bits into
+    // doubles. The API has neither, so such a whole number and a double without end are errors.
+    bool on_double(double /*value*/, text_part last_part, parse_error &error)
+    {
+        parts += last_part;
+        double value = 0;
+        const auto parsed = std::from_chars(parts.data(), parts.data() + parts.size(), value);
+        const bool is_whole = parts.find_first_of(".eE") == std::string::npos;
+        parts.clear();
+        if (is_whole || parsed.ec != std::errc()) {
+            error = parsing::error::exponent_overflow;
+            return false;
+        }
+        return add(json_kind::real, {.real = value});
+    }
+};
+
+json_value json_document::parse(std::string_view text)
+{
+    nodes_.clear();
+    open_.clear();
+    unescaped_.clear();
+    parsing::parse_options options;
+    options.max_depth = max_depth;
+    parsing::basic_parser<builder> parser(options, builder{*this, text});
+    parsing::error_code error;
+    const size_t parsed = parser.write_some(false, text.data(), text.size(), error);
+    return !error && parsed == text.size() ? json_value(nodes_.data()) : json_value();
+}
 
 void fail_damaged()
 {
@@ -63,54 +184,63 @@ void fail_damaged()
         "the daemon's answer is damaged: expected the JSON of the API; compare the versions of l2fibd and l2fibctl");
 }
 
-std::optional<json_value> find(const json_value &object, std::string_view member)
+json_value find(json_value object, std::string_view member)
 {
-    json_value found;
-    const bool has_member = object.is_object() && object.at_key(member).get(found) == simdjson::SUCCESS;
-    return has_member ? std::optional(found) : std::nullopt;
+    if (!object.is_object()) {
+        return {};
+    }
+    json_value name = object.first();
+    while (name != object.end() && name.text() != member) {
+        name = name.next().next();
+    }
+    return name != object.end() ? name.next() : json_value();
 }
 
-std::string_view text_of(const json_value &object, std::string_view member)
+std::string_view text_of(json_value object, std::string_view member)
 {
-    const auto found = find(object, member);
-    std::string_view text;
-    if (found && found->get(text) != simdjson::SUCCESS) {
+    const json_value found = find(object, member);
+    if (found && !found.is_text()) {
         fail_damaged();
     }
-    return text;
+    return found ? found.text() : "";
 }
 
-uint64_t number_of(const json_value &object, std::string_view member)
+uint64_t number_of(json_value object, std::string_view member)
 {
-    const auto found = find(object, member);
-    uint64_t number = 0;
-    if (found && found->get(number) != simdjson::SUCCESS) {
+    const json_value found = find(object, member);
+    if (found && found.kind() != json_kind::natural) {
         fail_damaged();
     }
-    return number;
+    return found ? found.natural() : 0;
 }
 
-void put_text(std::string &to, std::string_view text)
+void put_text(text_buffer &to, std::string_view text)
 {
-    if (std::ranges::all_of(text, is_plain)) {
-        to.append(1, '"').append(text).append(1, '"');
+    constexpr size_t quotes = 2;
+    char *at = to.room_for(text.size() + quotes);
+    *at++ = '"';
+    const auto copied = std::ranges::find_if_not(text, is_plain);
+    if (copied == text.end()) {
+        at = std::copy(text.begin(), copied, at);
+        *at++ = '"';
+        to.end_at(at);
     } else {
         using nlohmann::json;
-        to += json(text).dump(in_one_line, ' ', true, json::error_handler_t::replace);
+        to.put(json(text).dump(in_one_line, ' ', true, json::error_handler_t::replace));
     }
 }
 
-void put_value(std::string &to, const json_value &value)
+void put_value(text_buffer &to, json_value value)
 {
-    switch (value.type()) {
-    case element_type::ARRAY: put_array(to, value); break;
-    case element_type::OBJECT: put_object(to, value); break;
-    case element_type::STRING: put_text(to, value); break;
-    case element_type::INT64: put_number(to, int64_t(value)); break;
-    case element_type::UINT64: put_number(to, uint64_t(value)); break;
-    case element_type::DOUBLE: put_number(to, double(value)); break;
-    case element_type::BOOL: to += bool(value) ? "true" : "false"; break;
-    case element_type::NULL_VALUE: to += "null"; break;
+    switch (value.kind()) {
+    case json_kind::array: put_array(to, value); break;
+    case json_kind::object: put_object(to, value); break;
+    case json_kind::text: put_text(to, value.text()); break;
+    case json_kind::natural: put_number(to, value.natural()); break;
+    case json_kind::negative: put_number(to, value.negative()); break;
+    case json_kind::real: put_number(to, value.real()); break;
+    case json_kind::boolean: to.put(value.boolean() ? "true" : "false"); break;
+    case json_kind::null: to.put("null"); break;
     }
 }
 

@@ -27,11 +27,12 @@ namespace {
 using nlohmann::json;
 using strings = std::vector<std::string>;
 
-// A parsed value lives as long as its parser, so every parser is kept until the process ends.
+// A parsed value lives as long as its document and its text, so both are kept until the process ends.
 json_value parsed(const std::string &text)
 {
-    static std::deque<simdjson::dom::parser> parsers;
-    return parsers.emplace_back().parse(text).value();
+    static std::deque<std::pair<json_document, std::string>> kept;
+    auto &[document, kept_text] = kept.emplace_back(json_document(), text);
+    return document.parse(kept_text);
 }
 
 TEST(Visible, EscapesOnlyHarmfulCharacters)
@@ -127,9 +128,9 @@ TEST(Printer, PrintsPartsOfARecordBelowIt)
 TEST(BridgeForm, EqualsTheKernelsEntries)
 {
     const bridge_names bridges = {{1, "br0"}};
-    const auto of_bridge = [&](const json_value &item) { return bridge_entry_of(item, bridges); };
+    const auto of_bridge = [&](json_value item) { return bridge_entry_of(item, bridges); };
     const struct {
-        std::function<std::string(const json_value &)> form;
+        std::function<std::string(json_value)> form;
         const char *entry;
         const char *expected;
     } rows[] = {

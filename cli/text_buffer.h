@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// Text that grows at its end: a row is written straight into the buffer that goes to standard output.
+//
+//      text_buffer row;
+//      row.put("eth1");
+//      row.put(' ');
+//      row.text()                  "eth1 "
+//
+// A table of a million rows has ten million cells, so the functions are inline and each checks the room once.
+//
+// Threads: a plain value.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+namespace l2fibctl {
+
+class text_buffer {
+public:
+    size_t size() const { return size_; }
+    std::string_view text() const { return {bytes_.get(), size_}; }
+    std::string_view text_from(size_t start) const { return text().substr(start); }
+
+    // Returns room for `count` characters at the end. `end_at` then says where the text ends.
+    char *room_for(size_t count)
+    {
+        if (capacity_ - size_ < count) {
+            grow(count);
+        }
+        return bytes_.get() + size_;
+    }
+    void end_at(const char *end) { size_ = static_cast<size_t>(end - bytes_.get()); }
+
+    void put(char c)
+    {
+        *room_for(1) = c;
+        size_++;
+    }
+
+    void put(std::string_view text) { end_at(std::copy(text.begin(), text.end(), room_for(text.size()))); }
+
+    void put_spaces(size_t count)
+    {
+        // A fill of constant size needs no call. It writes behind the end, into room that is there.
+        char *to = room_for(std::max(count, short_fill));
+        std::memset(to, ' ', short_fill);
+        if (count > short_fill) {
+            std::memset(to, ' ', count);
+        }
+        size_ += count;
+    }
+
+    // Moves the text behind `start` to the right and puts spaces before it.
+    void insert_spaces(size_t start, size_t count)
+    {
+        room_for(count);
+        char *from = bytes_.get() + start;
+        std::memmove(from + count, from, size_ - start);
+        std::memset(from, ' ', count);
+        size_ += count;
+    }
+
+    // Removes the text behind `size`.
+    void shorten(size_t size) { size_ = size; }
+
+private:
+    static constexpr size_t short_fill = 64; // wider than a usual column
+    static constexpr size_t min_capacity = 256;
+
+    void grow(size_t count)
+    {
+        const size_t capacity = std::max({min_capacity, 2 * capacity_, size_ + count});
+        auto bytes = std::make_unique_for_overwrite<char[]>(capacity);
+        std::copy_n(bytes_.get(), size_, bytes.get());
+        bytes_ = std::move(bytes);
+        capacity_ = capacity;
+    }
+
+    std::unique_ptr<char[]> bytes_;
+    size_t size_ = 0;
+    size_t capacity_ = 0;
+};
+
+} // namespace l2fibctl
