@@ -42,11 +42,14 @@ public:
         size_++;
     }
 
-    void put(std::string_view text) { end_at(std::copy(text.begin(), text.end(), room_for(text.size()))); }
+    void put(std::string_view text)
+    {
+        std::memcpy(room_for(text.size()), text.data(), text.size());
+        size_ += text.size();
+    }
 
     void put_spaces(size_t count)
     {
-        // A fill of constant size needs no call. It writes behind the end, into room that is there.
         char *to = room_for(std::max(count, short_fill));
         std::memset(to, ' ', short_fill);
         if (count > short_fill) {
@@ -58,10 +61,17 @@ public:
     // Moves the text behind `start` to the right and puts spaces before it.
     void insert_spaces(size_t start, size_t count)
     {
-        room_for(count);
+        room_for(count + short_fill);
         char *from = bytes_.get() + start;
-        std::memmove(from + count, from, size_ - start);
-        std::memset(from, ' ', count);
+        if (size_ - start <= short_text && count <= short_fill) {
+            char moved[short_text];
+            std::memcpy(moved, from, short_text);
+            std::memset(from, ' ', short_fill);
+            std::memcpy(from + count, moved, short_text);
+        } else {
+            std::memmove(from + count, from, size_ - start);
+            std::memset(from, ' ', count);
+        }
         size_ += count;
     }
 
@@ -69,7 +79,9 @@ public:
     void shorten(size_t size) { size_ = size; }
 
 private:
-    static constexpr size_t short_fill = 64; // wider than a usual column
+    // Copies and fills of a constant size need no call. They reach behind the end of the text, into room that is there.
+    static constexpr size_t short_fill = 32; // wider than most columns
+    static constexpr size_t short_text = 16; // of a cell with a number
     static constexpr size_t min_capacity = 256;
 
     void grow(size_t count)

@@ -69,22 +69,15 @@ std::string_view state_of(const words &entry_words, std::span<const word_pair> s
     return found != states.end() ? found->theirs : std::string_view();
 }
 
-void put_name(text_buffer &to, std::string_view name)
-{
-    to.put(to.size() == 0 ? "{\"" : ",\"");
-    to.put(name);
-    to.put("\":");
-}
-
 void put_member(text_buffer &to, std::string_view name, std::string_view text)
 {
-    put_name(to, name);
+    put_name(to, to.size() == 0 ? '{' : ',', name);
     put_text(to, text);
 }
 
 void put_member(text_buffer &to, std::string_view name, json_value value)
 {
-    put_name(to, name);
+    put_name(to, ',', name);
     put_value(to, value);
 }
 
@@ -100,7 +93,7 @@ void put_flags(text_buffer &to, std::string_view first, const words &flags)
             shown.push_back(row.theirs);
         }
     }
-    put_name(to, "flags");
+    put_name(to, ',', "flags");
     to.put('[');
     for (size_t i = 0; i < shown.size(); i++) {
         to.put(i == 0 ? "" : ",");

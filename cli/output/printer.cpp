@@ -15,32 +15,35 @@ constexpr unsigned gap = 2;          // spaces between columns, and the indentat
 constexpr unsigned label_width = 24; // of a record's titles with their indentation
 constexpr std::string_view no_value = "-";
 
-// An item's values by column. A column without a value stays empty.
-using members = std::array<json_value, max_columns>;
+// An item's values by column. A column without a member has no value.
+using members = std::array<json_value, max_columns + 1>; // the last place is for members without a column
 
-// Sorts an item's members into the columns. The daemon sends members mostly in the order of the columns, so each search
-// begins behind the previous match. For the columns a, b, c, d and the item {"b":1,"c":2,"a":3} it compares
-//
-//      b with a, b;  c with c;  a with d, a
-members members_of(json_value item, const resource &shown)
+// Returns the place of the column, or max_columns if the resource has no such column.
+size_t column_of(std::string_view name, const resource &shown)
+{
+    const auto found = std::ranges::find(shown.columns, name, &column::member);
+    return found != shown.columns.end() ? static_cast<size_t>(found - shown.columns.begin()) : max_columns;
+}
+
+// Sorts an item's members into the columns. If a member is there twice, the last one counts.
+members members_of(json_value item, const resource &shown, column_places &places)
 {
     members found;
-    const size_t count = shown.columns.size();
-    size_t next = 0;
     if (!item.is_object()) {
         return found;
     }
-    for (json_value name = item.first(); name != item.end(); name = name.next().next()) {
-        for (size_t tried = 0; tried < count; tried++) {
-            const size_t candidate = next + tried < count ? next + tried : next + tried - count;
-            if (shown.columns[candidate].member == name.text()) {
-                found[candidate] = name.next();
-                next = candidate + 1 < count ? candidate + 1 : 0;
-                break;
-            }
-        }
+    places.follow(item.names(), shown);
+    for (json_value member = item.first(); member != item.end(); member = member.next()) {
+        found[places.of(member)] = member;
     }
     return found;
+}
+
+// The same for a value of which the answer has few.
+members members_of(json_value item, const resource &shown)
+{
+    column_places places;
+    return members_of(item, shown, places);
 }
 
 // ---- JSON ----
@@ -49,17 +52,15 @@ void write_json(text_buffer &to, json_value value, const resource *parts);
 
 void write_object(text_buffer &to, const members &item, const resource &shown)
 {
-    std::string_view separator = "{\"";
+    char separator = '{';
     for (size_t i = 0; i < shown.columns.size(); i++) {
         if (item[i]) {
-            to.put(separator);
-            to.put(shown.columns[i].member);
-            to.put("\":");
+            put_name(to, separator, shown.columns[i].member);
             write_json(to, item[i], shown.columns[i].parts);
-            separator = ",\"";
+            separator = ',';
         }
     }
-    to.put(separator.front() == '{' ? "{}" : "}");
+    to.put(separator == '{' ? "{}" : "}");
 }
 
 void write_json(text_buffer &to, json_value value, const resource *parts)
@@ -184,6 +185,18 @@ void write_record(text_buffer &to, const members &item, const resource &shown, u
 
 } // namespace
 
+void column_places::follow(const json_names &names, const resource &shown)
+{
+    if (&names == names_ && names.size() == places_.size()) {
+        return;
+    }
+    names_ = &names;
+    places_.clear();
+    for (size_t number = 0; number < names.size(); number++) {
+        places_.push_back(static_cast<uint8_t>(column_of(names[number], shown)));
+    }
+}
+
 bool item_printer::in_array() const
 {
     return (shown_as_ == form::json || shown_as_ == form::bridge_json) && resource_.shown_as == layout::table;
@@ -210,10 +223,9 @@ void item_printer::set_scope(std::string_view text)
 
 void item_printer::item(json_value value)
 {
-    members found = members_of(value, resource_);
+    members found = members_of(value, resource_, places_);
     if (scope_) {
-        const auto scope_column = std::ranges::find(resource_.columns, scope_member, &column::member);
-        found[static_cast<size_t>(scope_column - resource_.columns.begin())] = scope_;
+        found[column_of(scope_member, resource_)] = scope_;
     }
     text_buffer &to = out_.pending();
     if (shown_as_ == form::text) {

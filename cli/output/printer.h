@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <string_view>
+#include <vector>
 
 #include "cli/options.h"
 #include "cli/output/output.h"
@@ -20,6 +21,20 @@
 #include "cli/query/resources.h"
 
 namespace l2fibctl {
+
+// The place of each name's column in a resource.
+class column_places {
+public:
+    // Looks the names up unless that has been done.
+    void follow(const json_names &names, const resource &shown);
+
+    // Returns max_columns if the resource has no column for the member.
+    size_t of(json_value member) const { return places_[member.name()]; }
+
+private:
+    const json_names *names_ = nullptr;
+    std::vector<uint8_t> places_;
+};
 
 class item_printer {
 public:
@@ -53,6 +68,7 @@ private:
     const resource &resource_;
     output &out_;
     uint64_t items_ = 0;
+    column_places places_;
     text_buffer scope_text_; // JSON
     json_document scope_document_;
     json_value scope_;

@@ -2,27 +2,52 @@
 
 #include "cli/query/json.h"
 
-#include <boost/json/basic_parser_impl.hpp>
+#include <algorithm>
+#include <bit>
 #include <charconv>
-#include <cmath>
+#include <climits>
+#include <cstring>
 #include <nlohmann/json.hpp>
+#include <utility>
 
+#include "base/text.h"
 #include "cli/failure.h"
 
 namespace l2fibctl {
 
 namespace {
 
-namespace parsing = boost::json;
-
 constexpr size_t max_number_length = 32; // the longest number, a double, needs 24 characters
 constexpr size_t max_depth = 1023;       // of arrays and objects inside each other
 constexpr int in_one_line = -1;          // nlohmann's indentation
+constexpr char del = '\x7f';
 
 // Returns whether JSON can hold the character without an escape.
 bool is_plain(char c)
 {
-    return c >= ' ' && c < '\x7f' && c != '"' && c != '\\';
+    return c >= ' ' && c < del && c != '"' && c != '\\';
+}
+
+// Returns the first character that is not plain. Tests eight characters at once: an operation on all bytes of a word
+// sets the high bit of the first byte that is not plain, and of no byte before it.
+inline const char *skip_plain(const char *at, const char *end)
+{
+    static_assert(std::endian::native == std::endian::little, "the first character is the lowest byte of a word");
+    constexpr uint64_t each_byte = 0x0101010101010101;
+    constexpr uint64_t high_bits = 0x80 * each_byte;
+    constexpr char flip = '"' ^ ' '; // turns a quotation mark into a space, and a space into a quotation mark
+    uint64_t word = 0;
+    for (; static_cast<size_t>(end - at) >= sizeof(word); at += sizeof(word)) {
+        std::memcpy(&word, at, sizeof(word));
+        const uint64_t is_quote_or_control = (word ^ each_byte * flip) - each_byte * (' ' + 1);
+        const uint64_t is_backslash = (word ^ each_byte * '\\') - each_byte;
+        const uint64_t is_del = word + each_byte;
+        const uint64_t special = (is_quote_or_control | is_backslash | is_del | word) & high_bits;
+        if (special != 0) {
+            return at + std::countr_zero(special) / CHAR_BIT;
+        }
+    }
+    return std::find_if_not(at, end, is_plain);
 }
 
 template <typename Number>
@@ -30,6 +55,21 @@ void put_number(text_buffer &to, Number number)
 {
     char *digits = to.room_for(max_number_length);
     to.end_at(std::to_chars(digits, digits + max_number_length, number).ptr);
+}
+
+// The text needs no escapes. Returns the end.
+char *write_quoted(char *at, std::string_view text)
+{
+    *at++ = '"';
+    std::memcpy(at, text.data(), text.size());
+    at += text.size();
+    *at++ = '"';
+    return at;
+}
+
+void put_quoted(text_buffer &to, std::string_view text)
+{
+    to.end_at(write_quoted(to.room_for(text.size() + sizeof("\"\"") - 1), text));
 }
 
 void put_array(text_buffer &to, json_value array)
@@ -46,11 +86,11 @@ void put_array(text_buffer &to, json_value array)
 void put_object(text_buffer &to, json_value object)
 {
     char separator = '{';
-    for (json_value name = object.first(); name != object.end(); name = name.next().next()) {
+    for (json_value member = object.first(); member != object.end(); member = member.next()) {
         to.put(separator);
-        put_text(to, name.text());
+        put_text(to, object.names()[member.name()]);
         to.put(':');
-        put_value(to, name.next());
+        put_value(to, member);
         separator = ',';
     }
     to.put(object.is_empty() ? "{}" : "}");
@@ -58,123 +98,253 @@ void put_object(text_buffer &to, json_value object)
 
 } // namespace
 
-// The functions that the parser calls for each element, in the order of the text. A function that returns false sets
-// the error with which the parser stops.
-struct json_document::builder {
-    using text_part = parsing::string_view;
-    using parse_error = parsing::error_code;
+size_t json_names::number_of(std::string_view name)
+{
+    size_t number = 0;
+    while (number < size() && (*this)[number] != name) {
+        number++;
+    }
+    if (number == size() && number < max_names) {
+        quoted_.push_back('"' + std::string(name) + "\":");
+    }
+    return number;
+}
 
-    // The sizes are limited by the size of a body.
-    static constexpr size_t max_object_size = SIZE_MAX;
-    static constexpr size_t max_array_size = SIZE_MAX;
-    static constexpr size_t max_key_size = SIZE_MAX;
-    static constexpr size_t max_string_size = SIZE_MAX;
+// Reads JSON as the daemon writes it: without spaces and escapes, and with natural numbers only. That is several times
+// as fast as the library, which reads everything else.
+class json_document::plain_reader {
+public:
+    plain_reader(std::string_view source, json_document &to)
+        : at_(source.data())
+        , end_(source.data() + source.size())
+        , to_(to)
+    {}
 
-    json_document &to;
-    std::string_view source;
-    std::string parts = {}; // of the text or number that has not ended
+    // Returns false at everything else, whether it is JSON or not. The nodes are worth nothing then.
+    bool read() { return read_value(0, 0) && at_ == end_; }
 
-    bool add(json_kind kind, json_node::content value, size_t size = 1)
+private:
+    static constexpr unsigned max_nesting = 16; // deeper than the API; each level is a recursion
+
+    void add(json_kind kind, json_node::content value, uint16_t name)
     {
-        to.nodes_.push_back({value, static_cast<uint32_t>(size), kind});
+        to_.nodes_.add({.value = value, .kind = kind, .name = name});
+    }
+
+    bool take(char expected)
+    {
+        const bool is_next = at_ != end_ && *at_ == expected;
+        at_ += is_next ? 1 : 0;
+        return is_next;
+    }
+
+    bool take(std::string_view expected)
+    {
+        const bool is_next = std::string_view(at_, end_).starts_with(expected);
+        at_ += is_next ? expected.size() : 0;
+        return is_next;
+    }
+
+    // Moves to the quotation mark at the end of a text. Returns false if the text has escapes or is not JSON.
+    bool skip_text(bool &is_plain_text)
+    {
+        at_ = skip_plain(at_, end_);
+        while (at_ != end_ && *at_ != '"') {
+            const size_t length = base::utf8_length({at_, end_});
+            if (length == 0 || *at_ == '\\' || (*at_ >= 0 && *at_ < ' ')) {
+                return false;
+            }
+            is_plain_text = false;
+            at_ = skip_plain(at_ + length, end_);
+        }
         return true;
     }
 
-    bool open(json_kind kind)
+    bool read_text(uint16_t name)
     {
-        to.open_.push_back(to.nodes_.size());
-        return add(kind, {.natural = 0});
+        const char *start = ++at_;
+        bool is_plain_text = true;
+        if (!skip_text(is_plain_text)) {
+            return false;
+        }
+        const auto size = static_cast<uint32_t>(at_ - start);
+        to_.nodes_.add({{.text = start}, size, json_kind::text, is_plain_text, name});
+        return take('"');
+    }
+
+    bool read_natural(uint16_t name)
+    {
+        uint64_t number = 0;
+        const auto [end, error] = std::from_chars(at_, end_, number);
+        const bool has_leading_zero = *at_ == '0' && end - at_ > 1;
+        at_ = end;
+        add(json_kind::natural, {.natural = number}, name);
+        return error == std::errc() && !has_leading_zero;
+    }
+
+    bool read_word(uint16_t name)
+    {
+        const bool is_true = take("true");
+        const bool is_boolean = is_true || take("false");
+        add(is_boolean ? json_kind::boolean : json_kind::null, {.boolean = is_true}, name);
+        return is_boolean || take("null");
+    }
+
+    // The objects of a list have the same names in one order, so the name is most often the one that followed in the
+    // object before.
+    bool read_name(uint16_t &name)
+    {
+        uint16_t &guess = to_.following_[name];
+        if (guess >= to_.names_.size() || !take(to_.names_.quoted(guess))) {
+            bool is_plain_text = true;
+            const char *start = at_ + 1;
+            if (!take('"') || !skip_text(is_plain_text)) {
+                return false;
+            }
+            guess = static_cast<uint16_t>(to_.names_.number_of({start, at_}));
+            if (!take("\":")) {
+                return false;
+            }
+        }
+        name = guess;
+        return name < json_names::max_names;
+    }
+
+    bool read_object(uint16_t name, unsigned nesting)
+    {
+        const size_t start = to_.nodes_.size();
+        add(json_kind::object, {.names = &to_.names_}, name);
+        at_++;
+        if (take('}')) {
+            return true;
+        }
+        uint16_t member = json_names::max_names;
+        do {
+            if (!read_name(member) || !read_value(member, nesting + 1)) {
+                return false;
+            }
+        } while (take(','));
+        to_.nodes_.end_container(start);
+        return take('}');
+    }
+
+    bool read_array(uint16_t name, unsigned nesting)
+    {
+        const size_t start = to_.nodes_.size();
+        add(json_kind::array, {}, name);
+        at_++;
+        if (take(']')) {
+            return true;
+        }
+        do {
+            if (!read_value(0, nesting + 1)) {
+                return false;
+            }
+        } while (take(','));
+        to_.nodes_.end_container(start);
+        return take(']');
+    }
+
+    bool read_value(uint16_t name, unsigned nesting)
+    {
+        if (at_ == end_ || nesting > max_nesting) {
+            return false;
+        }
+        switch (*at_) {
+        case '"': return read_text(name);
+        case '{': return read_object(name, nesting);
+        case '[': return read_array(name, nesting);
+        case 't':
+        case 'f':
+        case 'n': return read_word(name);
+        default: return read_natural(name);
+        }
+    }
+
+    const char *at_;
+    const char *end_;
+    json_document &to_;
+};
+
+// The functions that the library calls for each element, in the order of the text. It stops when one returns false.
+struct json_document::builder {
+    json_document &to;
+    std::vector<size_t> containers = {}; // the places of those that have not ended
+    uint16_t name = 0;                   // of the next value
+
+    bool add(json_kind kind, json_node::content value, size_t size = 1)
+    {
+        to.nodes_.add({value, static_cast<uint32_t>(size), kind, false, std::exchange(name, 0)});
+        return true;
+    }
+
+    bool open(json_kind kind, json_node::content value)
+    {
+        containers.push_back(to.nodes_.size());
+        return add(kind, value) && containers.size() <= max_depth;
     }
 
     bool close()
     {
-        const size_t start = to.open_.back();
-        to.open_.pop_back();
-        to.nodes_[start].size = static_cast<uint32_t>(to.nodes_.size() - start);
+        to.nodes_.end_container(containers.back());
+        containers.pop_back();
         return true;
     }
 
-    bool add_part(text_part part)
+    bool add_natural(uint64_t value) { return add(json_kind::natural, {.natural = value}); }
+
+    // The library prescribes these names.
+    bool start_object(size_t /*size*/) { return open(json_kind::object, {.names = &to.names_}); }
+    bool end_object() { return close(); }
+    bool start_array(size_t /*size*/) { return open(json_kind::array, {}); }
+    bool end_array() { return close(); }
+    bool null() { return add(json_kind::null, {}); }
+    bool boolean(bool value) { return add(json_kind::boolean, {.boolean = value}); }
+    bool number_unsigned(uint64_t value) { return add_natural(value); }
+    bool binary(nlohmann::json::binary_t & /*bytes*/) { return false; } // JSON has none
+    bool parse_error(size_t /*place*/, const std::string & /*token*/, const nlohmann::json::exception & /*error*/)
     {
-        parts += part;
-        return true;
+        return false;
     }
 
-    // Whether the parser found the text as it is, without escapes.
-    bool is_in_source(text_part text) const
+    bool key(const std::string &text)
     {
-        const std::less_equal<> is_before;
-        return is_before(source.data(), text.data())
-               && is_before(text.data() + text.size(), source.data() + source.size());
+        name = static_cast<uint16_t>(to.names_.number_of(text));
+        return name < json_names::max_names;
     }
 
-    bool add_text(text_part last_part)
+    bool string(std::string &text)
     {
-        std::string_view text = last_part;
-        if (!parts.empty() || !is_in_source(last_part)) {
-            parts += last_part;
-            text = to.unescaped_.emplace_back(std::exchange(parts, {}));
-        }
-        return add(json_kind::text, {.text = text.data()}, text.size());
+        const std::string &kept = to.texts_.emplace_back(std::move(text));
+        return add(json_kind::text, {.text = kept.data()}, kept.size());
     }
 
-    bool on_document_begin(parse_error & /*error*/) { return true; }
-    bool on_document_end(parse_error & /*error*/) { return true; }
-    bool on_object_begin(parse_error & /*error*/) { return open(json_kind::object); }
-    bool on_object_end(size_t /*count*/, parse_error & /*error*/) { return close(); }
-    bool on_array_begin(parse_error & /*error*/) { return open(json_kind::array); }
-    bool on_array_end(size_t /*count*/, parse_error & /*error*/) { return close(); }
-    bool on_key_part(text_part part, size_t /*size*/, parse_error & /*error*/) { return add_part(part); }
-    bool on_key(text_part part, size_t /*size*/, parse_error & /*error*/) { return add_text(part); }
-    bool on_string_part(text_part part, size_t /*size*/, parse_error & /*error*/) { return add_part(part); }
-    bool on_string(text_part part, size_t /*size*/, parse_error & /*error*/) { return add_text(part); }
-    bool on_number_part(text_part part, parse_error & /*error*/) { return add_part(part); }
-    bool on_bool(bool value, parse_error & /*error*/) { return add(json_kind::boolean, {.boolean = value}); }
-    bool on_null(parse_error & /*error*/) { return add(json_kind::null, {.natural = 0}); }
-    bool on_comment_part(text_part /*part*/, parse_error & /*error*/) { return true; }
-    bool on_comment(text_part /*part*/, parse_error & /*error*/) { return true; }
-
-    bool on_uint64(uint64_t value, text_part /*part*/, parse_error & /*error*/)
+    bool number_integer(int64_t value)
     {
-        parts.clear();
-        return add(json_kind::natural, {.natural = value});
+        return value < 0 ? add(json_kind::negative, {.negative = value}) : add_natural(static_cast<uint64_t>(value));
     }
 
-    bool on_int64(int64_t value, text_part /*part*/, parse_error & /*error*/)
+    // The library turns whole numbers beyond 64 bits into doubles. The API has none, so they are errors.
+    bool number_float(double value, const std::string &text)
     {
-        parts.clear();
-        return value < 0 ? add(json_kind::negative, {.negative = value})
-                         : add(json_kind::natural, {.natural = static_cast<uint64_t>(value)});
-    }
-
-    // The parser rounds doubles less exactly than the standard library, and it turns whole numbers beyond 64 bits into
-    // doubles. The API has neither, so such a whole number and a double without end are errors.
-    bool on_double(double /*value*/, text_part last_part, parse_error &error)
-    {
-        parts += last_part;
-        double value = 0;
-        const auto parsed = std::from_chars(parts.data(), parts.data() + parts.size(), value);
-        const bool is_whole = parts.find_first_of(".eE") == std::string::npos;
-        parts.clear();
-        if (is_whole || parsed.ec != std::errc()) {
-            error = parsing::error::exponent_overflow;
-            return false;
-        }
-        return add(json_kind::real, {.real = value});
+        return text.find_first_of(".eE") != std::string::npos && add(json_kind::real, {.real = value});
     }
 };
+
+// The library takes a zero byte for the end of the text.
+bool json_document::read_by_library(std::string_view text)
+{
+    nodes_.clear();
+    builder handler{*this};
+    return text.find('\0') == std::string_view::npos && nlohmann::json::sax_parse(text, &handler);
+}
 
 json_value json_document::parse(std::string_view text)
 {
     nodes_.clear();
-    open_.clear();
-    unescaped_.clear();
-    parsing::parse_options options;
-    options.max_depth = max_depth;
-    parsing::basic_parser<builder> parser(options, builder{*this, text});
-    parsing::error_code error;
-    const size_t parsed = parser.write_some(false, text.data(), text.size(), error);
-    return !error && parsed == text.size() ? json_value(nodes_.data()) : json_value();
+    texts_.clear();
+    const bool is_json = plain_reader(text, *this).read() || read_by_library(text);
+    return is_json ? nodes_.root() : json_value();
 }
 
 void fail_damaged()
@@ -189,11 +359,11 @@ json_value find(json_value object, std::string_view member)
     if (!object.is_object()) {
         return {};
     }
-    json_value name = object.first();
-    while (name != object.end() && name.text() != member) {
-        name = name.next().next();
+    json_value found = object.first();
+    while (found != object.end() && object.names()[found.name()] != member) {
+        found = found.next();
     }
-    return name != object.end() ? name.next() : json_value();
+    return found != object.end() ? found : json_value();
 }
 
 std::string_view text_of(json_value object, std::string_view member)
@@ -216,18 +386,21 @@ uint64_t number_of(json_value object, std::string_view member)
 
 void put_text(text_buffer &to, std::string_view text)
 {
-    constexpr size_t quotes = 2;
-    char *at = to.room_for(text.size() + quotes);
-    *at++ = '"';
-    const auto copied = std::ranges::find_if_not(text, is_plain);
-    if (copied == text.end()) {
-        at = std::copy(text.begin(), copied, at);
-        *at++ = '"';
-        to.end_at(at);
+    if (std::ranges::all_of(text, is_plain)) {
+        put_quoted(to, text);
     } else {
         using nlohmann::json;
         to.put(json(text).dump(in_one_line, ' ', true, json::error_handler_t::replace));
     }
+}
+
+void put_name(text_buffer &to, char separator, std::string_view name)
+{
+    char *at = to.room_for(sizeof(separator) + name.size() + sizeof("\"\":") - 1);
+    *at++ = separator;
+    at = write_quoted(at, name);
+    *at++ = ':';
+    to.end_at(at);
 }
 
 void put_value(text_buffer &to, json_value value)
@@ -235,7 +408,7 @@ void put_value(text_buffer &to, json_value value)
     switch (value.kind()) {
     case json_kind::array: put_array(to, value); break;
     case json_kind::object: put_object(to, value); break;
-    case json_kind::text: put_text(to, value.text()); break;
+    case json_kind::text: value.is_plain_text() ? put_quoted(to, value.text()) : put_text(to, value.text()); break;
     case json_kind::natural: put_number(to, value.natural()); break;
     case json_kind::negative: put_number(to, value.negative()); break;
     case json_kind::real: put_number(to, value.real()); break;

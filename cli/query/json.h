@@ -7,17 +7,19 @@
 //      text_of(root, "port")       "eth1"; "" if the object has no such member; a failure if it is not a text
 //
 // A parsed text is one array of nodes in the order of the text. A container's node says where the nodes of its elements
-// end, so a reader steps over an element without looking into it. An object has two nodes for each member:
+// end, so a reader steps over an element without looking into it. A member of an object is the node of its value, with
+// the number of its name:
 //
-//      {"port":"eth1","flags":[]}      object of 5 nodes, "port", "eth1", "flags", array of 1 node
+//      {"port":"eth1","flags":[]}      object of 3 nodes; name 0, "eth1"; name 1, array of 1 node
 //
 // Threads: pure functions. One thread at a time uses a document.
 #pragma once
 
+#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,6 +39,29 @@ enum class json_kind : uint8_t {
     object
 };
 
+// The names of members that a document has seen. A name keeps its number as long as the document lives.
+class json_names {
+public:
+    static constexpr size_t max_names = 1024; // ten times as many as the API has
+
+    size_t size() const { return quoted_.size(); }
+
+    // Returns the name as JSON with its colon: "port":
+    std::string_view quoted(size_t number) const { return quoted_[number]; }
+
+    std::string_view operator[](size_t number) const
+    {
+        const std::string_view name = quoted_[number];
+        return name.substr(1, name.size() - sizeof("\"\":") + 1);
+    }
+
+    // Returns the number of the name, a new one if the name is new, or max_names if there are too many.
+    size_t number_of(std::string_view name);
+
+private:
+    std::vector<std::string> quoted_;
+};
+
 // Private to json_document and json_value.
 struct json_node {
     union content {
@@ -45,11 +70,14 @@ struct json_node {
         int64_t negative;
         double real;
         const char *text;
+        const json_names *names; // of an object's members
     };
 
     content value = {.natural = 0};
-    uint32_t size = 0; // bytes of a text, nodes of a container with its own
+    uint32_t size = 1; // bytes of a text, nodes of a container with its own
     json_kind kind = json_kind::null;
+    bool is_plain = false; // of a text
+    uint16_t name = 0;     // of a member of an object
 };
 
 // A value of a document. Valid until the document's next `parse`, and as long as the parsed text stays in its place.
@@ -69,12 +97,14 @@ public:
 
     // The caller has checked the kind.
     std::string_view text() const { return {node_->value.text, node_->size}; }
+    // True means that the text is printable ASCII without quotation marks and backslashes. False means nothing.
+    bool is_plain_text() const { return node_->is_plain; }
     bool boolean() const { return node_->value.boolean; }
     uint64_t natural() const { return node_->value.natural; }
     int64_t negative() const { return node_->value.negative; }
     double real() const { return node_->value.real; }
 
-    // Walks the elements of an array or, name by name and value by value, the members of an object:
+    // Walks the elements of an array or the values of an object's members:
     //
     //      for (json_value element = list.first(); element != list.end(); element = element.next())
     json_value first() const { return json_value(node_ + 1); }
@@ -82,23 +112,62 @@ public:
     json_value next() const { return kind() >= json_kind::array ? end() : first(); }
     bool is_empty() const { return first() == end(); }
 
+    // Of an object's member: the number of its name in the names of the object.
+    size_t name() const { return node_->name; }
+    const json_names &names() const { return *node_->value.names; }
+
     bool operator==(const json_value &) const = default;
 
 private:
     const json_node *node_ = nullptr;
 };
 
+// Private to json_document. A vector whose `push_back` does less: a page has a hundred thousand nodes.
+class json_nodes {
+public:
+    size_t size() const { return size_; }
+    json_value root() const { return json_value(nodes_.data()); }
+    void clear() { size_ = 0; }
+
+    void add(const json_node &node)
+    {
+        if (size_ == nodes_.size()) {
+            nodes_.resize(std::max(min_nodes, 2 * size_));
+        }
+        nodes_[size_++] = node;
+    }
+
+    // The nodes behind `start` are those of the container there.
+    void end_container(size_t start) { nodes_[start].size = static_cast<uint32_t>(size_ - start); }
+
+private:
+    static constexpr size_t min_nodes = 64; // of a short answer
+
+    std::vector<json_node> nodes_;
+    size_t size_ = 0;
+};
+
+// Values refer to the document that parsed them, so it stays in its place.
 class json_document {
 public:
+    json_document() = default;
+    json_document(const json_document &) = delete;
+    json_document &operator=(const json_document &) = delete;
+
     // Returns the value of the whole text, or no value if the text is not JSON. The values refer to `text`.
     json_value parse(std::string_view text);
 
 private:
+    class plain_reader;
     struct builder;
 
-    std::vector<json_node> nodes_;
-    std::vector<size_t> open_;          // places of the containers that have not ended
-    std::deque<std::string> unescaped_; // the texts that hold escapes
+    bool read_by_library(std::string_view text);
+
+    json_names names_;
+    json_nodes nodes_;
+    std::deque<std::string> texts_; // that the library found, because in the source they may have escapes
+    // The number of the name that each name preceded in the latest object. The last place has the first name.
+    std::array<uint16_t, json_names::max_names + 1> following_ = {};
 };
 
 // Throws a failure: the daemon reports success, but the answer does not have the form of docs/api.md.
@@ -115,5 +184,8 @@ uint64_t number_of(json_value object, std::string_view member);
 // and a parser reads the same text.
 void put_text(text_buffer &to, std::string_view text);
 void put_value(text_buffer &to, json_value value);
+
+// Appends the separator and the name of a member: ,"name": . The name needs no escapes.
+void put_name(text_buffer &to, char separator, std::string_view name);
 
 } // namespace l2fibctl

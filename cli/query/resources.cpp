@@ -13,11 +13,6 @@ namespace {
 
 constexpr std::string_view unlimited_text = "18446744073709551615"; // the API's number for a pool without a limit
 
-bool is_printable(char c)
-{
-    return c >= ' ' && c < '\x7f';
-}
-
 // Appends plain ASCII.
 size_t add_plain(text_buffer &to, std::string_view text)
 {
@@ -25,13 +20,14 @@ size_t add_plain(text_buffer &to, std::string_view text)
     return text.size();
 }
 
-size_t add_string(text_buffer &to, std::string_view text)
+size_t add_string(text_buffer &to, json_value value)
 {
+    const std::string_view text = value.text();
     if (text.empty()) {
         return add_plain(to, "-");
     }
-    if (std::ranges::all_of(text, is_printable)) {
-        return add_plain(to, text); // fast path for nearly all texts
+    if (value.is_plain_text()) {
+        return add_plain(to, text);
     }
     const std::string shown = base::visible(text);
     to.put(shown);
@@ -61,7 +57,7 @@ size_t add_json(text_buffer &to, json_value value)
 size_t add_text(text_buffer &to, json_value value)
 {
     switch (value.kind()) {
-    case json_kind::text: return add_string(to, value.text());
+    case json_kind::text: return add_string(to, value);
     case json_kind::array: return add_list(to, value);
     case json_kind::boolean: return add_plain(to, value.boolean() ? "yes" : "no");
     default: return add_json(to, value);
