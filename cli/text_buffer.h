@@ -7,7 +7,7 @@
 //      row.put(' ');
 //      row.text()                  "eth1 "
 //
-// A table of a million rows has ten million cells, so the functions are inline and each checks the room once.
+// A table of a million rows has ten million cells, so the functions are inline, except for what happens rarely.
 //
 // Threads: a plain value.
 #pragma once
@@ -82,16 +82,8 @@ private:
     // Copies and fills of a constant size need no call. They reach behind the end of the text, into room that is there.
     static constexpr size_t short_fill = 32; // wider than most columns
     static constexpr size_t short_text = 16; // of a cell with a number
-    static constexpr size_t min_capacity = 256;
 
-    void grow(size_t count)
-    {
-        const size_t capacity = std::max({min_capacity, 2 * capacity_, size_ + count});
-        auto bytes = std::make_unique_for_overwrite<char[]>(capacity);
-        std::copy_n(bytes_.get(), size_, bytes.get());
-        bytes_ = std::move(bytes);
-        capacity_ = capacity;
-    }
+    void grow(size_t count);
 
     std::unique_ptr<char[]> bytes_;
     size_t size_ = 0;

@@ -19,6 +19,7 @@ namespace {
 
 constexpr size_t max_number_length = 32; // the longest number, a double, needs 24 characters
 constexpr size_t max_depth = 1023;       // of arrays and objects inside each other
+constexpr size_t min_nodes = 64;         // of a short answer
 constexpr int in_one_line = -1;          // nlohmann's indentation
 constexpr char del = '\x7f';
 
@@ -108,6 +109,11 @@ size_t json_names::number_of(std::string_view name)
         quoted_.push_back('"' + std::string(name) + "\":");
     }
     return number;
+}
+
+void json_nodes::grow()
+{
+    nodes_.resize(std::max(min_nodes, 2 * size_));
 }
 
 // Reads JSON as the daemon writes it: without spaces and escapes, and with natural numbers only. That is several times

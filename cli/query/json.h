@@ -132,7 +132,7 @@ public:
     void add(const json_node &node)
     {
         if (size_ == nodes_.size()) {
-            nodes_.resize(std::max(min_nodes, 2 * size_));
+            grow();
         }
         nodes_[size_++] = node;
     }
@@ -141,7 +141,7 @@ public:
     void end_container(size_t start) { nodes_[start].size = static_cast<uint32_t>(size_ - start); }
 
 private:
-    static constexpr size_t min_nodes = 64; // of a short answer
+    void grow();
 
     std::vector<json_node> nodes_;
     size_t size_ = 0;

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 
+#include "base/text.h"
 #include "base/visible.h"
 
 namespace l2fibctl {
@@ -64,10 +66,12 @@ size_t add_text(text_buffer &to, json_value value)
     }
 }
 
-void add_two_digits(text_buffer &to, uint64_t number)
+char *write_two_digits(char *at, uint64_t number)
 {
-    to.put(static_cast<char>('0' + number / 10));
-    to.put(static_cast<char>('0' + number % 10));
+    constexpr uint64_t ten = base::decimal;
+    *at++ = static_cast<char>('0' + number / ten);
+    *at++ = static_cast<char>('0' + number % ten);
+    return at;
 }
 
 // 45296 seconds become "12:34:56", 93784 seconds (more than a day) become "1d02h".
@@ -76,24 +80,27 @@ size_t add_age(text_buffer &to, json_value value)
     constexpr uint64_t minute = 60;
     constexpr uint64_t hour = 60 * minute;
     constexpr uint64_t day = 24 * hour;
+    constexpr size_t max_age_length = sizeof("18446744073709551615d00h");
     if (value.kind() != json_kind::natural) {
         return add_text(to, value);
     }
     const uint64_t seconds = value.natural();
-    const size_t start = to.size();
+    char *start = to.room_for(max_age_length);
+    char *at = start;
     if (seconds < day) {
-        add_two_digits(to, seconds / hour);
-        to.put(':');
-        add_two_digits(to, seconds % hour / minute);
-        to.put(':');
-        add_two_digits(to, seconds % minute);
+        at = write_two_digits(at, seconds / hour);
+        *at++ = ':';
+        at = write_two_digits(at, seconds % hour / minute);
+        *at++ = ':';
+        at = write_two_digits(at, seconds % minute);
     } else {
-        to.put(std::to_string(seconds / day));
-        to.put('d');
-        add_two_digits(to, seconds % day / hour);
-        to.put('h');
+        at = std::to_chars(at, start + max_age_length, seconds / day).ptr;
+        *at++ = 'd';
+        at = write_two_digits(at, seconds % day / hour);
+        *at++ = 'h';
     }
-    return to.size() - start;
+    to.end_at(at);
+    return static_cast<size_t>(at - start);
 }
 
 size_t add_limit(text_buffer &to, json_value value)
