@@ -50,13 +50,24 @@ members members_of(json_value item, const resource &shown)
 
 void write_json(text_buffer &to, json_value value, const resource *parts);
 
+void write_member(text_buffer &to, char separator, json_value value, const column &shown)
+{
+    const std::string_view plain = value.plain_member(shown.member);
+    if (plain.empty()) {
+        put_name(to, separator, shown.member);
+        write_json(to, value, shown.parts);
+    } else {
+        to.put(separator);
+        to.put(plain);
+    }
+}
+
 void write_object(text_buffer &to, const members &item, const resource &shown)
 {
     char separator = '{';
     for (size_t i = 0; i < shown.columns.size(); i++) {
         if (item[i]) {
-            put_name(to, separator, shown.columns[i].member);
-            write_json(to, item[i], shown.columns[i].parts);
+            write_member(to, separator, item[i], shown.columns[i]);
             separator = ',';
         }
     }

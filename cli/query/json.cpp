@@ -7,6 +7,7 @@
 #include <charconv>
 #include <climits>
 #include <cstring>
+#include <limits>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -49,6 +50,11 @@ inline const char *skip_plain(const char *at, const char *end)
         }
     }
     return std::find_if_not(at, end, is_plain);
+}
+
+bool is_digit(char c)
+{
+    return c >= '0' && c <= '9';
 }
 
 template <typename Number>
@@ -111,6 +117,15 @@ size_t json_names::number_of(std::string_view name)
     return number;
 }
 
+uint64_t json_value::natural() const
+{
+    uint64_t number = node_->value.natural;
+    if (is_plain()) {
+        std::from_chars(digits().data(), digits().data() + digits().size(), number);
+    }
+    return number;
+}
+
 void json_nodes::grow()
 {
     nodes_.resize(std::max(min_nodes, 2 * size_));
@@ -127,7 +142,7 @@ public:
     {}
 
     // Returns false at everything else, whether it is JSON or not. The nodes are worth nothing then.
-    bool read() { return read_value(0, 0) && at_ == end_; }
+    bool read() { return read_value(json_names::max_names, 0) && at_ == end_; }
 
 private:
     static constexpr unsigned max_nesting = 16; // deeper than the API; each level is a recursion
@@ -135,6 +150,12 @@ private:
     void add(json_kind kind, json_node::content value, uint16_t name)
     {
         to_.nodes_.add({.value = value, .kind = kind, .name = name});
+    }
+
+    // Adds the source from `start` up to here.
+    void add_source(json_kind kind, const char *start, bool is_plain_source, uint16_t name)
+    {
+        to_.nodes_.add({{.source = start}, static_cast<uint32_t>(at_ - start), kind, is_plain_source, name});
     }
 
     bool take(char expected)
@@ -173,19 +194,20 @@ private:
         if (!skip_text(is_plain_text)) {
             return false;
         }
-        const auto size = static_cast<uint32_t>(at_ - start);
-        to_.nodes_.add({{.text = start}, size, json_kind::text, is_plain_text, name});
+        add_source(json_kind::text, start, is_plain_text, name);
         return take('"');
     }
 
+    // Leaves numbers that may be beyond 64 bits to the library.
     bool read_natural(uint16_t name)
     {
-        uint64_t number = 0;
-        const auto [end, error] = std::from_chars(at_, end_, number);
-        const bool has_leading_zero = *at_ == '0' && end - at_ > 1;
-        at_ = end;
-        add(json_kind::natural, {.natural = number}, name);
-        return error == std::errc() && !has_leading_zero;
+        const char *start = at_;
+        while (at_ != end_ && is_digit(*at_)) {
+            at_++;
+        }
+        const auto digits = at_ - start;
+        add_source(json_kind::natural, start, true, name);
+        return digits == 1 || (digits > 1 && digits <= std::numeric_limits<uint64_t>::digits10 && *start != '0');
     }
 
     bool read_word(uint16_t name)
@@ -243,7 +265,7 @@ private:
             return true;
         }
         do {
-            if (!read_value(0, nesting + 1)) {
+            if (!read_value(json_names::max_names, nesting + 1)) {
                 return false;
             }
         } while (take(','));
@@ -275,12 +297,12 @@ private:
 // The functions that the library calls for each element, in the order of the text. It stops when one returns false.
 struct json_document::builder {
     json_document &to;
-    std::vector<size_t> containers = {}; // the places of those that have not ended
-    uint16_t name = 0;                   // of the next value
+    std::vector<size_t> containers = {};   // the places of those that have not ended
+    uint16_t name = json_names::max_names; // of the next value
 
     bool add(json_kind kind, json_node::content value, size_t size = 1)
     {
-        to.nodes_.add({value, static_cast<uint32_t>(size), kind, false, std::exchange(name, 0)});
+        to.nodes_.add({value, static_cast<uint32_t>(size), kind, false, std::exchange(name, json_names::max_names)});
         return true;
     }
 
@@ -322,7 +344,7 @@ struct json_document::builder {
     bool string(std::string &text)
     {
         const std::string &kept = to.texts_.emplace_back(std::move(text));
-        return add(json_kind::text, {.text = kept.data()}, kept.size());
+        return add(json_kind::text, {.source = kept.data()}, kept.size());
     }
 
     bool number_integer(int64_t value)
@@ -414,8 +436,8 @@ void put_value(text_buffer &to, json_value value)
     switch (value.kind()) {
     case json_kind::array: put_array(to, value); break;
     case json_kind::object: put_object(to, value); break;
-    case json_kind::text: value.is_plain_text() ? put_quoted(to, value.text()) : put_text(to, value.text()); break;
-    case json_kind::natural: put_number(to, value.natural()); break;
+    case json_kind::text: value.is_plain() ? put_quoted(to, value.text()) : put_text(to, value.text()); break;
+    case json_kind::natural: value.is_plain() ? to.put(value.digits()) : put_number(to, value.natural()); break;
     case json_kind::negative: put_number(to, value.negative()); break;
     case json_kind::real: put_number(to, value.real()); break;
     case json_kind::boolean: to.put(value.boolean() ? "true" : "false"); break;

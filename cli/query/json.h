@@ -65,19 +65,19 @@ private:
 // Private to json_document and json_value.
 struct json_node {
     union content {
-        bool boolean;
+        const char *source;      // of a text without its quotation marks, or the digits of a plain natural number
+        const json_names *names; // of an object's members
         uint64_t natural;
         int64_t negative;
         double real;
-        const char *text;
-        const json_names *names; // of an object's members
+        bool boolean;
     };
 
     content value = {.natural = 0};
-    uint32_t size = 1; // bytes of a text, nodes of a container with its own
+    uint32_t size = 1; // bytes of the source, nodes of a container with its own
     json_kind kind = json_kind::null;
-    bool is_plain = false; // of a text
-    uint16_t name = 0;     // of a member of an object
+    bool is_plain = false;                 // of a text or a natural number: put_value writes what stands in the source
+    uint16_t name = json_names::max_names; // of a member of an object
 };
 
 // A value of a document. Valid until the document's next `parse`, and as long as the parsed text stays in its place.
@@ -95,12 +95,15 @@ public:
     bool is_array() const { return kind() == json_kind::array; }
     bool is_text() const { return kind() == json_kind::text; }
 
+    // A plain text is printable ASCII without quotation marks and backslashes. A plain natural number is known by its
+    // digits. A value that is not plain may be of the same form.
+    bool is_plain() const { return node_->is_plain; }
+    std::string_view digits() const { return source(); }
+
     // The caller has checked the kind.
-    std::string_view text() const { return {node_->value.text, node_->size}; }
-    // True means that the text is printable ASCII without quotation marks and backslashes. False means nothing.
-    bool is_plain_text() const { return node_->is_plain; }
+    std::string_view text() const { return source(); }
     bool boolean() const { return node_->value.boolean; }
-    uint64_t natural() const { return node_->value.natural; }
+    uint64_t natural() const;
     int64_t negative() const { return node_->value.negative; }
     double real() const { return node_->value.real; }
 
@@ -116,11 +119,27 @@ public:
     size_t name() const { return node_->name; }
     const json_names &names() const { return *node_->value.names; }
 
+    // Returns how a member with this name stands in the source: "port":"eth1" . Returns an empty text unless put_name
+    // and put_value would write the same.
+    std::string_view plain_member(std::string_view name) const;
+
     bool operator==(const json_value &) const = default;
 
 private:
+    std::string_view source() const { return {node_->value.source, node_->size}; }
+
     const json_node *node_ = nullptr;
 };
+
+inline std::string_view json_value::plain_member(std::string_view name) const
+{
+    if (!is_plain() || node_->name == json_names::max_names) {
+        return {};
+    }
+    const size_t quote = is_text() ? 1 : 0;
+    const size_t size_before = name.size() + sizeof("\"\":") - 1 + quote;
+    return {node_->value.source - size_before, size_before + node_->size + quote};
+}
 
 // Private to json_document. A vector whose `push_back` does less: a page has a hundred thousand nodes.
 class json_nodes {

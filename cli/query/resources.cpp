@@ -28,7 +28,7 @@ size_t add_string(text_buffer &to, json_value value)
     if (text.empty()) {
         return add_plain(to, "-");
     }
-    if (value.is_plain_text()) {
+    if (value.is_plain()) {
         return add_plain(to, text);
     }
     const std::string shown = base::visible(text);
