@@ -200,10 +200,11 @@ void write_record(text_buffer &to, const members &item, const resource &shown, u
 
 void column_places::follow(const json_names &names, const resource &shown)
 {
-    if (&names == names_ && names.size() == places_.size()) {
+    if (&names == names_ && names.generation() == generation_ && names.size() == places_.size()) {
         return;
     }
     names_ = &names;
+    generation_ = names.generation();
     places_.clear();
     for (size_t number = 0; number < names.size(); number++) {
         places_.push_back(static_cast<uint8_t>(column_of(names[number], shown)));

@@ -33,6 +33,7 @@ public:
 
 private:
     const json_names *names_ = nullptr;
+    unsigned generation_ = 0;
     std::vector<uint8_t> places_;
 };
 

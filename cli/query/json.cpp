@@ -111,7 +111,7 @@ size_t json_names::number_of(std::string_view name)
     while (number < size() && (*this)[number] != name) {
         number++;
     }
-    if (number == size() && number < max_names) {
+    if (number == size() && !is_full()) {
         quoted_.push_back('"' + std::string(name) + "\":");
     }
     return number;
@@ -359,19 +359,30 @@ struct json_document::builder {
     }
 };
 
-// The library takes a zero byte for the end of the text.
+// The library takes a zero byte for the end of the text, and skips a byte order mark. Neither is JSON.
 bool json_document::read_by_library(std::string_view text)
 {
+    constexpr char byte_order_mark[] = "\xef\xbb\xbf";
+    const bool is_other = text.find('\0') != std::string_view::npos || text.starts_with(byte_order_mark);
     nodes_.clear();
     builder handler{*this};
-    return text.find('\0') == std::string_view::npos && nlohmann::json::sax_parse(text, &handler);
+    return !is_other && nlohmann::json::sax_parse(text, &handler);
+}
+
+bool json_document::read(std::string_view text)
+{
+    nodes_.clear();
+    texts_.clear();
+    return plain_reader(text, *this).read() || read_by_library(text);
 }
 
 json_value json_document::parse(std::string_view text)
 {
-    nodes_.clear();
-    texts_.clear();
-    const bool is_json = plain_reader(text, *this).read() || read_by_library(text);
+    bool is_json = read(text);
+    if (!is_json && names_.is_full()) {
+        names_.clear(); // those of earlier texts
+        is_json = read(text);
+    }
     return is_json ? nodes_.root() : json_value();
 }
 

@@ -39,12 +39,22 @@ enum class json_kind : uint8_t {
     object
 };
 
-// The names of members that a document has seen. A name keeps its number as long as the document lives.
+// The names of members that a document has seen. A name keeps its number until `clear`.
 class json_names {
 public:
     static constexpr size_t max_names = 1024; // ten times as many as the API has
 
     size_t size() const { return quoted_.size(); }
+    bool is_full() const { return size() == max_names; }
+
+    // Counts the calls of `clear`.
+    unsigned generation() const { return generation_; }
+
+    void clear()
+    {
+        quoted_.clear();
+        generation_++;
+    }
 
     // Returns the name as JSON with its colon: "port":
     std::string_view quoted(size_t number) const { return quoted_[number]; }
@@ -55,11 +65,12 @@ public:
         return name.substr(1, name.size() - sizeof("\"\":") + 1);
     }
 
-    // Returns the number of the name, a new one if the name is new, or max_names if there are too many.
+    // Returns the number of the name, a new one if the name is new, or max_names if the names are full.
     size_t number_of(std::string_view name);
 
 private:
     std::vector<std::string> quoted_;
+    unsigned generation_ = 0;
 };
 
 // Private to json_document and json_value.
@@ -173,13 +184,15 @@ public:
     json_document(const json_document &) = delete;
     json_document &operator=(const json_document &) = delete;
 
-    // Returns the value of the whole text, or no value if the text is not JSON. The values refer to `text`.
+    // Returns the value of the whole text. Returns no value if the text is not JSON or has more than max_names
+    // different names. The values refer to `text`.
     json_value parse(std::string_view text);
 
 private:
     class plain_reader;
     struct builder;
 
+    bool read(std::string_view text);
     bool read_by_library(std::string_view text);
 
     json_names names_;
