@@ -9,8 +9,6 @@
 #include <optional>
 #include <string>
 
-#include "cli/output/printer.h"
-
 namespace l2fibctl {
 
 enum class command_kind : uint8_t {
@@ -24,6 +22,14 @@ enum class command_kind : uint8_t {
     show_health,
     show_trace,
     resync
+};
+
+// The form of printed items.
+enum class form : uint8_t {
+    text,
+    json,       // one array; of a record, its object
+    json_lines, // one item per line
+    bridge_json // one array of entries that cli/output/bridge_form.h made
 };
 
 // The order of MAC entries.

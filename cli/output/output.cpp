@@ -17,10 +17,7 @@ namespace {
 
 constexpr size_t piece_size = size_t(64) * 1024;          // large enough to make the cost of a write small
 constexpr size_t max_held_size = size_t(4) * 1024 * 1024; // of held output in memory
-constexpr auto quiet_time = std::chrono::seconds(1);      // before the progress line appears
-constexpr auto redraw_time = std::chrono::milliseconds(250);
-constexpr char erase_line[] = "\r\033[K";
-constexpr int no_time_limit = -1; // of poll
+constexpr int no_time_limit = -1;                         // of poll
 
 // Another process that shares standard output may have made it non-blocking.
 void wait_for_room()
@@ -38,32 +35,6 @@ void wait_for_room()
 
 } // namespace
 
-progress::progress()
-    : enabled_(isatty(STDERR_FILENO) == 1)
-{}
-
-void progress::tick()
-{
-    const auto now = clock::now();
-    if (!enabled_ || now - start_ < quiet_time || now - last_ < redraw_time) {
-        return;
-    }
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - start_).count();
-    const std::string text = text_.empty() ? std::to_string(items_) + " items" : text_;
-    std::fprintf(stderr, "%s%s, %lld s", erase_line, text.c_str(), static_cast<long long>(seconds));
-    drawn_ = true;
-    last_ = now;
-}
-
-void progress::stop()
-{
-    if (drawn_) {
-        std::fputs(erase_line, stderr);
-    }
-    drawn_ = false;
-    enabled_ = false;
-}
-
 output::output(progress &line, bool held)
     : progress_line_(line)
     , terminal_(isatty(STDOUT_FILENO) == 1)
@@ -71,9 +42,8 @@ output::output(progress &line, bool held)
     , spilled_(nullptr, std::fclose)
 {}
 
-void output::put(std::string_view text)
+void output::end_item()
 {
-    pending_ += text;
     if (held_ && pending_.size() >= max_held_size) {
         spill();
     } else if (!held_ && pending_.size() >= piece_size) {
@@ -87,11 +57,12 @@ void output::spill()
     if (spilled_ == nullptr) {
         spilled_.reset(std::tmpfile());
     }
-    if (spilled_ == nullptr || std::fwrite(pending_.data(), 1, pending_.size(), spilled_.get()) != pending_.size()
+    if (spilled_ == nullptr
+        || std::fwrite(pending_.text().data(), 1, pending_.size(), spilled_.get()) != pending_.size()
         || std::fflush(spilled_.get()) != 0) {
         fail("cannot keep the answer for --strict in a temporary file in " P_tmpdir);
     }
-    pending_.clear();
+    pending_.shorten(0);
 }
 
 void output::release()
@@ -114,8 +85,8 @@ void output::release()
 void output::flush()
 {
     if (!held_) {
-        write_out(pending_);
-        pending_.clear();
+        write_out(pending_.text());
+        pending_.shorten(0);
     }
 }
 

@@ -22,8 +22,8 @@
 
 #include "cli/failure.h"
 #include "cli/options.h"
-#include "cli/output/completeness.h"
-#include "cli/output/output.h"
+#include "cli/progress.h"
+#include "cli/query/completeness.h"
 #include "cli/query/http.h"
 #include "cli/query/json.h"
 
@@ -40,7 +40,7 @@ struct query_session {
 
 struct page {
     answer raw = {};
-    simdjson::dom::parser parser{};
+    json_document document = {};
     std::vector<json_value> items = {}; // valid until the next fetch into this page
     std::string next_cursor = {};       // empty: this is the last page
     completeness_mark completeness = {};

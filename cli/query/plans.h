@@ -38,7 +38,7 @@ struct item_filter {
     std::string_view vtep_member = "vtep"; // the item's member that `vtep` is compared with
 
     bool empty() const { return domain.empty() && xcids.empty() && address.empty() && vtep.empty(); }
-    bool accepts(const json_value &item) const;
+    bool accepts(json_value item) const;
 };
 
 struct query_plan {
@@ -60,14 +60,16 @@ const view &view_of(const client_options &options);
 
 query_plan plan_tunnel(query_session &session);
 
+// Returns the path of a resource of the API, such as "health".
+std::string data_path(std::string_view resource_path);
+
 // Passes each page to `take` until that returns false; then returns false. Throws a page's problem after `take` had the
 // page.
 bool for_each_page(query_session &session, const list_request &list, uint64_t max_items,
                    const std::function<bool(const page &current)> &take);
 
 // Passes all items of `domains` or `ports` to `take`.
-void for_each_item(query_session &session, const resource &listed,
-                   const std::function<void(const json_value &item)> &take);
+void for_each_item(query_session &session, const resource &listed, const std::function<void(json_value item)> &take);
 
 struct named_port {
     uint64_t xcid;

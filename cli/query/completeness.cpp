@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "cli/output/completeness.h"
+#include "cli/query/completeness.h"
 
 #include <algorithm>
 #include <iterator>
