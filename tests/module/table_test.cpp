@@ -213,7 +213,7 @@ struct expected_walk {
 uint32_t visit_and_change(l2fm_edm_mac_t *mac, void *cookie)
 {
     auto &expected = *static_cast<expected_walk *>(cookie);
-    const uint32_t number = mac->mac_addr[4] << 8 | mac->mac_addr[5];
+    const uint32_t number = 256u * mac->mac_addr[4] + mac->mac_addr[5];
     EXPECT_EQ(number, expected.next);
     const auto behind = expected.present.upper_bound(number);
     expected.next = behind == expected.present.end() ? 0 : *behind;
