@@ -11,11 +11,12 @@
 //      kernel_dumps.cpp     full dumps: when they begin, what they request and read
 //      full_dump.h          which dump proves that nothing was missed
 //      kernel_query.h       questions about single entries
+//      kernel_ages.h        ages of whole bridges, by dumps that readers of long lists start
 //      kernel_decode.h      bytes to records; kernel_request.h: requests to bytes; kernel_socket.h: sockets
 //
-// Sockets. The plane has three. One is subscribed to changes before the plane asks for anything. One is for dumps,
+// Sockets. The plane has four. One is subscribed to changes before the plane asks for anything. One is for dumps,
 // which the event loop reads in slices as they arrive. One is for questions about single entries, so that no answer
-// queues behind a dump. Reading needs no privilege.
+// queues behind a dump. One is for dumps of ages, which the threads of readers make. Reading needs no privilege.
 //
 // Full dumps. A full dump requests the links, then the VLANs of all ports, then each bridge, then each VXLAN device
 // without a bridge. It is clean if each dump was (full_dump.h).
