@@ -26,7 +26,7 @@ using clock = std::chrono::steady_clock;
 // ---- Showing ----
 
 // Prints an item, or leaves it out.
-using item_action = std::function<void(const json_value &item)>;
+using item_action = std::function<void(json_value item)>;
 
 // Where the items of one command go.
 struct display {
@@ -44,7 +44,7 @@ bool print_query(display &to, const list_request &list, const item_filter &filte
     // The daemon can limit the items only if the client prints every item that it receives.
     const uint64_t max_items = filter.empty() && !to.makes_bridge_form() ? to.room() : no_limit;
     return for_each_page(to.session, list, max_items, [&](const page &current) {
-        for (const json_value &item : current.items) {
+        for (const json_value item : current.items) {
             if (filter.accepts(item)) {
                 print(item);
             }
@@ -84,7 +84,7 @@ base::result print_plan(display &to, std::string_view name, const query_plan &pl
 base::result print_bridge_form(display &to, const query_plan &plan)
 {
     bridge_names bridges;
-    for_each_item(to.session, domains, [&](const json_value &item) {
+    for_each_item(to.session, domains, [&](json_value item) {
         bridges.insert_or_assign(number_of(item, "bridge-id"), text_of(item, "bridge"));
     });
     const auto print = [&](const std::string &entry) {
@@ -93,12 +93,12 @@ base::result print_bridge_form(display &to, const query_plan &plan)
         }
     };
     base::result found =
-        print_plan(to, mac_entries.name, plan, [&](const json_value &item) { print(bridge_entry_of(item, bridges)); });
+        print_plan(to, mac_entries.name, plan, [&](json_value item) { print(bridge_entry_of(item, bridges)); });
     // --flagged selects entries of bridges, and VXLAN devices have none.
     if (to.room() > 0 && !to.session.options.flagged) {
         // Its result does not count: the first plan has named a missing domain or port already.
         static_cast<void>(print_plan(to, tunnel_entries.name, plan_tunnel(to.session),
-                                     [&](const json_value &item) { print(device_entry_of(item)); }));
+                                     [&](json_value item) { print(device_entry_of(item)); }));
     }
     return found;
 }
@@ -111,7 +111,7 @@ base::result print_view(display &to, const view &selected)
         if (to.makes_bridge_form()) {
             return print_bridge_form(to, plan);
         }
-        return print_plan(to, selected.shown->name, plan, [&](const json_value &item) { to.printer.item(item); });
+        return print_plan(to, selected.shown->name, plan, [&](json_value item) { to.printer.item(item); });
     } catch (const failure &error) {
         if (error.status != exit_status::nothing_found) {
             throw;
@@ -157,9 +157,11 @@ constexpr char resync_path[] = "/restconf/operations/l2fib-mac:resync";
 
 std::string domain_member(const std::string &name)
 {
-    std::string member = R"("domain":)";
+    text_buffer member;
+    member.put(R"("domain":)");
     put_text(member, name);
-    return member + ",";
+    member.put(',');
+    return std::string(member.text());
 }
 
 // Returns the scope of each request of the command, as a member of its JSON input. No member means everything.

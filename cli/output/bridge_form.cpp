@@ -43,20 +43,19 @@ constexpr word_pair device_members[] = {
 
 using words = std::vector<std::string_view>;
 
-words flags_of(const json_value &entry)
+words flags_of(json_value entry)
 {
     words found;
-    const auto member = find(entry, "flags");
-    simdjson::dom::array flags;
-    if (!member) {
+    const json_value flags = find(entry, "flags");
+    if (!flags) {
         return found;
     }
-    if (member->get(flags) != simdjson::SUCCESS) {
+    if (!flags.is_array()) {
         fail_damaged();
     }
-    for (const json_value flag : flags) {
-        if (flag.is_string()) {
-            found.push_back(flag);
+    for (json_value flag = flags.first(); flag != flags.end(); flag = flag.next()) {
+        if (flag.is_text()) {
+            found.push_back(flag.text());
         }
     }
     return found;
@@ -70,20 +69,20 @@ std::string_view state_of(const words &entry_words, std::span<const word_pair> s
     return found != states.end() ? found->theirs : std::string_view();
 }
 
-void put_member(std::string &to, std::string_view name, std::string_view text)
+void put_member(text_buffer &to, std::string_view name, std::string_view text)
 {
-    to.append(to.empty() ? "{\"" : ",\"").append(name).append("\":");
+    put_name(to, to.size() == 0 ? '{' : ',', name);
     put_text(to, text);
 }
 
-void put_member(std::string &to, std::string_view name, const json_value &value)
+void put_member(text_buffer &to, std::string_view name, json_value value)
 {
-    to.append(",\"").append(name).append("\":");
+    put_name(to, ',', name);
     put_value(to, value);
 }
 
 // Puts `first` before the entry's own flags unless it is empty.
-void put_flags(std::string &to, std::string_view first, const words &flags)
+void put_flags(text_buffer &to, std::string_view first, const words &flags)
 {
     words shown;
     if (!first.empty()) {
@@ -94,17 +93,18 @@ void put_flags(std::string &to, std::string_view first, const words &flags)
             shown.push_back(row.theirs);
         }
     }
-    to += ",\"flags\":[";
+    put_name(to, ',', "flags");
+    to.put('[');
     for (size_t i = 0; i < shown.size(); i++) {
-        to += i == 0 ? "" : ",";
+        to.put(i == 0 ? "" : ",");
         put_text(to, shown[i]);
     }
-    to += ']';
+    to.put(']');
 }
 
 } // namespace
 
-std::string bridge_entry_of(const json_value &mac_entry, const bridge_names &bridges)
+std::string bridge_entry_of(json_value mac_entry, const bridge_names &bridges)
 {
     const std::string_view mac = text_of(mac_entry, "mac-address");
     if (mac == flood_address) {
@@ -112,32 +112,34 @@ std::string bridge_entry_of(const json_value &mac_entry, const bridge_names &bri
     }
     const auto found = bridges.find(number_of(mac_entry, "bridge-id"));
     const std::string_view bridge = found != bridges.end() ? std::string_view(found->second) : "";
-    std::string made;
+    text_buffer made;
     put_member(made, "mac", mac);
     put_member(made, "ifname", find(mac_entry, "port") ? text_of(mac_entry, "port") : bridge);
-    if (const auto vlan = find(mac_entry, "vlan")) {
-        put_member(made, "vlan", *vlan);
+    if (const json_value vlan = find(mac_entry, "vlan")) {
+        put_member(made, "vlan", vlan);
     }
     put_flags(made, "", flags_of(mac_entry));
     put_member(made, "master", bridge);
     put_member(made, "state", state_of({text_of(mac_entry, "origin")}, bridge_states));
-    return made + "}";
+    made.put('}');
+    return std::string(made.text());
 }
 
-std::string device_entry_of(const json_value &tunnel_entry)
+std::string device_entry_of(json_value tunnel_entry)
 {
     const words flags = flags_of(tunnel_entry);
-    std::string made;
+    text_buffer made;
     put_member(made, "mac", text_of(tunnel_entry, "mac-address"));
     put_member(made, "ifname", text_of(tunnel_entry, "port"));
     for (const word_pair &row : device_members) {
-        if (const auto value = find(tunnel_entry, row.ours)) {
-            put_member(made, row.theirs, *value);
+        if (const json_value value = find(tunnel_entry, row.ours)) {
+            put_member(made, row.theirs, value);
         }
     }
     put_flags(made, "self", flags);
     put_member(made, "state", state_of(flags, device_states));
-    return made + "}";
+    made.put('}');
+    return std::string(made.text());
 }
 
 } // namespace l2fibctl

@@ -25,9 +25,9 @@ using bridge_names = std::unordered_map<uint64_t, std::string>; // by bridge id
 
 // Returns the bridge's entry as JSON. Returns an empty text for the zero address: it stands for a VXLAN device's flood
 // list, which the bridge does not have.
-std::string bridge_entry_of(const json_value &mac_entry, const bridge_names &bridges);
+std::string bridge_entry_of(json_value mac_entry, const bridge_names &bridges);
 
 // Returns the VXLAN device's own entry as JSON.
-std::string device_entry_of(const json_value &tunnel_entry);
+std::string device_entry_of(json_value tunnel_entry);
 
 } // namespace l2fibctl

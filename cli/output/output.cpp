@@ -42,9 +42,8 @@ output::output(progress &line, bool held)
     , spilled_(nullptr, std::fclose)
 {}
 
-void output::put(std::string_view text)
+void output::end_item()
 {
-    pending_ += text;
     if (held_ && pending_.size() >= max_held_size) {
         spill();
     } else if (!held_ && pending_.size() >= piece_size) {
@@ -58,11 +57,12 @@ void output::spill()
     if (spilled_ == nullptr) {
         spilled_.reset(std::tmpfile());
     }
-    if (spilled_ == nullptr || std::fwrite(pending_.data(), 1, pending_.size(), spilled_.get()) != pending_.size()
+    if (spilled_ == nullptr
+        || std::fwrite(pending_.text().data(), 1, pending_.size(), spilled_.get()) != pending_.size()
         || std::fflush(spilled_.get()) != 0) {
         fail("cannot keep the answer for --strict in a temporary file in " P_tmpdir);
     }
-    pending_.clear();
+    pending_.shorten(0);
 }
 
 void output::release()
@@ -85,8 +85,8 @@ void output::release()
 void output::flush()
 {
     if (!held_) {
-        write_out(pending_);
-        pending_.clear();
+        write_out(pending_.text());
+        pending_.shorten(0);
     }
 }
 

@@ -10,10 +10,10 @@
 
 #include <cstdio>
 #include <memory>
-#include <string>
 #include <string_view>
 
 #include "cli/progress.h"
+#include "cli/text_buffer.h"
 
 namespace l2fibctl {
 
@@ -24,9 +24,13 @@ public:
     // If `held` is set, nothing is written before `release`. Up to 4 MiB stay in memory, the rest in a temporary file.
     output(progress &line, bool held);
 
-    void put(std::string_view text);
+    // The text that is not written yet. Callers append to it.
+    text_buffer &pending() { return pending_; }
 
-    // Writes what `put` collected, unless the output is held.
+    // Writes the pending text if it is long enough for a piece. Call this behind each item.
+    void end_item();
+
+    // Writes the pending text, unless the output is held.
     void flush();
 
     // Writes everything that was held and stops holding.
@@ -42,7 +46,7 @@ private:
     bool terminal_;
     bool held_;
     file spilled_;
-    std::string pending_;
+    text_buffer pending_;
 };
 
 } // namespace l2fibctl

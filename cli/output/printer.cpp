@@ -15,65 +15,78 @@ constexpr unsigned gap = 2;          // spaces between columns, and the indentat
 constexpr unsigned label_width = 24; // of a record's titles with their indentation
 constexpr std::string_view no_value = "-";
 
-// An item's values by column. A column without a value stays empty.
-using members = std::array<std::optional<json_value>, max_columns>;
+// An item's values by column. A column without a member has no value.
+using members = std::array<json_value, max_columns + 1>; // the last place is for members without a column
 
-// Sorts an item's members into the columns. The daemon sends members mostly in the order of the columns, so each search
-// begins behind the previous match. For the columns a, b, c, d and the item {"b":1,"c":2,"a":3} it compares
-//
-//      b with a, b;  c with c;  a with d, a
-members members_of(const json_value &item, const resource &shown)
+// Returns the place of the column, or max_columns if the resource has no such column.
+size_t column_of(std::string_view name, const resource &shown)
+{
+    const auto found = std::ranges::find(shown.columns, name, &column::member);
+    return found != shown.columns.end() ? static_cast<size_t>(found - shown.columns.begin()) : max_columns;
+}
+
+// Sorts an item's members into the columns. If a member is there twice, the last one counts.
+members members_of(json_value item, const resource &shown, column_places &places)
 {
     members found;
-    const size_t count = shown.columns.size();
-    size_t next = 0;
-    simdjson::dom::object object;
-    if (item.get(object) != simdjson::SUCCESS) {
+    if (!item.is_object()) {
         return found;
     }
-    for (const auto &[name, value] : object) {
-        for (size_t tried = 0; tried < count; tried++) {
-            const size_t candidate = next + tried < count ? next + tried : next + tried - count;
-            if (shown.columns[candidate].member == name) {
-                found[candidate] = value;
-                next = candidate + 1 < count ? candidate + 1 : 0;
-                break;
-            }
-        }
+    places.follow(item.names(), shown);
+    for (json_value member = item.first(); member != item.end(); member = member.next()) {
+        found[places.of(member)] = member;
     }
     return found;
 }
 
-// ---- JSON ----
-
-void write_json(std::string &to, const json_value &value, const resource *parts);
-
-void write_object(std::string &to, const members &item, const resource &shown)
+// The same for a value of which the answer has few.
+members members_of(json_value item, const resource &shown)
 {
-    std::string_view separator = "{\"";
-    for (size_t i = 0; i < shown.columns.size(); i++) {
-        if (item[i]) {
-            to.append(separator).append(shown.columns[i].member).append("\":");
-            write_json(to, *item[i], shown.columns[i].parts);
-            separator = ",\"";
-        }
-    }
-    to += separator.front() == '{' ? "{}" : "}";
+    column_places places;
+    return members_of(item, shown, places);
 }
 
-void write_json(std::string &to, const json_value &value, const resource *parts)
+// ---- JSON ----
+
+void write_json(text_buffer &to, json_value value, const resource *parts);
+
+void write_member(text_buffer &to, char separator, json_value value, const column &shown)
 {
-    if (parts != nullptr && value.is_object()) {
-        write_object(to, members_of(value, *parts), *parts);
-    } else if (parts != nullptr && value.is_array()) {
-        std::string_view separator;
-        to += '[';
-        for (const json_value element : simdjson::dom::array(value)) {
-            to += separator;
-            write_json(to, element, parts);
-            separator = ",";
+    const std::string_view plain = value.plain_member(shown.member);
+    if (plain.empty()) {
+        put_name(to, separator, shown.member);
+        write_json(to, value, shown.parts);
+    } else {
+        to.put(separator);
+        to.put(plain);
+    }
+}
+
+void write_object(text_buffer &to, const members &item, const resource &shown)
+{
+    char separator = '{';
+    for (size_t i = 0; i < shown.columns.size(); i++) {
+        if (item[i]) {
+            write_member(to, separator, item[i], shown.columns[i]);
+            separator = ',';
         }
-        to += ']';
+    }
+    to.put(separator == '{' ? "{}" : "}");
+}
+
+void write_json(text_buffer &to, json_value value, const resource *parts)
+{
+    if (parts == nullptr) {
+        put_value(to, value);
+    } else if (value.is_object()) {
+        write_object(to, members_of(value, *parts), *parts);
+    } else if (value.is_array()) {
+        to.put('[');
+        for (json_value element = value.first(); element != value.end(); element = element.next()) {
+            to.put(element == value.first() ? "" : ",");
+            write_json(to, element, parts);
+        }
+        to.put(']');
     } else {
         put_value(to, value);
     }
@@ -81,104 +94,122 @@ void write_json(std::string &to, const json_value &value, const resource *parts)
 
 // ---- Text ----
 
-// Pads the cell whose text begins at `start` to its column's width, and appends the gap.
-void end_cell(std::string &to, size_t start, const column_kind &kind)
+// Pads the cell whose text begins at `start` and is `width` characters wide to its column's width. Appends the gap.
+void end_cell(text_buffer &to, size_t start, size_t width, const column_kind &kind)
 {
-    const size_t width = base::width_of(std::string_view(to).substr(start));
     const size_t padding = width < kind.width ? kind.width - width : 0;
     if (kind.is_right_aligned) {
-        to.insert(start, padding, ' ').append(gap, ' ');
+        to.insert_spaces(start, padding);
+        to.put_spaces(gap);
     } else {
-        to.append(padding + gap, ' ');
+        to.put_spaces(padding + gap);
     }
 }
 
-void write_cell(std::string &to, std::string_view text, const column_kind &kind)
+// `title` is plain ASCII.
+void write_title(text_buffer &to, std::string_view title, const column_kind &kind)
 {
-    to += text;
-    end_cell(to, to.size() - text.size(), kind);
+    const size_t start = to.size();
+    to.put(title);
+    end_cell(to, start, title.size(), kind);
 }
 
-void end_line(std::string &to)
+void end_line(text_buffer &to)
 {
-    to.erase(to.find_last_not_of(' ') + 1);
-    to += '\n';
+    to.shorten(to.text().find_last_not_of(' ') + 1);
+    to.put('\n');
 }
 
-void write_titles(std::string &to, const resource &shown, unsigned indent)
+void write_titles(text_buffer &to, const resource &shown, unsigned indent)
 {
-    to.append(indent, ' ');
+    to.put_spaces(indent);
     for (const column &one : shown.columns) {
         if (!one.title.empty()) {
-            write_cell(to, one.title, *one.kind);
+            write_title(to, one.title, *one.kind);
         }
     }
     end_line(to);
 }
 
-void write_row(std::string &to, const members &item, const resource &shown, unsigned indent)
+size_t write_value(text_buffer &to, json_value value, const column_kind &kind)
 {
-    to.append(indent, ' ');
+    if (value) {
+        return kind.format(to, value);
+    }
+    to.put(no_value);
+    return no_value.size();
+}
+
+void write_row(text_buffer &to, const members &item, const resource &shown, unsigned indent)
+{
+    to.put_spaces(indent);
     for (size_t i = 0; i < shown.columns.size(); i++) {
         const column &one = shown.columns[i];
-        if (one.title.empty()) {
-            continue;
+        if (!one.title.empty()) {
+            const size_t start = to.size();
+            end_cell(to, start, write_value(to, item[i], *one.kind), *one.kind);
         }
-        const size_t start = to.size();
-        if (item[i]) {
-            one.kind->format(to, *item[i]);
-        } else {
-            to += no_value;
-        }
-        end_cell(to, start, *one.kind);
     }
     end_line(to);
 }
 
-void write_record(std::string &to, const members &item, const resource &shown, unsigned indent);
+void write_record(text_buffer &to, const members &item, const resource &shown, unsigned indent);
 
-void write_parts(std::string &to, const json_value &value, const resource &shown, unsigned indent)
+void write_parts(text_buffer &to, json_value value, const resource &shown, unsigned indent)
 {
     if (shown.shown_as == layout::record) {
         write_record(to, members_of(value, shown), shown, indent);
         return;
     }
     write_titles(to, shown, indent);
-    for (const json_value element : simdjson::dom::array(value)) {
+    for (json_value element = value.first(); element != value.end(); element = element.next()) {
         write_row(to, members_of(element, shown), shown, indent);
     }
 }
 
 // Returns whether the value is an object or array as `parts` expect, and is not empty.
-bool has_parts(const json_value &value, const resource *parts)
+bool has_parts(json_value value, const resource *parts)
 {
     if (parts == nullptr) {
         return false;
     }
-    return parts->shown_as == layout::record ? value.is_object() && simdjson::dom::object(value).size() > 0
-                                             : value.is_array() && simdjson::dom::array(value).size() > 0;
+    const bool fits = parts->shown_as == layout::record ? value.is_object() : value.is_array();
+    return fits && !value.is_empty();
 }
 
-void write_record(std::string &to, const members &item, const resource &shown, unsigned indent)
+void write_record(text_buffer &to, const members &item, const resource &shown, unsigned indent)
 {
     for (size_t i = 0; i < shown.columns.size(); i++) {
         const column &one = shown.columns[i];
         if (one.title.empty() || !item[i]) {
             continue;
         }
-        to.append(indent, ' ');
-        write_cell(to, std::string(one.title) + ":", {label_width - indent, false, nullptr});
-        if (has_parts(*item[i], one.parts)) {
+        to.put_spaces(indent);
+        write_title(to, std::string(one.title) + ":", {label_width - indent, false, nullptr});
+        if (has_parts(item[i], one.parts)) {
             end_line(to);
-            write_parts(to, *item[i], *one.parts, indent + gap);
+            write_parts(to, item[i], *one.parts, indent + gap);
         } else {
-            one.kind->format(to, *item[i]);
+            one.kind->format(to, item[i]);
             end_line(to);
         }
     }
 }
 
 } // namespace
+
+void column_places::follow(const json_names &names, const resource &shown)
+{
+    if (&names == names_ && names.generation() == generation_ && names.size() == places_.size()) {
+        return;
+    }
+    names_ = &names;
+    generation_ = names.generation();
+    places_.clear();
+    for (size_t number = 0; number < names.size(); number++) {
+        places_.push_back(static_cast<uint8_t>(column_of(names[number], shown)));
+    }
+}
 
 bool item_printer::in_array() const
 {
@@ -191,47 +222,59 @@ std::string_view item_printer::separator() const
     return !in_array() ? "" : items_ == 0 ? "[" : ",\n";
 }
 
-void item_printer::set_scope(std::string_view text)
+// The text behind each item of a JSON form.
+std::string_view item_printer::terminator() const
 {
-    std::string json;
-    put_text(json, text);
-    scope_ = scope_parser_.parse(json).value();
+    return in_array() ? "" : "\n";
 }
 
-void item_printer::item(const json_value &value)
+void item_printer::set_scope(std::string_view text)
 {
-    members found = members_of(value, resource_);
+    scope_text_.shorten(0);
+    put_text(scope_text_, text);
+    scope_ = scope_document_.parse(scope_text_.text());
+}
+
+void item_printer::item(json_value value)
+{
+    members found = members_of(value, resource_, places_);
     if (scope_) {
-        const auto scope_column = std::ranges::find(resource_.columns, scope_member, &column::member);
-        found[static_cast<size_t>(scope_column - resource_.columns.begin())] = scope_;
+        found[column_of(scope_member, resource_)] = scope_;
     }
-    line_.clear();
-    if (shown_as_ != form::text) {
-        write_object(line_, found, resource_);
-        ready_item(line_);
-        return;
+    text_buffer &to = out_.pending();
+    if (shown_as_ == form::text) {
+        if (resource_.shown_as == layout::table && items_ == 0) {
+            write_titles(to, resource_, 0);
+        }
+        const auto write = resource_.shown_as == layout::table ? write_row : write_record;
+        write(to, found, resource_, 0);
+    } else {
+        to.put(separator());
+        write_object(to, found, resource_);
+        to.put(terminator());
     }
-    if (resource_.shown_as == layout::table && items_ == 0) {
-        write_titles(line_, resource_, 0);
-    }
-    const auto write = resource_.shown_as == layout::table ? write_row : write_record;
-    write(line_, found, resource_, 0);
-    items_++;
-    out_.put(line_);
+    end_item();
 }
 
 void item_printer::ready_item(std::string_view json)
 {
-    out_.put(separator());
-    out_.put(json);
-    out_.put(in_array() ? "" : "\n");
+    text_buffer &to = out_.pending();
+    to.put(separator());
+    to.put(json);
+    to.put(terminator());
+    end_item();
+}
+
+void item_printer::end_item()
+{
     items_++;
+    out_.end_item();
 }
 
 void item_printer::end()
 {
     if (in_array()) {
-        out_.put(items_ == 0 ? "[]\n" : "]\n");
+        out_.pending().put(items_ == 0 ? "[]\n" : "]\n");
     }
     out_.flush();
 }

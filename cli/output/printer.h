@@ -12,9 +12,8 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
-#include <string>
 #include <string_view>
+#include <vector>
 
 #include "cli/options.h"
 #include "cli/output/output.h"
@@ -22,6 +21,21 @@
 #include "cli/query/resources.h"
 
 namespace l2fibctl {
+
+// The place of each name's column in a resource.
+class column_places {
+public:
+    // Looks the names up unless that has been done.
+    void follow(const json_names &names, const resource &shown);
+
+    // Returns max_columns if the resource has no column for the member.
+    size_t of(json_value member) const { return places_[member.name()]; }
+
+private:
+    const json_names *names_ = nullptr;
+    unsigned generation_ = 0;
+    std::vector<uint8_t> places_;
+};
 
 class item_printer {
 public:
@@ -35,7 +49,7 @@ public:
     // Gives the items that follow the member `scope_member`, which the daemon does not send.
     void set_scope(std::string_view text);
 
-    void item(const json_value &value);
+    void item(json_value value);
 
     // Prints an item that is already JSON.
     void ready_item(std::string_view json);
@@ -48,14 +62,17 @@ public:
 private:
     bool in_array() const;
     std::string_view separator() const;
+    std::string_view terminator() const;
+    void end_item();
 
     form shown_as_;
     const resource &resource_;
     output &out_;
     uint64_t items_ = 0;
-    simdjson::dom::parser scope_parser_;
-    std::optional<json_value> scope_;
-    std::string line_; // a member so that all items use the same memory
+    column_places places_;
+    text_buffer scope_text_; // JSON
+    json_document scope_document_;
+    json_value scope_;
 };
 
 } // namespace l2fibctl

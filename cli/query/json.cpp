@@ -2,8 +2,8 @@
 
 #include "cli/query/json.h"
 
-#include <algorithm>
 #include <charconv>
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "cli/failure.h"
@@ -12,46 +12,53 @@ namespace l2fibctl {
 
 namespace {
 
-using simdjson::dom::element_type;
-
 constexpr size_t max_number_length = 32; // the longest number, a double, needs 24 characters
 constexpr int in_one_line = -1;          // nlohmann's indentation
 
-// Returns whether JSON can hold the character without an escape.
-bool is_plain(char c)
-{
-    return c >= ' ' && c < '\x7f' && c != '"' && c != '\\';
-}
-
 template <typename Number>
-void put_number(std::string &to, Number number)
+void put_number(text_buffer &to, Number number)
 {
-    char digits[max_number_length];
-    to.append(digits, std::to_chars(digits, digits + sizeof(digits), number).ptr);
+    char *digits = to.room_for(max_number_length);
+    to.end_at(std::to_chars(digits, digits + max_number_length, number).ptr);
 }
 
-void put_array(std::string &to, const simdjson::dom::array &values)
+// The text needs no escapes. Returns the end.
+char *write_quoted(char *at, std::string_view text)
 {
-    std::string_view separator = "[";
-    for (const json_value value : values) {
-        to += separator;
-        put_value(to, value);
-        separator = ",";
-    }
-    to += separator == "[" ? "[]" : "]";
+    *at++ = '"';
+    std::memcpy(at, text.data(), text.size());
+    at += text.size();
+    *at++ = '"';
+    return at;
 }
 
-void put_object(std::string &to, const simdjson::dom::object &members)
+void put_quoted(text_buffer &to, std::string_view text)
 {
-    std::string_view separator = "{";
-    for (const auto &[name, value] : members) {
-        to += separator;
-        put_text(to, name);
-        to += ':';
-        put_value(to, value);
-        separator = ",";
+    to.end_at(write_quoted(to.room_for(text.size() + sizeof("\"\"") - 1), text));
+}
+
+void put_array(text_buffer &to, json_value array)
+{
+    char separator = '[';
+    for (json_value element = array.first(); element != array.end(); element = element.next()) {
+        to.put(separator);
+        put_value(to, element);
+        separator = ',';
     }
-    to += separator == "{" ? "{}" : "}";
+    to.put(array.is_empty() ? "[]" : "]");
+}
+
+void put_object(text_buffer &to, json_value object)
+{
+    char separator = '{';
+    for (json_value member = object.first(); member != object.end(); member = member.next()) {
+        to.put(separator);
+        put_text(to, object.names()[member.name()]);
+        to.put(':');
+        put_value(to, member);
+        separator = ',';
+    }
+    to.put(object.is_empty() ? "{}" : "}");
 }
 
 } // namespace
@@ -63,54 +70,67 @@ void fail_damaged()
         "the daemon's answer is damaged: expected the JSON of the API; compare the versions of l2fibd and l2fibctl");
 }
 
-std::optional<json_value> find(const json_value &object, std::string_view member)
+json_value find(json_value object, std::string_view member)
 {
-    json_value found;
-    const bool has_member = object.is_object() && object.at_key(member).get(found) == simdjson::SUCCESS;
-    return has_member ? std::optional(found) : std::nullopt;
+    if (!object.is_object()) {
+        return {};
+    }
+    json_value found = object.first();
+    while (found != object.end() && object.names()[found.name()] != member) {
+        found = found.next();
+    }
+    return found != object.end() ? found : json_value();
 }
 
-std::string_view text_of(const json_value &object, std::string_view member)
+std::string_view text_of(json_value object, std::string_view member)
 {
-    const auto found = find(object, member);
-    std::string_view text;
-    if (found && found->get(text) != simdjson::SUCCESS) {
+    const json_value found = find(object, member);
+    if (found && !found.is_text()) {
         fail_damaged();
     }
-    return text;
+    return found ? found.text() : "";
 }
 
-uint64_t number_of(const json_value &object, std::string_view member)
+uint64_t number_of(json_value object, std::string_view member)
 {
-    const auto found = find(object, member);
-    uint64_t number = 0;
-    if (found && found->get(number) != simdjson::SUCCESS) {
+    const json_value found = find(object, member);
+    if (found && found.kind() != json_kind::natural) {
         fail_damaged();
     }
-    return number;
+    return found ? found.natural() : 0;
 }
 
-void put_text(std::string &to, std::string_view text)
+void put_text(text_buffer &to, std::string_view text)
 {
-    if (std::ranges::all_of(text, is_plain)) {
-        to.append(1, '"').append(text).append(1, '"');
+    const char *end = text.data() + text.size();
+    if (skip_plain(text.data(), end) == end) {
+        put_quoted(to, text);
     } else {
         using nlohmann::json;
-        to += json(text).dump(in_one_line, ' ', true, json::error_handler_t::replace);
+        to.put(json(text).dump(in_one_line, ' ', true, json::error_handler_t::replace));
     }
 }
 
-void put_value(std::string &to, const json_value &value)
+void put_name(text_buffer &to, char separator, std::string_view name)
 {
-    switch (value.type()) {
-    case element_type::ARRAY: put_array(to, value); break;
-    case element_type::OBJECT: put_object(to, value); break;
-    case element_type::STRING: put_text(to, value); break;
-    case element_type::INT64: put_number(to, int64_t(value)); break;
-    case element_type::UINT64: put_number(to, uint64_t(value)); break;
-    case element_type::DOUBLE: put_number(to, double(value)); break;
-    case element_type::BOOL: to += bool(value) ? "true" : "false"; break;
-    case element_type::NULL_VALUE: to += "null"; break;
+    char *at = to.room_for(sizeof(separator) + name.size() + sizeof("\"\":") - 1);
+    *at++ = separator;
+    at = write_quoted(at, name);
+    *at++ = ':';
+    to.end_at(at);
+}
+
+void put_value(text_buffer &to, json_value value)
+{
+    switch (value.kind()) {
+    case json_kind::array: put_array(to, value); break;
+    case json_kind::object: put_object(to, value); break;
+    case json_kind::text: value.is_plain() ? put_quoted(to, value.text()) : put_text(to, value.text()); break;
+    case json_kind::natural: value.is_plain() ? to.put(value.digits()) : put_number(to, value.natural()); break;
+    case json_kind::negative: put_number(to, value.negative()); break;
+    case json_kind::real: put_number(to, value.real()); break;
+    case json_kind::boolean: to.put(value.boolean() ? "true" : "false"); break;
+    case json_kind::null: to.put("null"); break;
     }
 }
 

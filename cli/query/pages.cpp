@@ -25,29 +25,34 @@ constexpr char unknown_instance_tag[] = "invalid-value";
 
 // ---- Errors of the daemon ----
 
-std::vector<json_value> errors_in(const json_value &root)
+std::vector<json_value> elements_of(json_value array)
 {
-    simdjson::dom::array errors;
     std::vector<json_value> found;
-    if (root.is_object() && root["ietf-restconf:errors"]["error"].get(errors) == simdjson::SUCCESS) {
-        found.assign(errors.begin(), errors.end());
+    for (json_value element = array.first(); element != array.end(); element = element.next()) {
+        found.push_back(element);
     }
     return found;
 }
 
-// Returns the text of the member, or an empty text if there is none.
-std::string lenient_text_of(const json_value &error, std::string_view member)
+std::vector<json_value> errors_in(json_value root)
 {
-    const auto found = find(error, member);
-    std::string_view text;
-    return found && found->get(text) == simdjson::SUCCESS ? std::string(text) : "";
+    const json_value container = find(root, "ietf-restconf:errors");
+    const json_value errors = container ? find(container, "error") : json_value();
+    return errors && errors.is_array() ? elements_of(errors) : std::vector<json_value>();
+}
+
+// Returns the text of the member, or an empty text if there is none.
+std::string lenient_text_of(json_value error, std::string_view member)
+{
+    const json_value found = find(error, member);
+    return found && found.is_text() ? std::string(found.text()) : "";
 }
 
 // Returns one line for each error that has a message.
 std::string messages_of(const std::vector<json_value> &errors)
 {
     std::string lines;
-    for (const json_value &error : errors) {
+    for (const json_value error : errors) {
         const std::string message = lenient_text_of(error, "error-message");
         if (!message.empty()) {
             lines += (lines.empty() ? "" : "\n") + base::visible(message);
@@ -76,33 +81,19 @@ failure cut_by(const std::string &reason)
 
 // ---- Reading a page ----
 
-// Returns nothing if the body is not JSON.
-std::optional<json_value> parse_body(page &received)
-{
-    std::string &body = received.raw.body;
-    body.reserve(body.size() + simdjson::SIMDJSON_PADDING); // without this the parser copies the body
-    json_value root;
-    return received.parser.parse(body).get(root) == simdjson::SUCCESS ? std::optional(root) : std::nullopt;
-}
-
-void read_mark(const json_value &root, page &to)
+void read_mark(json_value root, page &to)
 {
     to.completeness.add(
         {completeness_of(lenient_text_of(root, completeness_member)), lenient_text_of(root, reason_member)});
 }
 
-void read_items(const json_value &root, std::string_view name, page &to)
+void read_items(json_value root, std::string_view name, page &to)
 {
-    const auto list = find(root, module_prefix + std::string(name));
+    const json_value list = find(root, module_prefix + std::string(name));
     if (!list) {
         fail_damaged();
     }
-    simdjson::dom::array values;
-    if (list->get(values) == simdjson::SUCCESS) {
-        to.items.assign(values.begin(), values.end());
-    } else {
-        to.items.push_back(*list);
-    }
+    to.items = list.is_array() ? elements_of(list) : std::vector<json_value>{list};
     if (!std::ranges::all_of(to.items, &json_value::is_object)) {
         fail_damaged();
     }
@@ -118,32 +109,32 @@ void read_cut(std::string_view name, page &to)
 {
     to.problem = cut_by(to.raw.received.text);
     to.raw.body += '}';
-    const auto root = parse_body(to);
-    const std::string messages = root ? messages_of(errors_in(*root)) : "";
+    const json_value root = to.document.parse(to.raw.body);
+    const std::string messages = root ? messages_of(errors_in(root)) : "";
     if (!messages.empty()) {
-        read_mark(*root, to);
-        read_items(*root, name, to);
+        read_mark(root, to);
+        read_items(root, name, to);
         to.problem = cut_by(messages);
     }
 }
 
 void read_error(page &to)
 {
-    const auto root = parse_body(to);
+    const json_value root = to.document.parse(to.raw.body);
     if (root) {
-        read_mark(*root, to);
+        read_mark(root, to);
     }
-    to.problem = failure_of(to.raw.status, root ? errors_in(*root) : std::vector<json_value>());
+    to.problem = failure_of(to.raw.status, root ? errors_in(root) : std::vector<json_value>());
 }
 
 void read_success(std::string_view name, page &to)
 {
-    const auto root = parse_body(to);
+    const json_value root = to.document.parse(to.raw.body);
     if (!root) {
         fail_damaged();
     }
-    read_mark(*root, to);
-    read_items(*root, name, to);
+    read_mark(root, to);
+    read_items(root, name, to);
 }
 
 void read_page(std::string_view name, page &to)

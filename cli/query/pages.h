@@ -40,7 +40,7 @@ struct query_session {
 
 struct page {
     answer raw = {};
-    simdjson::dom::parser parser{};
+    json_document document = {};
     std::vector<json_value> items = {}; // valid until the next fetch into this page
     std::string next_cursor = {};       // empty: this is the last page
     completeness_mark completeness = {};

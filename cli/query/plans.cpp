@@ -136,7 +136,7 @@ constexpr view views[] = {
 
 } // namespace
 
-bool item_filter::accepts(const json_value &item) const
+bool item_filter::accepts(json_value item) const
 {
     const auto fits = [&](const std::string &wanted, std::string_view member) {
         return wanted.empty() || text_of(item, member) == wanted;
@@ -173,8 +173,7 @@ bool for_each_page(query_session &session, const list_request &list, uint64_t ma
     return true;
 }
 
-void for_each_item(query_session &session, const resource &listed,
-                   const std::function<void(const json_value &item)> &take)
+void for_each_item(query_session &session, const resource &listed, const std::function<void(json_value item)> &take)
 {
     for_each_page(session, {list_path(listed), listed.name}, no_limit, [&](const page &current) {
         std::ranges::for_each(current.items, take);
@@ -201,7 +200,7 @@ std::vector<named_port> find_ports(query_session &session)
     const auto number = base::parse_number(options.port, UINT32_MAX);
     std::vector<named_port> by_name;
     std::vector<named_port> by_number;
-    for_each_item(session, ports, [&](const json_value &item) {
+    for_each_item(session, ports, [&](json_value item) {
         named_port port = {number_of(item, "xcid"), std::string(text_of(item, "name")),
                            std::string(text_of(item, "domain"))};
         if (!options.domain.empty() && port.domain != options.domain) {

@@ -38,7 +38,7 @@ struct item_filter {
     std::string_view vtep_member = "vtep"; // the item's member that `vtep` is compared with
 
     bool empty() const { return domain.empty() && xcids.empty() && address.empty() && vtep.empty(); }
-    bool accepts(const json_value &item) const;
+    bool accepts(json_value item) const;
 };
 
 struct query_plan {
@@ -66,8 +66,7 @@ bool for_each_page(query_session &session, const list_request &list, uint64_t ma
                    const std::function<bool(const page &current)> &take);
 
 // Passes all items of `domains` or `ports` to `take`.
-void for_each_item(query_session &session, const resource &listed,
-                   const std::function<void(const json_value &item)> &take);
+void for_each_item(query_session &session, const resource &listed, const std::function<void(json_value item)> &take);
 
 struct named_port {
     uint64_t xcid;

@@ -4,92 +4,109 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 
+#include "base/text.h"
 #include "base/visible.h"
 
 namespace l2fibctl {
 
 namespace {
 
-using simdjson::dom::element_type;
-
 constexpr std::string_view unlimited_text = "18446744073709551615"; // the API's number for a pool without a limit
 
-bool is_printable(char c)
+// Appends plain ASCII.
+size_t add_plain(text_buffer &to, std::string_view text)
 {
-    return c >= ' ' && c < '\x7f';
+    to.put(text);
+    return text.size();
 }
 
-void add_string(std::string &to, std::string_view text)
+size_t add_string(text_buffer &to, json_value value)
 {
+    const std::string_view text = value.text();
     if (text.empty()) {
-        to += '-';
-    } else if (std::ranges::all_of(text, is_printable)) {
-        to += text; // fast path for nearly all texts
-    } else {
-        to += base::visible(text);
+        return add_plain(to, "-");
+    }
+    if (value.is_plain()) {
+        return add_plain(to, text);
+    }
+    const std::string shown = base::visible(text);
+    to.put(shown);
+    return base::width_of(shown);
+}
+
+size_t add_text(text_buffer &to, json_value value);
+
+size_t add_list(text_buffer &to, json_value list)
+{
+    size_t width = 0;
+    for (json_value element = list.first(); element != list.end(); element = element.next()) {
+        width += element == list.first() ? 0 : add_plain(to, ", ");
+        width += add_text(to, element);
+    }
+    return list.is_empty() ? add_plain(to, "-") : width;
+}
+
+// Appends plain ASCII: put_value escapes everything else.
+size_t add_json(text_buffer &to, json_value value)
+{
+    const size_t start = to.size();
+    put_value(to, value);
+    return to.size() - start;
+}
+
+size_t add_text(text_buffer &to, json_value value)
+{
+    switch (value.kind()) {
+    case json_kind::text: return add_string(to, value);
+    case json_kind::array: return add_list(to, value);
+    case json_kind::boolean: return add_plain(to, value.boolean() ? "yes" : "no");
+    default: return add_json(to, value);
     }
 }
 
-void add_text(std::string &to, const json_value &value);
-
-void add_list(std::string &to, const simdjson::dom::array &values)
+char *write_two_digits(char *at, uint64_t number)
 {
-    std::string_view separator;
-    for (const json_value value : values) {
-        to += separator;
-        add_text(to, value);
-        separator = ", ";
-    }
-    to += separator.empty() ? "-" : "";
-}
-
-void add_text(std::string &to, const json_value &value)
-{
-    switch (value.type()) {
-    case element_type::STRING: add_string(to, value); break;
-    case element_type::ARRAY: add_list(to, value); break;
-    case element_type::BOOL: to += bool(value) ? "yes" : "no"; break;
-    default: put_value(to, value); break;
-    }
-}
-
-void add_two_digits(std::string &to, uint64_t number)
-{
-    to += static_cast<char>('0' + number / 10);
-    to += static_cast<char>('0' + number % 10);
+    constexpr uint64_t ten = base::decimal;
+    *at++ = static_cast<char>('0' + number / ten);
+    *at++ = static_cast<char>('0' + number % ten);
+    return at;
 }
 
 // 45296 seconds become "12:34:56", 93784 seconds (more than a day) become "1d02h".
-void add_age(std::string &to, const json_value &value)
+size_t add_age(text_buffer &to, json_value value)
 {
     constexpr uint64_t minute = 60;
     constexpr uint64_t hour = 60 * minute;
     constexpr uint64_t day = 24 * hour;
-    uint64_t seconds = 0;
-    if (value.get(seconds) != simdjson::SUCCESS) {
-        add_text(to, value);
-    } else if (seconds < day) {
-        add_two_digits(to, seconds / hour);
-        to += ':';
-        add_two_digits(to, seconds % hour / minute);
-        to += ':';
-        add_two_digits(to, seconds % minute);
-    } else {
-        to.append(std::to_string(seconds / day)).append(1, 'd');
-        add_two_digits(to, seconds % day / hour);
-        to += 'h';
+    constexpr size_t max_age_length = sizeof("18446744073709551615d00h");
+    if (value.kind() != json_kind::natural) {
+        return add_text(to, value);
     }
+    const uint64_t seconds = value.natural();
+    char *start = to.room_for(max_age_length);
+    char *at = start;
+    if (seconds < day) {
+        at = write_two_digits(at, seconds / hour);
+        *at++ = ':';
+        at = write_two_digits(at, seconds % hour / minute);
+        *at++ = ':';
+        at = write_two_digits(at, seconds % minute);
+    } else {
+        at = std::to_chars(at, start + max_age_length, seconds / day).ptr;
+        *at++ = 'd';
+        at = write_two_digits(at, seconds % day / hour);
+        *at++ = 'h';
+    }
+    to.end_at(at);
+    return static_cast<size_t>(at - start);
 }
 
-void add_limit(std::string &to, const json_value &value)
+size_t add_limit(text_buffer &to, json_value value)
 {
-    const auto text = value.get_string();
-    if (text.error() == simdjson::SUCCESS && text.value_unsafe() == unlimited_text) {
-        to += "none";
-    } else {
-        add_text(to, value);
-    }
+    const bool is_unlimited = value.is_text() && value.text() == unlimited_text;
+    return is_unlimited ? add_plain(to, "none") : add_text(to, value);
 }
 
 constexpr column_kind name_kind = {22, false, add_text};

@@ -20,7 +20,7 @@ namespace l2fibctl {
 struct column_kind {
     unsigned width; // in characters; a longer value shifts the rest of its row
     bool is_right_aligned;
-    void (*format)(std::string &to, const json_value &value); // appends
+    size_t (*format)(text_buffer &to, json_value value); // appends; returns the width in characters
 };
 
 struct resource;

@@ -27,11 +27,78 @@ namespace {
 using nlohmann::json;
 using strings = std::vector<std::string>;
 
-// A parsed value lives as long as its parser, so every parser is kept until the process ends.
+// A parsed value lives as long as its document and its text, so both are kept until the process ends.
 json_value parsed(const std::string &text)
 {
-    static std::deque<simdjson::dom::parser> parsers;
-    return parsers.emplace_back().parse(text).value();
+    static std::deque<json_document> documents;
+    static std::deque<std::string> texts;
+    return documents.emplace_back().parse(texts.emplace_back(text));
+}
+
+std::string repeated(const std::string &text, int count)
+{
+    std::string made;
+    for (int i = 0; i < count; i++) {
+        made += text;
+    }
+    return made;
+}
+
+// Names that differ: {"1":0,"2":0}
+std::string object_of(size_t names)
+{
+    std::string made = "{";
+    for (size_t i = 1; i <= names; i++) {
+        made += (i == 1 ? "\"" : ",\"") + std::to_string(i) + "\":0";
+    }
+    return made + "}";
+}
+
+TEST(Json, IsReadStrictlyAndWrittenInPlainAscii)
+{
+    const std::string deep = repeated("[", 100) + "1" + repeated("]", 100);
+    const std::string not_json = "not JSON";
+    const struct {
+        std::string text;
+        std::string expected = {}; // empty: the same as the text
+    } rows[] = {
+        {R"({"a":[],"b":{},"c":[1,{"d":"e"}],"f":[true,false,null],"a":"again"})"},
+        {" { \"a\" : [ 1 , 2 ] }\n", R"({"a":[1,2]})"},
+        {R"("eight by eight, \u0022quoted\u0022 \\")", R"("eight by eight, \"quoted\" \\")"},
+        {"\"\x7f stra\xc3\x9f"
+         "e\"",
+         R"("\u007f stra\u00dfe")"},
+        {R"({"\u00e9\"":"\ud83c\udf10"})", R"({"\u00e9\"":"\ud83c\udf10"})"},
+        {"[0,9999999999999999999,18446744073709551615,-5,1.50,1e2,-0]",
+         "[0,9999999999999999999,18446744073709551615,-5,1.5,100,0]"},
+        {deep},
+        {object_of(json_names::max_names)},
+        {object_of(json_names::max_names + 1), not_json},
+        {repeated("[", 2000) + repeated("]", 2000), not_json},
+        {"18446744073709551616", not_json},
+        {"1e999", not_json},
+        {"01", not_json},
+        {"\"\x01\"", not_json},
+        {"\"\xc0\x80\"", not_json},
+        {"\"\xed\xa0\x80\"", not_json},
+        {R"("\ud800")", not_json},
+        {"\xef\xbb\xbf{}", not_json},
+        {std::string("{}\0x", 4), not_json},
+        {R"({"a":1,})", not_json},
+        {R"({"a" 1})", not_json},
+        {R"({1:2})", not_json},
+        {"{}{}", not_json},
+        {"[1", not_json},
+        {"tru", not_json},
+        {"", not_json},
+    };
+    json_document document; // one for all texts, as for all pages
+    for (const auto &row : rows) {
+        const json_value value = document.parse(row.text);
+        text_buffer shown;
+        value ? put_value(shown, value) : shown.put(not_json);
+        EXPECT_EQ(shown.text(), row.expected.empty() ? row.text : row.expected) << row.text.substr(0, 100);
+    }
 }
 
 TEST(Visible, EscapesOnlyHarmfulCharacters)
@@ -127,9 +194,9 @@ TEST(Printer, PrintsPartsOfARecordBelowIt)
 TEST(BridgeForm, EqualsTheKernelsEntries)
 {
     const bridge_names bridges = {{1, "br0"}};
-    const auto of_bridge = [&](const json_value &item) { return bridge_entry_of(item, bridges); };
+    const auto of_bridge = [&](json_value item) { return bridge_entry_of(item, bridges); };
     const struct {
-        std::function<std::string(const json_value &)> form;
+        std::function<std::string(json_value)> form;
         const char *entry;
         const char *expected;
     } rows[] = {
