@@ -195,6 +195,22 @@ void send_resync(query_session &session, const std::string &scope, int64_t wait,
     session.worst.add(reply.completeness);
 }
 
+// An answer without a body has only the word of completeness, so the reason comes from the daemon's health. Without an
+// answer there is no reason, and the command ends as it would have done.
+void ask_for_reason(query_session &session)
+{
+    page reply;
+    try {
+        fetch(session.daemon, {data_path(health.name)}, health.name, reply,
+              [&session] { session.progress_line.tick(); });
+    } catch (const failure &) {
+        return;
+    }
+    if (reply.completeness.state == session.worst.state) {
+        session.worst.add(reply.completeness);
+    }
+}
+
 void resync(query_session &session)
 {
     const auto deadline = clock::now() + std::chrono::seconds(session.options.timeout_seconds);
@@ -206,6 +222,7 @@ void resync(query_session &session)
     }
     const bool is_missing = reply.problem && reply.problem->status == exit_status::nothing_found;
     if (session.worst.state != completeness::whole && (is_missing || !reply.problem)) {
+        ask_for_reason(session);
         fail_incomplete(session.worst, is_missing ? base::failure(ENOENT, reply.problem->what()) : base::success());
     }
     if (reply.problem) {

@@ -9,14 +9,14 @@
 
 namespace l2fibctl {
 
-namespace {
-
-// ---- Paths ----
-
 std::string data_path(std::string_view resource_path)
 {
     return std::string("/restconf/data/l2fib-mac:").append(resource_path);
 }
+
+namespace {
+
+// ---- Paths ----
 
 // The path of a list in its container, such as "ports/port".
 std::string list_path(const resource &listed)

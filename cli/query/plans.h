@@ -60,6 +60,9 @@ const view &view_of(const client_options &options);
 
 query_plan plan_tunnel(query_session &session);
 
+// Returns the path of a resource of the API, such as "health".
+std::string data_path(std::string_view resource_path);
+
 // Passes each page to `take` until that returns false; then returns false. Throws a page's problem after `take` had the
 // page.
 bool for_each_page(query_session &session, const list_request &list, uint64_t max_items,

@@ -444,10 +444,17 @@ TEST(Pages, AreRequestedOneAfterAnother)
          {.command = command_kind::resync, .timeout_seconds = 9, .domain = "d"},
          {exit_status::refused, "no full dump", ""},
          {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"domain":"d","wait":8}})"}},
-        {{answered("", "limited", "204 No Content")},
+        {{answered("", "degraded", "204 No Content"), answered(R"({"l2fib-mac:health":{})" DEGRADED "}", "degraded")},
+         {.command = command_kind::resync},
+         {exit_status::incomplete, MAY_BE "(degraded): why\\x1b", ""},
+         {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"wait":59}})",
+          "GET /restconf/data/l2fib-mac:health"}},
+        // Without the daemon's health, or with another state by then, the word stands alone.
+        {{answered("", "limited", "204 No Content"), answered(R"({"l2fib-mac:health":{})" DEGRADED "}", "degraded")},
          {.command = command_kind::resync},
          {exit_status::incomplete, MAY_BE "(limited)", ""},
-         {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"wait":59}})"}},
+         {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"wait":59}})",
+          "GET /restconf/data/l2fib-mac:health"}},
     };
     for (const auto &row : rows) {
         canned_daemon daemon(row.steps);
