@@ -202,6 +202,9 @@ private:
     std::array<uint16_t, json_names::max_names + 1> following_ = {};
 };
 
+// Returns the first character that is not printable ASCII, or is a quotation mark or a backslash.
+const char *skip_plain(const char *at, const char *end);
+
 // Throws a failure: the daemon reports success, but the answer does not have the form of docs/api.md.
 [[noreturn]] void fail_damaged();
 
