@@ -55,6 +55,8 @@ public:
     virtual uint64_t steps(uint32_t, size_t) { return cannot; }
     // Visits all entries of all bridge domains by xcid, then address.
     virtual uint64_t walk() = 0;
+    // Whether it does. If not, `walk` returns the sum that lookups of all entries return.
+    [[nodiscard]] virtual bool walks_in_order() const { return true; }
     // Visits the same as pages of page_size item names. Each page begins behind the last name of the page before.
     virtual uint64_t pages() { return cannot; }
 

@@ -1,0 +1,253 @@
+// SPDX-License-Identifier: Apache-2.0
+
+// A peer on boost::multi_index: one container with three indexes, by port and address, by bridge domain and address,
+// and in the order of creation.
+#include <boost/multi_index/global_fun.hpp>
+#include <boost/multi_index/hashed_index.hpp>
+#include <boost/multi_index/ordered_index.hpp>
+#include <boost/multi_index/sequenced_index.hpp>
+#include <boost/multi_index_container.hpp>
+
+#include <mutex>
+#include <utility>
+
+#include "bench/contestant.h"
+#include "bench/page.h"
+#include "platform/utility.h"
+
+namespace bench {
+
+namespace {
+
+namespace mi = boost::multi_index;
+
+struct record {
+    uint64_t address;
+    uint32_t xcid;
+    uint16_t domain;
+    // No index sees these, so a feed may write them in place.
+    mutable uint16_t flags = 0;
+    mutable bool is_marked = false;
+    mutable uint64_t stamp = 0;
+};
+
+using position = std::pair<uint32_t, uint64_t>;
+
+position position_of(const record &of)
+{
+    return {of.xcid, of.address};
+}
+
+constexpr uint64_t key_of(uint32_t domain, uint64_t address)
+{
+    constexpr uint32_t address_bits = 48;
+    return uint64_t{domain} << address_bits | address;
+}
+
+uint64_t key_of_record(const record &of)
+{
+    return key_of(of.domain, of.address);
+}
+
+struct by_position {};
+struct by_domain {};
+struct by_creation {};
+
+using table = mi::multi_index_container<
+    record,
+    mi::indexed_by<mi::ordered_unique<mi::tag<by_position>, mi::global_fun<const record &, position, position_of>>,
+                   mi::hashed_unique<mi::tag<by_domain>, mi::global_fun<const record &, uint64_t, key_of_record>>,
+                   mi::sequenced<mi::tag<by_creation>>>>;
+
+class multi_index_table final : public contestant {
+public:
+    const char *name() const override { return "multi_index"; }
+
+    bool open(layout over) override
+    {
+        opened = over;
+        return true;
+    }
+
+    void close() override { records = table(); }
+
+    uint64_t feed(entries fed) override
+    {
+        for (const entry &each : fed) {
+            const std::scoped_lock guard(lock);
+            feed_one(each);
+        }
+        return fed.size();
+    }
+
+    uint64_t look_up_by_domain(entries asked) override
+    {
+        const std::scoped_lock guard(lock);
+        const auto &index = records.get<by_domain>();
+        uint64_t sum = 0;
+        for (const entry &each : asked) {
+            const auto found = index.find(key_of(each.bridge_id, address_of(each.mac_addr)));
+            sum = found == index.end() ? sum : add_answer(sum, found->address, found->xcid);
+        }
+        return sum;
+    }
+
+    uint64_t look_up_by_port(entries asked) override
+    {
+        const std::scoped_lock guard(lock);
+        const auto &index = records.get<by_domain>();
+        uint64_t sum = 0;
+        for (const entry &each : asked) {
+            const auto found = index.find(key_of(each.bridge_id, address_of(each.mac_addr)));
+            const bool is_there = found != index.end() && found->xcid == each.xcid;
+            sum = is_there ? add_answer(sum, found->address, found->xcid) : sum;
+        }
+        return sum;
+    }
+
+    uint64_t successors(entries asked) override
+    {
+        const std::scoped_lock guard(lock);
+        uint64_t sum = 0;
+        for (const entry &each : asked) {
+            if (const record *next = next_on_port(each.xcid, address_of(each.mac_addr))) {
+                sum = add_answer(sum, next->address, next->xcid);
+            }
+        }
+        return sum;
+    }
+
+    uint64_t steps(uint32_t domain, size_t steps) override
+    {
+        const std::scoped_lock guard(lock);
+        const record *at = nullptr;
+        uint64_t sum = 0;
+        for (size_t i = 0; i < steps; i++) {
+            at = smallest_after(domain, at == nullptr ? 0 : at->address);
+            if (at == nullptr) {
+                break;
+            }
+            sum = add_in_order(sum, at->address, at->xcid);
+        }
+        return sum;
+    }
+
+    uint64_t walk() override
+    {
+        const std::scoped_lock guard(lock);
+        uint64_t sum = 0;
+        for (const record &each : records.get<by_position>()) {
+            sum = add_in_order(sum, each.address, each.xcid);
+        }
+        return sum;
+    }
+
+    uint64_t pages() override
+    {
+        uint64_t sum = 0;
+        for (uint32_t domain = 1; domain <= opened.domains; domain++) {
+            const std::string tail = name_tail(domain);
+            const auto &index = records.get<by_position>();
+            const auto first = index.lower_bound(position{xcid_of(domain, 0), 0});
+            const record *last = first == index.end() ? nullptr : &*first;
+            while (last != nullptr && (last = fill_page(domain, *last, tail)) != nullptr) {
+                sum = add_page(sum, page);
+            }
+        }
+        return sum;
+    }
+
+    uint64_t mark_all() override
+    {
+        const std::scoped_lock guard(lock);
+        for (const record &each : records.get<by_creation>()) {
+            each.is_marked = true;
+        }
+        return 0;
+    }
+
+    uint64_t sweep_all() override
+    {
+        const std::scoped_lock guard(lock);
+        auto &list = records.get<by_creation>();
+        for (auto at = list.begin(); at != list.end();) {
+            at = at->is_marked ? list.erase(at) : std::next(at);
+        }
+        return 0;
+    }
+
+    uint64_t remove_domain(uint32_t domain) override
+    {
+        const std::scoped_lock guard(lock);
+        auto &index = records.get<by_position>();
+        index.erase(index.lower_bound(position{xcid_of(domain, 0), 0}),
+                    index.lower_bound(position{xcid_of(domain + 1, 0), 0}));
+        return 0;
+    }
+
+private:
+    void feed_one(const entry &fed)
+    {
+        auto &index = records.get<by_domain>();
+        const uint64_t address = address_of(fed.mac_addr);
+        auto known = index.find(key_of(fed.bridge_id, address));
+        if (known != index.end() && known->xcid != fed.xcid) {
+            index.erase(known);
+            known = index.end();
+        }
+        const record &stored = known != index.end()
+                                   ? *known
+                                   : *records.get<by_creation>().push_back({address, fed.xcid, fed.bridge_id}).first;
+        stored.flags = fed.flags;
+        stored.is_marked = false;
+        stored.stamp = fts_get_stamp_fast();
+    }
+
+    const record *next_on_port(uint32_t xcid, uint64_t address) const
+    {
+        const auto &index = records.get<by_position>();
+        const auto next = index.upper_bound(position{xcid, address});
+        return next == index.end() || next->xcid != xcid ? nullptr : &*next;
+    }
+
+    const record *smallest_after(uint32_t domain, uint64_t address) const
+    {
+        const record *smallest = nullptr;
+        for (uint32_t port = 0; port < opened.ports; port++) {
+            const record *next = next_on_port(xcid_of(domain, port), address);
+            if (next != nullptr && (smallest == nullptr || next->address < smallest->address)) {
+                smallest = next;
+            }
+        }
+        return smallest;
+    }
+
+    // Fills `page` with the names behind an entry. Returns the last entry of the page, or null if nothing follows.
+    const record *fill_page(uint32_t domain, const record &behind, const std::string &tail)
+    {
+        const std::scoped_lock guard(lock);
+        const auto &index = records.get<by_position>();
+        const record *last = nullptr;
+        clear_page(page);
+        for (auto at = index.upper_bound(position_of(behind));
+             page.items < page_size && at != index.end() && at->domain == domain; ++at) {
+            last = &*at;
+            append_item(page, last->address, tail);
+        }
+        return last;
+    }
+
+    layout opened = {};
+    std::recursive_mutex lock;
+    table records;
+    name_page page;
+};
+
+} // namespace
+
+std::unique_ptr<contestant> make_multi_index()
+{
+    return std::make_unique<multi_index_table>();
+}
+
+} // namespace bench
