@@ -41,6 +41,9 @@ public:
     // The largest number of entries with which a run of this contestant still ends soon.
     [[nodiscard]] virtual size_t capacity() const { return SIZE_MAX; }
 
+    // Whether the memory of the entries is this process's.
+    [[nodiscard]] virtual bool is_in_process() const { return true; }
+
     // Feeds: an unknown address is created, a known one stamped; an address on another port of its domain moves.
     virtual uint64_t feed(entries fed) = 0;
     // The same, with batch_size entries in a call. Peers without batches feed one by one.

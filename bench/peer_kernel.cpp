@@ -60,6 +60,7 @@ public:
 
     const char *name() const override { return "kernel"; }
     size_t capacity() const override { return largest_kernel_table; }
+    bool is_in_process() const override { return false; }
     bool walks_in_order() const override { return false; }
 
     bool open(layout over) override

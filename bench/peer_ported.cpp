@@ -158,6 +158,9 @@ struct intrusive_index {
 template <typename Record>
 struct no_index {};
 
+// Without an index, a feed of a million entries searches the ports for a quarter of a minute.
+constexpr size_t largest_without_index = 100'000;
+
 template <typename Port, template <typename> typename Index>
 class ported_table final : public contestant {
     using record = typename Port::record;
@@ -170,6 +173,7 @@ public:
     ~ported_table() override { remove_entries(); }
 
     const char *name() const override { return called; }
+    size_t capacity() const override { return is_indexed ? SIZE_MAX : largest_without_index; }
 
     bool open(layout over) override
     {

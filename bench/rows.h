@@ -22,18 +22,28 @@ enum class figure : uint8_t {
 
 inline constexpr size_t target_count = 3; // for 10,000, 100,000 and 1,000,000 entries
 
+struct targets {
+    std::array<double, target_count> at_most = {}; // as a ratio to "full"; 0: none
+    double instructions = 0;                       // for one item at 10,000 entries; 0: none
+    double most = 0;                               // of our own figure; 0: none
+    size_t most_from = 0;                          // the number of entries from which `most` counts
+};
+
+using pass_fn = uint64_t (*)(contestant &at, const work &on);
+
 struct row {
     const char *key;
     const char *title;
-    layout over;
-    before needs;
-    figure measures;
-    uint64_t (*pass)(contestant &at, const work &on); // null if the figure needs its own way to measure
-    size_t (*items)(const work &on);
-    std::array<double, target_count> at_most; // as a ratio to "full"; 0: no target
-    double most;                              // of our own figure at any size; 0: no target
-    double instructions;                      // for one item at 10,000 entries; 0: no target
+    targets goal;
+    pass_fn pass; // null if the figure needs its own way to measure
+    before needs = before::full;
+    figure measures = figure::time;
+    layout over = main_layout;
+    size_t steps = 0; // the items of a pass; 0: one for each entry
 };
+
+// How many items a pass of the row has.
+size_t items_of(const row &of, const work &on);
 
 std::span<const row> all_rows();
 

@@ -32,7 +32,7 @@ bool reopen(seat &at, const work &on)
 
 size_t repetitions(const row &wanted, const work &on)
 {
-    return wanted.needs == before::full ? std::max<size_t>(1, items_of_sample / wanted.items(on)) : 1;
+    return wanted.needs == before::full ? std::max<size_t>(1, items_of_sample / items_of(wanted, on)) : 1;
 }
 
 // Returns the nanoseconds for one item, or a negative number if the contestant cannot do the row.
@@ -48,7 +48,7 @@ double time_pass(seat &at, const row &wanted, const work &on)
             return -1;
         }
     }
-    return (thread_nanoseconds() - start) / static_cast<double>(repeated * wanted.items(on));
+    return (thread_nanoseconds() - start) / static_cast<double>(repeated * items_of(wanted, on));
 }
 
 double time_slowest_feed(seat &at, const work &on)
@@ -115,7 +115,7 @@ double memory_in_child(seat &at, const work &on)
 double measure_figure(seat &at, const row &wanted, const work &on)
 {
     switch (wanted.measures) {
-    case figure::memory: return memory_in_child(at, on);
+    case figure::memory: return at.table->is_in_process() ? memory_in_child(at, on) : -1;
     case figure::slowest_feed: return prepare(at, wanted, on) ? time_slowest_feed(at, on) : -1;
     case figure::time: break;
     }

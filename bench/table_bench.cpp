@@ -151,7 +151,8 @@ void count_instructions(const options &wanted, seat &ours)
             CALLGRIND_STOP_INSTRUMENTATION;
             if (result != bench::cannot) {
                 CALLGRIND_DUMP_STATS_AT(row.key);
-                std::printf("{\"row\": \"%s\", \"size\": %zu, \"items\": %zu}\n", row.key, size, row.items(on));
+                std::printf("{\"row\": \"%s\", \"size\": %zu, \"items\": %zu}\n", row.key, size,
+                            bench::items_of(row, on));
             }
         }
         bench::close(ours);
@@ -180,9 +181,11 @@ std::vector<seat> seats_of(const std::vector<std::unique_ptr<bench::contestant>>
 void list_rows()
 {
     for (const bench::row &row : bench::all_rows()) {
-        std::printf("{\"row\": \"%s\", \"title\": \"%s\", \"at_most\": [%g, %g, %g], \"most\": %g, "
-                    "\"instructions\": %g}\n",
-                    row.key, row.title, row.at_most[0], row.at_most[1], row.at_most[2], row.most, row.instructions);
+        const bench::targets &goal = row.goal;
+        std::printf("{\"row\": \"%s\", \"title\": \"%s\", \"at_most\": [%g, %g, %g], \"instructions\": %g, "
+                    "\"most\": %g, \"most_from\": %zu}\n",
+                    row.key, row.title, goal.at_most[0], goal.at_most[1], goal.at_most[2], goal.instructions, goal.most,
+                    goal.most_from);
     }
 }
 

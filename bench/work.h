@@ -43,13 +43,16 @@ constexpr uint32_t xcid_of(uint32_t domain, uint32_t port)
 // Of the first byte of an address. No fed address has it, so an address with this bit flipped is absent.
 inline constexpr uint8_t multicast_bit = 1;
 
-// The address as a number in the order of its bytes on the wire.
+// The address as a number in the order of its bytes on the wire. Two loads: a copy of six bytes to memory would delay
+// the load of the whole number.
 inline uint64_t address_of(const uint8_t *bytes)
 {
-    constexpr uint32_t unused_bits = 16;
-    uint64_t address = 0;
-    std::memcpy(&address, bytes, sizeof(entry::mac_addr));
-    return __builtin_bswap64(address) >> unused_bits;
+    constexpr uint32_t low_bits = 16;
+    uint32_t high = 0;
+    uint16_t low = 0;
+    std::memcpy(&high, bytes, sizeof(high));
+    std::memcpy(&low, bytes + sizeof(high), sizeof(low));
+    return uint64_t{__builtin_bswap32(high)} << low_bits | __builtin_bswap16(low);
 }
 
 inline std::string name_of(uint32_t domain)
