@@ -69,6 +69,13 @@ public:
     virtual uint64_t remove_domain(uint32_t domain) = 0;
 };
 
+// The key of an address in a bridge domain, for an index over all of them.
+constexpr uint64_t domain_key(uint32_t domain, uint64_t address)
+{
+    constexpr uint32_t address_bits = 48;
+    return uint64_t{domain} << address_bits | address;
+}
+
 // A visited entry's contribution to the number of an ordered pass.
 constexpr uint64_t add_in_order(uint64_t sum, uint64_t address, uint32_t xcid)
 {
@@ -80,6 +87,37 @@ constexpr uint64_t add_in_order(uint64_t sum, uint64_t address, uint32_t xcid)
 constexpr uint64_t add_answer(uint64_t sum, uint64_t address, uint32_t xcid)
 {
     return sum + address + xcid;
+}
+
+// The number of a pass that steps through a bridge domain. `next_of` returns the entry with the smallest address
+// greater than its argument, or null.
+template <typename Next>
+uint64_t sum_of_steps(size_t steps, Next next_of)
+{
+    uint64_t sum = 0;
+    uint64_t address = 0;
+    for (size_t i = 0; i < steps; i++) {
+        const auto *at = next_of(address);
+        if (at == nullptr) {
+            break;
+        }
+        address = at->address;
+        sum = add_in_order(sum, address, at->xcid);
+    }
+    return sum;
+}
+
+// The number of a pass of lookups. `find` returns an entry, or null for an absent one.
+template <typename Find>
+uint64_t sum_of_answers(entries asked, Find find)
+{
+    uint64_t sum = 0;
+    for (const entry &each : asked) {
+        if (const auto *found = find(each)) {
+            sum = add_answer(sum, found->address, found->xcid);
+        }
+    }
+    return sum;
 }
 
 // Ours first, then "full", to which the targets refer. Which others follow depends on the build.

@@ -72,11 +72,6 @@ struct locked {
     locked &operator=(const locked &) = delete;
 };
 
-uint64_t add_found(uint64_t sum, const l2fm_edm_mac_t *mac)
-{
-    return mac == nullptr ? sum : add_answer(sum, address_of(mac->mac_addr), mac->xcid);
-}
-
 uint32_t add_visited(l2fm_edm_mac_t *mac, void *sum)
 {
     auto &to = *static_cast<uint64_t *>(sum);
@@ -155,33 +150,21 @@ public:
 
     uint64_t look_up_by_domain(entries asked) override
     {
-        const locked lock;
-        uint64_t sum = 0;
-        for (const entry &each : asked) {
-            sum = add_found(sum, l2fm_edm_table_mac_get_by_bridgeid_mac(each.bridge_id, each.mac_addr));
-        }
-        return sum;
+        return answer(
+            asked, [](const entry &of) { return l2fm_edm_table_mac_get_by_bridgeid_mac(of.bridge_id, of.mac_addr); });
     }
 
     uint64_t look_up_by_port(entries asked) override
     {
-        const locked lock;
-        uint64_t sum = 0;
-        for (const entry &each : asked) {
-            sum = add_found(sum, l2fm_edm_table_mac_get_by_xcid_mac(each.xcid, each.mac_addr));
-        }
-        return sum;
+        return answer(asked, [](const entry &of) { return l2fm_edm_table_mac_get_by_xcid_mac(of.xcid, of.mac_addr); });
     }
 
     uint64_t successors(entries asked) override
     {
-        const locked lock;
-        uint64_t sum = 0;
-        for (const entry &each : asked) {
-            const l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(each.xcid);
-            sum = add_found(sum, l2fm_edm_table_bp_macaddr_get_next(&bp->mac_tree, each.mac_addr));
-        }
-        return sum;
+        return answer(asked, [](const entry &of) {
+            const l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(of.xcid);
+            return l2fm_edm_table_bp_macaddr_get_next(&bp->mac_tree, of.mac_addr);
+        });
     }
 
     uint64_t steps(uint32_t domain, size_t steps) override
@@ -236,6 +219,19 @@ public:
     }
 
 private:
+    template <typename Find>
+    static uint64_t answer(entries asked, Find find)
+    {
+        const locked lock;
+        uint64_t sum = 0;
+        for (const entry &each : asked) {
+            if (const l2fm_edm_mac_t *found = find(each)) {
+                sum = add_answer(sum, address_of(found->mac_addr), found->xcid);
+            }
+        }
+        return sum;
+    }
+
     std::string first_name(uint32_t domain)
     {
         const locked lock;

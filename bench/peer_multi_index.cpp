@@ -38,15 +38,9 @@ position position_of(const record &of)
     return {of.xcid, of.address};
 }
 
-constexpr uint64_t key_of(uint32_t domain, uint64_t address)
-{
-    constexpr uint32_t address_bits = 48;
-    return uint64_t{domain} << address_bits | address;
-}
-
 uint64_t key_of_record(const record &of)
 {
-    return key_of(of.domain, of.address);
+    return domain_key(of.domain, of.address);
 }
 
 struct by_position {};
@@ -82,54 +76,26 @@ public:
 
     uint64_t look_up_by_domain(entries asked) override
     {
-        const std::scoped_lock guard(lock);
-        const auto &index = records.get<by_domain>();
-        uint64_t sum = 0;
-        for (const entry &each : asked) {
-            const auto found = index.find(key_of(each.bridge_id, address_of(each.mac_addr)));
-            sum = found == index.end() ? sum : add_answer(sum, found->address, found->xcid);
-        }
-        return sum;
+        return answer(asked, [this](const entry &of) { return find(of); });
     }
 
     uint64_t look_up_by_port(entries asked) override
     {
-        const std::scoped_lock guard(lock);
-        const auto &index = records.get<by_domain>();
-        uint64_t sum = 0;
-        for (const entry &each : asked) {
-            const auto found = index.find(key_of(each.bridge_id, address_of(each.mac_addr)));
-            const bool is_there = found != index.end() && found->xcid == each.xcid;
-            sum = is_there ? add_answer(sum, found->address, found->xcid) : sum;
-        }
-        return sum;
+        return answer(asked, [this](const entry &of) {
+            const record *found = find(of);
+            return found != nullptr && found->xcid == of.xcid ? found : nullptr;
+        });
     }
 
     uint64_t successors(entries asked) override
     {
-        const std::scoped_lock guard(lock);
-        uint64_t sum = 0;
-        for (const entry &each : asked) {
-            if (const record *next = next_on_port(each.xcid, address_of(each.mac_addr))) {
-                sum = add_answer(sum, next->address, next->xcid);
-            }
-        }
-        return sum;
+        return answer(asked, [this](const entry &of) { return next_on_port(of.xcid, address_of(of.mac_addr)); });
     }
 
     uint64_t steps(uint32_t domain, size_t steps) override
     {
         const std::scoped_lock guard(lock);
-        const record *at = nullptr;
-        uint64_t sum = 0;
-        for (size_t i = 0; i < steps; i++) {
-            at = smallest_after(domain, at == nullptr ? 0 : at->address);
-            if (at == nullptr) {
-                break;
-            }
-            sum = add_in_order(sum, at->address, at->xcid);
-        }
-        return sum;
+        return sum_of_steps(steps, [=, this](uint64_t address) { return smallest_after(domain, address); });
     }
 
     uint64_t walk() override
@@ -186,11 +152,25 @@ public:
     }
 
 private:
+    template <typename Find>
+    uint64_t answer(entries asked, Find find_one)
+    {
+        const std::scoped_lock guard(lock);
+        return sum_of_answers(asked, find_one);
+    }
+
+    const record *find(const entry &of) const
+    {
+        const auto &index = records.get<by_domain>();
+        const auto found = index.find(domain_key(of.bridge_id, address_of(of.mac_addr)));
+        return found == index.end() ? nullptr : &*found;
+    }
+
     void feed_one(const entry &fed)
     {
         auto &index = records.get<by_domain>();
         const uint64_t address = address_of(fed.mac_addr);
-        auto known = index.find(key_of(fed.bridge_id, address));
+        auto known = index.find(domain_key(fed.bridge_id, address));
         if (known != index.end() && known->xcid != fed.xcid) {
             index.erase(known);
             known = index.end();

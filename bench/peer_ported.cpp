@@ -43,13 +43,6 @@ struct stored : list_hook {
     bool is_marked;
 };
 
-constexpr uint32_t address_bits = 48;
-
-constexpr uint64_t domain_key(uint32_t domain, uint64_t address)
-{
-    return uint64_t{domain} << address_bits | address;
-}
-
 // ---- The entries of a port by address
 
 struct mapped_record : stored {};
@@ -225,16 +218,7 @@ public:
     uint64_t steps(uint32_t domain, size_t steps) override
     {
         const std::scoped_lock guard(lock);
-        const record *at = nullptr;
-        uint64_t sum = 0;
-        for (size_t i = 0; i < steps; i++) {
-            at = smallest_after(domain, at == nullptr ? 0 : at->address);
-            if (at == nullptr) {
-                break;
-            }
-            sum = add_in_order(sum, at->address, at->xcid);
-        }
-        return sum;
+        return sum_of_steps(steps, [=, this](uint64_t address) { return smallest_after(domain, address); });
     }
 
     uint64_t walk() override
@@ -317,13 +301,7 @@ private:
     uint64_t answer(entries asked, Find find_one)
     {
         const std::scoped_lock guard(lock);
-        uint64_t sum = 0;
-        for (const entry &each : asked) {
-            if (const record *found = find_one(each)) {
-                sum = add_answer(sum, found->address, found->xcid);
-            }
-        }
-        return sum;
+        return sum_of_answers(asked, find_one);
     }
 
     record *find_on_port(uint32_t xcid, uint64_t address)
