@@ -180,19 +180,29 @@ def expect_rows(pattern, rows):
         raise programs.Failure(f"no row matches {pattern}; the rows are: {', '.join(keys)}")
 
 
+def measure(options):
+    """Measures the selected rows. Returns what the JSON file holds."""
+    largest = max(map(int, options.sizes.split(",")))
+    return {"instructions": quick.measure(options.rows), "table": measure_table(options),
+            "answers": answers.measure(options.rows, options.runs, largest)}
+
+
+def tables_of(rows, measured):
+    """The tables of all rows that were measured, as text."""
+    tables = (table_lines(rows, measured["table"]), wide_lines(rows, measured["table"]),
+              answer_lines(measured["answers"]), instruction_lines(rows, measured["instructions"]))
+    return "\n".join(filter(None, map(aligned, tables)))
+
+
 def main():
     options = parse_options()
     rows = read_rows()
     expect_rows(options.rows, rows)
-    counts = quick.measure(options.rows)
-    results = measure_table(options)
-    answered = answers.measure(options.rows, options.runs, max(map(int, options.sizes.split(","))))
-    tables = [aligned(lines) for lines in (table_lines(rows, results), wide_lines(rows, results),
-                                           answer_lines(answered), instruction_lines(rows, counts))]
-    text = "\n".join(filter(None, tables))
-    drawing = plot.draw(drawn_rows(rows, results))
+    measured = measure(options)
+    text = tables_of(rows, measured)
+    drawing = plot.draw(drawn_rows(rows, measured["table"]))
     print(f"\n{text}")
-    JSON_FILE.write_text(json.dumps({"table": results, "answers": answered, "instructions": counts}, indent=1) + "\n")
+    JSON_FILE.write_text(json.dumps(measured, indent=1) + "\n")
     PLOT_FILE.write_text(drawing)
     print(f"wrote {JSON_FILE} and {PLOT_FILE}")
     if options.record:
