@@ -181,10 +181,15 @@ def expect_rows(pattern, rows):
 
 
 def measure(options):
-    """Measures the selected rows. Returns what the JSON file holds."""
+    """Measures the selected rows. Returns what the JSON file holds, and writes that file after each part."""
     largest = max(map(int, options.sizes.split(",")))
-    return {"instructions": quick.measure(options.rows), "table": measure_table(options),
-            "answers": answers.measure(options.rows, options.runs, largest)}
+    parts = {"instructions": lambda: quick.measure(options.rows), "table": lambda: measure_table(options),
+             "answers": lambda: answers.measure(options.rows, options.runs, largest)}
+    measured = {}
+    for name, take in parts.items():
+        measured[name] = take()
+        JSON_FILE.write_text(json.dumps(measured, indent=1) + "\n")
+    return measured
 
 
 def tables_of(rows, measured):
@@ -202,7 +207,6 @@ def main():
     text = tables_of(rows, measured)
     drawing = plot.draw(drawn_rows(rows, measured["table"]))
     print(f"\n{text}")
-    JSON_FILE.write_text(json.dumps(measured, indent=1) + "\n")
     PLOT_FILE.write_text(drawing)
     print(f"wrote {JSON_FILE} and {PLOT_FILE}")
     if options.record:
