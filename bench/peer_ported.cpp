@@ -138,14 +138,24 @@ struct intrusive_index {
     void insert(Record &added)
     {
         if (entries.size() == buckets.size()) {
-            std::vector<typename set_type::bucket_type> larger(2 * buckets.size());
-            entries.rehash(typename set_type::bucket_traits(larger.data(), larger.size()));
-            buckets.swap(larger);
+            resize(2 * buckets.size());
         }
         entries.insert(added);
     }
     void erase(Record &removed) { entries.erase(entries.iterator_to(removed)); }
-    void clear() { entries.clear(); }
+    void clear()
+    {
+        entries.clear();
+        resize(first_buckets);
+    }
+
+private:
+    void resize(size_t count)
+    {
+        std::vector<typename set_type::bucket_type> other(count);
+        entries.rehash(typename set_type::bucket_traits(other.data(), other.size()));
+        buckets.swap(other);
+    }
 };
 
 template <typename Record>
