@@ -67,7 +67,7 @@ std::vector<answer> ask(contestant &at, const work &on, Ask questions)
     if (!at.open(on.over)) {
         return {};
     }
-    const std::vector<answer> answers = questions(at, on);
+    std::vector<answer> answers = questions(at, on);
     at.close();
     return answers;
 }

@@ -175,7 +175,8 @@ def parse_options():
 
 
 def expect_rows(pattern, rows):
-    keys = [*rows, *(WIDE + key for key in rows), *map(answers.key_of, answers.all_keys())]
+    wide = [WIDE + key for key in rows if key != "next-of-domain"]  # which has a layout of its own
+    keys = [*rows, *wide, *map(answers.key_of, answers.all_keys())]
     if not fnmatch.filter(keys, pattern):
         raise programs.Failure(f"no row matches {pattern}; the rows are: {', '.join(keys)}")
 

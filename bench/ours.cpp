@@ -112,7 +112,7 @@ public:
     bool open(layout over) override
     {
         static uint32_t limit_cell;
-        opened = over;
+        opened_ = over;
         create_objects(over);
         expect_success(l2fm_edm_table_init(), "l2fm_edm_table_init");
         expect_success(l2fib_mac_edm_defn_init(&limit_cell, UINT32_MAX), "l2fib_mac_edm_defn_init");
@@ -187,7 +187,7 @@ public:
     uint64_t walk() override
     {
         uint64_t sum = 0;
-        for (uint32_t domain = 1; domain <= opened.domains; domain++) {
+        for (uint32_t domain = 1; domain <= opened_.domains; domain++) {
             expect_success(l2fm_edm_table_walk_all_macs_under_bd(add_visited, &sum, domain), "walk");
         }
         return sum;
@@ -196,10 +196,10 @@ public:
     uint64_t pages() override
     {
         uint64_t sum = 0;
-        for (uint32_t domain = 1; domain <= opened.domains; domain++) {
+        for (uint32_t domain = 1; domain <= opened_.domains; domain++) {
             const std::string full_name = name_of(domain);
-            for (std::string key = first_name(domain); read_page(full_name, key, page); key = last_name(page)) {
-                sum = add_page(sum, page);
+            for (std::string key = first_name(domain); read_page(full_name, key, page_); key = last_name(page_)) {
+                sum = add_page(sum, page_);
             }
         }
         return sum;
@@ -241,15 +241,15 @@ private:
         for (; bp != nullptr && mac == nullptr; bp = l2fm_edm_table_bd_bp_get_next(bd, bp)) {
             mac = l2fm_edm_table_bp_mac_get_first(bp);
         }
-        clear_page(page);
+        clear_page(page_);
         if (mac != nullptr) {
-            append_item(page, address_of(mac->mac_addr), name_tail(domain));
+            append_item(page_, address_of(mac->mac_addr), name_tail(domain));
         }
-        return page.text;
+        return page_.text;
     }
 
-    layout opened = {};
-    name_page page;
+    layout opened_ = {};
+    name_page page_;
 };
 
 } // namespace

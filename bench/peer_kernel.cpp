@@ -74,12 +74,12 @@ public:
                 leave();
                 return false;
             }
-            bridges[domain] = bridge;
+            bridges_[domain] = bridge;
             for (uint32_t port = 0; port < over.ports; port++) {
                 const uint32_t xcid = xcid_of(domain, port);
                 const uint32_t device = make_link("veth", "p" + std::to_string(xcid), bridge);
-                devices[xcid] = device;
-                xcids[device] = xcid;
+                devices_[xcid] = device;
+                xcids_[device] = xcid;
             }
         }
         return true;
@@ -95,7 +95,7 @@ public:
         uint64_t sum = 0;
         for (const entry &each : asked) {
             const neighbour found = look_up(each);
-            sum = found.interface == 0 ? sum : add_answer(sum, found.address, xcids[found.interface]);
+            sum = found.interface == 0 ? sum : add_answer(sum, found.address, xcids_[found.interface]);
         }
         return sum;
     }
@@ -105,7 +105,7 @@ public:
         uint64_t sum = 0;
         for (const entry &each : asked) {
             const neighbour found = look_up(each);
-            const bool is_there = found.interface != 0 && xcids[found.interface] == each.xcid;
+            const bool is_there = found.interface != 0 && xcids_[found.interface] == each.xcid;
             sum = is_there ? add_answer(sum, found.address, each.xcid) : sum;
         }
         return sum;
@@ -116,15 +116,15 @@ public:
         ndmsg header = {};
         header.ndm_family = AF_BRIDGE;
         nlmsghdr *request = start_message(RTM_GETNEIGH, NLM_F_DUMP, header);
-        visited_sum = 0;
+        visited_sum_ = 0;
         exchange(request, request->nlmsg_len, [](const nlmsghdr *message, void *cookie) {
             auto &at = *static_cast<kernel_table *>(cookie);
             const neighbour each = read_neighbour(message);
             if (each.is_of_bridge && !each.is_permanent) {
-                at.visited_sum = add_answer(at.visited_sum, each.address, at.xcids[each.interface]);
+                at.visited_sum_ = add_answer(at.visited_sum_, each.address, at.xcids_[each.interface]);
             }
         });
-        return visited_sum;
+        return visited_sum_;
     }
 
     uint64_t mark_all() override { return cannot; }
@@ -135,7 +135,7 @@ public:
     {
         ndmsg header = {};
         header.ndm_family = AF_BRIDGE;
-        header.ndm_ifindex = static_cast<int>(bridges[domain]);
+        header.ndm_ifindex = static_cast<int>(bridges_[domain]);
         header.ndm_flags = NTF_SELF;
         constexpr uint16_t bulk = 0x200; // NLM_F_BULK, which older headers lack
         nlmsghdr *request = start_message(RTM_DELNEIGH, bulk | NLM_F_ACK, header);
@@ -153,13 +153,13 @@ private:
 
     bool enter_namespace()
     {
-        former = ::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
-        if (former < 0 || unshare(CLONE_NEWNET) != 0) {
+        former_ = ::open("/proc/self/ns/net", O_RDONLY | O_CLOEXEC);
+        if (former_ < 0 || unshare(CLONE_NEWNET) != 0) {
             leave();
             return false;
         }
-        socket = mnl_socket_open(NETLINK_ROUTE);
-        if (socket == nullptr || mnl_socket_bind(socket, 0, MNL_SOCKET_AUTOPID) != 0) {
+        socket_ = mnl_socket_open(NETLINK_ROUTE);
+        if (socket_ == nullptr || mnl_socket_bind(socket_, 0, MNL_SOCKET_AUTOPID) != 0) {
             leave();
             return false;
         }
@@ -169,25 +169,25 @@ private:
     // The kernel removes the namespace with everything in it when nobody uses it any more.
     void leave()
     {
-        if (socket != nullptr) {
-            mnl_socket_close(socket);
-            socket = nullptr;
+        if (socket_ != nullptr) {
+            mnl_socket_close(socket_);
+            socket_ = nullptr;
         }
-        if (former >= 0) {
-            setns(former, CLONE_NEWNET);
-            ::close(former);
-            former = -1;
+        if (former_ >= 0) {
+            setns(former_, CLONE_NEWNET);
+            ::close(former_);
+            former_ = -1;
         }
-        bridges.clear();
-        devices.clear();
-        xcids.clear();
+        bridges_.clear();
+        devices_.clear();
+        xcids_.clear();
     }
 
     // Begins a message at the start of the buffer.
     template <typename Header>
     nlmsghdr *start_message(uint16_t type, uint16_t flags, const Header &header)
     {
-        return put_message(buffer.data(), type, flags, header);
+        return put_message(buffer_.data(), type, flags, header);
     }
 
     template <typename Header>
@@ -196,7 +196,7 @@ private:
         nlmsghdr *message = mnl_nlmsg_put_header(at);
         message->nlmsg_type = type;
         message->nlmsg_flags = static_cast<uint16_t>(NLM_F_REQUEST | flags);
-        message->nlmsg_seq = ++sequence;
+        message->nlmsg_seq = ++sequence_;
         std::memcpy(mnl_nlmsg_put_extra_header(message, sizeof(header)), &header, sizeof(header));
         return message;
     }
@@ -227,9 +227,9 @@ private:
             const size_t count = std::min(batch, fed.size() - at);
             size_t length = 0;
             for (size_t i = 0; i < count; i++) {
-                length += put_entry(buffer.data() + length, fed[at + i], i + 1 == count);
+                length += put_entry(buffer_.data() + length, fed[at + i], i + 1 == count);
             }
-            expect(exchange(buffer.data(), length, nullptr), "feeding");
+            expect(exchange(buffer_.data(), length, nullptr), "feeding");
         }
         return fed.size();
     }
@@ -239,7 +239,7 @@ private:
     {
         ndmsg header = {};
         header.ndm_family = AF_BRIDGE;
-        header.ndm_ifindex = static_cast<int>(devices[fed.xcid]);
+        header.ndm_ifindex = static_cast<int>(devices_[fed.xcid]);
         header.ndm_state = NUD_NOARP; // static, which a port without a carrier accepts too
         header.ndm_flags = NTF_MASTER;
         const auto flags = static_cast<uint16_t>(NLM_F_CREATE | NLM_F_REPLACE | (is_last ? NLM_F_ACK : 0));
@@ -256,29 +256,29 @@ private:
         header.ndm_family = AF_BRIDGE;
         nlmsghdr *request = start_message(RTM_GETNEIGH, 0, header);
         mnl_attr_put(request, NDA_LLADDR, sizeof(asked.mac_addr), asked.mac_addr);
-        mnl_attr_put_u32(request, NDA_MASTER, bridges[asked.bridge_id]);
-        looked_up = {};
+        mnl_attr_put_u32(request, NDA_MASTER, bridges_[asked.bridge_id]);
+        looked_up_ = {};
         const int error = exchange(request, request->nlmsg_len, [](const nlmsghdr *message, void *cookie) {
-            static_cast<kernel_table *>(cookie)->looked_up = read_neighbour(message);
+            static_cast<kernel_table *>(cookie)->looked_up_ = read_neighbour(message);
         });
         expect(error == ENOENT ? 0 : error, "a lookup");
-        return looked_up;
+        return looked_up_;
     }
 
     // Sends messages and reads the answer to the last one: an error, the end of a dump, or a single message. Returns
     // the error number.
     int exchange(const void *messages, size_t length, answer_fn answered)
     {
-        if (mnl_socket_sendto(socket, messages, length) < 0) {
+        if (mnl_socket_sendto(socket_, messages, length) < 0) {
             return errno;
         }
         for (;;) {
-            const ssize_t received = mnl_socket_recvfrom(socket, answers.data(), answers.size());
+            const ssize_t received = mnl_socket_recvfrom(socket_, answers_.data(), answers_.size());
             if (received < 0) {
                 return errno;
             }
             int left = static_cast<int>(received);
-            const auto *at = reinterpret_cast<const nlmsghdr *>(answers.data());
+            const auto *at = reinterpret_cast<const nlmsghdr *>(answers_.data());
             for (; mnl_nlmsg_ok(at, left); at = mnl_nlmsg_next(at, &left)) {
                 if (at->nlmsg_type == NLMSG_ERROR) {
                     return -static_cast<const nlmsgerr *>(mnl_nlmsg_get_payload(at))->error;
@@ -286,7 +286,9 @@ private:
                 if (at->nlmsg_type == NLMSG_DONE) {
                     return 0;
                 }
-                answered(at, this);
+                if (answered != nullptr) {
+                    answered(at, this);
+                }
                 if ((at->nlmsg_flags & NLM_F_MULTI) == 0) {
                     return 0;
                 }
@@ -294,16 +296,16 @@ private:
         }
     }
 
-    int former = -1; // the namespace that the process came from
-    mnl_socket *socket = nullptr;
-    uint32_t sequence = 0;
-    std::unordered_map<uint32_t, uint32_t> bridges; // device by bridge domain
-    std::unordered_map<uint32_t, uint32_t> devices; // by xcid
-    std::unordered_map<uint32_t, uint32_t> xcids;   // by device
-    alignas(nlmsghdr) std::array<char, batch_size *message_space> buffer = {};
-    alignas(nlmsghdr) std::array<char, 65536> answers = {};
-    uint64_t visited_sum = 0;
-    neighbour looked_up;
+    int former_ = -1; // the namespace that the process came from
+    mnl_socket *socket_ = nullptr;
+    uint32_t sequence_ = 0;
+    std::unordered_map<uint32_t, uint32_t> bridges_; // device by bridge domain
+    std::unordered_map<uint32_t, uint32_t> devices_; // by xcid
+    std::unordered_map<uint32_t, uint32_t> xcids_;   // by device
+    alignas(nlmsghdr) std::array<char, batch_size *message_space> buffer_ = {};
+    alignas(nlmsghdr) std::array<char, 65536> answers_ = {};
+    uint64_t visited_sum_ = 0;
+    neighbour looked_up_;
 };
 
 } // namespace

@@ -59,16 +59,16 @@ public:
 
     bool open(layout over) override
     {
-        opened = over;
+        opened_ = over;
         return true;
     }
 
-    void close() override { records = table(); }
+    void close() override { records_ = table(); }
 
     uint64_t feed(entries fed) override
     {
         for (const entry &each : fed) {
-            const std::scoped_lock guard(lock);
+            const std::scoped_lock guard(lock_);
             feed_one(each);
         }
         return fed.size();
@@ -94,15 +94,15 @@ public:
 
     uint64_t steps(uint32_t domain, size_t steps) override
     {
-        const std::scoped_lock guard(lock);
+        const std::scoped_lock guard(lock_);
         return sum_of_steps(steps, [=, this](uint64_t address) { return smallest_after(domain, address); });
     }
 
     uint64_t walk() override
     {
-        const std::scoped_lock guard(lock);
+        const std::scoped_lock guard(lock_);
         uint64_t sum = 0;
-        for (const record &each : records.get<by_position>()) {
+        for (const record &each : records_.get<by_position>()) {
             sum = add_in_order(sum, each.address, each.xcid);
         }
         return sum;
@@ -111,13 +111,13 @@ public:
     uint64_t pages() override
     {
         uint64_t sum = 0;
-        for (uint32_t domain = 1; domain <= opened.domains; domain++) {
+        for (uint32_t domain = 1; domain <= opened_.domains; domain++) {
             const std::string tail = name_tail(domain);
-            const auto &index = records.get<by_position>();
+            const auto &index = records_.get<by_position>();
             const auto first = index.lower_bound(position{xcid_of(domain, 0), 0});
             const record *last = first == index.end() ? nullptr : &*first;
             while (last != nullptr && (last = fill_page(domain, *last, tail)) != nullptr) {
-                sum = add_page(sum, page);
+                sum = add_page(sum, page_);
             }
         }
         return sum;
@@ -125,8 +125,8 @@ public:
 
     uint64_t mark_all() override
     {
-        const std::scoped_lock guard(lock);
-        for (const record &each : records.get<by_creation>()) {
+        const std::scoped_lock guard(lock_);
+        for (const record &each : records_.get<by_creation>()) {
             each.is_marked = true;
         }
         return 0;
@@ -134,8 +134,8 @@ public:
 
     uint64_t sweep_all() override
     {
-        const std::scoped_lock guard(lock);
-        auto &list = records.get<by_creation>();
+        const std::scoped_lock guard(lock_);
+        auto &list = records_.get<by_creation>();
         for (auto at = list.begin(); at != list.end();) {
             at = at->is_marked ? list.erase(at) : std::next(at);
         }
@@ -144,8 +144,8 @@ public:
 
     uint64_t remove_domain(uint32_t domain) override
     {
-        const std::scoped_lock guard(lock);
-        auto &index = records.get<by_position>();
+        const std::scoped_lock guard(lock_);
+        auto &index = records_.get<by_position>();
         index.erase(index.lower_bound(position{xcid_of(domain, 0), 0}),
                     index.lower_bound(position{xcid_of(domain + 1, 0), 0}));
         return 0;
@@ -155,20 +155,20 @@ private:
     template <typename Find>
     uint64_t answer(entries asked, Find find_one)
     {
-        const std::scoped_lock guard(lock);
+        const std::scoped_lock guard(lock_);
         return sum_of_answers(asked, find_one);
     }
 
     const record *find(const entry &of) const
     {
-        const auto &index = records.get<by_domain>();
+        const auto &index = records_.get<by_domain>();
         const auto found = index.find(domain_key(of.bridge_id, address_of(of.mac_addr)));
         return found == index.end() ? nullptr : &*found;
     }
 
     void feed_one(const entry &fed)
     {
-        auto &index = records.get<by_domain>();
+        auto &index = records_.get<by_domain>();
         const uint64_t address = address_of(fed.mac_addr);
         auto known = index.find(domain_key(fed.bridge_id, address));
         if (known != index.end() && known->xcid != fed.xcid) {
@@ -177,7 +177,7 @@ private:
         }
         const record &stored = known != index.end()
                                    ? *known
-                                   : *records.get<by_creation>().push_back({address, fed.xcid, fed.bridge_id}).first;
+                                   : *records_.get<by_creation>().push_back({address, fed.xcid, fed.bridge_id}).first;
         stored.flags = fed.flags;
         stored.is_marked = false;
         stored.stamp = fts_get_stamp_fast();
@@ -185,7 +185,7 @@ private:
 
     const record *next_on_port(uint32_t xcid, uint64_t address) const
     {
-        const auto &index = records.get<by_position>();
+        const auto &index = records_.get<by_position>();
         const auto next = index.upper_bound(position{xcid, address});
         return next == index.end() || next->xcid != xcid ? nullptr : &*next;
     }
@@ -193,7 +193,7 @@ private:
     const record *smallest_after(uint32_t domain, uint64_t address) const
     {
         const record *smallest = nullptr;
-        for (uint32_t port = 0; port < opened.ports; port++) {
+        for (uint32_t port = 0; port < opened_.ports; port++) {
             const record *next = next_on_port(xcid_of(domain, port), address);
             if (next != nullptr && (smallest == nullptr || next->address < smallest->address)) {
                 smallest = next;
@@ -202,25 +202,25 @@ private:
         return smallest;
     }
 
-    // Fills `page` with the names behind an entry. Returns the last entry of the page, or null if nothing follows.
+    // Fills `page_` with the names behind an entry. Returns the last entry of the page, or null if nothing follows.
     const record *fill_page(uint32_t domain, const record &behind, const std::string &tail)
     {
-        const std::scoped_lock guard(lock);
-        const auto &index = records.get<by_position>();
+        const std::scoped_lock guard(lock_);
+        const auto &index = records_.get<by_position>();
         const record *last = nullptr;
-        clear_page(page);
+        clear_page(page_);
         for (auto at = index.upper_bound(position_of(behind));
-             page.items < page_size && at != index.end() && at->domain == domain; ++at) {
+             page_.items < page_size && at != index.end() && at->domain == domain; ++at) {
             last = &*at;
-            append_item(page, last->address, tail);
+            append_item(page_, last->address, tail);
         }
         return last;
     }
 
-    layout opened = {};
-    std::recursive_mutex lock;
-    table records;
-    name_page page;
+    layout opened_ = {};
+    std::recursive_mutex lock_;
+    table records_;
+    name_page page_;
 };
 
 } // namespace

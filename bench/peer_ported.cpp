@@ -171,11 +171,11 @@ class ported_table final : public contestant {
 
 public:
     explicit ported_table(const char *name)
-        : called(name)
+        : called_(name)
     {}
     ~ported_table() override { remove_entries(); }
 
-    const char *name() const override { return called; }
+    const char *name() const override { return called_; }
     size_t capacity() const override { return is_indexed ? SIZE_MAX : largest_without_index; }
 
     bool open(layout over) override
@@ -183,8 +183,8 @@ public:
         for (uint32_t domain = 1; domain <= over.domains; domain++) {
             for (uint32_t port = 0; port < over.ports; port++) {
                 const uint32_t xcid = xcid_of(domain, port);
-                const auto added = ports.emplace(xcid, std::make_unique<Port>()).first;
-                domains[domain].emplace(xcid, added->second.get());
+                const auto added = ports_.emplace(xcid, std::make_unique<Port>()).first;
+                domains_[domain].emplace(xcid, added->second.get());
             }
         }
         return true;
@@ -193,14 +193,14 @@ public:
     void close() override
     {
         remove_entries();
-        domains.clear();
-        ports.clear();
+        domains_.clear();
+        ports_.clear();
     }
 
     uint64_t feed(entries fed) override
     {
         for (const entry &each : fed) {
-            const std::scoped_lock guard(lock);
+            const std::scoped_lock guard(lock_);
             feed_one(each);
         }
         return fed.size();
@@ -219,7 +219,7 @@ public:
     uint64_t successors(entries asked) override
     {
         return answer(asked, [this](const entry &of) -> const record * {
-            Port &port = *ports.find(of.xcid)->second;
+            Port &port = *ports_.find(of.xcid)->second;
             const auto next = port.after(address_of(of.mac_addr));
             return next == port.end() ? nullptr : &Port::at(next);
         });
@@ -227,15 +227,15 @@ public:
 
     uint64_t steps(uint32_t domain, size_t steps) override
     {
-        const std::scoped_lock guard(lock);
+        const std::scoped_lock guard(lock_);
         return sum_of_steps(steps, [=, this](uint64_t address) { return smallest_after(domain, address); });
     }
 
     uint64_t walk() override
     {
-        const std::scoped_lock guard(lock);
+        const std::scoped_lock guard(lock_);
         uint64_t sum = 0;
-        for (auto &[domain, of_domain] : domains) {
+        for (auto &[domain, of_domain] : domains_) {
             for (auto &[xcid, port] : of_domain) {
                 for (auto at = port->begin(); at != port->end(); ++at) {
                     visit(Port::at(at), &sum);
@@ -248,11 +248,11 @@ public:
     uint64_t pages() override
     {
         uint64_t sum = 0;
-        for (auto &[domain, of_domain] : domains) {
+        for (auto &[domain, of_domain] : domains_) {
             const std::string tail = name_tail(domain);
             const record *last = smallest_on_first_port(of_domain);
             while (last != nullptr && (last = fill_page(of_domain, last->domain, last->address, tail)) != nullptr) {
-                sum = add_page(sum, page);
+                sum = add_page(sum, page_);
             }
         }
         return sum;
@@ -260,8 +260,8 @@ public:
 
     uint64_t mark_all() override
     {
-        const std::scoped_lock guard(lock);
-        for (stored &each : list) {
+        const std::scoped_lock guard(lock_);
+        for (stored &each : list_) {
             each.is_marked = true;
         }
         return 0;
@@ -269,11 +269,11 @@ public:
 
     uint64_t sweep_all() override
     {
-        const std::scoped_lock guard(lock);
-        for (auto at = list.begin(); at != list.end();) {
+        const std::scoped_lock guard(lock_);
+        for (auto at = list_.begin(); at != list_.end();) {
             record &each = static_cast<record &>(*at++);
             if (each.is_marked) {
-                ports.find(each.xcid)->second->erase(each);
+                ports_.find(each.xcid)->second->erase(each);
                 remove(each);
             }
         }
@@ -282,18 +282,18 @@ public:
 
     uint64_t remove_domain(uint32_t domain) override
     {
-        const std::scoped_lock guard(lock);
-        for (auto &[xcid, port] : domains[domain]) {
+        const std::scoped_lock guard(lock_);
+        for (auto &[xcid, port] : domains_[domain]) {
             for (auto at = port->begin(); at != port->end();) {
                 record &each = Port::at(at++);
                 unlink(each);
-                graves.push_back(&each);
+                graves_.push_back(&each);
             }
             port->clear();
-            for (record *each : graves) {
+            for (record *each : graves_) {
                 delete each;
             }
-            graves.clear();
+            graves_.clear();
         }
         return 0;
     }
@@ -310,15 +310,15 @@ private:
     template <typename Find>
     uint64_t answer(entries asked, Find find_one)
     {
-        const std::scoped_lock guard(lock);
+        const std::scoped_lock guard(lock_);
         return sum_of_answers(asked, find_one);
     }
 
     record *find_on_port(uint32_t xcid, uint64_t address)
     {
-        Port &port = *ports.find(xcid)->second;
+        Port &port = *ports_.find(xcid)->second;
         if constexpr (is_indexed) {
-            record *found = index.find(domain_key(xcid / xcids_of_domain, address));
+            record *found = index_.find(domain_key(xcid / xcids_of_domain, address));
             return found != nullptr && found->xcid == xcid ? found : nullptr;
         } else {
             const auto found = port.find(address);
@@ -329,9 +329,9 @@ private:
     record *find(uint32_t domain, uint64_t address)
     {
         if constexpr (is_indexed) {
-            return index.find(domain_key(domain, address));
+            return index_.find(domain_key(domain, address));
         } else {
-            for (auto &[xcid, port] : domains[domain]) {
+            for (auto &[xcid, port] : domains_[domain]) {
                 if (const auto found = port->find(address); found != port->end()) {
                     return &Port::at(found);
                 }
@@ -349,7 +349,7 @@ private:
             return;
         }
         if (known != nullptr) {
-            ports.find(known->xcid)->second->erase(*known);
+            ports_.find(known->xcid)->second->erase(*known);
             remove(*known);
         }
         create(fed, address);
@@ -362,10 +362,10 @@ private:
         added->xcid = fed.xcid;
         added->domain = fed.bridge_id;
         store(*added, fed);
-        ports.find(fed.xcid)->second->insert(*added);
-        list.push_back(*added);
+        ports_.find(fed.xcid)->second->insert(*added);
+        list_.push_back(*added);
         if constexpr (is_indexed) {
-            index.insert(*added);
+            index_.insert(*added);
         }
     }
 
@@ -378,9 +378,9 @@ private:
 
     void unlink(record &removed)
     {
-        list.erase(list.iterator_to(removed));
+        list_.erase(list_.iterator_to(removed));
         if constexpr (is_indexed) {
-            index.erase(removed);
+            index_.erase(removed);
         }
     }
 
@@ -392,19 +392,19 @@ private:
 
     void remove_entries()
     {
-        for (auto &[xcid, port] : ports) {
+        for (auto &[xcid, port] : ports_) {
             port->clear();
         }
         if constexpr (is_indexed) {
-            index.clear();
+            index_.clear();
         }
-        list.clear_and_dispose([](stored *each) { delete static_cast<record *>(each); });
+        list_.clear_and_dispose([](stored *each) { delete static_cast<record *>(each); });
     }
 
     const record *smallest_after(uint32_t domain, uint64_t address)
     {
         const record *smallest = nullptr;
-        for (auto &[xcid, port] : domains[domain]) {
+        for (auto &[xcid, port] : domains_[domain]) {
             const auto next = port->after(address);
             if (next != port->end() && (smallest == nullptr || Port::at(next).address < smallest->address)) {
                 smallest = &Port::at(next);
@@ -423,16 +423,16 @@ private:
         return nullptr;
     }
 
-    // Fills `page` with the names behind an address. Returns the last entry of the page, or null if nothing follows.
+    // Fills `page_` with the names behind an address. Returns the last entry of the page, or null if nothing follows.
     const record *fill_page(ports_of_domain &of, uint32_t domain, uint64_t address, const std::string &tail)
     {
-        const std::scoped_lock guard(lock);
+        const std::scoped_lock guard(lock_);
         const record *last = nullptr;
-        clear_page(page);
+        clear_page(page_);
         const record *resumed = find(domain, address);
         auto port = of.find(resumed->xcid);
         auto at = port->second->after(address);
-        while (page.items < page_size) {
+        while (page_.items < page_size) {
             if (at == port->second->end()) {
                 if (++port == of.end()) {
                     break;
@@ -441,20 +441,20 @@ private:
                 continue;
             }
             last = &Port::at(at);
-            append_item(page, last->address, tail);
+            append_item(page_, last->address, tail);
             ++at;
         }
         return last;
     }
 
-    const char *called;
-    std::recursive_mutex lock;
-    std::map<uint32_t, ports_of_domain> domains;
-    boost::unordered_flat_map<uint32_t, std::unique_ptr<Port>> ports;
-    intrusive::list<stored, intrusive::base_hook<list_hook>> list;
-    [[no_unique_address]] Index<record> index;
-    std::vector<record *> graves;
-    name_page page;
+    const char *called_;
+    std::recursive_mutex lock_;
+    std::map<uint32_t, ports_of_domain> domains_;
+    boost::unordered_flat_map<uint32_t, std::unique_ptr<Port>> ports_;
+    intrusive::list<stored, intrusive::base_hook<list_hook>> list_;
+    [[no_unique_address]] Index<record> index_;
+    std::vector<record *> graves_;
+    name_page page_;
 };
 
 } // namespace

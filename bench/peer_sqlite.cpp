@@ -67,11 +67,11 @@ public:
 
     bool open(layout over) override
     {
-        opened = over;
-        expect(sqlite3_open(":memory:", &database));
-        expect(sqlite3_exec(database, schema, nullptr, nullptr, nullptr));
+        opened_ = over;
+        expect(sqlite3_open(":memory:", &database_));
+        expect(sqlite3_exec(database_, schema, nullptr, nullptr, nullptr));
         for (size_t i = 0; i < statement_count; i++) {
-            expect(sqlite3_prepare_v3(database, texts[i], -1, SQLITE_PREPARE_PERSISTENT, &prepared[i], nullptr));
+            expect(sqlite3_prepare_v3(database_, texts[i], -1, SQLITE_PREPARE_PERSISTENT, &prepared_[i], nullptr));
         }
         return true;
     }
@@ -129,22 +129,22 @@ public:
     uint64_t pages() override
     {
         uint64_t sum = 0;
-        for (uint32_t domain = 1; domain <= opened.domains; domain++) {
+        for (uint32_t domain = 1; domain <= opened_.domains; domain++) {
             const std::string tail = name_tail(domain);
             const sqlite3_int64 end = xcid_of(domain + 1, 0);
             found last = {0, xcid_of(domain, 0)};
             const auto keep = [&](const found &each) {
                 last = each;
-                append_item(page, each.address, tail);
+                append_item(page_, each.address, tail);
             };
             size_t limit = 1; // the first item only, as the key behind which the pages begin
             for (;;) {
-                clear_page(page);
+                clear_page(page_);
                 const sqlite3_int64 address = static_cast<sqlite3_int64>(last.address);
                 if (select(page_behind, {last.xcid, address, end, static_cast<sqlite3_int64>(limit)}, keep) == 0) {
                     break;
                 }
-                sum = limit == 1 ? sum : add_page(sum, page);
+                sum = limit == 1 ? sum : add_page(sum, page_);
                 limit = page_size;
             }
         }
@@ -164,7 +164,7 @@ private:
     void expect(int status)
     {
         if (status != SQLITE_OK && status != SQLITE_DONE) {
-            throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(database));
+            throw std::runtime_error(std::string("SQLite: ") + sqlite3_errmsg(database_));
         }
     }
 
@@ -172,7 +172,7 @@ private:
     template <typename Visit>
     size_t select(statement which, values bound, Visit visit)
     {
-        sqlite3_stmt *const at = prepared[which];
+        sqlite3_stmt *const at = prepared_[which];
         int place = 1;
         for (const sqlite3_int64 each : bound) {
             sqlite3_bind_int64(at, place++, each);
@@ -207,18 +207,18 @@ private:
 
     void finish()
     {
-        for (sqlite3_stmt *&each : prepared) {
+        for (sqlite3_stmt *&each : prepared_) {
             sqlite3_finalize(each);
             each = nullptr;
         }
-        sqlite3_close(database);
-        database = nullptr;
+        sqlite3_close(database_);
+        database_ = nullptr;
     }
 
-    layout opened = {};
-    sqlite3 *database = nullptr;
-    sqlite3_stmt *prepared[statement_count] = {};
-    name_page page;
+    layout opened_ = {};
+    sqlite3 *database_ = nullptr;
+    sqlite3_stmt *prepared_[statement_count] = {};
+    name_page page_;
 };
 
 } // namespace

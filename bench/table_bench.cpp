@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <stdexcept>
 
 #include "bench/seat.h"
 
@@ -159,16 +160,35 @@ void count_instructions(const options &wanted, seat &ours)
     }
 }
 
-// The seats of ours and of the selected peers. A peer that this machine cannot run is named on standard error.
-std::vector<seat> seats_of(const std::vector<std::unique_ptr<bench::contestant>> &contestants, const options &wanted)
+using contestants = std::vector<std::unique_ptr<bench::contestant>>;
+
+// Throws std::runtime_error if the pattern selects no peer.
+void expect_peer(const contestants &all, const std::string &pattern)
 {
-    std::vector<seat> seats = {{contestants.front().get()}};
-    for (size_t i = 1; i < contestants.size(); i++) {
-        bench::contestant &peer = *contestants[i];
+    std::string names;
+    for (size_t i = 1; i < all.size(); i++) {
+        if (is_selected(pattern, all[i]->name())) {
+            return;
+        }
+        names += names.empty() ? "" : ", ";
+        names += all[i]->name();
+    }
+    if (all.size() > 1) {
+        throw std::runtime_error("no peer matches " + pattern + "; the peers are: " + names);
+    }
+}
+
+// The seats of ours and of the selected peers. A peer that this machine cannot run is named on standard error.
+std::vector<seat> seats_of(const contestants &all, const options &wanted)
+{
+    expect_peer(all, wanted.peers);
+    std::vector<seat> seats = {{all.front().get()}};
+    for (size_t i = 1; i < all.size(); i++) {
+        bench::contestant &peer = *all[i];
         if (!is_selected(wanted.peers, peer.name())) {
             continue;
         }
-        if (bench::check_answers(*contestants.front(), peer)) {
+        if (bench::check_answers(*all.front(), peer)) {
             seats.push_back({&peer});
         } else {
             std::fprintf(stderr, "%s: this machine cannot run it\n", peer.name());
@@ -191,13 +211,13 @@ void list_rows()
 
 void run(const options &wanted)
 {
-    const std::vector<std::unique_ptr<bench::contestant>> contestants = bench::make_contestants();
+    const contestants all = bench::make_contestants();
     if (wanted.instructions) {
-        seat ours = {contestants.front().get()};
+        seat ours = {all.front().get()};
         count_instructions(wanted, ours);
         return;
     }
-    std::vector<seat> seats = seats_of(contestants, wanted);
+    std::vector<seat> seats = seats_of(all, wanted);
     std::vector<result> results;
     for (const size_t size : wanted.sizes) {
         measure_size(wanted, seats, size, results);
