@@ -39,8 +39,8 @@ enum statement : uint8_t {
 };
 
 constexpr const char *texts[statement_count] = {
-    "INSERT INTO mac VALUES (?1, ?2, ?3, ?4, ?5, 0) ON CONFLICT (domain, address) DO UPDATE SET xcid = ?3, flags = ?4,"
-    " stamp = ?5, is_marked = 0",
+    ("INSERT INTO mac VALUES (?1, ?2, ?3, ?4, ?5, 0) ON CONFLICT (domain, address) DO UPDATE SET xcid = ?3, flags = ?4,"
+     " stamp = ?5, is_marked = 0"),
     "SELECT address, xcid FROM mac WHERE domain = ?1 AND address = ?2",
     "SELECT address, xcid FROM mac WHERE xcid = ?1 AND address = ?2",
     "SELECT address, xcid FROM mac WHERE xcid = ?1 AND address > ?2 ORDER BY address LIMIT 1",
