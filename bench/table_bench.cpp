@@ -1,228 +1,268 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The table at its main work. The addresses are random, over 10 bridge domains with 32 ports each. The benchmarks feed
-// them one by one through the exported interface, look them up, walk over them, mark and sweep them. Each figure is the
-// time of one entry.
-#include <benchmark/benchmark.h>
+// Measures the rows of the table, ours and the peers' in turns, and prints one JSON object a line for each figure.
+// scripts/bench runs it and makes the table of the results.
+//
+// With --instructions it runs each row once, for callgrind to count: start it under
+//     valgrind --tool=callgrind --instr-atstart=no
+#include <CLI/CLI.hpp>
+#include <fnmatch.h>
+#include <valgrind/callgrind.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
-#include <random>
-#include <string>
-#include <vector>
+#include <stdexcept>
 
-#include "bench/random_table.h"
-#include "bench/thread_time.h"
-#include "host/pool/chunk_statistics.h"
-#include "host/tree/ordtree_memory.h"
-#include "l2fm_edm_table.h"
-#include "platform/l2fib.h"
+#include "bench/seat.h"
 
 namespace {
 
-using bench::bridge_domains;
-using bench::create_objects;
-using bench::make_entries;
-using bench::measure;
-using clock_type = std::chrono::steady_clock;
+using bench::seat;
 
-// Of the first byte of an address. No entry of the table has it.
-constexpr uint8_t multicast_bit = 1;
-
-// A started table for the life of one benchmark. With `fill` it holds `count` entries, without it none.
-struct filled_table {
-    explicit filled_table(int64_t count, bool fill = true)
-        : entries(make_entries(static_cast<size_t>(count)))
-    {
-        static uint32_t limit_cell;
-        create_objects();
-        l2fm_edm_table_init();
-        l2fib_mac_edm_defn_init(&limit_cell, UINT32_MAX);
-        if (fill) {
-            feed();
-            std::shuffle(entries.begin(), entries.end(), std::mt19937_64(2));
-        }
-    }
-    ~filled_table() { l2fm_edm_table_deinit(); }
-    filled_table(const filled_table &) = delete;
-    filled_table &operator=(const filled_table &) = delete;
-
-    void feed() const
-    {
-        for (const l2fib_mac_edm_entry_t &entry : entries) {
-            if (l2fib_mac_edm_add(&entry) != 0) {
-                std::abort();
-            }
-        }
-    }
-
-    std::vector<l2fib_mac_edm_entry_t> entries;
+struct options {
+    std::string rows = "*";
+    std::string peers = "*";
+    std::vector<size_t> sizes = {10'000, 100'000, 1'000'000};
+    size_t runs = 5;
+    bool instructions = false;
+    bool list = false;
 };
 
-void report(benchmark::State &state, uint64_t items)
+constexpr size_t wide_size = 100'000;
+constexpr char wide_prefix[] = "wide:";
+
+bool is_selected(const std::string &pattern, const std::string &key)
 {
-    state.counters["per_entry"] = benchmark::Counter(
-        static_cast<double>(items), benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    return fnmatch(pattern.c_str(), key.c_str(), 0) == 0;
 }
 
-uint64_t bytes_in_use()
+// One column of a row: a contestant, the work that it does, and what came out.
+struct column {
+    seat *at;
+    const bench::work *on;
+    std::string name;
+    std::vector<bench::sample> samples = {};
+};
+
+struct result {
+    std::string key;
+    size_t size;
+    column measured;
+};
+
+double fastest_probe_of(const std::vector<result> &results)
 {
-    uint64_t bytes = host::ordtree_memory().node_bytes;
-    host::chunk_statistics pool;
-    for (chunk_pool_t *at = host::chunk_next(nullptr); at != nullptr; at = host::chunk_next(at)) {
-        if (host::chunk_read_statistics(at, &pool)) {
-            bytes += pool.in_use * pool.element_size;
+    double fastest = bench::probe();
+    for (const result &each : results) {
+        for (const bench::sample &one : each.measured.samples) {
+            fastest = std::min(fastest, one.slowest_probe);
         }
     }
-    return bytes;
+    return fastest;
 }
 
-void create(benchmark::State &state)
+void print_results(const std::vector<result> &results)
 {
-    std::vector<double> each;
-    for (auto _ : state) {
-        const filled_table table(state.range(0), false);
-        each.clear();
-        each.reserve(table.entries.size());
-        measure(state, [&] {
-            auto before = clock_type::now();
-            for (const l2fib_mac_edm_entry_t &entry : table.entries) {
-                l2fib_mac_edm_add(&entry);
-                const auto now = clock_type::now();
-                each.push_back(std::chrono::duration<double, std::nano>(now - before).count());
-                before = now;
+    const double fastest = fastest_probe_of(results);
+    for (const result &each : results) {
+        if (each.measured.samples.empty()) {
+            continue;
+        }
+        const bench::summary of = bench::summarize(each.measured.samples, fastest);
+        std::printf("{\"row\": \"%s\", \"size\": %zu, \"contestant\": \"%s\", \"median\": %.3f, \"samples\": %zu, "
+                    "\"quiet\": %zu}\n",
+                    each.key.c_str(), each.size, each.measured.name.c_str(), of.median, of.samples, of.quiet);
+    }
+}
+
+// Measures a row `runs` times in each column, in turns. A column that cannot do the row stays empty.
+void measure_row(const bench::row &wanted, std::vector<column> &columns, size_t runs)
+{
+    std::vector<bool> is_out(columns.size());
+    for (size_t run = 0; run < runs; run++) {
+        for (size_t i = 0; i < columns.size(); i++) {
+            column &each = columns[i];
+            is_out[i] = is_out[i] || !bench::take_sample(*each.at, wanted, *each.on, each.samples);
+        }
+    }
+}
+
+void keep(std::vector<result> &results, const std::string &key, std::vector<column> columns)
+{
+    for (column &each : columns) {
+        const size_t size = each.on->fed.size();
+        results.push_back({key, size, std::move(each)});
+    }
+}
+
+void measure_size(const options &wanted, std::vector<seat> &seats, size_t size, std::vector<result> &results)
+{
+    const bench::work main_work = bench::make_work(bench::main_layout, size);
+    const bench::work work_of_steps = bench::make_work(bench::layout_of_steps, size);
+    for (const bench::row &row : bench::all_rows()) {
+        if (!is_selected(wanted.rows, row.key)) {
+            continue;
+        }
+        std::fprintf(stderr, "%s, %zu entries\n", row.key, size);
+        std::vector<column> columns;
+        for (seat &each : seats) {
+            const bool is_main = row.over == bench::main_layout;
+            columns.push_back({&each, is_main ? &main_work : &work_of_steps, each.table->name()});
+        }
+        measure_row(row, columns, wanted.runs);
+        keep(results, row.key, std::move(columns));
+    }
+    for (seat &each : seats) {
+        bench::close(each);
+    }
+}
+
+// Our own table with one bridge domain, of 1,000 ports and of 32.
+void measure_wide(const options &wanted, seat &ours, std::vector<result> &results)
+{
+    const bench::work narrow = bench::make_work(bench::one_domain, wide_size);
+    const bench::work wide = bench::make_work(bench::wide_domain, wide_size);
+    for (const bench::row &row : bench::all_rows()) {
+        const std::string key = wide_prefix + std::string(row.key);
+        if (!is_selected(wanted.rows, key) || !(row.over == bench::main_layout)) {
+            continue;
+        }
+        std::fprintf(stderr, "%s\n", key.c_str());
+        std::vector<column> columns = {{&ours, &wide, "1,000 ports"}, {&ours, &narrow, "32 ports"}};
+        measure_row(row, columns, wanted.runs);
+        keep(results, key, std::move(columns));
+    }
+    bench::close(ours);
+}
+
+void count_instructions(const options &wanted, seat &ours)
+{
+    for (const size_t size : wanted.sizes) {
+        const bench::work main_work = bench::make_work(bench::main_layout, size);
+        const bench::work work_of_steps = bench::make_work(bench::layout_of_steps, size);
+        for (const bench::row &row : bench::all_rows()) {
+            const bench::work &on = row.over == bench::main_layout ? main_work : work_of_steps;
+            if (row.measures != bench::figure::time || !is_selected(wanted.rows, row.key)
+                || !bench::prepare(ours, row, on)) {
+                continue;
             }
-        });
-        state.counters["bytes"] = static_cast<double>(bytes_in_use()) / static_cast<double>(state.range(0));
-    }
-    report(state, static_cast<uint64_t>(state.range(0)));
-    std::sort(each.begin(), each.end());
-    state.counters["p99_ns"] = each[each.size() * 99 / 100];
-    state.counters["max_us"] = each.back() / 1000;
-}
-
-void feed_again(benchmark::State &state)
-{
-    const filled_table table(state.range(0));
-    for (auto _ : state) {
-        measure(state, [&] { table.feed(); });
-    }
-    report(state, table.entries.size());
-}
-
-// Looks up every address by bridge domain. Each lookup flips the bits `flip` of the first byte: 0 for a cached address,
-// `multicast_bit` for an absent one.
-void look_up(benchmark::State &state, uint8_t flip)
-{
-    filled_table table(state.range(0));
-    for (l2fib_mac_edm_entry_t &entry : table.entries) {
-        entry.mac_addr[0] ^= flip;
-    }
-    for (auto _ : state) {
-        measure(state, [&] {
-            for (const l2fib_mac_edm_entry_t &entry : table.entries) {
-                benchmark::DoNotOptimize(l2fm_edm_table_mac_get_by_bridgeid_mac(entry.bridge_id, entry.mac_addr));
+            CALLGRIND_ZERO_STATS;
+            CALLGRIND_START_INSTRUMENTATION;
+            const uint64_t result = bench::run_pass(ours, row, on);
+            CALLGRIND_STOP_INSTRUMENTATION;
+            if (result != bench::cannot) {
+                CALLGRIND_DUMP_STATS_AT(row.key);
+                std::printf("{\"row\": \"%s\", \"size\": %zu, \"items\": %zu}\n", row.key, size,
+                            bench::items_of(row, on));
             }
-        });
+        }
+        bench::close(ours);
     }
-    report(state, table.entries.size());
 }
 
-void look_up_hit(benchmark::State &state)
-{
-    look_up(state, 0);
-}
-void look_up_absent(benchmark::State &state)
-{
-    look_up(state, multicast_bit);
-}
+using contestants = std::vector<std::unique_ptr<bench::contestant>>;
 
-void successor_of_absent(benchmark::State &state)
+// Throws std::runtime_error if the pattern selects no peer.
+void expect_peer(const contestants &all, const std::string &pattern)
 {
-    filled_table table(state.range(0));
-    for (auto _ : state) {
-        measure(state, [&] {
-            for (l2fib_mac_edm_entry_t &entry : table.entries) {
-                entry.mac_addr[0] ^= multicast_bit;
-                const l2fm_edm_bp_t *bp = l2fm_edm_table_bp_get_by_xcid(entry.xcid);
-                benchmark::DoNotOptimize(l2fm_edm_table_bp_macaddr_get_next(&bp->mac_tree, entry.mac_addr));
-            }
-        });
+    std::string names;
+    for (size_t i = 1; i < all.size(); i++) {
+        if (is_selected(pattern, all[i]->name())) {
+            return;
+        }
+        names += names.empty() ? "" : ", ";
+        names += all[i]->name();
     }
-    report(state, table.entries.size());
-}
-
-void full_resync(benchmark::State &state)
-{
-    const filled_table table(state.range(0));
-    for (auto _ : state) {
-        measure(state, [&] {
-            l2fib_mac_edm_mark_all();
-            table.feed();
-            l2fib_mac_edm_sweep_all();
-        });
+    if (all.size() > 1) {
+        throw std::runtime_error("no peer matches " + pattern + "; the peers are: " + names);
     }
-    report(state, table.entries.size());
 }
 
-uint32_t count_visit(l2fm_edm_mac_t *mac, void *cookie)
+// The seats of ours and of the selected peers. A peer that this machine cannot run is named on standard error.
+std::vector<seat> seats_of(const contestants &all, const options &wanted)
 {
-    *static_cast<uint64_t *>(cookie) += mac->flags + 1u;
-    return EDM_WALK_CONTINUE;
-}
-
-void walk_in_order(benchmark::State &state)
-{
-    const filled_table table(state.range(0));
-    uint64_t sum = 0;
-    for (auto _ : state) {
-        measure(state, [&] {
-            for (uint16_t bridge_id = 1; bridge_id <= bridge_domains; bridge_id++) {
-                l2fm_edm_table_walk_all_macs_under_bd(count_visit, &sum, bridge_id);
-            }
-        });
+    expect_peer(all, wanted.peers);
+    std::vector<seat> seats = {{all.front().get()}};
+    for (size_t i = 1; i < all.size(); i++) {
+        bench::contestant &peer = *all[i];
+        if (!is_selected(wanted.peers, peer.name())) {
+            continue;
+        }
+        if (bench::check_answers(*all.front(), peer)) {
+            seats.push_back({&peer});
+        } else {
+            std::fprintf(stderr, "%s: this machine cannot run it\n", peer.name());
+        }
     }
-    benchmark::DoNotOptimize(sum);
-    report(state, table.entries.size());
+    return seats;
 }
 
-void walk_as_created(benchmark::State &state)
+// The rows with their targets, for the script that prints the table.
+void list_rows()
 {
-    const filled_table table(state.range(0));
-    uint64_t sum = 0;
-    for (auto _ : state) {
-        measure(state, [&] { l2fm_edm_table_walk_all_macs(count_visit, &sum); });
+    for (const bench::row &row : bench::all_rows()) {
+        const bench::targets &goal = row.goal;
+        std::printf("{\"row\": \"%s\", \"title\": \"%s\", \"at_most\": [%g, %g, %g], \"instructions\": %g, "
+                    "\"most\": %g, \"most_from\": %zu}\n",
+                    row.key, row.title, goal.at_most[0], goal.at_most[1], goal.at_most[2], goal.instructions, goal.most,
+                    goal.most_from);
     }
-    benchmark::DoNotOptimize(sum);
-    report(state, table.entries.size());
 }
 
-void mark_and_sweep(benchmark::State &state)
+void run(const options &wanted)
 {
-    for (auto _ : state) {
-        const filled_table table(state.range(0));
-        measure(state, [&] {
-            l2fib_mac_edm_mark_all();
-            l2fib_mac_edm_sweep_all();
-        });
+    const contestants all = bench::make_contestants();
+    if (wanted.instructions) {
+        seat ours = {all.front().get()};
+        count_instructions(wanted, ours);
+        return;
     }
-    report(state, static_cast<uint64_t>(state.range(0)));
+    std::vector<seat> seats = seats_of(all, wanted);
+    std::vector<result> results;
+    for (const size_t size : wanted.sizes) {
+        measure_size(wanted, seats, size, results);
+    }
+    measure_wide(wanted, seats.front(), results);
+    print_results(results);
 }
-
-void sizes(benchmark::internal::Benchmark *benchmark)
-{
-    benchmark->Arg(10'000)->Arg(100'000)->Arg(1'000'000)->UseManualTime()->Unit(benchmark::kMillisecond);
-}
-
-BENCHMARK(create)->Apply(sizes);
-BENCHMARK(feed_again)->Apply(sizes);
-BENCHMARK(look_up_hit)->Apply(sizes);
-BENCHMARK(look_up_absent)->Apply(sizes);
-BENCHMARK(successor_of_absent)->Apply(sizes);
-BENCHMARK(full_resync)->Apply(sizes);
-BENCHMARK(walk_in_order)->Apply(sizes);
-BENCHMARK(walk_as_created)->Apply(sizes);
-BENCHMARK(mark_and_sweep)->Apply(sizes);
 
 } // namespace
+
+std::vector<std::unique_ptr<bench::contestant>> bench::make_contestants()
+{
+    std::vector<std::unique_ptr<contestant>> all;
+    all.push_back(make_ours());
+#ifdef L2FIB_BENCH_PEERS
+    for (const auto make :
+         {make_full, make_multi_index, make_map_of_maps, make_intrusive_avl, make_sqlite, make_kernel}) {
+        all.push_back(make());
+    }
+#endif
+    return all;
+}
+
+int main(int argc, char **argv)
+{
+    options wanted;
+    CLI::App app("Measures the table, ours and peers'.");
+    app.add_option("--rows", wanted.rows, "shell pattern of the rows' keys");
+    app.add_option("--peers", wanted.peers, "shell pattern of the peers' names");
+    app.add_option("--sizes", wanted.sizes, "numbers of entries, with commas")
+        ->delimiter(',')
+        ->check(CLI::PositiveNumber);
+    app.add_option("--runs", wanted.runs, "samples of each figure")->check(CLI::PositiveNumber);
+    app.add_flag("--instructions", wanted.instructions, "run each row once, for callgrind");
+    app.add_flag("--list", wanted.list, "list the rows and their targets");
+    CLI11_PARSE(app, argc, argv);
+    try {
+        if (wanted.list) {
+            list_rows();
+        } else {
+            run(wanted);
+        }
+    } catch (const std::exception &failure) {
+        std::fprintf(stderr, "table_bench: %s\n", failure.what());
+        return 1;
+    }
+    return 0;
+}
