@@ -276,12 +276,13 @@ answer document(std::string_view name, Write write)
 {
     answer result;
     const forwarding::completeness_watch watch;
-    json_writer json(result.body);
+    json_writer json;
     json.begin_object();
     json.name(std::string("l2fib-mac:").append(name));
     write(json);
     write_completeness(json, watch);
     json.end_object();
+    result.body = json.take();
     result.worth = watch.worst();
     return result;
 }

@@ -291,6 +291,7 @@ row_page read_rows(const row_filter &filter, const row_position &from, uint32_t 
 {
     row_page page;
     page.end = from;
+    page.rows.reserve(most);
     with_feeder([&](feeder &feed) {
         page.objects = feed.objects();
         place at;

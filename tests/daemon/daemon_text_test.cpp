@@ -66,16 +66,15 @@ TEST(json_writer, writes_valid_text_from_any_bytes)
         {"cut \xe2\x82", "\"cut \xef\xbf\xbd\xef\xbf\xbd\""},
     };
     for (const auto &one : cases) {
-        std::string out;
-        json_writer(out).text(one.text);
-        EXPECT_EQ(out, one.written);
+        json_writer json;
+        json.text(one.text);
+        EXPECT_EQ(json.take(), one.written);
     }
 }
 
 TEST(json_writer, separates_members_and_items)
 {
-    std::string out;
-    json_writer json(out);
+    json_writer json;
     json.begin_object();
     json.begin_array("a");
     json.number(1);
@@ -84,7 +83,7 @@ TEST(json_writer, separates_members_and_items)
     json.end_array();
     json.member64("b", UINT64_MAX);
     json.end_object();
-    EXPECT_EQ(out, R"({"a":[1,{}],"b":"18446744073709551615"})");
+    EXPECT_EQ(json.take(), R"({"a":[1,{}],"b":"18446744073709551615"})");
 }
 
 TEST(target, splits_elements_before_decoding)
