@@ -13,6 +13,7 @@
 #include <string>
 
 #include "daemon/api/list.h"
+#include "daemon/api/order_windows.h"
 #include "forwarding/feeder/reading.h"
 
 namespace l2fibd {
@@ -26,9 +27,10 @@ std::unique_ptr<list_source> make_address_source(const forwarding::mac_address &
                                                  const forwarding::row_filter &filter,
                                                  const std::optional<std::string> &start);
 
-// All entries in another order. Reads up to `limit` entries ahead.
+// All entries in another order. `limit` is that of the answer. Takes what an earlier answer selected ahead from
+// `windows`, which outlives the source, and gives back what is left.
 std::unique_ptr<list_source> make_ordered_source(forwarding::row_order order, const std::optional<std::string> &start,
-                                                 uint64_t limit);
+                                                 uint64_t limit, order_windows &windows);
 
 std::unique_ptr<list_source> make_vtep_source(const std::optional<std::string> &start);
 std::unique_ptr<list_source> make_domain_source(const std::optional<std::string> &start);

@@ -9,6 +9,8 @@
 #include "forwarding/feeder/reading.h"
 
 #include <algorithm>
+#include <array>
+#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <span>
@@ -26,6 +28,9 @@ constexpr uint64_t nanoseconds = 1'000'000'000;
 
 // Entries and ports visited in one hold of the table lock, so that other threads wait for a short time only.
 constexpr uint32_t looks_per_hold = 1024;
+
+// Entries of other places than one port that are looked up together.
+constexpr size_t looks_at_once = 32;
 
 // While answers change the order by last sight, each round selects ask_growth times as many entries, up to most_asked.
 // A larger round asks about more entries that may turn out to be first. See select_last_seen.
@@ -107,6 +112,26 @@ l2fm_edm_bp_t *port_at(const place &at)
         return l2fm_edm_table_bp_get_by_xcid(at.second);
     }
     return l2fm_edm_table_bd_bp_get(l2fm_edm_table_bd_get_by_bridgeid(at.first), EDM_XCID_DUMMY);
+}
+
+// Under the table lock. Null if the table has no such entry on the port.
+const l2fm_edm_mac_t *entry_at(const place &at, const mac_address &mac)
+{
+    if (at.second != EDM_XCID_DUMMY) {
+        return l2fm_edm_table_mac_get_by_xcid_mac(at.second, mac.data());
+    }
+    const l2fm_edm_bp_t *bp = port_at(at);
+    return bp != nullptr ? l2fm_edm_table_bp_mac_get(&bp->mac_tree, mac.data()) : nullptr;
+}
+
+// Finds the entries at up to looks_at_once places. The entries may be anywhere in memory, so the processor fetches all
+// of them at once. Under the table lock.
+void find_entries(std::span<const ordered_place> places, std::span<const l2fm_edm_mac_t *> found)
+{
+    for (size_t at = 0; at < places.size(); at++) {
+        found[at] = entry_at({places[at].bridge_id, places[at].xcid}, places[at].mac);
+        __builtin_prefetch(found[at]);
+    }
 }
 
 // Reads rows of one port until the page is full, the port ends or `looks` entries were visited. It continues behind
@@ -321,10 +346,7 @@ void add_table_ages(row_page &page)
 {
     const table_hold hold;
     for (mac_row &row : page.rows) {
-        const l2fm_edm_bp_t *bp = port_at({row.bridge_id, row.xcid});
-        const l2fm_edm_mac_t *entry =
-            bp != nullptr ? l2fm_edm_table_bp_mac_get(&bp->mac_tree, row.mac.data()) : nullptr;
-        if (entry != nullptr) {
+        if (const l2fm_edm_mac_t *entry = entry_at({row.bridge_id, row.xcid}, row.mac); entry != nullptr) {
             const mac_row cached = row_of(*entry);
             row.age = cached.age;
             row.node_id = cached.node_id;
@@ -444,55 +466,108 @@ std::vector<ordered_entry> select_last_seen(const order_position &from, uint32_t
     }
 }
 
-// Reads the rows of selected entries from the table, in their order. An entry that left its port meanwhile gets no row.
-void read_places(feeder &feed, const std::vector<ordered_entry> &entries, uint64_t began, row_page &page)
+int64_t steady_ms()
 {
-    for (size_t first = 0; first < entries.size(); first += looks_per_hold) {
-        const table_hold hold;
-        for (size_t at = first; at < std::min(entries.size(), first + looks_per_hold); at++) {
-            const ordered_entry &entry = entries[at];
-            const l2fm_edm_bp_t *bp = port_at({entry.bridge_id, entry.xcid});
-            const l2fm_edm_mac_t *mac =
-                bp != nullptr ? l2fm_edm_table_bp_mac_get(&bp->mac_tree, entry.key.mac.data()) : nullptr;
-            if (mac == nullptr) {
-                continue;
-            }
-            page.rows.push_back(row_of(*mac));
-            page.rows.back().bridge_id = entry.bridge_id;
-            page.rows.back().place = {entry.value, entry.slot, true, began};
-            if (entry.ages) {
-                page.rows.back().last_seen = feed.epoch_seconds(entry.updated_ms);
-            }
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+auto order_of(const ordered_place &wanted)
+{
+    return std::pair(wanted.value, wanted.slot);
+}
+
+void fill_window(order_window &window, std::span<const ordered_entry> entries)
+{
+    window.places.reserve(entries.size());
+    for (const ordered_entry &entry : entries) {
+        window.places.push_back(
+            {entry.value, entry.ages ? entry.updated_ms : 0, entry.slot, entry.xcid, entry.bridge_id, entry.key.mac});
+    }
+}
+
+// Reads the rows of places from the table, in their order. An entry that left its port meanwhile gets no row.
+void read_places(feeder &feed, std::span<const ordered_place> places, uint64_t began, row_page &page)
+{
+    std::array<const l2fm_edm_mac_t *, looks_at_once> entries;
+    const table_hold hold;
+    for (size_t at = 0; at < places.size(); at++) {
+        if (at % looks_at_once == 0) {
+            find_entries(places.subspan(at, std::min(looks_at_once, places.size() - at)), entries);
         }
+        const ordered_place &wanted = places[at];
+        if (const l2fm_edm_mac_t *entry = entries[at % looks_at_once]; entry != nullptr) {
+            mac_row &row = page.rows.emplace_back(row_of(*entry));
+            row.bridge_id = wanted.bridge_id;
+            row.place = {wanted.value, wanted.slot, true, began};
+            row.last_seen = wanted.updated_ms != 0 ? feed.epoch_seconds(wanted.updated_ms) : row.last_seen;
+        }
+    }
+}
+
+// Reads the rows of the next places, and moves the window behind them.
+void read_next_places(feeder &feed, order_window &window, uint32_t most, row_page &page)
+{
+    const size_t end = std::min(window.places.size(), window.next + most);
+    page.rows.reserve(end - window.next);
+    while (window.next < end) {
+        const size_t count = std::min<size_t>(looks_per_hold, end - window.next);
+        const auto places = std::span<const ordered_place>(window.places).subspan(window.next, count);
+        read_places(feed, places, window.at.began, page);
+        window.next += count;
+        window.at = {places.back().value, places.back().slot, true, window.at.began};
     }
 }
 
 } // namespace
 
-ordered_page read_ordered(row_order order, const order_position &from, uint32_t most)
+order_window select_window(row_order order, const order_position &from, uint32_t most)
+{
+    order_window window{.order = order, .at = from, .selected_ms = steady_ms()};
+    if (from.began == 0) {
+        on_cache_thread([&](feeder &feed) { window.at.began = feed.order_now(order); });
+    }
+    std::vector<ordered_entry> entries =
+        order == row_order::last_seen ? select_last_seen(window.at, most + 1) : select(order, window.at, most + 1);
+    window.more = entries.size() > most;
+    entries.resize(std::min<size_t>(entries.size(), most));
+    fill_window(window, entries);
+    return window;
+}
+
+bool is_fresh(const order_window &window)
+{
+    constexpr int64_t max_age_ms = 1'000;
+    return window.next < window.places.size() && steady_ms() - window.selected_ms <= max_age_ms;
+}
+
+void seek(order_window &window, const order_position &to)
+{
+    const auto next = std::ranges::upper_bound(window.places, std::pair(to.value, to.slot), {}, order_of);
+    window.next = to.holds_row ? static_cast<size_t>(next - window.places.begin()) : 0;
+    window.at = to;
+}
+
+ordered_page read_window(order_window &window, uint32_t most)
 {
     ordered_page ordered;
-    ordered.end = from;
-    if (from.began == 0) {
-        on_cache_thread([&](feeder &feed) { ordered.end.began = feed.order_now(order); });
-    }
-    const order_position start = ordered.end;
-    std::vector<ordered_entry> entries =
-        order == row_order::last_seen ? select_last_seen(start, most + 1) : select(order, start, most + 1);
-    ordered.page.more = entries.size() > most;
-    entries.resize(std::min<size_t>(entries.size(), most));
     with_feeder([&](feeder &feed) {
         ordered.page.objects = feed.objects();
-        read_places(feed, entries, start.began, ordered.page);
-        if (order == row_order::created && feed.ages_silently()) {
+        read_next_places(feed, window, most, ordered.page);
+        if (window.order == row_order::created && feed.ages_silently()) {
             refresh_rows(feed, ordered.page);
         }
         complete_rows(feed, ordered.page);
     });
-    if (!entries.empty()) {
-        ordered.end = {entries.back().value, entries.back().slot, true, start.began};
-    }
+    ordered.page.more = window.next < window.places.size() || window.more;
+    ordered.end = window.at;
     return ordered;
+}
+
+ordered_page read_ordered(row_order order, const order_position &from, uint32_t most)
+{
+    order_window window = select_window(order, from, most);
+    return read_window(window, most);
 }
 
 // ---- Counts ----

@@ -185,7 +185,8 @@ TEST(Routing, RefusesByPathThenMethodThenParameters)
         {"GET", "data/l2fib-mac:ports/port=1?limit=1", 400, "invalid-value", "none"},
     };
     resync_requester resyncs;
-    const api_context context{resyncs, [] { return server_health(); }};
+    order_windows windows;
+    const api_context context{resyncs, windows, [] { return server_health(); }};
     for (const auto &row : rows) {
         try {
             answer_request({row.method, std::string("/restconf/").append(row.uri)}, context);
