@@ -30,7 +30,7 @@ std::optional<forwarding::order_window> order_windows::take(forwarding::row_orde
     const base::scoped_lock hold(lock_);
     drop_stale();
     auto *found = std::ranges::find_if(windows_, [&](const forwarding::order_window &each) {
-        return !each.places.empty() && each.order == order && each.at == from;
+        return !each.keys.empty() && each.order == order && each.at == from;
     });
     return found != windows_.end() ? std::optional(std::exchange(*found, {})) : std::nullopt;
 }

@@ -4,7 +4,7 @@
 // list in pages sends a cursor with each request. Without the window of its last answer, each request would look at all
 // entries of the shadow table again:
 //
-//      answer to the first request     selects 65,536 places, shows 10,000 rows, keeps the window
+//      answer to the first request     selects 100,000 places, shows 10,000 rows, keeps the window
 //      answer to its cursor            takes the window and shows the next 10,000 rows
 //
 // A kept window is dropped when it is no longer fresh, or when too many are kept. Its list then selects again.
@@ -31,7 +31,7 @@ public:
         L2FIB_EXCLUDES(lock_);
 
 private:
-    static constexpr size_t max_kept = 4; // of 2 megabytes at most
+    static constexpr size_t max_kept = 4; // of 2.4 megabytes at most
 
     void drop_stale() L2FIB_REQUIRES(lock_);
 

@@ -254,8 +254,8 @@ public:
     }
 
 private:
-    // Each selection looks at all entries of the table, so one selection gets many places: 2 megabytes.
-    static constexpr uint32_t max_places_ahead = 65'536;
+    // Each selection looks at all entries of the table, so one selection gets many places: at most 2.4 megabytes.
+    static constexpr uint32_t max_places_ahead = 100'000;
     static constexpr uint32_t continued_answers = 8; // a client that sends a cursor will probably send more of them
     static constexpr uint32_t max_rows_ahead = 1'000;
 
@@ -265,6 +265,7 @@ private:
     void read_ahead()
     {
         if (!forwarding::is_fresh(window_)) {
+            window_ = {}; // two windows would take twice the memory
             window_ = forwarding::select_window(order_, at_, places_ahead_);
         }
         page_ = forwarding::read_window(window_, max_rows_ahead).page;

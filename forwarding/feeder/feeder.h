@@ -86,10 +86,9 @@ struct feeder_settings {
     reporter report = nullptr;           // takes messages for operators; null: none
 };
 
-// An entry at its place in an order. It has all that a caller needs to read the row and to query the plane.
+// A selected entry. It has all that a caller needs to read the row and to query the plane.
 struct ordered_entry {
-    uint64_t value; // decides the order; equal values are ordered by slot
-    uint32_t slot;
+    order_key place;
     uint32_t xcid;
     uint16_t bridge_id;
     bool ages; // whether it disappears by itself when it is not seen for the ageing time
@@ -133,7 +132,9 @@ public:
     // Returns the value that a new entry would have in an order.
     uint64_t order_now(row_order order) const;
     // Returns the first `most` entries that come after `from`. The caller has set `from.began`.
-    std::vector<ordered_entry> select(row_order order, const order_position &from, uint32_t most);
+    std::vector<order_key> select(row_order order, const order_position &from, uint32_t most);
+    // Returns the entries that are still at the places of `keys`.
+    std::vector<ordered_entry> entries_at(row_order order, std::span<const order_key> keys, uint64_t began) const;
     // Brings the shadow table up to date with the plane's answers to another thread's query. Returns how many keys had
     // an answer that changed the entry's age or contradicted the shadow table.
     size_t take_ages(std::span<const fdb_key> keys, std::span<const fdb_answer> answers);
@@ -351,6 +352,7 @@ private:
 
     // Answers.
     uint64_t order_value(row_order order, const shadow_entry &entry) const;
+    order_key key_in(row_order order, uint32_t slot, uint64_t began) const;
     bool entry_ages(const shadow_entry &entry) const;
     void correct(std::span<const fdb_key> keys);
     void add_row(uint32_t at, std::vector<mac_row> &rows);

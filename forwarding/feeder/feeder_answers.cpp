@@ -24,13 +24,11 @@ bool is_behind(const order_position &from, uint64_t value, uint32_t slot)
     return !from.holds_row || value > from.value || (value == from.value && slot > from.slot);
 }
 
-// Sort key of an entry in an order. It is small because a selection holds up to twice as many keys as the page has
-// rows.
-struct order_key {
-    uint64_t value;
-    uint32_t slot;
-    auto operator<=>(const order_key &) const = default;
-};
+// Lists in an order show what the feeder has fed.
+bool is_in_orders(const shadow_entry &entry)
+{
+    return entry.alive && entry.fed_xcid != 0 && static_cast<standing>(entry.standing) == standing::fed;
+}
 
 // Keeps the `most` smallest keys, unsorted, and drops the others.
 void keep_first(std::vector<order_key> &keys, size_t most)
@@ -119,6 +117,14 @@ uint64_t feeder::order_value(row_order order, const shadow_entry &entry) const
     return entry_ages(entry) ? static_cast<uint64_t>(entry.record.updated_ms) : does_not_age;
 }
 
+// The place of an entry in a list that began at `began`. Values above `began` count as `began + 1`, except
+// does_not_age; see order_position.
+order_key feeder::key_in(row_order order, uint32_t slot, uint64_t began) const
+{
+    const uint64_t value = order_value(order, shadow_.entries[slot]);
+    return {value != does_not_age ? std::min(value, began + 1) : value, slot};
+}
+
 uint64_t feeder::order_now(row_order order) const
 {
     using namespace std::chrono;
@@ -126,48 +132,54 @@ uint64_t feeder::order_now(row_order order) const
     return order == row_order::created ? last_created_ : static_cast<uint64_t>(now.count());
 }
 
-// Selects the first `most` fed entries behind `from` in one pass over the shadow table, with memory for 2 * `most`
-// keys. Whenever the memory is full, the larger half goes. From then on `last`, the largest key kept, rules out entries
-// behind it. With `most` = 2 and the values 5 9 3 7 8 1:
+// Selects the first `most` fed entries behind `from` in one pass over the shadow table, with memory for half as many
+// keys more. Whenever the memory is full, the largest third goes. From then on `last`, the largest key kept, rules out
+// entries behind it. With `most` = 2 and the values 5 9 3 7 4 1:
 //
-//      5 9 3 7   full: keep 3 5, last = 5
-//      3 5       8 is behind last and skipped
-//      3 5 1     end: keep 1 3
-//
-// Values above `from.began` count as `from.began + 1`, except does_not_age; see order_position.
-std::vector<ordered_entry> feeder::select(row_order order, const order_position &from, uint32_t most)
+//      5 9 3     full: keep 3 5, last = 5
+//      3 5       7 is behind last and skipped
+//      3 5 4     full: keep 3 4, last = 4
+//      3 4 1     full: keep 1 3
+std::vector<order_key> feeder::select(row_order order, const order_position &from, uint32_t most)
 {
     plane_.drain();
     if (removals_in_flight_ == 0) {
         settle_everything();
     }
     std::vector<order_key> keys;
-    keys.reserve(2 * size_t{most});
+    const size_t max_keys = size_t{most} + most / 2 + 1;
+    keys.reserve(max_keys);
     order_key last{std::numeric_limits<uint64_t>::max(), no_slot}; // entries behind it are not among the first
     shadow_.for_each_entry([&](uint32_t at) {
-        const shadow_entry &entry = shadow_.entries[at];
-        const uint64_t value = order_value(order, entry);
-        const order_key key{value != does_not_age ? std::min(value, from.began + 1) : value, at};
-        if (entry.fed_xcid == 0 || static_cast<standing>(entry.standing) != standing::fed
-            || !is_behind(from, key.value, at) || last < key) {
+        const order_key key = key_in(order, at, from.began);
+        if (!is_in_orders(shadow_.entries[at]) || !is_behind(from, key.value, at) || last < key) {
             return;
         }
         keys.push_back(key);
-        if (keys.size() == 2 * size_t{most}) {
+        if (keys.size() == max_keys) {
             keep_first(keys, most);
             last = std::ranges::max(keys);
         }
     });
     keep_first(keys, most);
     std::ranges::sort(keys);
-    std::vector<ordered_entry> first;
-    first.reserve(keys.size());
-    for (const order_key &key : keys) {
-        const shadow_entry &entry = shadow_.entries[key.slot];
-        first.push_back({key.value, key.slot, entry.fed_xcid, entry.fed_bridge, entry_ages(entry),
-                         entry.record.updated_ms, key_of(entry.record)});
+    return keys;
+}
+
+std::vector<ordered_entry> feeder::entries_at(row_order order, std::span<const order_key> keys, uint64_t began) const
+{
+    constexpr size_t prefetch_distance = 8;
+    std::vector<ordered_entry> found;
+    found.reserve(keys.size());
+    for (size_t at = 0; at < keys.size(); at++) {
+        __builtin_prefetch(&shadow_.entries[keys[std::min(at + prefetch_distance, keys.size() - 1)].slot]);
+        const shadow_entry &entry = shadow_.entries[keys[at].slot];
+        if (is_in_orders(entry) && key_in(order, keys[at].slot, began) == keys[at]) {
+            found.push_back({keys[at], entry.fed_xcid, entry.fed_bridge, entry_ages(entry), entry.record.updated_ms,
+                             key_of(entry.record)});
+        }
     }
-    return first;
+    return found;
 }
 
 // ---- Ages ----

@@ -37,6 +37,9 @@ constexpr size_t looks_at_once = 32;
 constexpr uint32_t ask_growth = 4;
 constexpr uint32_t most_asked = 65'536;
 
+// Entries of a window about which a plane that ages silently is asked before the first row can be shown.
+constexpr uint32_t most_asked_ahead = 16'384;
+
 // An entry with any of these flags does not age.
 constexpr uint16_t ageless = EDM_MAC_STATIC | EDM_MAC_LOCAL | EDM_MAC_EXTERN_LEARNED | EDM_MAC_ON_DUMMY_PORT;
 
@@ -124,12 +127,12 @@ const l2fm_edm_mac_t *entry_at(const place &at, const mac_address &mac)
     return bp != nullptr ? l2fm_edm_table_bp_mac_get(&bp->mac_tree, mac.data()) : nullptr;
 }
 
-// Finds the entries at up to looks_at_once places. The entries may be anywhere in memory, so the processor fetches all
-// of them at once. Under the table lock.
-void find_entries(std::span<const ordered_place> places, std::span<const l2fm_edm_mac_t *> found)
+// Finds up to looks_at_once entries. They may be anywhere in memory, so the processor fetches all of them at once.
+// Under the table lock.
+void find_entries(std::span<const ordered_entry> wanted, std::span<const l2fm_edm_mac_t *> found)
 {
-    for (size_t at = 0; at < places.size(); at++) {
-        found[at] = entry_at({places[at].bridge_id, places[at].xcid}, places[at].mac);
+    for (size_t at = 0; at < wanted.size(); at++) {
+        found[at] = entry_at({wanted[at].bridge_id, wanted[at].xcid}, wanted[at].key.mac);
         __builtin_prefetch(found[at]);
     }
 }
@@ -415,23 +418,15 @@ std::vector<fdb_key> unasked_keys(const std::vector<ordered_entry> &entries, std
 {
     std::vector<fdb_key> keys;
     for (const ordered_entry &entry : entries) {
-        if (was_asked.size() <= entry.slot) {
-            was_asked.resize(entry.slot + size_t{1});
+        if (was_asked.size() <= entry.place.slot) {
+            was_asked.resize(entry.place.slot + size_t{1});
         }
-        if (entry.ages && !was_asked[entry.slot]) {
-            was_asked[entry.slot] = true;
+        if (entry.ages && !was_asked[entry.place.slot]) {
+            was_asked[entry.place.slot] = true;
             keys.push_back(entry.key);
         }
     }
     return keys;
-}
-
-// Runs feeder::select on the cache thread. Empty if nothing runs.
-std::vector<ordered_entry> select(row_order order, const order_position &from, uint32_t most)
-{
-    std::vector<ordered_entry> entries;
-    on_cache_thread([&](feeder &feed) { entries = feed.select(order, from, most); });
-    return entries;
 }
 
 // Selects by last sight, with times from the plane. The shadow table's times may be too early if the plane ages
@@ -443,18 +438,20 @@ std::vector<ordered_entry> select(row_order order, const order_position &from, u
 //      round 2        B 10:01   C 10:02   A 10:05; asks about C; nothing changes: B, C
 //
 // Each entry is asked about at most once, so the rounds end.
-std::vector<ordered_entry> select_last_seen(const order_position &from, uint32_t most)
+std::vector<order_key> select_last_seen(const order_position &from, uint32_t most)
 {
     std::vector<bool> was_asked;
     for (uint32_t ask = most;; ask = std::min(most_asked, ask * ask_growth)) {
-        std::vector<ordered_entry> first = select(row_order::last_seen, from, std::max(ask, most));
-        const std::vector<fdb_key> keys = unasked_keys(first, was_asked);
-        std::vector<fdb_answer> answers;
-        with_feeder([&](feeder &feed) {
+        std::vector<order_key> first;
+        std::vector<fdb_key> keys;
+        on_cache_thread([&](feeder &feed) {
+            first = feed.select(row_order::last_seen, from, std::max(ask, most));
             if (feed.ages_silently()) {
-                answers = ask_in_batches(feed, keys);
+                keys = unasked_keys(feed.entries_at(row_order::last_seen, first, from.began), was_asked);
             }
         });
+        std::vector<fdb_answer> answers;
+        with_feeder([&](feeder &feed) { answers = ask_in_batches(feed, keys); });
         size_t changed = 0;
         if (!answers.empty()) {
             on_cache_thread([&](feeder &feed) { changed = feed.take_ages(keys, answers); });
@@ -472,51 +469,47 @@ int64_t steady_ms()
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-auto order_of(const ordered_place &wanted)
+// Reads the rows of entries from the table, in their order. An entry that left its port meanwhile gets no row.
+void read_entries(feeder &feed, std::span<const ordered_entry> wanted, uint64_t began, row_page &page)
 {
-    return std::pair(wanted.value, wanted.slot);
-}
-
-void fill_window(order_window &window, std::span<const ordered_entry> entries)
-{
-    window.places.reserve(entries.size());
-    for (const ordered_entry &entry : entries) {
-        window.places.push_back(
-            {entry.value, entry.ages ? entry.updated_ms : 0, entry.slot, entry.xcid, entry.bridge_id, entry.key.mac});
-    }
-}
-
-// Reads the rows of places from the table, in their order. An entry that left its port meanwhile gets no row.
-void read_places(feeder &feed, std::span<const ordered_place> places, uint64_t began, row_page &page)
-{
-    std::array<const l2fm_edm_mac_t *, looks_at_once> entries;
-    const table_hold hold;
-    for (size_t at = 0; at < places.size(); at++) {
+    std::array<const l2fm_edm_mac_t *, looks_at_once> found;
+    for (size_t at = 0; at < wanted.size(); at++) {
         if (at % looks_at_once == 0) {
-            find_entries(places.subspan(at, std::min(looks_at_once, places.size() - at)), entries);
+            find_entries(wanted.subspan(at, std::min(looks_at_once, wanted.size() - at)), found);
         }
-        const ordered_place &wanted = places[at];
-        if (const l2fm_edm_mac_t *entry = entries[at % looks_at_once]; entry != nullptr) {
+        if (const l2fm_edm_mac_t *entry = found[at % looks_at_once]; entry != nullptr) {
             mac_row &row = page.rows.emplace_back(row_of(*entry));
-            row.bridge_id = wanted.bridge_id;
-            row.place = {wanted.value, wanted.slot, true, began};
-            row.last_seen = wanted.updated_ms != 0 ? feed.epoch_seconds(wanted.updated_ms) : row.last_seen;
+            row.bridge_id = wanted[at].bridge_id;
+            row.place = {wanted[at].place.value, wanted[at].place.slot, true, began};
+            row.last_seen = wanted[at].ages ? feed.epoch_seconds(wanted[at].updated_ms) : row.last_seen;
         }
     }
 }
 
-// Reads the rows of the next places, and moves the window behind them.
-void read_next_places(feeder &feed, order_window &window, uint32_t most, row_page &page)
+void read_entries_in_holds(feeder &feed, std::span<const ordered_entry> wanted, uint64_t began, row_page &page)
 {
-    const size_t end = std::min(window.places.size(), window.next + most);
-    page.rows.reserve(end - window.next);
-    while (window.next < end) {
-        const size_t count = std::min<size_t>(looks_per_hold, end - window.next);
-        const auto places = std::span<const ordered_place>(window.places).subspan(window.next, count);
-        read_places(feed, places, window.at.began, page);
-        window.next += count;
-        window.at = {places.back().value, places.back().slot, true, window.at.began};
+    page.rows.reserve(wanted.size());
+    for (; !wanted.empty(); wanted = wanted.subspan(std::min<size_t>(looks_per_hold, wanted.size()))) {
+        const table_hold hold;
+        read_entries(feed, wanted.first(std::min<size_t>(looks_per_hold, wanted.size())), began, page);
     }
+}
+
+// Entries that were seen before the read began, entries that came or were seen again since, and entries that do not
+// age: they have values of three kinds.
+auto kind_of(const order_key &key, uint64_t began)
+{
+    return std::pair(key.value <= began, key.value <= began + 1);
+}
+
+// Drops the keys behind those of the first kind. Returns whether there were any.
+bool keep_one_kind(std::vector<order_key> &keys, uint64_t began)
+{
+    const auto end = std::ranges::find_if(
+        keys, [&](const order_key &key) { return kind_of(key, began) != kind_of(keys.front(), began); });
+    const bool has_others = end != keys.end();
+    keys.erase(end, keys.end());
+    return has_others;
 }
 
 } // namespace
@@ -527,39 +520,52 @@ order_window select_window(row_order order, const order_position &from, uint32_t
     if (from.began == 0) {
         on_cache_thread([&](feeder &feed) { window.at.began = feed.order_now(order); });
     }
-    std::vector<ordered_entry> entries =
-        order == row_order::last_seen ? select_last_seen(window.at, most + 1) : select(order, window.at, most + 1);
-    window.more = entries.size() > most;
-    entries.resize(std::min<size_t>(entries.size(), most));
-    fill_window(window, entries);
+    if (order == row_order::last_seen) {
+        with_feeder([&](feeder &feed) { most = feed.ages_silently() ? std::min(most, most_asked_ahead) : most; });
+        window.keys = select_last_seen(window.at, most + 1);
+    } else {
+        on_cache_thread([&](feeder &feed) { window.keys = feed.select(order, window.at, most + 1); });
+    }
+    window.more = window.keys.size() > most;
+    window.keys.resize(std::min<size_t>(window.keys.size(), most));
+    window.more |= keep_one_kind(window.keys, window.at.began);
     return window;
 }
 
 bool is_fresh(const order_window &window)
 {
     constexpr int64_t max_age_ms = 1'000;
-    return window.next < window.places.size() && steady_ms() - window.selected_ms <= max_age_ms;
+    return window.next < window.keys.size() && steady_ms() - window.selected_ms <= max_age_ms;
 }
 
 void seek(order_window &window, const order_position &to)
 {
-    const auto next = std::ranges::upper_bound(window.places, std::pair(to.value, to.slot), {}, order_of);
-    window.next = to.holds_row ? static_cast<size_t>(next - window.places.begin()) : 0;
+    const auto next = std::ranges::upper_bound(window.keys, order_key{to.value, to.slot});
+    window.next = to.holds_row ? static_cast<size_t>(next - window.keys.begin()) : 0;
     window.at = to;
 }
 
 ordered_page read_window(order_window &window, uint32_t most)
 {
+    const uint64_t began = window.at.began;
+    const auto keys = std::span<const order_key>(window.keys).subspan(window.next);
+    const auto wanted = keys.first(std::min<size_t>(most, keys.size()));
+    std::vector<ordered_entry> entries;
+    on_cache_thread([&](feeder &feed) { entries = feed.entries_at(window.order, wanted, began); });
     ordered_page ordered;
     with_feeder([&](feeder &feed) {
         ordered.page.objects = feed.objects();
-        read_next_places(feed, window, most, ordered.page);
+        read_entries_in_holds(feed, entries, began, ordered.page);
         if (window.order == row_order::created && feed.ages_silently()) {
             refresh_rows(feed, ordered.page);
         }
         complete_rows(feed, ordered.page);
     });
-    ordered.page.more = window.next < window.places.size() || window.more;
+    if (!wanted.empty()) {
+        window.at = {wanted.back().value, wanted.back().slot, true, began};
+    }
+    window.next += wanted.size();
+    ordered.page.more = window.next < window.keys.size() || window.more;
     ordered.end = window.at;
     return ordered;
 }

@@ -131,48 +131,47 @@ struct ordered_page {
     order_position end = {};
 };
 
-// The place of an entry that was selected for a list.
-struct ordered_place {
-    uint64_t value;     // as in order_position
-    int64_t updated_ms; // when it was last seen, steady clock; 0: it does not age
+// The place of an entry in an order: `value` and `slot` of order_position.
+struct order_key {
+    uint64_t value;
     uint32_t slot;
-    uint32_t xcid;
-    uint16_t bridge_id;
-    mac_address mac;
+    auto operator<=>(const order_key &) const = default;
 };
 
-static_assert(sizeof(ordered_place) == 32, "a list selects many places ahead");
-
-// A part of an order: the places of consecutive entries. A selection looks at all entries of the shadow table, so a
-// list selects many places at once and reads their rows in pages:
+// A part of an order: the keys of consecutive entries. A selection looks at all entries of the shadow table, so a list
+// selects many keys at once and reads their rows in pages:
 //
-//     order_window window = select_window(row_order::last_seen, {}, 65'536);
+//     order_window window = select_window(row_order::last_seen, {}, 100'000);
 //     do {
 //         const ordered_page page = read_window(window, 200);
 //         ... page.page.rows ...
 //     } while (page.page.more);      when the window is read, or no longer fresh, select the next one behind page.end
 //
+// An entry that is no longer at its place when its page is read gets no row there. If it came again or was seen again,
+// its new place is behind all places of entries that were seen before the read began. No window holds places of both
+// kinds, so a later window has the new place.
+//
 // A window belongs to one thread at a time.
 struct order_window {
     row_order order = row_order::created;
     order_position at = {}; // the rows up to here were read
-    std::vector<ordered_place> places = {};
-    size_t next = 0;         // index of the first place behind `at`
-    bool more = false;       // entries follow behind the last place
+    std::vector<order_key> keys = {};
+    size_t next = 0;         // index of the first key behind `at`
+    bool more = false;       // entries follow behind the last key
     int64_t selected_ms = 0; // steady clock
 };
 
 // Selects up to `most` entries behind `from`; `most` is at least 1. Waits for the cache thread.
 order_window select_window(row_order order, const order_position &from, uint32_t most);
 
-// True if places are left, and the window is at most a second old. An older one may lack entries that came since.
+// True if keys are left, and the window is at most a second old. An older one may lack entries that came since.
 bool is_fresh(const order_window &window);
 
 // Moves the window to a position in it, such as that of a row that was read.
 void seek(order_window &window, const order_position &to);
 
-// Reads the rows of the next places, up to `most`, and moves the window behind them. An entry that left its port since
-// the selection gets no row. `page.more` is true if entries follow, in the window or behind it.
+// Reads the rows of the next keys, up to `most`, and moves the window behind them. Waits for the cache thread.
+// `page.more` is true if entries follow, in the window or behind it.
 ordered_page read_window(order_window &window, uint32_t most);
 
 // Reads up to `most` rows behind `from`, in a window of their own.
