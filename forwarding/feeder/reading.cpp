@@ -556,6 +556,8 @@ ordered_page read_window(order_window &window, uint32_t most)
     with_feeder([&](feeder &feed) {
         ordered.page.objects = feed.objects();
         read_entries_in_holds(feed, entries, began, ordered.page);
+        window.more |=
+            ordered.page.rows.size() < wanted.size(); // an entry that left its place may be behind the last key
         if (window.order == row_order::created && feed.ages_silently()) {
             refresh_rows(feed, ordered.page);
         }

@@ -149,7 +149,7 @@ struct order_key {
 //
 // An entry that is no longer at its place when its page is read gets no row there. If it came again or was seen again,
 // its new place is behind all places of entries that were seen before the read began. No window holds places of both
-// kinds, so a later window has the new place.
+// kinds, and `more` is set when an entry was not at its place, so a later window has the new one.
 //
 // A window belongs to one thread at a time.
 struct order_window {

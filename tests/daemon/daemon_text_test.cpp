@@ -2,7 +2,12 @@
 
 // Texts of URIs, item names and JSON. An interface's name may hold any bytes: they survive, or are made visible.
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+
+#include <ctime>
+#include <iomanip>
+#include <sstream>
 
 #include "base/text.h"
 #include "daemon/api/api_error.h"
@@ -43,6 +48,27 @@ TEST(text, reads_addresses_in_both_forms_only)
     for (const char *wrong : {"", "2:0:0:ab:cd:ef", "02:00:00:ab:cd", "02:00:00:ab:cd:ef:", "02-00-00-ab-cd-ef",
                               "0200.00ab", "0200.00ab.cdeg", "02:00:00:ab:cd:-f"}) {
         EXPECT_EQ(base::parse_mac(wrong), std::nullopt) << wrong;
+    }
+}
+
+TEST(text, times_and_addresses_read_as_the_c_library_writes_them)
+{
+    constexpr int64_t year_0 = -62'167'219'200;
+    constexpr int64_t last_of_year_9999 = 253'402'300'799;
+    for (const int64_t seconds : {year_0, int64_t{-1}, int64_t{0}, int64_t{951'782'399}, int64_t{951'868'799},
+                                  int64_t{1'764'000'000}, int64_t{4'107'542'399}, last_of_year_9999}) {
+        const time_t time = seconds;
+        tm parts{};
+        std::ostringstream expected;
+        expected << std::put_time(gmtime_r(&time, &parts), "-%m-%dT%H:%M:%SZ");
+        EXPECT_EQ(base::utc_text(seconds).substr(4), expected.str());
+        EXPECT_EQ(std::stoi(base::utc_text(seconds)), parts.tm_year + 1900);
+    }
+    for (const char *address : {"0.0.0.0", "10.254.9.100", "255.255.255.255", "fd00::2"}) {
+        std::array<uint8_t, 16> bytes{};
+        const bool is_ipv4 =
+            inet_pton(AF_INET, address, bytes.data()) == 1 || inet_pton(AF_INET6, address, &bytes) != 1;
+        EXPECT_EQ(base::ip_text(std::span(bytes).first(is_ipv4 ? base::ipv4_bytes : bytes.size())), address);
     }
 }
 

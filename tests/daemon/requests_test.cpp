@@ -134,6 +134,34 @@ TEST(Lists, EndWithTheErrorOfALaterPage)
     }
 }
 
+// A list takes back the window that it kept, and no other list gets it.
+TEST(OrderWindows, ContinueOneListOnce)
+{
+    using forwarding::row_order;
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    const auto now_ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+    const auto window_at = [](uint64_t value, int64_t selected_ms) {
+        forwarding::order_window window{.keys = {{1, 0}, {2, 1}, {3, 2}, {4, 3}, {9, 4}}, .selected_ms = selected_ms};
+        forwarding::seek(window, {value, 7, true, 5});
+        return window;
+    };
+    order_windows windows;
+    windows.keep(window_at(1, now_ms - 60'000)); // stale
+    windows.keep(window_at(9, now_ms));          // nothing is left
+    for (uint64_t value = 0; value < 4; value++) {
+        windows.keep(window_at(value, now_ms));
+    }
+    windows.keep(window_at(4, now_ms)); // there is room for four: the first one goes
+    EXPECT_FALSE(windows.take(row_order::created, {0, 7, true, 5}));
+    EXPECT_FALSE(windows.take(row_order::created, {9, 7, true, 5}));
+    EXPECT_FALSE(windows.take(row_order::created, {2, 7, true, 6}));
+    EXPECT_FALSE(windows.take(row_order::last_seen, {2, 7, true, 5}));
+    const auto taken = windows.take(row_order::created, {2, 7, true, 5});
+    ASSERT_TRUE(taken);
+    EXPECT_EQ(taken->keys[taken->next].value, 3u);
+    EXPECT_FALSE(windows.take(row_order::created, {2, 7, true, 5}));
+}
+
 struct socket_pair {
     int ends[2] = {-1, -1};
     int &server = ends[0];

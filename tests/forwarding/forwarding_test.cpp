@@ -1044,6 +1044,41 @@ TEST_F(fed_module, AnAnswerDoesNotUndoALaterChange)
     }
 }
 
+// A list selects entries long before it reads them. What is seen again meanwhile is shown once, behind the others.
+TEST_F(fed_module, AListShowsOnceWhatIsSeenAgain)
+{
+    for (const row_order order : {row_order::last_seen, row_order::created}) {
+        restart({}, true);
+        const auto see = [&](uint32_t port, uint32_t number, int64_t updated_ms) {
+            on_cache([&] { it->set(with(on_bridge(br0, port, mac(number)), 0, 0, updated_ms)); });
+            resync();
+        };
+        std::vector<mac_address> shown;
+        const auto show = [&](order_window &window, uint32_t max_rows) {
+            const ordered_page page = read_window(window, max_rows);
+            std::ranges::transform(page.page.rows, std::back_inserter(shown), &mac_row::mac);
+        };
+        for (uint32_t number = 1; number <= 4; number++) {
+            see(p0, number, 1000 * number);
+        }
+        order_window window = select_window(order, {}, 100);
+        show(window, 1);
+        see(p0, 5, INT64_MAX / 2);
+        window = select_window(order, window.at, 100);
+        on_cache([&] {
+            it->drop(on_bridge(br0, p0, mac(2)));
+            it->drop(on_bridge(br0, p0, mac(3)));
+        });
+        resync();
+        see(p1, 3, INT64_MAX / 2);
+        for (show(window, 1); window.more || window.next < window.keys.size(); show(window, 1)) {
+            window = window.next == window.keys.size() ? select_window(order, window.at, 100) : window;
+        }
+        std::ranges::sort(shown.begin() + std::min<ptrdiff_t>(2, std::ssize(shown)), shown.end());
+        EXPECT_EQ(shown, (std::vector{mac(1), mac(4), mac(3), mac(5)}));
+    }
+}
+
 // No mark stays without a dump that will take it away.
 TEST_F(fed_module, DegradedAnswersEnd)
 {
