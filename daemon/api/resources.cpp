@@ -236,7 +236,7 @@ answer list_by_age(const call &asked)
     if (!start) {
         asked.context.resyncs.resync_all();
     }
-    return stream(asked, "mac-entry", make_ordered_source(order, start, limit, asked.context.windows), limit);
+    return stream(asked, "mac-entry", make_ordered_source(order, start, limit, asked.context.selections), limit);
 }
 
 answer list_vteps(const call &asked)

@@ -215,25 +215,25 @@ private:
 class ordered_source : public list_source {
 public:
     ordered_source(forwarding::row_order order, const std::optional<std::string> &start, uint64_t limit,
-                   order_windows &windows)
+                   kept_selections &selections)
         : order_(order)
         , places_ahead_(static_cast<uint32_t>(std::min<uint64_t>(limit, max_places_ahead)))
-        , windows_(windows)
+        , selections_(selections)
     {
         if (start) {
             const auto [value, slot, began] = numbers_of<3>(*start, kind());
             at_ = {value, static_cast<uint32_t>(slot), true, began};
             places_ahead_ = std::min(max_places_ahead, places_ahead_ * continued_answers);
-            window_ = windows.take(order, at_).value_or(forwarding::order_window());
+            selection_ = selections.take(order, at_).value_or(forwarding::order_selection());
         }
     }
 
-    // Keeps the rest of the window for the client that continues with a cursor.
+    // Keeps the rest of the selection for the client that continues with a cursor.
     ~ordered_source() override
     {
-        forwarding::seek(window_, at_);
-        if (forwarding::is_fresh(window_)) {
-            windows_.keep(std::move(window_));
+        forwarding::seek(selection_, at_);
+        if (forwarding::is_fresh(selection_)) {
+            selections_.keep(std::move(selection_));
         }
     }
 
@@ -249,7 +249,7 @@ public:
             at_ = page_.rows[next_].place;
         }
         const bool is_at_end = next_ == page_.rows.size();
-        at_ = is_at_end ? window_.at : at_;
+        at_ = is_at_end ? selection_.at : at_;
         return {key_of(kind(), at_.value, at_.slot, at_.began), count, !is_at_end || page_.more};
     }
 
@@ -264,20 +264,20 @@ private:
 
     void read_ahead()
     {
-        if (!forwarding::is_fresh(window_)) {
-            window_ = {}; // two windows would take twice the memory
-            window_ = forwarding::select_window(order_, at_, places_ahead_);
+        if (!forwarding::is_fresh(selection_)) {
+            selection_ = {}; // two selections would take twice the memory
+            selection_ = forwarding::select_ahead(order_, at_, places_ahead_);
         }
-        page_ = forwarding::read_window(window_, max_rows_ahead).page;
+        page_ = forwarding::read_selection(selection_, max_rows_ahead).page;
         require_running(page_);
         next_ = 0;
     }
 
     forwarding::row_order order_;
     uint32_t places_ahead_; // that a selection gets
-    order_windows &windows_;
+    kept_selections &selections_;
     forwarding::order_position at_ = {};
-    forwarding::order_window window_ = {};
+    forwarding::order_selection selection_ = {};
     forwarding::row_page page_ = {};
     size_t next_ = 0;
 };
@@ -429,9 +429,9 @@ std::unique_ptr<list_source> make_address_source(const forwarding::mac_address &
 }
 
 std::unique_ptr<list_source> make_ordered_source(forwarding::row_order order, const std::optional<std::string> &start,
-                                                 uint64_t limit, order_windows &windows)
+                                                 uint64_t limit, kept_selections &selections)
 {
-    return std::make_unique<ordered_source>(order, start, limit, windows);
+    return std::make_unique<ordered_source>(order, start, limit, selections);
 }
 
 std::unique_ptr<list_source> make_vtep_source(const std::optional<std::string> &start)

@@ -5,7 +5,7 @@
 //  2. Without the lock, asks the plane about rows that age.
 //  3. Adds names, VNIs and times.
 //
-// find_rows and read_ordered look into the shadow table first, on the cache thread.
+// find_rows and select_ahead look into the shadow table first, on the cache thread.
 #include "forwarding/feeder/reading.h"
 
 #include <algorithm>
@@ -37,7 +37,7 @@ constexpr size_t looks_at_once = 32;
 constexpr uint32_t ask_growth = 4;
 constexpr uint32_t most_asked = 65'536;
 
-// Entries of a window about which a plane that ages silently is asked before the first row can be shown.
+// Entries of a selection about which a plane that ages silently is asked before the first row can be shown.
 constexpr uint32_t most_asked_ahead = 16'384;
 
 // An entry with any of these flags does not age.
@@ -514,68 +514,62 @@ bool keep_one_kind(std::vector<order_key> &keys, uint64_t began)
 
 } // namespace
 
-order_window select_window(row_order order, const order_position &from, uint32_t most)
+order_selection select_ahead(row_order order, const order_position &from, uint32_t most)
 {
-    order_window window{.order = order, .at = from, .selected_ms = steady_ms()};
+    order_selection selection{.order = order, .at = from, .selected_ms = steady_ms()};
     if (from.began == 0) {
-        on_cache_thread([&](feeder &feed) { window.at.began = feed.order_now(order); });
+        on_cache_thread([&](feeder &feed) { selection.at.began = feed.order_now(order); });
     }
     if (order == row_order::last_seen) {
         with_feeder([&](feeder &feed) { most = feed.ages_silently() ? std::min(most, most_asked_ahead) : most; });
-        window.keys = select_last_seen(window.at, most + 1);
+        selection.keys = select_last_seen(selection.at, most + 1);
     } else {
-        on_cache_thread([&](feeder &feed) { window.keys = feed.select(order, window.at, most + 1); });
+        on_cache_thread([&](feeder &feed) { selection.keys = feed.select(order, selection.at, most + 1); });
     }
-    window.more = window.keys.size() > most;
-    window.keys.resize(std::min<size_t>(window.keys.size(), most));
-    window.more |= keep_one_kind(window.keys, window.at.began);
-    return window;
+    selection.more = selection.keys.size() > most;
+    selection.keys.resize(std::min<size_t>(selection.keys.size(), most));
+    selection.more |= keep_one_kind(selection.keys, selection.at.began);
+    return selection;
 }
 
-bool is_fresh(const order_window &window)
+bool is_fresh(const order_selection &selection)
 {
     constexpr int64_t max_age_ms = 1'000;
-    return window.next < window.keys.size() && steady_ms() - window.selected_ms <= max_age_ms;
+    return selection.next < selection.keys.size() && steady_ms() - selection.selected_ms <= max_age_ms;
 }
 
-void seek(order_window &window, const order_position &to)
+void seek(order_selection &selection, const order_position &to)
 {
-    const auto next = std::ranges::upper_bound(window.keys, order_key{to.value, to.slot});
-    window.next = to.holds_row ? static_cast<size_t>(next - window.keys.begin()) : 0;
-    window.at = to;
+    const auto next = std::ranges::upper_bound(selection.keys, order_key{to.value, to.slot});
+    selection.next = to.holds_row ? static_cast<size_t>(next - selection.keys.begin()) : 0;
+    selection.at = to;
 }
 
-ordered_page read_window(order_window &window, uint32_t most)
+ordered_page read_selection(order_selection &selection, uint32_t most)
 {
-    const uint64_t began = window.at.began;
-    const auto keys = std::span<const order_key>(window.keys).subspan(window.next);
+    const uint64_t began = selection.at.began;
+    const auto keys = std::span<const order_key>(selection.keys).subspan(selection.next);
     const auto wanted = keys.first(std::min<size_t>(most, keys.size()));
     std::vector<ordered_entry> entries;
-    on_cache_thread([&](feeder &feed) { entries = feed.entries_at(window.order, wanted, began); });
+    on_cache_thread([&](feeder &feed) { entries = feed.entries_at(selection.order, wanted, began); });
     ordered_page ordered;
     with_feeder([&](feeder &feed) {
         ordered.page.objects = feed.objects();
         read_entries_in_holds(feed, entries, began, ordered.page);
-        window.more |=
+        selection.more |=
             ordered.page.rows.size() < wanted.size(); // an entry that left its place may be behind the last key
-        if (window.order == row_order::created && feed.ages_silently()) {
+        if (selection.order == row_order::created && feed.ages_silently()) {
             refresh_rows(feed, ordered.page);
         }
         complete_rows(feed, ordered.page);
     });
     if (!wanted.empty()) {
-        window.at = {wanted.back().value, wanted.back().slot, true, began};
+        selection.at = {wanted.back().value, wanted.back().slot, true, began};
     }
-    window.next += wanted.size();
-    ordered.page.more = window.next < window.keys.size() || window.more;
-    ordered.end = window.at;
+    selection.next += wanted.size();
+    ordered.page.more = selection.next < selection.keys.size() || selection.more;
+    ordered.end = selection.at;
     return ordered;
-}
-
-ordered_page read_ordered(row_order order, const order_position &from, uint32_t most)
-{
-    order_window window = select_window(order, from, most);
-    return read_window(window, most);
 }
 
 // ---- Counts ----

@@ -78,7 +78,7 @@ struct mac_row {
     std::optional<uint32_t> time_left;   // seconds until it ages out; none if it does not age or the time is unknown
     const domain_view *domain = nullptr; // points into row_page::objects
     const port_view *port = nullptr;     // likewise; null for entries of the bridge domain itself
-    order_position place = {};           // set by read_ordered only
+    order_position place = {};           // set by read_selection only
 };
 
 // Conditions that a row must all meet. A member that is 0 or empty lets every row pass.
@@ -141,18 +141,20 @@ struct order_key {
 // A part of an order: the keys of consecutive entries. A selection looks at all entries of the shadow table, so a list
 // selects many keys at once and reads their rows in pages:
 //
-//     order_window window = select_window(row_order::last_seen, {}, 100'000);
+//     order_selection selection = select_ahead(row_order::last_seen, {}, 100'000);
 //     do {
-//         const ordered_page page = read_window(window, 200);
+//         const ordered_page page = read_selection(selection, 200);
 //         ... page.page.rows ...
-//     } while (page.page.more);      when the window is read, or no longer fresh, select the next one behind page.end
+//     } while (page.page.more);
+//
+// Select the next part behind page.end when the selection is read, or no longer fresh.
 //
 // An entry that is no longer at its place when its page is read gets no row there. If it came again or was seen again,
-// its new place is behind all places of entries that were seen before the read began. No window holds places of both
-// kinds, and `more` is set when an entry was not at its place, so a later window has the new one.
+// its new place is behind all places of entries that were seen before the read began. No selection holds places of both
+// kinds, and `more` is set when an entry was not at its place, so a later selection has the new one.
 //
-// A window belongs to one thread at a time.
-struct order_window {
+// A selection belongs to one thread at a time.
+struct order_selection {
     row_order order = row_order::created;
     order_position at = {}; // the rows up to here were read
     std::vector<order_key> keys = {};
@@ -162,20 +164,17 @@ struct order_window {
 };
 
 // Selects up to `most` entries behind `from`; `most` is at least 1. Waits for the cache thread.
-order_window select_window(row_order order, const order_position &from, uint32_t most);
+order_selection select_ahead(row_order order, const order_position &from, uint32_t most);
 
-// True if keys are left, and the window is at most a second old. An older one may lack entries that came since.
-bool is_fresh(const order_window &window);
+// True if keys are left, and the selection is at most a second old. An older one may lack entries that came since.
+bool is_fresh(const order_selection &selection);
 
-// Moves the window to a position in it, such as that of a row that was read.
-void seek(order_window &window, const order_position &to);
+// Moves the selection to a position in it, such as that of a row that was read.
+void seek(order_selection &selection, const order_position &to);
 
-// Reads the rows of the next keys, up to `most`, and moves the window behind them. Waits for the cache thread.
-// `page.more` is true if entries follow, in the window or behind it.
-ordered_page read_window(order_window &window, uint32_t most);
-
-// Reads up to `most` rows behind `from`, in a window of their own.
-ordered_page read_ordered(row_order order, const order_position &from, uint32_t most);
+// Reads the rows of the next keys, up to `most`, and moves the selection behind them. Waits for the cache thread.
+// `page.more` is true if entries follow, in the selection or behind it.
+ordered_page read_selection(order_selection &selection, uint32_t most);
 
 // ---- Counts ----
 

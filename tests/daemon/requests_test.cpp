@@ -134,32 +134,33 @@ TEST(Lists, EndWithTheErrorOfALaterPage)
     }
 }
 
-// A list takes back the window that it kept, and no other list gets it.
-TEST(OrderWindows, ContinueOneListOnce)
+// A list takes back the selection that it kept, and no other list gets it.
+TEST(KeptSelections, ContinueOneListOnce)
 {
     using forwarding::row_order;
     const auto now = std::chrono::steady_clock::now().time_since_epoch();
     const auto now_ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
-    const auto window_at = [](uint64_t value, int64_t selected_ms) {
-        forwarding::order_window window{.keys = {{1, 0}, {2, 1}, {3, 2}, {4, 3}, {9, 4}}, .selected_ms = selected_ms};
-        forwarding::seek(window, {value, 7, true, 5});
-        return window;
+    const auto selection_at = [](uint64_t value, int64_t selected_ms) {
+        forwarding::order_selection selection{.keys = {{1, 0}, {2, 1}, {3, 2}, {4, 3}, {9, 4}},
+                                              .selected_ms = selected_ms};
+        forwarding::seek(selection, {value, 7, true, 5});
+        return selection;
     };
-    order_windows windows;
-    windows.keep(window_at(1, now_ms - 60'000)); // stale
-    windows.keep(window_at(9, now_ms));          // nothing is left
+    kept_selections selections;
+    selections.keep(selection_at(1, now_ms - 60'000)); // stale
+    selections.keep(selection_at(9, now_ms));          // nothing is left
     for (uint64_t value = 0; value < 4; value++) {
-        windows.keep(window_at(value, now_ms));
+        selections.keep(selection_at(value, now_ms));
     }
-    windows.keep(window_at(4, now_ms)); // there is room for four: the first one goes
-    EXPECT_FALSE(windows.take(row_order::created, {0, 7, true, 5}));
-    EXPECT_FALSE(windows.take(row_order::created, {9, 7, true, 5}));
-    EXPECT_FALSE(windows.take(row_order::created, {2, 7, true, 6}));
-    EXPECT_FALSE(windows.take(row_order::last_seen, {2, 7, true, 5}));
-    const auto taken = windows.take(row_order::created, {2, 7, true, 5});
+    selections.keep(selection_at(4, now_ms)); // there is room for four: the first one goes
+    EXPECT_FALSE(selections.take(row_order::created, {0, 7, true, 5}));
+    EXPECT_FALSE(selections.take(row_order::created, {9, 7, true, 5}));
+    EXPECT_FALSE(selections.take(row_order::created, {2, 7, true, 6}));
+    EXPECT_FALSE(selections.take(row_order::last_seen, {2, 7, true, 5}));
+    const auto taken = selections.take(row_order::created, {2, 7, true, 5});
     ASSERT_TRUE(taken);
     EXPECT_EQ(taken->keys[taken->next].value, 3u);
-    EXPECT_FALSE(windows.take(row_order::created, {2, 7, true, 5}));
+    EXPECT_FALSE(selections.take(row_order::created, {2, 7, true, 5}));
 }
 
 struct socket_pair {
@@ -213,8 +214,8 @@ TEST(Routing, RefusesByPathThenMethodThenParameters)
         {"GET", "data/l2fib-mac:ports/port=1?limit=1", 400, "invalid-value", "none"},
     };
     resync_requester resyncs;
-    order_windows windows;
-    const api_context context{resyncs, windows, [] { return server_health(); }};
+    kept_selections selections;
+    const api_context context{resyncs, selections, [] { return server_health(); }};
     for (const auto &row : rows) {
         try {
             answer_request({row.method, std::string("/restconf/").append(row.uri)}, context);

@@ -724,6 +724,12 @@ TEST_F(fed_module, AStormCostsTheCacheOneUpdate)
 }
 
 // Changes of every kind. What the cache holds, and all that is counted beside it, is counted again from the plane.
+ordered_page read_ordered(row_order order, const order_position &from, uint32_t max_rows)
+{
+    order_selection selection = select_ahead(order, from, max_rows);
+    return read_selection(selection, max_rows);
+}
+
 struct churn : fed_module {
     uint32_t below(uint32_t bound) { return static_cast<uint32_t>(random() % bound); }
 
@@ -1054,25 +1060,25 @@ TEST_F(fed_module, AListShowsOnceWhatIsSeenAgain)
             resync();
         };
         std::vector<mac_address> shown;
-        const auto show = [&](order_window &window, uint32_t max_rows) {
-            const ordered_page page = read_window(window, max_rows);
+        const auto show = [&](order_selection &selection, uint32_t max_rows) {
+            const ordered_page page = read_selection(selection, max_rows);
             std::ranges::transform(page.page.rows, std::back_inserter(shown), &mac_row::mac);
         };
         for (uint32_t number = 1; number <= 4; number++) {
             see(p0, number, 1000 * number);
         }
-        order_window window = select_window(order, {}, 100);
-        show(window, 1);
+        order_selection selection = select_ahead(order, {}, 100);
+        show(selection, 1);
         see(p0, 5, INT64_MAX / 2);
-        window = select_window(order, window.at, 100);
+        selection = select_ahead(order, selection.at, 100);
         on_cache([&] {
             it->drop(on_bridge(br0, p0, mac(2)));
             it->drop(on_bridge(br0, p0, mac(3)));
         });
         resync();
         see(p1, 3, INT64_MAX / 2);
-        for (show(window, 1); window.more || window.next < window.keys.size(); show(window, 1)) {
-            window = window.next == window.keys.size() ? select_window(order, window.at, 100) : window;
+        for (show(selection, 1); selection.more || selection.next < selection.keys.size(); show(selection, 1)) {
+            selection = selection.next == selection.keys.size() ? select_ahead(order, selection.at, 100) : selection;
         }
         std::ranges::sort(shown.begin() + std::min<ptrdiff_t>(2, std::ssize(shown)), shown.end());
         EXPECT_EQ(shown, (std::vector{mac(1), mac(4), mac(3), mac(5)}));
