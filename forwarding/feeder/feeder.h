@@ -133,8 +133,9 @@ public:
     uint64_t order_now(row_order order) const;
     // Returns the first `most` entries that come after `from`. The caller has set `from.began`.
     std::vector<order_key> select(row_order order, const order_position &from, uint32_t most);
-    // Returns the entries that are still at the places of `keys`.
-    std::vector<ordered_entry> entries_at(row_order order, std::span<const order_key> keys, uint64_t began) const;
+    // Returns the entries of selected keys that have not moved behind `last`, the last key of their selection.
+    std::vector<ordered_entry> entries_at(row_order order, std::span<const order_key> keys, const order_key &last,
+                                          uint64_t began) const;
     // Brings the shadow table up to date with the plane's answers to another thread's query. Returns how many keys had
     // an answer that changed the entry's age or contradicted the shadow table.
     size_t take_ages(std::span<const fdb_key> keys, std::span<const fdb_answer> answers);

@@ -133,13 +133,12 @@ uint64_t feeder::order_now(row_order order) const
 }
 
 // Selects the first `most` fed entries behind `from` in one pass over the shadow table, with memory for half as many
-// keys more. Whenever the memory is full, the largest third goes. From then on `last`, the largest key kept, rules out
-// entries behind it. With `most` = 2 and the values 5 9 3 7 4 1:
+// keys more. Whenever the memory is full, the largest keys go. From then on `last`, the largest key kept, rules out
+// entries behind it. With `most` = 2 and the values 5 9 3 7 8 1:
 //
-//      5 9 3     full: keep 3 5, last = 5
-//      3 5       7 is behind last and skipped
-//      3 5 4     full: keep 3 4, last = 4
-//      3 4 1     full: keep 1 3
+//      5 9 3 7   full: keep 3 5, last = 5
+//      3 5       8 is behind last and skipped
+//      3 5 1     end: keep 1 3
 std::vector<order_key> feeder::select(row_order order, const order_position &from, uint32_t most)
 {
     plane_.drain();
@@ -166,7 +165,10 @@ std::vector<order_key> feeder::select(row_order order, const order_position &fro
     return keys;
 }
 
-std::vector<ordered_entry> feeder::entries_at(row_order order, std::span<const order_key> keys, uint64_t began) const
+// An entry whose place is now behind `last` is left out, because a later selection finds it there. A smaller change
+// does not matter: a plane that ages silently may report the same time with a difference of some milliseconds.
+std::vector<ordered_entry> feeder::entries_at(row_order order, std::span<const order_key> keys, const order_key &last,
+                                              uint64_t began) const
 {
     constexpr size_t prefetch_distance = 8;
     std::vector<ordered_entry> found;
@@ -174,7 +176,7 @@ std::vector<ordered_entry> feeder::entries_at(row_order order, std::span<const o
     for (size_t at = 0; at < keys.size(); at++) {
         __builtin_prefetch(&shadow_.entries[keys[std::min(at + prefetch_distance, keys.size() - 1)].slot]);
         const shadow_entry &entry = shadow_.entries[keys[at].slot];
-        if (is_in_orders(entry) && key_in(order, keys[at].slot, began) == keys[at]) {
+        if (is_in_orders(entry) && key_in(order, keys[at].slot, began) <= last) {
             found.push_back({keys[at], entry.fed_xcid, entry.fed_bridge, entry_ages(entry), entry.record.updated_ms,
                              key_of(entry.record)});
         }

@@ -446,8 +446,8 @@ std::vector<order_key> select_last_seen(const order_position &from, uint32_t mos
         std::vector<fdb_key> keys;
         on_cache_thread([&](feeder &feed) {
             first = feed.select(row_order::last_seen, from, std::max(ask, most));
-            if (feed.ages_silently()) {
-                keys = unasked_keys(feed.entries_at(row_order::last_seen, first, from.began), was_asked);
+            if (feed.ages_silently() && !first.empty()) {
+                keys = unasked_keys(feed.entries_at(row_order::last_seen, first, first.back(), from.began), was_asked);
             }
         });
         std::vector<fdb_answer> answers;
@@ -551,13 +551,15 @@ ordered_page read_selection(order_selection &selection, uint32_t most)
     const auto keys = std::span<const order_key>(selection.keys).subspan(selection.next);
     const auto wanted = keys.first(std::min<size_t>(most, keys.size()));
     std::vector<ordered_entry> entries;
-    on_cache_thread([&](feeder &feed) { entries = feed.entries_at(selection.order, wanted, began); });
+    if (!wanted.empty()) {
+        const order_key last = keys.back();
+        on_cache_thread([&](feeder &feed) { entries = feed.entries_at(selection.order, wanted, last, began); });
+    }
     ordered_page ordered;
     with_feeder([&](feeder &feed) {
         ordered.page.objects = feed.objects();
         read_entries_in_holds(feed, entries, began, ordered.page);
-        selection.more |=
-            ordered.page.rows.size() < wanted.size(); // an entry that left its place may be behind the last key
+        selection.more |= ordered.page.rows.size() < wanted.size(); // an entry may be behind the last key now
         if (selection.order == row_order::created && feed.ages_silently()) {
             refresh_rows(feed, ordered.page);
         }

@@ -149,9 +149,9 @@ struct order_key {
 //
 // Select the next part behind page.end when the selection is read, or no longer fresh.
 //
-// An entry that is no longer at its place when its page is read gets no row there. If it came again or was seen again,
-// its new place is behind all places of entries that were seen before the read began. No selection holds places of both
-// kinds, and `more` is set when an entry was not at its place, so a later selection has the new one.
+// An entry whose place is behind the selection when its page is read gets no row there. If it came again or was seen
+// again, its new place is behind all places of entries that were seen before the read began. No selection holds places
+// of both kinds, and `more` is set when an entry has no row, so a later selection has the new place.
 //
 // A selection belongs to one thread at a time.
 struct order_selection {
