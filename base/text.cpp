@@ -6,8 +6,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
-#include <ctime>
 
 namespace base {
 
@@ -21,6 +21,8 @@ constexpr uint32_t base64_mask = 0x3f;
 constexpr unsigned byte_bits = 8;
 constexpr size_t byte_digits = 2; // hexadecimal digits of a byte
 constexpr size_t word_digits = 4; // hexadecimal digits between the dots of aabb.ccdd.eeff
+constexpr unsigned year_digits = 4;
+constexpr unsigned field_digits = 2; // of the other parts of a time
 
 uint8_t byte_at(std::string_view text, size_t at)
 {
@@ -42,6 +44,22 @@ constexpr utf8_form utf8_forms[] = {
     {0xe1, 0xec, 3, 0x80, 0xbf}, {0xed, 0xed, 3, 0x80, 0x9f}, {0xee, 0xef, 3, 0x80, 0xbf},
     {0xf0, 0xf0, 4, 0x90, 0xbf}, {0xf1, 0xf3, 4, 0x80, 0xbf}, {0xf4, 0xf4, 4, 0x80, 0x8f},
 };
+
+// Writes the last `digits` decimal digits of a number.
+char *write_digits(char *text, unsigned number, unsigned digits)
+{
+    for (unsigned at = digits; at-- > 0; number /= decimal) {
+        text[at] = static_cast<char>('0' + number % decimal);
+    }
+    return text + digits;
+}
+
+// Writes a part of a time with the character before it, such as "-01".
+char *write_field(char *text, char separator, unsigned number)
+{
+    *text++ = separator;
+    return write_digits(text, number, field_digits);
+}
 
 bool has_continuation(const utf8_form &form, std::string_view text)
 {
@@ -148,7 +166,7 @@ std::optional<uint64_t> parse_number(std::string_view text, uint64_t max, int ba
     return number;
 }
 
-void write_mac_text(char *text, std::span<const uint8_t> address)
+char *write_mac_text(char *text, std::span<const uint8_t> address)
 {
     constexpr char digits[] = "0123456789abcdef";
     char *end = text;
@@ -160,6 +178,7 @@ void write_mac_text(char *text, std::span<const uint8_t> address)
         *end++ = digits[byte & 0xf];
     }
     *end = '\0';
+    return end;
 }
 
 std::string mac_text(std::span<const uint8_t> address)
@@ -192,10 +211,26 @@ std::optional<std::array<uint8_t, mac_bytes>> parse_mac(std::string_view text)
     return address;
 }
 
+char *write_ipv4_text(char *text, std::span<const uint8_t, ipv4_bytes> address)
+{
+    char *const limit = text + max_ipv4_text;
+    char *end = text;
+    for (const uint8_t byte : address) {
+        if (end != text) {
+            *end++ = '.';
+        }
+        end = std::to_chars(end, limit, byte).ptr;
+    }
+    return end;
+}
+
 std::string ip_text(std::span<const uint8_t> address)
 {
     char text[INET6_ADDRSTRLEN] = {};
-    inet_ntop(address.size() == ipv4_bytes ? AF_INET : AF_INET6, address.data(), text, sizeof(text));
+    if (address.size() == ipv4_bytes) {
+        return {text, write_ipv4_text(text, address.first<ipv4_bytes>())};
+    }
+    inet_ntop(AF_INET6, address.data(), text, sizeof(text));
     return text;
 }
 
@@ -205,15 +240,28 @@ std::optional<std::array<uint8_t, ipv4_bytes>> parse_ipv4(const std::string &tex
     return inet_pton(AF_INET, text.c_str(), address.data()) == 1 ? std::optional(address) : std::nullopt;
 }
 
+// A million rows show a time each, and the C library's formatter takes twenty times as long.
+char *write_utc_text(char *text, int64_t seconds)
+{
+    using namespace std::chrono;
+    const sys_seconds time{std::chrono::seconds(seconds)};
+    const auto day = floor<days>(time);
+    const year_month_day date(day);
+    const hh_mm_ss clock(time - day);
+    char *end = write_digits(text, static_cast<unsigned>(static_cast<int>(date.year())), year_digits);
+    end = write_field(end, '-', static_cast<unsigned>(date.month()));
+    end = write_field(end, '-', static_cast<unsigned>(date.day()));
+    end = write_field(end, 'T', static_cast<unsigned>(clock.hours().count()));
+    end = write_field(end, ':', static_cast<unsigned>(clock.minutes().count()));
+    end = write_field(end, ':', static_cast<unsigned>(clock.seconds().count()));
+    *end++ = 'Z';
+    return end;
+}
+
 std::string utc_text(int64_t seconds)
 {
-    const auto time = static_cast<time_t>(seconds);
-    tm broken_down{};
-    char text[32] = {};
-    if (gmtime_r(&time, &broken_down) != nullptr) {
-        std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%SZ", &broken_down);
-    }
-    return text;
+    char text[utc_text_size];
+    return {text, write_utc_text(text, seconds)};
 }
 
 size_t utf8_length(std::string_view text)

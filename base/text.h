@@ -26,6 +26,8 @@ namespace base {
 
 inline constexpr size_t mac_bytes = 6;
 inline constexpr size_t ipv4_bytes = 4;
+inline constexpr size_t max_ipv4_text = sizeof("255.255.255.255") - 1;
+inline constexpr size_t utc_text_size = sizeof("2025-01-31T12:00:00Z") - 1;
 
 inline constexpr int decimal = 10;
 inline constexpr int hexadecimal = 16;
@@ -50,8 +52,8 @@ std::optional<uint64_t> parse_number(std::string_view text, uint64_t max = UINT6
 std::string mac_text(std::span<const uint8_t> address);
 
 // The same into a buffer, without a memory allocation. `text` has room for three characters for each byte, and for the
-// zero byte that ends the text. The text ends with the last whole byte of the address.
-void write_mac_text(char *text, std::span<const uint8_t> address);
+// zero byte that ends the text. The text ends with the last whole byte of the address. Returns its end.
+char *write_mac_text(char *text, std::span<const uint8_t> address);
 
 // Parses "aa:bb:cc:dd:ee:ff" or "aabb.ccdd.eeff", in upper or lower case.
 std::optional<std::array<uint8_t, mac_bytes>> parse_mac(std::string_view text);
@@ -59,11 +61,19 @@ std::optional<std::array<uint8_t, mac_bytes>> parse_mac(std::string_view text);
 // Formats an IPv4 or IPv6 address, 4 or 16 bytes in network byte order.
 std::string ip_text(std::span<const uint8_t> address);
 
+// An IPv4 address into a buffer, without a memory allocation and without a final zero byte. `text` has room for
+// max_ipv4_text characters. Returns the end of the text.
+char *write_ipv4_text(char *text, std::span<const uint8_t, ipv4_bytes> address);
+
 // The result is in network byte order.
 std::optional<std::array<uint8_t, ipv4_bytes>> parse_ipv4(const std::string &text);
 
-// Formats seconds since the epoch as "2025-01-31T12:00:00Z".
+// Formats seconds since the epoch as "2025-01-31T12:00:00Z". The year is from 0 to 9999.
 std::string utc_text(int64_t seconds);
+
+// The same into a buffer of utc_text_size characters, without a memory allocation and without a final zero byte.
+// Returns the end of the text.
+char *write_utc_text(char *text, int64_t seconds);
 
 // The UTF-8 character of more than one byte: every byte but the first carries six bits of the code point.
 inline constexpr uint32_t utf8_continuation_bits = 6;

@@ -22,13 +22,12 @@ void write_errors(json_writer &json, const api_error &error)
 
 std::string error_body(const api_error &error)
 {
-    std::string body;
-    json_writer json(body);
+    json_writer json;
     json.begin_object();
     write_errors(json, error);
     write_completeness(json, forwarding::completeness_watch());
     json.end_object();
-    return body;
+    return json.take();
 }
 
 } // namespace l2fibd

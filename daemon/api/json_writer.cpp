@@ -3,6 +3,7 @@
 #include "daemon/api/json_writer.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 
 #include "base/text.h"
@@ -11,120 +12,90 @@ namespace l2fibd {
 
 namespace {
 
+constexpr size_t spare_bytes = 1024; // of the room that is made when there is too little
+
 constexpr std::string_view replacement = "\xef\xbf\xbd"; // U+FFFD
 
-// Printable ASCII that JSON does not escape.
-bool is_plain(char c)
-{
-    return c >= ' ' && c <= '~' && c != '"' && c != '\\';
-}
+// Printable ASCII that JSON does not escape, by character.
+constexpr std::array<bool, UINT8_MAX + 1> plain = [] {
+    std::array<bool, UINT8_MAX + 1> table{};
+    for (char c = ' '; c <= '~'; c++) {
+        table[static_cast<uint8_t>(c)] = c != '"' && c != '\\';
+    }
+    return table;
+}();
 
-// Writes the first character of the text, which is not plain. Returns its length in bytes.
-size_t put_character(std::string &out, std::string_view text)
+// Writes the first character of the text, which is not plain, and removes it from the text.
+char *put_character(char *at, std::string_view &text)
 {
     const size_t length = base::utf8_length(text);
     const char first = text.front();
     if (length != 1) {
-        out += length == 0 ? replacement : text.substr(0, length);
+        at = std::ranges::copy(length == 0 ? replacement : text.substr(0, length), at).out;
     } else if (first == '"' || first == '\\') {
-        out.append("\\").append(1, first);
+        *at++ = '\\';
+        *at++ = first;
     } else {
-        char code[8];
-        std::snprintf(code, sizeof(code), "\\u%04x", static_cast<unsigned>(first));
-        out += code;
+        at += std::sprintf(at, "\\u%04x", static_cast<unsigned>(first));
     }
-    return std::max<size_t>(1, length);
+    text.remove_prefix(std::max<size_t>(1, length));
+    return at;
 }
 
 } // namespace
 
-void json_writer::separate()
+// The caller has made room for quoted_bytes(value).
+char *json_writer::put_quoted(char *at, std::string_view value)
 {
-    if (needs_comma_) {
-        out_ += ',';
-    }
-    needs_comma_ = true;
-}
-
-void json_writer::begin(char bracket)
-{
-    separate();
-    out_ += bracket;
-    needs_comma_ = false;
-}
-
-void json_writer::end(char bracket)
-{
-    out_ += bracket;
-    needs_comma_ = true;
-}
-
-void json_writer::quote(std::string_view value)
-{
-    out_ += '"';
+    *at++ = '"';
     while (!value.empty()) {
-        const auto plain = static_cast<size_t>(std::ranges::find_if_not(value, is_plain) - value.begin());
-        out_ += value.substr(0, plain);
-        value.remove_prefix(plain);
+        size_t count = 0;
+        for (; count < value.size() && plain[static_cast<uint8_t>(value[count])]; count++) {
+            at[count] = value[count];
+        }
+        at += count;
+        value.remove_prefix(count);
         if (!value.empty()) {
-            value.remove_prefix(put_character(out_, value));
+            at = put_character(at, value);
         }
     }
-    out_ += '"';
+    *at++ = '"';
+    return at;
 }
 
-void json_writer::name(std::string_view member_name)
+// Clears a little room only, because the next page may not need it. The text doubles its memory by itself.
+void json_writer::grow(size_t bytes)
 {
-    text(member_name);
-    out_ += ':';
-    needs_comma_ = false;
+    text_.resize(used_ + bytes + spare_bytes);
 }
 
-void json_writer::text(std::string_view value)
+std::string json_writer::take()
 {
-    separate();
-    quote(value);
+    text_.resize(std::exchange(used_, 0));
+    return std::exchange(text_, {});
 }
 
 void json_writer::number(uint64_t value)
 {
-    separate();
-    out_ += std::to_string(value);
+    set_end(put_number(separate(room(separator_bytes + max_number_bytes)), value));
 }
 
 void json_writer::boolean(bool value)
 {
-    separate();
-    out_ += value ? "true" : "false";
-}
-
-void json_writer::member(std::string_view member_name, std::string_view value)
-{
-    name(member_name);
-    text(value);
-}
-
-void json_writer::member(std::string_view member_name, uint32_t value)
-{
-    name(member_name);
-    number(value);
+    constexpr std::string_view words[] = {"false", "true"};
+    const std::string_view word = words[value ? 1 : 0];
+    set_end(put(separate(room(separator_bytes + word.size())), word));
 }
 
 void json_writer::member64(std::string_view member_name, uint64_t value)
 {
-    member(member_name, std::to_string(value));
+    formatted_member(member_name, [value](char *at) { return put_number(at, value); });
 }
 
 void json_writer::begin_object(std::string_view member_name)
 {
     name(member_name);
     begin_object();
-}
-
-void json_writer::begin_array(std::string_view member_name)
-{
-    name(member_name);
-    begin_array();
 }
 
 } // namespace l2fibd

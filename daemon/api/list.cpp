@@ -57,14 +57,20 @@ list_stream::list_stream(std::string_view name, std::unique_ptr<list_source> sou
 
 void list_stream::write_next(std::string &text)
 {
-    json_writer json(text, has_items_);
-    if (!has_begun_) {
+    json_writer json(std::move(text), has_items_);
+    if (has_begun_) {
+        write_page_or_failure(json);
+    } else {
         json.begin_object();
         json.begin_array(std::string("l2fib-mac:").append(list_name_));
         has_begun_ = true;
         write_page(json);
-        return;
     }
+    text = json.take();
+}
+
+void list_stream::write_page_or_failure(json_writer &json)
+{
     try {
         write_page(json);
     } catch (const api_error &error) {

@@ -64,8 +64,8 @@ public:
     list_stream(std::string_view name, std::unique_ptr<list_source> source, uint64_t limit,
                 const resync_requester &resyncs);
 
-    // Appends the next page of the JSON text. On the first page, throws api_error. On a later one, an error becomes the
-    // list's failure.
+    // Replaces `text` by the next page of the JSON text. On the first page, throws api_error. On a later one, an error
+    // becomes the list's failure.
     void write_next(std::string &text);
     bool finished() const { return is_finished_; }
 
@@ -77,6 +77,7 @@ public:
 
 private:
     void write_page(json_writer &json);
+    void write_page_or_failure(json_writer &json);
     void write_end(json_writer &json, const list_source::position &at) const;
     void write_failure(json_writer &json, const api_error &error);
 

@@ -26,6 +26,11 @@ void write_if_set(json_writer &json, std::string_view name, uint32_t number)
     }
 }
 
+void write_mac(json_writer &json, std::string_view name, const forwarding::mac_address &mac)
+{
+    json.formatted_member(name, [&](char *at) { return base::write_mac_text(at, mac); });
+}
+
 // ---- Flags ----
 
 // The API's names for the bits of `flags` and of `ext_flags`.
@@ -64,7 +69,7 @@ void write_times(json_writer &json, const forwarding::mac_row &row, bool is_orde
 {
     json.member("age", row.age);
     if (row.last_seen != 0) {
-        json.member("last-seen", base::utc_text(row.last_seen));
+        json.formatted_member("last-seen", [&](char *at) { return base::write_utc_text(at, row.last_seen); });
     }
     if (is_ordered && row.time_left) {
         json.member("time-left", *row.time_left);
@@ -79,10 +84,10 @@ void write_segment(json_writer &json, const forwarding::mac_row &row)
     write_if_set(json, "vni", row.vni);
     write_if_set(json, "source-vni", row.source_vni);
     if ((row.flags & EDM_MAC_VNI) != 0 && row.vtep != std::array<uint8_t, base::ipv4_bytes>{}) {
-        json.member("vtep", base::ip_text(row.vtep));
+        json.formatted_member("vtep", [&](char *at) { return base::write_ipv4_text(at, row.vtep); });
     }
     if ((row.flags & EDM_MAC_PBB) != 0) {
-        json.member("backbone-mac", base::mac_text(row.backbone));
+        write_mac(json, "backbone-mac", row.backbone);
     }
     if (row.node_id != EDM_NODE_UNKNOWN) {
         json.member("node-id", row.node_id);
@@ -95,7 +100,7 @@ void write_row(json_writer &json, const forwarding::mac_row &row, bool is_ordere
 {
     json.begin_object();
     json.member("domain", row.domain != nullptr ? row.domain->name : std::string_view());
-    json.member("mac-address", base::mac_text(row.mac));
+    write_mac(json, "mac-address", row.mac);
     json.member("bridge-id", row.bridge_id);
     if (row.xcid != EDM_XCID_DUMMY) {
         json.member("xcid", row.xcid);
@@ -218,7 +223,7 @@ void write_tunnel_entry(json_writer &json, const forwarding::tunnel_entry &entry
         json.member("xcid", entry.xcid);
     }
     json.member("port", entry.port);
-    json.member("mac-address", base::mac_text(entry.record.mac));
+    write_mac(json, "mac-address", entry.record.mac);
     write_destination(json, entry.record.destination);
     write_if_set(json, "udp-port", entry.record.destination.port);
     write_if_set(json, "vni", entry.record.destination.vni);

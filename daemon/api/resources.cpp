@@ -236,7 +236,7 @@ answer list_by_age(const call &asked)
     if (!start) {
         asked.context.resyncs.resync_all();
     }
-    return stream(asked, "mac-entry", make_ordered_source(order, start, limit), limit);
+    return stream(asked, "mac-entry", make_ordered_source(order, start, limit, asked.context.selections), limit);
 }
 
 answer list_vteps(const call &asked)
@@ -276,12 +276,13 @@ answer document(std::string_view name, Write write)
 {
     answer result;
     const forwarding::completeness_watch watch;
-    json_writer json(result.body);
+    json_writer json;
     json.begin_object();
     json.name(std::string("l2fib-mac:").append(name));
     write(json);
     write_completeness(json, watch);
     json.end_object();
+    result.body = json.take();
     result.worth = watch.worst();
     return result;
 }

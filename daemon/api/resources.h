@@ -4,7 +4,8 @@
 // the function that answers it; docs/api.md describes each resource.
 //
 //      resync_requester resyncs;
-//      const api_context context{resyncs, [] { return server_health(); }};
+//      kept_selections selections;
+//      const api_context context{resyncs, selections, [] { return server_health(); }};
 //      answer found = answer_request({.method = "GET", .uri = "/restconf/data/l2fib-mac:mac-count"}, context);
 //
 // Threads: any thread may call answer_request. It may wait as long as a resync. An answer belongs to its request.
@@ -18,6 +19,7 @@
 #include "daemon/api/api_error.h"
 #include "daemon/api/database.h"
 #include "daemon/api/health.h"
+#include "daemon/api/kept_selections.h"
 #include "daemon/api/list.h"
 
 namespace l2fibd {
@@ -27,6 +29,7 @@ inline constexpr std::string_view health_path = "/restconf/data/l2fib-mac:health
 // What the resources use of the rest of the daemon. It outlives all answers.
 struct api_context {
     resync_requester &resyncs;
+    kept_selections &selections;
     std::function<server_health()> server;
 };
 

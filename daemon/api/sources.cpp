@@ -214,24 +214,33 @@ private:
 
 class ordered_source : public list_source {
 public:
-    ordered_source(forwarding::row_order order, const std::optional<std::string> &start, uint64_t limit)
+    ordered_source(forwarding::row_order order, const std::optional<std::string> &start, uint64_t limit,
+                   kept_selections &selections)
         : order_(order)
-        , ahead_(static_cast<uint32_t>(std::min<uint64_t>(limit, max_rows_ahead)))
+        , places_ahead_(static_cast<uint32_t>(std::min<uint64_t>(limit, max_places_ahead)))
+        , selections_(selections)
     {
         if (start) {
             const auto [value, slot, began] = numbers_of<3>(*start, kind());
             at_ = {value, static_cast<uint32_t>(slot), true, began};
+            places_ahead_ = std::min(max_places_ahead, places_ahead_ * continued_answers);
+            selection_ = selections.take(order, at_).value_or(forwarding::order_selection());
+        }
+    }
+
+    // Keeps the rest of the selection for the client that continues with a cursor.
+    ~ordered_source() override
+    {
+        forwarding::seek(selection_, at_);
+        if (forwarding::is_fresh(selection_)) {
+            selections_.keep(std::move(selection_));
         }
     }
 
     position fetch(uint32_t max_items, json_writer &json) override
     {
         if (next_ == page_.rows.size()) {
-            forwarding::ordered_page read = forwarding::read_ordered(order_, at_, ahead_);
-            require_running(read.page);
-            page_ = std::move(read.page);
-            end_ = read.end;
-            next_ = 0;
+            read_ahead();
         }
         const size_t end = page_end(page_.rows.size(), next_, max_items);
         const auto count = static_cast<uint32_t>(end - next_);
@@ -240,21 +249,35 @@ public:
             at_ = page_.rows[next_].place;
         }
         const bool is_at_end = next_ == page_.rows.size();
-        at_ = is_at_end ? end_ : at_;
+        at_ = is_at_end ? selection_.at : at_;
         return {key_of(kind(), at_.value, at_.slot, at_.began), count, !is_at_end || page_.more};
     }
 
 private:
-    // Each reading looks at all entries of the table, so one reading gets many rows: about 2.5 megabytes.
-    static constexpr uint64_t max_rows_ahead = 20'000;
+    // Each selection looks at all entries of the table, so one selection gets many places: at most 2.4 megabytes.
+    static constexpr uint32_t max_places_ahead = 100'000;
+    static constexpr uint32_t continued_answers = 8; // a client that sends a cursor will probably send more of them
+    static constexpr uint32_t max_rows_ahead = 1'000;
 
     // The numbers are those of order_position.
     std::string_view kind() const { return order_ == forwarding::row_order::created ? "c" : "l"; }
 
+    void read_ahead()
+    {
+        if (!forwarding::is_fresh(selection_)) {
+            selection_ = {}; // two selections would take twice the memory
+            selection_ = forwarding::select_ahead(order_, at_, places_ahead_);
+        }
+        page_ = forwarding::read_selection(selection_, max_rows_ahead).page;
+        require_running(page_);
+        next_ = 0;
+    }
+
     forwarding::row_order order_;
-    uint32_t ahead_;
+    uint32_t places_ahead_; // that a selection gets
+    kept_selections &selections_;
     forwarding::order_position at_ = {};
-    forwarding::order_position end_ = {}; // of the rows that were read ahead
+    forwarding::order_selection selection_ = {};
     forwarding::row_page page_ = {};
     size_t next_ = 0;
 };
@@ -406,9 +429,9 @@ std::unique_ptr<list_source> make_address_source(const forwarding::mac_address &
 }
 
 std::unique_ptr<list_source> make_ordered_source(forwarding::row_order order, const std::optional<std::string> &start,
-                                                 uint64_t limit)
+                                                 uint64_t limit, kept_selections &selections)
 {
-    return std::make_unique<ordered_source>(order, start, limit);
+    return std::make_unique<ordered_source>(order, start, limit, selections);
 }
 
 std::unique_ptr<list_source> make_vtep_source(const std::optional<std::string> &start)

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "daemon/api/kept_selections.h"
 #include "daemon/api/list.h"
 #include "forwarding/feeder/reading.h"
 
@@ -26,9 +27,10 @@ std::unique_ptr<list_source> make_address_source(const forwarding::mac_address &
                                                  const forwarding::row_filter &filter,
                                                  const std::optional<std::string> &start);
 
-// All entries in another order. Reads up to `limit` entries ahead.
+// All entries in another order. `limit` is that of the answer. Takes what an earlier answer selected ahead from
+// `selections`, which outlives the source, and gives back what is left.
 std::unique_ptr<list_source> make_ordered_source(forwarding::row_order order, const std::optional<std::string> &start,
-                                                 uint64_t limit);
+                                                 uint64_t limit, kept_selections &selections);
 
 std::unique_ptr<list_source> make_vtep_source(const std::optional<std::string> &start);
 std::unique_ptr<list_source> make_domain_source(const std::optional<std::string> &start);

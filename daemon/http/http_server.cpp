@@ -38,7 +38,8 @@ struct server_state {
     std::atomic<uint32_t> open_connections{0};
     std::atomic<uint32_t> active_requests{0};
     resync_requester resyncs;
-    const api_context context{resyncs, [this] { return health(); }};
+    kept_selections selections;
+    const api_context context{resyncs, selections, [this] { return health(); }};
 
     server_health health() const
     {

@@ -30,7 +30,6 @@ bool refill(streamed_body &body)
         if (body.rest->finished()) {
             return false;
         }
-        body.page.clear();
         body.sent = 0;
         body.rest->write_next(body.page);
     }

@@ -19,15 +19,8 @@ bool is_behind(const order_position &from, uint64_t value, uint32_t slot)
     return !from.holds_row || value > from.value || (value == from.value && slot > from.slot);
 }
 
-// Sort key of an entry in an order.
-struct order_key {
-    uint64_t value;
-    uint32_t slot;
-    auto operator<=>(const order_key &) const = default;
-};
-
-// Selects the first `max_keys` of the keys that it takes, with memory for twice as many. Whenever the memory is full,
-// the larger half goes. From then on `last`, the largest key kept, rules out keys behind it. With `max_keys` = 2 and
+// Selects the first `max_keys` of the keys that it takes, with memory for half as many more. Whenever the memory is
+// full, the largest keys go. From then on `last`, the largest key kept, rules out keys behind it. With `max_keys` = 2 and
 // the values 5 9 3 7 8 1:
 //
 //      5 9 3 7   full: keep 3 5, last = 5
@@ -37,8 +30,9 @@ class first_keys {
 public:
     explicit first_keys(size_t max_keys)
         : max_keys_(max_keys)
+        , capacity_(max_keys + max_keys / 2 + 1)
     {
-        keys_.reserve(2 * max_keys);
+        keys_.reserve(capacity_);
     }
 
     void take(const order_key &key)
@@ -47,7 +41,7 @@ public:
             return;
         }
         keys_.push_back(key);
-        if (keys_.size() == 2 * max_keys_) {
+        if (keys_.size() == capacity_) {
             keep_first();
             last_ = std::ranges::max(keys_);
         }
@@ -71,6 +65,7 @@ private:
     }
 
     const size_t max_keys_;
+    const size_t capacity_;
     std::vector<order_key> keys_;
     order_key last_{std::numeric_limits<uint64_t>::max(), no_slot};
 };
@@ -171,41 +166,64 @@ uint64_t table_answers::order_now(row_order order) const
     return order == row_order::created ? cache_.last_created() : static_cast<uint64_t>(now.count());
 }
 
-// Selects in one pass over the shadow table. Values above `from.began` count as `from.began + 1`, except does_not_age;
-// see order_position.
-std::vector<ordered_entry> table_answers::select(row_order order, const order_position &from, uint32_t max_entries)
+// Lists in an order show what the feeder has fed.
+bool table_answers::is_in_orders(uint32_t entry) const
+{
+    const feed_record &record = context_.records[entry];
+    return context_.shadow.entries[entry].alive && record.is_fed && record.now() == standing::fed;
+}
+
+// The place of an entry in a list that began at `began`. Values above `began` count as `began + 1`, except
+// does_not_age; see order_position.
+order_key table_answers::key_in(row_order order, uint32_t entry, uint64_t began) const
+{
+    const uint64_t value = order_value(order, entry);
+    return {value != does_not_age ? std::min(value, began + 1) : value, entry};
+}
+
+// Selects in one pass over the shadow table.
+std::vector<order_key> table_answers::select(row_order order, const order_position &from, uint32_t max_entries)
 {
     context_.source.drain();
     changes_.settle_everything();
     first_keys keys(max_entries);
     context_.shadow.for_each_entry([&](uint32_t entry) {
-        const feed_record &record = context_.records[entry];
-        if (!record.is_fed || record.now() != standing::fed) {
+        if (!is_in_orders(entry)) {
             return;
         }
-        const uint64_t value = order_value(order, entry);
-        const uint64_t capped = value != does_not_age ? std::min(value, from.began + 1) : value;
-        if (is_behind(from, capped, entry)) {
-            keys.take({capped, entry});
+        if (const order_key key = key_in(order, entry, from.began); is_behind(from, key.value, entry)) {
+            keys.take(key);
         }
     });
-    std::vector<ordered_entry> first;
-    for (const order_key &key : keys.end()) {
-        first.push_back(ordered(key.value, key.slot));
-    }
-    return first;
+    return keys.end();
 }
 
-ordered_entry table_answers::ordered(uint64_t value, uint32_t entry) const
+// An entry whose place is now behind `last` is left out, because a later selection finds it there. A smaller change
+// does not matter: a plane that ages silently may report the same time with a difference of some milliseconds.
+std::vector<ordered_entry> table_answers::entries_at(row_order order, std::span<const order_key> keys,
+                                                     const order_key &last, uint64_t began) const
 {
-    const fed_place &place = context_.records.place(entry);
-    return {value,
-            entry,
-            place.xcid,
-            place.bridge_id,
-            entry_ages(entry),
-            context_.shadow.entries[entry].updated_ms,
-            context_.shadow.key_of(entry)};
+    constexpr size_t prefetch_distance = 8;
+    std::vector<ordered_entry> found;
+    found.reserve(keys.size());
+    for (size_t at = 0; at < keys.size(); at++) {
+        __builtin_prefetch(&context_.shadow.entries[keys[std::min(at + prefetch_distance, keys.size() - 1)].slot]);
+        if (is_in_orders(keys[at].slot) && key_in(order, keys[at].slot, began) <= last) {
+            found.push_back(ordered(keys[at]));
+        }
+    }
+    return found;
+}
+
+ordered_entry table_answers::ordered(const order_key &place) const
+{
+    const fed_place &fed = context_.records.place(place.slot);
+    return {place,
+            fed.xcid,
+            fed.bridge_id,
+            entry_ages(place.slot),
+            context_.shadow.entries[place.slot].updated_ms,
+            context_.shadow.key_of(place.slot)};
 }
 
 // ---- Ages ----

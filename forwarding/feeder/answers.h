@@ -15,10 +15,9 @@
 
 namespace forwarding {
 
-// An entry at its place in an order. It has all that a caller needs to read the row and to query the plane.
+// A selected entry. It has all that a caller needs to read the row and to query the plane.
 struct ordered_entry {
-    uint64_t value; // decides the order; equal values are ordered by slot
-    uint32_t slot;
+    order_key place;
     uint32_t xcid;
     uint16_t bridge_id;
     bool ages; // whether it disappears by itself when it is not seen for the ageing time
@@ -42,7 +41,10 @@ public:
     // Returns the value that a new entry would have in an order.
     uint64_t order_now(row_order order) const;
     // Returns the first `max_entries` entries that come after `from`. The caller has set `from.began`.
-    std::vector<ordered_entry> select(row_order order, const order_position &from, uint32_t max_entries);
+    std::vector<order_key> select(row_order order, const order_position &from, uint32_t max_entries);
+    // Returns the entries of selected keys that have not moved behind `last`, the last key of their selection.
+    std::vector<ordered_entry> entries_at(row_order order, std::span<const order_key> keys, const order_key &last,
+                                          uint64_t began) const;
     // Brings the shadow table up to date with the plane's answers to another thread's query. Returns how many keys had
     // an answer that changed the entry's age or contradicted the shadow table.
     size_t take_ages(std::span<const fdb_key> keys, std::span<const fdb_answer> answers);
@@ -60,7 +62,9 @@ private:
     void add_row(uint32_t entry, std::vector<mac_row> &rows);
     uint64_t order_value(row_order order, uint32_t entry) const;
     bool entry_ages(uint32_t entry) const;
-    ordered_entry ordered(uint64_t value, uint32_t entry) const;
+    bool is_in_orders(uint32_t entry) const;
+    order_key key_in(row_order order, uint32_t entry, uint64_t began) const;
+    ordered_entry ordered(const order_key &place) const;
     tunnel_entry tunnel_entry_of(uint32_t entry) const;
 
     feed_context &context_;

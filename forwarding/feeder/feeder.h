@@ -71,9 +71,14 @@ public:
         answers_.confirm_places(keys, answers, rows);
     }
     uint64_t order_now(row_order order) const { return answers_.order_now(order); }
-    std::vector<ordered_entry> select(row_order order, const order_position &from, uint32_t max_entries)
+    std::vector<order_key> select(row_order order, const order_position &from, uint32_t max_entries)
     {
         return answers_.select(order, from, max_entries);
+    }
+    std::vector<ordered_entry> entries_at(row_order order, std::span<const order_key> keys, const order_key &last,
+                                          uint64_t began) const
+    {
+        return answers_.entries_at(order, keys, last, began);
     }
     size_t take_ages(std::span<const fdb_key> keys, std::span<const fdb_answer> answers)
     {

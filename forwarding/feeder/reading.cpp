@@ -5,10 +5,12 @@
 //  2. Without the lock, asks the plane about rows that age.
 //  3. Adds names, VNIs and times.
 //
-// find_rows and read_ordered look into the shadow table first, on the cache thread.
+// find_rows and select_ahead look into the shadow table first, on the cache thread.
 #include "forwarding/feeder/reading.h"
 
 #include <algorithm>
+#include <array>
+#include <chrono>
 #include <cstring>
 #include <ctime>
 #include <span>
@@ -27,10 +29,16 @@ constexpr uint64_t nanoseconds = 1'000'000'000;
 // Entries and ports visited in one hold of the table lock, so that other threads wait for a short time only.
 constexpr uint32_t looks_per_hold = 1024;
 
+// Entries of other places than one port that are looked up together.
+constexpr size_t looks_at_once = 32;
+
 // While answers change the order by last sight, each round selects ask_growth times as many entries, up to most_asked.
 // A larger round asks about more entries that may turn out to be first. See select_last_seen.
 constexpr uint32_t ask_growth = 4;
 constexpr uint32_t most_asked = 65'536;
+
+// Entries of a selection about which a plane that ages silently is asked before the first row can be shown.
+constexpr uint32_t most_asked_ahead = 16'384;
 
 // An entry with any of these flags does not age.
 constexpr uint16_t ageless = EDM_MAC_STATIC | EDM_MAC_LOCAL | EDM_MAC_EXTERN_LEARNED | EDM_MAC_ON_DUMMY_PORT;
@@ -107,6 +115,26 @@ l2fm_edm_bp_t *port_at(const place &at) L2FIB_REQUIRES_TABLE_LOCK
         return l2fm_edm_table_bp_get_by_xcid(at.second);
     }
     return l2fm_edm_table_bd_bp_get(l2fm_edm_table_bd_get_by_bridgeid(at.first), EDM_XCID_DUMMY);
+}
+
+// Under the table lock. Null if the table has no such entry on the port.
+const l2fm_edm_mac_t *entry_at(const place &at, const mac_address &mac)
+{
+    if (at.second != EDM_XCID_DUMMY) {
+        return l2fm_edm_table_mac_get_by_xcid_mac(at.second, mac.data());
+    }
+    const l2fm_edm_bp_t *bp = port_at(at);
+    return bp != nullptr ? l2fm_edm_table_bp_mac_get(&bp->mac_tree, mac.data()) : nullptr;
+}
+
+// Finds up to looks_at_once entries. They may be anywhere in memory, so the processor fetches all of them at once.
+// Under the table lock.
+void find_entries(std::span<const ordered_entry> wanted, std::span<const l2fm_edm_mac_t *> found)
+{
+    for (size_t at = 0; at < wanted.size(); at++) {
+        found[at] = entry_at({wanted[at].bridge_id, wanted[at].xcid}, wanted[at].key.mac);
+        __builtin_prefetch(found[at]);
+    }
 }
 
 // Reads rows of one port until the page is full, the port ends or `looks` entries were visited. It continues behind
@@ -333,6 +361,7 @@ row_page read_rows(const row_filter &filter, const row_position &from, uint32_t 
 {
     row_page page;
     page.end = from;
+    page.rows.reserve(most);
     with_feeder([&](feeder &feed) {
         page.objects = feed.objects();
         place at;
@@ -365,10 +394,7 @@ void add_table_ages(row_page &page)
 {
     const table_hold hold;
     for (mac_row &row : page.rows) {
-        const l2fm_edm_bp_t *bp = port_at({row.bridge_id, row.xcid});
-        const l2fm_edm_mac_t *entry =
-            bp != nullptr ? l2fm_edm_table_bp_mac_get(&bp->mac_tree, row.mac.data()) : nullptr;
-        if (entry != nullptr) {
+        if (const l2fm_edm_mac_t *entry = entry_at({row.bridge_id, row.xcid}, row.mac); entry != nullptr) {
             const mac_row cached = row_of(*entry);
             row.age = cached.age;
             row.node_id = cached.node_id;
@@ -437,23 +463,15 @@ std::vector<fdb_key> unasked_keys(const std::vector<ordered_entry> &entries, std
 {
     std::vector<fdb_key> keys;
     for (const ordered_entry &entry : entries) {
-        if (was_asked.size() <= entry.slot) {
-            was_asked.resize(entry.slot + size_t{1});
+        if (was_asked.size() <= entry.place.slot) {
+            was_asked.resize(entry.place.slot + size_t{1});
         }
-        if (entry.ages && !was_asked[entry.slot]) {
-            was_asked[entry.slot] = true;
+        if (entry.ages && !was_asked[entry.place.slot]) {
+            was_asked[entry.place.slot] = true;
             keys.push_back(entry.key);
         }
     }
     return keys;
-}
-
-// Runs feeder::select on the cache thread. Empty if nothing runs.
-std::vector<ordered_entry> select(row_order order, const order_position &from, uint32_t most)
-{
-    std::vector<ordered_entry> entries;
-    on_cache_thread([&](feeder &feed) { entries = feed.select(order, from, most); });
-    return entries;
 }
 
 // Selects by last sight, with times from the plane. The shadow table's times may be too early if the plane ages
@@ -465,18 +483,20 @@ std::vector<ordered_entry> select(row_order order, const order_position &from, u
 //      round 2        B 10:01   C 10:02   A 10:05; asks about C; nothing changes: B, C
 //
 // Each entry is asked about at most once, so the rounds end.
-std::vector<ordered_entry> select_last_seen(const order_position &from, uint32_t most)
+std::vector<order_key> select_last_seen(const order_position &from, uint32_t most)
 {
     std::vector<bool> was_asked;
     for (uint32_t ask = most;; ask = std::min(most_asked, ask * ask_growth)) {
-        std::vector<ordered_entry> first = select(row_order::last_seen, from, std::max(ask, most));
-        const std::vector<fdb_key> keys = unasked_keys(first, was_asked);
-        std::vector<fdb_answer> answers;
-        with_feeder([&](feeder &feed) {
-            if (feed.ages_silently()) {
-                answers = ask_in_batches(feed, keys);
+        std::vector<order_key> first;
+        std::vector<fdb_key> keys;
+        on_cache_thread([&](feeder &feed) {
+            first = feed.select(row_order::last_seen, from, std::max(ask, most));
+            if (feed.ages_silently() && !first.empty()) {
+                keys = unasked_keys(feed.entries_at(row_order::last_seen, first, first.back(), from.began), was_asked);
             }
         });
+        std::vector<fdb_answer> answers;
+        with_feeder([&](feeder &feed) { answers = ask_in_batches(feed, keys); });
         size_t changed = 0;
         if (!answers.empty()) {
             on_cache_thread([&](feeder &feed) { changed = feed.take_ages(keys, answers); });
@@ -488,54 +508,114 @@ std::vector<ordered_entry> select_last_seen(const order_position &from, uint32_t
     }
 }
 
-// Reads the rows of selected entries from the table, in their order. An entry that left its port meanwhile gets no row.
-void read_places(feeder &feed, const std::vector<ordered_entry> &entries, uint64_t began, row_page &page)
+int64_t steady_ms()
 {
-    for (size_t first = 0; first < entries.size(); first += looks_per_hold) {
-        const table_hold hold;
-        for (size_t at = first; at < std::min(entries.size(), first + looks_per_hold); at++) {
-            const ordered_entry &entry = entries[at];
-            const l2fm_edm_bp_t *bp = port_at({entry.bridge_id, entry.xcid});
-            const l2fm_edm_mac_t *mac =
-                bp != nullptr ? l2fm_edm_table_bp_mac_get(&bp->mac_tree, entry.key.mac.data()) : nullptr;
-            if (mac == nullptr) {
-                continue;
-            }
-            page.rows.push_back(row_of(*mac));
-            page.rows.back().bridge_id = entry.bridge_id;
-            page.rows.back().place = {entry.value, entry.slot, true, began};
-            if (entry.ages) {
-                page.rows.back().last_seen = feed.epoch_seconds(entry.updated_ms);
-            }
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+// Reads the rows of entries from the table, in their order. An entry that left its port meanwhile gets no row.
+void read_entries(feeder &feed, std::span<const ordered_entry> wanted, uint64_t began, row_page &page)
+{
+    std::array<const l2fm_edm_mac_t *, looks_at_once> found;
+    for (size_t at = 0; at < wanted.size(); at++) {
+        if (at % looks_at_once == 0) {
+            find_entries(wanted.subspan(at, std::min(looks_at_once, wanted.size() - at)), found);
+        }
+        if (const l2fm_edm_mac_t *entry = found[at % looks_at_once]; entry != nullptr) {
+            mac_row &row = page.rows.emplace_back(row_of(*entry));
+            row.bridge_id = wanted[at].bridge_id;
+            row.place = {wanted[at].place.value, wanted[at].place.slot, true, began};
+            row.last_seen = wanted[at].ages ? feed.epoch_seconds(wanted[at].updated_ms) : row.last_seen;
         }
     }
 }
 
+void read_entries_in_holds(feeder &feed, std::span<const ordered_entry> wanted, uint64_t began, row_page &page)
+{
+    page.rows.reserve(wanted.size());
+    for (; !wanted.empty(); wanted = wanted.subspan(std::min<size_t>(looks_per_hold, wanted.size()))) {
+        const table_hold hold;
+        read_entries(feed, wanted.first(std::min<size_t>(looks_per_hold, wanted.size())), began, page);
+    }
+}
+
+// Entries that were seen before the read began, entries that came or were seen again since, and entries that do not
+// age: they have values of three kinds.
+auto kind_of(const order_key &key, uint64_t began)
+{
+    return std::pair(key.value <= began, key.value <= began + 1);
+}
+
+// Drops the keys behind those of the first kind. Returns whether there were any.
+bool keep_one_kind(std::vector<order_key> &keys, uint64_t began)
+{
+    const auto end = std::ranges::find_if(
+        keys, [&](const order_key &key) { return kind_of(key, began) != kind_of(keys.front(), began); });
+    const bool has_others = end != keys.end();
+    keys.erase(end, keys.end());
+    return has_others;
+}
+
 } // namespace
 
-ordered_page read_ordered(row_order order, const order_position &from, uint32_t most)
+order_selection select_ahead(row_order order, const order_position &from, uint32_t most)
 {
-    ordered_page ordered;
-    ordered.end = from;
+    order_selection selection{.order = order, .at = from, .selected_ms = steady_ms()};
     if (from.began == 0) {
-        on_cache_thread([&](feeder &feed) { ordered.end.began = feed.order_now(order); });
+        on_cache_thread([&](feeder &feed) { selection.at.began = feed.order_now(order); });
     }
-    const order_position start = ordered.end;
-    std::vector<ordered_entry> entries =
-        order == row_order::last_seen ? select_last_seen(start, most + 1) : select(order, start, most + 1);
-    ordered.page.more = entries.size() > most;
-    entries.resize(std::min<size_t>(entries.size(), most));
+    if (order == row_order::last_seen) {
+        with_feeder([&](feeder &feed) { most = feed.ages_silently() ? std::min(most, most_asked_ahead) : most; });
+        selection.keys = select_last_seen(selection.at, most + 1);
+    } else {
+        on_cache_thread([&](feeder &feed) { selection.keys = feed.select(order, selection.at, most + 1); });
+    }
+    selection.more = selection.keys.size() > most;
+    selection.keys.resize(std::min<size_t>(selection.keys.size(), most));
+    selection.more |= keep_one_kind(selection.keys, selection.at.began);
+    return selection;
+}
+
+bool is_fresh(const order_selection &selection)
+{
+    constexpr int64_t max_age_ms = 1'000;
+    return selection.next < selection.keys.size() && steady_ms() - selection.selected_ms <= max_age_ms;
+}
+
+void seek(order_selection &selection, const order_position &to)
+{
+    const auto next = std::ranges::upper_bound(selection.keys, order_key{to.value, to.slot});
+    selection.next = to.holds_row ? static_cast<size_t>(next - selection.keys.begin()) : 0;
+    selection.at = to;
+}
+
+ordered_page read_selection(order_selection &selection, uint32_t most)
+{
+    const uint64_t began = selection.at.began;
+    const auto keys = std::span<const order_key>(selection.keys).subspan(selection.next);
+    const auto wanted = keys.first(std::min<size_t>(most, keys.size()));
+    std::vector<ordered_entry> entries;
+    if (!wanted.empty()) {
+        const order_key last = keys.back();
+        on_cache_thread([&](feeder &feed) { entries = feed.entries_at(selection.order, wanted, last, began); });
+    }
+    ordered_page ordered;
     with_feeder([&](feeder &feed) {
         ordered.page.objects = feed.objects();
-        read_places(feed, entries, start.began, ordered.page);
-        if (order == row_order::created && feed.ages_silently()) {
+        read_entries_in_holds(feed, entries, began, ordered.page);
+        selection.more |= ordered.page.rows.size() < wanted.size(); // an entry may be behind the last key now
+        if (selection.order == row_order::created && feed.ages_silently()) {
             refresh_rows(feed, ordered.page);
         }
         complete_rows(feed, ordered.page);
     });
-    if (!entries.empty()) {
-        ordered.end = {entries.back().value, entries.back().slot, true, start.began};
+    if (!wanted.empty()) {
+        selection.at = {wanted.back().value, wanted.back().slot, true, began};
     }
+    selection.next += wanted.size();
+    ordered.page.more = selection.next < selection.keys.size() || selection.more;
+    ordered.end = selection.at;
     return ordered;
 }
 

@@ -57,6 +57,8 @@ struct order_position {
     uint32_t slot = 0;      // in the shadow table
     bool holds_row = false; // false: before all entries
     uint64_t began = 0;     // the latest value (creation number or time) when the read began; 0: the read begins now
+
+    bool operator==(const order_position &) const = default;
 };
 
 struct mac_row {
@@ -76,7 +78,7 @@ struct mac_row {
     std::optional<uint32_t> time_left;   // seconds until it ages out; none if it does not age or the time is unknown
     const domain_view *domain = nullptr; // points into row_page::objects
     const port_view *port = nullptr;     // likewise; null for entries of the bridge domain itself
-    order_position place = {};           // set by read_ordered only
+    order_position place = {};           // set by read_selection only
 };
 
 // Conditions that a row must all meet. A member that is 0 or empty lets every row pass.
@@ -129,9 +131,50 @@ struct ordered_page {
     order_position end = {};
 };
 
-// Reads up to `most` rows behind `from`. `end` of the result is where the next page begins. Each page looks at all
-// entries of the shadow table.
-ordered_page read_ordered(row_order order, const order_position &from, uint32_t most);
+// The place of an entry in an order: `value` and `slot` of order_position.
+struct order_key {
+    uint64_t value;
+    uint32_t slot;
+    auto operator<=>(const order_key &) const = default;
+};
+
+// A part of an order: the keys of consecutive entries. A selection looks at all entries of the shadow table, so a list
+// selects many keys at once and reads their rows in pages:
+//
+//     order_selection selection = select_ahead(row_order::last_seen, {}, 100'000);
+//     do {
+//         const ordered_page page = read_selection(selection, 200);
+//         ... page.page.rows ...
+//     } while (page.page.more);
+//
+// Select the next part behind page.end when the selection is read, or no longer fresh.
+//
+// An entry whose place is behind the selection when its page is read gets no row there. If it came again or was seen
+// again, its new place is behind all places of entries that were seen before the read began. No selection holds places
+// of both kinds, and `more` is set when an entry has no row, so a later selection has the new place.
+//
+// A selection belongs to one thread at a time.
+struct order_selection {
+    row_order order = row_order::created;
+    order_position at = {}; // the rows up to here were read
+    std::vector<order_key> keys = {};
+    size_t next = 0;         // index of the first key behind `at`
+    bool more = false;       // entries follow behind the last key
+    int64_t selected_ms = 0; // steady clock
+};
+
+// Selects up to `most` entries behind `from`; `most` is at least 1. Waits for the cache thread.
+order_selection select_ahead(row_order order, const order_position &from, uint32_t most);
+
+// True if keys are left, and the selection is at most a second old. An older one may lack entries that came since.
+bool is_fresh(const order_selection &selection);
+
+// Moves the selection to a position in it, such as that of a row that was read.
+void seek(order_selection &selection, const order_position &to);
+
+// Reads the rows of the next keys, up to `most`, and moves the selection behind them. Waits for the cache thread.
+// `page.more` is true if entries follow, in the selection or behind it.
+ordered_page read_selection(order_selection &selection, uint32_t most);
 
 // ---- Counts ----
 

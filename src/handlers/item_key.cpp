@@ -3,8 +3,10 @@
 #include "handlers/item_key.h"
 
 #include <arpa/inet.h>
+#include <endian.h>
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cstdio>
 #include <cstring>
@@ -18,7 +20,12 @@ namespace {
 constexpr unsigned mac_words = 3;
 constexpr size_t mac_words_size = sizeof("ffff,ffff,ffff");
 constexpr unsigned vtep_addr_digits = 8;
+constexpr size_t word_digits = 4;
 constexpr unsigned bits_of_digit = 4;
+constexpr unsigned bits_of_byte = 8;
+constexpr unsigned bits_of_word = 16;
+constexpr unsigned digit_mask = 0xf;
+constexpr char hex_digits[] = "0123456789abcdef";
 
 // Writes lower-case hexadecimal of at least `min_digits` digits. Returns the end of the text.
 char *put_hex(char *out, uint32_t value, unsigned min_digits = 1)
@@ -26,20 +33,42 @@ char *put_hex(char *out, uint32_t value, unsigned min_digits = 1)
     const unsigned bits = static_cast<unsigned>(std::bit_width(value));
     const unsigned digits = std::max(min_digits, (bits + bits_of_digit - 1) / bits_of_digit);
     for (unsigned shift = digits * bits_of_digit; shift != 0; shift -= bits_of_digit) {
-        *out++ = "0123456789abcdef"[(value >> (shift - bits_of_digit)) & 0xf];
+        *out++ = hex_digits[value >> (shift - bits_of_digit) & digit_mask];
     }
     return out;
 }
 
+// The two hexadecimal digits of each byte, the first one in the low bits.
+constexpr std::array<uint16_t, UINT8_MAX + 1> digits_of_byte = [] {
+    std::array<uint16_t, UINT8_MAX + 1> table{};
+    for (size_t byte = 0; byte < table.size(); byte++) {
+        table[byte] =
+            static_cast<uint16_t>(hex_digits[byte >> bits_of_digit] | hex_digits[byte & digit_mask] << bits_of_byte);
+    }
+    return table;
+}();
+
+// As put_hex, with fewer instructions, because a page of names prints 600 words. Writes word_digits bytes in any case.
+char *put_hex_word(char *out, uint16_t word)
+{
+    const unsigned zeros = (bits_of_word - std::bit_width(word | 1u)) / bits_of_digit;
+    const uint32_t digits =
+        digits_of_byte[word >> bits_of_byte] | uint32_t{digits_of_byte[word & UINT8_MAX]} << bits_of_word;
+    const uint32_t text = htole32(digits >> (zeros * bits_of_byte));
+    std::memcpy(out, &text, word_digits);
+    return out + word_digits - zeros;
+}
+
+// Writes up to word_digits bytes behind the end of the text.
 char *put_mac_words(char *out, const uint8_t *mac_addr)
 {
     uint16_t words[mac_words];
     l2fib_macaddr_to_swords(mac_addr, words);
-    out = put_hex(out, words[0]);
+    out = put_hex_word(out, words[0]);
     *out++ = ',';
-    out = put_hex(out, words[1]);
+    out = put_hex_word(out, words[1]);
     *out++ = ',';
-    return put_hex(out, words[2]);
+    return put_hex_word(out, words[2]);
 }
 
 char *put_text(char *out, std::string_view text)
@@ -83,9 +112,8 @@ const char *print_mac_item_name(mac_item_names &names, const l2fm_edm_bd_t *bd, 
     if (tail.bd != bd) {
         print_tail(tail, bd, names.rule);
     }
-    const size_t length = l2fib_hw_mac_to_item_key(mac, names.text, sizeof(names.text));
     // Copies the whole buffer, because the compiler copies a constant size without a call.
-    std::memcpy(names.text + length, tail.text, sizeof(tail.text));
+    std::memcpy(put_mac_words(names.text, mac->mac_addr), tail.text, sizeof(tail.text));
     return names.text;
 }
 
@@ -146,7 +174,7 @@ size_t l2fib_hw_mac_to_item_key(const l2fm_edm_mac_t *mac, char *buffer, size_t 
     if (size == 0) {
         return 0;
     }
-    char text[edm::mac_words_size];
+    char text[edm::mac_words_size + edm::word_digits];
     const char *end = edm::put_mac_words(text, mac->mac_addr);
     const size_t length = std::min(static_cast<size_t>(end - text), size - 1);
     std::memcpy(buffer, text, length);

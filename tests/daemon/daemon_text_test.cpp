@@ -2,7 +2,12 @@
 
 // Texts of URIs, item names and JSON. An interface's name may hold any bytes: they survive, or are made visible.
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+
+#include <ctime>
+#include <iomanip>
+#include <sstream>
 
 #include "base/text.h"
 #include "daemon/api/api_error.h"
@@ -46,6 +51,27 @@ TEST(Text, ReadsAddressesInBothFormsOnly)
     }
 }
 
+TEST(Text, WritesTimesAndAddressesAsTheCLibraryDoes)
+{
+    constexpr int64_t year_0 = -62'167'219'200;
+    constexpr int64_t last_of_year_9999 = 253'402'300'799;
+    for (const int64_t seconds : {year_0, int64_t{-1}, int64_t{0}, int64_t{951'782'399}, int64_t{951'868'799},
+                                  int64_t{1'764'000'000}, int64_t{4'107'542'399}, last_of_year_9999}) {
+        const time_t time = seconds;
+        tm parts{};
+        std::ostringstream expected;
+        expected << std::put_time(gmtime_r(&time, &parts), "-%m-%dT%H:%M:%SZ");
+        EXPECT_EQ(base::utc_text(seconds).substr(4), expected.str());
+        EXPECT_EQ(std::stoi(base::utc_text(seconds)), parts.tm_year + 1900);
+    }
+    for (const char *address : {"0.0.0.0", "10.254.9.100", "255.255.255.255", "fd00::2"}) {
+        std::array<uint8_t, 16> bytes{};
+        const bool is_ipv4 =
+            inet_pton(AF_INET, address, bytes.data()) == 1 || inet_pton(AF_INET6, address, &bytes) != 1;
+        EXPECT_EQ(base::ip_text(std::span(bytes).first(is_ipv4 ? base::ipv4_bytes : bytes.size())), address);
+    }
+}
+
 TEST(JsonWriter, WritesValidTextFromAnyBytes)
 {
     const struct {
@@ -65,16 +91,15 @@ TEST(JsonWriter, WritesValidTextFromAnyBytes)
         {"cut \xe2\x82", "\"cut \xef\xbf\xbd\xef\xbf\xbd\""},
     };
     for (const auto &one : cases) {
-        std::string out;
-        json_writer(out).text(one.text);
-        EXPECT_EQ(out, one.written);
+        json_writer json;
+        json.text(one.text);
+        EXPECT_EQ(json.take(), one.written);
     }
 }
 
 TEST(JsonWriter, SeparatesMembersAndItems)
 {
-    std::string out;
-    json_writer json(out);
+    json_writer json;
     json.begin_object();
     json.begin_array("a");
     json.number(1);
@@ -83,7 +108,7 @@ TEST(JsonWriter, SeparatesMembersAndItems)
     json.end_array();
     json.member64("b", UINT64_MAX);
     json.end_object();
-    EXPECT_EQ(out, R"({"a":[1,{}],"b":"18446744073709551615"})");
+    EXPECT_EQ(json.take(), R"({"a":[1,{}],"b":"18446744073709551615"})");
 }
 
 TEST(Target, SplitsElementsBeforeDecoding)

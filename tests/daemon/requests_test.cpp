@@ -74,8 +74,8 @@ std::vector<uint32_t> read_all(number_table &table, uint64_t limit)
     for (std::string key = "0"; !key.empty();) {
         list_stream stream("number", std::make_unique<number_source>(table, std::stoul(key)), limit, resyncs);
         std::string text;
-        while (!stream.finished()) {
-            stream.write_next(text);
+        for (std::string page; !stream.finished(); text += page) {
+            stream.write_next(page);
         }
         const auto answer = nlohmann::json::parse(text);
         EXPECT_LE(answer["l2fib-mac:number"].size(), limit);
@@ -119,7 +119,9 @@ TEST(Lists, EndWithTheErrorOfALaterPage)
         if (is_stopping) {
             resyncs.give_up();
         }
-        stream.write_next(text);
+        std::string last_page;
+        stream.write_next(last_page);
+        text += last_page;
         EXPECT_TRUE(stream.finished());
         EXPECT_FALSE(nlohmann::json::accept(text)) << "a cut list must not parse";
         const auto answer = nlohmann::json::parse(text + "}");
@@ -130,6 +132,35 @@ TEST(Lists, EndWithTheErrorOfALaterPage)
         table.failing_page = table.pages + 1;
         EXPECT_THROW(late.write_next(text), api_error); // no page is sent yet, so the answer gets the error's status
     }
+}
+
+// A list takes back the selection that it kept, and no other list gets it.
+TEST(KeptSelections, ContinueOneListOnce)
+{
+    using forwarding::row_order;
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    const auto now_ms = std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+    const auto selection_at = [](uint64_t value, int64_t selected_ms) {
+        forwarding::order_selection selection{.keys = {{1, 0}, {2, 1}, {3, 2}, {4, 3}, {9, 4}},
+                                              .selected_ms = selected_ms};
+        forwarding::seek(selection, {value, 7, true, 5});
+        return selection;
+    };
+    kept_selections selections;
+    selections.keep(selection_at(1, now_ms - 60'000)); // stale
+    selections.keep(selection_at(9, now_ms));          // nothing is left
+    for (uint64_t value = 0; value < 4; value++) {
+        selections.keep(selection_at(value, now_ms));
+    }
+    selections.keep(selection_at(4, now_ms)); // there is room for four: the first one goes
+    EXPECT_FALSE(selections.take(row_order::created, {0, 7, true, 5}));
+    EXPECT_FALSE(selections.take(row_order::created, {9, 7, true, 5}));
+    EXPECT_FALSE(selections.take(row_order::created, {2, 7, true, 6}));
+    EXPECT_FALSE(selections.take(row_order::last_seen, {2, 7, true, 5}));
+    const auto taken = selections.take(row_order::created, {2, 7, true, 5});
+    ASSERT_TRUE(taken);
+    EXPECT_EQ(taken->keys[taken->next].value, 3u);
+    EXPECT_FALSE(selections.take(row_order::created, {2, 7, true, 5}));
 }
 
 struct socket_pair {
@@ -183,7 +214,8 @@ TEST(Routing, RefusesByPathThenMethodThenParameters)
         {"GET", "data/l2fib-mac:ports/port=1?limit=1", 400, "invalid-value", "none"},
     };
     resync_requester resyncs;
-    const api_context context{resyncs, [] { return server_health(); }};
+    kept_selections selections;
+    const api_context context{resyncs, selections, [] { return server_health(); }};
     for (const auto &row : rows) {
         try {
             answer_request({row.method, std::string("/restconf/").append(row.uri)}, context);

@@ -810,6 +810,12 @@ TEST_F(fed_module, AStormCostsTheCacheOneUpdate)
 }
 
 // Changes of every kind. What the cache holds, and all that is counted beside it, is counted again from the plane.
+ordered_page read_ordered(row_order order, const order_position &from, uint32_t max_rows)
+{
+    order_selection selection = select_ahead(order, from, max_rows);
+    return read_selection(selection, max_rows);
+}
+
 struct churn : fed_module {
     uint32_t below(uint32_t bound) { return static_cast<uint32_t>(random() % bound); }
 
@@ -1127,6 +1133,42 @@ TEST_F(fed_module, AnAnswerDoesNotUndoALaterChange)
             expect_equal();
             EXPECT_EQ(completeness_watch().worst(), completeness::whole);
         }
+    }
+}
+
+// A list selects entries long before it reads them. What is seen again meanwhile is shown once, behind the others.
+TEST_F(fed_module, AListShowsOnceWhatIsSeenAgain)
+{
+    for (const row_order order : {row_order::last_seen, row_order::created}) {
+        restart({}, true);
+        const auto see = [&](uint32_t port, uint32_t number, int64_t updated_ms) {
+            on_cache([&] { it->set(with(on_bridge(br0, port, mac(number)), 0, 0, updated_ms)); });
+            resync();
+        };
+        std::vector<mac_address> shown;
+        const auto show = [&](order_selection &selection, uint32_t max_rows) {
+            const ordered_page page = read_selection(selection, max_rows);
+            std::ranges::transform(page.page.rows, std::back_inserter(shown), &mac_row::mac);
+        };
+        for (uint32_t number = 1; number <= 4; number++) {
+            see(p0, number, 1000 * number);
+        }
+        order_selection selection = select_ahead(order, {}, 100);
+        show(selection, 1);
+        see(p0, 5, INT64_MAX / 2);
+        selection = select_ahead(order, selection.at, 100);
+        on_cache([&] {
+            it->drop(on_bridge(br0, p0, mac(2)));
+            it->drop(on_bridge(br0, p0, mac(3)));
+        });
+        resync();
+        see(p1, 3, INT64_MAX / 2);
+        see(p0, 4, 3'990); // the plane reports the same time a little earlier
+        for (show(selection, 1); selection.more || selection.next < selection.keys.size(); show(selection, 1)) {
+            selection = selection.next == selection.keys.size() ? select_ahead(order, selection.at, 100) : selection;
+        }
+        std::ranges::sort(shown.begin() + std::min<ptrdiff_t>(2, std::ssize(shown)), shown.end());
+        EXPECT_EQ(shown, (std::vector{mac(1), mac(4), mac(3), mac(5)}));
     }
 }
 
