@@ -189,8 +189,10 @@ std::vector<ordered_entry> table_answers::select(row_order order, const order_po
             keys.take({capped, entry});
         }
     });
+    const std::vector<order_key> sorted = keys.end();
     std::vector<ordered_entry> first;
-    for (const order_key &key : keys.end()) {
+    first.reserve(sorted.size());
+    for (const order_key &key : sorted) {
         first.push_back(ordered(key.value, key.slot));
     }
     return first;
