@@ -73,8 +73,10 @@ public:
         iterator &operator-=(difference_type by) { return *this += -by; }
         iterator &operator++() { return *this += 1; }
         iterator &operator--() { return *this -= 1; }
+        // The standard's concept of an iterator asks for these results. NOLINTBEGIN(cert-dcl21-cpp)
         iterator operator++(int) { return std::exchange(*this, *this + 1); }
         iterator operator--(int) { return std::exchange(*this, *this - 1); }
+        // NOLINTEND(cert-dcl21-cpp)
         friend iterator operator+(iterator at, difference_type by) { return at += by; }
         friend iterator operator+(difference_type by, iterator at) { return at += by; }
         friend iterator operator-(iterator at, difference_type by) { return at -= by; }

@@ -144,11 +144,11 @@ void table_answers::add_row(uint32_t entry, std::vector<mac_row> &rows)
 // ---- Orders ----
 
 // True if the entry ages out when its address is not seen for the bridge's ageing time.
-bool table_answers::entry_ages(uint32_t at) const
+bool table_answers::entry_ages(uint32_t entry) const
 {
-    const shadow_entry &entry = context_.shadow.entries[at];
-    return (entry.state & (fdb_permanent | fdb_noarp)) == 0 && (entry.flags & fdb_extern_learn) == 0
-           && entry.updated_ms > 0 && !context_.shadow.terms_of(at).self;
+    const shadow_entry &of = context_.shadow.entries[entry];
+    return (of.state & (fdb_permanent | fdb_noarp)) == 0 && (of.flags & fdb_extern_learn) == 0 && of.updated_ms > 0
+           && !context_.shadow.terms_of(entry).self;
 }
 
 uint64_t table_answers::order_value(row_order order, uint32_t entry) const

@@ -92,20 +92,20 @@ void feeder::domain_added(uint32_t domain)
     }
 }
 
-void feeder::domain_changed(uint32_t at)
+void feeder::domain_changed(uint32_t domain)
 {
-    const shadow_domain &domain = shadow_.domains[at];
-    if (domain.bridge_id != 0) {
-        if (!registry_.update_domain(at)) {
-            rename_domain(at);
+    const shadow_domain &changed = shadow_.domains[domain];
+    if (changed.bridge_id != 0) {
+        if (!registry_.update_domain(domain)) {
+            rename_domain(domain);
         }
-    } else if (!ids_.domain_waits(at)) {
-        ids_.number_domain(at);
-        for (const uint32_t port : domain.ports) {
+    } else if (!ids_.domain_waits(domain)) {
+        ids_.number_domain(domain);
+        for (const uint32_t port : changed.ports) {
             shadow_.for_each_entry_of_port(port, [&](uint32_t entry) { changes_.touched(entry); });
         }
     }
-    for (const uint32_t port : domain.ports) {
+    for (const uint32_t port : changed.ports) {
         registry_.update_port(port);
     }
 }
@@ -114,12 +114,12 @@ void feeder::domain_changed(uint32_t at)
 // its entries again. One hold of the table lock covers both, so that no reader misses an entry. This is the only feed
 // that does not wait for removals on their way. None of them can concern the domain or its ports, because an id has no
 // new owner before the removal of the old one has arrived.
-void feeder::rename_domain(uint32_t at)
+void feeder::rename_domain(uint32_t domain)
 {
     const table_hold hold;
-    if (registry_.rename_domain(at)) {
-        l2fm_edm_table_bd_destroy(shadow_.domains[at].bridge_id);
-        cache_.feed_renamed(at);
+    if (registry_.rename_domain(domain)) {
+        l2fm_edm_table_bd_destroy(shadow_.domains[domain].bridge_id);
+        cache_.feed_renamed(domain);
     }
 }
 
@@ -132,25 +132,25 @@ void feeder::domain_going(uint32_t domain)
     ids_.end_domain(domain);
 }
 
-void feeder::port_added(uint32_t at)
+void feeder::port_added(uint32_t port)
 {
-    shadow_port &port = shadow_.ports[at];
-    counters_.begin_port(at);
-    if (port.key.ifindex == port.key.master) {
-        port.xcid = EDM_XCID_DUMMY;
+    shadow_port &added = shadow_.ports[port];
+    counters_.begin_port(port);
+    if (added.key.ifindex == added.key.master) {
+        added.xcid = EDM_XCID_DUMMY;
         return;
     }
-    ids_.number_port(at);
+    ids_.number_port(port);
 }
 
-void feeder::port_going(uint32_t at)
+void feeder::port_going(uint32_t port)
 {
-    const shadow_port &port = shadow_.ports[at];
-    if (port.xcid != 0 && port.xcid != EDM_XCID_DUMMY) {
-        registry_.remove_port(shadow_.domains[port.domain].bridge_id, port.xcid);
-        expect_removal(host::bdxc_publish_cross_connect_removed(port.xcid));
+    const shadow_port &going = shadow_.ports[port];
+    if (going.xcid != 0 && going.xcid != EDM_XCID_DUMMY) {
+        registry_.remove_port(shadow_.domains[going.domain].bridge_id, going.xcid);
+        expect_removal(host::bdxc_publish_cross_connect_removed(going.xcid));
     }
-    ids_.end_port(at);
+    ids_.end_port(port);
 }
 
 void feeder::expect_removal(uint32_t publication_status)

@@ -189,12 +189,12 @@ void numbering::serve_port(const served_object &served)
 
 // Schedules the feed of a port's entries if the port and its bridge domain have ids. Otherwise the entries keep
 // waiting.
-void numbering::feed_port_later(uint32_t at)
+void numbering::feed_port_later(uint32_t port)
 {
-    shadow_port &port = context_.shadow.ports[at];
-    if (port.xcid != 0 && context_.shadow.domains[port.domain].bridge_id != 0) {
-        port.resume = port.first;
-        served_ports_.push_back(at);
+    shadow_port &served = context_.shadow.ports[port];
+    if (served.xcid != 0 && context_.shadow.domains[served.domain].bridge_id != 0) {
+        served.resume = served.first;
+        served_ports_.push_back(port);
     }
 }
 

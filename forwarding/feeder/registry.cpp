@@ -110,19 +110,19 @@ bool registry::rename_domain(uint32_t domain)
     return true;
 }
 
-void registry::view_domain(uint32_t at, const std::string &name)
+void registry::view_domain(uint32_t domain, const std::string &name)
 {
-    const shadow_domain &domain = context_.shadow.domains[at];
-    const shadow_link *bridge = context_.shadow.find_link(domain.bridge);
+    const shadow_domain &viewed = context_.shadow.domains[domain];
+    const shadow_link *bridge = context_.shadow.find_link(viewed.bridge);
     if (bridge == nullptr) {
         return;
     }
     const std::string expected = context_.settings.group + ":" + bridge->record.name;
-    if (domain.vlan == 0 && name != expected && name.find('~') == std::string::npos) {
+    if (viewed.vlan == 0 && name != expected && name.find('~') == std::string::npos) {
         note("bridge " + bridge->record.name + " is shown as " + name);
     }
     const base::scoped_lock hold(mutex_);
-    views_.domains.put({domain.bridge_id, name, bridge->record.name, domain.bridge, domain.vlan,
+    views_.domains.put({viewed.bridge_id, name, bridge->record.name, viewed.bridge, viewed.vlan,
                         bridge->record.vlan_aware, bridge->record.ageing_ms});
     shared_views_.reset();
 }
@@ -135,16 +135,16 @@ uint32_t registry::find_domain(uint16_t bridge_id) const
 
 // ---- Ports ----
 
-bool registry::add_port(uint32_t at, uint32_t xcid)
+bool registry::add_port(uint32_t port, uint32_t xcid)
 {
-    shadow_port &port = context_.shadow.ports[at];
-    if (host::cross_connect_set(xcid, cross_connect_of(port)) != 0) {
-        refuse(refusal::object, "port with interface index " + std::to_string(port.key.ifindex) + ": out of memory");
+    shadow_port &added = context_.shadow.ports[port];
+    if (host::cross_connect_set(xcid, cross_connect_of(added)) != 0) {
+        refuse(refusal::object, "port with interface index " + std::to_string(added.key.ifindex) + ": out of memory");
         return false;
     }
-    port.xcid = xcid;
-    ports_by_xcid_[xcid] = at;
-    update_port(at);
+    added.xcid = xcid;
+    ports_by_xcid_[xcid] = port;
+    update_port(port);
     return true;
 }
 
@@ -158,26 +158,26 @@ void registry::remove_port(uint16_t bridge_id, uint32_t xcid)
     shared_views_.reset();
 }
 
-void registry::update_port(uint32_t at)
+void registry::update_port(uint32_t port)
 {
-    const shadow_port &port = context_.shadow.ports[at];
-    if (port.xcid == 0 || port.xcid == EDM_XCID_DUMMY) {
+    const shadow_port &updated = context_.shadow.ports[port];
+    if (updated.xcid == 0 || updated.xcid == EDM_XCID_DUMMY) {
         return;
     }
-    const shadow_link *link = context_.shadow.find_link(port.key.ifindex);
+    const shadow_link *link = context_.shadow.find_link(updated.key.ifindex);
     port_view view;
-    view.xcid = port.xcid;
+    view.xcid = updated.xcid;
     view.name = link != nullptr ? link->record.name : "";
-    view.ifindex = port.key.ifindex;
-    view.kind = kind_of(port.key.kind);
-    view.vlan = port.key.vlan;
-    view.vni = port.key.vni;
+    view.ifindex = updated.key.ifindex;
+    view.kind = kind_of(updated.key.kind);
+    view.vlan = updated.key.vlan;
+    view.vni = updated.key.vni;
     view.up = link != nullptr && link->record.up;
-    view.bridge_id = context_.shadow.domains[port.domain].bridge_id;
+    view.bridge_id = context_.shadow.domains[updated.domain].bridge_id;
     const base::scoped_lock hold(mutex_);
     const domain_view *domain = views_.find_domain(view.bridge_id);
     view.domain = domain != nullptr ? domain->name : "";
-    views_.ports.erase(port_place(0, port.xcid)); // from the time when its bridge domain had no id
+    views_.ports.erase(port_place(0, updated.xcid)); // from the time when its bridge domain had no id
     views_.ports.put(std::move(view));
     shared_views_.reset();
 }

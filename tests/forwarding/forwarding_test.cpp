@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The copy, the mapping and the feed from it: pure parts by themselves, the rest through the started module, on a plane
-// that a test scripts and against a second, naive idea of what the cache has to hold.
+// The shadow table, the mapping and the feeder. Pure parts are tested by themselves. The rest runs in a started module,
+// on a plane that the test scripts. A second, naive model says what the cache has to hold.
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -77,7 +77,7 @@ fdb_record of_device(uint32_t device, mac_address address, fdb_destination desti
 
 // ---- Pure parts ----
 
-TEST(Ids, AreNotUsedAgainAtOnceAndEnd)
+TEST(Ids, ComeBackLastAndRunOut)
 {
     id_pool pool(1, 3);
     EXPECT_EQ(pool.take(), 1u);
@@ -194,7 +194,7 @@ struct numbering_listener : shadow_listener {
 
 struct mapping_case {
     const char *name;
-    std::vector<fdb_record> told; // the last one is looked at
+    std::vector<fdb_record> reported; // the last one is looked at
     standing expected;
     uint16_t flags = 0;
     uint8_t vtep = 0; // the last byte of the address
@@ -208,7 +208,7 @@ fdb_record with(fdb_record record, uint8_t flags, uint16_t edm_flags = 0, int64_
     return record;
 }
 
-TEST(Mapping, FollowsTheTable)
+TEST(Mapping, GivesEachEntryItsStandingAndFlags)
 {
     constexpr uint32_t bridge = 1, port = 2, vxlan = 3, loose = 4, other_port = 5;
     const fdb_record remote = of_device(vxlan, mac(1), vtep(9));
@@ -257,10 +257,10 @@ TEST(Mapping, FollowsTheTable)
         copy.link_changed(link(vxlan, "vx", link_kind::vxlan, bridge, 100));
         copy.link_changed(link(loose, "lo", link_kind::vxlan));
         copy.link_changed(link(other_port, "q", link_kind::other, bridge));
-        for (const fdb_record &record : each.told) {
+        for (const fdb_record &record : each.reported) {
             copy.fdb_changed(record);
         }
-        const uint32_t entry = copy.find(key_of(each.told.back()));
+        const uint32_t entry = copy.find(key_of(each.reported.back()));
         l2fib_mac_edm_entry_t descriptor{};
         EXPECT_EQ(describe(copy, entry, 1000, descriptor), each.expected);
         EXPECT_EQ(descriptor.flags, each.flags);
@@ -269,7 +269,7 @@ TEST(Mapping, FollowsTheTable)
     }
 }
 
-TEST(Copy, KeepsPortsPerVlanAndVni)
+TEST(ShadowTable, KeepsAPortForEachVlanAndVni)
 {
     numbering_listener with_ids;
     shadow_table &copy = with_ids.copy;
@@ -401,7 +401,7 @@ struct recording : testing::Test {
     std::string directory;
 };
 
-TEST_F(recording, MalformedTablesAreNamed)
+TEST_F(recording, NamesWhatIsMalformed)
 {
     struct malformed_case {
         const char *file;
@@ -470,7 +470,7 @@ void on_cache(Work work)
     what.done.get_future().wait();
 }
 
-// What a kernel would hold. Tells each change unless it is told to lose it.
+// What a kernel would hold. Reports each change, unless the test has it lost.
 struct scripted : plane {
     const char *kind() const override { return "scripted"; }
     base::result start(event_manager_t *, sink &sink_of_shadow_table) override
@@ -528,17 +528,17 @@ struct scripted : plane {
         links[record.ifindex] = record;
         to->link_changed(record);
     }
-    void set(const fdb_record &record, bool tell = true)
+    void set(const fdb_record &record, bool reports = true)
     {
         holds[key_of(record)] = record;
-        if (tell) {
+        if (reports) {
             to->fdb_changed(record);
         }
     }
-    void drop(const fdb_record &record, bool tell = true)
+    void drop(const fdb_record &record, bool reports = true)
     {
         holds.erase(key_of(record));
-        if (tell) {
+        if (reports) {
             to->fdb_gone(record);
         }
     }
@@ -548,7 +548,7 @@ struct scripted : plane {
     sink *to = nullptr;
     bool mute = false;
     bool mute_of_lists = false;
-    size_t mute_keys = 0;                            // answers that it cannot tell next
+    size_t mute_keys = 0;                            // answers that it does not know next
     std::function<void()> before_drain, after_query; // the latter is called once
     bool silent = false;
     std::atomic<bool> clean{false};
@@ -558,6 +558,8 @@ struct scripted : plane {
 
 using lines = std::set<std::string>;
 
+// An entry of the cache: "DOMAIN PORT MAC FLAGS VTEP", such as "lab:br0 vx0/100 020000000003 1000 3". FLAGS are
+// EDM_MAC_ bits in hex, VTEP is the last byte of the address. PORT is "own" for the bridge's own entries; see name_of.
 std::string line(const std::string &domain, const std::string &port, const mac_address &address, uint32_t flags,
                  uint32_t vtep_number)
 {
@@ -607,7 +609,7 @@ lines cached()
     return read.found;
 }
 
-// What is in one only, for a short message.
+// What only one of them holds, for a short message.
 lines difference(const lines &left, const lines &right)
 {
     lines found;
@@ -982,7 +984,7 @@ struct churn : fed_module {
     std::mt19937 random{7};
 };
 
-TEST_F(churn, LeavesWhatThePlaneHolds)
+TEST_F(churn, LeavesInTheCacheWhatThePlaneHolds)
 {
     for (const uint32_t limit : {2'000'000u, 60u}) {
         restart({.mac_limit = limit}, limit == 60);
@@ -1027,7 +1029,7 @@ TEST_F(fed_module, ADegradedPlaneLosesNothingThatLives)
     });
     resync();
     expect_equal();
-    // An overrun: entries go and come unheard; some were told gone and are back, or are now elsewhere.
+    // An overrun: entries go and come unheard; some were reported gone and are back, or are now elsewhere.
     on_cache([&] {
         it->clean = false;
         for (uint32_t number = 0; number < 300; number++) {
@@ -1044,7 +1046,7 @@ TEST_F(fed_module, ADegradedPlaneLosesNothingThatLives)
     const lines alive = expected(*it);
     const lines shown = cached();
     EXPECT_TRUE(std::includes(shown.begin(), shown.end(), alive.begin(), alive.end()));
-    EXPECT_EQ(shown.size(), alive.size() + 100); // whose end nobody has told
+    EXPECT_EQ(shown.size(), alive.size() + 100); // whose end was not reported
     EXPECT_EQ(health().resyncs_degraded, 1u);
     EXPECT_GE(health().doubtful_kept, 50u);
     // Nothing goes while the plane cannot be asked.
@@ -1198,7 +1200,7 @@ TEST_F(fed_module, DegradedAnswersEnd)
         on_cache([] {});
     }
     EXPECT_TRUE(completeness_watch().worst() == completeness::whole || it->relisted == 1);
-    // A destination of several, about which the plane never can tell: a clean listing decides.
+    // A destination of several, about which the plane never knows: a clean full dump decides.
     on_cache([&] {
         it->set(of_device(vx0, {}, by_next_hop, fdb_permanent));
         it->list(true);
@@ -1369,7 +1371,7 @@ TEST_F(fed_module, DomainsAndPortsThatFindNoIdGetOneThatComesBack)
     });
 }
 
-TEST_F(fed_module, RequestsWaitForTheFirstListing)
+TEST_F(fed_module, RequestsWaitForTheFirstFullDump)
 {
     stop();
     struct slow : scripted {
@@ -1398,7 +1400,7 @@ TEST_F(fed_module, RequestsWaitForTheFirstListing)
 
 // ---- The planes without a kernel ----
 
-// Keeps what is told, as a naive copy, and every event as a number.
+// Keeps what is reported, and the key of every event.
 struct naive_shadow_table : sink {
     void link_changed(const link_record &) override {}
     void link_gone(uint32_t) override {}
@@ -1501,7 +1503,7 @@ TEST(GeneratedPlane, ChurnsTheSameForASeedAndAnswersAsItReported)
                            copies[1].events.begin()));
 }
 
-TEST_F(recording, IsShownAsItWas)
+TEST_F(recording, ShowsWhatWasRecorded)
 {
     write("links.json",
           R"([{"ifindex":1,"ifname":"br0","linkinfo":{"info_kind":"bridge","info_data":{"vlan_filtering":1}}},
