@@ -154,7 +154,8 @@ TEST(Message, GivesTheSenderAReplyOrAnError)
 {
     const event_loop loop("/test/messages", attach_behaviours);
     const uint32_t conn = connect(loop.evm, 60);
-    for (uint16_t type = replies; type < std::size(behaviours); type++) {
+    constexpr auto types = static_cast<uint16_t>(std::size(behaviours));
+    for (uint16_t type = replies; type < types; type++) {
         const outcome seen = send(conn, {type, some_class, 100u + type});
         EXPECT_EQ(seen.error, behaviours[type].error) << "type " << type;
         EXPECT_EQ(seen.value, seen.error == 0 ? 100u + type : 0);

@@ -29,7 +29,6 @@ using host::request_kind;
 using test::query;
 
 constexpr auto list = request_kind::list;
-constexpr auto datalist = request_kind::datalist;
 constexpr auto get = request_kind::get;
 constexpr auto action = request_kind::action;
 
