@@ -180,7 +180,7 @@ private:
 // Values refer to the document that parsed them, so it stays in its place.
 class json_document {
 public:
-    json_document() = default;
+    json_document() { following_.fill(json_names::max_names); }
     json_document(const json_document &) = delete;
     json_document &operator=(const json_document &) = delete;
 
@@ -198,8 +198,9 @@ private:
     json_names names_;
     json_nodes nodes_;
     std::deque<std::string> texts_; // that the library found, because in the source they may have escapes
-    // The number of the name that each name preceded in the latest object. The last place has the first name.
-    std::array<uint16_t, json_names::max_names + 1> following_ = {};
+    // The number of the name that each name preceded in the latest object, or max_names. The last place has the first
+    // name. These names stood in a source without escapes, so JSON has them as they are.
+    std::array<uint16_t, json_names::max_names + 1> following_;
 };
 
 // Returns the first character that is not printable ASCII, or is a quotation mark or a backslash.

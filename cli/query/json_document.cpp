@@ -331,6 +331,7 @@ json_value json_document::parse(std::string_view text)
     bool is_json = read(text);
     if (!is_json && names_.is_full()) {
         names_.clear(); // those of earlier texts
+        following_.fill(json_names::max_names);
         is_json = read(text);
     }
     return is_json ? nodes_.root() : json_value();

@@ -62,6 +62,8 @@ TEST(Json, IsReadStrictlyAndWrittenInPlainAscii)
         std::string text;
         std::string expected = {}; // empty: the same as the text
     } rows[] = {
+        {R"({"a\"b":1})"},
+        {R"({"a"b":1})", not_json},
         {R"({"a":[],"b":{},"c":[1,{"d":"e"}],"f":[true,false,null],"a":"again"})"},
         {" { \"a\" : [ 1 , 2 ] }\n", R"({"a":[1,2]})"},
         {R"("eight by eight, \u0022quoted\u0022 \\")", R"("eight by eight, \"quoted\" \\")"},
