@@ -130,9 +130,9 @@ L2FIB_EXPORT L2FIB_OPTIONAL void ordtree_describe_key(ordtree_compare_fn compare
                                                       ordtree_key_kind_t kind);
 
 /*
- * Hints that the caller will soon insert or search a node with the probe's key, or delete the probe if that is a node of
- * the tree. The tree may prefetch memory meanwhile.
- * Changes nothing. Takes the arguments of ordtree_search. A platform may lack this operation.
+ * Hints that the caller will soon insert or search a node with the probe's key, or delete the probe if that is a node
+ * of the tree. The tree may prefetch memory meanwhile. Changes nothing. Takes the arguments of ordtree_search. A
+ * platform may lack this operation.
  */
 L2FIB_EXPORT L2FIB_OPTIONAL void ordtree_expect(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index);
 

@@ -87,7 +87,9 @@ void remove_behind(l2fm_edm_mac_t *prev, l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TAB
     if (next != nullptr) {
         set_chain_prev(next, prev);
     } else if (is_head(prev)) {
-        edm::index_set_mark(edm::index_find(addresses.heads, by_address::key_of(*prev)), false);
+        if (const edm::index_place place = edm::index_find(addresses.heads, by_address::key_of(*prev))) {
+            edm::index_set_mark(place, false);
+        }
     }
 }
 

@@ -50,7 +50,8 @@ uint64_t key_of(const l2fm_edm_mac_t *mac, uint32_t slot)
 
 void renew_least(uint32_t at) L2FIB_REQUIRES_TABLE_LOCK
 {
-    order.least[at] = std::min(order.least[2 * at], order.least[2 * at + 1]);
+    const size_t left = size_t{2} * at;
+    order.least[at] = std::min(order.least[left], order.least[left + 1]);
 }
 
 void put_candidate(uint32_t slot, l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
