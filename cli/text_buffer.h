@@ -42,11 +42,7 @@ public:
         size_++;
     }
 
-    void put(std::string_view text)
-    {
-        std::memcpy(room_for(text.size()), text.data(), text.size());
-        size_ += text.size();
-    }
+    void put(std::string_view text) { end_at(std::copy(text.begin(), text.end(), room_for(text.size()))); }
 
     void put_spaces(size_t count)
     {

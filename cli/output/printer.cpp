@@ -76,11 +76,9 @@ void write_object(text_buffer &to, const members &item, const resource &shown)
 
 void write_json(text_buffer &to, json_value value, const resource *parts)
 {
-    if (parts == nullptr) {
-        put_value(to, value);
-    } else if (value.is_object()) {
+    if (parts != nullptr && value.is_object()) {
         write_object(to, members_of(value, *parts), *parts);
-    } else if (value.is_array()) {
+    } else if (parts != nullptr && value.is_array()) {
         to.put('[');
         for (json_value element = value.first(); element != value.end(); element = element.next()) {
             to.put(element == value.first() ? "" : ",");

@@ -2,8 +2,8 @@
 
 #include "cli/query/json.h"
 
+#include <algorithm>
 #include <charconv>
-#include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "cli/failure.h"
@@ -26,8 +26,7 @@ void put_number(text_buffer &to, Number number)
 char *write_quoted(char *at, std::string_view text)
 {
     *at++ = '"';
-    std::memcpy(at, text.data(), text.size());
-    at += text.size();
+    at = std::copy(text.begin(), text.end(), at);
     *at++ = '"';
     return at;
 }
