@@ -448,10 +448,6 @@ TEST(Completeness, FollowsTheWorstPage)
          {.command = command_kind::show_health, .strict = true},
          {exit_status::done, "", "{\"status\":\"degraded\"}\n"},
          {"GET /restconf/data/l2fib-mac:health"}},
-        {{answered("", "limited", "204 No Content")},
-         {.command = command_kind::resync},
-         {exit_status::incomplete, MAY_BE "(limited)", ""},
-         {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"wait":59}})"}},
     };
     for (const exchange &row : rows) {
         expect_exchange(row);
