@@ -201,18 +201,9 @@ public:
         return sum;
     }
 
-    uint64_t mark_all() override
-    {
-        return l2fib_mac_edm_mark_all();
-    }
-    uint64_t sweep_all() override
-    {
-        return l2fib_mac_edm_sweep_all();
-    }
-    uint64_t remove_domain(uint32_t domain) override
-    {
-        return l2fm_edm_table_bd_destroy(domain);
-    }
+    uint64_t mark_all() override { return l2fib_mac_edm_mark_all(); }
+    uint64_t sweep_all() override { return l2fib_mac_edm_sweep_all(); }
+    uint64_t remove_domain(uint32_t domain) override { return l2fm_edm_table_bd_destroy(domain); }
 
 private:
     template <typename Find>
