@@ -186,6 +186,7 @@ namespace {
 std::vector<uint64_t> xcids_of(const std::vector<named_port> &found)
 {
     std::vector<uint64_t> xcids;
+    xcids.reserve(found.size());
     for (const named_port &port : found) {
         xcids.push_back(port.xcid);
     }
