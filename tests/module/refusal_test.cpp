@@ -33,9 +33,7 @@ bool refused_deletion_deletes = true;
 INTERPOSE(chunk_pool_t *, chunk_create,
           (const char *name, uint32_t size, uint32_t count, uint32_t flags, uint32_t a, uint32_t b),
           (name, size, count, flags, a, b), nullptr)
-INTERPOSE(void *, chunk_malloc, (chunk_pool_t * pool), (pool), nullptr)
 INTERPOSE(uint32_t, chunk_free, (chunk_pool_t * pool, void *element), (pool, element), (real(pool, element), 0u))
-INTERPOSE(ordtree_link_t *, ordtree_insert, (ordtree_t * tree, ordtree_link_t *node), (tree, node), nullptr)
 INTERPOSE(ordtree_link_t *, ordtree_delete, (ordtree_t * tree, ordtree_link_t *node), (tree, node),
           (refused_deletion_deletes ? real(tree, node) : nullptr, nullptr))
 INTERPOSE(uint32_t, l2fib_get_plat_ctx_by_id, (uint32_t object_class, uint32_t id, l2fib_ctx_t *ctx),
