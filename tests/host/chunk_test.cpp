@@ -354,7 +354,11 @@ TEST_F(chunk, ArenaKnowsItsSlabsAndZeroesThemAgain)
     char *last = nullptr;
     EXPECT_EQ(host::arena_take(nullptr), nullptr);
     for (const auto pages : {host::arena_pages::huge, host::arena_pages::small}) {
+        interpose::mprotect.refuse(interpose::every);
+        EXPECT_EQ(host::arena_take(&owner), nullptr);
+        interpose::mprotect.refuse(0);
         char *slab = static_cast<char *>(host::arena_take(&owner, pages));
+        test::wait_for_keeper();
         EXPECT_EQ(reinterpret_cast<uintptr_t>(slab) % arena_slab_size, 0u);
         EXPECT_EQ(host::arena_owner(slab + arena_slab_size - 1), &owner);
         EXPECT_TRUE(host::arena_touch(slab, arena_slab_size));

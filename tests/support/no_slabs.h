@@ -27,6 +27,14 @@ INTERPOSE(int, sem_wait, (sem_t * semaphore), (semaphore), -1)
 
 namespace test {
 
+// Waits until the arena's thread is idle: it prepares one slab for each post, then waits for the next one.
+inline void wait_for_keeper()
+{
+    while (interpose::sem_post.calls != 0 && interpose::sem_wait.calls <= interpose::sem_post.calls) {
+        std::this_thread::yield();
+    }
+}
+
 // While it exists, nobody gets a slab that is not taken yet.
 class no_slabs {
 public:
@@ -45,14 +53,6 @@ public:
     no_slabs &operator=(const no_slabs &) = delete;
 
 private:
-    // The arena's thread prepares one slab for each post, then waits for the next one.
-    static void wait_for_keeper()
-    {
-        while (interpose::sem_post.calls != 0 && interpose::sem_wait.calls <= interpose::sem_post.calls) {
-            std::this_thread::yield();
-        }
-    }
-
     void *prepared_; // the slab that is open without an owner, if there is one
 };
 
