@@ -24,9 +24,9 @@
 #include <vector>
 
 #include "forwarding/kernel/kernel_plane.h"
-#include "forwarding/kernel/kernel_privileges.h"
-#include "forwarding/kernel/kernel_request.h"
-#include "forwarding/kernel/kernel_socket.h"
+#include "forwarding/kernel/netlink/kernel_privileges.h"
+#include "forwarding/kernel/netlink/kernel_request.h"
+#include "forwarding/kernel/netlink/kernel_socket.h"
 #include "tests/support/event_loop.h"
 
 namespace {
