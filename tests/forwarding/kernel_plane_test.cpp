@@ -27,7 +27,7 @@
 #include "forwarding/kernel/netlink/kernel_privileges.h"
 #include "forwarding/kernel/netlink/kernel_request.h"
 #include "forwarding/kernel/netlink/kernel_socket.h"
-#include "tests/support/event_loop.h"
+#include "tests/support/host/event_loop.h"
 
 namespace {
 

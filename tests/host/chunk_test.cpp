@@ -19,7 +19,7 @@
 
 #include "host/pool/arena.h"
 #include "host/pool/chunk_statistics.h"
-#include "tests/support/no_slabs.h"
+#include "tests/support/faults/no_slabs.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/no_slabs.h"
-#include "tests/support/tree_audit.h"
+#include "tests/support/faults/no_slabs.h"
+#include "tests/support/host/tree_audit.h"
 #include <algorithm>
 #include <array>
 #include <cstdlib>

@@ -9,8 +9,8 @@
 
 #include "host/objects/l2fib_objects.h"
 #include "table/element.h"
-#include "tests/support/small_table.h"
-#include "tests/support/table_audit.h"
+#include "tests/support/table/small_table.h"
+#include "tests/support/table/table_audit.h"
 
 using namespace small_table;
 

@@ -8,8 +8,8 @@
 #include <set>
 #include <sstream>
 
-#include "tests/support/reference_table.h"
-#include "tests/support/served_module.h"
+#include "tests/support/module/served_module.h"
+#include "tests/support/table/reference_table.h"
 #include "tests/support/words.h"
 
 using namespace reference_table;

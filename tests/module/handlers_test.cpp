@@ -2,7 +2,7 @@
 
 // The handlers as a requester sees them: a path in, pages of items out.
 #include "host/utility_host.h"
-#include "tests/support/served_module.h"
+#include "tests/support/module/served_module.h"
 
 #include <cerrno>
 #include <cstdlib>

@@ -16,9 +16,9 @@
 #include "platform/chunk.h"
 #include "platform/l2fib.h"
 #include "platform/utility.h"
-#include "tests/support/interpose.h"
-#include "tests/support/small_table.h"
-#include "tests/support/table_audit.h"
+#include "tests/support/faults/interpose.h"
+#include "tests/support/table/small_table.h"
+#include "tests/support/table/table_audit.h"
 
 using namespace small_table;
 

@@ -13,8 +13,8 @@
 #include "host/pool/chunk_statistics.h"
 #include "host/tree/ordtree_memory.h"
 #include "table/element.h"
-#include "tests/support/small_table.h"
-#include "tests/support/table_audit.h"
+#include "tests/support/table/small_table.h"
+#include "tests/support/table/table_audit.h"
 
 using namespace small_table;
 
@@ -376,7 +376,7 @@ TEST_F(table, GivesAndTakesElementsOfItsPools)
 TEST(TableLife, StartsEmptyAgainAfterATeardown)
 {
     for (int again = 0; again < 3; again++) {
-        const bool has_list = l2fm_edm_table_ll_get_root()->ll_initialised != 0; // made once in a process
+        const bool has_list = l2fm_edm_table_ll_get_root()->ll_initialised != 0;       // made once in a process
         std::memset(l2fm_edm_table_mac_get_pool(), 0xff, sizeof(l2fm_edm_mac_pool_t)); // counters of a former table
         take_traces();
         EXPECT_EQ(l2fm_edm_table_init(), 0u);

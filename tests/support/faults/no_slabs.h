@@ -18,7 +18,7 @@
 #include <thread>
 
 #include "host/pool/arena.h"
-#include "tests/support/interpose.h"
+#include "tests/support/faults/interpose.h"
 
 INTERPOSE(int, mprotect, (void *start, size_t size, int protection) noexcept, (start, size, protection), -1)
 INTERPOSE(int, madvise, (void *start, size_t size, int advice) noexcept, (start, size, advice), (errno = ENOMEM, -1))

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "l2fm_edm_table.h"
-#include "tests/support/interpose.h"
+#include "tests/support/faults/interpose.h"
 
 // small_table.cpp defines these two operations for every program that is linked with it.
 INTERPOSE_OPERATION(chunk_malloc)

@@ -18,7 +18,7 @@
 #include <random>
 
 #include "host/objects/l2fib_objects.h"
-#include "tests/support/small_table.h"
+#include "tests/support/table/small_table.h"
 
 namespace reference_table {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "tests/support/small_table.h"
+#include "tests/support/table/small_table.h"
 
 #include <algorithm>
 #include <cstring>
@@ -12,9 +12,9 @@
 #include "host/trace/trace_reader.h"
 #include "host/utility_host.h"
 #include "table/element.h"
-#include "tests/support/new_traces.h"
-#include "tests/support/pools.h"
-#include "tests/support/table_audit.h"
+#include "tests/support/host/new_traces.h"
+#include "tests/support/host/pools.h"
+#include "tests/support/table/table_audit.h"
 
 namespace {
 
