@@ -37,7 +37,7 @@ protected:
     feed_or_batch &operator=(const feed_or_batch &) = delete;
 };
 
-INSTANTIATE_TEST_SUITE_P(feed, feed_or_batch, testing::Bool());
+INSTANTIATE_TEST_SUITE_P(Feed, feed_or_batch, testing::Bool());
 
 TEST_P(feed_or_batch, TracesEachFailure)
 {
