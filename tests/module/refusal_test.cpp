@@ -43,8 +43,6 @@ INTERPOSE(uint32_t, l2fib_get_seg1_by_seg2,
           (object_class, ctx, type, segment), EIO)
 INTERPOSE(uint32_t, l2fib_access_field, (uint32_t object_class, const l2fib_ctx_t *ctx, uint32_t field, void *value),
           (object_class, ctx, field, value), EIO)
-INTERPOSE(uint32_t, platform_get_my_nodeid, (uint32_t * node_id), (node_id), EIO)
-INTERPOSE(uint32_t, platform_ifhandle_parse_ifhandle, (uint32_t ifhandle, uint32_t *node_id), (ifhandle, node_id), EIO)
 INTERPOSE_OPERATION(ordtree_init)
 
 extern "C" uint32_t ordtree_init(ordtree_t *tree, uint32_t index_count, ordtree_node_to_entry_fn node_to_entry, ...)

@@ -2,7 +2,7 @@
 
 #include "tests/support/table/small_table.h"
 
-#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <map>
 #include <set>
@@ -10,7 +10,7 @@
 
 #include "host/objects/l2fib_objects.h"
 #include "host/trace/trace_reader.h"
-#include "host/utility_host.h"
+#include "platform/utility.h"
 #include "table/element.h"
 #include "tests/support/host/new_traces.h"
 #include "tests/support/host/pools.h"
@@ -32,6 +32,24 @@ extern "C" ordtree_link_t *ordtree_insert(ordtree_t *tree, ordtree_link_t *node)
 {
     static const auto real = INTERPOSE_HIDDEN(ordtree_insert);
     return interpose::ordtree_insert.meet() ? nullptr : real(tree, node);
+}
+
+extern "C" uint32_t platform_get_my_nodeid(uint32_t *node_id)
+{
+    if (interpose::platform_get_my_nodeid.meet()) {
+        return EIO;
+    }
+    *node_id = small_table::own_node;
+    return 0;
+}
+
+extern "C" uint32_t platform_ifhandle_parse_ifhandle(uint32_t ifhandle, uint32_t *node_id)
+{
+    if (interpose::platform_ifhandle_parse_ifhandle.meet() || ifhandle == 0) {
+        return EIO;
+    }
+    *node_id = ifhandle == small_table::interface_handle ? small_table::interface_node : small_table::own_node;
+    return 0;
 }
 
 namespace small_table {
@@ -199,8 +217,6 @@ void make_objects()
     for (const auto &[xcid, segment_type] : ports) {
         set_port(xcid, segment_type);
     }
-    host::node_id_set(own_node);
-    ASSERT_EQ(host::interface_node_set(interface_handle, interface_node), 0u);
 }
 
 void refuse_elements(const char *pool_name, bool is_refused)

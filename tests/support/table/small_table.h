@@ -15,9 +15,11 @@
 #include "l2fm_edm_table.h"
 #include "tests/support/faults/interpose.h"
 
-// small_table.cpp defines these two operations for every program that is linked with it.
+// small_table.cpp defines these operations for every program that uses it.
 INTERPOSE_OPERATION(chunk_malloc)
 INTERPOSE_OPERATION(ordtree_insert)
+INTERPOSE_OPERATION(platform_get_my_nodeid)
+INTERPOSE_OPERATION(platform_ifhandle_parse_ifhandle)
 
 namespace small_table {
 
