@@ -134,18 +134,14 @@ public:
         return fed.size();
     }
 
-    uint64_t feed_batches([[maybe_unused]] entries fed) override
+    uint64_t feed_batches(entries fed) override
     {
-#ifdef L2FIB_HAS_BATCH_FEED
         uint32_t statuses[batch_size];
         for (size_t at = 0; at < fed.size(); at += batch_size) {
             const entries batch = fed.subspan(at, std::min(batch_size, fed.size() - at));
             expect_success(l2fib_mac_edm_add_batch(batch.data(), batch.size(), statuses), "l2fib_mac_edm_add_batch");
         }
         return fed.size();
-#else
-        return cannot;
-#endif
     }
 
     uint64_t look_up_by_domain(entries asked) override
@@ -205,18 +201,9 @@ public:
         return sum;
     }
 
-    uint64_t mark_all() override
-    {
-        return l2fib_mac_edm_mark_all();
-    }
-    uint64_t sweep_all() override
-    {
-        return l2fib_mac_edm_sweep_all();
-    }
-    uint64_t remove_domain(uint32_t domain) override
-    {
-        return l2fm_edm_table_bd_destroy(domain);
-    }
+    uint64_t mark_all() override { return l2fib_mac_edm_mark_all(); }
+    uint64_t sweep_all() override { return l2fib_mac_edm_sweep_all(); }
+    uint64_t remove_domain(uint32_t domain) override { return l2fm_edm_table_bd_destroy(domain); }
 
 private:
     template <typename Find>

@@ -29,8 +29,8 @@ bool take_sample(seat &at, const row &wanted, const work &on, std::vector<sample
 
 void close(seat &at);
 
-// Throws std::runtime_error if the peer answers differently from ours after the same work, entries that move included.
-// Returns false if this machine cannot run the peer.
+// Gives both contestants the same work, with moves and removals, and compares their answers. Returns false if this
+// machine cannot run the peer. Throws std::runtime_error if an answer differs.
 bool check_answers(contestant &ours, contestant &peer);
 
 } // namespace bench

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The progress line on standard error. It appears when an answer takes longer than a second and standard error is a
-// terminal.
+// The progress line on standard error. `tick` draws it once this object is more than a second old, and only if standard
+// error is a terminal.
 //
 // Threads: the main thread only.
 #pragma once

@@ -2,14 +2,16 @@
 
 // Decides which lines of the log are written, so that a flood neither fills the disk nor hides what matters.
 //
-// - A line that repeats one of the last few different lines is counted, not written. One line reports the count:
+// - A line that repeats one of the last eight different lines is counted, not written, and uses no budget. After five
+//   seconds one line reports the count:
 //
 //      0 s   "refused"    written
 //      1 s   "refused"    counted
 //      2 s   "refused"    counted
 //      5 s                "repeated 2 times: refused"
 //
-// - Each level has a budget of lines a second. Lines beyond it are dropped and counted. One line reports the count.
+// - Each level has a budget of lines a second. A line beyond it is dropped. One line a second reports how many lines of
+//   all levels were dropped.
 //
 // Threads: any, one at a time: the caller holds the lock that guards the object (log.cpp). Time is an argument, so that
 // tests need not wait.

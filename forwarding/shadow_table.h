@@ -219,8 +219,8 @@ public:
     // Removes a living entry, whatever port it is on. The listener calls it when it is sure that the entry has gone.
     void remove(uint32_t entry);
 
-    // Ends the bridge domain of each VLAN in which no port has an entry. The kernel enters a port's own address in each
-    // VLAN that the port is a member of. So a bridge domain lives as long as its VLAN is configured or used.
+    // Ends each VLAN's bridge domain in which no port has an entry; the bridge's own port counts too. The kernel enters
+    // a port's local address in each of its VLANs. So a bridge domain lives as long as its VLAN is configured or used.
     void end_empty_domains();
 
     // Frees the slot of an entry that has gone. The listener calls it after it withdrew the entry from the cache.

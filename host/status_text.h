@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Describes statuses for an operator.
+// Describes the module's statuses and the system's error numbers for an operator.
 //
 // Threads: pure functions, for any thread.
 #pragma once

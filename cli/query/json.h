@@ -184,8 +184,9 @@ public:
     json_document(const json_document &) = delete;
     json_document &operator=(const json_document &) = delete;
 
-    // Returns the value of the whole text. Returns no value if the text is not JSON or has more than max_names
-    // different names. The values refer to `text`.
+    // Parses the whole text. Returns a value that tests false if the text is not JSON, has a whole number of more than
+    // 64 bits, is nested too deep, or has more than max_names different names. Values refer to `text` and to this
+    // document; the next `parse` ends them.
     json_value parse(std::string_view text);
 
 private:

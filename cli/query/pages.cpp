@@ -198,8 +198,8 @@ void page_reader::fetch_ahead(const std::string &cursor)
     });
 }
 
-// Waits for the second thread. Scripts may assume that nothing was printed unless the status is 0, 5 or 6. So after the
-// first page every problem becomes a cut answer.
+// Waits for the second thread. Scripts rely on this: if the status is not done (0), cut (5) or incomplete (6), the
+// client has printed nothing. So every problem after the first page becomes a cut answer.
 void page_reader::await_next()
 {
     while (ahead_.wait_for(tick_period) != std::future_status::ready) {

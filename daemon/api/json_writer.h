@@ -12,11 +12,11 @@
 //      json.end_object();
 //      return json.take();                     {"xcid":4,"flags":["static"]}
 //
-// Names of members are the API's own: they hold nothing that JSON escapes. Texts may hold any bytes. A byte that is not
-// valid UTF-8 is written as U+FFFD.
+// The API defines the names of members, so they need no escapes. Texts may hold any bytes. The writer replaces a byte
+// that is not valid UTF-8 by U+FFFD.
 //
-// Speed. A list of a million rows writes 13 members for each of them, so the functions of rows are inline. Each of them
-// makes room once, for the longest text that it can write, and then writes without further checks.
+// Speed. A list may have a million rows, so the functions that write rows are inline. Before each write they make room
+// for the longest text that it can produce. The write then needs no further checks.
 //
 // Threads: a writer and its text belong to one thread.
 #pragma once

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The process's file descriptors: how many it may still open. The daemon refuses to start if they are too few, because
-// a daemon that runs out of them later neither accepts clients nor reports why.
+// Counts the file descriptors that the process may still open. The daemon refuses to start with too few. Without them,
+// a thread of the module would never serve, and the start would wait for it forever; or new clients would get no answer
+// later.
 //
 // Threads: the one that starts the daemon.
 #pragma once

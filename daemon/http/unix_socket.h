@@ -2,8 +2,8 @@
 
 // The Unix socket that the daemon serves, and the service manager's socket to which it reports its state.
 //
-// A lock file beside the socket proves that a process serves it. A socket file whose lock file is not locked was left
-// behind by a process that ended: the next start replaces it.
+// A process that serves a socket holds a lock on a file beside it. The next start takes the lock and connects to the
+// old socket. If nobody answers, it replaces the socket file. Otherwise it refuses to start.
 //
 //      listening_socket socket;
 //      if (const base::result opened = socket.open("/run/l2fibd.sock", "operators"); !opened.ok()) { ... }

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Keeps the cache equal to the shadow table, and answers questions about both. The feeder owns the shadow table and its
-// parts, passes the reports of the shadow table to them, and offers to other threads what these may call.
+// Keeps the cache equal to the shadow table, and answers questions about both. The feeder owns the shadow table and the
+// parts listed below, and passes the shadow table's reports to these parts. It publishes removal notifications itself.
+// Other threads call the functions under "Any thread" only.
 //
 //      plane --> shadow_table --> feeder --> changes --> l2fib_mac_edm_add, l2fm_edm_table_mac_destroy
-//        ^                          |  \--> registry --> objects and removal notifications (host/)
-//        |      queries             |
-//        +--------------------------+-----> views for other threads
+//        ^                         | | \--> registry --> objects (host/)
+//        |      queries            | \----> removal notifications (host/)
+//        +-------------------------+-------> views for other threads
 //
 // The parts, each in a header of its own:
 //  - registry: bridge domains and ports with their views; numbering: their ids; entry_counters and tunnel_ends: what is
@@ -15,7 +16,7 @@
 //    entries without room; doubt, proof and sample: questions to the plane; condition: what answers are worth;
 //  - resync_server: resyncs; table_answers: questions of other threads.
 //
-// A part refers only to parts that are declared before it.
+// A part refers only to members above it in the class. Only the queue of changes calls later ones, through `attach`.
 //
 // Example, on the cache thread:
 //

@@ -7,11 +7,12 @@
 //  - the cache thread has handled the removal of the old owner;
 //  - the queue of changes is empty;
 //  - the id has rested (ids.h).
-// So no change of the old owner can reach the new one.
+// The first two keep changes of the old owner from the new one. The rest protects readers, which copy names first and
+// read rows by id later.
 //
 // A bridge domain may hold a million entries, so the work is done in rounds of the event loop. Each round gives ids to
-// some objects and puts some of their entries into the queue of changes. Answers stay marked limited until the cache
-// holds the last of these entries.
+// some objects and puts some of their entries into the queue of changes. All answers stay limited until the cache holds
+// the last of these entries.
 //
 // Threads: the cache thread, without the table lock. The last section is for any thread.
 #pragma once

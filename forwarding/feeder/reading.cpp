@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Makes a page of read_rows in three steps:
-//  1. Under the table lock, copies entries into rows.
-//  2. Without the lock, asks the plane about rows that age.
-//  3. Adds names, VNIs and times.
+// read_rows makes a page in three steps:
+//  1. It copies entries of the cache into rows, in short holds of the table lock.
+//  2. Without the lock, it asks a plane that ages silently about rows that age, and drops rows that have gone.
+//  3. It adds names, VNIs and times.
 //
-// find_rows and select_ahead look into the shadow table first, on the cache thread.
+// find_rows takes keys from the shadow table and makes rows of the plane's answers to them. select_ahead returns keys
+// only; read_selection reads their rows.
 #include "forwarding/feeder/reading.h"
 
 #include <algorithm>
@@ -118,7 +119,7 @@ l2fm_edm_bp_t *port_at(const place &at) L2FIB_REQUIRES_TABLE_LOCK
 }
 
 // Under the table lock. Null if the table has no such entry on the port.
-const l2fm_edm_mac_t *entry_at(const place &at, const mac_address &mac)
+const l2fm_edm_mac_t *entry_at(const place &at, const mac_address &mac) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (at.second != EDM_XCID_DUMMY) {
         return l2fm_edm_table_mac_get_by_xcid_mac(at.second, mac.data());
@@ -129,7 +130,8 @@ const l2fm_edm_mac_t *entry_at(const place &at, const mac_address &mac)
 
 // Finds up to looks_at_once entries. They may be anywhere in memory, so the processor fetches all of them at once.
 // Under the table lock.
-void find_entries(std::span<const ordered_entry> wanted, std::span<const l2fm_edm_mac_t *> found)
+void find_entries(std::span<const ordered_entry> wanted,
+                  std::span<const l2fm_edm_mac_t *> found) L2FIB_REQUIRES_TABLE_LOCK
 {
     for (size_t at = 0; at < wanted.size(); at++) {
         found[at] = entry_at({wanted[at].bridge_id, wanted[at].xcid}, wanted[at].key.mac);
@@ -515,7 +517,8 @@ int64_t steady_ms()
 }
 
 // Reads the rows of entries from the table, in their order. An entry that left its port meanwhile gets no row.
-void read_entries(feeder &feed, std::span<const ordered_entry> wanted, uint64_t began, row_page &page)
+void read_entries(feeder &feed, std::span<const ordered_entry> wanted, uint64_t began,
+                  row_page &page) L2FIB_REQUIRES_TABLE_LOCK
 {
     std::array<const l2fm_edm_mac_t *, looks_at_once> found;
     for (size_t at = 0; at < wanted.size(); at++) {

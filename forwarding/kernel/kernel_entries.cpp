@@ -59,8 +59,8 @@ void kernel_plane::take_fdb_gone(const fdb_record &record)
     counters_.events++;
     full_dump_note_gone(dump_, record, bridge_of(record));
     if (!record.self && (record.state & fdb_permanent) != 0) {
-        // The sink may know this local address on another device, because the kernel does not notify when it passes on.
-        // It would ignore fdb_gone for this device then, so the plane first reports the address here.
+        // The kernel can move a local address to this device without a notification. The sink then still holds it on
+        // another device and would ignore fdb_gone for this one. So the plane first reports the address on this device.
         report_change(record);
     }
     if (!record.self || !is_group(record.mac) || !report_other_destination(record)) {

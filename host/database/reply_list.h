@@ -3,13 +3,13 @@
 // A reply list: the items of one answer, as a handler adds them.
 //
 // The database offers a list to the handler of a request, on the thread that serves the request. Only this thread can
-// use the list, and only until the handler frees it or returns. The functions refuse any other list, and a list of the
-// other kind, with EINVAL.
+// use the list, and only until the handler frees it or returns. The optree_edm_ functions refuse other lists with
+// EINVAL. They also refuse a datalist where a list belongs, and the reverse.
 //
 //   offered --- handler fills the list, hands it back ---> answer
-//      '------- handler fails, frees the list -----------> gone
+//      '------- handler fails, frees the list -----------> offer ended; the database destroys the list later
 //
-// A list keeps its items, names and data in one growing piece of memory, which its destruction releases.
+// A list keeps its items, names and data in memory blocks of its own, which its destruction releases.
 //
 // Threads: the database offers and withdraws a list on the thread that serves the request. Any thread may destroy it.
 #pragma once

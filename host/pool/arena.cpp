@@ -149,8 +149,9 @@ void close(std::byte *slab) noexcept
     }
 }
 
-// For kernels without MADV_POPULATE_WRITE: writes to each page without changing it. The owner may have poisoned the
-// page for the address sanitizer.
+// Makes the system give memory to each page, and keeps the contents. open_now needs it for one page, arena_touch on
+// kernels that lack MADV_POPULATE_WRITE. The address sanitizer is off, because the owner of the page may have poisoned
+// it.
 [[gnu::no_sanitize_address]] void touch_each_page(std::byte *start, size_t size) noexcept
 {
     const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));

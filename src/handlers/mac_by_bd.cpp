@@ -92,8 +92,9 @@ bool next_bridge_domain(const mac_filter &filter, position &at) L2FIB_REQUIRES_T
     return at.bp != nullptr;
 }
 
-// Steps to the next port and its first entry. The entry is null if the filter rejects the port. Returns false at the
-// end.
+// Steps to the next port. Behind the last port of a domain, that is the first port of the next domain that has one,
+// unless the filter names a domain. The entry is the port's first, or the one with the filter's address. It is null if
+// there is none or the filter rejects the port. Returns false behind the last port.
 bool next_port(const mac_filter &filter, position &at) L2FIB_REQUIRES_TABLE_LOCK
 {
     at.bp = l2fm_edm_table_bd_bp_get_next(at.bd, at.bp);

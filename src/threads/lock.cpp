@@ -74,9 +74,8 @@ uint32_t table_lock_depth()
 
 } // namespace edm
 
-// The analysis knows the lock by the attributes of these two functions. It cannot see that the mutex is that lock, nor
-// that a failed call changes nothing.
-
+// The declarations of these two functions say that they take and release the table lock. clang's analysis cannot see
+// that this mutex is that lock, nor that a failed call leaves it as it was. So it is off in the bodies.
 void l2fib_mac_edm_mutex_lock(void) L2FIB_NO_THREAD_SAFETY_ANALYSIS
 {
     int status = pthread_mutex_trylock(&edm::edm_table_lock);

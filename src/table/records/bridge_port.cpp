@@ -159,8 +159,8 @@ bool follow_kind(l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
     return ordtree_running(&bp->vtep_tree) != 0 || l2fm_edm_table_bp_vtep_init(bp) == 0;
 }
 
-// Reads a port's kind and attributes again. A port that lacks only its VTEP tree can hold entries, so that is no
-// failure, but the next feed refreshes it again.
+// Reads a port's kind and attributes again. If only the VTEP tree does not start, it returns 0, because the port can
+// hold entries. refresh_pending then stays set, so the next entry fed on this port tries again.
 uint32_t refresh(l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
     const uint32_t status = l2fm_edm_table_bp_fill(bp, bp->xcid);
