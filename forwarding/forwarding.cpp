@@ -15,7 +15,7 @@
 #include "forwarding/feeder/table_hold.h"
 #include "forwarding/generated/generate.h"
 #include "forwarding/kernel/kernel_plane.h"
-#include "forwarding/kernel/kernel_privileges.h"
+#include "forwarding/kernel/netlink/kernel_privileges.h"
 #include "forwarding/recorded/replay.h"
 #include "forwarding/running.h"
 #include "host/database/operational_db_host.h"

@@ -8,13 +8,10 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
-#include <unordered_map>
 
 #include "base/mutex.h"
 #include "base/text.h"
 #include "host/clock.h"
-#include "host/never_destroyed.h"
-#include "host/out_of_memory.h"
 #include "host/utility_host.h"
 
 namespace {
@@ -23,45 +20,8 @@ using host::clock_ns;
 
 constexpr size_t thread_name_size = 16; // what Linux has room for, with the end
 
-// ---- Nodes ----
-
-// What nearly all questions are answered from, without a lock.
-struct node_numbers {
-    std::atomic<uint32_t> own_node;
-    std::atomic<size_t> foreign_interfaces; // usually 0
-};
-
-constinit node_numbers numbers{};
-
-struct foreign_nodes {
-    base::mutex lock;
-    std::unordered_map<uint32_t, uint32_t> node_by_handle L2FIB_GUARDED_BY(lock);
-};
-
-foreign_nodes &foreign()
-{
-    static host::never_destroyed<foreign_nodes> table;
-    return table.object;
-}
-
-uint32_t own_node()
-{
-    return numbers.own_node.load(std::memory_order_relaxed);
-}
-
-[[gnu::noinline]] uint32_t foreign_node_of(uint32_t ifhandle)
-{
-    foreign_nodes &table = foreign();
-    const base::scoped_lock hold(table.lock);
-    const auto found = table.node_by_handle.find(ifhandle);
-    return found != table.node_by_handle.end() ? found->second : own_node();
-}
-
-uint32_t node_of(uint32_t ifhandle)
-{
-    const bool is_all_own = numbers.foreign_interfaces.load(std::memory_order_acquire) == 0;
-    return is_all_own ? own_node() : foreign_node_of(ifhandle);
-}
+// A Linux machine is one node, and all its interfaces belong to it.
+constexpr uint32_t this_node = 0;
 
 // ---- Lock waits ----
 
@@ -138,7 +98,7 @@ uint32_t platform_get_my_nodeid(uint32_t *node_id)
     if (node_id == nullptr) {
         return EINVAL;
     }
-    *node_id = own_node();
+    *node_id = this_node;
     return 0;
 }
 
@@ -147,7 +107,7 @@ uint32_t platform_ifhandle_parse_ifhandle(uint32_t ifhandle, uint32_t *node_id)
     if (node_id == nullptr || ifhandle == 0) {
         return EINVAL;
     }
-    *node_id = node_of(ifhandle);
+    *node_id = this_node;
     return 0;
 }
 
@@ -195,33 +155,6 @@ void ptd_unset_mutex_block(void)
 }
 
 namespace host {
-
-void node_id_set(uint32_t node_id)
-{
-    numbers.own_node.store(node_id, std::memory_order_relaxed);
-}
-
-uint32_t interface_node_set(uint32_t ifhandle, uint32_t node_id)
-{
-    if (ifhandle == 0) {
-        return EINVAL;
-    }
-    return or_out_of_memory([&] {
-        foreign_nodes &table = foreign();
-        const base::scoped_lock hold(table.lock);
-        table.node_by_handle.insert_or_assign(ifhandle, node_id);
-        numbers.foreign_interfaces.store(table.node_by_handle.size(), std::memory_order_release);
-        return 0u;
-    });
-}
-
-void interface_node_clear()
-{
-    foreign_nodes &table = foreign();
-    const base::scoped_lock hold(table.lock);
-    table.node_by_handle.clear();
-    numbers.foreign_interfaces.store(0, std::memory_order_release);
-}
 
 std::vector<lock_wait> lock_waits()
 {

@@ -194,10 +194,13 @@ constexpr column reason_columns[] = {
 constexpr resource reasons = {"reason", layout::table, reason_columns};
 
 constexpr column pool_columns[] = {
-    {"name", "Pool", &name_kind},           {"element-size", "Size", &number_kind},
-    {"in-use", "In Use", &number_kind},     {"peak", "Peak", &number_kind},
-    {"limit", "Limit", &limit_kind},        {"bytes", "Bytes", &id_kind},
-    {"failures", "Failures", &number_kind}, {"refused-frees", "Bad Frees", &number_kind},
+    {"name", "Pool", &name_kind},
+    {"element-size", "Size", &number_kind},
+    {"in-use", "In Use", &number_kind},
+    {"peak", "Peak", &number_kind},
+    {"bytes", "Bytes", &id_kind},
+    {"failures", "Failures", &number_kind},
+    {"refused-frees", "Bad Frees", &number_kind},
 };
 constexpr resource pools = {"pool", layout::table, pool_columns};
 

@@ -133,9 +133,11 @@ void write_plane(json_writer &json, const forwarding::health_view &view)
 
 void write_pool(json_writer &json, const host::chunk_statistics &pool)
 {
-    const counter counters[] = {{"in-use", pool.in_use},     {"peak", pool.peak},
-                                {"limit", pool.limit},       {"bytes", pool.bytes},
-                                {"failures", pool.failures}, {"refused-frees", pool.refused_frees}};
+    const counter counters[] = {{"in-use", pool.in_use},
+                                {"peak", pool.peak},
+                                {"bytes", pool.bytes},
+                                {"failures", pool.failures},
+                                {"refused-frees", pool.refused_frees}};
     json.begin_object();
     json.member("name", pool.name);
     json.member("element-size", pool.element_size);
@@ -171,7 +173,7 @@ void write_slabs(json_writer &json)
     host::arena_read_statistics(&statistics);
     const counter counters[] = {{"taken", statistics.taken},
                                 {"peak", statistics.peak},
-                                {"limit", statistics.limit},
+                                {"limit", statistics.reserved},
                                 {"refused", statistics.refused}};
     json.begin_object("slabs");
     write_counters(json, counters);

@@ -57,7 +57,7 @@
 #include <set>
 #include <vector>
 
-#include "forwarding/kernel/kernel_request.h"
+#include "forwarding/kernel/netlink/kernel_request.h"
 #include "forwarding/plane.h"
 
 namespace forwarding {

@@ -28,9 +28,9 @@
 
 #include "base/mutex.h"
 #include "base/result.h"
-#include "forwarding/kernel/kernel_decode.h"
-#include "forwarding/kernel/kernel_request.h"
-#include "forwarding/kernel/kernel_socket.h"
+#include "forwarding/kernel/netlink/kernel_decode.h"
+#include "forwarding/kernel/netlink/kernel_request.h"
+#include "forwarding/kernel/netlink/kernel_socket.h"
 #include "forwarding/plane.h"
 
 namespace forwarding {

@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "forwarding/kernel/kernel_plane_internal.h"
-#include "forwarding/kernel/kernel_privileges.h"
+#include "forwarding/kernel/netlink/kernel_privileges.h"
 #include "forwarding/kernel/thread_time.h"
 #include "host/event/event_host.h"
 

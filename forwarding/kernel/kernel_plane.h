@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // This room is the forwarding plane of this machine's kernel: bridges and VXLAN devices, by its routing messages. Other
-// rooms include this header and kernel_privileges.h. The recorded room also includes kernel_decode.h, for the kernel's
-// names of link kinds and its unit of ageing times.
+// rooms include this header and netlink/kernel_privileges.h. The recorded room also includes netlink/kernel_decode.h,
+// for the kernel's names of link kinds and its unit of ageing times.
 //
 //      kernel_plane.cpp     start and stop, health, questions
 //      kernel_changes.cpp   notifications, overruns; which function takes which change
@@ -12,7 +12,11 @@
 //      full_dump.h          which dump proves that nothing was missed
 //      kernel_query.h       questions about single entries
 //      kernel_ages.h        ages of whole bridges, by dumps that readers of long lists start
-//      kernel_decode.h      bytes to records; kernel_request.h: requests to bytes; kernel_socket.h: sockets
+//      netlink/             what the above exchange with the kernel; it includes nothing from this directory
+//        kernel_socket.h      sockets
+//        kernel_request.h     requests to bytes
+//        kernel_decode.h      bytes to records
+//        kernel_privileges.h  network namespaces, and the capabilities that opening a socket needs
 //
 // Sockets. The plane has four. One is subscribed to changes before the plane asks for anything. One is for dumps,
 // which the event loop reads in slices as they arrive. One is for questions about single entries, so that no answer
@@ -68,7 +72,7 @@ struct kernel_options {
 };
 
 // Opens the sockets on the calling thread. If that fails, start returns the failure. Afterwards the thread may give up
-// its capabilities (kernel_privileges.h) before it starts others.
+// its capabilities (netlink/kernel_privileges.h) before it starts others.
 std::unique_ptr<plane> make_kernel_plane(const kernel_options &options);
 
 } // namespace forwarding

@@ -20,10 +20,10 @@
 #include "base/mutex.h"
 #include "forwarding/kernel/full_dump.h"
 #include "forwarding/kernel/kernel_ages.h"
-#include "forwarding/kernel/kernel_decode.h"
 #include "forwarding/kernel/kernel_plane.h"
 #include "forwarding/kernel/kernel_query.h"
-#include "forwarding/kernel/kernel_socket.h"
+#include "forwarding/kernel/netlink/kernel_decode.h"
+#include "forwarding/kernel/netlink/kernel_socket.h"
 
 namespace forwarding {
 

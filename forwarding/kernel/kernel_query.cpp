@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "forwarding/kernel/kernel_decode.h"
-#include "forwarding/kernel/kernel_request.h"
+#include "forwarding/kernel/netlink/kernel_decode.h"
+#include "forwarding/kernel/netlink/kernel_request.h"
 
 namespace forwarding {
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "base/result.h"
-#include "forwarding/kernel/kernel_socket.h"
+#include "forwarding/kernel/netlink/kernel_socket.h"
 #include "forwarding/plane.h"
 
 namespace forwarding {

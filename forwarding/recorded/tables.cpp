@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "base/text.h"
-#include "forwarding/kernel/kernel_decode.h"
+#include "forwarding/kernel/netlink/kernel_decode.h"
 #include "forwarding/recorded/elements.h"
 
 namespace forwarding {

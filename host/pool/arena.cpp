@@ -54,9 +54,6 @@ struct slab_account {
 constinit slab_table table;
 constinit slab_account account;
 
-// Apart from the account, so that the account is all zero and takes no space in the library's file.
-constinit size_t limit L2FIB_GUARDED_BY(account.mutex) = max_slabs;
-
 // The slab that the keeper has prepared: open, without an owner, and touched.
 //
 // The first touch of a huge page clears 2 MiB, which takes hundreds of microseconds. The keeper is a thread that does
@@ -117,7 +114,7 @@ size_t index_of(const void *address) noexcept
 // Returns the index of a slab that is neither taken nor prepared, or no_slab.
 size_t pick() noexcept L2FIB_REQUIRES(account.mutex)
 {
-    if (!reserve() || account.taken >= limit) {
+    if (!reserve()) {
         return no_slab;
     }
     if (account.free_count != 0) {
@@ -254,7 +251,7 @@ void request_slab() noexcept L2FIB_REQUIRES(account.mutex)
 // Returns the prepared slab, which is open, or no_slab.
 size_t take_prepared() noexcept L2FIB_REQUIRES(account.mutex)
 {
-    return account.taken < limit ? std::exchange(keeper.prepared, no_slab) : no_slab;
+    return std::exchange(keeper.prepared, no_slab);
 }
 
 // Returns the index of an open slab, or no_slab. The prepared slab also serves if no other one is left.
@@ -327,16 +324,10 @@ bool arena_touch(void *start, size_t size) noexcept
     return true;
 }
 
-void arena_set_limit(size_t slabs) noexcept
-{
-    const base::scoped_lock hold(account.mutex);
-    limit = slabs;
-}
-
 void arena_read_statistics(arena_statistics *statistics) noexcept
 {
     const base::scoped_lock hold(account.mutex);
-    *statistics = {table.count.load(std::memory_order_relaxed), limit, account.taken, account.peak, account.refused};
+    *statistics = {table.count.load(std::memory_order_relaxed), account.taken, account.peak, account.refused};
 }
 
 } // namespace host

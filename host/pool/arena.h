@@ -37,15 +37,14 @@ enum class arena_pages {
 };
 
 struct arena_statistics {
-    size_t reserved; // slabs in the reserved address space; 0 before the first use
-    size_t limit;    // maximum number of slabs taken at once
+    size_t reserved; // slabs in the reserved address space, the most that can be taken; 0 before the first use
     size_t taken;    // slabs with an owner
     size_t peak;     // maximum of `taken` so far
     size_t refused;  // calls of arena_take that returned null
 };
 
 // Takes a zeroed slab for `owner`: an address that is not null and that no other owner has. The arena only compares it.
-// Returns null at the limit, without address space, and if the system refuses the memory.
+// Returns null without address space, and if the system refuses the memory.
 L2FIB_EXPORT void *arena_take(const void *owner, arena_pages pages = arena_pages::small) noexcept;
 
 // Gives a slab back. Ignores an address that is not the start of a taken slab.
@@ -57,9 +56,6 @@ L2FIB_EXPORT const void *arena_owner(const void *address) noexcept;
 // Makes the system provide memory for `size` bytes from `start`, so that their later use causes no page fault. Both are
 // multiples of the page size, inside a taken slab. Contents stay. False if the system has no memory.
 L2FIB_EXPORT bool arena_touch(void *start, size_t size) noexcept;
-
-// Sets the maximum number of slabs taken at once. Slabs that are taken already stay with their owners.
-L2FIB_EXPORT void arena_set_limit(size_t slabs) noexcept;
 
 L2FIB_EXPORT void arena_read_statistics(arena_statistics *statistics) noexcept;
 

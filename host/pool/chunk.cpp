@@ -50,7 +50,6 @@ constexpr size_t page_size = 4096;
 constexpr size_t cache_line = 64;
 constexpr uint64_t max_stretch = uint64_t{64} << 10; // bytes: 16 small pages, which bounds the time of one call
 constexpr uint32_t alignment = 8;
-constexpr uint64_t no_limit = UINT64_MAX;
 constexpr unsigned reciprocal_shift = 42; // see index_of
 constexpr uint32_t bits = 64;             // in a word of the map
 
@@ -81,7 +80,6 @@ struct alignas(cache_line) pool {
     uint32_t empty_slabs;
     std::atomic<uint64_t> in_use;
     std::atomic<uint64_t> peak;
-    std::atomic<uint64_t> limit;
     std::atomic<uint64_t> bytes;
     std::atomic<uint64_t> slabs;
     std::atomic<uint64_t> failures;
@@ -300,12 +298,9 @@ std::byte *hand_out(pool &p, slab *s, uint32_t index) noexcept
     return element;
 }
 
-// Returns the next element, live and zero. Null at the limit, or if the pool cannot grow.
+// Returns the next element, live and zero. Null if the pool cannot grow.
 std::byte *next_element(pool &p) noexcept
 {
-    if (value(p.in_use) >= value(p.limit)) {
-        return nullptr;
-    }
     if ((p.first == nullptr || is_full(p, p.first)) && !grow(p)) {
         return nullptr;
     }
@@ -383,7 +378,6 @@ void reset_counters(pool &p) noexcept
     for (auto *counter : {&p.in_use, &p.peak, &p.bytes, &p.slabs, &p.failures, &p.refused_frees}) {
         counter->store(0, std::memory_order_relaxed);
     }
-    p.limit.store(no_limit, std::memory_order_relaxed);
 }
 
 // Fills a free place of the table and adds the first slab, so that a pool that exists can hand out an element.
@@ -439,22 +433,11 @@ bool chunk_read_statistics(const chunk_pool_t *pool, chunk_statistics *statistic
     statistics->element_count = p->element_count;
     statistics->in_use = value(p->in_use);
     statistics->peak = value(p->peak);
-    statistics->limit = value(p->limit);
     statistics->bytes = value(p->bytes);
     statistics->slabs = value(p->slabs);
     statistics->failures = value(p->failures);
     statistics->refused_frees = value(p->refused_frees);
     return true;
-}
-
-bool chunk_set_limit(chunk_pool_t *pool, uint64_t elements) noexcept
-{
-    const base::scoped_lock hold(table.mutex);
-    auto *p = pool_of(pool);
-    if (p != nullptr) {
-        p->limit.store(elements, std::memory_order_relaxed);
-    }
-    return p != nullptr;
 }
 
 } // namespace host

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The figures of the chunk pools (platform/chunk.h), and a limit for each: memory in use, what it costs, and failures.
+// The figures of the chunk pools (platform/chunk.h): memory in use, what it costs, and failures.
 // Pools are found one after the other, so nobody has to publish a handle for this:
 //
 //      for (chunk_pool_t *pool = host::chunk_next(nullptr); pool != nullptr; pool = host::chunk_next(pool)) {
@@ -24,10 +24,9 @@ struct chunk_statistics {
     uint32_t element_count; // elements by which the pool grows
     uint64_t in_use;        // live elements
     uint64_t peak;          // maximum of `in_use` so far
-    uint64_t limit;         // maximum number of live elements
     uint64_t bytes;         // memory touched; with huge pages, the system may hold all of `slabs`
     uint64_t slabs;         // of arena_slab_size bytes each
-    uint64_t failures;      // calls of chunk_malloc without memory or at the limit
+    uint64_t failures;      // calls of chunk_malloc without memory
     uint64_t refused_frees; // calls of chunk_free with a pointer that is not a live element of the pool
 };
 
@@ -36,8 +35,5 @@ L2FIB_EXPORT chunk_pool_t *chunk_next(const chunk_pool_t *previous) noexcept;
 
 // False, with nothing stored, if `pool` does not exist (any more).
 L2FIB_EXPORT bool chunk_read_statistics(const chunk_pool_t *pool, chunk_statistics *statistics) noexcept;
-
-// Sets the maximum number of live elements. False if `pool` does not exist (any more).
-L2FIB_EXPORT bool chunk_set_limit(chunk_pool_t *pool, uint64_t elements) noexcept;
 
 } // namespace host

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The node memory of all ordered trees together: how much there is, and a bound on it.
+// How much node memory all ordered trees have together.
 //
 // Threads: any, without the locks of the trees.
 #pragma once
@@ -18,9 +18,5 @@ struct ordtree_memory_figures {
 };
 
 L2FIB_EXPORT ordtree_memory_figures ordtree_memory();
-
-// Bounds the nodes of all trees together; 0 takes the bound away. An insertion that would exceed the bound is refused.
-// Larger trees that exist already stay as they are.
-L2FIB_EXPORT void ordtree_set_node_limit(size_t nodes);
 
 } // namespace host

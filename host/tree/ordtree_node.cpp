@@ -28,7 +28,6 @@ struct node_memory {
     size_t slabs L2FIB_GUARDED_BY(mutex);
     size_t empty_slabs L2FIB_GUARDED_BY(mutex);
     size_t nodes L2FIB_GUARDED_BY(mutex);
-    size_t node_limit L2FIB_GUARDED_BY(mutex); // 0: no limit
 };
 
 constinit node_memory memory{};
@@ -115,11 +114,6 @@ void give_to(slab *to, node *unused) L2FIB_REQUIRES(memory.mutex)
     }
 }
 
-bool within_limit(unsigned more) L2FIB_REQUIRES(memory.mutex)
-{
-    return memory.node_limit == 0 || memory.nodes + more <= memory.node_limit;
-}
-
 void clear_header(node *unused)
 {
     __atomic_store_n(&unused->tree, nullptr, __ATOMIC_RELAXED);
@@ -146,9 +140,6 @@ node *node_at(const void *address) noexcept
 bool nodes_take(unsigned count, node *&list) noexcept
 {
     const base::scoped_lock hold(memory.mutex);
-    if (!within_limit(count)) {
-        return false;
-    }
     list = nullptr;
     for (; count > 0; count--) {
         slab *const from = memory.open != nullptr ? memory.open : map_slab();
@@ -187,12 +178,6 @@ ordtree_memory_figures ordtree_memory()
 {
     const base::scoped_lock hold(memory.mutex);
     return {memory.nodes, memory.nodes * btree::node_size, memory.slabs * arena_slab_size};
-}
-
-void ordtree_set_node_limit(size_t nodes)
-{
-    const base::scoped_lock hold(memory.mutex);
-    memory.node_limit = nodes;
 }
 
 } // namespace host

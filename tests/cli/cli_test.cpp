@@ -175,21 +175,20 @@ TEST(Printer, PrintsPartsOfARecordBelowIt)
 {
     const json item = json::parse(R"({"plane":"kernel","overruns":"0","unmapped":[{"reason":"no bridge","count":"2"}],
         "refused":[],"notes":["br,0: shown as br_0","x"],"memory":{"bytes":"5","pool":[{"name":"MAC pool",
-        "element-size":80,"in-use":"1","peak":"2","limit":"18446744073709551615","bytes":"98304","failures":"0","refused-frees":"3"}]}})");
-    EXPECT_EQ(
-        print(form::text, health, {item}),
-        "Forwarding plane:         kernel\n"
-        "Overruns:                 0\n"
-        "Unmapped:\n"
-        "      Count  Reason\n"
-        "          2  no bridge\n"
-        "Refused:                  -\n"
-        "Notes:                    br,0: shown as br_0, x\n"
-        "Memory:\n"
-        "  Bytes:                  5\n"
-        "  Pools:\n"
-        "    Pool                         Size     In Use       Peak      Limit       Bytes   Failures  Bad Frees\n"
-        "    MAC pool                       80          1          2       none       98304          0          3\n");
+        "element-size":80,"in-use":"1","peak":"2","bytes":"98304","failures":"0","refused-frees":"3"}]}})");
+    EXPECT_EQ(print(form::text, health, {item}),
+              "Forwarding plane:         kernel\n"
+              "Overruns:                 0\n"
+              "Unmapped:\n"
+              "      Count  Reason\n"
+              "          2  no bridge\n"
+              "Refused:                  -\n"
+              "Notes:                    br,0: shown as br_0, x\n"
+              "Memory:\n"
+              "  Bytes:                  5\n"
+              "  Pools:\n"
+              "    Pool                         Size     In Use       Peak       Bytes   Failures  Bad Frees\n"
+              "    MAC pool                       80          1          2       98304          0          3\n");
     EXPECT_EQ(json::parse(print(form::json, health, {item})), item);
 }
 

@@ -22,8 +22,8 @@
 #include "forwarding/running.h"
 #include "host/event/event_host.h"
 #include "l2fm_edm_table.h"
-#include "tests/support/event_loop.h"
-#include "tests/support/table_audit.h"
+#include "tests/support/host/event_loop.h"
+#include "tests/support/table/table_audit.h"
 
 namespace {
 

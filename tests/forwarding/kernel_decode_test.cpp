@@ -16,7 +16,7 @@
 #include <sys/socket.h>
 #include <vector>
 
-#include "forwarding/kernel/kernel_decode.h"
+#include "forwarding/kernel/netlink/kernel_decode.h"
 
 namespace {
 

@@ -24,10 +24,10 @@
 #include <vector>
 
 #include "forwarding/kernel/kernel_plane.h"
-#include "forwarding/kernel/kernel_privileges.h"
-#include "forwarding/kernel/kernel_request.h"
-#include "forwarding/kernel/kernel_socket.h"
-#include "tests/support/event_loop.h"
+#include "forwarding/kernel/netlink/kernel_privileges.h"
+#include "forwarding/kernel/netlink/kernel_request.h"
+#include "forwarding/kernel/netlink/kernel_socket.h"
+#include "tests/support/host/event_loop.h"
 
 namespace {
 
@@ -262,7 +262,7 @@ bool new_namespace()
     return unshare(CLONE_NEWNET) == 0;
 }
 
-class KernelPlane : public testing::Test {
+class own_namespace : public testing::Test {
 protected:
     void SetUp() override
     {
@@ -340,7 +340,7 @@ constexpr const char *steps[] = {
 };
 
 // Each step is seen both as it happens and by a plane that starts after it.
-TEST_F(KernelPlane, TellsWhatTheSystemLists)
+TEST_F(own_namespace, TellsWhatTheSystemLists)
 {
     running_plane live;
     ASSERT_TRUE(live.serve_until_clean()) << live.error;
@@ -359,7 +359,7 @@ TEST_F(KernelPlane, TellsWhatTheSystemLists)
     EXPECT_EQ(live.kernel->health().refused, 0U);
 }
 
-TEST_F(KernelPlane, LinksCarryWhatTheirKindTells)
+TEST_F(own_namespace, LinksCarryWhatTheirKindTells)
 {
     run("link add vx0 up type vxlan id 10 dstport 4789\n"
         "link add vxe type vxlan dstport 4790 external vnifilter\n"
@@ -385,7 +385,7 @@ TEST_F(KernelPlane, LinksCarryWhatTheirKindTells)
 }
 
 // None that lives may be missed, and what the dump's bytes say of one that was deleted meanwhile must not count.
-TEST_F(KernelPlane, RepeatsADumpThatDeletionsDisturbed)
+TEST_F(own_namespace, RepeatsADumpThatDeletionsDisturbed)
 {
     constexpr int entries = 8000;
     run_fdb("add", 0, entries);
@@ -400,7 +400,7 @@ TEST_F(KernelPlane, RepeatsADumpThatDeletionsDisturbed)
     EXPECT_EQ(reported(live.copy), truth(live.copy));
 }
 
-TEST_F(KernelPlane, AnOverrunBeginsANewGeneration)
+TEST_F(own_namespace, AnOverrunBeginsANewGeneration)
 {
     run_fdb("add", 0, 500);
     run("link add br5 type bridge");
@@ -430,7 +430,7 @@ double processor_seconds()
     return static_cast<double>(used.tv_sec) + static_cast<double>(used.tv_nsec) / 1e9;
 }
 
-TEST_F(KernelPlane, OverrunsDuringChurnTakeLittleTimeAndEndWithIt)
+TEST_F(own_namespace, OverrunsDuringChurnTakeLittleTimeAndEndWithIt)
 {
     run_fdb("add", 0, 500);
     running_plane live({.receive_buffer = 4096, .full_dump_interval_ms = 20});
@@ -455,7 +455,7 @@ TEST_F(KernelPlane, OverrunsDuringChurnTakeLittleTimeAndEndWithIt)
 }
 
 // Also when it fails, because links come and go during each dump of all links.
-TEST_F(KernelPlane, AProofListsEverythingAndLeavesThePlaneClean)
+TEST_F(own_namespace, AProofListsEverythingAndLeavesThePlaneClean)
 {
     for (int pair = 0; pair < 200; pair++) {
         run("link add type veth");
@@ -473,7 +473,7 @@ TEST_F(KernelPlane, AProofListsEverythingAndLeavesThePlaneClean)
     EXPECT_FALSE(seen_degraded());
 }
 
-TEST_F(KernelPlane, AListingOnDemandBeginsAfterTheDemand)
+TEST_F(own_namespace, AListingOnDemandBeginsAfterTheDemand)
 {
     run_fdb("add", 0, 8000);
     running_plane live({.full_dump_interval_ms = 200, .proof_interval_ms = 20});
@@ -493,7 +493,7 @@ TEST_F(KernelPlane, AListingOnDemandBeginsAfterTheDemand)
     EXPECT_EQ(live.kernel->health().full_dumps, 3U);
 }
 
-TEST_F(KernelPlane, AnswersForSingleEntries)
+TEST_F(own_namespace, AnswersForSingleEntries)
 {
     run("link add vx0 master br0 type vxlan id 10 dstport 4789\n"
         "fdb append 00:00:00:00:00:00 dev vx0 dst 10.0.0.1\n"
@@ -539,7 +539,7 @@ TEST_F(KernelPlane, AnswersForSingleEntries)
     EXPECT_EQ(answers[0].presence, fdb_presence::unknown);
 }
 
-TEST_F(KernelPlane, AgesOfAWholeBridgeAreNeverOlderThanTheirReader)
+TEST_F(own_namespace, AgesOfAWholeBridgeAreNeverOlderThanTheirReader)
 {
     run("link add br1 type bridge\nlink add p1 type veth peer name q1\nlink set p1 master br1\n"
         "fdb add 02:00:02:00:00:01 dev p1 master static");
@@ -595,7 +595,7 @@ TEST_F(KernelPlane, AgesOfAWholeBridgeAreNeverOlderThanTheirReader)
     EXPECT_EQ(count(fdb_presence::unknown), std::ssize(keys));
 }
 
-TEST_F(KernelPlane, LooksIntoTheNamespaceItIsGiven)
+TEST_F(own_namespace, LooksIntoTheNamespaceItIsGiven)
 {
     const int there = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
     ASSERT_TRUE(new_namespace());
@@ -609,7 +609,7 @@ TEST_F(KernelPlane, LooksIntoTheNamespaceItIsGiven)
     EXPECT_NE(nowhere.error.find("/run/netns/no-such-namespace: No such file"), std::string::npos) << nowhere.error;
 }
 
-TEST_F(KernelPlane, ReadsWithoutCapabilities)
+TEST_F(own_namespace, ReadsWithoutCapabilities)
 {
     std::thread([] {
         EXPECT_TRUE(kernel_give_up_capabilities().ok());
@@ -620,7 +620,7 @@ TEST_F(KernelPlane, ReadsWithoutCapabilities)
     }).join();
 }
 
-TEST_F(KernelPlane, SocketsRefuseStrangersAndWhatIsCutOff)
+TEST_F(own_namespace, SocketsRefuseStrangersAndWhatIsCutOff)
 {
     kernel_socket receiver;
     kernel_socket sender;
@@ -639,7 +639,7 @@ TEST_F(KernelPlane, SocketsRefuseStrangersAndWhatIsCutOff)
     EXPECT_EQ(kernel_socket_read(receiver, buffer, datagram), kernel_read::truncated);
 }
 
-TEST_F(KernelPlane, WhatWasNotifiedBeforeItsLinkDoesNotComeBack)
+TEST_F(own_namespace, WhatWasNotifiedBeforeItsLinkDoesNotComeBack)
 {
     running_plane live;
     run("fdb add 02:00:00:00:00:01 dev p0 master static");
@@ -658,7 +658,7 @@ void add_bridge_that_floods(const std::string &number)
 }
 
 // A VXLAN device whose entries were to be dumped with those of its bridge.
-TEST_F(KernelPlane, ABridgeThatGoesBeforeItsDumpTakesNothingAlong)
+TEST_F(own_namespace, ABridgeThatGoesBeforeItsDumpTakesNothingAlong)
 {
     for (const char *number : {"1", "2", "3"}) {
         add_bridge_that_floods(number);
@@ -675,7 +675,7 @@ TEST_F(KernelPlane, ABridgeThatGoesBeforeItsDumpTakesNothingAlong)
     EXPECT_EQ(reported(live.copy), truth(live.copy));
 }
 
-TEST_F(KernelPlane, ADeviceFromAnotherNamespaceBringsItsEntriesAlong)
+TEST_F(own_namespace, ADeviceFromAnotherNamespaceBringsItsEntriesAlong)
 {
     const std::string here = "/proc/" + std::to_string(getpid()) + "/task/" + std::to_string(gettid()) + "/ns/net";
     running_plane live;

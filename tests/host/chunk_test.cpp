@@ -19,7 +19,7 @@
 
 #include "host/pool/arena.h"
 #include "host/pool/chunk_statistics.h"
-#include "tests/support/pools.h"
+#include "tests/support/faults/no_slabs.h"
 
 namespace {
 
@@ -54,7 +54,6 @@ class chunk : public testing::Test {
 protected:
     void TearDown() override
     {
-        host::arena_set_limit(SIZE_MAX);
         EXPECT_EQ(slabs_taken(), 0u);
         EXPECT_EQ(host::chunk_next(nullptr), nullptr);
     }
@@ -203,11 +202,12 @@ TEST_F(chunk, RefusesDestroyedAndForeignPools)
     void *element = chunk_malloc(destroyed);
     chunk_destroy(destroyed);
     chunk_pool_t *successor = make_pool(88, 1000); // in the place of the destroyed one
+    host::chunk_statistics unchanged = {};
     for (chunk_pool_t *handle : {static_cast<chunk_pool_t *>(nullptr), destroyed, reinterpret_cast<chunk_pool_t *>(1),
                                  reinterpret_cast<chunk_pool_t *>(&destroyed)}) {
         EXPECT_EQ(chunk_malloc(handle), nullptr);
         EXPECT_EQ(chunk_free(handle, element), 0u);
-        EXPECT_FALSE(host::chunk_set_limit(handle, 0));
+        EXPECT_FALSE(host::chunk_read_statistics(handle, &unchanged));
         chunk_destroy(handle);
     }
     EXPECT_NE(chunk_malloc(successor), nullptr);
@@ -243,31 +243,54 @@ TEST_F(chunk, ChecksArgumentsOfCreation)
 void fill_one_slab(uint32_t size)
 {
     chunk_pool_t *pool = make_pool(size, 100);
-    EXPECT_EQ(make_pool(size, 100, "second"), nullptr);
     std::vector<char *> out;
-    while (char *element = take(pool)) {
-        out.push_back(element);
+    {
+        const test::no_slabs refused;
+        EXPECT_EQ(make_pool(size, 100, "second"), nullptr);
+        while (char *element = take(pool)) {
+            out.push_back(element);
+        }
     }
+    EXPECT_EQ(statistics_of(pool).slabs, 1u);
     EXPECT_EQ(out.size(), statistics_of(pool).in_use);
     EXPECT_GT(out.size() * size, arena_slab_size * 97 / 100);
     EXPECT_EQ(statistics_of(pool).failures, 1u);
     EXPECT_TRUE(std::all_of(out.begin(), out.end(), [=](char *element) { return consists_of(element, size, 0); }));
     EXPECT_NE(chunk_free(pool, out[5]), 0u);
     EXPECT_EQ(chunk_malloc(pool), out[5]);
-    host::arena_set_limit(2);
     EXPECT_NE(chunk_malloc(pool), nullptr);
-    EXPECT_TRUE(host::chunk_set_limit(pool, out.size() + 1));
-    EXPECT_EQ(chunk_malloc(pool), nullptr);
     chunk_destroy(pool);
 }
 
-TEST_F(chunk, GrowthFailsAtTheLimitAndRecovers)
+TEST_F(chunk, GrowthFailsWithoutASlabAndRecovers)
 {
     for (uint32_t size = 8; size < 512; size += 16) {
         SCOPED_TRACE(size);
-        host::arena_set_limit(1);
         fill_one_slab(size);
     }
+}
+
+TEST_F(chunk, GrowthFailsWithoutMemoryInASlabAndRecovers)
+{
+    interpose::madvise.refuse(interpose::every);
+    EXPECT_EQ(make_pool(88, 1), nullptr);
+    EXPECT_EQ(slabs_taken(), 0u) << "the slab is given back";
+    interpose::madvise.refuse(0);
+    chunk_pool_t *pool = make_pool(88, 1);
+    const uint64_t bytes = statistics_of(pool).bytes;
+    interpose::madvise.refuse(interpose::every);
+    while (take(pool) != nullptr) {}
+    EXPECT_EQ(take(pool), nullptr);
+    const auto refused = statistics_of(pool);
+    EXPECT_EQ(refused.bytes, bytes);
+    EXPECT_EQ(refused.failures, 2u);
+    EXPECT_LE(refused.in_use * 88, bytes);
+    interpose::madvise.refuse(0);
+    char *element = take(pool);
+    ASSERT_NE(element, nullptr);
+    EXPECT_TRUE(consists_of(element, 88, 0));
+    EXPECT_GT(statistics_of(pool).bytes, bytes);
+    chunk_destroy(pool);
 }
 
 TEST_F(chunk, KeepsOneEmptySlabAndReturnsTheOthers)
@@ -331,7 +354,11 @@ TEST_F(chunk, ArenaKnowsItsSlabsAndZeroesThemAgain)
     char *last = nullptr;
     EXPECT_EQ(host::arena_take(nullptr), nullptr);
     for (const auto pages : {host::arena_pages::huge, host::arena_pages::small}) {
+        interpose::mprotect.refuse(interpose::every);
+        EXPECT_EQ(host::arena_take(&owner), nullptr);
+        interpose::mprotect.refuse(0);
         char *slab = static_cast<char *>(host::arena_take(&owner, pages));
+        test::wait_for_keeper();
         EXPECT_EQ(reinterpret_cast<uintptr_t>(slab) % arena_slab_size, 0u);
         EXPECT_EQ(host::arena_owner(slab + arena_slab_size - 1), &owner);
         EXPECT_TRUE(host::arena_touch(slab, arena_slab_size));

@@ -17,7 +17,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "tests/support/event_loop.h"
+#include "tests/support/host/event_loop.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "platform/message.h"
-#include "tests/support/event_loop.h"
+#include "tests/support/host/event_loop.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "host/event/notification_host.h"
-#include "tests/support/event_loop.h"
+#include "tests/support/host/event_loop.h"
 
 namespace {
 

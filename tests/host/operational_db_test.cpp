@@ -19,8 +19,8 @@
 #include "host/event/event_host.h"
 #include "l2fib_mac_edm.h"
 #include "platform/l2fib.h"
-#include "tests/support/event_loop.h"
-#include "tests/support/requests.h"
+#include "tests/support/host/event_loop.h"
+#include "tests/support/host/requests.h"
 
 namespace {
 

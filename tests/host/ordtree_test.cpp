@@ -8,11 +8,13 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/tree_audit.h"
+#include "tests/support/faults/no_slabs.h"
+#include "tests/support/host/tree_audit.h"
 #include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <functional>
 #include <map>
 #include <numeric>
@@ -309,30 +311,64 @@ TEST(Ordtree, WalksWithoutASearchWhileRecordsLeave)
     }
 }
 
+// Trees of one node each, which use up the nodes of the slabs that there are.
+class ballast {
+public:
+    ~ballast()
+    {
+        while (!trees_.empty()) {
+            drop();
+        }
+    }
+
+    bool add()
+    {
+        auto &[tree, only] = trees_.emplace_back();
+        const bool is_added = init(tree, {true, 1}) == 0U && ordtree_insert(&tree, only.links) != nullptr;
+        if (!is_added) {
+            drop();
+        }
+        return is_added;
+    }
+
+    void drop()
+    {
+        ordtree_finish(&trees_.back().tree);
+        trees_.pop_back();
+    }
+
+private:
+    struct loaded {
+        ordtree_t tree{};
+        record only{};
+    };
+    std::deque<loaded> trees_; // which do not move
+};
+
 TEST(Ordtree, InsertsIntoAllIndexesOrNone)
 {
     TRACE_SEED();
+    ballast others;
+    ASSERT_TRUE(others.add());
+    const test::no_slabs refused;
     for (const kind &of : kinds) {
         auto records = numbered_records(6000);
         ordtree_t tree{};
         ASSERT_EQ(init(tree, of), 0U);
         unsigned refusals = 0;
         for (const uint32_t i : shuffled(static_cast<uint32_t>(records.size()))) {
-            const auto before = host::ordtree_memory().nodes;
-            for (size_t limit = std::max<size_t>(before, 1);; limit++) {
-                host::ordtree_set_node_limit(limit);
-                if (ordtree_insert(&tree, records[i].links) != nullptr) {
-                    break;
-                }
+            while (others.add()) {}
+            const auto all = host::ordtree_memory().nodes;
+            for (size_t free = 0; ordtree_insert(&tree, records[i].links) == nullptr; free++) {
                 refusals++;
                 ASSERT_TRUE(is_out(records[i]));
-                ASSERT_EQ(host::ordtree_memory().nodes, before);
+                ASSERT_EQ(host::ordtree_memory().nodes, all - free);
                 ASSERT_EQ(ordtree_search(&tree, records[i].links, of.index_count - 1), nullptr);
                 ASSERT_SOUND(tree);
-                ASSERT_LE(limit, before + 8);
+                ASSERT_LT(free, 8U);
+                others.drop();
             }
         }
-        host::ordtree_set_node_limit(0);
         EXPECT_GT(refusals, 100U);
         ASSERT_SOUND(tree);
 
@@ -344,7 +380,6 @@ TEST(Ordtree, InsertsIntoAllIndexesOrNone)
         EXPECT_EQ(is_out(half), of.index_count == 2);
         ASSERT_SOUND(tree);
         ordtree_finish(&tree);
-        EXPECT_EQ(host::ordtree_memory().nodes, 0U);
     }
 }
 
@@ -475,22 +510,22 @@ TEST(Ordtree, OrdersDescribedKeysLikeTheirComparator)
 
 TEST(Ordtree, SharesAndReturnsSlabs)
 {
-    host::arena_statistics arena{};
-    host::arena_read_statistics(&arena);
     std::vector<ordtree_t> trees(1500); // of two nodes each, more than a slab holds
     auto records = numbered_records(static_cast<uint32_t>(trees.size()));
     for (ordtree_t &each : trees) {
         ASSERT_EQ(init(each, {true, 2}), 0U);
     }
     for (int round = 0; round < 3; round++) {
-        host::arena_set_limit(1);
-        size_t filled = 0;
-        while (ordtree_insert(&trees[filled], records[filled].links) != nullptr) {
-            filled++;
+        ASSERT_NE(ordtree_insert(trees.data(), records[0].links), nullptr);
+        size_t filled = 1;
+        {
+            const test::no_slabs refused;
+            while (ordtree_insert(&trees[filled], records[filled].links) != nullptr) {
+                filled++;
+            }
         }
         EXPECT_EQ(host::ordtree_memory().nodes, filled * 2) << "a node that was of no use alone has to be free again";
         EXPECT_TRUE(is_out(records[filled]));
-        host::arena_set_limit(arena.limit);
         for (size_t i = filled; i < trees.size(); i++) {
             ASSERT_NE(ordtree_insert(&trees[i], records[i].links), nullptr);
         }

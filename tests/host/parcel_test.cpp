@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/decoded_record.h"
+#include "tests/support/host/decoded_record.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 
 #include "host/objects/l2fib_objects.h"
 #include "table/element.h"
-#include "tests/support/small_table.h"
-#include "tests/support/table_audit.h"
+#include "tests/support/table/small_table.h"
+#include "tests/support/table/table_audit.h"
 
 using namespace small_table;
 
@@ -37,7 +37,7 @@ protected:
     feed_or_batch &operator=(const feed_or_batch &) = delete;
 };
 
-INSTANTIATE_TEST_SUITE_P(feed, feed_or_batch, testing::Bool());
+INSTANTIATE_TEST_SUITE_P(Feed, feed_or_batch, testing::Bool());
 
 TEST_P(feed_or_batch, TracesEachFailure)
 {

@@ -2,8 +2,8 @@
 
 // What the handlers answer when a call of the platform fails. Functions that are defined here win over those of the
 // libraries and forward to them. The address sanitizer checks that nothing leaks.
-#include "tests/support/interpose.h"
-#include "tests/support/served_module.h"
+#include "tests/support/faults/interpose.h"
+#include "tests/support/module/served_module.h"
 
 #include <atomic>
 #include <cstdlib>

@@ -8,9 +8,8 @@
 #include <set>
 #include <sstream>
 
-#include "tests/support/pools.h"
-#include "tests/support/reference_table.h"
-#include "tests/support/served_module.h"
+#include "tests/support/module/served_module.h"
+#include "tests/support/table/reference_table.h"
 #include "tests/support/words.h"
 
 using namespace reference_table;
@@ -250,7 +249,7 @@ public:
     ~asked_tables()
     {
         for (const char *name : pool_names) {
-            host::chunk_set_limit(test::find_pool(name), UINT64_MAX);
+            small_table::refuse_elements(name, false);
         }
         for (const uint32_t xcid : xcids) {
             l2fm_edm_table_bp_destroy(xcid);

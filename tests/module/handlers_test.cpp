@@ -1,14 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The handlers as a requester sees them: a path in, pages of items out.
-#include "host/utility_host.h"
-#include "tests/support/served_module.h"
+#include "tests/support/module/served_module.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <numeric>
 #include <set>
 #include <sstream>
+
+#include "platform/utility.h"
+
+// The host has one node; here all interfaces belong to another one than this.
+extern "C" uint32_t platform_get_my_nodeid(uint32_t *node_id)
+{
+    *node_id = 5;
+    return 0;
+}
+
+extern "C" uint32_t platform_ifhandle_parse_ifhandle(uint32_t, uint32_t *node_id)
+{
+    *node_id = 6;
+    return 0;
+}
 
 namespace {
 
@@ -352,8 +366,6 @@ TEST_F(served_module, FillsRecordsFromThePortAndTheFlags)
         {2, 0x2400, 0x40000000, 8, "xcid=4294967295 seg_type=0 bmac_valid=0", nullptr, "3 aux_value_alt=0"},
     };
     domain(1, "g:a");
-    host::node_id_set(5);
-    host::interface_node_set(0x77, 6);
     for (const uint32_t type : {2u, 3u, 4u, 5u, 33u, 6u}) {
         const host::segment segment = {type, 0x77, 30, L2FIB_INTERFACE_SUB_KIND_23, 23, 440, {540, 0, 0, 543}};
         ASSERT_EQ(host::cross_connect_set(type, {.field_126 = 1260, .first = segment}), 0u);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The table lock: recursion, the record of a take that waits, misuse, and no wait for a resync while it is held.
-#include "tests/support/module_scenario.h"
+#include "tests/support/module/module_scenario.h"
 
 #include <atomic>
 

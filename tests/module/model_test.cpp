@@ -7,9 +7,9 @@
 #include <sys/mman.h>
 
 #include "table/element.h"
-#include "tests/support/interpose.h"
-#include "tests/support/reference_table.h"
-#include "tests/support/table_audit.h"
+#include "tests/support/faults/interpose.h"
+#include "tests/support/table/reference_table.h"
+#include "tests/support/table/table_audit.h"
 
 using namespace small_table;
 using namespace reference_table;

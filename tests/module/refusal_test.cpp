@@ -16,9 +16,9 @@
 #include "platform/chunk.h"
 #include "platform/l2fib.h"
 #include "platform/utility.h"
-#include "tests/support/interpose.h"
-#include "tests/support/small_table.h"
-#include "tests/support/table_audit.h"
+#include "tests/support/faults/interpose.h"
+#include "tests/support/table/small_table.h"
+#include "tests/support/table/table_audit.h"
 
 using namespace small_table;
 
@@ -33,9 +33,7 @@ bool refused_deletion_deletes = true;
 INTERPOSE(chunk_pool_t *, chunk_create,
           (const char *name, uint32_t size, uint32_t count, uint32_t flags, uint32_t a, uint32_t b),
           (name, size, count, flags, a, b), nullptr)
-INTERPOSE(void *, chunk_malloc, (chunk_pool_t * pool), (pool), nullptr)
 INTERPOSE(uint32_t, chunk_free, (chunk_pool_t * pool, void *element), (pool, element), (real(pool, element), 0u))
-INTERPOSE(ordtree_link_t *, ordtree_insert, (ordtree_t * tree, ordtree_link_t *node), (tree, node), nullptr)
 INTERPOSE(ordtree_link_t *, ordtree_delete, (ordtree_t * tree, ordtree_link_t *node), (tree, node),
           (refused_deletion_deletes ? real(tree, node) : nullptr, nullptr))
 INTERPOSE(uint32_t, l2fib_get_plat_ctx_by_id, (uint32_t object_class, uint32_t id, l2fib_ctx_t *ctx),
@@ -45,8 +43,6 @@ INTERPOSE(uint32_t, l2fib_get_seg1_by_seg2,
           (object_class, ctx, type, segment), EIO)
 INTERPOSE(uint32_t, l2fib_access_field, (uint32_t object_class, const l2fib_ctx_t *ctx, uint32_t field, void *value),
           (object_class, ctx, field, value), EIO)
-INTERPOSE(uint32_t, platform_get_my_nodeid, (uint32_t * node_id), (node_id), EIO)
-INTERPOSE(uint32_t, platform_ifhandle_parse_ifhandle, (uint32_t ifhandle, uint32_t *node_id), (ifhandle, node_id), EIO)
 INTERPOSE_OPERATION(ordtree_init)
 
 extern "C" uint32_t ordtree_init(ordtree_t *tree, uint32_t index_count, ordtree_node_to_entry_fn node_to_entry, ...)

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The resync exchange and the removal notifications, with the module running on the host's services.
-#include "tests/support/module_scenario.h"
+#include "tests/support/module/module_scenario.h"
 
 #include <algorithm>
 #include <cstring>

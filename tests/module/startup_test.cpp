@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The start of the module: what runs afterwards, and what is left when a step fails.
-#include "tests/support/module_scenario.h"
+#include "tests/support/module/module_scenario.h"
 
 #include <cstring>
 

@@ -13,9 +13,9 @@
 
 #include "host/event/notification_host.h"
 #include "host/objects/l2fib_objects.h"
-#include "tests/support/event_loop.h"
-#include "tests/support/served_module.h"
-#include "tests/support/table_audit.h"
+#include "tests/support/host/event_loop.h"
+#include "tests/support/module/served_module.h"
+#include "tests/support/table/table_audit.h"
 
 namespace {
 

@@ -13,8 +13,8 @@
 #include "host/pool/chunk_statistics.h"
 #include "host/tree/ordtree_memory.h"
 #include "table/element.h"
-#include "tests/support/small_table.h"
-#include "tests/support/table_audit.h"
+#include "tests/support/table/small_table.h"
+#include "tests/support/table/table_audit.h"
 
 using namespace small_table;
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // Starts and ends the module in a process of its own, so that each case begins with a module that never ran. For one
-// source of a test program, together with tests/support/interpose.h, which makes calls of the platform fail.
+// source of a test program, together with tests/support/faults/interpose.h, which makes calls of the platform fail.
 #pragma once
 
 #include <csignal>
@@ -20,10 +20,10 @@
 #include "l2fib_mac_edm.h"
 #include "platform/l2fib.h"
 #include "platform/message.h"
-#include "tests/support/event_loop.h"
-#include "tests/support/interpose.h"
-#include "tests/support/new_traces.h"
-#include "tests/support/small_table.h"
+#include "tests/support/faults/interpose.h"
+#include "tests/support/host/event_loop.h"
+#include "tests/support/host/new_traces.h"
+#include "tests/support/table/small_table.h"
 #include "tests/support/words.h"
 
 namespace scenario {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/kernel/kernel_socket.h"
+#include "forwarding/kernel/netlink/kernel_socket.h"
 
 #include <cerrno>
 #include <libmnl/libmnl.h>

@@ -20,10 +20,10 @@
 #include "host/trace/trace_reader.h"
 #include "l2fm_edm_table.h"
 #include "platform/event.h"
-#include "tests/support/decoded_record.h"
-#include "tests/support/new_traces.h"
-#include "tests/support/requests.h"
-#include "tests/support/table_audit.h"
+#include "tests/support/host/decoded_record.h"
+#include "tests/support/host/new_traces.h"
+#include "tests/support/host/requests.h"
+#include "tests/support/table/table_audit.h"
 
 namespace served {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "tests/support/tree_audit.h"
+#include "tests/support/host/tree_audit.h"
 
 #include <vector>
 

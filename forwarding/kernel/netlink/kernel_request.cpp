@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/kernel/kernel_request.h"
+#include "forwarding/kernel/netlink/kernel_request.h"
 
 #include <libmnl/libmnl.h>
 #include <linux/if_link.h>

@@ -18,9 +18,7 @@
 #include <random>
 
 #include "host/objects/l2fib_objects.h"
-#include "host/pool/chunk_statistics.h"
-#include "tests/support/pools.h"
-#include "tests/support/small_table.h"
+#include "tests/support/table/small_table.h"
 
 namespace reference_table {
 
@@ -422,7 +420,7 @@ private:
     void fill_or_empty_pool(uint32_t pool)
     {
         ref.full[pool] = below(4) == 0;
-        EXPECT_TRUE(host::chunk_set_limit(test::find_pool(pool_names[pool]), ref.full[pool] ? 0 : UINT64_MAX));
+        small_table::refuse_elements(pool_names[pool], ref.full[pool]);
     }
 
     void change_surroundings()

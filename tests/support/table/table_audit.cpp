@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "tests/support/table_audit.h"
+#include "tests/support/table/table_audit.h"
 
 #include <cstring>
 #include <map>
@@ -11,8 +11,8 @@
 #include "host/pool/chunk_statistics.h"
 #include "l2fm_edm_table.h"
 #include "table/element.h"
-#include "tests/support/pools.h"
-#include "tests/support/tree_audit.h"
+#include "tests/support/host/pools.h"
+#include "tests/support/host/tree_audit.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/kernel/kernel_privileges.h"
+#include "forwarding/kernel/netlink/kernel_privileges.h"
 
 #include <cerrno>
 #include <cstdint>

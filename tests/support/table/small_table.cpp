@@ -1,21 +1,56 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "tests/support/small_table.h"
+#include "tests/support/table/small_table.h"
 
-#include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <map>
+#include <set>
 #include <sstream>
 
 #include "host/objects/l2fib_objects.h"
-#include "host/pool/chunk_statistics.h"
 #include "host/trace/trace_reader.h"
-#include "host/tree/ordtree_memory.h"
-#include "host/utility_host.h"
+#include "platform/utility.h"
 #include "table/element.h"
-#include "tests/support/new_traces.h"
-#include "tests/support/pools.h"
-#include "tests/support/table_audit.h"
+#include "tests/support/host/new_traces.h"
+#include "tests/support/host/pools.h"
+#include "tests/support/table/table_audit.h"
+
+namespace {
+
+std::set<const chunk_pool_t *> refused_pools;
+
+} // namespace
+
+extern "C" void *chunk_malloc(chunk_pool_t *pool)
+{
+    static const auto real = INTERPOSE_HIDDEN(chunk_malloc);
+    return interpose::chunk_malloc.meet() || refused_pools.contains(pool) ? nullptr : real(pool);
+}
+
+extern "C" ordtree_link_t *ordtree_insert(ordtree_t *tree, ordtree_link_t *node)
+{
+    static const auto real = INTERPOSE_HIDDEN(ordtree_insert);
+    return interpose::ordtree_insert.meet() ? nullptr : real(tree, node);
+}
+
+extern "C" uint32_t platform_get_my_nodeid(uint32_t *node_id)
+{
+    if (interpose::platform_get_my_nodeid.meet()) {
+        return EIO;
+    }
+    *node_id = small_table::own_node;
+    return 0;
+}
+
+extern "C" uint32_t platform_ifhandle_parse_ifhandle(uint32_t ifhandle, uint32_t *node_id)
+{
+    if (interpose::platform_ifhandle_parse_ifhandle.meet() || ifhandle == 0) {
+        return EIO;
+    }
+    *node_id = ifhandle == small_table::interface_handle ? small_table::interface_node : small_table::own_node;
+    return 0;
+}
 
 namespace small_table {
 
@@ -97,9 +132,10 @@ std::string value_text(uint64_t value)
     return name == names.end() ? std::to_string(value) : name->second;
 }
 
-uint32_t empty_pool(const char *name)
+uint32_t fill_pool(const char *name)
 {
-    return host::chunk_set_limit(test::find_pool(name), 0) ? 0 : EDM_ERR_NOT_FOUND;
+    refuse_elements(name, true);
+    return 0;
 }
 
 // The numbers of a step; those that are not given are 0.
@@ -122,14 +158,11 @@ const std::map<std::string, verb> verbs = {
     {"update", [](const numbers &n) { return l2fm_edm_table_bp_update(l2fm_edm_table_bp_get_by_xcid(n[0]), n[1]); }},
     {"limit", [](const numbers &n) { return l2fib_mac_edm_defn_init(&limit, n[0]); }},
     {"undefine", [](const numbers &) { return hw_edm_pool = nullptr, 0u; }},
-    {"full MAC", [](const numbers &) { return empty_pool("EDM-MAC Chunk"); }},
-    {"full BP", [](const numbers &) { return empty_pool("EDM-BP Chunk"); }},
-    {"full BD", [](const numbers &) { return empty_pool("EDM-BD Chunk"); }},
-    {"full VTEP", [](const numbers &) { return empty_pool("EDM-MAC Vtep DB Chunk"); }},
-    {"full trees",
-     [](const numbers &) {
-         return host::ordtree_set_node_limit(std::max<size_t>(host::ordtree_memory().nodes, 1)), 0u;
-     }},
+    {"full MAC", [](const numbers &) { return fill_pool("EDM-MAC Chunk"); }},
+    {"full BP", [](const numbers &) { return fill_pool("EDM-BP Chunk"); }},
+    {"full BD", [](const numbers &) { return fill_pool("EDM-BD Chunk"); }},
+    {"full VTEP", [](const numbers &) { return fill_pool("EDM-MAC Vtep DB Chunk"); }},
+    {"full trees", [](const numbers &) { return interpose::ordtree_insert.refuse(interpose::every), 0u; }},
     {"kind", [](const numbers &n) { return set_port(n[0], n[1]), 0u; }},
     {"remove", [](const numbers &n) { return host::cross_connect_remove(n[0]); }},
 };
@@ -184,14 +217,24 @@ void make_objects()
     for (const auto &[xcid, segment_type] : ports) {
         set_port(xcid, segment_type);
     }
-    host::node_id_set(own_node);
-    ASSERT_EQ(host::interface_node_set(interface_handle, interface_node), 0u);
+}
+
+void refuse_elements(const char *pool_name, bool is_refused)
+{
+    const chunk_pool_t *pool = test::find_pool(pool_name);
+    ASSERT_NE(pool, nullptr) << pool_name;
+    if (is_refused) {
+        refused_pools.insert(pool);
+    } else {
+        refused_pools.erase(pool);
+    }
 }
 
 void start()
 {
     make_objects();
-    host::ordtree_set_node_limit(0);
+    refused_pools.clear();
+    interpose::ordtree_insert.refuse(0);
     ASSERT_EQ(l2fm_edm_table_init(), 0u);
     ASSERT_EQ(l2fib_mac_edm_defn_init(&limit, 1000), 0u);
     test::skip_traces();

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/kernel/kernel_decode.h"
+#include "forwarding/kernel/netlink/kernel_decode.h"
 
 #include <algorithm>
 #include <arpa/inet.h>

@@ -13,6 +13,13 @@
 #include <vector>
 
 #include "l2fm_edm_table.h"
+#include "tests/support/faults/interpose.h"
+
+// small_table.cpp defines these operations for every program that uses it.
+INTERPOSE_OPERATION(chunk_malloc)
+INTERPOSE_OPERATION(ordtree_insert)
+INTERPOSE_OPERATION(platform_get_my_nodeid)
+INTERPOSE_OPERATION(platform_ifhandle_parse_ifhandle)
 
 namespace small_table {
 
@@ -46,6 +53,9 @@ constexpr uint32_t seg_info1_of(uint32_t xcid)
 void make_objects();
 void start(); // objects, an empty table, the limit at 1000
 void stop();  // audits, tears down, and audits that nothing is left
+
+// Whether the pool hands out no more elements. start() makes all pools hand them out.
+void refuse_elements(const char *pool_name, bool is_refused);
 
 void set_port(uint32_t xcid, uint32_t segment_type); // in the forwarding manager
 
@@ -89,7 +99,7 @@ std::string take_traces();
 //     update XCID BRIDGE_ID                     updates the port
 //     limit NUMBER, undefine                    the MAC entry limit
 //     full MAC, full BP, full BD, full VTEP     the pool hands out no more elements
-//     full trees                                trees get no more nodes
+//     full trees                                trees accept no more records
 //     kind XCID SEGMENT_TYPE, remove XCID       in the forwarding manager
 uint32_t run(const std::string &steps);
 
