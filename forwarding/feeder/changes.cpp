@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "forwarding/feeder/table_hold.h"
+#include "forwarding/feeder/cache/table_hold.h"
 
 namespace forwarding {
 namespace {

@@ -14,8 +14,8 @@
 
 #include <atomic>
 
-#include "forwarding/feeder/cache_feed.h"
-#include "forwarding/feeder/condition.h"
+#include "forwarding/feeder/cache/cache_feed.h"
+#include "forwarding/feeder/proof/condition.h"
 
 namespace forwarding {
 

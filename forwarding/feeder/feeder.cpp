@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "forwarding/feeder/table_hold.h"
+#include "forwarding/feeder/cache/table_hold.h"
 #include "host/event/event_host.h"
 #include "host/event/notification_host.h"
 

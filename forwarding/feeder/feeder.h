@@ -9,11 +9,12 @@
 //        +--------------------------+-----> views for other threads
 //
 // The parts, each in a header of its own:
-//  - registry: bridge domains and ports with their views; numbering: their ids; entry_counters and tunnel_ends: what is
-//    counted beside the table;
-//  - changes: the queue of changes (change_queue) and the feed of single entries (cache_feed, placement); cache_limit:
-//    entries without room; doubt, proof and sample: questions to the plane; condition: what answers are worth;
-//  - resync_server: resyncs; table_answers: questions of other threads.
+//  - objects/: registry: bridge domains and ports with their views; numbering: their ids; entry_counters and
+//    tunnel_ends: what is counted beside the table;
+//  - cache/: cache_feed and placement: the feed of single entries; cache_limit: entries without room;
+//  - proof/: doubt, proof and sample: questions to the plane; condition: what answers are worth;
+//  - answers/: table_answers: questions of other threads;
+//  - here: changes and change_queue: live changes; resync_server: resyncs.
 //
 // A part refers only to parts that are declared before it.
 //
@@ -36,9 +37,9 @@
 #include <vector>
 
 #include "base/result.h"
-#include "forwarding/feeder/answers.h"
+#include "forwarding/feeder/answers/answers.h"
+#include "forwarding/feeder/proof/sample.h"
 #include "forwarding/feeder/resync_server.h"
-#include "forwarding/feeder/sample.h"
 
 namespace forwarding {
 

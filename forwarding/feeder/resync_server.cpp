@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "forwarding/feeder/table_hold.h"
+#include "forwarding/feeder/cache/table_hold.h"
 #include "host/event/event_host.h"
 
 namespace forwarding {

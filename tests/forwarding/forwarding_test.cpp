@@ -14,8 +14,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "forwarding/feeder/ids.h"
-#include "forwarding/feeder/reading.h"
+#include "forwarding/feeder/answers/reading.h"
+#include "forwarding/feeder/objects/ids.h"
 #include "forwarding/generated/generate.h"
 #include "forwarding/mapping.h"
 #include "forwarding/recorded/replay.h"

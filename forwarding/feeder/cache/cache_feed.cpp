@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/cache_feed.h"
+#include "forwarding/feeder/cache/cache_feed.h"
 
 #include <cstring>
 
 #include <arpa/inet.h>
 
-#include "forwarding/feeder/table_hold.h"
+#include "forwarding/feeder/cache/table_hold.h"
 
 namespace forwarding {
 namespace {

@@ -11,8 +11,8 @@
 
 #include <atomic>
 
-#include "forwarding/feeder/limit.h"
-#include "forwarding/feeder/placement.h"
+#include "forwarding/feeder/cache/limit.h"
+#include "forwarding/feeder/cache/placement.h"
 
 namespace forwarding {
 

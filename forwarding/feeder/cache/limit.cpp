@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/limit.h"
+#include "forwarding/feeder/cache/limit.h"
 
 namespace forwarding {
 namespace {

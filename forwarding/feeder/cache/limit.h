@@ -14,11 +14,11 @@
 #include <deque>
 #include <optional>
 
-#include "forwarding/feeder/cached.h"
+#include "forwarding/feeder/cache/cached.h"
+#include "forwarding/feeder/cache/placement.h"
 #include "forwarding/feeder/change_queue.h"
 #include "forwarding/feeder/context.h"
-#include "forwarding/feeder/placement.h"
-#include "forwarding/feeder/registry.h"
+#include "forwarding/feeder/objects/registry.h"
 
 namespace forwarding {
 

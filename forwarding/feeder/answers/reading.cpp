@@ -6,7 +6,7 @@
 //  3. Adds names, VNIs and times.
 //
 // find_rows and select_ahead look into the shadow table first, on the cache thread.
-#include "forwarding/feeder/reading.h"
+#include "forwarding/feeder/answers/reading.h"
 
 #include <algorithm>
 #include <array>
@@ -15,10 +15,10 @@
 #include <ctime>
 #include <span>
 
-#include "forwarding/feeder/asking.h"
+#include "forwarding/feeder/answers/asking.h"
+#include "forwarding/feeder/answers/row.h"
+#include "forwarding/feeder/cache/table_hold.h"
 #include "forwarding/feeder/feeder.h"
-#include "forwarding/feeder/row.h"
-#include "forwarding/feeder/table_hold.h"
 #include "platform/utility.h"
 
 namespace forwarding {

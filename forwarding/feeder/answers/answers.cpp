@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/answers.h"
+#include "forwarding/feeder/answers/answers.h"
 
 #include <algorithm>
 #include <chrono>
 #include <limits>
 
-#include "forwarding/feeder/row.h"
+#include "forwarding/feeder/answers/row.h"
 
 namespace forwarding {
 namespace {
@@ -20,8 +20,8 @@ bool is_behind(const order_position &from, uint64_t value, uint32_t slot)
 }
 
 // Selects the first `max_keys` of the keys that it takes, with memory for half as many more. Whenever the memory is
-// full, the largest keys go. From then on `last`, the largest key kept, rules out keys behind it. With `max_keys` = 2 and
-// the values 5 9 3 7 8 1:
+// full, the largest keys go. From then on `last`, the largest key kept, rules out keys behind it. With `max_keys` = 2
+// and the values 5 9 3 7 8 1:
 //
 //      5 9 3 7   full: keep 3 5, last = 5
 //      3 5       8 is behind last and skipped
