@@ -25,6 +25,11 @@ bool cache_limit::cache_is_full() const
     return cached_entries() >= context_.settings.mac_limit;
 }
 
+bool cache_limit::has_room_for(size_t entries) const
+{
+    return cached_entries() + entries <= context_.settings.mac_limit;
+}
+
 std::optional<newest_entry> cache_limit::newest_of_full_cache() const
 {
     return cache_is_full() ? newest_in_cache() : std::nullopt;
