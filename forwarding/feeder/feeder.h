@@ -3,7 +3,7 @@
 // Keeps the cache equal to the shadow table, and answers questions about both. The feeder owns the shadow table and its
 // parts, passes the reports of the shadow table to them, and offers to other threads what these may call.
 //
-//      plane --> shadow_table --> feeder --> changes --> l2fib_mac_edm_add, l2fm_edm_table_mac_destroy
+//      plane --> shadow_table --> feeder --> changes --> l2fib_mac_edm_add_batch, l2fm_edm_table_mac_destroy
 //        ^                          |  \--> registry --> objects and removal notifications (host/)
 //        |      queries             |
 //        +--------------------------+-----> views for other threads
