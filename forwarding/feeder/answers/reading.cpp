@@ -118,7 +118,7 @@ l2fm_edm_bp_t *port_at(const place &at) L2FIB_REQUIRES_TABLE_LOCK
 }
 
 // Under the table lock. Null if the table has no such entry on the port.
-const l2fm_edm_mac_t *entry_at(const place &at, const mac_address &mac)
+const l2fm_edm_mac_t *entry_at(const place &at, const mac_address &mac) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (at.second != EDM_XCID_DUMMY) {
         return l2fm_edm_table_mac_get_by_xcid_mac(at.second, mac.data());
@@ -129,7 +129,8 @@ const l2fm_edm_mac_t *entry_at(const place &at, const mac_address &mac)
 
 // Finds up to looks_at_once entries. They may be anywhere in memory, so the processor fetches all of them at once.
 // Under the table lock.
-void find_entries(std::span<const ordered_entry> wanted, std::span<const l2fm_edm_mac_t *> found)
+void find_entries(std::span<const ordered_entry> wanted,
+                  std::span<const l2fm_edm_mac_t *> found) L2FIB_REQUIRES_TABLE_LOCK
 {
     for (size_t at = 0; at < wanted.size(); at++) {
         found[at] = entry_at({wanted[at].bridge_id, wanted[at].xcid}, wanted[at].key.mac);
@@ -514,8 +515,10 @@ int64_t steady_ms()
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-// Reads the rows of entries from the table, in their order. An entry that left its port meanwhile gets no row.
-void read_entries(feeder &feed, std::span<const ordered_entry> wanted, uint64_t began, row_page &page)
+// Reads the rows of entries from the table, in their order. An entry that left its port meanwhile gets no row. Under
+// the table lock.
+void read_entries(feeder &feed, std::span<const ordered_entry> wanted, uint64_t began,
+                  row_page &page) L2FIB_REQUIRES_TABLE_LOCK
 {
     std::array<const l2fm_edm_mac_t *, looks_at_once> found;
     for (size_t at = 0; at < wanted.size(); at++) {
