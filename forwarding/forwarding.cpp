@@ -10,9 +10,9 @@
 #include <unistd.h>
 
 #include "base/mutex.h"
-#include "forwarding/feeder/asking.h"
+#include "forwarding/feeder/answers/asking.h"
+#include "forwarding/feeder/cache/table_hold.h"
 #include "forwarding/feeder/feeder.h"
-#include "forwarding/feeder/table_hold.h"
 #include "forwarding/generated/generate.h"
 #include "forwarding/kernel/kernel_plane.h"
 #include "forwarding/kernel/netlink/kernel_privileges.h"

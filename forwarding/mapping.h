@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Conversion of the kernel's terms to the module's: flags, descriptors and names. Ids are handed out by feeder/ids.h.
+// Conversion of the kernel's terms to the module's: flags, descriptors and names. Ids are handed out by
+// feeder/objects/ids.h.
 //
 //      kernel                      module
 //      bridge, VLAN                bridge id, full name

@@ -17,7 +17,7 @@
 #include <optional>
 
 #include "base/mutex.h"
-#include "forwarding/feeder/reading.h"
+#include "forwarding/feeder/answers/reading.h"
 
 namespace l2fibd {
 

@@ -7,7 +7,7 @@
 #pragma once
 
 #include "daemon/api/json_writer.h"
-#include "forwarding/feeder/reading.h"
+#include "forwarding/feeder/answers/reading.h"
 #include "forwarding/forwarding.h"
 #include "host/trace/trace_reader.h"
 

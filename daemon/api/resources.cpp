@@ -16,7 +16,7 @@
 #include "daemon/api/records.h"
 #include "daemon/api/sources.h"
 #include "daemon/http/target.h"
-#include "forwarding/feeder/reading.h"
+#include "forwarding/feeder/answers/reading.h"
 #include "forwarding/forwarding.h"
 
 namespace l2fibd {

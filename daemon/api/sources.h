@@ -14,7 +14,7 @@
 
 #include "daemon/api/kept_selections.h"
 #include "daemon/api/list.h"
-#include "forwarding/feeder/reading.h"
+#include "forwarding/feeder/answers/reading.h"
 
 namespace l2fibd {
 

@@ -3,17 +3,16 @@
 #include "forwarding/feeder/changes.h"
 
 #include <algorithm>
+#include <span>
 #include <vector>
 
-#include "forwarding/feeder/table_hold.h"
+#include "forwarding/feeder/cache/table_hold.h"
 
 namespace forwarding {
 namespace {
 
-// Entries that the thread settles before it looks at other events, and entries that it settles during one hold of the
-// table lock.
+// Entries that the thread settles before it looks at other events.
 constexpr size_t slice_size = 2048;
-constexpr size_t hold_size = 64;
 static_assert(slice_size % query_batch == 0);
 // Entries that one refill tries at most, because it holds the table lock meanwhile.
 constexpr size_t refill_size = 512;
@@ -116,13 +115,10 @@ size_t changes::settle_slice()
         slice[at] = queue_[at];
     }
     doubt_.ask_before_settling(slice);
-    for (size_t settled = 0; settled < slice.size();) {
+    for (size_t begin = 0; begin < slice.size(); begin += cache_feed::max_batch) {
+        const size_t size = std::min(cache_feed::max_batch, slice.size() - begin);
         const table_hold hold;
-        for (size_t held = 0; held < hold_size && settled < slice.size(); held++) {
-            cache_.settle(slice[settled]); // throws if memory runs out; the entry then stays in the queue
-            queue_.settled();
-            settled++;
-        }
+        cache_.settle_queued(std::span(slice).subspan(begin, size));
     }
     return slice.size();
 }

@@ -2,7 +2,7 @@
 
 // Keeps the cache equal to the shadow table: follows each report about an entry, and settles the queue of changes.
 //
-//      touched --> queue --(20 ms later)--> flush --> slices --> cache_feed::settle
+//      touched --> queue --(20 ms later)--> flush --> slices --> cache_feed::settle_queued
 //                                                       |
 //                                                       +-- entries in doubt: the plane is asked first (doubt.h)
 //
@@ -14,8 +14,8 @@
 
 #include <atomic>
 
-#include "forwarding/feeder/cache_feed.h"
-#include "forwarding/feeder/condition.h"
+#include "forwarding/feeder/cache/cache_feed.h"
+#include "forwarding/feeder/proof/condition.h"
 
 namespace forwarding {
 

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "forwarding/feeder/table_hold.h"
+#include "forwarding/feeder/cache/table_hold.h"
 #include "host/event/event_host.h"
 #include "host/event/notification_host.h"
 
@@ -26,7 +26,7 @@ feeder::feeder(plane &source, feeder_settings settings)
     , changes_(context_, counters_, queue_, cache_, limit_, ids_, doubt_, condition_)
     , proof_(context_, counters_, doubt_, condition_)
     , sample_(context_, doubt_, proof_)
-    , resyncs_(context_, registry_, counters_, queue_, changes_, cache_, condition_)
+    , resyncs_(context_, registry_, counters_, queue_, changes_, condition_)
     , answers_(context_, registry_, counters_, changes_, cache_, doubt_)
 {
     queue_.attach(call<&changes::flush>, &changes_, call<&feeder::removals_arrived>, this);

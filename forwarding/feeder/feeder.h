@@ -4,17 +4,18 @@
 // parts listed below, and passes the shadow table's reports to these parts. It publishes removal notifications itself.
 // Other threads call the functions under "Any thread" only.
 //
-//      plane --> shadow_table --> feeder --> changes --> l2fib_mac_edm_add, l2fm_edm_table_mac_destroy
+//      plane --> shadow_table --> feeder --> changes --> l2fib_mac_edm_add_batch, l2fm_edm_table_mac_destroy
 //        ^                         | | \--> registry --> objects (host/)
 //        |      queries            | \----> removal notifications (host/)
 //        +-------------------------+-------> views for other threads
 //
 // The parts, each in a header of its own:
-//  - registry: bridge domains and ports with their views; numbering: their ids; entry_counters and tunnel_ends: what is
-//    counted beside the table;
-//  - changes: the queue of changes (change_queue) and the feed of single entries (cache_feed, placement); cache_limit:
-//    entries without room; doubt, proof and sample: questions to the plane; condition: what answers are worth;
-//  - resync_server: resyncs; table_answers: questions of other threads.
+//  - objects/: registry: bridge domains and ports with their views; numbering: their ids; entry_counters and
+//    tunnel_ends: what is counted beside the table;
+//  - cache/: cache_feed and placement: the feed of single entries; cache_limit: entries without room;
+//  - proof/: doubt, proof and sample: questions to the plane; condition: what answers are worth;
+//  - answers/: table_answers: questions of other threads;
+//  - here: changes and change_queue: live changes; resync_server: resyncs.
 //
 // A part refers only to members above it in the class. Only the queue of changes calls later ones, through `attach`.
 //
@@ -37,9 +38,9 @@
 #include <vector>
 
 #include "base/result.h"
-#include "forwarding/feeder/answers.h"
+#include "forwarding/feeder/answers/answers.h"
+#include "forwarding/feeder/proof/sample.h"
 #include "forwarding/feeder/resync_server.h"
-#include "forwarding/feeder/sample.h"
 
 namespace forwarding {
 

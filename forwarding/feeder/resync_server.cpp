@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "forwarding/feeder/table_hold.h"
+#include "forwarding/feeder/cache/table_hold.h"
 #include "host/event/event_host.h"
 
 namespace forwarding {
@@ -39,13 +39,12 @@ void sweep(const resync_scope &scope)
 } // namespace
 
 resync_server::resync_server(feed_context &context, const registry &objects, const entry_counters &counters,
-                             change_queue &queue, changes &live, cache_feed &cache, const condition &answers)
+                             change_queue &queue, changes &live, const condition &answers)
     : context_(context)
     , objects_(objects)
     , counters_(counters)
     , queue_(queue)
     , changes_(live)
-    , cache_(cache)
     , condition_(answers)
 {}
 
@@ -138,31 +137,33 @@ void resync_server::feed_again(const resync_scope &scope)
     full_feeds_++;
     mark(scope);
     if (scope.type == EDM_RESYNC_BP) {
-        feed_port_again(objects_.find_port(scope.arg));
+        queue_port(objects_.find_port(scope.arg));
     } else if (scope.type == EDM_RESYNC_BD) {
         const uint32_t domain = objects_.find_domain(static_cast<uint16_t>(scope.arg));
         for (const uint32_t port :
              domain != no_slot ? context_.shadow.domains[domain].ports : std::vector<uint32_t>()) {
-            feed_port_again(port);
+            queue_port(port);
         }
     } else {
-        context_.shadow.for_each_entry([&](uint32_t entry) {
-            const table_hold hold;
-            cache_.feed_again(entry);
-        });
+        context_.shadow.for_each_entry([&](uint32_t entry) { queue_fed(entry); });
     }
+    changes_.settle_everything();
     sweep(scope);
 }
 
-void resync_server::feed_port_again(uint32_t port)
+void resync_server::queue_port(uint32_t port)
 {
-    if (port == no_slot) {
-        return;
+    if (port != no_slot) {
+        context_.shadow.for_each_entry_of_port(port, [&](uint32_t entry) { queue_fed(entry); });
     }
-    context_.shadow.for_each_entry_of_port(port, [&](uint32_t entry) {
-        const table_hold hold;
-        cache_.feed_again(entry);
-    });
+}
+
+// Queues an entry to be fed again, although nothing has changed.
+void resync_server::queue_fed(uint32_t entry)
+{
+    if (context_.records[entry].is_fed) {
+        queue_.add(entry);
+    }
 }
 
 void resync_server::add_to(health_view &view) const

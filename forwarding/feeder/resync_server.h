@@ -22,7 +22,7 @@ namespace forwarding {
 class resync_server {
 public:
     resync_server(feed_context &context, const registry &objects, const entry_counters &counters, change_queue &queue,
-                  changes &live, cache_feed &cache, const condition &answers);
+                  changes &live, const condition &answers);
 
     // Brings a scope up to date. Calls l2fib_mac_edm_resync_complete exactly once, during the call or later.
     void resync(const resync_scope &scope);
@@ -45,14 +45,14 @@ private:
     void bring_up_to_date(const resync_scope &scope);
     bool cache_is_in_step() const;
     void feed_again(const resync_scope &scope);
-    void feed_port_again(uint32_t port);
+    void queue_port(uint32_t port);
+    void queue_fed(uint32_t entry);
 
     feed_context &context_;
     const registry &objects_;
     const entry_counters &counters_;
     change_queue &queue_;
     changes &changes_;
-    cache_feed &cache_;
     const condition &condition_;
     bool is_give_up_expected_ = false;  // a timer will serve waiting_ in any case
     std::vector<resync_scope> waiting_; // resyncs that are not served yet

@@ -15,7 +15,7 @@
 namespace forwarding {
 namespace {
 
-constexpr uint32_t on_vxlan = UINT32_MAX; // host_state::port of an address behind a VTEP
+constexpr uint16_t on_vxlan = UINT16_MAX; // host_state::port of an address behind a VTEP
 constexpr uint32_t first_vni = 10'000;
 constexpr uint32_t remote_share = 4;  // every fourth address is behind a VTEP
 constexpr uint32_t static_share = 64; // every 64th address is static
@@ -98,10 +98,12 @@ private:
 // One learned or static address.
 struct host_state {
     int64_t updated_ms = 0;
-    uint32_t port = 0; // its number on the bridge, or on_vxlan
-    uint32_t vtep = 0;
+    uint16_t port = 0; // its number on the bridge, or on_vxlan
+    uint16_t vtep = 0;
     bool present = true;
 };
+
+static_assert(sizeof(host_state) == 16, "a million of these exist");
 
 class fabric final : public plane {
 public:
@@ -182,8 +184,8 @@ fabric::fabric(const fabric_options &options)
 void fabric::settle_somewhere(host_state &host, bool may_be_remote)
 {
     const bool remote = may_be_remote && options_.vteps != 0;
-    host.port = remote ? on_vxlan : random_.below(options_.ports);
-    host.vtep = remote ? random_.below(options_.vteps) : 0;
+    host.port = remote ? on_vxlan : static_cast<uint16_t>(random_.below(options_.ports));
+    host.vtep = static_cast<uint16_t>(remote ? random_.below(options_.vteps) : 0);
     host.present = true;
 }
 

@@ -25,7 +25,7 @@
 // lies:
 //
 //        slab  +--------+--------+--------+-----     node  +-------------------------------------------+
-//              | header | node   | node   | ...            | tree parent prev next count level index   |
+//              | header | node   | node   | ...            | tree parent prev next count level ...     |
 //              +--------+--------+--------+-----           +-------------------------------------------+
 //                                                          | entries: key, target; ascending by key    |
 //                                                          |   leaf: targets are the nodes of records  |
@@ -65,6 +65,7 @@ struct alignas(node_size) node {
     uint32_t count;        // entries in use
     uint16_t level;        // 0 for a leaf
     uint16_t index;
+    uint32_t newest;                                     // slot of the latest insertion; removals may have moved it
     alignas(sizeof(entry)) entry entries[node_capacity]; // no entry crosses a cache line
 };
 

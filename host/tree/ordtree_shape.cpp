@@ -76,11 +76,14 @@ void release(ordtree_index_t &index, node *unused)
 
 // Returns how many entries a full node keeps when it is split to insert at `slot`. Usually half. An insertion behind
 // the last entry of the index, or before the first, moves nothing: ascending or descending keys so leave full nodes
-// behind.
+// behind. A run of ascending keys may end below keys that came before it. It shows because each insertion follows the
+// latest one, and the node keeps what is below the run's end. In the lower half of a node, that may be chance, and
+// would leave the node nearly empty.
 unsigned kept_by_split(const node *full, unsigned slot)
 {
-    if (slot == node_capacity && full->next == nullptr) {
-        return node_capacity;
+    const bool is_run = slot == full->newest + 1 && slot > node_capacity / 2;
+    if (is_run || (slot == node_capacity && full->next == nullptr)) {
+        return slot;
     }
     return slot == 0 && full->prev == nullptr ? 0 : node_capacity / 2;
 }

@@ -59,6 +59,7 @@ inline void insert_entry(node *into, unsigned slot, entry added)
     move_entries(into, slot + 1, into, slot, into->count - slot);
     into->entries[slot] = added;
     into->count++;
+    into->newest = slot;
 }
 
 inline void remove_entry(node *from, unsigned slot)

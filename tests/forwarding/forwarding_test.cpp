@@ -14,8 +14,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "forwarding/feeder/ids.h"
-#include "forwarding/feeder/reading.h"
+#include "forwarding/feeder/answers/reading.h"
+#include "forwarding/feeder/objects/ids.h"
 #include "forwarding/generated/generate.h"
 #include "forwarding/mapping.h"
 #include "forwarding/recorded/replay.h"
@@ -763,6 +763,23 @@ TEST_F(fed_module, EachScopeIsBroughtUpToDate)
     EXPECT_EQ(it->asked, 0u);
 }
 
+TEST_F(fed_module, ATunnelEndThatOneEntryLeavesAndAnotherJoinsStays)
+{
+    const auto send_to = [&](uint32_t number, uint8_t end) {
+        it->set(of_device(vx0, mac(number), vtep(end)));
+        it->set(on_bridge(br0, vx0, mac(number)));
+    };
+    on_cache([&] { send_to(1, 1); });
+    resync();
+    on_cache([&] {
+        send_to(1, 2);
+        send_to(2, 1);
+    });
+    resync();
+    expect_equal();
+    EXPECT_EQ(l2fm_edm_table_mac_get_pool()->vtep_cnt, 2u);
+}
+
 TEST_F(fed_module, NamesThatCannotStandAreChanged)
 {
     on_cache([&] {
@@ -924,9 +941,12 @@ struct churn : fed_module {
         const auto text = [&](uint32_t xcid, uint8_t number, uint32_t vni) {
             return names[xcid] + ">" + std::to_string(number) + "," + std::to_string(vni);
         };
+        std::set<std::pair<uint32_t, uint8_t>> cached_ends;
         for (const vtep_view &each : read_vteps({}, 10'000)) {
             counted.insert(text(each.xcid, each.address[3], each.vni));
+            cached_ends.emplace(each.xcid, each.address[3]);
         }
+        ASSERT_EQ(l2fm_edm_table_mac_get_pool()->vtep_cnt, cached_ends.size());
         ends.insert("");
         ASSERT_THAT(difference(counted, ends), IsEmpty());
         for (const mac_row &each : read_rows({}, {}, 10'000).rows) {

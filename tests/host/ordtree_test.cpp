@@ -508,6 +508,23 @@ TEST(Ordtree, OrdersDescribedKeysLikeTheirComparator)
     }
 }
 
+// Addresses of one vendor come in runs, and the tree may hold greater ones already.
+TEST(Ordtree, FillsNodesFromARunOfKeysBelowGreaterOnes)
+{
+    constexpr uint32_t run = 6000;
+    constexpr uint32_t greater = 20;
+    auto records = numbered_records(run + greater);
+    ordtree_t tree{};
+    ASSERT_EQ(init(tree, {true, 1}), 0U);
+    for (uint32_t i = 0; i < run + greater; i++) {
+        ASSERT_NE(ordtree_insert(&tree, records[(run + i) % (run + greater)].links), nullptr);
+    }
+    constexpr uint32_t least_leaves = run / 61;
+    EXPECT_LT(host::ordtree_memory().nodes, least_leaves * 11 / 10);
+    ASSERT_SOUND(tree);
+    ordtree_finish(&tree);
+}
+
 TEST(Ordtree, SharesAndReturnsSlabs)
 {
     std::vector<ordtree_t> trees(1500); // of two nodes each, more than a slab holds

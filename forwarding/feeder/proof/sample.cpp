@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/sample.h"
+#include "forwarding/feeder/proof/sample.h"
 
 #include <algorithm>
 #include <span>

@@ -12,7 +12,7 @@
 #include <atomic>
 #include <vector>
 
-#include "forwarding/feeder/proof.h"
+#include "forwarding/feeder/proof/proof.h"
 
 namespace forwarding {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/numbering.h"
+#include "forwarding/feeder/objects/numbering.h"
 
 #include <utility>
 

@@ -7,8 +7,8 @@
 #pragma once
 
 #include "forwarding/feeder/context.h"
-#include "forwarding/feeder/counters.h"
-#include "forwarding/feeder/tunnel_ends.h"
+#include "forwarding/feeder/objects/counters.h"
+#include "forwarding/feeder/objects/tunnel_ends.h"
 
 namespace forwarding {
 

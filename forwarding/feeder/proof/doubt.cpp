@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/doubt.h"
+#include "forwarding/feeder/proof/doubt.h"
 
 namespace forwarding {
 namespace {

@@ -10,8 +10,8 @@
 #include <span>
 #include <vector>
 
+#include "forwarding/feeder/answers/reading.h"
 #include "forwarding/feeder/changes.h"
-#include "forwarding/feeder/reading.h"
 
 namespace forwarding {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/condition.h"
+#include "forwarding/feeder/proof/condition.h"
 
 #include <utility>
 

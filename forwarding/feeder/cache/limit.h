@@ -14,11 +14,11 @@
 #include <deque>
 #include <optional>
 
-#include "forwarding/feeder/cached.h"
+#include "forwarding/feeder/cache/cached.h"
+#include "forwarding/feeder/cache/placement.h"
 #include "forwarding/feeder/change_queue.h"
 #include "forwarding/feeder/context.h"
-#include "forwarding/feeder/placement.h"
-#include "forwarding/feeder/registry.h"
+#include "forwarding/feeder/objects/registry.h"
 
 namespace forwarding {
 
@@ -28,6 +28,8 @@ public:
                 change_queue &queue);
 
     bool cache_is_full() const L2FIB_REQUIRES_TABLE_LOCK;
+    // Whether the cache can hold `entries` more without evicting any.
+    bool has_room_for(size_t entries) const L2FIB_REQUIRES_TABLE_LOCK;
     // Returns the entry that a full cache evicts next. Returns no value if the cache is not full.
     std::optional<newest_entry> newest_of_full_cache() const L2FIB_REQUIRES_TABLE_LOCK;
     // Finds out whether the cache evicted `before`, its newest entry, when `fed` was filed at `place`, where the cache

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/ids.h"
+#include "forwarding/feeder/objects/ids.h"
 
 namespace forwarding {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/tunnel_ends.h"
+#include "forwarding/feeder/objects/tunnel_ends.h"
 
 #include <bit>
 

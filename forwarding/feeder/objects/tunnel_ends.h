@@ -17,8 +17,8 @@
 #include <vector>
 
 #include "base/mutex.h"
+#include "forwarding/feeder/answers/reading.h"
 #include "forwarding/feeder/feed_record.h"
-#include "forwarding/feeder/reading.h"
 
 namespace forwarding {
 

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/cache_feed.h"
+#include "forwarding/feeder/cache/cache_feed.h"
 
 #include <cstring>
 
 #include <arpa/inet.h>
 
-#include "forwarding/feeder/table_hold.h"
+#include "forwarding/feeder/cache/table_hold.h"
 
 namespace forwarding {
 namespace {
@@ -46,32 +46,90 @@ cache_feed::cache_feed(feed_context &context, registry &objects, entry_counters 
     , queue_(queue)
 {}
 
+// ---- Settling ----
+
 void cache_feed::settle(uint32_t entry)
 {
     l2fib_mac_edm_entry_t descriptor;
-    const standing now = describe(context_.shadow, entry, context_.epoch_offset_ms, descriptor);
-    if (is_fed_by(now)) {
-        feed(entry, descriptor);
-        context_.records[entry].is_dirty = false;
-        return;
+    const step planned = plan(entry, descriptor);
+    settle_alone(planned, descriptor);
+}
+
+void cache_feed::settle_queued(std::span<const uint32_t> entries)
+{
+    batch_.step_count = batch_.descriptor_count = 0;
+    for (const uint32_t entry : entries) {
+        l2fib_mac_edm_entry_t &descriptor = batch_.descriptors[batch_.descriptor_count];
+        const step next = plan(entry, descriptor);
+        if (joins_batch(next, descriptor)) {
+            batch_.steps[batch_.step_count++] = next;
+            batch_.descriptor_count += is_fed_by(next.now) ? 1U : 0U;
+            continue;
+        }
+        settle_batch();
+        settle_alone(next, descriptor);
+        queue_.settled();
     }
-    withdraw(entry);
-    counters_.count(entry, 0);
-    limit_.note_present(entry);
-    context_.records[entry].is_dirty = false;
-    if (now == standing::none) {
-        context_.records.clear(entry);
-        context_.shadow.release(entry);
+    settle_batch();
+}
+
+cache_feed::step cache_feed::plan(uint32_t entry, l2fib_mac_edm_entry_t &descriptor) const
+{
+    const standing now = describe(context_.shadow, entry, context_.epoch_offset_ms, descriptor);
+    return {entry, now, is_fed_by(now) ? place_of(entry, descriptor) : fed_place{}};
+}
+
+bool cache_feed::joins_batch(const step &next, const l2fib_mac_edm_entry_t &descriptor) const
+{
+    const bool is_in_cache = context_.records[next.entry].is_fed;
+    if (!is_fed_by(next.now)) {
+        return !is_in_cache && next.now != standing::none;
+    }
+    return (!is_in_cache || context_.records.place(next.entry) == next.place)
+           && (descriptor.flags & EDM_MAC_ON_DUMMY_PORT) == 0 && !context_.shadow.terms_of(next.entry).self
+           && limit_.has_room_for(batch_.descriptor_count + 1);
+}
+
+void cache_feed::settle_batch()
+{
+    std::array<uint32_t, max_batch> statuses;
+    l2fib_mac_edm_add_batch(batch_.descriptors.data(), batch_.descriptor_count, statuses.data());
+    feeds_ += batch_.descriptor_count;
+    size_t fed = 0;
+    for (size_t at = 0; at < batch_.step_count; at++) {
+        const step &settled = batch_.steps[at];
+        if (is_fed_by(settled.now)) {
+            note_status(settled, batch_.descriptors[fed], statuses[fed]);
+            fed++;
+        } else {
+            keep_out(settled);
+        }
+        context_.records[settled.entry].is_dirty = false;
+        queue_.settled();
+    }
+    batch_.step_count = batch_.descriptor_count = 0;
+}
+
+void cache_feed::settle_alone(const step &planned, const l2fib_mac_edm_entry_t &descriptor)
+{
+    if (is_fed_by(planned.now)) {
+        feed(planned, descriptor);
+    } else {
+        withdraw(planned.entry);
+        keep_out(planned);
+    }
+    context_.records[planned.entry].is_dirty = false;
+    if (planned.now == standing::none) {
+        context_.records.clear(planned.entry);
+        context_.shadow.release(planned.entry);
     }
 }
 
-void cache_feed::feed_again(uint32_t entry)
+// Notes that the cache does not hold an entry, and need not.
+void cache_feed::keep_out(const step &planned)
 {
-    l2fib_mac_edm_entry_t descriptor;
-    const standing now = describe(context_.shadow, entry, context_.epoch_offset_ms, descriptor);
-    if (context_.records[entry].is_fed && is_fed_by(now)) {
-        feed(entry, descriptor);
-    }
+    counters_.count(planned.entry, 0);
+    limit_.note_present(planned.entry);
 }
 
 void cache_feed::feed_renamed(uint32_t domain)
@@ -84,8 +142,8 @@ void cache_feed::feed_renamed(uint32_t domain)
             }
             places_.end(entry);
             l2fib_mac_edm_entry_t descriptor;
-            if (is_fed_by(describe(context_.shadow, entry, context_.epoch_offset_ms, descriptor))) {
-                feed(entry, descriptor);
+            if (const step planned = plan(entry, descriptor); is_fed_by(planned.now)) {
+                feed(planned, descriptor);
             } else {
                 counters_.count(entry, 0);
             }
@@ -95,9 +153,9 @@ void cache_feed::feed_renamed(uint32_t domain)
 
 // ---- Into the cache ----
 
-void cache_feed::feed(uint32_t entry, const l2fib_mac_edm_entry_t &descriptor)
+void cache_feed::feed(const step &planned, const l2fib_mac_edm_entry_t &descriptor)
 {
-    const fed_place place = place_of(entry, descriptor);
+    const auto &[entry, now, place] = planned;
     const fed_place &before = context_.records.place(entry);
     if (before.xcid != place.xcid || before.bridge_id != place.bridge_id) {
         withdraw(entry);
@@ -111,11 +169,16 @@ void cache_feed::feed(uint32_t entry, const l2fib_mac_edm_entry_t &descriptor)
     if (newest) {
         limit_.note_eviction(*newest, entry, place);
     }
+    note_status(planned, descriptor, status);
+}
+
+void cache_feed::note_status(const step &planned, const l2fib_mac_edm_entry_t &descriptor, uint32_t status)
+{
     if (status != 0) {
-        limit_.note_refusal(entry, place, descriptor.flags);
-        return;
+        limit_.note_refusal(planned.entry, planned.place, descriptor.flags);
+    } else {
+        note_fed(planned.entry, descriptor, planned.place);
     }
-    note_fed(entry, descriptor, place);
 }
 
 fed_place cache_feed::place_of(uint32_t entry, const l2fib_mac_edm_entry_t &descriptor) const

@@ -19,8 +19,8 @@
 #include <set>
 #include <vector>
 
-#include "forwarding/feeder/condition.h"
-#include "forwarding/feeder/doubt.h"
+#include "forwarding/feeder/proof/condition.h"
+#include "forwarding/feeder/proof/doubt.h"
 
 namespace forwarding {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/registry.h"
+#include "forwarding/feeder/objects/registry.h"
 
 #include <algorithm>
 #include <cerrno>

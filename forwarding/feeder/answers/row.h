@@ -6,7 +6,7 @@
 // The row has no names (`domain` and `port` are null), no VNIs and no time left. The caller adds them.
 #pragma once
 
-#include "forwarding/feeder/reading.h"
+#include "forwarding/feeder/answers/reading.h"
 #include "l2fm_edm_table.h"
 
 namespace forwarding {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/cached.h"
+#include "forwarding/feeder/cache/cached.h"
 
 #include <array>
 #include <bit>

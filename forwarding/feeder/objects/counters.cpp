@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/counters.h"
+#include "forwarding/feeder/objects/counters.h"
 
-#include "forwarding/feeder/registry.h"
+#include "forwarding/feeder/objects/registry.h"
 
 namespace forwarding {
 namespace {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/proof.h"
+#include "forwarding/feeder/proof/proof.h"
 
 #include <ctime>
 #include <utility>

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/answers.h"
+#include "forwarding/feeder/answers/answers.h"
 
 #include <algorithm>
 #include <chrono>
 #include <limits>
 
-#include "forwarding/feeder/row.h"
+#include "forwarding/feeder/answers/row.h"
 
 namespace forwarding {
 namespace {

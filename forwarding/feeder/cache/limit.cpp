@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/limit.h"
+#include "forwarding/feeder/cache/limit.h"
 
 namespace forwarding {
 namespace {
@@ -23,6 +23,11 @@ cache_limit::cache_limit(feed_context &context, registry &objects, entry_counter
 bool cache_limit::cache_is_full() const
 {
     return cached_entries() >= context_.settings.mac_limit;
+}
+
+bool cache_limit::has_room_for(size_t entries) const
+{
+    return cached_entries() + entries <= context_.settings.mac_limit;
 }
 
 std::optional<newest_entry> cache_limit::newest_of_full_cache() const

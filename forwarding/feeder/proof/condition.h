@@ -11,9 +11,9 @@
 #include <atomic>
 #include <string>
 
-#include "forwarding/feeder/doubt.h"
-#include "forwarding/feeder/limit.h"
-#include "forwarding/feeder/numbering.h"
+#include "forwarding/feeder/cache/limit.h"
+#include "forwarding/feeder/objects/numbering.h"
+#include "forwarding/feeder/proof/doubt.h"
 
 namespace forwarding {
 

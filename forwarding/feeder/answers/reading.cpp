@@ -7,7 +7,7 @@
 //
 // find_rows takes keys from the shadow table and makes rows of the plane's answers to them. select_ahead returns keys
 // only; read_selection reads their rows.
-#include "forwarding/feeder/reading.h"
+#include "forwarding/feeder/answers/reading.h"
 
 #include <algorithm>
 #include <array>
@@ -16,10 +16,10 @@
 #include <ctime>
 #include <span>
 
-#include "forwarding/feeder/asking.h"
+#include "forwarding/feeder/answers/asking.h"
+#include "forwarding/feeder/answers/row.h"
+#include "forwarding/feeder/cache/table_hold.h"
 #include "forwarding/feeder/feeder.h"
-#include "forwarding/feeder/row.h"
-#include "forwarding/feeder/table_hold.h"
 #include "platform/utility.h"
 
 namespace forwarding {

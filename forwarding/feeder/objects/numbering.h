@@ -22,9 +22,9 @@
 #include <string>
 
 #include "forwarding/feeder/change_queue.h"
-#include "forwarding/feeder/counters.h"
-#include "forwarding/feeder/ids.h"
-#include "forwarding/feeder/registry.h"
+#include "forwarding/feeder/objects/counters.h"
+#include "forwarding/feeder/objects/ids.h"
+#include "forwarding/feeder/objects/registry.h"
 
 namespace forwarding {
 

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "forwarding/feeder/placement.h"
+#include "forwarding/feeder/cache/placement.h"
 
-#include "forwarding/feeder/cached.h"
+#include "forwarding/feeder/cache/cached.h"
 
 namespace forwarding {
 
