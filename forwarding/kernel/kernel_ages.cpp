@@ -24,9 +24,9 @@ constexpr int64_t least_cost_ns = 2'000'000; // that a dump may have
 
 constexpr size_t least_slots = 64;
 
-bool is_worth_a_dump(size_t demand, size_t entries, size_t most)
+bool is_worth_a_dump(size_t demand, size_t entries)
 {
-    return entries <= most && demand >= std::max(least_demand, entries / dump_share);
+    return demand >= std::max(least_demand, entries / dump_share);
 }
 
 constexpr uint64_t key_of_entry(const mac_address &mac, uint16_t vlan)
@@ -249,11 +249,14 @@ bool kernel_ages::refresh(uint32_t bridge, bridge_ages &ages, size_t count)
         return false;
     }
     const size_t size = size_of(bridge);
+    if (size > most_of_bridge) {
+        return false;
+    }
     const size_t size_of_all = sizes_sum();
-    if (now - gave_up_ >= pause && is_worth_a_dump(all_.entries, size_of_all, most_dumped)) {
+    if (now - gave_up_ >= pause && size_of_all <= most_dumped && is_worth_a_dump(all_.entries, size_of_all)) {
         all_.entries = 0;
         gave_up_ = ages.gave_up = dump(kernel_scope::entries, 0, size_of_all) ? clock::time_point() : now;
-    } else if (now - ages.gave_up >= pause && is_worth_a_dump(ages.asked.entries, size, most_dumped)) {
+    } else if (now - ages.gave_up >= pause && is_worth_a_dump(ages.asked.entries, size)) {
         ages.asked.entries = 0;
         ages.gave_up = dump(kernel_scope::bridge, bridge, size) ? clock::time_point() : now;
         note_size(bridge, ages.table.size());

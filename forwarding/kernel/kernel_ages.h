@@ -86,7 +86,9 @@ private:
 
     // How long ages serve: a reader of 100,000 entries takes about a second on a busy machine.
     static constexpr auto lifetime = std::chrono::seconds(2);
-    // Larger bridges are not dumped.
+    // Larger bridges are not dumped: at best a dump of one costs as much as questions, on a busy machine twice as much.
+    static constexpr size_t most_of_bridge = 80'000;
+    // More entries of all bridges together are not dumped.
     static constexpr size_t most_dumped = 131'072;
     // Entries of all tables together, in 32 to 64 bytes each. A part of a dump may add some hundred more.
     static constexpr size_t most_held = 2 * most_dumped;

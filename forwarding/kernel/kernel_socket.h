@@ -58,7 +58,7 @@ enum class kernel_read : uint8_t {
 kernel_read kernel_socket_read(const kernel_socket &socket, std::span<std::byte> buffer,
                                std::span<const std::byte> &datagram);
 
-// Short datagrams that one system call reads. A system call for each costs a fifth of a question.
+// Short datagrams that one system call reads. The kernel answers each question with one of them.
 struct kernel_datagrams {
     static constexpr size_t most = 64;
     static constexpr size_t room = kernel_buffer_size / most; // bytes of a datagram; longer ones are lost
