@@ -3,6 +3,7 @@
 #include "forwarding/kernel/kernel_ages.h"
 
 #include <algorithm>
+#include <bit>
 #include <utility>
 
 #include "forwarding/kernel/thread_time.h"
@@ -13,7 +14,7 @@ namespace {
 
 // A dump pays after questions about this share of a bridge's entries, because readers usually read the rest, too. It
 // then wastes little if they do not.
-constexpr size_t dump_share = 16;
+constexpr size_t dump_share = 32;
 constexpr size_t least_demand = 16; // entries
 
 // A dump ends early when it has cost this many times the questions about all entries that it should bring: a bridge of
@@ -23,9 +24,9 @@ constexpr int64_t least_cost_ns = 2'000'000; // that a dump may have
 
 constexpr size_t least_slots = 64;
 
-bool is_worth_a_dump(size_t demand, size_t entries, size_t most)
+bool is_worth_a_dump(size_t demand, size_t entries)
 {
-    return entries <= most && demand >= std::max(least_demand, entries / dump_share);
+    return demand >= std::max(least_demand, entries / dump_share);
 }
 
 constexpr uint64_t key_of_entry(const mac_address &mac, uint16_t vlan)
@@ -42,21 +43,35 @@ constexpr uint64_t key_of_entry(const mac_address &mac, uint16_t vlan)
 
 // ---- Table ----
 
-// Returns the slot of the key, or the free one where it belongs. There must be a free one.
-size_t age_table::place_of(uint64_t key) const
+// Returns the slot at which the search for the key begins.
+size_t age_table::first_place_of(uint64_t key) const
 {
     constexpr uint64_t multiplier = 0x9e3779b97f4a7c15; // 2^64 divided by the golden ratio, which spreads numbers
     constexpr unsigned high_half = 32;
-    size_t place = (key * multiplier >> high_half) & (slots_.size() - 1);
+    return (key * multiplier >> high_half) & (slots_.size() - 1);
+}
+
+// Returns the slot of the key, or the free one where it belongs. There must be a free one.
+size_t age_table::place_of(uint64_t key) const
+{
+    size_t place = first_place_of(key);
     while (slots_[place].key != 0 && slots_[place].key != key) {
         place = (place + 1) & (slots_.size() - 1);
     }
     return place;
 }
 
-void age_table::grow()
+void age_table::reserve(size_t entries)
 {
-    const std::vector<slot> old = std::exchange(slots_, std::vector<slot>(std::max(least_slots, 2 * slots_.size())));
+    if (2 * entries > slots_.size()) {
+        move_to(std::bit_ceil(std::max(least_slots, 2 * entries)));
+    }
+}
+
+// `slots` is a power of two, more than twice the size.
+void age_table::move_to(size_t slots)
+{
+    const std::vector<slot> old = std::exchange(slots_, std::vector<slot>(slots));
     for (const slot &each : old) {
         if (each.key != 0) {
             slots_[place_of(each.key)] = each;
@@ -67,7 +82,7 @@ void age_table::grow()
 void age_table::put(const mac_address &mac, uint16_t vlan, int64_t updated_ms)
 {
     if (2 * size_ >= slots_.size()) {
-        grow();
+        move_to(std::max(least_slots, 2 * slots_.size()));
     }
     const uint64_t key = key_of_entry(mac, vlan);
     if (key == 0) {
@@ -76,6 +91,13 @@ void age_table::put(const mac_address &mac, uint16_t vlan, int64_t updated_ms)
     slot &to = slots_[place_of(key)];
     size_ += to.key == 0 ? 1 : 0;
     to = {key, updated_ms};
+}
+
+void age_table::prefetch(const mac_address &mac, uint16_t vlan) const
+{
+    if (!slots_.empty()) {
+        __builtin_prefetch(&slots_[first_place_of(key_of_entry(mac, vlan))]);
+    }
 }
 
 const int64_t *age_table::find(const mac_address &mac, uint16_t vlan) const
@@ -192,6 +214,9 @@ void kernel_ages::answer_bridge(std::span<const fdb_key> keys, std::span<fdb_ans
     if (!refresh(bridge, ages, keys.size())) {
         return;
     }
+    for (const fdb_key &key : keys) { // they lie anywhere in a table of up to 8 MB
+        ages.table.prefetch(key.mac, key.vlan);
+    }
     for (size_t at = 0; at < keys.size(); at++) {
         if (const int64_t *updated_ms = ages.table.find(keys[at].mac, keys[at].vlan)) {
             fdb_record &record = answers[at].record;
@@ -224,11 +249,14 @@ bool kernel_ages::refresh(uint32_t bridge, bridge_ages &ages, size_t count)
         return false;
     }
     const size_t size = size_of(bridge);
+    if (size > most_of_bridge) {
+        return false;
+    }
     const size_t size_of_all = sizes_sum();
-    if (now - gave_up_ >= pause && is_worth_a_dump(all_.entries, size_of_all, most_dumped)) {
+    if (now - gave_up_ >= pause && size_of_all <= most_dumped && is_worth_a_dump(all_.entries, size_of_all)) {
         all_.entries = 0;
         gave_up_ = ages.gave_up = dump(kernel_scope::entries, 0, size_of_all) ? clock::time_point() : now;
-    } else if (now - ages.gave_up >= pause && is_worth_a_dump(ages.asked.entries, size, most_dumped)) {
+    } else if (now - ages.gave_up >= pause && is_worth_a_dump(ages.asked.entries, size)) {
         ages.asked.entries = 0;
         ages.gave_up = dump(kernel_scope::bridge, bridge, size) ? clock::time_point() : now;
         note_size(bridge, ages.table.size());
@@ -274,31 +302,57 @@ void kernel_ages::read_part()
 // Entries of an interrupted dump are as true as those of any other. Entries that it skipped are asked about.
 void kernel_ages::take_part(std::span<const std::byte> part)
 {
+    aged_entries entries;
     for (const kernel_clock now = kernel_clock_now(); kernel_decode(part, now, message_);) {
         if (message_.sequence != sequence_) {
             continue;
         }
         const bool is_end = message_.kind == kernel_message_kind::done || message_.kind == kernel_message_kind::error;
         is_dumping_ = is_dumping_ && !is_end;
-        if (message_.kind == kernel_message_kind::fdb_changed && message_.fdb.master != 0 && !message_.fdb.self) {
-            take(message_.fdb);
+        const fdb_record &record = message_.fdb;
+        if (message_.kind != kernel_message_kind::fdb_changed || record.master == 0 || record.self) {
+            continue;
         }
+        if (entries.count == entries.all.size() || record.master != entries.bridge) {
+            take(entries);
+        }
+        entries.bridge = record.master;
+        entries.all[entries.count++] = {record.mac, record.vlan, record.updated_ms};
     }
+    take(entries);
 }
 
-// The first entry of a bridge in a dump replaces the bridge's table.
-void kernel_ages::take(const fdb_record &record)
+// Adds the entries to their bridge's table, and removes them from the list. Slots lie anywhere in a table of up to
+// 8 MB, so the processor fetches all of them at once.
+void kernel_ages::take(aged_entries &entries)
 {
-    bridge_ages &ages = bridges_[record.master];
+    if (entries.count == 0) {
+        return;
+    }
+    age_table &table = table_of_dump(entries.bridge);
+    const auto all = std::span(entries.all).first(std::exchange(entries.count, 0));
+    const size_t before = table.size();
+    for (const aged_entry &entry : all) {
+        table.prefetch(entry.mac, entry.vlan);
+    }
+    for (const aged_entry &entry : all) {
+        table.put(entry.mac, entry.vlan, entry.updated_ms);
+    }
+    held_ += table.size() - before;
+    added_ += table.size() - before;
+}
+
+// Returns the table for the latest dump's entries of a bridge. The first call in a dump drops the older entries.
+age_table &kernel_ages::table_of_dump(uint32_t bridge)
+{
+    bridge_ages &ages = bridges_[bridge];
     if (ages.taken != began_) {
         held_ -= ages.table.size();
         ages.table = {};
+        ages.table.reserve(std::min(size_of(bridge), most_dumped));
         ages.taken = began_;
     }
-    const size_t before = ages.table.size();
-    ages.table.put(record.mac, record.vlan, record.updated_ms);
-    held_ += ages.table.size() - before;
-    added_ += ages.table.size() - before;
+    return ages.table;
 }
 
 } // namespace forwarding

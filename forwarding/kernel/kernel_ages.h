@@ -20,6 +20,7 @@
 // Threads: any.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <span>
@@ -41,7 +42,11 @@ public:
     void put(const mac_address &mac, uint16_t vlan, int64_t updated_ms);
     // Null if the table does not hold the address.
     const int64_t *find(const mac_address &mac, uint16_t vlan) const;
+    // Has the processor fetch what `find` will look at.
+    void prefetch(const mac_address &mac, uint16_t vlan) const;
     size_t size() const { return size_; }
+    // Makes room for as many entries as will come, so that the table need not grow meanwhile.
+    void reserve(size_t entries);
 
 private:
     struct slot {
@@ -49,8 +54,9 @@ private:
         int64_t updated_ms = 0;
     };
 
+    size_t first_place_of(uint64_t key) const;
     size_t place_of(uint64_t key) const;
-    void grow();
+    void move_to(size_t slots);
 
     std::vector<slot> slots_; // a power of two, at most half full
     size_t size_ = 0;
@@ -80,7 +86,9 @@ private:
 
     // How long ages serve: a reader of 100,000 entries takes about a second on a busy machine.
     static constexpr auto lifetime = std::chrono::seconds(2);
-    // Larger bridges are not dumped.
+    // Larger bridges are not dumped: at best a dump of one costs as much as questions, on a busy machine twice as much.
+    static constexpr size_t most_of_bridge = 80'000;
+    // More entries of all bridges together are not dumped.
     static constexpr size_t most_dumped = 131'072;
     // Entries of all tables together, in 32 to 64 bytes each. A part of a dump may add some hundred more.
     static constexpr size_t most_held = 2 * most_dumped;
@@ -102,6 +110,19 @@ private:
         clock::time_point gave_up = {}; // when a dump cost more than questions
     };
 
+    struct aged_entry {
+        mac_address mac;
+        uint16_t vlan;
+        int64_t updated_ms;
+    };
+
+    // Entries of one bridge, from a part of a dump.
+    struct aged_entries {
+        uint32_t bridge = 0;
+        size_t count = 0;
+        std::array<aged_entry, 32> all;
+    };
+
     bool is_valid(const bridge_ages &of) const;
     void answer_bridge(std::span<const fdb_key> keys, std::span<fdb_answer> answers) L2FIB_REQUIRES(mutex_);
     bool refresh(uint32_t bridge, bridge_ages &ages, size_t count) L2FIB_REQUIRES(mutex_);
@@ -110,7 +131,8 @@ private:
     bool dump(kernel_scope scope, uint32_t bridge, size_t size) L2FIB_REQUIRES(mutex_);
     void read_part() L2FIB_REQUIRES(mutex_);
     void take_part(std::span<const std::byte> part) L2FIB_REQUIRES(mutex_);
-    void take(const fdb_record &record) L2FIB_REQUIRES(mutex_);
+    void take(aged_entries &entries) L2FIB_REQUIRES(mutex_);
+    age_table &table_of_dump(uint32_t bridge) L2FIB_REQUIRES(mutex_);
     void make_room() L2FIB_REQUIRES(mutex_);
 
     std::atomic<int64_t> question_ns_ = 1600; // until the first one is measured

@@ -15,7 +15,8 @@ namespace {
 // The most that the kernel accounts for one answer, in bytes: a page of 4096, and its own record beside it.
 constexpr size_t answer_cost = 8192;
 
-// Reads for one batch. Each answer takes one; more are answers of an earlier batch, or a socket that fails each time.
+// Reads for one batch. Each answer takes at most one; more are answers of an earlier batch, or a socket that fails each
+// time.
 constexpr size_t max_reads = 2 * query_batch;
 
 constexpr uint32_t wanted_buffer = query_batch * answer_cost / 2; // the kernel accounts against twice the size granted
@@ -70,16 +71,16 @@ void ask(kernel_querier &querier, std::span<const fdb_key> keys, std::span<fdb_a
     if (!kernel_socket_send(querier.socket, std::span(querier.buffer).first(length))) {
         return;
     }
+    kernel_datagrams datagrams;
     for (size_t count = 0; count < max_reads; count++) {
-        std::span<const std::byte> datagram;
-        const kernel_read result = kernel_socket_read(querier.socket, querier.buffer, datagram);
+        const kernel_read result = kernel_socket_read_many(querier.socket, querier.buffer, datagrams);
         if (result == kernel_read::empty) {
             return;
         }
-        if (result == kernel_read::datagram) {
-            take_answers(querier, datagram, keys, answers);
+        for (size_t at = 0; at < datagrams.count; at++) {
+            take_answers(querier, datagrams.found[at], keys, answers);
         }
-        querier.refused += result == kernel_read::refused ? 1 : 0;
+        querier.refused += datagrams.refused;
     }
 }
 

@@ -6,10 +6,10 @@
 #include <arpa/inet.h>
 #include <chrono>
 #include <cstring>
-#include <libmnl/libmnl.h>
 #include <linux/if_bridge.h>
 #include <linux/if_link.h>
 #include <linux/neighbour.h>
+#include <linux/netlink.h>
 #include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -59,22 +59,24 @@ std::optional<std::string_view> read_text(std::span<const std::byte> payload)
 }
 
 // Calls handle(attribute) for each attribute, until it returns false. Returns false then, and also if the rest of the
-// level is no whole attribute.
+// level is no whole attribute. Written here, because libmnl makes four calls of a shared library for each attribute.
+// They took half of the time to decode a dump.
 template <typename Handle>
 bool each_attribute(std::span<const std::byte> level, Handle handle)
 {
-    const auto *found = static_cast<const nlattr *>(static_cast<const void *>(level.data()));
-    int left = static_cast<int>(level.size());
-    while (mnl_attr_ok(found, left)) {
-        const std::span payload(static_cast<const std::byte *>(mnl_attr_get_payload(found)),
-                                mnl_attr_get_payload_len(found));
-        if (!handle(attribute{mnl_attr_get_type(found), payload})) {
+    while (level.size() >= sizeof(nlattr)) {
+        nlattr head;
+        std::memcpy(&head, level.data(), sizeof(head));
+        if (head.nla_len < sizeof(head) || head.nla_len > level.size()) {
             return false;
         }
-        left -= static_cast<int>(MNL_ALIGN(found->nla_len));
-        found = mnl_attr_next(found);
+        const auto type = static_cast<uint16_t>(head.nla_type & NLA_TYPE_MASK);
+        if (!handle(attribute{type, level.subspan(sizeof(head), head.nla_len - sizeof(head))})) {
+            return false;
+        }
+        level = level.subspan(std::min<size_t>(NLA_ALIGN(head.nla_len), level.size()));
     }
-    return left <= 0;
+    return level.empty();
 }
 
 // ---- Links ----

@@ -2,6 +2,7 @@
 
 #include "forwarding/kernel/netlink/kernel_socket.h"
 
+#include <array>
 #include <cerrno>
 #include <libmnl/libmnl.h>
 #include <linux/rtnetlink.h>
@@ -21,13 +22,44 @@ bool set_option(const kernel_socket &socket, int option, int value)
 
 // A system call that a signal interrupted is repeated.
 template <typename Call>
-ssize_t uninterrupted(Call call)
+auto uninterrupted(Call call)
 {
-    ssize_t result = 0;
-    do {
+    auto result = call();
+    while (result < 0 && errno == EINTR) {
         result = call();
-    } while (result < 0 && errno == EINTR);
+    }
     return result;
+}
+
+bool is_from_kernel(const msghdr &message, const sockaddr_nl &sender)
+{
+    return message.msg_namelen == sizeof(sender) && sender.nl_pid == kernel_port_id;
+}
+
+// Any other error than an empty queue, such as no memory, loses datagrams like an overrun.
+kernel_read failed_read()
+{
+    return errno == EAGAIN ? kernel_read::empty : kernel_read::overrun;
+}
+
+// One system call's places for datagrams and their senders.
+struct read_slots {
+    std::array<sockaddr_nl, kernel_datagrams::most> senders;
+    std::array<iovec, kernel_datagrams::most> into;
+    std::array<mmsghdr, kernel_datagrams::most> messages;
+};
+
+void aim_slots(read_slots &slots, std::span<std::byte> buffer)
+{
+    for (size_t at = 0; at < kernel_datagrams::most; at++) {
+        slots.into[at] = {buffer.data() + at * kernel_datagrams::room, kernel_datagrams::room};
+        slots.messages[at] = {};
+        msghdr &head = slots.messages[at].msg_hdr;
+        head.msg_name = &slots.senders[at];
+        head.msg_namelen = sizeof(slots.senders[at]);
+        head.msg_iov = &slots.into[at];
+        head.msg_iovlen = 1;
+    }
 }
 
 } // namespace
@@ -93,16 +125,40 @@ kernel_read kernel_socket_read(const kernel_socket &socket, std::span<std::byte>
     message.msg_iov = &into;
     message.msg_iovlen = 1;
     const ssize_t length = uninterrupted([&] { return recvmsg(kernel_socket_fd(socket), &message, 0); });
-    if (length < 0) { // any other error, such as no memory, loses datagrams like an overrun
-        return errno == EAGAIN ? kernel_read::empty : kernel_read::overrun;
+    if (length < 0) {
+        return failed_read();
     }
-    if (message.msg_namelen != sizeof(sender) || sender.nl_pid != kernel_port_id) {
+    if (!is_from_kernel(message, sender)) {
         return kernel_read::refused;
     }
     if ((message.msg_flags & MSG_TRUNC) != 0) {
         return kernel_read::truncated;
     }
     datagram = buffer.first(static_cast<size_t>(length));
+    return kernel_read::datagram;
+}
+
+kernel_read kernel_socket_read_many(const kernel_socket &socket, std::span<std::byte> buffer,
+                                    kernel_datagrams &datagrams)
+{
+    read_slots slots;
+    aim_slots(slots, buffer);
+    datagrams.count = 0;
+    datagrams.refused = 0;
+    const int count = uninterrupted(
+        [&] { return recvmmsg(kernel_socket_fd(socket), slots.messages.data(), slots.messages.size(), 0, nullptr); });
+    if (count < 0) {
+        return failed_read();
+    }
+    for (size_t at = 0; at < static_cast<size_t>(count); at++) {
+        const msghdr &head = slots.messages[at].msg_hdr;
+        const bool is_ours = is_from_kernel(head, slots.senders[at]);
+        datagrams.refused += is_ours ? 0 : 1;
+        if (is_ours && (head.msg_flags & MSG_TRUNC) == 0) {
+            datagrams.found[datagrams.count++] =
+                buffer.subspan(at * kernel_datagrams::room, slots.messages[at].msg_len);
+        }
+    }
     return kernel_read::datagram;
 }
 

@@ -8,6 +8,7 @@
 // Threads: one at a time for each socket.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -56,6 +57,21 @@ enum class kernel_read : uint8_t {
 // `datagram` becomes the part of `buffer` that was filled.
 kernel_read kernel_socket_read(const kernel_socket &socket, std::span<std::byte> buffer,
                                std::span<const std::byte> &datagram);
+
+// Short datagrams that one system call reads. The kernel answers each question with one of them.
+struct kernel_datagrams {
+    static constexpr size_t most = 64;
+    static constexpr size_t room = kernel_buffer_size / most; // bytes of a datagram; longer ones are lost
+
+    std::array<std::span<const std::byte>, most> found = {};
+    size_t count = 0;
+    uint64_t refused = 0; // datagrams that another process sent
+};
+
+// Reads as many datagrams as wait and fit into `buffer`, which has kernel_buffer_size bytes. The spans in `datagrams`
+// become parts of `buffer`. Returns `datagram`, `empty` or `overrun`.
+kernel_read kernel_socket_read_many(const kernel_socket &socket, std::span<std::byte> buffer,
+                                    kernel_datagrams &datagrams);
 
 // The kernel's account of a socket.
 struct kernel_socket_memory {
