@@ -21,6 +21,10 @@ function(l2fib_add_library name)
         INSTALL_RPATH "$ORIGIN")
 endfunction()
 
+# The compiler binds calls inside a file and calls other libraries without a stub. The loading process may still
+# interpose functions of its own.
+set(bound_calls -fno-semantic-interposition -fno-plt)
+
 if(L2FIB_HOST)
     l2fib_add_library(l2fib_host
         SOURCES ${host_sources}
@@ -28,15 +32,13 @@ if(L2FIB_HOST)
     find_package(PkgConfig REQUIRED)
     pkg_check_modules(libcbor REQUIRED IMPORTED_TARGET libcbor)
     target_link_libraries(l2fib_host PRIVATE l2fib_no_undefined l2fib_base PkgConfig::libcbor)
+    target_compile_options(l2fib_host PRIVATE ${bound_calls})
 endif()
 
 l2fib_add_library(l2fib_mac_edm
     SOURCES ${module_sources}
     INCLUDES "${PROJECT_SOURCE_DIR}/include" "${PROJECT_SOURCE_DIR}/src")
-# The compiler binds calls inside a file and calls the platform without a stub. The loading process may still interpose
-# functions of its own.
-target_compile_options(l2fib_mac_edm PRIVATE
-    -fno-exceptions -fno-rtti -fno-semantic-interposition -fno-plt)
+target_compile_options(l2fib_mac_edm PRIVATE -fno-exceptions -fno-rtti ${bound_calls})
 # The module follows the lock attributes of its own interface. Others choose that for themselves.
 target_compile_definitions(l2fib_mac_edm PRIVATE L2FIB_CHECKS_TABLE_LOCK)
 if(TARGET l2fib_host)

@@ -17,23 +17,16 @@
 #include <utility>
 
 #include "base/mutex.h"
+#include "host/pool/slab_owner.h"
 
 namespace host {
-namespace {
 
-constexpr size_t max_reserved_bytes = size_t{64} << 30;
-constexpr size_t max_slabs = max_reserved_bytes / arena_slab_size;
+constinit slab_table arena_slabs;
+
+namespace {
 
 // Not the index of any slab.
 constexpr size_t no_slab = max_slabs;
-
-// arena_owner reads this table without a lock. The first arena_take writes `base` and then `count`, once. An owner is
-// stored after its slab became accessible, and cleared before the slab becomes inaccessible.
-struct slab_table {
-    std::atomic<uintptr_t> base;
-    std::atomic<size_t> count;
-    std::array<std::atomic<const void *>, max_slabs> owners;
-};
 
 // Which slabs are taken. Slabs from `used` on have never been taken. Below `used`, the stack `free` holds those that
 // were given back:
@@ -51,7 +44,6 @@ struct slab_account {
     std::array<uint32_t, max_slabs> free L2FIB_GUARDED_BY(mutex) = {};
 };
 
-constinit slab_table table;
 constinit slab_account account;
 
 // The slab that the keeper has prepared: open, without an owner, and touched.
@@ -78,14 +70,14 @@ void *map_inaccessible(void *at, size_t size, int flags) noexcept
 
 std::byte *slab_at(size_t index) noexcept
 {
-    return reinterpret_cast<std::byte *>(table.base.load(std::memory_order_relaxed) + index * arena_slab_size);
+    return reinterpret_cast<std::byte *>(arena_slabs.base.load(std::memory_order_relaxed) + index * arena_slab_size);
 }
 
 // Reserves the address space, unless it is reserved, and starts the keeper, so that no later use pays for that. If the
 // process may not have that much, tries half of it, and so on down to a single slab.
 bool reserve() noexcept L2FIB_REQUIRES(account.mutex)
 {
-    if (table.count.load(std::memory_order_relaxed) != 0) {
+    if (arena_slabs.count.load(std::memory_order_relaxed) != 0) {
         return true;
     }
     for (size_t count = max_slabs; count != 0; count /= 2) {
@@ -93,8 +85,8 @@ bool reserve() noexcept L2FIB_REQUIRES(account.mutex)
         void *start = map_inaccessible(nullptr, (count + 1) * arena_slab_size, 0);
         if (start != MAP_FAILED) {
             const auto address = reinterpret_cast<uintptr_t>(start) + arena_slab_size - 1;
-            table.base.store(address & ~(arena_slab_size - 1), std::memory_order_relaxed);
-            table.count.store(count, std::memory_order_release);
+            arena_slabs.base.store(address & ~(arena_slab_size - 1), std::memory_order_relaxed);
+            arena_slabs.count.store(count, std::memory_order_release);
             keeper.is_started = start_keeper();
             return true;
         }
@@ -103,10 +95,10 @@ bool reserve() noexcept L2FIB_REQUIRES(account.mutex)
 }
 
 // Returns the index of the slab that `address` lies in, or no_slab.
-size_t index_of(const void *address) noexcept
+size_t slab_index_of(const void *address) noexcept
 {
-    const size_t count = table.count.load(std::memory_order_acquire);
-    const uintptr_t base = table.base.load(std::memory_order_relaxed);
+    const size_t count = arena_slabs.count.load(std::memory_order_acquire);
+    const uintptr_t base = arena_slabs.base.load(std::memory_order_relaxed);
     const size_t index = (reinterpret_cast<uintptr_t>(address) - base) / arena_slab_size;
     return index < count ? index : no_slab;
 }
@@ -120,7 +112,7 @@ size_t pick() noexcept L2FIB_REQUIRES(account.mutex)
     if (account.free_count != 0) {
         return account.free[--account.free_count];
     }
-    return account.used < table.count.load(std::memory_order_relaxed) ? account.used++ : no_slab;
+    return account.used < arena_slabs.count.load(std::memory_order_relaxed) ? account.used++ : no_slab;
 }
 
 void put_back(size_t index) noexcept L2FIB_REQUIRES(account.mutex)
@@ -287,18 +279,19 @@ void *arena_take(const void *owner, arena_pages pages) noexcept
         request_slab();
     }
     account.peak = std::max(account.peak, ++account.taken);
-    table.owners[index].store(owner, std::memory_order_release);
+    arena_slabs.owners[index].store(owner, std::memory_order_release);
     return slab_at(index);
 }
 
 void arena_give(void *slab) noexcept
 {
     const base::scoped_lock hold(account.mutex);
-    const size_t index = index_of(slab);
-    if (index == no_slab || slab != slab_at(index) || table.owners[index].load(std::memory_order_relaxed) == nullptr) {
+    const size_t index = slab_index_of(slab);
+    if (index == no_slab || slab != slab_at(index)
+        || arena_slabs.owners[index].load(std::memory_order_relaxed) == nullptr) {
         return;
     }
-    table.owners[index].store(nullptr, std::memory_order_release);
+    arena_slabs.owners[index].store(nullptr, std::memory_order_release);
     close(slab_at(index));
     put_back(index);
     account.taken--;
@@ -306,8 +299,7 @@ void arena_give(void *slab) noexcept
 
 const void *arena_owner(const void *address) noexcept
 {
-    const size_t index = index_of(address);
-    return index == no_slab ? nullptr : table.owners[index].load(std::memory_order_acquire);
+    return slab_owner(address);
 }
 
 bool arena_touch(void *start, size_t size) noexcept
@@ -327,7 +319,7 @@ bool arena_touch(void *start, size_t size) noexcept
 void arena_read_statistics(arena_statistics *statistics) noexcept
 {
     const base::scoped_lock hold(account.mutex);
-    *statistics = {table.count.load(std::memory_order_relaxed), account.taken, account.peak, account.refused};
+    *statistics = {arena_slabs.count.load(std::memory_order_relaxed), account.taken, account.peak, account.refused};
 }
 
 } // namespace host

@@ -41,6 +41,7 @@
 #include "base/mutex.h"
 #include "host/pool/arena.h"
 #include "host/pool/chunk_statistics.h"
+#include "host/pool/slab_owner.h"
 
 namespace host {
 namespace {
@@ -48,7 +49,7 @@ namespace {
 constexpr size_t max_pools = 256; // the low byte of a handle is a place in the table
 constexpr size_t page_size = 4096;
 constexpr size_t cache_line = 64;
-constexpr uint64_t max_stretch = uint64_t{64} << 10; // bytes: 16 small pages, which bounds the time of one call
+constexpr uint64_t max_stretch = uint64_t{16} << 10; // bytes: four small pages, which bounds the time of one call
 constexpr uint32_t alignment = 8;
 constexpr unsigned reciprocal_shift = 42; // see index_of
 constexpr uint32_t bits = 64;             // in a word of the map
@@ -168,15 +169,19 @@ constexpr uint64_t bit(uint32_t index) noexcept
     return uint64_t{1} << index % bits;
 }
 
-// Returns the lowest free element of a slab that is not full. Without a hole it is the first that was never handed out.
-uint32_t lowest_free(const pool &p, slab *s) noexcept
+// The paths below that few calls take are not inlined. Inlined, they would make every call save more registers.
+
+[[gnu::noinline]] uint32_t lowest_hole(const pool &p, slab *s) noexcept
 {
-    if (s->live == s->fresh) {
-        return s->fresh;
-    }
     uint32_t index = static_cast<uint32_t>(std::countr_one(s->top));
     index = index * bits + static_cast<uint32_t>(std::countr_one(summary_of(s)[index]));
     return index * bits + static_cast<uint32_t>(std::countr_one(map_of(p, s)[index]));
+}
+
+// Returns the lowest free element of a slab that is not full. Without a hole it is the first that was never handed out.
+uint32_t lowest_free(const pool &p, slab *s) noexcept
+{
+    return s->live == s->fresh ? s->fresh : lowest_hole(p, s);
 }
 
 bool is_live(const pool &p, slab *s, uint32_t index) noexcept
@@ -184,22 +189,39 @@ bool is_live(const pool &p, slab *s, uint32_t index) noexcept
     return (map_of(p, s)[index / bits] & bit(index)) != 0;
 }
 
-void set_live(const pool &p, slab *s, uint32_t index) noexcept
+// Notes that a word of the map is all ones.
+[[gnu::noinline]] void close_word(slab *s, uint32_t word) noexcept
 {
-    const uint32_t word = index / bits;
     const uint32_t group = word / bits;
-    if ((map_of(p, s)[word] |= bit(index)) == UINT64_MAX && (summary_of(s)[group] |= bit(word)) == UINT64_MAX) {
+    if ((summary_of(s)[group] |= bit(word)) == UINT64_MAX) {
         s->top |= bit(group);
     }
+}
+
+// Notes that a word of the map no longer is all ones.
+[[gnu::noinline]] void open_word(slab *s, uint32_t word) noexcept
+{
+    summary_of(s)[word / bits] &= ~bit(word);
+    s->top &= ~bit(word / bits);
+}
+
+void set_live(const pool &p, slab *s, uint32_t index) noexcept
+{
+    uint64_t &word = map_of(p, s)[index / bits];
+    word |= bit(index);
     s->live++;
+    if (word == UINT64_MAX) {
+        close_word(s, index / bits);
+    }
 }
 
 void set_free(const pool &p, slab *s, uint32_t index) noexcept
 {
-    const uint32_t word = index / bits;
-    map_of(p, s)[word] &= ~bit(index);
-    summary_of(s)[word / bits] &= ~bit(word);
-    s->top &= ~bit(word / bits);
+    uint64_t &word = map_of(p, s)[index / bits];
+    if (word == UINT64_MAX) {
+        open_word(s, index / bits);
+    }
+    word &= ~bit(index);
     s->live--;
 }
 
@@ -224,15 +246,23 @@ void unlink(pool &p, slab *s) noexcept
     }
 }
 
-// Bytes to touch at once: a growth step, or half of the pool up to max_stretch if that is more.
+[[gnu::noinline]] void move_first(pool &p, slab *s) noexcept
+{
+    unlink(p, s);
+    link_first(p, s);
+}
+
+// Bytes to touch at once: a growth step, or half of the pool if that is more, up to max_stretch. A larger element is
+// touched as a whole.
 uint64_t stretch_of(const pool &p) noexcept
 {
     const uint64_t step = uint64_t{p.element_count} * p.stride;
-    return std::max(step, std::min(value(p.bytes) / 2, max_stretch));
+    const uint64_t wanted = std::min(std::max(step, value(p.bytes) / 2), max_stretch);
+    return std::max<uint64_t>(wanted, p.stride);
 }
 
 // Touches another stretch of a slab behind its first `touched` bytes. A new slab has none, whatever its header says.
-bool extend(pool &p, slab *s, uint64_t touched) noexcept
+[[gnu::noinline]] bool extend(pool &p, slab *s, uint64_t touched) noexcept
 {
     const uint64_t wanted = std::max<uint64_t>(touched, p.elements_offset) + stretch_of(p);
     const uint64_t end = std::min((wanted + page_size - 1) / page_size * page_size, uint64_t{arena_slab_size});
@@ -246,7 +276,7 @@ bool extend(pool &p, slab *s, uint64_t touched) noexcept
 }
 
 // Adds a slab to the pool. The first slab may stay nearly empty, so only further slabs ask for huge pages.
-bool grow(pool &p) noexcept
+[[gnu::noinline]] bool grow(pool &p) noexcept
 {
     const arena_pages pages = value(p.slabs) == 0 ? arena_pages::small : arena_pages::huge;
     slab *s = static_cast<slab *>(arena_take(&p, pages));
@@ -266,7 +296,7 @@ bool grow(pool &p) noexcept
 
 // Gives an empty slab back, unless it is the only empty one. Otherwise a pool whose use goes up and down by one element
 // could map and unmap memory with each call.
-void release_empty(pool &p, slab *s) noexcept
+[[gnu::noinline]] void release_empty(pool &p, slab *s) noexcept
 {
     if (++p.empty_slabs == 1) {
         return;
@@ -278,24 +308,39 @@ void release_empty(pool &p, slab *s) noexcept
     arena_give(s);
 }
 
-// Makes an element live and zero. An element that was never handed out is zero already.
-std::byte *hand_out(pool &p, slab *s, uint32_t index) noexcept
+// Marks a free element as live.
+[[gnu::always_inline]] inline std::byte *make_live(pool &p, slab *s, uint32_t index) noexcept
 {
     std::byte *element = element_at(p, s, index);
     ASAN_UNPOISON_MEMORY_REGION(element, p.element_size);
-    if (index < s->fresh) {
-        std::memset(element, 0, p.element_size);
-    } else {
-        s->fresh = index + 1;
-    }
-    if (s->live == 0) {
-        p.empty_slabs--;
-    }
     set_live(p, s, index);
     if (is_full(p, s)) {
         p.first = s->next;
     }
     return element;
+}
+
+// Makes an element live and zero. An element that was never handed out is zero already.
+std::byte *hand_out(pool &p, slab *s, uint32_t index) noexcept
+{
+    if (s->live == 0) {
+        p.empty_slabs--;
+    }
+    std::byte *element = make_live(p, s, index);
+    if (index < s->fresh) {
+        std::memset(element, 0, p.element_size);
+    } else {
+        s->fresh = index + 1;
+    }
+    return element;
+}
+
+// Whether the next element of a pool is one that was never handed out, in the first slab and behind elements that are
+// all live. This is how a pool fills.
+bool fills(const pool &p) noexcept
+{
+    const slab *s = p.first;
+    return s != nullptr && s->live == s->fresh && s->live < s->ready && s->live != 0;
 }
 
 // Returns the next element, live and zero. Null if the pool cannot grow.
@@ -312,6 +357,23 @@ std::byte *next_element(pool &p) noexcept
     return hand_out(p, s, index);
 }
 
+[[gnu::always_inline]] inline std::byte *count_taken(pool &p, std::byte *element) noexcept
+{
+    const uint64_t in_use = add(p.in_use, 1);
+    p.peak.store(std::max(value(p.peak), in_use), std::memory_order_relaxed);
+    return element;
+}
+
+[[gnu::noinline]] std::byte *take_any(pool &p) noexcept
+{
+    std::byte *element = next_element(p);
+    if (element == nullptr) {
+        add(p.failures, 1);
+        return nullptr;
+    }
+    return count_taken(p, element);
+}
+
 // Returns the index of the element that starts `offset` bytes into the element area, or the capacity if none does.
 //
 // The division by the stride is a multiplication by the reciprocal 2^42 / stride, rounded up. The result is exact
@@ -326,7 +388,7 @@ uint32_t index_of(const pool &p, size_t offset) noexcept
 
 bool release(pool &p, void *element) noexcept
 {
-    if (arena_owner(element) != &p) {
+    if (slab_owner(element) != &p) {
         return false;
     }
     slab *s = arena_slab_of<slab>(element);
@@ -336,12 +398,12 @@ bool release(pool &p, void *element) noexcept
     if (index == p.capacity || !is_live(p, s, index)) {
         return false;
     }
+    ASAN_POISON_MEMORY_REGION(element, p.stride);
+    subtract(p.in_use, 1);
     if (is_full(p, s)) {
-        unlink(p, s);
-        link_first(p, s);
+        move_first(p, s);
     }
     set_free(p, s, index);
-    ASAN_POISON_MEMORY_REGION(element, p.stride);
     if (s->live == 0) {
         release_empty(p, s);
     }
@@ -466,14 +528,7 @@ void *chunk_malloc(chunk_pool_t *pool)
     if (p == nullptr) {
         return nullptr;
     }
-    void *element = next_element(*p);
-    if (element == nullptr) {
-        add(p->failures, 1);
-        return nullptr;
-    }
-    const uint64_t in_use = add(p->in_use, 1);
-    p->peak.store(std::max(value(p->peak), in_use), std::memory_order_relaxed);
-    return element;
+    return fills(*p) ? count_taken(*p, make_live(*p, p->first, p->first->fresh++)) : take_any(*p);
 }
 
 uint32_t chunk_free(chunk_pool_t *pool, void *element)
@@ -487,7 +542,6 @@ uint32_t chunk_free(chunk_pool_t *pool, void *element)
         add(p->refused_frees, 1);
         return 0;
     }
-    subtract(p->in_use, 1);
     return 1;
 }
 

@@ -72,7 +72,7 @@ unsigned slot_in(const ordtree_index_t &index, const node *leaf, const ordtree_l
 }
 
 // Returns where `record` is in an index of this tree. No leaf if it is not there, whatever its link holds.
-leaf_place locate(const ordtree_t *tree, unsigned number, const ordtree_link_t *record)
+[[gnu::noinline]] leaf_place locate(const ordtree_t *tree, unsigned number, const ordtree_link_t *record)
 {
     node *const leaf = node_at(record[number].place);
     if (leaf == nullptr || tree_of(leaf) != tree || leaf->index != number || leaf->level != 0) {
@@ -87,7 +87,8 @@ leaf_place locate(const ordtree_t *tree, unsigned number, const ordtree_link_t *
 
 // The same for a record that is about to be removed. A sweep has asked for its successor just before, so the record
 // usually stands one slot before the cursor.
-leaf_place locate_behind_walk(const ordtree_t *tree, unsigned number, const ordtree_link_t *record)
+[[gnu::always_inline]] inline leaf_place locate_behind_walk(const ordtree_t *tree, unsigned number,
+                                                            const ordtree_link_t *record)
 {
     const leaf_place cursor = cursor_of(tree->index[number]);
     if (cursor.leaf != nullptr && record[number].place == cursor.leaf && cursor.slot > 0) {
@@ -99,13 +100,18 @@ leaf_place locate_behind_walk(const ordtree_t *tree, unsigned number, const ordt
     return locate(tree, number, record);
 }
 
+// Whether a place, which may be any value, is a leaf of some tree that holds the record.
+[[gnu::noinline]] bool is_leaf_of(const void *place, const ordtree_link_t *record)
+{
+    const node *const leaf = node_at(place);
+    return leaf != nullptr && tree_of(leaf) != nullptr && scan_for(leaf, record) != not_in_leaf;
+}
+
 // Whether one of the record's links leads to a leaf, of any tree, that holds the record.
-bool is_in_a_tree(const ordtree_link_t *record, unsigned link_count)
+[[gnu::always_inline]] inline bool is_in_a_tree(const ordtree_link_t *record, unsigned link_count)
 {
     for (unsigned number = 0; number < link_count; number++) {
-        const void *const place = record[number].place;
-        const node *const leaf = place != nullptr ? node_at(place) : nullptr;
-        if (leaf != nullptr && tree_of(leaf) != nullptr && scan_for(leaf, record) != not_in_leaf) {
+        if (record[number].place != nullptr && is_leaf_of(record[number].place, record)) {
             return true;
         }
     }
@@ -233,7 +239,7 @@ using insertions = std::array<insertion, ORDTREE_MAX_INDEXES>;
 }
 
 // The operations below take the number of indexes apart from the tree and are always inlined. Nearly all trees have one
-// index, and with a constant the compiler drops the loops.
+// index, and with a constant the compiler drops the loops. The variants for any number are functions of their own.
 
 [[gnu::always_inline]] inline ordtree_link_t *insert_into(ordtree_t *tree, ordtree_link_t *record, unsigned index_count)
 {
@@ -269,6 +275,16 @@ using insertions = std::array<insertion, ORDTREE_MAX_INDEXES>;
     tree->record_count--;
     note_change(tree);
     return record;
+}
+
+[[gnu::noinline]] ordtree_link_t *insert_into_all(ordtree_t *tree, ordtree_link_t *record)
+{
+    return insert_into(tree, record, tree->index_count);
+}
+
+[[gnu::noinline]] ordtree_link_t *delete_from_all(ordtree_t *tree, ordtree_link_t *record)
+{
+    return delete_from(tree, record, tree->index_count);
 }
 
 } // namespace
@@ -308,7 +324,7 @@ ordtree_link_t *ordtree_insert(ordtree_t *tree, ordtree_link_t *node)
     if (!runs(tree) || node == nullptr) {
         return nullptr;
     }
-    return tree->index_count == 1 ? insert_into(tree, node, 1) : insert_into(tree, node, tree->index_count);
+    return tree->index_count == 1 ? insert_into(tree, node, 1) : insert_into_all(tree, node);
 }
 
 ordtree_link_t *ordtree_delete(ordtree_t *tree, ordtree_link_t *node)
@@ -316,7 +332,7 @@ ordtree_link_t *ordtree_delete(ordtree_t *tree, ordtree_link_t *node)
     if (!runs(tree) || node == nullptr) {
         return nullptr;
     }
-    return tree->index_count == 1 ? delete_from(tree, node, 1) : delete_from(tree, node, tree->index_count);
+    return tree->index_count == 1 ? delete_from(tree, node, 1) : delete_from_all(tree, node);
 }
 
 ordtree_link_t *ordtree_search(const ordtree_t *tree, const ordtree_link_t *probe, uint32_t index)

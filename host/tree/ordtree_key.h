@@ -82,25 +82,39 @@ inline uint32_t compare_words(const ordtree_index_t &index, uint64_t first, uint
                          reinterpret_cast<const ordtree_link_t *>(second));
 }
 
-// Returns how many of `count` ascending entries have keys less than `bound`. A binary search without a branch in the
-// loop. Example with the keys 10 20 30 40 50 and the bound 35:
+// One step of count_below: skips `step` entries if all their keys are less than `bound`. A mask, because the processor
+// would mispredict every second branch; of bytes, because the compiler would multiply one of entries.
+inline const entry *skip_below(const entry *base, size_t step, uint64_t bound)
+{
+    const size_t is_below = base[step - 1].key < bound ? 1 : 0;
+    const size_t bytes = step * sizeof(entry) & (0 - is_below);
+    return reinterpret_cast<const entry *>(reinterpret_cast<const char *>(base) + bytes);
+}
+
+// Returns how many of `count` ascending entries, at most node_capacity, have keys less than `bound`. A binary search in
+// steps of constant sizes, so it has no loop. Example with the keys 10 20 30 40 50 60 and the bound 35:
 //
-//      base = 0, left = 5    half = 2, entry 1 is 20 < 35, so base = 2, left = 3
-//      base = 2, left = 3    half = 1, entry 2 is 30 < 35, so base = 3, left = 2
-//      base = 3, left = 2    half = 1, entry 3 is 40, so base stays, left = 1
-//      the last entry is 40, not less than 35: the result is 3
+//      6 has three bits, so the first step is 4; entry 3 is 40, so base = 0 (else base = 2, and the last 4 entries
+//      remain) step 2    entry 1 is 20 < 35, so base = 2 step 1    entry 2 is 30 < 35, so base = 3 the entry at the
+//      base is 40, not less than 35: the result is 3
 inline unsigned count_below(const entry *entries, size_t count, uint64_t bound)
 {
-    const entry *base = entries;
-    size_t left = count;
-    while (left > 1) {
-        const size_t half = left / 2;
-        const size_t is_below = base[half - 1].key < bound ? 1 : 0;
-        base += half & (0 - is_below); // a mask, because the processor would mispredict every second branch
-        left -= half;
+    static_assert(node_capacity < 64, "the steps below suffice");
+    if (count == 0) {
+        return 0;
     }
-    const size_t is_last_below = left == 1 && base->key < bound ? 1 : 0;
-    return static_cast<unsigned>(static_cast<size_t>(base - entries) + is_last_below);
+    const auto exponent = static_cast<unsigned>(std::bit_width(count)) - 1;
+    const size_t first_step = size_t{1} << exponent;
+    const entry *base = entries[first_step - 1].key < bound ? entries + (count - first_step) : entries;
+    switch (exponent) {
+    case 5: base = skip_below(base, 16, bound); [[fallthrough]];
+    case 4: base = skip_below(base, 8, bound); [[fallthrough]];
+    case 3: base = skip_below(base, 4, bound); [[fallthrough]];
+    case 2: base = skip_below(base, 2, bound); [[fallthrough]];
+    case 1: base = skip_below(base, 1, bound); break;
+    default: break;
+    }
+    return static_cast<unsigned>(base - entries) + (base->key < bound ? 1 : 0);
 }
 
 // Returns how many have keys not greater than `bound`.

@@ -3,10 +3,12 @@
 #include "host/tree/ordtree_node.h"
 
 #include "base/mutex.h"
-#include "host/pool/arena.h"
 #include "host/tree/ordtree_memory.h"
 
 namespace host::btree {
+
+constinit const char node_slab_owner = 0;
+
 namespace {
 
 struct slab {
@@ -61,7 +63,7 @@ slab *map_slab() L2FIB_REQUIRES(memory.mutex)
 {
     // The first slab may stay nearly empty.
     const arena_pages pages = memory.slabs == 0 ? arena_pages::small : arena_pages::huge;
-    auto *const mapped = static_cast<slab *>(arena_take(&memory, pages));
+    auto *const mapped = static_cast<slab *>(arena_take(&node_slab_owner, pages));
     if (mapped != nullptr) {
         mapped->fresh = 1;
         open_slab(mapped);
@@ -126,16 +128,6 @@ void clear_header(node *unused)
 }
 
 } // namespace
-
-node *node_at(const void *address) noexcept
-{
-    const auto value = reinterpret_cast<uintptr_t>(address);
-    const bool aligned = value % node_size == 0 && value % arena_slab_size != 0;
-    if (!aligned || arena_owner(address) != &memory) {
-        return nullptr;
-    }
-    return reinterpret_cast<node *>(value);
-}
 
 bool nodes_take(unsigned count, node *&list) noexcept
 {

@@ -45,6 +45,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "host/pool/slab_owner.h"
+
 namespace host::btree {
 
 struct entry {
@@ -99,8 +101,16 @@ inline const ordtree_t *tree_of(const node *place)
     return __atomic_load_n(&place->tree, __ATOMIC_RELAXED);
 }
 
+// Its address owns the slabs of nodes.
+extern const char node_slab_owner [[gnu::visibility("hidden")]];
+
 // Returns the node at `address`, in use or free. Null if the address is not that of a node.
-node *node_at(const void *address) noexcept;
+inline node *node_at(const void *address) noexcept
+{
+    const auto value = reinterpret_cast<uintptr_t>(address);
+    const bool aligned = value % node_size == 0 && value % arena_slab_size != 0;
+    return aligned && slab_owner(address) == &node_slab_owner ? reinterpret_cast<node *>(value) : nullptr;
+}
 
 // Takes `count` nodes as a list linked by `next`, or takes none and returns false. All else in their headers is zero.
 bool nodes_take(unsigned count, node *&list) noexcept;

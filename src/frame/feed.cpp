@@ -14,6 +14,7 @@
 #include "l2fm_edm_table.h"
 #include "table/element.h"
 #include "table/records/mac_entry.h"
+#include "table/root.h"
 #include "table/scoped_lock.h"
 #include "table/search/indexed.h"
 #include "table/search/tree_access.h"
@@ -96,19 +97,28 @@ l2fm_edm_bp_t *port_of(l2fm_edm_bd_t *bd, const l2fib_mac_edm_entry_t *entry) L2
     return status == 0 ? 0 : refused(entry, status);
 }
 
-// Feeds an entry for which one look at the indexes does not suffice.
-[[gnu::noinline]] uint32_t feed_step_by_step(const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
+// Feeds an entry whose port, or bridge domain, the indexes do not know.
+uint32_t feed_step_by_step(const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
     l2fm_edm_bd_t *bd = bridge_domain_of(entry);
     l2fm_edm_bp_t *bp = bd != nullptr ? port_of(bd, entry) : nullptr;
     return bp != nullptr ? store(bp, l2fm_edm_table_mac_lookup(entry, bd, bp), entry) : EDM_ERR_NO_RESOURCE;
 }
 
+// Feeds an entry for which one look at the indexes does not suffice.
+[[gnu::noinline]] uint32_t feed_after_search(const edm::address_probe &probe,
+                                             const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
+{
+    const edm::fed_place place = edm::look_for_fed<edm::address_index_find>(probe, entry);
+    const bool is_found = place.bp != nullptr && edm::is_watched(&place.bp->mac_tree);
+    return is_found ? store(place.bp, place.mac, entry) : feed_step_by_step(entry);
+}
+
 [[gnu::always_inline]] inline uint32_t feed(const edm::address_probe &probe,
                                             const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
-    const edm::fed_place place = edm::look_for_fed(probe, entry);
-    return place.bp != nullptr ? store(place.bp, place.mac, entry) : feed_step_by_step(entry);
+    const edm::fed_place place = edm::look_for_fed<edm::address_index_look>(probe, entry);
+    return place.bp != nullptr ? store(place.bp, place.mac, entry) : feed_after_search(probe, entry);
 }
 
 // Prefetches the leaf of the tree that an entry will join, if its port is known.
@@ -133,8 +143,9 @@ void feed_slice(const l2fib_mac_edm_entry_t *entries, size_t count, uint32_t *st
         probes[i] = edm::probe_of(entries[i].mac_addr);
         edm::address_index_expect(probes[i]);
     }
+    const bool expects_leaves = edm::exceeds_caches();
     for (size_t i = 0; i < count; i++) {
-        if (!edm::address_index_expect_entry(probes[i])) {
+        if (!edm::address_index_expect_entry(probes[i]) && expects_leaves) {
             expect_leaf(&entries[i]);
         }
     }
@@ -154,7 +165,7 @@ uint32_t l2fib_mac_edm_add(const l2fib_mac_edm_entry_t *entry)
     const edm::scoped_lock lock;
     const edm::address_probe probe = edm::probe_of(entry->mac_addr);
     edm::address_index_expect(probe);
-    if (is_filling) {
+    if (is_filling && edm::exceeds_caches()) {
         expect_leaf(entry);
     }
     return feed(probe, entry);

@@ -26,4 +26,11 @@ inline l2fm_edm_ll_link_t *list_end()
     return reinterpret_cast<l2fm_edm_ll_link_t *>(&root.ll_root);
 }
 
+// Whether the entries and what leads to them are more than the caches hold. Below, prefetches cost more than they save.
+inline bool exceeds_caches() L2FIB_REQUIRES_TABLE_LOCK
+{
+    constexpr uint32_t entries_in_caches = 1U << 16;
+    return root.ll_root.ll_count >= entries_in_caches;
+}
+
 } // namespace edm

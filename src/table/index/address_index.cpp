@@ -80,7 +80,7 @@ void remove_head(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 }
 
 // Removes an entry behind `prev` from its chain.
-void remove_behind(l2fm_edm_mac_t *prev, l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
+[[gnu::noinline]] void remove_behind(l2fm_edm_mac_t *prev, l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 {
     l2fm_edm_mac_t *next = chain_next(mac);
     set_chain_next(prev, next);

@@ -23,9 +23,10 @@
 //
 // Removal therefore leaves no trace that a later search would pay for.
 //
-// Growth: a table that is two thirds full is replaced by one of twice the size. The insertions that follow move the old
-// buckets, a few each, so no insertion pays for a whole table. Meanwhile a key is searched in the new table first, then
-// in the old one. Here three of the four buckets of the old table have moved:
+// Growth: a table that is two thirds full is replaced by one of twice the size. The insertions just before map it and
+// touch its pages, one each. The insertions that follow move the old buckets, a few each, so no insertion pays for a
+// whole table. Meanwhile a key is searched in the new table first, then in the old one. Here three of the four buckets
+// of the old table have moved:
 //
 //       retiring    [ - ][ - ][ - ][ 3 ]                                  retired: 3
 //       current     [ 0 ][ 1 ][ 2 ][   ][ 0 ][ 1 ][ 2 ][   ]              a record of bucket 1 moves to bucket 1 or 5
@@ -91,6 +92,7 @@ struct bucket_table {
     uint64_t mask;         // number of buckets, a power of two, less one
     uint64_t used;         // slots that hold a record
     uint64_t full;         // the index grows when it uses this many
+    uint64_t nearly_full;  // the index prepares to grow when it uses this many
 };
 
 // Zero-filled: empty.
@@ -99,7 +101,8 @@ struct growing_index {
     bucket_table current;
     bucket_table retiring; // the old table while its records move to `current`
     uint64_t retired;      // how many buckets of `retiring` have moved
-    uint64_t touched;      // how many buckets of `current` were touched ahead while it is new
+    bucket_table next;     // a larger table that soon replaces `current`
+    uint64_t touched;      // how many buckets of `next` were touched ahead
     bucket_table emptied;  // an older table whose memory is being unmapped
     uint64_t unmapped;     // how many buckets of `emptied` are unmapped
     uint64_t live;         // records in the index
@@ -111,8 +114,9 @@ namespace growing {
 constexpr uint64_t first_bucket_count = 512; // one table of 32 KiB
 constexpr uint64_t buckets_retired_at_once = 4;
 constexpr uint64_t buckets_unmapped_at_once = 1024; // 64 KiB
-constexpr uint64_t buckets_touched_at_once = 512;   // 32 KiB, eight small pages
+constexpr uint64_t buckets_touched_at_once = 64; // 4 KiB, a small page; a virtual machine may take 40 us for a new one
 constexpr uint64_t buckets_of_huge_page = (uint64_t{2} << 20) / sizeof(index_bucket);
+constexpr uint64_t least_fetched_buckets = 1U << 14; // 1 MiB; the caches hold smaller tables and their records
 constexpr uint16_t max_passed = UINT16_MAX;
 constexpr uintptr_t mark_bit = 1;
 
@@ -120,6 +124,9 @@ constexpr uintptr_t mark_bit = 1;
 // three buckets at two thirds, eight at three quarters, and all buckets of a table without a free slot.
 constexpr uint64_t full_parts = 2;
 constexpr uint64_t parts = 3;
+
+// The last part of the insertions into a table, during which the next one is touched. Twice as many as there are pages.
+constexpr uint64_t part_of_preparation = 64;
 
 static_assert(first_bucket_count % buckets_retired_at_once == 0,
               "a table has a whole number of such groups of buckets");
@@ -208,7 +215,8 @@ inline bucket_table map_table(uint64_t bucket_count)
 #ifdef MADV_NOHUGEPAGE
     madvise(memory, bytes, MADV_NOHUGEPAGE);
 #endif
-    return {static_cast<index_bucket *>(memory), bucket_count - 1, 0, bucket_count * bucket_slots / parts * full_parts};
+    const uint64_t full = bucket_count * bucket_slots / parts * full_parts;
+    return {static_cast<index_bucket *>(memory), bucket_count - 1, 0, full, full - full / part_of_preparation};
 }
 
 // Lets the system replace the small pages of a table by huge ones, behind the back of its users. All pages of the table
@@ -222,8 +230,7 @@ inline void request_huge_pages(const bucket_table &table)
 #endif
 }
 
-// Makes pages of a table present ahead of use. One call is cheaper than a fault for each page, and a page that is read
-// before it is written would cost two faults.
+// Makes pages of a table present ahead of use. A page that is read before it is written would cost two faults.
 inline void touch(index_bucket *buckets, uint64_t count)
 {
 #ifdef MADV_POPULATE_WRITE
@@ -341,7 +348,9 @@ template <typename Traits>
 template <typename Traits>
 void retire_one(growing_index<Traits> &index)
 {
-    fetch_for_retiring(index);
+    if (bucket_count(index.retiring) >= least_fetched_buckets) {
+        fetch_for_retiring(index);
+    }
     index_bucket &bucket = index.retiring.buckets[index.retired];
     for (uint32_t slot = 0; slot < bucket_slots; slot++) {
         if (bucket.tag[slot] != 0) {
@@ -376,12 +385,28 @@ void unmap_some(growing_index<Traits> &index)
 template <typename Traits>
 void retire_some(growing_index<Traits> &index)
 {
-    if (index.touched < bucket_count(index.current)) {
-        touch(index.current.buckets + index.touched, buckets_touched_at_once);
-        index.touched += buckets_touched_at_once;
-    }
     for (uint64_t count = 0; count < buckets_retired_at_once; count++) {
         retire_one(index);
+    }
+}
+
+template <typename Traits>
+uint64_t next_bucket_count(const growing_index<Traits> &index)
+{
+    return index.current.buckets == nullptr ? first_bucket_count : bucket_count(index.current) * 2;
+}
+
+// Maps the next table, or touches another piece of it. The pages of a table are new to the process, and no insertion
+// should wait for more than one of them.
+template <typename Traits>
+[[gnu::noinline]] void prepare_next(growing_index<Traits> &index)
+{
+    if (index.next.buckets == nullptr) {
+        index.next = map_table(next_bucket_count(index));
+        index.touched = 0;
+    } else if (index.touched < bucket_count(index.next)) {
+        touch(index.next.buckets + index.touched, buckets_touched_at_once);
+        index.touched += buckets_touched_at_once;
     }
 }
 
@@ -389,15 +414,27 @@ void retire_some(growing_index<Traits> &index)
 template <typename Traits>
 [[gnu::noinline]] bool grow(growing_index<Traits> &index)
 {
-    const bool is_first = index.current.buckets == nullptr;
-    const bucket_table next = map_table(is_first ? first_bucket_count : bucket_count(index.current) * 2);
-    if (next.buckets == nullptr) {
+    if (index.next.buckets == nullptr) {
+        index.next = map_table(next_bucket_count(index));
+    }
+    if (index.next.buckets == nullptr) {
         return false;
     }
     index.retiring = index.current;
     index.retired = 0;
-    index.touched = 0;
-    index.current = next;
+    index.current = index.next;
+    index.next = {};
+    return true;
+}
+
+// The rest of make_room, for a table that is nearly full.
+template <typename Traits>
+[[gnu::noinline]] bool prepare_or_grow(growing_index<Traits> &index)
+{
+    if (index.current.used >= index.current.full) {
+        return grow(index);
+    }
+    prepare_next(index);
     return true;
 }
 
@@ -414,7 +451,7 @@ bool make_room(growing_index<Traits> &index)
     if (index.emptied.buckets != nullptr) {
         unmap_some(index);
     }
-    return index.current.used < index.current.full || grow(index);
+    return index.current.used < index.current.nearly_full || prepare_or_grow(index);
 }
 
 } // namespace growing
@@ -453,7 +490,6 @@ template <typename Traits>
 // address of the key's record with its mark, index_absent, or index_undecided: only index_find knows.
 constexpr uintptr_t index_absent = 0;
 constexpr uintptr_t index_undecided = UINTPTR_MAX;
-
 template <typename Traits>
 [[gnu::always_inline]] inline uintptr_t index_look(const growing_index<Traits> &index, typename Traits::key_t key,
                                                    uint64_t hash)
@@ -516,6 +552,7 @@ void index_release(growing_index<Traits> &index)
 {
     growing::unmap_from(index.current, 0);
     growing::unmap_from(index.retiring, 0);
+    growing::unmap_from(index.next, 0);
     growing::unmap_from(index.emptied, index.unmapped);
     const uint64_t secret = index.secret;
     index = {};

@@ -96,7 +96,7 @@ void lower_to_zero(uint32_t &counter, bool by_one) L2FIB_REQUIRES_TABLE_LOCK
     lower(counter, by_one && counter != 0);
 }
 
-void count_kind(l2fm_edm_mac_t *mac, uint32_t kind) L2FIB_REQUIRES_TABLE_LOCK
+[[gnu::always_inline]] inline void count_kind(l2fm_edm_mac_t *mac, uint32_t kind) L2FIB_REQUIRES_TABLE_LOCK
 {
     const contribution &adds = contributions[kind];
     raise(root.counters.mac_cnt_sum, adds.to_sum);

@@ -26,7 +26,10 @@ struct fed_place {
     return bp != nullptr && bp->refresh_pending == 0 ? bp : nullptr;
 }
 
-// The port and the entry of a descriptor whose bridge domain, port and address the indexes know.
+// The port and the entry of a descriptor whose bridge domain, port and address the indexes know. `Look` asks for the
+// address: address_index_look decides nearly always, address_index_find also while the index grows and for addresses
+// with several entries.
+template <auto Look>
 [[gnu::always_inline]] inline fed_place look_for_fed(const address_probe &probe,
                                                      const l2fib_mac_edm_entry_t *entry) L2FIB_REQUIRES_TABLE_LOCK
 {
@@ -38,7 +41,7 @@ struct fed_place {
     if (bp == nullptr) {
         return {};
     }
-    const address_answer answer = address_index_look(probe, bp, bd);
+    const address_answer answer = Look(probe, bp, bd);
     return answer.known ? fed_place{bp, answer.mac} : fed_place{};
 }
 

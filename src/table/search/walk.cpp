@@ -136,7 +136,6 @@ bool visit_vteps_of_bd(const l2fm_edm_bd_t *bd, l2fm_edm_vtep_walk_fn callback) 
 // A sweep of more entries than the caches hold waits for memory at each destruction. It prefetches this many entries
 // ahead what a destruction needs.
 constexpr uint32_t sweep_distance = 6;
-constexpr uint32_t least_worth_fetching = 1U << 16; // entries; below, the caches hold nearly everything
 
 // Runs some entries ahead of a sweep. Stays at the end of the list.
 struct sweep_scout {
@@ -160,8 +159,7 @@ void run_ahead(sweep_scout &scout) L2FIB_REQUIRES_TABLE_LOCK
 sweep_scout start_scout() L2FIB_REQUIRES_TABLE_LOCK
 {
     const l2fm_edm_ll_root_t &list = edm::root.ll_root;
-    sweep_scout scout = {list.ll_count < least_worth_fetching || !edm::indexes_trusted() ? edm::list_end()
-                                                                                         : list.ll_first};
+    sweep_scout scout = {edm::exceeds_caches() && edm::indexes_trusted() ? list.ll_first : edm::list_end()};
     for (uint32_t ahead = 0; ahead < sweep_distance; ahead++) {
         run_ahead(scout);
     }
