@@ -46,7 +46,7 @@ base::result feeder::start(event_manager_t *evm)
                                         "the timer that compares the shadow table with the plane");
         }
     }
-    const base::result started = context_.source.start(evm, shadow_);
+    base::result started = context_.source.start(evm, shadow_);
     if (!started.ok() && timer != 0) {
         host::event_timer_cancel(evm, timer);
     }

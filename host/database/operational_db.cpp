@@ -42,7 +42,6 @@ namespace {
 
 using host::operational_page;
 using host::operational_request;
-using host::operational_session;
 using host::request_kind;
 
 using steady_clock = std::chrono::steady_clock;

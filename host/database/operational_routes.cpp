@@ -20,9 +20,9 @@ struct operational_route {
     request_kind kind;
     uint32_t required; // key bits
     uint32_t optional; // key bits
+    uint32_t action;   // slot of the action table
     list_caller list;
     get_caller get;
-    uint32_t action; // slot of the action table
 };
 
 } // namespace host
@@ -31,7 +31,6 @@ namespace {
 
 using host::operational_keys;
 using host::operational_object;
-using host::operational_request;
 using host::operational_route;
 using host::request_kind;
 
@@ -208,21 +207,21 @@ constexpr auto get = request_kind::get;
 
 // A request takes the first route that it fits.
 constexpr operational_route routes[] = {
-    {table, names, 0, domain | mac | vtep | flagged, call_mac_list<&handler_table::mac_list>, {}, 0},
-    {table, names, 0, domain | mac | seg_info2 | flagged, call_mac_list<&handler_table::mac_list>, {}, 0},
-    {table, data, 0, domain | mac | vtep | flagged, call_mac_list<&handler_table::mac_datalist>, {}, 0},
-    {table, data, 0, domain | mac | seg_info2 | flagged, call_mac_list<&handler_table::mac_datalist>, {}, 0},
-    {table, names, port | domain, flagged | resync_all, call_bp_mac_list<&handler_table::bp_mac_list>, {}, 0},
-    {table, data, port | domain, flagged | resync_all, call_bp_mac_list<&handler_table::bp_mac_datalist>, {}, 0},
-    {table, get, domain | mac, 0, {}, call_mac_get, 0},
-    {aging, data, 0, 0, call_mac_aging, {}, 0},
-    {counts, get, 0, 0, {}, call_mac_count, 0},
-    {counts, get, domain, 0, {}, call_bd_mac_count, 0},
-    {counts, get, port, 0, {}, call_bp_mac_count, 0},
-    {vteps, names, 0, seg_info2 | seg_info1, call_vtep_list<&handler_table::vtep_list>, {}, 0},
-    {vteps, data, 0, seg_info2 | seg_info1, call_vtep_list<&handler_table::vtep_datalist>, {}, 0},
-    {vteps, get, port | seg_info2 | vtep, 0, {}, call_vtep_get, 0},
-    {operational_object::mac_action, request_kind::action, 0, 0, {}, {}, L2FIB_ACTION_SLOT_MAC_EDM},
+    {table, names, 0, domain | mac | vtep | flagged, 0, call_mac_list<&handler_table::mac_list>, {}},
+    {table, names, 0, domain | mac | seg_info2 | flagged, 0, call_mac_list<&handler_table::mac_list>, {}},
+    {table, data, 0, domain | mac | vtep | flagged, 0, call_mac_list<&handler_table::mac_datalist>, {}},
+    {table, data, 0, domain | mac | seg_info2 | flagged, 0, call_mac_list<&handler_table::mac_datalist>, {}},
+    {table, names, port | domain, flagged | resync_all, 0, call_bp_mac_list<&handler_table::bp_mac_list>, {}},
+    {table, data, port | domain, flagged | resync_all, 0, call_bp_mac_list<&handler_table::bp_mac_datalist>, {}},
+    {table, get, domain | mac, 0, 0, {}, call_mac_get},
+    {aging, data, 0, 0, 0, call_mac_aging, {}},
+    {counts, get, 0, 0, 0, {}, call_mac_count},
+    {counts, get, domain, 0, 0, {}, call_bd_mac_count},
+    {counts, get, port, 0, 0, {}, call_bp_mac_count},
+    {vteps, names, 0, seg_info2 | seg_info1, 0, call_vtep_list<&handler_table::vtep_list>, {}},
+    {vteps, data, 0, seg_info2 | seg_info1, 0, call_vtep_list<&handler_table::vtep_datalist>, {}},
+    {vteps, get, port | seg_info2 | vtep, 0, 0, {}, call_vtep_get},
+    {operational_object::mac_action, request_kind::action, 0, 0, L2FIB_ACTION_SLOT_MAC_EDM, {}, {}},
 };
 
 constexpr std::string_view object_names[] = {"mac-table", "mac-aging", "mac-count", "mac-vtep", "mac-action"};

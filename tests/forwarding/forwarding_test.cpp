@@ -1173,7 +1173,7 @@ TEST_F(fed_module, AListShowsOnceWhatIsSeenAgain)
             std::ranges::transform(page.page.rows, std::back_inserter(shown), &mac_row::mac);
         };
         for (uint32_t number = 1; number <= 4; number++) {
-            see(p0, number, 1000 * number);
+            see(p0, number, int64_t{1000} * number);
         }
         order_selection selection = select_ahead(order, {}, 100);
         show(selection, 1);

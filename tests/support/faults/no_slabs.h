@@ -20,10 +20,13 @@
 #include "host/pool/arena.h"
 #include "tests/support/faults/interpose.h"
 
+// One source of the program includes this.
+// NOLINTBEGIN(misc-definitions-in-headers)
 INTERPOSE(int, mprotect, (void *start, size_t size, int protection) noexcept, (start, size, protection), -1)
 INTERPOSE(int, madvise, (void *start, size_t size, int advice) noexcept, (start, size, advice), (errno = ENOMEM, -1))
 INTERPOSE(int, sem_post, (sem_t * semaphore) noexcept, (semaphore), -1)
 INTERPOSE(int, sem_wait, (sem_t * semaphore), (semaphore), -1)
+// NOLINTEND(misc-definitions-in-headers)
 
 namespace test {
 
