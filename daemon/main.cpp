@@ -21,9 +21,9 @@
 #include <iostream>
 
 #include "base/standard_streams.h"
-#include "daemon/api/api_error.h"
 #include "daemon/api/database.h"
 #include "daemon/api/health.h"
+#include "daemon/api/json/api_error.h"
 #include "daemon/http/descriptors.h"
 #include "daemon/http/http_server.h"
 #include "daemon/http/unix_socket.h"

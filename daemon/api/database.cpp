@@ -7,7 +7,7 @@
 #include <iterator>
 #include <string>
 
-#include "daemon/api/api_error.h"
+#include "daemon/api/json/api_error.h"
 #include "l2fib_mac_edm.h"
 
 namespace l2fibd {

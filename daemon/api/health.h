@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <string>
 
-#include "daemon/api/json_writer.h"
+#include "daemon/api/json/json_writer.h"
 
 namespace l2fibd {
 

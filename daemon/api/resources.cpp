@@ -13,8 +13,8 @@
 #include <nlohmann/json.hpp>
 
 #include "base/text.h"
-#include "daemon/api/records.h"
-#include "daemon/api/sources.h"
+#include "daemon/api/json/records.h"
+#include "daemon/api/lists/sources.h"
 #include "daemon/http/target.h"
 #include "forwarding/feeder/answers/reading.h"
 #include "forwarding/forwarding.h"

@@ -16,11 +16,11 @@
 #include <string>
 #include <string_view>
 
-#include "daemon/api/api_error.h"
 #include "daemon/api/database.h"
 #include "daemon/api/health.h"
-#include "daemon/api/kept_selections.h"
-#include "daemon/api/list.h"
+#include "daemon/api/json/api_error.h"
+#include "daemon/api/lists/kept_selections.h"
+#include "daemon/api/lists/list.h"
 
 namespace l2fibd {
 

@@ -3,7 +3,7 @@
 #include "daemon/http/target.h"
 
 #include "base/text.h"
-#include "daemon/api/api_error.h"
+#include "daemon/api/json/api_error.h"
 
 namespace l2fibd {
 

@@ -10,8 +10,8 @@
 #include <sstream>
 
 #include "base/text.h"
-#include "daemon/api/api_error.h"
-#include "daemon/api/json_writer.h"
+#include "daemon/api/json/api_error.h"
+#include "daemon/api/json/json_writer.h"
 #include "daemon/http/target.h"
 
 namespace {

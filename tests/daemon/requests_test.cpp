@@ -14,7 +14,7 @@
 #include <set>
 #include <vector>
 
-#include "daemon/api/list.h"
+#include "daemon/api/lists/list.h"
 #include "daemon/api/resources.h"
 #include "daemon/http/request_deadlines.h"
 

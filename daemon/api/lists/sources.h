@@ -12,8 +12,8 @@
 #include <optional>
 #include <string>
 
-#include "daemon/api/kept_selections.h"
-#include "daemon/api/list.h"
+#include "daemon/api/lists/kept_selections.h"
+#include "daemon/api/lists/list.h"
 #include "forwarding/feeder/answers/reading.h"
 
 namespace l2fibd {

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "bench/work.h"
+#include "bench/table/work.h"
 
 namespace bench {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "bench/seat.h"
+#include "bench/table/seat.h"
 
 #include <malloc.h>
 #include <sys/wait.h>

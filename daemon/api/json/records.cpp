@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "daemon/api/records.h"
+#include "daemon/api/json/records.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "daemon/api/kept_selections.h"
+#include "daemon/api/lists/kept_selections.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "daemon/api/api_error.h"
+#include "daemon/api/json/api_error.h"
 
-#include "daemon/api/list.h"
+#include "daemon/api/lists/list.h"
 #include "forwarding/forwarding.h"
 
 namespace l2fibd {

@@ -6,7 +6,7 @@
 #include <array>
 #include <span>
 
-#include "bench/contestant.h"
+#include "bench/table/contestant.h"
 
 namespace bench {
 

@@ -6,7 +6,7 @@
 // Threads: pure functions; any thread may call them.
 #pragma once
 
-#include "daemon/api/json_writer.h"
+#include "daemon/api/json/json_writer.h"
 #include "forwarding/feeder/answers/reading.h"
 #include "forwarding/forwarding.h"
 #include "host/trace/trace_reader.h"

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "daemon/api/sources.h"
+#include "daemon/api/lists/sources.h"
 
 #include <algorithm>
 #include <array>
@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "base/text.h"
-#include "daemon/api/api_error.h"
-#include "daemon/api/records.h"
+#include "daemon/api/json/api_error.h"
+#include "daemon/api/json/records.h"
 
 namespace l2fibd {
 

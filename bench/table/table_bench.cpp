@@ -13,7 +13,7 @@
 #include <cstdio>
 #include <stdexcept>
 
-#include "bench/seat.h"
+#include "bench/table/seat.h"
 
 namespace {
 

@@ -18,9 +18,9 @@
 #include <string>
 #include <string_view>
 
-#include "daemon/api/api_error.h"
 #include "daemon/api/database.h"
-#include "daemon/api/json_writer.h"
+#include "daemon/api/json/api_error.h"
+#include "daemon/api/json/json_writer.h"
 #include "forwarding/forwarding.h"
 
 namespace l2fibd {

@@ -5,7 +5,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "bench/seat.h"
+#include "bench/table/seat.h"
 
 namespace bench {
 

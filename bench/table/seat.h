@@ -4,8 +4,8 @@
 // sample.
 #pragma once
 
-#include "bench/measure.h"
-#include "bench/rows.h"
+#include "bench/table/measure.h"
+#include "bench/table/rows.h"
 
 namespace bench {
 

@@ -7,8 +7,8 @@
 #include <initializer_list>
 #include <stdexcept>
 
-#include "bench/contestant.h"
-#include "bench/page.h"
+#include "bench/table/contestant.h"
+#include "bench/table/page.h"
 #include "platform/utility.h"
 
 namespace bench {

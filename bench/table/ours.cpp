@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "bench/contestant.h"
-#include "bench/page.h"
+#include "bench/table/contestant.h"
+#include "bench/table/page.h"
 #include "host/objects/l2fib_objects.h"
 #include "l2fm_edm_table.h"
 #include "platform/l2fib.h"

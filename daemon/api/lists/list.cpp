@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "daemon/api/list.h"
+#include "daemon/api/lists/list.h"
 
 #include <algorithm>
 #include <random>

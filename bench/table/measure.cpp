@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "bench/measure.h"
+#include "bench/table/measure.h"
 
 #include <algorithm>
 #include <chrono>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "bench/work.h"
+#include "bench/table/work.h"
 
 #include <algorithm>
 #include <random>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "bench/rows.h"
+#include "bench/table/rows.h"
 
 #include <algorithm>
 

@@ -20,7 +20,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "bench/contestant.h"
+#include "bench/table/contestant.h"
 
 namespace bench {
 

@@ -16,7 +16,7 @@
 #include <memory>
 #include <vector>
 
-#include "bench/work.h"
+#include "bench/table/work.h"
 
 namespace bench {
 

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "bench/page.h"
+#include "bench/table/page.h"
 
 #include <charconv>
 
-#include "bench/contestant.h"
+#include "bench/table/contestant.h"
 
 namespace bench {
 

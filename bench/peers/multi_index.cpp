@@ -11,8 +11,8 @@
 #include <mutex>
 #include <utility>
 
-#include "bench/contestant.h"
-#include "bench/page.h"
+#include "bench/table/contestant.h"
+#include "bench/table/page.h"
 #include "platform/utility.h"
 
 namespace bench {

@@ -18,7 +18,7 @@
 #include <string>
 #include <utility>
 
-#include "daemon/api/json_writer.h"
+#include "daemon/api/json/json_writer.h"
 
 namespace l2fibd {
 

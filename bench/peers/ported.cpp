@@ -18,8 +18,8 @@
 #include <map>
 #include <mutex>
 
-#include "bench/contestant.h"
-#include "bench/page.h"
+#include "bench/table/contestant.h"
+#include "bench/table/page.h"
 #include "platform/utility.h"
 
 namespace bench {

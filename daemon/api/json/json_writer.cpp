@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "daemon/api/json_writer.h"
+#include "daemon/api/json/json_writer.h"
 
 #include <algorithm>
 #include <array>
