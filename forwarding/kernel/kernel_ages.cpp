@@ -19,8 +19,8 @@ constexpr size_t least_demand = 16; // entries
 
 // A dump ends early when it has cost this many times the questions about all entries that it should bring: a bridge of
 // very many ports. The kernel walks over all entries of a bridge for each port.
-constexpr int64_t most_cost = 4;
-constexpr int64_t least_cost_ns = 2'000'000; // that a dump may have
+constexpr int64_t max_cost = 4;
+constexpr int64_t min_cost_ns = 2'000'000; // that a dump may have
 
 constexpr size_t least_slots = 64;
 
@@ -122,7 +122,7 @@ base::result kernel_ages::open()
 void kernel_ages::note_size(uint32_t bridge, size_t entries)
 {
     const base::scoped_lock hold(sizes_mutex_);
-    if (sizes_.size() >= most_sizes) {
+    if (sizes_.size() >= max_sizes) {
         sizes_.clear();
         sizes_sum_ = 0;
     }
@@ -154,8 +154,8 @@ size_t kernel_ages::sizes_sum()
 
 void kernel_ages::note_questions(size_t count, int64_t ns)
 {
-    constexpr size_t least = 64; // fewer do not show the cost of one
-    if (count >= least) {
+    constexpr size_t min_questions = 64; // fewer do not show the cost of one
+    if (count >= min_questions) {
         question_ns_ = ns / static_cast<int64_t>(count);
     }
 }
@@ -169,7 +169,7 @@ bool kernel_ages::is_valid(const bridge_ages &of) const
 void kernel_ages::make_room()
 {
     const auto now = clock::now();
-    if (held_ <= most_held - most_dumped && now - swept_ < lifetime) {
+    if (held_ <= max_held - max_dumped && now - swept_ < lifetime) {
         return;
     }
     swept_ = now;
@@ -179,7 +179,7 @@ void kernel_ages::make_room()
                && now - each.second.gave_up >= pause;
     });
     for (auto &[bridge, ages] : bridges_) {
-        if (!is_valid(ages) || held_ + ages.table.size() > most_held - most_dumped) {
+        if (!is_valid(ages) || held_ + ages.table.size() > max_held - max_dumped) {
             ages.table = {};
             ages.taken = {};
         }
@@ -249,11 +249,11 @@ bool kernel_ages::refresh(uint32_t bridge, bridge_ages &ages, size_t count)
         return false;
     }
     const size_t size = size_of(bridge);
-    if (size > most_of_bridge) {
+    if (size > max_of_bridge) {
         return false;
     }
     const size_t size_of_all = sizes_sum();
-    if (now - gave_up_ >= pause && size_of_all <= most_dumped && is_worth_a_dump(all_.entries, size_of_all)) {
+    if (now - gave_up_ >= pause && size_of_all <= max_dumped && is_worth_a_dump(all_.entries, size_of_all)) {
         all_.entries = 0;
         gave_up_ = ages.gave_up = dump(kernel_scope::entries, 0, size_of_all) ? clock::time_point() : now;
     } else if (now - ages.gave_up >= pause && is_worth_a_dump(ages.asked.entries, size)) {
@@ -275,15 +275,15 @@ bool kernel_ages::dump(kernel_scope scope, uint32_t bridge, size_t size)
     began_ = clock::now();
     added_ = 0;
     const size_t length = kernel_put_dump(request, ++sequence_, scope, bridge);
-    const int64_t most_ns = std::max(least_cost_ns, most_cost * question_ns_ * static_cast<int64_t>(size));
+    const int64_t max_ns = std::max(min_cost_ns, max_cost * question_ns_ * static_cast<int64_t>(size));
     const int64_t began_ns = thread_time_ns();
     int64_t took_ns = 0;
     is_dumping_ = kernel_socket_send(socket_, std::span(request).first(length));
-    while (is_dumping_ && took_ns < most_ns && added_ < most_dumped) {
+    while (is_dumping_ && took_ns < max_ns && added_ < max_dumped) {
         read_part();
         took_ns = thread_time_ns() - began_ns;
     }
-    return took_ns < std::max(least_cost_ns, question_ns_ * static_cast<int64_t>(added_));
+    return took_ns < std::max(min_cost_ns, question_ns_ * static_cast<int64_t>(added_));
 }
 
 void kernel_ages::read_part()
@@ -349,7 +349,7 @@ age_table &kernel_ages::table_of_dump(uint32_t bridge)
     if (ages.taken != began_) {
         held_ -= ages.table.size();
         ages.table = {};
-        ages.table.reserve(std::min(size_of(bridge), most_dumped));
+        ages.table.reserve(std::min(size_of(bridge), max_dumped));
         ages.taken = began_;
     }
     return ages.table;

@@ -87,15 +87,15 @@ private:
     // How long ages serve: a reader of 100,000 entries takes about a second on a busy machine.
     static constexpr auto lifetime = std::chrono::seconds(2);
     // Larger bridges are not dumped: at best a dump of one costs as much as questions, on a busy machine twice as much.
-    static constexpr size_t most_of_bridge = 80'000;
+    static constexpr size_t max_of_bridge = 80'000;
     // More entries of all bridges together are not dumped.
-    static constexpr size_t most_dumped = 131'072;
+    static constexpr size_t max_dumped = 131'072;
     // Entries of all tables together, in 32 to 64 bytes each. A part of a dump may add some hundred more.
-    static constexpr size_t most_held = 2 * most_dumped;
+    static constexpr size_t max_held = 2 * max_dumped;
     // After a dump cost more than questions. Its cost depends on what else the machine does.
     static constexpr auto pause = std::chrono::minutes(1);
     // Bridges with a known size: as many as there are bridge ids.
-    static constexpr size_t most_sizes = 65'536;
+    static constexpr size_t max_sizes = 65'536;
 
     // Entries that readers asked about since the last dump, without a pause of `lifetime`.
     struct demand {

@@ -49,8 +49,8 @@ constinit slab_account account;
 // The slab that the keeper has prepared: open, without an owner, and touched.
 //
 // The first touch of a huge page clears 2 MiB, which takes hundreds of microseconds. The keeper is a thread that does
-// this ahead of use, so that no user of a slab waits for it. Whoever takes the prepared slab wakes the keeper, which
-// prepares another one. While it is not ready, slabs have small pages: they cost more in all, but never much at once.
+// this ahead of use, so that no user of a slab waits for it. Taking the prepared slab wakes the keeper, which prepares
+// another one. While it is not ready, slabs have small pages: they cost more in all, but never much at once.
 struct keeper_state {
     size_t prepared = no_slab;
     bool is_busy = false; // from the request until the slab is prepared

@@ -340,7 +340,7 @@ constexpr const char *steps[] = {
 };
 
 // Each step is seen both as it happens and by a plane that starts after it.
-TEST_F(own_namespace, TellsWhatTheSystemLists)
+TEST_F(own_namespace, ReportsWhatTheSystemLists)
 {
     running_plane live;
     ASSERT_TRUE(live.serve_until_clean()) << live.error;
@@ -359,7 +359,7 @@ TEST_F(own_namespace, TellsWhatTheSystemLists)
     EXPECT_EQ(live.kernel->health().refused, 0U);
 }
 
-TEST_F(own_namespace, LinksCarryWhatTheirKindTells)
+TEST_F(own_namespace, LinksCarryWhatTheirKindNeeds)
 {
     run("link add vx0 up type vxlan id 10 dstport 4789\n"
         "link add vxe type vxlan dstport 4790 external vnifilter\n"

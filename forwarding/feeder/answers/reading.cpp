@@ -33,13 +33,13 @@ constexpr uint32_t looks_per_hold = 1024;
 // Entries of other places than one port that are looked up together.
 constexpr size_t looks_at_once = 32;
 
-// While answers change the order by last sight, each round selects ask_growth times as many entries, up to most_asked.
+// While answers change the order by last sight, each round selects ask_growth times as many entries, up to max_asked.
 // A larger round asks about more entries that may turn out to be first. See select_last_seen.
 constexpr uint32_t ask_growth = 4;
-constexpr uint32_t most_asked = 65'536;
+constexpr uint32_t max_asked = 65'536;
 
 // Entries of a selection about which a plane that ages silently is asked before the first row can be shown.
-constexpr uint32_t most_asked_ahead = 16'384;
+constexpr uint32_t max_asked_ahead = 16'384;
 
 // An entry with any of these flags does not age.
 constexpr uint16_t ageless = EDM_MAC_STATIC | EDM_MAC_LOCAL | EDM_MAC_EXTERN_LEARNED | EDM_MAC_ON_DUMMY_PORT;
@@ -142,7 +142,7 @@ void find_entries(std::span<const ordered_entry> wanted,
 // Reads rows of one port until the page is full, the port ends or `looks` entries were visited. It continues behind
 // `page.end` if that is on this port, and moves `page.end` with each entry. Returns true if the port has ended or does
 // not exist. Under the table lock.
-bool read_port(const row_filter &filter, const place &at, row_page &page, uint32_t most,
+bool read_port(const row_filter &filter, const place &at, row_page &page, uint32_t max_rows,
                uint32_t &looks) L2FIB_REQUIRES_TABLE_LOCK
 {
     row_position &end = page.end;
@@ -154,7 +154,7 @@ bool read_port(const row_filter &filter, const place &at, row_page &page, uint32
     end.bridge_id = at.first;
     end.xcid = at.second;
     end.holds_row = continues;
-    for (; mac != nullptr && looks != 0 && page.rows.size() < most; looks--) {
+    for (; mac != nullptr && looks != 0 && page.rows.size() < max_rows; looks--) {
         shadow_address(end.mac, mac->mac_addr);
         end.holds_row = true;
         const l2fm_edm_mac_t *next = l2fm_edm_table_bp_mac_get_next(bp, mac);
@@ -171,12 +171,12 @@ bool read_port(const row_filter &filter, const place &at, row_page &page, uint32
 
 // Reads rows from the port `at` on, in one hold of the table lock, until the page is full or looks_per_hold are used
 // up. Moves `at` with each port that ends. Returns false after the last port that passes the filter.
-bool read_ports(const row_filter &filter, place &at, row_page &page, uint32_t most)
+bool read_ports(const row_filter &filter, place &at, row_page &page, uint32_t max_rows)
 {
     uint32_t looks = looks_per_hold;
     const table_hold hold;
-    while (looks != 0 && page.rows.size() < most) {
-        if (!read_port(filter, at, page, most, looks)) {
+    while (looks != 0 && page.rows.size() < max_rows) {
+        if (!read_port(filter, at, page, max_rows, looks)) {
             continue;
         }
         looks -= looks != 0 ? 1 : 0;
@@ -359,11 +359,11 @@ bool passes(const row_filter &filter, const mac_row &row)
            && is_wanted(filter, {row.bridge_id, row.xcid});
 }
 
-row_page read_rows(const row_filter &filter, const row_position &from, uint32_t most)
+row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows)
 {
     row_page page;
     page.end = from;
-    page.rows.reserve(most);
+    page.rows.reserve(max_rows);
     with_feeder([&](feeder &feed) {
         page.objects = feed.objects();
         place at;
@@ -371,8 +371,8 @@ row_page read_rows(const row_filter &filter, const row_position &from, uint32_t 
         while (follows && !is_wanted(filter, at)) {
             follows = next_place(*page.objects, at) && !ends_before(filter, at);
         }
-        while (follows && page.rows.size() < most) {
-            follows = read_ports(filter, at, page, most);
+        while (follows && page.rows.size() < max_rows) {
+            follows = read_ports(filter, at, page, max_rows);
         }
         page.more = follows;
         if (is_begin(from)) {
@@ -478,21 +478,21 @@ std::vector<fdb_key> unasked_keys(const std::vector<ordered_entry> &entries, std
 
 // Selects by last sight, with times from the plane. The shadow table's times may be too early if the plane ages
 // silently, and an entry that was seen later belongs farther back. So each round asks the plane about the first entries
-// that it has not asked about yet. The first round whose answers change nothing is right. With `most` = 2:
+// that it has not asked about yet. The first round whose answers change nothing is right. With `max_rows` = 2:
 //
 //      shadow table   A 10:00   B 10:01   C 10:02
 //      round 1        asks about A and B; A was seen at 10:05
 //      round 2        B 10:01   C 10:02   A 10:05; asks about C; nothing changes: B, C
 //
 // Each entry is asked about at most once, so the rounds end.
-std::vector<order_key> select_last_seen(const order_position &from, uint32_t most)
+std::vector<order_key> select_last_seen(const order_position &from, uint32_t max_rows)
 {
     std::vector<bool> was_asked;
-    for (uint32_t ask = most;; ask = std::min(most_asked, ask * ask_growth)) {
+    for (uint32_t ask = max_rows;; ask = std::min(max_asked, ask * ask_growth)) {
         std::vector<order_key> first;
         std::vector<fdb_key> keys;
         on_cache_thread([&](feeder &feed) {
-            first = feed.select(row_order::last_seen, from, std::max(ask, most));
+            first = feed.select(row_order::last_seen, from, std::max(ask, max_rows));
             if (feed.ages_silently() && !first.empty()) {
                 keys = unasked_keys(feed.entries_at(row_order::last_seen, first, first.back(), from.began), was_asked);
             }
@@ -504,7 +504,7 @@ std::vector<order_key> select_last_seen(const order_position &from, uint32_t mos
             on_cache_thread([&](feeder &feed) { changed = feed.take_ages(keys, answers); });
         }
         if (changed == 0) {
-            first.resize(std::min<size_t>(first.size(), most));
+            first.resize(std::min<size_t>(first.size(), max_rows));
             return first;
         }
     }
@@ -562,20 +562,21 @@ bool keep_one_kind(std::vector<order_key> &keys, uint64_t began)
 
 } // namespace
 
-order_selection select_ahead(row_order order, const order_position &from, uint32_t most)
+order_selection select_ahead(row_order order, const order_position &from, uint32_t max_rows)
 {
     order_selection selection{.order = order, .at = from, .selected_ms = steady_ms()};
     if (from.began == 0) {
         on_cache_thread([&](feeder &feed) { selection.at.began = feed.order_now(order); });
     }
     if (order == row_order::last_seen) {
-        with_feeder([&](feeder &feed) { most = feed.ages_silently() ? std::min(most, most_asked_ahead) : most; });
-        selection.keys = select_last_seen(selection.at, most + 1);
+        with_feeder(
+            [&](feeder &feed) { max_rows = feed.ages_silently() ? std::min(max_rows, max_asked_ahead) : max_rows; });
+        selection.keys = select_last_seen(selection.at, max_rows + 1);
     } else {
-        on_cache_thread([&](feeder &feed) { selection.keys = feed.select(order, selection.at, most + 1); });
+        on_cache_thread([&](feeder &feed) { selection.keys = feed.select(order, selection.at, max_rows + 1); });
     }
-    selection.more = selection.keys.size() > most;
-    selection.keys.resize(std::min<size_t>(selection.keys.size(), most));
+    selection.more = selection.keys.size() > max_rows;
+    selection.keys.resize(std::min<size_t>(selection.keys.size(), max_rows));
     selection.more |= keep_one_kind(selection.keys, selection.at.began);
     return selection;
 }
@@ -593,11 +594,11 @@ void seek(order_selection &selection, const order_position &to)
     selection.at = to;
 }
 
-ordered_page read_selection(order_selection &selection, uint32_t most)
+ordered_page read_selection(order_selection &selection, uint32_t max_rows)
 {
     const uint64_t began = selection.at.began;
     const auto keys = std::span<const order_key>(selection.keys).subspan(selection.next);
-    const auto wanted = keys.first(std::min<size_t>(most, keys.size()));
+    const auto wanted = keys.first(std::min<size_t>(max_rows, keys.size()));
     std::vector<ordered_entry> entries;
     if (!wanted.empty()) {
         const order_key last = keys.back();
@@ -665,10 +666,10 @@ std::optional<entry_counts> count_port(uint32_t xcid)
 
 // ---- Tunnel end points ----
 
-std::vector<vtep_view> read_vteps(const vtep_view &after, uint32_t most)
+std::vector<vtep_view> read_vteps(const vtep_view &after, uint32_t max_rows)
 {
     std::vector<vtep_view> found;
-    with_feeder([&](feeder &feed) { found = feed.vteps(after, most); });
+    with_feeder([&](feeder &feed) { found = feed.vteps(after, max_rows); });
     return found;
 }
 

@@ -107,9 +107,9 @@ struct row_page {
     bool more = false; // true: rows may follow behind `end`
 };
 
-// Reads up to `most` rows behind `from`; `most` is at least 1. A page may be empty although `more` is true, because the
+// Reads up to `max_rows` rows behind `from`; it is at least 1. A page may be empty although `more` is true, because the
 // plane may no longer hold any of its rows.
-row_page read_rows(const row_filter &filter, const row_position &from, uint32_t most);
+row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows);
 
 // Finds all rows of one address in one bridge domain, or in all if `bridge_id` is 0. The plane decides which entries
 // exist, so the page also has entries for which the table has no room.
@@ -163,8 +163,8 @@ struct order_selection {
     int64_t selected_ms = 0; // steady clock
 };
 
-// Selects up to `most` entries behind `from`; `most` is at least 1. Waits for the cache thread.
-order_selection select_ahead(row_order order, const order_position &from, uint32_t most);
+// Selects up to `max_rows` entries behind `from`; `max_rows` is at least 1. Waits for the cache thread.
+order_selection select_ahead(row_order order, const order_position &from, uint32_t max_rows);
 
 // True if keys are left, and the selection is at most a second old. An older one may lack entries that came since.
 bool is_fresh(const order_selection &selection);
@@ -172,9 +172,9 @@ bool is_fresh(const order_selection &selection);
 // Moves the selection to a position in it, such as that of a row that was read.
 void seek(order_selection &selection, const order_position &to);
 
-// Reads the rows of the next keys, up to `most`, and moves the selection behind them. Waits for the cache thread.
+// Reads the rows of the next keys, up to `max_rows`, and moves the selection behind them. Waits for the cache thread.
 // `page.more` is true if entries follow, in the selection or behind it.
-ordered_page read_selection(order_selection &selection, uint32_t most);
+ordered_page read_selection(order_selection &selection, uint32_t max_rows);
 
 // ---- Counts ----
 
@@ -201,8 +201,8 @@ struct vtep_view {
     uint32_t vni = 0;
 };
 
-// Reads up to `most` tunnel end points behind `after`, by xcid, address and VNI. An address appears once for each VNI
-// with which an entry sends to it.
-std::vector<vtep_view> read_vteps(const vtep_view &after, uint32_t most);
+// Reads up to `max_rows` tunnel end points behind `after`, by xcid, address and VNI. An address is there once for each
+// VNI with which an entry sends to it.
+std::vector<vtep_view> read_vteps(const vtep_view &after, uint32_t max_rows);
 
 } // namespace forwarding

@@ -44,14 +44,14 @@ kernel_read failed_read()
 
 // One system call's places for datagrams and their senders.
 struct read_slots {
-    std::array<sockaddr_nl, kernel_datagrams::most> senders;
-    std::array<iovec, kernel_datagrams::most> into;
-    std::array<mmsghdr, kernel_datagrams::most> messages;
+    std::array<sockaddr_nl, kernel_datagrams::max_count> senders;
+    std::array<iovec, kernel_datagrams::max_count> into;
+    std::array<mmsghdr, kernel_datagrams::max_count> messages;
 };
 
 void aim_slots(read_slots &slots, std::span<std::byte> buffer)
 {
-    for (size_t at = 0; at < kernel_datagrams::most; at++) {
+    for (size_t at = 0; at < kernel_datagrams::max_count; at++) {
         slots.into[at] = {buffer.data() + at * kernel_datagrams::room, kernel_datagrams::room};
         slots.messages[at] = {};
         msghdr &head = slots.messages[at].msg_hdr;

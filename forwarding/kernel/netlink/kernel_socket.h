@@ -60,10 +60,10 @@ kernel_read kernel_socket_read(const kernel_socket &socket, std::span<std::byte>
 
 // Short datagrams that one system call reads. The kernel answers each question with one of them.
 struct kernel_datagrams {
-    static constexpr size_t most = 64;
-    static constexpr size_t room = kernel_buffer_size / most; // bytes of a datagram; longer ones are lost
+    static constexpr size_t max_count = 64;
+    static constexpr size_t room = kernel_buffer_size / max_count; // bytes of a datagram; longer ones are lost
 
-    std::array<std::span<const std::byte>, most> found = {};
+    std::array<std::span<const std::byte>, max_count> found = {};
     size_t count = 0;
     uint64_t refused = 0; // datagrams that another process sent
 };
