@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The start of the module: what runs afterwards, and what is left when a step fails.
+#include "table/shared_cell.h"
 #include "tests/support/module/module_scenario.h"
 
 #include <cstring>
@@ -53,7 +54,7 @@ extern "C" event_manager_t *event_manager_create(uint32_t a, const char *path, u
 
 extern "C" int event_block(event_record_t *record)
 {
-    auto &operation = record->evm == l2fib_mac_cache_evm ? interpose::cache_block : interpose::edm_block;
+    auto &operation = record->evm == edm::acquire(l2fib_mac_cache_evm) ? interpose::cache_block : interpose::edm_block;
     if (operation.meet()) {
         errno = block_error;
         return -1;

@@ -34,7 +34,8 @@ constexpr uint32_t refusal = 5; // the status of every refused call
 
 inline std::vector<pthread_t> threads; // of the module, in the order of their creation
 inline pthread_mutex_t *table_lock = nullptr;
-inline bool is_starting = false;
+// Whether this thread starts the module. Other threads start threads of their own, such as that of the arena.
+inline thread_local bool is_starting = false;
 
 // Runs `body` in a child process; its expectations count here.
 template <typename Body>
@@ -130,7 +131,7 @@ inline void stop_module()
 } // namespace scenario
 
 // NOLINTBEGIN(misc-definitions-in-headers)
-// Other code calls these functions as well, so calls count only while the module starts.
+// Other code calls these functions as well, so calls count only on the thread that starts the module.
 INTERPOSE_OPERATION(pthread_mutex_init)
 INTERPOSE_OPERATION(pthread_create)
 
