@@ -150,6 +150,13 @@ void read_page(std::string_view name, page &to)
 
 } // namespace
 
+failure failure_in(const answer &refusal)
+{
+    json_document document;
+    const json_value root = document.parse(refusal.body);
+    return failure_of(refusal.status, root ? errors_in(root) : std::vector<json_value>());
+}
+
 void fetch(connection &daemon, const request &asked, std::string_view name, page &to,
            const connection::idle_task &while_waiting)
 {

@@ -53,6 +53,9 @@ struct page {
 void fetch(connection &daemon, const request &asked, std::string_view name, page &to,
            const connection::idle_task &while_waiting);
 
+// The daemon's error in an answer that is not a success.
+failure failure_in(const answer &refusal);
+
 struct list_request {
     std::string path;      // with all parameters except limit and cursor
     std::string_view name; // of the resource

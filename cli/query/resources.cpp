@@ -8,6 +8,7 @@
 
 #include "base/text.h"
 #include "base/visible.h"
+#include "cli/query/places.h"
 
 namespace l2fibctl {
 
@@ -187,6 +188,87 @@ constexpr column trace_columns[] = {
     {"values", "", json_only}, {"text", "Point", &rest_kind},
 };
 
+constexpr column_kind time_kind = {24, false, add_text};  // "2026-11-23T11:15:06.123Z"
+constexpr column_kind place_kind = {15, false, add_text}; // a port, perhaps with a VTEP
+
+// The members of a place, as JSON. Text has them in the columns From and To, which cli/query/places.h adds.
+constexpr column event_columns[] = {
+    {"time", "Time", &time_kind},
+    {"event", "Event", &word_kind},
+    {"mac-address", "MAC Address", &mac_kind},
+    {"domain", "Domain", &port_kind},
+    {from_member, "From", &place_kind},
+    {to_member, "To", &rest_kind},
+    {"id", "", json_only},
+    {"origin", "", json_only},
+    {"vlan", "", json_only},
+    {"vni", "", json_only},
+    {"port", "", json_only},
+    {"vtep", "", json_only},
+    {"from-port", "", json_only},
+    {"from-vtep", "", json_only},
+    {"reason", "", json_only},
+};
+
+constexpr column move_columns[] = {
+    {"id", "", json_only},
+    {"time", "Time", &time_kind},
+    {"event", "Event", &word_kind},
+    {"domain", "Domain", &port_kind},
+    {"mac-address", "MAC Address", &mac_kind},
+    {"vlan", "", json_only},
+    {from_member, "From", &place_kind},
+    {to_member, "To", &rest_kind},
+    {"from-port", "", json_only},
+    {"from-vtep", "", json_only},
+    {"port", "", json_only},
+    {"vtep", "", json_only},
+    {"was-since", "", json_only},
+};
+
+constexpr column flap_columns[] = {
+    {"domain", "Domain", &port_kind},
+    {"mac-address", "MAC Address", &mac_kind},
+    {"vlan", "", json_only},
+    {"moves", "Moves", &vlan_kind},
+    {"per-minute", "/min", &vlan_kind},
+    {from_member, "From", &place_kind},
+    {to_member, "To", &place_kind},
+    {"port", "", json_only},
+    {"other-port", "", json_only},
+    {"vtep", "", json_only},
+    {"other-vtep", "", json_only},
+    {"first", "", json_only},
+    {"last", "Last", &rest_kind},
+};
+
+constexpr column top_port_columns[] = {
+    {"name", "Port", &port_kind},
+    {"domain", "Domain", &name_kind},
+    {"entries", "Entries", &number_kind},
+    {"changes-per-second", "Changes/s", &number_kind},
+    {"changes", "Changes", &number_kind},
+    {"xcid", "", json_only},
+    {"ifindex", "", json_only},
+    {"kind", "", json_only},
+    {"oper-status", "", json_only},
+    {"bridge-id", "", json_only},
+    {"vlan", "", json_only},
+    {"vni", "", json_only},
+};
+
+constexpr column top_domain_columns[] = {
+    {"name", "Domain", &name_kind},
+    {"entries", "Entries", &number_kind},
+    {"changes-per-second", "Changes/s", &number_kind},
+    {"changes", "Changes", &number_kind},
+    {"bridge-id", "", json_only},
+    {"bridge", "", json_only},
+    {"ifindex", "", json_only},
+    {"vlan-aware", "", json_only},
+    {"vlan", "", json_only},
+};
+
 constexpr column reason_columns[] = {
     {"count", "Count", &number_kind},
     {"reason", "Reason", &rest_kind},
@@ -320,5 +402,10 @@ constexpr resource vteps = {"vtep", layout::table, vtep_columns};
 constexpr resource tunnel_entries = {"tunnel-entry", layout::table, tunnel_entry_columns};
 constexpr resource health = {"health", layout::record, health_columns};
 constexpr resource traces = {"trace", layout::table, trace_columns};
+constexpr resource events = {"event", layout::table, event_columns};
+constexpr resource moves = {"move", layout::table, move_columns};
+constexpr resource flaps = {"flap", layout::table, flap_columns};
+constexpr resource top_ports = {"port", layout::table, top_port_columns};
+constexpr resource top_domains = {"domain", layout::table, top_domain_columns};
 
 } // namespace l2fibctl
