@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "base/result.h"
+#include "cli/ending.h"
 #include "cli/failure.h"
 #include "cli/output/bridge_form.h"
 #include "cli/output/printer.h"
@@ -16,12 +17,6 @@ namespace l2fibctl {
 namespace {
 
 using clock = std::chrono::steady_clock;
-
-// A failed `found` says why nothing was found.
-[[noreturn]] void fail_incomplete(const completeness_mark &worst, const base::result &found)
-{
-    throw failure(exit_status::incomplete, (found.ok() ? "" : found.text + "; ") + worst.text());
-}
 
 // ---- Showing ----
 
@@ -139,16 +134,7 @@ void show(query_session &session)
     const base::result found = found_of(printer.count(), by_name);
     printer.end();
     mark_changed_ports(session);
-    const bool is_whole = session.worst.state == completeness::whole || !selected.heeds_mark;
-    if (is_whole || !session.options.strict) {
-        out.release();
-    }
-    if (!is_whole) {
-        fail_incomplete(session.worst, found);
-    }
-    if (!found.ok()) {
-        throw failure(exit_status::nothing_found, found.text);
-    }
+    end_answer(session, out, found, selected.heeds_mark);
 }
 
 // ---- Resync ----

@@ -153,13 +153,6 @@ private:
         out_.pending().put('\n');
     }
 
-    static std::string json_text(json_value item)
-    {
-        text_buffer text;
-        put_value(text, item);
-        return std::string(text.text());
-    }
-
     void report_pause(const std::string &problem)
     {
         if (!std::exchange(has_failed_, true)) {

@@ -74,6 +74,7 @@ public:
     {
         session.progress_line.stop();
         session.progress_line.at_each_tick([this] {
+            stop_signals::check();
             if (terminal_) {
                 take_keys(std::chrono::milliseconds(0));
             }

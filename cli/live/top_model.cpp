@@ -179,9 +179,7 @@ top_row row_of(json_value item)
         row.rate = std::strtod(std::string(per_minute.text()).c_str(), nullptr);
     }
     row.searched = searched_text_of(item);
-    text_buffer text;
-    put_value(text, item);
-    row.item = text.text();
+    row.item = json_text(item);
     return row;
 }
 

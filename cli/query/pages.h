@@ -43,6 +43,7 @@ struct page {
     json_document document = {};
     std::vector<json_value> items = {}; // valid until the next fetch into this page
     std::string next_cursor = {};       // empty: this is the last page
+    std::string history_since = {};     // of lists of moves: the time since which all are kept
     completeness_mark completeness = {};
     std::optional<failure> problem = {}; // to be thrown after the items are printed
 };

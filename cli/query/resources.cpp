@@ -242,6 +242,33 @@ constexpr column flap_columns[] = {
     {"last", "Last", &rest_kind},
 };
 
+constexpr column found_place_columns[] = {
+    {"mac-address", "Address", &rest_kind},
+    {"domain", "Domain", &rest_kind},
+    {"port", "Port", &rest_kind},
+    {"vtep", "VTEP", &rest_kind},
+    {"vni", "VNI", &rest_kind},
+    {"vlan", "VLAN", &rest_kind},
+    {"origin", "Type", &rest_kind},
+    {"flags", "Flags", &rest_kind},
+    {"since", "There since", &rest_kind},
+    {"since-age", "For", &age_kind},
+    {"last-seen", "Last seen", &rest_kind},
+    {"age", "Age", &age_kind},
+};
+
+constexpr column previous_place_columns[] = {
+    {"time", "Time", &time_kind},       {"event", "Event", &word_kind}, {"domain", "Domain", &port_kind},
+    {from_member, "From", &place_kind}, {to_member, "To", &place_kind}, {"was-since", "There since", &rest_kind},
+};
+constexpr resource previous_places = {"move", layout::table, previous_place_columns};
+
+constexpr column found_move_columns[] = {
+    {"now", "Now", &rest_kind},
+    {"move", "Places before", &rest_kind, &previous_places},
+    {"history-since", "History since", &rest_kind},
+};
+
 constexpr column top_port_columns[] = {
     {"name", "Port", &port_kind},
     {"domain", "Domain", &name_kind},
@@ -405,6 +432,8 @@ constexpr resource traces = {"trace", layout::table, trace_columns};
 constexpr resource events = {"event", layout::table, event_columns};
 constexpr resource moves = {"move", layout::table, move_columns};
 constexpr resource flaps = {"flap", layout::table, flap_columns};
+constexpr resource found_places = {"mac-entry", layout::record, found_place_columns};
+constexpr resource found_moves = {"move", layout::record, found_move_columns};
 constexpr resource top_ports = {"port", layout::table, top_port_columns};
 constexpr resource top_domains = {"domain", layout::table, top_domain_columns};
 

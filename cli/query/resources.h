@@ -57,6 +57,8 @@ extern const resource traces;
 extern const resource events;
 extern const resource moves;
 extern const resource flaps;
+extern const resource found_places; // of `find`: a place as a record, and the places before it
+extern const resource found_moves;
 extern const resource top_ports;
 extern const resource top_domains;
 
