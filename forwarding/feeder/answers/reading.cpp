@@ -359,7 +359,8 @@ bool passes(const row_filter &filter, const mac_row &row)
            && is_wanted(filter, {row.bridge_id, row.xcid});
 }
 
-row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows)
+row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows,
+                   const row_details & /*details*/)
 {
     row_page page;
     page.end = from;
@@ -430,7 +431,7 @@ bool comes_first(const mac_row &left, const mac_row &right)
 
 } // namespace
 
-row_page find_rows(const mac_address &mac, uint16_t bridge_id)
+row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details & /*details*/)
 {
     row_page page;
     with_feeder([&](feeder &feed) { page.objects = feed.objects(); });
@@ -594,7 +595,7 @@ void seek(order_selection &selection, const order_position &to)
     selection.at = to;
 }
 
-ordered_page read_selection(order_selection &selection, uint32_t max_rows)
+ordered_page read_selection(order_selection &selection, uint32_t max_rows, const row_details & /*details*/)
 {
     const uint64_t began = selection.at.began;
     const auto keys = std::span<const order_key>(selection.keys).subspan(selection.next);
