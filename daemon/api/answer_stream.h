@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // The part of an answer that the daemon makes while it sends it: the later pages of a list (lists/list.h), or the
-// events of an event stream (events/event_stream.h). Only one part is in memory.
+// events of an event stream (history/event_stream.h). Only one part is in memory.
 //
 // Threads: a stream belongs to the thread of its request.
 #pragma once

@@ -27,6 +27,7 @@
 #include "daemon/http/request_deadlines.h"
 #include "daemon/http/response.h"
 #include "daemon/log.h"
+#include "forwarding/feeder/answers/history.h"
 
 namespace l2fibd {
 
@@ -411,13 +412,14 @@ MHD_Daemon *start_library(server_state &server, int listener, uint32_t resync_wa
 }
 
 // After give_up() each list writes the reason as its last page, and each event stream its end. Waits until these are
-// sent, at most a second.
+// sent, at most a second. A stream may have begun to wait for an event just before, so it is woken more than once.
 void wait_for_last_pages(const server_state &server)
 {
     constexpr auto max_wait = std::chrono::seconds(1);
     constexpr auto poll_interval = std::chrono::milliseconds(10);
     const auto end = std::chrono::steady_clock::now() + max_wait;
     while ((server.active_requests != 0 || server.watchers.taken() != 0) && std::chrono::steady_clock::now() < end) {
+        forwarding::wake_event_readers();
         std::this_thread::sleep_for(poll_interval);
     }
 }

@@ -274,3 +274,48 @@ watch_as_nobody()
     (($(date +%s%N) - began < 900000000 ${L2FIB_SANITIZED:+* 10}))
     [[ $(tail --lines=2 "$directory/none") == ": the daemon is stopping"* ]]
 }
+
+@test "moves are listed newest first, in pages that add up, and flaps count them" {
+    MACS=200 start 2000
+    local -r at=$BATS_TEST_TMPDIR
+    watch 1 >"$at/stream"
+    get "${D}moves/move" --output "$at/moves"
+    # Every move of the stream is in the list, with both places and the same time.
+    data "$at/stream" | jq --slurp --exit-status --slurpfile list "$at/moves" '
+        def place: {time, domain, "mac-address", event, port, vtep, "from-port", "from-vtep"};
+        ($list[0]."l2fib-mac:move" | map(place)) as $moves
+        | map(select(.event == "moved") | place)
+        | length > 10 and (. - $moves == [])'
+    jq --exit-status '(."l2fib-mac:history-since" | test("^20.*Z$")) and (."l2fib-mac:move"
+        | (map(.id | tonumber) | . == (sort | reverse) and . == unique[::-1]) and (map(.event) | contains(["moved", "aged"])
+            or contains(["moved", "removed"])))' "$at/moves"
+
+    local -r mac=$(jq --raw-output '."l2fib-mac:move"[0]."mac-address"' "$at/moves")
+    get "${D}moves/move?mac=$mac" | jq --exit-status --arg mac "$mac" \
+        '."l2fib-mac:move" | length > 0 and all(.[]; ."mac-address" == $mac)'
+    get "${D}moves/move?port=br0p1&newer-than=1h" | jq --exit-status \
+        '."l2fib-mac:move" | length > 0 and all(.[]; .port == "br0p1" or ."from-port" == "br0p1")'
+    get "${D}moves/move?older-than=1h" | jq --exit-status '."l2fib-mac:move" == []'
+
+    # Pages from one cursor to the next, from the newest move that the first list had.
+    local cursor page
+    : >"$at/paged"
+    for _ in {1..200}; do
+        page=$(get "${D}moves/move?limit=501${cursor:+&cursor=$cursor}")
+        jq --compact-output '."l2fib-mac:move"[]' <<<"$page" >>"$at/paged"
+        cursor=$(jq --raw-output '."l2fib-mac:next-cursor" // empty' <<<"$page")
+        [[ -n $cursor ]] || break
+    done
+    jq --slurp --exit-status --slurpfile list "$at/moves" '
+        $list[0]."l2fib-mac:move" as $moves
+        | map(select((.id | tonumber) <= ($moves[0].id | tonumber))) == $moves' "$at/paged"
+
+    get "${D}flaps/flap?window=1h" --output "$at/flaps"
+    jq --exit-status --slurpfile list "$at/paged" '."l2fib-mac:flap" | length > 10
+        and (map(.moves) | . == (sort | reverse) and min >= 2)
+        and all(.[]; (."per-minute" | test("^[0-9]+[.][0-9]$")) and .first < .last
+            and (.port != ."other-port" or .vtep != ."other-vtep"))' "$at/flaps"
+    get "${D}flaps/flap?window=1h&limit=7" | jq --exit-status '."l2fib-mac:flap" | length == 7'
+    get "${D}flaps/flap?window=0" | grep --fixed-strings 'window \"0\": expected'
+    get "${D}moves/move?type=local" | grep --fixed-strings 'expected one of'
+}

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "daemon/api/events/event_stream.h"
+#include "daemon/api/history/event_stream.h"
 
 #include <algorithm>
 #include <thread>
 #include <utility>
 
-#include "daemon/api/events/event_text.h"
+#include "daemon/api/history/event_text.h"
 #include "daemon/api/json/api_error.h"
 #include "forwarding/feeder/answers/history.h"
 
@@ -29,9 +29,9 @@ constexpr std::string_view restarted = "the daemon was restarted";
 
 } // namespace
 
-event_stream::event_stream(const char *last_event_id, event_filter filter, const resync_requester &resyncs,
+event_stream::event_stream(const char *last_event_id, filters given, const resync_requester &resyncs,
                            std::function<bool()> has_client_left)
-    : filter_(std::move(filter))
+    : given_(std::move(given))
     , resyncs_(resyncs)
     , has_client_left_(std::move(has_client_left))
     , next_(forwarding::newest_event() + 1)
@@ -93,7 +93,7 @@ void event_stream::write_events(std::string &text)
         append_missed(text, shown_, batch.missed, slow_reader);
     }
     for (const forwarding::change_event &event : batch.events) {
-        if (filter_.passes(event)) {
+        if (passes_event(given_, event)) {
             append_event(text, event);
             shown_ = event.number;
         }

@@ -23,7 +23,7 @@
 
 #include "daemon/api/answer_stream.h"
 #include "daemon/api/database.h"
-#include "daemon/api/events/event_filter.h"
+#include "daemon/api/history/history_filter.h"
 
 namespace l2fibd {
 
@@ -36,7 +36,7 @@ public:
     // Continues behind the event that `last_event_id` names, or begins with the next event if it is null. Throws
     // api_error if the text is no id of an event. The stream ends when `resyncs` is given up, or when `has_client_left`
     // returns true.
-    event_stream(const char *last_event_id, event_filter filter, const resync_requester &resyncs,
+    event_stream(const char *last_event_id, filters given, const resync_requester &resyncs,
                  std::function<bool()> has_client_left);
 
     // Writes the event "begin" first. Later calls wait for an event that passes the filter, at most the keep-alive
@@ -54,7 +54,7 @@ private:
     void write_keep_alive(std::string &text);
     bool await_event(clock::time_point until);
 
-    event_filter filter_;
+    filters given_;
     const resync_requester &resyncs_;
     std::function<bool()> has_client_left_;
     uint64_t next_;              // number of the first event that was not read yet

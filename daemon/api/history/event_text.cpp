@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "daemon/api/events/event_text.h"
-
-#include <array>
-#include <chrono>
+#include "daemon/api/history/event_text.h"
 
 #include "base/text.h"
+#include "daemon/api/history/history_filter.h"
+#include "daemon/api/history/history_records.h"
 #include "daemon/api/json/api_error.h"
-#include "daemon/api/json/history_records.h"
 #include "daemon/api/json/json_writer.h"
-#include "daemon/api/lists/list.h"
 #include "daemon/api/process_mark.h"
 
 namespace l2fibd {
@@ -24,12 +21,6 @@ std::string id_of(uint64_t number)
     return process_mark() + "-" + std::to_string(number);
 }
 
-int64_t now_ms()
-{
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-}
-
 // Appends an event whose data `write` ends.
 template <typename Write>
 void append(std::string &text, std::string_view name, uint64_t number, int64_t time_ms, Write write)
@@ -38,7 +29,7 @@ void append(std::string &text, std::string_view name, uint64_t number, int64_t t
     json_writer json;
     json.begin_object();
     json.member("id", id);
-    write_time(json, "time", time_ms);
+    write_time_ms(json, "time", time_ms);
     json.member("event", name);
     write(json);
     json.end_object();
@@ -62,7 +53,7 @@ std::optional<uint64_t> number_of_event(const std::string &id)
 
 void append_begin(std::string &text, uint64_t number)
 {
-    append(text, "begin", number, now_ms(), [](json_writer &json) {
+    append(text, "begin", number, current_time_ms(), [](json_writer &json) {
         const forwarding::completeness_watch watch;
         json.member("completeness", forwarding::text_of(watch.worst()));
         if (watch.worst() != forwarding::completeness::whole) {
@@ -73,7 +64,7 @@ void append_begin(std::string &text, uint64_t number)
 
 void append_missed(std::string &text, uint64_t number, uint64_t count, std::string_view reason)
 {
-    append(text, "missed", number, now_ms(), [&](json_writer &json) {
+    append(text, "missed", number, current_time_ms(), [&](json_writer &json) {
         if (count != 0) {
             json.member64("count", count);
         }
@@ -87,7 +78,7 @@ void append_event(std::string &text, const change_event &event)
         append_missed(text, event.number, event.lost, "the forwarding plane lost changes");
         return;
     }
-    append(text, name_of(event.kind), event.number, event.time_ms,
+    append(text, forwarding::text_of(event.kind), event.number, event.time_ms,
            [&](json_writer &json) { write_change(json, event); });
 }
 
