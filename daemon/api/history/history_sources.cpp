@@ -26,11 +26,17 @@ void require_history(int64_t history_since_ms)
     }
 }
 
+// The address that alone passes the filters, if there is one.
+std::optional<forwarding::mac_address> only_address(const filters &given)
+{
+    const base::mac_range &range = given.rest.addresses;
+    return range.first == range.last ? std::optional(base::mac_of_number(range.first)) : std::nullopt;
+}
+
 class move_source final : public list_source {
 public:
-    move_source(const filters &given, const std::optional<forwarding::mac_address> &mac,
-                const std::optional<std::string> &start)
-        : filter_{.mac = mac, .passes = [given, now_ms = current_time_ms()](const forwarding::move_record &move) {
+    move_source(const filters &given, const std::optional<std::string> &start)
+        : filter_{.mac = only_address(given), .passes = [given, now_ms = current_time_ms()](const forwarding::move_record &move) {
                       return passes_move(given, move, now_ms);
                   }}
     {
@@ -66,10 +72,8 @@ private:
 
 class flap_source final : public list_source {
 public:
-    flap_source(const filters &given, const std::optional<forwarding::mac_address> &mac, uint32_t window_seconds,
-                const std::optional<std::string> &start)
+    flap_source(const filters &given, uint32_t window_seconds, const std::optional<std::string> &start)
         : given_(given)
-        , mac_(mac)
         , window_ms_(int64_t{window_seconds} * ms_per_second)
     {
         if (start) {
@@ -116,7 +120,7 @@ private:
     {
         const int64_t now_ms = current_time_ms();
         page_ = forwarding::find_flaps(window_ms_, [&](const forwarding::move_record &move) {
-            return (!mac_ || *mac_ == move.mac) && passes_move(given_, move, now_ms);
+            return passes_move(given_, move, now_ms);
         });
         require_history(page_.history_since_ms);
         counted_ms_ = std::min(window_ms_, now_ms - page_.history_since_ms);
@@ -126,7 +130,6 @@ private:
     }
 
     filters given_;
-    std::optional<forwarding::mac_address> mac_;
     int64_t window_ms_;
     int64_t counted_ms_ = 0;
     place after_ = {};
@@ -136,16 +139,15 @@ private:
 
 } // namespace
 
-std::unique_ptr<list_source> make_move_source(const filters &given, const std::optional<forwarding::mac_address> &mac,
-                                              const std::optional<std::string> &start)
+std::unique_ptr<list_source> make_move_source(const filters &given, const std::optional<std::string> &start)
 {
-    return std::make_unique<move_source>(given, mac, start);
+    return std::make_unique<move_source>(given, start);
 }
 
-std::unique_ptr<list_source> make_flap_source(const filters &given, const std::optional<forwarding::mac_address> &mac,
-                                              uint32_t window_seconds, const std::optional<std::string> &start)
+std::unique_ptr<list_source> make_flap_source(const filters &given, uint32_t window_seconds,
+                                              const std::optional<std::string> &start)
 {
-    return std::make_unique<flap_source>(given, mac, window_seconds, start);
+    return std::make_unique<flap_source>(given, window_seconds, start);
 }
 
 } // namespace l2fibd

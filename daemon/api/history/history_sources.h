@@ -15,16 +15,15 @@
 
 #include "daemon/api/filters.h"
 #include "daemon/api/lists/list.h"
-#include "forwarding/plane.h"
 
 namespace l2fibd {
 
-// Moves and departures that pass the filters, the newest first. With `mac`, of this address only.
-std::unique_ptr<list_source> make_move_source(const filters &given, const std::optional<forwarding::mac_address> &mac,
-                                              const std::optional<std::string> &start);
+// Moves and departures that pass the filters, the newest first. If these let one address pass only, its moves are found
+// by an index.
+std::unique_ptr<list_source> make_move_source(const filters &given, const std::optional<std::string> &start);
 
 // Addresses that moved at least twice in the latest `window_seconds`, the one with most moves first.
-std::unique_ptr<list_source> make_flap_source(const filters &given, const std::optional<forwarding::mac_address> &mac,
-                                              uint32_t window_seconds, const std::optional<std::string> &start);
+std::unique_ptr<list_source> make_flap_source(const filters &given, uint32_t window_seconds,
+                                              const std::optional<std::string> &start);
 
 } // namespace l2fibd
