@@ -271,6 +271,9 @@ filters history_filters(const call &asked, unsigned kinds)
         }
         given.rest.addresses = {address, address};
     }
+    if (has_ipv6(given.rest)) {
+        throw invalid("vtep: expected an IPv4 address, because the history has no other tunnel end points");
+    }
     return given;
 }
 
@@ -294,9 +297,6 @@ answer list_flaps(const call &asked)
 answer watch_events(const call &asked)
 {
     filters given = history_filters(asked, filters_of_events);
-    if (has_ipv6(given.rest)) {
-        throw invalid("vtep: expected an IPv4 address, because events show no other tunnel end points");
-    }
     if (asked.sent.last_event_id == nullptr) {
         resolve(given);
     }

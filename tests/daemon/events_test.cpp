@@ -70,7 +70,7 @@ TEST(EventText, HasOneLineOfDataForEachEvent)
                 "\"origin\":\"learned\",\"flags\":[\"extern-learned\"],\"vni\":100,\"port\":\"vx0\","
                 "\"vtep\":\"10.0.0.2\",\"from-port\":\"p1\"}\n\n"},
         {{.number = 6, .time_ms = 999, .kind = change_kind::removed, .by_limit = true, .flags = EDM_MAC_STATIC,
-          .place = place({.domain = "lab:br\n0"})},
+          .place = place({.domain = "lab:br\n0", .port = ""})},
          "event: removed\nid: MARK-6\ndata: {\"id\":\"MARK-6\",\"time\":\"1970-01-01T00:00:00.999Z\","
          "\"event\":\"removed\",\"domain\":\"lab:br\\u000a0\",\"mac-address\":\"00:00:00:00:00:00\","
          "\"origin\":\"static\",\"flags\":[\"static\"],\"reason\":\"limit\"}\n\n"},
