@@ -381,8 +381,9 @@ char *write_utc_ms_text(char *text, int64_t milliseconds)
     const auto whole = floor<seconds>(std::chrono::milliseconds(milliseconds));
     char *end = write_utc_text(text, whole.count());
     end[-1] = '.'; // in the place of the Z
-    end = write_digits(end, static_cast<unsigned>(milliseconds - duration_cast<std::chrono::milliseconds>(whole).count()),
-                       millisecond_digits);
+    end =
+        write_digits(end, static_cast<unsigned>(milliseconds - duration_cast<std::chrono::milliseconds>(whole).count()),
+                     millisecond_digits);
     *end++ = 'Z';
     return end;
 }

@@ -525,7 +525,8 @@ struct parameter_kind {
 };
 
 constexpr parameter_kind parameter_kinds[] = {
-    {"limit", paging}, {"cursor", paging}, {"flagged", flagged}, {"mac", address}, {"sort", sorting}, {"window", window},
+    {"limit", paging}, {"cursor", paging}, {"flagged", flagged},
+    {"mac", address},  {"sort", sorting},  {"window", window},
 };
 
 struct resource {

@@ -26,10 +26,15 @@ std::shared_ptr<const place_view> place(place_view view)
 }
 
 const auto on_p1 = place({.domain = "lab:br0.10", .port = "p1", .bridge_id = 1, .xcid = 7, .vlan = 10});
-const auto on_vxlan = place({.domain = "lab:br0.10", .port = "vx0", .bridge_id = 1, .xcid = 9, .vlan = 10,
-                             .vtep = {10, 0, 0, 2}, .vni = 100});
-const change_event moved = {.number = 5, .time_ms = 1'700'000'000'042, .kind = change_kind::moved, .mac = {2, 0, 0, 0, 0, 1},
-                            .flags = EDM_MAC_EXTERN_LEARNED, .place = on_vxlan, .before = on_p1};
+const auto on_vxlan = place(
+    {.domain = "lab:br0.10", .port = "vx0", .bridge_id = 1, .xcid = 9, .vlan = 10, .vtep = {10, 0, 0, 2}, .vni = 100});
+const change_event moved = {.number = 5,
+                            .time_ms = 1'700'000'000'042,
+                            .kind = change_kind::moved,
+                            .mac = {2, 0, 0, 0, 0, 1},
+                            .flags = EDM_MAC_EXTERN_LEARNED,
+                            .place = on_vxlan,
+                            .before = on_p1};
 
 TEST(EventFilters, PassAMoveIfEitherPlacePasses)
 {
@@ -69,7 +74,11 @@ TEST(EventText, HasOneLineOfDataForEachEvent)
                 "\"event\":\"moved\",\"domain\":\"lab:br0.10\",\"mac-address\":\"02:00:00:00:00:01\",\"vlan\":10,"
                 "\"origin\":\"learned\",\"flags\":[\"extern-learned\"],\"vni\":100,\"port\":\"vx0\","
                 "\"vtep\":\"10.0.0.2\",\"from-port\":\"p1\"}\n\n"},
-        {{.number = 6, .time_ms = 999, .kind = change_kind::removed, .by_limit = true, .flags = EDM_MAC_STATIC,
+        {{.number = 6,
+          .time_ms = 999,
+          .kind = change_kind::removed,
+          .by_limit = true,
+          .flags = EDM_MAC_STATIC,
           .place = place({.domain = "lab:br\n0", .port = ""})},
          "event: removed\nid: MARK-6\ndata: {\"id\":\"MARK-6\",\"time\":\"1970-01-01T00:00:00.999Z\","
          "\"event\":\"removed\",\"domain\":\"lab:br\\u000a0\",\"mac-address\":\"00:00:00:00:00:00\","
@@ -97,7 +106,8 @@ TEST(EventIds, NameAnEventOfThisProcessOnly)
     EXPECT_EQ(number_of_event(mark + "-0"), 0u);
     EXPECT_EQ(number_of_event(mark + "-18446744073709551615"), UINT64_MAX);
     EXPECT_EQ(number_of_event(mark + "0-5"), std::nullopt);
-    for (const std::string wrong : {"", "-", "5", "-5", "x-5", "5-", "5-x", "5-5-5", "5--5", "5-18446744073709551616"}) {
+    for (const std::string wrong :
+         {"", "-", "5", "-5", "x-5", "5-", "5-x", "5-5-5", "5--5", "5-18446744073709551616"}) {
         EXPECT_THROW(number_of_event(wrong), api_error) << wrong;
     }
 }

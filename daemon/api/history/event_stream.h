@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The stream of events that a client watches: what the table learned, moved, aged, removed and changed. The text is that
-// of server-sent events:
+// The stream of events that a client watches: what the table learned, moved, aged, removed and changed. The text is
+// that of server-sent events:
 //
 //      event: learned
 //      id: 3735928559-17

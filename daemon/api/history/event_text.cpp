@@ -43,8 +43,8 @@ std::optional<uint64_t> number_of_event(const std::string &id)
 {
     const size_t dash = id.find('-');
     const auto mark = base::parse_number(std::string_view(id).substr(0, dash));
-    const auto number = dash != std::string::npos ? base::parse_number(std::string_view(id).substr(dash + 1))
-                                                  : std::nullopt;
+    const auto number =
+        dash != std::string::npos ? base::parse_number(std::string_view(id).substr(dash + 1)) : std::nullopt;
     if (!mark || !number) {
         throw unexpected("Last-Event-ID", id, "the id of an event of this stream");
     }

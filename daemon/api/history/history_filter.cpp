@@ -24,18 +24,18 @@ base::ip_address vtep_of(const place_view &place)
 bool passes_place(const filters &given, const forwarding::mac_address &mac, uint16_t flags, const place_view *place)
 {
     return place != nullptr
-           && passes_names(given, {.domain = place->domain, .vlan = place->vlan, .port = place->port,
-                                   .xcid = place->xcid})
-           && forwarding::passes_values(given.rest, {.mac = mac, .flags = flags, .vlan = place->vlan,
-                                                     .vni = place->vni, .vtep = vtep_of(*place)});
+           && passes_names(given,
+                           {.domain = place->domain, .vlan = place->vlan, .port = place->port, .xcid = place->xcid})
+           && forwarding::passes_values(
+               given.rest,
+               {.mac = mac, .flags = flags, .vlan = place->vlan, .vni = place->vni, .vtep = vtep_of(*place)});
 }
 
 } // namespace
 
 bool passes_event(const filters &given, const forwarding::change_event &event)
 {
-    return event.kind == forwarding::change_kind::lost
-           || passes_place(given, event.mac, event.flags, event.place.get())
+    return event.kind == forwarding::change_kind::lost || passes_place(given, event.mac, event.flags, event.place.get())
            || passes_place(given, event.mac, event.flags, event.before.get());
 }
 
@@ -43,7 +43,8 @@ bool passes_move(const filters &given, const forwarding::move_record &move, int6
 {
     const auto age = static_cast<uint32_t>(std::max<int64_t>(now_ms - move.time_ms, 0) / ms_per_second);
     return given.rest.ages.holds(age)
-           && (passes_place(given, move.mac, 0, move.place.get()) || passes_place(given, move.mac, 0, move.before.get()));
+           && (passes_place(given, move.mac, 0, move.place.get())
+               || passes_place(given, move.mac, 0, move.before.get()));
 }
 
 int64_t current_time_ms()

@@ -19,10 +19,18 @@ namespace {
 constexpr int64_t ms_per_second = 1'000;
 
 // Throws if the forwarding plane has ended: its empty page must not look like the end of a list.
-void require_history(int64_t history_since_ms)
+void require_running()
 {
-    if (history_since_ms == 0) {
+    if (forwarding::objects() == nullptr) {
         throw daemon_ends("list");
+    }
+}
+
+// Nothing is kept until the first full dump has ended.
+void write_history_since(json_writer &json, int64_t time_ms)
+{
+    if (time_ms != 0) {
+        write_time_ms(json, "l2fib-mac:history-since", time_ms);
     }
 }
 
@@ -36,7 +44,8 @@ std::optional<forwarding::mac_address> only_address(const filters &given)
 class move_source final : public list_source {
 public:
     move_source(const filters &given, const std::optional<std::string> &start)
-        : filter_{.mac = only_address(given), .passes = [given, now_ms = current_time_ms()](const forwarding::move_record &move) {
+        : filter_{.mac = only_address(given),
+                  .passes = [given, now_ms = current_time_ms()](const forwarding::move_record &move) {
                       return passes_move(given, move, now_ms);
                   }}
     {
@@ -48,7 +57,7 @@ public:
     position fetch(uint32_t max_items, json_writer &json) override
     {
         const forwarding::move_page page = forwarding::read_moves(filter_, before_, max_items);
-        require_history(page.history_since_ms);
+        require_running();
         for (const forwarding::move_record &move : page.moves) {
             write_move(json, move);
         }
@@ -57,10 +66,7 @@ public:
         return {key_of(kind, before_), static_cast<uint32_t>(page.moves.size()), page.more};
     }
 
-    void write_members(json_writer &json) const override
-    {
-        write_time_ms(json, "l2fib-mac:history-since", history_since_ms_);
-    }
+    void write_members(json_writer &json) const override { write_history_since(json, history_since_ms_); }
 
 private:
     static constexpr std::string_view kind = "h"; // the number before which the next page begins
@@ -84,7 +90,7 @@ public:
 
     position fetch(uint32_t max_items, json_writer &json) override
     {
-        if (page_.history_since_ms == 0) {
+        if (counted_ms_ < 0) {
             find();
         }
         const size_t end = std::min(page_.flaps.size(), next_ + max_items);
@@ -95,10 +101,7 @@ public:
         return {end == 0 ? "" : key_of_flap(page_.flaps[end - 1]), count, end < page_.flaps.size()};
     }
 
-    void write_members(json_writer &json) const override
-    {
-        write_time_ms(json, "l2fib-mac:history-since", page_.history_since_ms);
-    }
+    void write_members(json_writer &json) const override { write_history_since(json, page_.history_since_ms); }
 
 private:
     // Most moves first, then the latest first. The numbers of both are inverted, so that the order ascends.
@@ -119,11 +122,10 @@ private:
     void find()
     {
         const int64_t now_ms = current_time_ms();
-        page_ = forwarding::find_flaps(window_ms_, [&](const forwarding::move_record &move) {
-            return passes_move(given_, move, now_ms);
-        });
-        require_history(page_.history_since_ms);
-        counted_ms_ = std::min(window_ms_, now_ms - page_.history_since_ms);
+        page_ = forwarding::find_flaps(
+            window_ms_, [&](const forwarding::move_record &move) { return passes_move(given_, move, now_ms); });
+        require_running();
+        counted_ms_ = std::clamp<int64_t>(now_ms - page_.history_since_ms, 0, window_ms_);
         std::ranges::sort(page_.flaps, {}, place_of);
         const auto next = std::ranges::upper_bound(page_.flaps, after_, {}, place_of);
         next_ = static_cast<size_t>(next - page_.flaps.begin());
@@ -131,7 +133,7 @@ private:
 
     filters given_;
     int64_t window_ms_;
-    int64_t counted_ms_ = 0;
+    int64_t counted_ms_ = -1; // the time in which moves were counted; negative: they were not counted yet
     place after_ = {};
     forwarding::flap_page page_ = {};
     size_t next_ = 0;
