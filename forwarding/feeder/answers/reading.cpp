@@ -355,6 +355,14 @@ void refresh_page(feeder &feed, row_page &page)
     take_answers(feed, ageing.places, answers_in_batches(std::span(ageing.keys), ask), page);
 }
 
+// Sets the members that the reader asked for.
+void add_details(const row_details &details, row_page &page)
+{
+    if (details.since && !page.rows.empty()) {
+        on_cache_thread([&](feeder &feed) { feed.add_since(page.rows); });
+    }
+}
+
 // True for the position of a read that begins: ahead of all rows.
 bool is_begin(const row_position &from)
 {
@@ -433,8 +441,7 @@ void judge_page(const row_search &search, row_page &page, uint32_t max_rows)
 
 } // namespace
 
-row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows,
-                   const row_details & /*details*/)
+row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows, const row_details &details)
 {
     row_search search = search_for(filter, max_rows);
     search.max_rows = search.judges_pages ? std::max(max_rows, judged_at_once) : max_rows;
@@ -462,6 +469,7 @@ row_page read_rows(const row_filter &filter, const row_position &from, uint32_t 
     if (search.judges_pages) {
         judge_page(search, page, max_rows);
     }
+    add_details(details, page);
     return page;
 }
 
@@ -514,7 +522,7 @@ bool comes_first(const mac_row &left, const mac_row &right)
 
 } // namespace
 
-row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details & /*details*/)
+row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details &details)
 {
     row_page page;
     with_feeder([&](feeder &feed) { page.objects = feed.objects(); });
@@ -526,6 +534,7 @@ row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details
     if (mac == mac_address{}) {
         with_feeder([&](feeder &feed) { read_flood_lists(feed, bridge_id, page); });
         add_ipv6_vteps(page);
+        add_details(details, page);
         return page;
     }
     std::vector<fdb_answer> answers;
@@ -538,6 +547,7 @@ row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details
         complete_rows(feed, page);
     });
     add_ipv6_vteps(page);
+    add_details(details, page);
     return page;
 }
 
@@ -680,7 +690,7 @@ void seek(order_selection &selection, const order_position &to)
     selection.at = to;
 }
 
-ordered_page read_selection(order_selection &selection, uint32_t max_rows, const row_details & /*details*/)
+ordered_page read_selection(order_selection &selection, uint32_t max_rows, const row_details &details)
 {
     const uint64_t began = selection.at.began;
     const auto keys = std::span<const order_key>(selection.keys).subspan(selection.next);
@@ -700,6 +710,7 @@ ordered_page read_selection(order_selection &selection, uint32_t max_rows, const
         }
         complete_rows(feed, ordered.page);
     });
+    add_details(details, ordered.page);
     if (!wanted.empty()) {
         selection.at = {wanted.back().value, wanted.back().slot, true, began};
     }

@@ -137,7 +137,7 @@ row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details
 // ---- In another order ----
 
 enum class row_order : uint8_t {
-    created,   // by creation in the table, the oldest first: the order of the table's own list
+    created,   // by the time when the table took an entry at its present port and VTEP, the earliest first
     last_seen, // by the time when an entry was last seen, the earliest first; entries that do not age come last
 };
 
