@@ -433,7 +433,8 @@ void judge_page(const row_search &search, row_page &page, uint32_t max_rows)
 
 } // namespace
 
-row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows)
+row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows,
+                   const row_details & /*details*/)
 {
     row_search search = search_for(filter, max_rows);
     search.max_rows = search.judges_pages ? std::max(max_rows, judged_at_once) : max_rows;
@@ -513,7 +514,7 @@ bool comes_first(const mac_row &left, const mac_row &right)
 
 } // namespace
 
-row_page find_rows(const mac_address &mac, uint16_t bridge_id)
+row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details & /*details*/)
 {
     row_page page;
     with_feeder([&](feeder &feed) { page.objects = feed.objects(); });
@@ -679,7 +680,7 @@ void seek(order_selection &selection, const order_position &to)
     selection.at = to;
 }
 
-ordered_page read_selection(order_selection &selection, uint32_t max_rows)
+ordered_page read_selection(order_selection &selection, uint32_t max_rows, const row_details & /*details*/)
 {
     const uint64_t began = selection.at.began;
     const auto keys = std::span<const order_key>(selection.keys).subspan(selection.next);
