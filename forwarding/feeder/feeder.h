@@ -72,6 +72,7 @@ public:
     {
         answers_.confirm_places(keys, answers, rows);
     }
+    void add_ipv6_vteps(std::vector<mac_row> &rows) const { answers_.add_ipv6_vteps(rows); }
     uint64_t order_now(row_order order) const { return answers_.order_now(order); }
     std::vector<order_key> select(row_order order, const order_position &from, uint32_t max_entries)
     {

@@ -141,6 +141,25 @@ void table_answers::add_row(uint32_t entry, std::vector<mac_row> &rows)
     }
 }
 
+// A local address of a port sends nothing, so it has no tunnel end point. The first entry of a group is the device's
+// own one if there is any (shadow_table.h).
+void table_answers::add_ipv6_vteps(std::vector<mac_row> &rows) const
+{
+    const shadow_table &shadow = context_.shadow;
+    for (mac_row &row : rows) {
+        const bool is_sent = row.port != nullptr && row.port->kind == port_kind::vxlan;
+        const uint32_t port =
+            is_sent && (row.flags & (EDM_MAC_VNI | EDM_MAC_LOCAL)) == 0 ? objects_.find_port(row.xcid) : no_slot;
+        const uint32_t entry =
+            port != no_slot ? shadow.first_of_group(shadow.find_group(shadow.ports[port].key, row.mac)) : no_slot;
+        if (entry == no_slot || !shadow.terms_of(entry).self) {
+            continue;
+        }
+        const fdb_destination &destination = shadow.terms_of(entry).destination;
+        row.ipv6_vtep = destination.kind == destination_kind::ipv6 ? destination.address : base::ip_address{};
+    }
+}
+
 // ---- Orders ----
 
 // True if the entry ages out when its address is not seen for the bridge's ageing time.

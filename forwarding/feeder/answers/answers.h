@@ -37,6 +37,8 @@ public:
     // Brings the shadow table up to date with the plane's answers for these keys. Adds a row for each entry that
     // exists.
     void confirm_places(std::span<const fdb_key> keys, std::span<const fdb_answer> answers, std::vector<mac_row> &rows);
+    // Sets the IPv6 tunnel end points of rows that have their ports.
+    void add_ipv6_vteps(std::vector<mac_row> &rows) const;
 
     // Returns the value that a new entry would have in an order.
     uint64_t order_now(row_order order) const;
