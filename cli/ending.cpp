@@ -17,6 +17,7 @@ void end_answer(const query_session &session, output &out, const base::result &f
     if (is_whole || !session.options.strict) {
         out.release();
     }
+    out.finish();
     if (!is_whole) {
         fail_incomplete(session.worst, found);
     }

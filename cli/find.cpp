@@ -11,6 +11,7 @@
 
 #include "cli/ending.h"
 #include "cli/output/printer.h"
+#include "cli/output/terminal.h"
 #include "cli/query/places.h"
 #include "cli/query/plans.h"
 #include "cli/query/resources.h"
@@ -40,14 +41,16 @@ std::vector<std::string> read_items(query_session &session, const list_request &
     return items;
 }
 
-findings find_all(query_session &session, const std::string &address)
+findings find_all(query_session &session)
 {
+    const client_options &options = session.options;
+    const auto path = [&](std::string_view list) {
+        return with_filters(with_parameter(data_path(list), "mac", options.address), options);
+    };
     findings found;
     std::string none;
-    found.places =
-        read_items(session, {with_parameter(data_path("mac-table/mac-entry"), "mac", address), mac_entries.name}, none);
-    found.moves =
-        read_items(session, {with_parameter(data_path("moves/move"), "mac", address), moves.name}, found.history_since);
+    found.places = read_items(session, {path("mac-table/mac-entry"), mac_entries.name}, none);
+    found.moves = read_items(session, {path("moves/move"), moves.name}, found.history_since);
     return found;
 }
 
@@ -64,8 +67,9 @@ void put_array(text_buffer &to, std::string_view name, const std::vector<std::st
 
 std::string nowhere_text(const std::string &address, const findings &found)
 {
-    return "nothing found: no bridge domain has " + address + ", and it has not moved since " + found.history_since
-           + ", when the history begins";
+    const std::string since =
+        found.history_since.empty() ? "" : " since " + found.history_since + ", when the history begins";
+    return "nothing found: no bridge domain has " + address + ", and it has not moved" + since;
 }
 
 // ---- JSON ----
@@ -109,19 +113,19 @@ std::string with_since(json_value place)
     return std::string(made.text());
 }
 
-void print_record(output &out, const resource &shown, const std::string &json)
+void print_record(output &out, const resource &shown, const look &wanted, const std::string &json)
 {
     json_document document;
-    item_printer printer(form::text, shown, out);
+    item_printer printer(form::text, shown, wanted, out);
     printer.item(document.parse(json));
     out.pending().put('\n');
 }
 
-void print_text(output &out, const findings &found)
+void print_text(output &out, const findings &found, const look &wanted)
 {
     json_document document;
     for (const std::string &place : found.places) {
-        print_record(out, found_places, with_since(document.parse(place)));
+        print_record(out, found_places, wanted, with_since(document.parse(place)));
     }
     std::vector<std::string> placed;
     for (const std::string &move : found.moves) {
@@ -136,24 +140,25 @@ void print_text(output &out, const findings &found)
     }
     put_array(rest, moves.name, placed);
     rest.put('}');
-    print_record(out, found_moves, std::string(rest.text()));
+    print_record(out, found_moves, wanted, std::string(rest.text()));
 }
 
 } // namespace
 
-void find_address(query_session &session, const std::string &address)
+void find_address(query_session &session)
 {
-    const findings found = find_all(session, address);
-    output out(session.progress_line, session.options.strict);
+    const client_options &options = session.options;
+    const findings found = find_all(session);
     if (found.places.empty() && found.moves.empty()) {
-        end_answer(session, out, base::failure(ENOENT, nowhere_text(address, found)));
+        output none(session.progress_line, false, "");
+        end_answer(session, none, base::failure(ENOENT, nowhere_text(options.address, found)));
         return;
     }
-    if (session.options.shown_as == form::text) {
-        print_text(out, found);
+    output out(session.progress_line, options.strict, pager_command(options.no_pager));
+    if (options.shown_as == form::text) {
+        print_text(out, found, look_of(options));
     } else {
-        out.pending().put(json_of(address, found));
-        out.pending().put('\n');
+        out.pending().put(json_of(options.address, found) + "\n");
     }
     end_answer(session, out, base::success());
 }

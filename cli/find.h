@@ -5,15 +5,12 @@
 // Threads: the main thread only.
 #pragma once
 
-#include <string>
-
-#include "cli/output/output.h"
 #include "cli/query/pages.h"
 
 namespace l2fibctl {
 
-// Prints the places of `address`. Throws a failure with the status nothing_found if neither the table nor the history
-// has the address, and with the status incomplete if the answer may be incomplete.
-void find_address(query_session &session, const std::string &address);
+// Prints the places of the command's address. Throws a failure with the status nothing_found if neither the table nor
+// the history has the address, and with the status incomplete if the answer may be incomplete.
+void find_address(query_session &session);
 
 } // namespace l2fibctl

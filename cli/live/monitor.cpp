@@ -28,14 +28,14 @@ constexpr auto max_pause = milliseconds(5000);
 
 class event_monitor {
 public:
-    event_monitor(query_session &session, const monitor_settings &settings)
+    event_monitor(query_session &session, std::string path)
         : options_(session.options)
-        , path_(settings.path)
-        , last_id_(settings.since)
+        , path_(std::move(path))
+        , last_id_(options_.since)
         , line_(session.progress_line)
         , daemon_(options_.socket, std::max(std::chrono::seconds(options_.timeout_seconds), max_silence))
-        , out_(line_, false)
-        , printer_(options_.shown_as, events, out_)
+        , out_(line_, false, "")
+        , printer_(options_.shown_as, events, look_of(options_), out_)
     {
         line_.stop();
         line_.at_each_tick(stop_signals::check);
@@ -110,7 +110,7 @@ private:
             begin(item);
         } else if (event.type == "missed") {
             print_missed(item);
-        } else if (options_.shown_as == form::text) {
+        } else if (options_.shown_as == form::text || !options_.columns.empty()) {
             const std::string placed = with_places(item);
             printer_.item(document_.parse(placed));
         } else {
@@ -178,10 +178,10 @@ private:
 
 } // namespace
 
-void monitor(query_session &session, const monitor_settings &settings)
+void monitor(query_session &session, const std::string &path)
 {
     const stop_signals signals;
-    event_monitor events_to_print(session, settings);
+    event_monitor events_to_print(session, path);
     try {
         events_to_print.run();
     } catch (const stopped &) {

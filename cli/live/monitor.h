@@ -14,13 +14,9 @@
 
 namespace l2fibctl {
 
-struct monitor_settings {
-    std::string path;       // of the stream, with its filters
-    std::string since = {}; // the id of the event behind which the stream begins; empty: begin with the next event
-};
-
-// Prints events until a signal arrives or --limit is reached. Throws a failure with the status `incomplete` and no
-// message if events are missing. If the first connection fails, throws its failure.
-void monitor(query_session &session, const monitor_settings &settings);
+// Prints the events of the stream at `path`, behind the one that --since names, until a signal arrives or --limit is
+// reached. Throws a failure with the status `incomplete` and no message if events are missing. If the first connection
+// fails, throws its failure.
+void monitor(query_session &session, const std::string &path);
 
 } // namespace l2fibctl

@@ -3,14 +3,18 @@
 #include "cli/live/top.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <thread>
 
 #include "base/text.h"
 #include "base/visible.h"
+#include "cli/ending.h"
+#include "cli/live/full_screen.h"
 #include "cli/live/signals.h"
-#include "cli/live/terminal.h"
 #include "cli/output/output.h"
 #include "cli/output/printer.h"
+#include "cli/output/terminal.h"
+#include "cli/query/places.h"
 #include "cli/query/plans.h"
 
 namespace l2fibctl {
@@ -41,7 +45,7 @@ struct sampler {
             return true;
         });
         const auto time = clock::now();
-        if (!settings.has_rates) {
+        if (!settings.has_places) {
             add_rates(now, rows, std::chrono::duration<double>(time - taken).count());
         }
         rows = std::move(now);
@@ -55,10 +59,10 @@ std::string now_text()
     return base::utc_text(system_clock::to_time_t(system_clock::now()));
 }
 
-void print_row(item_printer &printer, const top_row &row)
+void print_row(item_printer &printer, const top_row &row, bool adds_places)
 {
     json_document document;
-    const std::string item = item_with_rate(row);
+    const std::string item = adds_places ? with_places(document.parse(row.item)) : item_with_rate(row);
     printer.item(document.parse(item));
 }
 
@@ -70,7 +74,7 @@ public:
         : settings_(settings)
         , samples_{session, settings}
         , state_(settings.start)
-        , out_(session.progress_line, false)
+        , out_(session.progress_line, false, "")
     {
         session.progress_line.stop();
         session.progress_line.at_each_tick([this] {
@@ -161,11 +165,11 @@ private:
     void print_body(const std::vector<const top_row *> &picked, line_window &body)
     {
         progress silent;
-        output out(silent, false, [&body](std::string_view text) { body.add(text); });
-        item_printer printer(form::text, settings_.shown, out);
+        output out(silent, false, "", [&body](std::string_view text) { body.add(text); });
+        item_printer printer(form::text, settings_.shown, look_of(samples_.session.options), out);
         const size_t end = std::min(picked.size(), state_.offset + page());
         for (size_t i = state_.offset; i < end; i++) {
-            print_row(printer, *picked[i]);
+            print_row(printer, *picked[i], settings_.has_places);
         }
         printer.end();
     }
@@ -221,7 +225,7 @@ private:
     sampler samples_;
     top_state state_;
     output out_;
-    std::optional<terminal> terminal_;
+    std::optional<full_screen> terminal_;
     screen_size size_;
     std::string problem_;
 };
@@ -242,17 +246,21 @@ void print_top_once(query_session &session, const top_settings &settings)
 {
     sampler samples = {session, settings};
     samples.take();
-    if (!settings.has_rates) {
+    if (!settings.has_places) {
         std::this_thread::sleep_for(settings.interval);
         samples.take();
     }
-    output out(session.progress_line, session.options.strict);
-    item_printer printer(session.options.shown_as, settings.shown, out);
+    const client_options &options = session.options;
+    output out(session.progress_line, options.strict, pager_command(options.no_pager));
+    item_printer printer(options.shown_as, settings.shown, look_of(options), out);
     const auto picked = pick_rows(samples.rows, settings.start);
-    for (size_t i = 0; i < std::min<uint64_t>(picked.size(), session.options.limit); i++) {
-        print_row(printer, *picked[i]);
+    for (size_t i = 0; i < std::min<uint64_t>(picked.size(), options.limit); i++) {
+        print_row(printer, *picked[i], settings.has_places && options.shown_as == form::text);
     }
     printer.end();
+    const base::result found =
+        picked.empty() ? base::failure(ENOENT, "nothing found: no item matches") : base::success();
+    end_answer(session, out, found);
 }
 
 } // namespace l2fibctl

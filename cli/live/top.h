@@ -22,7 +22,7 @@ struct top_settings {
     list_request list;             // a sample is this whole list
     const resource &shown;         // the columns of its rows
     top_state start = {};          // order and filter
-    bool has_rates = false;        // the daemon's items have their rates themselves
+    bool has_places = false;       // flapping addresses: text has two places, and the daemon counts the rate
     std::chrono::seconds interval; // between samples
 };
 

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/live/terminal.h"
+#include "cli/live/full_screen.h"
 #include "cli/query/json.h"
 
 namespace l2fibctl {

@@ -8,9 +8,10 @@
 
 #include "base/text.h"
 #include "cli/failure.h"
+#include "cli/live/full_screen.h"
 #include "cli/live/screen.h"
 #include "cli/live/signals.h"
-#include "cli/live/terminal.h"
+#include "cli/output/terminal.h"
 
 namespace l2fibctl {
 
@@ -46,7 +47,7 @@ void write_text(std::string_view text)
 {
     progress silent;
     silent.at_each_tick(stop_signals::check);
-    output out(silent, false);
+    output out(silent, false, "");
     out.pending().put(text);
     out.flush();
 }
@@ -89,7 +90,7 @@ std::string title_of(const client_options &options, std::chrono::seconds interva
 void run_rounds(const client_options &options, std::chrono::seconds interval, const round_task &round,
                 round_result &last)
 {
-    const bool is_painted = has_screen() && options.shown_as == form::text;
+    const bool is_painted = is_on_terminal() && options.shown_as == form::text;
     const auto run = is_painted ? paint_round : print_round;
     write_text(is_painted ? clear_screen : "");
     for (bool is_first = true;; is_first = false) {
@@ -111,7 +112,7 @@ void watch(const client_options &options, std::chrono::seconds interval, const r
     try {
         run_rounds(options, interval, round, last);
     } catch (const stopped &) {
-        write_text(has_screen() ? "\n" : ""); // the shell's prompt goes below the last round
+        write_text(is_on_terminal() ? "\n" : ""); // the shell's prompt goes below the last round
     }
     if (last.status != exit_status::done) {
         throw failure(last.status, "");

@@ -36,8 +36,9 @@ void wait_for_room()
 
 } // namespace
 
-output::output(progress &line, bool held, text_sink sink)
+output::output(progress &line, bool held, std::string pager_command, text_sink sink)
     : progress_line_(line)
+    , pager_(std::move(pager_command))
     , terminal_(isatty(STDOUT_FILENO) == 1)
     , held_(held)
     , spilled_(nullptr, std::fclose)
@@ -100,6 +101,7 @@ void output::write_out(std::string_view text)
     }
     if (terminal_ && !text.empty()) {
         progress_line_.stop();
+        pager_.start();
     }
     while (!text.empty()) {
         const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "cli/live/full_screen.h"
 #include "cli/live/screen.h"
-#include "cli/live/terminal.h"
 #include "cli/live/top_model.h"
 #include "cli/query/event_stream.h"
 #include "cli/query/places.h"

@@ -2,7 +2,7 @@
 
 // The terminal of a command that fills the screen: the alternate screen without a cursor, and keys as they are pressed.
 //
-//      terminal screen;
+//      full_screen screen;
 //      for (const key pressed : screen.read_keys(std::chrono::milliseconds(100))) { ... }
 //                                                      the destructor gives the terminal back as it was
 //
@@ -62,16 +62,13 @@ private:
 // The size of the terminal at standard output; the size of an ordinary one if it has none.
 screen_size size_of_terminal();
 
-// Whether standard output is a terminal.
-bool has_screen();
-
-class terminal {
+class full_screen {
 public:
     // Throws a failure if the process has no terminal.
-    terminal();
-    ~terminal();
-    terminal(const terminal &) = delete;
-    terminal &operator=(const terminal &) = delete;
+    full_screen();
+    ~full_screen();
+    full_screen(const full_screen &) = delete;
+    full_screen &operator=(const full_screen &) = delete;
 
     // Returns the keys that arrive within `max_wait`, as soon as there are some. Returns nothing if a signal arrives,
     // such as that of a change of the size. Throws a failure if the terminal has gone.

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 
-#include "cli/live/terminal.h"
+#include "cli/live/full_screen.h"
 
 #include <algorithm>
 #include <array>
@@ -16,6 +16,7 @@
 
 #include "base/text.h"
 #include "cli/failure.h"
+#include "cli/output/terminal.h"
 
 namespace l2fibctl {
 
@@ -169,13 +170,8 @@ screen_size size_of_terminal()
     return {size.ws_row, size.ws_col};
 }
 
-bool has_screen()
-{
-    return isatty(STDOUT_FILENO) == 1;
-}
-
-terminal::terminal()
-    : keys_(has_screen() ? open("/dev/tty", O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1)
+full_screen::full_screen()
+    : keys_(is_on_terminal() ? open("/dev/tty", O_RDONLY | O_CLOEXEC | O_NONBLOCK) : -1)
 {
     if (keys_ < 0 || tcgetattr(keys_, &held.before) != 0) {
         throw failure(exit_status::wrong_usage, "no terminal: expected one at standard output; --once needs none");
@@ -187,7 +183,7 @@ terminal::terminal()
     enter();
 }
 
-terminal::~terminal()
+full_screen::~full_screen()
 {
     leave();
     close(keys_);
@@ -195,7 +191,7 @@ terminal::~terminal()
 
 // Ctrl-C stays a signal, so that it also ends a wait for the daemon. Ctrl-Z becomes a key, because the terminal has to
 // be given back before the process stops.
-void terminal::enter() const
+void full_screen::enter() const
 {
     termios wanted = held.before;
     wanted.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | IEXTEN);
@@ -208,7 +204,7 @@ void terminal::enter() const
     write_text(enter_text);
 }
 
-void terminal::leave()
+void full_screen::leave()
 {
     give_back();
     for (const int signal : fatal_signals) {
@@ -216,7 +212,7 @@ void terminal::leave()
     }
 }
 
-std::vector<key> terminal::read_keys(std::chrono::milliseconds max_wait)
+std::vector<key> full_screen::read_keys(std::chrono::milliseconds max_wait)
 {
     pollfd waits = {keys_, POLLIN, 0};
     if (poll(&waits, 1, static_cast<int>(max_wait.count())) <= 0) {
@@ -234,7 +230,7 @@ std::vector<key> terminal::read_keys(std::chrono::milliseconds max_wait)
     return {};
 }
 
-void terminal::suspend()
+void full_screen::suspend()
 {
     give_back();
     raise(SIGSTOP);
