@@ -48,13 +48,13 @@ bool print_query(display &to, const list_request &list, const item_action &print
     // The daemon can limit the items only if the client prints every item that it receives.
     const uint64_t max_items = to.makes_bridge_form() ? no_limit : to.room();
     return for_each_page(to.session, list, max_items, [&](const page &current) {
+        to.history_since = current.history_since;
         for (const json_value item : current.items) {
             print(item);
             if (to.room() == 0) {
                 return false;
             }
         }
-        to.history_since = current.history_since;
         to.out.flush();
         return true;
     });

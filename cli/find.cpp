@@ -118,7 +118,6 @@ void print_record(output &out, const resource &shown, const look &wanted, const 
     json_document document;
     item_printer printer(form::text, shown, wanted, out);
     printer.item(document.parse(json));
-    out.pending().put('\n');
 }
 
 void print_text(output &out, const findings &found, const look &wanted)
@@ -126,6 +125,7 @@ void print_text(output &out, const findings &found, const look &wanted)
     json_document document;
     for (const std::string &place : found.places) {
         print_record(out, found_places, wanted, with_since(document.parse(place)));
+        out.pending().put('\n');
     }
     std::vector<std::string> placed;
     for (const std::string &move : found.moves) {

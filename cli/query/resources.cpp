@@ -161,7 +161,8 @@ constexpr column_kind age_kind = {8, true, add_age, 0, false, color_of_age};
 constexpr column_kind left_kind = {8, true, add_age};
 constexpr column_kind time_kind = {24, false, add_text};
 constexpr column_kind event_kind = {7, false, add_text, 0, false, color_of_word};
-constexpr column_kind place_kind = {12, false, add_text}; // a port, perhaps with a VTEP
+constexpr column_kind moved_domain_kind = {14, false, add_text, domain_width, true};
+constexpr column_kind place_kind = {15, false, add_text}; // a port, perhaps with a VTEP
 constexpr column_kind rest_age_kind = {0, false, add_age};
 constexpr column_kind moves_kind = {5, true, add_text};
 constexpr column_kind id_kind = {10, true, add_text};
@@ -278,7 +279,7 @@ constexpr column event_columns[] = {
     {"time", "Time", &time_kind},
     {"event", "Event", &event_kind},
     {"mac-address", "MAC Address", &mac_kind},
-    {"domain", "Domain", &short_name_kind},
+    {"domain", "Domain", &moved_domain_kind},
     {from_member, "From", &place_kind},
     {to_member, "To", &place_kind},
     {"id", "Id", &name_kind, {}, rare},
@@ -297,7 +298,7 @@ constexpr column move_columns[] = {
     {"id", "Id", &number_kind, {}, rare},
     {"time", "Time", &time_kind},
     {"event", "Event", &event_kind},
-    {"domain", "Domain", &short_name_kind},
+    {"domain", "Domain", &moved_domain_kind},
     {"mac-address", "MAC Address", &mac_kind},
     {"vlan", "VLAN", &vlan_kind, {}, rare},
     {from_member, "From", &place_kind},
@@ -311,7 +312,7 @@ constexpr column move_columns[] = {
 };
 
 constexpr column flap_columns[] = {
-    {"domain", "Domain", &short_name_kind},
+    {"domain", "Domain", &moved_domain_kind},
     {"mac-address", "MAC Address", &mac_kind},
     {"vlan", "VLAN", &vlan_kind, {}, rare},
     {"moves", "Moves", &moves_kind},
@@ -343,7 +344,7 @@ constexpr column found_place_columns[] = {
 };
 
 constexpr column previous_place_columns[] = {
-    {"time", "Time", &time_kind},       {"event", "Event", &event_kind}, {"domain", "Domain", &short_name_kind},
+    {"time", "Time", &time_kind},       {"event", "Event", &event_kind}, {"domain", "Domain", &moved_domain_kind},
     {from_member, "From", &place_kind}, {to_member, "To", &place_kind},  {"was-since", "There Since", &rest_kind},
 };
 constexpr resource previous_places = {"move", layout::table, previous_place_columns};
