@@ -8,6 +8,7 @@
 
 #include "base/text.h"
 #include "base/visible.h"
+#include "cli/query/places.h"
 
 namespace l2fibctl {
 
@@ -109,62 +110,142 @@ size_t add_limit(text_buffer &to, json_value value)
     return is_unlimited ? add_plain(to, "none") : add_text(to, value);
 }
 
-constexpr column_kind name_kind = {22, false, add_text};
-constexpr column_kind port_kind = {15, false, add_text}; // the kernel's maximum for an interface's name
-constexpr column_kind mac_kind = {17, false, add_text};
-constexpr column_kind ipv4_kind = {15, false, add_text};
-constexpr column_kind ip_kind = {39, false, add_text};
-constexpr column_kind word_kind = {9, false, add_text};
-constexpr column_kind age_kind = {8, true, add_age};
-constexpr column_kind id_kind = {10, true, add_text};
-constexpr column_kind vlan_kind = {5, true, add_text};
-constexpr column_kind vni_kind = {8, true, add_text};
-constexpr column_kind number_kind = {9, true, add_text};
-constexpr column_kind limit_kind = {9, true, add_limit};
-constexpr column_kind rest_kind = {0, false, add_text}; // for the last column, which needs no padding
-constexpr const column_kind *json_only = &rest_kind;
+// ---- Colours ----
 
-constexpr column mac_entry_columns[] = {
-    {"domain", "Domain", &name_kind}, {"mac-address", "MAC Address", &mac_kind},
-    {"bridge-id", "", json_only},     {"xcid", "", json_only},
-    {"port", "Port", &port_kind},     {"origin", "Type", &word_kind},
-    {"age", "Age", &age_kind},        {"last-seen", "", json_only},
-    {"vlan", "VLAN", &vlan_kind},     {"vni", "VNI", &vni_kind},
-    {"source-vni", "", json_only},    {"vtep", "VTEP", &ipv4_kind},
-    {"backbone-mac", "", json_only},  {"node-id", "", json_only},
-    {"flags", "Flags", &rest_kind},
+constexpr std::string_view green = "\x1b[32m";
+constexpr std::string_view yellow = "\x1b[33m";
+constexpr std::string_view blue = "\x1b[34m";
+constexpr std::string_view dim = "\x1b[2m";
+
+struct word_color {
+    std::string_view word;
+    std::string_view color;
 };
+constexpr word_color word_colors[] = {
+    {"learned", green}, {"static", yellow}, {"local", blue}, {"up", green}, {"down", yellow}};
 
-// Returns the columns with `more` inserted behind the column of `member`.
-template <size_t count>
-constexpr std::array<column, count + 1> insert_behind(const column (&columns)[count], std::string_view member,
-                                                      const column &more)
+std::string_view color_of_word(json_value value)
 {
-    std::array<column, count + 1> result = {};
-    const auto *end = std::ranges::find(columns, member, &column::member) + 1;
-    auto to = std::copy(columns, end, result.begin());
-    *to++ = more;
-    std::copy(end, columns + count, to);
-    return result;
+    const auto *found =
+        value.is_text() ? std::ranges::find(word_colors, value.text(), &word_color::word) : std::end(word_colors);
+    return found != std::end(word_colors) ? found->color : std::string_view();
 }
 
-constexpr auto aging_entry_columns = insert_behind(mac_entry_columns, "age", {"time-left", "Left", &age_kind});
+constexpr uint64_t fresh_seconds = 10; // about as long as it takes to look
+constexpr uint64_t old_seconds = 300;  // the kernel's ageing time unless it is changed
+
+std::string_view color_of_age(json_value value)
+{
+    if (value.kind() != json_kind::natural) {
+        return {};
+    }
+    const uint64_t seconds = value.natural();
+    return seconds < fresh_seconds ? green : seconds >= old_seconds ? dim : std::string_view();
+}
+
+// ---- Kinds of columns ----
+
+constexpr unsigned domain_width = 22; // with --wide, and where there is room
+constexpr unsigned port_width = 15;   // the kernel's maximum for an interface's name
+
+constexpr column_kind name_kind = {domain_width, false, add_text, 0, true};
+constexpr column_kind port_kind = {port_width, false, add_text, 0, true};
+constexpr column_kind short_name_kind = {16, false, add_text, domain_width, true}; // a row fits 100 characters
+constexpr column_kind short_port_kind = {11, false, add_text, port_width, true};
+constexpr column_kind mac_kind = {17, false, add_text};
+constexpr column_kind ipv4_kind = {15, false, add_text};
+constexpr column_kind ip_kind = {20, false, add_text, 39};
+constexpr column_kind word_kind = {9, false, add_text, 0, false, color_of_word};
+constexpr column_kind origin_kind = {7, false, add_text, 0, false, color_of_word};
+constexpr column_kind age_kind = {8, true, add_age, 0, false, color_of_age};
+constexpr column_kind left_kind = {8, true, add_age};
+constexpr column_kind time_kind = {24, false, add_text};
+constexpr column_kind event_kind = {7, false, add_text, 0, false, color_of_word};
+constexpr column_kind moved_domain_kind = {14, false, add_text, domain_width, true};
+constexpr column_kind place_kind = {15, false, add_text}; // a port, perhaps with a VTEP
+constexpr column_kind rest_age_kind = {0, false, add_age};
+constexpr column_kind moves_kind = {5, true, add_text};
+constexpr column_kind id_kind = {10, true, add_text};
+constexpr column_kind vlan_kind = {4, true, add_text, 5};
+constexpr column_kind wide_vlan_kind = {5, true, add_text};
+constexpr column_kind vni_kind = {8, true, add_text};
+constexpr column_kind number_kind = {9, true, add_text};
+constexpr column_kind sum_kind = {.width = 9, .is_right_aligned = true, .format = add_text, .is_summed = true};
+constexpr column_kind entries_kind = {8, true, add_text};
+constexpr column_kind changes_kind = {9, true, add_text};
+constexpr column_kind state_kind = {5, false, add_text, 0, false, color_of_word};
+constexpr column_kind limit_kind = {9, true, add_limit};
+constexpr column_kind rest_kind = {0, false, add_text}; // for the last column, which needs no padding
+
+constexpr bool rare = false; // for column::is_usual
+
+constexpr column mac_entry_columns[] = {
+    {"domain", "Domain", &short_name_kind},
+    {"mac-address", "MAC Address", &mac_kind},
+    {"bridge-id", "Bridge ID", &number_kind, {}, rare},
+    {"xcid", "XCID", &id_kind, {}, rare},
+    {"port", "Port", &short_port_kind},
+    {"origin", "Type", &origin_kind},
+    {"age", "Age", &age_kind},
+    {"last-seen", "Last Seen", &time_kind, {}, rare},
+    {"since", "Since", &time_kind, {}, rare},
+    {"vlan", "VLAN", &vlan_kind},
+    {"vni", "VNI", &vni_kind},
+    {"source-vni", "From VNI", &vni_kind, {}, rare},
+    {"vtep", "VTEP", &ipv4_kind},
+    {"backbone-mac", "Backbone MAC", &mac_kind, {}, rare},
+    {"node-id", "Node", &number_kind, {}, rare},
+    {"flags", "Flags", &rest_kind, {}, rare},
+};
+
+// The time left stands behind the age. The VNI gives it its room in a row.
+constexpr auto columns_with_time_left()
+{
+    std::array<column, std::size(mac_entry_columns) + 1> result = {};
+    const auto *end = std::ranges::find(mac_entry_columns, "age", &column::member) + 1;
+    auto to = std::copy(std::begin(mac_entry_columns), end, result.begin());
+    *to++ = {"time-left", "Left", &left_kind};
+    std::copy(end, std::end(mac_entry_columns), to);
+    std::ranges::find(result, "vni", &column::member)->is_usual = rare;
+    return result;
+}
+constexpr auto aging_entry_columns = columns_with_time_left();
 
 constexpr column mac_count_columns[] = {
     {scope_member, "Scope", &name_kind}, {"total", "Total", &number_kind}, {"learned", "Learned", &number_kind},
     {"static", "Static", &number_kind},  {"local", "Local", &number_kind}, {"bridge-own", "Bridge", &number_kind},
 };
 
+constexpr column mac_group_columns[] = {
+    {"domain", "Domain", &name_kind},  {"port", "Port", &port_kind},      {"xcid", "XCID", &id_kind, {}, rare},
+    {"vlan", "VLAN", &wide_vlan_kind}, {"vtep", "VTEP", &ip_kind},        {"origin", "Type", &word_kind},
+    {"entries", "Entries", &sum_kind}, {"learned", "Learned", &sum_kind}, {"static", "Static", &sum_kind},
+    {"local", "Local", &sum_kind},
+};
+
 constexpr column domain_columns[] = {
-    {"name", "Domain", &name_kind},   {"bridge-id", "Bridge ID", &number_kind},
-    {"bridge", "Bridge", &port_kind}, {"ifindex", "Ifindex", &number_kind},
-    {"vlan-aware", "", json_only},    {"vlan", "VLAN", &vlan_kind},
+    {"name", "Domain", &name_kind},
+    {"bridge-id", "Bridge ID", &number_kind},
+    {"bridge", "Bridge", &port_kind},
+    {"ifindex", "Ifindex", &number_kind},
+    {"vlan-aware", "Aware", &word_kind, {}, rare},
+    {"vlan", "VLAN", &wide_vlan_kind},
+    {"entries", "Entries", &number_kind},
+    {"changes", "Changes", &id_kind},
 };
 
 constexpr column port_columns[] = {
-    {"xcid", "XCID", &id_kind},   {"name", "Port", &port_kind},         {"ifindex", "Ifindex", &number_kind},
-    {"kind", "Type", &word_kind}, {"oper-status", "State", &word_kind}, {"domain", "Domain", &name_kind},
-    {"bridge-id", "", json_only}, {"vlan", "VLAN", &vlan_kind},         {"vni", "VNI", &vni_kind},
+    {"xcid", "XCID", &number_kind},
+    {"name", "Port", &port_kind},
+    {"ifindex", "Ifindex", &number_kind, {}, rare},
+    {"kind", "Type", &word_kind},
+    {"oper-status", "State", &state_kind},
+    {"domain", "Domain", &short_name_kind},
+    {"bridge-id", "Bridge ID", &number_kind, {}, rare},
+    {"vlan", "VLAN", &vlan_kind},
+    {"vni", "VNI", &vni_kind},
+    {"entries", "Entries", &entries_kind},
+    {"changes", "Changes", &changes_kind},
 };
 
 constexpr column vtep_columns[] = {
@@ -173,18 +254,133 @@ constexpr column vtep_columns[] = {
 };
 
 constexpr column tunnel_entry_columns[] = {
-    {"domain", "Domain", &name_kind},      {"mac-address", "MAC Address", &mac_kind},
-    {"bridge-id", "", json_only},          {"xcid", "", json_only},
-    {"port", "Port", &port_kind},          {"destination", "Destination", &ip_kind},
-    {"next-hop-id", "Next Hop", &id_kind}, {"vni", "VNI", &vni_kind},
-    {"source-vni", "From VNI", &vni_kind}, {"udp-port", "", json_only},
-    {"flags", "Flags", &rest_kind},
+    {"domain", "Domain", &short_name_kind},
+    {"mac-address", "MAC Address", &mac_kind},
+    {"bridge-id", "Bridge ID", &number_kind, {}, rare},
+    {"xcid", "XCID", &id_kind, {}, rare},
+    {"port", "Port", &short_port_kind},
+    {"destination", "Destination", &ip_kind},
+    {"next-hop-id", "Next Hop", &vni_kind},
+    {"vni", "VNI", &vni_kind},
+    {"source-vni", "From VNI", &vni_kind},
+    {"udp-port", "UDP Port", &vni_kind, {}, rare},
+    {"flags", "Flags", &rest_kind, {}, rare},
 };
 
 constexpr column trace_columns[] = {
-    {"time", "", json_only},   {"ring", "Ring", &word_kind},  {"sequence", "Sequence", &number_kind},
-    {"id", "", json_only},     {"thread", "", json_only},     {"function", "", json_only},
-    {"values", "", json_only}, {"text", "Point", &rest_kind},
+    {"time", "Time", &time_kind, {}, rare},       {"ring", "Ring", &word_kind},
+    {"sequence", "Sequence", &number_kind},       {"id", "Id", &number_kind, {}, rare},
+    {"thread", "Thread", &number_kind, {}, rare}, {"function", "Function", &name_kind, {}, rare},
+    {"values", "Values", &name_kind, {}, rare},   {"text", "Point", &rest_kind},
+};
+
+// The columns From and To are texts that cli/query/places.h adds.
+constexpr column event_columns[] = {
+    {"time", "Time", &time_kind},
+    {"event", "Event", &event_kind},
+    {"mac-address", "MAC Address", &mac_kind},
+    {"domain", "Domain", &moved_domain_kind},
+    {from_member, "From", &place_kind},
+    {to_member, "To", &place_kind},
+    {"id", "Id", &name_kind, {}, rare},
+    {"origin", "Type", &origin_kind, {}, rare},
+    {"vlan", "VLAN", &vlan_kind, {}, rare},
+    {"vni", "VNI", &vni_kind, {}, rare},
+    {"from-port", "From Port", &port_kind, {}, rare},
+    {"from-vtep", "From VTEP", &ipv4_kind, {}, rare},
+    {"port", "Port", &port_kind, {}, rare},
+    {"vtep", "VTEP", &ipv4_kind, {}, rare},
+    {"reason", "Reason", &word_kind, {}, rare},
+    {"flags", "Flags", &rest_kind, {}, rare},
+};
+
+constexpr column move_columns[] = {
+    {"id", "Id", &number_kind, {}, rare},
+    {"time", "Time", &time_kind},
+    {"event", "Event", &event_kind},
+    {"domain", "Domain", &moved_domain_kind},
+    {"mac-address", "MAC Address", &mac_kind},
+    {"vlan", "VLAN", &vlan_kind, {}, rare},
+    {from_member, "From", &place_kind},
+    {to_member, "To", &place_kind},
+    {"from-port", "From Port", &port_kind, {}, rare},
+    {"from-vtep", "From VTEP", &ipv4_kind, {}, rare},
+    {"port", "Port", &port_kind, {}, rare},
+    {"vtep", "VTEP", &ipv4_kind, {}, rare},
+    {"was-since", "There Since", &time_kind, {}, rare},
+    {"reason", "Reason", &rest_kind, {}, rare},
+};
+
+constexpr column flap_columns[] = {
+    {"domain", "Domain", &moved_domain_kind},
+    {"mac-address", "MAC Address", &mac_kind},
+    {"vlan", "VLAN", &vlan_kind, {}, rare},
+    {"moves", "Moves", &moves_kind},
+    {"per-minute", "Per Minute", &id_kind},
+    {from_member, "From", &place_kind},
+    {to_member, "To", &place_kind},
+    {"other-port", "From Port", &port_kind, {}, rare},
+    {"other-vtep", "From VTEP", &ipv4_kind, {}, rare},
+    {"port", "Port", &port_kind, {}, rare},
+    {"vtep", "VTEP", &ipv4_kind, {}, rare},
+    {"first", "First", &time_kind, {}, rare},
+    {"last", "Last", &time_kind, {}, rare},
+};
+
+// Of `find`: a place as a record. The record has no room for ids.
+constexpr column found_place_columns[] = {
+    {"mac-address", "Address", &rest_kind},
+    {"domain", "Domain", &rest_kind},
+    {"port", "Port", &rest_kind},
+    {"vtep", "VTEP", &rest_kind},
+    {"vni", "VNI", &rest_kind},
+    {"vlan", "VLAN", &rest_kind},
+    {"origin", "Type", &rest_kind},
+    {"flags", "Flags", &rest_kind},
+    {"since", "There since", &rest_kind},
+    {"since-age", "For", &rest_age_kind},
+    {"last-seen", "Last seen", &rest_kind},
+    {"age", "Age", &rest_age_kind},
+};
+
+constexpr column previous_place_columns[] = {
+    {"time", "Time", &time_kind},       {"event", "Event", &event_kind}, {"domain", "Domain", &moved_domain_kind},
+    {from_member, "From", &place_kind}, {to_member, "To", &place_kind},  {"was-since", "There Since", &rest_kind},
+};
+constexpr resource previous_places = {"move", layout::table, previous_place_columns};
+
+constexpr column found_move_columns[] = {
+    {"now", "Now", &rest_kind},
+    {"move", "Places before", &rest_kind, &previous_places},
+    {"history-since", "History since", &rest_kind},
+};
+
+// Of `top`. The client adds the changes a second.
+constexpr column top_port_columns[] = {
+    {"name", "Port", &port_kind},
+    {"domain", "Domain", &name_kind},
+    {"entries", "Entries", &number_kind},
+    {"changes-per-second", "Changes/s", &number_kind},
+    {"changes", "Changes", &id_kind},
+    {"xcid", "XCID", &id_kind, {}, rare},
+    {"ifindex", "Ifindex", &number_kind, {}, rare},
+    {"kind", "Type", &word_kind, {}, rare},
+    {"oper-status", "State", &state_kind, {}, rare},
+    {"bridge-id", "Bridge ID", &number_kind, {}, rare},
+    {"vlan", "VLAN", &vlan_kind, {}, rare},
+    {"vni", "VNI", &vni_kind, {}, rare},
+};
+
+constexpr column top_domain_columns[] = {
+    {"name", "Domain", &name_kind},
+    {"bridge", "Bridge", &port_kind},
+    {"entries", "Entries", &number_kind},
+    {"changes-per-second", "Changes/s", &number_kind},
+    {"changes", "Changes", &id_kind},
+    {"bridge-id", "Bridge ID", &number_kind, {}, rare},
+    {"ifindex", "Ifindex", &number_kind, {}, rare},
+    {"vlan-aware", "Aware", &word_kind, {}, rare},
+    {"vlan", "VLAN", &vlan_kind, {}, rare},
 };
 
 constexpr column reason_columns[] = {
@@ -259,6 +455,13 @@ constexpr column proof_columns[] = {
 };
 constexpr resource proof = {"proof", layout::record, proof_columns};
 
+constexpr column history_columns[] = {
+    {"events-kept", "Events kept", &rest_kind},
+    {"moves-kept", "Moves kept", &rest_kind},
+    {"bytes", "Bytes", &rest_kind},
+};
+constexpr resource history = {"history", layout::record, history_columns};
+
 constexpr column lock_wait_columns[] = {
     {"thread", "Thread", &name_kind},         {"thread-id", "Thread Id", &number_kind},
     {"waited-ms", "Waited ms", &number_kind}, {"line", "Line", &number_kind},
@@ -296,6 +499,7 @@ constexpr column health_columns[] = {
     {"doubtful-kept", "Doubtful kept", &rest_kind},
     {"feeds", "Feeds", &rest_kind},
     {"feeds-full", "Full feeds", &rest_kind},
+    {"history", "History", &rest_kind, &history},
     {"proof", "Proof", &rest_kind, &proof},
     {"unmapped", "Unmapped", &rest_kind, &reasons},
     {"refused", "Refused", &rest_kind, &reasons},
@@ -314,11 +518,20 @@ static_assert(std::size(health_columns) <= max_columns && std::size(aging_entry_
 constexpr resource mac_entries = {"mac-entry", layout::table, mac_entry_columns};
 constexpr resource aging_entries = {"mac-entry", layout::table, aging_entry_columns};
 constexpr resource mac_counts = {"mac-count", layout::table, mac_count_columns};
+constexpr resource mac_groups = {"mac-count", layout::table, mac_group_columns,
+                                 "Entries as show mac lists them, with the addresses of ports and bridges (local)."};
 constexpr resource domains = {"domain", layout::table, domain_columns};
 constexpr resource ports = {"port", layout::table, port_columns};
 constexpr resource vteps = {"vtep", layout::table, vtep_columns};
 constexpr resource tunnel_entries = {"tunnel-entry", layout::table, tunnel_entry_columns};
 constexpr resource health = {"health", layout::record, health_columns};
 constexpr resource traces = {"trace", layout::table, trace_columns};
+constexpr resource events = {"event", layout::table, event_columns};
+constexpr resource moves = {"move", layout::table, move_columns};
+constexpr resource flaps = {"flap", layout::table, flap_columns};
+constexpr resource found_places = {"mac-entry", layout::record, found_place_columns};
+constexpr resource found_moves = {"move", layout::record, found_move_columns};
+constexpr resource top_ports = {"port", layout::table, top_port_columns};
+constexpr resource top_domains = {"domain", layout::table, top_domain_columns};
 
 } // namespace l2fibctl
