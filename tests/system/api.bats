@@ -206,18 +206,23 @@ END
     expect_status 410 "${D}mac-table/mac-entry?cursor=$(printf '1 t 2 1 1 11' | base64)" # from an earlier daemon
 }
 
-@test "a list has nearly all entries while others come, move and age" {
-    local -r socket=$BATS_TEST_TMPDIR/churn.sock
+# Static entries stay, so each list must have every one of them. Learned ones go and come again meanwhile: half of them in
+# a second. A slow list misses those that came behind its selection, which may be a second old.
+@test "a list has every entry that stays while others come, move and age" {
+    local -r socket=$BATS_TEST_TMPDIR/churn.sock page=$BATS_TEST_TMPDIR/page
     start_daemon "$socket" --generate bridges=2,ports=4,macs=20000,vteps=4,churn=50000/s
     local -r pid=$!
-    local list shown counted rounds=16
+    local list shown fixed counted rounds=16
     [[ -z ${L2FIB_SANITIZED-} ]] || rounds=4 # a sanitizer makes each round many times slower
     for ((; rounds > 0; rounds--)); do
         list=$( ((rounds % 2)) && echo mac-table || echo mac-aging)
-        shown=$(curl --silent --fail --unix-socket "$socket" "http://l2fibd$D$list/mac-entry" |
-            jq '."l2fib-mac:mac-entry" | length')
-        counted=$(curl --silent --unix-socket "$socket" "http://l2fibd${D}mac-count" | jq '."l2fib-mac:mac-count".total')
-        ((shown > counted * 9 / 10)) || { echo "$list: $shown of $counted" && return 1; }
+        curl --silent --fail --unix-socket "$socket" --output "$page" "http://l2fibd$D$list/mac-entry"
+        read -r shown fixed < <(jq --raw-output \
+            '."l2fib-mac:mac-entry" | "\(length) \(map(select(.origin == "static")) | unique_by(.domain, ."mac-address") | length)"' "$page")
+        counted=$(curl --silent --unix-socket "$socket" "http://l2fibd${D}mac-count" |
+            jq --raw-output '."l2fib-mac:mac-count" | "\(.total) \(.static)"')
+        ((fixed == ${counted#* } && fixed > 0 && shown > ${counted% *} * 2 / 3)) ||
+            { echo "$list: $shown of which $fixed static; counted $counted" && return 1; }
     done
     kill "$pid"
     wait "$pid"
@@ -278,7 +283,7 @@ END
 --netns a --plane generated|--netns: expected --plane kernel
 --generate bridges=x|--generate "bridges=x"
 --mac-limit 0|--mac-limit "0": expected a number from 1
---proof-rate many|--proof-rate "many": expected a number from 1 to 100000
+--proof-rate many|--proof-rate "many": expected a number from 0 to 100000
 --receive-buffer 4096 --plane generated|--receive-buffer: expected --plane kernel
 --resync-wait 100000|--resync-wait "100000": expected a number from 1 to 3600
 --group a:b|--group "a:b"
@@ -287,7 +292,7 @@ END
 --socket|--socket
 --colour|--colour
 END
-    run "$L2FIBD" --check --generate macs=500
+    run "$L2FIBD" --check --generate macs=500 --proof-rate 0
     [[ $status == 0 && $output == *"plane generated, clean"* ]]
     run bash -c '"$L2FIBD" --check --generate macs=500 >/dev/full'
     [[ $status == 1 && $output == *"standard output: No space left on device"* ]]

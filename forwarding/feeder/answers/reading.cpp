@@ -516,7 +516,9 @@ int64_t steady_ms()
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-// Reads the rows of entries from the table, in their order. An entry that left its port meanwhile gets no row.
+// Reads the rows of entries from the table, in their order. An entry that is not on its port gets no row, and its place
+// in the order is passed. So the cache thread calls this right after it found the entries, because it is also the
+// thread that moves them.
 void read_entries(feeder &feed, std::span<const ordered_entry> wanted, uint64_t began,
                   row_page &page) L2FIB_REQUIRES_TABLE_LOCK
 {
@@ -599,15 +601,15 @@ ordered_page read_selection(order_selection &selection, uint32_t max_rows)
     const uint64_t began = selection.at.began;
     const auto keys = std::span<const order_key>(selection.keys).subspan(selection.next);
     const auto wanted = keys.first(std::min<size_t>(max_rows, keys.size()));
-    std::vector<ordered_entry> entries;
+    ordered_page ordered;
     if (!wanted.empty()) {
         const order_key last = keys.back();
-        on_cache_thread([&](feeder &feed) { entries = feed.entries_at(selection.order, wanted, last, began); });
+        on_cache_thread([&](feeder &feed) {
+            read_entries_in_holds(feed, feed.entries_at(selection.order, wanted, last, began), began, ordered.page);
+        });
     }
-    ordered_page ordered;
     with_feeder([&](feeder &feed) {
         ordered.page.objects = feed.objects();
-        read_entries_in_holds(feed, entries, began, ordered.page);
         selection.more |= ordered.page.rows.size() < wanted.size(); // an entry may be behind the last key now
         if (selection.order == row_order::created && feed.ages_silently()) {
             refresh_rows(feed, ordered.page);
