@@ -28,6 +28,9 @@ constexpr number_range<uint32_t> mac_limits = {1, 100'000'000}; // such a table 
 constexpr number_range<uint32_t> receive_buffers = {1, uint32_t{1} << 30};
 constexpr number_range<uint32_t> proof_rates = {0, 100'000}; // entries a second, each a question to the kernel; 0: none
 constexpr number_range<uint16_t> resync_waits = {1, 3600};   // seconds; no client waits for more than an hour
+constexpr uint32_t max_kept = 10'000'000; // events, or moves; ten million take 300 or 400 megabytes
+constexpr number_range<uint32_t> kept_events = {1, max_kept};
+constexpr number_range<uint32_t> kept_moves = {0, max_kept};
 
 using setter = std::function<void(const std::string &)>;
 
@@ -169,6 +172,10 @@ void add_options(CLI::App &app, options &to)
                "entries compared with the kernel per second, to find changes that it did not report; 0: none");
     add_number(app, "--resync-wait", to.forwarding.resync_wait_seconds, resync_waits,
                "seconds that a request waits for the forwarding plane");
+    add_number(app, "--events", to.forwarding.event_limit, kept_events,
+               "latest changes of entries that are kept for watchers");
+    add_number(app, "--history", to.forwarding.move_limit, kept_moves,
+               "latest moves and removals of entries that are kept; 0: none");
     add_choice(app, "--log-level", to.finest_level, levels, "least severe lines that are logged");
     app.add_flag("--check", to.check_only, "start, bring the table up to date once, report its health, and end")
         ->disable_flag_override();

@@ -305,6 +305,14 @@ void refresh_page(feeder &feed, row_page &page)
     take_answers(feed, ageing.places, answers_in_batches(std::span(ageing.keys), ask), page);
 }
 
+// Sets the members that the reader asked for.
+void add_details(const row_details &details, row_page &page)
+{
+    if (details.since && !page.rows.empty()) {
+        on_cache_thread([&](feeder &feed) { feed.add_since(page.rows); });
+    }
+}
+
 // True for the position of a read that begins: ahead of all rows.
 bool is_begin(const row_position &from)
 {
@@ -359,7 +367,7 @@ bool passes(const row_filter &filter, const mac_row &row)
            && is_wanted(filter, {row.bridge_id, row.xcid});
 }
 
-row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows)
+row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows, const row_details &details)
 {
     row_page page;
     page.end = from;
@@ -383,6 +391,7 @@ row_page read_rows(const row_filter &filter, const row_position &from, uint32_t 
         }
         complete_rows(feed, page);
     });
+    add_details(details, page);
     return page;
 }
 
@@ -430,7 +439,7 @@ bool comes_first(const mac_row &left, const mac_row &right)
 
 } // namespace
 
-row_page find_rows(const mac_address &mac, uint16_t bridge_id)
+row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details &details)
 {
     row_page page;
     with_feeder([&](feeder &feed) { page.objects = feed.objects(); });
@@ -441,6 +450,7 @@ row_page find_rows(const mac_address &mac, uint16_t bridge_id)
     on_cache_thread([&](feeder &feed) { keys = feed.places_of(mac, bridge_id); });
     if (mac == mac_address{}) {
         with_feeder([&](feeder &feed) { read_flood_lists(feed, bridge_id, page); });
+        add_details(details, page);
         return page;
     }
     std::vector<fdb_answer> answers;
@@ -452,6 +462,7 @@ row_page find_rows(const mac_address &mac, uint16_t bridge_id)
         std::ranges::sort(page.rows, comes_first);
         complete_rows(feed, page);
     });
+    add_details(details, page);
     return page;
 }
 
@@ -596,7 +607,7 @@ void seek(order_selection &selection, const order_position &to)
     selection.at = to;
 }
 
-ordered_page read_selection(order_selection &selection, uint32_t max_rows)
+ordered_page read_selection(order_selection &selection, uint32_t max_rows, const row_details &details)
 {
     const uint64_t began = selection.at.began;
     const auto keys = std::span<const order_key>(selection.keys).subspan(selection.next);
@@ -616,6 +627,7 @@ ordered_page read_selection(order_selection &selection, uint32_t max_rows)
         }
         complete_rows(feed, ordered.page);
     });
+    add_details(details, ordered.page);
     if (!wanted.empty()) {
         selection.at = {wanted.back().value, wanted.back().slot, true, began};
     }
