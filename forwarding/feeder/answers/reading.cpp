@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <map>
 #include <span>
 
 #include "forwarding/feeder/answers/asking.h"
@@ -51,8 +52,7 @@ void shadow_address(mac_address &to, const uint8_t *from)
 
 // ---- Places ----
 
-// A bridge id and an xcid. The place of the bridge domain's own entries has EDM_XCID_DUMMY, which is behind all ports.
-using place = std::pair<uint16_t, uint32_t>;
+using place = port_place;
 
 place place_of(const port_view &port)
 {
@@ -73,38 +73,49 @@ bool find_place(const object_views &objects, const place &from, place &found)
     return true;
 }
 
-// Moves `at` to the next place. Returns false if there is none.
-bool next_place(const object_views &objects, place &at)
+// Moves `at` forward to the next place that the filter's lists of domains and ports may have. Returns false if there is
+// none.
+bool skip_unwanted(const row_filter &filter, place &at)
 {
-    return at.second != EDM_XCID_DUMMY ? find_place(objects, {at.first, at.second + 1}, at)
-           : at.first != UINT16_MAX    ? find_place(objects, {static_cast<uint16_t>(at.first + 1), 0}, at)
-                                       : false;
-}
-
-bool is_wanted(const row_filter &filter, const place &at)
-{
-    return (filter.bridge_id == 0 || filter.bridge_id == at.first) && (filter.xcid == 0 || filter.xcid == at.second);
-}
-
-// Returns the place at which a read begins: the position's if it has one, otherwise the first one that may pass the
-// filter. If no port has the filter's xcid, that is the last possible place.
-place first_place(const row_filter &filter, const row_position &from, const object_views &objects)
-{
-    if (from.holds_row || from.bridge_id != 0) {
-        return {from.bridge_id, from.xcid};
+    if (!filter.ports.is_exclusion) {
+        const auto listed = std::ranges::lower_bound(filter.ports.values, at);
+        if (listed == filter.ports.values.end()) {
+            return false;
+        }
+        at = *listed;
     }
-    if (filter.xcid != 0 && filter.bridge_id == 0) {
-        const auto port = std::ranges::find(objects.ports, filter.xcid, &port_view::xcid);
-        return port != objects.ports.end() ? place_of(*port) : place{UINT16_MAX, EDM_XCID_DUMMY};
+    if (!filter.domains.is_exclusion) {
+        const auto listed = std::ranges::lower_bound(filter.domains.values, at.first);
+        if (listed == filter.domains.values.end()) {
+            return false;
+        }
+        at = std::max(at, place{*listed, 0});
     }
-    return {filter.bridge_id, filter.xcid};
+    return true;
 }
 
-// True if neither `at` nor any place behind it passes the filter. For a filter by xcid this holds for each place but
-// its own, because the read begins there.
-bool ends_before(const row_filter &filter, const place &at)
+// Moves `at` to the place behind it. Returns false if there is none.
+bool step(place &at)
 {
-    return (filter.bridge_id != 0 && at.first > filter.bridge_id) || (filter.xcid != 0 && at.second != filter.xcid);
+    at = at.second != EDM_XCID_DUMMY ? place{at.first, at.second + 1} : place{static_cast<uint16_t>(at.first + 1), 0};
+    return at.first != 0;
+}
+
+// Moves `at` to the first place at or behind it that passes the filter. Returns false if there is none.
+bool find_wanted(const object_views &objects, const row_filter &filter, place &at)
+{
+    while (skip_unwanted(filter, at) && find_place(objects, at, at)) {
+        if (passes_place(filter, at)) {
+            return true;
+        }
+        if (!filter.domains.holds(at.first)) {
+            at.second = EDM_XCID_DUMMY; // skips its ports
+        }
+        if (!step(at)) {
+            return false;
+        }
+    }
+    return false;
 }
 
 // ---- The table ----
@@ -139,29 +150,74 @@ void find_entries(std::span<const ordered_entry> wanted,
     }
 }
 
+// What a read of rows looks for.
+struct row_search {
+    const row_filter &filter;
+    uint32_t max_rows;       // set by read_page
+    mac_address last;        // the last address that may pass
+    bool judges_rows;        // some condition is on the rows of the table
+    bool needs_ipv6;         // some condition is on an IPv6 tunnel end point
+    bool judges_pages;       // some condition is on what only completed rows show
+    bool shows_ipv6 = false; // adds IPv6 tunnel end points, also without a condition on them
+    bool asks_ages = true;   // asks a plane that ages silently about the rows
+    bool completes = true;   // adds names, VNIs and times
+};
+
+row_search search_for(const row_filter &filter)
+{
+    const bool needs_ipv6 = has_ipv6(filter);
+    return {filter,
+            0,
+            base::mac_of_number(filter.addresses.last),
+            filter.flags != 0 || !filter.not_addresses.empty() || !filter.origins.holds_all()
+                || !filter.vlans.holds_all() || !filter.vteps.holds_all(),
+            needs_ipv6,
+            needs_ipv6 || !filter.vnis.holds_all() || filter.ages != age_range()};
+}
+
+// Judges what a row of the table shows. Its VNI, its age and its IPv6 tunnel end point are not known yet.
+bool may_pass(const row_search &search, const mac_row &row)
+{
+    const row_filter &filter = search.filter;
+    const base::ip_address vtep = vtep_of(row);
+    return (filter.flags == 0 || (row.flags & filter.flags) != 0) && filter.origins.holds(origin_of(row.flags))
+           && filter.vlans.holds(row.vlan) && passes_address(filter, row.mac)
+           && ((search.needs_ipv6 && vtep == base::ip_address{}) || filter.vteps.holds(vtep));
+}
+
+// The first entry of a port that may pass.
+const l2fm_edm_mac_t *first_entry(const row_search &search, const l2fm_edm_bp_t &bp) L2FIB_REQUIRES_TABLE_LOCK
+{
+    const uint64_t first = search.filter.addresses.first;
+    return first == 0 ? l2fm_edm_table_bp_mac_get_first(&bp)
+                      : l2fm_edm_table_bp_macaddr_get_next(&bp.mac_tree, base::mac_of_number(first - 1).data());
+}
+
 // Reads rows of one port until the page is full, the port ends or `looks` entries were visited. It continues behind
 // `page.end` if that is on this port, and moves `page.end` with each entry. Returns true if the port has ended or does
 // not exist. Under the table lock.
-bool read_port(const row_filter &filter, const place &at, row_page &page, uint32_t max_rows,
-               uint32_t &looks) L2FIB_REQUIRES_TABLE_LOCK
+bool read_port(const row_search &search, const place &at, row_page &page, uint32_t &looks) L2FIB_REQUIRES_TABLE_LOCK
 {
     row_position &end = page.end;
     const bool continues = end.holds_row && end.bridge_id == at.first && end.xcid == at.second;
     const l2fm_edm_bp_t *bp = port_at(at);
     const l2fm_edm_mac_t *mac = bp == nullptr ? nullptr
                                 : continues   ? l2fm_edm_table_bp_macaddr_get_next(&bp->mac_tree, end.mac.data())
-                                              : l2fm_edm_table_bp_mac_get_first(bp);
+                                              : first_entry(search, *bp);
     end.bridge_id = at.first;
     end.xcid = at.second;
     end.holds_row = continues;
-    for (; mac != nullptr && looks != 0 && page.rows.size() < max_rows; looks--) {
+    for (; mac != nullptr && looks != 0 && page.rows.size() < search.max_rows; looks--) {
         shadow_address(end.mac, mac->mac_addr);
         end.holds_row = true;
+        if (end.mac > search.last) {
+            return true;
+        }
         const l2fm_edm_mac_t *next = l2fm_edm_table_bp_mac_get_next(bp, mac);
         __builtin_prefetch(next);
         mac_row row = row_of(*mac);
         row.bridge_id = at.first;
-        if (passes(filter, row)) {
+        if (!search.judges_rows || may_pass(search, row)) {
             page.rows.push_back(row);
         }
         mac = next;
@@ -171,20 +227,18 @@ bool read_port(const row_filter &filter, const place &at, row_page &page, uint32
 
 // Reads rows from the port `at` on, in one hold of the table lock, until the page is full or looks_per_hold are used
 // up. Moves `at` with each port that ends. Returns false after the last port that passes the filter.
-bool read_ports(const row_filter &filter, place &at, row_page &page, uint32_t max_rows)
+bool read_ports(const row_search &search, place &at, row_page &page)
 {
     uint32_t looks = looks_per_hold;
     const table_hold hold;
-    while (looks != 0 && page.rows.size() < max_rows) {
-        if (!read_port(filter, at, page, max_rows, looks)) {
+    while (looks != 0 && page.rows.size() < search.max_rows) {
+        if (!read_port(search, at, page, looks)) {
             continue;
         }
         looks -= looks != 0 ? 1 : 0;
-        do {
-            if (!next_place(*page.objects, at) || ends_before(filter, at)) {
-                return false;
-            }
-        } while (!is_wanted(filter, at));
+        if (!step(at) || !find_wanted(*page.objects, search.filter, at)) {
+            return false;
+        }
         page.end = {at.first, at.second, {}, false};
     }
     return true;
@@ -360,39 +414,80 @@ mac_row row_of(const l2fm_edm_mac_t &entry)
     return row;
 }
 
+base::ip_address vtep_of(const mac_row &row)
+{
+    const bool has_ipv4 = (row.flags & EDM_MAC_VNI) != 0 && row.vtep != std::array<uint8_t, base::ipv4_bytes>{};
+    return has_ipv4 ? base::ip_of(row.vtep) : row.ipv6_vtep;
+}
+
 bool passes(const row_filter &filter, const mac_row &row)
 {
-    const bool is_behind = !filter.vtep || ((row.flags & EDM_MAC_VNI) != 0 && row.vtep == *filter.vtep);
-    return is_behind && (filter.flags == 0 || (row.flags & filter.flags) != 0)
-           && is_wanted(filter, {row.bridge_id, row.xcid});
+    return passes_place(filter, {row.bridge_id, row.xcid}) && filter.ages.holds(row.age)
+           && passes_values(filter, {row.mac, row.flags, row.vlan, row.vni, vtep_of(row)});
 }
+
+namespace {
+
+// Rows that a read gets at once if it judges them when they are complete, so that few that pass cost no more reads.
+constexpr uint32_t judged_at_once = 200;
+
+// Drops the rows of a page that do not pass. Cuts a page that has too many.
+void judge_page(const row_search &search, row_page &page, uint32_t max_rows)
+{
+    std::erase_if(page.rows, [&](const mac_row &row) { return !passes(search.filter, row); });
+    if (page.rows.size() > max_rows) {
+        page.rows.resize(max_rows);
+        const mac_row &last = page.rows.back();
+        page.end = {last.bridge_id, last.xcid, last.mac, true};
+        page.more = true;
+    }
+}
+
+// Reads a page of at most `max_rows` rows.
+row_page read_page(row_search search, const row_position &from, uint32_t max_rows)
+{
+    search.max_rows = search.judges_pages ? std::max(max_rows, judged_at_once) : max_rows;
+    row_page page;
+    page.end = from;
+    page.rows.reserve(search.max_rows);
+    with_feeder([&](feeder &feed) {
+        page.objects = feed.objects();
+        place at{from.bridge_id, from.xcid};
+        page.more = find_wanted(*page.objects, search.filter, at);
+        while (page.more && page.rows.size() < search.max_rows) {
+            page.more = read_ports(search, at, page);
+        }
+        if (search.asks_ages && is_begin(from)) {
+            feed.begin_ages();
+        }
+        if (search.asks_ages && feed.ages_silently()) {
+            refresh_page(feed, page);
+        }
+        if (search.completes) {
+            complete_rows(feed, page);
+        }
+    });
+    if (search.needs_ipv6 || search.shows_ipv6) {
+        add_ipv6_vteps(page);
+    }
+    if (search.judges_pages) {
+        judge_page(search, page, max_rows);
+    }
+    return page;
+}
+
+} // namespace
 
 row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows, const row_details &details)
 {
-    row_page page;
-    page.end = from;
-    page.rows.reserve(max_rows);
-    with_feeder([&](feeder &feed) {
-        page.objects = feed.objects();
-        place at;
-        bool follows = find_place(*page.objects, first_place(filter, from, *page.objects), at);
-        while (follows && !is_wanted(filter, at)) {
-            follows = next_place(*page.objects, at) && !ends_before(filter, at);
-        }
-        while (follows && page.rows.size() < max_rows) {
-            follows = read_ports(filter, at, page, max_rows);
-        }
-        page.more = follows;
-        if (is_begin(from)) {
-            feed.begin_ages();
-        }
-        if (feed.ages_silently()) {
-            refresh_page(feed, page);
-        }
-        complete_rows(feed, page);
-    });
+    row_page page = read_page(search_for(filter), from, max_rows);
     add_details(details, page);
     return page;
+}
+
+void add_ipv6_vteps(row_page &page)
+{
+    on_cache_thread([&page](const feeder &feed) { feed.add_ipv6_vteps(page.rows); });
 }
 
 // ---- One address ----
@@ -450,6 +545,7 @@ row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details
     on_cache_thread([&](feeder &feed) { keys = feed.places_of(mac, bridge_id); });
     if (mac == mac_address{}) {
         with_feeder([&](feeder &feed) { read_flood_lists(feed, bridge_id, page); });
+        add_ipv6_vteps(page);
         add_details(details, page);
         return page;
     }
@@ -462,6 +558,7 @@ row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details
         std::ranges::sort(page.rows, comes_first);
         complete_rows(feed, page);
     });
+    add_ipv6_vteps(page);
     add_details(details, page);
     return page;
 }
@@ -496,16 +593,16 @@ std::vector<fdb_key> unasked_keys(const std::vector<ordered_entry> &entries, std
 //      round 2        B 10:01   C 10:02   A 10:05; asks about C; nothing changes: B, C
 //
 // Each entry is asked about at most once, so the rounds end.
-std::vector<order_key> select_last_seen(const order_position &from, uint32_t max_rows)
+std::vector<order_key> select_last_seen(const order_terms &terms, const order_position &from, uint32_t max_rows)
 {
     std::vector<bool> was_asked;
     for (uint32_t ask = max_rows;; ask = std::min(max_asked, ask * ask_growth)) {
         std::vector<order_key> first;
         std::vector<fdb_key> keys;
         on_cache_thread([&](feeder &feed) {
-            first = feed.select(row_order::last_seen, from, std::max(ask, max_rows));
+            first = feed.select(terms, from, std::max(ask, max_rows));
             if (feed.ages_silently() && !first.empty()) {
-                keys = unasked_keys(feed.entries_at(row_order::last_seen, first, first.back(), from.began), was_asked);
+                keys = unasked_keys(feed.entries_at(terms, first, first.back()), was_asked);
             }
         });
         std::vector<fdb_answer> answers;
@@ -521,6 +618,90 @@ std::vector<order_key> select_last_seen(const order_position &from, uint32_t max
     }
 }
 
+// For a plane that ages silently: asks it when it has seen each entry that may pass the filter.
+void ask_all_sights(const row_filter &filter)
+{
+    constexpr size_t keys_at_once = 8 * query_batch; // the cache thread looks for them in one go
+    uint32_t slot = 0;
+    std::vector<fdb_key> keys;
+    with_feeder([](feeder &feed) { feed.begin_ages(); });
+    do {
+        keys.clear();
+        on_cache_thread([&](const feeder &feed) { keys = feed.ageing_keys(filter, slot, keys_at_once); });
+        std::vector<fdb_answer> answers;
+        with_feeder([&](feeder &feed) {
+            answers = answers_in_batches(std::span<const fdb_key>(keys),
+                                         [&feed](auto some, auto to) { feed.query_ages(some, to); });
+        });
+        on_cache_thread([&](feeder &feed) { feed.take_sights(keys, answers); });
+    } while (keys.size() == keys_at_once);
+}
+
+// ---- Ranks of ports ----
+
+uint16_t rank_of(const ranked_ports &ports, const std::string &name)
+{
+    const auto at = std::ranges::lower_bound(ports.names, name, base::comes_first) - ports.names.begin();
+    return static_cast<uint16_t>(std::min<ptrdiff_t>(at, last_rank - 1));
+}
+
+ranked_ports rank_ports(const object_views &objects)
+{
+    ranked_ports ranked;
+    for (const port_view &port : objects.ports) {
+        ranked.names.push_back(port.name);
+    }
+    std::ranges::sort(ranked.names, base::comes_first);
+    ranked.names.erase(std::unique(ranked.names.begin(), ranked.names.end()), ranked.names.end());
+    for (const port_view &port : objects.ports) {
+        ranked.ranks.push_back({port.xcid, rank_of(ranked, port.name)});
+    }
+    std::ranges::sort(ranked.ranks, {}, &port_rank::xcid);
+    return ranked;
+}
+
+// The name of the port in whose rows a place of the order by port is. Empty: the bridge domains' own entries.
+std::string port_at(const order_selection &selection, const order_key &key)
+{
+    const auto &names = selection.ports.names;
+    const uint64_t rank = (selection.wanted.is_reversed ? ~key.value : key.value) >> bits_behind_rank;
+    return rank < names.size() ? names[rank] : "";
+}
+
+// Gives a position that an earlier selection made the rank that its port's name has now. If no port has the name any
+// more, the position is between the names around it.
+void follow_rank(order_selection &selection)
+{
+    constexpr uint64_t address_mask = (uint64_t{1} << bits_behind_rank) - 1;
+    const bool is_reversed = selection.wanted.is_reversed;
+    order_position &at = selection.at;
+    const bool has_name =
+        at.port.empty() || std::ranges::binary_search(selection.ports.names, at.port, base::comes_first);
+    const uint64_t first = uint64_t{at.port.empty() ? last_rank : rank_of(selection.ports, at.port)}
+                           << bits_behind_rank;
+    if (has_name) {
+        const uint64_t address = (is_reversed ? ~at.value : at.value) & address_mask;
+        at.value = is_reversed ? ~(first | address) : first | address;
+        return;
+    }
+    at.slot = no_slot;
+    at.value = is_reversed ? ~first : first - 1;
+    at.holds_row = is_reversed || first != 0;
+}
+
+void rank_selection(order_selection &selection)
+{
+    std::shared_ptr<const object_views> objects;
+    with_feeder([&](const feeder &feed) { objects = feed.objects(); });
+    if (objects == nullptr) {
+        return;
+    }
+    selection.ports = rank_ports(*objects);
+    if (selection.at.holds_row) {
+        follow_rank(selection);
+    }
+}
+
 int64_t steady_ms()
 {
     using namespace std::chrono;
@@ -530,8 +711,7 @@ int64_t steady_ms()
 // Reads the rows of entries from the table, in their order. An entry that is not on its port gets no row, and its place
 // in the order is passed. So the cache thread calls this right after it found the entries, because it is also the
 // thread that moves them.
-void read_entries(feeder &feed, std::span<const ordered_entry> wanted, uint64_t began,
-                  row_page &page) L2FIB_REQUIRES_TABLE_LOCK
+void read_entries(feeder &feed, std::span<const ordered_entry> wanted, row_page &page) L2FIB_REQUIRES_TABLE_LOCK
 {
     std::array<const l2fm_edm_mac_t *, looks_at_once> found;
     for (size_t at = 0; at < wanted.size(); at++) {
@@ -541,18 +721,18 @@ void read_entries(feeder &feed, std::span<const ordered_entry> wanted, uint64_t 
         if (const l2fm_edm_mac_t *entry = found[at % looks_at_once]; entry != nullptr) {
             mac_row &row = page.rows.emplace_back(row_of(*entry));
             row.bridge_id = wanted[at].bridge_id;
-            row.place = {wanted[at].place.value, wanted[at].place.slot, true, began};
+            row.place = wanted[at].place;
             row.last_seen = wanted[at].ages ? feed.epoch_seconds(wanted[at].updated_ms) : row.last_seen;
         }
     }
 }
 
-void read_entries_in_holds(feeder &feed, std::span<const ordered_entry> wanted, uint64_t began, row_page &page)
+void read_entries_in_holds(feeder &feed, std::span<const ordered_entry> wanted, row_page &page)
 {
     page.rows.reserve(wanted.size());
     for (; !wanted.empty(); wanted = wanted.subspan(std::min<size_t>(looks_per_hold, wanted.size()))) {
         const table_hold hold;
-        read_entries(feed, wanted.first(std::min<size_t>(looks_per_hold, wanted.size())), began, page);
+        read_entries(feed, wanted.first(std::min<size_t>(looks_per_hold, wanted.size())), page);
     }
 }
 
@@ -575,22 +755,58 @@ bool keep_one_kind(std::vector<order_key> &keys, uint64_t began)
 
 } // namespace
 
-order_selection select_ahead(row_order order, const order_position &from, uint32_t max_rows)
+namespace {
+
+order_terms terms_of(const order_selection &selection)
 {
-    order_selection selection{.order = order, .at = from, .selected_ms = steady_ms()};
-    if (from.began == 0) {
-        on_cache_thread([&](feeder &feed) { selection.at.began = feed.order_now(order); });
+    return {selection.wanted, selection.at.began, selection.ports.ranks};
+}
+
+// On the cache thread.
+void begin_if_new(feeder &feed, order_selection &selection)
+{
+    if (selection.at.began == 0) {
+        selection.at.began = feed.begin_order(selection.wanted.order);
     }
-    if (order == row_order::last_seen) {
-        with_feeder(
-            [&](feeder &feed) { max_rows = feed.ages_silently() ? std::min(max_rows, max_asked_ahead) : max_rows; });
-        selection.keys = select_last_seen(selection.at, max_rows + 1);
-    } else {
-        on_cache_thread([&](feeder &feed) { selection.keys = feed.select(order, selection.at, max_rows + 1); });
+}
+
+// Selects up to `max_rows` keys and one more, which shows whether entries follow.
+std::vector<order_key> select_keys(order_selection &selection, uint32_t &max_rows)
+{
+    bool asks = false;
+    with_feeder(
+        [&](const feeder &feed) { asks = selection.wanted.order == row_order::last_seen && feed.ages_silently(); });
+    if (asks && !selection.wanted.is_reversed) {
+        on_cache_thread([&](feeder &feed) { begin_if_new(feed, selection); });
+        max_rows = std::min(max_rows, max_asked_ahead);
+        return select_last_seen(terms_of(selection), selection.at, max_rows + 1);
     }
+    if (asks) {
+        ask_all_sights(selection.wanted.filter);
+    }
+    if (selection.wanted.order == row_order::port) {
+        rank_selection(selection);
+    }
+    std::vector<order_key> keys;
+    on_cache_thread([&](feeder &feed) {
+        begin_if_new(feed, selection);
+        keys = feed.select(terms_of(selection), selection.at, max_rows + 1);
+    });
+    return keys;
+}
+
+} // namespace
+
+order_selection select_ahead(const order_request &wanted, const order_position &from, uint32_t max_rows)
+{
+    order_selection selection{.wanted = wanted, .at = from};
+    selection.keys = select_keys(selection, max_rows);
+    selection.selected_ms = steady_ms();
     selection.more = selection.keys.size() > max_rows;
     selection.keys.resize(std::min<size_t>(selection.keys.size(), max_rows));
-    selection.more |= keep_one_kind(selection.keys, selection.at.began);
+    if (is_timed(wanted.order)) {
+        selection.more |= keep_one_kind(selection.keys, selection.at.began);
+    }
     return selection;
 }
 
@@ -607,29 +823,50 @@ void seek(order_selection &selection, const order_position &to)
     selection.at = to;
 }
 
+order_position position_of(const order_selection &selection, const order_key &key)
+{
+    const bool is_by_port = selection.wanted.order == row_order::port;
+    return {key.value, key.slot, true, selection.at.began, is_by_port ? port_at(selection, key) : std::string()};
+}
+
+namespace {
+
+// Reads the rows of the keys, which are not empty. Rows that do not pass the filter are dropped.
+row_page read_keys(order_selection &selection, std::span<const order_key> keys, const order_key &last)
+{
+    const order_request &wanted = selection.wanted;
+    row_page page;
+    on_cache_thread([&](feeder &feed) {
+        read_entries_in_holds(feed, feed.entries_at(terms_of(selection), keys, last), page);
+    });
+    with_feeder([&](feeder &feed) {
+        page.objects = feed.objects();
+        selection.more |= page.rows.size() < keys.size(); // an entry may be behind the last key now
+        if (wanted.order != row_order::last_seen && feed.ages_silently()) {
+            refresh_rows(feed, page);
+        }
+        complete_rows(feed, page);
+    });
+    if (has_ipv6(wanted.filter)) {
+        add_ipv6_vteps(page);
+    }
+    return page;
+}
+
+} // namespace
+
 ordered_page read_selection(order_selection &selection, uint32_t max_rows, const row_details &details)
 {
-    const uint64_t began = selection.at.began;
     const auto keys = std::span<const order_key>(selection.keys).subspan(selection.next);
     const auto wanted = keys.first(std::min<size_t>(max_rows, keys.size()));
     ordered_page ordered;
-    if (!wanted.empty()) {
-        const order_key last = keys.back();
-        on_cache_thread([&](feeder &feed) {
-            read_entries_in_holds(feed, feed.entries_at(selection.order, wanted, last, began), began, ordered.page);
-        });
-    }
-    with_feeder([&](feeder &feed) {
-        ordered.page.objects = feed.objects();
-        selection.more |= ordered.page.rows.size() < wanted.size(); // an entry may be behind the last key now
-        if (selection.order == row_order::created && feed.ages_silently()) {
-            refresh_rows(feed, ordered.page);
-        }
-        complete_rows(feed, ordered.page);
-    });
-    add_details(details, ordered.page);
-    if (!wanted.empty()) {
-        selection.at = {wanted.back().value, wanted.back().slot, true, began};
+    if (wanted.empty()) {
+        with_feeder([&](const feeder &feed) { ordered.page.objects = feed.objects(); });
+    } else {
+        ordered.page = read_keys(selection, wanted, keys.back());
+        selection.at = position_of(selection, wanted.back());
+        std::erase_if(ordered.page.rows, [&](const mac_row &row) { return !passes(selection.wanted.filter, row); });
+        add_details(details, ordered.page);
     }
     selection.next += wanted.size();
     ordered.page.more = selection.next < selection.keys.size() || selection.more;
@@ -676,6 +913,48 @@ std::optional<entry_counts> count_port(uint32_t xcid)
         }
     });
     return counts;
+}
+
+namespace {
+
+// Rows that one round of count_rows reads.
+constexpr uint32_t counted_at_once = 1'000;
+
+group_key key_of(const mac_row &row, count_group by)
+{
+    switch (by) {
+    case count_group::domain: return {.place = {row.bridge_id, 0}};
+    case count_group::port: return {.place = {row.bridge_id, row.xcid}};
+    case count_group::vlan: return {.vlan = row.vlan};
+    case count_group::vtep: return {.vtep = vtep_of(row)};
+    default: return {.type = origin_of(row.flags)};
+    }
+}
+
+} // namespace
+
+group_counts count_rows(const row_filter &filter, count_group by)
+{
+    row_search search = search_for(filter);
+    search.shows_ipv6 = by == count_group::vtep;
+    search.asks_ages = filter.ages != age_range();
+    search.completes = search.judges_pages || search.shows_ipv6;
+    std::map<group_key, group_count> groups;
+    row_page page;
+    do {
+        page = read_page(search, page.end, counted_at_once);
+        for (const mac_row &row : page.rows) {
+            group_count &group = groups[key_of(row, by)];
+            group.entries++;
+            group.by_origin[static_cast<size_t>(origin_of(row.flags))]++;
+        }
+    } while (page.more);
+    group_counts counted{.objects = page.objects};
+    for (auto &[key, group] : groups) {
+        group.key = key;
+        counted.groups.push_back(group);
+    }
+    return counted;
 }
 
 // ---- Tunnel end points ----
