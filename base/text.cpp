@@ -23,6 +23,7 @@ constexpr size_t byte_digits = 2; // hexadecimal digits of a byte
 constexpr size_t word_digits = 4; // hexadecimal digits between the dots of aabb.ccdd.eeff
 constexpr unsigned year_digits = 4;
 constexpr unsigned field_digits = 2; // of the other parts of a time
+constexpr unsigned millisecond_digits = 3;
 
 uint8_t byte_at(std::string_view text, size_t at)
 {
@@ -211,6 +212,74 @@ std::optional<std::array<uint8_t, mac_bytes>> parse_mac(std::string_view text)
     return address;
 }
 
+uint64_t number_of_mac(const std::array<uint8_t, mac_bytes> &address)
+{
+    uint64_t number = 0;
+    for (const uint8_t byte : address) {
+        number = number << byte_bits | byte;
+    }
+    return number;
+}
+
+std::array<uint8_t, mac_bytes> mac_of_number(uint64_t number)
+{
+    std::array<uint8_t, mac_bytes> address;
+    for (size_t at = mac_bytes; at-- > 0; number >>= byte_bits) {
+        address[at] = static_cast<uint8_t>(number);
+    }
+    return address;
+}
+
+namespace {
+
+// The digits of a prefix whose groups have `group_digits` digits each; the last group may have fewer.
+std::optional<std::string> digits_of_groups(std::string_view text, char separator, size_t group_digits)
+{
+    std::string digits;
+    const auto groups = split(text, separator);
+    for (size_t at = 0; at < groups.size(); at++) {
+        const bool is_whole = groups[at].size() == group_digits;
+        const bool may_be_part = at + 1 == groups.size() && !groups[at].empty() && groups[at].size() < group_digits;
+        if (!is_whole && !may_be_part) {
+            return std::nullopt;
+        }
+        digits += groups[at];
+    }
+    return digits;
+}
+
+// The digits of a prefix of octets with one or two digits each.
+std::optional<std::string> digits_of_octets(std::string_view text, char separator)
+{
+    std::string digits;
+    for (const std::string_view octet : split(text, separator)) {
+        if (octet.empty() || octet.size() > byte_digits) {
+            return std::nullopt;
+        }
+        digits.append(byte_digits - octet.size(), '0').append(octet);
+    }
+    return digits;
+}
+
+} // namespace
+
+std::optional<mac_range> parse_mac_prefix(std::string_view text)
+{
+    constexpr size_t digit_bits = 4, all_digits = mac_bytes * byte_digits;
+    const size_t separator = text.find_first_of(":-.");
+    const auto digits = separator == std::string_view::npos ? digits_of_groups(text, '.', all_digits)
+                        : text[separator] == '.'            ? digits_of_groups(text, '.', word_digits)
+                                                            : digits_of_octets(text, text[separator]);
+    const auto number =
+        digits && digits->size() <= all_digits ? parse_number(*digits, UINT64_MAX, hexadecimal) : std::nullopt;
+    if (!number) {
+        return std::nullopt;
+    }
+    const size_t free_bits = digit_bits * (all_digits - digits->size());
+    const uint64_t first = *number << free_bits;
+    return mac_range{first, first | ((uint64_t{1} << free_bits) - 1)};
+}
+
 char *write_ipv4_text(char *text, std::span<const uint8_t, ipv4_bytes> address)
 {
     char *const limit = text + max_ipv4_text;
@@ -240,6 +309,54 @@ std::optional<std::array<uint8_t, ipv4_bytes>> parse_ipv4(const std::string &tex
     return inet_pton(AF_INET, text.c_str(), address.data()) == 1 ? std::optional(address) : std::nullopt;
 }
 
+namespace {
+
+struct duration_unit {
+    char letter;
+    uint32_t seconds;
+};
+
+constexpr duration_unit duration_units[] = {{'s', 1}, {'m', 60}, {'h', 3'600}, {'d', 86'400}};
+
+constexpr std::array<uint8_t, ipv6_bytes - ipv4_bytes> mapped_prefix = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
+
+} // namespace
+
+ip_address ip_of(std::span<const uint8_t, ipv4_bytes> ipv4)
+{
+    ip_address address;
+    std::ranges::copy(ipv4, std::ranges::copy(mapped_prefix, address.begin()).out);
+    return address;
+}
+
+bool is_ipv4(const ip_address &address)
+{
+    return std::ranges::equal(std::span(address).first(mapped_prefix.size()), mapped_prefix);
+}
+
+std::optional<ip_address> parse_ip(const std::string &text)
+{
+    if (const auto ipv4 = parse_ipv4(text)) {
+        return ip_of(*ipv4);
+    }
+    ip_address address{};
+    return inet_pton(AF_INET6, text.c_str(), address.data()) == 1 ? std::optional(address) : std::nullopt;
+}
+
+std::optional<uint32_t> parse_duration(std::string_view text)
+{
+    uint32_t seconds = 1;
+    for (const duration_unit &unit : duration_units) {
+        if (text.ends_with(unit.letter)) {
+            seconds = unit.seconds;
+            text.remove_suffix(1);
+            break;
+        }
+    }
+    const auto number = parse_number(text, UINT32_MAX / seconds);
+    return number ? std::optional(static_cast<uint32_t>(*number * seconds)) : std::nullopt;
+}
+
 // A million rows show a time each, and the C library's formatter takes twenty times as long.
 char *write_utc_text(char *text, int64_t seconds)
 {
@@ -254,6 +371,19 @@ char *write_utc_text(char *text, int64_t seconds)
     end = write_field(end, 'T', static_cast<unsigned>(clock.hours().count()));
     end = write_field(end, ':', static_cast<unsigned>(clock.minutes().count()));
     end = write_field(end, ':', static_cast<unsigned>(clock.seconds().count()));
+    *end++ = 'Z';
+    return end;
+}
+
+char *write_utc_ms_text(char *text, int64_t milliseconds)
+{
+    using namespace std::chrono;
+    const auto whole = floor<seconds>(std::chrono::milliseconds(milliseconds));
+    char *end = write_utc_text(text, whole.count());
+    end[-1] = '.'; // in the place of the Z
+    end =
+        write_digits(end, static_cast<unsigned>(milliseconds - duration_cast<std::chrono::milliseconds>(whole).count()),
+                     millisecond_digits);
     *end++ = 'Z';
     return end;
 }

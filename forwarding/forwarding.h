@@ -63,6 +63,11 @@ struct options {
     // did not report. 0: none.
     uint32_t proof_rate = 256;
 
+    // How many events, and how many moves and departures, are kept (feeder/answers/history.h). At least 1 event; no
+    // move is kept if `move_limit` is 0.
+    uint32_t event_limit = 65'536;
+    uint32_t move_limit = 100'000;
+
     // Takes log messages for the operator. The cache thread calls it, so it must not block. Null: messages are dropped.
     reporter report = nullptr;
 
@@ -163,6 +168,14 @@ struct proof_view {
     int64_t last = 0;            // when a full dump last proved the shadow table, in seconds since the epoch; 0: never
 };
 
+// What is kept of the events, and of the moves and departures.
+struct history_view {
+    uint64_t events_kept = 0;
+    uint64_t events = 0; // since the start
+    uint64_t moves_kept = 0;
+    uint64_t bytes = 0; // that all of it takes, names excluded
+};
+
 struct counted_reason {
     const char *reason; // a string literal, such as "VXLAN device without a bridge"
     uint64_t count;
@@ -197,6 +210,7 @@ struct health_view {
     id_view port_ids;
     std::vector<limited_view> limited; // the first 100 ports that lost an entry so
     proof_view proof;
+    history_view history;
 
     std::vector<counted_reason> unmapped; // entries that are not fed now, by reason; reasons without any are left out
     std::vector<counted_reason> refused;  // failures since the start, by reason; reasons without any are left out

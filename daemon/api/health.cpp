@@ -231,6 +231,8 @@ void write_requests(json_writer &json, const server_health &server)
     json.member64("refused", server.refused_requests);
     json.member("connections", server.open_connections);
     json.member64("connections-refused", server.refused_connections);
+    json.member("watchers", server.watchers);
+    json.member64("watchers-refused", server.refused_watchers);
     write_lists(json);
     json.end_object();
 }

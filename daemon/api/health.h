@@ -19,6 +19,8 @@ struct server_health {
     uint64_t refused_requests = 0;
     uint32_t open_connections = 0; // with refused ones that are still open
     uint64_t refused_connections = 0;
+    uint32_t watchers = 0; // event streams that are open
+    uint64_t refused_watchers = 0;
     uint64_t dropped_log_lines = 0;
 };
 

@@ -13,6 +13,10 @@
 #include <nlohmann/json.hpp>
 
 #include "base/text.h"
+#include "daemon/api/filters.h"
+#include "daemon/api/history/event_stream.h"
+#include "daemon/api/history/history_filter.h"
+#include "daemon/api/history/history_sources.h"
 #include "daemon/api/json/records.h"
 #include "daemon/api/lists/sources.h"
 #include "daemon/http/target.h"
@@ -28,11 +32,13 @@ constexpr uint64_t max_limit = 1'000'000;
 
 constexpr std::string_view operation_method = "POST";
 
+constexpr std::optional<uint32_t> default_flap_window_seconds = 300;
+
 // ---- Keys and parameters ----
 
 struct call {
     const target &to;
-    std::string_view body;
+    const request &sent;
     const api_context &context;
 
     // The key of the last path element that has one.
@@ -47,16 +53,6 @@ struct call {
         return found != to.parameters.end() ? &found->value : nullptr;
     }
 };
-
-api_error no_domain(const std::string &name)
-{
-    return not_found("domain \"" + name + "\": there is no such bridge domain; l2fib-mac:domains/domain lists them");
-}
-
-api_error no_port(const std::string &xcid)
-{
-    return not_found("port \"" + xcid + "\": there is no such bridge port; l2fib-mac:ports/port lists them");
-}
 
 // A copy of the object whose Member is `value`. Empty if there is none.
 template <auto Views, auto Member, typename Value>
@@ -153,24 +149,10 @@ bool is_flagged(const call &asked)
 constexpr uint16_t flagged_in_domain = EDM_MAC_ON_DUMMY_PORT;
 constexpr uint16_t flagged_on_port = EDM_MAC_ON_DUMMY_PORT | EDM_MAC_4000 | EDM_MAC_LOCKED;
 
-std::optional<std::array<uint8_t, base::ipv4_bytes>> vtep_of(const call &asked)
-{
-    const std::string *text = asked.parameter("vtep");
-    if (text == nullptr) {
-        return std::nullopt;
-    }
-    const auto address = base::parse_ipv4(*text);
-    if (!address) {
-        throw unexpected("vtep", *text, "an IPv4 address as 192.0.2.1");
-    }
-    return address;
-}
-
 // The MAC entries of a domain, or of the table if the filter has no domain. Only the beginning of a list brings the
 // table up to date: a cursor continues the same list.
 answer list_entries(const call &asked, forwarding::row_filter filter, void (*update)(const call &asked))
 {
-    filter.vtep = vtep_of(asked);
     filter.flags = is_flagged(asked) ? flagged_in_domain : uint16_t{0};
     const std::optional<std::string> start = start_of(asked);
     const std::string *text = asked.parameter("mac");
@@ -183,28 +165,36 @@ answer list_entries(const call &asked, forwarding::row_filter filter, void (*upd
                   limit);
 }
 
+// The filters of a list of entries.
+forwarding::row_filter filter_of(const call &asked)
+{
+    return resolve(parse_filters(asked.to, filters_of_entries));
+}
+
 answer list_table(const call &asked)
 {
-    return list_entries(asked, {}, [](const call &of) { of.context.resyncs.resync_all(); });
+    return list_entries(asked, filter_of(asked), [](const call &of) { of.context.resyncs.resync_all(); });
 }
 
 answer list_domain_entries(const call &asked)
 {
-    return list_entries(asked, {.bridge_id = domain_of(asked.key()).bridge_id},
-                        [](const call &of) { of.context.resyncs.resync_domain(of.key()); });
+    forwarding::row_filter filter = filter_of(asked);
+    filter.domains.keep_only({domain_of(asked.key()).bridge_id});
+    return list_entries(asked, std::move(filter), [](const call &of) { of.context.resyncs.resync_domain(of.key()); });
 }
 
 answer list_port_entries(const call &asked)
 {
     const forwarding::port_view port = port_of(asked.key());
+    forwarding::row_filter filter = filter_of(asked);
+    filter.ports.keep_only({forwarding::key_of(port)});
+    filter.flags = is_flagged(asked) ? flagged_on_port : uint16_t{0};
     const std::optional<std::string> start = start_of(asked);
-    const uint16_t flags = is_flagged(asked) ? flagged_on_port : uint16_t{0};
     const uint64_t limit = limit_of(asked);
     if (!start) {
         asked.context.resyncs.resync_port(port.xcid, port.domain);
     }
-    return stream(asked, "mac-entry",
-                  make_table_source({.bridge_id = port.bridge_id, .xcid = port.xcid, .flags = flags}, start), limit);
+    return stream(asked, "mac-entry", make_table_source(filter, start), limit);
 }
 
 struct order_name {
@@ -266,6 +256,57 @@ answer list_tunnel_entries(const call &asked)
 answer list_traces(const call &asked)
 {
     return stream(asked, "trace", make_trace_source(start_of(asked)));
+}
+
+// ---- What has happened ----
+
+// The filters of events or moves. The parameter `mac` leaves one address of those that the filters let pass.
+filters history_filters(const call &asked, unsigned kinds)
+{
+    filters given = parse_filters(asked.to, kinds);
+    if (const std::string *text = asked.parameter("mac"); text != nullptr) {
+        const uint64_t address = base::number_of_mac(mac_of("mac", *text));
+        if (!given.rest.addresses.holds(address)) {
+            throw unexpected("mac", *text, "an address that the mac-prefix lets pass");
+        }
+        given.rest.addresses = {address, address};
+    }
+    if (has_ipv6(given.rest)) {
+        throw invalid("vtep: expected an IPv4 address, because the history has no other tunnel end points");
+    }
+    return given;
+}
+
+answer list_moves(const call &asked)
+{
+    return stream(asked, "move", make_move_source(history_filters(asked, filters_of_moves), start_of(asked)));
+}
+
+answer list_flaps(const call &asked)
+{
+    const std::string *text = asked.parameter("window");
+    const auto window = text != nullptr ? base::parse_duration(*text) : default_flap_window_seconds;
+    if (!window || *window == 0) {
+        throw unexpected("window", *text, "a time of at least a second as 90 or 90s, 15m, 2h or 1d");
+    }
+    return stream(asked, "flap", make_flap_source(history_filters(asked, filters_of_flaps), *window, start_of(asked)));
+}
+
+// A name that no bridge domain or port has is an error when a stream begins. When it continues, the object may have
+// gone since.
+answer watch_events(const call &asked)
+{
+    filters given = history_filters(asked, filters_of_events);
+    if (asked.sent.last_event_id == nullptr) {
+        resolve(given);
+    }
+    auto events = std::make_unique<event_stream>(asked.sent.last_event_id, std::move(given), asked.context.resyncs,
+                                                 asked.sent.has_client_left);
+    answer result{.is_stream = true};
+    events->write_next(result.body);
+    result.worth = forwarding::completeness_watch().worst();
+    result.rest = std::move(events);
+    return result;
 }
 
 // ---- Single resources ----
@@ -455,7 +496,7 @@ void resync_scope(const resync_request &wanted, resync_requester &resyncs)
 
 answer resync(const call &asked)
 {
-    const resync_request wanted = read_input(asked.body);
+    const resync_request wanted = read_input(asked.sent.body);
     const uint64_t max_wait = forwarding::wait_seconds();
     const uint64_t wait = wanted.wait.is_null() ? max_wait : std::min(max_wait, wanted.wait.get<uint64_t>());
     resync_scope(wanted, asked.context.resyncs);
@@ -473,8 +514,9 @@ enum parameter_group : uint8_t {
     none = 0,
     paging = 1, // limit and cursor
     flagged = 2,
-    filters = 4, // mac and vtep
+    address = 4, // mac
     sorting = 8,
+    window = 16,
 };
 
 struct parameter_kind {
@@ -483,41 +525,47 @@ struct parameter_kind {
 };
 
 constexpr parameter_kind parameter_kinds[] = {
-    {"limit", paging}, {"cursor", paging}, {"flagged", flagged}, {"mac", filters}, {"vtep", filters}, {"sort", sorting},
+    {"limit", paging}, {"cursor", paging}, {"flagged", flagged},
+    {"mac", address},  {"sort", sorting},  {"window", window},
 };
 
 struct resource {
-    std::string_view pattern; // behind "/restconf/"; '*' stands for a key
+    std::string_view pattern; // behind "/restconf/", or the whole path; '*' stands for a key
     answer (*serve)(const call &asked);
     unsigned parameters = none; // parameter_group bits
+    unsigned filters = 0;       // filter_kind bits
     bool is_operation = false;
 };
 
 constexpr resource resources[] = {
-    {"data/l2fib-mac:mac-table/mac-entry", list_table, paging | flagged | filters},
+    {"data/l2fib-mac:mac-table/mac-entry", list_table, paging | flagged | address, filters_of_entries},
     {"data/l2fib-mac:mac-aging/mac-entry", list_by_age, paging | sorting},
     {"data/l2fib-mac:domains/domain", list_domains, paging},
     {"data/l2fib-mac:domains/domain=*", get_domain},
-    {"data/l2fib-mac:domains/domain=*/mac-entry", list_domain_entries, paging | flagged | filters},
+    {"data/l2fib-mac:domains/domain=*/mac-entry", list_domain_entries, paging | flagged | address, filters_of_entries},
     {"data/l2fib-mac:domains/domain=*/mac-entry=*", get_entry},
     {"data/l2fib-mac:domains/domain=*/mac-count", count_domain},
     {"data/l2fib-mac:ports/port", list_ports, paging},
     {"data/l2fib-mac:ports/port=*", get_port},
-    {"data/l2fib-mac:ports/port=*/mac-entry", list_port_entries, paging | flagged},
+    {"data/l2fib-mac:ports/port=*/mac-entry", list_port_entries, paging | flagged, filters_of_entries},
     {"data/l2fib-mac:ports/port=*/mac-count", count_port},
     {"data/l2fib-mac:mac-count", count_all},
     {"data/l2fib-mac:vteps/vtep", list_vteps, paging},
     {"data/l2fib-mac:tunnel-entries/tunnel-entry", list_tunnel_entries, paging},
+    {"data/l2fib-mac:moves/move", list_moves, paging | address, filters_of_moves},
+    {"data/l2fib-mac:flaps/flap", list_flaps, paging | address | window, filters_of_flaps},
     {"data/l2fib-mac:health", get_health},
     {"data/l2fib-mac:traces/trace", list_traces, paging},
-    {"operations/l2fib-mac:resync", resync, none, true},
+    {"operations/l2fib-mac:resync", resync, none, 0, true},
+    {events_path, watch_events, address, filters_of_events},
 };
 
 const resource &find_resource(const target &to)
 {
     const std::string shape = shape_of(to);
     for (const resource &candidate : resources) {
-        if (shape == std::string("restconf/").append(candidate.pattern)) {
+        const std::string_view root = candidate.pattern.starts_with('/') ? "" : "/restconf/";
+        if ("/" + shape == std::string(root).append(candidate.pattern)) {
             return candidate;
         }
     }
@@ -544,18 +592,26 @@ std::string names_of_parameters(const resource &found)
             names += (names.empty() ? "" : ", ") + std::string(kind.name);
         }
     }
+    for (const std::string &name : names_of_filters(found.filters)) {
+        names += ", " + name + ", not-" + name;
+    }
     return names.empty() ? "none" : "one of " + names;
 }
 
-// Throws unless each parameter is one of the resource and is given once.
+bool has_parameter(const resource &of, std::string_view name)
+{
+    const auto *kind = std::ranges::find(parameter_kinds, name, &parameter_kind::name);
+    return (kind != std::end(parameter_kinds) && (of.parameters & kind->group) != 0) || is_filter(name, of.filters);
+}
+
+// Throws unless each parameter is one of the resource and is given once, or may repeat.
 void check_parameters(const resource &found, const target &to)
 {
     for (const target::parameter &given : to.parameters) {
-        const auto *kind = std::ranges::find(parameter_kinds, given.name, &parameter_kind::name);
-        if (kind == std::end(parameter_kinds) || (found.parameters & kind->group) == 0) {
+        if (!has_parameter(found, given.name)) {
             throw invalid("parameter \"" + given.name + "\": expected " + names_of_parameters(found));
         }
-        if (std::ranges::count(to.parameters, given.name, &target::parameter::name) > 1) {
+        if (!may_repeat(given.name) && std::ranges::count(to.parameters, given.name, &target::parameter::name) > 1) {
             throw invalid("parameter \"" + given.name + "\": expected once, given more than once");
         }
     }
@@ -568,13 +624,18 @@ bool is_read_method(std::string_view method)
     return method == "GET" || method == "HEAD";
 }
 
+bool is_stream_request(std::string_view uri)
+{
+    return uri.substr(0, uri.find('?')) == events_path;
+}
+
 answer answer_request(const request &asked, const api_context &context)
 {
     const target to = parse_target(asked.uri);
     const resource &found = find_resource(to);
     check_method(found, asked.method);
     check_parameters(found, to);
-    return found.serve({to, asked.body, context});
+    return found.serve({to, asked, context});
 }
 
 } // namespace l2fibd

@@ -17,6 +17,7 @@
 #include <utility>
 
 #include <microhttpd.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include "base/text.h"
@@ -26,6 +27,7 @@
 #include "daemon/http/request_deadlines.h"
 #include "daemon/http/response.h"
 #include "daemon/log.h"
+#include "forwarding/feeder/answers/history.h"
 
 namespace l2fibd {
 
@@ -35,6 +37,7 @@ struct server_state {
     fair_places connections{"connections open"};
     refused_connections refused{max_refused_connections};
     fair_places requests{"requests under way"};
+    fair_places watchers{"event streams open"};
     std::atomic<uint32_t> open_connections{0};
     std::atomic<uint32_t> active_requests{0};
     resync_requester resyncs;
@@ -47,6 +50,8 @@ struct server_state {
                 .refused_requests = requests.refused(),
                 .open_connections = open_connections.load(),
                 .refused_connections = connections.refused(),
+                .watchers = watchers.taken(),
+                .refused_watchers = watchers.refused(),
                 .dropped_log_lines = log_lines_dropped()};
     }
 };
@@ -56,8 +61,10 @@ namespace {
 // A body beyond max_body_bytes is read and dropped up to here, so that the client gets its answer.
 constexpr size_t max_dropped_bytes = 64 * max_body_bytes;
 
-constexpr const char *content_type = "application/yang-data+json";
+constexpr const char *json_type = "application/yang-data+json";
+constexpr const char *stream_type = "text/event-stream";
 constexpr const char *completeness_header = "L2fib-Completeness";
+constexpr const char *last_event_id_header = "Last-Event-ID";
 
 // ---- Requests and connections ----
 
@@ -71,6 +78,7 @@ struct exchange {
     bool has_begun = false;
     bool is_active = false;
     place taken = place::none;
+    place watching = place::none;
 
     exchange(server_state &of, uid_t sender, const char *requested)
         : server(of)
@@ -80,6 +88,7 @@ struct exchange {
     ~exchange()
     {
         server.requests.give_back(user, taken);
+        server.watchers.give_back(user, watching);
         server.active_requests -= is_active ? 1 : 0;
     }
     exchange(const exchange &) = delete;
@@ -93,6 +102,7 @@ struct client {
     const int socket;
     const uid_t user;
     const admission admitted; // without a place: the connection is refused
+    bool is_counted = true;   // among the connections. An event stream is not
     std::unique_ptr<exchange> current = nullptr;
 
     client(server_state &of, int connected, uid_t peer)
@@ -103,15 +113,21 @@ struct client {
     {
         server.open_connections++;
     }
-    ~client()
-    {
-        server.connections.give_back(user, admitted.taken);
-        server.open_connections--;
-    }
+    ~client() { stop_counting(); }
     client(const client &) = delete;
     client &operator=(const client &) = delete;
 
     bool is_refused() const { return admitted.taken == place::none; }
+    bool is_last_request() const { return is_refused() || !is_counted; }
+
+    // Gives back the connection's place. The connection ends with the answer that is under way.
+    void stop_counting()
+    {
+        if (std::exchange(is_counted, false)) {
+            server.connections.give_back(user, admitted.taken);
+            server.open_connections--;
+        }
+    }
     std::chrono::seconds time_to_send() const { return is_refused() ? max_refused_time : max_send_time; }
 };
 
@@ -127,6 +143,7 @@ client *client_of(MHD_Connection *connection)
 MHD_Result send(MHD_Connection *connection, answer &&from, const std::string &allow)
 {
     const http_status status = from.status;
+    const char *const content_type = from.is_stream ? stream_type : json_type;
     const char *const worth = forwarding::text_of(from.worth);
     const response_ptr response = make_response(std::move(from));
     if (response == nullptr) {
@@ -137,7 +154,7 @@ MHD_Result send(MHD_Connection *connection, answer &&from, const std::string &al
     }
     MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CACHE_CONTROL, "no-cache");
     MHD_add_response_header(response.get(), completeness_header, worth);
-    if (const client *to = client_of(connection); to != nullptr && to->is_refused()) {
+    if (const client *to = client_of(connection); to != nullptr && to->is_last_request()) {
         MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONNECTION, "close");
     }
     if (!allow.empty()) {
@@ -152,20 +169,47 @@ MHD_Result send_error(MHD_Connection *connection, const api_error &error)
                 error.allow);
 }
 
-// Takes one of the places for requests until the exchange ends. Health needs no place: it is short, and it shows why
-// other requests are refused.
-void admit_request(const client &from, const char *method, exchange &of)
+void take_place(const client &from, fair_places &places, place &taken)
 {
-    of.is_active = true;
-    of.server.active_requests++;
-    if (of.uri == health_path && is_read_method(method)) {
-        return;
-    }
-    const admission admitted = from.is_refused() ? from.admitted : of.server.requests.take(of.user);
-    of.taken = admitted.taken;
-    if (of.taken == place::none) {
+    const admission admitted = from.is_refused() ? from.admitted : places.take(from.user);
+    taken = admitted.taken;
+    if (taken == place::none) {
         throw api_error{http_status::unavailable, error_tag::resource_denied, admitted.refusal};
     }
+}
+
+// Takes one of the places for requests, or for event streams, until the exchange ends. Health needs no place: it is
+// short, and it shows why other requests are refused.
+void admit_request(const client &from, const char *method, exchange &of)
+{
+    if (is_stream_request(of.uri)) {
+        take_place(from, of.server.watchers, of.watching);
+        return;
+    }
+    of.is_active = true;
+    of.server.active_requests++;
+    if (of.uri != health_path || !is_read_method(method)) {
+        take_place(from, of.server.requests, of.taken);
+    }
+}
+
+// Whether the client closed its connection. A client that only stopped sending still reads.
+bool has_hung_up(int socket)
+{
+    pollfd client = {socket, 0, 0};
+    return poll(&client, 1, 0) == 1;
+}
+
+answer answer_exchange(MHD_Connection *connection, const char *method, const exchange &of)
+{
+    const int socket = client_of(connection)->socket;
+    return answer_request(
+        {.method = method,
+         .uri = of.uri,
+         .body = of.body,
+         .last_event_id = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, last_event_id_header),
+         .has_client_left = [socket] { return has_hung_up(socket); }},
+        of.server.context);
 }
 
 MHD_Result serve(MHD_Connection *connection, const char *method, exchange &of)
@@ -174,8 +218,13 @@ MHD_Result serve(MHD_Connection *connection, const char *method, exchange &of)
         log(level, std::string(method) + " " + of.uri + ": " + text);
     };
     try {
-        admit_request(*client_of(connection), method, of);
-        return send(connection, answer_request({method, of.uri, of.body}, of.server.context), {});
+        client &from = *client_of(connection);
+        admit_request(from, method, of);
+        answer found = answer_exchange(connection, method, of);
+        if (found.is_stream) {
+            from.stop_counting();
+        }
+        return send(connection, std::move(found), {});
     } catch (const api_error &error) {
         log_failure(log_level::debug, error.what());
         return send_error(connection, error);
@@ -324,13 +373,20 @@ size_t keep_encoded(void * /*context*/, MHD_Connection * /*connection*/, char *t
 
 // ---- Start and end ----
 
+void set_size(fair_places &places, uint32_t count)
+{
+    places.set_size(count - count / reserve_divisor, count / reserve_divisor);
+}
+
 // Divides the descriptors that the limit of open files leaves. Returns the library's limit of connections, which counts
 // refused ones and those that are being closed.
 uint32_t set_places(server_state &server)
 {
-    const uint32_t places = free_descriptors(own_descriptors + max_connections) - own_descriptors;
-    server.connections.set_size(places - places / reserve_divisor, places / reserve_divisor);
-    server.requests.set_size(max_requests - max_requests / reserve_divisor, max_requests / reserve_divisor);
+    const uint32_t places = free_descriptors(own_descriptors + max_connections + max_watchers) - own_descriptors;
+    const uint32_t connections = std::clamp(places - places / 2, min_places, max_connections);
+    set_size(server.connections, connections);
+    set_size(server.watchers, places - connections);
+    set_size(server.requests, max_requests);
     return places + max_refused_connections + max_closing_connections;
 }
 
@@ -355,13 +411,15 @@ MHD_Daemon *start_library(server_state &server, int listener, uint32_t resync_wa
                             MHD_OPTION_END);
 }
 
-// After give_up() each list writes the reason as its last page. Waits until those pages are sent, at most a second.
+// After give_up() each list writes the reason as its last page, and each event stream its end. Waits until these are
+// sent, at most a second. A stream may have begun to wait for an event just before, so it is woken more than once.
 void wait_for_last_pages(const server_state &server)
 {
     constexpr auto max_wait = std::chrono::seconds(1);
     constexpr auto poll_interval = std::chrono::milliseconds(10);
     const auto end = std::chrono::steady_clock::now() + max_wait;
-    while (server.active_requests != 0 && std::chrono::steady_clock::now() < end) {
+    while ((server.active_requests != 0 || server.watchers.taken() != 0) && std::chrono::steady_clock::now() < end) {
+        forwarding::wake_event_readers();
         std::this_thread::sleep_for(poll_interval);
     }
 }

@@ -93,6 +93,16 @@ inline api_error unexpected(const std::string &subject, const std::string &value
     return invalid(subject + " \"" + value + "\": expected " + expected);
 }
 
+inline api_error no_domain(const std::string &name)
+{
+    return not_found("domain \"" + name + "\": there is no such bridge domain; l2fib-mac:domains/domain lists them");
+}
+
+inline api_error no_port(const std::string &port)
+{
+    return not_found("port \"" + port + "\": there is no such bridge port; l2fib-mac:ports/port lists them");
+}
+
 // The body of an error's answer.
 std::string error_body(const api_error &error);
 

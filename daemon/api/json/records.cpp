@@ -19,18 +19,6 @@ namespace {
 constexpr uint64_t ns_per_second = 1'000'000'000;
 constexpr uint64_t ns_per_microsecond = 1'000;
 
-void write_if_set(json_writer &json, std::string_view name, uint32_t number)
-{
-    if (number != 0) {
-        json.member(name, number);
-    }
-}
-
-void write_mac(json_writer &json, std::string_view name, const forwarding::mac_address &mac)
-{
-    json.formatted_member(name, [&](char *at) { return base::write_mac_text(at, mac); });
-}
-
 // ---- Flags ----
 
 // The API's names for the bits of `flags` and of `ext_flags`.
@@ -50,20 +38,6 @@ constexpr flag_name flag_names[] = {
     {EDM_MAC_4000, 0, "flag-4000"},        {EDM_MAC_LOCKED, 0, "locked"},
     {0, EDM_MAC_EXT_INACTIVE, "inactive"},
 };
-
-void write_flags(json_writer &json, const forwarding::mac_row &row)
-{
-    json.member("origin", (row.flags & EDM_MAC_LOCAL) != 0    ? "local"
-                          : (row.flags & EDM_MAC_STATIC) != 0 ? "static"
-                                                              : "learned");
-    json.begin_array("flags");
-    for (const flag_name &name : flag_names) {
-        if ((row.flags & name.flag) != 0 || (row.ext_flags & name.ext_flag) != 0) {
-            json.text(name.name);
-        }
-    }
-    json.end_array();
-}
 
 void write_times(json_writer &json, const forwarding::mac_row &row, bool is_ordered)
 {
@@ -96,6 +70,20 @@ void write_segment(json_writer &json, const forwarding::mac_row &row)
 
 } // namespace
 
+void write_flags(json_writer &json, uint16_t flags, uint16_t ext_flags)
+{
+    json.member("origin", (flags & EDM_MAC_LOCAL) != 0    ? "local"
+                          : (flags & EDM_MAC_STATIC) != 0 ? "static"
+                                                          : "learned");
+    json.begin_array("flags");
+    for (const flag_name &name : flag_names) {
+        if ((flags & name.flag) != 0 || (ext_flags & name.ext_flag) != 0) {
+            json.text(name.name);
+        }
+    }
+    json.end_array();
+}
+
 void write_row(json_writer &json, const forwarding::mac_row &row, bool is_ordered)
 {
     json.begin_object();
@@ -108,7 +96,7 @@ void write_row(json_writer &json, const forwarding::mac_row &row, bool is_ordere
     if (row.port != nullptr) {
         json.member("port", row.port->name);
     }
-    write_flags(json, row);
+    write_flags(json, row.flags, row.ext_flags);
     write_times(json, row, is_ordered);
     write_segment(json, row);
     json.end_object();

@@ -4,18 +4,18 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <utility>
 #include <vector>
 
 #include "base/text.h"
 #include "daemon/api/json/api_error.h"
 #include "daemon/api/json/records.h"
+#include "daemon/api/lists/keys.h"
 
 namespace l2fibd {
 
 namespace {
-
-constexpr unsigned byte_bits = 8;
 
 // Throws if the forwarding plane has ended: its empty page must not look like the end of a list.
 void require_running(const forwarding::row_page &page)
@@ -27,11 +27,6 @@ void require_running(const forwarding::row_page &page)
 
 // ---- Cursors ----
 
-[[noreturn]] void refuse_cursor(const std::string &start)
-{
-    throw wrong_cursor(cursor_of(start));
-}
-
 // The number in a key of one number. `first` is the list's beginning.
 uint32_t number_of(const std::optional<std::string> &start, uint32_t first)
 {
@@ -40,52 +35,6 @@ uint32_t number_of(const std::optional<std::string> &start, uint32_t first)
         refuse_cursor(*start);
     }
     return static_cast<uint32_t>(*number);
-}
-
-// The numbers in a key such as "t 1 3 2199023255553 1". The word in front names the kind of list.
-template <size_t Count>
-std::array<uint64_t, Count> numbers_of(const std::string &start, std::string_view kind)
-{
-    const auto fields = base::split(start, ' ');
-    std::array<uint64_t, Count> numbers{};
-    if (fields.size() != Count + 1 || fields.front() != kind) {
-        refuse_cursor(start);
-    }
-    for (size_t at = 0; at < Count; at++) {
-        const auto number = base::parse_number(fields[at + 1]);
-        if (!number) {
-            refuse_cursor(start);
-        }
-        numbers[at] = *number;
-    }
-    return numbers;
-}
-
-template <typename... Numbers>
-std::string key_of(std::string_view kind, Numbers... numbers)
-{
-    return (std::string(kind) + ... + (" " + std::to_string(numbers)));
-}
-
-// An address as a number: 02:00:00:00:00:01 is 0x020000000001.
-template <size_t Size>
-uint64_t number_of_address(const std::array<uint8_t, Size> &address)
-{
-    uint64_t number = 0;
-    for (const uint8_t byte : address) {
-        number = number << byte_bits | byte;
-    }
-    return number;
-}
-
-template <size_t Size>
-std::array<uint8_t, Size> address_of_number(uint64_t number)
-{
-    std::array<uint8_t, Size> address;
-    for (size_t at = Size; at-- > 0; number >>= byte_bits) {
-        address[at] = static_cast<uint8_t>(number);
-    }
-    return address;
 }
 
 // ---- Objects ----
@@ -136,9 +85,9 @@ public:
     {
         if (start) {
             const auto [bridge_id, xcid, mac, holds_row] = numbers_of<4>(*start, kind);
-            at_ = {static_cast<uint16_t>(bridge_id), static_cast<uint32_t>(xcid),
-                   address_of_number<base::mac_bytes>(mac), holds_row != 0};
-            if (filter.bridge_id != 0 && filter.bridge_id != at_.bridge_id) {
+            at_ = {static_cast<uint16_t>(bridge_id), static_cast<uint32_t>(xcid), base::mac_of_number(mac),
+                   holds_row != 0};
+            if (!filter.domains.holds(at_.bridge_id)) {
                 refuse_cursor(*start);
             }
         }
@@ -152,7 +101,7 @@ public:
             write_row(json, row, false);
         }
         at_ = page.end;
-        return {key_of(kind, at_.bridge_id, at_.xcid, number_of_address(at_.mac), at_.holds_row ? 1 : 0),
+        return {key_of(kind, at_.bridge_id, at_.xcid, base::number_of_mac(at_.mac), at_.holds_row ? 1 : 0),
                 static_cast<uint32_t>(page.rows.size()), page.more};
     }
 
@@ -198,7 +147,9 @@ private:
 
     void find()
     {
-        page_ = forwarding::find_rows(mac_, filter_.bridge_id);
+        const auto &domains = filter_.domains;
+        const bool is_one = !domains.is_exclusion && domains.values.size() == 1;
+        page_ = forwarding::find_rows(mac_, is_one ? domains.values.front() : uint16_t{0});
         require_running(page_);
         std::erase_if(page_.rows, [&](const forwarding::mac_row &row) { return !passes(filter_, row); });
         const auto next = std::ranges::upper_bound(page_.rows, after_, {}, place_of);
@@ -290,7 +241,7 @@ public:
             const auto [xcid, address, vni] = numbers_of<3>(*start, kind);
             at_.xcid = static_cast<uint32_t>(xcid);
             at_.vni = static_cast<uint32_t>(vni);
-            at_.address = address_of_number<base::ipv4_bytes>(address);
+            at_.address = std::bit_cast<std::array<uint8_t, base::ipv4_bytes>>(static_cast<uint32_t>(address));
         }
     }
 
@@ -304,8 +255,8 @@ public:
             write_vtep(json, vtep, objects.get());
             at_ = vtep;
         }
-        return {key_of(kind, at_.xcid, number_of_address(at_.address), at_.vni), static_cast<uint32_t>(vteps.size()),
-                more};
+        return {key_of(kind, at_.xcid, std::bit_cast<uint32_t>(at_.address), at_.vni),
+                static_cast<uint32_t>(vteps.size()), more};
     }
 
 private:

@@ -51,8 +51,7 @@ void shadow_address(mac_address &to, const uint8_t *from)
 
 // ---- Places ----
 
-// A bridge id and an xcid. The place of the bridge domain's own entries has EDM_XCID_DUMMY, which is behind all ports.
-using place = std::pair<uint16_t, uint32_t>;
+using place = port_place;
 
 place place_of(const port_view &port)
 {
@@ -73,38 +72,49 @@ bool find_place(const object_views &objects, const place &from, place &found)
     return true;
 }
 
-// Moves `at` to the next place. Returns false if there is none.
-bool next_place(const object_views &objects, place &at)
+// Moves `at` forward to the next place that the filter's lists of domains and ports may have. Returns false if there is
+// none.
+bool skip_unwanted(const row_filter &filter, place &at)
 {
-    return at.second != EDM_XCID_DUMMY ? find_place(objects, {at.first, at.second + 1}, at)
-           : at.first != UINT16_MAX    ? find_place(objects, {static_cast<uint16_t>(at.first + 1), 0}, at)
-                                       : false;
-}
-
-bool is_wanted(const row_filter &filter, const place &at)
-{
-    return (filter.bridge_id == 0 || filter.bridge_id == at.first) && (filter.xcid == 0 || filter.xcid == at.second);
-}
-
-// Returns the place at which a read begins: the position's if it has one, otherwise the first one that may pass the
-// filter. If no port has the filter's xcid, that is the last possible place.
-place first_place(const row_filter &filter, const row_position &from, const object_views &objects)
-{
-    if (from.holds_row || from.bridge_id != 0) {
-        return {from.bridge_id, from.xcid};
+    if (!filter.ports.is_exclusion) {
+        const auto listed = std::ranges::lower_bound(filter.ports.values, at);
+        if (listed == filter.ports.values.end()) {
+            return false;
+        }
+        at = *listed;
     }
-    if (filter.xcid != 0 && filter.bridge_id == 0) {
-        const auto port = std::ranges::find(objects.ports, filter.xcid, &port_view::xcid);
-        return port != objects.ports.end() ? place_of(*port) : place{UINT16_MAX, EDM_XCID_DUMMY};
+    if (!filter.domains.is_exclusion) {
+        const auto listed = std::ranges::lower_bound(filter.domains.values, at.first);
+        if (listed == filter.domains.values.end()) {
+            return false;
+        }
+        at = std::max(at, place{*listed, 0});
     }
-    return {filter.bridge_id, filter.xcid};
+    return true;
 }
 
-// True if neither `at` nor any place behind it passes the filter. For a filter by xcid this holds for each place but
-// its own, because the read begins there.
-bool ends_before(const row_filter &filter, const place &at)
+// Moves `at` to the place behind it. Returns false if there is none.
+bool step(place &at)
 {
-    return (filter.bridge_id != 0 && at.first > filter.bridge_id) || (filter.xcid != 0 && at.second != filter.xcid);
+    at = at.second != EDM_XCID_DUMMY ? place{at.first, at.second + 1} : place{static_cast<uint16_t>(at.first + 1), 0};
+    return at.first != 0;
+}
+
+// Moves `at` to the first place at or behind it that passes the filter. Returns false if there is none.
+bool find_wanted(const object_views &objects, const row_filter &filter, place &at)
+{
+    while (skip_unwanted(filter, at) && find_place(objects, at, at)) {
+        if (passes_place(filter, at)) {
+            return true;
+        }
+        if (!filter.domains.holds(at.first)) {
+            at.second = EDM_XCID_DUMMY; // skips its ports
+        }
+        if (!step(at)) {
+            return false;
+        }
+    }
+    return false;
 }
 
 // ---- The table ----
@@ -139,29 +149,71 @@ void find_entries(std::span<const ordered_entry> wanted,
     }
 }
 
+// What a read of rows looks for.
+struct row_search {
+    const row_filter &filter;
+    uint32_t max_rows;
+    mac_address last;  // the last address that may pass
+    bool judges_rows;  // some condition is on the rows of the table
+    bool needs_ipv6;   // some condition is on an IPv6 tunnel end point
+    bool judges_pages; // some condition is on what only completed rows show
+};
+
+row_search search_for(const row_filter &filter, uint32_t max_rows)
+{
+    const bool needs_ipv6 = has_ipv6(filter);
+    return {filter,
+            max_rows,
+            base::mac_of_number(filter.addresses.last),
+            filter.flags != 0 || !filter.not_addresses.empty() || !filter.origins.holds_all()
+                || !filter.vlans.holds_all() || !filter.vteps.holds_all(),
+            needs_ipv6,
+            needs_ipv6 || !filter.vnis.holds_all() || filter.ages != age_range()};
+}
+
+// Judges what a row of the table shows. Its VNI, its age and its IPv6 tunnel end point are not known yet.
+bool may_pass(const row_search &search, const mac_row &row)
+{
+    const row_filter &filter = search.filter;
+    const base::ip_address vtep = vtep_of(row);
+    return (filter.flags == 0 || (row.flags & filter.flags) != 0) && filter.origins.holds(origin_of(row.flags))
+           && filter.vlans.holds(row.vlan) && passes_address(filter, row.mac)
+           && ((search.needs_ipv6 && vtep == base::ip_address{}) || filter.vteps.holds(vtep));
+}
+
+// The first entry of a port that may pass.
+const l2fm_edm_mac_t *first_entry(const row_search &search, const l2fm_edm_bp_t &bp) L2FIB_REQUIRES_TABLE_LOCK
+{
+    const uint64_t first = search.filter.addresses.first;
+    return first == 0 ? l2fm_edm_table_bp_mac_get_first(&bp)
+                      : l2fm_edm_table_bp_macaddr_get_next(&bp.mac_tree, base::mac_of_number(first - 1).data());
+}
+
 // Reads rows of one port until the page is full, the port ends or `looks` entries were visited. It continues behind
 // `page.end` if that is on this port, and moves `page.end` with each entry. Returns true if the port has ended or does
 // not exist. Under the table lock.
-bool read_port(const row_filter &filter, const place &at, row_page &page, uint32_t max_rows,
-               uint32_t &looks) L2FIB_REQUIRES_TABLE_LOCK
+bool read_port(const row_search &search, const place &at, row_page &page, uint32_t &looks) L2FIB_REQUIRES_TABLE_LOCK
 {
     row_position &end = page.end;
     const bool continues = end.holds_row && end.bridge_id == at.first && end.xcid == at.second;
     const l2fm_edm_bp_t *bp = port_at(at);
     const l2fm_edm_mac_t *mac = bp == nullptr ? nullptr
                                 : continues   ? l2fm_edm_table_bp_macaddr_get_next(&bp->mac_tree, end.mac.data())
-                                              : l2fm_edm_table_bp_mac_get_first(bp);
+                                              : first_entry(search, *bp);
     end.bridge_id = at.first;
     end.xcid = at.second;
     end.holds_row = continues;
-    for (; mac != nullptr && looks != 0 && page.rows.size() < max_rows; looks--) {
+    for (; mac != nullptr && looks != 0 && page.rows.size() < search.max_rows; looks--) {
         shadow_address(end.mac, mac->mac_addr);
         end.holds_row = true;
+        if (end.mac > search.last) {
+            return true;
+        }
         const l2fm_edm_mac_t *next = l2fm_edm_table_bp_mac_get_next(bp, mac);
         __builtin_prefetch(next);
         mac_row row = row_of(*mac);
         row.bridge_id = at.first;
-        if (passes(filter, row)) {
+        if (!search.judges_rows || may_pass(search, row)) {
             page.rows.push_back(row);
         }
         mac = next;
@@ -171,20 +223,18 @@ bool read_port(const row_filter &filter, const place &at, row_page &page, uint32
 
 // Reads rows from the port `at` on, in one hold of the table lock, until the page is full or looks_per_hold are used
 // up. Moves `at` with each port that ends. Returns false after the last port that passes the filter.
-bool read_ports(const row_filter &filter, place &at, row_page &page, uint32_t max_rows)
+bool read_ports(const row_search &search, place &at, row_page &page)
 {
     uint32_t looks = looks_per_hold;
     const table_hold hold;
-    while (looks != 0 && page.rows.size() < max_rows) {
-        if (!read_port(filter, at, page, max_rows, looks)) {
+    while (looks != 0 && page.rows.size() < search.max_rows) {
+        if (!read_port(search, at, page, looks)) {
             continue;
         }
         looks -= looks != 0 ? 1 : 0;
-        do {
-            if (!next_place(*page.objects, at) || ends_before(filter, at)) {
-                return false;
-            }
-        } while (!is_wanted(filter, at));
+        if (!step(at) || !find_wanted(*page.objects, search.filter, at)) {
+            return false;
+        }
         page.end = {at.first, at.second, {}, false};
     }
     return true;
@@ -305,6 +355,14 @@ void refresh_page(feeder &feed, row_page &page)
     take_answers(feed, ageing.places, answers_in_batches(std::span(ageing.keys), ask), page);
 }
 
+// Sets the members that the reader asked for.
+void add_details(const row_details &details, row_page &page)
+{
+    if (details.since && !page.rows.empty()) {
+        on_cache_thread([&](feeder &feed) { feed.add_since(page.rows); });
+    }
+}
+
 // True for the position of a read that begins: ahead of all rows.
 bool is_begin(const row_position &from)
 {
@@ -352,29 +410,51 @@ mac_row row_of(const l2fm_edm_mac_t &entry)
     return row;
 }
 
-bool passes(const row_filter &filter, const mac_row &row)
+base::ip_address vtep_of(const mac_row &row)
 {
-    const bool is_behind = !filter.vtep || ((row.flags & EDM_MAC_VNI) != 0 && row.vtep == *filter.vtep);
-    return is_behind && (filter.flags == 0 || (row.flags & filter.flags) != 0)
-           && is_wanted(filter, {row.bridge_id, row.xcid});
+    const bool has_ipv4 = (row.flags & EDM_MAC_VNI) != 0 && row.vtep != std::array<uint8_t, base::ipv4_bytes>{};
+    return has_ipv4 ? base::ip_of(row.vtep) : row.ipv6_vtep;
 }
 
-row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows)
+bool passes(const row_filter &filter, const mac_row &row)
 {
+    return passes_place(filter, {row.bridge_id, row.xcid}) && filter.ages.holds(row.age)
+           && passes_values(filter, {row.mac, row.flags, row.vlan, row.vni, vtep_of(row)});
+}
+
+namespace {
+
+// Rows that a read gets at once if it judges them when they are complete, so that few that pass cost no more reads.
+constexpr uint32_t judged_at_once = 200;
+
+// Drops the rows of a page that do not pass. Cuts a page that has too many.
+void judge_page(const row_search &search, row_page &page, uint32_t max_rows)
+{
+    std::erase_if(page.rows, [&](const mac_row &row) { return !passes(search.filter, row); });
+    if (page.rows.size() > max_rows) {
+        page.rows.resize(max_rows);
+        const mac_row &last = page.rows.back();
+        page.end = {last.bridge_id, last.xcid, last.mac, true};
+        page.more = true;
+    }
+}
+
+} // namespace
+
+row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows, const row_details &details)
+{
+    row_search search = search_for(filter, max_rows);
+    search.max_rows = search.judges_pages ? std::max(max_rows, judged_at_once) : max_rows;
     row_page page;
     page.end = from;
-    page.rows.reserve(max_rows);
+    page.rows.reserve(search.max_rows);
     with_feeder([&](feeder &feed) {
         page.objects = feed.objects();
-        place at;
-        bool follows = find_place(*page.objects, first_place(filter, from, *page.objects), at);
-        while (follows && !is_wanted(filter, at)) {
-            follows = next_place(*page.objects, at) && !ends_before(filter, at);
+        place at{from.bridge_id, from.xcid};
+        page.more = find_wanted(*page.objects, filter, at);
+        while (page.more && page.rows.size() < search.max_rows) {
+            page.more = read_ports(search, at, page);
         }
-        while (follows && page.rows.size() < max_rows) {
-            follows = read_ports(filter, at, page, max_rows);
-        }
-        page.more = follows;
         if (is_begin(from)) {
             feed.begin_ages();
         }
@@ -383,7 +463,19 @@ row_page read_rows(const row_filter &filter, const row_position &from, uint32_t 
         }
         complete_rows(feed, page);
     });
+    if (search.needs_ipv6) {
+        add_ipv6_vteps(page);
+    }
+    if (search.judges_pages) {
+        judge_page(search, page, max_rows);
+    }
+    add_details(details, page);
     return page;
+}
+
+void add_ipv6_vteps(row_page &page)
+{
+    on_cache_thread([&page](const feeder &feed) { feed.add_ipv6_vteps(page.rows); });
 }
 
 // ---- One address ----
@@ -430,7 +522,7 @@ bool comes_first(const mac_row &left, const mac_row &right)
 
 } // namespace
 
-row_page find_rows(const mac_address &mac, uint16_t bridge_id)
+row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details &details)
 {
     row_page page;
     with_feeder([&](feeder &feed) { page.objects = feed.objects(); });
@@ -441,6 +533,8 @@ row_page find_rows(const mac_address &mac, uint16_t bridge_id)
     on_cache_thread([&](feeder &feed) { keys = feed.places_of(mac, bridge_id); });
     if (mac == mac_address{}) {
         with_feeder([&](feeder &feed) { read_flood_lists(feed, bridge_id, page); });
+        add_ipv6_vteps(page);
+        add_details(details, page);
         return page;
     }
     std::vector<fdb_answer> answers;
@@ -452,6 +546,8 @@ row_page find_rows(const mac_address &mac, uint16_t bridge_id)
         std::ranges::sort(page.rows, comes_first);
         complete_rows(feed, page);
     });
+    add_ipv6_vteps(page);
+    add_details(details, page);
     return page;
 }
 
@@ -594,7 +690,7 @@ void seek(order_selection &selection, const order_position &to)
     selection.at = to;
 }
 
-ordered_page read_selection(order_selection &selection, uint32_t max_rows)
+ordered_page read_selection(order_selection &selection, uint32_t max_rows, const row_details &details)
 {
     const uint64_t began = selection.at.began;
     const auto keys = std::span<const order_key>(selection.keys).subspan(selection.next);
@@ -614,6 +710,7 @@ ordered_page read_selection(order_selection &selection, uint32_t max_rows)
         }
         complete_rows(feed, ordered.page);
     });
+    add_details(details, ordered.page);
     if (!wanted.empty()) {
         selection.at = {wanted.back().value, wanted.back().slot, true, began};
     }

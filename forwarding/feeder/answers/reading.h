@@ -2,7 +2,7 @@
 
 // Reads the rows, counts and tunnel end points that answers show. Rows come page by page.
 //
-//     forwarding::row_filter filter;
+//     const forwarding::row_filter filter; // all rows
 //     forwarding::row_position at;
 //     do {
 //         const forwarding::row_page page = forwarding::read_rows(filter, at, 200);
@@ -24,6 +24,9 @@
 // position, even if the entry at that position is gone. A read therefore continues when entries go. An entry that stays
 // on its port is read exactly once. An entry that moves meanwhile may be read twice or not at all.
 //
+// Filters. A read looks only at the bridge domains, ports and addresses that its filter lets pass. It judges all other
+// conditions on each entry there.
+//
 // Ages. If the plane ages silently, read_rows asks it about the rows of the page that age. It leaves out a row that the
 // plane no longer holds.
 //
@@ -38,6 +41,7 @@
 #include <optional>
 #include <vector>
 
+#include "forwarding/feeder/answers/row_filter.h"
 #include "forwarding/forwarding.h"
 
 namespace forwarding {
@@ -71,9 +75,11 @@ struct mac_row {
     uint32_t node_id = 0;
     mac_address backbone = {};           // with EDM_MAC_PBB
     std::array<uint8_t, 4> vtep = {};    // with EDM_MAC_VNI; network byte order
+    base::ip_address ipv6_vtep = {};     // zero: none, or not asked for; see add_ipv6_vteps
     uint32_t vni = 0;                    // VNI with which frames to the address are sent; 0: none
     uint32_t source_vni = 0;             // external VXLAN devices only
     int64_t last_seen = 0;               // seconds since the epoch; 0: unknown
+    int64_t since_ms = 0;                // see row_details; 0: not asked for, or unknown
     uint32_t age = 0;                    // seconds since it was last seen; if unknown, since the table updated it
     std::optional<uint32_t> time_left;   // seconds until it ages out; none if it does not age or the time is unknown
     const domain_view *domain = nullptr; // points into row_page::objects
@@ -81,15 +87,19 @@ struct mac_row {
     order_position place = {};           // set by read_selection only
 };
 
-// Conditions that a row must all meet. A member that is 0 or empty lets every row pass.
-struct row_filter {
-    uint16_t bridge_id = 0;
-    uint32_t xcid = 0;
-    uint16_t flags = 0; // EDM_MAC_ bits, of which the row must have at least one
-    std::optional<std::array<uint8_t, 4>> vtep = std::nullopt;
-};
+// The tunnel end point of a row: IPv6 as far as it was asked for; zero if there is none.
+base::ip_address vtep_of(const mac_row &row);
 
+// Judges all conditions on a row that a page shows. A filter with an IPv6 address needs add_ipv6_vteps before.
 bool passes(const row_filter &filter, const mac_row &row);
+
+// Members of rows that cost extra, so that readers ask for them.
+struct row_details {
+    // mac_row::since_ms: when the table took the entry at its present place (port, or VTEP), since the epoch. It is
+    // exact to the second for the last hour, and to the 4,096th part of the time that has passed for earlier ones.
+    // Unknown for entries that were there at the start. Waits for the cache thread.
+    bool since = false;
+};
 
 // A position in the order by bridge id, xcid and address. The next page holds the rows behind it. A default-constructed
 // position lies before all rows.
@@ -109,20 +119,25 @@ struct row_page {
 
 // Reads up to `max_rows` rows behind `from`; it is at least 1. A page may be empty although `more` is true, because the
 // plane may no longer hold any of its rows.
-row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows);
+row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows,
+                   const row_details &details = {});
 
-// Finds all rows of one address in one bridge domain, or in all if `bridge_id` is 0. The plane decides which entries
+// Sets the IPv6 tunnel end points of a page's rows, which the table does not hold. Waits for the cache thread.
+void add_ipv6_vteps(row_page &page);
+
+// Finds all rows of one address in one bridge domain, or in all if `bridge_id` is 0. They have their IPv6 tunnel end
+// points. The plane decides which entries
 // exist, so the page also has entries for which the table has no room.
 //
 // The plane is asked in each bridge domain in which the shadow table holds the address. If the shadow table holds it
 // nowhere, or is degraded, the plane is asked in every bridge domain. The rows of the zero address (flood lists) come
 // from the table alone.
-row_page find_rows(const mac_address &mac, uint16_t bridge_id);
+row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details &details = {});
 
 // ---- In another order ----
 
 enum class row_order : uint8_t {
-    created,   // by creation in the table, the oldest first: the order of the table's own list
+    created,   // by the time when the table took an entry at its present port and VTEP, the earliest first
     last_seen, // by the time when an entry was last seen, the earliest first; entries that do not age come last
 };
 
@@ -174,7 +189,7 @@ void seek(order_selection &selection, const order_position &to);
 
 // Reads the rows of the next keys, up to `max_rows`, and moves the selection behind them. Waits for the cache thread.
 // `page.more` is true if entries follow, in the selection or behind it.
-ordered_page read_selection(order_selection &selection, uint32_t max_rows);
+ordered_page read_selection(order_selection &selection, uint32_t max_rows, const row_details &details = {});
 
 // ---- Counts ----
 
