@@ -280,6 +280,8 @@ END
 --mac-limit 0|--mac-limit "0": expected a number from 1
 --proof-rate many|--proof-rate "many": expected a number from 1 to 100000
 --receive-buffer 4096 --plane generated|--receive-buffer: expected --plane kernel
+--events 0|--events "0": expected a number from 1 to 10000000
+--history many|--history "many": expected a number from 0 to 10000000
 --resync-wait 100000|--resync-wait "100000": expected a number from 1 to 3600
 --group a:b|--group "a:b"
 --log-level loud|expected one of error, warning, info, debug
