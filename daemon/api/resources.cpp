@@ -405,6 +405,8 @@ answer get_health(const call &asked)
     return document("health", [&](json_writer &json) { write_health(json, asked.context.server()); });
 }
 
+answer get_metrics(const call &asked); // below, because it names all resources
+
 // ---- The operation ----
 
 constexpr const char *resync_input =
@@ -558,14 +560,20 @@ constexpr resource resources[] = {
     {"data/l2fib-mac:traces/trace", list_traces, paging},
     {"operations/l2fib-mac:resync", resync, none, 0, true},
     {events_path, watch_events, address, filters_of_events},
+    {metrics_path, get_metrics},
 };
+static_assert(std::size(resources) <= max_resources);
+
+std::string path_of(const resource &of)
+{
+    return std::string(of.pattern.starts_with('/') ? "" : "/restconf/").append(of.pattern);
+}
 
 const resource &find_resource(const target &to)
 {
     const std::string shape = shape_of(to);
     for (const resource &candidate : resources) {
-        const std::string_view root = candidate.pattern.starts_with('/') ? "" : "/restconf/";
-        if ("/" + shape == std::string(root).append(candidate.pattern)) {
+        if ("/" + shape == path_of(candidate)) {
             return candidate;
         }
     }
@@ -582,6 +590,22 @@ void check_method(const resource &found, std::string_view method)
     std::string allowed(found.is_operation ? operation_method : "GET, HEAD");
     throw api_error{http_status::method_not_allowed, error_tag::operation_not_supported,
                     "method " + std::string(method) + ": expected " + allowed, allowed};
+}
+
+// Resources that nobody has asked for are shown too, so that a rate over their first request is right.
+answer get_metrics(const call &asked)
+{
+    metric_figures figures = read_figures();
+    figures.server = asked.context.server();
+    figures.resyncs = asked.context.resyncs.durations();
+    figures.last_resync = asked.context.resyncs.last_resync();
+    for (size_t at = 0; at < std::size(resources); at++) {
+        figures.requests.push_back({path_of(resources[at]), asked.context.durations[at].read()});
+    }
+    figures.requests.push_back({"none", asked.context.durations[no_resource].read()});
+    const exposition_format format = format_of(asked.sent.accept);
+    return {
+        .body = metrics_text(figures, format), .worth = figures.health.state, .content_type = content_type_of(format)};
 }
 
 std::string names_of_parameters(const resource &found)
@@ -633,6 +657,9 @@ answer answer_request(const request &asked, const api_context &context)
 {
     const target to = parse_target(asked.uri);
     const resource &found = find_resource(to);
+    if (asked.resource != nullptr) {
+        *asked.resource = static_cast<size_t>(&found - resources);
+    }
     check_method(found, asked.method);
     check_parameters(found, to);
     return found.serve({to, asked, context});

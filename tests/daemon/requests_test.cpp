@@ -215,7 +215,8 @@ TEST(Routing, RefusesByPathThenMethodThenParameters)
     };
     resync_requester resyncs;
     kept_selections selections;
-    const api_context context{resyncs, selections, [] { return server_health(); }};
+    request_durations durations;
+    const api_context context{resyncs, selections, [] { return server_health(); }, durations};
     for (const auto &row : rows) {
         try {
             answer_request({row.method, std::string("/restconf/").append(row.uri)}, context);
