@@ -87,7 +87,10 @@ forwarding::domain_counts many_domains()
     auto objects = std::make_shared<forwarding::object_views>();
     forwarding::domain_counts all;
     for (uint16_t id = 1; id <= count; id++) {
-        objects->domains.put({.bridge_id = id, .name = "lab:br" + std::to_string(id)});
+        forwarding::domain_view view;
+        view.bridge_id = id;
+        view.name = "lab:br" + std::to_string(id);
+        objects->domains.put(std::move(view));
         all.counts.push_back({.learned = std::min<uint32_t>(id, count - 9), .fixed = 2, .local = 1});
     }
     all.objects = objects;
