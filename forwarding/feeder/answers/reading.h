@@ -96,7 +96,7 @@ bool passes(const row_filter &filter, const mac_row &row);
 // Members of rows that cost extra, so that readers ask for them.
 struct row_details {
     // mac_row::since_ms: when the table took the entry at its present place (port, or VTEP), since the epoch. It is
-    // exact to the second for the last hour, and to the 4,096th part of the time that has passed for earlier ones.
+    // exact to the second for the last hour, and to the 2,048th part of the time that has passed for earlier ones.
     // Unknown for entries that were there at the start. Waits for the cache thread.
     bool since = false;
 };
