@@ -61,13 +61,14 @@ hold()
     started+=($!)
 }
 
-# expect_shared TEXT FILTER: requires that the daemon refuses root's next request with TEXT, answers a request for
-# health, and serves another user.
+# expect_shared TEXT FILTER: requires that the daemon refuses root's next request with TEXT, answers requests for health
+# and metrics, and serves another user.
 expect_shared()
 {
     local -r refusal=$(get mac-count)
     [[ $refusal == *"user 0 has $1, other users have 0"* ]] || { echo "$refusal" && return 1; }
     health "$2"
+    curl --silent --fail --max-time 30 --unix-socket "$SOCKET" http://l2fibd/metrics | grep '_refused_total [1-9]'
     setpriv --reuid nobody --regid nogroup --clear-groups \
         curl --silent --fail --max-time 30 --unix-socket "$SOCKET" "${D}mac-count"
 }

@@ -262,7 +262,7 @@ uint64_t sum_of(const forwarding::kind_counts &counts)
 
 } // namespace
 
-// In order of bridge ids, so that equal sizes give the same choice each time.
+// Of domains with the same size, the one with the smallest bridge id comes first. So the choice is steady.
 std::vector<domain_entries> largest_domains(const forwarding::domain_counts &all)
 {
     std::vector<size_t> by_size(all.counts.size());
