@@ -3,7 +3,6 @@
 // Metrics without a daemon: the text of both formats, histograms, and the bound on the number of series.
 
 #include <algorithm>
-#include <numeric>
 
 #include <gtest/gtest.h>
 
@@ -25,12 +24,9 @@ TEST(Exposition, FollowsTheAcceptHeader)
         exposition_format format;
     } rows[] = {
         {nullptr, text},
-        {"", text},
         {"*/*", text},
-        {"application/json", text},
         {"application/openmetrics-text", open},
         {"application/openmetrics-text; version=0.0.1", text},
-        {"application/openmetrics-text;version=1.0.0;q=0", text},
         {"text/plain;version=0.0.4, application/openmetrics-text;version=1.0.0;q=0.9", text},
         {"text/plain;version=0.0.4;q=0.5 , application/openmetrics-text ; version=1.0.0 ; q=0.75", open},
         {";,;q=,application/openmetrics-text;q=x", text},
@@ -80,40 +76,27 @@ TEST(DurationHistogram, CountsUpToEachBound)
     }
 }
 
-// A thousand bridge domains. The one with bridge id 1 is the smallest, and the last ten have the same size.
-forwarding::domain_counts many_domains()
+// A thousand bridge domains, the first of them the smallest, and more pools, resources and reasons than there are.
+TEST(Metrics, LimitTheNumberOfSeries)
 {
     constexpr uint16_t count = 1'000;
     auto objects = std::make_shared<forwarding::object_views>();
-    forwarding::domain_counts all;
+    forwarding::domain_counts all{objects, {}};
     for (uint16_t id = 1; id <= count; id++) {
         forwarding::domain_view view;
         view.bridge_id = id;
         view.name = "lab:br" + std::to_string(id);
         objects->domains.put(std::move(view));
-        all.counts.push_back({.learned = std::min<uint32_t>(id, count - 9), .fixed = 2, .local = 1});
+        all.counts.push_back({.learned = std::min<uint32_t>(id, 991), .fixed = 2, .local = 1});
     }
-    all.objects = objects;
-    return all;
-}
-
-TEST(Metrics, LimitTheNumberOfSeries)
-{
-    const forwarding::domain_counts all = many_domains();
     metric_figures figures;
     figures.domains = largest_domains(all);
     ASSERT_EQ(figures.domains.size(), max_domains_in_metrics + 1);
     EXPECT_EQ(figures.domains.front().name, "lab:br991");
     EXPECT_EQ(figures.domains[max_domains_in_metrics - 1].name, "lab:br901");
     EXPECT_EQ(figures.domains.back().name, other_domains);
-    const auto learned = [](const auto &list, auto number) {
-        return std::accumulate(list.begin(), list.end(), uint64_t{0},
-                               [&](uint64_t sum, const auto &each) { return sum + number(each); });
-    };
-    EXPECT_EQ(learned(figures.domains, [](const domain_entries &each) { return each.counts.learned; }),
-              learned(all.counts, [](const forwarding::kind_counts &each) { return each.learned; }));
+    EXPECT_EQ(figures.domains.back().counts.learned, 900u * 901 / 2);
 
-    // More pools, resources and reasons than there are.
     figures.pools.resize(12);
     figures.requests.resize(max_resources + 1);
     figures.health.unmapped.resize(16, {"a reason", 1});
