@@ -694,14 +694,14 @@ std::string path_of(const resource &of)
 
 const resource &find_resource(const target &to)
 {
-    const std::string shape = shape_of(to);
+    const std::string path = "/" + shape_of(to);
     for (const resource &candidate : resources) {
-        if ("/" + shape == path_of(candidate)) {
+        if (path == path_of(candidate)) {
             return candidate;
         }
     }
     throw api_error{http_status::not_found, error_tag::unknown_element,
-                    "\"" + shape
+                    "\"" + path.substr(1)
                         + "\": there is no such resource; expected one such as restconf/data/l2fib-mac:health"};
 }
 
