@@ -376,11 +376,8 @@ answer list_traces(const call &asked)
 filters history_filters(const call &asked, unsigned kinds)
 {
     filters given = parse_filters(asked.to, kinds);
-    if (const std::string *text = asked.parameter("mac"); text != nullptr) {
-        const uint64_t address = base::number_of_mac(mac_of("mac", *text));
-        if (!given.rest.addresses.holds(address)) {
-            throw unexpected("mac", *text, "an address that the mac-prefix lets pass");
-        }
+    if (const auto mac = mac_parameter(asked, given.rest)) {
+        const uint64_t address = base::number_of_mac(*mac);
         given.rest.addresses = {address, address};
     }
     if (has_ipv6(given.rest)) {
@@ -410,7 +407,7 @@ answer watch_events(const call &asked)
 {
     filters given = history_filters(asked, filters_of_events);
     if (asked.sent.last_event_id == nullptr) {
-        resolve(given);
+        static_cast<void>(resolve(given));
     }
     auto events = std::make_unique<event_stream>(asked.sent.last_event_id, std::move(given), asked.context.resyncs,
                                                  asked.sent.has_client_left);
