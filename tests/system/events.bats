@@ -12,16 +12,12 @@ load daemon
 setup()
 {
     export L2FIBD=${L2FIBD:-$BATS_TEST_DIRNAME/../../build/test/bin/l2fibd}
-    directory=$(mktemp --directory /tmp/l2fibd.XXXXXX) # not in the directory of bats, which other users may not enter
-    chmod 711 "$directory"
-    SOCKET=$directory/socket
-    started=()
+    make_directory
 }
 
 teardown()
 {
-    ((${#started[@]} == 0)) || kill "${started[@]}" 2>/dev/null || true
-    rm --recursive "$directory"
+    end_started
 }
 
 # start CHURN [OPTION...]: starts the daemon on 2 bridges with CHURN changes a second.
@@ -69,18 +65,6 @@ newest()
 data()
 {
     sed --quiet 's/^data: //p' "$1"
-}
-
-# expect_health FILTER: waits at most ten seconds until the daemon's health satisfies the filter.
-expect_health()
-{
-    local tries
-    for tries in {1..100}; do
-        get "${D}health" | jq --exit-status ".\"l2fib-mac:health\" | $1" >/dev/null && return
-        sleep 0.1
-    done
-    echo "$tries times not $1: $(get "${D}health")"
-    return 1
 }
 
 # whole_stream FILE: requires that the numbers of the ids have no gap, except where "missed" counts it. Prints the
@@ -208,11 +192,6 @@ END
     get /events --head | grep --ignore-case '^content-type: text/event-stream'
 }
 
-memory_of()
-{
-    awk '$1 == "VmRSS:" { print $2 }' "/proc/$1/status"
-}
-
 # watch_unread COUNT [COMMAND...]: opens streams that nobody reads. COMMAND makes them those of another user.
 watch_unread()
 {
@@ -257,9 +236,9 @@ until_events()
     done
     watch_unread 10
     watch_here "$directory/quiet" type=local # nothing happens in this stream
-    expect_health '.requests.watchers == 36'
+    eventually '.requests.watchers == 36'
     watch_unread 14 setpriv --reuid nobody --regid nogroup --clear-groups
-    expect_health '.requests.watchers == 50'
+    eventually '.requests.watchers == 50'
     run get /events
     [[ $output == *"user 0 has 36 of 64 event streams open, other users have 14: close some, or try again"* ]]
     get "${D}mac-count" --fail # streams take none of the places of requests
@@ -279,7 +258,7 @@ until_events()
         sleep 0.1
     done
     grep --after-context=1 '^: nothing new' "$directory/quiet" | grep '^id: [0-9]*-[1-9]'
-    expect_health '.requests."watchers-refused" != "0" and .requests.active < 3 and .requests.connections < 10'
+    eventually '.requests."watchers-refused" != "0" and .requests.active < 3 and .requests.connections < 10'
 }
 
 @test "streams end when the client leaves, and when the daemon stops" {
@@ -288,7 +267,7 @@ until_events()
     for i in {1..20}; do
         watch 0.1 "type=local"
     done
-    expect_health '.requests.watchers == 0'
+    eventually '.requests.watchers == 0'
     watch_here "$directory/all"
     local -r all=$!
     watch_here "$directory/none" type=local # nothing happens in this stream
