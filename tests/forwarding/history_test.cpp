@@ -22,7 +22,6 @@ namespace {
 
 using namespace forwarding;
 using namespace test;
-using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
 using namespace std::chrono_literals;
@@ -173,7 +172,7 @@ struct events : started_module {
     }
     // After each list of steps comes what they make.
     template <typename Steps>
-    void expect(const char *name, std::vector<std::string> expected, Steps steps)
+    void expect(const char *name, const std::vector<std::string> &expected, Steps steps)
     {
         SCOPED_TRACE(name);
         on_cache(steps);
@@ -238,7 +237,7 @@ TEST_F(events, SayWhatTheTableDid)
 
 TEST_F(events, AnEntryHasAgedIfItsEndSaysSo)
 {
-    constexpr uint32_t ageing_ms = 1000;
+    constexpr int64_t ageing_ms = 1000;
     constexpr int64_t unknown = -1;
     on_cache([&] {
         link_record bridge = it->links.at(br0);
@@ -420,6 +419,7 @@ TEST(ChangeLog, FindsTheKeptMovesOfAnAddress)
                     more = page.more;
                 }
                 std::vector<uint64_t> expected;
+                expected.reserve(kept.size());
                 for (const auto &[kept_number, kept_change] : kept) {
                     if (kept_change.mac == address) {
                         expected.push_back(kept_number);
