@@ -680,12 +680,18 @@ constexpr resource resources[] = {
     {events_path, watch_events, address, filters_of_events},
 };
 
+// The pattern in the form of shape_of.
+std::string whole_pattern(const resource &of)
+{
+    const bool is_whole = of.pattern.starts_with('/');
+    return std::string(is_whole ? "" : "restconf/").append(of.pattern.substr(is_whole ? 1 : 0));
+}
+
 const resource &find_resource(const target &to)
 {
     const std::string shape = shape_of(to);
     for (const resource &candidate : resources) {
-        const std::string_view root = candidate.pattern.starts_with('/') ? "" : "/restconf/";
-        if ("/" + shape == std::string(root).append(candidate.pattern)) {
+        if (shape == whole_pattern(candidate)) {
             return candidate;
         }
     }

@@ -136,7 +136,8 @@ readonly entry_name='"\(.domain) \(."mac-address")"'
     start 2000 --events 1000
     local -r at=$BATS_TEST_TMPDIR
     watch 0.4 >"$at/first"
-    local -r ids=($(sed --quiet 's/^id: //p' "$at/first"))
+    local ids
+    mapfile -t ids < <(sed --quiet 's/^id: //p' "$at/first")
     local -r middle=${ids[${#ids[@]} / 2]}
     watch 0.3 '' --header "Last-Event-ID: $middle" >"$at/second"
     whole_stream "$at/second"
@@ -272,12 +273,14 @@ until_events()
     local -r all=$!
     watch_here "$directory/none" type=local # nothing happens in this stream
     local -r none=$!
-    local -r began=$(date +%s%N)
+    local began took
+    began=$(date +%s%N)
     kill -TERM "$daemon"
     wait "$all"
     wait "$none"
     wait "$daemon"
-    (($(date +%s%N) - began < 900000000 ${L2FIB_SANITIZED:+* 10}))
+    took=$(($(date +%s%N) - began))
+    [[ -n ${L2FIB_SANITIZED-} ]] || ((took < 900000000)) || { echo "$took ns" && return 1; }
     [[ $(tail --lines=2 "$directory/none") == ": the daemon is stopping"* ]]
 }
 
