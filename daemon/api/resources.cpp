@@ -730,15 +730,19 @@ bool has_parameter(const resource &of, std::string_view name)
     return (kind != std::end(parameter_kinds) && (of.parameters & kind->groups) != 0) || is_filter(name, of.filters);
 }
 
-// Throws unless each parameter is one of the resource and is given once, or may repeat.
+// Throws unless each parameter is one of the resource and is not given too often.
 void check_parameters(const resource &found, const target &to)
 {
     for (const target::parameter &given : to.parameters) {
         if (!has_parameter(found, given.name)) {
             throw invalid("parameter \"" + given.name + "\": expected " + names_of_parameters(found));
         }
-        if (!may_repeat(given.name) && std::ranges::count(to.parameters, given.name, &target::parameter::name) > 1) {
-            throw invalid("parameter \"" + given.name + "\": expected once, given more than once");
+        const auto times = static_cast<size_t>(std::ranges::count(to.parameters, given.name, &target::parameter::name));
+        if (const size_t allowed = max_repetitions(given.name); times > allowed) {
+            throw invalid("parameter \"" + given.name + "\": expected "
+                          + (allowed == 1 ? "once, given more than once"
+                                          : "at most " + std::to_string(allowed) + " times, given "
+                                                + std::to_string(times) + " times"));
         }
     }
 }

@@ -235,6 +235,7 @@ TEST_F(filtered, ListsOrdersAndCountsAreThoseOfTheUnfilteredList)
         add_external_device();
         for (uint32_t round = 0; round < 40; round++) {
             change_for_a_round(round);
+            resync();
             all = read_rows({}, {}, 10'000);
             add_ipv6_vteps(all);
             expect_ipv6_vteps();
