@@ -722,7 +722,8 @@ answer get_metrics(const call &asked)
     figures.resyncs = asked.context.resyncs.durations();
     figures.last_resync = asked.context.resyncs.last_resync();
     for (size_t at = 0; at < std::size(resources); at++) {
-        figures.requests.push_back({"/" + whole_pattern(resources[at]), asked.context.durations[at].read()});
+        figures.requests.push_back(
+            {std::string("/").append(whole_pattern(resources[at])), asked.context.durations[at].read()});
     }
     figures.requests.push_back({"none", asked.context.durations[no_resource].read()});
     const exposition_format format = format_of(asked.sent.accept);
