@@ -15,6 +15,9 @@
 
 #include "base/text.h"
 #include "daemon/api/filters.h"
+#include "daemon/api/history/event_stream.h"
+#include "daemon/api/history/history_filter.h"
+#include "daemon/api/history/history_sources.h"
 #include "daemon/api/json/records.h"
 #include "daemon/api/lists/sources.h"
 #include "daemon/http/target.h"
@@ -30,11 +33,13 @@ constexpr uint64_t max_limit = 1'000'000;
 
 constexpr std::string_view operation_method = "POST";
 
+constexpr std::optional<uint32_t> default_flap_window_seconds = 300;
+
 // ---- Keys and parameters ----
 
 struct call {
     const target &to;
-    std::string_view body;
+    const request &sent;
     const api_context &context;
 
     // The key of the last path element that has one.
@@ -365,6 +370,54 @@ answer list_traces(const call &asked)
     return stream(asked, "trace", make_trace_source(start_of(asked)));
 }
 
+// ---- What has happened ----
+
+// The filters of events or moves. The parameter `mac` leaves one address of those that the filters let pass.
+filters history_filters(const call &asked, unsigned kinds)
+{
+    filters given = parse_filters(asked.to, kinds);
+    if (const auto mac = mac_parameter(asked, given.rest)) {
+        const uint64_t address = base::number_of_mac(*mac);
+        given.rest.addresses = {address, address};
+    }
+    if (has_ipv6(given.rest)) {
+        throw invalid("vtep: expected an IPv4 address, because the history has no other tunnel end points");
+    }
+    return given;
+}
+
+answer list_moves(const call &asked)
+{
+    return stream(asked, "move", make_move_source(history_filters(asked, filters_of_moves), start_of(asked)));
+}
+
+answer list_flaps(const call &asked)
+{
+    const std::string *text = asked.parameter("window");
+    const auto window = text != nullptr ? base::parse_duration(*text) : default_flap_window_seconds;
+    if (!window || *window == 0) {
+        throw unexpected("window", *text, "a time of at least a second as 90 or 90s, 15m, 2h or 1d");
+    }
+    return stream(asked, "flap", make_flap_source(history_filters(asked, filters_of_flaps), *window, start_of(asked)));
+}
+
+// A name that no bridge domain or port has is an error when a stream begins. When it continues, the object may have
+// gone since.
+answer watch_events(const call &asked)
+{
+    filters given = history_filters(asked, filters_of_events);
+    if (asked.sent.last_event_id == nullptr) {
+        static_cast<void>(resolve(given));
+    }
+    auto events = std::make_unique<event_stream>(asked.sent.last_event_id, std::move(given), asked.context.resyncs,
+                                                 asked.sent.has_client_left);
+    answer result{.is_stream = true};
+    events->write_next(result.body);
+    result.worth = forwarding::completeness_watch().worst();
+    result.rest = std::move(events);
+    return result;
+}
+
 // ---- Single resources ----
 
 // An answer whose body has one member besides the completeness. `write` writes the member's value.
@@ -465,6 +518,8 @@ answer get_health(const call &asked)
     return document("health", [&](json_writer &json) { write_health(json, asked.context.server()); });
 }
 
+answer get_metrics(const call &asked); // below, because it names all resources
+
 // ---- The operation ----
 
 constexpr const char *resync_input =
@@ -556,7 +611,7 @@ void resync_scope(const resync_request &wanted, resync_requester &resyncs)
 
 answer resync(const call &asked)
 {
-    const resync_request wanted = read_input(asked.body);
+    const resync_request wanted = read_input(asked.sent.body);
     const uint64_t max_wait = forwarding::wait_seconds();
     const uint64_t wait = wanted.wait.is_null() ? max_wait : std::min(max_wait, wanted.wait.get<uint64_t>());
     resync_scope(wanted, asked.context.resyncs);
@@ -578,6 +633,7 @@ enum parameter_group : uint8_t {
     aging = 8,     // sort
     sorting = 16,  // sort, reverse and with-since
     grouping = 32, // by
+    window = 64,   // of time
 };
 
 struct parameter_kind {
@@ -586,14 +642,15 @@ struct parameter_kind {
 };
 
 constexpr parameter_kind parameter_kinds[] = {
-    {"limit", paging}, {"cursor", paging},        {"by", grouping},     {"flagged", flagged},
-    {"mac", address},  {"sort", aging | sorting}, {"reverse", sorting}, {"with-since", aging | sorting},
+    {"limit", paging},  {"cursor", paging},        {"by", grouping},     {"flagged", flagged},
+    {"mac", address},   {"sort", aging | sorting}, {"reverse", sorting}, {"with-since", aging | sorting},
+    {"window", window},
 };
 
 constexpr unsigned parameters_of_entries = paging | flagged | sorting;
 
 struct resource {
-    std::string_view pattern; // behind "/restconf/"; '*' stands for a key
+    std::string_view pattern; // behind "/restconf/", or the whole path; '*' stands for a key
     answer (*serve)(const call &asked);
     unsigned parameters = none; // parameter_group bits
     unsigned filters = 0;       // filter_kind bits
@@ -617,16 +674,28 @@ constexpr resource resources[] = {
     {"data/l2fib-mac:mac-counts/mac-count", list_counts, paging | grouping, filters_of_entries},
     {"data/l2fib-mac:vteps/vtep", list_vteps, paging, filters_of_vteps},
     {"data/l2fib-mac:tunnel-entries/tunnel-entry", list_tunnel_entries, paging, filters_of_tunnel_entries},
+    {"data/l2fib-mac:moves/move", list_moves, paging | address, filters_of_moves},
+    {"data/l2fib-mac:flaps/flap", list_flaps, paging | address | window, filters_of_flaps},
     {"data/l2fib-mac:health", get_health},
     {"data/l2fib-mac:traces/trace", list_traces, paging},
     {"operations/l2fib-mac:resync", resync, none, 0, true},
+    {events_path, watch_events, address, filters_of_events},
+    {metrics_path, get_metrics},
 };
+static_assert(std::size(resources) <= max_resources);
+
+// The pattern in the form of shape_of.
+std::string whole_pattern(const resource &of)
+{
+    const bool is_whole = of.pattern.starts_with('/');
+    return std::string(is_whole ? "" : "restconf/").append(of.pattern.substr(is_whole ? 1 : 0));
+}
 
 const resource &find_resource(const target &to)
 {
     const std::string shape = shape_of(to);
     for (const resource &candidate : resources) {
-        if (shape == std::string("restconf/").append(candidate.pattern)) {
+        if (shape == whole_pattern(candidate)) {
             return candidate;
         }
     }
@@ -643,6 +712,23 @@ void check_method(const resource &found, std::string_view method)
     std::string allowed(found.is_operation ? operation_method : "GET, HEAD");
     throw api_error{http_status::method_not_allowed, error_tag::operation_not_supported,
                     "method " + std::string(method) + ": expected " + allowed, allowed};
+}
+
+// Resources that nobody has asked for are shown too, so that a rate over their first request is right.
+answer get_metrics(const call &asked)
+{
+    metric_figures figures = read_figures();
+    figures.server = asked.context.server();
+    figures.resyncs = asked.context.resyncs.durations();
+    figures.last_resync = asked.context.resyncs.last_resync();
+    for (size_t at = 0; at < std::size(resources); at++) {
+        figures.requests.push_back(
+            {std::string("/").append(whole_pattern(resources[at])), asked.context.durations[at].read()});
+    }
+    figures.requests.push_back({"none", asked.context.durations[no_resource].read()});
+    const exposition_format format = format_of(asked.sent.accept);
+    return {
+        .body = metrics_text(figures, format), .worth = figures.health.state, .content_type = content_type_of(format)};
 }
 
 std::string names_of_parameters(const resource &found)
@@ -689,13 +775,21 @@ bool is_read_method(std::string_view method)
     return method == "GET" || method == "HEAD";
 }
 
+bool is_stream_request(std::string_view uri)
+{
+    return uri.substr(0, uri.find('?')) == events_path;
+}
+
 answer answer_request(const request &asked, const api_context &context)
 {
     const target to = parse_target(asked.uri);
     const resource &found = find_resource(to);
+    if (asked.resource != nullptr) {
+        *asked.resource = static_cast<size_t>(&found - resources);
+    }
     check_method(found, asked.method);
     check_parameters(found, to);
-    return found.serve({to, asked.body, context});
+    return found.serve({to, asked, context});
 }
 
 } // namespace l2fibd

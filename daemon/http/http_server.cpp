@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <new>
 #include <string>
@@ -17,6 +18,7 @@
 #include <utility>
 
 #include <microhttpd.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include "base/text.h"
@@ -26,6 +28,7 @@
 #include "daemon/http/request_deadlines.h"
 #include "daemon/http/response.h"
 #include "daemon/log.h"
+#include "forwarding/feeder/answers/history.h"
 
 namespace l2fibd {
 
@@ -35,11 +38,14 @@ struct server_state {
     fair_places connections{"connections open"};
     refused_connections refused{max_refused_connections};
     fair_places requests{"requests under way"};
+    fair_places watchers{"event streams open"};
     std::atomic<uint32_t> open_connections{0};
     std::atomic<uint32_t> active_requests{0};
     resync_requester resyncs;
     kept_selections selections;
-    const api_context context{resyncs, selections, [this] { return health(); }};
+    request_durations durations;
+    const int64_t start_time = std::time(nullptr);
+    const api_context context{resyncs, selections, [this] { return health(); }, durations};
 
     server_health health() const
     {
@@ -47,7 +53,10 @@ struct server_state {
                 .refused_requests = requests.refused(),
                 .open_connections = open_connections.load(),
                 .refused_connections = connections.refused(),
-                .dropped_log_lines = log_lines_dropped()};
+                .watchers = watchers.taken(),
+                .refused_watchers = watchers.refused(),
+                .dropped_log_lines = log_lines_dropped(),
+                .start_time = start_time};
     }
 };
 
@@ -56,8 +65,10 @@ namespace {
 // A body beyond max_body_bytes is read and dropped up to here, so that the client gets its answer.
 constexpr size_t max_dropped_bytes = 64 * max_body_bytes;
 
-constexpr const char *content_type = "application/yang-data+json";
+constexpr const char *json_type = "application/yang-data+json";
+constexpr const char *stream_type = "text/event-stream";
 constexpr const char *completeness_header = "L2fib-Completeness";
+constexpr const char *last_event_id_header = "Last-Event-ID";
 
 // ---- Requests and connections ----
 
@@ -71,6 +82,9 @@ struct exchange {
     bool has_begun = false;
     bool is_active = false;
     place taken = place::none;
+    place watching = place::none;
+    size_t resource = no_resource;
+    std::chrono::steady_clock::time_point arrived = {}; // the whole request
 
     exchange(server_state &of, uid_t sender, const char *requested)
         : server(of)
@@ -80,7 +94,11 @@ struct exchange {
     ~exchange()
     {
         server.requests.give_back(user, taken);
+        server.watchers.give_back(user, watching);
         server.active_requests -= is_active ? 1 : 0;
+        if (is_active) {
+            server.durations[resource].add(std::chrono::steady_clock::now() - arrived);
+        }
     }
     exchange(const exchange &) = delete;
     exchange &operator=(const exchange &) = delete;
@@ -93,6 +111,7 @@ struct client {
     const int socket;
     const uid_t user;
     const admission admitted; // without a place: the connection is refused
+    bool is_counted = true;   // among the connections. An event stream is not
     std::unique_ptr<exchange> current = nullptr;
 
     client(server_state &of, int connected, uid_t peer)
@@ -103,15 +122,21 @@ struct client {
     {
         server.open_connections++;
     }
-    ~client()
-    {
-        server.connections.give_back(user, admitted.taken);
-        server.open_connections--;
-    }
+    ~client() { stop_counting(); }
     client(const client &) = delete;
     client &operator=(const client &) = delete;
 
     bool is_refused() const { return admitted.taken == place::none; }
+    bool is_last_request() const { return is_refused() || !is_counted; }
+
+    // Gives back the connection's place. The connection ends with the answer that is under way.
+    void stop_counting()
+    {
+        if (std::exchange(is_counted, false)) {
+            server.connections.give_back(user, admitted.taken);
+            server.open_connections--;
+        }
+    }
     std::chrono::seconds time_to_send() const { return is_refused() ? max_refused_time : max_send_time; }
 };
 
@@ -127,6 +152,8 @@ client *client_of(MHD_Connection *connection)
 MHD_Result send(MHD_Connection *connection, answer &&from, const std::string &allow)
 {
     const http_status status = from.status;
+    const char *const fallback_type = from.is_stream ? stream_type : json_type;
+    const char *const content_type = from.content_type != nullptr ? from.content_type : fallback_type;
     const char *const worth = forwarding::text_of(from.worth);
     const response_ptr response = make_response(std::move(from));
     if (response == nullptr) {
@@ -137,7 +164,7 @@ MHD_Result send(MHD_Connection *connection, answer &&from, const std::string &al
     }
     MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CACHE_CONTROL, "no-cache");
     MHD_add_response_header(response.get(), completeness_header, worth);
-    if (const client *to = client_of(connection); to != nullptr && to->is_refused()) {
+    if (const client *to = client_of(connection); to != nullptr && to->is_last_request()) {
         MHD_add_response_header(response.get(), MHD_HTTP_HEADER_CONNECTION, "close");
     }
     if (!allow.empty()) {
@@ -152,20 +179,52 @@ MHD_Result send_error(MHD_Connection *connection, const api_error &error)
                 error.allow);
 }
 
-// Takes one of the places for requests until the exchange ends. Health needs no place: it is short, and it shows why
-// other requests are refused.
-void admit_request(const client &from, const char *method, exchange &of)
+void take_place(const client &from, fair_places &places, place &taken)
 {
-    of.is_active = true;
-    of.server.active_requests++;
-    if (of.uri == health_path && is_read_method(method)) {
-        return;
-    }
-    const admission admitted = from.is_refused() ? from.admitted : of.server.requests.take(of.user);
-    of.taken = admitted.taken;
-    if (of.taken == place::none) {
+    const admission admitted = from.is_refused() ? from.admitted : places.take(from.user);
+    taken = admitted.taken;
+    if (taken == place::none) {
         throw api_error{http_status::unavailable, error_tag::resource_denied, admitted.refusal};
     }
+}
+
+// Takes one of the places for requests, or for event streams, until the exchange ends. Health and metrics need no
+// place: they are short, and they show why other requests are refused.
+void admit_request(const client &from, const char *method, exchange &of)
+{
+    if (is_stream_request(of.uri)) {
+        take_place(from, of.server.watchers, of.watching);
+        return;
+    }
+    of.is_active = true;
+    of.arrived = std::chrono::steady_clock::now();
+    of.server.active_requests++;
+    if (!is_read_method(method) || (of.uri != health_path && of.uri != metrics_path)) {
+        take_place(from, of.server.requests, of.taken);
+    }
+}
+
+// Whether the client closed its connection. A client that only stopped sending still reads.
+bool has_hung_up(int socket)
+{
+    pollfd client = {socket, 0, 0};
+    return poll(&client, 1, 0) == 1;
+}
+
+answer answer_exchange(MHD_Connection *connection, const char *method, exchange &of)
+{
+    const auto header = [&](const char *name) {
+        return MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+    };
+    const int socket = client_of(connection)->socket;
+    return answer_request({.method = method,
+                           .uri = of.uri,
+                           .body = of.body,
+                           .last_event_id = header(last_event_id_header),
+                           .accept = header(MHD_HTTP_HEADER_ACCEPT),
+                           .has_client_left = [socket] { return has_hung_up(socket); },
+                           .resource = &of.resource},
+                          of.server.context);
 }
 
 MHD_Result serve(MHD_Connection *connection, const char *method, exchange &of)
@@ -174,8 +233,13 @@ MHD_Result serve(MHD_Connection *connection, const char *method, exchange &of)
         log(level, std::string(method) + " " + of.uri + ": " + text);
     };
     try {
-        admit_request(*client_of(connection), method, of);
-        return send(connection, answer_request({method, of.uri, of.body}, of.server.context), {});
+        client &from = *client_of(connection);
+        admit_request(from, method, of);
+        answer found = answer_exchange(connection, method, of);
+        if (found.is_stream) {
+            from.stop_counting();
+        }
+        return send(connection, std::move(found), {});
     } catch (const api_error &error) {
         log_failure(log_level::debug, error.what());
         return send_error(connection, error);
@@ -324,13 +388,20 @@ size_t keep_encoded(void * /*context*/, MHD_Connection * /*connection*/, char *t
 
 // ---- Start and end ----
 
+void set_size(fair_places &places, uint32_t count)
+{
+    places.set_size(count - count / reserve_divisor, count / reserve_divisor);
+}
+
 // Divides the descriptors that the limit of open files leaves. Returns the library's limit of connections, which counts
 // refused ones and those that are being closed.
 uint32_t set_places(server_state &server)
 {
-    const uint32_t places = free_descriptors(own_descriptors + max_connections) - own_descriptors;
-    server.connections.set_size(places - places / reserve_divisor, places / reserve_divisor);
-    server.requests.set_size(max_requests - max_requests / reserve_divisor, max_requests / reserve_divisor);
+    const uint32_t places = free_descriptors(own_descriptors + max_connections + max_watchers) - own_descriptors;
+    const uint32_t connections = std::clamp(places - places / 2, min_places, max_connections);
+    set_size(server.connections, connections);
+    set_size(server.watchers, places - connections);
+    set_size(server.requests, max_requests);
     return places + max_refused_connections + max_closing_connections;
 }
 
@@ -355,13 +426,15 @@ MHD_Daemon *start_library(server_state &server, int listener, uint32_t resync_wa
                             MHD_OPTION_END);
 }
 
-// After give_up() each list writes the reason as its last page. Waits until those pages are sent, at most a second.
+// After give_up() each list writes the reason as its last page, and each event stream its end. Waits until these are
+// sent, at most a second. A stream may have begun to wait for an event just before, so it is woken more than once.
 void wait_for_last_pages(const server_state &server)
 {
     constexpr auto max_wait = std::chrono::seconds(1);
     constexpr auto poll_interval = std::chrono::milliseconds(10);
     const auto end = std::chrono::steady_clock::now() + max_wait;
-    while (server.active_requests != 0 && std::chrono::steady_clock::now() < end) {
+    while ((server.active_requests != 0 || server.watchers.taken() != 0) && std::chrono::steady_clock::now() < end) {
+        forwarding::wake_event_readers();
         std::this_thread::sleep_for(poll_interval);
     }
 }

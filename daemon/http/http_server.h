@@ -26,6 +26,9 @@ inline constexpr uint32_t max_connections = 64; // fewer if the limit of open fi
 inline constexpr uint32_t max_requests = 32;
 inline constexpr uint32_t reserve_divisor = 8;
 
+// Places for event streams. A connection that becomes a stream gives back its place as a connection.
+inline constexpr uint32_t max_watchers = 64; // fewer if the limit of open files leaves less
+
 // How long a client may take to send its next request, all of it.
 inline constexpr auto max_send_time = std::chrono::seconds(10);
 
@@ -46,7 +49,8 @@ inline constexpr uint32_t max_closing_connections = 16;
 inline constexpr uint32_t library_descriptors = 4;
 inline constexpr uint32_t own_descriptors = max_refused_connections + max_closing_connections + library_descriptors;
 
-// A start needs this number of descriptors: the server's own, and places for a few clients.
+// A start needs this number of descriptors: the server's own, and places for a few clients. Event streams get at most
+// half of the places that there are, and none of these.
 inline constexpr uint32_t min_places = 8;
 inline constexpr uint32_t min_http_descriptors = own_descriptors + min_places;
 

@@ -13,25 +13,25 @@ namespace l2fibd {
 
 namespace {
 
-// The library's buffer for an answer of several pages.
+// The library's buffer for an answer of several parts.
 constexpr size_t piece_bytes = size_t{32} * 1024;
 
-// A list's answer: the page that is being sent, and the stream that makes the next one.
+// An answer in several parts: the part that is being sent, and the stream that makes the next one.
 struct streamed_body {
-    std::string page;
-    size_t sent = 0; // of the page
-    std::unique_ptr<list_stream> rest;
+    std::string part;
+    size_t sent = 0; // of the part
+    std::unique_ptr<answer_stream> rest;
 };
 
-// Makes the next page if the last one was sent. False at the end of the list.
+// Makes the next part if the last one was sent. False at the end of the answer.
 bool refill(streamed_body &body)
 {
-    while (body.sent == body.page.size()) {
+    while (body.sent == body.part.size()) {
         if (body.rest->finished()) {
             return false;
         }
         body.sent = 0;
-        body.rest->write_next(body.page);
+        body.rest->write_next(body.part);
     }
     return true;
 }
@@ -55,7 +55,7 @@ ssize_t read_piece(void *context, uint64_t /*position*/, char *to, size_t room) 
     } catch (const std::exception &error) {
         return cut(error.what());
     }
-    const size_t count = body.page.copy(to, room, body.sent);
+    const size_t count = body.part.copy(to, room, body.sent);
     body.sent += count;
     return static_cast<ssize_t>(count);
 }
@@ -73,7 +73,7 @@ response_ptr make_response(answer &&from)
         return response_ptr(MHD_create_response_from_buffer(from.body.size(), from.body.data(), MHD_RESPMEM_MUST_COPY));
     }
     auto body = std::make_unique<streamed_body>();
-    body->page = std::move(from.body);
+    body->part = std::move(from.body);
     body->rest = std::move(from.rest);
     response_ptr response(
         MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, piece_bytes, read_piece, body.get(), free_body));

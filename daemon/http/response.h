@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Makes the HTTP library's response from an answer of the API. A list's response produces its pages while the library
-// sends them, so that only one page is in memory.
+// Makes the HTTP library's response from an answer of the API. The response of a list or of an event stream makes its
+// parts while the library sends them, so that only one part is in memory.
 //
 // Threads: a response belongs to the thread of its connection.
 #pragma once

@@ -110,6 +110,7 @@ public:
 
     // Counts the entries of a bridge domain. Returns 0, or ENOENT if there is no such bridge domain.
     uint32_t count(uint16_t bridge_id, edm_mac_counters_t &counters) const;
+    domain_counts count_domains() const; // see forwarding.h
     // Asks the plane for an address of a bridge domain. Returns false if the plane holds no such entry or cannot
     // answer.
     bool ask(uint32_t bridge_id, const mac_address &mac, fdb_record &record);

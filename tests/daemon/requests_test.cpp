@@ -204,7 +204,8 @@ api_error refusal_of(std::string_view method, std::string_view uri)
 {
     resync_requester resyncs;
     kept_selections selections;
-    const api_context context{resyncs, selections, [] { return server_health(); }};
+    request_durations durations;
+    const api_context context{resyncs, selections, [] { return server_health(); }, durations};
     try {
         answer_request({method, std::string("/restconf/").append(uri)}, context);
     } catch (const api_error &error) {

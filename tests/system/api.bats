@@ -41,11 +41,6 @@ expect_json()
     jq --exit-status "$1" <<<"$body" >/dev/null || { echo "not $1: ${body:0:500}" && return 1; }
 }
 
-memory_of()
-{
-    awk '$1 == "VmRSS:" { print $2 }' "/proc/$1/status"
-}
-
 # cursor TEXT: prints a cursor with this content and the running daemon's id.
 cursor()
 {

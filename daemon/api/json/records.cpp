@@ -19,18 +19,6 @@ namespace {
 constexpr uint64_t ns_per_second = 1'000'000'000;
 constexpr uint64_t ns_per_microsecond = 1'000;
 
-void write_if_set(json_writer &json, std::string_view name, uint32_t number)
-{
-    if (number != 0) {
-        json.member(name, number);
-    }
-}
-
-void write_mac(json_writer &json, std::string_view name, const forwarding::mac_address &mac)
-{
-    json.formatted_member(name, [&](char *at) { return base::write_mac_text(at, mac); });
-}
-
 // ---- Flags ----
 
 // The API's names for the bits of `flags` and of `ext_flags`.
@@ -52,18 +40,6 @@ constexpr flag_name flag_names[] = {
 };
 
 constexpr std::string_view origin_words[forwarding::row_origins] = {"learned", "static", "local"};
-
-void write_flags(json_writer &json, const forwarding::mac_row &row)
-{
-    json.member("origin", origin_words[static_cast<size_t>(forwarding::origin_of(row.flags))]);
-    json.begin_array("flags");
-    for (const flag_name &name : flag_names) {
-        if ((row.flags & name.flag) != 0 || (row.ext_flags & name.ext_flag) != 0) {
-            json.text(name.name);
-        }
-    }
-    json.end_array();
-}
 
 void write_times(json_writer &json, const forwarding::mac_row &row, bool is_ordered)
 {
@@ -101,6 +77,18 @@ void write_segment(json_writer &json, const forwarding::mac_row &row)
 
 } // namespace
 
+void write_flags(json_writer &json, uint16_t flags, uint16_t ext_flags)
+{
+    json.member("origin", origin_words[static_cast<size_t>(forwarding::origin_of(flags))]);
+    json.begin_array("flags");
+    for (const flag_name &name : flag_names) {
+        if ((flags & name.flag) != 0 || (ext_flags & name.ext_flag) != 0) {
+            json.text(name.name);
+        }
+    }
+    json.end_array();
+}
+
 void write_row(json_writer &json, const forwarding::mac_row &row, bool is_ordered)
 {
     json.begin_object();
@@ -113,7 +101,7 @@ void write_row(json_writer &json, const forwarding::mac_row &row, bool is_ordere
     if (row.port != nullptr) {
         json.member("port", row.port->name);
     }
-    write_flags(json, row);
+    write_flags(json, row.flags, row.ext_flags);
     write_times(json, row, is_ordered);
     write_segment(json, row);
     json.end_object();

@@ -6,6 +6,7 @@
 // Threads: pure functions; any thread may call them.
 #pragma once
 
+#include "base/text.h"
 #include "daemon/api/json/json_writer.h"
 #include "forwarding/feeder/answers/history.h"
 #include "forwarding/feeder/answers/reading.h"
@@ -13,6 +14,22 @@
 #include "host/trace/trace_reader.h"
 
 namespace l2fibd {
+
+// Parts of items. `name` is that of the member.
+inline void write_if_set(json_writer &json, std::string_view name, uint32_t number) // unless it is 0
+{
+    if (number != 0) {
+        json.member(name, number);
+    }
+}
+
+inline void write_mac(json_writer &json, std::string_view name, const forwarding::mac_address &mac)
+{
+    json.formatted_member(name, [&](char *at) { return base::write_mac_text(at, mac); });
+}
+
+// Writes `origin` and `flags`, from EDM_MAC_ and EDM_MAC_EXT_ bits.
+void write_flags(json_writer &json, uint16_t flags, uint16_t ext_flags);
 
 // Shows the time that is left with `is_ordered`, in the lists of mac-aging.
 void write_row(json_writer &json, const forwarding::mac_row &row, bool is_ordered);

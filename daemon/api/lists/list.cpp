@@ -3,23 +3,12 @@
 #include "daemon/api/lists/list.h"
 
 #include <algorithm>
-#include <random>
 #include <utility>
 
 #include "base/text.h"
+#include "daemon/api/process_mark.h"
 
 namespace l2fibd {
-
-namespace {
-
-// A random number. A process that starts later has another one.
-const std::string &process_mark()
-{
-    static const std::string mark = std::to_string(std::random_device()());
-    return mark;
-}
-
-} // namespace
 
 std::string cursor_of(const std::string &key)
 {
@@ -99,6 +88,7 @@ void list_stream::write_end(json_writer &json, const list_source::position &at) 
     if (at.more) {
         json.member("l2fib-mac:next-cursor", cursor_of(at.key));
     }
+    source_->write_members(json);
     write_completeness(json, watch_);
     json.end_object();
 }

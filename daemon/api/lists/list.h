@@ -18,6 +18,7 @@
 #include <string>
 #include <string_view>
 
+#include "daemon/api/answer_stream.h"
 #include "daemon/api/database.h"
 #include "daemon/api/json/api_error.h"
 #include "daemon/api/json/json_writer.h"
@@ -44,6 +45,9 @@ public:
 
     // Writes the next items, at most `max_items`, which is from 1 to max_page_items. Throws api_error.
     virtual position fetch(uint32_t max_items, json_writer &json) = 0;
+
+    // Writes members of the answer that follow the list and are of this list only.
+    virtual void write_members(json_writer & /*json*/) const {}
 };
 
 // A cursor for clients: the key, marked with this process and encoded for a URI. The mark is needed because the key
@@ -56,7 +60,7 @@ std::string key_of_cursor(const std::string &text);
 // The error for a cursor that is none, or that another list made.
 api_error wrong_cursor(const std::string &text);
 
-class list_stream {
+class list_stream final : public answer_stream {
 public:
     static constexpr uint64_t no_limit = UINT64_MAX;
 
@@ -66,14 +70,13 @@ public:
 
     // Replaces `text` by the next page of the JSON text. On the first page, throws api_error. On a later one, an error
     // becomes the list's failure.
-    void write_next(std::string &text);
-    bool finished() const { return is_finished_; }
+    void write_next(std::string &text) override;
+    bool finished() const override { return is_finished_; }
 
     // The worst completeness since the stream was created. Bring the table up to date before you create the stream.
     forwarding::completeness worst() const { return watch_.worst(); }
 
-    // Why a finished list was cut. Empty if it was not.
-    const std::string &failure() const { return failure_; }
+    const std::string &failure() const override { return failure_; }
 
 private:
     void write_page(json_writer &json);

@@ -11,6 +11,7 @@
 #include "base/text.h"
 #include "daemon/api/json/api_error.h"
 #include "daemon/api/json/records.h"
+#include "daemon/api/lists/keys.h"
 
 namespace l2fibd {
 
@@ -26,11 +27,6 @@ void require_running(const forwarding::row_page &page)
 
 // ---- Cursors ----
 
-[[noreturn]] void refuse_cursor(const std::string &start)
-{
-    throw wrong_cursor(cursor_of(start));
-}
-
 // The number in a key of one number. `first` is the list's beginning.
 uint32_t number_of(const std::optional<std::string> &start, uint32_t first)
 {
@@ -39,31 +35,6 @@ uint32_t number_of(const std::optional<std::string> &start, uint32_t first)
         refuse_cursor(*start);
     }
     return static_cast<uint32_t>(*number);
-}
-
-// The numbers in a key such as "t 1 3 2199023255553 1". The word in front names the kind of list.
-template <size_t Count>
-std::array<uint64_t, Count> numbers_of(const std::string &start, std::string_view kind)
-{
-    const auto fields = base::split(start, ' ');
-    std::array<uint64_t, Count> numbers{};
-    if (fields.size() != Count + 1 || fields.front() != kind) {
-        refuse_cursor(start);
-    }
-    for (size_t at = 0; at < Count; at++) {
-        const auto number = base::parse_number(fields[at + 1]);
-        if (!number) {
-            refuse_cursor(start);
-        }
-        numbers[at] = *number;
-    }
-    return numbers;
-}
-
-template <typename... Numbers>
-std::string key_of(std::string_view kind, Numbers... numbers)
-{
-    return (std::string(kind) + ... + (" " + std::to_string(numbers)));
 }
 
 // ---- Objects ----

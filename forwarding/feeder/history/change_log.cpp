@@ -107,6 +107,7 @@ void change_log::put(const kept_event &event)
         leave(goes->place, goes->before);
     }
     events_.add(event);
+    of_kinds_[static_cast<size_t>(event.kind)]++;
 }
 
 void change_log::keep_move(const kept_event &event, int64_t was_since_ms)
@@ -355,7 +356,7 @@ history_view change_log::view() const
 {
     const base::scoped_lock hold(mutex_);
     return {events_.size(), events_.newest(), moves_.keeps_any() ? moves_.ring().size() : 0,
-            events_.bytes() + moves_.bytes()};
+            events_.bytes() + moves_.bytes(), of_kinds_};
 }
 
 } // namespace forwarding

@@ -106,6 +106,7 @@ private:
     number_ring<kept_event> events_ L2FIB_GUARDED_BY(mutex_);
     move_log moves_ L2FIB_GUARDED_BY(mutex_);
     int64_t moves_since_ms_ L2FIB_GUARDED_BY(mutex_) = 0; // everything since then is kept
+    std::array<uint64_t, change_kinds> of_kinds_ L2FIB_GUARDED_BY(mutex_) = {};
     std::unordered_map<uint16_t, uint64_t> of_domains_ L2FIB_GUARDED_BY(mutex_);
     std::unordered_map<uint32_t, uint64_t> of_ports_ L2FIB_GUARDED_BY(mutex_);
     uint64_t published_ L2FIB_GUARDED_BY(mutex_) = 0; // newest event of which waiting readers know
