@@ -125,6 +125,9 @@ void check_order(const given_names &given, const client_options &options)
             fail_usage("--aging excludes --sort " + one.value);
         }
     }
+    if (options.reverse && options.sorted_by.empty()) {
+        fail_usage("--reverse: expected together with --sort");
+    }
     if (options.reverse && options.sorted_by == last_seen_word) {
         fail_usage("--reverse: not with the order last-seen; --sort age begins with the youngest");
     }

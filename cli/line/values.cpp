@@ -2,11 +2,7 @@
 
 #include "cli/line/values.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <sys/un.h>
 
@@ -18,8 +14,6 @@ namespace {
 
 constexpr size_t max_name_length = 255; // above every real name, and short enough for a request's URI
 constexpr size_t max_path_length = sizeof(sockaddr_un::sun_path) - 1;
-constexpr size_t max_prefix_digits = 2 * base::mac_bytes;
-constexpr std::string_view prefix_expectation = "1 to 12 hexadecimal digits such as 02:00:5e, 0200.5e or 02005e";
 
 base::result expected(std::string_view value, std::string_view expectation)
 {
@@ -48,42 +42,6 @@ base::result check_length(const std::string &value, size_t max_length, const std
                                 "expected " + subject + " of 1 to " + std::to_string(max_length) + " characters");
 }
 
-struct age_unit {
-    char letter;
-    uint64_t seconds;
-};
-constexpr age_unit age_units[] = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}};
-
-// How a prefix is written between its separators.
-struct prefix_form {
-    char separator;
-    size_t digits; // of each part but the last
-};
-constexpr prefix_form prefix_forms[] = {{':', 2}, {'-', 2}, {'.', 4}};
-
-bool is_hexadecimal(std::string_view text)
-{
-    return std::ranges::all_of(text, [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) != 0; });
-}
-
-// Returns the digits of "2:0:5e" or "0200.5e" without separators: "02005e". An octet may lack its leading zero. Behind
-// dots the last part may be shorter, because half octets count there. Returns an empty text if a part has another
-// length.
-std::string join_parts(std::string_view text, const prefix_form &written)
-{
-    const bool has_octets = written.digits == 2;
-    std::string digits;
-    const std::vector<std::string_view> parts = base::split(text, written.separator);
-    for (const std::string_view &part : parts) {
-        const bool may_be_short = has_octets || &part == &parts.back();
-        if (part.empty() || part.size() > written.digits || (part.size() < written.digits && !may_be_short)) {
-            return "";
-        }
-        digits.append(has_octets ? written.digits - part.size() : 0, '0').append(part);
-    }
-    return digits;
-}
-
 const option_row *find_filter(std::string_view name, command_kind command)
 {
     const option_row *row = find_option(name, command);
@@ -103,18 +61,6 @@ std::string filter_names(command_kind command)
 }
 
 } // namespace
-
-std::optional<uint64_t> parse_age(std::string_view text)
-{
-    uint64_t factor = 1;
-    const auto *unit = std::ranges::find(age_units, text.empty() ? '\0' : text.back(), &age_unit::letter);
-    if (unit != std::end(age_units)) {
-        factor = unit->seconds;
-        text.remove_suffix(1);
-    }
-    const auto number = base::parse_number(text, UINT32_MAX);
-    return number ? std::optional(*number * factor) : std::nullopt;
-}
 
 base::result check_choice(const value_place &place, std::string &value)
 {
@@ -142,15 +88,12 @@ base::result check_path(const value_place & /*place*/, std::string &value)
 
 base::result check_ip(const value_place & /*place*/, std::string &value)
 {
-    in6_addr address = {}; // large enough for both families
-    const bool fits =
-        inet_pton(AF_INET, value.c_str(), &address) == 1 || inet_pton(AF_INET6, value.c_str(), &address) == 1;
-    return fits ? base::success() : expected(value, "an IP address such as 192.0.2.1 or 2001:db8::1");
+    return base::parse_ip(value) ? base::success() : expected(value, "an IP address such as 192.0.2.1 or 2001:db8::1");
 }
 
 base::result check_age(const value_place & /*place*/, std::string &value)
 {
-    return parse_age(value) ? base::success() : expected(value, "an age such as 90, 90s, 15m, 2h or 1d");
+    return base::parse_duration(value) ? base::success() : expected(value, "an age such as 90, 90s, 15m, 2h or 1d");
 }
 
 base::result check_address(const value_place & /*place*/, std::string &value)
@@ -165,14 +108,8 @@ base::result check_address(const value_place & /*place*/, std::string &value)
 
 base::result check_prefix(const value_place & /*place*/, std::string &value)
 {
-    const auto *written = std::ranges::find_if(
-        prefix_forms, [&](const prefix_form &row) { return value.find(row.separator) != std::string::npos; });
-    const std::string digits = written != std::end(prefix_forms) ? join_parts(value, *written) : value;
-    if (digits.empty() || digits.size() > max_prefix_digits || !is_hexadecimal(digits)) {
-        return expected(value, prefix_expectation);
-    }
-    value = digits;
-    return base::success();
+    const bool fits = base::parse_mac_prefix(value).has_value();
+    return fits ? base::success() : expected(value, "1 to 12 hexadecimal digits such as 02:00:5e, 0200.5e or 02005e");
 }
 
 base::result check_not(const value_place &place, std::string &value)
@@ -222,7 +159,7 @@ void store_color(client_options &to, const option_row & /*row*/, const std::stri
 
 void store_window(client_options &to, const option_row & /*row*/, const std::string &value)
 {
-    to.window_seconds = *parse_age(value);
+    to.window_seconds = *base::parse_duration(value);
 }
 
 // --aging means --sort last-seen. check_combination of parser.cpp refuses another order beside it.

@@ -6,16 +6,11 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
-#include <string_view>
 
 #include "cli/line/table.h"
 
 namespace l2fibctl {
-
-// Parses "90", "90s", "15m", "2h" or "1d" as seconds.
-std::optional<uint64_t> parse_age(std::string_view text);
 
 // Each returns success or an error that names the value and what was expected.
 base::result check_choice(const value_place &place, std::string &value);
@@ -25,8 +20,8 @@ base::result check_path(const value_place &place, std::string &value);
 base::result check_ip(const value_place &place, std::string &value);
 base::result check_age(const value_place &place, std::string &value);
 base::result check_address(const value_place &place, std::string &value); // rewrites it in the API's form
-base::result check_prefix(const value_place &place, std::string &value);  // rewrites it as hexadecimal digits
-base::result check_not(const value_place &place, std::string &value);     // rewrites it as PARAMETER=VALUE
+base::result check_prefix(const value_place &place, std::string &value);
+base::result check_not(const value_place &place, std::string &value); // rewrites it as PARAMETER=VALUE
 base::result check_columns(const value_place &place, std::string &value);
 
 void store_filter(client_options &to, const option_row &row, const std::string &value);

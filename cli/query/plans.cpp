@@ -103,7 +103,10 @@ query_plan plan_mac(query_session &session)
     if (has_port) {
         static_cast<void>(find_ports(session)); // for mark_changed_ports
     }
-    std::string path = with_parameter(data_path("mac-table/mac-entry"), "mac", options.address);
+    // The daemon asks the forwarding plane about one address. In an order it selects among what the table has.
+    std::string path = data_path("mac-table/mac-entry");
+    path = options.sorted_by.empty() ? with_parameter(std::move(path), "mac", options.address)
+                                     : with_address(std::move(path), options);
     path = with_filters(std::move(path), options);
     path = with_switch(std::move(path), "flagged", options.flagged);
     path = with_parameter(std::move(path), "sort", options.sorted_by);
