@@ -153,14 +153,14 @@ TEST(KeptSelections, ContinueOneListOnce)
         selections.keep(selection_at(value, now_ms));
     }
     selections.keep(selection_at(4, now_ms)); // there is room for four: the first one goes
-    EXPECT_FALSE(selections.take(row_order::created, {0, 7, true, 5}));
-    EXPECT_FALSE(selections.take(row_order::created, {9, 7, true, 5}));
-    EXPECT_FALSE(selections.take(row_order::created, {2, 7, true, 6}));
-    EXPECT_FALSE(selections.take(row_order::last_seen, {2, 7, true, 5}));
-    const auto taken = selections.take(row_order::created, {2, 7, true, 5});
+    EXPECT_FALSE(selections.take({row_order::created}, {0, 7, true, 5}));
+    EXPECT_FALSE(selections.take({row_order::created}, {9, 7, true, 5}));
+    EXPECT_FALSE(selections.take({row_order::created}, {2, 7, true, 6}));
+    EXPECT_FALSE(selections.take({row_order::last_seen}, {2, 7, true, 5}));
+    const auto taken = selections.take({row_order::created}, {2, 7, true, 5});
     ASSERT_TRUE(taken);
     EXPECT_EQ(taken->keys[taken->next].value, 3u);
-    EXPECT_FALSE(selections.take(row_order::created, {2, 7, true, 5}));
+    EXPECT_FALSE(selections.take({row_order::created}, {2, 7, true, 5}));
 }
 
 struct socket_pair {

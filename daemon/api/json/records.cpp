@@ -51,11 +51,11 @@ constexpr flag_name flag_names[] = {
     {0, EDM_MAC_EXT_INACTIVE, "inactive"},
 };
 
+constexpr std::string_view origin_words[forwarding::row_origins] = {"learned", "static", "local"};
+
 void write_flags(json_writer &json, const forwarding::mac_row &row)
 {
-    json.member("origin", (row.flags & EDM_MAC_LOCAL) != 0    ? "local"
-                          : (row.flags & EDM_MAC_STATIC) != 0 ? "static"
-                                                              : "learned");
+    json.member("origin", origin_words[static_cast<size_t>(forwarding::origin_of(row.flags))]);
     json.begin_array("flags");
     for (const flag_name &name : flag_names) {
         if ((row.flags & name.flag) != 0 || (row.ext_flags & name.ext_flag) != 0) {
@@ -85,6 +85,8 @@ void write_segment(json_writer &json, const forwarding::mac_row &row)
     write_if_set(json, "source-vni", row.source_vni);
     if ((row.flags & EDM_MAC_VNI) != 0 && row.vtep != std::array<uint8_t, base::ipv4_bytes>{}) {
         json.formatted_member("vtep", [&](char *at) { return base::write_ipv4_text(at, row.vtep); });
+    } else if (row.ipv6_vtep != base::ip_address{}) {
+        json.member("vtep", base::ip_text(row.ipv6_vtep));
     }
     if ((row.flags & EDM_MAC_PBB) != 0) {
         write_mac(json, "backbone-mac", row.backbone);
@@ -137,6 +139,52 @@ void write_mac_count(json_writer &json, const forwarding::entry_counts &counts, 
     json.member("local", counts.local);
     if (with_own) {
         json.member("bridge-own", counts.bridge_own);
+    }
+    json.end_object();
+}
+
+namespace {
+
+void write_place(json_writer &json, const forwarding::group_key &key, const forwarding::object_views &objects)
+{
+    const auto [bridge_id, xcid] = key.place;
+    if (const auto *domain = objects.find_domain(bridge_id); domain != nullptr) {
+        json.member("domain", domain->name);
+    }
+    if (xcid == 0 || xcid == EDM_XCID_DUMMY) {
+        return;
+    }
+    if (const auto *port = objects.find_port(bridge_id, xcid); port != nullptr) {
+        json.member("port", port->name);
+    }
+    json.member("xcid", xcid);
+}
+
+void write_group_vtep(json_writer &json, const base::ip_address &vtep)
+{
+    if (vtep != base::ip_address{}) {
+        const std::span all(vtep);
+        json.member("vtep", base::ip_text(base::is_ipv4(vtep) ? all.last(base::ipv4_bytes) : all));
+    }
+}
+
+} // namespace
+
+void write_group_count(json_writer &json, const forwarding::group_count &group, forwarding::count_group by,
+                       const forwarding::object_views &objects)
+{
+    using forwarding::count_group;
+    json.begin_object();
+    switch (by) {
+    case count_group::domain:
+    case count_group::port: write_place(json, group.key, objects); break;
+    case count_group::vlan: write_if_set(json, "vlan", group.key.vlan); break;
+    case count_group::vtep: write_group_vtep(json, group.key.vtep); break;
+    case count_group::type: json.member("origin", origin_words[static_cast<size_t>(group.key.type)]); break;
+    }
+    json.member("entries", group.entries);
+    for (size_t origin = 0; origin < forwarding::row_origins; origin++) {
+        json.member(origin_words[origin], group.by_origin[origin]);
     }
     json.end_object();
 }
