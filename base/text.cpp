@@ -23,6 +23,7 @@ constexpr size_t byte_digits = 2; // hexadecimal digits of a byte
 constexpr size_t word_digits = 4; // hexadecimal digits between the dots of aabb.ccdd.eeff
 constexpr unsigned year_digits = 4;
 constexpr unsigned field_digits = 2; // of the other parts of a time
+constexpr unsigned millisecond_digits = 3;
 
 uint8_t byte_at(std::string_view text, size_t at)
 {
@@ -410,6 +411,19 @@ char *write_utc_text(char *text, int64_t seconds)
     end = write_field(end, 'T', static_cast<unsigned>(clock.hours().count()));
     end = write_field(end, ':', static_cast<unsigned>(clock.minutes().count()));
     end = write_field(end, ':', static_cast<unsigned>(clock.seconds().count()));
+    *end++ = 'Z';
+    return end;
+}
+
+char *write_utc_ms_text(char *text, int64_t milliseconds)
+{
+    using namespace std::chrono;
+    const auto whole = floor<seconds>(std::chrono::milliseconds(milliseconds));
+    char *end = write_utc_text(text, whole.count());
+    end[-1] = '.'; // in the place of the Z
+    end =
+        write_digits(end, static_cast<unsigned>(milliseconds - duration_cast<std::chrono::milliseconds>(whole).count()),
+                     millisecond_digits);
     *end++ = 'Z';
     return end;
 }

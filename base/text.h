@@ -109,6 +109,10 @@ std::string utc_text(int64_t seconds);
 // Returns the end of the text.
 char *write_utc_text(char *text, int64_t seconds);
 
+// Writes milliseconds since the epoch as "2025-01-31T12:00:00.123Z" into a buffer, likewise.
+inline constexpr size_t utc_ms_text_size = utc_text_size + sizeof(".123") - 1;
+char *write_utc_ms_text(char *text, int64_t milliseconds);
+
 // The UTF-8 character of more than one byte: every byte but the first carries six bits of the code point.
 inline constexpr uint32_t utf8_continuation_bits = 6;
 inline constexpr uint8_t utf8_continuation_mask = 0x3f;

@@ -22,6 +22,7 @@ constexpr uint32_t max_mac_limit = 100'000'000;            // such a table takes
 constexpr uint32_t max_receive_buffer = uint32_t{1} << 30; // bytes; the kernel doubles it and counts in an int
 constexpr uint32_t max_proof_rate = 100'000; // entries a second, each of which is a question to the kernel
 constexpr uint16_t max_resync_wait = 3600;   // seconds; no client waits for more than an hour
+constexpr uint32_t max_kept = 10'000'000;    // events, or moves; ten million take 300 or 400 megabytes
 
 using setter = std::function<void(const std::string &)>;
 
@@ -30,14 +31,15 @@ using setter = std::function<void(const std::string &)>;
     throw CLI::ValidationError(option + " \"" + value + "\"", expected);
 }
 
-// Adds an option whose value is a number from 1 to `max`.
+// Adds an option whose value is a number from `min` to `max`.
 template <typename Number>
-void add_number(CLI::App &app, const std::string &name, Number &to, Number max, const std::string &description)
+void add_number(CLI::App &app, const std::string &name, Number &to, Number max, const std::string &description,
+                Number min = 1)
 {
-    const auto set = [name, &to, max](const std::string &text) {
+    const auto set = [name, &to, min, max](const std::string &text) {
         const auto number = base::parse_number(text, max);
-        if (!number || *number == 0) {
-            refuse(name, text, "expected a number from 1 to " + std::to_string(max));
+        if (!number || *number < min) {
+            refuse(name, text, "expected a number from " + std::to_string(min) + " to " + std::to_string(max));
         }
         to = static_cast<Number>(*number);
     };
@@ -162,6 +164,10 @@ void add_options(CLI::App &app, options &to)
                "entries compared with the kernel per second, to find changes that it did not report");
     add_number(app, "--resync-wait", to.forwarding.resync_wait_seconds, max_resync_wait,
                "seconds that a request waits for the forwarding plane");
+    add_number(app, "--events", to.forwarding.event_limit, max_kept,
+               "latest changes of entries that are kept for watchers");
+    add_number(app, "--history", to.forwarding.move_limit, max_kept,
+               "latest moves and removals of entries that are kept; 0: none", 0U);
     add_choice(app, "--log-level", to.finest_level, levels, "least severe lines that are logged");
     app.add_flag("--check", to.check_only, "start, bring the table up to date once, report its health, and end")
         ->disable_flag_override();

@@ -146,6 +146,9 @@ base::result check_options(const options &options)
     if (options.domain_limit == 0 || options.port_limit == 0) {
         return base::failure(EINVAL, "the limit of bridge domains or ports is 0, expected at least 1");
     }
+    if (options.event_limit == 0) {
+        return base::failure(EINVAL, "the limit of events is 0, expected at least 1");
+    }
     if (options.resync_wait_seconds == 0) {
         return base::failure(EINVAL, "the resync wait time is 0, expected at least 1 second");
     }
@@ -156,9 +159,10 @@ std::unique_ptr<running_module> make_module(std::unique_ptr<plane> source, const
 {
     auto made = std::make_unique<running_module>();
     const std::string group = options.group.empty() ? default_group() : options.group;
-    made->feed = std::make_unique<feeder>(
-        *source, feeder_settings{group, options.resync_wait_seconds, options.mac_limit, options.proof_rate,
-                                 options.domain_limit, options.port_limit, options.report});
+    made->feed =
+        std::make_unique<feeder>(*source, feeder_settings{group, options.resync_wait_seconds, options.mac_limit,
+                                                          options.proof_rate, options.domain_limit, options.port_limit,
+                                                          options.event_limit, options.move_limit, options.report});
     made->source = std::move(source);
     made->wait_seconds = options.resync_wait_seconds;
     return made;

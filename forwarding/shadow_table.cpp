@@ -518,6 +518,7 @@ void shadow_table::fdb_gone(const fdb_record &record)
         unchanged++;
         return;
     }
+    listener_.entry_gone(entry, record);
     remove(entry);
 }
 

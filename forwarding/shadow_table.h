@@ -146,6 +146,8 @@ public:
 
     // The entry is new, changed, moved or gone. A change of its age alone is reported by entry_confirmed.
     virtual void entry_touched(uint32_t entry) = 0;
+    // The plane reported a living entry gone with this record. entry_touched follows at once.
+    virtual void entry_gone(uint32_t /*entry*/, const fdb_record & /*record*/) {}
     // Another entry of its group was touched, so that the standing of this one may have changed.
     virtual void entry_affected(uint32_t entry) = 0;
     // The plane reported the entry again without a change. `has_aged` is true if only its time of last sight changed.

@@ -127,6 +127,9 @@ public:
     Record &operator[](uint32_t slot) { return pages_[slot]; }
     const Record &operator[](uint32_t slot) const { return pages_[slot]; }
 
+    // All slots below this were reached.
+    uint32_t bound() const { return pages_.bound(); }
+
 private:
     record_pages<Record> pages_;
 };
@@ -250,6 +253,9 @@ public:
         values_[slot].users++;
         return slot;
     }
+
+    // One more user of the value in a slot.
+    void share(uint32_t slot) { values_[slot].users++; }
 
     void leave(uint32_t slot)
     {

@@ -340,6 +340,13 @@ constexpr column proof_columns[] = {
 };
 constexpr resource proof = {"proof", layout::record, proof_columns};
 
+constexpr column history_columns[] = {
+    {"events-kept", "Events kept", &rest_kind},
+    {"moves-kept", "Moves kept", &rest_kind},
+    {"bytes", "Bytes", &rest_kind},
+};
+constexpr resource history = {"history", layout::record, history_columns};
+
 constexpr column lock_wait_columns[] = {
     {"thread", "Thread", &name_kind},         {"thread-id", "Thread Id", &number_kind},
     {"waited-ms", "Waited ms", &number_kind}, {"line", "Line", &number_kind},
@@ -377,6 +384,7 @@ constexpr column health_columns[] = {
     {"doubtful-kept", "Doubtful kept", &rest_kind},
     {"feeds", "Feeds", &rest_kind},
     {"feeds-full", "Full feeds", &rest_kind},
+    {"history", "History", &rest_kind, &history},
     {"proof", "Proof", &rest_kind, &proof},
     {"unmapped", "Unmapped", &rest_kind, &reasons},
     {"refused", "Refused", &rest_kind, &reasons},

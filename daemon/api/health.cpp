@@ -90,6 +90,15 @@ void write_proof(json_writer &json, const forwarding::proof_view &proof)
     json.end_object();
 }
 
+void write_history(json_writer &json, const forwarding::history_view &history)
+{
+    const counter counters[] = {
+        {"events-kept", history.events_kept}, {"moves-kept", history.moves_kept}, {"bytes", history.bytes}};
+    json.begin_object("history");
+    write_counters(json, counters);
+    json.end_object();
+}
+
 void write_plane(json_writer &json, const forwarding::health_view &view)
 {
     const counter counters[] = {
@@ -125,6 +134,7 @@ void write_plane(json_writer &json, const forwarding::health_view &view)
     write_counters(json, counters);
     write_limited(json, view.limited);
     write_proof(json, view.proof);
+    write_history(json, view.history);
     write_reasons(json, "unmapped", view.unmapped);
     write_reasons(json, "refused", view.refused);
     write_texts(json, "kernel-lacks", view.lacks);

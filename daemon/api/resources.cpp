@@ -6,6 +6,7 @@
 #include <array>
 #include <chrono>
 #include <exception>
+#include <span>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -226,6 +227,13 @@ std::optional<forwarding::order_request> order_parameter(const call &asked, cons
 
 // ---- Lists of entries ----
 
+// The order by creation shows when entries came. Other lists do so on request, because it costs a question.
+forwarding::row_details details_of(const call &asked)
+{
+    const std::string *sort = asked.parameter("sort");
+    return {.since = is_set(asked, "with-since") || (sort != nullptr && *sort == "created")};
+}
+
 // The MAC entries that pass the filter. Only the beginning of a list brings the table up to date: a cursor continues
 // the same list.
 answer list_entries(const call &asked, const forwarding::row_filter &filter, void (*update)(const call &asked))
@@ -233,16 +241,17 @@ answer list_entries(const call &asked, const forwarding::row_filter &filter, voi
     const std::optional<std::string> start = start_of(asked);
     const auto mac = mac_parameter(asked, filter);
     const auto order = order_parameter(asked, filter);
+    const forwarding::row_details details = details_of(asked);
     const uint64_t limit = limit_of(asked);
     if (!start) {
         update(asked);
     }
-    return stream(
-        asked, "mac-entry",
-        order ? make_ordered_source(*order, start, limit, {asked.context.selections, asked.context.resyncs, false})
-        : mac ? make_address_source(*mac, filter, start)
-              : make_table_source(filter, start),
-        limit);
+    return stream(asked, "mac-entry",
+                  order ? make_ordered_source(*order, start, limit,
+                                              {asked.context.selections, asked.context.resyncs, false, details})
+                  : mac ? make_address_source(*mac, filter, start)
+                        : make_table_source(filter, details, start),
+                  limit);
 }
 
 answer list_table(const call &asked)
@@ -282,7 +291,8 @@ answer list_by_age(const call &asked)
         asked.context.resyncs.resync_all();
     }
     return stream(asked, "mac-entry",
-                  make_ordered_source(wanted, start, limit, {asked.context.selections, asked.context.resyncs, true}),
+                  make_ordered_source(wanted, start, limit,
+                                      {asked.context.selections, asked.context.resyncs, true, details_of(asked)}),
                   limit);
 }
 
@@ -390,7 +400,7 @@ answer get_entry(const call &asked)
     const forwarding::domain_view domain = domain_of(*asked.to.path[asked.to.path.size() - 2].key);
     asked.context.resyncs.resync_domain(domain.name);
     return list_of_one("mac-entry", [&](json_writer &json) {
-        const forwarding::row_page found = forwarding::find_rows(mac, domain.bridge_id);
+        const forwarding::row_page found = forwarding::find_rows(mac, domain.bridge_id, {.since = true});
         if (found.rows.empty()) {
             throw not_found("mac-entry \"" + base::mac_text(mac) + "\": there is no such entry in the bridge domain \""
                             + domain.name + "\"");
@@ -404,13 +414,17 @@ answer get_entry(const call &asked)
 answer get_domain(const call &asked)
 {
     const forwarding::domain_view domain = domain_of(asked.key());
-    return list_of_one("domain", [&](json_writer &json) { write_domain(json, domain); });
+    return list_of_one("domain", [&](json_writer &json) {
+        write_domain(json, domain, forwarding::domain_activity(std::array{domain.bridge_id}).front());
+    });
 }
 
 answer get_port(const call &asked)
 {
     const forwarding::port_view port = port_of(asked.key());
-    return list_of_one("port", [&](json_writer &json) { write_port(json, port); });
+    return list_of_one("port", [&](json_writer &json) {
+        write_port(json, port, forwarding::port_activity(std::array{port.xcid}).front());
+    });
 }
 
 answer count_all(const call &asked)
@@ -562,7 +576,7 @@ enum parameter_group : uint8_t {
     flagged = 2,
     address = 4,   // mac
     aging = 8,     // sort
-    sorting = 16,  // sort and reverse
+    sorting = 16,  // sort, reverse and with-since
     grouping = 32, // by
 };
 
@@ -573,7 +587,7 @@ struct parameter_kind {
 
 constexpr parameter_kind parameter_kinds[] = {
     {"limit", paging}, {"cursor", paging},        {"by", grouping},     {"flagged", flagged},
-    {"mac", address},  {"sort", aging | sorting}, {"reverse", sorting},
+    {"mac", address},  {"sort", aging | sorting}, {"reverse", sorting}, {"with-since", aging | sorting},
 };
 
 constexpr unsigned parameters_of_entries = paging | flagged | sorting;

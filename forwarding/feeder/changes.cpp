@@ -14,13 +14,15 @@ namespace {
 // Entries that the thread settles before it looks at other events.
 constexpr size_t slice_size = 2048;
 static_assert(slice_size % query_batch == 0);
+// The kernel's ages are in hundredths of a second, and coarse_ms lags.
+constexpr uint32_t clock_lag_ms = 50;
 // Entries that one refill tries at most, because it holds the table lock meanwhile.
 constexpr size_t refill_size = 512;
 
 } // namespace
 
 changes::changes(feed_context &context, entry_counters &counters, change_queue &queue, cache_feed &cache,
-                 cache_limit &room, numbering &ids, doubt &questions, condition &answers)
+                 cache_limit &room, numbering &ids, doubt &questions, condition &answers, history &past)
     : context_(context)
     , counters_(counters)
     , queue_(queue)
@@ -29,9 +31,21 @@ changes::changes(feed_context &context, entry_counters &counters, change_queue &
     , ids_(ids)
     , doubt_(questions)
     , condition_(answers)
+    , history_(past)
 {}
 
 // ---- Reports ----
+
+// Decides whether the entry has aged: only the report of its end says when its address was last seen. If the ageing
+// time has passed, it has most probably not been removed for another reason.
+void changes::gone(uint32_t entry, const fdb_record &record)
+{
+    const shadow_link *bridge = context_.shadow.find_link(record.master);
+    const uint32_t ageing_ms = bridge != nullptr ? bridge->record.ageing_ms : 0;
+    const uint32_t unseen_ms = coarse_ms() - static_cast<uint32_t>(record.updated_ms);
+    context_.records[entry].has_aged = record.updated_ms > 0 && ageing_ms != 0 && entry_ages(context_.shadow, entry)
+                                       && unseen_ms <= INT32_MAX && unseen_ms + clock_lag_ms >= ageing_ms;
+}
 
 void changes::touched(uint32_t entry)
 {
@@ -85,11 +99,13 @@ bool changes::settle_everything()
         return false;
     }
     settle_queue();
+    history_.forget_ended();
     ids_.follow();
     if (queue_.size() != 0) {
         settle_queue();
     }
     ids_.end_shortage();
+    history_.follow_settled(condition_.has_full_dump(), !doubt_.is_degraded(), cache_.last_created());
     publish();
     condition_.follow();
     return true;
@@ -120,6 +136,7 @@ size_t changes::settle_slice()
         const table_hold hold;
         cache_.settle_queued(std::span(slice).subspan(begin, size));
     }
+    history_.publish();
     return slice.size();
 }
 

@@ -22,9 +22,10 @@ namespace forwarding {
 class changes {
 public:
     changes(feed_context &context, entry_counters &counters, change_queue &queue, cache_feed &cache, cache_limit &room,
-            numbering &ids, doubt &questions, condition &answers);
+            numbering &ids, doubt &questions, condition &answers, history &past);
 
     // Reports of the shadow table about an entry (shadow_table.h).
+    void gone(uint32_t entry, const fdb_record &record);
     void touched(uint32_t entry);
     void affected(uint32_t entry);
     void confirmed(uint32_t entry, bool has_aged);
@@ -53,6 +54,7 @@ private:
     numbering &ids_;
     doubt &doubt_;
     condition &condition_;
+    history &history_;
     std::atomic<uint64_t> links_{0}, entries_{0}, unchanged_{0}; // of the shadow table
 };
 

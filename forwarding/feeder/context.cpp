@@ -14,6 +14,13 @@ namespace {
 // the displayed time of an untouched entry would jump back and forth by a second.
 constexpr int64_t clock_tolerance_ms = 500;
 
+int64_t ms_of(clockid_t clock)
+{
+    timespec now{};
+    clock_gettime(clock, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
+}
+
 } // namespace
 
 void feed_context::follow_clock()
@@ -36,9 +43,19 @@ void feed_context::report(severity how_bad, const std::string &text) const
 
 uint32_t coarse_ms()
 {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return static_cast<uint32_t>(now.tv_sec * 1000 + now.tv_nsec / 1'000'000);
+    return static_cast<uint32_t>(ms_of(CLOCK_MONOTONIC_COARSE));
+}
+
+int64_t epoch_ms()
+{
+    return ms_of(CLOCK_REALTIME_COARSE);
+}
+
+bool entry_ages(const shadow_table &shadow, uint32_t entry)
+{
+    const shadow_entry &of = shadow.entries[entry];
+    return (of.state & (fdb_permanent | fdb_noarp)) == 0 && (of.flags & fdb_extern_learn) == 0 && of.updated_ms > 0
+           && !shadow.terms_of(entry).self;
 }
 
 std::string count_of_ies(uint64_t count, const char *what)

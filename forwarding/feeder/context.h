@@ -24,6 +24,8 @@ struct feeder_settings {
     uint32_t proof_rate = 0;             // entries compared with the plane each second
     uint16_t domain_limit = max_domains; // ids for bridge domains
     uint32_t port_limit = max_ports;     // ids for ports
+    uint32_t event_limit = 0;            // events that are kept, at least 1
+    uint32_t move_limit = 0;             // moves and departures that are kept
     reporter report = nullptr;           // takes messages for operators; null: none
 };
 
@@ -51,6 +53,12 @@ struct feed_context {
 
 // Returns the steady clock in ms, cut to 32 bits. It lags a few ms behind, and is cheap enough for every report.
 uint32_t coarse_ms();
+
+// Returns the system's clock in ms since the epoch. It lags and costs as coarse_ms does.
+int64_t epoch_ms();
+
+// True if the entry ages out when its address is not seen for the bridge's ageing time. Cache thread.
+bool entry_ages(const shadow_table &shadow, uint32_t entry);
 
 template <typename Owner>
 Owner &owner_of(void (Owner::*)(), void *cookie)

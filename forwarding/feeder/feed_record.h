@@ -22,14 +22,16 @@
 
 namespace forwarding {
 
-// Where the cache holds entries, and the tunnel end point to which they are sent.
+// Where and how the cache holds entries: what a row of the table shows beside the address and its age.
 struct fed_place {
     uint32_t xcid = 0; // 0: no place
     uint16_t bridge_id = 0;
-    bool is_tunnel = false;   // on a VXLAN port; otherwise the members below are 0
+    bool is_tunnel = false;   // on a VXLAN port; otherwise `vtep` and `vni` are 0
     bool has_own_vni = false; // sends with another VNI than its port, or has a source VNI
     uint32_t vtep = 0;        // in host byte order, so that numbers sort as addresses do; 0: none
     uint32_t vni = 0;
+    uint16_t flags = 0;     // EDM_MAC_ bits, without EDM_MAC_TIMESTAMP_VALID
+    uint16_t ext_flags = 0; // EDM_MAC_EXT_ bits
 
     bool operator==(const fed_place &) const = default;
 };
@@ -41,7 +43,7 @@ struct feed_record {
     static constexpr unsigned created_bits = 44;
     static constexpr uint64_t max_created = (uint64_t{1} << created_bits) - 1;
 
-    // Its number in the order in which the cache created entries.
+    // Its number in the order in which the cache took entries at their present places.
     uint64_t created : created_bits = 0;
     uint64_t standing_bits : 4 = 0;
     uint64_t foreign : 3 = 0;        // destination kind under which the health report counts it
@@ -54,6 +56,7 @@ struct feed_record {
     uint64_t is_surely_gone : 1 = 0; // it is certain that the plane no longer holds it
     uint64_t is_in_doubt : 1 = 0;    // waits in the queue of questions to the plane
     uint64_t is_missing : 1 = 0;     // the cache should hold it and does not
+    uint64_t has_aged : 1 = 0;       // the plane reported it gone, and its ageing time had passed
     uint32_t touched_ms = 0;         // time of the last report, steady clock in ms, low 32 bits; 0: none yet
     uint32_t place = no_slot;        // see feed_records; it stays after a withdrawal until the next feed
 

@@ -15,19 +15,20 @@ feeder::feeder(plane &source, feeder_settings settings)
     : shadow_(*this)
     , context_{.shadow = shadow_, .source = source, .settings = std::move(settings)}
     , registry_(context_)
+    , history_(context_, registry_)
     , counters_(context_, registry_)
     , queue_(context_)
     , ids_(context_, registry_, counters_, queue_)
     , places_(context_, counters_, ends_)
-    , limit_(context_, registry_, counters_, places_, queue_)
-    , cache_(context_, registry_, counters_, places_, limit_, queue_)
+    , limit_(context_, registry_, counters_, places_, queue_, history_)
+    , cache_(context_, registry_, counters_, places_, limit_, queue_, history_)
     , doubt_(context_)
     , condition_(context_, doubt_, limit_, ids_)
-    , changes_(context_, counters_, queue_, cache_, limit_, ids_, doubt_, condition_)
+    , changes_(context_, counters_, queue_, cache_, limit_, ids_, doubt_, condition_, history_)
     , proof_(context_, counters_, doubt_, condition_)
     , sample_(context_, doubt_, proof_)
     , resyncs_(context_, registry_, counters_, queue_, changes_, condition_)
-    , answers_(context_, registry_, counters_, changes_, cache_, doubt_)
+    , answers_(context_, registry_, counters_, changes_, cache_, doubt_, history_)
 {
     queue_.attach(call<&changes::flush>, &changes_, call<&feeder::removals_arrived>, this);
 }
@@ -74,6 +75,7 @@ void feeder::look_after_shadow_table()
 void feeder::changes_lost(uint64_t count)
 {
     condition_.note_loss(count);
+    history_.note_loss(count);
     doubt_.begin();
     condition_.follow();
 }
@@ -82,6 +84,7 @@ void feeder::full_dump_ended(bool clean)
 {
     changes_.publish();
     proof_.full_dump_ended(clean);
+    history_.end_loss();
     resyncs_.serve_soon();
 }
 
@@ -106,7 +109,7 @@ void feeder::domain_changed(uint32_t domain)
         }
     }
     for (const uint32_t port : changed.ports) {
-        registry_.update_port(port);
+        port_changed(port);
     }
 }
 
@@ -118,6 +121,7 @@ void feeder::rename_domain(uint32_t domain)
 {
     const table_hold hold;
     if (registry_.rename_domain(domain)) {
+        history_.begin_naming();
         l2fm_edm_table_bd_destroy(shadow_.domains[domain].bridge_id);
         cache_.feed_renamed(domain);
     }
@@ -126,6 +130,7 @@ void feeder::rename_domain(uint32_t domain)
 void feeder::domain_going(uint32_t domain)
 {
     if (const uint16_t id = shadow_.domains[domain].bridge_id; id != 0) {
+        history_.keep_names(id, EDM_XCID_DUMMY);
         registry_.remove_domain(id);
         expect_removal(host::bdxc_publish_bridge_domain_removed(id));
     }
@@ -143,10 +148,18 @@ void feeder::port_added(uint32_t port)
     ids_.number_port(port);
 }
 
+void feeder::port_changed(uint32_t port)
+{
+    if (registry_.update_port(port)) {
+        history_.begin_naming();
+    }
+}
+
 void feeder::port_going(uint32_t port)
 {
     const shadow_port &going = shadow_.ports[port];
     if (going.xcid != 0 && going.xcid != EDM_XCID_DUMMY) {
+        history_.keep_names(shadow_.domains[going.domain].bridge_id, going.xcid);
         registry_.remove_port(shadow_.domains[going.domain].bridge_id, going.xcid);
         expect_removal(host::bdxc_publish_cross_connect_removed(going.xcid));
     }
@@ -208,6 +221,7 @@ health_view feeder::health() const
     view.entries_refused = limit_.refused();
     view.domain_ids = ids_.domain_ids();
     view.port_ids = ids_.port_ids();
+    view.history = history_.log()->view();
     changes_.add_to(view);
     resyncs_.add_to(view);
     proof_.add_to(view.proof);

@@ -13,6 +13,7 @@
 //  - objects/: registry: bridge domains and ports with their views; numbering: their ids; entry_counters and
 //    tunnel_ends: what is counted beside the table;
 //  - cache/: cache_feed and placement: the feed of single entries; cache_limit: entries without room;
+//  - history/: history: events, moves and departures;
 //  - proof/: doubt, proof and sample: questions to the plane; condition: what answers are worth;
 //  - answers/: table_answers: questions of other threads;
 //  - here: changes and change_queue: live changes; resync_server: resyncs.
@@ -64,6 +65,15 @@ public:
         return answers_.tunnel_entries(cursor, max_entries);
     }
     std::optional<edm_mac_counters_t> count_of_port(uint32_t xcid) { return answers_.count_of_port(xcid); }
+    std::vector<object_activity> domain_activity(std::span<const uint16_t> bridge_ids)
+    {
+        return answers_.domain_activity(bridge_ids);
+    }
+    std::vector<object_activity> port_activity(std::span<const uint32_t> xcids)
+    {
+        return answers_.port_activity(xcids);
+    }
+    void add_since(std::vector<mac_row> &rows) const { answers_.add_since(rows); }
     std::vector<fdb_key> places_of(const mac_address &mac, uint16_t bridge_id)
     {
         return answers_.places_of(mac, bridge_id);
@@ -132,9 +142,12 @@ public:
         return ends_.list(after, max_ends);
     }
     void add_vnis(std::vector<mac_row> &rows) const { ends_.add_vnis(rows); }
+    // See change_log.h. The caller's share outlives the feeder.
+    std::shared_ptr<change_log> log_of_changes() const { return history_.log(); }
 
 private:
     // Reports of the shadow table (shadow_table.h).
+    void entry_gone(uint32_t entry, const fdb_record &record) override { changes_.gone(entry, record); }
     void entry_touched(uint32_t entry) override { changes_.touched(entry); }
     void entry_affected(uint32_t entry) override { changes_.affected(entry); }
     void entry_confirmed(uint32_t entry, bool has_aged) override { changes_.confirmed(entry, has_aged); }
@@ -143,7 +156,7 @@ private:
     void next_hop_gone(uint32_t id) override { proof_.next_hop_gone(id); }
     void changes_lost(uint64_t count) override;
     void port_added(uint32_t port) override;
-    void port_changed(uint32_t port) override { registry_.update_port(port); }
+    void port_changed(uint32_t port) override;
     void port_going(uint32_t port) override;
     void domain_added(uint32_t domain) override;
     void domain_changed(uint32_t domain) override;
@@ -159,6 +172,7 @@ private:
     shadow_table shadow_;
     feed_context context_;
     registry registry_;
+    history history_;
     entry_counters counters_;
     tunnel_ends ends_;
     change_queue queue_;

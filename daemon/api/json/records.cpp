@@ -71,6 +71,9 @@ void write_times(json_writer &json, const forwarding::mac_row &row, bool is_orde
     if (row.last_seen != 0) {
         json.formatted_member("last-seen", [&](char *at) { return base::write_utc_text(at, row.last_seen); });
     }
+    if (row.since_ms != 0) {
+        json.formatted_member("since", [&](char *at) { return base::write_utc_ms_text(at, row.since_ms); });
+    }
     if (is_ordered && row.time_left) {
         json.member("time-left", *row.time_left);
     }
@@ -189,7 +192,17 @@ void write_group_count(json_writer &json, const forwarding::group_count &group, 
     json.end_object();
 }
 
-void write_domain(json_writer &json, const forwarding::domain_view &domain)
+namespace {
+
+void write_activity(json_writer &json, const forwarding::object_activity &activity)
+{
+    json.member("entries", static_cast<uint32_t>(activity.entries));
+    json.member64("changes", activity.changes);
+}
+
+} // namespace
+
+void write_domain(json_writer &json, const forwarding::domain_view &domain, const forwarding::object_activity &activity)
 {
     json.begin_object();
     json.member("name", domain.name);
@@ -199,10 +212,11 @@ void write_domain(json_writer &json, const forwarding::domain_view &domain)
     json.name("vlan-aware");
     json.boolean(domain.vlan_aware);
     write_if_set(json, "vlan", domain.vlan);
+    write_activity(json, activity);
     json.end_object();
 }
 
-void write_port(json_writer &json, const forwarding::port_view &port)
+void write_port(json_writer &json, const forwarding::port_view &port, const forwarding::object_activity &activity)
 {
     constexpr std::string_view kinds[] = {"interface", "vxlan", "tunnel"};
     json.begin_object();
@@ -215,6 +229,7 @@ void write_port(json_writer &json, const forwarding::port_view &port)
     json.member("bridge-id", port.bridge_id);
     write_if_set(json, "vlan", port.vlan);
     write_if_set(json, "vni", port.vni);
+    write_activity(json, activity);
     json.end_object();
 }
 

@@ -74,8 +74,9 @@ size_t page_end(size_t size, size_t next, uint32_t max_items)
     return std::min(size, next + max_items);
 }
 
-// The forwarding plane's objects of one kind, as they were when the list began, in the order of their member Key.
-template <typename View, auto Key, auto Write>
+// The forwarding plane's objects of one kind, as they were when the list began, in the order of their member Key. How
+// many entries they have, and how much they change, is of the moment of the page.
+template <typename View, auto Key, auto Write, auto Activity>
 class view_source : public list_source {
 public:
     view_source(std::vector<View> of, const std::optional<std::string> &start)
@@ -90,11 +91,16 @@ public:
     position fetch(uint32_t max_items, json_writer &json) override
     {
         const size_t end = page_end(views_.size(), next_, max_items);
-        const auto count = static_cast<uint32_t>(end - next_);
-        for (; next_ < end; next_++) {
-            Write(json, views_[next_]);
+        const auto page = std::span(views_).subspan(next_, end - next_);
+        std::vector<std::remove_cvref_t<decltype(page.front().*Key)>> keys;
+        std::ranges::transform(page, std::back_inserter(keys), Key);
+        const auto activities = Activity(keys);
+        for (size_t at = 0; at < page.size(); at++) {
+            Write(json, page[at], activities[at]);
         }
-        return {end == 0 ? "" : std::to_string(views_[end - 1].*Key), count, end < views_.size()};
+        next_ = end;
+        return {end == 0 ? "" : std::to_string(views_[end - 1].*Key), static_cast<uint32_t>(page.size()),
+                end < views_.size()};
     }
 
 private:
@@ -102,15 +108,19 @@ private:
     size_t next_ = 0;
 };
 
-using domain_source = view_source<forwarding::domain_view, &forwarding::domain_view::bridge_id, write_domain>;
-using port_source = view_source<forwarding::port_view, &forwarding::port_view::xcid, write_port>;
+using domain_source = view_source<forwarding::domain_view, &forwarding::domain_view::bridge_id, write_domain,
+                                  forwarding::domain_activity>;
+using port_source =
+    view_source<forwarding::port_view, &forwarding::port_view::xcid, write_port, forwarding::port_activity>;
 
 // ---- Rows of the MAC table ----
 
 class table_source : public list_source {
 public:
-    table_source(const forwarding::row_filter &filter, const std::optional<std::string> &start)
+    table_source(const forwarding::row_filter &filter, const forwarding::row_details &details,
+                 const std::optional<std::string> &start)
         : filter_(filter)
+        , details_(details)
     {
         if (start) {
             const auto [bridge_id, xcid, mac, holds_row] = numbers_of<4>(*start, kind);
@@ -124,7 +134,7 @@ public:
 
     position fetch(uint32_t max_items, json_writer &json) override
     {
-        const forwarding::row_page page = forwarding::read_rows(filter_, at_, max_items);
+        const forwarding::row_page page = forwarding::read_rows(filter_, at_, max_items, details_);
         require_running(page);
         for (const forwarding::mac_row &row : page.rows) {
             write_row(json, row, false);
@@ -138,6 +148,7 @@ private:
     static constexpr std::string_view kind = "t"; // bridge id, xcid, address, whether a row was read there
 
     forwarding::row_filter filter_;
+    forwarding::row_details details_;
     forwarding::row_position at_ = {};
 };
 
@@ -178,7 +189,7 @@ private:
     {
         const auto &domains = filter_.domains;
         const bool is_one = !domains.is_exclusion && domains.values.size() == 1;
-        page_ = forwarding::find_rows(mac_, is_one ? domains.values.front() : uint16_t{0});
+        page_ = forwarding::find_rows(mac_, is_one ? domains.values.front() : uint16_t{0}, {.since = true});
         require_running(page_);
         std::erase_if(page_.rows, [&](const forwarding::mac_row &row) { return !passes(filter_, row); });
         const auto next = std::ranges::upper_bound(page_.rows, after_, {}, place_of);
@@ -266,7 +277,7 @@ private:
             selection_ = forwarding::select_ahead(wanted_, at_, places_ahead_);
             at_ = selection_.at;
         }
-        page_ = forwarding::read_selection(selection_, max_rows_ahead).page;
+        page_ = forwarding::read_selection(selection_, max_rows_ahead, context_.details).page;
         require_running(page_);
         next_ = 0;
     }
@@ -497,9 +508,10 @@ private:
 } // namespace
 
 std::unique_ptr<list_source> make_table_source(const forwarding::row_filter &filter,
+                                               const forwarding::row_details &details,
                                                const std::optional<std::string> &start)
 {
-    return std::make_unique<table_source>(filter, start);
+    return std::make_unique<table_source>(filter, details, start);
 }
 
 std::unique_ptr<list_source> make_address_source(const forwarding::mac_address &mac,

@@ -21,6 +21,7 @@ namespace l2fibd {
 
 // The entries of the MAC table that pass the filter, by bridge domain, port and address.
 std::unique_ptr<list_source> make_table_source(const forwarding::row_filter &filter,
+                                               const forwarding::row_details &details,
                                                const std::optional<std::string> &start);
 
 // The entries of one address that pass the filter. Asks the forwarding plane for each of them.
@@ -32,7 +33,8 @@ std::unique_ptr<list_source> make_address_source(const forwarding::mac_address &
 struct order_context {
     kept_selections &selections;
     const resync_requester &resyncs;
-    bool is_aging_list; // items show the time that is left
+    bool is_aging_list = false; // items show the time that is left
+    forwarding::row_details details = {};
 };
 
 // Entries in another order. `limit` is that of the answer. Takes what an earlier answer selected ahead, and gives back

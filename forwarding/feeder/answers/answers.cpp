@@ -70,13 +70,14 @@ private:
 } // namespace
 
 table_answers::table_answers(feed_context &context, const registry &objects, const entry_counters &counters,
-                             changes &live, const cache_feed &cache, doubt &questions)
+                             changes &live, const cache_feed &cache, doubt &questions, const history &past)
     : context_(context)
     , objects_(objects)
     , counters_(counters)
     , changes_(live)
     , cache_(cache)
     , doubt_(questions)
+    , history_(past)
 {}
 
 // Returns the slot of a living entry, or no_slot.
@@ -159,14 +160,6 @@ void table_answers::add_ipv6_vteps(std::vector<mac_row> &rows) const
 
 // ---- Orders ----
 
-// True if the entry ages out when its address is not seen for the bridge's ageing time.
-bool table_answers::entry_ages(uint32_t entry) const
-{
-    const shadow_entry &of = context_.shadow.entries[entry];
-    return (of.state & (fdb_permanent | fdb_noarp)) == 0 && (of.flags & fdb_extern_learn) == 0 && of.updated_ms > 0
-           && !context_.shadow.terms_of(entry).self;
-}
-
 uint64_t table_answers::begin_order(row_order order)
 {
     using namespace std::chrono;
@@ -238,7 +231,8 @@ uint64_t table_answers::time_value(row_order order, uint32_t entry) const
     if (order == row_order::created) {
         return context_.records[entry].created;
     }
-    return entry_ages(entry) ? static_cast<uint64_t>(context_.shadow.entries[entry].updated_ms) : does_not_age;
+    return entry_ages(context_.shadow, entry) ? static_cast<uint64_t>(context_.shadow.entries[entry].updated_ms)
+                                              : does_not_age;
 }
 
 // In the other orders.
@@ -322,7 +316,7 @@ ordered_entry table_answers::ordered(const order_key &place) const
     return {place,
             fed.xcid,
             fed.bridge_id,
-            entry_ages(place.slot),
+            entry_ages(context_.shadow, place.slot),
             context_.shadow.entries[place.slot].updated_ms,
             context_.shadow.key_of(place.slot)};
 }
@@ -370,7 +364,7 @@ std::vector<fdb_key> table_answers::ageing_keys(const row_filter &filter, uint32
     const shadow_table &shadow = context_.shadow;
     std::vector<fdb_key> keys;
     for (; slot < shadow.entries.bound() && keys.size() < max_keys; slot++) {
-        if (is_in_orders(slot) && entry_ages(slot) && may_pass(filter, slot)) {
+        if (is_in_orders(slot) && entry_ages(context_.shadow, slot) && may_pass(filter, slot)) {
             keys.push_back(shadow.key_of(slot));
         }
     }
@@ -396,6 +390,59 @@ std::optional<edm_mac_counters_t> table_answers::count_of_port(uint32_t xcid)
     changes_.settle_everything();
     const uint32_t port = objects_.find_port(xcid);
     return port != no_slot ? std::optional(counters_.of_port(port)) : std::nullopt;
+}
+
+std::vector<object_activity> table_answers::domain_activity(std::span<const uint16_t> bridge_ids)
+{
+    context_.source.drain();
+    changes_.settle_everything();
+    std::vector<object_activity> found;
+    for (const uint16_t bridge_id : bridge_ids) {
+        found.push_back({counters_.all_of_domain(bridge_id), history_.log()->domain_changes(bridge_id)});
+    }
+    return found;
+}
+
+std::vector<object_activity> table_answers::port_activity(std::span<const uint32_t> xcids)
+{
+    context_.source.drain();
+    changes_.settle_everything();
+    std::vector<object_activity> found;
+    for (const uint32_t xcid : xcids) {
+        const uint32_t port = objects_.find_port(xcid);
+        found.push_back({port != no_slot ? counters_.all_of_port(port) : 0, history_.log()->port_changes(xcid)});
+    }
+    return found;
+}
+
+// ---- Since when ----
+
+// Returns the entry that a row of the table shows, or no_slot. A row of the zero address shows the first destination of
+// its flood list.
+uint32_t table_answers::entry_of(const mac_row &row) const
+{
+    if (row.mac == mac_address{}) {
+        const uint32_t port = objects_.find_port(row.xcid);
+        return port != no_slot ? context_.shadow.first_of_group(
+                   context_.shadow.find_group(context_.shadow.ports[port].key, row.mac))
+                               : no_slot;
+    }
+    const uint32_t at = objects_.find_domain(row.bridge_id);
+    if (at == no_slot) {
+        return no_slot;
+    }
+    const shadow_domain &domain = context_.shadow.domains[at];
+    return context_.shadow.find({domain.bridge, false, domain.vlan, 0, row.mac, {}});
+}
+
+void table_answers::add_since(std::vector<mac_row> &rows) const
+{
+    for (mac_row &row : rows) {
+        const uint32_t entry = entry_of(row);
+        if (entry != no_slot && context_.records.place(entry).xcid == row.xcid) {
+            row.since_ms = history_.since(entry);
+        }
+    }
 }
 
 // ---- Tunnel entries ----

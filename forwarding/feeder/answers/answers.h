@@ -50,7 +50,7 @@ inline constexpr uint16_t last_rank = UINT16_MAX;
 class table_answers {
 public:
     table_answers(feed_context &context, const registry &objects, const entry_counters &counters, changes &live,
-                  const cache_feed &cache, doubt &questions);
+                  const cache_feed &cache, doubt &questions, const history &past);
 
     // Returns the keys under which the plane may hold an address, in one bridge domain or in all (`bridge_id` 0). If
     // the shadow table holds the address and is not degraded, these are its keys only. Otherwise there is one key for
@@ -82,15 +82,21 @@ public:
     // Returns the counters of a port, or nothing if there is no such port.
     std::optional<edm_mac_counters_t> count_of_port(uint32_t xcid);
 
+    // Return the activity of bridge domains or ports (history.h).
+    std::vector<object_activity> domain_activity(std::span<const uint16_t> bridge_ids);
+    std::vector<object_activity> port_activity(std::span<const uint32_t> xcids);
+    // Sets mac_row::since_ms of rows whose entry the table holds.
+    void add_since(std::vector<mac_row> &rows) const;
+
     // Returns up to `max_entries` own entries of VXLAN devices. `cursor` is 0 at first; the call moves it behind the
     // last slot that it looked at. Fewer than `max_entries` entries mean the end.
     std::vector<tunnel_entry> tunnel_entries(uint32_t &cursor, size_t max_entries);
 
 private:
+    uint32_t entry_of(const mac_row &row) const;
     uint32_t find_living(const fdb_key &key) const;
     bool take_age(const fdb_key &key, const fdb_answer &answer, size_t &changed);
     void add_row(uint32_t entry, std::vector<mac_row> &rows);
-    bool entry_ages(uint32_t entry) const;
     bool is_in_orders(uint32_t entry) const;
     bool may_pass(const row_filter &filter, uint32_t entry) const;
     template <typename Visit>
@@ -108,6 +114,7 @@ private:
     changes &changes_;
     const cache_feed &cache_;
     doubt &doubt_;
+    const history &history_;
 };
 
 } // namespace forwarding

@@ -358,6 +358,14 @@ void refresh_page(feeder &feed, row_page &page)
     take_answers(feed, ageing.places, answers_in_batches(std::span(ageing.keys), ask), page);
 }
 
+// Sets the members that the reader asked for.
+void add_details(const row_details &details, row_page &page)
+{
+    if (details.since && !page.rows.empty()) {
+        on_cache_thread([&](feeder &feed) { feed.add_since(page.rows); });
+    }
+}
+
 // True for the position of a read that begins: ahead of all rows.
 bool is_begin(const row_position &from)
 {
@@ -469,10 +477,11 @@ row_page read_page(row_search search, const row_position &from, uint32_t max_row
 
 } // namespace
 
-row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows,
-                   const row_details & /*details*/)
+row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows, const row_details &details)
 {
-    return read_page(search_for(filter), from, max_rows);
+    row_page page = read_page(search_for(filter), from, max_rows);
+    add_details(details, page);
+    return page;
 }
 
 void add_ipv6_vteps(row_page &page)
@@ -524,7 +533,7 @@ bool comes_first(const mac_row &left, const mac_row &right)
 
 } // namespace
 
-row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details & /*details*/)
+row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details &details)
 {
     row_page page;
     with_feeder([&](feeder &feed) { page.objects = feed.objects(); });
@@ -536,6 +545,7 @@ row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details
     if (mac == mac_address{}) {
         with_feeder([&](feeder &feed) { read_flood_lists(feed, bridge_id, page); });
         add_ipv6_vteps(page);
+        add_details(details, page);
         return page;
     }
     std::vector<fdb_answer> answers;
@@ -548,6 +558,7 @@ row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details
         complete_rows(feed, page);
     });
     add_ipv6_vteps(page);
+    add_details(details, page);
     return page;
 }
 
@@ -841,7 +852,7 @@ row_page read_keys(order_selection &selection, std::span<const order_key> keys, 
 
 } // namespace
 
-ordered_page read_selection(order_selection &selection, uint32_t max_rows, const row_details & /*details*/)
+ordered_page read_selection(order_selection &selection, uint32_t max_rows, const row_details &details)
 {
     const auto keys = std::span<const order_key>(selection.keys).subspan(selection.next);
     const auto wanted = keys.first(std::min<size_t>(max_rows, keys.size()));
@@ -852,6 +863,7 @@ ordered_page read_selection(order_selection &selection, uint32_t max_rows, const
         ordered.page = read_keys(selection, wanted, keys.back());
         selection.at = position_of(selection, wanted.back());
         std::erase_if(ordered.page.rows, [&](const mac_row &row) { return !passes(selection.wanted.filter, row); });
+        add_details(details, ordered.page);
     }
     selection.next += wanted.size();
     ordered.page.more = selection.next < selection.keys.size() || selection.more;

@@ -151,7 +151,7 @@ row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details
 
 // An order has a value for each entry. Bits that it does not use are 0.
 enum class row_order : uint8_t {
-    created,   // creation in the table, the oldest first: the order of the table's own list. Value: its number
+    created, // the time when the table took an entry at its present port and VTEP, the earliest first. Value: a number
     last_seen, // last sight, the earliest first; entries that do not age come last. Value: ms of the steady clock
     mac,       // address, then bridge domain. Value: the address (48 bits), then the bridge id
     vlan,      // VLAN, then address. Value: the VLAN, then the address (48 bits)

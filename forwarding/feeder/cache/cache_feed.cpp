@@ -37,13 +37,14 @@ bool is_fed_by(standing standing)
 } // namespace
 
 cache_feed::cache_feed(feed_context &context, registry &objects, entry_counters &counters, placement &places,
-                       cache_limit &room, change_queue &queue)
+                       cache_limit &room, change_queue &queue, history &past)
     : context_(context)
     , objects_(objects)
     , counters_(counters)
     , places_(places)
     , limit_(room)
     , queue_(queue)
+    , history_(past)
 {}
 
 // ---- Settling ----
@@ -99,7 +100,12 @@ void cache_feed::settle_batch()
     for (size_t at = 0; at < batch_.step_count; at++) {
         const step &settled = batch_.steps[at];
         if (is_fed_by(settled.now)) {
+            const feed_record &record = context_.records[settled.entry];
+            const bool was_fed = record.is_fed;
             note_status(settled, batch_.descriptors[fed], statuses[fed]);
+            if (!was_fed && record.is_fed) {
+                history_.follow_new(settled.entry);
+            }
             fed++;
         } else {
             keep_out(settled);
@@ -112,12 +118,14 @@ void cache_feed::settle_batch()
 
 void cache_feed::settle_alone(const step &planned, const l2fib_mac_edm_entry_t &descriptor)
 {
+    const held_entry before = history_.held(planned.entry);
     if (is_fed_by(planned.now)) {
         feed(planned, descriptor);
     } else {
         withdraw(planned.entry);
         keep_out(planned);
     }
+    history_.follow(planned.entry, before);
     context_.records[planned.entry].is_dirty = false;
     if (planned.now == standing::none) {
         context_.records.clear(planned.entry);
@@ -137,18 +145,28 @@ void cache_feed::feed_renamed(uint32_t domain)
     for (const uint32_t port : context_.shadow.domains[domain].ports) {
         context_.shadow.for_each_entry_of_port(port, [&](uint32_t entry) {
             const table_hold hold;
-            if (!context_.records[entry].is_fed) {
-                return;
-            }
-            places_.end(entry);
-            l2fib_mac_edm_entry_t descriptor;
-            if (const step planned = plan(entry, descriptor); is_fed_by(planned.now)) {
-                feed(planned, descriptor);
-            } else {
-                counters_.count(entry, 0);
+            if (context_.records[entry].is_fed) {
+                feed_renamed_entry(entry);
             }
         });
     }
+}
+
+// The entry keeps its number of creation, because nothing but the name has changed.
+void cache_feed::feed_renamed_entry(uint32_t entry)
+{
+    const held_entry before = history_.held(entry);
+    feed_record &record = context_.records[entry];
+    places_.end(entry);
+    l2fib_mac_edm_entry_t descriptor;
+    if (const step planned = plan(entry, descriptor); is_fed_by(planned.now)) {
+        feed(planned, descriptor);
+        const bool is_back = record.is_fed && context_.records.place(entry) == before.place;
+        record.created = (is_back ? before.created : record.created) & feed_record::max_created;
+    } else {
+        counters_.count(entry, 0);
+    }
+    history_.follow(entry, before);
 }
 
 // ---- Into the cache ----
@@ -184,7 +202,10 @@ void cache_feed::note_status(const step &planned, const l2fib_mac_edm_entry_t &d
 fed_place cache_feed::place_of(uint32_t entry, const l2fib_mac_edm_entry_t &descriptor) const
 {
     const bool on_dummy = (descriptor.flags & EDM_MAC_ON_DUMMY_PORT) != 0;
-    fed_place place{.xcid = on_dummy ? EDM_XCID_DUMMY : descriptor.xcid, .bridge_id = descriptor.bridge_id};
+    fed_place place{.xcid = on_dummy ? EDM_XCID_DUMMY : descriptor.xcid,
+                    .bridge_id = descriptor.bridge_id,
+                    .flags = static_cast<uint16_t>(descriptor.flags & ~EDM_MAC_TIMESTAMP_VALID),
+                    .ext_flags = descriptor.ext_flags};
     const port_key &on = context_.shadow.ports[context_.shadow.entries[entry].port].key;
     if (on.kind == link_kind::vxlan) {
         const auto [vni, source_vni] = vnis_of(entry);
@@ -201,7 +222,7 @@ void cache_feed::note_fed(uint32_t entry, const l2fib_mac_edm_entry_t &descripto
     feed_record &record = context_.records[entry];
     const uint8_t variant = variant_of(descriptor);
     const bool is_new = !record.is_fed;
-    if (is_new || record.fed_variant != variant) {
+    if (is_new || record.fed_variant != variant || context_.records.place(entry).vtep != place.vtep) {
         record.created = ++last_created_ & feed_record::max_created;
     }
     record.fed_variant = variant & 3U;

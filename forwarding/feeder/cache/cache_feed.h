@@ -12,9 +12,10 @@
 //
 //      new at its place, or there already     joins
 //      not to be fed, and not in the cache    joins, so that it does not end the batch; it is only counted
-//      moves, goes, or changes its VTEP       fed or withdrawn alone, after the batch: it takes something out of the
-//      cache bridge's or VXLAN device's own         fed alone: cached.h files it in several steps the cache would be
-//      full                fed alone, because the feed may evict an entry (limit.h)
+//      moves, goes, or shows something else   fed or withdrawn alone, after the batch: it may take something out of
+//                                             the cache, and history.h follows it
+//      bridge's or VXLAN device's own         fed alone: cached.h files it in several steps
+//      the cache would be full                fed alone, because the feed may evict an entry (limit.h)
 //
 // Threads: the cache thread. Functions say when they need the table lock. Any thread may call feeds().
 #pragma once
@@ -25,6 +26,7 @@
 
 #include "forwarding/feeder/cache/limit.h"
 #include "forwarding/feeder/cache/placement.h"
+#include "forwarding/feeder/history/history.h"
 
 namespace forwarding {
 
@@ -33,7 +35,7 @@ public:
     static constexpr size_t max_batch = 64;
 
     cache_feed(feed_context &context, registry &objects, entry_counters &counters, placement &places, cache_limit &room,
-               change_queue &queue);
+               change_queue &queue, history &past);
 
     // Brings the cache to what the shadow table holds for one entry. Releases the slot of an entry that has gone.
     void settle(uint32_t entry) L2FIB_REQUIRES_TABLE_LOCK;
@@ -46,7 +48,7 @@ public:
 
     // The VNIs with which an entry on a VXLAN port sends and receives.
     entry_vnis vnis_of(uint32_t entry) const;
-    // Number of the latest entry that the cache created.
+    // The latest value of feed_record::created.
     uint64_t last_created() const { return last_created_; }
 
     // Entries given to the cache.
@@ -73,6 +75,7 @@ private:
     void settle_batch() L2FIB_REQUIRES_TABLE_LOCK;
     void settle_alone(const step &planned, const l2fib_mac_edm_entry_t &descriptor) L2FIB_REQUIRES_TABLE_LOCK;
     void keep_out(const step &planned) L2FIB_REQUIRES_TABLE_LOCK;
+    void feed_renamed_entry(uint32_t entry) L2FIB_REQUIRES_TABLE_LOCK;
     void feed(const step &planned, const l2fib_mac_edm_entry_t &descriptor) L2FIB_REQUIRES_TABLE_LOCK;
     void note_status(const step &planned, const l2fib_mac_edm_entry_t &descriptor,
                      uint32_t status) L2FIB_REQUIRES_TABLE_LOCK;
@@ -88,6 +91,7 @@ private:
     placement &places_;
     cache_limit &limit_;
     change_queue &queue_;
+    history &history_;
     batch batch_;
     uint64_t last_created_ = 0;
     std::atomic<uint64_t> feeds_{0};

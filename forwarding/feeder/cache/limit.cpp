@@ -12,12 +12,13 @@ constexpr size_t spare_slots = 4096;
 } // namespace
 
 cache_limit::cache_limit(feed_context &context, registry &objects, entry_counters &counters, placement &places,
-                         change_queue &queue)
+                         change_queue &queue, history &past)
     : context_(context)
     , objects_(objects)
     , counters_(counters)
     , places_(places)
     , queue_(queue)
+    , history_(past)
 {}
 
 bool cache_limit::cache_is_full() const
@@ -79,8 +80,10 @@ void cache_limit::evict(uint32_t entry, const newest_entry &victim)
     if (!context_.records[entry].is_fed || context_.records.place(entry).xcid != victim.xcid) {
         return;
     }
+    const held_entry before = history_.held(entry);
     places_.end(entry);
     lose(entry, 0);
+    history_.follow(entry, before);
     objects_.lose(victim.bridge_id, victim.xcid, loss::evicted);
 }
 

@@ -18,6 +18,7 @@
 #include "forwarding/feeder/cache/placement.h"
 #include "forwarding/feeder/change_queue.h"
 #include "forwarding/feeder/context.h"
+#include "forwarding/feeder/history/history.h"
 #include "forwarding/feeder/objects/registry.h"
 
 namespace forwarding {
@@ -25,7 +26,7 @@ namespace forwarding {
 class cache_limit {
 public:
     cache_limit(feed_context &context, registry &objects, entry_counters &counters, placement &places,
-                change_queue &queue);
+                change_queue &queue, history &past);
 
     bool cache_is_full() const L2FIB_REQUIRES_TABLE_LOCK;
     // Whether the cache can hold `entries` more without evicting any.
@@ -70,6 +71,7 @@ private:
     entry_counters &counters_;
     placement &places_;
     change_queue &queue_;
+    history &history_;
     std::deque<uint32_t> unfed_; // missing entries, in the order in which the cache lost them; others may be among them
     std::atomic<uint64_t> missing_{0}, evictions_{0}, refused_{0}, limitations_{0};
 };

@@ -123,6 +123,18 @@ void entry_counters::read_domain(uint16_t bridge_id, edm_mac_counters_t &counter
     counters.mac_cnt_sum = counters.mac_cnt_plain + counters.mac_cnt_f2;
 }
 
+uint64_t entry_counters::all_of_domain(uint16_t bridge_id) const
+{
+    const domain_counters &of = of_domains_[bridge_id];
+    return uint64_t{of.plain} + of.fixed + of.local + of.both;
+}
+
+uint64_t entry_counters::all_of_port(uint32_t port) const
+{
+    const edm_mac_counters_t &of = of_ports_[port];
+    return uint64_t{of.mac_cnt_sum} + of.mac_cnt_f4;
+}
+
 void entry_counters::add_to(health_view &view) const
 {
     for (size_t at = 0; at < standings_.size(); at++) {

@@ -36,12 +36,14 @@ public:
     // Begins the counters of a port, given by its slot.
     void begin_port(uint32_t port);
     const edm_mac_counters_t &of_port(uint32_t port) const { return of_ports_[port]; }
+    uint64_t all_of_port(uint32_t port) const;
     // Entries that the cache should hold.
     uint64_t total() const { return total_; }
 
     // ---- Any thread ----
 
     void read_domain(uint16_t bridge_id, edm_mac_counters_t &counters) const;
+    uint64_t all_of_domain(uint16_t bridge_id) const;
     // Adds the entries that are not fed, by reason.
     void add_to(health_view &view) const;
     uint64_t of_standing(standing which) const { return standings_[static_cast<size_t>(which)]; }

@@ -158,11 +158,11 @@ void registry::remove_port(uint16_t bridge_id, uint32_t xcid)
     shared_views_.reset();
 }
 
-void registry::update_port(uint32_t port)
+bool registry::update_port(uint32_t port)
 {
     const shadow_port &updated = context_.shadow.ports[port];
     if (updated.xcid == 0 || updated.xcid == EDM_XCID_DUMMY) {
-        return;
+        return false;
     }
     const shadow_link *link = context_.shadow.find_link(updated.key.ifindex);
     port_view view;
@@ -177,9 +177,12 @@ void registry::update_port(uint32_t port)
     const base::scoped_lock hold(mutex_);
     const domain_view *domain = views_.find_domain(view.bridge_id);
     view.domain = domain != nullptr ? domain->name : "";
+    const port_view *before = views_.find_port(view.bridge_id, view.xcid);
+    const bool is_renamed = before != nullptr && before->name != view.name;
     views_.ports.erase(port_place(0, updated.xcid)); // from the time when its bridge domain had no id
     views_.ports.put(std::move(view));
     shared_views_.reset();
+    return is_renamed;
 }
 
 uint32_t registry::find_port(uint32_t xcid) const
@@ -236,6 +239,20 @@ std::string registry::domain_name(uint16_t bridge_id) const
     const base::scoped_lock hold(mutex_);
     const domain_view *found = views_.find_domain(bridge_id);
     return found != nullptr ? found->name : std::string();
+}
+
+place_names registry::names_of(uint16_t bridge_id, uint32_t xcid) const
+{
+    place_names names;
+    const base::scoped_lock hold(mutex_);
+    if (const domain_view *domain = views_.find_domain(bridge_id); domain != nullptr) {
+        names.domain = domain->name;
+        names.vlan = domain->vlan;
+    }
+    if (const port_view *port = views_.find_port(bridge_id, xcid); port != nullptr) {
+        names.port = port->name;
+    }
+    return names;
 }
 
 std::shared_ptr<const object_views> registry::views() const

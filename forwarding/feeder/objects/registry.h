@@ -32,6 +32,13 @@ namespace forwarding {
 // Kinds of failures, counted for the health report.
 enum class refusal : uint8_t { feed, bridge_id, xcid, name, object, notification, count };
 
+// Names of a bridge domain, and of one of its ports.
+struct place_names {
+    std::string domain;
+    std::string port; // empty: the bridge domain itself
+    uint16_t vlan = 0;
+};
+
 // Why the cache lacks an entry.
 enum class loss : uint8_t { evicted, refused };
 
@@ -52,8 +59,8 @@ public:
     // Stores the cross-connect of a port under a new xcid. Returns false if memory ran out.
     bool add_port(uint32_t port, uint32_t xcid);
     void remove_port(uint16_t bridge_id, uint32_t xcid);
-    // Brings the view of a port up to date, if it has an xcid.
-    void update_port(uint32_t port);
+    // Brings the view of a port up to date, if it has an xcid. Returns whether the port has another name now.
+    bool update_port(uint32_t port);
 
     // Return the slot in the shadow table, or no_slot.
     uint32_t find_domain(uint16_t bridge_id) const;
@@ -77,6 +84,8 @@ public:
     bool find_key(uint16_t bridge_id, const mac_address &mac, fdb_key &key) const;
     // Empty if there is none.
     std::string domain_name(uint16_t bridge_id) const;
+    // Empty if there is none. `xcid` may be EDM_XCID_DUMMY.
+    place_names names_of(uint16_t bridge_id, uint32_t xcid) const;
     // Returns all bridge domains and ports as they are now. What is returned never changes.
     std::shared_ptr<const object_views> views() const;
     // Adds failures, losses and notes.

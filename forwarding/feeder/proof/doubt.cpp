@@ -29,6 +29,7 @@ void doubt::follow_report(uint32_t entry)
     }
     record.was_alive = alive;
     record.is_surely_gone = record.is_surely_gone && !alive;
+    record.has_aged = record.has_aged && !alive;
     record.touched_ms = now;
 }
 
