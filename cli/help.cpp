@@ -113,7 +113,7 @@ std::string commands_of(std::string_view group)
 {
     std::string text = "Commands:\n";
     for (const command_row &row : all_commands()) {
-        if (!row.is_hidden && (group.empty() || row.group == group)) {
+        if (!row.is_hidden() && (group.empty() || row.group == group)) {
             add_line(text, usage_of(row), row.help);
         }
     }

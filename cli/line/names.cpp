@@ -61,7 +61,7 @@ names command_words(std::string_view group)
     names found;
     for (const command_row &row : all_commands()) {
         const std::string_view word = row.group == group ? row.name : group.empty() ? row.group : "";
-        if (!word.empty() && !row.is_hidden && std::ranges::count(found, word) == 0) {
+        if (!word.empty() && !row.is_hidden() && std::ranges::count(found, word) == 0) {
             found.push_back(word);
         }
     }
@@ -125,7 +125,7 @@ std::string owners_of(std::string_view name)
 {
     std::vector<std::string> words;
     for (const command_row &row : all_commands()) {
-        if (!row.is_hidden && find_option(name, row.kind) != nullptr) {
+        if (!row.is_hidden() && find_option(name, row.kind) != nullptr) {
             words.push_back(words_of(row));
         }
     }
