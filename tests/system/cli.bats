@@ -169,6 +169,8 @@ complete_in_bash()
 }
 
 @test "shells complete names of options and of the daemon" {
+    cd "$BATS_TEST_TMPDIR"
+    touch "odd name\$(x)"
     local line expected
     while IFS='|' read -r line expected; do
         [[ $(complete_in_bash "$line" | sort | paste --serial --delimiters=' ') == "$expected" ]] ||
@@ -181,6 +183,7 @@ l2fibctl show mac --domain=lab:br0|br0
 l2fibctl sh mac -d br3|br3
 l2fibctl show mac --not port=br1p|br1p0 br1p1 br1p2 br1p3 br1p4 br1p5
 l2fibctl show mac --port nothing|
+l2fibctl show mac --socket odd|odd\ name\$\(x\)
 END
     local -r mac=$(ctl show mac --limit 1 --no-header --columns mac-address)
     [[ $(ctl complete-words -- find "${mac:0:15}" | cut --fields=1) == *"$mac"* ]]
