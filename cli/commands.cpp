@@ -6,9 +6,13 @@
 #include <cerrno>
 
 #include "base/result.h"
+#include "cli/completion.h"
 #include "cli/failure.h"
+#include "cli/help.h"
+#include "cli/line/table.h"
 #include "cli/output/bridge_form.h"
 #include "cli/output/printer.h"
+#include "cli/output/terminal.h"
 #include "cli/query/plans.h"
 
 namespace l2fibctl {
@@ -38,16 +42,14 @@ struct display {
     bool makes_bridge_form() const { return session.options.shown_as == form::bridge_json; }
 };
 
-// Prints the items of one query that the filter accepts. Returns false once --limit is reached.
-bool print_query(display &to, const list_request &list, const item_filter &filter, const item_action &print)
+// Prints the items of one query. Returns false once --limit is reached.
+bool print_query(display &to, const list_request &list, const item_action &print)
 {
     // The daemon can limit the items only if the client prints every item that it receives.
-    const uint64_t max_items = filter.empty() && !to.makes_bridge_form() ? to.room() : no_limit;
+    const uint64_t max_items = to.makes_bridge_form() ? no_limit : to.room();
     return for_each_page(to.session, list, max_items, [&](const page &current) {
         for (const json_value item : current.items) {
-            if (filter.accepts(item)) {
-                print(item);
-            }
+            print(item);
             if (to.room() == 0) {
                 return false;
             }
@@ -67,7 +69,7 @@ base::result print_plan(display &to, std::string_view name, const query_plan &pl
             to.printer.set_scope(one.scope);
         }
         try {
-            if (!print_query(to, {one.path, name, one.has_pages}, plan.filter, print)) {
+            if (!print_query(to, {one.path, name, one.has_pages}, print)) {
                 return found;
             }
         } catch (const failure &error) {
@@ -94,8 +96,7 @@ base::result print_bridge_form(display &to, const query_plan &plan)
     };
     base::result found =
         print_plan(to, mac_entries.name, plan, [&](json_value item) { print(bridge_entry_of(item, bridges)); });
-    // --flagged selects entries of bridges, and VXLAN devices have none.
-    if (to.room() > 0 && !to.session.options.flagged) {
+    if (to.room() > 0 && has_device_entries(to.session.options)) {
         // Its result does not count: the first plan has named a missing domain or port already.
         static_cast<void>(print_plan(to, tunnel_entries.name, plan_tunnel(to.session),
                                      [&](json_value item) { print(device_entry_of(item)); }));
@@ -129,20 +130,51 @@ base::result found_of(uint64_t printed, const base::result &by_name)
     return by_name.ok() ? base::failure(ENOENT, "nothing found: no item matches") : by_name;
 }
 
+// The columns that name a group of show count.
+struct group_columns {
+    std::string_view word; // of --by
+    std::vector<std::string> columns;
+};
+
+std::vector<std::string> columns_of_groups(std::string_view word)
+{
+    const group_columns rows[] = {{"domain", {"domain"}},
+                                  {"port", {"domain", "port"}},
+                                  {"vlan", {"vlan"}},
+                                  {"vtep", {"vtep"}},
+                                  {"type", {"origin"}}};
+    std::vector<std::string> columns = std::ranges::find(rows, word, &group_columns::word)->columns;
+    columns.insert(columns.end(), {"entries", "learned", "static", "local"});
+    return columns;
+}
+
+look look_of(const client_options &options, const view &selected)
+{
+    look made = {options.columns, options.wide, !options.no_header, wants_colors(options.color),
+                 is_on_terminal() && !options.wide};
+    const bool is_usual = options.columns.empty() && !options.wide && options.shown_as == form::text;
+    if (is_usual && selected.variant == groups_variant) {
+        made.columns = columns_of_groups(group_word(options));
+    }
+    return made;
+}
+
 void show(query_session &session)
 {
-    const view &selected = view_of(session.options);
-    output out(session.progress_line, session.options.strict);
-    item_printer printer(session.options.shown_as, *selected.shown, out);
+    const client_options &options = session.options;
+    const view &selected = *find_view(options);
+    output out(session.progress_line, options.strict, pager_command(options.no_pager || options.watch_seconds != 0));
+    item_printer printer(options.shown_as, *selected.shown, look_of(options, selected), out);
     display to = {session, out, printer};
     const base::result by_name = print_view(to, selected);
     const base::result found = found_of(printer.count(), by_name);
     printer.end();
     mark_changed_ports(session);
     const bool is_whole = session.worst.state == completeness::whole || !selected.heeds_mark;
-    if (is_whole || !session.options.strict) {
+    if (is_whole || !options.strict) {
         out.release();
     }
+    out.finish();
     if (!is_whole) {
         fail_incomplete(session.worst, found);
     }
@@ -167,14 +199,16 @@ std::string domain_member(const std::string &name)
 // Returns the scope of each request of the command, as a member of its JSON input. No member means everything.
 std::vector<std::string> resync_scopes(query_session &session)
 {
-    const client_options &options = session.options;
-    if (!options.domain.empty()) {
-        return {domain_member(options.domain)};
+    std::vector<std::string> scopes;
+    if (!filter_value(session.options, "domain").empty()) {
+        for (const std::string &name : find_domains(session)) {
+            scopes.push_back(domain_member(name));
+        }
+        return scopes;
     }
-    if (options.port.empty()) {
+    if (filter_value(session.options, "port").empty()) {
         return {""};
     }
-    std::vector<std::string> scopes;
     for (const named_port &port : find_ports(session)) {
         scopes.push_back(R"("port":)" + std::to_string(port.xcid) + ",");
     }
@@ -215,6 +249,7 @@ void resync(query_session &session)
 {
     const auto deadline = clock::now() + std::chrono::seconds(session.options.timeout_seconds);
     const std::vector<std::string> scopes = resync_scopes(session);
+    session.worst = {}; // the lists of domains and ports came before the resync
     session.progress_line.set_text("waiting for the forwarding plane");
     page reply;
     for (auto scope = scopes.begin(); scope != scopes.end() && !reply.problem; scope++) {
@@ -230,16 +265,65 @@ void resync(query_session &session)
     }
 }
 
+// ---- Commands of their own ----
+
+[[noreturn]] void fail_unavailable(const query_session &session)
+{
+    throw failure(exit_status::wrong_usage,
+                  words_of(row_of(session.options.command)) + ": this build does not have the command yet");
+}
+
+void find_address(query_session &session)
+{
+    fail_unavailable(session);
+}
+
+void monitor(query_session &session)
+{
+    fail_unavailable(session);
+}
+
+void top(query_session &session)
+{
+    fail_unavailable(session);
+}
+
+void show_moves(query_session &session)
+{
+    fail_unavailable(session);
+}
+
+void show_flaps(query_session &session)
+{
+    fail_unavailable(session);
+}
+
+struct command_function {
+    command_kind command;
+    void (*run)(query_session &session);
+};
+
+// All other commands show something by a view.
+constexpr command_function functions[] = {
+    {command_kind::find, find_address},
+    {command_kind::monitor, monitor},
+    {command_kind::top, top},
+    {command_kind::show_moves, show_moves},
+    {command_kind::show_flaps, show_flaps},
+    {command_kind::resync, resync},
+    {command_kind::help, explain},
+    {command_kind::completion, print_completion_script},
+    {command_kind::complete_words, complete},
+};
+
 } // namespace
 
 void run(const client_options &options)
 {
     query_session session{options};
-    if (options.command == command_kind::resync) {
-        resync(session);
-    } else {
-        show(session);
-    }
+    const auto *own = std::ranges::find(functions, options.command, &command_function::command);
+    const auto function = own != std::end(functions) ? own->run : show;
+    function(session);
 }
 
 } // namespace l2fibctl

@@ -12,7 +12,7 @@
 #include "base/standard_streams.h"
 #include "cli/commands.h"
 #include "cli/failure.h"
-#include "cli/options.h"
+#include "cli/line/parser.h"
 
 namespace {
 

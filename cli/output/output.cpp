@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "cli/failure.h"
 
@@ -35,8 +36,9 @@ void wait_for_room()
 
 } // namespace
 
-output::output(progress &line, bool held)
+output::output(progress &line, bool held, std::string pager_command)
     : progress_line_(line)
+    , pager_(std::move(pager_command))
     , terminal_(isatty(STDOUT_FILENO) == 1)
     , held_(held)
     , spilled_(nullptr, std::fclose)
@@ -94,6 +96,7 @@ void output::write_out(std::string_view text)
 {
     if (terminal_ && !text.empty()) {
         progress_line_.stop();
+        pager_.start();
     }
     while (!text.empty()) {
         const ssize_t written = write(STDOUT_FILENO, text.data(), text.size());

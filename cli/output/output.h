@@ -3,15 +3,17 @@
 // Standard output, written in large pieces.
 //
 // If standard output is a terminal, the progress line is erased for good before the first row, so that the two never
-// mix.
+// mix. A pager starts with the first text that is written, so no pager starts for an answer without rows.
 //
 // Threads: the main thread only.
 #pragma once
 
 #include <cstdio>
 #include <memory>
+#include <string>
 #include <string_view>
 
+#include "cli/output/pager.h"
 #include "cli/progress.h"
 #include "cli/text_buffer.h"
 
@@ -22,7 +24,8 @@ namespace l2fibctl {
 class output {
 public:
     // If `held` is set, nothing is written before `release`. Up to 4 MiB stay in memory, the rest in a temporary file.
-    output(progress &line, bool held);
+    // `pager_command` is as class pager takes it.
+    output(progress &line, bool held, std::string pager_command);
 
     // The text that is not written yet. Callers append to it.
     text_buffer &pending() { return pending_; }
@@ -36,6 +39,9 @@ public:
     // Writes everything that was held and stops holding.
     void release();
 
+    // Waits for the pager. Without a pager this does nothing. Nothing may be written after it.
+    void finish() { pager_.finish(); }
+
 private:
     using file = std::unique_ptr<FILE, int (*)(FILE *)>;
 
@@ -43,6 +49,7 @@ private:
     void write_out(std::string_view text);
 
     progress &progress_line_;
+    pager pager_;
     bool terminal_;
     bool held_;
     file spilled_;

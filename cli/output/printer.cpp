@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <array>
 
-#include "base/visible.h"
+#include "base/text.h"
 
 namespace l2fibctl {
 
@@ -14,6 +14,8 @@ namespace {
 constexpr unsigned gap = 2;          // spaces between columns, and the indentation of a record's parts
 constexpr unsigned label_width = 24; // of a record's titles with their indentation
 constexpr std::string_view no_value = "-";
+constexpr std::string_view sum_title = "Sum";
+constexpr std::string_view color_end = "\x1b[0m";
 
 // An item's values by column. A column without a member has no value.
 using members = std::array<json_value, max_columns + 1>; // the last place is for members without a column
@@ -62,12 +64,12 @@ void write_member(text_buffer &to, char separator, json_value value, const colum
     }
 }
 
-void write_object(text_buffer &to, const members &item, const resource &shown)
+void write_object(text_buffer &to, const members &item, const selection &shown)
 {
     char separator = '{';
-    for (size_t i = 0; i < shown.columns.size(); i++) {
-        if (item[i]) {
-            write_member(to, separator, item[i], shown.columns[i]);
+    for (const shown_column &one : shown) {
+        if (item[one.place]) {
+            write_member(to, separator, item[one.place], *one.shown);
             separator = ',';
         }
     }
@@ -77,7 +79,7 @@ void write_object(text_buffer &to, const members &item, const resource &shown)
 void write_json(text_buffer &to, json_value value, const resource *parts)
 {
     if (parts != nullptr && value.is_object()) {
-        write_object(to, members_of(value, *parts), *parts);
+        write_object(to, members_of(value, *parts), select_columns(*parts, form::json, {}));
     } else if (parts != nullptr && value.is_array()) {
         to.put('[');
         for (json_value element = value.first(); element != value.end(); element = element.next()) {
@@ -93,10 +95,10 @@ void write_json(text_buffer &to, json_value value, const resource *parts)
 // ---- Text ----
 
 // Pads the cell whose text begins at `start` and is `width` characters wide to its column's width. Appends the gap.
-void end_cell(text_buffer &to, size_t start, size_t width, const column_kind &kind)
+void end_cell(text_buffer &to, size_t start, size_t width, const shown_column &at)
 {
-    const size_t padding = width < kind.width ? kind.width - width : 0;
-    if (kind.is_right_aligned) {
+    const size_t padding = width < at.width ? at.width - width : 0;
+    if (at.shown->kind->is_right_aligned) {
         to.insert_spaces(start, padding);
         to.put_spaces(gap);
     } else {
@@ -104,12 +106,12 @@ void end_cell(text_buffer &to, size_t start, size_t width, const column_kind &ki
     }
 }
 
-// `title` is plain ASCII.
-void write_title(text_buffer &to, std::string_view title, const column_kind &kind)
+// `text` is plain ASCII.
+void write_plain_cell(text_buffer &to, std::string_view text, const shown_column &at)
 {
     const size_t start = to.size();
-    to.put(title);
-    end_cell(to, start, title.size(), kind);
+    to.put(text);
+    end_cell(to, start, text.size(), at);
 }
 
 void end_line(text_buffer &to)
@@ -118,13 +120,11 @@ void end_line(text_buffer &to)
     to.put('\n');
 }
 
-void write_titles(text_buffer &to, const resource &shown, unsigned indent)
+void write_titles(text_buffer &to, const selection &shown, unsigned indent)
 {
     to.put_spaces(indent);
-    for (const column &one : shown.columns) {
-        if (!one.title.empty()) {
-            write_title(to, one.title, *one.kind);
-        }
+    for (const shown_column &one : shown) {
+        write_plain_cell(to, one.shown->title, one);
     }
     end_line(to);
 }
@@ -138,30 +138,50 @@ size_t write_value(text_buffer &to, json_value value, const column_kind &kind)
     return no_value.size();
 }
 
-void write_row(text_buffer &to, const members &item, const resource &shown, unsigned indent)
+// A cell with a colour or a name that may be cut.
+void write_dressed_cell(text_buffer &to, json_value value, const shown_column &at, const look &wanted)
 {
+    const column_kind &kind = *at.shown->kind;
+    const bool has_color = wanted.has_colors && kind.color != nullptr && value;
+    const std::string_view color = has_color ? kind.color(value) : std::string_view();
+    const size_t start = to.size();
+    to.put(color);
+    const size_t text_start = to.size();
+    size_t width = write_value(to, value, kind);
+    if (wanted.cuts_names && kind.is_name) {
+        width = cut_middle(to, text_start, width, at.width);
+    }
+    to.put(color.empty() ? "" : color_end);
+    end_cell(to, start, width, at);
+}
+
+void write_row(text_buffer &to, const members &item, const selection &shown, const look &wanted, unsigned indent)
+{
+    const bool is_dressed = wanted.has_colors || wanted.cuts_names;
     to.put_spaces(indent);
-    for (size_t i = 0; i < shown.columns.size(); i++) {
-        const column &one = shown.columns[i];
-        if (!one.title.empty()) {
+    for (const shown_column &one : shown) {
+        if (is_dressed) {
+            write_dressed_cell(to, item[one.place], one, wanted);
+        } else {
             const size_t start = to.size();
-            end_cell(to, start, write_value(to, item[i], *one.kind), *one.kind);
+            end_cell(to, start, write_value(to, item[one.place], *one.shown->kind), one);
         }
     }
     end_line(to);
 }
 
-void write_record(text_buffer &to, const members &item, const resource &shown, unsigned indent);
+void write_record(text_buffer &to, const members &item, const selection &shown, unsigned indent);
 
 void write_parts(text_buffer &to, json_value value, const resource &shown, unsigned indent)
 {
+    const selection columns = select_columns(shown, form::text, {});
     if (shown.shown_as == layout::record) {
-        write_record(to, members_of(value, shown), shown, indent);
+        write_record(to, members_of(value, shown), columns, indent);
         return;
     }
-    write_titles(to, shown, indent);
+    write_titles(to, columns, indent);
     for (json_value element = value.first(); element != value.end(); element = element.next()) {
-        write_row(to, members_of(element, shown), shown, indent);
+        write_row(to, members_of(element, shown), columns, {}, indent);
     }
 }
 
@@ -175,23 +195,63 @@ bool has_parts(json_value value, const resource *parts)
     return fits && !value.is_empty();
 }
 
-void write_record(text_buffer &to, const members &item, const resource &shown, unsigned indent)
+void write_label(text_buffer &to, std::string_view title, unsigned indent)
 {
-    for (size_t i = 0; i < shown.columns.size(); i++) {
-        const column &one = shown.columns[i];
-        if (one.title.empty() || !item[i]) {
+    to.put_spaces(indent);
+    const size_t start = to.size();
+    to.put(title);
+    to.put(':');
+    const size_t written = indent + to.size() - start;
+    to.put_spaces(written < label_width ? label_width - written + gap : gap);
+}
+
+void write_record(text_buffer &to, const members &item, const selection &shown, unsigned indent)
+{
+    for (const shown_column &at : shown) {
+        const column &one = *at.shown;
+        const json_value value = item[at.place];
+        if (!value) {
             continue;
         }
-        to.put_spaces(indent);
-        write_title(to, std::string(one.title) + ":", {label_width - indent, false, nullptr});
-        if (has_parts(item[i], one.parts)) {
+        write_label(to, one.title, indent);
+        if (has_parts(value, one.parts)) {
             end_line(to);
-            write_parts(to, item[i], *one.parts, indent + gap);
+            write_parts(to, value, *one.parts, indent + gap);
         } else {
-            one.kind->format(to, item[i]);
+            one.kind->format(to, value);
             end_line(to);
         }
     }
+}
+
+// ---- Sums ----
+
+// A number of the API: 64 bits are a text. Other values count nothing.
+uint64_t amount_of(json_value value)
+{
+    if (value && value.is_text()) {
+        return base::parse_number(value.text()).value_or(0);
+    }
+    return value && value.kind() == json_kind::natural ? value.natural() : 0;
+}
+
+using column_sums = std::vector<uint64_t>; // of each selected column
+
+void add_to_sums(column_sums &sums, const members &item, const selection &shown)
+{
+    for (size_t i = 0; i < sums.size(); i++) {
+        sums[i] += amount_of(item[shown[i].place]);
+    }
+}
+
+// The row's first cell is the title, unless that column has a sum itself.
+void write_sums(text_buffer &to, const column_sums &sums, const selection &shown)
+{
+    for (size_t i = 0; i < sums.size(); i++) {
+        const bool has_sum = shown[i].shown->kind->is_summed;
+        write_plain_cell(to, has_sum ? std::to_string(sums[i]) : i == 0 ? std::string(sum_title) : "", shown[i]);
+    }
+    end_line(to);
 }
 
 } // namespace
@@ -206,6 +266,19 @@ void column_places::follow(const json_names &names, const resource &shown)
     places_.clear();
     for (size_t number = 0; number < names.size(); number++) {
         places_.push_back(static_cast<uint8_t>(column_of(names[number], shown)));
+    }
+}
+
+item_printer::item_printer(form shown_as, const resource &printed, const look &wanted, output &out)
+    : shown_as_(shown_as)
+    , resource_(printed)
+    , look_(wanted)
+    , selection_(select_columns(printed, shown_as, wanted))
+    , out_(out)
+{
+    const auto is_summed = [](const shown_column &one) { return one.shown->kind->is_summed; };
+    if (shown_as == form::text && std::ranges::any_of(selection_, is_summed)) {
+        sums_.resize(selection_.size());
     }
 }
 
@@ -240,15 +313,17 @@ void item_printer::item(json_value value)
         found[column_of(scope_member, resource_)] = scope_;
     }
     text_buffer &to = out_.pending();
-    if (shown_as_ == form::text) {
-        if (resource_.shown_as == layout::table && items_ == 0) {
-            write_titles(to, resource_, 0);
+    if (shown_as_ == form::text && resource_.shown_as == layout::record) {
+        write_record(to, found, selection_, 0);
+    } else if (shown_as_ == form::text) {
+        if (items_ == 0 && look_.has_titles) {
+            write_titles(to, selection_, 0);
         }
-        const auto write = resource_.shown_as == layout::table ? write_row : write_record;
-        write(to, found, resource_, 0);
+        write_row(to, found, selection_, look_, 0);
+        add_to_sums(sums_, found, selection_);
     } else {
         to.put(separator());
-        write_object(to, found, resource_);
+        write_object(to, found, selection_);
         to.put(terminator());
     }
     end_item();
@@ -273,6 +348,13 @@ void item_printer::end()
 {
     if (in_array()) {
         out_.pending().put(items_ == 0 ? "[]\n" : "]\n");
+    }
+    if (!sums_.empty() && items_ > 0) {
+        write_sums(out_.pending(), sums_, selection_);
+    }
+    if (shown_as_ == form::text && look_.has_titles && items_ > 0 && !resource_.note.empty()) {
+        out_.pending().put(resource_.note);
+        out_.pending().put('\n');
     }
     out_.flush();
 }

@@ -2,7 +2,7 @@
 
 // Prints items one at a time, as text or JSON, in the columns of their resource (cli/query/resources.h).
 //
-//      item_printer printer(form::json, mac_entries, out);
+//      item_printer printer(form::json, mac_entries, {}, out);
 //      printer.item(value);    // once for each item
 //      printer.end();
 //
@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "cli/options.h"
+#include "cli/output/columns.h"
 #include "cli/output/output.h"
 #include "cli/query/json.h"
 #include "cli/query/resources.h"
@@ -39,12 +40,8 @@ private:
 
 class item_printer {
 public:
-    // `printed` and `out` must outlive the printer.
-    item_printer(form shown_as, const resource &printed, output &out)
-        : shown_as_(shown_as)
-        , resource_(printed)
-        , out_(out)
-    {}
+    // `printed` and `out` must outlive the printer. Throws a failure if `wanted` names a column that does not exist.
+    item_printer(form shown_as, const resource &printed, const look &wanted, output &out);
 
     // Gives the items that follow the member `scope_member`, which the daemon does not send.
     void set_scope(std::string_view text);
@@ -67,12 +64,15 @@ private:
 
     form shown_as_;
     const resource &resource_;
+    const look look_;
+    const selection selection_;
     output &out_;
     uint64_t items_ = 0;
     column_places places_;
     text_buffer scope_text_; // JSON
     json_document scope_document_;
     json_value scope_;
+    std::vector<uint64_t> sums_; // of each selected column; empty: the resource has no sums
 };
 
 } // namespace l2fibctl

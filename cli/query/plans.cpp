@@ -35,77 +35,128 @@ std::string port_path(uint64_t xcid)
     return data_path("ports/port=" + std::to_string(xcid));
 }
 
-std::string with_flagged(std::string path, const client_options &options)
+// ---- Parameters ----
+
+constexpr std::string_view negation = "not-";
+constexpr std::string_view filters_of_bridges[] = {"vlan", "type", "older-than", "newer-than"};
+
+// Adds the filters of the command line, except those that the path names already.
+std::string with_filters(std::string path, const client_options &options, std::string_view named = {})
 {
-    return with_parameter(std::move(path), "flagged", options.flagged ? "true" : "");
+    for (const filter &one : options.filters) {
+        if (one.name != named) {
+            path = with_parameter(std::move(path), one.name, one.value);
+        }
+    }
+    return path;
+}
+
+// Adds one whole address as a prefix, for lists that do not ask the forwarding plane about an address.
+std::string with_address(std::string path, const client_options &options)
+{
+    std::string digits = options.address;
+    std::erase(digits, ':');
+    return with_parameter(std::move(path), "mac-prefix", digits);
+}
+
+std::string with_switch(std::string path, std::string_view name, bool is_on)
+{
+    return with_parameter(std::move(path), name, is_on ? "true" : "");
+}
+
+// Whether the daemon counts this all the time: everything, one domain or one port.
+bool is_counted(const client_options &options)
+{
+    const std::vector<filter> &filters = options.filters;
+    const bool fits =
+        filters.empty() || (filters.size() == 1 && (filters[0].name == "domain" || filters[0].name == "port"));
+    return options.grouped_by.empty() && fits;
+}
+
+bool asks_for_since(const client_options &options)
+{
+    return options.wide || std::ranges::count(options.columns, "since") != 0;
 }
 
 // ---- Plans ----
 
-query_plan plan_mac_of_ports(query_session &session)
-{
-    query_plan made = {{}, {.address = session.options.address, .vtep = session.options.vtep}};
-    for (const named_port &port : find_ports(session)) {
-        made.queries.push_back({with_flagged(port_path(port.xcid) + "/mac-entry", session.options)});
-    }
-    return made;
-}
-
-// The filter for a resource that has no parameters for domain, port, address and tunnel end point.
-item_filter whole_filter(query_session &session)
+// The daemon's filter `port` shows entries of a port as the whole table does, without the locked entries that
+// --flagged is for. So --flagged --port reads the lists of the ports.
+query_plan plan_flagged_of_ports(query_session &session)
 {
     const client_options &options = session.options;
-    item_filter made = {options.domain, {}, options.address, options.vtep};
-    if (!options.port.empty()) {
-        for (const named_port &port : find_ports(session)) {
-            made.xcids.insert(port.xcid);
-        }
+    query_plan made;
+    for (const named_port &port : find_ports(session)) {
+        std::string path = with_parameter(port_path(port.xcid) + "/mac-entry", "flagged", "true");
+        made.queries.push_back({with_filters(with_address(std::move(path), options), options, "port")});
     }
     return made;
-}
-
-query_plan plan_sorted(query_session &session)
-{
-    const std::string order_word = session.options.sorted_by == order::created ? created_word : last_seen_word;
-    return {{{with_parameter(data_path("mac-aging/mac-entry"), "sort", order_word)}}, whole_filter(session)};
 }
 
 query_plan plan_mac(query_session &session)
 {
     const client_options &options = session.options;
-    if (!options.port.empty()) {
-        return plan_mac_of_ports(session);
+    const bool has_port = !filter_value(options, "port").empty();
+    if (has_port && options.flagged) {
+        return plan_flagged_of_ports(session);
     }
-    if (!options.domain.empty() && !options.address.empty() && options.vtep.empty() && !options.flagged) {
-        return {{{.path = domain_path(options.domain) + "/mac-entry=" + options.address, .has_pages = false}}};
+    if (has_port) {
+        static_cast<void>(find_ports(session)); // for mark_changed_ports
     }
-    std::string path =
-        options.domain.empty() ? data_path("mac-table/mac-entry") : domain_path(options.domain) + "/mac-entry";
-    path = with_parameter(std::move(path), "mac", options.address);
-    path = with_parameter(std::move(path), "vtep", options.vtep);
-    return {{{with_flagged(std::move(path), options)}}};
+    // The daemon asks the forwarding plane about one address. In an order it selects among what the table has.
+    std::string path = data_path("mac-table/mac-entry");
+    path = options.sorted_by.empty() ? with_parameter(std::move(path), "mac", options.address)
+                                     : with_address(std::move(path), options);
+    path = with_filters(std::move(path), options);
+    path = with_switch(std::move(path), "flagged", options.flagged);
+    path = with_parameter(std::move(path), "sort", options.sorted_by);
+    path = with_switch(std::move(path), "reverse", options.reverse);
+    return {{{with_switch(std::move(path), "with-since", asks_for_since(options))}}};
 }
 
+// The lists in an order by time, which the daemon keeps in that order, so it sorts nothing.
+query_plan plan_by_time(query_session &session)
+{
+    const client_options &options = session.options;
+    if (options.reverse) {
+        return plan_mac(session);
+    }
+    std::string path = with_parameter(data_path("mac-aging/mac-entry"), "sort", options.sorted_by);
+    path = with_filters(with_address(std::move(path), options), options);
+    return {{{with_switch(std::move(path), "with-since", asks_for_since(options))}}};
+}
+
+// The numbers that the daemon counts all the time: of everything, of a domain, or of a port.
 query_plan plan_count(query_session &session)
 {
     const client_options &options = session.options;
-    if (!options.domain.empty()) {
-        return {{{domain_path(options.domain) + "/mac-count", options.domain, false}}};
-    }
-    if (options.port.empty()) {
+    if (options.filters.empty()) {
         return {{{data_path("mac-count"), "all", false}}};
     }
     query_plan made;
+    if (const std::string domain = filter_value(options, "domain"); !domain.empty()) {
+        for (const std::string &name : find_domains(session)) {
+            made.queries.push_back({domain_path(name) + "/mac-count", name, false});
+        }
+        return made;
+    }
     for (const named_port &port : find_ports(session)) {
         made.queries.push_back({port_path(port.xcid) + "/mac-count", port.name + " in " + port.domain, false});
     }
     return made;
 }
 
-template <const resource &listed>
-query_plan plan_list(query_session & /*session*/)
+query_plan plan_groups(query_session &session)
 {
-    return {{{list_path(listed)}}};
+    const client_options &options = session.options;
+    const std::string path = with_parameter(data_path("mac-counts/mac-count"), "by", group_word(options));
+    return {{{with_filters(path, options)}}};
+}
+
+template <const resource &listed>
+query_plan plan_list(query_session &session)
+{
+    return {{{with_filters(list_path(listed), session.options)}}};
 }
 
 query_plan plan_health(query_session & /*session*/)
@@ -115,47 +166,60 @@ query_plan plan_health(query_session & /*session*/)
 
 [[noreturn]] void fail_no_port(const client_options &options)
 {
-    const std::string place =
-        options.domain.empty() ? "" : " in the bridge domain \"" + base::visible(options.domain) + "\"";
-    throw failure(exit_status::nothing_found, "no port \"" + base::visible(options.port) + "\"" + place
+    const std::string domain = filter_value(options, "domain");
+    const std::string place = domain.empty() ? "" : " in the bridge domain \"" + base::visible(domain) + "\"";
+    throw failure(exit_status::nothing_found, "no port \"" + base::visible(filter_value(options, "port")) + "\"" + place
                                                   + "; \"l2fibctl show port\" lists the ports");
 }
 
+// The first row that fits counts.
 constexpr view views[] = {
+    {&aging_entries, plan_by_time, command_kind::show_mac, true, last_seen_word},
+    {&mac_entries, plan_by_time, command_kind::show_mac, true, created_word},
     {&mac_entries, plan_mac, command_kind::show_mac},
-    {&aging_entries, plan_sorted, command_kind::show_mac, order::last_seen},
-    {&mac_entries, plan_sorted, command_kind::show_mac, order::created},
+    {&mac_groups, plan_groups, command_kind::show_count, true, groups_variant},
     {&mac_counts, plan_count, command_kind::show_count},
     {&domains, plan_list<domains>, command_kind::show_domain},
     {&ports, plan_list<ports>, command_kind::show_port},
     {&vteps, plan_list<vteps>, command_kind::show_vtep},
     {&tunnel_entries, plan_tunnel, command_kind::show_tunnel},
-    {&health, plan_health, command_kind::show_health, order::usual, false},
-    {&traces, plan_list<traces>, command_kind::show_trace, order::usual, false},
+    {&health, plan_health, command_kind::show_health, false},
+    {&traces, plan_list<traces>, command_kind::show_trace, false},
 };
 
 } // namespace
 
-bool item_filter::accepts(json_value item) const
+std::string group_word(const client_options &options)
 {
-    const auto fits = [&](const std::string &wanted, std::string_view member) {
-        return wanted.empty() || text_of(item, member) == wanted;
+    return options.grouped_by.empty() ? "domain" : options.grouped_by;
+}
+
+const view *find_view(const client_options &options)
+{
+    const bool has_groups = options.command == command_kind::show_count && !is_counted(options);
+    const std::string_view variant = has_groups ? groups_variant : std::string_view(options.sorted_by);
+    const auto fits = [&](const view &row) {
+        return row.command == options.command && (row.variant.empty() || row.variant == variant);
     };
-    return fits(domain, "domain") && fits(address, "mac-address") && fits(vtep, vtep_member)
-           && (xcids.empty() || xcids.contains(number_of(item, "xcid")));
+    const auto *found = std::ranges::find_if(views, fits);
+    return found != std::end(views) ? found : nullptr;
 }
 
-const view &view_of(const client_options &options)
+bool has_device_entries(const client_options &options)
 {
-    return *std::ranges::find_if(
-        views, [&](const view &row) { return row.command == options.command && row.sorted_by == options.sorted_by; });
+    const auto is_met = [](const filter &one) { return std::ranges::count(filters_of_bridges, one.name) == 0; };
+    return !options.flagged && std::ranges::all_of(options.filters, is_met);
 }
 
+// Entries of VXLAN devices meet every negated filter that is for entries of bridges.
 query_plan plan_tunnel(query_session &session)
 {
-    query_plan made = {{{data_path("tunnel-entries/tunnel-entry")}}, whole_filter(session)};
-    made.filter.vtep_member = "destination";
-    return made;
+    client_options options = session.options;
+    std::erase_if(options.filters, [](const filter &one) {
+        return one.name.starts_with(negation)
+               && std::ranges::count(filters_of_bridges, one.name.substr(negation.size())) != 0;
+    });
+    return {{{with_filters(with_address(data_path("tunnel-entries/tunnel-entry"), options), options)}}};
 }
 
 bool for_each_page(query_session &session, const list_request &list, uint64_t max_items,
@@ -173,12 +237,30 @@ bool for_each_page(query_session &session, const list_request &list, uint64_t ma
     return true;
 }
 
-void for_each_item(query_session &session, const resource &listed, const std::function<void(json_value item)> &take)
+void for_each_item(query_session &session, const std::string &path, std::string_view name,
+                   const std::function<void(json_value item)> &take)
 {
-    for_each_page(session, {list_path(listed), listed.name}, no_limit, [&](const page &current) {
+    for_each_page(session, {path, name}, no_limit, [&](const page &current) {
         std::ranges::for_each(current.items, take);
         return true;
     });
+}
+
+void for_each_item(query_session &session, const resource &listed, const std::function<void(json_value item)> &take)
+{
+    for_each_item(session, list_path(listed), listed.name, take);
+}
+
+std::vector<std::string> find_domains(query_session &session)
+{
+    const std::string named = filter_value(session.options, "domain");
+    if (named.find(':') != std::string::npos) { // a full name; no bridge has a colon in its name
+        return {named};
+    }
+    std::vector<std::string> found;
+    const std::string path = with_parameter(list_path(domains), "domain", named);
+    for_each_item(session, path, domains.name, [&](json_value item) { found.emplace_back(text_of(item, "name")); });
+    return found;
 }
 
 namespace {
@@ -198,25 +280,22 @@ std::vector<uint64_t> xcids_of(const std::vector<named_port> &found)
 std::vector<named_port> find_ports(query_session &session)
 {
     const client_options &options = session.options;
-    const auto number = base::parse_number(options.port, UINT32_MAX);
-    std::vector<named_port> by_name;
-    std::vector<named_port> by_number;
-    for_each_item(session, ports, [&](json_value item) {
-        named_port port = {number_of(item, "xcid"), std::string(text_of(item, "name")),
-                           std::string(text_of(item, "domain"))};
-        if (!options.domain.empty() && port.domain != options.domain) {
-            return;
+    std::string path = with_parameter(list_path(ports), "port", filter_value(options, "port"));
+    path = with_parameter(std::move(path), "domain", filter_value(options, "domain"));
+    std::vector<named_port> found;
+    try {
+        for_each_item(session, path, ports.name, [&](json_value item) {
+            found.push_back(
+                {number_of(item, "xcid"), std::string(text_of(item, "name")), std::string(text_of(item, "domain"))});
+        });
+    } catch (const failure &error) {
+        if (error.status != exit_status::nothing_found) {
+            throw;
         }
-        if (port.name == options.port) {
-            by_name.push_back(std::move(port));
-        } else if (number && port.xcid == *number) {
-            by_number.push_back(std::move(port));
-        }
-    });
-    if (by_name.empty() && by_number.empty()) {
+    }
+    if (found.empty()) {
         fail_no_port(options);
     }
-    const std::vector<named_port> &found = by_name.empty() ? by_number : by_name;
     session.named_ports = xcids_of(found);
     return found;
 }
@@ -236,8 +315,8 @@ void mark_changed_ports(query_session &session)
         }
     }
     if (now != before) {
-        session.worst.add({completeness::degraded,
-                           "the ports named \"" + session.options.port + "\" changed while the answer was made"});
+        session.worst.add({completeness::degraded, "the ports named \"" + filter_value(session.options, "port")
+                                                       + "\" changed while the answer was made"});
     }
 }
 

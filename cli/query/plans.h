@@ -1,10 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// The plan of each command that shows something: which queries it sends, and which items of the answers it picks.
+// The plan of each command that shows something: which queries it sends. The filters of the command line go to the
+// daemon as parameters.
 //
-//      show mac --domain lab:br0           one query: domains/domain=lab:br0/mac-entry
-//      show mac --port eth1                one query for each port with that name: ports/port=4/mac-entry, ...
-//      show mac --aging --domain lab:br0   one query: mac-aging/mac-entry; the client picks the domain's items
+//      show mac --domain lab:br0           one query: mac-table/mac-entry?domain=lab:br0
+//      show mac --sort last-seen           one query: mac-aging/mac-entry?sort=last-seen
+//      show count --port eth1              one query for each port with that name: ports/port=4/mac-count, ...
 //
 // The room cli/query turns a command into items. This file decides the queries, pages.h sends them and parses the
 // answers, http.h transports them, json.h reads their JSON, and resources.h describes their items.
@@ -13,7 +14,6 @@
 #pragma once
 
 #include <functional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -29,21 +29,8 @@ struct query {
     bool has_pages = true;
 };
 
-// Picks items where the daemon's resource has no parameter for it. An empty member accepts everything.
-struct item_filter {
-    std::string domain = {};
-    std::set<uint64_t> xcids = {};
-    std::string address = {};
-    std::string vtep = {};
-    std::string_view vtep_member = "vtep"; // the item's member that `vtep` is compared with
-
-    bool empty() const { return domain.empty() && xcids.empty() && address.empty() && vtep.empty(); }
-    bool accepts(json_value item) const;
-};
-
 struct query_plan {
     std::vector<query> queries;
-    item_filter filter = {};
 };
 
 // What one command shows.
@@ -51,12 +38,22 @@ struct view {
     const resource *shown;
     query_plan (*make_plan)(query_session &session); // throws a failure if no plan is possible
     command_kind command;
-    order sorted_by = order::usual;
-    bool heeds_mark = true; // false: the daemon's mark changes neither output nor exit status
+    bool heeds_mark = true;        // false: the daemon's mark changes neither output nor exit status
+    std::string_view variant = {}; // the order, or groups_variant; empty: every other case of the command
 };
 
-// `options` must have a command that shows something.
-const view &view_of(const client_options &options);
+// Of show count: a row for each group.
+inline constexpr std::string_view groups_variant = "groups";
+
+// The word of --by, which filters imply.
+std::string group_word(const client_options &options);
+
+// Returns null if the command shows nothing by a view.
+const view *find_view(const client_options &options);
+
+// Whether entries of VXLAN devices can meet the filters. They have no VLAN, type and age, and --flagged selects entries
+// of bridges.
+bool has_device_entries(const client_options &options);
 
 query_plan plan_tunnel(query_session &session);
 
@@ -71,6 +68,13 @@ bool for_each_page(query_session &session, const list_request &list, uint64_t ma
 // Passes all items of `domains` or `ports` to `take`.
 void for_each_item(query_session &session, const resource &listed, const std::function<void(json_value item)> &take);
 
+// Passes all items of the list `name` at `path` to `take`.
+void for_each_item(query_session &session, const std::string &path, std::string_view name,
+                   const std::function<void(json_value item)> &take);
+
+// Returns the full names of the bridge domains that --domain names. Throws a failure if there is none.
+std::vector<std::string> find_domains(query_session &session);
+
 struct named_port {
     uint64_t xcid;
     std::string name;
@@ -78,7 +82,7 @@ struct named_port {
 };
 
 // Returns the ports that --port and --domain name. One name means several ports if the interface is a port of several
-// VLANs. A number means the xcid unless a port has that number as its name. Throws a failure if there is no such port.
+// VLANs. Throws a failure if there is no such port.
 std::vector<named_port> find_ports(query_session &session);
 
 // Marks the answer as degraded if --port means other ports now than when the command asked for them. A port that

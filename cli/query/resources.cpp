@@ -109,62 +109,137 @@ size_t add_limit(text_buffer &to, json_value value)
     return is_unlimited ? add_plain(to, "none") : add_text(to, value);
 }
 
-constexpr column_kind name_kind = {22, false, add_text};
-constexpr column_kind port_kind = {15, false, add_text}; // the kernel's maximum for an interface's name
-constexpr column_kind mac_kind = {17, false, add_text};
-constexpr column_kind ipv4_kind = {15, false, add_text};
-constexpr column_kind ip_kind = {39, false, add_text};
-constexpr column_kind word_kind = {9, false, add_text};
-constexpr column_kind age_kind = {8, true, add_age};
-constexpr column_kind id_kind = {10, true, add_text};
-constexpr column_kind vlan_kind = {5, true, add_text};
-constexpr column_kind vni_kind = {8, true, add_text};
-constexpr column_kind number_kind = {9, true, add_text};
-constexpr column_kind limit_kind = {9, true, add_limit};
-constexpr column_kind rest_kind = {0, false, add_text}; // for the last column, which needs no padding
-constexpr const column_kind *json_only = &rest_kind;
+// ---- Colours ----
 
-constexpr column mac_entry_columns[] = {
-    {"domain", "Domain", &name_kind}, {"mac-address", "MAC Address", &mac_kind},
-    {"bridge-id", "", json_only},     {"xcid", "", json_only},
-    {"port", "Port", &port_kind},     {"origin", "Type", &word_kind},
-    {"age", "Age", &age_kind},        {"last-seen", "", json_only},
-    {"vlan", "VLAN", &vlan_kind},     {"vni", "VNI", &vni_kind},
-    {"source-vni", "", json_only},    {"vtep", "VTEP", &ipv4_kind},
-    {"backbone-mac", "", json_only},  {"node-id", "", json_only},
-    {"flags", "Flags", &rest_kind},
+constexpr std::string_view green = "\x1b[32m";
+constexpr std::string_view yellow = "\x1b[33m";
+constexpr std::string_view blue = "\x1b[34m";
+constexpr std::string_view dim = "\x1b[2m";
+
+struct word_color {
+    std::string_view word;
+    std::string_view color;
 };
+constexpr word_color word_colors[] = {
+    {"learned", green}, {"static", yellow}, {"local", blue}, {"up", green}, {"down", yellow}};
 
-// Returns the columns with `more` inserted behind the column of `member`.
-template <size_t count>
-constexpr std::array<column, count + 1> insert_behind(const column (&columns)[count], std::string_view member,
-                                                      const column &more)
+std::string_view color_of_word(json_value value)
 {
-    std::array<column, count + 1> result = {};
-    const auto *end = std::ranges::find(columns, member, &column::member) + 1;
-    auto to = std::copy(columns, end, result.begin());
-    *to++ = more;
-    std::copy(end, columns + count, to);
-    return result;
+    const auto *found =
+        value.is_text() ? std::ranges::find(word_colors, value.text(), &word_color::word) : std::end(word_colors);
+    return found != std::end(word_colors) ? found->color : std::string_view();
 }
 
-constexpr auto aging_entry_columns = insert_behind(mac_entry_columns, "age", {"time-left", "Left", &age_kind});
+constexpr uint64_t fresh_seconds = 10; // about as long as it takes to look
+constexpr uint64_t old_seconds = 300;  // the kernel's ageing time unless it is changed
+
+std::string_view color_of_age(json_value value)
+{
+    if (value.kind() != json_kind::natural) {
+        return {};
+    }
+    const uint64_t seconds = value.natural();
+    return seconds < fresh_seconds ? green : seconds >= old_seconds ? dim : std::string_view();
+}
+
+// ---- Kinds of columns ----
+
+constexpr unsigned domain_width = 22; // with --wide, and where there is room
+constexpr unsigned port_width = 15;   // the kernel's maximum for an interface's name
+
+constexpr column_kind name_kind = {domain_width, false, add_text, 0, true};
+constexpr column_kind port_kind = {port_width, false, add_text, 0, true};
+constexpr column_kind short_name_kind = {16, false, add_text, domain_width, true}; // a row fits 100 characters
+constexpr column_kind short_port_kind = {11, false, add_text, port_width, true};
+constexpr column_kind mac_kind = {17, false, add_text};
+constexpr column_kind ipv4_kind = {15, false, add_text};
+constexpr column_kind ip_kind = {20, false, add_text, 39};
+constexpr column_kind word_kind = {9, false, add_text, 0, false, color_of_word};
+constexpr column_kind origin_kind = {7, false, add_text, 0, false, color_of_word};
+constexpr column_kind age_kind = {8, true, add_age, 0, false, color_of_age};
+constexpr column_kind left_kind = {8, true, add_age};
+constexpr column_kind time_kind = {24, false, add_text};
+constexpr column_kind id_kind = {10, true, add_text};
+constexpr column_kind vlan_kind = {4, true, add_text, 5};
+constexpr column_kind wide_vlan_kind = {5, true, add_text};
+constexpr column_kind vni_kind = {8, true, add_text};
+constexpr column_kind number_kind = {9, true, add_text};
+constexpr column_kind sum_kind = {.width = 9, .is_right_aligned = true, .format = add_text, .is_summed = true};
+constexpr column_kind entries_kind = {8, true, add_text};
+constexpr column_kind changes_kind = {9, true, add_text};
+constexpr column_kind state_kind = {5, false, add_text, 0, false, color_of_word};
+constexpr column_kind limit_kind = {9, true, add_limit};
+constexpr column_kind rest_kind = {0, false, add_text}; // for the last column, which needs no padding
+
+constexpr bool rare = false; // for column::is_usual
+
+constexpr column mac_entry_columns[] = {
+    {"domain", "Domain", &short_name_kind},
+    {"mac-address", "MAC Address", &mac_kind},
+    {"bridge-id", "Bridge ID", &number_kind, {}, rare},
+    {"xcid", "XCID", &id_kind, {}, rare},
+    {"port", "Port", &short_port_kind},
+    {"origin", "Type", &origin_kind},
+    {"age", "Age", &age_kind},
+    {"last-seen", "Last Seen", &time_kind, {}, rare},
+    {"since", "Since", &time_kind, {}, rare},
+    {"vlan", "VLAN", &vlan_kind},
+    {"vni", "VNI", &vni_kind},
+    {"source-vni", "From VNI", &vni_kind, {}, rare},
+    {"vtep", "VTEP", &ipv4_kind},
+    {"backbone-mac", "Backbone MAC", &mac_kind, {}, rare},
+    {"node-id", "Node", &number_kind, {}, rare},
+    {"flags", "Flags", &rest_kind, {}, rare},
+};
+
+// The time left stands behind the age. The VNI gives it its room in a row.
+constexpr auto columns_with_time_left()
+{
+    std::array<column, std::size(mac_entry_columns) + 1> result = {};
+    const auto *end = std::ranges::find(mac_entry_columns, "age", &column::member) + 1;
+    auto to = std::copy(std::begin(mac_entry_columns), end, result.begin());
+    *to++ = {"time-left", "Left", &left_kind};
+    std::copy(end, std::end(mac_entry_columns), to);
+    std::ranges::find(result, "vni", &column::member)->is_usual = rare;
+    return result;
+}
+constexpr auto aging_entry_columns = columns_with_time_left();
 
 constexpr column mac_count_columns[] = {
     {scope_member, "Scope", &name_kind}, {"total", "Total", &number_kind}, {"learned", "Learned", &number_kind},
     {"static", "Static", &number_kind},  {"local", "Local", &number_kind}, {"bridge-own", "Bridge", &number_kind},
 };
 
+constexpr column mac_group_columns[] = {
+    {"domain", "Domain", &name_kind},  {"port", "Port", &port_kind},      {"xcid", "XCID", &id_kind, {}, rare},
+    {"vlan", "VLAN", &wide_vlan_kind}, {"vtep", "VTEP", &ip_kind},        {"origin", "Type", &word_kind},
+    {"entries", "Entries", &sum_kind}, {"learned", "Learned", &sum_kind}, {"static", "Static", &sum_kind},
+    {"local", "Local", &sum_kind},
+};
+
 constexpr column domain_columns[] = {
-    {"name", "Domain", &name_kind},   {"bridge-id", "Bridge ID", &number_kind},
-    {"bridge", "Bridge", &port_kind}, {"ifindex", "Ifindex", &number_kind},
-    {"vlan-aware", "", json_only},    {"vlan", "VLAN", &vlan_kind},
+    {"name", "Domain", &name_kind},
+    {"bridge-id", "Bridge ID", &number_kind},
+    {"bridge", "Bridge", &port_kind},
+    {"ifindex", "Ifindex", &number_kind},
+    {"vlan-aware", "Aware", &word_kind, {}, rare},
+    {"vlan", "VLAN", &wide_vlan_kind},
+    {"entries", "Entries", &number_kind},
+    {"changes", "Changes", &id_kind},
 };
 
 constexpr column port_columns[] = {
-    {"xcid", "XCID", &id_kind},   {"name", "Port", &port_kind},         {"ifindex", "Ifindex", &number_kind},
-    {"kind", "Type", &word_kind}, {"oper-status", "State", &word_kind}, {"domain", "Domain", &name_kind},
-    {"bridge-id", "", json_only}, {"vlan", "VLAN", &vlan_kind},         {"vni", "VNI", &vni_kind},
+    {"xcid", "XCID", &number_kind},
+    {"name", "Port", &port_kind},
+    {"ifindex", "Ifindex", &number_kind, {}, rare},
+    {"kind", "Type", &word_kind},
+    {"oper-status", "State", &state_kind},
+    {"domain", "Domain", &short_name_kind},
+    {"bridge-id", "Bridge ID", &number_kind, {}, rare},
+    {"vlan", "VLAN", &vlan_kind},
+    {"vni", "VNI", &vni_kind},
+    {"entries", "Entries", &entries_kind},
+    {"changes", "Changes", &changes_kind},
 };
 
 constexpr column vtep_columns[] = {
@@ -173,18 +248,24 @@ constexpr column vtep_columns[] = {
 };
 
 constexpr column tunnel_entry_columns[] = {
-    {"domain", "Domain", &name_kind},      {"mac-address", "MAC Address", &mac_kind},
-    {"bridge-id", "", json_only},          {"xcid", "", json_only},
-    {"port", "Port", &port_kind},          {"destination", "Destination", &ip_kind},
-    {"next-hop-id", "Next Hop", &id_kind}, {"vni", "VNI", &vni_kind},
-    {"source-vni", "From VNI", &vni_kind}, {"udp-port", "", json_only},
-    {"flags", "Flags", &rest_kind},
+    {"domain", "Domain", &short_name_kind},
+    {"mac-address", "MAC Address", &mac_kind},
+    {"bridge-id", "Bridge ID", &number_kind, {}, rare},
+    {"xcid", "XCID", &id_kind, {}, rare},
+    {"port", "Port", &short_port_kind},
+    {"destination", "Destination", &ip_kind},
+    {"next-hop-id", "Next Hop", &vni_kind},
+    {"vni", "VNI", &vni_kind},
+    {"source-vni", "From VNI", &vni_kind},
+    {"udp-port", "UDP Port", &vni_kind, {}, rare},
+    {"flags", "Flags", &rest_kind, {}, rare},
 };
 
 constexpr column trace_columns[] = {
-    {"time", "", json_only},   {"ring", "Ring", &word_kind},  {"sequence", "Sequence", &number_kind},
-    {"id", "", json_only},     {"thread", "", json_only},     {"function", "", json_only},
-    {"values", "", json_only}, {"text", "Point", &rest_kind},
+    {"time", "Time", &time_kind, {}, rare},       {"ring", "Ring", &word_kind},
+    {"sequence", "Sequence", &number_kind},       {"id", "Id", &number_kind, {}, rare},
+    {"thread", "Thread", &number_kind, {}, rare}, {"function", "Function", &name_kind, {}, rare},
+    {"values", "Values", &name_kind, {}, rare},   {"text", "Point", &rest_kind},
 };
 
 constexpr column reason_columns[] = {
@@ -322,6 +403,8 @@ static_assert(std::size(health_columns) <= max_columns && std::size(aging_entry_
 constexpr resource mac_entries = {"mac-entry", layout::table, mac_entry_columns};
 constexpr resource aging_entries = {"mac-entry", layout::table, aging_entry_columns};
 constexpr resource mac_counts = {"mac-count", layout::table, mac_count_columns};
+constexpr resource mac_groups = {"mac-count", layout::table, mac_group_columns,
+                                 "Entries as show mac lists them, with the addresses of ports and bridges (local)."};
 constexpr resource domains = {"domain", layout::table, domain_columns};
 constexpr resource ports = {"port", layout::table, port_columns};
 constexpr resource vteps = {"vtep", layout::table, vtep_columns};

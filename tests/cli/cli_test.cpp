@@ -128,12 +128,12 @@ TEST(Visible, EscapesOnlyHarmfulCharacters)
     EXPECT_EQ(base::width_of("a\xc3\x9f\xf0\x9f\x8c\x90"), 3u);
 }
 
-std::string print(form shown_as, const resource &printed, const std::vector<json> &items)
+std::string print(form shown_as, const resource &printed, const std::vector<json> &items, const look &wanted = {})
 {
     testing::internal::CaptureStdout();
     progress line;
-    output out(line, false);
-    item_printer printer(shown_as, printed, out);
+    output out(line, false, "");
+    item_printer printer(shown_as, printed, wanted, out);
     for (const json &item : items) {
         printer.item(parsed(item.dump()));
     }
@@ -146,17 +146,89 @@ const json learned = json::parse(R"({"domain":"h:br0","mac-address":"02:00:00:00
 const json own = json::parse(R"({"domain":"h:a-name-that-is-too-long","mac-address":"02:00:00:00:00:02","bridge-id":1,
     "origin":"local","flags":["local","bridge-own"],"age":12})");
 
-TEST(Printer, AlignsTextFromTheFirstRow)
+TEST(Printer, LaysTextOutFromTheFirstRow)
 {
-    EXPECT_EQ(
-        print(form::text, mac_entries, {learned, own}),
-        "Domain                  MAC Address        Port             Type            Age   VLAN       VNI  VTEP"
-        "             Flags\n"
-        "h:br0                   02:00:00:00:00:01  vxlan7           learned       1d02h      -         7  192.0.2.1"
-        "        timestamped\n"
-        "h:a-name-that-is-too-long  02:00:00:00:00:02  -                local      00:00:12      -         -  -"
-        "                local, bridge-own\n");
+    const std::vector<json> items = {learned, own};
+    const struct {
+        look wanted;
+        const char *expected;
+    } rows[] = {
+        {{}, R"(Domain            MAC Address        Port         Type          Age  VLAN       VNI  VTEP
+h:br0             02:00:00:00:00:01  vxlan7       learned     1d02h     -         7  192.0.2.1
+h:a-name-that-is-too-long  02:00:00:00:00:02  -            local    00:00:12     -         -  -
+)"},
+        {{.columns = {"age", "domain", "flags"}, .has_titles = false, .cuts_names = true},
+         R"(   1d02h  h:br0             timestamped
+00:00:12  h:a-name…oo-long  local, bridge-own
+)"},
+        {{.columns = {"origin", "age", "port"}, .has_titles = false, .has_colors = true},
+         "\x1b[32mlearned\x1b[0m     \x1b[2m1d02h\x1b[0m  vxlan7\n"
+         "\x1b[34mlocal\x1b[0m    00:00:12  -\n"},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(print(form::text, mac_entries, items, row.wanted), row.expected);
+    }
+    const std::string wide = print(form::text, mac_entries, items, {.is_wide = true});
+    for (const column &one : mac_entries.columns) {
+        EXPECT_THAT(wide, testing::HasSubstr(std::string(one.title)));
+    }
     EXPECT_EQ(print(form::text, mac_entries, {}), "");
+}
+
+TEST(Printer, FitsAHundredCharactersUnlessAskedForMore)
+{
+    for (const resource *shown :
+         {&mac_entries, &aging_entries, &mac_counts, &domains, &ports, &vteps, &tunnel_entries}) {
+        size_t width = 0;
+        for (const shown_column &one : select_columns(*shown, form::text, {})) {
+            width += one.width + 2;
+        }
+        EXPECT_LE(width, 102u) << shown->columns[0].title; // no gap behind the last column
+    }
+}
+
+TEST(Printer, RefusesAColumnThatIsNotThere)
+{
+    try {
+        print(form::json, vteps, {}, {.columns = {"port", "vlan"}});
+        ADD_FAILURE();
+    } catch (const failure &error) {
+        testing::internal::GetCapturedStdout();
+        EXPECT_EQ(error.status, exit_status::wrong_usage);
+        EXPECT_STREQ(error.what(), "--columns: \"vlan\": expected names among address, port, xcid, domain, vni");
+    }
+}
+
+TEST(Printer, AddsSumsBelowGroups)
+{
+    const std::vector<json> groups = {{{"vlan", 10}, {"entries", 3}, {"learned", 2}}, {{"entries", "4"}, {"local", 1}}};
+    EXPECT_EQ(print(form::text, mac_groups, groups, {.columns = {"vlan", "entries", "local"}}),
+              " VLAN    Entries      Local\n"
+              "   10          3          -\n"
+              "    -          4          1\n"
+              "  Sum          7          1\n"
+                  + std::string(mac_groups.note) + "\n");
+    EXPECT_EQ(print(form::json, mac_groups, groups, {.columns = {"entries"}}),
+              "[{\"entries\":3},\n{\"entries\":\"4\"}]\n");
+}
+
+TEST(CutMiddle, KeepsBothEndsOfAName)
+{
+    const struct {
+        const char *name;
+        size_t max_width;
+        const char *expected;
+    } rows[] = {
+        {"compute-17:br-ex.100", 12, "comput\u2026x.100"},     {"abcdef", 6, "abcdef"}, {"abcdef", 5, "ab\u2026ef"},
+        {"\u00e4\u00f6\u00fc\u00df", 3, "\u00e4\u2026\u00df"}, {"abcdef", 2, "abcdef"},
+    };
+    for (const auto &row : rows) {
+        text_buffer cell;
+        cell.put("| ");
+        cell.put(row.name);
+        cut_middle(cell, 2, base::width_of(row.name), row.max_width);
+        EXPECT_EQ(cell.text(), std::string("| ") + row.expected);
+    }
 }
 
 TEST(Printer, PrintsEveryMemberAsJson)
@@ -388,7 +460,7 @@ void expect_exchange(const exchange &row)
     client_options options = row.options;
     options.command = options.command == command_kind::none ? command_kind::show_domain : options.command;
     options.shown_as =
-        options.shown_as == form::text && options.sorted_by != order::last_seen ? form::json_lines : options.shown_as;
+        options.shown_as == form::text && options.sorted_by != last_seen_word ? form::json_lines : options.shown_as;
     options.socket = daemon.path();
     const outcome found = outcome_of(options);
     EXPECT_EQ(daemon.stop(), row.requests);
@@ -455,22 +527,60 @@ TEST(Completeness, FollowsTheWorstPage)
 
 TEST(Commands, SendTheirOptions)
 {
-    expect_exchange(
-        {{answered(R"({"l2fib-mac:mac-entry":[{"age":1,"time-left":3661}]})")},
-         {.command = command_kind::show_mac, .shown_as = form::text, .sorted_by = order::last_seen},
-         {exit_status::done, "",
-          R"(Domain                  MAC Address        Port             Type            Age      Left   VLAN       VNI  VTEP             Flags
--                       -                  -                -          00:00:01  01:01:01      -         -  -                -
+    const std::string all = "GET /restconf/data/l2fib-mac:";
+    const canned_daemon::step entry = answered(R"({"l2fib-mac:mac-entry":[{"vlan":7}]})");
+    const canned_daemon::step count = answered(R"({"l2fib-mac:mac-count":[{"vlan":7}]})");
+    const canned_daemon::step port = answered(R"({"l2fib-mac:port":[{"xcid":4,"name":"p","domain":"g:d"}]})");
+    const std::string ask_port = all + "ports/port?port=p&limit=1000";
+    const exchange rows[] = {
+        {{entry},
+         {.command = command_kind::show_mac, .limit = 1, .filters = {{"domain", "d"}, {"not-vlan", "1"}}},
+         {},
+         {all + "mac-table/mac-entry?domain=d&not-vlan=1&limit=1"}},
+        {{entry},
+         {.command = command_kind::show_mac, .address = "02:00:00:00:00:01"},
+         {},
+         {all + "mac-table/mac-entry?mac=02:00:00:00:00:01&limit=1000"}},
+        {{entry},
+         {.command = command_kind::show_mac, .address = "02:00:00:00:00:01", .sorted_by = created_word},
+         {},
+         {all + "mac-aging/mac-entry?sort=created&mac-prefix=020000000001&limit=1000"}},
+        {{entry},
+         {.command = command_kind::show_mac, .sorted_by = created_word, .reverse = true},
+         {},
+         {all + "mac-table/mac-entry?sort=created&reverse=true&limit=1000"}},
+        {{entry},
+         {.command = command_kind::show_mac, .columns = {"vlan", "since"}},
+         {},
+         {all + "mac-table/mac-entry?with-since=true&limit=1000"}},
+        {{port, entry, port},
+         {.command = command_kind::show_mac, .filters = {{"vlan", "7"}, {"port", "p"}}, .flagged = true},
+         {},
+         {ask_port, all + "ports/port=4/mac-entry?flagged=true&vlan=7&limit=1000", ask_port}},
+        {{count},
+         {.command = command_kind::show_count, .filters = {{"vlan", "7"}}},
+         {},
+         {all + "mac-counts/mac-count?by=domain&vlan=7&limit=1000"}},
+    };
+    for (exchange row : rows) {
+        row.expected.shown = "{\"vlan\":7}\n";
+        expect_exchange(row);
+    }
+    expect_exchange({{answered(R"({"l2fib-mac:domain":[{"name":"g:d"}]})"), count},
+                     {.command = command_kind::show_count, .filters = {{"domain", "d"}}},
+                     {exit_status::done, "", "{\"scope\":\"g:d\"}\n"},
+                     {all + "domains/domain?domain=d&limit=1000", all + "domains/domain=g:d/mac-count"}});
+    expect_exchange({{answered(R"({"l2fib-mac:mac-entry":[{"age":1,"time-left":3661}]})")},
+                     {.command = command_kind::show_mac, .shown_as = form::text, .sorted_by = last_seen_word},
+                     {exit_status::done, "",
+                      R"(Domain            MAC Address        Port         Type          Age      Left  VLAN  VTEP
+-                 -                  -            -        00:00:01  01:01:01     -  -
 )"},
-         {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=last-seen&limit=1000"}});
-    expect_exchange({{answered(R"({"l2fib-mac:mac-entry":[{"domain":"x"},{"domain":"y"}]})")},
-                     {.command = command_kind::show_mac, .limit = 1, .domain = "y", .sorted_by = order::created},
-                     {exit_status::done, "", "{\"domain\":\"y\"}\n"},
-                     {"GET /restconf/data/l2fib-mac:mac-aging/mac-entry?sort=created&limit=1000"}});
+                     {all + "mac-aging/mac-entry?sort=last-seen&limit=1000"}});
     expect_exchange({{answered(ERROR_BODY("operation-failed", "no full dump"), "degraded", "504 No")},
-                     {.command = command_kind::resync, .timeout_seconds = 9, .domain = "d"},
+                     {.command = command_kind::resync, .timeout_seconds = 9, .filters = {{"domain", "g:d"}}},
                      {exit_status::refused, "no full dump", ""},
-                     {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"domain":"d","wait":8}})"}});
+                     {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"domain":"g:d","wait":8}})"}});
     expect_exchange(
         {{answered("", "degraded", "204 No Content"), answered(R"({"l2fib-mac:health":{})" DEGRADED "}", "degraded")},
          {.command = command_kind::resync},

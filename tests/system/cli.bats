@@ -90,8 +90,12 @@ END
 --port $port --vtep $vtep|.port == "$port" and .vtep == "$vtep"
 --domain $domain --port $port --vtep $vtep $mac|.xcid == $xcid and ."mac-address" == "$mac" and .vtep == "$vtep"
 $mac|."mac-address" == "$mac"
+--domain ${domain#*:}|.domain == "$domain"
+--mac ${mac:0:8}|."mac-address"[0:8] == "${mac:0:8}"
+--type static --not port=$port|.origin == "static" and .port != "$port"
 ${mac^^} --domain $domain|."mac-address" == "$mac" and .domain == "$domain"
 --flagged|.xcid == null
+--flagged --port $port|.xcid == $xcid and (.flags | index("locked"))
 --aging --domain $domain|.domain == "$domain"
 --aging --port $port --vtep $vtep|.xcid == $xcid and .vtep == "$vtep"
 --sort created --domain $domain|.domain == "$domain"
@@ -99,6 +103,99 @@ ${mac^^} --domain $domain|."mac-address" == "$mac" and .domain == "$domain"
 END
     local -r total=$(ctl show mac --port "$port" --json-lines | jq --slurp 'map(select(.origin != "local")) | length')
     [[ $(ctl show count --port "$port" --json | jq '.[0].total') == "$total" ]]
+}
+
+@test "counts by group add up to the list" {
+    local by
+    for by in domain port vlan vtep type; do
+        [[ $(ctl show count --by "$by" --json | jq 'map(.entries) | add') == $(ctl show mac --json-lines | wc --lines) ]]
+        [[ $(ctl show count --by "$by" | tail --lines=2 | awk 'NR == 1 {print $(NF - 3) == $(NF - 2) + $(NF - 1) + $NF}') == 1 ]]
+    done
+    [[ $(ctl show count --type static --json | jq 'map(.entries) | add') == $(ctl show mac -t static --no-header | wc --lines) ]]
+}
+
+# on_terminal COMMAND: runs it with a terminal of 80 columns as standard output, and prints what arrives there.
+on_terminal()
+{
+    TERM=xterm script --quiet --return --command "$1" /dev/null </dev/null
+}
+
+@test "a row fits a hundred characters, and colours need a terminal" {
+    local table
+    for table in mac count domain port vtep tunnel "mac --aging" "count --by port"; do
+        # shellcheck disable=SC2086
+        [[ $(ctl show $table --limit 500 2>/dev/null | awk '{ if (length > most) most = length } END { print most }') -le 100 ]]
+    done
+    [[ $(ctl show mac --wide --limit 1 | wc --max-line-length) -gt 100 ]]
+    [[ $(ctl show mac --limit 1 --no-header --columns origin,port,age --color never) != *$'\e'* ]]
+    [[ $(ctl show mac --limit 1) != *$'\e'* && $(ctl show mac --limit 1 --color always) == *$'\e[32m'* ]]
+    local -r command="$L2FIBCTL show mac --limit 1 --no-pager"
+    [[ $(on_terminal "$command") == *$'\e[32m'* && $(NO_COLOR=1 on_terminal "$command") != *$'\e'* ]]
+    [[ $(NO_COLOR=1 on_terminal "$command --color=always") == *$'\e[32m'* ]]
+}
+
+@test "the pager gets the output of a terminal, and the exit status stays" {
+    local -r pager=$BATS_TEST_TMPDIR/pager paged=$BATS_TEST_TMPDIR/paged
+    printf '#!/bin/sh\ncat >%s\n' "$paged" >"$pager"
+    chmod +x "$pager"
+    export NO_COLOR=1 PAGER=$pager
+    on_terminal "$L2FIBCTL show mac --wide"
+    [[ $(wc --lines <"$paged") == $(ctl show mac | wc --lines) ]]
+    rm "$paged"
+    run on_terminal "$L2FIBCTL show mac --domain lab:nowhere"
+    [[ $status == 1 && ! -e $paged ]] # no rows, no pager
+    run on_terminal "$L2FIBCTL show mac --no-pager --limit 1"
+    [[ $status == 0 && $output == *"MAC Address"* && ! -e $paged ]]
+    on_terminal "$L2FIBCTL show mac --strict --limit 5"
+    [[ $(wc --lines <"$paged") == 6 ]]
+    run on_terminal "PAGER=true $L2FIBCTL show mac" # leaves before the table ends
+    [[ $status == 0 ]]
+    run on_terminal "L2FIBCTL_PAGER='$pager; exit 3' $L2FIBCTL show count --limit 1"
+    [[ $status == 0 ]]
+    run on_terminal "PAGER=/no/such/pager $L2FIBCTL show count"
+    [[ $status == 5 && $output == *'cannot start the pager "/no/such/pager"'* ]]
+    ctl show port >"$BATS_TEST_TMPDIR/plain" # a pipe or a file needs no pager
+    [[ $(head -c 4 "$BATS_TEST_TMPDIR/plain") == "    " ]]
+}
+
+# complete LINE: prints what bash offers for the last word of the line, one candidate a line.
+complete_in_bash()
+{
+    PATH=$(dirname "$L2FIBCTL"):$PATH bash --norc -c '
+        source <(l2fibctl completion bash)
+        COMP_LINE=$1 COMP_POINT=${#1}
+        _l2fibctl
+        printf "%s\n" "${COMPREPLY[@]}"' bash "$1"
+}
+
+@test "shells complete names of options and of the daemon" {
+    cd "$BATS_TEST_TMPDIR"
+    touch "odd name\$(x)"
+    local line expected
+    while IFS='|' read -r line expected; do
+        [[ $(complete_in_bash "$line" | sort | paste --serial --delimiters=' ') == "$expected" ]] ||
+            { echo "$line: $(complete_in_bash "$line")" && return 1; }
+    done <<'END'
+l2fibctl res|resync
+l2fibctl show mac --rev|--reverse
+l2fibctl show mac --domain lab:br|br0 br1 br2 br3
+l2fibctl show mac --domain=lab:br0|br0
+l2fibctl sh mac -d br3|br3
+l2fibctl show mac --not port=br1p|br1p0 br1p1 br1p2 br1p3 br1p4 br1p5
+l2fibctl show mac --port nothing|
+l2fibctl show mac --socket odd|odd\ name\$\(x\)
+END
+    local -r mac=$(ctl show mac --limit 1 --no-header --columns mac-address)
+    [[ $(ctl complete-words -- find "${mac:0:15}" | cut --fields=1) == *"$mac"* ]]
+    # Without a daemon there are no names, no message and no waiting.
+    [[ -z $(L2FIBD_SOCKET=/no/such complete_in_bash "l2fibctl show mac --domain " 2>&1) ]]
+    local -r programs=$(dirname "$L2FIBCTL")
+    export PATH=$programs:$PATH
+    # The shell's own functions stand for the parts that need a terminal.
+    [[ $(zsh -f -c 'compdef() { } ; _describe() { print -rl -- ${(P)2}; }
+        source <(l2fibctl completion zsh); words=(l2fibctl show mac --domain lab:br2); CURRENT=5; _l2fibctl') == 'lab\:br2:'* ]]
+    [[ $(fish --no-config --command \
+        'l2fibctl completion fish | source; complete --do-complete "l2fibctl show mac --domain lab:br2"') == lab:br2* ]]
 }
 
 @test "bridge JSON equals the recorded table" {
@@ -142,7 +239,7 @@ END
     expect 2 "--limit" show mac --limit 0
     expect 2 "--limit" show mac --limit -1
     expect 2 "--limit" show mac --limit 99999999999999999999999
-    expect 2 "json was given" show mac --json=no
+    expect 2 "--json: expected no value" show mac --json=no
     expect 2 "--timeout" show mac --timeout 0
     expect 2 "--vtep" show mac --vtep 192.0.2
     expect 2 "02:00" show mac 02:00
@@ -150,13 +247,17 @@ END
     expect 2 "--aging" show mac --aging --flagged
     expect 2 "--sort" show mac --sort created --flagged
     expect 2 "--sort created" show mac --aging --sort created
-    expect 2 '"age": expected last-seen or created' show mac --sort age
+    expect 2 '"old": expected mac, port, age' show mac --sort old
+    expect 2 'did you mean --vlan?' show mac --vlna 1
+    expect 2 'did you mean "show"?' shwo mac
+    expect 2 '"nope": expected names among domain, mac-address' show mac --columns nope
     expect 2 "--json" show mac --json --json-lines
     expect 2 "--bridge-json" show vtep --bridge-json
     expect 1 'no port "br0p99"' show mac --port br0p99
     expect 1 'no port "br0p1" in the bridge domain "lab:br1"' show mac --port br0p1 --domain lab:br1
     expect 1 "lab:nowhere" show mac --domain lab:nowhere
     expect 1 "nothing found" show mac 02:ff:ff:ff:ff:ff
+    expect 4 "" show mac --type static --not type=static
     expect 3 "/no/such/socket" show mac --socket /no/such/socket
     expect 2 "a path of 1 to 107" show mac --socket "/$(printf 'x%.0s' {1..120})"
     expect 0 "Exit status" --help
