@@ -158,7 +158,7 @@ readonly entry_name='"\(.domain) \(."mac-address")"'
 }
 
 @test "a reader that stops for a while learns how many events it missed" {
-    MACS=50000 start 20000 --events 1000
+    MACS=50000 start 5000 --events 500
     watch 5 | { sleep 3 && cat; } >"$BATS_TEST_TMPDIR/stream"
     local -r counts=$(whole_stream "$BATS_TEST_TMPDIR/stream")
     echo "$counts"
