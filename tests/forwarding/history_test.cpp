@@ -346,7 +346,7 @@ TEST_F(events, RowsSaySinceWhen)
     EXPECT_EQ(read_moves({.mac = mac(2)}, 0, 1).moves.at(0).was_since_ms / 1000, learned / 1000);
     const row_page page = read_rows({}, {}, 10, {.since = true});
     EXPECT_TRUE(std::ranges::all_of(page.rows, [&](const mac_row &row) { return row.since_ms == since(row.mac[5]); }));
-    order_selection by_creation = select_ahead(row_order::created, {}, 10);
+    order_selection by_creation = select_ahead({.order = row_order::created}, {}, 10);
     const ordered_page ordered = read_selection(by_creation, 10, {.since = true});
     EXPECT_TRUE(std::ranges::is_sorted(ordered.page.rows, {}, &mac_row::since_ms));
 }
