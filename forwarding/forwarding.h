@@ -283,7 +283,9 @@ struct tunnel_entry {
     uint16_t bridge_id = 0;
     uint32_t xcid = 0;
     std::string domain; // full name of the bridge domain
+    uint16_t vlan = 0;  // of the bridge domain; 0: none
     std::string port;   // name of the device
+    uint32_t vni = 0;   // with which it sends; 0: unknown
     fdb_record record = {};
 };
 

@@ -25,6 +25,7 @@
 
 #include "daemon/http/target.h"
 #include "forwarding/feeder/answers/row_filter.h"
+#include "forwarding/forwarding.h"
 
 namespace l2fibd {
 
@@ -61,7 +62,12 @@ struct named_place {
     uint16_t vlan = 0;            // of the bridge domain; 0: none
     std::string_view port = {};
     uint32_t xcid = 0;
+    std::string_view bridge = {}; // its name in the kernel, if it is known
 };
+
+// The views outlive the place.
+named_place place_of(const forwarding::domain_view &domain);
+named_place place_of(const forwarding::port_view &port);
 
 // True for the name of a filter of these kinds, with or without "not-".
 bool is_filter(std::string_view parameter, unsigned kinds);

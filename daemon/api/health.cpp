@@ -92,8 +92,10 @@ void write_proof(json_writer &json, const forwarding::proof_view &proof)
 
 void write_history(json_writer &json, const forwarding::history_view &history)
 {
-    const counter counters[] = {
-        {"events-kept", history.events_kept}, {"moves-kept", history.moves_kept}, {"bytes", history.bytes}};
+    const counter counters[] = {{"events", history.events},
+                                {"events-kept", history.events_kept},
+                                {"moves-kept", history.moves_kept},
+                                {"bytes", history.bytes}};
     json.begin_object("history");
     write_counters(json, counters);
     json.end_object();

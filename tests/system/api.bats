@@ -96,11 +96,44 @@ END
     expect_status 200 "${D}mac-table/mac-entry?vtep=192.0.2.77"
     expect_json '. == {"l2fib-mac:mac-entry": [], "l2fib-mac:completeness": "whole"}'
 
+    expect_status 200 "${D}mac-counts/mac-count?by=port&not-domain=br3&mac-prefix=02"
+    local -r counted=$(jq '[."l2fib-mac:mac-count"[].entries] | add' <<<"$body")
+    expect_status 200 "${D}mac-table/mac-entry?not-domain=br3&mac-prefix=02&with-since=true"
+    expect_json ".\"l2fib-mac:mac-entry\" | length == $counted and all(.[]; .domain != \"lab:br3\")"
+
     local input
     for input in '' '{}' '{"l2fib-mac:input": {"domain": "lab:br3"}}' '{"l2fib-mac:input": {"port": 4}}'; do
         expect_status 204 /restconf/operations/l2fib-mac:resync --data "$input"
     done
     expect_status 200 "${D}mac-table/mac-entry" --head
+}
+
+# sorted_rows PARAMETERS: prints the port and address of each row, read in pages of 3000.
+sorted_rows()
+{
+    local cursor=
+    while :; do
+        expect_status 200 "${D}mac-table/mac-entry?$1&limit=3000$cursor"
+        jq --raw-output '."l2fib-mac:mac-entry"[] | "\(.port) \(."mac-address")"' <<<"$body"
+        cursor=$(jq --raw-output '."l2fib-mac:next-cursor" // empty' <<<"$body")
+        [[ -n $cursor ]] || break
+        cursor="&cursor=$cursor"
+    done
+}
+
+@test "sorted pages show each entry that passes once" {
+    local -r filter="domain=br3&not-type=local"
+    expect_status 200 "${D}mac-table/mac-entry?$filter"
+    jq --raw-output '."l2fib-mac:mac-entry"[] | "\(.port) \(."mac-address")"' <<<"$body" | sort \
+        >"$BATS_TEST_TMPDIR/all"
+    local order
+    for order in mac "mac&reverse=true" port age created vlan; do
+        sorted_rows "$filter&sort=$order" >"$BATS_TEST_TMPDIR/sorted"
+        sort "$BATS_TEST_TMPDIR/sorted" | diff --brief - "$BATS_TEST_TMPDIR/all"
+    done
+    sorted_rows "$filter&sort=mac" | cut --delimiter ' ' --fields 2 | sort --check
+    sorted_rows "$filter&sort=mac&reverse=true" | cut --delimiter ' ' --fields 2 | sort --check --reverse
+    sorted_rows "$filter&sort=port" | sort --check --version-sort
 }
 
 @test "answers to wrong requests name what was expected" {
@@ -116,12 +149,15 @@ END
 400|${D}mac-table/mac-entry?limit=-1|limit
 400|${D}mac-table/mac-entry?limit=1&limit=2|more than once
 400|${D}mac-table/mac-entry?limit|NAME=VALUE
-400|${D}mac-table/mac-entry?colour=red|one of limit, cursor, flagged, mac, vtep
+400|${D}mac-table/mac-entry?colour=red|one of limit, cursor, flagged, mac, sort, reverse, with-since, domain, not-domain
 400|${D}mac-aging/mac-entry?flagged=true|one of limit, cursor
 400|${D}mac-count?limit=1|expected none
 400|${D}mac-table/mac-entry?mac=02:00:00:00:00|MAC address
-400|${D}mac-table/mac-entry?vtep=10.0.0|IPv4 address
+400|${D}mac-table/mac-entry?vtep=10.0.0|an IPv4 or IPv6 address
 400|${D}mac-table/mac-entry?flagged=yes|true or false
+404|${D}mac-table/mac-entry?domain=br99|no such bridge domain
+404|${D}ports/port?not-port=eth99|no such bridge port
+400|${D}mac-table/mac-entry?domain=br3&not-domain=lab:br3|one that the
 400|${D}mac-table/mac-entry?cursor=%25|next-cursor of this list
 400|${D}mac-table/mac-entry?cursor=$(key 1,2,3)|next-cursor of this list
 400|${D}vteps/vtep?cursor=$(key 1,2,x)|next-cursor of this list
