@@ -208,7 +208,7 @@ candidates command_candidates(std::string_view group)
     candidates found;
     for (const command_row &row : all_commands()) {
         const bool is_new = found.empty() || found.back().text != row.group;
-        if (row.is_hidden) {
+        if (row.is_hidden()) {
             continue;
         }
         if (row.group == group) {
