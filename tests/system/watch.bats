@@ -4,6 +4,7 @@
 # What l2fibctl shows while the table changes: monitor, find, moves, flaps, top and --watch, on a generated fabric whose
 # addresses come, move and age all the time. The tests of the screen use tmux.
 
+bats_require_minimum_version 1.5.0
 load daemon
 
 setup()
@@ -40,6 +41,14 @@ in_background()
     started+=($!)
 }
 
+# expect_end STATUS PROCESS: waits for a process of in_background, which must end with STATUS.
+expect_end()
+{
+    local ended=0
+    wait "$2" || ended=$?
+    ((ended == $1)) || { echo "ended with $ended, expected $1" && return 1; }
+}
+
 # eventually COMMAND...: waits at most ten seconds until the command succeeds.
 eventually()
 {
@@ -67,7 +76,7 @@ numbers()
     [[ $(numbers "$at/first" | wc --lines) == 50 ]]
 
     ctl monitor --domain br1 --limit 30 | awk 'NR == 1 { exit $1 != "Time" || $NF != "To" } $4 != "lab:br1" { exit 1 }'
-    [[ $(ctl monitor --type static --no-header --limit 2 & sleep 1; kill $!) == "" ]]
+    [[ $(timeout 1 "$L2FIBCTL" monitor --type static --no-header) == "" ]]
     run -1 ctl monitor --domain nowhere
     run -2 ctl monitor --json
     [[ $output == *"--json-lines"* ]]
@@ -82,16 +91,14 @@ numbers()
     local -r cut=$!
     eventually test -s "$at/whole"
     kill -TERM "$whole"
-    wait "$whole"
+    expect_end 0 "$whole"
     eventually test -s "$at/cut"
     kill "$daemon"
     wait "$daemon"
     start 100
     eventually grep --quiet '"event":"missed","reason":"the daemon was restarted"' "$at/cut"
-    kill -INT "$cut" || true
-    kill -TERM "$cut" || true
-    run wait "$cut"
-    ((status == 6))
+    kill -TERM "$cut"
+    expect_end 6 "$cut"
     grep --quiet "trying again" "$at/cut.errors"
     grep --quiet "connected to l2fibd again" "$at/cut.errors"
 }
@@ -148,9 +155,9 @@ numbers()
     local -r nothing=$!
     eventually eval '[[ $(grep --count "^Domain" "$at/text") == 2 ]]'
     kill "$text" "$json" "$nothing"
-    wait "$text" "$json"
-    run wait "$nothing"
-    ((status == 1))
+    expect_end 0 "$text"
+    expect_end 0 "$json"
+    expect_end 1 "$nothing"
     grep --quiet nowhere "$at/nothing.errors"
     [[ $(head -1 "$at/text") == 20*Z ]]
     jq --slurp --exit-status '(.[0].time | endswith("Z")) and (.[1] | length == 2)' "$at/json"
