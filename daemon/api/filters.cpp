@@ -281,9 +281,10 @@ bool is_filter(std::string_view parameter, unsigned kinds)
     return find_parameter(parameter, kinds) != nullptr;
 }
 
-bool may_repeat(std::string_view parameter)
+size_t max_repetitions(std::string_view parameter)
 {
-    return parameter.starts_with(not_prefix);
+    constexpr size_t max_exclusions = 64;
+    return parameter.starts_with(not_prefix) ? max_exclusions : 1;
 }
 
 std::vector<std::string> names_of_filters(unsigned kinds)
@@ -302,7 +303,7 @@ filters parse_filters(const target &to, unsigned kinds)
     filters parsed;
     for (const target::parameter &given : to.parameters) {
         const filter_parameter *found = find_parameter(given.name, kinds);
-        if (found != nullptr && !found->add(parsed, given.value, may_repeat(given.name))) {
+        if (found != nullptr && !found->add(parsed, given.value, given.name.starts_with(not_prefix))) {
             throw unexpected(given.name, given.value, std::string(found->expected));
         }
     }

@@ -17,6 +17,7 @@
 // call them without the table lock.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -71,8 +72,8 @@ named_place place_of(const forwarding::port_view &port);
 
 // True for the name of a filter of these kinds, with or without "not-".
 bool is_filter(std::string_view parameter, unsigned kinds);
-// True if the parameter may be given more than once.
-bool may_repeat(std::string_view parameter);
+// How often the parameter may be given. Each repetition costs time for each entry, so their number is bounded.
+size_t max_repetitions(std::string_view parameter);
 // The names of the filters of these kinds, for messages.
 std::vector<std::string> names_of_filters(unsigned kinds);
 

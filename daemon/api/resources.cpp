@@ -376,11 +376,8 @@ answer list_traces(const call &asked)
 filters history_filters(const call &asked, unsigned kinds)
 {
     filters given = parse_filters(asked.to, kinds);
-    if (const std::string *text = asked.parameter("mac"); text != nullptr) {
-        const uint64_t address = base::number_of_mac(mac_of("mac", *text));
-        if (!given.rest.addresses.holds(address)) {
-            throw unexpected("mac", *text, "an address that the mac-prefix lets pass");
-        }
+    if (const auto mac = mac_parameter(asked, given.rest)) {
+        const uint64_t address = base::number_of_mac(*mac);
         given.rest.addresses = {address, address};
     }
     if (has_ipv6(given.rest)) {
@@ -410,7 +407,7 @@ answer watch_events(const call &asked)
 {
     filters given = history_filters(asked, filters_of_events);
     if (asked.sent.last_event_id == nullptr) {
-        resolve(given);
+        static_cast<void>(resolve(given));
     }
     auto events = std::make_unique<event_stream>(asked.sent.last_event_id, std::move(given), asked.context.resyncs,
                                                  asked.sent.has_client_left);
@@ -683,12 +680,18 @@ constexpr resource resources[] = {
     {events_path, watch_events, address, filters_of_events},
 };
 
+// The pattern in the form of shape_of.
+std::string whole_pattern(const resource &of)
+{
+    const bool is_whole = of.pattern.starts_with('/');
+    return std::string(is_whole ? "" : "restconf/").append(of.pattern.substr(is_whole ? 1 : 0));
+}
+
 const resource &find_resource(const target &to)
 {
     const std::string shape = shape_of(to);
     for (const resource &candidate : resources) {
-        const std::string_view root = candidate.pattern.starts_with('/') ? "" : "/restconf/";
-        if ("/" + shape == std::string(root).append(candidate.pattern)) {
+        if (shape == whole_pattern(candidate)) {
             return candidate;
         }
     }
@@ -727,15 +730,19 @@ bool has_parameter(const resource &of, std::string_view name)
     return (kind != std::end(parameter_kinds) && (of.parameters & kind->groups) != 0) || is_filter(name, of.filters);
 }
 
-// Throws unless each parameter is one of the resource and is given once, or may repeat.
+// Throws unless each parameter is one of the resource and is not given too often.
 void check_parameters(const resource &found, const target &to)
 {
     for (const target::parameter &given : to.parameters) {
         if (!has_parameter(found, given.name)) {
             throw invalid("parameter \"" + given.name + "\": expected " + names_of_parameters(found));
         }
-        if (!may_repeat(given.name) && std::ranges::count(to.parameters, given.name, &target::parameter::name) > 1) {
-            throw invalid("parameter \"" + given.name + "\": expected once, given more than once");
+        const auto times = static_cast<size_t>(std::ranges::count(to.parameters, given.name, &target::parameter::name));
+        if (const size_t allowed = max_repetitions(given.name); times > allowed) {
+            throw invalid("parameter \"" + given.name + "\": expected "
+                          + (allowed == 1 ? "once, given more than once"
+                                          : "at most " + std::to_string(allowed) + " times, given "
+                                                + std::to_string(times) + " times"));
         }
     }
 }

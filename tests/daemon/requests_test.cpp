@@ -277,6 +277,11 @@ TEST(Filters, RefuseWrongAndContradictoryParameters)
         EXPECT_EQ(error.status, http_status::bad_request) << row.parameters;
         EXPECT_NE(error.message.find(row.message), std::string::npos) << error.message;
     }
+    std::string repeated(table);
+    for (int times = 0; times < 65; times++) {
+        repeated += "not-vlan=1&";
+    }
+    EXPECT_NE(refusal_of("GET", repeated + "limit=1").message.find("at most 64 times, given 65"), std::string::npos);
     for (const char *uri : {"mac-counts/mac-count", "mac-counts/mac-count?by=age", "mac-aging/mac-entry?reverse=true",
                             "domains/domain?type=local", "vteps/vtep?mac-prefix=02", "mac-aging/mac-entry?sort=mac"}) {
         EXPECT_EQ(refusal_of("GET", std::string("data/l2fib-mac:").append(uri)).status, http_status::bad_request)

@@ -193,6 +193,30 @@ bool table_answers::may_pass(const row_filter &filter, uint32_t entry) const
     return passes_values(filter, {mac, flags, context_.shadow.terms_of(entry).vlan, place.vni, vtep});
 }
 
+// Returns the slot of the port at a place, or no_slot. The bridge domain's own entries are on the port whose interface
+// is the bridge.
+uint32_t table_answers::port_at(const port_place &place) const
+{
+    if (place.second != EDM_XCID_DUMMY) {
+        return objects_.find_port(place.second);
+    }
+    const shadow_table &shadow = context_.shadow;
+    for (const uint32_t port : ports_of(place.first)) {
+        if (shadow.ports[port].key.ifindex == shadow.ports[port].key.master) {
+            return port;
+        }
+    }
+    return no_slot;
+}
+
+// The slots of a bridge domain's ports; none if there is no such bridge domain.
+std::span<const uint32_t> table_answers::ports_of(uint16_t bridge_id) const
+{
+    const uint32_t domain = objects_.find_domain(bridge_id);
+    return domain != no_slot ? std::span<const uint32_t>(context_.shadow.domains[domain].ports)
+                             : std::span<const uint32_t>();
+}
+
 // Visits the entries in orders that may pass: those of the filter's ports or bridge domains if it lists any, otherwise
 // all.
 template <typename Visit>
@@ -205,20 +229,17 @@ void table_answers::for_each_candidate(const row_filter &filter, Visit visit) co
             visit(entry);
         }
     };
-    const auto visit_port = [&](uint32_t port) {
-        if (port != no_slot) {
-            shadow.for_each_entry_of_port(port, judge);
-        }
-    };
     if (!filter.ports.is_exclusion) {
         for (const port_place &place : filter.ports.values) {
-            visit_port(objects_.find_port(place.second));
+            if (const uint32_t port = port_at(place); port != no_slot) {
+                shadow.for_each_entry_of_port(port, judge);
+            }
         }
     } else if (!filter.domains.is_exclusion) {
         for (const uint16_t bridge_id : filter.domains.values) {
-            const uint32_t domain = objects_.find_domain(bridge_id);
-            std::ranges::for_each(domain != no_slot ? shadow.domains[domain].ports : std::vector<uint32_t>(),
-                                  visit_port);
+            for (const uint32_t port : ports_of(bridge_id)) {
+                shadow.for_each_entry_of_port(port, judge);
+            }
         }
     } else {
         shadow.for_each_entry(judge);

@@ -99,6 +99,8 @@ private:
     void add_row(uint32_t entry, std::vector<mac_row> &rows);
     bool is_in_orders(uint32_t entry) const;
     bool may_pass(const row_filter &filter, uint32_t entry) const;
+    uint32_t port_at(const port_place &place) const;
+    std::span<const uint32_t> ports_of(uint16_t bridge_id) const;
     template <typename Visit>
     void for_each_candidate(const row_filter &filter, Visit visit) const;
     uint64_t time_value(row_order order, uint32_t entry) const;

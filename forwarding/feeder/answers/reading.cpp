@@ -153,13 +153,14 @@ void find_entries(std::span<const ordered_entry> wanted,
 // What a read of rows looks for.
 struct row_search {
     const row_filter &filter;
-    uint32_t max_rows;     // set by read_page
-    mac_address last;      // the last address that may pass
-    bool judges_rows;      // some condition is on the rows of the table
-    bool needs_ipv6;       // some condition is on an IPv6 tunnel end point
-    bool judges_pages;     // some condition is on what only completed rows show
-    bool asks_ages = true; // asks a plane that ages silently about the rows
-    bool completes = true; // adds names, VNIs and times
+    uint32_t max_rows;       // set by read_page
+    mac_address last;        // the last address that may pass
+    bool judges_rows;        // some condition is on the rows of the table
+    bool needs_ipv6;         // some condition is on an IPv6 tunnel end point
+    bool judges_pages;       // some condition is on what only completed rows show
+    bool shows_ipv6 = false; // adds IPv6 tunnel end points, also without a condition on them
+    bool asks_ages = true;   // asks a plane that ages silently about the rows
+    bool completes = true;   // adds names, VNIs and times
 };
 
 row_search search_for(const row_filter &filter)
@@ -466,7 +467,7 @@ row_page read_page(row_search search, const row_position &from, uint32_t max_row
             complete_rows(feed, page);
         }
     });
-    if (search.needs_ipv6) {
+    if (search.needs_ipv6 || search.shows_ipv6) {
         add_ipv6_vteps(page);
     }
     if (search.judges_pages) {
@@ -933,9 +934,9 @@ group_key key_of(const mac_row &row, count_group by)
 group_counts count_rows(const row_filter &filter, count_group by)
 {
     row_search search = search_for(filter);
-    search.needs_ipv6 = search.needs_ipv6 || by == count_group::vtep;
+    search.shows_ipv6 = by == count_group::vtep;
     search.asks_ages = filter.ages != age_range();
-    search.completes = search.judges_pages || search.needs_ipv6;
+    search.completes = search.judges_pages || search.shows_ipv6;
     std::map<group_key, group_count> groups;
     row_page page;
     do {

@@ -37,7 +37,7 @@ struct value_set {
         std::ranges::sort(wanted);
         std::erase_if(wanted, [this](const Value &each) { return !holds(each); });
         values = std::move(wanted);
-        values.erase(std::ranges::unique(values).begin(), values.end());
+        values.erase(std::unique(values.begin(), values.end()), values.end());
         is_exclusion = false;
     }
 
