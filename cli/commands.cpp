@@ -7,12 +7,17 @@
 
 #include "base/result.h"
 #include "cli/completion.h"
+#include "cli/ending.h"
 #include "cli/failure.h"
+#include "cli/find.h"
 #include "cli/help.h"
-#include "cli/line/table.h"
+#include "cli/live/monitor.h"
+#include "cli/live/top.h"
+#include "cli/live/watch.h"
 #include "cli/output/bridge_form.h"
 #include "cli/output/printer.h"
 #include "cli/output/terminal.h"
+#include "cli/query/places.h"
 #include "cli/query/plans.h"
 
 namespace l2fibctl {
@@ -20,12 +25,6 @@ namespace l2fibctl {
 namespace {
 
 using clock = std::chrono::steady_clock;
-
-// A failed `found` says why nothing was found.
-[[noreturn]] void fail_incomplete(const completeness_mark &worst, const base::result &found)
-{
-    throw failure(exit_status::incomplete, (found.ok() ? "" : found.text + "; ") + worst.text());
-}
 
 // ---- Showing ----
 
@@ -37,6 +36,7 @@ struct display {
     query_session &session;
     output &out;
     item_printer &printer;
+    std::string history_since = {}; // of a list of moves
 
     uint64_t room() const { return session.options.limit - printer.count(); }
     bool makes_bridge_form() const { return session.options.shown_as == form::bridge_json; }
@@ -48,6 +48,7 @@ bool print_query(display &to, const list_request &list, const item_action &print
     // The daemon can limit the items only if the client prints every item that it receives.
     const uint64_t max_items = to.makes_bridge_form() ? no_limit : to.room();
     return for_each_page(to.session, list, max_items, [&](const page &current) {
+        to.history_since = current.history_since;
         for (const json_value item : current.items) {
             print(item);
             if (to.room() == 0) {
@@ -104,6 +105,19 @@ base::result print_bridge_form(display &to, const query_plan &plan)
     return found;
 }
 
+item_action item_action_of(display &to, const view &selected)
+{
+    const bool is_plain = to.session.options.shown_as != form::text && to.session.options.columns.empty();
+    if (!selected.has_places || is_plain) {
+        return [&to](json_value item) { to.printer.item(item); };
+    }
+    return [&to](json_value item) {
+        json_document document;
+        const std::string placed = with_places(item);
+        to.printer.item(document.parse(placed));
+    };
+}
+
 // Returns a failure if the domain, port or address of the command does not exist.
 base::result print_view(display &to, const view &selected)
 {
@@ -112,7 +126,7 @@ base::result print_view(display &to, const view &selected)
         if (to.makes_bridge_form()) {
             return print_bridge_form(to, plan);
         }
-        return print_plan(to, selected.shown->name, plan, [&](json_value item) { to.printer.item(item); });
+        return print_plan(to, selected.shown->name, plan, item_action_of(to, selected));
     } catch (const failure &error) {
         if (error.status != exit_status::nothing_found) {
             throw;
@@ -122,12 +136,14 @@ base::result print_view(display &to, const view &selected)
 }
 
 // Corrects the result of print_view by the number of printed items: some items are a success, none are a failure.
-base::result found_of(uint64_t printed, const base::result &by_name)
+base::result found_of(const display &to, const base::result &by_name)
 {
-    if (printed > 0) {
+    if (to.printer.count() > 0) {
         return base::success();
     }
-    return by_name.ok() ? base::failure(ENOENT, "nothing found: no item matches") : by_name;
+    const std::string since =
+        to.history_since.empty() ? "" : " since " + to.history_since + ", when the history begins";
+    return by_name.ok() ? base::failure(ENOENT, "nothing found: no item matches" + since) : by_name;
 }
 
 // The columns that name a group of show count.
@@ -150,8 +166,7 @@ std::vector<std::string> columns_of_groups(std::string_view word)
 
 look look_of(const client_options &options, const view &selected)
 {
-    look made = {options.columns, options.wide, !options.no_header, wants_colors(options.color),
-                 is_on_terminal() && !options.wide};
+    look made = look_of(options);
     const bool is_usual = options.columns.empty() && !options.wide && options.shown_as == form::text;
     if (is_usual && selected.variant == groups_variant) {
         made.columns = columns_of_groups(group_word(options));
@@ -159,27 +174,40 @@ look look_of(const client_options &options, const view &selected)
     return made;
 }
 
-void show(query_session &session)
+// The line below a list of moves. Without it a short history would look like a quiet network.
+void print_history_note(const display &to, const look &wanted)
+{
+    if (!to.history_since.empty() && wanted.has_titles && to.session.options.shown_as == form::text) {
+        to.out.pending().put("History since " + to.history_since + "\n");
+        to.out.flush();
+    }
+}
+
+// Prints to the sink, or to standard output if there is none.
+void show_once(query_session &session, const text_sink &sink)
 {
     const client_options &options = session.options;
     const view &selected = *find_view(options);
-    output out(session.progress_line, options.strict, pager_command(options.no_pager || options.watch_seconds != 0));
-    item_printer printer(options.shown_as, *selected.shown, look_of(options, selected), out);
+    const look wanted = look_of(options, selected);
+    output out(session.progress_line, options.strict, pager_command(options.no_pager || options.watch_seconds != 0),
+               sink);
+    item_printer printer(options.shown_as, *selected.shown, wanted, out);
     display to = {session, out, printer};
     const base::result by_name = print_view(to, selected);
-    const base::result found = found_of(printer.count(), by_name);
+    const base::result found = found_of(to, by_name);
     printer.end();
+    print_history_note(to, wanted);
     mark_changed_ports(session);
-    const bool is_whole = session.worst.state == completeness::whole || !selected.heeds_mark;
-    if (is_whole || !options.strict) {
-        out.release();
-    }
-    out.finish();
-    if (!is_whole) {
-        fail_incomplete(session.worst, found);
-    }
-    if (!found.ok()) {
-        throw failure(exit_status::nothing_found, found.text);
+    end_answer(session, out, found, selected.heeds_mark);
+}
+
+void show(query_session &session)
+{
+    const client_options &options = session.options;
+    if (options.watch_seconds != 0) {
+        watch(options, std::chrono::seconds(options.watch_seconds), show_once);
+    } else {
+        show_once(session, {});
     }
 }
 
@@ -267,35 +295,49 @@ void resync(query_session &session)
 
 // ---- Commands of their own ----
 
-[[noreturn]] void fail_unavailable(const query_session &session)
+void run_find(query_session &session)
 {
-    throw failure(exit_status::wrong_usage,
-                  words_of(row_of(session.options.command)) + ": this build does not have the command yet");
+    const client_options &options = session.options;
+    if (options.near) {
+        show_once(session, {});
+        return;
+    }
+    if (!options.columns.empty()) {
+        throw failure(exit_status::wrong_usage, "find: --columns goes with --near, which prints a table");
+    }
+    find_address(session);
 }
 
-void find_address(query_session &session)
+void run_monitor(query_session &session)
 {
-    fail_unavailable(session);
+    if (session.options.shown_as == form::json) {
+        throw failure(exit_status::wrong_usage, "monitor: --json: the events have no end; expected --json-lines");
+    }
+    monitor(session, find_view(session.options)->make_plan(session).queries.front().path);
 }
 
-void monitor(query_session &session)
+// The orders of addresses are by changes only: a flapping address has no number of entries.
+void run_top_command(query_session &session)
 {
-    fail_unavailable(session);
-}
-
-void top(query_session &session)
-{
-    fail_unavailable(session);
-}
-
-void show_moves(query_session &session)
-{
-    fail_unavailable(session);
-}
-
-void show_flaps(query_session &session)
-{
-    fail_unavailable(session);
+    const client_options &options = session.options;
+    const view &selected = *find_view(options);
+    const bool has_entries = selected.shown != &flaps;
+    if (!has_entries && options.grouped_by == "entries") {
+        throw failure(exit_status::wrong_usage, "top addresses: --by entries: expected changes");
+    }
+    if (!options.once && options.shown_as != form::text) {
+        throw failure(exit_status::wrong_usage, "top: JSON goes with --once, which prints one table");
+    }
+    const top_settings settings = {
+        .title = options.words.empty() ? "ports" : options.words.front(),
+        .list = {selected.make_plan(session).queries.front().path, selected.shown->name},
+        .shown = *selected.shown,
+        .start = {.order = options.grouped_by == "entries" ? top_order::entries : top_order::changes,
+                  .has_entries = has_entries},
+        .has_places = selected.has_places,
+        .interval = std::chrono::seconds(options.interval_seconds),
+    };
+    options.once ? print_top_once(session, settings) : run_top(session, settings);
 }
 
 struct command_function {
@@ -305,11 +347,9 @@ struct command_function {
 
 // All other commands show something by a view.
 constexpr command_function functions[] = {
-    {command_kind::find, find_address},
-    {command_kind::monitor, monitor},
-    {command_kind::top, top},
-    {command_kind::show_moves, show_moves},
-    {command_kind::show_flaps, show_flaps},
+    {command_kind::find, run_find},
+    {command_kind::monitor, run_monitor},
+    {command_kind::top, run_top_command},
     {command_kind::resync, resync},
     {command_kind::help, explain},
     {command_kind::completion, print_completion_script},

@@ -9,6 +9,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace l2fibctl {
 
@@ -32,5 +33,14 @@ struct failure : std::runtime_error {
 
     exit_status status;
 };
+
+// Standard output cannot be written, so no later attempt can succeed. With the status done and no message: the reader
+// of the pipe has gone.
+struct output_failure : failure {
+    using failure::failure;
+};
+
+// Prints each line of the message to standard error, behind the program's name. Prints nothing for an empty message.
+void print_message(std::string_view message);
 
 } // namespace l2fibctl

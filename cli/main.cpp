@@ -4,30 +4,12 @@
 // docs/operations.md describes its use.
 
 #include <csignal>
-#include <cstdio>
 #include <exception>
-#include <string>
-#include <string_view>
 
 #include "base/standard_streams.h"
 #include "cli/commands.h"
 #include "cli/failure.h"
 #include "cli/line/parser.h"
-
-namespace {
-
-// Prints each line of the message behind the program's name.
-void report(std::string_view message)
-{
-    while (!message.empty()) {
-        const size_t end = message.find('\n');
-        const std::string line(message.substr(0, end));
-        std::fprintf(stderr, "l2fibctl: %s\n", line.c_str());
-        message.remove_prefix(end == std::string_view::npos ? message.size() : end + 1);
-    }
-}
-
-} // namespace
 
 int main(int argc, char **argv)
 {
@@ -41,10 +23,10 @@ int main(int argc, char **argv)
             l2fibctl::run(*options);
         }
     } catch (const l2fibctl::failure &error) {
-        report(error.what());
+        l2fibctl::print_message(error.what());
         status = error.status;
     } catch (const std::exception &error) {
-        report(error.what());
+        l2fibctl::print_message(error.what());
         status = exit_status::cut;
     }
     return static_cast<int>(status);

@@ -21,6 +21,9 @@ progress::progress()
 
 void progress::tick()
 {
+    if (task_) {
+        task_();
+    }
     const auto now = clock::now();
     if (!enabled_ || now - start_ < quiet_time || now - last_ < redraw_time) {
         return;

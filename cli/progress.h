@@ -8,8 +8,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace l2fibctl {
 
@@ -25,8 +27,12 @@ public:
     // From now on the line shows this text instead of the number of items.
     void set_text(std::string_view text) { text_ = text; }
 
-    // Draws the line if it is due. Callers that wait call this several times a second.
+    // Draws the line if it is due, after the task of `at_each_tick`. Callers that wait call this several times a
+    // second.
     void tick();
+
+    // The task may throw in order to end the wait.
+    void at_each_tick(std::function<void()> task) { task_ = std::move(task); }
 
     // Erases the line; later ticks draw nothing.
     void stop();
@@ -38,6 +44,7 @@ private:
     bool drawn_ = false;
     uint64_t items_ = 0;
     std::string text_;
+    std::function<void()> task_;
     clock::time_point start_ = clock::now();
     clock::time_point last_ = start_;
 };

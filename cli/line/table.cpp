@@ -35,15 +35,15 @@ constexpr command_set histories = set_of(show_moves, show_flaps);
 constexpr command_set with_domain =
     entry_lists | histories | set_of(show_domain, show_port, show_vtep, show_tunnel, top, resync);
 constexpr command_set with_port = entry_lists | histories | set_of(show_port, show_vtep, show_tunnel, top, resync);
-constexpr command_set with_vlan = entry_lists | set_of(show_domain, show_port, top);
-constexpr command_set with_vni = entry_lists | set_of(show_port, show_vtep, show_tunnel);
-constexpr command_set with_vtep = entry_lists | set_of(show_vtep, show_tunnel);
+constexpr command_set with_vlan = entry_lists | histories | set_of(show_domain, show_port, top);
+constexpr command_set with_vni = entry_lists | histories | set_of(show_port, show_vtep, show_tunnel);
+constexpr command_set with_vtep = entry_lists | histories | set_of(show_vtep, show_tunnel);
 constexpr command_set with_mac = entry_lists | histories | set_of(show_tunnel, top);
 constexpr command_set with_age = set_of(show_mac, show_count, find, show_moves);
 constexpr command_set with_filters = with_domain & ~only(resync);
 constexpr command_set shows =
     histories | set_of(show_mac, show_count, show_domain, show_port, show_vtep, show_tunnel, show_health, show_trace);
-constexpr command_set tables = shows | only(find);
+constexpr command_set tables = shows | set_of(find, monitor, top);
 constexpr command_set asking = shows | set_of(find, monitor, top, resync, complete_words);
 constexpr command_set every = asking | set_of(help, completion);
 
@@ -247,7 +247,7 @@ constexpr option_row option_rows[] = {
      .commands = only(monitor),
      .value = "ID",
      .help = "Begin behind the event with this id",
-     .check = check_name,
+     .check = check_event,
      .store = store_text<&client_options::since>},
     {.name = "once",
      .group = option_group::command,

@@ -69,6 +69,12 @@ base::result check_name(const value_place & /*place*/, std::string &value)
     return check_length(value, max_name_length, "a name");
 }
 
+base::result check_event(const value_place & /*place*/, std::string &value)
+{
+    const bool is_id = !value.empty() && value.find_first_not_of("0123456789-") == std::string::npos;
+    return is_id ? base::success() : expected(value, "the id of an event such as 1732380000-17");
+}
+
 base::result check_path(const value_place & /*place*/, std::string &value)
 {
     return check_length(value, max_path_length, "a path");

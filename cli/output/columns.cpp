@@ -7,6 +7,7 @@
 #include "base/text.h"
 #include "base/visible.h"
 #include "cli/failure.h"
+#include "cli/output/terminal.h"
 
 namespace l2fibctl {
 
@@ -43,6 +44,12 @@ size_t bytes_of(std::string_view text, size_t count)
 }
 
 } // namespace
+
+look look_of(const client_options &options)
+{
+    return {options.columns, options.wide, !options.no_header, wants_colors(options.color),
+            is_on_terminal() && !options.wide};
+}
 
 selection select_columns(const resource &printed, form shown_as, const look &wanted)
 {

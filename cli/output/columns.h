@@ -27,6 +27,9 @@ struct look {
     bool cuts_names = false; // names that are longer than their column
 };
 
+// The look that the command line, standard output and the environment decide.
+look look_of(const client_options &options);
+
 struct shown_column {
     const column *shown;
     size_t place;   // in the columns of the resource

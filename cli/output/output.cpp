@@ -18,30 +18,31 @@ namespace {
 
 constexpr size_t piece_size = size_t(64) * 1024;          // large enough to make the cost of a write small
 constexpr size_t max_held_size = size_t(4) * 1024 * 1024; // of held output in memory
-constexpr int no_time_limit = -1;                         // of poll
+constexpr int max_wait_ms = 100;                          // for room in a pipe, before the caller's next look
 
 // Another process that shares standard output may have made it non-blocking.
 void wait_for_room()
 {
     pollfd waits = {STDOUT_FILENO, POLLOUT, 0};
-    poll(&waits, 1, no_time_limit);
+    poll(&waits, 1, max_wait_ms);
 }
 
 // `problem` names what failed; errno has the reason.
 [[noreturn]] void fail(const std::string &problem)
 {
     const std::string reason = std::strerror(errno); // NOLINT(concurrency-mt-unsafe): as in http.cpp
-    throw failure(exit_status::cut, problem + ": " + reason);
+    throw output_failure(exit_status::cut, problem + ": " + reason);
 }
 
 } // namespace
 
-output::output(progress &line, bool held, std::string pager_command)
+output::output(progress &line, bool held, std::string pager_command, text_sink sink)
     : progress_line_(line)
     , pager_(std::move(pager_command))
     , terminal_(isatty(STDOUT_FILENO) == 1)
     , held_(held)
     , spilled_(nullptr, std::fclose)
+    , sink_(std::move(sink))
 {}
 
 void output::end_item()
@@ -94,6 +95,10 @@ void output::flush()
 
 void output::write_out(std::string_view text)
 {
+    if (sink_) {
+        sink_(text);
+        return;
+    }
     if (terminal_ && !text.empty()) {
         progress_line_.stop();
         pager_.start();
@@ -103,10 +108,11 @@ void output::write_out(std::string_view text)
         if (written >= 0) {
             text.remove_prefix(static_cast<size_t>(written));
         } else if (errno == EPIPE) {
-            throw failure(exit_status::done, "");
-        } else if (errno == EAGAIN) {
+            throw output_failure(exit_status::done, "");
+        } else if (errno == EAGAIN || errno == EINTR) {
+            progress_line_.tick(); // may end the command after a signal
             wait_for_room();
-        } else if (errno != EINTR) {
+        } else {
             fail("cannot write the answer to standard output");
         }
     }

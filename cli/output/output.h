@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -19,13 +20,16 @@
 
 namespace l2fibctl {
 
-// Each function throws a failure if it cannot write. After the reader of a pipe closed it, the failure has the status
-// done and no message.
+// Takes text in the place of standard output.
+using text_sink = std::function<void(std::string_view text)>;
+
+// Each function throws an output_failure if it cannot write. After the reader of a pipe closed it, the failure has the
+// status done and no message.
 class output {
 public:
     // If `held` is set, nothing is written before `release`. Up to 4 MiB stay in memory, the rest in a temporary file.
-    // `pager_command` is as class pager takes it.
-    output(progress &line, bool held, std::string pager_command);
+    // `pager_command` is as class pager takes it. With a `sink`, everything goes there, and nothing to standard output.
+    output(progress &line, bool held, std::string pager_command, text_sink sink = {});
 
     // The text that is not written yet. Callers append to it.
     text_buffer &pending() { return pending_; }
@@ -54,6 +58,7 @@ private:
     bool held_;
     file spilled_;
     text_buffer pending_;
+    text_sink sink_;
 };
 
 } // namespace l2fibctl

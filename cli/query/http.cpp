@@ -38,6 +38,9 @@ std::string request_text(const request &asked)
         text +=
             "Content-Type: application/yang-data+json\r\nContent-Length: " + std::to_string(asked.body.size()) + "\r\n";
     }
+    if (!asked.after_event.empty()) {
+        text += "Last-Event-ID: " + asked.after_event + "\r\n";
+    }
     return text + "\r\n" + asked.body;
 }
 
@@ -252,13 +255,27 @@ base::result connection::receive_piece(reception &arriving)
     return arriving.is_complete ? base::success() : closed_early();
 }
 
+// Passes the body that has arrived to `take` and returns what that returns. The body of an error stays.
+bool connection::pass_on(reception &arriving, const piece_task &take)
+{
+    std::string &body = arriving.to.body;
+    if (arriving.parser.status_code != HTTP_STATUS_OK || body.empty()) {
+        return true;
+    }
+    const bool goes_on = take(body);
+    body.clear();
+    return goes_on;
+}
+
 // Returns false if the daemon closed the connection before the first byte of an answer. Throws a failure for every
 // other error before the status arrived. After that, an error becomes the answer's `received`.
-bool connection::receive(reception &arriving)
+bool connection::receive(reception &arriving, const piece_task &take)
 {
     base::result received;
-    while (!arriving.is_complete && received.ok()) {
+    bool goes_on = true;
+    while (goes_on && !arriving.is_complete && received.ok()) {
         received = receive_piece(arriving);
+        goes_on = !take || pass_on(arriving, take);
     }
     const bool is_unanswered = received.code == ECONNRESET && !arriving.has_bytes;
     arriving.to.status = arriving.parser.status_code;
@@ -270,7 +287,7 @@ bool connection::receive(reception &arriving)
 }
 
 // Sends one request and receives its answer. Returns false as `receive` does.
-bool connection::exchange(const std::string &text, answer &to)
+bool connection::exchange(const std::string &text, answer &to, const piece_task &take)
 {
     to.status = 0;
     to.body.clear();
@@ -279,7 +296,7 @@ bool connection::exchange(const std::string &text, answer &to)
     reception arriving(to);
     last_arrival_ = clock::now();
     send_text(text);
-    const bool has_answer = receive(arriving);
+    const bool has_answer = receive(arriving, take);
     if (!has_answer || !to.received.ok() || arriving.has_more || http_should_keep_alive(&arriving.parser) == 0) {
         close();
     }
@@ -290,11 +307,23 @@ void connection::perform(const request &asked, answer &to, const idle_task &whil
 {
     while_waiting_ = &while_waiting;
     const std::string text = request_text(asked);
-    if (socket_ >= 0 && exchange(text, to)) {
+    if (socket_ >= 0 && exchange(text, to, {})) {
         return;
     }
     open();
-    if (!exchange(text, to)) {
+    if (!exchange(text, to, {})) {
+        fail(closed_early());
+    }
+}
+
+void connection::follow(const request &asked, answer &to, const idle_task &while_waiting, const piece_task &take)
+{
+    while_waiting_ = &while_waiting;
+    close();
+    open();
+    const bool has_answer = exchange(request_text(asked), to, take);
+    close();
+    if (!has_answer) {
         fail(closed_early());
     }
 }

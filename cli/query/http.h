@@ -25,7 +25,8 @@ namespace l2fibctl {
 struct request {
     std::string path; // of the URI, encoded, with its query
     bool is_operation = false;
-    std::string body = {}; // of an operation
+    std::string body = {};        // of an operation
+    std::string after_event = {}; // of a stream of events: continue behind the event with this id
 };
 
 struct answer {
@@ -49,6 +50,14 @@ public:
     // Replaces `to` by the answer and uses its memory again. Throws a failure if no status line arrives.
     void perform(const request &asked, answer &to, const idle_task &while_waiting);
 
+    // Takes a piece of a body. Returns false to end the request.
+    using piece_task = std::function<bool(std::string_view piece)>;
+
+    // Performs a request whose answer may have no end, on a connection of its own. Passes the body of an answer with
+    // status 200 to `take` as it arrives; the body of every other answer goes to `to`. The connection is closed then.
+    // Throws a failure if no status line arrives.
+    void follow(const request &asked, answer &to, const idle_task &while_waiting, const piece_task &take);
+
     // Makes a `perform` in another thread throw within `idle_period` of http.cpp.
     void cancel();
 
@@ -59,10 +68,11 @@ private:
     struct reception;
 
     void open();
-    bool exchange(const std::string &text, answer &to);
+    bool exchange(const std::string &text, answer &to, const piece_task &take);
     void send_text(std::string_view text);
-    bool receive(reception &arriving);
+    bool receive(reception &arriving, const piece_task &take);
     base::result receive_piece(reception &arriving);
+    static bool pass_on(reception &arriving, const piece_task &take);
     bool wait(int socket, short events, std::chrono::milliseconds max_wait);
     bool wait_or_silent(short events);
     [[noreturn]] void fail(const base::result &reason) const;

@@ -133,4 +133,11 @@ void put_value(text_buffer &to, json_value value)
     }
 }
 
+std::string json_text(json_value value)
+{
+    text_buffer text;
+    put_value(text, value);
+    return std::string(text.text());
+}
+
 } // namespace l2fibctl

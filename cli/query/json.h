@@ -222,6 +222,9 @@ uint64_t number_of(json_value object, std::string_view member);
 void put_text(text_buffer &to, std::string_view text);
 void put_value(text_buffer &to, json_value value);
 
+// The same as put_value, as a text of its own.
+std::string json_text(json_value value);
+
 // Appends the separator and the name of a member: ,"name": . The name needs no escapes.
 void put_name(text_buffer &to, char separator, std::string_view name);
 

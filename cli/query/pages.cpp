@@ -21,6 +21,7 @@ constexpr char module_prefix[] = "l2fib-mac:"; // of the names of members
 constexpr char completeness_member[] = "l2fib-mac:completeness";
 constexpr char reason_member[] = "l2fib-mac:completeness-reason";
 constexpr char cursor_member[] = "l2fib-mac:next-cursor";
+constexpr char history_member[] = "l2fib-mac:history-since";
 constexpr char unknown_instance_tag[] = "invalid-value";
 
 // ---- Errors of the daemon ----
@@ -98,6 +99,7 @@ void read_items(json_value root, std::string_view name, page &to)
         fail_damaged();
     }
     to.next_cursor = text_of(root, cursor_member);
+    to.history_since = text_of(root, history_member);
 }
 
 // Reads a body whose end is missing. If a list failed in the daemon, the body lacks only its last brace:
@@ -149,6 +151,13 @@ void read_page(std::string_view name, page &to)
 }
 
 } // namespace
+
+failure failure_in(const answer &refusal)
+{
+    json_document document;
+    const json_value root = document.parse(refusal.body);
+    return failure_of(refusal.status, root ? errors_in(root) : std::vector<json_value>());
+}
 
 void fetch(connection &daemon, const request &asked, std::string_view name, page &to,
            const connection::idle_task &while_waiting)

@@ -43,6 +43,7 @@ struct page {
     json_document document = {};
     std::vector<json_value> items = {}; // valid until the next fetch into this page
     std::string next_cursor = {};       // empty: this is the last page
+    std::string history_since = {};     // of lists of moves: the time since which all are kept
     completeness_mark completeness = {};
     std::optional<failure> problem = {}; // to be thrown after the items are printed
 };
@@ -52,6 +53,9 @@ struct page {
 // answer or the answer is damaged.
 void fetch(connection &daemon, const request &asked, std::string_view name, page &to,
            const connection::idle_task &while_waiting);
+
+// The daemon's error in an answer that is not a success.
+failure failure_in(const answer &refusal);
 
 struct list_request {
     std::string path;      // with all parameters except limit and cursor

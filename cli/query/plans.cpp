@@ -3,6 +3,7 @@
 #include "cli/query/plans.h"
 
 #include <algorithm>
+#include <set>
 
 #include "base/text.h"
 #include "base/visible.h"
@@ -40,8 +41,9 @@ std::string port_path(uint64_t xcid)
 constexpr std::string_view negation = "not-";
 constexpr std::string_view filters_of_bridges[] = {"vlan", "type", "older-than", "newer-than"};
 
-// Adds the filters of the command line, except those that the path names already.
-std::string with_filters(std::string path, const client_options &options, std::string_view named = {})
+} // namespace
+
+std::string with_filters(std::string path, const client_options &options, std::string_view named)
 {
     for (const filter &one : options.filters) {
         if (one.name != named) {
@@ -50,6 +52,8 @@ std::string with_filters(std::string path, const client_options &options, std::s
     }
     return path;
 }
+
+namespace {
 
 // Adds one whole address as a prefix, for lists that do not ask the forwarding plane about an address.
 std::string with_address(std::string path, const client_options &options)
@@ -164,6 +168,50 @@ query_plan plan_health(query_session & /*session*/)
     return {{{.path = data_path("health"), .has_pages = false}}};
 }
 
+query_plan plan_moves(query_session &session)
+{
+    const client_options &options = session.options;
+    return {{{with_filters(with_parameter(data_path("moves/move"), "mac", options.address), options)}}};
+}
+
+std::string flaps_path(uint64_t window_seconds, const client_options &options)
+{
+    return with_filters(with_parameter(data_path("flaps/flap"), "window", std::to_string(window_seconds)), options);
+}
+
+query_plan plan_flaps(query_session &session)
+{
+    return {{{flaps_path(session.options.window_seconds, session.options)}}};
+}
+
+query_plan plan_top_addresses(query_session &session)
+{
+    constexpr uint64_t window_seconds = 60; // so that an address leaves the screen soon after it rests
+    return {{{flaps_path(window_seconds, session.options)}}};
+}
+
+query_plan plan_events(query_session &session)
+{
+    return {{{with_filters("/events", session.options)}}};
+}
+
+// The entries of the same vendor, then the other entries of each port that has the address.
+query_plan plan_near(query_session &session)
+{
+    const client_options &options = session.options;
+    const std::string vendor = options.address.substr(0, sizeof("02:00:5e") - 1);
+    const std::string table = data_path("mac-table/mac-entry");
+    query_plan made = {{{with_filters(with_parameter(table, "mac-prefix", vendor), options)}}};
+    std::set<uint64_t> xcids;
+    for_each_item(session, with_parameter(table, "mac", options.address), mac_entries.name, [&](json_value item) {
+        if (find(item, "xcid") && xcids.insert(number_of(item, "xcid")).second) {
+            const std::string path = port_path(number_of(item, "xcid")) + "/mac-entry";
+            made.queries.push_back({with_filters(with_parameter(path, "not-mac-prefix", vendor), options)});
+        }
+    });
+    return made;
+}
+
 [[noreturn]] void fail_no_port(const client_options &options)
 {
     const std::string domain = filter_value(options, "domain");
@@ -185,6 +233,13 @@ constexpr view views[] = {
     {&tunnel_entries, plan_tunnel, command_kind::show_tunnel},
     {&health, plan_health, command_kind::show_health, false},
     {&traces, plan_list<traces>, command_kind::show_trace, false},
+    {&moves, plan_moves, command_kind::show_moves, true, "", true},
+    {&flaps, plan_flaps, command_kind::show_flaps, true, "", true},
+    {&mac_entries, plan_near, command_kind::find},
+    {&events, plan_events, command_kind::monitor, true, "", true},
+    {&top_domains, plan_list<domains>, command_kind::top, true, "domains"},
+    {&flaps, plan_top_addresses, command_kind::top, true, "addresses", true},
+    {&top_ports, plan_list<ports>, command_kind::top},
 };
 
 } // namespace
@@ -194,10 +249,22 @@ std::string group_word(const client_options &options)
     return options.grouped_by.empty() ? "domain" : options.grouped_by;
 }
 
+namespace {
+
+std::string_view variant_of(const client_options &options)
+{
+    if (options.command == command_kind::top) {
+        return options.words.empty() ? std::string_view() : std::string_view(options.words.front());
+    }
+    const bool has_groups = options.command == command_kind::show_count && !is_counted(options);
+    return has_groups ? groups_variant : std::string_view(options.sorted_by);
+}
+
+} // namespace
+
 const view *find_view(const client_options &options)
 {
-    const bool has_groups = options.command == command_kind::show_count && !is_counted(options);
-    const std::string_view variant = has_groups ? groups_variant : std::string_view(options.sorted_by);
+    const std::string_view variant = variant_of(options);
     const auto fits = [&](const view &row) {
         return row.command == options.command && (row.variant.empty() || row.variant == variant);
     };

@@ -40,6 +40,7 @@ struct view {
     command_kind command;
     bool heeds_mark = true;        // false: the daemon's mark changes neither output nor exit status
     std::string_view variant = {}; // the order, or groups_variant; empty: every other case of the command
+    bool has_places = false;       // text has the columns From and To (places.h)
 };
 
 // Of show count: a row for each group.
@@ -59,6 +60,9 @@ query_plan plan_tunnel(query_session &session);
 
 // Returns the path of a resource of the API, such as "health".
 std::string data_path(std::string_view resource_path);
+
+// Adds the filters of the command line, except the one that the path names already.
+std::string with_filters(std::string path, const client_options &options, std::string_view named = {});
 
 // Passes each page to `take` until that returns false; then returns false. Throws a page's problem after `take` had the
 // page.

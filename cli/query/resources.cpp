@@ -8,6 +8,7 @@
 
 #include "base/text.h"
 #include "base/visible.h"
+#include "cli/query/places.h"
 
 namespace l2fibctl {
 
@@ -159,6 +160,11 @@ constexpr column_kind origin_kind = {7, false, add_text, 0, false, color_of_word
 constexpr column_kind age_kind = {8, true, add_age, 0, false, color_of_age};
 constexpr column_kind left_kind = {8, true, add_age};
 constexpr column_kind time_kind = {24, false, add_text};
+constexpr column_kind event_kind = {7, false, add_text, 0, false, color_of_word};
+constexpr column_kind moved_domain_kind = {14, false, add_text, domain_width, true};
+constexpr column_kind place_kind = {15, false, add_text}; // a port, perhaps with a VTEP
+constexpr column_kind rest_age_kind = {0, false, add_age};
+constexpr column_kind moves_kind = {5, true, add_text};
 constexpr column_kind id_kind = {10, true, add_text};
 constexpr column_kind vlan_kind = {4, true, add_text, 5};
 constexpr column_kind wide_vlan_kind = {5, true, add_text};
@@ -266,6 +272,115 @@ constexpr column trace_columns[] = {
     {"sequence", "Sequence", &number_kind},       {"id", "Id", &number_kind, {}, rare},
     {"thread", "Thread", &number_kind, {}, rare}, {"function", "Function", &name_kind, {}, rare},
     {"values", "Values", &name_kind, {}, rare},   {"text", "Point", &rest_kind},
+};
+
+// The columns From and To are texts that cli/query/places.h adds.
+constexpr column event_columns[] = {
+    {"time", "Time", &time_kind},
+    {"event", "Event", &event_kind},
+    {"mac-address", "MAC Address", &mac_kind},
+    {"domain", "Domain", &moved_domain_kind},
+    {from_member, "From", &place_kind},
+    {to_member, "To", &place_kind},
+    {"id", "Id", &name_kind, {}, rare},
+    {"origin", "Type", &origin_kind, {}, rare},
+    {"vlan", "VLAN", &vlan_kind, {}, rare},
+    {"vni", "VNI", &vni_kind, {}, rare},
+    {"from-port", "From Port", &port_kind, {}, rare},
+    {"from-vtep", "From VTEP", &ipv4_kind, {}, rare},
+    {"port", "Port", &port_kind, {}, rare},
+    {"vtep", "VTEP", &ipv4_kind, {}, rare},
+    {"reason", "Reason", &word_kind, {}, rare},
+    {"flags", "Flags", &rest_kind, {}, rare},
+};
+
+constexpr column move_columns[] = {
+    {"id", "Id", &number_kind, {}, rare},
+    {"time", "Time", &time_kind},
+    {"event", "Event", &event_kind},
+    {"domain", "Domain", &moved_domain_kind},
+    {"mac-address", "MAC Address", &mac_kind},
+    {"vlan", "VLAN", &vlan_kind, {}, rare},
+    {from_member, "From", &place_kind},
+    {to_member, "To", &place_kind},
+    {"from-port", "From Port", &port_kind, {}, rare},
+    {"from-vtep", "From VTEP", &ipv4_kind, {}, rare},
+    {"port", "Port", &port_kind, {}, rare},
+    {"vtep", "VTEP", &ipv4_kind, {}, rare},
+    {"was-since", "There Since", &time_kind, {}, rare},
+    {"reason", "Reason", &rest_kind, {}, rare},
+};
+
+constexpr column flap_columns[] = {
+    {"domain", "Domain", &moved_domain_kind},
+    {"mac-address", "MAC Address", &mac_kind},
+    {"vlan", "VLAN", &vlan_kind, {}, rare},
+    {"moves", "Moves", &moves_kind},
+    {"per-minute", "Per Minute", &id_kind},
+    {from_member, "From", &place_kind},
+    {to_member, "To", &place_kind},
+    {"other-port", "From Port", &port_kind, {}, rare},
+    {"other-vtep", "From VTEP", &ipv4_kind, {}, rare},
+    {"port", "Port", &port_kind, {}, rare},
+    {"vtep", "VTEP", &ipv4_kind, {}, rare},
+    {"first", "First", &time_kind, {}, rare},
+    {"last", "Last", &time_kind, {}, rare},
+};
+
+// Of `find`: a place as a record. The record has no room for ids.
+constexpr column found_place_columns[] = {
+    {"mac-address", "Address", &rest_kind},
+    {"domain", "Domain", &rest_kind},
+    {"port", "Port", &rest_kind},
+    {"vtep", "VTEP", &rest_kind},
+    {"vni", "VNI", &rest_kind},
+    {"vlan", "VLAN", &rest_kind},
+    {"origin", "Type", &rest_kind},
+    {"flags", "Flags", &rest_kind},
+    {"since", "There since", &rest_kind},
+    {"since-age", "For", &rest_age_kind},
+    {"last-seen", "Last seen", &rest_kind},
+    {"age", "Age", &rest_age_kind},
+};
+
+constexpr column previous_place_columns[] = {
+    {"time", "Time", &time_kind},       {"event", "Event", &event_kind}, {"domain", "Domain", &moved_domain_kind},
+    {from_member, "From", &place_kind}, {to_member, "To", &place_kind},  {"was-since", "There Since", &rest_kind},
+};
+constexpr resource previous_places = {"move", layout::table, previous_place_columns};
+
+constexpr column found_move_columns[] = {
+    {"now", "Now", &rest_kind},
+    {"move", "Places before", &rest_kind, &previous_places},
+    {"history-since", "History since", &rest_kind},
+};
+
+// Of `top`. The client adds the changes a second.
+constexpr column top_port_columns[] = {
+    {"name", "Port", &port_kind},
+    {"domain", "Domain", &name_kind},
+    {"entries", "Entries", &number_kind},
+    {"changes-per-second", "Changes/s", &number_kind},
+    {"changes", "Changes", &id_kind},
+    {"xcid", "XCID", &id_kind, {}, rare},
+    {"ifindex", "Ifindex", &number_kind, {}, rare},
+    {"kind", "Type", &word_kind, {}, rare},
+    {"oper-status", "State", &state_kind, {}, rare},
+    {"bridge-id", "Bridge ID", &number_kind, {}, rare},
+    {"vlan", "VLAN", &vlan_kind, {}, rare},
+    {"vni", "VNI", &vni_kind, {}, rare},
+};
+
+constexpr column top_domain_columns[] = {
+    {"name", "Domain", &name_kind},
+    {"bridge", "Bridge", &port_kind},
+    {"entries", "Entries", &number_kind},
+    {"changes-per-second", "Changes/s", &number_kind},
+    {"changes", "Changes", &id_kind},
+    {"bridge-id", "Bridge ID", &number_kind, {}, rare},
+    {"ifindex", "Ifindex", &number_kind, {}, rare},
+    {"vlan-aware", "Aware", &word_kind, {}, rare},
+    {"vlan", "VLAN", &vlan_kind, {}, rare},
 };
 
 constexpr column reason_columns[] = {
@@ -411,5 +526,12 @@ constexpr resource vteps = {"vtep", layout::table, vtep_columns};
 constexpr resource tunnel_entries = {"tunnel-entry", layout::table, tunnel_entry_columns};
 constexpr resource health = {"health", layout::record, health_columns};
 constexpr resource traces = {"trace", layout::table, trace_columns};
+constexpr resource events = {"event", layout::table, event_columns};
+constexpr resource moves = {"move", layout::table, move_columns};
+constexpr resource flaps = {"flap", layout::table, flap_columns};
+constexpr resource found_places = {"mac-entry", layout::record, found_place_columns};
+constexpr resource found_moves = {"move", layout::record, found_move_columns};
+constexpr resource top_ports = {"port", layout::table, top_port_columns};
+constexpr resource top_domains = {"domain", layout::table, top_domain_columns};
 
 } // namespace l2fibctl

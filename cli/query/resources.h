@@ -62,6 +62,13 @@ extern const resource vteps;
 extern const resource tunnel_entries;
 extern const resource health;
 extern const resource traces;
+extern const resource events;
+extern const resource moves;
+extern const resource flaps;
+extern const resource found_places; // of `find`: a place as a record, and the places before it
+extern const resource found_moves;
+extern const resource top_ports;
+extern const resource top_domains;
 
 // The client adds this member to each of `mac_counts`. It names the part of the table that the count covers.
 inline constexpr std::string_view scope_member = "scope";
