@@ -157,6 +157,46 @@ std::vector<std::string_view> split(std::string_view text, char separator)
     return parts;
 }
 
+namespace {
+
+bool is_digit(char c)
+{
+    return c >= '0' && c <= '9';
+}
+
+// Takes the number at the start of a text, without its leading zeros.
+std::string_view take_number(std::string_view &text)
+{
+    text.remove_prefix(std::min(text.find_first_not_of('0'), text.size()));
+    const auto end = std::ranges::find_if_not(text, is_digit);
+    const std::string_view number = text.substr(0, static_cast<size_t>(end - text.begin()));
+    text.remove_prefix(number.size());
+    return number;
+}
+
+} // namespace
+
+bool comes_first(std::string_view left, std::string_view right)
+{
+    std::string_view a = left;
+    std::string_view b = right;
+    while (!a.empty() && !b.empty()) {
+        if (is_digit(a.front()) && is_digit(b.front())) {
+            const std::string_view in_a = take_number(a);
+            const std::string_view in_b = take_number(b);
+            if (in_a != in_b) {
+                return std::pair(in_a.size(), in_a) < std::pair(in_b.size(), in_b);
+            }
+        } else if (a.front() != b.front()) {
+            return a.front() < b.front();
+        } else {
+            a.remove_prefix(1);
+            b.remove_prefix(1);
+        }
+    }
+    return a.empty() != b.empty() ? a.empty() : left < right; // "p01" and "p1" differ in zeros only
+}
+
 std::optional<uint64_t> parse_number(std::string_view text, uint64_t max, int base)
 {
     uint64_t number = 0;

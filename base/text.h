@@ -46,6 +46,9 @@ std::optional<std::string> base64url_decode(std::string_view text);
 // The parts between the separators. There is one part more than there are separators.
 std::vector<std::string_view> split(std::string_view text, char separator);
 
+// Whether a text comes first in a list for readers, in which numbers count by their value: "p2", "p10", "q1".
+bool comes_first(std::string_view left, std::string_view right);
+
 // Parses the whole text as a number without a sign. Rejects a number above `max`.
 std::optional<uint64_t> parse_number(std::string_view text, uint64_t max = UINT64_MAX, int base = decimal);
 

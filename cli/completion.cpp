@@ -31,7 +31,8 @@ _l2fibctl()
     [[ -n $breaks ]] && kept=${current%"${current##*[$breaks]}"}
     COMPREPLY=()
     while IFS=$'\t' read -r candidate _; do
-        COMPREPLY+=("${candidate#"$kept"}")
+        printf -v candidate %q "${candidate#"$kept"}"
+        COMPREPLY+=("$candidate")
     done < <("${words[0]}" complete-words -- "${words[@]:1}" 2>/dev/null)
     [[ ${#COMPREPLY[@]} == 1 && ${COMPREPLY[0]} == *[=/,] ]] && compopt -o nospace 2>/dev/null
     return 0
@@ -208,7 +209,7 @@ candidates command_candidates(std::string_view group)
     candidates found;
     for (const command_row &row : all_commands()) {
         const bool is_new = found.empty() || found.back().text != row.group;
-        if (row.is_hidden) {
+        if (row.is_hidden()) {
             continue;
         }
         if (row.group == group) {

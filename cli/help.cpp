@@ -113,7 +113,7 @@ std::string commands_of(std::string_view group)
 {
     std::string text = "Commands:\n";
     for (const command_row &row : all_commands()) {
-        if (!row.is_hidden && (group.empty() || row.group == group)) {
+        if (!row.is_hidden() && (group.empty() || row.group == group)) {
             add_line(text, usage_of(row), row.help);
         }
     }
@@ -222,6 +222,11 @@ std::string page_of(const std::vector<std::string> &words)
     }
     if (!named.group.empty()) {
         return commands_of(named.group);
+    }
+    const auto commands = all_commands();
+    const auto by_name = std::ranges::find(commands, words.front(), &command_row::name);
+    if (words.size() == 1 && by_name != commands.end()) {
+        return help_page(*by_name); // "help mac"
     }
     const help_topic *topic = words.size() == 1 ? find_topic(words.front()) : nullptr;
     if (topic == nullptr) {

@@ -89,10 +89,10 @@ struct client_options {
 
     // Of single commands.
     unsigned watch_seconds = 0; // 0: show once
-    bool near = false;
     uint64_t window_seconds = default_window_seconds;
     std::string since = {}; // the id of an event
     unsigned interval_seconds = default_interval_seconds;
+    bool near = false;
     bool once = false;
     std::vector<std::string> words = {}; // the arguments of top, help, completion and complete-words
 };

@@ -17,12 +17,20 @@ namespace l2fibd {
 
 namespace {
 
-// The largest values of the options.
-constexpr uint32_t max_mac_limit = 100'000'000;            // such a table takes about 13 gigabytes
-constexpr uint32_t max_receive_buffer = uint32_t{1} << 30; // bytes; the kernel doubles it and counts in an int
-constexpr uint32_t max_proof_rate = 100'000; // entries a second, each of which is a question to the kernel
-constexpr uint16_t max_resync_wait = 3600;   // seconds; no client waits for more than an hour
-constexpr uint32_t max_kept = 10'000'000;    // events, or moves; ten million take 300 or 400 megabytes
+template <typename Number>
+struct number_range {
+    Number min;
+    Number max;
+};
+
+constexpr number_range<uint32_t> mac_limits = {1, 100'000'000}; // such a table takes about 13 gigabytes
+// Bytes; the kernel doubles the number and counts in an int.
+constexpr number_range<uint32_t> receive_buffers = {1, uint32_t{1} << 30};
+constexpr number_range<uint32_t> proof_rates = {0, 100'000}; // entries a second, each a question to the kernel; 0: none
+constexpr number_range<uint16_t> resync_waits = {1, 3600};   // seconds; no client waits for more than an hour
+constexpr uint32_t max_kept = 10'000'000; // events, or moves; ten million take 300 or 400 megabytes
+constexpr number_range<uint32_t> kept_events = {1, max_kept};
+constexpr number_range<uint32_t> kept_moves = {0, max_kept};
 
 using setter = std::function<void(const std::string &)>;
 
@@ -31,15 +39,16 @@ using setter = std::function<void(const std::string &)>;
     throw CLI::ValidationError(option + " \"" + value + "\"", expected);
 }
 
-// Adds an option whose value is a number from `min` to `max`.
+// Adds an option whose value is a number of a range.
 template <typename Number>
-void add_number(CLI::App &app, const std::string &name, Number &to, Number max, const std::string &description,
-                Number min = 1)
+void add_number(CLI::App &app, const std::string &name, Number &to, const number_range<Number> &allowed,
+                const std::string &description)
 {
-    const auto set = [name, &to, min, max](const std::string &text) {
-        const auto number = base::parse_number(text, max);
-        if (!number || *number < min) {
-            refuse(name, text, "expected a number from " + std::to_string(min) + " to " + std::to_string(max));
+    const auto set = [name, &to, allowed](const std::string &text) {
+        const auto number = base::parse_number(text, allowed.max);
+        if (!number || *number < allowed.min) {
+            refuse(name, text,
+                   "expected a number from " + std::to_string(allowed.min) + " to " + std::to_string(allowed.max));
         }
         to = static_cast<Number>(*number);
     };
@@ -156,18 +165,17 @@ void add_options(CLI::App &app, options &to)
         const auto set = [&to, &option](const std::string &text) { option.set(to, text); };
         app.add_option_function<std::string>(option.name, setter(set), option.description)->type_name(option.type);
     }
-    add_number(app, "--mac-limit", to.forwarding.mac_limit, max_mac_limit,
-               "maximum number of MAC entries in the table");
-    add_number(app, "--receive-buffer", to.forwarding.receive_buffer, max_receive_buffer,
+    add_number(app, "--mac-limit", to.forwarding.mac_limit, mac_limits, "maximum number of MAC entries in the table");
+    add_number(app, "--receive-buffer", to.forwarding.receive_buffer, receive_buffers,
                "bytes for the kernel's notifications that wait to be read; by default 128 MiB");
-    add_number(app, "--proof-rate", to.forwarding.proof_rate, max_proof_rate,
-               "entries compared with the kernel per second, to find changes that it did not report");
-    add_number(app, "--resync-wait", to.forwarding.resync_wait_seconds, max_resync_wait,
+    add_number(app, "--proof-rate", to.forwarding.proof_rate, proof_rates,
+               "entries compared with the kernel per second, to find changes that it did not report; 0: none");
+    add_number(app, "--resync-wait", to.forwarding.resync_wait_seconds, resync_waits,
                "seconds that a request waits for the forwarding plane");
-    add_number(app, "--events", to.forwarding.event_limit, max_kept,
+    add_number(app, "--events", to.forwarding.event_limit, kept_events,
                "latest changes of entries that are kept for watchers");
-    add_number(app, "--history", to.forwarding.move_limit, max_kept,
-               "latest moves and removals of entries that are kept; 0: none", 0U);
+    add_number(app, "--history", to.forwarding.move_limit, kept_moves,
+               "latest moves and removals of entries that are kept; 0: none");
     add_choice(app, "--log-level", to.finest_level, levels, "least severe lines that are logged");
     app.add_flag("--check", to.check_only, "start, bring the table up to date once, report its health, and end")
         ->disable_flag_override();

@@ -471,6 +471,13 @@ health_view health()
     return view;
 }
 
+domain_counts count_domains()
+{
+    domain_counts found;
+    with_feeder([&](feeder &feed) { found = feed.count_domains(); });
+    return found;
+}
+
 std::vector<domain_view> domains()
 {
     const auto found = objects();

@@ -13,6 +13,7 @@
 // module runs, views are empty. Each view is a copy of one moment, and two views may show different moments.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -168,12 +169,15 @@ struct proof_view {
     int64_t last = 0;            // when a full dump last proved the shadow table, in seconds since the epoch; 0: never
 };
 
+inline constexpr size_t change_kinds = 6; // of change_kind (feeder/answers/history.h)
+
 // What is kept of the events, and of the moves and departures.
 struct history_view {
     uint64_t events_kept = 0;
     uint64_t events = 0; // since the start
     uint64_t moves_kept = 0;
-    uint64_t bytes = 0; // that all of it takes, names excluded
+    uint64_t bytes = 0;                                     // that all of it takes, names excluded
+    std::array<uint64_t, change_kinds> events_by_kind = {}; // since the start
 };
 
 struct counted_reason {
@@ -276,6 +280,22 @@ struct object_views {
 // Null while nothing runs.
 std::shared_ptr<const object_views> objects();
 
+// The entries of a bridge domain, each in one of the numbers. Together they count against the limit of the table.
+struct kind_counts {
+    uint32_t learned = 0;
+    uint32_t fixed = 0;
+    uint32_t local = 0; // not static; with the bridge's own
+};
+
+struct domain_counts {
+    std::shared_ptr<const object_views> objects = nullptr; // null while nothing runs
+    std::vector<kind_counts> counts = {};                  // in the order of objects->domains
+};
+
+// Counts the entries of all bridge domains. It takes no lock of the table and does not wait for the cache thread, so
+// changes that are still queued do not count.
+domain_counts count_domains();
+
 // A VXLAN device's own entry, as the plane holds it. The cache cannot show it in full: for each MAC address it holds
 // one destination, and only as an IPv4 address. If the device is in no bridge, `bridge_id` and `xcid` are 0 and
 // `domain` is empty.
@@ -283,7 +303,9 @@ struct tunnel_entry {
     uint16_t bridge_id = 0;
     uint32_t xcid = 0;
     std::string domain; // full name of the bridge domain
+    uint16_t vlan = 0;  // of the bridge domain; 0: none
     std::string port;   // name of the device
+    uint32_t vni = 0;   // with which it sends; 0: unknown
     fdb_record record = {};
 };
 

@@ -202,6 +202,17 @@ const entry_terms *tunnel_terms_of(const shadow_table &shadow, uint32_t entry)
     return joined != no_slot ? &shadow.terms_of(joined) : nullptr;
 }
 
+uint16_t flags_of(const shadow_table &shadow, uint32_t entry)
+{
+    return flags_of(shadow.entries[entry], shadow.terms_of(entry));
+}
+
+const fdb_destination &destination_of(const shadow_table &shadow, uint32_t entry)
+{
+    const entry_terms *tunnel = tunnel_terms_of(shadow, entry);
+    return (tunnel != nullptr ? *tunnel : shadow.terms_of(entry)).destination;
+}
+
 const char *text_of(standing standing)
 {
     return standing_texts[static_cast<size_t>(standing)];

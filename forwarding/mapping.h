@@ -69,6 +69,12 @@ standing describe(const shadow_table &shadow, uint32_t entry, int64_t epoch_offs
 // As describe, without a descriptor.
 standing standing_of(const shadow_table &shadow, uint32_t entry);
 
+// Returns the EDM_MAC_ bits that an entry gets, without those of its destination and time.
+uint16_t flags_of(const shadow_table &shadow, uint32_t entry);
+
+// Returns the destination to which an entry is sent; its kind is `none` if there is none.
+const fdb_destination &destination_of(const shadow_table &shadow, uint32_t entry);
+
 // Returns the terms of the device's own entry by which an entry on a VXLAN device is sent; null if only the bridge
 // holds the address.
 const entry_terms *tunnel_terms_of(const shadow_table &shadow, uint32_t entry);

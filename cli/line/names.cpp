@@ -6,7 +6,7 @@
 #include <numeric>
 
 #include "base/visible.h"
-#include "cli/failure.h"
+#include "cli/line/wording.h"
 
 namespace l2fibctl {
 
@@ -16,16 +16,6 @@ using names = std::vector<std::string_view>;
 
 constexpr std::string_view long_dashes = "--";
 constexpr size_t letters_per_slip = 3; // of a suggestion: one slip in a short word, two in a long one
-
-[[noreturn]] void fail(const std::string &message)
-{
-    throw failure(exit_status::wrong_usage, message + "\n--help lists the commands and options");
-}
-
-std::string quoted(std::string_view text)
-{
-    return '"' + base::visible(text) + '"';
-}
 
 // The number of characters to insert, remove, replace or swap with their neighbour.
 size_t edit_distance(std::string_view one, std::string_view other)
@@ -49,16 +39,6 @@ size_t edit_distance(std::string_view one, std::string_view other)
     return row.back();
 }
 
-// "a, b and c", each behind `dashes`.
-std::string listed(const names &words, std::string_view dashes, std::string_view last_word)
-{
-    std::string text;
-    for (size_t i = 0; i < words.size(); i++) {
-        text.append(i == 0 ? "" : i + 1 < words.size() ? ", " : last_word).append(dashes).append(words[i]);
-    }
-    return text;
-}
-
 names beginning_with(std::string_view prefix, const names &candidates)
 {
     names found;
@@ -69,8 +49,8 @@ names beginning_with(std::string_view prefix, const names &candidates)
 
 [[noreturn]] void fail_ambiguous(std::string_view typed, const names &meant, std::string_view dashes)
 {
-    fail(quoted(std::string(dashes).append(typed)) + " is short for " + listed(meant, dashes, " and ")
-         + "; expected more of the name");
+    fail_usage(in_quotes(std::string(dashes).append(typed)) + " is short for " + listed(meant, " and ", dashes)
+               + "; expected more of the name");
 }
 
 // ---- Commands ----
@@ -81,7 +61,7 @@ names command_words(std::string_view group)
     names found;
     for (const command_row &row : all_commands()) {
         const std::string_view word = row.group == group ? row.name : group.empty() ? row.group : "";
-        if (!word.empty() && !row.is_hidden && std::ranges::count(found, word) == 0) {
+        if (!word.empty() && !row.is_hidden() && std::ranges::count(found, word) == 0) {
             found.push_back(word);
         }
     }
@@ -105,9 +85,10 @@ std::string_view whole_word(std::string_view group, std::string_view typed, name
 {
     const names candidates = command_words(group);
     const std::string_view meant = closest(typed, candidates);
-    const std::string subject = (group.empty() ? "" : std::string(group) + ": ") + "no command " + quoted(typed);
-    fail(subject
-         + (meant.empty() ? "; expected " + listed(candidates, "", " or ") : "; did you mean " + quoted(meant) + "?"));
+    const std::string subject = (group.empty() ? "" : std::string(group) + ": ") + "no command " + in_quotes(typed);
+    fail_usage(
+        subject
+        + (meant.empty() ? "; expected " + listed(candidates, " or ") : "; did you mean " + in_quotes(meant) + "?"));
 }
 
 const command_row *command_named(std::string_view group, std::string_view name)
@@ -144,11 +125,11 @@ std::string owners_of(std::string_view name)
 {
     std::vector<std::string> words;
     for (const command_row &row : all_commands()) {
-        if (!row.is_hidden && find_option(name, row.kind) != nullptr) {
+        if (!row.is_hidden() && find_option(name, row.kind) != nullptr) {
             words.push_back(words_of(row));
         }
     }
-    return listed(names(words.begin(), words.end()), "", " and ");
+    return listed(names(words.begin(), words.end()), " and ");
 }
 
 // `typed` is not an option of the command.
@@ -156,10 +137,10 @@ std::string owners_of(std::string_view name)
 {
     const std::string subject = "--" + base::visible(typed) + ": " + owner_of(found) + " has no such option";
     if (find_option(typed, command_kind::none) != nullptr) {
-        fail(subject + "; it goes with " + owners_of(typed));
+        fail_usage(subject + "; it goes with " + owners_of(typed));
     }
     const std::string_view meant = closest(typed, option_names(kind_of(found)));
-    fail(subject + (meant.empty() ? "" : "; did you mean --" + std::string(meant) + "?"));
+    fail_usage(subject + (meant.empty() ? "" : "; did you mean --" + std::string(meant) + "?"));
 }
 
 const option_row &long_option(const given_names &found, std::string_view typed)
@@ -203,7 +184,7 @@ void take_long(given_names &found, std::string_view word)
     const size_t equals = word.find('=');
     const option_row &row = long_option(found, word.substr(0, equals));
     if (row.is_flag() && equals != std::string_view::npos) {
-        fail("--" + std::string(row.name) + ": expected no value, not " + quoted(word.substr(equals + 1)));
+        fail_usage("--" + std::string(row.name) + ": expected no value, not " + in_quotes(word.substr(equals + 1)));
     }
     if (row.is_flag() || equals != std::string_view::npos) {
         found.options.push_back({&row, std::string(row.is_flag() ? "" : word.substr(equals + 1))});
@@ -218,7 +199,7 @@ void take_letters(given_names &found, std::string_view letters)
     while (!letters.empty()) {
         const option_row *row = find_option(letters.front(), kind_of(found));
         if (row == nullptr) {
-            fail("-" + base::visible(letters.substr(0, 1)) + ": " + owner_of(found) + " has no such option");
+            fail_usage("-" + base::visible(letters.substr(0, 1)) + ": " + owner_of(found) + " has no such option");
         }
         letters.remove_prefix(1);
         if (row->is_flag()) {

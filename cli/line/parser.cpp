@@ -8,9 +8,9 @@
 #include "base/result.h"
 #include "base/standard_streams.h"
 #include "base/text.h"
-#include "base/visible.h"
 #include "cli/failure.h"
 #include "cli/line/names.h"
+#include "cli/line/wording.h"
 
 namespace l2fibctl {
 
@@ -19,11 +19,6 @@ namespace {
 constexpr char program[] = "l2fibctl";
 constexpr char version_text[] = "l2fibctl " L2FIB_VERSION "\n";
 constexpr const char *group_titles[] = {"Filters", "Output", "Options of this command", "Connection"};
-
-[[noreturn]] void fail_usage(const std::string &message)
-{
-    throw failure(exit_status::wrong_usage, message + "\n--help lists the commands and options");
-}
 
 // ---- CLI11 ----
 
@@ -133,6 +128,31 @@ void check_order(const given_names &given, const client_options &options)
     }
 }
 
+void check_arguments(const given_names &given)
+{
+    const command_row &command = *given.command;
+    const size_t most = command.arguments == argument_count::none  ? 0
+                        : command.arguments == argument_count::any ? SIZE_MAX
+                                                                   : 1;
+    if (given.arguments.size() > most) {
+        fail_usage(words_of(command) + ": unexpected argument " + in_quotes(given.arguments[most]));
+    }
+    if (command.arguments == argument_count::required && given.arguments.empty()) {
+        fail_usage(words_of(command) + ": expected " + std::string(command.argument.name) + ", "
+                   + std::string(command.argument.help));
+    }
+}
+
+void check_repeats(const given_names &given)
+{
+    for (const given_option &one : given.options) {
+        const auto is_same = [&](const given_option &other) { return other.row == one.row; };
+        if (!one.row->is_flag() && !one.row->repeats && std::ranges::count_if(given.options, is_same) > 1) {
+            fail_usage("--" + std::string(one.row->name) + ": expected once, given more than once");
+        }
+    }
+}
+
 // CLI11 would report a misspelt command as missing, and a surplus argument without the command's name.
 void check_shape(const given_names &given)
 {
@@ -142,22 +162,8 @@ void check_shape(const given_names &given)
     if (given.awaits != nullptr) {
         fail_usage("--" + std::string(given.awaits->name) + ": expected a value, " + std::string(given.awaits->value));
     }
-    const argument_count taken = given.command->arguments;
-    const size_t most = taken == argument_count::none ? 0 : taken == argument_count::any ? SIZE_MAX : 1;
-    if (given.arguments.size() > most) {
-        fail_usage(words_of(*given.command) + ": unexpected argument \"" + base::visible(given.arguments[most]) + '"');
-    }
-    if (taken == argument_count::required && given.arguments.empty()) {
-        const option_row &argument = given.command->argument;
-        fail_usage(words_of(*given.command) + ": expected " + std::string(argument.name) + ", "
-                   + std::string(argument.help));
-    }
-    for (const given_option &one : given.options) {
-        const auto is_same = [&](const given_option &other) { return other.row == one.row; };
-        if (!one.row->is_flag() && !one.row->repeats && std::ranges::count_if(given.options, is_same) > 1) {
-            fail_usage("--" + std::string(one.row->name) + ": expected once, and it is there more than once");
-        }
-    }
+    check_arguments(given);
+    check_repeats(given);
 }
 
 client_options parse(const given_names &given)

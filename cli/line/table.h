@@ -75,21 +75,21 @@ using word_list = std::span<const std::string_view>;
 
 // An option, or the argument of a command.
 struct option_row {
-    std::string_view name;       // without dashes
-    char letter = '\0';          // '\0': the option has no short form
+    std::string_view name; // without dashes
+    char letter = '\0';    // '\0': the option has no short form
+    bool repeats = false;  // it may be given more than once
+    option_group group = option_group::output;
+    value_source source = value_source::nowhere;
+    command_set commands = 0;
     std::string_view value = {}; // how --help names the value; empty: the option is a flag
     std::string_view help;
-    command_set commands = 0;
-    option_group group = option_group::output;
     value_check check = nullptr; // null: every value is good, or there is none
     value_store store = nullptr; // null: --help and --version, which the parser looks for itself
-    value_source source = value_source::nowhere;
     word_list choices = {};
     uint64_t max_number = 0;        // of check_number
     std::string_view fallback = {}; // what --help shows as the value without the option
     std::string_view environment = {};
     std::string_view parameter = {}; // of the API, if the option is a filter
-    bool repeats = false;
 
     bool is_flag() const { return value.empty(); }
     bool is_filter() const { return !parameter.empty(); }
@@ -99,13 +99,14 @@ enum class argument_count : uint8_t { none, optional, required, any };
 
 struct command_row {
     command_kind kind;
+    argument_count arguments;
     std::string_view group; // the first word of two; empty: the command is one word
     std::string_view name;
-    std::string_view help;
-    argument_count arguments = argument_count::none;
+    std::string_view help = {}; // empty: the command is hidden
     option_row argument = {};
     std::string_view alias = {}; // a short name, although it abbreviates another command as well
-    bool is_hidden = false;
+
+    bool is_hidden() const { return help.empty(); }
 };
 
 // Two options that exclude each other in these commands.

@@ -7,6 +7,7 @@
 #include <sys/un.h>
 
 #include "base/text.h"
+#include "cli/line/wording.h"
 
 namespace l2fibctl {
 
@@ -15,22 +16,9 @@ namespace {
 constexpr size_t max_name_length = 255; // above every real name, and short enough for a request's URI
 constexpr size_t max_path_length = sizeof(sockaddr_un::sun_path) - 1;
 
-base::result expected(std::string_view value, std::string_view expectation)
+base::result expected(std::string_view value, const std::string &expectation)
 {
-    std::string text = "\"";
-    text.append(value).append("\": expected ").append(expectation);
-    return base::failure(EINVAL, text);
-}
-
-// "a, b or c"
-std::string joined(word_list words)
-{
-    std::string text;
-    for (size_t i = 0; i < words.size(); i++) {
-        const bool is_last = i + 1 == words.size();
-        text.append(i == 0 ? "" : is_last ? " or " : ", ").append(words[i]);
-    }
-    return text;
+    return base::failure(EINVAL, in_quotes(value) + ": expected " + expectation);
 }
 
 // `subject` names the value, such as "a name".
@@ -57,7 +45,7 @@ std::string filter_names(command_kind command)
             names.push_back(row->name);
         }
     }
-    return joined(names);
+    return listed(names, " or ");
 }
 
 } // namespace
@@ -65,7 +53,7 @@ std::string filter_names(command_kind command)
 base::result check_choice(const value_place &place, std::string &value)
 {
     const bool fits = std::ranges::count(place.row.choices, value) != 0;
-    return fits ? base::success() : expected(value, joined(place.row.choices));
+    return fits ? base::success() : expected(value, listed(place.row.choices, " or "));
 }
 
 // The parser's own conversion turns -1 and numbers that are too large into other numbers.
@@ -79,6 +67,12 @@ base::result check_number(const value_place &place, std::string &value)
 base::result check_name(const value_place & /*place*/, std::string &value)
 {
     return check_length(value, max_name_length, "a name");
+}
+
+base::result check_event(const value_place & /*place*/, std::string &value)
+{
+    const bool is_id = !value.empty() && value.find_first_not_of("0123456789-") == std::string::npos;
+    return is_id ? base::success() : expected(value, "the id of an event such as 1732380000-17");
 }
 
 base::result check_path(const value_place & /*place*/, std::string &value)

@@ -16,6 +16,7 @@ namespace l2fibctl {
 base::result check_choice(const value_place &place, std::string &value);
 base::result check_number(const value_place &place, std::string &value); // from 1 to the row's max_number
 base::result check_name(const value_place &place, std::string &value);
+base::result check_event(const value_place &place, std::string &value);
 base::result check_path(const value_place &place, std::string &value);
 base::result check_ip(const value_place &place, std::string &value);
 base::result check_age(const value_place &place, std::string &value);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <optional>
 #include <utility>
 
 #include "base/visible.h"
@@ -48,15 +49,12 @@ public:
     void run()
     {
         while (!is_full()) {
-            try {
-                follow();
-            } catch (const output_failure &) {
-                throw;
-            } catch (const failure &error) {
-                if (!has_begun_) {
-                    throw;
-                }
-                report_pause(error.what());
+            const std::optional<failure> problem = follow();
+            if (problem && !has_begun_) {
+                throw failure(*problem);
+            }
+            if (problem) {
+                report_pause(problem->what());
             }
         }
     }
@@ -66,21 +64,26 @@ public:
 private:
     bool is_full() const { return printer_.count() == options_.limit; }
 
-    // Returns once --limit is reached. Throws a failure when the stream ends before.
-    void follow()
+    // Returns nothing once --limit is reached, and otherwise why the stream has ended. Another connection may succeed.
+    std::optional<failure> follow()
     {
         event_stream stream;
         answer reply;
-        daemon_.follow(
-            {.path = path_, .after_event = last_id_}, reply, [this] { line_.tick(); },
-            [&](std::string_view piece) { return take(stream, piece); });
+        try {
+            daemon_.follow(
+                {.path = path_, .after_event = last_id_}, reply, [this] { line_.tick(); },
+                [&](std::string_view piece) { return take(stream, piece); });
+        } catch (const failure &error) {
+            if (error.status != exit_status::unreachable) {
+                throw;
+            }
+            return error;
+        }
         if (is_full()) {
-            return;
+            return std::nullopt;
         }
-        if (reply.status != success_status) {
-            throw failure_in(reply);
-        }
-        throw failure(exit_status::cut, "l2fibd ended the stream of events");
+        return reply.status == success_status ? failure(exit_status::cut, "l2fibd ended the stream of events")
+                                              : failure_in(reply);
     }
 
     // Returns false to end the stream.
@@ -188,7 +191,7 @@ void monitor(query_session &session, const std::string &path)
         // The operator ended it.
     }
     if (events_to_print.has_missed()) {
-        throw failure(exit_status::incomplete, "");
+        throw failure(exit_status::incomplete, "events are missing: a line \"missed\" stands in the place of them");
     }
 }
 

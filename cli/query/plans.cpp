@@ -122,11 +122,12 @@ query_plan plan_mac(query_session &session)
 query_plan plan_by_time(query_session &session)
 {
     const client_options &options = session.options;
-    if (options.reverse || asks_for_since(options)) {
+    if (options.reverse) {
         return plan_mac(session);
     }
     std::string path = with_parameter(data_path("mac-aging/mac-entry"), "sort", options.sorted_by);
-    return {{{with_filters(with_address(std::move(path), options), options)}}};
+    path = with_filters(with_address(std::move(path), options), options);
+    return {{{with_switch(std::move(path), "with-since", asks_for_since(options))}}};
 }
 
 // The numbers that the daemon counts all the time: of everything, of a domain, or of a port.
@@ -221,23 +222,23 @@ query_plan plan_near(query_session &session)
 
 // The first row that fits counts.
 constexpr view views[] = {
-    {&aging_entries, plan_by_time, command_kind::show_mac, last_seen_word},
-    {&mac_entries, plan_by_time, command_kind::show_mac, created_word},
+    {&aging_entries, plan_by_time, command_kind::show_mac, true, last_seen_word},
+    {&mac_entries, plan_by_time, command_kind::show_mac, true, created_word},
     {&mac_entries, plan_mac, command_kind::show_mac},
-    {&mac_groups, plan_groups, command_kind::show_count, groups_variant},
+    {&mac_groups, plan_groups, command_kind::show_count, true, groups_variant},
     {&mac_counts, plan_count, command_kind::show_count},
     {&domains, plan_list<domains>, command_kind::show_domain},
     {&ports, plan_list<ports>, command_kind::show_port},
     {&vteps, plan_list<vteps>, command_kind::show_vtep},
     {&tunnel_entries, plan_tunnel, command_kind::show_tunnel},
-    {&health, plan_health, command_kind::show_health, "", false},
-    {&traces, plan_list<traces>, command_kind::show_trace, "", false},
-    {&moves, plan_moves, command_kind::show_moves, "", true, true},
-    {&flaps, plan_flaps, command_kind::show_flaps, "", true, true},
+    {&health, plan_health, command_kind::show_health, false},
+    {&traces, plan_list<traces>, command_kind::show_trace, false},
+    {&moves, plan_moves, command_kind::show_moves, true, "", true},
+    {&flaps, plan_flaps, command_kind::show_flaps, true, "", true},
     {&mac_entries, plan_near, command_kind::find},
-    {&events, plan_events, command_kind::monitor, "", true, true},
-    {&top_domains, plan_list<domains>, command_kind::top, "domains"},
-    {&flaps, plan_top_addresses, command_kind::top, "addresses", true, true},
+    {&events, plan_events, command_kind::monitor, true, "", true},
+    {&top_domains, plan_list<domains>, command_kind::top, true, "domains"},
+    {&flaps, plan_top_addresses, command_kind::top, true, "addresses", true},
     {&top_ports, plan_list<ports>, command_kind::top},
 };
 

@@ -38,9 +38,9 @@ struct view {
     const resource *shown;
     query_plan (*make_plan)(query_session &session); // throws a failure if no plan is possible
     command_kind command;
-    std::string_view variant = {}; // the order, or groups_variant; empty: every other case of the command
     bool heeds_mark = true;        // false: the daemon's mark changes neither output nor exit status
-    bool has_places = false; // text has the columns From and To (places.h)
+    std::string_view variant = {}; // the order, or groups_variant; empty: every other case of the command
+    bool has_places = false;       // text has the columns From and To (places.h)
 };
 
 // Of show count: a row for each group.

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <ctime>
 #include <iterator>
 #include <string>
 
@@ -92,10 +94,13 @@ void resync_requester::request(const host::operational_request &wanted)
 {
     const host::operational_session_ptr session = host::operational_open(wanted);
     const registration registered(*this, session.get());
+    const auto began = std::chrono::steady_clock::now();
     const host::operational_page page = host::operational_wait(*session);
+    durations_.add(std::chrono::steady_clock::now() - began);
     if (page.status != 0 && page.status != EDM_ERR_NO_ITEM) {
         throw api_error{http_status_of(page.status), error_tag::operation_failed, page.text};
     }
+    last_resync_ = std::time(nullptr);
 }
 
 void resync_requester::resync_all()

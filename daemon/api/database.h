@@ -11,11 +11,13 @@
 // when the daemon ends.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <set>
 #include <string_view>
 
 #include "base/mutex.h"
+#include "daemon/api/metrics/duration_histogram.h"
 #include "host/database/operational_db_host.h"
 
 namespace l2fibd {
@@ -31,6 +33,11 @@ public:
     void give_up() L2FIB_EXCLUDES(lock_);
     bool is_given_up() const L2FIB_EXCLUDES(lock_);
 
+    // How long requests waited for their resyncs, failed ones included.
+    duration_histogram::reading durations() const { return durations_.read(); }
+    // When a resync last succeeded, in seconds since the epoch. 0: never.
+    int64_t last_resync() const { return last_resync_; }
+
 private:
     class registration;
 
@@ -41,6 +48,8 @@ private:
     mutable base::mutex lock_;
     std::set<host::operational_session *> sessions_ L2FIB_GUARDED_BY(lock_); // under way
     bool is_given_up_ L2FIB_GUARDED_BY(lock_) = false;
+    duration_histogram durations_;
+    std::atomic<int64_t> last_resync_{0};
 };
 
 } // namespace l2fibd

@@ -6,7 +6,6 @@
 
 #include "base/text.h"
 #include "daemon/api/json/api_error.h"
-#include "forwarding/forwarding.h"
 
 namespace l2fibd {
 
@@ -203,7 +202,8 @@ bool names_domain(const std::string &text, const named_place &at)
     const std::string_view part = at.domain.substr(at.domain.find(':') + 1);
     const std::string vlan = "." + std::to_string(at.vlan);
     const bool has_vlan = at.vlan != 0 && part.ends_with(vlan);
-    return text == at.domain || text == part || (has_vlan && text == part.substr(0, part.size() - vlan.size()));
+    return text == at.domain || text == part || text == at.bridge
+           || (has_vlan && text == part.substr(0, part.size() - vlan.size()));
 }
 
 bool names_port(const std::string &text, const named_place &at)
@@ -221,7 +221,7 @@ std::vector<uint16_t> ids_of_domains(const forwarding::object_views &objects, co
 {
     std::vector<uint16_t> found;
     for (const forwarding::domain_view &each : objects.domains) {
-        if (each.bridge == name || names_domain(name, {.domain = each.name, .vlan = each.vlan})) {
+        if (names_domain(name, place_of(each))) {
             found.push_back(each.bridge_id);
         }
     }
@@ -239,7 +239,7 @@ std::vector<forwarding::port_place> places_of_ports(const forwarding::object_vie
     for (const forwarding::port_view &each : objects.ports) {
         if (each.name == name) {
             named.push_back(forwarding::key_of(each));
-        } else if (names_port(name, {.port = each.name, .xcid = each.xcid})) {
+        } else if (names_port(name, place_of(each))) {
             numbered.push_back(forwarding::key_of(each));
         }
     }
@@ -266,14 +266,25 @@ void resolve_names(const name_condition &condition, std::string_view subject, fo
 
 } // namespace
 
+named_place place_of(const forwarding::domain_view &domain)
+{
+    return {.domain = domain.name, .vlan = domain.vlan, .bridge = domain.bridge};
+}
+
+named_place place_of(const forwarding::port_view &port)
+{
+    return {.domain = port.domain, .vlan = port.vlan, .port = port.name, .xcid = port.xcid};
+}
+
 bool is_filter(std::string_view parameter, unsigned kinds)
 {
     return find_parameter(parameter, kinds) != nullptr;
 }
 
-bool may_repeat(std::string_view parameter)
+size_t max_repetitions(std::string_view parameter)
 {
-    return parameter.starts_with(not_prefix);
+    constexpr size_t max_exclusions = 64;
+    return parameter.starts_with(not_prefix) ? max_exclusions : 1;
 }
 
 std::vector<std::string> names_of_filters(unsigned kinds)
@@ -292,7 +303,7 @@ filters parse_filters(const target &to, unsigned kinds)
     filters parsed;
     for (const target::parameter &given : to.parameters) {
         const filter_parameter *found = find_parameter(given.name, kinds);
-        if (found != nullptr && !found->add(parsed, given.value, may_repeat(given.name))) {
+        if (found != nullptr && !found->add(parsed, given.value, given.name.starts_with(not_prefix))) {
             throw unexpected(given.name, given.value, std::string(found->expected));
         }
     }

@@ -17,6 +17,7 @@
 // call them without the table lock.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -25,6 +26,7 @@
 
 #include "daemon/http/target.h"
 #include "forwarding/feeder/answers/row_filter.h"
+#include "forwarding/forwarding.h"
 
 namespace l2fibd {
 
@@ -61,12 +63,17 @@ struct named_place {
     uint16_t vlan = 0;            // of the bridge domain; 0: none
     std::string_view port = {};
     uint32_t xcid = 0;
+    std::string_view bridge = {}; // its name in the kernel, if it is known
 };
+
+// The views outlive the place.
+named_place place_of(const forwarding::domain_view &domain);
+named_place place_of(const forwarding::port_view &port);
 
 // True for the name of a filter of these kinds, with or without "not-".
 bool is_filter(std::string_view parameter, unsigned kinds);
-// True if the parameter may be given more than once.
-bool may_repeat(std::string_view parameter);
+// How often the parameter may be given. Each repetition costs time for each entry, so their number is bounded.
+size_t max_repetitions(std::string_view parameter);
 // The names of the filters of these kinds, for messages.
 std::vector<std::string> names_of_filters(unsigned kinds);
 

@@ -9,7 +9,6 @@
 #include "forwarding/forwarding.h"
 #include "host/database/operational_db_host.h"
 #include "host/pool/arena.h"
-#include "host/pool/chunk_statistics.h"
 #include "host/tree/ordtree_memory.h"
 #include "host/utility_host.h"
 
@@ -92,8 +91,10 @@ void write_proof(json_writer &json, const forwarding::proof_view &proof)
 
 void write_history(json_writer &json, const forwarding::history_view &history)
 {
-    const counter counters[] = {
-        {"events-kept", history.events_kept}, {"moves-kept", history.moves_kept}, {"bytes", history.bytes}};
+    const counter counters[] = {{"events", history.events},
+                                {"events-kept", history.events_kept},
+                                {"moves-kept", history.moves_kept},
+                                {"bytes", history.bytes}};
     json.begin_object("history");
     write_counters(json, counters);
     json.end_object();
@@ -155,18 +156,6 @@ void write_pool(json_writer &json, const host::chunk_statistics &pool)
     json.end_object();
 }
 
-// Calls `visit` with the statistics of each pool.
-template <typename Visit>
-void visit_pools(Visit visit)
-{
-    for (chunk_pool_t *pool = host::chunk_next(nullptr); pool != nullptr; pool = host::chunk_next(pool)) {
-        host::chunk_statistics statistics;
-        if (host::chunk_read_statistics(pool, &statistics)) {
-            visit(statistics);
-        }
-    }
-}
-
 void write_trees(json_writer &json)
 {
     const host::ordtree_memory_figures figures = host::ordtree_memory();
@@ -211,10 +200,10 @@ void write_memory(json_writer &json)
     uint64_t bytes = 0;
     json.begin_object("memory");
     json.begin_array("pool");
-    visit_pools([&](const host::chunk_statistics &pool) {
+    for (const host::chunk_statistics &pool : pool_statistics()) {
         bytes += pool.bytes;
         write_pool(json, pool);
-    });
+    }
     json.end_array();
     json.member64("bytes", bytes);
     write_trees(json);
@@ -257,6 +246,18 @@ std::string lines_of(const char *label, const std::vector<forwarding::counted_re
 }
 
 } // namespace
+
+std::vector<host::chunk_statistics> pool_statistics()
+{
+    std::vector<host::chunk_statistics> found;
+    for (chunk_pool_t *pool = host::chunk_next(nullptr); pool != nullptr; pool = host::chunk_next(pool)) {
+        host::chunk_statistics statistics;
+        if (host::chunk_read_statistics(pool, &statistics)) {
+            found.push_back(statistics);
+        }
+    }
+    return found;
+}
 
 void write_health(json_writer &json, const server_health &server)
 {

@@ -8,8 +8,10 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "daemon/api/json/json_writer.h"
+#include "host/pool/chunk_statistics.h"
 
 namespace l2fibd {
 
@@ -22,7 +24,11 @@ struct server_health {
     uint32_t watchers = 0; // event streams that are open
     uint64_t refused_watchers = 0;
     uint64_t dropped_log_lines = 0;
+    int64_t start_time = 0; // when the server began, in seconds since the epoch
 };
+
+// The statistics of each memory pool.
+std::vector<host::chunk_statistics> pool_statistics();
 
 void write_health(json_writer &json, const server_health &server);
 

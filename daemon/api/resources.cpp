@@ -6,6 +6,7 @@
 #include <array>
 #include <chrono>
 #include <exception>
+#include <span>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -136,11 +137,12 @@ answer stream(const call &asked, std::string_view name, std::unique_ptr<list_sou
     return stream(asked, name, std::move(source), limit_of(asked));
 }
 
-bool is_flagged(const call &asked)
+// The value of a parameter that is "true" or "false", and false if it is not given.
+bool is_set(const call &asked, std::string_view name)
 {
-    const std::string *text = asked.parameter("flagged");
+    const std::string *text = asked.parameter(name);
     if (text != nullptr && *text != "true" && *text != "false") {
-        throw unexpected("flagged", *text, "true or false");
+        throw unexpected(std::string(name), *text, "true or false");
     }
     return text != nullptr && *text == "true";
 }
@@ -149,108 +151,218 @@ bool is_flagged(const call &asked)
 constexpr uint16_t flagged_in_domain = EDM_MAC_ON_DUMMY_PORT;
 constexpr uint16_t flagged_on_port = EDM_MAC_ON_DUMMY_PORT | EDM_MAC_4000 | EDM_MAC_LOCKED;
 
-// The MAC entries of a domain, or of the table if the filter has no domain. Only the beginning of a list brings the
-// table up to date: a cursor continues the same list.
-answer list_entries(const call &asked, forwarding::row_filter filter, void (*update)(const call &asked))
-{
-    filter.flags = is_flagged(asked) ? flagged_in_domain : uint16_t{0};
-    const std::optional<std::string> start = start_of(asked);
-    const std::string *text = asked.parameter("mac");
-    const auto mac = text != nullptr ? std::optional(mac_of("mac", *text)) : std::nullopt;
-    const uint64_t limit = limit_of(asked);
-    if (!start) {
-        update(asked);
-    }
-    return stream(asked, "mac-entry", mac ? make_address_source(*mac, filter, start) : make_table_source(filter, start),
-                  limit);
-}
-
 // The filters of a list of entries.
 forwarding::row_filter filter_of(const call &asked)
 {
     return resolve(parse_filters(asked.to, filters_of_entries));
 }
 
+// The filters of another list. Throws api_error if a bridge domain or port that they name does not exist.
+filters existing_filters(const call &asked, unsigned kinds)
+{
+    filters given = parse_filters(asked.to, kinds);
+    static_cast<void>(resolve(given));
+    return given;
+}
+
+std::optional<forwarding::mac_address> mac_parameter(const call &asked, const forwarding::row_filter &filter)
+{
+    const std::string *text = asked.parameter("mac");
+    if (text == nullptr) {
+        return std::nullopt;
+    }
+    const forwarding::mac_address mac = mac_of("mac", *text);
+    if (!passes_address(filter, mac)) {
+        throw unexpected("mac", *text, "an address that the parameters mac-prefix and not-mac-prefix let pass");
+    }
+    return mac;
+}
+
+// ---- Orders ----
+
+// A word of the parameter `sort`.
+struct order_word {
+    std::string_view word;
+    forwarding::row_order order;
+    bool is_reversed; // the order begins with the largest value
+};
+
+constexpr order_word orders_of_table[] = {
+    {"mac", forwarding::row_order::mac, false},      {"port", forwarding::row_order::port, false},
+    {"age", forwarding::row_order::last_seen, true}, {"created", forwarding::row_order::created, false},
+    {"vlan", forwarding::row_order::vlan, false},
+};
+
+// The first one is the default.
+constexpr order_word orders_of_aging[] = {
+    {"last-seen", forwarding::row_order::last_seen, false},
+    {"created", forwarding::row_order::created, false},
+};
+
+const order_word &order_of(const std::string &text, std::span<const order_word> words)
+{
+    const auto found = std::ranges::find(words, text, &order_word::word);
+    if (found == words.end()) {
+        std::string expected;
+        for (const order_word &each : words) {
+            expected += (expected.empty() ? "" : ", ") + std::string(each.word);
+        }
+        throw unexpected("sort", text, "one of " + expected);
+    }
+    return *found;
+}
+
+// The order that the parameters `sort` and `reverse` ask for. Empty: the usual one.
+std::optional<forwarding::order_request> order_parameter(const call &asked, const forwarding::row_filter &filter)
+{
+    const std::string *text = asked.parameter("sort");
+    const bool is_reversed = is_set(asked, "reverse");
+    if (text == nullptr && is_reversed) {
+        throw unexpected("reverse", "true", "together with sort");
+    }
+    if (text == nullptr) {
+        return std::nullopt;
+    }
+    if (asked.parameter("mac") != nullptr) {
+        throw unexpected("sort", *text, "without mac");
+    }
+    const order_word &word = order_of(*text, orders_of_table);
+    return forwarding::order_request{word.order, word.is_reversed != is_reversed, filter};
+}
+
+// ---- Lists of entries ----
+
+// The order by creation shows when entries came. Other lists do so on request, because it costs a question.
+forwarding::row_details details_of(const call &asked)
+{
+    const std::string *sort = asked.parameter("sort");
+    return {.since = is_set(asked, "with-since") || (sort != nullptr && *sort == "created")};
+}
+
+// The MAC entries that pass the filter. Only the beginning of a list brings the table up to date: a cursor continues
+// the same list.
+answer list_entries(const call &asked, const forwarding::row_filter &filter, void (*update)(const call &asked))
+{
+    const std::optional<std::string> start = start_of(asked);
+    const auto mac = mac_parameter(asked, filter);
+    const auto order = order_parameter(asked, filter);
+    const forwarding::row_details details = details_of(asked);
+    const uint64_t limit = limit_of(asked);
+    if (!start) {
+        update(asked);
+    }
+    return stream(asked, "mac-entry",
+                  order ? make_ordered_source(*order, start, limit,
+                                              {asked.context.selections, asked.context.resyncs, false, details})
+                  : mac ? make_address_source(*mac, filter, start)
+                        : make_table_source(filter, details, start),
+                  limit);
+}
+
 answer list_table(const call &asked)
 {
-    return list_entries(asked, filter_of(asked), [](const call &of) { of.context.resyncs.resync_all(); });
+    forwarding::row_filter filter = filter_of(asked);
+    filter.flags = is_set(asked, "flagged") ? flagged_in_domain : uint16_t{0};
+    return list_entries(asked, filter, [](const call &of) { of.context.resyncs.resync_all(); });
 }
 
 answer list_domain_entries(const call &asked)
 {
     forwarding::row_filter filter = filter_of(asked);
     filter.domains.keep_only({domain_of(asked.key()).bridge_id});
-    return list_entries(asked, std::move(filter), [](const call &of) { of.context.resyncs.resync_domain(of.key()); });
+    filter.flags = is_set(asked, "flagged") ? flagged_in_domain : uint16_t{0};
+    return list_entries(asked, filter, [](const call &of) { of.context.resyncs.resync_domain(of.key()); });
 }
 
 answer list_port_entries(const call &asked)
 {
-    const forwarding::port_view port = port_of(asked.key());
     forwarding::row_filter filter = filter_of(asked);
-    filter.ports.keep_only({forwarding::key_of(port)});
-    filter.flags = is_flagged(asked) ? flagged_on_port : uint16_t{0};
-    const std::optional<std::string> start = start_of(asked);
-    const uint64_t limit = limit_of(asked);
-    if (!start) {
-        asked.context.resyncs.resync_port(port.xcid, port.domain);
-    }
-    return stream(asked, "mac-entry", make_table_source(filter, start), limit);
-}
-
-struct order_name {
-    std::string_view name;
-    forwarding::row_order order;
-};
-
-// The first one is the default.
-constexpr order_name orders[] = {
-    {"last-seen", forwarding::row_order::last_seen},
-    {"created", forwarding::row_order::created},
-};
-
-forwarding::row_order order_of(const call &asked)
-{
-    const std::string *text = asked.parameter("sort");
-    const auto *found = std::ranges::find(orders, text != nullptr ? *text : orders[0].name, &order_name::name);
-    if (found == std::end(orders)) {
-        throw unexpected("sort", *text, "last-seen or created");
-    }
-    return found->order;
+    filter.ports.keep_only({forwarding::key_of(port_of(asked.key()))});
+    filter.flags = is_set(asked, "flagged") ? flagged_on_port : uint16_t{0};
+    return list_entries(asked, filter, [](const call &of) {
+        const forwarding::port_view port = port_of(of.key());
+        of.context.resyncs.resync_port(port.xcid, port.domain);
+    });
 }
 
 answer list_by_age(const call &asked)
 {
-    const forwarding::row_order order = order_of(asked);
+    const std::string *text = asked.parameter("sort");
+    const order_word &word = order_of(text != nullptr ? *text : std::string(orders_of_aging[0].word), orders_of_aging);
+    const forwarding::order_request wanted{word.order, word.is_reversed, filter_of(asked)};
     const std::optional<std::string> start = start_of(asked);
     const uint64_t limit = limit_of(asked);
     if (!start) {
         asked.context.resyncs.resync_all();
     }
-    return stream(asked, "mac-entry", make_ordered_source(order, start, limit, asked.context.selections), limit);
+    return stream(asked, "mac-entry",
+                  make_ordered_source(wanted, start, limit,
+                                      {asked.context.selections, asked.context.resyncs, true, details_of(asked)}),
+                  limit);
 }
+
+// ---- Counts by group ----
+
+struct group_word {
+    std::string_view word;
+    forwarding::count_group by;
+};
+
+constexpr group_word group_words[] = {
+    {"domain", forwarding::count_group::domain}, {"port", forwarding::count_group::port},
+    {"vlan", forwarding::count_group::vlan},     {"vtep", forwarding::count_group::vtep},
+    {"type", forwarding::count_group::type},
+};
+
+answer list_counts(const call &asked)
+{
+    const std::string *text = asked.parameter("by");
+    const auto *group = std::ranges::find(group_words, text != nullptr ? *text : std::string(), &group_word::word);
+    if (group == std::end(group_words)) {
+        throw unexpected("by", text != nullptr ? *text : "", "domain, port, vlan, vtep or type");
+    }
+    const forwarding::row_filter filter = filter_of(asked);
+    const std::optional<std::string> start = start_of(asked);
+    const uint64_t limit = limit_of(asked);
+    if (!start) {
+        asked.context.resyncs.resync_all();
+    }
+    return stream(asked, "mac-count", make_count_source(filter, group->by, start), limit);
+}
+
+// ---- Lists of objects ----
+
+constexpr unsigned filters_of_domains = by_domain | by_vlan;
+constexpr unsigned filters_of_ports = by_domain | by_port | by_vlan | by_vni;
+constexpr unsigned filters_of_vteps = by_domain | by_port | by_vni | by_vtep;
+constexpr unsigned filters_of_tunnel_entries = filters_of_vteps | by_prefix;
 
 answer list_vteps(const call &asked)
 {
+    const filters given = existing_filters(asked, filters_of_vteps);
     const std::optional<std::string> start = start_of(asked);
     if (!start) {
         asked.context.resyncs.resync_all();
     }
-    return stream(asked, "vtep", make_vtep_source(start));
+    return stream(asked, "vtep", make_vtep_source(given, start));
 }
 
 answer list_domains(const call &asked)
 {
-    return stream(asked, "domain", make_domain_source(start_of(asked)));
+    return stream(asked, "domain", make_domain_source(existing_filters(asked, filters_of_domains), start_of(asked)));
 }
 
 answer list_ports(const call &asked)
 {
-    return stream(asked, "port", make_port_source(start_of(asked)));
+    return stream(asked, "port", make_port_source(existing_filters(asked, filters_of_ports), start_of(asked)));
 }
 
+// A device without a bridge is no bridge port, so the names of ports are not looked up.
 answer list_tunnel_entries(const call &asked)
 {
-    return stream(asked, "tunnel-entry", make_tunnel_entry_source(start_of(asked)));
+    static_cast<void>(existing_filters(asked, filters_of_tunnel_entries & ~unsigned{by_port}));
+    return stream(asked, "tunnel-entry",
+                  make_tunnel_entry_source(parse_filters(asked.to, filters_of_tunnel_entries), start_of(asked)));
 }
 
 answer list_traces(const call &asked)
@@ -264,11 +376,8 @@ answer list_traces(const call &asked)
 filters history_filters(const call &asked, unsigned kinds)
 {
     filters given = parse_filters(asked.to, kinds);
-    if (const std::string *text = asked.parameter("mac"); text != nullptr) {
-        const uint64_t address = base::number_of_mac(mac_of("mac", *text));
-        if (!given.rest.addresses.holds(address)) {
-            throw unexpected("mac", *text, "an address that the mac-prefix lets pass");
-        }
+    if (const auto mac = mac_parameter(asked, given.rest)) {
+        const uint64_t address = base::number_of_mac(*mac);
         given.rest.addresses = {address, address};
     }
     if (has_ipv6(given.rest)) {
@@ -298,7 +407,7 @@ answer watch_events(const call &asked)
 {
     filters given = history_filters(asked, filters_of_events);
     if (asked.sent.last_event_id == nullptr) {
-        resolve(given);
+        static_cast<void>(resolve(given));
     }
     auto events = std::make_unique<event_stream>(asked.sent.last_event_id, std::move(given), asked.context.resyncs,
                                                  asked.sent.has_client_left);
@@ -344,7 +453,7 @@ answer get_entry(const call &asked)
     const forwarding::domain_view domain = domain_of(*asked.to.path[asked.to.path.size() - 2].key);
     asked.context.resyncs.resync_domain(domain.name);
     return list_of_one("mac-entry", [&](json_writer &json) {
-        const forwarding::row_page found = forwarding::find_rows(mac, domain.bridge_id);
+        const forwarding::row_page found = forwarding::find_rows(mac, domain.bridge_id, {.since = true});
         if (found.rows.empty()) {
             throw not_found("mac-entry \"" + base::mac_text(mac) + "\": there is no such entry in the bridge domain \""
                             + domain.name + "\"");
@@ -358,13 +467,17 @@ answer get_entry(const call &asked)
 answer get_domain(const call &asked)
 {
     const forwarding::domain_view domain = domain_of(asked.key());
-    return list_of_one("domain", [&](json_writer &json) { write_domain(json, domain); });
+    return list_of_one("domain", [&](json_writer &json) {
+        write_domain(json, domain, forwarding::domain_activity(std::array{domain.bridge_id}).front());
+    });
 }
 
 answer get_port(const call &asked)
 {
     const forwarding::port_view port = port_of(asked.key());
-    return list_of_one("port", [&](json_writer &json) { write_port(json, port); });
+    return list_of_one("port", [&](json_writer &json) {
+        write_port(json, port, forwarding::port_activity(std::array{port.xcid}).front());
+    });
 }
 
 answer count_all(const call &asked)
@@ -404,6 +517,8 @@ answer get_health(const call &asked)
 {
     return document("health", [&](json_writer &json) { write_health(json, asked.context.server()); });
 }
+
+answer get_metrics(const call &asked); // below, because it names all resources
 
 // ---- The operation ----
 
@@ -514,20 +629,25 @@ enum parameter_group : uint8_t {
     none = 0,
     paging = 1, // limit and cursor
     flagged = 2,
-    address = 4, // mac
-    sorting = 8,
-    window = 16,
+    address = 4,   // mac
+    aging = 8,     // sort
+    sorting = 16,  // sort, reverse and with-since
+    grouping = 32, // by
+    window = 64,   // of time
 };
 
 struct parameter_kind {
     std::string_view name;
-    parameter_group group;
+    unsigned groups; // parameter_group bits of which a resource has one
 };
 
 constexpr parameter_kind parameter_kinds[] = {
-    {"limit", paging}, {"cursor", paging}, {"flagged", flagged},
-    {"mac", address},  {"sort", sorting},  {"window", window},
+    {"limit", paging},  {"cursor", paging},        {"by", grouping},     {"flagged", flagged},
+    {"mac", address},   {"sort", aging | sorting}, {"reverse", sorting}, {"with-since", aging | sorting},
+    {"window", window},
 };
+
+constexpr unsigned parameters_of_entries = paging | flagged | sorting;
 
 struct resource {
     std::string_view pattern; // behind "/restconf/", or the whole path; '*' stands for a key
@@ -538,34 +658,44 @@ struct resource {
 };
 
 constexpr resource resources[] = {
-    {"data/l2fib-mac:mac-table/mac-entry", list_table, paging | flagged | address, filters_of_entries},
-    {"data/l2fib-mac:mac-aging/mac-entry", list_by_age, paging | sorting},
-    {"data/l2fib-mac:domains/domain", list_domains, paging},
+    {"data/l2fib-mac:mac-table/mac-entry", list_table, parameters_of_entries | address, filters_of_entries},
+    {"data/l2fib-mac:mac-aging/mac-entry", list_by_age, paging | aging, filters_of_entries},
+    {"data/l2fib-mac:domains/domain", list_domains, paging, filters_of_domains},
     {"data/l2fib-mac:domains/domain=*", get_domain},
-    {"data/l2fib-mac:domains/domain=*/mac-entry", list_domain_entries, paging | flagged | address, filters_of_entries},
+    {"data/l2fib-mac:domains/domain=*/mac-entry", list_domain_entries, parameters_of_entries | address,
+     filters_of_entries},
     {"data/l2fib-mac:domains/domain=*/mac-entry=*", get_entry},
     {"data/l2fib-mac:domains/domain=*/mac-count", count_domain},
-    {"data/l2fib-mac:ports/port", list_ports, paging},
+    {"data/l2fib-mac:ports/port", list_ports, paging, filters_of_ports},
     {"data/l2fib-mac:ports/port=*", get_port},
-    {"data/l2fib-mac:ports/port=*/mac-entry", list_port_entries, paging | flagged, filters_of_entries},
+    {"data/l2fib-mac:ports/port=*/mac-entry", list_port_entries, parameters_of_entries, filters_of_entries},
     {"data/l2fib-mac:ports/port=*/mac-count", count_port},
     {"data/l2fib-mac:mac-count", count_all},
-    {"data/l2fib-mac:vteps/vtep", list_vteps, paging},
-    {"data/l2fib-mac:tunnel-entries/tunnel-entry", list_tunnel_entries, paging},
+    {"data/l2fib-mac:mac-counts/mac-count", list_counts, paging | grouping, filters_of_entries},
+    {"data/l2fib-mac:vteps/vtep", list_vteps, paging, filters_of_vteps},
+    {"data/l2fib-mac:tunnel-entries/tunnel-entry", list_tunnel_entries, paging, filters_of_tunnel_entries},
     {"data/l2fib-mac:moves/move", list_moves, paging | address, filters_of_moves},
     {"data/l2fib-mac:flaps/flap", list_flaps, paging | address | window, filters_of_flaps},
     {"data/l2fib-mac:health", get_health},
     {"data/l2fib-mac:traces/trace", list_traces, paging},
     {"operations/l2fib-mac:resync", resync, none, 0, true},
     {events_path, watch_events, address, filters_of_events},
+    {metrics_path, get_metrics},
 };
+static_assert(std::size(resources) <= max_resources);
+
+// The pattern in the form of shape_of.
+std::string whole_pattern(const resource &of)
+{
+    const bool is_whole = of.pattern.starts_with('/');
+    return std::string(is_whole ? "" : "restconf/").append(of.pattern.substr(is_whole ? 1 : 0));
+}
 
 const resource &find_resource(const target &to)
 {
     const std::string shape = shape_of(to);
     for (const resource &candidate : resources) {
-        const std::string_view root = candidate.pattern.starts_with('/') ? "" : "/restconf/";
-        if ("/" + shape == std::string(root).append(candidate.pattern)) {
+        if (shape == whole_pattern(candidate)) {
             return candidate;
         }
     }
@@ -584,16 +714,33 @@ void check_method(const resource &found, std::string_view method)
                     "method " + std::string(method) + ": expected " + allowed, allowed};
 }
 
+// Resources that nobody has asked for are shown too, so that a rate over their first request is right.
+answer get_metrics(const call &asked)
+{
+    metric_figures figures = read_figures();
+    figures.server = asked.context.server();
+    figures.resyncs = asked.context.resyncs.durations();
+    figures.last_resync = asked.context.resyncs.last_resync();
+    for (size_t at = 0; at < std::size(resources); at++) {
+        figures.requests.push_back(
+            {std::string("/").append(whole_pattern(resources[at])), asked.context.durations[at].read()});
+    }
+    figures.requests.push_back({"none", asked.context.durations[no_resource].read()});
+    const exposition_format format = format_of(asked.sent.accept);
+    return {
+        .body = metrics_text(figures, format), .worth = figures.health.state, .content_type = content_type_of(format)};
+}
+
 std::string names_of_parameters(const resource &found)
 {
     std::string names;
     for (const parameter_kind &kind : parameter_kinds) {
-        if ((found.parameters & kind.group) != 0) {
+        if ((found.parameters & kind.groups) != 0) {
             names += (names.empty() ? "" : ", ") + std::string(kind.name);
         }
     }
     for (const std::string &name : names_of_filters(found.filters)) {
-        names += ", " + name + ", not-" + name;
+        names.append(", ").append(name).append(", not-").append(name);
     }
     return names.empty() ? "none" : "one of " + names;
 }
@@ -601,18 +748,22 @@ std::string names_of_parameters(const resource &found)
 bool has_parameter(const resource &of, std::string_view name)
 {
     const auto *kind = std::ranges::find(parameter_kinds, name, &parameter_kind::name);
-    return (kind != std::end(parameter_kinds) && (of.parameters & kind->group) != 0) || is_filter(name, of.filters);
+    return (kind != std::end(parameter_kinds) && (of.parameters & kind->groups) != 0) || is_filter(name, of.filters);
 }
 
-// Throws unless each parameter is one of the resource and is given once, or may repeat.
+// Throws unless each parameter is one of the resource and is not given too often.
 void check_parameters(const resource &found, const target &to)
 {
     for (const target::parameter &given : to.parameters) {
         if (!has_parameter(found, given.name)) {
             throw invalid("parameter \"" + given.name + "\": expected " + names_of_parameters(found));
         }
-        if (!may_repeat(given.name) && std::ranges::count(to.parameters, given.name, &target::parameter::name) > 1) {
-            throw invalid("parameter \"" + given.name + "\": expected once, given more than once");
+        const auto times = static_cast<size_t>(std::ranges::count(to.parameters, given.name, &target::parameter::name));
+        if (const size_t allowed = max_repetitions(given.name); times > allowed) {
+            std::string message = "parameter \"";
+            message.append(given.name).append("\": expected ");
+            message += allowed == 1 ? "once" : "at most " + std::to_string(allowed) + " times";
+            throw invalid(message + ", given " + (allowed == 1 ? "more than once" : std::to_string(times) + " times"));
         }
     }
 }
@@ -633,6 +784,9 @@ answer answer_request(const request &asked, const api_context &context)
 {
     const target to = parse_target(asked.uri);
     const resource &found = find_resource(to);
+    if (asked.resource != nullptr) {
+        *asked.resource = static_cast<size_t>(&found - resources);
+    }
     check_method(found, asked.method);
     check_parameters(found, to);
     return found.serve({to, asked, context});

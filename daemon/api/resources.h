@@ -5,7 +5,8 @@
 //
 //      resync_requester resyncs;
 //      kept_selections selections;
-//      const api_context context{resyncs, selections, [] { return server_health(); }};
+//      request_durations durations;
+//      const api_context context{resyncs, selections, [] { return server_health(); }, durations};
 //      answer found = answer_request({.method = "GET", .uri = "/restconf/data/l2fib-mac:mac-count"}, context);
 //
 // Threads: any thread may call answer_request. It may wait as long as a resync. An answer belongs to its request.
@@ -22,17 +23,20 @@
 #include "daemon/api/json/api_error.h"
 #include "daemon/api/lists/kept_selections.h"
 #include "daemon/api/lists/list.h"
+#include "daemon/api/metrics/metrics.h"
 
 namespace l2fibd {
 
 inline constexpr std::string_view health_path = "/restconf/data/l2fib-mac:health";
 inline constexpr std::string_view events_path = "/events";
+inline constexpr std::string_view metrics_path = "/metrics";
 
 // What the resources use of the rest of the daemon. It outlives all answers.
 struct api_context {
     resync_requester &resyncs;
     kept_selections &selections;
     std::function<server_health()> server;
+    request_durations &durations;
 };
 
 struct request {
@@ -40,7 +44,9 @@ struct request {
     std::string_view uri; // as the client sent it: path and parameters, percent-encoded
     std::string_view body = {};
     const char *last_event_id = nullptr; // the header of that name; null: none
+    const char *accept = nullptr;        // likewise
     std::function<bool()> has_client_left = [] { return false; };
+    size_t *resource = nullptr; // gets the number of the resource as soon as it is known; may be null
 };
 
 struct answer {
@@ -48,7 +54,8 @@ struct answer {
     std::string body = {};
     std::unique_ptr<answer_stream> rest = nullptr; // what follows `body`. Null if the body is complete
     forwarding::completeness worth = forwarding::completeness::whole;
-    bool is_stream = false; // of events, as text/event-stream
+    bool is_stream = false;             // of events, as text/event-stream
+    const char *content_type = nullptr; // null: JSON, or the type of the stream
 };
 
 // Whether the method reads a resource and changes nothing.

@@ -11,8 +11,8 @@
 //
 // Root may also take places of a reserve.
 //
-// A client that gets no place is refused. It may send one request. The answer is the reason, or the daemon's health.
-// Few refused connections are kept: the oldest one makes room for the next.
+// A client that gets no place is refused. It may send one request. The answer is the reason, or the daemon's health
+// or metrics. Few refused connections are kept: the oldest one makes room for the next.
 //
 // Threads: any thread may call every function.
 #pragma once

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <new>
 #include <string>
@@ -42,7 +43,9 @@ struct server_state {
     std::atomic<uint32_t> active_requests{0};
     resync_requester resyncs;
     kept_selections selections;
-    const api_context context{resyncs, selections, [this] { return health(); }};
+    request_durations durations;
+    const int64_t start_time = std::time(nullptr);
+    const api_context context{resyncs, selections, [this] { return health(); }, durations};
 
     server_health health() const
     {
@@ -52,7 +55,8 @@ struct server_state {
                 .refused_connections = connections.refused(),
                 .watchers = watchers.taken(),
                 .refused_watchers = watchers.refused(),
-                .dropped_log_lines = log_lines_dropped()};
+                .dropped_log_lines = log_lines_dropped(),
+                .start_time = start_time};
     }
 };
 
@@ -79,6 +83,8 @@ struct exchange {
     bool is_active = false;
     place taken = place::none;
     place watching = place::none;
+    size_t resource = no_resource;
+    std::chrono::steady_clock::time_point arrived = {}; // the whole request
 
     exchange(server_state &of, uid_t sender, const char *requested)
         : server(of)
@@ -90,6 +96,9 @@ struct exchange {
         server.requests.give_back(user, taken);
         server.watchers.give_back(user, watching);
         server.active_requests -= is_active ? 1 : 0;
+        if (is_active) {
+            server.durations[resource].add(std::chrono::steady_clock::now() - arrived);
+        }
     }
     exchange(const exchange &) = delete;
     exchange &operator=(const exchange &) = delete;
@@ -143,7 +152,8 @@ client *client_of(MHD_Connection *connection)
 MHD_Result send(MHD_Connection *connection, answer &&from, const std::string &allow)
 {
     const http_status status = from.status;
-    const char *const content_type = from.is_stream ? stream_type : json_type;
+    const char *const fallback_type = from.is_stream ? stream_type : json_type;
+    const char *const content_type = from.content_type != nullptr ? from.content_type : fallback_type;
     const char *const worth = forwarding::text_of(from.worth);
     const response_ptr response = make_response(std::move(from));
     if (response == nullptr) {
@@ -178,8 +188,8 @@ void take_place(const client &from, fair_places &places, place &taken)
     }
 }
 
-// Takes one of the places for requests, or for event streams, until the exchange ends. Health needs no place: it is
-// short, and it shows why other requests are refused.
+// Takes one of the places for requests, or for event streams, until the exchange ends. Health and metrics need no
+// place: they are short, and they show why other requests are refused.
 void admit_request(const client &from, const char *method, exchange &of)
 {
     if (is_stream_request(of.uri)) {
@@ -187,8 +197,9 @@ void admit_request(const client &from, const char *method, exchange &of)
         return;
     }
     of.is_active = true;
+    of.arrived = std::chrono::steady_clock::now();
     of.server.active_requests++;
-    if (of.uri != health_path || !is_read_method(method)) {
+    if (!is_read_method(method) || (of.uri != health_path && of.uri != metrics_path)) {
         take_place(from, of.server.requests, of.taken);
     }
 }
@@ -200,16 +211,20 @@ bool has_hung_up(int socket)
     return poll(&client, 1, 0) == 1;
 }
 
-answer answer_exchange(MHD_Connection *connection, const char *method, const exchange &of)
+answer answer_exchange(MHD_Connection *connection, const char *method, exchange &of)
 {
+    const auto header = [&](const char *name) {
+        return MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+    };
     const int socket = client_of(connection)->socket;
-    return answer_request(
-        {.method = method,
-         .uri = of.uri,
-         .body = of.body,
-         .last_event_id = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, last_event_id_header),
-         .has_client_left = [socket] { return has_hung_up(socket); }},
-        of.server.context);
+    return answer_request({.method = method,
+                           .uri = of.uri,
+                           .body = of.body,
+                           .last_event_id = header(last_event_id_header),
+                           .accept = header(MHD_HTTP_HEADER_ACCEPT),
+                           .has_client_left = [socket] { return has_hung_up(socket); },
+                           .resource = &of.resource},
+                          of.server.context);
 }
 
 MHD_Result serve(MHD_Connection *connection, const char *method, exchange &of)

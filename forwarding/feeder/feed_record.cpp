@@ -7,9 +7,8 @@ namespace forwarding {
 uint32_t hash_of(const fed_place &place)
 {
     const uint64_t hash = mix(0, place.xcid | (uint64_t{place.vtep} << 32));
-    const uint64_t bits = (place.is_tunnel ? 1U : 0U) | (place.has_own_vni ? 2U : 0U) | (uint64_t{place.flags} << 2)
-                          | (uint64_t{place.ext_flags} << 18);
-    return fold(mix(mix(hash, place.vni | (uint64_t{place.bridge_id} << 32)), bits));
+    const uint64_t bits = (place.is_tunnel ? 1U : 0U) ^ (place.has_own_vni ? 2U : 0U) ^ place.flags ^ place.ext_flags;
+    return fold(mix(hash, place.vni | (uint64_t{place.bridge_id} << 32) | (bits << 48)));
 }
 
 void feed_records::clear(uint32_t entry)

@@ -190,6 +190,16 @@ uint32_t feeder::count(uint16_t bridge_id, edm_mac_counters_t &counters) const
     return 0;
 }
 
+domain_counts feeder::count_domains() const
+{
+    domain_counts found{.objects = registry_.views()};
+    found.counts.reserve(found.objects->domains.size());
+    for (const domain_view &each : found.objects->domains) {
+        found.counts.push_back(counters_.kinds_of_domain(each.bridge_id));
+    }
+    return found;
+}
+
 bool feeder::ask(uint32_t bridge_id, const mac_address &mac, fdb_record &record)
 {
     fdb_key key;

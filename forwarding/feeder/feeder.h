@@ -83,15 +83,23 @@ public:
         answers_.confirm_places(keys, answers, rows);
     }
     void add_ipv6_vteps(std::vector<mac_row> &rows) const { answers_.add_ipv6_vteps(rows); }
-    uint64_t order_now(row_order order) const { return answers_.order_now(order); }
-    std::vector<order_key> select(row_order order, const order_position &from, uint32_t max_entries)
+    uint64_t begin_order(row_order order) { return answers_.begin_order(order); }
+    std::vector<order_key> select(const order_terms &terms, const order_position &from, uint32_t max_entries)
     {
-        return answers_.select(order, from, max_entries);
+        return answers_.select(terms, from, max_entries);
     }
-    std::vector<ordered_entry> entries_at(row_order order, std::span<const order_key> keys, const order_key &last,
-                                          uint64_t began) const
+    std::vector<ordered_entry> entries_at(const order_terms &terms, std::span<const order_key> keys,
+                                          const order_key &last) const
     {
-        return answers_.entries_at(order, keys, last, began);
+        return answers_.entries_at(terms, keys, last);
+    }
+    std::vector<fdb_key> ageing_keys(const row_filter &filter, uint32_t &slot, size_t max_keys) const
+    {
+        return answers_.ageing_keys(filter, slot, max_keys);
+    }
+    void take_sights(std::span<const fdb_key> keys, std::span<const fdb_answer> answers)
+    {
+        answers_.take_sights(keys, answers);
     }
     size_t take_ages(std::span<const fdb_key> keys, std::span<const fdb_answer> answers)
     {
@@ -102,6 +110,7 @@ public:
 
     // Counts the entries of a bridge domain. Returns 0, or ENOENT if there is no such bridge domain.
     uint32_t count(uint16_t bridge_id, edm_mac_counters_t &counters) const;
+    domain_counts count_domains() const; // see forwarding.h
     // Asks the plane for an address of a bridge domain. Returns false if the plane holds no such entry or cannot
     // answer.
     bool ask(uint32_t bridge_id, const mac_address &mac, fdb_record &record);

@@ -158,7 +158,8 @@ void full_dump_note_gone(full_dump &dump, const fdb_record &record, uint32_t bri
     full_dump_note_changed(dump, key_of(record));
     const dump_request &current = dump.current;
     const bool of_bridge = bridge != 0 && bridge == current.bridge;
-    dump.proof.deletions += of_bridge || record.ifindex == current.ifindex ? 1 : 0;
+    const bool of_device = record.ifindex == current.ifindex && current.scope != kernel_scope::port_vlans;
+    dump.proof.deletions += of_bridge || of_device ? 1 : 0;
 }
 
 void full_dump_note_link(full_dump &dump, uint32_t ifindex)

@@ -7,8 +7,8 @@
 // So dumps are cheaper for small bridges and questions for large ones:
 //
 //      entries of one bridge        40,000    100,000    300,000
-//      dump, µs for each entry         0.5        1.1       13.0
-//      question, µs                    1.6        1.6        1.7       Linux 6.18, processor time of both sides
+//      dump, µs for each entry         0.6        1.2       13.0
+//      question, µs                    1.8        1.8        1.8       Linux 6.18, processor time of both sides
 //
 // A reader asks page by page and may stop after any page. So a bridge is dumped once readers have asked about a share
 // of its entries, and its ages then serve the following pages for `lifetime`. The kernel looks at all devices for each
@@ -86,8 +86,9 @@ private:
 
     // How long ages serve: a reader of 100,000 entries takes about a second on a busy machine.
     static constexpr auto lifetime = std::chrono::seconds(2);
-    // Larger bridges are not dumped: at best a dump of one costs as much as questions, on a busy machine twice as much.
-    static constexpr size_t max_of_bridge = 80'000;
+    // Larger bridges are not dumped. A dump of this size costs two thirds of the questions on a quiet machine. While
+    // other programs use the processor's cache it costs up to twice as much as they do, and `pause` limits that.
+    static constexpr size_t max_of_bridge = 105'000;
     // More entries of all bridges together are not dumped.
     static constexpr size_t max_dumped = 131'072;
     // Entries of all tables together, in 32 to 64 bytes each. A part of a dump may add some hundred more.

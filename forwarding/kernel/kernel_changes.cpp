@@ -69,6 +69,10 @@ void kernel_plane::take_change(const kernel_message &message)
         take_vlan_vnis(message.link.ifindex, message.vnis);
         take_vlans(message.link.ifindex, message.vlans);
         break;
+    case kernel_message_kind::vlans_cut:
+        full_dump_note_vlan_vnis(dump_, message.link.ifindex);
+        dump_vlans(message.link.ifindex);
+        break;
     case kernel_message_kind::malformed:
         counters_.refused++;
         note_loss(1);

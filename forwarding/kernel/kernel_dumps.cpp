@@ -25,6 +25,15 @@ constexpr auto turn_time = milliseconds(10); // one part of a large bridge may t
 constexpr uint32_t max_doublings = 4;        // of the pause after unclean full dumps: up to 16 intervals
 constexpr int proof_share = 100;             // proofs take at most 1/100 of the time
 
+// Returns whether a dump that ended with this error, or 0, has reported everything. A kernel that cannot dump the VLANs
+// of its bridges has no map. A device that is not on a bridge has no VLANs.
+bool is_whole(const dump_request &dump, int error)
+{
+    const bool has_no_map = dump.scope == kernel_scope::vlan_vnis && error == EOPNOTSUPP;
+    const bool has_no_vlans = dump.scope == kernel_scope::port_vlans && (error == EINVAL || error == ENODEV);
+    return error == 0 || has_no_map || has_no_vlans;
+}
+
 } // namespace
 
 // ---- When ----
@@ -115,10 +124,29 @@ void kernel_plane::abandon_dumps()
 // device may have come from another network namespace with entries. The kernel sends no notification for either.
 void kernel_plane::dump_own_entries(const link_record &device)
 {
-    const dump_request request{kernel_scope::device, device.ifindex, device.master};
-    if (dump_.running && dump_.current.scope != kernel_scope::links) {
+    dump_also({kernel_scope::device, device.ifindex, device.master}, dump_.current.scope == kernel_scope::links);
+}
+
+// Dumps the VLANs of a bridge port whose state was too long for a message.
+void kernel_plane::dump_vlans(uint32_t ifindex)
+{
+    const auto is_same = [ifindex](const dump_request &each) {
+        return each.scope == kernel_scope::port_vlans && each.ifindex == ifindex;
+    };
+    // A dump that runs is void, because the port's state changed. It is repeated at its end.
+    const bool is_running = dump_.running && is_same(dump_.current);
+    if (!is_running && std::ranges::none_of(dump_.waiting, is_same)) {
+        dump_also({kernel_scope::port_vlans, ifindex}, dump_.current.scope == kernel_scope::links);
+    }
+}
+
+// Adds a dump of one device to those that run, or begins it. `is_planned`: the dumps that run will come to the device.
+// While the plane is degraded and no dump runs, the next full dump includes the device.
+void kernel_plane::dump_also(const dump_request &request, bool is_planned)
+{
+    if (dump_.running && !is_planned) {
         dump_.waiting.push_back(request);
-    } else if (!dump_.running && counters_.clean) { // otherwise the next full dump includes the device
+    } else if (!dump_.running && counters_.clean) {
         full_dump_begin(dump_, request);
         request_next();
     }
@@ -140,6 +168,8 @@ bool kernel_plane::request_current()
     alignas(uint32_t) std::byte request[kernel_request_size];
     full_dump_open_window(dump_);
     dumped_ = 0;
+    dumped_vnis_.clear();
+    dumped_vlans_.reset();
     const size_t length = kernel_put_dump(request, ++sequence_, dump_.current.scope, dump_.current.ifindex);
     return kernel_socket_send(dumps_, std::span(request).first(length));
 }
@@ -228,6 +258,8 @@ bool kernel_plane::take_dumped(const kernel_message &message)
     switch (message.kind) {
     case kernel_message_kind::link_changed: take_dumped_link(message.link); return true;
     case kernel_message_kind::vlan_vnis: take_dumped_port(message); return true;
+    case kernel_message_kind::vlan_rows: take_dumped_rows(message); return true;
+    case kernel_message_kind::vlans_cut: plan_port_vlans(message.link.ifindex); return true;
     case kernel_message_kind::fdb_changed: take_dumped_entry(message.fdb); return true;
     case kernel_message_kind::done:
     case kernel_message_kind::error: end_dump(message.error); return false;
@@ -250,6 +282,22 @@ void kernel_plane::take_dumped_port(const kernel_message &message)
     }
 }
 
+// Rows of a port whose VLANs are being dumped. The port's state is known at the end of the dump.
+void kernel_plane::take_dumped_rows(const kernel_message &message)
+{
+    dumped_vnis_.insert(message.vnis.begin(), message.vnis.end());
+    dumped_vlans_ |= message.vlans;
+}
+
+// A dump of all ports found one whose state is too long. Its map stays as it is until the dump of its VLANs.
+void kernel_plane::plan_port_vlans(uint32_t ifindex)
+{
+    if (const auto known = vnis_.find(ifindex); known != vnis_.end()) {
+        known->second.seen = sequence_;
+    }
+    dump_vlans(ifindex);
+}
+
 void kernel_plane::take_dumped_entry(const fdb_record &record)
 {
     dumped_++;
@@ -264,7 +312,8 @@ void kernel_plane::take_dumped_entry(const fdb_record &record)
 // A bridge or device that is gone since its dump was planned cannot be dumped, and has nothing to report.
 bool kernel_plane::is_gone(const dump_request &request) const
 {
-    const bool has_device = request.scope == kernel_scope::bridge || request.scope == kernel_scope::device;
+    const bool has_device = request.scope == kernel_scope::bridge || request.scope == kernel_scope::device
+                            || request.scope == kernel_scope::port_vlans;
     return has_device && !links_.contains(request.ifindex);
 }
 
@@ -272,10 +321,10 @@ bool kernel_plane::is_gone(const dump_request &request) const
 void kernel_plane::end_dump(int error)
 {
     const dump_request current = dump_.current;
-    dump_.disturbed |= !read_waiting_notifications(notifications_per_part);
-    // A kernel that cannot dump the VLANs of its bridges has no map.
-    const bool is_without_map = current.scope == kernel_scope::vlan_vnis && error == EOPNOTSUPP;
-    dump_.disturbed |= error != 0 && !is_without_map;
+    const bool is_of_port = current.scope == kernel_scope::port_vlans;
+    dump_.disturbed |= !read_waiting_notifications(notifications_per_part) || !is_whole(current, error);
+    dump_.disturbed |= is_of_port && !full_dump_believes_vlan_vnis(dump_, current.ifindex);
+    lacks_port_vlans_ = lacks_port_vlans_ || (is_of_port && error == EOPNOTSUPP);
     if (current.scope == kernel_scope::bridge && error == 0) {
         ages_.note_size(current.ifindex, dumped_);
     }
@@ -289,6 +338,9 @@ void kernel_plane::end_dump(int error)
         plan_dumps(is_proven);
     } else if (current.scope == kernel_scope::vlan_vnis && is_proven) {
         drop_vlan_vnis_not_seen();
+    } else if (is_of_port && is_proven && !is_gone(current)) {
+        take_vlan_vnis(current.ifindex, dumped_vnis_);
+        take_vlans(current.ifindex, dumped_vlans_);
     }
     request_next();
 }

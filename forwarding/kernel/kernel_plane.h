@@ -31,6 +31,8 @@
 //    than 1 % of the time.
 //  - Between full dumps, the plane dumps the own entries of a VXLAN device that appears. A device from another network
 //    namespace brings entries that the kernel does not notify.
+//  - The kernel describes the VLANs of a port, and their VNIs, in one attribute of at most 64 KiB. If it is too short,
+//    the plane dumps the VLANs of that port, in a full dump as well as after a notification.
 //
 // Losses. The plane loses changes by a receive buffer overrun, by a notification that is cut off or malformed, and by
 // lack of memory. The kernel counts what it drops in an overrun, and the plane reports that number.

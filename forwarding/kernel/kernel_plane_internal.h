@@ -126,6 +126,8 @@ private:
     void end_full_dump(bool clean);
     void abandon_dumps();
     void dump_own_entries(const link_record &device);
+    void dump_vlans(uint32_t ifindex);
+    void dump_also(const dump_request &request, bool is_planned);
     void request_next();
     bool request_current();
     void end_dumps();
@@ -134,6 +136,8 @@ private:
     bool take_dumped(const kernel_message &message);
     void take_dumped_link(const link_record &record);
     void take_dumped_port(const kernel_message &message);
+    void take_dumped_rows(const kernel_message &message);
+    void plan_port_vlans(uint32_t ifindex);
     void take_dumped_entry(const fdb_record &record);
     void end_dump(int error);
     bool is_gone(const dump_request &request) const;
@@ -147,6 +151,7 @@ private:
     counters counters_;
     std::atomic<bool> lacks_next_hops_ = false;
     std::atomic<bool> lacks_vlans_ = false;
+    std::atomic<bool> lacks_port_vlans_ = false;
     std::atomic<bool> lacks_questions_ = false;
 
     // The rest, up to the mutex, belongs to the event manager's thread.
@@ -167,13 +172,15 @@ private:
     std::map<fdb_key, fdb_record> early_;    // entries that the kernel notified before their devices
 
     full_dump dump_;
-    uint32_t sequence_ = 0;        // of the latest dump
-    size_t dumped_ = 0;            // entries of the latest dump
-    bool needs_full_dump_ = false; // a full dump that began before now cannot make the plane clean
-    bool was_requested_ = false;   // request_full_dump was called since the last full dump began
-    uint32_t doublings_ = 0;       // of the pause before the next full dump
-    uint32_t timer_ = 0;           // begins the next full dump
-    steady_clock::time_point due_; // when `timer_` fires
+    uint32_t sequence_ = 0;               // of the latest dump
+    size_t dumped_ = 0;                   // entries of the latest dump
+    vni_by_vlan dumped_vnis_;             // of a port whose VLANs are being dumped
+    std::bitset<max_vlans> dumped_vlans_; // likewise
+    bool needs_full_dump_ = false;        // a full dump that began before now cannot make the plane clean
+    bool was_requested_ = false;          // request_full_dump was called since the last full dump began
+    uint32_t doublings_ = 0;              // of the pause before the next full dump
+    uint32_t timer_ = 0;                  // begins the next full dump
+    steady_clock::time_point due_;        // when `timer_` fires
     steady_clock::time_point began_;
     steady_clock::time_point ended_;
     steady_clock::duration took_{}; // the last full dump

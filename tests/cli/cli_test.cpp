@@ -317,7 +317,7 @@ public:
 
     std::string path() const { return address_.sun_path; }
 
-    // Ends the server. Returns the first line and the body of each request.
+    // Ends the server. Returns the first line, the header Last-Event-ID and the body of each request.
     strings stop()
     {
         if (server_.joinable()) {
@@ -341,7 +341,11 @@ private:
                 break;
             }
             const std::string text(request, static_cast<size_t>(length));
-            requests_.push_back(text.substr(0, text.find(" HTTP")) + text.substr(text.find("\r\n\r\n") + 4));
+            const size_t end = text.find("\r\n\r\n");
+            const size_t last_event = text.find("\r\nLast-Event-ID");
+            requests_.push_back(text.substr(0, text.find(" HTTP"))
+                                + (last_event < end ? text.substr(last_event, end - last_event) : "")
+                                + text.substr(end + 4));
             EXPECT_EQ(send(client, one.answer.data(), one.answer.size(), MSG_NOSIGNAL), one.answer.size());
             if (one.hangs_up) {
                 close(std::exchange(client, -1));
@@ -594,6 +598,71 @@ TEST(Commands, SendTheirOptions)
          {exit_status::incomplete, MAY_BE "(limited)", ""},
          {R"(POST /restconf/operations/l2fib-mac:resync{"l2fib-mac:input":{"wait":59}})",
           "GET /restconf/data/l2fib-mac:health"}});
+}
+
+TEST(Monitor, ContinuesBehindTheLatestEvent)
+{
+    const std::string head = "HTTP/1.1 200 OK\r\n\r\n";
+    const std::string learned_event = R"({"id":"1-6","event":"learned","port":"p1"})";
+    const std::string moved_event = R"({"id":"2-9","event":"moved","port":"p1","from-port":"p2"})";
+    const std::string missed_event = R"({"id":"2-8","event":"missed","count":"3","reason":"why\u001b"})";
+    const auto event = [](const std::string &type, const std::string &id, const std::string &data) {
+        return "event: " + type + "\nid: " + id + "\ndata: " + data + "\n\n";
+    };
+    const std::string restarted =
+        event("begin", "2-5", "{}") + event("missed", "2-8", missed_event) + event("moved", "2-9", moved_event);
+    const std::vector<canned_daemon::step> steps = {
+        {head + event("begin", "1-5", "{}") + event("learned", "1-6", learned_event) + "id: 1-7\n\nid: 1-8"},
+        {""},
+        {answered(ERROR_BODY("resource-denied", "m"), "whole", "503 Service Unavailable").answer},
+        {head + restarted + event("moved", "2-10", moved_event), false}};
+    const std::string first = "GET /events";
+    const std::string again = first + "\r\nLast-Event-ID: 1-7";
+    testing::internal::CaptureStderr();
+    expect_exchange({steps,
+                     {.command = command_kind::monitor, .limit = 2},
+                     {exit_status::incomplete, "events are missing: a line \"missed\" stands in the place of them",
+                      "{}\n" + learned_event + "\n{}\n" + missed_event + "\n" + moved_event + "\n"},
+                     {first, again, again, again}});
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "l2fibctl: l2fibd ended the stream of events; trying again\n"
+                                                      "l2fibctl: connected to l2fibd again\n");
+    // The first connection has to succeed, and a stream that is damaged never continues.
+    expect_exchange({{answered(ERROR_BODY("resource-denied", "m"), "whole", "503 Service Unavailable")},
+                     {.command = command_kind::monitor, .since = "1-7"},
+                     {exit_status::refused, "m", ""},
+                     {again}});
+    const canned_daemon damaged({{head + event("begin", "1-5", "{}") + event("moved", "1-6", "[]")}});
+    EXPECT_THAT(outcome_of({.command = command_kind::monitor, .socket = damaged.path()}).message,
+                testing::HasSubstr("damaged"));
+}
+
+TEST(Find, JoinsTheTableAndTheHistory)
+{
+    const std::string entries = "GET /restconf/data/l2fib-mac:mac-table/mac-entry?mac=m&domain=d&limit=1000";
+    const std::string moved = "GET /restconf/data/l2fib-mac:moves/move?mac=m&domain=d&limit=1000";
+    const client_options options = {.command = command_kind::find, .address = "m", .filters = {{"domain", "d"}}};
+    const std::string place = R"({"domain":"d","port":"p1"})";
+    const std::string move = R"({"event":"aged","from-port":"p2"})";
+    const auto list = [](const std::string &name, const std::string &items, const std::string &mark = "") {
+        const std::string since = name == "move" ? R"(,"l2fib-mac:history-since":"t")" : "";
+        return answered(R"({"l2fib-mac:)" + name + R"(":[)" + items + "]" + since + mark + "}");
+    };
+    expect_exchange(
+        {{list("mac-entry", place), list("move", move)},
+         options,
+         {exit_status::done, "",
+          R"({"mac-address":"m","mac-entry":[)" + place + R"(],"move":[)" + move + R"(],"history-since":"t"})" + "\n"},
+         {entries, moved}});
+    const std::string nowhere =
+        "nothing found: no bridge domain has m, and it has not moved since t, when the history begins";
+    expect_exchange({{list("mac-entry", ""), list("move", "")},
+                     options,
+                     {exit_status::nothing_found, nowhere, ""},
+                     {entries, moved}});
+    expect_exchange({{list("mac-entry", "", DEGRADED), list("move", "")},
+                     options,
+                     {exit_status::incomplete, nowhere + "; " MAY_BE "(degraded): why\\x1b", ""},
+                     {entries, moved}});
 }
 
 } // namespace

@@ -51,6 +51,68 @@ TEST(Text, ReadsAddressesInBothFormsOnly)
     }
 }
 
+TEST(Text, ReadsPrefixesOfAddresses)
+{
+    const struct {
+        const char *text;
+        uint64_t first, last;
+    } right[] = {
+        {"0", 0, 0x0fffffffffff},
+        {"02005E", 0x02005e000000, 0x02005effffff},
+        {"02:00:5e", 0x02005e000000, 0x02005effffff},
+        {"2-0-5e", 0x02005e000000, 0x02005effffff},
+        {"0200.5", 0x020050000000, 0x02005fffffff},
+        {"0200.5e0", 0x02005e000000, 0x02005e0fffff},
+        {"02:00:00:00:00:ff", 0x0200000000ff, 0x0200000000ff},
+        {"ffffffffffff", 0xffffffffffff, 0xffffffffffff},
+    };
+    for (const auto &each : right) {
+        EXPECT_EQ(base::parse_mac_prefix(each.text), (base::mac_range{each.first, each.last})) << each.text;
+    }
+    for (const char *wrong : {"", ":", "02:", "02::5e", "020:00", "02:00-5e", "02005e0000000", "02.00", "0200.", "0x2",
+                              "-1", "02:00:00:00:00:00:0", "0200.0000.0000.0"}) {
+        EXPECT_EQ(base::parse_mac_prefix(wrong), std::nullopt) << wrong;
+    }
+}
+
+TEST(Text, ReadsDurations)
+{
+    const std::pair<const char *, std::optional<uint32_t>> cases[] = {
+        {"0", 0},
+        {"90", 90},
+        {"90s", 90},
+        {"15m", 900},
+        {"2h", 7'200},
+        {"1d", 86'400},
+        {"", {}},
+        {"m", {}},
+        {"1w", {}},
+        {"1.5h", {}},
+        {"4294967296", {}},
+        {"49711d", {}},
+        {"-1", {}},
+        {"1 m", {}},
+        {"4294967295", UINT32_MAX},
+        {"49710d", 4'294'944'000},
+    };
+    for (const auto &[text, expected] : cases) {
+        EXPECT_EQ(base::parse_duration(text), expected) << text;
+    }
+}
+
+TEST(Text, OrdersNumbersInNamesByTheirValue)
+{
+    const char *ordered[] = {"",        "7",    "10",    "eth1", "eth1.2",
+                             "eth1.10", "eth2", "eth10", "ethx", "p",
+                             "p01",     "p1",   "p2a10", "p10",  "p99999999999999999999",
+                             "q"};
+    for (const char *const &left : ordered) {
+        for (const char *const &right : ordered) {
+            EXPECT_EQ(base::comes_first(left, right), &left < &right) << left << " " << right;
+        }
+    }
+}
+
 TEST(Text, WritesTimesAndAddressesAsTheCLibraryDoes)
 {
     constexpr int64_t year_0 = -62'167'219'200;

@@ -102,7 +102,7 @@ TEST(EventText, HasOneLineOfDataForEachEvent)
 
 TEST(EventIds, NameAnEventOfThisProcessOnly)
 {
-    const std::string mark = process_mark();
+    const std::string &mark = process_mark();
     EXPECT_EQ(number_of_event(mark + "-0"), 0u);
     EXPECT_EQ(number_of_event(mark + "-18446744073709551615"), UINT64_MAX);
     EXPECT_EQ(number_of_event(mark + "0-5"), std::nullopt);

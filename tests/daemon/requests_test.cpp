@@ -14,9 +14,12 @@
 #include <set>
 #include <vector>
 
+#include "daemon/api/filters.h"
 #include "daemon/api/lists/list.h"
+#include "daemon/api/lists/sort_places.h"
 #include "daemon/api/resources.h"
 #include "daemon/http/request_deadlines.h"
+#include "daemon/http/target.h"
 
 using namespace l2fibd;
 
@@ -153,14 +156,14 @@ TEST(KeptSelections, ContinueOneListOnce)
         selections.keep(selection_at(value, now_ms));
     }
     selections.keep(selection_at(4, now_ms)); // there is room for four: the first one goes
-    EXPECT_FALSE(selections.take(row_order::created, {0, 7, true, 5}));
-    EXPECT_FALSE(selections.take(row_order::created, {9, 7, true, 5}));
-    EXPECT_FALSE(selections.take(row_order::created, {2, 7, true, 6}));
-    EXPECT_FALSE(selections.take(row_order::last_seen, {2, 7, true, 5}));
-    const auto taken = selections.take(row_order::created, {2, 7, true, 5});
+    EXPECT_FALSE(selections.take({row_order::created}, {0, 7, true, 5}));
+    EXPECT_FALSE(selections.take({row_order::created}, {9, 7, true, 5}));
+    EXPECT_FALSE(selections.take({row_order::created}, {2, 7, true, 6}));
+    EXPECT_FALSE(selections.take({row_order::last_seen}, {2, 7, true, 5}));
+    const auto taken = selections.take({row_order::created}, {2, 7, true, 5});
     ASSERT_TRUE(taken);
     EXPECT_EQ(taken->keys[taken->next].value, 3u);
-    EXPECT_FALSE(selections.take(row_order::created, {2, 7, true, 5}));
+    EXPECT_FALSE(selections.take({row_order::created}, {2, 7, true, 5}));
 }
 
 struct socket_pair {
@@ -196,6 +199,22 @@ TEST(RequestDeadlines, CutOnlySocketsWhoseTimeHasPassed)
     EXPECT_FALSE(patient.is_cut(at_once) || forgotten.is_cut(at_once) || extended.is_cut(at_once));
 }
 
+// The error with which a request is refused.
+api_error refusal_of(std::string_view method, std::string_view uri)
+{
+    resync_requester resyncs;
+    kept_selections selections;
+    request_durations durations;
+    const api_context context{resyncs, selections, [] { return server_health(); }, durations};
+    try {
+        answer_request({method, std::string("/restconf/").append(uri)}, context);
+    } catch (const api_error &error) {
+        return error;
+    }
+    ADD_FAILURE() << uri << " was not refused";
+    return invalid("");
+}
+
 TEST(Routing, RefusesByPathThenMethodThenParameters)
 {
     const struct {
@@ -213,20 +232,122 @@ TEST(Routing, RefusesByPathThenMethodThenParameters)
         {"GET", "data/l2fib-mac:ports/port?mac=x", 400, "invalid-value", "limit, cursor"},
         {"GET", "data/l2fib-mac:ports/port=1?limit=1", 400, "invalid-value", "none"},
     };
-    resync_requester resyncs;
-    kept_selections selections;
-    const api_context context{resyncs, selections, [] { return server_health(); }};
     for (const auto &row : rows) {
-        try {
-            answer_request({row.method, std::string("/restconf/").append(row.uri)}, context);
-            ADD_FAILURE() << row.uri << " was not refused";
-        } catch (const api_error &error) {
-            EXPECT_EQ(std::tuple(static_cast<unsigned>(error.status), error.tag, error.allow),
-                      std::tuple(row.status, row.tag, row.allow))
-                << row.uri;
-            EXPECT_NE(error.message.find(row.text), std::string::npos) << error.message;
-        }
+        const api_error error = refusal_of(row.method, row.uri);
+        EXPECT_EQ(std::tuple(static_cast<unsigned>(error.status), error.tag, error.allow),
+                  std::tuple(row.status, row.tag, row.allow))
+            << row.uri;
+        EXPECT_NE(error.message.find(row.text), std::string::npos) << error.message;
     }
+}
+
+TEST(Filters, RefuseWrongAndContradictoryParameters)
+{
+    constexpr std::string_view table = "data/l2fib-mac:mac-table/mac-entry?";
+    const struct {
+        std::string_view parameters, message;
+    } rows[] = {
+        {"vlan=0", "vlan \"0\": expected a number from 1 to 4094"},
+        {"not-vlan=4095", "not-vlan \"4095\": expected a number from 1 to 4094"},
+        {"vni=16777216", "vni \"16777216\": expected a number from 1 to 16777215"},
+        {"vtep=10.0.0", "vtep \"10.0.0\": expected an IPv4 or IPv6 address"},
+        {"type=dynamic", "type \"dynamic\": expected learned, static or local"},
+        {"mac-prefix=02:00:5g", "mac-prefix \"02:00:5g\": expected 1 to 12 hexadecimal digits"},
+        {"older-than=1w", "older-than \"1w\": expected an age"},
+        {"domain=", "domain \"\": expected the name"},
+        {"port=", "port \"\": expected the name"},
+        {"vlan=1&vlan=2", "\"vlan\": expected once"},
+        {"type=static&not-type=local&not-type=static", "\"type=static, not-type=local, not-type=static\""},
+        {"not-type=learned&not-type=static&not-type=local", "can meet together"},
+        {"mac-prefix=02:00:5e&not-mac-prefix=0200", "can meet together"},
+        {"older-than=10m&newer-than=5m", "\"older-than=10m, newer-than=5m\""},
+        {"newer-than=0", "can meet together"},
+        {"older-than=4294967295", "can meet together"},
+        {"not-older-than=4&not-newer-than=5", "can meet together"},
+        {"port=p1&not-port=p1", "can meet together"},
+        {"mac=02:00:00:00:00:01&mac-prefix=03", "mac \"02:00:00:00:00:01\": expected an address that"},
+        {"sort=name", "sort \"name\": expected one of mac, port, age, created, vlan"},
+        {"reverse=true", "reverse \"true\": expected together with sort"},
+        {"sort=mac&reverse=maybe", "reverse \"maybe\": expected true or false"},
+        {"sort=mac&mac=02:00:00:00:00:01", "sort \"mac\": expected without mac"},
+        {"with-since=1", "with-since \"1\": expected true or false"},
+        {"by=domain", "parameter \"by\": expected one of limit, cursor, flagged, mac"},
+    };
+    for (const auto &row : rows) {
+        const api_error error = refusal_of("GET", std::string(table).append(row.parameters));
+        EXPECT_EQ(error.status, http_status::bad_request) << row.parameters;
+        EXPECT_NE(error.message.find(row.message), std::string::npos) << error.message;
+    }
+    std::string repeated(table);
+    for (int times = 0; times < 65; times++) {
+        repeated += "not-vlan=1&";
+    }
+    EXPECT_NE(refusal_of("GET", repeated + "limit=1").message.find("at most 64 times, given 65"), std::string::npos);
+    for (const char *uri : {"mac-counts/mac-count", "mac-counts/mac-count?by=age", "mac-aging/mac-entry?reverse=true",
+                            "domains/domain?type=local", "vteps/vtep?mac-prefix=02", "mac-aging/mac-entry?sort=mac"}) {
+        EXPECT_EQ(refusal_of("GET", std::string("data/l2fib-mac:").append(uri)).status, http_status::bad_request)
+            << uri;
+    }
+}
+
+TEST(Filters, NameDomainsAndPorts)
+{
+    const named_place vlan_10{.domain = "lab:br0.10", .vlan = 10, .port = "p1", .xcid = 7};
+    const named_place dotted{.domain = "lab:br0.10", .port = "p2", .xcid = 8}; // a bridge called br0.10
+    const named_place own{.domain = "lab:br1", .bridge = "br 1"};
+    const struct {
+        const char *parameters;
+        named_place at;
+        bool passes;
+    } rows[] = {
+        {"domain=lab:br0.10", vlan_10, true},
+        {"domain=br0.10", vlan_10, true},
+        {"domain=br0", vlan_10, true},
+        {"domain=br0", dotted, false},
+        {"domain=br0.10", dotted, true},
+        {"domain=br", vlan_10, false},
+        {"domain=lab", vlan_10, false},
+        {"domain=br%201", own, true},
+        {"not-domain=br0", vlan_10, false},
+        {"not-domain=br0", own, true},
+        {"port=p1", vlan_10, true},
+        {"port=7", vlan_10, true},
+        {"port=p", vlan_10, false},
+        {"port=0", own, false},
+        {"not-port=p1", own, true},
+        {"not-port=8", dotted, false},
+        {"not-port=p1&not-port=p2", dotted, false},
+        {"domain=br0&port=p1&not-port=p2", vlan_10, true},
+    };
+    for (const auto &row : rows) {
+        const target to = parse_target(std::string("/x?").append(row.parameters));
+        EXPECT_EQ(passes_names(parse_filters(to, filters_of_entries), row.at), row.passes) << row.parameters;
+    }
+}
+
+// Nothing runs, so no sort waits.
+TEST(SortPlaces, BoundHowManySortsRun)
+{
+    resync_requester resyncs;
+    sort_places places;
+    {
+        std::vector<std::unique_ptr<sort_places::hold>> held;
+        for (uint32_t count = 0; count < sort_places::max_sorts; count++) {
+            held.push_back(std::make_unique<sort_places::hold>(places, resyncs));
+        }
+        try {
+            const sort_places::hold one_more(places, resyncs);
+            ADD_FAILURE() << "one more sort runs";
+        } catch (const api_error &error) {
+            EXPECT_EQ(error.status, http_status::unavailable);
+            EXPECT_NE(error.message.find("2 other sorts run"), std::string::npos) << error.message;
+        }
+        held.pop_back();
+        const sort_places::hold in_its_place(places, resyncs);
+        resyncs.give_up();
+        EXPECT_THROW(sort_places::hold(places, resyncs), api_error);
+    }
+    const sort_places::hold later(places, resyncs);
 }
 
 } // namespace

@@ -617,7 +617,7 @@ TEST_F(fed_module, AStormCostsTheCacheOneUpdate)
 // Changes of every kind. What the cache holds, and all that is counted beside it, is counted again from the plane.
 ordered_page read_ordered(row_order order, const order_position &from, uint32_t max_rows)
 {
-    order_selection selection = select_ahead(order, from, max_rows);
+    order_selection selection = select_ahead({order}, from, max_rows);
     return read_selection(selection, max_rows);
 }
 
@@ -863,10 +863,10 @@ TEST_F(fed_module, AListShowsOnceWhatIsSeenAgain)
         for (uint32_t number = 1; number <= 4; number++) {
             see(p0, number, int64_t{1000} * number);
         }
-        order_selection selection = select_ahead(order, {}, 100);
+        order_selection selection = select_ahead({order}, {}, 100);
         show(selection, 1);
         see(p0, 5, INT64_MAX / 2);
-        selection = select_ahead(order, selection.at, 100);
+        selection = select_ahead({order}, selection.at, 100);
         on_cache([&] {
             it->drop(on_bridge(br0, p0, mac(2)));
             it->drop(on_bridge(br0, p0, mac(3)));
@@ -875,7 +875,7 @@ TEST_F(fed_module, AListShowsOnceWhatIsSeenAgain)
         see(p1, 3, INT64_MAX / 2);
         see(p0, 4, 3'990); // the plane reports the same time a little earlier
         for (show(selection, 1); selection.more || selection.next < selection.keys.size(); show(selection, 1)) {
-            selection = selection.next == selection.keys.size() ? select_ahead(order, selection.at, 100) : selection;
+            selection = selection.next == selection.keys.size() ? select_ahead({order}, selection.at, 100) : selection;
         }
         std::ranges::sort(shown.begin() + std::min<ptrdiff_t>(2, std::ssize(shown)), shown.end());
         EXPECT_EQ(shown, (std::vector{mac(1), mac(4), mac(3), mac(5)}));

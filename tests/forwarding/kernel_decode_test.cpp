@@ -265,6 +265,22 @@ TEST(KernelDecode, OtherMessages)
     }
 }
 
+// A row of a port's VLANs: one VLAN, or a range to `last`. VNI 0: none.
+bytes vlan_row(uint16_t vlan, uint16_t last = 0, uint32_t vni = 0)
+{
+    return attribute(
+        BRIDGE_VLANDB_ENTRY,
+        attribute(BRIDGE_VLANDB_ENTRY_INFO, bytes_of(bridge_vlan_info{0, vlan}))
+            + (last != 0 ? attribute(BRIDGE_VLANDB_ENTRY_RANGE, bytes_of(last)) : bytes{})
+            + (vni != 0 ? attribute(BRIDGE_VLANDB_ENTRY_TUNNEL_INFO, attribute(BRIDGE_VLANDB_TINFO_ID, bytes_of(vni)))
+                        : bytes{}));
+}
+
+bytes vlan_rows(const bytes &rows)
+{
+    return message(RTM_NEWVLAN, bytes_of(br_vlan_msg{AF_BRIDGE, 0, 0, 4}) + rows);
+}
+
 TEST(KernelDecode, MapsFromVlansToVnis)
 {
     const auto row = [](uint32_t vni, uint16_t vlan, uint16_t flags) {
@@ -272,25 +288,43 @@ TEST(KernelDecode, MapsFromVlansToVnis)
                                                            + attribute(IFLA_BRIDGE_VLAN_TUNNEL_VID, bytes_of(vlan))
                                                            + attribute(IFLA_BRIDGE_VLAN_TUNNEL_FLAGS, bytes_of(flags)));
     };
-    const bytes port = bytes_of(ifinfomsg{AF_BRIDGE, 0, 1, 4, IFF_UP, 0});
+    const auto port = [](const bytes &rows) {
+        return message(RTM_NEWLINK, bytes_of(ifinfomsg{AF_BRIDGE, 0, 1, 4, IFF_UP, 0})
+                                        + attribute(IFLA_AF_SPEC, rows, static_cast<uint16_t>(rows.size() + 4) - 4));
+    };
     const bytes begin = row(200, 20, BRIDGE_VLAN_INFO_RANGE_BEGIN);
+    bytes many;
+    for (uint16_t vlan = 1; vlan <= 2400; vlan++) {
+        many = many + row(vlan * 10U, vlan, 0);
+    }
     const struct {
-        bytes rows;
+        bytes datagram;
         kernel_message_kind kind;
         vni_by_vlan vnis;
+        size_t vlans;
     } cases[] = {
-        {{}, kernel_message_kind::vlan_vnis, {}},
-        {row(100, 10, 0) + begin + row(202, 22, BRIDGE_VLAN_INFO_RANGE_END),
+        {port({}), kernel_message_kind::vlan_vnis, {}, 0},
+        {port(row(100, 10, 0) + begin + row(202, 22, BRIDGE_VLAN_INFO_RANGE_END)),
          kernel_message_kind::vlan_vnis,
-         {{10, 100}, {20, 200}, {21, 201}, {22, 202}}},
-        {row(100, 4096, 0), kernel_message_kind::malformed, {}},
-        {begin + row(199, 19, BRIDGE_VLAN_INFO_RANGE_END), kernel_message_kind::malformed, {}},
+         {{10, 100}, {20, 200}, {21, 201}, {22, 202}},
+         0},
+        {port(row(100, 4096, 0)), kernel_message_kind::malformed, {}, 0},
+        {port(begin + row(199, 19, BRIDGE_VLAN_INFO_RANGE_END)), kernel_message_kind::malformed, {}, 0},
+        {port(many), kernel_message_kind::vlans_cut, {}, 0}, // the attribute's length has wrapped
+        {vlan_rows(vlan_row(5) + vlan_row(10, 0, 100) + vlan_row(20, 22, 200)),
+         kernel_message_kind::vlan_rows,
+         {{10, 100}, {20, 200}, {21, 201}, {22, 202}},
+         5},
+        {vlan_rows(vlan_row(4090, 4096)), kernel_message_kind::malformed, {}, 0},
+        {vlan_rows(vlan_row(0)), kernel_message_kind::malformed, {}, 0},
     };
     for (const auto &each : cases) {
-        const kernel_message got = decode(message(RTM_NEWLINK, port + attribute(IFLA_AF_SPEC, each.rows)));
+        SCOPED_TRACE(&each - cases);
+        const kernel_message got = decode(each.datagram);
         EXPECT_EQ(got.kind, each.kind);
         EXPECT_EQ(got.link.ifindex, 4U);
-        EXPECT_TRUE(got.kind != kernel_message_kind::vlan_vnis || got.vnis == each.vnis);
+        EXPECT_TRUE(each.kind == kernel_message_kind::malformed
+                    || (got.vnis == each.vnis && got.vlans.count() == each.vlans));
     }
 }
 
@@ -367,6 +401,7 @@ TEST(KernelDecode, RandomDamageIsHarmless)
     seeds.push_back(link(name + info("vxlan", attribute(IFLA_VXLAN_ID, bytes_of(uint32_t{77})))));
     seeds.push_back(link(name + info("bridge", attribute(IFLA_BR_VLAN_FILTERING, bytes_of(uint8_t{1})))));
     seeds.push_back(entry(lladdr + master + attribute(NDA_FDB_EXT_ATTRS, attribute(1, bytes_of(uint8_t{2})))));
+    seeds.push_back(vlan_rows(vlan_row(5) + vlan_row(20, 22, 200)));
     std::mt19937 random(1); // NOLINT(cert-msc51-cpp): the same damage in every run
     const auto below = [&random](size_t limit) { return random() % limit; };
     size_t told = 0;

@@ -684,8 +684,10 @@ TEST_F(own_namespace, ADeviceFromAnotherNamespaceBringsItsEntriesAlong)
     const std::string here = "/proc/" + std::to_string(getpid()) + "/task/" + std::to_string(gettid()) + "/ns/net";
     running_plane live;
     ASSERT_TRUE(live.serve_until_clean());
-    std::thread([&here] {
+    int there = -1; // keeps the other namespace: when it ends, the kernel deletes its VXLAN devices wherever they are
+    std::thread([&here, &there] {
         ASSERT_TRUE(new_namespace());
+        there = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
         run("link add vx0 type vxlan id 10 dstport 4789 remote 10.0.0.1\n"
             "fdb append 00:00:00:00:00:00 dev vx0 dst 10.0.0.2\nlink set vx0 netns "
             + here);
@@ -695,6 +697,9 @@ TEST_F(own_namespace, ADeviceFromAnotherNamespaceBringsItsEntriesAlong)
     ASSERT_TRUE(live.serve_until([&] { return live.kernel->health().dumps_clean > counted; }));
     EXPECT_EQ(reported(live.copy), truth(live.copy));
     EXPECT_EQ(live.kernel->health().full_dumps, 1U);
+    close(there);
+    ASSERT_TRUE(live.serve_until([&] { return live.index("vx0") == 0; }));
+    EXPECT_EQ(reported(live.copy), truth(live.copy));
 }
 
 } // namespace

@@ -207,3 +207,52 @@ case_vxlan_devices_beside_each_other()
     ip link del vx1
     expect_tunnels "without one of the devices" 1 3
 }
+
+# map_scattered FIRST LAST: maps each VLAN to ten times its id as VNI. So no two VLANs share a row of the map.
+map_scattered()
+{
+    seq "$1" "$2" | sed "s/.*/vlan add dev $device vid & tunnel_info id &0/" | bridge -batch -
+}
+
+# expect_mapped STEP VLAN...: fails unless exactly these VLANs have the address of case_vlan_map_longer_than_a_message
+# behind a tunnel end point, and a flood list. `bridge vlan tunnelshow` cannot say so: it cuts a long map.
+expect_mapped()
+{
+    local -r step=$1
+    local vlan
+    shift
+    expect_same "$step"
+    for vlan in "$@"; do
+        echo "[\"address\",\"vx0\",\"02:dd:00:00:00:01\",$vlan,${vlan}0,\"192.0.2.1\"]"
+        echo "[\"end\",\"vx0\",\"192.0.2.1\",\"guest:br0.$vlan\",${vlan}0]"
+        echo "[\"end\",\"vx0\",\"192.0.2.3\",\"guest:br0.$vlan\",${vlan}0]"
+    done | LC_ALL=C sort >/tmp/kernel
+    our_tunnels | grep --invert-match null >/tmp/ours || true
+    expect_equal "$step" /tmp/kernel /tmp/ours
+}
+
+# The kernel describes a port in one message, in which about 2,300 rows of a map have room.
+case_vlan_map_longer_than_a_message()
+{
+    local vlan
+    add_single_device
+    bridge vlan add dev "$device" vid 2-4001
+    map_scattered 2 3001
+    for vlan in 20 3000 3100; do
+        add_remote 02:dd:00:00:00:01 "$vlan" "${vlan}0" 192.0.2.1
+        flood "${vlan}0" 192.0.2.3
+    done
+    start_daemon
+    expect_mapped "after the start" 20 3000
+    map_scattered 3002 3100
+    expect_mapped "with a longer map" 20 3000 3100
+    unmap_vlans 3000 30000
+    expect_mapped "with one VLAN unmapped" 20 3100
+    bridge vlan del dev "$device" vid 1000-4001
+    expect_tunnels "with a short map" 1 2
+    bridge vlan add dev "$device" vid 1000-4001
+    map_scattered 1000 3100
+    expect_mapped "with a long map again" 20 3000 3100
+    ip link set "$device" nomaster
+    expect_mapped "after the device has left"
+}

@@ -16,3 +16,43 @@ start_daemon()
         sleep 0.05
     done
 }
+
+# make_directory: makes $directory, which every user may enter, and names $SOCKET in it. Call end_started afterwards.
+make_directory()
+{
+    directory=$(mktemp --directory /tmp/l2fibd.XXXXXX) # not in the directory of bats, which other users may not enter
+    chmod 711 "$directory"
+    SOCKET=$directory/socket
+    started=()
+}
+
+# end_started: ends the processes in $started and removes $directory.
+end_started()
+{
+    ((${#started[@]} == 0)) || kill "${started[@]}" 2>/dev/null || true
+    rm --recursive "$directory"
+}
+
+# health FILTER: requires that the health of the daemon at $SOCKET satisfies the filter of jq.
+health()
+{
+    local -r found=$(curl --silent --max-time 30 --unix-socket "$SOCKET" http://l2fibd/restconf/data/l2fib-mac:health)
+    jq --exit-status ".\"l2fib-mac:health\" | $1" <<<"$found" >/dev/null || { echo "not $1: $found" && return 1; }
+}
+
+# eventually FILTER: waits at most ten seconds until the daemon's health satisfies the filter.
+eventually()
+{
+    local tries
+    for tries in {1..100}; do
+        health "$1" >/dev/null && return
+        sleep 0.1
+    done
+    echo "$tries times" && health "$1"
+}
+
+# memory_of PROCESS: prints how many kB of its memory are present.
+memory_of()
+{
+    awk '$1 == "VmRSS:" { print $2 }' "/proc/$1/status"
+}

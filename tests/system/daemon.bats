@@ -11,16 +11,12 @@ load daemon
 setup()
 {
     export L2FIBD=${L2FIBD:-$BATS_TEST_DIRNAME/../../build/test/bin/l2fibd}
-    directory=$(mktemp --directory /tmp/l2fibd.XXXXXX) # not in the directory of bats, which other users may not enter
-    chmod 711 "$directory"
-    SOCKET=$directory/socket
-    started=()
+    make_directory
 }
 
 teardown()
 {
-    ((${#started[@]} == 0)) || kill "${started[@]}" 2>/dev/null || true
-    rm --recursive "$directory"
+    end_started
 }
 
 start()
@@ -36,23 +32,6 @@ get()
     curl --silent --max-time 30 --unix-socket "$SOCKET" "$D$1" "${@:2}"
 }
 
-health()
-{
-    local -r found=$(get health)
-    jq --exit-status ".\"l2fib-mac:health\" | $1" <<<"$found" >/dev/null || { echo "not $1: $found" && return 1; }
-}
-
-# eventually FILTER: waits at most ten seconds until the daemon's health satisfies the filter.
-eventually()
-{
-    local tries
-    for tries in {1..100}; do
-        health "$1" >/dev/null && return
-        sleep 0.1
-    done
-    echo "$tries times" && health "$1"
-}
-
 # hold COUNT: opens COUNT connections, sends nothing on them, and keeps them open.
 hold()
 {
@@ -61,13 +40,14 @@ hold()
     started+=($!)
 }
 
-# expect_shared TEXT FILTER: requires that the daemon refuses root's next request with TEXT, answers a request for
-# health, and serves another user.
+# expect_shared TEXT FILTER: requires that the daemon refuses root's next request with TEXT, answers requests for health
+# and metrics, and serves another user.
 expect_shared()
 {
     local -r refusal=$(get mac-count)
     [[ $refusal == *"user 0 has $1, other users have 0"* ]] || { echo "$refusal" && return 1; }
     health "$2"
+    curl --silent --fail --max-time 30 --unix-socket "$SOCKET" http://l2fibd/metrics | grep '_refused_total [1-9]'
     setpriv --reuid nobody --regid nogroup --clear-groups \
         curl --silent --fail --max-time 30 --unix-socket "$SOCKET" "${D}mac-count"
 }

@@ -61,10 +61,19 @@ void event_stream::write_next(std::string &text)
             write_keep_alive(text);
         } else if (await_event(end)) {
             write_events(text);
-        } else {
-            is_finished_ = has_client_left_();
         }
+        is_finished_ = is_finished_ || has_left_by_now();
     }
+}
+
+// Looks at the client, if that is due.
+bool event_stream::has_left_by_now()
+{
+    if (clock::now() < next_look_) {
+        return false;
+    }
+    next_look_ = clock::now() + look_interval;
+    return has_client_left_();
 }
 
 void event_stream::write_begin(std::string &text)
@@ -77,7 +86,7 @@ void event_stream::write_begin(std::string &text)
     }
 }
 
-// Waits for the next event, at most until the client is looked at again. True if there is one.
+// Waits for the next event, at most until the client is looked at. True if there is one.
 bool event_stream::await_event(clock::time_point until)
 {
     std::this_thread::sleep_until(next_read_);

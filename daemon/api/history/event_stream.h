@@ -53,6 +53,7 @@ private:
     void write_events(std::string &text);
     void write_keep_alive(std::string &text);
     bool await_event(clock::time_point until);
+    bool has_left_by_now();
 
     filters given_;
     const resync_requester &resyncs_;
@@ -63,6 +64,7 @@ private:
     bool has_begun_ = false;
     bool is_finished_ = false;
     clock::time_point next_read_ = {};
+    clock::time_point next_look_ = {}; // at the client
     std::string failure_ = {};
 };
 

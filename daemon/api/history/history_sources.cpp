@@ -26,6 +26,15 @@ void require_running()
     }
 }
 
+// An empty list whose filters name an object that does not exist is an error: the name is probably mistyped. Objects
+// that have gone are in the history under their names.
+void require_items(size_t count, const filters &given)
+{
+    if (count == 0) {
+        static_cast<void>(resolve(given));
+    }
+}
+
 // Nothing is kept until the first full dump has ended.
 void write_history_since(json_writer &json, int64_t time_ms)
 {
@@ -44,7 +53,8 @@ std::optional<forwarding::mac_address> only_address(const filters &given)
 class move_source final : public list_source {
 public:
     move_source(const filters &given, const std::optional<std::string> &start)
-        : filter_{.mac = only_address(given),
+        : given_(given)
+        , filter_{.mac = only_address(given),
                   .passes = [given, now_ms = current_time_ms()](const forwarding::move_record &move) {
                       return passes_move(given, move, now_ms);
                   }}
@@ -61,6 +71,9 @@ public:
         for (const forwarding::move_record &move : page.moves) {
             write_move(json, move);
         }
+        if (!page.more && before_ == 0) {
+            require_items(page.moves.size(), given_);
+        }
         before_ = page.next;
         history_since_ms_ = page.history_since_ms;
         return {key_of(kind, before_), static_cast<uint32_t>(page.moves.size()), page.more};
@@ -71,6 +84,7 @@ public:
 private:
     static constexpr std::string_view kind = "h"; // the number before which the next page begins
 
+    filters given_;
     forwarding::move_filter filter_;
     uint64_t before_ = 0;
     int64_t history_since_ms_ = 0;
@@ -127,6 +141,7 @@ private:
         require_running();
         counted_ms_ = std::clamp<int64_t>(now_ms - page_.history_since_ms, 0, window_ms_);
         std::ranges::sort(page_.flaps, {}, place_of);
+        require_items(page_.flaps.size(), given_);
         const auto next = std::ranges::upper_bound(page_.flaps, after_, {}, place_of);
         next_ = static_cast<size_t>(next - page_.flaps.begin());
     }

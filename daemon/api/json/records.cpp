@@ -39,11 +39,16 @@ constexpr flag_name flag_names[] = {
     {0, EDM_MAC_EXT_INACTIVE, "inactive"},
 };
 
+constexpr std::string_view origin_words[forwarding::row_origins] = {"learned", "static", "local"};
+
 void write_times(json_writer &json, const forwarding::mac_row &row, bool is_ordered)
 {
     json.member("age", row.age);
     if (row.last_seen != 0) {
         json.formatted_member("last-seen", [&](char *at) { return base::write_utc_text(at, row.last_seen); });
+    }
+    if (row.since_ms != 0) {
+        json.formatted_member("since", [&](char *at) { return base::write_utc_ms_text(at, row.since_ms); });
     }
     if (is_ordered && row.time_left) {
         json.member("time-left", *row.time_left);
@@ -59,6 +64,8 @@ void write_segment(json_writer &json, const forwarding::mac_row &row)
     write_if_set(json, "source-vni", row.source_vni);
     if ((row.flags & EDM_MAC_VNI) != 0 && row.vtep != std::array<uint8_t, base::ipv4_bytes>{}) {
         json.formatted_member("vtep", [&](char *at) { return base::write_ipv4_text(at, row.vtep); });
+    } else if (row.ipv6_vtep != base::ip_address{}) {
+        json.member("vtep", base::ip_text(row.ipv6_vtep));
     }
     if ((row.flags & EDM_MAC_PBB) != 0) {
         write_mac(json, "backbone-mac", row.backbone);
@@ -72,9 +79,7 @@ void write_segment(json_writer &json, const forwarding::mac_row &row)
 
 void write_flags(json_writer &json, uint16_t flags, uint16_t ext_flags)
 {
-    json.member("origin", (flags & EDM_MAC_LOCAL) != 0    ? "local"
-                          : (flags & EDM_MAC_STATIC) != 0 ? "static"
-                                                          : "learned");
+    json.member("origin", origin_words[static_cast<size_t>(forwarding::origin_of(flags))]);
     json.begin_array("flags");
     for (const flag_name &name : flag_names) {
         if ((flags & name.flag) != 0 || (ext_flags & name.ext_flag) != 0) {
@@ -129,7 +134,63 @@ void write_mac_count(json_writer &json, const forwarding::entry_counts &counts, 
     json.end_object();
 }
 
-void write_domain(json_writer &json, const forwarding::domain_view &domain)
+namespace {
+
+void write_place(json_writer &json, const forwarding::group_key &key, const forwarding::object_views &objects)
+{
+    const auto [bridge_id, xcid] = key.place;
+    if (const auto *domain = objects.find_domain(bridge_id); domain != nullptr) {
+        json.member("domain", domain->name);
+    }
+    if (xcid == 0 || xcid == EDM_XCID_DUMMY) {
+        return;
+    }
+    if (const auto *port = objects.find_port(bridge_id, xcid); port != nullptr) {
+        json.member("port", port->name);
+    }
+    json.member("xcid", xcid);
+}
+
+void write_group_vtep(json_writer &json, const base::ip_address &vtep)
+{
+    if (vtep != base::ip_address{}) {
+        const std::span all(vtep);
+        json.member("vtep", base::ip_text(base::is_ipv4(vtep) ? all.last(base::ipv4_bytes) : all));
+    }
+}
+
+} // namespace
+
+void write_group_count(json_writer &json, const forwarding::group_count &group, forwarding::count_group by,
+                       const forwarding::object_views &objects)
+{
+    using forwarding::count_group;
+    json.begin_object();
+    switch (by) {
+    case count_group::domain:
+    case count_group::port: write_place(json, group.key, objects); break;
+    case count_group::vlan: write_if_set(json, "vlan", group.key.vlan); break;
+    case count_group::vtep: write_group_vtep(json, group.key.vtep); break;
+    case count_group::type: json.member("origin", origin_words[static_cast<size_t>(group.key.type)]); break;
+    }
+    json.member("entries", group.entries);
+    for (size_t origin = 0; origin < forwarding::row_origins; origin++) {
+        json.member(origin_words[origin], group.by_origin[origin]);
+    }
+    json.end_object();
+}
+
+namespace {
+
+void write_activity(json_writer &json, const forwarding::object_activity &activity)
+{
+    json.member("entries", static_cast<uint32_t>(activity.entries));
+    json.member64("changes", activity.changes);
+}
+
+} // namespace
+
+void write_domain(json_writer &json, const forwarding::domain_view &domain, const forwarding::object_activity &activity)
 {
     json.begin_object();
     json.member("name", domain.name);
@@ -139,10 +200,11 @@ void write_domain(json_writer &json, const forwarding::domain_view &domain)
     json.name("vlan-aware");
     json.boolean(domain.vlan_aware);
     write_if_set(json, "vlan", domain.vlan);
+    write_activity(json, activity);
     json.end_object();
 }
 
-void write_port(json_writer &json, const forwarding::port_view &port)
+void write_port(json_writer &json, const forwarding::port_view &port, const forwarding::object_activity &activity)
 {
     constexpr std::string_view kinds[] = {"interface", "vxlan", "tunnel"};
     json.begin_object();
@@ -155,6 +217,7 @@ void write_port(json_writer &json, const forwarding::port_view &port)
     json.member("bridge-id", port.bridge_id);
     write_if_set(json, "vlan", port.vlan);
     write_if_set(json, "vni", port.vni);
+    write_activity(json, activity);
     json.end_object();
 }
 

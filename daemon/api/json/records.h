@@ -8,6 +8,7 @@
 
 #include "base/text.h"
 #include "daemon/api/json/json_writer.h"
+#include "forwarding/feeder/answers/history.h"
 #include "forwarding/feeder/answers/reading.h"
 #include "forwarding/forwarding.h"
 #include "host/trace/trace_reader.h"
@@ -39,8 +40,13 @@ void write_vtep(json_writer &json, const forwarding::vtep_view &vtep, const forw
 // Shows the count of the bridges' own addresses with `with_own`. Only the whole table has one.
 void write_mac_count(json_writer &json, const forwarding::entry_counts &counts, bool with_own);
 
-void write_domain(json_writer &json, const forwarding::domain_view &domain);
-void write_port(json_writer &json, const forwarding::port_view &port);
+// Shows the members that name the group of a count by `by`. A name is left out if the object has gone.
+void write_group_count(json_writer &json, const forwarding::group_count &group, forwarding::count_group by,
+                       const forwarding::object_views &objects);
+
+void write_domain(json_writer &json, const forwarding::domain_view &domain,
+                  const forwarding::object_activity &activity);
+void write_port(json_writer &json, const forwarding::port_view &port, const forwarding::object_activity &activity);
 void write_tunnel_entry(json_writer &json, const forwarding::tunnel_entry &entry);
 void write_trace(json_writer &json, const host::trace_point &point, host::trace_ring ring);
 

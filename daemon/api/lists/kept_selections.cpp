@@ -24,13 +24,13 @@ void kept_selections::keep(forwarding::order_selection &&selection)
     drop_stale();
 }
 
-std::optional<forwarding::order_selection> kept_selections::take(forwarding::row_order order,
+std::optional<forwarding::order_selection> kept_selections::take(const forwarding::order_request &wanted,
                                                                  const forwarding::order_position &from)
 {
     const base::scoped_lock hold(lock_);
     drop_stale();
     auto *found = std::ranges::find_if(selections_, [&](const forwarding::order_selection &each) {
-        return !each.keys.empty() && each.order == order && each.at == from;
+        return !each.keys.empty() && each.wanted == wanted && each.at == from;
     });
     return found != selections_.end() ? std::optional(std::exchange(*found, {})) : std::nullopt;
 }

@@ -7,7 +7,8 @@
 //      answer to the first request     selects 100,000 places, shows 10,000 rows, keeps the selection
 //      answer to its cursor            takes the selection and shows the next 10,000 rows
 //
-// A kept selection is dropped when it is no longer fresh, or when too many are kept. Its list then selects again.
+// A kept selection is dropped when it is no longer fresh, or when too many are kept. Its list then selects again. It
+// takes a place while it selects (sort_places.h).
 //
 // Threads: any thread may call every function.
 #pragma once
@@ -17,6 +18,7 @@
 #include <optional>
 
 #include "base/mutex.h"
+#include "daemon/api/lists/sort_places.h"
 #include "forwarding/feeder/answers/reading.h"
 
 namespace l2fibd {
@@ -27,8 +29,10 @@ public:
     void keep(forwarding::order_selection &&selection) L2FIB_EXCLUDES(lock_);
 
     // Takes the fresh selection that continues at `from`. Empty if none is kept.
-    std::optional<forwarding::order_selection> take(forwarding::row_order order, const forwarding::order_position &from)
-        L2FIB_EXCLUDES(lock_);
+    std::optional<forwarding::order_selection> take(const forwarding::order_request &wanted,
+                                                    const forwarding::order_position &from) L2FIB_EXCLUDES(lock_);
+
+    sort_places places;
 
 private:
     static constexpr size_t max_kept = 4; // of 2.4 megabytes at most

@@ -45,8 +45,9 @@ size_t page_end(size_t size, size_t next, uint32_t max_items)
     return std::min(size, next + max_items);
 }
 
-// The forwarding plane's objects of one kind, as they were when the list began, in the order of their member Key.
-template <typename View, auto Key, auto Write>
+// The forwarding plane's objects of one kind, as they were when the list began, in the order of their member Key. How
+// many entries they have, and how much they change, is of the moment of the page.
+template <typename View, auto Key, auto Write, auto Activity>
 class view_source : public list_source {
 public:
     view_source(std::vector<View> of, const std::optional<std::string> &start)
@@ -61,11 +62,16 @@ public:
     position fetch(uint32_t max_items, json_writer &json) override
     {
         const size_t end = page_end(views_.size(), next_, max_items);
-        const auto count = static_cast<uint32_t>(end - next_);
-        for (; next_ < end; next_++) {
-            Write(json, views_[next_]);
+        const auto page = std::span(views_).subspan(next_, end - next_);
+        std::vector<std::remove_cvref_t<decltype(page.front().*Key)>> keys;
+        std::ranges::transform(page, std::back_inserter(keys), Key);
+        const auto activities = Activity(keys);
+        for (size_t at = 0; at < page.size(); at++) {
+            Write(json, page[at], activities[at]);
         }
-        return {end == 0 ? "" : std::to_string(views_[end - 1].*Key), count, end < views_.size()};
+        next_ = end;
+        return {end == 0 ? "" : std::to_string(views_[end - 1].*Key), static_cast<uint32_t>(page.size()),
+                end < views_.size()};
     }
 
 private:
@@ -73,15 +79,19 @@ private:
     size_t next_ = 0;
 };
 
-using domain_source = view_source<forwarding::domain_view, &forwarding::domain_view::bridge_id, write_domain>;
-using port_source = view_source<forwarding::port_view, &forwarding::port_view::xcid, write_port>;
+using domain_source = view_source<forwarding::domain_view, &forwarding::domain_view::bridge_id, write_domain,
+                                  forwarding::domain_activity>;
+using port_source =
+    view_source<forwarding::port_view, &forwarding::port_view::xcid, write_port, forwarding::port_activity>;
 
 // ---- Rows of the MAC table ----
 
 class table_source : public list_source {
 public:
-    table_source(const forwarding::row_filter &filter, const std::optional<std::string> &start)
+    table_source(const forwarding::row_filter &filter, const forwarding::row_details &details,
+                 const std::optional<std::string> &start)
         : filter_(filter)
+        , details_(details)
     {
         if (start) {
             const auto [bridge_id, xcid, mac, holds_row] = numbers_of<4>(*start, kind);
@@ -95,7 +105,7 @@ public:
 
     position fetch(uint32_t max_items, json_writer &json) override
     {
-        const forwarding::row_page page = forwarding::read_rows(filter_, at_, max_items);
+        const forwarding::row_page page = forwarding::read_rows(filter_, at_, max_items, details_);
         require_running(page);
         for (const forwarding::mac_row &row : page.rows) {
             write_row(json, row, false);
@@ -109,6 +119,7 @@ private:
     static constexpr std::string_view kind = "t"; // bridge id, xcid, address, whether a row was read there
 
     forwarding::row_filter filter_;
+    forwarding::row_details details_;
     forwarding::row_position at_ = {};
 };
 
@@ -149,7 +160,7 @@ private:
     {
         const auto &domains = filter_.domains;
         const bool is_one = !domains.is_exclusion && domains.values.size() == 1;
-        page_ = forwarding::find_rows(mac_, is_one ? domains.values.front() : uint16_t{0});
+        page_ = forwarding::find_rows(mac_, is_one ? domains.values.front() : uint16_t{0}, {.since = true});
         require_running(page_);
         std::erase_if(page_.rows, [&](const forwarding::mac_row &row) { return !passes(filter_, row); });
         const auto next = std::ranges::upper_bound(page_.rows, after_, {}, place_of);
@@ -165,17 +176,16 @@ private:
 
 class ordered_source : public list_source {
 public:
-    ordered_source(forwarding::row_order order, const std::optional<std::string> &start, uint64_t limit,
-                   kept_selections &selections)
-        : order_(order)
+    ordered_source(forwarding::order_request wanted, const std::optional<std::string> &start, uint64_t limit,
+                   const order_context &context)
+        : wanted_(std::move(wanted))
         , places_ahead_(static_cast<uint32_t>(std::min<uint64_t>(limit, max_places_ahead)))
-        , selections_(selections)
+        , context_(context)
     {
         if (start) {
-            const auto [value, slot, began] = numbers_of<3>(*start, kind());
-            at_ = {value, static_cast<uint32_t>(slot), true, began};
+            at_ = position_in(*start);
             places_ahead_ = std::min(max_places_ahead, places_ahead_ * continued_answers);
-            selection_ = selections.take(order, at_).value_or(forwarding::order_selection());
+            selection_ = context.selections.take(wanted_, at_).value_or(forwarding::order_selection());
         }
     }
 
@@ -184,7 +194,7 @@ public:
     {
         forwarding::seek(selection_, at_);
         if (forwarding::is_fresh(selection_)) {
-            selections_.keep(std::move(selection_));
+            context_.selections.keep(std::move(selection_));
         }
     }
 
@@ -196,12 +206,12 @@ public:
         const size_t end = page_end(page_.rows.size(), next_, max_items);
         const auto count = static_cast<uint32_t>(end - next_);
         for (; next_ < end; next_++) {
-            write_row(json, page_.rows[next_], true);
-            at_ = page_.rows[next_].place;
+            write_row(json, page_.rows[next_], context_.is_aging_list);
         }
         const bool is_at_end = next_ == page_.rows.size();
-        at_ = is_at_end ? selection_.at : at_;
-        return {key_of(kind(), at_.value, at_.slot, at_.began), count, !is_at_end || page_.more};
+        at_ = is_at_end ? selection_.at : position_of(selection_, page_.rows[next_ - 1].place);
+        return {key_of(kind() + base::percent_encode(at_.port), at_.value, at_.slot, at_.began), count,
+                !is_at_end || page_.more};
     }
 
 private:
@@ -210,32 +220,111 @@ private:
     static constexpr uint32_t continued_answers = 8; // a client that sends a cursor will probably send more of them
     static constexpr uint32_t max_rows_ahead = 1'000;
 
-    // The numbers are those of order_position.
-    std::string_view kind() const { return order_ == forwarding::row_order::created ? "c" : "l"; }
+    // Names the kind of list in a key, and is followed by the port's name: a letter for each order, "r" if it is
+    // reversed, and a colon.
+    std::string kind() const
+    {
+        constexpr std::string_view letters = "clmvp"; // by row_order
+        return letters[static_cast<size_t>(wanted_.order)] + std::string(wanted_.is_reversed ? "r:" : ":");
+    }
+
+    // A key has the members of order_position.
+    forwarding::order_position position_in(const std::string &start) const
+    {
+        const std::string word = start.substr(0, start.find(' '));
+        const auto port = word.starts_with(kind()) ? base::percent_decode(word.substr(kind().size())) : std::nullopt;
+        if (!port) {
+            refuse_cursor(start);
+        }
+        const auto [value, slot, began] = numbers_of<3>(start, word);
+        return {value, static_cast<uint32_t>(slot), true, began, *port};
+    }
 
     void read_ahead()
     {
         if (!forwarding::is_fresh(selection_)) {
             selection_ = {}; // two selections would take twice the memory
-            selection_ = forwarding::select_ahead(order_, at_, places_ahead_);
+            const sort_places::hold place(context_.selections.places, context_.resyncs);
+            selection_ = forwarding::select_ahead(wanted_, at_, places_ahead_);
+            at_ = selection_.at;
         }
-        page_ = forwarding::read_selection(selection_, max_rows_ahead).page;
+        page_ = forwarding::read_selection(selection_, max_rows_ahead, context_.details).page;
         require_running(page_);
         next_ = 0;
     }
 
-    forwarding::row_order order_;
+    forwarding::order_request wanted_;
     uint32_t places_ahead_; // that a selection gets
-    kept_selections &selections_;
+    order_context context_;
     forwarding::order_position at_ = {};
     forwarding::order_selection selection_ = {};
     forwarding::row_page page_ = {};
     size_t next_ = 0;
 };
 
+// The counts are made anew for each answer, because they are of one moment.
+class count_source : public list_source {
+public:
+    count_source(const forwarding::row_filter &filter, forwarding::count_group by,
+                 const std::optional<std::string> &start)
+        : filter_(filter)
+        , by_(by)
+    {
+        if (start) {
+            const auto [bridge_id, xcid, vlan, high, low, type] = numbers_of<6>(*start, kind());
+            after_ = {{static_cast<uint16_t>(bridge_id), static_cast<uint32_t>(xcid)},
+                      static_cast<uint16_t>(vlan),
+                      std::bit_cast<base::ip_address>(std::array{high, low}),
+                      static_cast<forwarding::row_origin>(type)};
+        }
+    }
+
+    position fetch(uint32_t max_items, json_writer &json) override
+    {
+        if (counted_.objects == nullptr) {
+            count();
+        }
+        const auto &groups = counted_.groups;
+        const size_t end = page_end(groups.size(), next_, max_items);
+        const auto count = static_cast<uint32_t>(end - next_);
+        for (; next_ < end; next_++) {
+            write_group_count(json, groups[next_], by_, *counted_.objects);
+        }
+        return {end == 0 ? "" : key_of_group(groups[end - 1].key), count, end < groups.size()};
+    }
+
+private:
+    std::string kind() const { return "n" + std::to_string(static_cast<unsigned>(by_)); }
+
+    std::string key_of_group(const forwarding::group_key &key) const
+    {
+        const auto [high, low] = std::bit_cast<std::array<uint64_t, 2>>(key.vtep);
+        return key_of(kind(), key.place.first, key.place.second, key.vlan, high, low, static_cast<unsigned>(key.type));
+    }
+
+    void count()
+    {
+        counted_ = forwarding::count_rows(filter_, by_);
+        if (counted_.objects == nullptr) {
+            throw daemon_ends("list");
+        }
+        if (after_) {
+            const auto next = std::ranges::upper_bound(counted_.groups, *after_, {}, &forwarding::group_count::key);
+            next_ = static_cast<size_t>(next - counted_.groups.begin());
+        }
+    }
+
+    forwarding::row_filter filter_;
+    forwarding::count_group by_;
+    std::optional<forwarding::group_key> after_ = std::nullopt;
+    forwarding::group_counts counted_ = {};
+    size_t next_ = 0;
+};
+
 class vtep_source : public list_source {
 public:
-    explicit vtep_source(const std::optional<std::string> &start)
+    vtep_source(filters given, const std::optional<std::string> &start)
+        : given_(std::move(given))
     {
         if (start) {
             const auto [xcid, address, vni] = numbers_of<3>(*start, kind);
@@ -250,10 +339,11 @@ public:
         auto vteps = forwarding::read_vteps(at_, max_items + 1); // one more shows whether items follow
         const bool more = vteps.size() > max_items;
         vteps.resize(std::min<size_t>(vteps.size(), max_items));
+        at_ = vteps.empty() ? at_ : vteps.back();
         const auto objects = forwarding::objects();
+        std::erase_if(vteps, [&](const forwarding::vtep_view &vtep) { return !passes(vtep, objects.get()); });
         for (const forwarding::vtep_view &vtep : vteps) {
             write_vtep(json, vtep, objects.get());
-            at_ = vtep;
         }
         return {key_of(kind, at_.xcid, std::bit_cast<uint32_t>(at_.address), at_.vni),
                 static_cast<uint32_t>(vteps.size()), more};
@@ -262,27 +352,49 @@ public:
 private:
     static constexpr std::string_view kind = "v"; // xcid, address, VNI
 
+    bool passes(const forwarding::vtep_view &vtep, const forwarding::object_views *objects) const
+    {
+        const forwarding::port_view *port =
+            objects != nullptr ? objects->find_port(vtep.bridge_id, vtep.xcid) : nullptr;
+        const named_place place = port != nullptr ? place_of(*port) : named_place{.xcid = vtep.xcid};
+        return passes_names(given_, place) && given_.rest.vnis.holds(vtep.vni)
+               && given_.rest.vteps.holds(base::ip_of(vtep.address));
+    }
+
+    filters given_;
     forwarding::vtep_view at_ = {};
 };
 
 class tunnel_entry_source : public list_source {
 public:
-    explicit tunnel_entry_source(uint32_t from)
-        : cursor_(from)
+    tunnel_entry_source(filters given, uint32_t from)
+        : given_(std::move(given))
+        , cursor_(from)
     {}
 
     position fetch(uint32_t max_items, json_writer &json) override
     {
-        const auto entries = forwarding::tunnel_entries(cursor_, max_items);
+        auto entries = forwarding::tunnel_entries(cursor_, max_items);
+        uint32_t ahead = cursor_;
+        const bool more = !entries.empty() && !forwarding::tunnel_entries(ahead, 1).empty();
+        std::erase_if(entries, [&](const forwarding::tunnel_entry &entry) { return !passes(entry); });
         for (const forwarding::tunnel_entry &entry : entries) {
             write_tunnel_entry(json, entry);
         }
-        uint32_t ahead = cursor_;
-        const bool more = !entries.empty() && !forwarding::tunnel_entries(ahead, 1).empty();
         return {std::to_string(cursor_), static_cast<uint32_t>(entries.size()), more};
     }
 
 private:
+    bool passes(const forwarding::tunnel_entry &entry) const
+    {
+        return passes_names(given_,
+                            {.domain = entry.domain, .vlan = entry.vlan, .port = entry.port, .xcid = entry.xcid})
+               && given_.rest.vnis.holds(entry.vni)
+               && given_.rest.vteps.holds(forwarding::address_of(entry.record.destination))
+               && forwarding::passes_address(given_.rest, entry.record.mac);
+    }
+
+    filters given_;
     uint32_t cursor_;
 };
 
@@ -367,9 +479,10 @@ private:
 } // namespace
 
 std::unique_ptr<list_source> make_table_source(const forwarding::row_filter &filter,
+                                               const forwarding::row_details &details,
                                                const std::optional<std::string> &start)
 {
-    return std::make_unique<table_source>(filter, start);
+    return std::make_unique<table_source>(filter, details, start);
 }
 
 std::unique_ptr<list_source> make_address_source(const forwarding::mac_address &mac,
@@ -379,30 +492,46 @@ std::unique_ptr<list_source> make_address_source(const forwarding::mac_address &
     return std::make_unique<address_source>(mac, filter, start);
 }
 
-std::unique_ptr<list_source> make_ordered_source(forwarding::row_order order, const std::optional<std::string> &start,
-                                                 uint64_t limit, kept_selections &selections)
+std::unique_ptr<list_source> make_ordered_source(forwarding::order_request wanted,
+                                                 const std::optional<std::string> &start, uint64_t limit,
+                                                 const order_context &context)
 {
-    return std::make_unique<ordered_source>(order, start, limit, selections);
+    return std::make_unique<ordered_source>(std::move(wanted), start, limit, context);
 }
 
-std::unique_ptr<list_source> make_vtep_source(const std::optional<std::string> &start)
+std::unique_ptr<list_source> make_count_source(const forwarding::row_filter &filter, forwarding::count_group by,
+                                               const std::optional<std::string> &start)
 {
-    return std::make_unique<vtep_source>(start);
+    return std::make_unique<count_source>(filter, by, start);
 }
 
-std::unique_ptr<list_source> make_domain_source(const std::optional<std::string> &start)
+std::unique_ptr<list_source> make_vtep_source(const filters &given, const std::optional<std::string> &start)
 {
-    return std::make_unique<domain_source>(forwarding::domains(), start);
+    return std::make_unique<vtep_source>(given, start);
 }
 
-std::unique_ptr<list_source> make_port_source(const std::optional<std::string> &start)
+std::unique_ptr<list_source> make_domain_source(const filters &given, const std::optional<std::string> &start)
 {
-    return std::make_unique<port_source>(forwarding::ports(), start);
+    auto domains = forwarding::domains();
+    std::erase_if(domains, [&given](const forwarding::domain_view &domain) {
+        return !passes_names(given, place_of(domain)) || !given.rest.vlans.holds(domain.vlan);
+    });
+    return std::make_unique<domain_source>(std::move(domains), start);
 }
 
-std::unique_ptr<list_source> make_tunnel_entry_source(const std::optional<std::string> &start)
+std::unique_ptr<list_source> make_port_source(const filters &given, const std::optional<std::string> &start)
 {
-    return std::make_unique<tunnel_entry_source>(number_of(start, 0));
+    auto ports = forwarding::ports();
+    std::erase_if(ports, [&given](const forwarding::port_view &port) {
+        return !passes_names(given, place_of(port)) || !given.rest.vlans.holds(port.vlan)
+               || !given.rest.vnis.holds(port.vni);
+    });
+    return std::make_unique<port_source>(std::move(ports), start);
+}
+
+std::unique_ptr<list_source> make_tunnel_entry_source(const filters &given, const std::optional<std::string> &start)
+{
+    return std::make_unique<tunnel_entry_source>(given, number_of(start, 0));
 }
 
 std::unique_ptr<list_source> make_trace_source(const std::optional<std::string> &start)

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "daemon/api/filters.h"
 #include "daemon/api/lists/kept_selections.h"
 #include "daemon/api/lists/list.h"
 #include "forwarding/feeder/answers/reading.h"
@@ -20,6 +21,7 @@ namespace l2fibd {
 
 // The entries of the MAC table that pass the filter, by bridge domain, port and address.
 std::unique_ptr<list_source> make_table_source(const forwarding::row_filter &filter,
+                                               const forwarding::row_details &details,
                                                const std::optional<std::string> &start);
 
 // The entries of one address that pass the filter. Asks the forwarding plane for each of them.
@@ -27,15 +29,30 @@ std::unique_ptr<list_source> make_address_source(const forwarding::mac_address &
                                                  const forwarding::row_filter &filter,
                                                  const std::optional<std::string> &start);
 
-// All entries in another order. `limit` is that of the answer. Takes what an earlier answer selected ahead from
-// `selections`, which outlives the source, and gives back what is left.
-std::unique_ptr<list_source> make_ordered_source(forwarding::row_order order, const std::optional<std::string> &start,
-                                                 uint64_t limit, kept_selections &selections);
+// What an ordered source uses of the rest of the daemon. The references outlive the source.
+struct order_context {
+    kept_selections &selections;
+    const resync_requester &resyncs;
+    bool is_aging_list = false; // items show the time that is left
+    forwarding::row_details details = {};
+};
 
-std::unique_ptr<list_source> make_vtep_source(const std::optional<std::string> &start);
-std::unique_ptr<list_source> make_domain_source(const std::optional<std::string> &start);
-std::unique_ptr<list_source> make_port_source(const std::optional<std::string> &start);
-std::unique_ptr<list_source> make_tunnel_entry_source(const std::optional<std::string> &start);
+// Entries in another order. `limit` is that of the answer. Takes what an earlier answer selected ahead, and gives back
+// what is left.
+std::unique_ptr<list_source> make_ordered_source(forwarding::order_request wanted,
+                                                 const std::optional<std::string> &start, uint64_t limit,
+                                                 const order_context &context);
+
+// The counts of entries that pass the filter, by group.
+std::unique_ptr<list_source> make_count_source(const forwarding::row_filter &filter, forwarding::count_group by,
+                                               const std::optional<std::string> &start);
+
+// Only what passes the filters.
+std::unique_ptr<list_source> make_vtep_source(const filters &given, const std::optional<std::string> &start);
+std::unique_ptr<list_source> make_domain_source(const filters &given, const std::optional<std::string> &start);
+std::unique_ptr<list_source> make_port_source(const filters &given, const std::optional<std::string> &start);
+std::unique_ptr<list_source> make_tunnel_entry_source(const filters &given, const std::optional<std::string> &start);
+
 std::unique_ptr<list_source> make_trace_source(const std::optional<std::string> &start);
 
 } // namespace l2fibd

@@ -11,9 +11,6 @@
 namespace forwarding {
 namespace {
 
-// Value of an entry that does not age, in the order by last sight: such entries come last.
-constexpr uint64_t does_not_age = std::numeric_limits<uint64_t>::max();
-
 bool is_behind(const order_position &from, uint64_t value, uint32_t slot)
 {
     return !from.holds_row || value > from.value || (value == from.value && slot > from.slot);
@@ -163,18 +160,11 @@ void table_answers::add_ipv6_vteps(std::vector<mac_row> &rows) const
 
 // ---- Orders ----
 
-uint64_t table_answers::order_value(row_order order, uint32_t entry) const
-{
-    if (order == row_order::created) {
-        return context_.records[entry].created;
-    }
-    return entry_ages(context_.shadow, entry) ? static_cast<uint64_t>(context_.shadow.entries[entry].updated_ms)
-                                              : does_not_age;
-}
-
-uint64_t table_answers::order_now(row_order order) const
+uint64_t table_answers::begin_order(row_order order)
 {
     using namespace std::chrono;
+    context_.source.drain();
+    changes_.settle_everything();
     const auto now = duration_cast<milliseconds>(steady_clock::now().time_since_epoch());
     return order == row_order::created ? cache_.last_created() : static_cast<uint64_t>(now.count());
 }
@@ -186,42 +176,155 @@ bool table_answers::is_in_orders(uint32_t entry) const
     return context_.shadow.entries[entry].alive && record.is_fed && record.now() == standing::fed;
 }
 
-// The place of an entry in a list that began at `began`. Values above `began` count as `began + 1`, except
-// does_not_age; see order_position.
-order_key table_answers::key_in(row_order order, uint32_t entry, uint64_t began) const
+// Judges all but the age. A flood list's row shows the destination that was fed last, so only the row shows whether it
+// passes.
+bool table_answers::may_pass(const row_filter &filter, uint32_t entry) const
 {
-    const uint64_t value = order_value(order, entry);
-    return {value != does_not_age ? std::min(value, began + 1) : value, entry};
+    const fed_place &place = context_.records.place(entry);
+    const mac_address &mac = context_.shadow.entries[entry].mac;
+    if (!passes_place(filter, {place.bridge_id, place.xcid})) {
+        return false;
+    }
+    if (mac == mac_address{}) {
+        return passes_address(filter, mac);
+    }
+    const base::ip_address vtep = address_of(destination_of(context_.shadow, entry));
+    const uint16_t flags = flags_of(context_.shadow, entry);
+    return passes_values(filter, {mac, flags, context_.shadow.terms_of(entry).vlan, place.vni, vtep});
+}
+
+// Returns the slot of the port at a place, or no_slot. The bridge domain's own entries are on the port whose interface
+// is the bridge.
+uint32_t table_answers::port_at(const port_place &place) const
+{
+    if (place.second != EDM_XCID_DUMMY) {
+        return objects_.find_port(place.second);
+    }
+    const shadow_table &shadow = context_.shadow;
+    for (const uint32_t port : ports_of(place.first)) {
+        if (shadow.ports[port].key.ifindex == shadow.ports[port].key.master) {
+            return port;
+        }
+    }
+    return no_slot;
+}
+
+// The slots of a bridge domain's ports; none if there is no such bridge domain.
+std::span<const uint32_t> table_answers::ports_of(uint16_t bridge_id) const
+{
+    const uint32_t domain = objects_.find_domain(bridge_id);
+    return domain != no_slot ? std::span<const uint32_t>(context_.shadow.domains[domain].ports)
+                             : std::span<const uint32_t>();
+}
+
+// Visits the entries in orders that may pass: those of the filter's ports or bridge domains if it lists any, otherwise
+// all.
+template <typename Visit>
+void table_answers::for_each_candidate(const row_filter &filter, Visit visit) const
+{
+    shadow_table &shadow = context_.shadow;
+    const bool judges = filter != row_filter();
+    const auto judge = [&](uint32_t entry) {
+        if (is_in_orders(entry) && (!judges || may_pass(filter, entry))) {
+            visit(entry);
+        }
+    };
+    if (!filter.ports.is_exclusion) {
+        for (const port_place &place : filter.ports.values) {
+            if (const uint32_t port = port_at(place); port != no_slot) {
+                shadow.for_each_entry_of_port(port, judge);
+            }
+        }
+    } else if (!filter.domains.is_exclusion) {
+        for (const uint16_t bridge_id : filter.domains.values) {
+            for (const uint32_t port : ports_of(bridge_id)) {
+                shadow.for_each_entry_of_port(port, judge);
+            }
+        }
+    } else {
+        shadow.for_each_entry(judge);
+    }
+}
+
+// In the orders by time and creation.
+uint64_t table_answers::time_value(row_order order, uint32_t entry) const
+{
+    if (order == row_order::created) {
+        return context_.records[entry].created;
+    }
+    return entry_ages(context_.shadow, entry) ? static_cast<uint64_t>(context_.shadow.entries[entry].updated_ms)
+                                              : does_not_age;
+}
+
+// In the other orders.
+uint64_t table_answers::place_value(const order_terms &terms, uint32_t entry) const
+{
+    constexpr unsigned bridge_id_bits = 16;
+    const uint64_t mac = base::number_of_mac(context_.shadow.entries[entry].mac);
+    const fed_place &place = context_.records.place(entry);
+    if (terms.wanted.order == row_order::mac) {
+        return mac << bridge_id_bits | place.bridge_id;
+    }
+    if (terms.wanted.order == row_order::vlan) {
+        return uint64_t{context_.shadow.terms_of(entry).vlan} << bits_behind_rank | mac;
+    }
+    const auto rank = std::ranges::lower_bound(terms.ranks, place.xcid, {}, &port_rank::xcid);
+    const bool has_name = rank != terms.ranks.end() && rank->xcid == place.xcid;
+    return uint64_t{has_name ? rank->rank : last_rank} << bits_behind_rank | mac;
+}
+
+// The place of an entry in a list. Times and creations above `began` count as `began + 1`, except does_not_age; see
+// order_position.
+order_key table_answers::key_in(const order_terms &terms, uint32_t entry) const
+{
+    const bool is_reversed = terms.wanted.is_reversed;
+    if (!is_timed(terms.wanted.order)) {
+        const uint64_t value = place_value(terms, entry);
+        return {is_reversed ? ~value : value, entry};
+    }
+    const uint64_t value = time_value(terms.wanted.order, entry);
+    return {value == does_not_age      ? value
+            : value > terms.began      ? terms.began + 1
+            : terms.wanted.is_reversed ? terms.began - value
+                                       : value,
+            entry};
 }
 
 // Selects in one pass over the shadow table.
-std::vector<order_key> table_answers::select(row_order order, const order_position &from, uint32_t max_entries)
+std::vector<order_key> table_answers::select(const order_terms &terms, const order_position &from, uint32_t max_entries)
 {
     context_.source.drain();
     changes_.settle_everything();
     first_keys keys(max_entries);
-    context_.shadow.for_each_entry([&](uint32_t entry) {
-        if (!is_in_orders(entry)) {
-            return;
-        }
-        if (const order_key key = key_in(order, entry, from.began); is_behind(from, key.value, entry)) {
+    for_each_candidate(terms.wanted.filter, [&](uint32_t entry) {
+        if (const order_key key = key_in(terms, entry); is_behind(from, key.value, entry)) {
             keys.take(key);
         }
     });
     return keys.end();
 }
 
-// An entry whose place is now behind `last` is left out, because a later selection finds it there. A smaller change
-// does not matter: a plane that ages silently may report the same time with a difference of some milliseconds.
-std::vector<ordered_entry> table_answers::entries_at(row_order order, std::span<const order_key> keys,
-                                                     const order_key &last, uint64_t began) const
+// An entry whose place is now behind `last` is left out, because a later selection finds it there. In the orders by
+// time and creation a smaller change does not matter: a plane that ages silently may report the same time with a
+// difference of some milliseconds. In the other orders a changed place is that of another entry, or on another port.
+bool table_answers::stays(const order_terms &terms, const order_key &key, const order_key &last) const
+{
+    if (!is_in_orders(key.slot)) {
+        return false;
+    }
+    const order_key now = key_in(terms, key.slot);
+    return is_timed(terms.wanted.order) ? now <= last : now == key;
+}
+
+std::vector<ordered_entry> table_answers::entries_at(const order_terms &terms, std::span<const order_key> keys,
+                                                     const order_key &last) const
 {
     constexpr size_t prefetch_distance = 8;
     std::vector<ordered_entry> found;
     found.reserve(keys.size());
     for (size_t at = 0; at < keys.size(); at++) {
         __builtin_prefetch(&context_.shadow.entries[keys[std::min(at + prefetch_distance, keys.size() - 1)].slot]);
-        if (is_in_orders(keys[at].slot) && key_in(order, keys[at].slot, began) <= last) {
+        if (stays(terms, keys[at], last)) {
             found.push_back(ordered(keys[at]));
         }
     }
@@ -275,6 +378,29 @@ bool table_answers::take_age(const fdb_key &key, const fdb_answer &answer, size_
     changed += context_.shadow.entries[entry].updated_ms != answer.record.updated_ms ? 1U : 0U;
     context_.shadow.fdb_changed(answer.record);
     return true;
+}
+
+std::vector<fdb_key> table_answers::ageing_keys(const row_filter &filter, uint32_t &slot, size_t max_keys) const
+{
+    const shadow_table &shadow = context_.shadow;
+    std::vector<fdb_key> keys;
+    for (; slot < shadow.entries.bound() && keys.size() < max_keys; slot++) {
+        if (is_in_orders(slot) && entry_ages(context_.shadow, slot) && may_pass(filter, slot)) {
+            keys.push_back(shadow.key_of(slot));
+        }
+    }
+    return keys;
+}
+
+void table_answers::take_sights(std::span<const fdb_key> keys, std::span<const fdb_answer> answers)
+{
+    for (size_t at = 0; at < keys.size(); at++) {
+        const uint32_t entry = find_living(keys[at]);
+        if (entry != no_slot && answers[at].presence == fdb_presence::present) {
+            int64_t &updated_ms = context_.shadow.entries[entry].updated_ms;
+            updated_ms = std::max(updated_ms, answers[at].record.updated_ms);
+        }
+    }
 }
 
 // ---- Counts ----
@@ -361,8 +487,13 @@ tunnel_entry table_answers::tunnel_entry_of(uint32_t entry) const
     const shadow_table &shadow = context_.shadow;
     const shadow_port &port = shadow.ports[shadow.entries[entry].port];
     const shadow_link *device = shadow.find_link(port.key.ifindex);
-    const uint16_t bridge_id = port.domain != no_slot ? shadow.domains[port.domain].bridge_id : uint16_t{0};
-    return {bridge_id, port.xcid, objects_.domain_name(bridge_id), device != nullptr ? device->record.name : "",
+    const shadow_domain domain = port.domain != no_slot ? shadow.domains[port.domain] : shadow_domain();
+    return {domain.bridge_id,
+            port.xcid,
+            objects_.domain_name(domain.bridge_id),
+            domain.vlan,
+            device != nullptr ? device->record.name : "",
+            cache_.vnis_of(entry).vni,
             shadow.record_of(entry)};
 }
 

@@ -25,6 +25,28 @@ struct ordered_entry {
     fdb_key key;
 };
 
+// An order with all that gives an entry its place in it.
+struct order_terms {
+    const order_request &wanted;
+    uint64_t began;                   // see order_position
+    std::span<const port_rank> ranks; // see order_selection
+};
+
+// True for the orders in which an entry's place depends on a time or on its creation.
+constexpr bool is_timed(row_order order)
+{
+    return order == row_order::created || order == row_order::last_seen;
+}
+
+// Value of an entry that does not age, in the order by last sight: such entries come last.
+inline constexpr uint64_t does_not_age = UINT64_MAX;
+
+// Value of a port name's entries: the rank, then the address.
+inline constexpr unsigned bits_behind_rank = 48;
+// Rank of the entries of bridge domains themselves, which have no port name. Names share the rank before it if there
+// are more names than ranks.
+inline constexpr uint16_t last_rank = UINT16_MAX;
+
 class table_answers {
 public:
     table_answers(feed_context &context, const registry &objects, const entry_counters &counters, changes &live,
@@ -40,13 +62,19 @@ public:
     // Sets the IPv6 tunnel end points of rows that have their ports.
     void add_ipv6_vteps(std::vector<mac_row> &rows) const;
 
-    // Returns the value that a new entry would have in an order.
-    uint64_t order_now(row_order order) const;
-    // Returns the first `max_entries` entries that come after `from`. The caller has set `from.began`.
-    std::vector<order_key> select(row_order order, const order_position &from, uint32_t max_entries);
+    // Takes the plane's pending changes, then returns the value that a new entry would have in an order by time or
+    // creation.
+    uint64_t begin_order(row_order order);
+    // Returns the first `max_entries` entries that come after `from` and may pass the filter. Ages are not judged.
+    std::vector<order_key> select(const order_terms &terms, const order_position &from, uint32_t max_entries);
     // Returns the entries of selected keys that have not moved behind `last`, the last key of their selection.
-    std::vector<ordered_entry> entries_at(row_order order, std::span<const order_key> keys, const order_key &last,
-                                          uint64_t began) const;
+    std::vector<ordered_entry> entries_at(const order_terms &terms, std::span<const order_key> keys,
+                                          const order_key &last) const;
+    // Returns the keys of up to `max_keys` entries that age and may pass the filter. `slot` is 0 at first; the call
+    // moves it behind the last slot that it looked at. Fewer than `max_keys` keys mean the end.
+    std::vector<fdb_key> ageing_keys(const row_filter &filter, uint32_t &slot, size_t max_keys) const;
+    // Moves the times of last sight forward to those of the plane's answers. Answers may be two seconds old.
+    void take_sights(std::span<const fdb_key> keys, std::span<const fdb_answer> answers);
     // Brings the shadow table up to date with the plane's answers to another thread's query. Returns how many keys had
     // an answer that changed the entry's age or contradicted the shadow table.
     size_t take_ages(std::span<const fdb_key> keys, std::span<const fdb_answer> answers);
@@ -69,9 +97,16 @@ private:
     uint32_t find_living(const fdb_key &key) const;
     bool take_age(const fdb_key &key, const fdb_answer &answer, size_t &changed);
     void add_row(uint32_t entry, std::vector<mac_row> &rows);
-    uint64_t order_value(row_order order, uint32_t entry) const;
     bool is_in_orders(uint32_t entry) const;
-    order_key key_in(row_order order, uint32_t entry, uint64_t began) const;
+    bool may_pass(const row_filter &filter, uint32_t entry) const;
+    uint32_t port_at(const port_place &place) const;
+    std::span<const uint32_t> ports_of(uint16_t bridge_id) const;
+    template <typename Visit>
+    void for_each_candidate(const row_filter &filter, Visit visit) const;
+    uint64_t time_value(row_order order, uint32_t entry) const;
+    uint64_t place_value(const order_terms &terms, uint32_t entry) const;
+    order_key key_in(const order_terms &terms, uint32_t entry) const;
+    bool stays(const order_terms &terms, const order_key &key, const order_key &last) const;
     ordered_entry ordered(const order_key &place) const;
     tunnel_entry tunnel_entry_of(uint32_t entry) const;
 

@@ -21,6 +21,7 @@ std::shared_ptr<const change_log> log_now()
 const char *text_of(change_kind kind)
 {
     constexpr const char *texts[] = {"learned", "moved", "aged", "removed", "changed", "lost"};
+    static_assert(std::size(texts) == change_kinds);
     return texts[static_cast<size_t>(kind)];
 }
 

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <map>
 #include <span>
 
 #include "forwarding/feeder/answers/asking.h"
@@ -152,18 +153,21 @@ void find_entries(std::span<const ordered_entry> wanted,
 // What a read of rows looks for.
 struct row_search {
     const row_filter &filter;
-    uint32_t max_rows;
-    mac_address last;  // the last address that may pass
-    bool judges_rows;  // some condition is on the rows of the table
-    bool needs_ipv6;   // some condition is on an IPv6 tunnel end point
-    bool judges_pages; // some condition is on what only completed rows show
+    uint32_t max_rows;       // set by read_page
+    mac_address last;        // the last address that may pass
+    bool judges_rows;        // some condition is on the rows of the table
+    bool needs_ipv6;         // some condition is on an IPv6 tunnel end point
+    bool judges_pages;       // some condition is on what only completed rows show
+    bool shows_ipv6 = false; // adds IPv6 tunnel end points, also without a condition on them
+    bool asks_ages = true;   // asks a plane that ages silently about the rows
+    bool completes = true;   // adds names, VNIs and times
 };
 
-row_search search_for(const row_filter &filter, uint32_t max_rows)
+row_search search_for(const row_filter &filter)
 {
     const bool needs_ipv6 = has_ipv6(filter);
     return {filter,
-            max_rows,
+            0,
             base::mac_of_number(filter.addresses.last),
             filter.flags != 0 || !filter.not_addresses.empty() || !filter.origins.holds_all()
                 || !filter.vlans.holds_all() || !filter.vteps.holds_all(),
@@ -439,11 +443,9 @@ void judge_page(const row_search &search, row_page &page, uint32_t max_rows)
     }
 }
 
-} // namespace
-
-row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows, const row_details &details)
+// Reads a page of at most `max_rows` rows.
+row_page read_page(row_search search, const row_position &from, uint32_t max_rows)
 {
-    row_search search = search_for(filter, max_rows);
     search.max_rows = search.judges_pages ? std::max(max_rows, judged_at_once) : max_rows;
     row_page page;
     page.end = from;
@@ -451,24 +453,34 @@ row_page read_rows(const row_filter &filter, const row_position &from, uint32_t 
     with_feeder([&](feeder &feed) {
         page.objects = feed.objects();
         place at{from.bridge_id, from.xcid};
-        page.more = find_wanted(*page.objects, filter, at);
+        page.more = find_wanted(*page.objects, search.filter, at);
         while (page.more && page.rows.size() < search.max_rows) {
             page.more = read_ports(search, at, page);
         }
-        if (is_begin(from)) {
+        if (search.asks_ages && is_begin(from)) {
             feed.begin_ages();
         }
-        if (feed.ages_silently()) {
+        if (search.asks_ages && feed.ages_silently()) {
             refresh_page(feed, page);
         }
-        complete_rows(feed, page);
+        if (search.completes) {
+            complete_rows(feed, page);
+        }
     });
-    if (search.needs_ipv6) {
+    if (search.needs_ipv6 || search.shows_ipv6) {
         add_ipv6_vteps(page);
     }
     if (search.judges_pages) {
         judge_page(search, page, max_rows);
     }
+    return page;
+}
+
+} // namespace
+
+row_page read_rows(const row_filter &filter, const row_position &from, uint32_t max_rows, const row_details &details)
+{
+    row_page page = read_page(search_for(filter), from, max_rows);
     add_details(details, page);
     return page;
 }
@@ -581,16 +593,16 @@ std::vector<fdb_key> unasked_keys(const std::vector<ordered_entry> &entries, std
 //      round 2        B 10:01   C 10:02   A 10:05; asks about C; nothing changes: B, C
 //
 // Each entry is asked about at most once, so the rounds end.
-std::vector<order_key> select_last_seen(const order_position &from, uint32_t max_rows)
+std::vector<order_key> select_last_seen(const order_terms &terms, const order_position &from, uint32_t max_rows)
 {
     std::vector<bool> was_asked;
     for (uint32_t ask = max_rows;; ask = std::min(max_asked, ask * ask_growth)) {
         std::vector<order_key> first;
         std::vector<fdb_key> keys;
         on_cache_thread([&](feeder &feed) {
-            first = feed.select(row_order::last_seen, from, std::max(ask, max_rows));
+            first = feed.select(terms, from, std::max(ask, max_rows));
             if (feed.ages_silently() && !first.empty()) {
-                keys = unasked_keys(feed.entries_at(row_order::last_seen, first, first.back(), from.began), was_asked);
+                keys = unasked_keys(feed.entries_at(terms, first, first.back()), was_asked);
             }
         });
         std::vector<fdb_answer> answers;
@@ -606,15 +618,100 @@ std::vector<order_key> select_last_seen(const order_position &from, uint32_t max
     }
 }
 
+// For a plane that ages silently: asks it when it has seen each entry that may pass the filter.
+void ask_all_sights(const row_filter &filter)
+{
+    constexpr size_t keys_at_once = 8 * query_batch; // the cache thread looks for them in one go
+    uint32_t slot = 0;
+    std::vector<fdb_key> keys;
+    with_feeder([](feeder &feed) { feed.begin_ages(); });
+    do {
+        keys.clear();
+        on_cache_thread([&](const feeder &feed) { keys = feed.ageing_keys(filter, slot, keys_at_once); });
+        std::vector<fdb_answer> answers;
+        with_feeder([&](feeder &feed) {
+            answers = answers_in_batches(std::span<const fdb_key>(keys),
+                                         [&feed](auto some, auto to) { feed.query_ages(some, to); });
+        });
+        on_cache_thread([&](feeder &feed) { feed.take_sights(keys, answers); });
+    } while (keys.size() == keys_at_once);
+}
+
+// ---- Ranks of ports ----
+
+uint16_t rank_of(const ranked_ports &ports, const std::string &name)
+{
+    const auto at = std::ranges::lower_bound(ports.names, name, base::comes_first) - ports.names.begin();
+    return static_cast<uint16_t>(std::min<ptrdiff_t>(at, last_rank - 1));
+}
+
+ranked_ports rank_ports(const object_views &objects)
+{
+    ranked_ports ranked;
+    for (const port_view &port : objects.ports) {
+        ranked.names.push_back(port.name);
+    }
+    std::ranges::sort(ranked.names, base::comes_first);
+    ranked.names.erase(std::unique(ranked.names.begin(), ranked.names.end()), ranked.names.end());
+    for (const port_view &port : objects.ports) {
+        ranked.ranks.push_back({port.xcid, rank_of(ranked, port.name)});
+    }
+    std::ranges::sort(ranked.ranks, {}, &port_rank::xcid);
+    return ranked;
+}
+
+// The name of the port in whose rows a place of the order by port is. Empty: the bridge domains' own entries.
+std::string port_at(const order_selection &selection, const order_key &key)
+{
+    const auto &names = selection.ports.names;
+    const uint64_t rank = (selection.wanted.is_reversed ? ~key.value : key.value) >> bits_behind_rank;
+    return rank < names.size() ? names[rank] : "";
+}
+
+// Gives a position that an earlier selection made the rank that its port's name has now. If no port has the name any
+// more, the position is between the names around it.
+void follow_rank(order_selection &selection)
+{
+    constexpr uint64_t address_mask = (uint64_t{1} << bits_behind_rank) - 1;
+    const bool is_reversed = selection.wanted.is_reversed;
+    order_position &at = selection.at;
+    const bool has_name =
+        at.port.empty() || std::ranges::binary_search(selection.ports.names, at.port, base::comes_first);
+    const uint64_t first = uint64_t{at.port.empty() ? last_rank : rank_of(selection.ports, at.port)}
+                           << bits_behind_rank;
+    if (has_name) {
+        const uint64_t address = (is_reversed ? ~at.value : at.value) & address_mask;
+        at.value = is_reversed ? ~(first | address) : first | address;
+        return;
+    }
+    at.slot = no_slot;
+    at.value = is_reversed ? ~first : first - 1;
+    at.holds_row = is_reversed || first != 0;
+}
+
+void rank_selection(order_selection &selection)
+{
+    std::shared_ptr<const object_views> objects;
+    with_feeder([&](const feeder &feed) { objects = feed.objects(); });
+    if (objects == nullptr) {
+        return;
+    }
+    selection.ports = rank_ports(*objects);
+    if (selection.at.holds_row) {
+        follow_rank(selection);
+    }
+}
+
 int64_t steady_ms()
 {
     using namespace std::chrono;
     return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-// Reads the rows of entries from the table, in their order. An entry that left its port meanwhile gets no row.
-void read_entries(feeder &feed, std::span<const ordered_entry> wanted, uint64_t began,
-                  row_page &page) L2FIB_REQUIRES_TABLE_LOCK
+// Reads the rows of entries from the table, in their order. An entry that is not on its port gets no row, and its place
+// in the order is passed. So the cache thread calls this right after it found the entries, because it is also the
+// thread that moves them.
+void read_entries(feeder &feed, std::span<const ordered_entry> wanted, row_page &page) L2FIB_REQUIRES_TABLE_LOCK
 {
     std::array<const l2fm_edm_mac_t *, looks_at_once> found;
     for (size_t at = 0; at < wanted.size(); at++) {
@@ -624,18 +721,18 @@ void read_entries(feeder &feed, std::span<const ordered_entry> wanted, uint64_t 
         if (const l2fm_edm_mac_t *entry = found[at % looks_at_once]; entry != nullptr) {
             mac_row &row = page.rows.emplace_back(row_of(*entry));
             row.bridge_id = wanted[at].bridge_id;
-            row.place = {wanted[at].place.value, wanted[at].place.slot, true, began};
+            row.place = wanted[at].place;
             row.last_seen = wanted[at].ages ? feed.epoch_seconds(wanted[at].updated_ms) : row.last_seen;
         }
     }
 }
 
-void read_entries_in_holds(feeder &feed, std::span<const ordered_entry> wanted, uint64_t began, row_page &page)
+void read_entries_in_holds(feeder &feed, std::span<const ordered_entry> wanted, row_page &page)
 {
     page.rows.reserve(wanted.size());
     for (; !wanted.empty(); wanted = wanted.subspan(std::min<size_t>(looks_per_hold, wanted.size()))) {
         const table_hold hold;
-        read_entries(feed, wanted.first(std::min<size_t>(looks_per_hold, wanted.size())), began, page);
+        read_entries(feed, wanted.first(std::min<size_t>(looks_per_hold, wanted.size())), page);
     }
 }
 
@@ -658,22 +755,58 @@ bool keep_one_kind(std::vector<order_key> &keys, uint64_t began)
 
 } // namespace
 
-order_selection select_ahead(row_order order, const order_position &from, uint32_t max_rows)
+namespace {
+
+order_terms terms_of(const order_selection &selection)
 {
-    order_selection selection{.order = order, .at = from, .selected_ms = steady_ms()};
-    if (from.began == 0) {
-        on_cache_thread([&](feeder &feed) { selection.at.began = feed.order_now(order); });
+    return {selection.wanted, selection.at.began, selection.ports.ranks};
+}
+
+// On the cache thread.
+void begin_if_new(feeder &feed, order_selection &selection)
+{
+    if (selection.at.began == 0) {
+        selection.at.began = feed.begin_order(selection.wanted.order);
     }
-    if (order == row_order::last_seen) {
-        with_feeder(
-            [&](feeder &feed) { max_rows = feed.ages_silently() ? std::min(max_rows, max_asked_ahead) : max_rows; });
-        selection.keys = select_last_seen(selection.at, max_rows + 1);
-    } else {
-        on_cache_thread([&](feeder &feed) { selection.keys = feed.select(order, selection.at, max_rows + 1); });
+}
+
+// Selects up to `max_rows` keys and one more, which shows whether entries follow.
+std::vector<order_key> select_keys(order_selection &selection, uint32_t &max_rows)
+{
+    bool asks = false;
+    with_feeder(
+        [&](const feeder &feed) { asks = selection.wanted.order == row_order::last_seen && feed.ages_silently(); });
+    if (asks && !selection.wanted.is_reversed) {
+        on_cache_thread([&](feeder &feed) { begin_if_new(feed, selection); });
+        max_rows = std::min(max_rows, max_asked_ahead);
+        return select_last_seen(terms_of(selection), selection.at, max_rows + 1);
     }
+    if (asks) {
+        ask_all_sights(selection.wanted.filter);
+    }
+    if (selection.wanted.order == row_order::port) {
+        rank_selection(selection);
+    }
+    std::vector<order_key> keys;
+    on_cache_thread([&](feeder &feed) {
+        begin_if_new(feed, selection);
+        keys = feed.select(terms_of(selection), selection.at, max_rows + 1);
+    });
+    return keys;
+}
+
+} // namespace
+
+order_selection select_ahead(const order_request &wanted, const order_position &from, uint32_t max_rows)
+{
+    order_selection selection{.wanted = wanted, .at = from};
+    selection.keys = select_keys(selection, max_rows);
+    selection.selected_ms = steady_ms();
     selection.more = selection.keys.size() > max_rows;
     selection.keys.resize(std::min<size_t>(selection.keys.size(), max_rows));
-    selection.more |= keep_one_kind(selection.keys, selection.at.began);
+    if (is_timed(wanted.order)) {
+        selection.more |= keep_one_kind(selection.keys, selection.at.began);
+    }
     return selection;
 }
 
@@ -690,29 +823,50 @@ void seek(order_selection &selection, const order_position &to)
     selection.at = to;
 }
 
+order_position position_of(const order_selection &selection, const order_key &key)
+{
+    const bool is_by_port = selection.wanted.order == row_order::port;
+    return {key.value, key.slot, true, selection.at.began, is_by_port ? port_at(selection, key) : std::string()};
+}
+
+namespace {
+
+// Reads the rows of the keys, which are not empty. Rows that do not pass the filter are dropped.
+row_page read_keys(order_selection &selection, std::span<const order_key> keys, const order_key &last)
+{
+    const order_request &wanted = selection.wanted;
+    row_page page;
+    on_cache_thread([&](feeder &feed) {
+        read_entries_in_holds(feed, feed.entries_at(terms_of(selection), keys, last), page);
+    });
+    with_feeder([&](feeder &feed) {
+        page.objects = feed.objects();
+        selection.more |= page.rows.size() < keys.size(); // an entry may be behind the last key now
+        if (wanted.order != row_order::last_seen && feed.ages_silently()) {
+            refresh_rows(feed, page);
+        }
+        complete_rows(feed, page);
+    });
+    if (has_ipv6(wanted.filter)) {
+        add_ipv6_vteps(page);
+    }
+    return page;
+}
+
+} // namespace
+
 ordered_page read_selection(order_selection &selection, uint32_t max_rows, const row_details &details)
 {
-    const uint64_t began = selection.at.began;
     const auto keys = std::span<const order_key>(selection.keys).subspan(selection.next);
     const auto wanted = keys.first(std::min<size_t>(max_rows, keys.size()));
-    std::vector<ordered_entry> entries;
-    if (!wanted.empty()) {
-        const order_key last = keys.back();
-        on_cache_thread([&](feeder &feed) { entries = feed.entries_at(selection.order, wanted, last, began); });
-    }
     ordered_page ordered;
-    with_feeder([&](feeder &feed) {
-        ordered.page.objects = feed.objects();
-        read_entries_in_holds(feed, entries, began, ordered.page);
-        selection.more |= ordered.page.rows.size() < wanted.size(); // an entry may be behind the last key now
-        if (selection.order == row_order::created && feed.ages_silently()) {
-            refresh_rows(feed, ordered.page);
-        }
-        complete_rows(feed, ordered.page);
-    });
-    add_details(details, ordered.page);
-    if (!wanted.empty()) {
-        selection.at = {wanted.back().value, wanted.back().slot, true, began};
+    if (wanted.empty()) {
+        with_feeder([&](const feeder &feed) { ordered.page.objects = feed.objects(); });
+    } else {
+        ordered.page = read_keys(selection, wanted, keys.back());
+        selection.at = position_of(selection, wanted.back());
+        std::erase_if(ordered.page.rows, [&](const mac_row &row) { return !passes(selection.wanted.filter, row); });
+        add_details(details, ordered.page);
     }
     selection.next += wanted.size();
     ordered.page.more = selection.next < selection.keys.size() || selection.more;
@@ -759,6 +913,48 @@ std::optional<entry_counts> count_port(uint32_t xcid)
         }
     });
     return counts;
+}
+
+namespace {
+
+// Rows that one round of count_rows reads.
+constexpr uint32_t counted_at_once = 1'000;
+
+group_key key_of(const mac_row &row, count_group by)
+{
+    switch (by) {
+    case count_group::domain: return {.place = {row.bridge_id, 0}};
+    case count_group::port: return {.place = {row.bridge_id, row.xcid}};
+    case count_group::vlan: return {.vlan = row.vlan};
+    case count_group::vtep: return {.vtep = vtep_of(row)};
+    default: return {.type = origin_of(row.flags)};
+    }
+}
+
+} // namespace
+
+group_counts count_rows(const row_filter &filter, count_group by)
+{
+    row_search search = search_for(filter);
+    search.shows_ipv6 = by == count_group::vtep;
+    search.asks_ages = filter.ages != age_range();
+    search.completes = search.judges_pages || search.shows_ipv6;
+    std::map<group_key, group_count> groups;
+    row_page page;
+    do {
+        page = read_page(search, page.end, counted_at_once);
+        for (const mac_row &row : page.rows) {
+            group_count &group = groups[key_of(row, by)];
+            group.entries++;
+            group.by_origin[static_cast<size_t>(origin_of(row.flags))]++;
+        }
+    } while (page.more);
+    group_counts counted{.objects = page.objects};
+    for (auto &[key, group] : groups) {
+        group.key = key;
+        counted.groups.push_back(group);
+    }
+    return counted;
 }
 
 // ---- Tunnel end points ----

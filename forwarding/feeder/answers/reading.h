@@ -39,6 +39,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "forwarding/feeder/answers/row_filter.h"
@@ -49,20 +50,32 @@ namespace forwarding {
 // A position in an order (row_order). The next page holds the entries behind it. Entries are ordered by their value,
 // and by slot if the values are equal.
 //
-// An entry that came, or was seen again, since the read began counts as `began + 1`, whatever its own value is:
+// In the orders by creation and by last sight, an entry that came, or was seen again, since the read began counts as
+// `began + 1`, whatever its own value is:
 //
 //      began = 100      values now:  20  40  100  130  170
 //                       order:       20  40  100  101  101     the last two by slot
 //
 // Entries that do not age come behind these. So new values cannot prolong a read without end. An entry that stays is
-// read once, or twice if it was seen again after its page.
+// read once, or twice if it was seen again after its page. If such an order is reversed, only values up to `began` are:
+//
+//      values now:  20  40  100  130  170       reversed:  0 (100)  60 (40)  80 (20)  101  101
 struct order_position {
-    uint64_t value = 0;     // number of creation, or milliseconds of the steady clock; by row_order
+    uint64_t value = 0;     // see row_order
     uint32_t slot = 0;      // in the shadow table
     bool holds_row = false; // false: before all entries
     uint64_t began = 0;     // the latest value (creation number or time) when the read began; 0: the read begins now
 
+    std::string port = {}; // in the order by port: name of the row's port; empty: the bridge domain itself
+
     bool operator==(const order_position &) const = default;
+};
+
+// The place of an entry in an order: `value` and `slot` of order_position.
+struct order_key {
+    uint64_t value = 0;
+    uint32_t slot = 0;
+    auto operator<=>(const order_key &) const = default;
 };
 
 struct mac_row {
@@ -84,7 +97,7 @@ struct mac_row {
     std::optional<uint32_t> time_left;   // seconds until it ages out; none if it does not age or the time is unknown
     const domain_view *domain = nullptr; // points into row_page::objects
     const port_view *port = nullptr;     // likewise; null for entries of the bridge domain itself
-    order_position place = {};           // set by read_selection only
+    order_key place = {};                // set by read_selection only
 };
 
 // The tunnel end point of a row: IPv6 as far as it was asked for; zero if there is none.
@@ -96,7 +109,7 @@ bool passes(const row_filter &filter, const mac_row &row);
 // Members of rows that cost extra, so that readers ask for them.
 struct row_details {
     // mac_row::since_ms: when the table took the entry at its present place (port, or VTEP), since the epoch. It is
-    // exact to the second for the last hour, and to the 4,096th part of the time that has passed for earlier ones.
+    // exact to the second for the last hour, and to the 2,048th part of the time that has passed for earlier ones.
     // Unknown for entries that were there at the start. Waits for the cache thread.
     bool since = false;
 };
@@ -136,9 +149,35 @@ row_page find_rows(const mac_address &mac, uint16_t bridge_id, const row_details
 
 // ---- In another order ----
 
+// An order has a value for each entry. Bits that it does not use are 0.
 enum class row_order : uint8_t {
-    created,   // by the time when the table took an entry at its present port and VTEP, the earliest first
-    last_seen, // by the time when an entry was last seen, the earliest first; entries that do not age come last
+    created, // the time when the table took an entry at its present port and VTEP, the earliest first. Value: a number
+    last_seen, // last sight, the earliest first; entries that do not age come last. Value: ms of the steady clock
+    mac,       // address, then bridge domain. Value: the address (48 bits), then the bridge id
+    vlan,      // VLAN, then address. Value: the VLAN, then the address (48 bits)
+    port,      // name of the port with numbers in it by their value, then address; entries of bridge domains themselves
+               // come last. Value: the rank of the name among all names of ports, then the address (48 bits)
+};
+
+// An order of the entries that pass a filter.
+struct order_request {
+    row_order order = row_order::created;
+    bool is_reversed = false; // in the orders by creation and by last sight, what comes last stays last
+    row_filter filter = {};
+
+    bool operator==(const order_request &) const = default;
+};
+
+// The rank of a port's name among all names of ports.
+struct port_rank {
+    uint32_t xcid;
+    uint16_t rank;
+};
+
+// For the order by port: the names of ports in their order, and the rank of each port. Otherwise empty.
+struct ranked_ports {
+    std::vector<std::string> names = {}; // by rank
+    std::vector<port_rank> ranks = {};   // by xcid
 };
 
 struct ordered_page {
@@ -146,17 +185,10 @@ struct ordered_page {
     order_position end = {};
 };
 
-// The place of an entry in an order: `value` and `slot` of order_position.
-struct order_key {
-    uint64_t value;
-    uint32_t slot;
-    auto operator<=>(const order_key &) const = default;
-};
-
 // A part of an order: the keys of consecutive entries. A selection looks at all entries of the shadow table, so a list
 // selects many keys at once and reads their rows in pages:
 //
-//     order_selection selection = select_ahead(row_order::last_seen, {}, 100'000);
+//     order_selection selection = select_ahead({row_order::last_seen}, {}, 100'000);
 //     do {
 //         const ordered_page page = read_selection(selection, 200);
 //         ... page.page.rows ...
@@ -170,8 +202,9 @@ struct order_key {
 //
 // A selection belongs to one thread at a time.
 struct order_selection {
-    row_order order = row_order::created;
+    order_request wanted = {};
     order_position at = {}; // the rows up to here were read
+    ranked_ports ports = {};
     std::vector<order_key> keys = {};
     size_t next = 0;         // index of the first key behind `at`
     bool more = false;       // entries follow behind the last key
@@ -179,13 +212,21 @@ struct order_selection {
 };
 
 // Selects up to `max_rows` entries behind `from`; `max_rows` is at least 1. Waits for the cache thread.
-order_selection select_ahead(row_order order, const order_position &from, uint32_t max_rows);
+//
+// Entries are selected by all conditions of the filter but that on their ages; read_selection drops the rows that do
+// not pass. `from` may belong to an earlier selection: names of ports may have changed since, so `at` of the result has
+// another value then. In the order by last sight, a plane that ages silently is asked about the first entries. If the
+// order is reversed, it is asked about all of them, because any of them may have been seen last.
+order_selection select_ahead(const order_request &wanted, const order_position &from, uint32_t max_rows);
 
 // True if keys are left, and the selection is at most a second old. An older one may lack entries that came since.
 bool is_fresh(const order_selection &selection);
 
 // Moves the selection to a position in it, such as that of a row that was read.
 void seek(order_selection &selection, const order_position &to);
+
+// The position of a key of the selection, such as that of a row.
+order_position position_of(const order_selection &selection, const order_key &key);
 
 // Reads the rows of the next keys, up to `max_rows`, and moves the selection behind them. Waits for the cache thread.
 // `page.more` is true if entries follow, in the selection or behind it.
@@ -206,6 +247,34 @@ struct entry_counts {
 entry_counts count_all();
 std::optional<entry_counts> count_domain(uint16_t bridge_id);
 std::optional<entry_counts> count_port(uint32_t xcid);
+
+// By what rows are counted.
+enum class count_group : uint8_t { domain, port, vlan, vtep, type };
+
+// Names a group; members that do not name it are empty.
+struct group_key {
+    port_place place = {}; // by domain, without an xcid; by port
+    uint16_t vlan = 0;
+    base::ip_address vtep = {};
+    row_origin type = row_origin::learned;
+
+    auto operator<=>(const group_key &) const = default;
+};
+
+struct group_count {
+    group_key key = {};
+    uint32_t entries = 0;
+    std::array<uint32_t, row_origins> by_origin = {}; // by row_origin; together `entries`
+};
+
+struct group_counts {
+    std::shared_ptr<const object_views> objects = nullptr; // names of the places; null if nothing runs
+    std::vector<group_count> groups = {};                  // by key
+};
+
+// Counts the rows that pass the filter, page by page. A plane that ages silently is asked only if the filter judges
+// ages. So the counts include an entry that has gone and whose removal the plane has not reported yet.
+group_counts count_rows(const row_filter &filter, count_group by);
 
 // ---- Tunnel end points ----
 

@@ -13,6 +13,15 @@ row_origin origin_of(uint16_t flags)
                                            : row_origin::learned;
 }
 
+base::ip_address address_of(const fdb_destination &destination)
+{
+    switch (destination.kind) {
+    case destination_kind::ipv4: return base::ip_of(std::span(destination.address).first<base::ipv4_bytes>());
+    case destination_kind::ipv6: return destination.address;
+    default: return {};
+    }
+}
+
 bool passes_place(const row_filter &filter, const port_place &at)
 {
     return filter.domains.holds(at.first) && filter.ports.holds(at);

@@ -29,6 +29,7 @@ struct value_set {
     bool holds(const Value &value) const { return std::ranges::binary_search(values, value) != is_exclusion; }
     bool holds_all() const { return is_exclusion && values.empty(); }
     bool holds_none() const { return !is_exclusion && values.empty(); }
+    bool operator==(const value_set &) const = default;
 
     // Leaves only values that are in `wanted` too.
     void keep_only(std::vector<Value> wanted)
@@ -36,7 +37,7 @@ struct value_set {
         std::ranges::sort(wanted);
         std::erase_if(wanted, [this](const Value &each) { return !holds(each); });
         values = std::move(wanted);
-        values.erase(std::ranges::unique(values).begin(), values.end());
+        values.erase(std::unique(values.begin(), values.end()), values.end());
         is_exclusion = false;
     }
 
@@ -59,9 +60,13 @@ using port_place = std::pair<uint16_t, uint32_t>;
 
 // The member `origin` of rows.
 enum class row_origin : uint8_t { learned, fixed, local }; // fixed: static
+inline constexpr size_t row_origins = 3;
 
 // `flags` are EDM_MAC_ bits.
 row_origin origin_of(uint16_t flags);
+
+// The address of a destination, as rows have it; zero if it has none.
+base::ip_address address_of(const fdb_destination &destination);
 
 // Seconds since an address was last seen.
 struct age_range {
@@ -83,6 +88,8 @@ struct row_filter {
     std::vector<base::mac_range> not_addresses = {};
     age_range ages = {};
     uint16_t flags = 0; // EDM_MAC_ bits, of which the row must have at least one; 0: any
+
+    bool operator==(const row_filter &) const = default;
 };
 
 // What the filter judges, apart from the place and the age.

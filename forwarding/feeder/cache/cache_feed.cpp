@@ -77,16 +77,16 @@ void cache_feed::settle_queued(std::span<const uint32_t> entries)
 cache_feed::step cache_feed::plan(uint32_t entry, l2fib_mac_edm_entry_t &descriptor) const
 {
     const standing now = describe(context_.shadow, entry, context_.epoch_offset_ms, descriptor);
-    return {entry, now, is_fed_by(now) ? place_of(entry, descriptor) : fed_place{}};
+    return {entry, now, context_.records[entry].is_fed != 0,
+            is_fed_by(now) ? place_of(entry, descriptor) : fed_place{}};
 }
 
 bool cache_feed::joins_batch(const step &next, const l2fib_mac_edm_entry_t &descriptor) const
 {
-    const bool is_in_cache = context_.records[next.entry].is_fed;
     if (!is_fed_by(next.now)) {
-        return !is_in_cache && next.now != standing::none;
+        return !next.was_fed && next.now != standing::none;
     }
-    return (!is_in_cache || context_.records.place(next.entry) == next.place)
+    return (!next.was_fed || context_.records.place(next.entry) == next.place)
            && (descriptor.flags & EDM_MAC_ON_DUMMY_PORT) == 0 && !context_.shadow.terms_of(next.entry).self
            && limit_.has_room_for(batch_.descriptor_count + 1);
 }
@@ -100,11 +100,9 @@ void cache_feed::settle_batch()
     for (size_t at = 0; at < batch_.step_count; at++) {
         const step &settled = batch_.steps[at];
         if (is_fed_by(settled.now)) {
-            const feed_record &record = context_.records[settled.entry];
-            const bool was_fed = record.is_fed;
             note_status(settled, batch_.descriptors[fed], statuses[fed]);
-            if (!was_fed && record.is_fed) {
-                history_.follow_new(settled.entry);
+            if (!settled.was_fed && statuses[fed] == 0) {
+                history_.follow_new(settled.entry, settled.place);
             }
             fed++;
         } else {
@@ -173,7 +171,7 @@ void cache_feed::feed_renamed_entry(uint32_t entry)
 
 void cache_feed::feed(const step &planned, const l2fib_mac_edm_entry_t &descriptor)
 {
-    const auto &[entry, now, place] = planned;
+    const auto &[entry, now, was_fed, place] = planned;
     const fed_place &before = context_.records.place(entry);
     if (before.xcid != place.xcid || before.bridge_id != place.bridge_id) {
         withdraw(entry);

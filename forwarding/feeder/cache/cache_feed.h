@@ -59,6 +59,7 @@ private:
     struct step {
         uint32_t entry;
         standing now;
+        bool was_fed;    // the cache held it when this was planned
         fed_place place; // where it is to be fed, if `now` is fed or of_flood_list
     };
 

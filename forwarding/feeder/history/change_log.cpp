@@ -23,12 +23,6 @@ bool is_move_or_departure(change_kind kind)
     return kind == change_kind::moved || kind == change_kind::aged || kind == change_kind::removed;
 }
 
-uint32_t stay_of(int64_t since_ms, int64_t until_ms)
-{
-    const int64_t seconds = std::max<int64_t>(0, until_ms - since_ms) / ms_per_second;
-    return since_ms != 0 ? static_cast<uint32_t>(std::min<int64_t>(seconds, unknown_stay - 1)) : unknown_stay;
-}
-
 // Identifies an address of a bridge domain.
 uint64_t flap_key(const move_record &move)
 {
@@ -71,7 +65,7 @@ void change_log::add(const noted_change &change, int64_t now_ms)
     if (is_move) {
         moves_.reserve();
     }
-    count(change, 0);
+    const changed_counts counts = counts_of(change);
     kept_event event{.time_ms = now_ms,
                      .flags = change.place.flags,
                      .mac = change.mac,
@@ -79,7 +73,11 @@ void change_log::add(const noted_change &change, int64_t now_ms)
                      .by_limit = change.by_limit};
     join_places(change, event);
     put(event);
-    count(change, 1);
+    for (uint64_t *count : counts) {
+        if (count != nullptr) {
+            ++*count;
+        }
+    }
     if (is_move) {
         keep_move(event, change.was_since_ms);
     }
@@ -109,6 +107,7 @@ void change_log::put(const kept_event &event)
         leave(goes->place, goes->before);
     }
     events_.add(event);
+    of_kinds_[static_cast<size_t>(event.kind)]++;
 }
 
 void change_log::keep_move(const kept_event &event, int64_t was_since_ms)
@@ -117,7 +116,7 @@ void change_log::keep_move(const kept_event &event, int64_t was_since_ms)
     const kept_move move{.time_ms = event.time_ms,
                          .place = has_moved ? event.place : no_slot,
                          .before = has_moved ? event.before : event.place,
-                         .stayed_s = stay_of(was_since_ms, event.time_ms),
+                         .was_since_s = static_cast<uint32_t>(was_since_ms / ms_per_second),
                          .mac = event.mac,
                          .kind = event.kind,
                          .by_limit = event.by_limit};
@@ -142,14 +141,12 @@ void change_log::leave(uint32_t place, uint32_t before)
     }
 }
 
-// Adds `by` to the changes of the bridge domain and of the ports. 0 makes room for the counts.
-void change_log::count(const noted_change &change, uint64_t by)
+// Returns the counts of the bridge domain and of the ports.
+change_log::changed_counts change_log::counts_of(const noted_change &change)
 {
-    of_domains_[change.place.bridge_id] += by;
-    of_ports_[change.place.xcid] += by;
-    if (has_before(change.kind) && change.before.xcid != change.place.xcid) {
-        of_ports_[change.before.xcid] += by;
-    }
+    const bool has_left_port = has_before(change.kind) && change.before.xcid != change.place.xcid;
+    return {&of_domains_[change.place.bridge_id], &of_ports_[change.place.xcid],
+            has_left_port ? &of_ports_[change.before.xcid] : nullptr};
 }
 
 void change_log::begin(int64_t now_ms)
@@ -252,7 +249,6 @@ void change_log::wake() const
 move_record change_log::move_at(uint64_t number) const
 {
     const kept_move &move = moves_.ring()[number];
-    const int64_t stayed_ms = int64_t{move.stayed_s} * ms_per_second;
     return {number,
             move.time_ms,
             move.kind,
@@ -260,7 +256,7 @@ move_record change_log::move_at(uint64_t number) const
             move.mac,
             view_of(move.place),
             view_of(move.before),
-            move.stayed_s != unknown_stay ? move.time_ms - stayed_ms : 0};
+            move.was_since_s * ms_per_second};
 }
 
 // Copies records with numbers below `before`, in one hold of the mutex, and moves `before` to the last one. Returns
@@ -360,7 +356,7 @@ history_view change_log::view() const
 {
     const base::scoped_lock hold(mutex_);
     return {events_.size(), events_.newest(), moves_.keeps_any() ? moves_.ring().size() : 0,
-            events_.bytes() + moves_.bytes()};
+            events_.bytes() + moves_.bytes(), of_kinds_};
 }
 
 } // namespace forwarding

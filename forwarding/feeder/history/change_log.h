@@ -8,8 +8,8 @@
 //        \---> ring of moves -------> read_moves, find_flaps
 //         \--> counts of changes ---> domain_changes, port_changes
 //
-// Memory. An event takes 32 bytes, a move 40 with its share of the index. The names of places come on top: about 200
-// bytes for each place that kept records name.
+// Memory. An event takes 32 bytes, a move 37 with its share of the index (at the default limits). The names of places
+// come on top: about 200 bytes for each place that kept records name.
 //
 // Threads: any thread, except where a function says otherwise. A mutex guards everything. A reader holds it for at most
 // `records_per_hold` records. The table lock may be held around it, and the mutex of the registry is taken inside.
@@ -87,11 +87,13 @@ private:
     };
     static_assert(sizeof(kept_event) == 32);
 
+    using changed_counts = std::array<uint64_t *, 3>; // a null one does not count
+
     void join_places(const noted_change &change, kept_event &event) L2FIB_REQUIRES(mutex_);
     void put(const kept_event &event) L2FIB_REQUIRES(mutex_);
     void keep_move(const kept_event &event, int64_t was_since_ms) L2FIB_REQUIRES(mutex_);
     void leave(uint32_t place, uint32_t before) L2FIB_REQUIRES(mutex_);
-    void count(const noted_change &change, uint64_t by) L2FIB_REQUIRES(mutex_);
+    changed_counts counts_of(const noted_change &change) L2FIB_REQUIRES(mutex_);
     std::shared_ptr<const place_view> view_of(uint32_t place) const L2FIB_REQUIRES(mutex_);
     change_event event_at(uint64_t number) const L2FIB_REQUIRES(mutex_);
     move_record move_at(uint64_t number) const L2FIB_REQUIRES(mutex_);
@@ -104,6 +106,7 @@ private:
     number_ring<kept_event> events_ L2FIB_GUARDED_BY(mutex_);
     move_log moves_ L2FIB_GUARDED_BY(mutex_);
     int64_t moves_since_ms_ L2FIB_GUARDED_BY(mutex_) = 0; // everything since then is kept
+    std::array<uint64_t, change_kinds> of_kinds_ L2FIB_GUARDED_BY(mutex_) = {};
     std::unordered_map<uint16_t, uint64_t> of_domains_ L2FIB_GUARDED_BY(mutex_);
     std::unordered_map<uint32_t, uint64_t> of_ports_ L2FIB_GUARDED_BY(mutex_);
     uint64_t published_ L2FIB_GUARDED_BY(mutex_) = 0; // newest event of which waiting readers know

@@ -12,9 +12,9 @@
 //      times.at(5)                     // 10'000
 //      times.at(6)                     // 12'000
 //
-// A time may be too early, never too late: by less than a second, and by a 4,096th of the time that has passed since.
-// The list then has at most 64 K points (1 MiB): times that are farther back lie farther apart. If it is full
-// nevertheless, because the system's clock was set, it drops every second point.
+// A time may be too early, never too late: by less than a second within the last hour, and before by at most a 2,048th
+// of the time that has passed since. So the list has at most 64 K points (1 MiB). If it is full nevertheless, because
+// the system's clock was set, it drops every second point.
 //
 // Threads: the cache thread, without a lock.
 #pragma once

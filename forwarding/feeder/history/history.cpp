@@ -109,6 +109,9 @@ bool history::is_of_start(uint32_t entry) const
 
 void history::add(change_kind kind, uint32_t entry, const held_entry &before)
 {
+    if (!has_begun_) {
+        return;
+    }
     const bool has_gone = kind == change_kind::aged || kind == change_kind::removed;
     add({.kind = kind,
          .by_limit = has_gone && context_.records[entry].is_missing,
@@ -121,9 +124,6 @@ void history::add(change_kind kind, uint32_t entry, const held_entry &before)
 // An event for which there is no memory counts as lost.
 void history::add(const noted_change &change)
 {
-    if (!has_begun_) {
-        return;
-    }
     try {
         log_->add(change, epoch_ms());
     } catch (const std::bad_alloc &) {

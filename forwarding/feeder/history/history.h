@@ -50,10 +50,11 @@ public:
     held_entry held(uint32_t entry) const;
     // Adds what has happened to an entry since `before`.
     void follow(uint32_t entry, const held_entry &before);
-    // As follow, for an entry that the cache did not hold before and holds now.
-    void follow_new(uint32_t entry)
+    // As follow, for an entry that the cache did not hold before and holds now at `place`. Before events begin, only
+    // flood lists are followed, which VXLAN ports have.
+    void follow_new(uint32_t entry, const fed_place &place)
     {
-        if (has_begun_ || context_.shadow.entries[entry].mac == mac_address{}) {
+        if (has_begun_ || (place.is_tunnel && context_.shadow.entries[entry].mac == mac_address{})) {
             follow(entry, {});
         }
     }

@@ -23,14 +23,12 @@ struct kept_move {
     int64_t time_ms = 0;       // since the epoch
     uint32_t place = no_slot;  // in the book; no_slot unless moved
     uint32_t before = no_slot; // likewise; always set
-    uint32_t stayed_s = 0;     // how long it was at `before`; unknown_stay: unknown
+    uint32_t was_since_s = 0;  // when it came to `before`, since the epoch; 0: unknown
     uint32_t chain = 0;        // how much lower the number of the next record of the chain is; 0: the chain ends
     mac_address mac = {};
     change_kind kind = change_kind::moved;
     bool by_limit = false;
 };
-
-inline constexpr uint32_t unknown_stay = UINT32_MAX;
 
 static_assert(sizeof(kept_move) == 32, "a hundred thousand of these exist");
 

@@ -129,6 +129,12 @@ uint64_t entry_counters::all_of_domain(uint16_t bridge_id) const
     return uint64_t{of.plain} + of.fixed + of.local + of.both;
 }
 
+kind_counts entry_counters::kinds_of_domain(uint16_t bridge_id) const
+{
+    const domain_counters &of = of_domains_[bridge_id];
+    return {.learned = of.plain, .fixed = of.fixed + of.both, .local = of.local};
+}
+
 uint64_t entry_counters::all_of_port(uint32_t port) const
 {
     const edm_mac_counters_t &of = of_ports_[port];

@@ -44,6 +44,7 @@ public:
 
     void read_domain(uint16_t bridge_id, edm_mac_counters_t &counters) const;
     uint64_t all_of_domain(uint16_t bridge_id) const;
+    kind_counts kinds_of_domain(uint16_t bridge_id) const;
     // Adds the entries that are not fed, by reason.
     void add_to(health_view &view) const;
     uint64_t of_standing(standing which) const { return standings_[static_cast<size_t>(which)]; }

@@ -28,8 +28,9 @@ void doubt::follow_report(uint32_t entry)
         record.is_contested = true;
     }
     record.was_alive = alive;
-    record.is_surely_gone = record.is_surely_gone && !alive;
-    record.has_aged = record.has_aged && !alive;
+    if (alive) {
+        record.is_surely_gone = record.has_aged = false;
+    }
     record.touched_ms = now;
 }
 

@@ -26,9 +26,10 @@ constexpr uint32_t ntf_ext_locked = 1U << 1;          // NTF_EXT_LOCKED
 constexpr uint8_t activity_notify_inactive = 1U << 1; // FDB_NOTIFY_INACTIVE_BIT
 
 constexpr int64_t ms_per_second = 1000;
-constexpr uint32_t ms_per_ageing_tick = 10; // ageing times are in hundredths of a second on every kernel
-constexpr size_t ipv4_size = 4;             // bytes of an address
-constexpr int max_error_number = 4095;      // the kernel's MAX_ERRNO
+constexpr uint32_t ms_per_ageing_tick = 10;  // ageing times are in hundredths of a second on every kernel
+constexpr size_t ipv4_size = 4;              // bytes of an address
+constexpr int max_error_number = 4095;       // the kernel's MAX_ERRNO
+constexpr size_t max_attribute = UINT16_MAX; // bytes
 
 // An attribute where it lies in the message.
 struct attribute {
@@ -188,6 +189,14 @@ bool read_vlan_vni(std::span<const std::byte> payload, vlan_vni &row)
     });
 }
 
+// Adds the VLANs from `first` to `last`. Their VNIs count up with them.
+void add_vni_range(const vlan_vni &first, uint16_t last, vni_by_vlan &vnis)
+{
+    for (uint16_t vlan = first.vlan; vlan <= last; vlan++) {
+        vnis[vlan] = first.vni + (vlan - uint32_t{first.vlan});
+    }
+}
+
 // Adds a row to the map. Two rows may stand for a range, in which VLANs and VNIs both count up:
 //
 //      vlan 10 vni 1010 RANGE_BEGIN, vlan 12 vni 1012 RANGE_END    10 -> 1010, 11 -> 1011, 12 -> 1012
@@ -202,9 +211,7 @@ bool add_vlan_vnis(const vlan_vni &row, vlan_vni &range_begin, vni_by_vlan &vnis
     if (row.vlan >= max_vlans || first.vlan > row.vlan) {
         return false;
     }
-    for (uint16_t vlan = first.vlan; vlan <= row.vlan; vlan++) {
-        vnis[vlan] = first.vni + (vlan - uint32_t{first.vlan});
-    }
+    add_vni_range(first, row.vlan, vnis);
     return true;
 }
 
@@ -241,19 +248,77 @@ bool read_vlans(std::span<const std::byte> rows, kernel_message &message)
     });
 }
 
+void begin_port(uint32_t ifindex, kernel_message &message)
+{
+    message.link = {};
+    message.link.ifindex = ifindex;
+    message.vnis.clear();
+    message.vlans.reset();
+}
+
 // Decodes the state of a bridge port. Each message has the port's whole map and all its VLANs. One that reports that
 // the port left its bridge (`gone`) has neither.
+//
+// All of it is one attribute. If the message is longer than an attribute can be, the kernel wrote a wrong length there.
 kernel_message_kind decode_bridge_port(const ifinfomsg &head, std::span<const std::byte> attributes, bool gone,
                                        kernel_message &message)
 {
-    message.link = {};
-    message.link.ifindex = static_cast<uint32_t>(head.ifi_index);
-    message.vnis.clear();
-    message.vlans.reset();
+    begin_port(static_cast<uint32_t>(head.ifi_index), message);
+    if (!gone && head.ifi_index > 0 && attributes.size() > max_attribute) {
+        return kernel_message_kind::vlans_cut;
+    }
     const bool read_all = gone || each_attribute(attributes, [&message](const attribute &found) {
                               return found.type != IFLA_AF_SPEC || read_vlans(found.payload, message);
                           });
     return read_all && head.ifi_index > 0 ? kernel_message_kind::vlan_vnis : kernel_message_kind::malformed;
+}
+
+bool read_tunnel_id(std::span<const std::byte> payload, std::optional<uint32_t> &vni)
+{
+    return each_attribute(payload, [&vni](const attribute &found) {
+        return found.type != BRIDGE_VLANDB_TINFO_ID || read(found.payload, vni.emplace());
+    });
+}
+
+// Adds a VLAN or a range of VLANs. VLANs that have VNIs share a range only if their VNIs count up with them.
+bool read_vlan_row(std::span<const std::byte> payload, kernel_message &message)
+{
+    bridge_vlan_info first{};
+    uint16_t last = 0; // 0: no range
+    std::optional<uint32_t> vni;
+    const bool read_all = each_attribute(payload, [&](const attribute &found) {
+        switch (found.type) {
+        case BRIDGE_VLANDB_ENTRY_INFO: return read(found.payload, first);
+        case BRIDGE_VLANDB_ENTRY_RANGE: return read(found.payload, last);
+        case BRIDGE_VLANDB_ENTRY_TUNNEL_INFO: return read_tunnel_id(found.payload, vni);
+        default: return true;
+        }
+    });
+    last = std::max(last, first.vid);
+    if (!read_all || first.vid == 0 || last >= max_vlans) {
+        return false;
+    }
+    for (uint16_t vlan = first.vid; vlan <= last; vlan++) {
+        message.vlans.set(vlan);
+    }
+    if (vni) {
+        add_vni_range({*vni, first.vid}, last, message.vnis);
+    }
+    return true;
+}
+
+kernel_message_kind decode_vlan_rows(std::span<const std::byte> payload, kernel_message &message)
+{
+    br_vlan_msg head{};
+    if (payload.size() < sizeof(head)) {
+        return kernel_message_kind::malformed;
+    }
+    std::memcpy(&head, payload.data(), sizeof(head));
+    begin_port(head.ifindex, message);
+    const bool read_all = each_attribute(payload.subspan(sizeof(head)), [&message](const attribute &found) {
+        return found.type != BRIDGE_VLANDB_ENTRY || read_vlan_row(found.payload, message);
+    });
+    return read_all && head.ifindex != 0 ? kernel_message_kind::vlan_rows : kernel_message_kind::malformed;
 }
 
 kernel_message_kind decode_link(std::span<const std::byte> payload, bool gone, kernel_message &message)
@@ -465,6 +530,7 @@ kernel_message_kind decode_payload(uint16_t type, std::span<const std::byte> pay
     switch (type) {
     case RTM_NEWLINK: return decode_link(payload, false, message);
     case RTM_DELLINK: return decode_link(payload, true, message);
+    case RTM_NEWVLAN: return decode_vlan_rows(payload, message);
     case RTM_NEWNEIGH: return decode_fdb(payload, false, clock, message.fdb);
     case RTM_DELNEIGH: return decode_fdb(payload, true, clock, message.fdb);
     case RTM_DELNEXTHOP: return decode_next_hop_gone(payload, message);

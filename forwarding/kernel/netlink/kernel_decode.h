@@ -41,6 +41,8 @@ enum class kernel_message_kind : uint8_t {
     fdb_gone,      // `fdb`
     next_hop_gone, // `next_hop` and `for_entries`
     vlan_vnis,     // the state of a bridge port: `vnis`, `vlans`, and the interface index in `link`
+    vlan_rows,     // likewise, but a part of the state only. A dump of one port's VLANs has several parts.
+    vlans_cut,     // the interface index of a bridge port in `link`; its state is too long for such a message
     done,          // the end of a dump; `error` if the dump failed
     error,         // the end of a request; `error` is 0 if it succeeded
 };

@@ -3,6 +3,7 @@
 #include "forwarding/kernel/netlink/kernel_request.h"
 
 #include <libmnl/libmnl.h>
+#include <linux/if_bridge.h>
 #include <linux/if_link.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
@@ -50,6 +51,15 @@ size_t put_entry_dump(std::span<std::byte> buffer, uint32_t sequence, uint16_t f
     return head->nlmsg_len;
 }
 
+size_t put_vlan_dump(std::span<std::byte> buffer, uint32_t sequence, uint32_t ifindex)
+{
+    nlmsghdr *const head = put_header(buffer, RTM_GETVLAN, NLM_F_DUMP, sequence);
+    auto &question = put_extra_header<br_vlan_msg>(head);
+    question.family = AF_BRIDGE;
+    question.ifindex = ifindex;
+    return head->nlmsg_len;
+}
+
 } // namespace
 
 size_t kernel_put_dump(std::span<std::byte> buffer, uint32_t sequence, kernel_scope scope, uint32_t ifindex)
@@ -59,6 +69,7 @@ size_t kernel_put_dump(std::span<std::byte> buffer, uint32_t sequence, kernel_sc
     case kernel_scope::vlan_vnis: return put_link_dump(buffer, sequence, AF_BRIDGE, RTEXT_FILTER_BRVLAN_COMPRESSED);
     case kernel_scope::bridge: return put_entry_dump(buffer, sequence, NDA_MASTER, ifindex);
     case kernel_scope::entries: return put_entry_dump(buffer, sequence, NDA_UNSPEC, 0);
+    case kernel_scope::port_vlans: return put_vlan_dump(buffer, sequence, ifindex);
     default: return put_entry_dump(buffer, sequence, NDA_IFINDEX, ifindex);
     }
 }

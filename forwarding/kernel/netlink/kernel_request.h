@@ -21,10 +21,11 @@ inline constexpr size_t kernel_request_size = 64;
 
 enum class kernel_scope : uint8_t {
     links,
-    vlan_vnis, // the VLANs and VLAN-to-VNI maps of all bridge ports
-    bridge,    // the bridge's entries, and the own entries of its ports
-    device,    // the device's own entries, and its bridge's entries on it
-    entries,   // of all bridges and devices
+    vlan_vnis,  // the VLANs and VLAN-to-VNI maps of all bridge ports
+    bridge,     // the bridge's entries, and the own entries of its ports
+    device,     // the device's own entries, and its bridge's entries on it
+    entries,    // of all bridges and devices
+    port_vlans, // as vlan_vnis, for one port and in as many messages as it takes
 };
 
 // `sequence` comes back in every message of the reply. `ifindex` is the bridge or device, ignored for other scopes.

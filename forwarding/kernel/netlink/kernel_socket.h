@@ -22,6 +22,10 @@ namespace forwarding {
 // Room for one datagram. The kernel fills up to 32 KiB of a dump into one; twice that leaves room for later kernels.
 inline constexpr size_t kernel_buffer_size = size_t{64} << 10;
 
+// Room for the longest message, which is the state of a bridge port: 4,094 VLANs of 8 bytes and as many rows of 28
+// bytes that map them to VNIs.
+inline constexpr size_t kernel_message_room = size_t{160} << 10;
+
 struct kernel_socket {
     mnl_socket *handle = nullptr;
 

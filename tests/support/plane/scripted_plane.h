@@ -113,7 +113,7 @@ struct scripted : plane {
     base::result start(event_manager_t *, sink &sink_of_shadow_table) override
     {
         to = &sink_of_shadow_table;
-        list(true);
+        list(starts_clean);
         return base::success();
     }
     void drain() override
@@ -188,6 +188,7 @@ struct scripted : plane {
     size_t mute_keys = 0;                            // answers that it does not know next
     std::function<void()> before_drain, after_query; // the latter is called once
     bool silent = false;
+    bool starts_clean = true; // the first full dump
     std::atomic<bool> clean{false};
     std::atomic<size_t> asked{0};
     std::atomic<size_t> relisted{0};
