@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
 // l2fibctl prints the tables of a running l2fibd. It is a thin client of the daemon's HTTP API (docs/api.md);
-// docs/operations.md describes its use.
+// docs/client.md describes its use.
 
 #include <csignal>
 #include <exception>

@@ -27,7 +27,7 @@ start_world()
     local -A options=(
         [leaf]="--group leaf1 --recorded $REPOSITORY/examples/recorded/leaf"
         [tunnels]="--group lab --recorded $REPOSITORY/examples/recorded/tunnels"
-        [moving]="--group lab --generate bridges=2,ports=4,macs=400,vteps=2,churn=200/s,seed=7"
+        [moving]="--group lab --generate bridges=2,ports=4,macs=400,vteps=2,churn=2000/s,seed=7"
         [full]="--group lab --mac-limit 100 --generate bridges=2,ports=4,macs=400,vteps=2,churn=0/s,seed=7"
     )
     [[ -n ${options[$1]-} ]] || { echo "$1: no such world; expected one of ${!options[*]}" && return 1; }
