@@ -85,7 +85,7 @@ void write_move(json_writer &json, const forwarding::move_record &move)
         write_place(json, present, *move.place);
     }
     if (move.was_since_ms != 0) {
-        write_time_ms(json, "was-since", move.was_since_ms);
+        write_since(json, "was-since", move.was_since_ms);
     }
     write_reason(json, move.by_limit);
     json.end_object();

@@ -41,6 +41,16 @@ constexpr flag_name flag_names[] = {
 
 constexpr std::string_view origin_words[forwarding::row_origins] = {"learned", "static", "local"};
 
+} // namespace
+
+void write_since(json_writer &json, std::string_view name, int64_t since_ms)
+{
+    constexpr int64_t second_ms = 1000;
+    json.formatted_member(name, [&](char *at) { return base::write_utc_text(at, since_ms / second_ms); });
+}
+
+namespace {
+
 void write_times(json_writer &json, const forwarding::mac_row &row, bool is_ordered)
 {
     json.member("age", row.age);
@@ -48,7 +58,7 @@ void write_times(json_writer &json, const forwarding::mac_row &row, bool is_orde
         json.formatted_member("last-seen", [&](char *at) { return base::write_utc_text(at, row.last_seen); });
     }
     if (row.since_ms != 0) {
-        json.formatted_member("since", [&](char *at) { return base::write_utc_ms_text(at, row.since_ms); });
+        write_since(json, "since", row.since_ms);
     }
     if (is_ordered && row.time_left) {
         json.member("time-left", *row.time_left);

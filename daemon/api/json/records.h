@@ -31,6 +31,10 @@ inline void write_mac(json_writer &json, std::string_view name, const forwarding
 // Writes `origin` and `flags`, from EDM_MAC_ and EDM_MAC_EXT_ bits.
 void write_flags(json_writer &json, uint16_t flags, uint16_t ext_flags);
 
+// Writes when an entry came to a place, in milliseconds since the epoch. The text has whole seconds: that is how exact
+// these times are.
+void write_since(json_writer &json, std::string_view name, int64_t since_ms);
+
 // Shows the time that is left with `is_ordered`, in the lists of mac-aging.
 void write_row(json_writer &json, const forwarding::mac_row &row, bool is_ordered);
 
