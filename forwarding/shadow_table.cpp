@@ -664,8 +664,47 @@ uint32_t shadow_table::group_for(const port_key &on, uint32_t entry)
 void shadow_table::join_group(uint32_t entry)
 {
     const uint32_t group = group_for(ports[entries[entry].port].key, entry);
-    entries[entry].member = members_.take();
-    link_to_group(entry, group);
+    const shadow_group &to = groups[group];
+    if (is_pair(to) && to.first == to.last) {
+        link_to_pair(entry, group);
+    } else {
+        if (is_pair(to)) {
+            end_pair(group);
+        }
+        entries[entry].member = members_.take();
+        link_to_group(entry, group);
+    }
+    groups[group].of_bridge += terms_of(entry).self ? 0U : 1U;
+}
+
+// Whether the entries of a group have no group_member; so in a group without entries.
+bool shadow_table::is_pair(const shadow_group &group) const
+{
+    return group.first == no_slot || (entries[group.first].member & in_pair) != 0;
+}
+
+// Adds an entry to a group of one entry or none.
+void shadow_table::link_to_pair(uint32_t entry, uint32_t group)
+{
+    shadow_group &to = groups[group];
+    const bool is_only = to.first == no_slot;
+    const bool in_front = terms_of(entry).self;
+    to.first = is_only || in_front ? entry : to.first;
+    to.last = is_only || !in_front ? entry : to.last;
+    entries[entry].member = group | in_pair;
+}
+
+// Gives the two entries of a pair a group_member each, before a third one joins.
+void shadow_table::end_pair(uint32_t group)
+{
+    const uint32_t first = groups[group].first;
+    const uint32_t last = groups[group].last;
+    const uint32_t of_first = members_.take();
+    const uint32_t of_last = members_.take();
+    members_[of_first] = {group, last, no_slot};
+    members_[of_last] = {group, no_slot, first};
+    entries[first].member = of_first;
+    entries[last].member = of_last;
 }
 
 void shadow_table::link_to_group(uint32_t entry, uint32_t group)
@@ -679,26 +718,38 @@ void shadow_table::link_to_group(uint32_t entry, uint32_t group)
     joining.prev = in_front ? no_slot : to.last;
     (joining.next != no_slot ? member_of(joining.next).prev : to.last) = entry;
     (joining.prev != no_slot ? member_of(joining.prev).next : to.first) = entry;
-    to.of_bridge += in_front ? 0U : 1U;
 }
 
 void shadow_table::leave_group(uint32_t entry)
 {
-    const uint32_t member = std::exchange(entries[entry].member, no_slot);
-    if (member == no_slot) {
+    const uint32_t group = group_of(entry);
+    if (group == no_slot) {
         return;
     }
+    shadow_group &from = groups[group];
+    const uint32_t member = std::exchange(entries[entry].member, no_slot);
+    if ((member & in_pair) == 0) {
+        unlink_from_group(member);
+    } else {
+        const uint32_t other = from.first == entry ? from.last : from.first;
+        from.first = from.last = other != entry ? other : no_slot;
+    }
+    from.of_bridge -= terms_of(entry).self ? 0U : 1U;
+    if (from.first == no_slot) {
+        const uint32_t ifindex = ports[entries[entry].port].key.ifindex;
+        groups_by_key_.erase(hash_of(ifindex, from.vni, entries[entry].mac), group, group_hash());
+        groups.give_back(group);
+    }
+}
+
+// Takes an entry with a group_member out of its group.
+void shadow_table::unlink_from_group(uint32_t member)
+{
     const auto member_of = [this](uint32_t of) -> group_member & { return members_[entries[of].member]; };
     const group_member leaving = members_[member];
     shadow_group &from = groups[leaving.group];
     (leaving.prev != no_slot ? member_of(leaving.prev).next : from.first) = leaving.next;
     (leaving.next != no_slot ? member_of(leaving.next).prev : from.last) = leaving.prev;
-    from.of_bridge -= terms_of(entry).self ? 0U : 1U;
-    if (from.first == no_slot) {
-        const uint32_t ifindex = ports[entries[entry].port].key.ifindex;
-        groups_by_key_.erase(hash_of(ifindex, from.vni, entries[entry].mac), leaving.group, group_hash());
-        groups.give_back(leaving.group);
-    }
     members_.give_back(member);
 }
 

@@ -156,7 +156,15 @@ struct shadow_group {
     uint32_t of_bridge = 0; // number of the bridge's entries
 };
 
-// The place of an entry in a group.
+// The place of an entry in a group, for groups of three or more. Nearly all groups are pairs: an address of the device
+// and the bridge's entry for it. The entries of a pair, or of a group with one entry, need no such place, because the
+// group names them:
+//
+//      shadow_entry::member    in_pair | number of the group         a group that never had three entries
+//                              number of the group_member            any other group
+//                              no_slot                               in no group
+inline constexpr uint32_t in_pair = uint32_t{1} << 31;
+
 struct group_member {
     uint32_t group = no_slot;
     uint32_t next = no_slot; // neighbours in the group: entries
@@ -239,12 +247,23 @@ public:
 
     // Walk the entries of a group: the first one, and the one behind another. no_slot: there is none.
     uint32_t first_of_group(uint32_t group) const { return group != no_slot ? groups[group].first : no_slot; }
-    uint32_t next_of_group(uint32_t entry) const { return members_[entries[entry].member].next; }
+    uint32_t next_of_group(uint32_t entry) const
+    {
+        const uint32_t member = entries[entry].member;
+        if ((member & in_pair) == 0) {
+            return members_[member].next;
+        }
+        const shadow_group &pair = groups[member & ~in_pair];
+        return pair.first == entry && pair.last != entry ? pair.last : no_slot;
+    }
     // The group of an entry, or no_slot.
     uint32_t group_of(uint32_t entry) const
     {
         const uint32_t member = entries[entry].member;
-        return member != no_slot ? members_[member].group : no_slot;
+        if (member == no_slot) {
+            return no_slot;
+        }
+        return (member & in_pair) != 0 ? member & ~in_pair : members_[member].group;
     }
 
     // Removes a living entry, whatever port it is on. The listener calls it when it is sure that the entry has gone.
@@ -320,8 +339,12 @@ private:
     void unlink_from_port(uint32_t entry);
     uint32_t group_for(const port_key &on, uint32_t entry);
     void join_group(uint32_t entry);
+    bool is_pair(const shadow_group &group) const;
+    void link_to_pair(uint32_t entry, uint32_t group);
+    void end_pair(uint32_t group);
     void link_to_group(uint32_t entry, uint32_t group);
     void leave_group(uint32_t entry);
+    void unlink_from_group(uint32_t member);
     void affect_group(uint32_t group, uint32_t except);
     void renumber_dumps();
     void drop_unreported_links();

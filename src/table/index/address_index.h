@@ -135,13 +135,12 @@ address_answer address_index_find(const address_probe &probe, const l2fm_edm_bp_
 // How an entry was counted last (table/records/mac_entry.cpp). Members are aligned to 16 bytes, so the low bits of the
 // pointer to an entry's member are free for it:
 //
-//      same_addr    | member or null                     | 3 bits: kind | 1 bit: counted |
-constexpr uintptr_t counted_mask = 1;
-constexpr unsigned kind_shift = 1;
+//      same_addr    | member or null                     | 1 bit: counted | 3 bits: kind |
 constexpr uintptr_t kind_mask = 7;
+constexpr uintptr_t counted_mask = 8;
 constexpr uintptr_t member_alignment = 16;
 constexpr uintptr_t count_mask = member_alignment - 1;
-static_assert((kind_mask << kind_shift | counted_mask) == count_mask);
+static_assert((counted_mask | kind_mask) == count_mask);
 
 inline bool is_counted(const l2fm_edm_mac_t *mac)
 {
@@ -150,12 +149,12 @@ inline bool is_counted(const l2fm_edm_mac_t *mac)
 
 inline uint32_t counted_as(const l2fm_edm_mac_t *mac)
 {
-    return static_cast<uint32_t>(mac->same_addr >> kind_shift & kind_mask);
+    return static_cast<uint32_t>(mac->same_addr & kind_mask);
 }
 
 inline void set_counted_as(l2fm_edm_mac_t *mac, uint32_t kind)
 {
-    mac->same_addr = (mac->same_addr & ~count_mask) | (kind & kind_mask) << kind_shift | counted_mask;
+    mac->same_addr = (mac->same_addr & ~count_mask) | counted_mask | (kind & kind_mask);
 }
 
 } // namespace edm
