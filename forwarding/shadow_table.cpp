@@ -108,6 +108,26 @@ shadow_table::shadow_table(shadow_listener &listener)
     : listener_(listener)
 {}
 
+// What the indexes ask for the hashes of their slots.
+
+auto shadow_table::entry_hash() const
+{
+    return [this](uint32_t entry) { return hash_of(key_of(entry)); };
+}
+
+auto shadow_table::port_hash() const
+{
+    return [this](uint32_t port) { return hash_of(ports[port].key); };
+}
+
+auto shadow_table::group_hash() const
+{
+    return [this](uint32_t group) {
+        const uint32_t first = groups[group].first;
+        return hash_of(terms_of(first).ifindex, groups[group].vni, entries[first].mac);
+    };
+}
+
 // ---- Look-ups ----
 
 uint32_t shadow_table::find(const fdb_key &key) const
@@ -411,7 +431,7 @@ uint32_t shadow_table::port_at(const port_key &key)
     }
     const uint32_t port = ports.take();
     ports[port].key = key;
-    ports_by_key_.insert(hash_of(key), port);
+    ports_by_key_.insert(hash_of(key), port, port_hash());
     link(key.ifindex).ports.push_back(port);
     if (key.master != 0) {
         ports[port].domain = domain_at(key.master, key.vlan);
@@ -444,7 +464,7 @@ void shadow_table::end_port(uint32_t port)
         drop(domains[ports[port].domain].ports, port);
     }
     drop(link(ports[port].key.ifindex).ports, port);
-    ports_by_key_.erase(hash_of(ports[port].key), port);
+    ports_by_key_.erase(hash_of(ports[port].key), port, port_hash());
     ports.give_back(port);
 }
 
@@ -499,7 +519,7 @@ uint32_t shadow_table::file(const fdb_record &record)
     const fdb_key key = forwarding::key_of(record);
     const uint32_t found = find(key);
     const uint32_t entry = found != no_slot ? found : add(key, record);
-    entries[entry].full_dump = full_dump() & max_full_dump;
+    entries[entry].full_dump = full_dump() & full_dump_mask;
     if (entries[entry].alive) {
         update(entry, record);
         return entry;
@@ -527,7 +547,7 @@ uint32_t shadow_table::add(const fdb_key &key, const fdb_record &record)
 {
     const uint32_t entry = entries.take();
     set_record(entry, record);
-    entries_by_key_.insert(hash_of(key), entry);
+    entries_by_key_.insert(hash_of(key), entry, entry_hash());
     return entry;
 }
 
@@ -562,7 +582,9 @@ void shadow_table::update(uint32_t entry, const fdb_record &record)
     if (equals_but_age(entry, record)) {
         unchanged++;
         const bool has_aged = record.updated_ms != 0 && record.updated_ms != known.updated_ms;
-        known.updated_ms = has_aged ? record.updated_ms : known.updated_ms;
+        if (has_aged) {
+            known.updated_ms = record.updated_ms;
+        }
         listener_.entry_confirmed(entry, has_aged);
         return;
     }
@@ -592,7 +614,7 @@ void shadow_table::remove(uint32_t entry)
 
 void shadow_table::release(uint32_t entry)
 {
-    entries_by_key_.erase(hash_of(key_of(entry)), entry);
+    entries_by_key_.erase(hash_of(key_of(entry)), entry, entry_hash());
     terms_.leave(entries[entry].terms);
     entries.give_back(entry);
 }
@@ -636,15 +658,54 @@ uint32_t shadow_table::group_for(const port_key &on, uint32_t entry)
     }
     const uint32_t group = groups.take();
     groups[group].vni = group_vni(on, mac);
-    groups_by_key_.insert(hash_of(on.ifindex, groups[group].vni, mac), group);
+    groups_by_key_.insert(hash_of(on.ifindex, groups[group].vni, mac), group, group_hash());
     return group;
 }
 
 void shadow_table::join_group(uint32_t entry)
 {
     const uint32_t group = group_for(ports[entries[entry].port].key, entry);
-    entries[entry].member = members_.take();
-    link_to_group(entry, group);
+    const shadow_group &to = groups[group];
+    if (is_pair(to) && to.first == to.last) {
+        link_to_pair(entry, group);
+    } else {
+        if (is_pair(to)) {
+            end_pair(group);
+        }
+        entries[entry].member = members_.take();
+        link_to_group(entry, group);
+    }
+    groups[group].of_bridge += terms_of(entry).self ? 0U : 1U;
+}
+
+// Whether the entries of a group have no group_member; so in a group without entries.
+bool shadow_table::is_pair(const shadow_group &group) const
+{
+    return group.first == no_slot || (entries[group.first].member & in_pair) != 0;
+}
+
+// Adds an entry to a group of one entry or none.
+void shadow_table::link_to_pair(uint32_t entry, uint32_t group)
+{
+    shadow_group &to = groups[group];
+    const bool is_only = to.first == no_slot;
+    const bool in_front = terms_of(entry).self;
+    to.first = is_only || in_front ? entry : to.first;
+    to.last = is_only || !in_front ? entry : to.last;
+    entries[entry].member = group | in_pair;
+}
+
+// Gives the two entries of a pair a group_member each, before a third one joins.
+void shadow_table::end_pair(uint32_t group)
+{
+    const uint32_t first = groups[group].first;
+    const uint32_t last = groups[group].last;
+    const uint32_t of_first = members_.take();
+    const uint32_t of_last = members_.take();
+    members_[of_first] = {group, last, no_slot};
+    members_[of_last] = {group, no_slot, first};
+    entries[first].member = of_first;
+    entries[last].member = of_last;
 }
 
 void shadow_table::link_to_group(uint32_t entry, uint32_t group)
@@ -658,26 +719,38 @@ void shadow_table::link_to_group(uint32_t entry, uint32_t group)
     joining.prev = in_front ? no_slot : to.last;
     (joining.next != no_slot ? member_of(joining.next).prev : to.last) = entry;
     (joining.prev != no_slot ? member_of(joining.prev).next : to.first) = entry;
-    to.of_bridge += in_front ? 0U : 1U;
 }
 
 void shadow_table::leave_group(uint32_t entry)
 {
-    const uint32_t member = std::exchange(entries[entry].member, no_slot);
-    if (member == no_slot) {
+    const uint32_t group = group_of(entry);
+    if (group == no_slot) {
         return;
     }
+    shadow_group &from = groups[group];
+    const uint32_t member = std::exchange(entries[entry].member, no_slot);
+    if ((member & in_pair) == 0) {
+        unlink_from_group(member);
+    } else {
+        const uint32_t other = from.first == entry ? from.last : from.first;
+        from.first = from.last = other != entry ? other : no_slot;
+    }
+    from.of_bridge -= terms_of(entry).self ? 0U : 1U;
+    if (from.first == no_slot) {
+        const uint32_t ifindex = ports[entries[entry].port].key.ifindex;
+        groups_by_key_.erase(hash_of(ifindex, from.vni, entries[entry].mac), group, group_hash());
+        groups.give_back(group);
+    }
+}
+
+// Takes an entry with a group_member out of its group.
+void shadow_table::unlink_from_group(uint32_t member)
+{
     const auto member_of = [this](uint32_t of) -> group_member & { return members_[entries[of].member]; };
     const group_member leaving = members_[member];
     shadow_group &from = groups[leaving.group];
     (leaving.prev != no_slot ? member_of(leaving.prev).next : from.first) = leaving.next;
     (leaving.next != no_slot ? member_of(leaving.next).prev : from.last) = leaving.prev;
-    from.of_bridge -= terms_of(entry).self ? 0U : 1U;
-    if (from.first == no_slot) {
-        const uint32_t ifindex = ports[entries[entry].port].key.ifindex;
-        groups_by_key_.erase(hash_of(ifindex, from.vni, entries[entry].mac), leaving.group);
-        groups.give_back(leaving.group);
-    }
     members_.give_back(member);
 }
 
@@ -701,7 +774,19 @@ void shadow_table::affect_group(uint32_t group, uint32_t except)
 void shadow_table::full_dump_begun()
 {
     full_dump_++;
+    if (full_dump_ % full_dump_period == 0) {
+        renumber_dumps();
+    }
     listener_.full_dump_begun();
+}
+
+// See full_dump_bits. Only entries that no full dump reports, and whose dumps did not end clean, are that far behind.
+void shadow_table::renumber_dumps()
+{
+    for_each_entry([this](uint32_t entry) {
+        const uint32_t behind = std::min(dumps_behind(entries[entry].full_dump), full_dump_period - 1);
+        entries[entry].full_dump = (full_dump() - behind) & full_dump_mask;
+    });
 }
 
 void shadow_table::full_dump_ended(bool clean)

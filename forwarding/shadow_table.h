@@ -52,27 +52,55 @@ struct entry_terms {
 
 uint32_t hash_of(const entry_terms &terms);
 
-// The number of a full dump, for entries. Full dumps are a second apart or more, so 30 bits last for 30 years.
-inline constexpr unsigned full_dump_bits = 30;
-inline constexpr uint32_t max_full_dump = (uint32_t{1} << full_dump_bits) - 1;
+// A time of the steady clock in ms. It takes 48 bits, because a million entries have one each.
+class packed_ms {
+public:
+    packed_ms() = default;
+    packed_ms(int64_t ms) // implicit, as the conversion back: entries use it as a number
+        : high_(static_cast<int16_t>(ms >> low_bits))
+        , low_{static_cast<uint16_t>(ms >> part_bits), static_cast<uint16_t>(ms)}
+    {}
+    operator int64_t() const
+    {
+        return int64_t{high_} * (int64_t{1} << low_bits) + (uint32_t{low_[0]} << part_bits | low_[1]);
+    }
+
+private:
+    static constexpr unsigned part_bits = 16;
+    static constexpr unsigned low_bits = 32;
+
+    int16_t high_ = 0;
+    uint16_t low_[2] = {};
+};
+
+// Entries hold the number of a full dump in this many bits, and it wraps. Each time that half of the numbers are used,
+// the shadow table moves the entries that are further behind, so that no old number looks like a new one.
+inline constexpr unsigned full_dump_bits = 14;
+inline constexpr uint32_t full_dump_mask = (uint32_t{1} << full_dump_bits) - 1;
+inline constexpr uint32_t full_dump_period = uint32_t{1} << (full_dump_bits - 1);
 
 // shadow_table::record_of and key_of return the parts of an entry as the plane reports them.
+//
+//      0          6      7      8            14          16      20     24     28     32       36
+//      +----------+------+------+------------+-----------+-------+------+------+------+--------+
+//      | mac      | state| flags| updated_ms | full dump | terms | port | next | prev | member |
+//      +----------+------+------+------------+-----------+-------+------+------+------+--------+
 struct shadow_entry {
     mac_address mac = {};
-    uint8_t state = 0;      // bits of fdb_record::state
-    uint8_t flags = 0;      // bits of fdb_record::flags
-    int64_t updated_ms = 0; // as fdb_record::updated_ms
+    uint8_t state = 0;                       // bits of fdb_record::state
+    uint8_t flags = 0;                       // bits of fdb_record::flags
+    packed_ms updated_ms;                    // as fdb_record::updated_ms
+    uint16_t full_dump : full_dump_bits = 0; // number of the latest full dump when this entry was last reported
+    uint16_t alive : 1 = 0;
+    uint16_t dump_only : 1 = 0; // a full dump found it, and no change has reported it since
     uint32_t terms = no_slot;
-    uint32_t full_dump : full_dump_bits = 0; // number of the latest full dump when this entry was last reported
-    uint32_t alive : 1 = 0;
-    uint32_t dump_only : 1 = 0; // a full dump found it, and no change has reported it since
-    uint32_t port = no_slot;    // set while it is alive
-    uint32_t next = no_slot;    // neighbours on the port
+    uint32_t port = no_slot; // set while it is alive
+    uint32_t next = no_slot; // neighbours on the port
     uint32_t prev = no_slot;
     uint32_t member = no_slot; // its place in a group; set on a VXLAN device's port with a domain
 };
 
-static_assert(sizeof(shadow_entry) == 40, "a million of these exist");
+static_assert(sizeof(shadow_entry) == 36, "a million of these exist");
 
 struct port_key {
     uint32_t master = 0; // interface index of the bridge; 0: none
@@ -128,7 +156,15 @@ struct shadow_group {
     uint32_t of_bridge = 0; // number of the bridge's entries
 };
 
-// The place of an entry in a group.
+// The place of an entry in a group, for groups of three or more. Nearly all groups are pairs: an address of the device
+// and the bridge's entry for it. The entries of a pair, or of a group with one entry, need no such place, because the
+// group names them:
+//
+//      shadow_entry::member    in_pair | number of the group         a group that never had three entries
+//                              number of the group_member            any other group
+//                              no_slot                               in no group
+inline constexpr uint32_t in_pair = uint32_t{1} << 31;
+
 struct group_member {
     uint32_t group = no_slot;
     uint32_t next = no_slot; // neighbours in the group: entries
@@ -191,7 +227,10 @@ public:
     void full_dump_ended(bool clean) override;
 
     // The number of the running or latest full dump, as entries hold it.
-    uint32_t full_dump() const { return static_cast<uint32_t>(full_dump_ & max_full_dump); }
+    uint16_t full_dump() const { return full_dump_ & full_dump_mask; }
+    // How many full dumps have begun after the one with a number that an entry holds. Exact below full_dump_period, and
+    // at least full_dump_period - 1 for older ones.
+    uint32_t dumps_behind(uint32_t number) const { return (full_dump() - number) & full_dump_mask; }
 
     // Returns the slot of an entry, whether it is alive or has gone; no_slot if there is none.
     uint32_t find(const fdb_key &key) const;
@@ -210,12 +249,23 @@ public:
 
     // Walk the entries of a group: the first one, and the one behind another. no_slot: there is none.
     uint32_t first_of_group(uint32_t group) const { return group != no_slot ? groups[group].first : no_slot; }
-    uint32_t next_of_group(uint32_t entry) const { return members_[entries[entry].member].next; }
+    uint32_t next_of_group(uint32_t entry) const
+    {
+        const uint32_t member = entries[entry].member;
+        if ((member & in_pair) == 0) {
+            return members_[member].next;
+        }
+        const shadow_group &pair = groups[member & ~in_pair];
+        return pair.first == entry && pair.last != entry ? pair.last : no_slot;
+    }
     // The group of an entry, or no_slot.
     uint32_t group_of(uint32_t entry) const
     {
         const uint32_t member = entries[entry].member;
-        return member != no_slot ? members_[member].group : no_slot;
+        if (member == no_slot) {
+            return no_slot;
+        }
+        return (member & in_pair) != 0 ? member & ~in_pair : members_[member].group;
     }
 
     // Removes a living entry, whatever port it is on. The listener calls it when it is sure that the entry has gone.
@@ -291,10 +341,19 @@ private:
     void unlink_from_port(uint32_t entry);
     uint32_t group_for(const port_key &on, uint32_t entry);
     void join_group(uint32_t entry);
+    bool is_pair(const shadow_group &group) const;
+    void link_to_pair(uint32_t entry, uint32_t group);
+    void end_pair(uint32_t group);
     void link_to_group(uint32_t entry, uint32_t group);
     void leave_group(uint32_t entry);
+    void unlink_from_group(uint32_t member);
     void affect_group(uint32_t group, uint32_t except);
+    void renumber_dumps();
     void drop_unreported_links();
+
+    auto entry_hash() const;
+    auto port_hash() const;
+    auto group_hash() const;
 
     shadow_listener &listener_;
     std::unordered_map<uint32_t, shadow_link> links_;

@@ -11,7 +11,7 @@
 //      slot_index by_name;
 //      const uint32_t slot = pool.take();
 //      pool[slot].name = "eth1";
-//      by_name.insert(hash_of("eth1"), slot);
+//      by_name.insert(hash_of("eth1"), slot, [&](uint32_t at) { return hash_of(pool[at].name); });
 //      ...
 //      by_name.find(hash_of("eth1"), [&](uint32_t at) { return pool[at].name == "eth1"; })     // slot, or no_slot
 //
@@ -19,6 +19,7 @@
 // std::bad_alloc.
 #pragma once
 
+#include <algorithm>
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
@@ -142,8 +143,17 @@ private:
 //      cell     3     4     5     6
 //            [  a  |  b  |  c  |     ]       the home of a and b is 3, the home of c is 4
 //
-// Each cell keeps the hash beside the slot number, so that a probe rarely reads a record. At most 5/8 of the cells are
-// used, because probes get long in a fuller table.
+// A cell is one word, because a million entries have one each. The low bits of a hash choose the home, so a cell
+// nearly tells them by its place. It keeps the slot number instead of them. With 2^20 cells:
+//
+//      31                20 19                 0
+//      | the hash's highest | slot number       |       all bits set: the cell is free
+//
+// So a probe rarely reads a record. There are always more cells than the largest slot number. At most 5/8 of the cells
+// are used, because probes get long in a fuller table.
+//
+// A cell does not hold its whole hash. insert and erase, which may move other entries, take a function that computes
+// the hash of a slot from its record. All records in the index must exist meanwhile.
 class slot_index {
 public:
     // Returns the slot with this hash that `same(slot)` accepts, or no_slot.
@@ -153,59 +163,62 @@ public:
         if (cells_.empty()) {
             return no_slot;
         }
-        for (size_t at = hash & mask(); cells_[at].slot != no_slot; at = (at + 1) & mask()) {
-            if (cells_[at].hash == hash && same(cells_[at].slot)) {
-                return cells_[at].slot;
+        for (uint32_t at = hash & mask(); cells_[at] != free_cell; at = (at + 1) & mask()) {
+            if ((cells_[at] ^ hash) <= mask() && same(cells_[at] & mask())) {
+                return cells_[at] & mask();
             }
         }
         return no_slot;
     }
 
-    // Adds a slot that the index does not hold yet.
-    void insert(uint32_t hash, uint32_t slot)
+    // Adds a slot that the index does not hold yet. `hash_of(slot)` returns the hash of a slot that it holds.
+    template <typename HashOf>
+    void insert(uint32_t hash, uint32_t slot, HashOf hash_of)
     {
-        if ((used_ + 1) * 8 > cells_.size() * 5) {
-            grow();
+        while ((used_ + 1) * 8 > cells_.size() * 5 || slot >= mask()) {
+            grow(hash_of);
         }
         used_++;
         put(hash, slot);
     }
 
-    // Removes a slot that the index holds under this hash.
-    void erase(uint32_t hash, uint32_t slot)
+    // Removes a slot that the index holds under this hash. `hash_of` as for insert; the slot itself needs no record.
+    template <typename HashOf>
+    void erase(uint32_t hash, uint32_t slot, HashOf hash_of)
     {
-        size_t at = hash & mask();
-        while (cells_[at].slot != slot) {
+        uint32_t at = hash & mask();
+        while ((cells_[at] & mask()) != slot) {
             at = (at + 1) & mask();
         }
-        close_gap(at);
+        close_gap(at, hash_of);
         used_--;
     }
 
 private:
-    struct cell {
-        uint32_t hash = 0;
-        uint32_t slot = no_slot;
-    };
+    static constexpr uint32_t free_cell = UINT32_MAX;
+    static constexpr size_t first_cells = 1024;
 
-    size_t mask() const { return cells_.size() - 1; }
+    uint32_t mask() const { return static_cast<uint32_t>(cells_.size()) - 1; }
 
     void put(uint32_t hash, uint32_t slot)
     {
-        size_t at = hash & mask();
-        while (cells_[at].slot != no_slot) {
+        uint32_t at = hash & mask();
+        while (cells_[at] != free_cell) {
             at = (at + 1) & mask();
         }
-        cells_[at] = {hash, slot};
+        cells_[at] = (hash & ~mask()) | slot;
     }
 
-    void grow()
+    template <typename HashOf>
+    void grow(HashOf hash_of)
     {
-        std::vector<cell> old(cells_.empty() ? 1024 : cells_.size() * 2);
+        std::vector<uint32_t> old(std::max(first_cells, cells_.size() * 2), free_cell);
         old.swap(cells_);
-        for (const cell &each : old) {
-            if (each.slot != no_slot) {
-                put(each.hash, each.slot);
+        const uint32_t old_mask = static_cast<uint32_t>(old.size()) - 1;
+        for (const uint32_t each : old) {
+            if (each != free_cell) {
+                const uint32_t slot = each & old_mask;
+                put(hash_of(slot), slot);
             }
         }
     }
@@ -213,19 +226,20 @@ private:
     // Empties a cell. An entry behind it that is not at home may have its home at the gap or before it. A probe for
     // that entry would now end at the gap. So the entry moves into the gap, and leaves a new one. After a leaves cell 3
     // in the picture above, b moves to 3 and c moves to 4.
-    void close_gap(size_t gap)
+    template <typename HashOf>
+    void close_gap(uint32_t gap, HashOf hash_of)
     {
-        for (size_t at = (gap + 1) & mask(); cells_[at].slot != no_slot; at = (at + 1) & mask()) {
-            const size_t steps = (at - cells_[at].hash) & mask();
+        for (uint32_t at = (gap + 1) & mask(); cells_[at] != free_cell; at = (at + 1) & mask()) {
+            const uint32_t steps = (at - hash_of(cells_[at] & mask())) & mask();
             if (steps >= ((at - gap) & mask())) {
                 cells_[gap] = cells_[at];
                 gap = at;
             }
         }
-        cells_[gap].slot = no_slot;
+        cells_[gap] = free_cell;
     }
 
-    std::vector<cell> cells_;
+    std::vector<uint32_t> cells_;
     size_t used_ = 0;
 };
 
@@ -248,7 +262,7 @@ public:
         if (slot == no_slot) {
             slot = values_.take();
             values_[slot].value = value;
-            by_value_.insert(hash, slot);
+            by_value_.insert(hash, slot, hash_of_slot());
         }
         values_[slot].users++;
         return slot;
@@ -260,7 +274,7 @@ public:
     void leave(uint32_t slot)
     {
         if (--values_[slot].users == 0) {
-            by_value_.erase(hash_of(values_[slot].value), slot);
+            by_value_.erase(hash_of(values_[slot].value), slot, hash_of_slot());
             values_.give_back(slot);
         }
     }
@@ -272,6 +286,11 @@ private:
         Value value;
         uint32_t users = 0;
     };
+
+    auto hash_of_slot() const
+    {
+        return [this](uint32_t slot) { return hash_of(values_[slot].value); };
+    }
 
     slot_pool<counted> values_;
     slot_index by_value_;

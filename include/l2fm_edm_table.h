@@ -121,17 +121,16 @@ typedef struct l2fm_edm_mac {
     uint16_t ext_attr;
     uint16_t ext_flags;
     uint32_t aux_value; /* nothing writes it: 0 */
-    /* The table's own: pointers that chain the entries of one address on all ports. Their low bits remember whether and
-     * how the entry was counted, so that the table can uncount it the same way. */
-    uintptr_t same_addr_next;
-    uintptr_t same_addr_prev;
+    /* The table's own: a pointer to the place of the entry among those with the same address, null for most entries.
+     * Its low bits remember whether and how the entry was counted, so that the table can uncount it the same way. */
+    uintptr_t same_addr;
 } l2fm_edm_mac_t;
 
 /*
  * The variants. Both extensions begin at the same place. In an entry with both flags the VTEP's address overlays the
  * first four bytes of the backbone address.
  *
- *      0                 80            84   86
+ *      0                 72            76   78
  *      +-----------------+-------------+----+
  *      | l2fm_edm_mac_t  | bmac_addr        |       l2fm_edm_mac_pbb_t
  *      +-----------------+-------------+----+
@@ -151,7 +150,7 @@ typedef struct l2fm_edm_mac_vni {
     uint8_t reserved[EDM_VNI_EXTENSION_SIZE - 4];
 } l2fm_edm_mac_vni_t;
 
-static_assert(sizeof(l2fm_edm_mac_t) == 80, "a base record fills ten words");
+static_assert(sizeof(l2fm_edm_mac_t) == 72, "a base record fills nine words");
 static_assert(offsetof(l2fm_edm_mac_pbb_t, bmac_addr) == sizeof(l2fm_edm_mac_t), "extension place");
 static_assert(offsetof(l2fm_edm_mac_vni_t, vtep_addr) == sizeof(l2fm_edm_mac_t), "extension place");
 

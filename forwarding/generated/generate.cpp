@@ -15,7 +15,6 @@
 namespace forwarding {
 namespace {
 
-constexpr uint16_t on_vxlan = UINT16_MAX; // host_state::port of an address behind a VTEP
 constexpr uint32_t first_vni = 10'000;
 constexpr uint32_t remote_share = 4;  // every fourth address is behind a VTEP
 constexpr uint32_t static_share = 64; // every 64th address is static
@@ -97,13 +96,16 @@ private:
 
 // One learned or static address.
 struct host_state {
-    int64_t updated_ms = 0;
-    uint16_t port = 0; // its number on the bridge, or on_vxlan
-    uint16_t vtep = 0;
-    bool present = true;
+    static constexpr unsigned seen_bits = 46; // two thousand years
+    static constexpr uint64_t max_seen = (uint64_t{1} << seen_bits) - 1;
+
+    uint64_t seen_ms : seen_bits = 0; // when the address was last seen, in ms since fabric::origin_ms_
+    uint64_t is_remote : 1 = 0;       // it is behind a VTEP
+    uint64_t present : 1 = 1;
+    uint64_t number : 16 = 0; // of its VTEP, or of its port on the bridge
 };
 
-static_assert(sizeof(host_state) == 16, "a million of these exist");
+static_assert(sizeof(host_state) == 8, "a million of these exist");
 
 class fabric final : public plane {
 public:
@@ -157,6 +159,7 @@ private:
     bool is_local(uint32_t bridge, uint32_t ifindex) const;
 
     const fabric_options options_;
+    const int64_t origin_ms_; // the time of the steady clock before which no address was seen
     random_numbers random_;
     base::mutex mutex_;
     std::vector<host_state> hosts_ L2FIB_GUARDED_BY(mutex_); // changed by the manager's thread only
@@ -171,22 +174,22 @@ private:
 
 fabric::fabric(const fabric_options &options)
     : options_(options)
+    , origin_ms_(now_ms() - ageing_time_ms)
     , random_(options.seed)
     , hosts_(options.macs)
 {
-    const int64_t now = now_ms();
     for (uint32_t at = 0; at < options_.macs; at++) {
         settle_somewhere(hosts_[at], (at / options_.bridges) % remote_share == 0 && !is_static(at));
-        hosts_[at].updated_ms = now - random_.below(ageing_time_ms);
+        hosts_[at].seen_ms = ageing_time_ms - random_.below(ageing_time_ms);
     }
 }
 
 void fabric::settle_somewhere(host_state &host, bool may_be_remote)
 {
     const bool remote = may_be_remote && options_.vteps != 0;
-    host.port = remote ? on_vxlan : static_cast<uint16_t>(random_.below(options_.ports));
-    host.vtep = static_cast<uint16_t>(remote ? random_.below(options_.vteps) : 0);
-    host.present = true;
+    host.is_remote = remote ? 1 : 0;
+    host.number = random_.below(remote ? options_.vteps : options_.ports) & UINT16_MAX;
+    host.present = 1;
 }
 
 // ---- Records ----
@@ -195,10 +198,10 @@ fdb_record fabric::bridge_entry(uint32_t at, const host_state &host) const
 {
     fdb_record record;
     record.master = bridge_index(bridge_of(at));
-    record.ifindex = host.port == on_vxlan ? vxlan_index(bridge_of(at)) : port_index(bridge_of(at), host.port);
+    record.ifindex = host.is_remote ? vxlan_index(bridge_of(at)) : port_index(bridge_of(at), host.number);
     record.state = is_static(at) ? fdb_noarp : fdb_reachable;
     record.mac = address(learned_block, at);
-    record.updated_ms = host.updated_ms;
+    record.updated_ms = origin_ms_ + static_cast<int64_t>(host.seen_ms);
     return record;
 }
 
@@ -207,7 +210,7 @@ fdb_record fabric::device_entry(uint32_t at, const host_state &host) const
     fdb_record record = bridge_entry(at, host);
     record.master = 0;
     record.self = true;
-    record.destination = vtep_destination(host.vtep);
+    record.destination = vtep_destination(host.number);
     return record;
 }
 
@@ -293,7 +296,7 @@ void fabric::report_vxlan(uint32_t bridge, link_record link)
 
 void fabric::report_host(uint32_t at, const host_state &host)
 {
-    if (host.port == on_vxlan) {
+    if (host.is_remote) {
         report(device_entry(at, host));
     }
     report(bridge_entry(at, host));
@@ -306,7 +309,7 @@ void fabric::report_gone(uint32_t at, const host_state &was, const host_state &i
         events_++;
         sink_->fdb_gone(bridge_entry(at, was));
     }
-    if (was.port == on_vxlan && (!is.present || is.port != on_vxlan)) {
+    if (was.is_remote && (!is.present || !is.is_remote)) {
         events_++;
         sink_->fdb_gone(device_entry(at, was));
     }
@@ -376,11 +379,13 @@ void fabric::churn_due()
 host_state fabric::change(host_state host, uint32_t choice)
 {
     if (host.present && choice < remove_choices) {
-        host.present = false;
+        host.present = 0;
     } else if (!host.present || choice < move_choices) {
         settle_somewhere(host, random_.below(remote_share) == 0);
     }
-    host.updated_ms = host.present ? now_ms() : host.updated_ms;
+    if (host.present) {
+        host.seen_ms = static_cast<uint64_t>(now_ms() - origin_ms_) & host_state::max_seen;
+    }
     return host;
 }
 
@@ -434,7 +439,7 @@ bool fabric::holds_own(const fdb_key &key, uint32_t bridge, fdb_record &record) 
         return false;
     }
     const host_state *const host = find_host(key.mac, bridge);
-    if (host == nullptr || host->port != on_vxlan) {
+    if (host == nullptr || !host->is_remote) {
         return false;
     }
     record = device_entry(number_of(key.mac), *host);

@@ -27,11 +27,11 @@ bool runs(const ordtree_t *tree)
     return tree != nullptr && tree->index_count != 0;
 }
 
-// Counts a change of the tree for ordtree_watch.
-void note_change(const ordtree_t *tree)
+// Counts changes of the tree for ordtree_watch.
+void note_change(const ordtree_t *tree, unsigned count = 1)
 {
     if (tree->changes != nullptr) {
-        ++*tree->changes;
+        *tree->changes += count;
     }
 }
 
@@ -205,6 +205,16 @@ inline uint32_t copy_records(leaf_place from, unsigned end, ordtree_link_t **rec
     return count;
 }
 
+// Returns the first leaf of an index that is not empty.
+node *first_leaf(const ordtree_index_t &index)
+{
+    auto *leaf = static_cast<node *>(index.root);
+    while (leaf->level > 0) {
+        leaf = child_at(leaf, 0);
+    }
+    return leaf;
+}
+
 const node *leaf_below(const node *at, uint64_t key)
 {
     for (unsigned level = at->level; level > 0; level--) {
@@ -368,10 +378,7 @@ ordtree_link_t *ordtree_get_first(const ordtree_t *tree, uint32_t index)
     if (!has_index(tree, index) || tree->index[index].root == nullptr) {
         return nullptr;
     }
-    auto *leaf = static_cast<node *>(tree->index[index].root);
-    while (leaf->level > 0) {
-        leaf = child_at(leaf, 0);
-    }
+    node *const leaf = first_leaf(tree->index[index]);
     for (unsigned slot = 1; slot < leaf->count && slot < prefetch_distance; slot++) {
         __builtin_prefetch(leaf->entries[slot].target);
     }
@@ -411,6 +418,25 @@ uint32_t ordtree_gather(const ordtree_t *tree, const ordtree_link_t *node, uint3
         }
     }
     return stored;
+}
+
+// Drains the first leaf. If `nodes` has room for all its records, the leaf goes as a whole, and no entry moves.
+uint32_t ordtree_drain(ordtree_t *tree, ordtree_link_t **nodes, uint32_t count)
+{
+    if (!has_index(tree, 0) || tree->index_count != 1 || tree->index[0].root == nullptr || count == 0) {
+        return 0;
+    }
+    node *const leaf = first_leaf(tree->index[0]);
+    const unsigned taken = std::min(leaf->count, count);
+    prefetch_records({leaf, 0}, taken);
+    copy_records({leaf, 0}, taken, nodes);
+    for (unsigned number = 0; number < taken; number++) {
+        nodes[number]->place = nullptr;
+    }
+    take_first_records(tree->index[0], leaf, taken);
+    tree->record_count -= taken;
+    note_change(tree, taken);
+    return taken;
 }
 
 void ordtree_finish(ordtree_t *tree)

@@ -255,6 +255,14 @@ void reshape_after_removal(ordtree_index_t &index, node *leaf, unsigned slot) no
     merge_if_sparse(index, leaf);
 }
 
+void take_first_records(ordtree_index_t &index, node *leaf, unsigned count) noexcept
+{
+    leaf->count -= count;
+    move_entries(leaf, 0, leaf, count, leaf->count);
+    set_cursor(index, {leaf, 0});
+    reshape_after_removal(index, leaf, 0);
+}
+
 void free_nodes(ordtree_index_t &index) noexcept
 {
     auto *level = static_cast<node *>(index.root);

@@ -82,6 +82,9 @@ void put_with_nodes(ordtree_t *tree, unsigned number, leaf_place at, entry added
 // Restores the shape of a leaf, and above it, after the entry at `slot` was removed.
 void reshape_after_removal(ordtree_index_t &index, node *leaf, unsigned slot) noexcept;
 
+// Takes the first `count` records out of the first leaf of an index. The caller zeroes their links.
+void take_first_records(ordtree_index_t &index, node *leaf, unsigned count) noexcept;
+
 // Gives all nodes of an index back. Does not touch the records.
 void free_nodes(ordtree_index_t &index) noexcept;
 

@@ -145,6 +145,14 @@ L2FIB_EXPORT L2FIB_OPTIONAL uint32_t ordtree_gather(const ordtree_t *tree, const
                                                     ordtree_link_t **nodes, uint32_t count);
 
 /*
+ * Deletes the nodes with the smallest keys of a tree with one index, and stores them in order to `nodes`: at most
+ * `count` of them, and at least one unless the tree is empty. Zeroes their links, as ordtree_delete does. Returns how
+ * many it deleted; 0 if the tree is empty, does not run or has two indexes. Emptying a tree so is cheaper than one
+ * deletion for each node. Needs no memory. A platform may lack this operation.
+ */
+L2FIB_EXPORT L2FIB_OPTIONAL uint32_t ordtree_drain(ordtree_t *tree, ordtree_link_t **nodes, uint32_t count);
+
+/*
  * Makes the tree count its changes in `*changes`. From now on each successful insertion and deletion, and the tree's
  * end, adds one, for every caller. The caller owns the cell and keeps it longer than the tree. Several trees under
  * one lock may share a cell. A tree that does not run stays unwatched. A platform may lack this operation.

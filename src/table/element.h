@@ -55,7 +55,7 @@ struct vtep_element {
     l2fm_edm_vtep_t record;
 };
 
-static_assert(sizeof(mac_element) == 88, "a base entry uses eleven words, as there may be a million");
+static_assert(sizeof(mac_element) == 80, "a base entry uses ten words, as there may be a million");
 static_assert(offsetof(mac_pbb_element, record) == offsetof(mac_element, record), "variants begin alike");
 static_assert(offsetof(mac_vni_element, record) == offsetof(mac_element, record), "variants begin alike");
 

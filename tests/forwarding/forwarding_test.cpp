@@ -133,7 +133,37 @@ TEST(Fabric, NamesWhatIsWrong)
     EXPECT_THAT(parse_fabric("bridges=60000,ports=1000", options).text, HasSubstr("bridges times ports"));
 }
 
-// Gives ids as the feeder does, and looks at nothing else.
+// Slots whose hashes collide in their low bits or altogether, against a plain map.
+TEST(SlotIndex, FindsEachSlotWhileItGrowsAndShrinks)
+{
+    const auto hash_of = [](uint32_t slot) { return slot % 7 == 0 ? 7 : (slot % 700) | (slot << 20); };
+    slot_index index;
+    std::set<uint32_t> held;
+    const auto holds = [&](uint32_t slot) {
+        return index.find(hash_of(slot), [&](uint32_t at) { return at == slot; }) == slot;
+    };
+    std::mt19937 random{1};
+    EXPECT_FALSE(holds(0));
+    for (uint32_t step = 0; step < 6000; step++) {
+        const auto slot = static_cast<uint32_t>(random() % (step + 1));
+        if (held.insert(slot).second) {
+            index.insert(hash_of(slot), slot, hash_of);
+        } else {
+            held.erase(slot);
+            index.erase(hash_of(slot), slot, hash_of);
+        }
+        if (step % 2000 == 1999) {
+            for (uint32_t at = 0; at <= step; at++) {
+                ASSERT_EQ(holds(at), held.contains(at)) << at;
+            }
+        }
+    }
+    const uint32_t high = 3'000'000;
+    index.insert(hash_of(high), high, hash_of);
+    EXPECT_TRUE(holds(high)) << "a slot number above the number of cells";
+}
+
+// Gives ids as the feeder does, and notes what a full dump did not report.
 struct numbering_listener : shadow_listener {
     void entry_touched(uint32_t) override {}
     void entry_affected(uint32_t) override {}
@@ -143,9 +173,11 @@ struct numbering_listener : shadow_listener {
     void domain_added(uint32_t domain) override { copy.domains[domain].bridge_id = ++last_id; }
     void domain_changed(uint32_t) override {}
     void domain_going(uint32_t) override {}
+    void entry_unreported(uint32_t entry) override { unreported = entry; }
     void full_dump_ended(bool) override {}
 
     shadow_table copy{*this};
+    uint32_t unreported = no_slot;
     uint32_t last_xcid = 0;
     uint16_t last_id = 0;
 };
@@ -246,6 +278,26 @@ TEST(ShadowTable, KeepsAPortForEachVlanAndVni)
     copy.link_gone(2);
     EXPECT_EQ(copy.living, 0u);
     EXPECT_EQ(copy.known_links, 0u);
+}
+
+TEST(ShadowTable, NotesAnUnreportedEntryHoweverManyDumpsFail)
+{
+    numbering_listener with_ids;
+    shadow_table &copy = with_ids.copy;
+    const fdb_record record = with(on_bridge(1, 2, mac(1)), 0, 0, -5'000'000'000);
+    copy.full_dump_begun();
+    copy.fdb_dumped(record);
+    const uint32_t entry = copy.find(key_of(record));
+    EXPECT_EQ(copy.record_of(entry), record) << "a time before the start of the clock";
+    for (uint32_t failed = 1; failed < 3 * full_dump_mask; failed++) {
+        copy.full_dump_ended(false);
+        copy.full_dump_begun();
+        ASSERT_GT(copy.dumps_behind(copy.entries[entry].full_dump), 0U) << failed;
+    }
+    EXPECT_EQ(with_ids.unreported, no_slot);
+    copy.full_dump_ended(true);
+    EXPECT_EQ(with_ids.unreported, entry);
+    EXPECT_GE(copy.dumps_behind(copy.entries[entry].full_dump), full_dump_period - 1);
 }
 
 // One address in three VLANs of a bridge, on one device for all VNIs, behind a tunnel end for each of two VNIs.

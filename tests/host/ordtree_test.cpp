@@ -274,6 +274,46 @@ TEST(Ordtree, SurvivesEveryOrderOfInsertionAndDeletion)
     }
 }
 
+TEST(Ordtree, DrainsInOrder)
+{
+    TRACE_SEED();
+    auto records = numbered_records(9000);
+    for (const kind &of : kinds) {
+        for (const uint32_t most : {1U, 7U, 100U}) {
+            uint64_t changes = 0;
+            ordtree_t tree{};
+            ordtree_link_t *drained[100];
+            EXPECT_EQ(ordtree_drain(&tree, drained, most), 0U) << "it does not run";
+            ASSERT_EQ(init(tree, of), 0U);
+            ordtree_watch(&tree, &changes);
+            for (const uint32_t i : shuffled(9000)) {
+                ASSERT_NE(ordtree_insert(&tree, records[i].links), nullptr);
+            }
+            EXPECT_EQ(ordtree_drain(&tree, drained, 0), 0U);
+            EXPECT_EQ(ordtree_get_next(&tree, records[0].links, 0), records[1].links) << "leaves a cursor";
+            uint32_t place = 0;
+            while (const uint32_t count = ordtree_drain(&tree, drained, most)) {
+                ASSERT_LE(count, most);
+                for (uint32_t i = 0; i < count; i++, place++) {
+                    ASSERT_EQ(entry(drained[i]), &records[place]);
+                    ASSERT_TRUE(is_out(records[place]));
+                }
+                if (place % 50 < count) {
+                    ASSERT_SOUND(tree);
+                    ASSERT_EQ(ordtree_get_first(&tree, 0), place < 9000 ? records[place].links : nullptr);
+                }
+            }
+            EXPECT_EQ(place, of.index_count == 1 ? 9000U : 0U);
+            EXPECT_EQ(changes, 9000U + place);
+            EXPECT_EQ(tree.record_count, 9000U - place);
+            for (; place < 9000; place++) {
+                ASSERT_NE(ordtree_delete(&tree, records[place].links), nullptr);
+            }
+            ordtree_finish(&tree);
+        }
+    }
+}
+
 TEST(Ordtree, WalksWithoutASearchWhileRecordsLeave)
 {
     auto records = numbered_records(5000);

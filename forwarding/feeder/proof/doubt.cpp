@@ -109,9 +109,9 @@ void doubt::take_answer(uint32_t entry, const fdb_answer &answer)
 void doubt::keep_gone(uint32_t entry)
 {
     kept_++;
-    const uint32_t full_dump = context_.shadow.entries[entry].full_dump;
+    const uint16_t full_dump = context_.shadow.entries[entry].full_dump;
     context_.shadow.fdb_changed(context_.shadow.record_of(entry));
-    context_.shadow.entries[entry].full_dump = full_dump & max_full_dump;
+    context_.shadow.entries[entry].full_dump = full_dump & full_dump_mask;
 }
 
 void doubt::remove_surely(uint32_t entry)

@@ -128,7 +128,8 @@ void proof::resolve(uint32_t entry, const fdb_answer &answer)
 {
     const bool is_unknown = answer.presence == fdb_presence::unknown;
     const bool is_decided = is_unknown && is_proving_ && is_of_flood_list(context_.shadow, entry);
-    const bool is_unlisted = context_.shadow.entries[entry].full_dump < proving_dump_;
+    const shadow_table &shadow = context_.shadow;
+    const bool is_unlisted = shadow.dumps_behind(shadow.entries[entry].full_dump) > shadow.dumps_behind(proving_dump_);
     if (answer.presence == fdb_presence::absent || (is_decided && is_unlisted)) {
         stale_ += is_proving_ ? 1 : 0;
         doubt_.mended().stale += is_proving_ ? 1 : 0;

@@ -2,12 +2,37 @@
 
 #include "table/index/address_index.h"
 
+#include <sys/mman.h>
+
 #include "table/index/index_trust.h"
+
+namespace edm {
+
+// The place of an entry in the chain of its address.
+struct alignas(member_alignment) chain_member {
+    l2fm_edm_mac_t *mac;
+    chain_member *next; // also links the free members
+    chain_member *prev; // null: its entry is the head
+};
+
+// Members come in blocks, which live until the index is released.
+struct member_block {
+    static constexpr size_t size = 4096; // bytes: a small page, so that no insertion touches more than one
+
+    member_block *next;
+    chain_member members[(size - member_alignment) / sizeof(chain_member)];
+};
+
+static_assert(sizeof(member_block) <= member_block::size);
+
+} // namespace edm
 
 namespace {
 
 using edm::addresses;
 using edm::by_address;
+using edm::chain_member;
+using edm::member_block;
 
 // An address has 48 bits, so none equals `no_address`.
 constexpr uint64_t no_address = UINT64_MAX;
@@ -16,81 +41,127 @@ constexpr uint64_t no_address = UINT64_MAX;
 // cheaper.
 constexpr uint32_t max_chain_followed = 64;
 
-l2fm_edm_mac_t *chain_prev(const l2fm_edm_mac_t *mac)
+// The member of each entry that is missing in the index.
+constinit chain_member missing{};
+
+chain_member *member_of(const l2fm_edm_mac_t *mac)
 {
-    return reinterpret_cast<l2fm_edm_mac_t *>(mac->same_addr_prev & ~edm::kind_mask);
+    return reinterpret_cast<chain_member *>(mac->same_addr & ~edm::count_mask);
 }
 
-void set_chain_prev(l2fm_edm_mac_t *mac, l2fm_edm_mac_t *prev)
+void set_member(l2fm_edm_mac_t *mac, chain_member *member)
 {
-    mac->same_addr_prev = reinterpret_cast<uintptr_t>(prev) | (mac->same_addr_prev & edm::kind_mask);
+    mac->same_addr = reinterpret_cast<uintptr_t>(member) | (mac->same_addr & edm::count_mask);
 }
 
+// Returns the entry behind another one in the chain, or null.
 l2fm_edm_mac_t *chain_next(const l2fm_edm_mac_t *mac)
 {
-    return reinterpret_cast<l2fm_edm_mac_t *>(mac->same_addr_next & ~edm::counted_mask);
+    const chain_member *member = member_of(mac);
+    return member != nullptr && member->next != nullptr ? member->next->mac : nullptr;
 }
 
-void set_chain_next(l2fm_edm_mac_t *mac, l2fm_edm_mac_t *next)
+// ---- Members ----
+
+void free_member(chain_member *member) L2FIB_REQUIRES_TABLE_LOCK
 {
-    mac->same_addr_next = reinterpret_cast<uintptr_t>(next) | (mac->same_addr_next & edm::counted_mask);
+    member->next = addresses.free_members;
+    addresses.free_members = member;
 }
 
-bool is_head(const l2fm_edm_mac_t *mac)
+// Maps more members. False if memory is short.
+bool add_block() L2FIB_REQUIRES_TABLE_LOCK
 {
-    return chain_prev(mac) == nullptr;
-}
-
-// A missing entry is its own predecessor. No entry in a chain is.
-bool is_missing(const l2fm_edm_mac_t *mac)
-{
-    return chain_prev(mac) == mac;
-}
-
-// Inserts an entry behind the head of its chain, which needs no search for the chain's end.
-void join_chain(edm::index_place place, l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
-{
-    l2fm_edm_mac_t *head = edm::index_record(addresses.heads, place);
-    l2fm_edm_mac_t *next = chain_next(head);
-    set_chain_next(mac, next);
-    set_chain_prev(mac, head);
-    if (next != nullptr) {
-        set_chain_prev(next, mac);
+    void *memory = mmap(nullptr, member_block::size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        return false;
     }
-    set_chain_next(head, mac);
-    edm::index_set_mark(place, true);
+    auto *block = static_cast<member_block *>(memory);
+    block->next = addresses.blocks;
+    addresses.blocks = block;
+    for (chain_member &each : block->members) {
+        free_member(&each);
+    }
+    return true;
 }
 
-// Removes the head of a chain. The next entry becomes the head; without a next entry the address leaves the index.
-void remove_head(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
+// Gives an entry a member, unless it has one. Returns null if memory is short.
+chain_member *take_member(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
+{
+    if (chain_member *known = member_of(mac)) {
+        return known;
+    }
+    if (addresses.free_members == nullptr && !add_block()) {
+        return nullptr;
+    }
+    chain_member *member = addresses.free_members;
+    addresses.free_members = member->next;
+    *member = {mac, nullptr, nullptr};
+    set_member(mac, member);
+    return member;
+}
+
+void drop_member(chain_member *member) L2FIB_REQUIRES_TABLE_LOCK
+{
+    set_member(member->mac, nullptr);
+    free_member(member);
+}
+
+// ---- Chains ----
+
+// Inserts an entry behind the head of its chain, which needs no search for the chain's end. False if memory is short.
+[[gnu::noinline]] bool join_chain(edm::index_place place, l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
+{
+    chain_member *member = take_member(mac);
+    chain_member *head = member != nullptr ? take_member(edm::index_record(addresses.heads, place)) : nullptr;
+    if (head == nullptr) {
+        if (member != nullptr) {
+            drop_member(member);
+        }
+        return false;
+    }
+    member->next = head->next;
+    member->prev = head;
+    if (head->next != nullptr) {
+        head->next->prev = member;
+    }
+    head->next = member;
+    edm::index_set_mark(place, true);
+    return true;
+}
+
+// Removes an entry that is alone with its address from the index.
+void remove_only(l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
 {
     const edm::address_probe probe = edm::probe_of(mac->mac_addr);
     const edm::index_place place = edm::index_find(addresses.heads, probe.address, probe.hash);
-    if (edm::index_record(addresses.heads, place) != mac) {
-        return; // the entry was never linked
-    }
-    l2fm_edm_mac_t *next = chain_next(mac);
-    if (next == nullptr) {
+    if (edm::index_record(addresses.heads, place) == mac) { // otherwise the entry was never linked
         edm::index_erase(addresses.heads, place, probe.hash);
-        return;
     }
-    set_chain_prev(next, nullptr);
-    edm::index_replace(place, next);
-    edm::index_set_mark(place, chain_next(next) != nullptr);
 }
 
-// Removes an entry behind `prev` from its chain.
-[[gnu::noinline]] void remove_behind(l2fm_edm_mac_t *prev, l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
+// Removes an entry from a chain of several. If it was the head, the next one becomes the head. An entry that is left
+// alone loses its member.
+[[gnu::noinline]] void leave_chain(chain_member *leaving) L2FIB_REQUIRES_TABLE_LOCK
 {
-    l2fm_edm_mac_t *next = chain_next(mac);
-    set_chain_next(prev, next);
+    const edm::index_place place = edm::index_find(addresses.heads, by_address::key_of(*leaving->mac));
+    chain_member *next = leaving->next;
+    chain_member *prev = leaving->prev;
+    chain_member *neighbour = prev != nullptr ? prev : next;
     if (next != nullptr) {
-        set_chain_prev(next, prev);
-    } else if (is_head(prev)) {
-        if (const edm::index_place place = edm::index_find(addresses.heads, by_address::key_of(*prev))) {
-            edm::index_set_mark(place, false);
-        }
+        next->prev = prev;
     }
+    if (prev != nullptr) {
+        prev->next = next;
+    } else {
+        edm::index_replace(place, next->mac);
+        edm::index_set_mark(place, true);
+    }
+    if (neighbour->next == nullptr && neighbour->prev == nullptr) {
+        edm::index_set_mark(place, false);
+        drop_member(neighbour);
+    }
+    drop_member(leaving);
 }
 
 } // namespace
@@ -99,7 +170,8 @@ namespace edm {
 
 // `known_absent` is the address that the latest unsuccessful search was for, until the next entry is linked. A feed
 // searches an address just before it creates the entry, so address_index_link need not search it again.
-constinit address_index addresses = {.heads = {}, .missing = 0, .known_absent = no_address};
+constinit address_index addresses = {
+    .heads = {}, .free_members = nullptr, .blocks = nullptr, .missing = 0, .known_absent = no_address};
 
 void address_index_prepare()
 {
@@ -114,10 +186,8 @@ void address_index_link(l2fm_edm_mac_t *mac)
     const uint64_t address = by_address::key_of(*mac);
     const index_place place = address != addresses.known_absent ? index_find(addresses.heads, address) : index_place{};
     addresses.known_absent = no_address;
-    if (place) {
-        join_chain(place, mac);
-    } else if (!index_insert(addresses.heads, mac)) {
-        set_chain_prev(mac, mac);
+    if (!(place ? join_chain(place, mac) : index_insert(addresses.heads, mac))) {
+        set_member(mac, &missing);
         addresses.missing++;
     }
 }
@@ -127,21 +197,25 @@ void address_index_unlink(l2fm_edm_mac_t *mac)
     if (!indexes_trusted()) {
         return;
     }
-    l2fm_edm_mac_t *prev = chain_prev(mac);
-    if (is_missing(mac)) {
-        addresses.missing--;
-    } else if (prev != nullptr) {
-        remove_behind(prev, mac);
+    chain_member *member = member_of(mac);
+    if (member == nullptr) {
+        remove_only(mac);
+    } else if (member != &missing) {
+        leave_chain(member);
     } else {
-        remove_head(mac);
+        addresses.missing--;
+        set_member(mac, nullptr);
     }
-    set_chain_next(mac, nullptr);
-    set_chain_prev(mac, nullptr);
 }
 
 void address_index_release()
 {
     index_release(addresses.heads);
+    addresses.free_members = nullptr;
+    while (member_block *block = addresses.blocks) {
+        addresses.blocks = block->next;
+        munmap(block, member_block::size);
+    }
     addresses.missing = 0;
     addresses.known_absent = no_address;
 }

@@ -6,7 +6,12 @@
 // moved. Entries with the same address, on all ports, form a chain, and the index names the head of the chain:
 //
 //      index                    port 10               port 11               port 20
-//      02:00:00:00:0a:01  --->  entry  <----------->  entry  <----------->  entry
+//      02:00:00:00:0a:01  --->  entry                 entry                 entry
+//                                 |  ^                  |  ^                  |  ^
+//                                 v  |                  v  |                  v  |
+//                               member  <---------->  member  <---------->  member
+//
+// An entry that is alone with its address, as nearly all are, has no member. So a record pays one word for the chain.
 //
 // The chain does not depend on bridge domains. A port that moves to another bridge domain needs no change here. A head
 // with a successor is marked in the index, so a search for any other address reads one line of the index and one of the
@@ -42,11 +47,16 @@ struct by_address {
     static uint64_t key_of(const l2fm_edm_mac_t &mac) { return key(mac.mac_addr); }
 };
 
+struct chain_member;
+struct member_block;
+
 // The index itself, for the functions below. Only they and address_index.cpp use it.
 struct address_index {
     growing_index<by_address> heads; // the head of the chain of each address
-    uint64_t missing;                // how many entries are not in the index
-    uint64_t known_absent;           // see address_index.cpp
+    chain_member *free_members;
+    member_block *blocks;  // the memory of all members
+    uint64_t missing;      // how many entries are not in the index
+    uint64_t known_absent; // see address_index.cpp
 };
 
 extern address_index addresses L2FIB_GUARDED_BY_TABLE_LOCK;
@@ -122,29 +132,29 @@ address_answer address_index_find(const address_probe &probe, const l2fm_edm_bp_
     return {true, is_wanted ? mac : nullptr};
 }
 
-// How an entry was counted last (table/records/mac_entry.cpp). Entries are aligned to 8 bytes, so the low bits of the
-// chain's pointers are free for it:
+// How an entry was counted last (table/records/mac_entry.cpp). Members are aligned to 16 bytes, so the low bits of the
+// pointer to an entry's member are free for it:
 //
-//      same_addr_prev    | predecessor                      | 3 bits: kind |
-//      same_addr_next    | successor                        | 0  0 | 1 bit: counted |
+//      same_addr    | member or null                     | 1 bit: counted | 3 bits: kind |
 constexpr uintptr_t kind_mask = 7;
-constexpr uintptr_t counted_mask = 1;
-static_assert(alignof(l2fm_edm_mac_t) > kind_mask);
+constexpr uintptr_t counted_mask = 8;
+constexpr uintptr_t member_alignment = 16;
+constexpr uintptr_t count_mask = member_alignment - 1;
+static_assert((counted_mask | kind_mask) == count_mask);
 
 inline bool is_counted(const l2fm_edm_mac_t *mac)
 {
-    return (mac->same_addr_next & counted_mask) != 0;
+    return (mac->same_addr & counted_mask) != 0;
 }
 
 inline uint32_t counted_as(const l2fm_edm_mac_t *mac)
 {
-    return static_cast<uint32_t>(mac->same_addr_prev & kind_mask);
+    return static_cast<uint32_t>(mac->same_addr & kind_mask);
 }
 
 inline void set_counted_as(l2fm_edm_mac_t *mac, uint32_t kind)
 {
-    mac->same_addr_next |= counted_mask;
-    mac->same_addr_prev = (mac->same_addr_prev & ~kind_mask) | (kind & kind_mask);
+    mac->same_addr = (mac->same_addr & ~count_mask) | counted_mask | (kind & kind_mask);
 }
 
 } // namespace edm

@@ -72,10 +72,11 @@ void forget_tree_changes() L2FIB_REQUIRES_TABLE_LOCK;
 // Watches a tree that has just started.
 void watch_tree(ordtree_t *tree) L2FIB_REQUIRES_TABLE_LOCK;
 
-// Change a tree and count the change as one that the indexes follow: the caller updates them. Return the result of
-// ordtree_insert and ordtree_delete.
+// Change a tree and count the changes as some that the indexes follow: the caller updates them. Return the result of
+// ordtree_insert, ordtree_delete and ordtree_drain. The platform has the latter.
 ordtree_link_t *insert_node(ordtree_t *tree, ordtree_link_t *node) L2FIB_REQUIRES_TABLE_LOCK;
 ordtree_link_t *delete_node(ordtree_t *tree, ordtree_link_t *node) L2FIB_REQUIRES_TABLE_LOCK;
+uint32_t drain_nodes(ordtree_t *tree, ordtree_link_t **nodes, uint32_t count) L2FIB_REQUIRES_TABLE_LOCK;
 void finish_tree(ordtree_t *tree) L2FIB_REQUIRES_TABLE_LOCK;
 
 } // namespace edm

@@ -4,13 +4,18 @@
 //
 // An ordinary port is in the global tree and in its bridge domain's tree. A dummy port is in its bridge domain's tree
 // only. A port counts as soon as it is in its trees, until it is destroyed.
+#include <algorithm>
+#include <span>
+
 #include "table/element.h"
 #include "table/index/address_index.h"
 #include "table/index/index_trust.h"
 #include "table/index/object_index.h"
+#include "table/records/mac_entry.h"
 #include "table/records/segment.h"
 #include "table/root.h"
 #include "table/scoped_lock.h"
+#include "table/search/domain_order.h"
 #include "table/search/ordering.h"
 #include "table/trace_point.h"
 
@@ -49,40 +54,68 @@ uint32_t free_bp(l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
     return l2fm_edm_table_free(EDM_POOL_BP, to_element(bp));
 }
 
-// Destroys all entries of a port and finishes its tree.
+// The entries of a port leave its tree this many at a time, if the platform can do that.
+constexpr uint32_t drained_at_once = 64;
+
 // In a table larger than the caches, destructions would wait for memory. Before each piece of this many entries,
-// destroy_macs prefetches what their destruction touches: their buckets of the index and their neighbours on the list.
+// destroy_drained prefetches what their destruction touches: their buckets of the index and their neighbours on the
+// list.
 constexpr uint32_t fetched_at_once = 16;
 
-bool is_worth_fetching(const l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
+l2fm_edm_mac_t &mac_of(ordtree_link_t *node)
 {
-    return edm::exceeds_caches() && edm::indexes_cover(&bp->mac_tree) && &ordtree_gather != nullptr;
+    return reinterpret_cast<mac_element *>(node)->record;
 }
 
-// Prefetches for the entries behind `mac`. Gathering also prefetches the entries of the next piece.
-void fetch_piece(const l2fm_edm_bp_t *bp, const l2fm_edm_mac_t *mac) L2FIB_REQUIRES_TABLE_LOCK
+void fetch(std::span<ordtree_link_t *const> piece) L2FIB_REQUIRES_TABLE_LOCK
 {
-    ordtree_link_t *nodes[fetched_at_once];
-    const uint32_t count = ordtree_gather(&bp->mac_tree, &to_element(mac)->mac_link, 0, nodes, fetched_at_once);
-    for (uint32_t i = 0; i < count; i++) {
-        const l2fm_edm_mac_t &each = reinterpret_cast<const mac_element *>(nodes[i])->record;
-        edm::address_index_expect(edm::probe_of(each.mac_addr));
-        __builtin_prefetch(each.list_link.next, 1);
-        __builtin_prefetch(each.list_link.prev, 1);
+    for (ordtree_link_t *node : piece) {
+        const l2fm_edm_mac_t &mac = mac_of(node);
+        edm::address_index_expect(edm::probe_of(mac.mac_addr));
+        __builtin_prefetch(mac.list_link.next, 1);
+        __builtin_prefetch(mac.list_link.prev, 1);
     }
 }
 
+void destroy_drained(std::span<ordtree_link_t *const> nodes) L2FIB_REQUIRES_TABLE_LOCK
+{
+    const bool fetches = edm::exceeds_caches();
+    for (size_t at = 0; at < nodes.size(); at++) {
+        if (fetches && at % fetched_at_once == 0) {
+            fetch(nodes.subspan(at, std::min<size_t>(fetched_at_once, nodes.size() - at)));
+        }
+        edm::destroy_drained_mac(&mac_of(nodes[at]));
+    }
+}
+
+// Destroys the entries of a port many at a time, in the order of their addresses. Nobody can see the table meanwhile.
+void drain_macs(l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
+{
+    ordtree_link_t *nodes[drained_at_once];
+    uint32_t count = 0;
+    while ((count = edm::drain_nodes(&bp->mac_tree, nodes, drained_at_once)) != 0) {
+        edm::domain_order_report(bp, count);
+        destroy_drained(std::span(nodes, count));
+    }
+}
+
+// While the indexes cover the tree, each of its entries names this port, so the entries need no look at it.
+bool can_drain(const l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
+{
+    return &ordtree_drain != nullptr && edm::indexes_cover(&bp->mac_tree);
+}
+
+// Destroys all entries of a port and finishes its tree.
 void destroy_macs(l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
 {
     if (bp == nullptr || ordtree_running(&bp->mac_tree) == 0) {
         return;
     }
+    if (can_drain(bp)) {
+        drain_macs(bp);
+    }
     l2fm_edm_mac_t *mac = l2fm_edm_table_bp_mac_get_first(bp);
-    const bool fetches = is_worth_fetching(bp);
-    for (uint32_t destroyed = 0; mac != nullptr; destroyed++) {
-        if (fetches && destroyed % fetched_at_once == 0) {
-            fetch_piece(bp, mac);
-        }
+    while (mac != nullptr) {
         l2fm_edm_mac_t *next = l2fm_edm_table_bp_mac_get_next(bp, mac);
         l2fm_edm_table_mac_destroy(mac);
         mac = next;

@@ -404,6 +404,14 @@ uint32_t l2fm_edm_table_mac_destroy(l2fm_edm_mac_t *mac)
     return status;
 }
 
+void edm::destroy_drained_mac(l2fm_edm_mac_t *mac)
+{
+    l2fm_edm_table_ll_remove(mac);
+    edm::address_index_unlink(mac);
+    uncount(mac);
+    l2fib_mac_edm_mac_free(mac);
+}
+
 uint32_t l2fm_edm_table_mac_destroy_old_mac(void)
 {
     l2fm_edm_ll_root_t &list = root.ll_root;

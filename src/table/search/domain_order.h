@@ -46,10 +46,10 @@ void domain_order_forget() L2FIB_REQUIRES_TABLE_LOCK;
 // The rest of domain_order_report, for a port of the remembered bridge domain.
 void domain_order_note(const l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK;
 
-// Reports one change of the port's tree of entries.
-inline void domain_order_report(const l2fm_edm_bp_t *bp) L2FIB_REQUIRES_TABLE_LOCK
+// Reports changes of the port's tree of entries.
+inline void domain_order_report(const l2fm_edm_bp_t *bp, uint32_t count = 1) L2FIB_REQUIRES_TABLE_LOCK
 {
-    domain_order.changes++;
+    domain_order.changes += count;
     if (domain_order.bd != nullptr && bp->bd == domain_order.bd) {
         domain_order_note(bp);
     }
