@@ -28,7 +28,7 @@ constexpr number_range<uint32_t> mac_limits = {1, 100'000'000}; // such a table 
 constexpr number_range<uint32_t> receive_buffers = {1, uint32_t{1} << 30};
 constexpr number_range<uint32_t> proof_rates = {0, 100'000}; // entries a second, each a question to the kernel; 0: none
 constexpr number_range<uint16_t> resync_waits = {1, 3600};   // seconds; no client waits for more than an hour
-constexpr uint32_t max_kept = 10'000'000; // events, or moves; ten million take 300 or 400 megabytes
+constexpr uint32_t max_kept = 10'000'000;                    // events, or moves; ten million take 300 or 400 megabytes
 constexpr number_range<uint32_t> kept_events = {1, max_kept};
 constexpr number_range<uint32_t> kept_moves = {0, max_kept};
 

@@ -397,8 +397,8 @@ void table_answers::take_sights(std::span<const fdb_key> keys, std::span<const f
     for (size_t at = 0; at < keys.size(); at++) {
         const uint32_t entry = find_living(keys[at]);
         if (entry != no_slot && answers[at].presence == fdb_presence::present) {
-            int64_t &updated_ms = context_.shadow.entries[entry].updated_ms;
-            updated_ms = std::max(updated_ms, answers[at].record.updated_ms);
+            shadow_entry &seen = context_.shadow.entries[entry];
+            seen.updated_ms = std::max<int64_t>(seen.updated_ms, answers[at].record.updated_ms);
         }
     }
 }

@@ -836,9 +836,8 @@ row_page read_keys(order_selection &selection, std::span<const order_key> keys, 
 {
     const order_request &wanted = selection.wanted;
     row_page page;
-    on_cache_thread([&](feeder &feed) {
-        read_entries_in_holds(feed, feed.entries_at(terms_of(selection), keys, last), page);
-    });
+    on_cache_thread(
+        [&](feeder &feed) { read_entries_in_holds(feed, feed.entries_at(terms_of(selection), keys, last), page); });
     with_feeder([&](feeder &feed) {
         page.objects = feed.objects();
         selection.more |= page.rows.size() < keys.size(); // an entry may be behind the last key now
