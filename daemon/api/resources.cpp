@@ -719,7 +719,7 @@ std::string names_of_parameters(const resource &found)
         }
     }
     for (const std::string &name : names_of_filters(found.filters)) {
-        names += ", " + name + ", not-" + name;
+        names.append(", ").append(name).append(", not-").append(name);
     }
     return names.empty() ? "none" : "one of " + names;
 }
@@ -739,10 +739,10 @@ void check_parameters(const resource &found, const target &to)
         }
         const auto times = static_cast<size_t>(std::ranges::count(to.parameters, given.name, &target::parameter::name));
         if (const size_t allowed = max_repetitions(given.name); times > allowed) {
-            throw invalid("parameter \"" + given.name + "\": expected "
-                          + (allowed == 1 ? "once, given more than once"
-                                          : "at most " + std::to_string(allowed) + " times, given "
-                                                + std::to_string(times) + " times"));
+            std::string message = "parameter \"";
+            message.append(given.name).append("\": expected ");
+            message += allowed == 1 ? "once" : "at most " + std::to_string(allowed) + " times";
+            throw invalid(message + ", given " + (allowed == 1 ? "more than once" : std::to_string(times) + " times"));
         }
     }
 }

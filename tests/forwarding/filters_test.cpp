@@ -132,13 +132,14 @@ struct filtered : changing_module {
     void expect_ipv6_vteps()
     {
         std::set<std::pair<uint32_t, mac_address>> held, shown;
-        for (const auto &[key, record] : it->holds) {
+        for (const auto &own : it->holds) { // clang 14 captures no structured binding
+            const fdb_record &record = own.second;
             const link_record &device = it->links.at(record.ifindex);
             const bool is_joined = std::ranges::any_of(it->holds, [&](const auto &each) {
                 return !each.second.self && each.second.ifindex == record.ifindex && each.second.mac == record.mac;
             });
             if (record.self && record.mac != mac_address{} && is_joined && device.master != 0
-                && key.source_vni == source_vni(device, record.mac)
+                && own.first.source_vni == source_vni(device, record.mac)
                 && record.destination.kind == destination_kind::ipv6) {
                 held.emplace(record.ifindex, record.mac);
             }

@@ -288,7 +288,9 @@ TEST_F(events, BeginAfterTheFirstFullDump)
     it->starts_clean = false;
     it->links[br0] = link(br0, "br0", link_kind::bridge);
     it->links[p0] = link(p0, "p0", link_kind::other, br0);
-    it->holds[key_of(on_bridge(br0, p0, mac(1)))] = on_bridge(br0, p0, mac(1));
+    for (const fdb_record &each : {on_bridge(br0, p0, mac(1)), on_bridge(br0, br0, mac(9), fdb_permanent)}) {
+        it->holds[key_of(each)] = each;
+    }
     options options;
     options.group = "lab";
     ASSERT_EQ(start_on(std::move(owned), options).text, "");
@@ -306,6 +308,8 @@ TEST_F(events, BeginAfterTheFirstFullDump)
         learn(4, p0);
         it->list(true);
     });
+    on_cache([&] { it->to->link_gone(br0); });
+    EXPECT_THAT(lines_now(), testing::IsSupersetOf({"removed 1 lab:br0 p0", "removed 9 lab:br0 own"}));
 }
 
 // ---- Since when ----
@@ -502,7 +506,9 @@ TEST_F(events, ManyReadersFollowAStorm)
     std::atomic<bool> is_over{false};
     std::vector<std::thread> readers;
     std::atomic<uint64_t> followed{0};
-    for (int reader = 0; reader < 3; reader++) {
+    constexpr size_t reader_count = 3;
+    readers.reserve(reader_count);
+    while (readers.size() < reader_count) {
         readers.emplace_back([&] {
             uint64_t at = 1;
             for (bool last = false; !last;) {
@@ -533,7 +539,7 @@ TEST_F(events, ManyReadersFollowAStorm)
     is_over = true;
     std::ranges::for_each(readers, &std::thread::join);
     EXPECT_EQ(newest_event(), 200u * 64);
-    EXPECT_EQ(followed, 3 * newest_event());
+    EXPECT_EQ(followed, reader_count * newest_event());
 }
 
 TEST_F(events, AReaderThatWaitsIsWokenAndDoesNotDelayTheEnd)

@@ -652,7 +652,7 @@ ranked_ports rank_ports(const object_views &objects)
         ranked.names.push_back(port.name);
     }
     std::ranges::sort(ranked.names, base::comes_first);
-    ranked.names.erase(std::ranges::unique(ranked.names).begin(), ranked.names.end());
+    ranked.names.erase(std::unique(ranked.names.begin(), ranked.names.end()), ranked.names.end());
     for (const port_view &port : objects.ports) {
         ranked.ranks.push_back({port.xcid, rank_of(ranked, port.name)});
     }
