@@ -15,8 +15,8 @@
 namespace l2fibctl {
 
 // Prints the events of the stream at `path`, behind the one that --since names, until a signal arrives or --limit is
-// reached. Throws a failure with the status `incomplete` if events are missing. If the first connection fails, throws its
-// failure.
+// reached. Throws a failure with the status `incomplete` if events are missing. If the first connection fails, throws
+// its failure.
 void monitor(query_session &session, const std::string &path);
 
 } // namespace l2fibctl

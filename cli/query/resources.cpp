@@ -435,6 +435,8 @@ constexpr column request_columns[] = {
     {"answers-dropped", "Answers dropped", &rest_kind},
     {"connections", "Connections", &rest_kind},
     {"connections-refused", "Connections refused", &rest_kind},
+    {"watchers", "Watchers", &rest_kind},
+    {"watchers-refused", "Watchers refused", &rest_kind},
 };
 constexpr resource requests = {"requests", layout::record, request_columns};
 
@@ -456,6 +458,7 @@ constexpr column proof_columns[] = {
 constexpr resource proof = {"proof", layout::record, proof_columns};
 
 constexpr column history_columns[] = {
+    {"events", "Events", &rest_kind},
     {"events-kept", "Events kept", &rest_kind},
     {"moves-kept", "Moves kept", &rest_kind},
     {"bytes", "Bytes", &rest_kind},
