@@ -56,7 +56,7 @@ round_result paint_round(const client_options &options, const round_task &round,
 {
     const screen_size size = size_of_terminal();
     line_window window(size.rows);
-    const round_result result = run_round(options, round, [&window](std::string_view text) { window.add(text); });
+    round_result result = run_round(options, round, [&window](std::string_view text) { window.add(text); });
     std::vector<std::string> lines = {title};
     line_window message(size.rows);
     message.add(result.message);

@@ -103,10 +103,9 @@ numbers()
     grep --quiet "connected to l2fibd again" "$at/cut.errors"
 }
 
-@test "find joins what show mac and show moves print" {
+@test "find shows an address with its history, and moves say how far they go back" {
     start 200
-    eventually eval '[[ $(ctl show flaps --json-lines | wc --lines) -gt 0 ]]'
-    kill -STOP "$daemon" && sleep 0.1 && kill -CONT "$daemon"
+    eventually ctl show flaps
     local -r mac=$(ctl show flaps --json --limit 1 | jq --raw-output '.[0]."mac-address"')
     ctl find "$mac" --json >"$BATS_TEST_TMPDIR/found"
     jq --exit-status --arg mac "$mac" '."mac-address" == $mac and (.move | length) >= 2
@@ -136,12 +135,18 @@ numbers()
     jq --exit-status 'map(."changes-per-second" | tonumber) | . == (sort | reverse) and .[0] > 0' "$BATS_TEST_TMPDIR/ports"
     ctl top domains --once --interval 1 --by entries --json |
         jq --exit-status 'length == 2 and (map(.entries) | . == (sort | reverse) and .[1] > 0)'
-    eventually eval 'ctl top addresses --once >"$BATS_TEST_TMPDIR/addresses"'
-    [[ $(head -1 "$BATS_TEST_TMPDIR/addresses") == "Domain "*" Moves "*" To" ]]
+    eventually ctl top addresses --once
+    [[ $(ctl top addresses --once | head -1) == "Domain "*" Moves "*" To" ]]
     run -2 ctl top
     [[ $output == *"--once"* ]]
     run -2 ctl top addresses --once --by entries
     run -3 ctl top --once --socket /no/such/socket
+}
+
+# has_blocks COUNT FILE: whether --watch has printed this number of tables.
+has_blocks()
+{
+    [[ $(grep --count "^Domain" "$2") == "$1" ]]
 }
 
 @test "--watch prints blocks and ends with the status of the last round" {
@@ -153,7 +158,7 @@ numbers()
     local -r json=$!
     in_background "$at/nothing" show mac --domain nowhere --watch 1
     local -r nothing=$!
-    eventually eval '[[ $(grep --count "^Domain" "$at/text") == 2 ]]'
+    eventually has_blocks 2 "$at/text"
     kill "$text" "$json" "$nothing"
     expect_end 0 "$text"
     expect_end 0 "$json"
@@ -171,7 +176,7 @@ on_screen()
     "${screen[@]}" capture-pane -p | grep --quiet -- "$1"
 }
 
-# type KEY...: presses keys.
+# type_keys KEY...: presses keys.
 type_keys()
 {
     "${screen[@]}" send-keys "$@"
