@@ -3,6 +3,7 @@
 #include "cli/query/json.h"
 
 #include <algorithm>
+#include <cassert>
 #include <charconv>
 #include <nlohmann/json.hpp>
 
@@ -33,7 +34,9 @@ char *write_quoted(char *at, std::string_view text)
 
 void put_quoted(text_buffer &to, std::string_view text)
 {
-    to.end_at(write_quoted(to.room_for(text.size() + sizeof("\"\"") - 1), text));
+    char *room = to.room_for(text.size() + sizeof("\"\"") - 1);
+    assert(room != nullptr);
+    to.end_at(write_quoted(room, text));
 }
 
 void put_array(text_buffer &to, json_value array)

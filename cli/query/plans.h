@@ -37,10 +37,10 @@ struct query_plan {
 struct view {
     const resource *shown;
     query_plan (*make_plan)(query_session &session); // throws a failure if no plan is possible
+    std::string_view variant; // the order, or groups_variant; empty: every other case of the command
     command_kind command;
-    bool heeds_mark = true;        // false: the daemon's mark changes neither output nor exit status
-    std::string_view variant = {}; // the order, or groups_variant; empty: every other case of the command
-    bool has_places = false;       // text has the columns From and To (places.h)
+    bool heeds_mark = true;  // false: the daemon's mark changes neither output nor exit status
+    bool has_places = false; // text has the columns From and To (places.h)
 };
 
 // Of show count: a row for each group.
