@@ -33,7 +33,7 @@ constexpr uint64_t max_limit = 1'000'000;
 
 constexpr std::string_view operation_method = "POST";
 
-constexpr std::optional<uint32_t> default_flap_window_seconds = 300;
+constexpr uint32_t default_flap_window_seconds = 300;
 
 // ---- Keys and parameters ----
 
@@ -391,14 +391,23 @@ answer list_moves(const call &asked)
     return stream(asked, "move", make_move_source(history_filters(asked, filters_of_moves), start_of(asked)));
 }
 
-answer list_flaps(const call &asked)
+uint32_t flap_window_of(const call &asked)
 {
     const std::string *text = asked.parameter("window");
-    const auto window = text != nullptr ? base::parse_duration(*text) : default_flap_window_seconds;
+    if (text == nullptr) {
+        return default_flap_window_seconds;
+    }
+    const auto window = base::parse_duration(*text);
     if (!window || *window == 0) {
         throw unexpected("window", *text, "a time of at least a second as 90 or 90s, 15m, 2h or 1d");
     }
-    return stream(asked, "flap", make_flap_source(history_filters(asked, filters_of_flaps), *window, start_of(asked)));
+    return *window;
+}
+
+answer list_flaps(const call &asked)
+{
+    return stream(asked, "flap",
+                  make_flap_source(history_filters(asked, filters_of_flaps), flap_window_of(asked), start_of(asked)));
 }
 
 // A name that no bridge domain or port has is an error when a stream begins. When it continues, the object may have

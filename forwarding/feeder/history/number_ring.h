@@ -15,6 +15,7 @@
 // Threads: no lock; the owner has one.
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 
@@ -53,7 +54,11 @@ public:
     size_t bytes() const { return size_t{records_.bound()} * sizeof(Record); }
 
 private:
-    uint32_t slot_of(uint64_t number) const { return static_cast<uint32_t>((number - 1) % limit_); }
+    uint32_t slot_of(uint64_t number) const
+    {
+        assert(limit_ != 0);
+        return static_cast<uint32_t>((number - 1) % limit_);
+    }
 
     const uint32_t limit_;
     uint64_t newest_ = 0;
