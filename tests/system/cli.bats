@@ -253,6 +253,7 @@ END
     expect 2 'did you mean --vlan?' show mac --vlna 1
     expect 2 'did you mean "show"?' shwo mac
     expect 2 '"nope": expected names among domain, mac-address' show mac --columns nope
+    expect 2 '"port": expected once' show mac --columns port,vlan,port
     expect 2 "--json" show mac --json --json-lines
     expect 2 "--bridge-json" show vtep --bridge-json
     expect 1 'no port "br0p99"' show mac --port br0p99
