@@ -24,15 +24,16 @@ constexpr char bash_script[] = R"(# Completion of l2fibctl for bash: source <(l2
 _l2fibctl()
 {
     local line=${COMP_LINE:0:COMP_POINT} words candidate
-    read -ra words <<<"$line"
-    [[ $line == *[[:space:]] ]] && words+=("")
+    # shellcheck disable=SC2162 # backslashes quote blanks and signs in names
+    read -a words <<<"$line|"
+    words[-1]=${words[-1]%|}
     local current=${words[-1]} breaks=${COMP_WORDBREAKS//[^:=]/}
     local kept=""
     [[ -n $breaks ]] && kept=${current%"${current##*[$breaks]}"}
     COMPREPLY=()
     while IFS=$'\t' read -r candidate _; do
         printf -v candidate %q "${candidate#"$kept"}"
-        COMPREPLY+=("$candidate")
+        COMPREPLY+=("${candidate//\\,/,}") # a comma needs no backslash
     done < <("${words[0]}" complete-words -- "${words[@]:1}" 2>/dev/null)
     [[ ${#COMPREPLY[@]} == 1 && ${COMPREPLY[0]} == *[=/,] ]] && compopt -o nospace 2>/dev/null
     return 0
@@ -47,7 +48,7 @@ _l2fibctl()
     local -a found
     local line
     while IFS= read -r line; do
-        found+=("${${line%%$'\t'*}//:/\\:}:${line#*$'\t'}")
+        found+=("${${${line%%$'\t'*}//:/\\:}}${${line#*$'\t'}:+:${line#*$'\t'}}")
     done < <("${words[1]}" complete-words -- "${(@)words[2,CURRENT]}" 2>/dev/null)
     _describe l2fibctl found
 }

@@ -59,6 +59,10 @@ selection select_columns(const resource &printed, form shown_as, const look &wan
         if (found == printed.columns.end()) {
             fail_unknown_column(printed, name);
         }
+        if (std::ranges::find(made, &*found, &shown_column::shown) != made.end()) {
+            // A JSON object with one name twice loses a value in most readers.
+            throw failure(exit_status::wrong_usage, "--columns: \"" + name + "\": expected once, given more than once");
+        }
         made.push_back({&*found, static_cast<size_t>(found - printed.columns.begin()), width_of(*found, false)});
     }
     const bool takes_all = wanted.is_wide || shown_as != form::text;

@@ -184,6 +184,8 @@ l2fibctl sh mac -d br3|br3
 l2fibctl show mac --not port=br1p|br1p0 br1p1 br1p2 br1p3 br1p4 br1p5
 l2fibctl show mac --port nothing|
 l2fibctl show mac --socket odd|odd\ name\$\(x\)
+l2fibctl show mac --socket odd\ name\$|odd\ name\$\(x\)
+l2fibctl show mac --columns port,vl|port,vlan
 END
     local -r mac=$(ctl show mac --limit 1 --no-header --columns mac-address)
     [[ $(ctl complete-words -- find "${mac:0:15}" | cut --fields=1) == *"$mac"* ]]
@@ -193,7 +195,7 @@ END
     export PATH=$programs:$PATH
     # The shell's own functions stand for the parts that need a terminal.
     [[ $(zsh -f -c 'compdef() { } ; _describe() { print -rl -- ${(P)2}; }
-        source <(l2fibctl completion zsh); words=(l2fibctl show mac --domain lab:br2); CURRENT=5; _l2fibctl') == 'lab\:br2:'* ]]
+        source <(l2fibctl completion zsh); words=(l2fibctl show mac --domain lab:br2); CURRENT=5; _l2fibctl') == 'lab\:br2' ]]
     [[ $(fish --no-config --command \
         'l2fibctl completion fish | source; complete --do-complete "l2fibctl show mac --domain lab:br2"') == lab:br2* ]]
 }
@@ -251,6 +253,7 @@ END
     expect 2 'did you mean --vlan?' show mac --vlna 1
     expect 2 'did you mean "show"?' shwo mac
     expect 2 '"nope": expected names among domain, mac-address' show mac --columns nope
+    expect 2 '"port": expected once' show mac --columns port,vlan,port
     expect 2 "--json" show mac --json --json-lines
     expect 2 "--bridge-json" show vtep --bridge-json
     expect 1 'no port "br0p99"' show mac --port br0p99
