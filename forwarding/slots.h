@@ -64,9 +64,9 @@ public:
     // All slot numbers are below this.
     uint32_t bound() const { return static_cast<uint32_t>(pages_.size() * page_size); }
 
-private:
-    static constexpr size_t page_size = 1024;
+    static constexpr size_t page_size = 1024; // records
 
+private:
     std::vector<std::unique_ptr<Record[]>> pages_;
 };
 
@@ -85,8 +85,9 @@ public:
         }
         if (used_ == pages_.bound()) {
             // give_back must not fail, so the list of free slots has room for all of them.
-            if (free_.capacity() <= used_) {
-                free_.reserve(2 * size_t{used_} + 1);
+            const size_t slots = size_t{used_} + record_pages<Record>::page_size;
+            if (free_.capacity() < slots) {
+                free_.reserve(std::max(slots, 2 * size_t{used_}));
             }
             pages_.add_page();
         }
@@ -255,14 +256,13 @@ private:
 template <typename Value>
 class shared_values {
 public:
+    // Throws std::bad_alloc without a change if memory runs out.
     uint32_t join(const Value &value)
     {
         const uint32_t hash = hash_of(value);
         uint32_t slot = by_value_.find(hash, [&](uint32_t at) { return values_[at].value == value; });
         if (slot == no_slot) {
-            slot = values_.take();
-            values_[slot].value = value;
-            by_value_.insert(hash, slot, hash_of_slot());
+            slot = add(value, hash);
         }
         values_[slot].users++;
         return slot;
@@ -286,6 +286,19 @@ private:
         Value value;
         uint32_t users = 0;
     };
+
+    uint32_t add(const Value &value, uint32_t hash)
+    {
+        const uint32_t slot = values_.take();
+        values_[slot].value = value;
+        try {
+            by_value_.insert(hash, slot, hash_of_slot());
+        } catch (...) {
+            values_.give_back(slot);
+            throw;
+        }
+        return slot;
+    }
 
     auto hash_of_slot() const
     {

@@ -3,6 +3,7 @@
 #include "daemon/api/filters.h"
 
 #include <algorithm>
+#include <array>
 
 #include "base/text.h"
 #include "daemon/api/json/api_error.h"
@@ -62,13 +63,20 @@ bool add_number(filters &to, const std::string &value, bool is_not)
     return number && *number != 0;
 }
 
+// No tunnel end point has an unspecified address, and the zero one stands for rows without a tunnel end point.
+bool is_unspecified(const base::ip_address &address)
+{
+    return address == base::ip_address{} || address == base::ip_of(std::array<uint8_t, base::ipv4_bytes>{});
+}
+
 bool add_vtep(filters &to, const std::string &value, bool is_not)
 {
     const auto address = base::parse_ip(value);
-    if (address) {
-        add_to_set(to.rest.vteps, *address, is_not);
+    if (!address || is_unspecified(*address)) {
+        return false;
     }
-    return address.has_value();
+    add_to_set(to.rest.vteps, *address, is_not);
+    return true;
 }
 
 struct type_word {

@@ -251,6 +251,7 @@ TEST(Filters, RefuseWrongAndContradictoryParameters)
         {"not-vlan=4095", "not-vlan \"4095\": expected a number from 1 to 4094"},
         {"vni=16777216", "vni \"16777216\": expected a number from 1 to 16777215"},
         {"vtep=10.0.0", "vtep \"10.0.0\": expected an IPv4 or IPv6 address"},
+        {"not-vtep=::", "not-vtep \"::\": expected an IPv4 or IPv6 address"},
         {"type=dynamic", "type \"dynamic\": expected learned, static or local"},
         {"mac-prefix=02:00:5g", "mac-prefix \"02:00:5g\": expected 1 to 12 hexadecimal digits"},
         {"older-than=1w", "older-than \"1w\": expected an age"},
