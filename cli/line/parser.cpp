@@ -138,8 +138,8 @@ void check_arguments(const given_names &given)
         fail_usage(words_of(command) + ": unexpected argument " + in_quotes(given.arguments[most]));
     }
     if (command.arguments == argument_count::required && given.arguments.empty()) {
-        fail_usage(words_of(command) + ": expected " + std::string(command.argument.name) + ", "
-                   + std::string(command.argument.help));
+        fail_usage(words_of(command) + ": expected " + std::string(command.argument.name) + " ("
+                   + std::string(command.argument.help) + ")");
     }
 }
 

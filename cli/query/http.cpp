@@ -199,6 +199,16 @@ bool connection::wait_or_silent(short events)
     return true;
 }
 
+namespace {
+
+const char *advice_for(int connect_error)
+{
+    return connect_error == EACCES ? "; expected the right to write to the socket, as the members of its group have"
+                                   : "; expected a running l2fibd (--socket names another socket)";
+}
+
+} // namespace
+
 void connection::open()
 {
     sockaddr_un address = {.sun_family = AF_UNIX, .sun_path = {}};
@@ -208,9 +218,9 @@ void connection::open()
     while (connect(socket_, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
         // EAGAIN: the backlog of the daemon's socket is full.
         if (errno != EAGAIN && errno != EINTR) {
-            const std::string reason = error_string(errno);
+            const int error = errno;
             close();
-            fail(base::failure(ENOTCONN, reason + "; expected a running l2fibd (--socket names another socket)"));
+            fail(base::failure(ENOTCONN, error_string(error) + advice_for(error)));
         }
         if (clock::now() - last_arrival_ > timeout_) {
             close();
