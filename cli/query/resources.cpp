@@ -112,9 +112,11 @@ size_t add_limit(text_buffer &to, json_value value)
 
 // ---- Colours ----
 
+// Terminals show these on light and on dark backgrounds. Yellow vanishes on white, and blue on black.
+constexpr std::string_view red = "\x1b[31m";
 constexpr std::string_view green = "\x1b[32m";
-constexpr std::string_view yellow = "\x1b[33m";
-constexpr std::string_view blue = "\x1b[34m";
+constexpr std::string_view magenta = "\x1b[35m";
+constexpr std::string_view cyan = "\x1b[36m";
 constexpr std::string_view dim = "\x1b[2m";
 
 struct word_color {
@@ -122,7 +124,7 @@ struct word_color {
     std::string_view color;
 };
 constexpr word_color word_colors[] = {
-    {"learned", green}, {"static", yellow}, {"local", blue}, {"up", green}, {"down", yellow}};
+    {"learned", green}, {"static", magenta}, {"local", cyan}, {"up", green}, {"down", red}};
 
 std::string_view color_of_word(json_value value)
 {

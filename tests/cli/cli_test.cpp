@@ -163,7 +163,7 @@ h:a-name-that-is-too-long  02:00:00:00:00:02  -            local    00:00:12    
 )"},
         {{.columns = {"origin", "age", "port"}, .has_titles = false, .has_colors = true},
          "\x1b[32mlearned\x1b[0m     \x1b[2m1d02h\x1b[0m  vxlan7\n"
-         "\x1b[34mlocal\x1b[0m    00:00:12  -\n"},
+         "\x1b[36mlocal\x1b[0m    00:00:12  -\n"},
     };
     for (const auto &row : rows) {
         EXPECT_EQ(print(form::text, mac_entries, items, row.wanted), row.expected);
