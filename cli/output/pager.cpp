@@ -18,7 +18,6 @@ namespace l2fibctl {
 
 namespace {
 
-constexpr char shell[] = "/bin/sh";
 constexpr int first_not_run_status = 126; // of the shell: 126 the program cannot be executed, 127 there is none
 constexpr int last_not_run_status = 127;
 
@@ -40,7 +39,7 @@ int spawn(const std::string &command, int input, pid_t &process)
     char name[] = "sh";
     char option[] = "-c";
     char *arguments[] = {name, option, text.data(), nullptr};
-    const int code = posix_spawn(&process, shell, &actions, &attributes, arguments, environ);
+    const int code = posix_spawn(&process, pager_shell, &actions, &attributes, arguments, environ);
     posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&actions);
     return code;

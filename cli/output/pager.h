@@ -13,6 +13,9 @@
 
 namespace l2fibctl {
 
+// The shell that runs the pager's command.
+inline constexpr char pager_shell[] = "/bin/sh";
+
 class pager {
 public:
     // `command` is for the shell. An empty one means no pager.

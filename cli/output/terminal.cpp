@@ -6,11 +6,13 @@
 #include <string_view>
 #include <unistd.h>
 
+#include "cli/output/pager.h"
+
 namespace l2fibctl {
 
 namespace {
 
-// Without less the text goes to the terminal as it is.
+// Without less, or without a shell to look for it, the text goes to the terminal as it is.
 constexpr char usual_pager[] = "if command -v less >/dev/null; then exec less; else exec cat; fi";
 
 const char *variable(const char *name)
@@ -51,7 +53,7 @@ std::string pager_command(bool is_off)
             return std::string_view(value) == "cat" ? "" : value;
         }
     }
-    return usual_pager;
+    return access(pager_shell, X_OK) == 0 ? usual_pager : "";
 }
 
 } // namespace l2fibctl

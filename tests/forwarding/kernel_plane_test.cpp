@@ -442,9 +442,11 @@ TEST_F(own_namespace, OverrunsDuringChurnTakeLittleTimeAndEndWithIt)
         }
     });
     const auto end = steady_clock::now() + std::chrono::seconds(2);
-    const double before = processor_seconds();
+    [[maybe_unused]] const double before = processor_seconds();
     EXPECT_TRUE(live.serve_until([end] { return steady_clock::now() > end; }));
+#ifndef __SANITIZE_THREAD__ // which makes this work several times as long, more so on a busy machine
     EXPECT_LT(processor_seconds() - before, 1.0);
+#endif
     ends = true;
     churn.join();
     EXPECT_GT(live.kernel->health().overruns, 10U);
