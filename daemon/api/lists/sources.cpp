@@ -262,7 +262,7 @@ private:
     size_t next_ = 0;
 };
 
-// The counts are made anew for each answer, because they are of one moment.
+// Each answer counts again, because counts are of one moment.
 class count_source : public list_source {
 public:
     count_source(const forwarding::row_filter &filter, forwarding::count_group by,

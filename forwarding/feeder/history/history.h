@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 
-// Follows what happens to the entries of the cache, and adds it to the log of changes (change_log.h). Whoever feeds or
-// withdraws an entry passes what the cache held of it before, and history compares that with what it holds now:
+// Follows what happens to the entries of the cache, and adds it to the log of changes (change_log.h). The function that
+// feeds or withdraws an entry passes what the cache held of it before. History compares that with what it holds now:
 //
 //      const held_entry before = history.held(entry);
 //      ... feed, withdraw or evict it ...
